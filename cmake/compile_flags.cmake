@@ -1,0 +1,28 @@
+# quorvane_flags: what every source of the project is compiled with.
+include(CheckCXXCompilerFlag)
+
+add_library(quorvane_flags INTERFACE)
+target_include_directories(quorvane_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(quorvane_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow)
+if(QUORVANE_WERROR)
+  target_compile_options(quorvane_flags INTERFACE -Werror)
+endif()
+
+# A unique symbol would keep the module mapped after dlclose, so that the host
+# could never unload it.
+check_cxx_compiler_flag(-fno-gnu-unique QUORVANE_HAVE_NO_GNU_UNIQUE)
+if(QUORVANE_HAVE_NO_GNU_UNIQUE)
+  target_compile_options(quorvane_flags INTERFACE -fno-gnu-unique)
+endif()
+
+if(QUORVANE_SANITIZE)
+  target_compile_options(quorvane_flags INTERFACE
+    -fsanitize=${QUORVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(quorvane_flags INTERFACE -fsanitize=${QUORVANE_SANITIZE})
+else()
+  target_compile_options(quorvane_flags INTERFACE
+    -fstack-protector-strong
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
+    $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+endif()
+target_link_options(quorvane_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
