@@ -1,0 +1,127 @@
+// Log messages and the one logger record that carries them to a sink.
+//
+// The library writes nowhere itself: a finished message goes through the record
+// `Logger::m_instance` to the sink that the owner of the process installed; the
+// default sink discards it. A message belongs to the thread that builds it. The
+// record is written only while the module is being loaded, before other threads
+// log, and only read afterwards; whether several threads may enter the sink at
+// once is the sink's business.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <sstream>
+#include <string>
+
+namespace qv::log {
+
+// A smaller number is more important. SYSTEM is for start-up and configuration
+// notices that must always pass.
+enum Level : std::int32_t {
+    SYSTEM = 0,
+    ERROR = 1,
+    WARNING = 2,
+    INFO = 3,
+    DEBUG = 4,
+    TRACE = 5,
+};
+
+constexpr int LEVEL_COUNT = 6;
+
+// Indexed by Level: the name, and the blanks that bring it to seven characters.
+inline const std::string level_to_string[LEVEL_COUNT] = {"SYSTEM", "ERROR", "WARNING",
+                                                         "INFO",   "DEBUG", "TRACE"};
+inline const std::string level_to_spaces[LEVEL_COUNT] = {" ", "  ", "", "   ", "  ", "  "};
+
+inline const std::string message_delimiter = " | ";
+inline const std::string default_directory = "/var/log/delmaren/quorvane";
+
+// A log line in the making: insert the text into `stream`, then hand the message
+// to the logger. Destroying a message emits nothing.
+class Message {
+  public:
+    explicit Message(Level message_level) : level(message_level) {}
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+    virtual ~Message() = default;
+
+    Level level;
+    std::stringstream stream;
+};
+
+struct SystemMessage : Message {
+    SystemMessage() : Message(SYSTEM) {}
+};
+struct ErrorMessage : Message {
+    ErrorMessage() : Message(ERROR) {}
+};
+struct WarningMessage : Message {
+    WarningMessage() : Message(WARNING) {}
+};
+struct InfoMessage : Message {
+    InfoMessage() : Message(INFO) {}
+};
+struct DebugMessage : Message {
+    DebugMessage() : Message(DEBUG) {}
+};
+struct TraceMessage : Message {
+    TraceMessage() : Message(TRACE) {}
+};
+
+// The logger record: a sink as plain function pointers, and the threshold.
+struct LoggerImpl {
+    using Release = void (*)(void* context);
+    using Write = void (*)(void* context, const char* file, int line, const Message& message);
+
+    constexpr LoggerImpl() = default;
+    LoggerImpl(const LoggerImpl&) = delete;
+    LoggerImpl& operator=(const LoggerImpl&) = delete;
+    ~LoggerImpl();
+
+    static void dummy_write(void* context, const char* file, int line, const Message& message);
+
+    void* context = nullptr;    // The sink's own data, passed back on every call.
+    Release release = nullptr;  // Called with `context` on destruction, unless null.
+    Write write = dummy_write;  // `file` is the base name of the calling source file.
+    Level level = INFO;         // The most detailed level that is to be written.
+};
+
+class Logger {
+  public:
+    static LoggerImpl m_instance;
+
+    // Tells whether a message of `level` would be written. Call it before building
+    // DEBUG or TRACE text, which then costs one comparison when it is not wanted.
+    static bool admits(Level level) { return level <= m_instance.level; }
+};
+
+// Stores the level that `text` names and returns true. Names are exact, upper
+// case; for any other text `level` is left alone and the result is false.
+bool try_parse_level(const std::string& text, Level& level);
+
+// Writes "LEVEL | file:line | text" with the level padded to seven characters and
+// no line end. A null `file` puts `out` into the bad state: the rest is lost.
+std::ostream& format_message(std::ostream& out, const char* file, int line, const Message& message);
+
+// The local time as "YYYY.MM.DD hh:mm:ss.uuuuuu" (the clock part in the form that
+// the locale gives it).
+std::string format_time();
+
+// The part of a source path behind its last '/'.
+constexpr const char* source_base_name(const char* path) {
+    const char* name = path;
+    for (const char* at = path; *at != '\0'; ++at) {
+        if (*at == '/') {
+            name = at + 1;
+        }
+    }
+    return name;
+}
+
+}  // namespace qv::log
+
+// Hands `message` to the logger with the place of the call.
+#define QV_LOG_WRITE(message)                                                            \
+    ::qv::log::Logger::m_instance.write(::qv::log::Logger::m_instance.context,           \
+                                        ::qv::log::source_base_name(__FILE__), __LINE__, \
+                                        (message))
