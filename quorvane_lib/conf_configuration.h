@@ -1,0 +1,96 @@
+// The option parser: `key=value` lines of a file, `key=value` items of an argument
+// string.
+//
+// It knows no option names: each recognised item goes to one of two hooks of a derived
+// class, and what the hook says is reported through the log. A configuration is parsed
+// by one thread, before other threads read it; nothing here takes a lock.
+#pragma once
+
+#include <cstdint>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "quorvane_lib/log.h"
+#include "quorvane_lib/utils_path.h"
+
+// Builds for tests move this; what is shipped reads /etc.
+#ifndef QUORVANE_BASE_DIRECTORY
+#define QUORVANE_BASE_DIRECTORY "/etc/delmaren"
+#endif
+
+namespace qv {
+
+// An intrusive count of references, for objects that several owners share. Who drops
+// the last one deletes the object. Not for several threads at once.
+class ReferenceCountable {
+  public:
+    void add_reference() { ++references_; }
+    // Returns how many references are left.
+    std::int32_t drop_reference() { return --references_; }
+    std::int32_t references() const { return references_; }
+
+  private:
+    std::int32_t references_ = 0;
+};
+
+}  // namespace qv
+
+namespace qv::conf {
+
+inline const std::string default_conf_ext = ".conf";
+inline const std::string default_base_directory = QUORVANE_BASE_DIRECTORY;
+inline const std::string default_directory = default_base_directory + "/quorvane";
+inline const std::string default_kafka_config_path =
+    default_directory + "/kafka" + default_conf_ext;
+
+// What a hook answers. Further positive codes are logged as failures but let the
+// parser go on, further negative ones stop it. Intended.
+constexpr int APPLIED = 0;
+constexpr int UNKNOWN = 1;
+constexpr int MALFORMED = -1;
+constexpr int FAILED_WITH_EXPLANATION = -255;
+
+class Configuration : public ReferenceCountable {
+  public:
+    Configuration() = default;
+    Configuration(const Configuration&) = default;
+    Configuration& operator=(const Configuration&) = default;
+    virtual ~Configuration() = default;
+
+    // Parses the file at `path` line by line, an empty path being no file. False when
+    // the file cannot be opened and at the first line that fails; what earlier lines
+    // applied stays applied.
+    bool parse_file(const std::string& path);
+
+    // Parses the comma-separated items of `args`, ",," being a comma of the text. False
+    // at the first item that fails; what earlier items applied stays applied.
+    bool parse_args(const std::string& args);
+
+    // Parses one line; `line_number` is for the log only.
+    bool parse_line(const std::string& line, unsigned long line_number);
+
+    // Hand a flag or an option to its hook and log the outcome. False when the hook's
+    // code says that parsing has to stop.
+    bool parse_option(const std::string& name);
+    bool parse_option(const std::string& name, const std::string& value);
+
+    // The hooks: apply `name`, or set it to `value`, and return a code as above. What is
+    // written into `error` reaches the log for FAILED_WITH_EXPLANATION only.
+    virtual int set_flag(const std::string& name, std::stringstream& error);
+    virtual int set_value(const std::string& name, const std::string& value,
+                          std::stringstream& error);
+
+  private:
+    bool parse_item(const std::string& item, std::size_t position);
+    bool parse_parts(const std::vector<std::string>& parts);
+};
+
+// Adds the log level to a configuration. The spelling of the name is the system's own.
+template <typename Base>
+class LogExtenstion : public Base {
+  public:
+    log::Level level = log::INFO;
+};
+
+}  // namespace qv::conf
