@@ -1,0 +1,283 @@
+#include "quorvane_lib/net_socket.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <system_error>
+#include <vector>
+
+#include "quorvane_lib/log.h"
+#include "quorvane_lib/utils_str.h"
+
+namespace qv::net {
+
+namespace {
+
+using utils::str::split;
+using utils::str::trim_left;
+using utils::str::trim_right;
+using utils::str::try_parse_value;
+
+constexpr unsigned short DISCARD_PORT = 9;
+
+const sockaddr* generic(const sockaddr_in& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+bool is_space(char c) {
+    return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+void set_loopback(sockaddr_in& out) {
+    out.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+}
+
+// Reads the whole of `text` as a port.
+bool parse_port(const std::string& text, sockaddr_in& out) {
+    unsigned short port = 0;
+    if (!try_parse_value<unsigned short>(text.c_str(), port)) {
+        return false;
+    }
+    out.sin_port = htons(port);
+    return true;
+}
+
+// Reads "address:port", either side of the colon at `colon` being optional.
+bool parse_pair(const std::string& text, std::size_t colon, sockaddr_in& out) {
+    const std::string host = text.substr(0, colon);
+    const std::string port = text.substr(colon + 1);
+    if (host.empty()) {
+        set_loopback(out);
+    }
+    if (!port.empty() && !parse_port(port, out)) {
+        return false;
+    }
+    return host.empty() || ::inet_pton(AF_INET, host.c_str(), &out.sin_addr) == 1;
+}
+
+// Reads an address or a port that stands alone.
+bool parse_single(const std::string& text, sockaddr_in& out) {
+    const int result = ::inet_pton(AF_INET, text.c_str(), &out.sin_addr);
+    if (result != 0) {
+        return result == 1;
+    }
+    set_loopback(out);
+    return parse_port(text, out);
+}
+
+struct PortRange {
+    unsigned short first = 0;
+    unsigned short last = 0;
+};
+
+using ReadPort = bool (*)(const std::string& text, unsigned short& port);
+
+// What a text stream makes of it: 0 for no number, the largest port for one too large.
+bool read_port_leniently(const std::string& text, unsigned short& port) {
+    std::istringstream(text) >> port;
+    return true;
+}
+
+bool read_port_strictly(const std::string& text, unsigned short& port) {
+    return static_cast<bool>(try_parse_value<unsigned short>(text.c_str(), port));
+}
+
+bool parse_range(const std::string& text, ReadPort read_port, PortRange& range) {
+    std::vector<std::string> ends;
+    split(text, '-', ends, false);
+    if (ends.empty() || ends.size() > 2 || !read_port(ends.front(), range.first) ||
+        !read_port(ends.back(), range.last)) {
+        return false;
+    }
+    range.last = std::max(range.first, range.last);
+    return true;
+}
+
+// Calls `append(host, port)` for every port of every item of a host list.
+template <typename Append>
+void for_each_host(const std::string& text, ReadPort read_port, Append append) {
+    std::vector<std::string> items;
+    split(text, ',', items, false);
+    for (const std::string& item : items) {
+        std::vector<std::string> parts;
+        split(item, ':', parts, false);
+        PortRange range;
+        if (parts.size() != 2 ||
+            !parse_range(trim_right(trim_left(parts.back())), read_port, range)) {
+            continue;
+        }
+        const std::string host = trim_right(trim_left(parts.front()));
+        for (unsigned port = range.first; port <= range.last; ++port) {
+            append(host, static_cast<unsigned short>(port));
+        }
+    }
+}
+
+class Descriptor {
+  public:
+    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() {
+        if (descriptor_ >= 0) {
+            ::shutdown(descriptor_, SHUT_RDWR);
+            ::close(descriptor_);
+        }
+    }
+    int get() const { return descriptor_; }
+
+  private:
+    int descriptor_;
+};
+
+// Writes "SOCKET[tag]: what" and the system's error, `error` being an errno value.
+template <typename... Pieces>
+void log_error(int error, const Pieces&... pieces) {
+    log::ErrorMessage message;
+    ((message.stream << "SOCKET[") << ... << pieces);
+    message.stream << ", error (" << error << "): " << std::generic_category().message(error);
+    QV_LOG_WRITE(message);
+}
+
+}  // namespace
+
+bool parse_addr(const char* text, const char* end, sockaddr_in& out) {
+    if (text == nullptr) {
+        return false;
+    }
+    const char* const stop = end == nullptr ? text + std::strlen(text) : end;
+    const std::string rest(std::find_if_not(text, stop, is_space), stop);
+    if (rest.empty()) {
+        // The family is left alone here, although every other path sets it. Intended.
+        set_loopback(out);
+        out.sin_port = 0;
+        return true;
+    }
+    out = sockaddr_in{};
+    out.sin_family = AF_INET;
+    const std::size_t colon = rest.rfind(':');
+    return colon == std::string::npos ? parse_single(rest, out) : parse_pair(rest, colon, out);
+}
+
+void parse_hosts(const std::string& text, std::list<Host>& out) {
+    for_each_host(text, read_port_leniently, [&out](const std::string& host, unsigned short port) {
+        out.push_back({host, port});
+    });
+}
+
+void parse_addrs(const std::string& text, std::list<HostAddr>& out) {
+    for_each_host(text, read_port_strictly, [&out](const std::string& host, unsigned short port) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        ::inet_pton(AF_INET, host.c_str(), &address.sin_addr);
+        out.push_back({host, port, address});
+    });
+}
+
+std::string get_host_ip(std::uint32_t peer, const std::string& fallback) {
+    if (peer == INADDR_ANY || peer == INADDR_NONE) {
+        return fallback;
+    }
+    const Descriptor descriptor(::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(DISCARD_PORT);
+    address.sin_addr.s_addr = peer;
+    if (descriptor.get() < 0 ||
+        ::connect(descriptor.get(), generic(address), sizeof(address)) != 0) {
+        return fallback;
+    }
+    socklen_t size = sizeof(address);
+    if (::getsockname(descriptor.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        return fallback;
+    }
+    std::array<char, INET_ADDRSTRLEN> text{};
+    const char* result = ::inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
+    return result == nullptr ? fallback : result;
+}
+
+std::string get_host_name() {
+    std::array<char, 65> name{};
+    return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : std::string();
+}
+
+Socket::~Socket() {
+    close();
+}
+
+bool Socket::open(int port, unsigned int address) {
+    if (descriptor_ >= 0) {
+        return true;
+    }
+    descriptor_ = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    if (descriptor_ < 0) {
+        log_error(errno, " ]: failed to create a socket");
+        return false;
+    }
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_port = htons(static_cast<std::uint16_t>(port));
+    local.sin_addr.s_addr = htonl(address);
+    if (::bind(descriptor_, generic(local), sizeof(local)) != 0) {
+        // The descriptor is kept: a later open succeeds without binding. Intended.
+        log_error(errno, descriptor_, "]: failed to bind a socket");
+        return false;
+    }
+    return true;
+}
+
+bool Socket::send(const sockaddr_in& to, const char* data, unsigned long size) {
+    if (data == nullptr) {
+        return true;
+    }
+    unsigned long sent = 0;
+    while (sent < size) {
+        const ssize_t count =
+            ::sendto(descriptor_, data + sent, size - sent, 0, generic(to), sizeof(to));
+        if (count < 0) {
+            // The address of the data is told as a decimal number. Intended.
+            log_error(errno, descriptor_, "]: failed to send a data (", size, ": ",
+                      reinterpret_cast<std::uintptr_t>(data), ")");
+            return false;
+        }
+        sent += static_cast<unsigned long>(count);
+    }
+    return true;
+}
+
+long Socket::read(unsigned char* buffer, unsigned long size) {
+    const ssize_t count = ::recv(descriptor_, buffer, size, MSG_NOSIGNAL);
+    if (count >= 0) {
+        return count;
+    }
+    if (errno == EINTR) {
+        log::InfoMessage message;
+        message.stream << "SOCKET[" << descriptor_ << "]: system interrupted call";
+        QV_LOG_WRITE(message);
+        return 0;
+    }
+    // A socket that cannot be read from is beyond repair: the process ends. Intended.
+    log_error(errno, descriptor_, "]: failed to read a data");
+    close();
+    std::exit(-1);  // NOLINT(concurrency-mt-unsafe): nothing is worth saving.
+}
+
+void Socket::close() {
+    if (descriptor_ < 0) {
+        return;
+    }
+    ::shutdown(descriptor_, SHUT_RDWR);
+    ::close(descriptor_);
+    descriptor_ = -1;
+}
+
+}  // namespace qv::net

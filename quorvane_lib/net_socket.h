@@ -1,0 +1,88 @@
+// IPv4 addresses and host lists out of text, and the UDP socket that sends the media.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+namespace qv::net {
+
+// A host as written, a name or a dotted address, and its port in host byte order.
+struct Host {
+    std::string host;
+    std::uint16_t port = 0;
+};
+
+// The same, with the socket address that it stands for: address 0.0.0.0 when the host
+// is no dotted address.
+struct HostAddr {
+    std::string host;
+    std::uint16_t port = 0;
+    sockaddr_in addr{};
+};
+
+// The parsers below keep no state and never log: any thread may call them.
+
+// Reads "address:port", "address", ":port", "port" or a blank text up to `end` (null:
+// up to the terminating zero). What is left out is 127.0.0.1 or port 0; names are not
+// resolved. False when the text is null or anything else; `out` may then be partly set.
+// A blank text sets address and port only, not the family.
+bool parse_addr(const char* text, const char* end, sockaddr_in& out);
+
+// Appends a Host for each item of the comma-separated list "host:port" or
+// "host:first-last", one for each port of a range. Items of another form are skipped;
+// a port is what a text stream reads, 0 for no number.
+void parse_hosts(const std::string& text, std::list<Host>& out);
+
+// The same with socket addresses, and skipping items whose ports are not wholly valid
+// numbers.
+void parse_addrs(const std::string& text, std::list<HostAddr>& out);
+
+// The local address, dotted, that the system would use to reach `peer` (network byte
+// order); `fallback` for the peers 0.0.0.0 and 255.255.255.255 and when it cannot be
+// found out. Sends nothing.
+std::string get_host_ip(std::uint32_t peer, const std::string& fallback);
+
+// This machine's name; empty when the system does not tell.
+std::string get_host_name();
+
+// An unconnected UDP socket over IPv4.
+//
+// Owned by the module context, one for all calls. `open` and `close` belong to the
+// thread that loads and unloads the module; `send` may be called by any number of
+// threads at once, without a lock: each datagram is one system call. System errors are
+// logged here, once.
+class Socket {
+  public:
+    Socket() = default;
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    virtual ~Socket();
+
+    // Creates the socket and binds it; `port` and `address` in host byte order, 0 being
+    // any. True at once when it is open already. A descriptor whose bind failed is kept.
+    bool open(int port, unsigned int address);
+
+    // Sends one datagram; nothing, successfully, when `data` is null or `size` is 0.
+    bool send(const sockaddr_in& to, const char* data, unsigned long size);
+
+    // Receives one datagram of at most `size` bytes and returns its length, 0 when a
+    // signal interrupted. Any other failure ends the process.
+    long read(unsigned char* buffer, unsigned long size);
+
+    // Harmless on a closed socket.
+    void close();
+
+  private:
+    struct Buffer {
+        unsigned char bytes[65544];
+    };
+
+    std::unique_ptr<Buffer> buffer_;  // Room for a caller of `read`; nothing sets it yet.
+    std::int32_t descriptor_ = -1;    // -1 while closed.
+};
+
+}  // namespace qv::net
