@@ -1,0 +1,134 @@
+// One call in the embedded host: a session with its channel, its variables and its
+// media, driven by whoever holds the Call.
+//
+// Made by EmbeddedHost::start_call and owned by the caller, who lets it go before the
+// host. Unless a function says otherwise it may be called from any thread, also while
+// the call is being hung up; on a call that is over it does nothing and says so.
+#pragma once
+
+#include <switch.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/frame_source.h"
+
+namespace qv::host {
+
+class Session;
+
+// The directions of the media, as seen from the host: read comes in from the call's
+// party, write goes out to it.
+enum class Direction { read = 0, write = 1 };
+
+enum class MediaState {
+    answered,   // media flows, the call is answered
+    early,      // media flows before the answer
+    on_demand,  // none yet; adding a bug brings it up
+    refused,    // none, and the channel cannot bring it up
+};
+
+struct CallOptions {
+    std::string uuid;  // empty: a random one
+    std::string name;  // channel name; empty: "embedded/" and the UUID
+    std::map<std::string, std::string> variables;
+    switch_call_direction_t direction = SWITCH_CALL_DIRECTION_INBOUND;
+    switch_channel_state_t state = CS_EXECUTE;
+    MediaState media = MediaState::answered;
+    switch_time_t created = 0;  // microseconds since 1970; 0: now
+    bool timetable = true;
+    std::optional<std::string> codec = "L16";  // IANA name carried by the frames; may be absent
+    std::uint32_t rate = 8000;                 // samples a second
+    std::chrono::microseconds frame_time{20000};
+};
+
+enum class Pace {
+    paced,         // a frame every frame time, due times counted from the start
+    free_running,  // as fast as the callbacks return
+};
+
+enum class MediaThreads {
+    pool,  // the host's few media threads, one set for each direction
+    own,   // two threads of this call's own
+};
+
+struct MediaPlan {
+    std::unique_ptr<FrameSource> read;   // null: no frames in this direction
+    std::unique_ptr<FrameSource> write;  // null: no frames in this direction
+    Pace pace = Pace::paced;
+    MediaThreads threads = MediaThreads::pool;
+    std::chrono::steady_clock::duration delay{0};  // before the first frame
+};
+
+// What became of one frame.
+struct FrameResult {
+    std::size_t bugs = 0;  // bugs that saw it
+    bool altered = false;  // one of them gave it back changed
+};
+
+// Of one direction of a call, since the call began.
+struct MediaStats {
+    std::uint64_t frames = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t late_frames = 0;              // began more than a frame time after it was due
+    std::chrono::nanoseconds worst_lateness{};  // of paced frames
+    std::chrono::nanoseconds handling_time{};   // spent in the bugs, all frames together
+    std::chrono::nanoseconds worst_handling{};  // spent in the bugs, slowest frame
+};
+
+class Call {
+  public:
+    explicit Call(std::shared_ptr<Session> session);  // for the host
+    ~Call();                                          // hangs up
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+    const std::string& uuid() const;
+    bool alive() const;
+    // What the host functions take; invalid once the call is over, so only for one who
+    // knows that nobody hangs it up.
+    switch_core_session_t* session() const;
+    switch_channel_t* channel() const;
+
+    // Runs the application on the calling thread, as the dialplan would; hang-up waits
+    // for it. False when no such application is registered or the call is over.
+    bool execute(const std::string& application, const std::string& data = "");
+
+    void set_variable(const std::string& name, const std::string& value);
+    std::optional<std::string> variable(const std::string& name) const;
+    void set_state(switch_channel_state_t state);
+    void set_cause(switch_call_cause_t cause);
+    void set_flag(switch_channel_flag_t flag, std::uint32_t value = 1);
+    void answer();
+
+    // Hands one frame to the bugs on the calling thread and waits for them. The data is
+    // copied first. Frames of one direction queue up behind each other.
+    FrameResult feed(Direction direction, const void* data, std::size_t size);
+    // The same with a frame of the caller's own, handed out as it is.
+    FrameResult feed(Direction direction, switch_frame_t& frame);
+
+    // Starts playing; a plan that still runs is stopped first.
+    void start_media(MediaPlan plan);
+    // True when both sources came to their end, false when the time is over first.
+    bool wait_media(std::chrono::milliseconds timeout);
+    // No frame of the plan is under way any more when it returns. Not from a source.
+    void stop_media();
+    MediaStats media_stats(Direction direction) const;
+
+    std::size_t bugs() const;
+
+    // Ends the call on the calling thread, in the host's order: state and cause, hang-up
+    // event, CLOSE to every bug, end of the media, wait for read locks, channel-destroy
+    // event. False when the call was over already. Not from a frame source.
+    bool hangup(switch_call_cause_t cause = SWITCH_CAUSE_NORMAL_CLEARING);
+
+  private:
+    const std::shared_ptr<Session> session_;
+};
+
+}  // namespace qv::host

@@ -1,0 +1,89 @@
+// Events: bindings, and the thread that hands events to them one after the other.
+//
+// Owned by EmbeddedHost. Every function may be called from any thread, with the
+// exceptions named at them.
+#pragma once
+
+#include <switch.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+// A binding; its address is what the binder holds.
+struct switch_event_node {
+    std::string owner;
+    switch_event_types_t event;
+    switch_event_callback_t callback;
+    void* user_data;
+};
+
+namespace qv::host {
+
+// The host's name of an event id, such as "CHANNEL_CREATE"; "EVENT_<id>" where this
+// host has none.
+std::string event_name(int id);
+
+// An event as a test or the host describes it. Event-Name is not added by itself.
+struct Event {
+    int id = SWITCH_EVENT_CUSTOM;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string body;
+};
+
+class EventBus {
+  public:
+    EventBus();   // starts the dispatch thread
+    ~EventBus();  // delivers what is queued, then ends the thread
+    EventBus(const EventBus&) = delete;
+    EventBus& operator=(const EventBus&) = delete;
+
+    // Queues the event for the dispatch thread. An event that nobody is bound to is
+    // dropped at once.
+    void fire(Event event);
+    bool wanted(int id) const;
+
+    // Returns when everything fired before the call has been delivered. Not from an
+    // event callback.
+    void wait_drained();
+
+    switch_status_t bind(const char* owner, switch_event_types_t event,
+                         switch_event_callback_t callback, void* user_data,
+                         switch_event_node_t** node);
+    // Waits for a delivery under way. Not from an event callback.
+    switch_status_t unbind(switch_event_node_t** node);
+
+    // Removes the bindings whose callback lies in the loaded object at `base`; the count.
+    std::size_t drop_bindings_of(const void* base);
+
+    std::size_t bindings() const;
+    std::uint64_t delivered() const { return delivered_.load(); }
+
+  private:
+    void run();
+    void deliver(const Event& event);
+
+    mutable std::shared_mutex bindings_lock_;  // shared by a delivery; guards bindings_
+    std::vector<std::unique_ptr<switch_event_node>> bindings_;
+
+    std::mutex queue_lock_;  // guards queue_, busy_, ending_
+    std::condition_variable queued_;
+    std::condition_variable drained_;
+    std::deque<Event> queue_;
+    bool busy_ = false;
+    bool ending_ = false;
+
+    std::atomic<std::uint64_t> delivered_{0};
+    std::thread thread_;  // last: it uses all above
+};
+
+}  // namespace qv::host

@@ -1,0 +1,46 @@
+// Faults of the host that a test switches on, one by one.
+//
+// Owned by EmbeddedHost. Every function may be called from any thread, also while
+// calls run; a switched fault acts from the next call of the function it concerns.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace qv::host {
+
+enum class Fault : std::uint32_t {
+    bind_channel_destroy_fails = 1u << 0,  // switch_event_bind_removable for that event
+    bind_all_fails = 1u << 1,              // ... for SWITCH_EVENT_ALL
+    no_timetable = 1u << 2,                // switch_channel_get_timetable gives null
+    media_not_ready = 1u << 3,             // switch_channel_test_ready with media gives 0
+    bug_refused = 1u << 4,                 // switch_core_media_bug_add fails before INIT
+    session_not_found = 1u << 5,           // switch_core_session_perform_locate gives null
+    uuid_garbage = 1u << 6,                // switch_core_session_get_uuid gives "not-a-uuid"
+    out_of_memory = 1u << 7,               // bug_add, bind and serialize find no memory
+    null_frame = 1u << 8,                  // the frame getters of a bug give null
+    completion_fails = 1u << 9,            // switch_console_set_complete fails
+};
+
+class Faults {
+  public:
+    void set(Fault fault, bool on = true);
+    bool on(Fault fault) const;
+
+    // switch_event_get_header_idx no longer finds the header of this name.
+    void hide_header(const std::string& name);
+    bool hidden(const std::string& name) const;
+
+    void clear();
+
+  private:
+    std::atomic<std::uint32_t> bits_{0};
+    std::atomic<bool> hiding_{false};  // headers_ is not empty
+    mutable std::mutex lock_;          // guards headers_
+    std::set<std::string> headers_;
+};
+
+}  // namespace qv::host

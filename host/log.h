@@ -1,0 +1,72 @@
+// What was logged through switch_log_printf: every line of the module and of the
+// host itself, in the order in which the calls came.
+//
+// Owned by EmbeddedHost. Every function may be called from any thread.
+#pragma once
+
+#include <switch.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qv::host {
+
+// One call of switch_log_printf. Absent texts were null pointers.
+struct LogLine {
+    switch_text_channel_t channel = SWITCH_CHANNEL_ID_LOG;
+    switch_log_level_t level = SWITCH_LOG_DEBUG;
+    std::optional<std::string> file;
+    std::optional<std::string> function;
+    int line = 0;
+    std::optional<std::string> userdata;  // for SWITCH_CHANNEL_ID_SESSION the session's UUID
+    std::string format;                   // as it was given, before the arguments went in
+    std::string text;                     // line end included
+    bool by_host = false;                 // written by the host's own code
+};
+
+class Log {
+  public:
+    // Called on the thread that logs, one call at a time; it must not log itself and
+    // must not call into this Log.
+    using Listener = std::function<void(const LogLine&)>;
+
+    // Off: lines are not kept, and not even formatted unless a listener is set.
+    void set_recording(bool on);
+    void set_listener(Listener listener);
+
+    // The module's lines (the host's own are left out), oldest first.
+    std::vector<LogLine> lines() const;
+    std::vector<LogLine> all_lines() const;
+    // Module lines whose text holds `part`.
+    std::size_t count(const std::string& part) const;
+    bool contains(const std::string& part) const { return count(part) > 0; }
+    // True as soon as a module line holds `part`; false when the time is over.
+    bool wait_for(const std::string& part, std::chrono::milliseconds timeout) const;
+    void clear();
+
+    // For the host: what switch_log_printf does, with `userdata` read as text.
+    void write(LogLine line, va_list arguments);
+    // For the host: one line of its own.
+    void note(switch_log_level_t level, const std::string& text);
+
+  private:
+    void keep(LogLine line);
+    std::size_t count_locked(const std::string& part) const;  // lock_ held
+
+    std::atomic<bool> formatting_{true};  // somebody wants the text
+    mutable std::mutex lock_;             // guards all below
+    mutable std::condition_variable added_;
+    bool recording_ = true;
+    Listener listener_;
+    std::vector<LogLine> lines_;
+};
+
+}  // namespace qv::host
