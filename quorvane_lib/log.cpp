@@ -19,6 +19,16 @@ LoggerImpl::~LoggerImpl() {
 void LoggerImpl::dummy_write(void* /*context*/, const char* /*file*/, int /*line*/,
                              const Message& /*message*/) {}
 
+void Logger::install(LoggerImpl::Write write, LoggerImpl::Release release, void* context) {
+    if (m_instance.write == write && m_instance.release == release &&
+        m_instance.context == context) {
+        return;
+    }
+    m_instance.write = write;
+    m_instance.release = release;
+    m_instance.context = context;
+}
+
 bool try_parse_level(const std::string& text, Level& level) {
     for (int candidate = SYSTEM; candidate < LEVEL_COUNT; ++candidate) {
         if (text == level_to_string[candidate]) {

@@ -92,7 +92,18 @@ class Logger {
 
     // Tells whether a message of `level` would be written. Call it before building
     // DEBUG or TRACE text, which then costs one comparison when it is not wanted.
-    static bool admits(Level level) { return level <= m_instance.level; }
+    static bool admits(Level level) {
+        return level <= __atomic_load_n(&m_instance.level, __ATOMIC_RELAXED);
+    }
+
+    // Sets the threshold; other threads may be logging.
+    static void set_level(Level level) {
+        __atomic_store_n(&m_instance.level, level, __ATOMIC_RELAXED);
+    }
+
+    // Installs a sink, before other threads log. The one that is installed already is
+    // left untouched, so that threads that still log through it are not disturbed.
+    static void install(LoggerImpl::Write write, LoggerImpl::Release release, void* context);
 };
 
 // Stores the level that `text` names and returns true. Names are exact, upper
