@@ -215,21 +215,22 @@ Socket::~Socket() {
 }
 
 bool Socket::open(int port, unsigned int address) {
-    if (descriptor_ >= 0) {
+    if (descriptor() >= 0) {
         return true;
     }
-    descriptor_ = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    if (descriptor_ < 0) {
+    const int created = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    if (created < 0) {
         log_error(errno, " ]: failed to create a socket");
         return false;
     }
+    descriptor_.store(created, std::memory_order_relaxed);
     sockaddr_in local{};
     local.sin_family = AF_INET;
     local.sin_port = htons(static_cast<std::uint16_t>(port));
     local.sin_addr.s_addr = htonl(address);
-    if (::bind(descriptor_, generic(local), sizeof(local)) != 0) {
+    if (::bind(created, generic(local), sizeof(local)) != 0) {
         // The descriptor is kept: a later open succeeds without binding. Intended.
-        log_error(errno, descriptor_, "]: failed to bind a socket");
+        log_error(errno, created, "]: failed to bind a socket");
         return false;
     }
     return true;
@@ -239,13 +240,14 @@ bool Socket::send(const sockaddr_in& to, const char* data, unsigned long size) {
     if (data == nullptr) {
         return true;
     }
+    const int target = descriptor();
     unsigned long sent = 0;
     while (sent < size) {
         const ssize_t count =
-            ::sendto(descriptor_, data + sent, size - sent, 0, generic(to), sizeof(to));
+            ::sendto(target, data + sent, size - sent, 0, generic(to), sizeof(to));
         if (count < 0) {
             // The address of the data is told as a decimal number. Intended.
-            log_error(errno, descriptor_, "]: failed to send a data (", size, ": ",
+            log_error(errno, target, "]: failed to send a data (", size, ": ",
                       reinterpret_cast<std::uintptr_t>(data), ")");
             return false;
         }
@@ -255,29 +257,29 @@ bool Socket::send(const sockaddr_in& to, const char* data, unsigned long size) {
 }
 
 long Socket::read(unsigned char* buffer, unsigned long size) {
-    const ssize_t count = ::recv(descriptor_, buffer, size, MSG_NOSIGNAL);
+    const ssize_t count = ::recv(descriptor(), buffer, size, MSG_NOSIGNAL);
     if (count >= 0) {
         return count;
     }
-    if (errno == EINTR) {
+    const int error = errno;
+    if (error == EINTR) {
         log::InfoMessage message;
-        message.stream << "SOCKET[" << descriptor_ << "]: system interrupted call";
+        message.stream << "SOCKET[" << descriptor() << "]: system interrupted call";
         QV_LOG_WRITE(message);
         return 0;
     }
     // A socket that cannot be read from is beyond repair: the process ends. Intended.
-    log_error(errno, descriptor_, "]: failed to read a data");
+    log_error(error, descriptor(), "]: failed to read a data");
     close();
     std::exit(-1);  // NOLINT(concurrency-mt-unsafe): nothing is worth saving.
 }
 
 void Socket::close() {
-    if (descriptor_ < 0) {
-        return;
+    const int closed = descriptor_.exchange(-1, std::memory_order_relaxed);
+    if (closed >= 0) {
+        ::shutdown(closed, SHUT_RDWR);
+        ::close(closed);
     }
-    ::shutdown(descriptor_, SHUT_RDWR);
-    ::close(descriptor_);
-    descriptor_ = -1;
 }
 
 }  // namespace qv::net

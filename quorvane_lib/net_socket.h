@@ -3,6 +3,7 @@
 
 #include <netinet/in.h>
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -53,8 +54,8 @@ std::string get_host_name();
 //
 // Owned by the module context, one for all calls. `open` and `close` belong to the
 // thread that loads and unloads the module; `send` may be called by any number of
-// threads at once, without a lock: each datagram is one system call. System errors are
-// logged here, once.
+// threads at once, also during those two, without a lock: each datagram is one system
+// call. System errors are logged here, once.
 class Socket {
   public:
     Socket() = default;
@@ -81,8 +82,14 @@ class Socket {
         unsigned char bytes[65544];
     };
 
+    std::int32_t descriptor() const { return descriptor_.load(std::memory_order_relaxed); }
+
     std::unique_ptr<Buffer> buffer_;  // Room for a caller of `read`; nothing sets it yet.
-    std::int32_t descriptor_ = -1;    // -1 while closed.
+
+    // -1 while closed. Atomic because calls may outlive the module's unloading, which
+    // closes the socket.
+    std::atomic<std::int32_t> descriptor_{-1};
+    static_assert(std::atomic<std::int32_t>::is_always_lock_free);
 };
 
 }  // namespace qv::net
