@@ -1,0 +1,121 @@
+#include "module/app_context.h"
+
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "module/host_log.h"
+#include "quorvane_lib/hash_crc64.h"
+
+namespace qv::freeswitch {
+
+namespace {
+
+using media::Features;
+using media::features16_t;
+
+constexpr std::string_view VALUE_SEPARATOR = "::";
+
+bool begins(std::string_view text, std::string_view keyword) {
+    return text.substr(0, keyword.size()) == keyword;
+}
+
+// Cuts `text` at its first separator; the value ends at the next one.
+std::string_view cut_name(std::string_view text) {
+    return text.substr(0, text.find(VALUE_SEPARATOR));
+}
+
+bool has_value(std::string_view text) {
+    return text.find(VALUE_SEPARATOR) != std::string_view::npos;
+}
+
+std::string_view cut_value(std::string_view text) {
+    return cut_name(text.substr(cut_name(text).size() + VALUE_SEPARATOR.size()));
+}
+
+bool means_active(std::string_view value) {
+    return begins(value, "true") || begins(value, "enabled") || begins(value, "active");
+}
+
+// Reads a text that names one leg, with or without a value.
+bool parse_leg(std::string_view text, Features feature, features16_t& named) {
+    const std::string_view name = cut_name(text);
+    if (begins(name, "term")) {
+        named.supported = media::terminator_bit(feature);
+    } else if (begins(name, "orig")) {
+        named.supported = media::originator_bit(feature);
+    } else {
+        return false;
+    }
+    if (!has_value(text) || means_active(cut_value(text))) {
+        named.active = named.supported;
+    }
+    return true;
+}
+
+// The whole text is looked at once, up to its second "::". A second word is not read on
+// its own: "orig::true term::true" is the originator with the value "true term". Words
+// count by their beginning, so "trueish" is "true". Both intended.
+bool parse_feature(const char* option, Features feature, features16_t& features) {
+    if (option == nullptr) {
+        return false;
+    }
+    const std::string_view text = option;
+    const std::string_view name = cut_name(text);
+    const std::uint8_t both = media::feature_mask(feature);
+    features16_t named{};
+    if (begins(name, "true") || begins(name, "enabled")) {
+        named = {both, both};
+    } else if (begins(name, "inactive")) {
+        named = {both, 0};
+    } else if (!parse_leg(text, feature, named)) {
+        return false;
+    }
+    media::merge_features(features, named);
+    return true;
+}
+
+}  // namespace
+
+bool AppContext::mark_configured(switch_core_session* session) {
+    const switch_channel_timetable_t* timetable =
+        switch_channel_get_timetable(switch_core_session_get_channel(session));
+    if (timetable == nullptr) {
+        log_session_line<log::ERROR>(session, QV_PLACE, "MAGIC: failed to get channel timetable");
+        return false;
+    }
+    created_time = static_cast<std::uint64_t>(timetable->created);
+    return true;
+}
+
+bool AppContext::parse_audio_activity(const char* text, features16_t& features) {
+    return parse_feature(text, Features::AudioActivity, features);
+}
+
+bool AppContext::parse_sample_detection(const char* text, features16_t& features) {
+    return parse_feature(text, Features::SampleDetection, features);
+}
+
+std::uint64_t call_key(const unsigned char* uuid) {
+    return hash::CRC64::compute(uuid, media::UUID_SIZE);
+}
+
+AppContext* find_context(const ContextRegistry& contexts, std::uint64_t id) {
+    const auto found = contexts.find(id);
+    return found == contexts.end() ? nullptr : found->second;
+}
+
+AppContext* add_context(ContextRegistry& contexts, std::uint64_t id) {
+    std::unique_ptr<AppContext> context(new (std::nothrow) AppContext);
+    if (context == nullptr) {
+        return nullptr;
+    }
+    try {
+        contexts.insert_or_assign(id, context.get());
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    return context.release();
+}
+
+}  // namespace qv::freeswitch

@@ -1,0 +1,91 @@
+// The record of one tapped call, and the registry that holds them all.
+//
+// A context is created by the application, or by an API command that comes first, and
+// belongs to the registry of the module context. Whoever erases it from the registry
+// deletes it: the media bug when it closes, else the channel-destroy handler.
+//
+// Locks, always taken in this order: a session's read lock, the registry lock, a
+// context's own lock. The registry lock is held for every lookup, insertion and
+// erasure.
+#pragma once
+
+#include <netinet/in.h>
+#include <switch.h>
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "module/media_packet.h"
+
+namespace qv::freeswitch {
+
+// The sender's state of one direction of a call. Touched only by the thread that
+// delivers this direction's frames, and by the closing media bug after the last one.
+struct LegStream {
+    std::uint32_t bytes_sent = 0;  // Audio only.
+    std::uint32_t odd_frames = 0;
+    std::uint32_t sequence_number = 0;
+    std::uint32_t sample_offset = 0;
+    std::uint16_t leg_flags = 0;  // The leg word of the data packets.
+};
+
+class AppContext {
+  public:
+    AppContext() { legs[media::WRITE_LEG].leg_flags = media::LEG_WRITE; }
+    AppContext(const AppContext&) = delete;
+    AppContext& operator=(const AppContext&) = delete;
+
+    // Takes over the channel's creation time, which marks the context as configured.
+    // False, with an error in the log, when the channel has no timetable. The registry
+    // lock is held.
+    bool mark_configured(switch_core_session* session);
+
+    // Merge the legs that an option text names into `features`: "true", "inactive",
+    // "orig::false" and the like. False, and nothing changed, when the text is null or
+    // names no leg.
+    static bool parse_audio_activity(const char* text, media::features16_t& features);
+    static bool parse_sample_detection(const char* text, media::features16_t& features);
+
+    // Identity and options: written by the application before the media bug is
+    // attached, read by any thread after the start packet.
+    unsigned char uuid[media::UUID_SIZE] = {};
+    std::uint64_t id = 0;                   // CRC-64 of `uuid`, the key of the registry.
+    std::uint64_t created_time = 0;         // us, wall clock; 0 until configured.
+    std::uint64_t configured_time = 0;      // us, wall clock.
+    std::uint64_t configured_clock_us = 0;  // us, steady clock, at the same moment.
+    std::uint64_t rule_id = 0;
+    std::uint32_t report_node_addr = 0;  // Network byte order.
+    std::uint16_t report_node_port = 0;  // Network byte order.
+    std::uint16_t flags = 0;             // media::FLAG_...
+
+    // The features in effect, fixed by the start packet. Guarded by `context_lock` once
+    // the media bug is attached.
+    media::features16_t features{};
+
+    std::string call_id;
+    sockaddr_in media_node{};  // Where all packets of the call go.
+
+    LegStream legs[media::LEG_COUNT];  // Indexed by media::READ_LEG, media::WRITE_LEG.
+
+    // Guards `features`, `requested_features` and `start_sent` between the media thread
+    // and API commands.
+    std::mutex context_lock;
+    bool start_sent = false;
+
+    // What API commands ask for; from the start packet on, the whole merged set.
+    media::features16_t requested_features{};
+};
+
+// The key of a call: the CRC-64 of the 16 bytes of its UUID.
+std::uint64_t call_key(const unsigned char* uuid);
+
+using ContextRegistry = std::unordered_map<std::uint64_t, AppContext*>;
+
+// Both with the registry lock held. Null when there is none.
+AppContext* find_context(const ContextRegistry& contexts, std::uint64_t id);
+// Creates a context under `id`; null, and nothing changed, when there is no memory.
+AppContext* add_context(ContextRegistry& contexts, std::uint64_t id);
+
+}  // namespace qv::freeswitch

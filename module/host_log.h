@@ -1,0 +1,64 @@
+// The module's log lines on their way into the host's log.
+//
+// Stateless; any thread may call it. Every line reaches the host as "[quorvane]: %s\n".
+// The text is always an argument, so that a "%" in it means nothing. A line that
+// finds no memory is replaced by a fixed one: logging never throws.
+//
+// The bridge is defined by the module's glue, mod_quorvane.cpp; the units below the glue
+// log through this header alone.
+#pragma once
+
+#include <switch.h>
+
+#include "quorvane_lib/log.h"
+
+namespace qv::freeswitch {
+
+class Logger {
+  public:
+    // The sink that the module installs into qv::log. `context` is not used.
+    static void write(void* context, const char* file, int line, const log::Message& message);
+};
+
+// Where a line comes from, as the host shows it.
+struct LogPlace {
+    const char* file;  // Base name.
+    const char* function;
+    int line;
+};
+
+// Hand a finished message to the host, filed under no call or under that of `session`.
+// The caller has seen that its level is admitted.
+void write_line(const LogPlace& place, const log::Message& message);
+void write_session_line(switch_core_session_t* session, const LogPlace& place,
+                        const log::Message& message);
+
+// Compose a line of the pieces and write it; with a level that is not admitted, nothing
+// is composed and the call costs one comparison.
+template <log::Level LEVEL, typename... Pieces>
+void log_line(const LogPlace& place, const Pieces&... pieces) {
+    if (log::Logger::admits(LEVEL)) {
+        log::Message message(LEVEL);
+        (message.stream << ... << pieces);
+        write_line(place, message);
+    }
+}
+
+template <log::Level LEVEL, typename... Pieces>
+void log_session_line(switch_core_session_t* session, const LogPlace& place,
+                      const Pieces&... pieces) {
+    if (log::Logger::admits(LEVEL)) {
+        log::Message message(LEVEL);
+        (message.stream << ... << pieces);
+        write_session_line(session, place, message);
+    }
+}
+
+}  // namespace qv::freeswitch
+
+// The place of this line in the function called `name`, or in the one it stands in.
+#define QV_PLACE_IN(name)                                       \
+    ::qv::freeswitch::LogPlace {                                \
+        ::qv::log::source_base_name(__FILE__), (name), __LINE__ \
+    }
+#define QV_PLACE QV_PLACE_IN(__func__)
