@@ -1,0 +1,847 @@
+#include "module/mod_quorvane.h"
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <strings.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <list>
+#include <memory>
+#include <new>
+
+#include "build_identifier.h"
+#include "module/api_command.h"
+#include "module/host_log.h"
+#include "quorvane_lib/utils_bytes.h"
+#include "quorvane_lib/utils_path.h"
+#include "quorvane_lib/utils_str.h"
+
+namespace qv::freeswitch {
+
+const char* const modname = "mod_quorvane";
+
+namespace {
+
+const std::string CONFIG_FILE_PATH =
+    conf::default_base_directory + utils::path::LINUX_PATH_SEPARATOR::STR + "quorvane" +
+    utils::path::LINUX_PATH_SEPARATOR::STR + "freeswitch_mod" + conf::default_conf_ext;
+
+ModuleContext global;
+
+switch_event_node_t* g_channel_destroy_hook = nullptr;
+switch_event_node_t* g_dump_event_hook = nullptr;
+
+// Indexed by log::Level. SYSTEM, which nothing filters out, ranks above ERROR here but
+// below WARNING in the host. Intended.
+constexpr std::array<std::int32_t, log::LEVEL_COUNT> level_to_fslevel = {
+    SWITCH_LOG_NOTICE, SWITCH_LOG_ERROR, SWITCH_LOG_WARNING,
+    SWITCH_LOG_INFO,   SWITCH_LOG_DEBUG, SWITCH_LOG_DEBUG1,
+};
+
+constexpr std::array<const char*, 4> DUMP_MODE_NAMES = {"none", "all", "channel", "channel-short"};
+
+// ---- log --------------------------------------------------------------------------
+
+void print(switch_text_channel_t channel, const void* user_data, const LogPlace& place,
+           const log::Message& message) {
+    const auto level =
+        static_cast<switch_log_level_t>(level_to_fslevel[static_cast<std::size_t>(message.level)]);
+    const auto* data = static_cast<const char*>(user_data);
+    try {
+        switch_log_printf(channel, place.file, place.function, place.line, data, level,
+                          "[quorvane]: %s\n", message.stream.str().c_str());
+    } catch (const std::bad_alloc&) {
+        switch_log_printf(channel, place.file, place.function, place.line, data, level,
+                          "[quorvane]: a line was lost: out of memory\n");
+    }
+}
+
+}  // namespace
+
+void Logger::write(void* /*context*/, const char* file, int line, const log::Message& message) {
+    if (log::Logger::admits(message.level)) {
+        write_line({file, nullptr, line}, message);
+    }
+}
+
+void write_line(const LogPlace& place, const log::Message& message) {
+    print(SWITCH_CHANNEL_ID_LOG, nullptr, place, message);
+}
+
+void write_session_line(switch_core_session_t* session, const LogPlace& place,
+                        const log::Message& message) {
+    print(SWITCH_CHANNEL_ID_SESSION, session, place, message);
+}
+
+// ---- options ----------------------------------------------------------------------
+
+const char* dump_mode_name(DumpMode mode) {
+    const auto index = static_cast<std::size_t>(mode);
+    return index < DUMP_MODE_NAMES.size() ? DUMP_MODE_NAMES[index] : "not-specified";
+}
+
+namespace {
+
+sockaddr_in make_address(const std::string& host, std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    // A host name leaves 0.0.0.0: only the form of the list is checked. Intended.
+    ::inet_pton(AF_INET, host.c_str(), &address.sin_addr);
+    return address;
+}
+
+int refuse_value(const std::string& name, const std::string& value, std::stringstream& error) {
+    error << "[unexpected value \"" << value << "\" for option \"" << name << "\"]";
+    return conf::MALFORMED;
+}
+
+using ParseFeature = bool (*)(const char* text, media::features16_t& features);
+
+// Keeps `value` as the default of a feature if the feature's parser understands it.
+int set_feature_default(ParseFeature parse, const std::string& name, const std::string& value,
+                        std::string& option, std::stringstream& error) {
+    media::features16_t unused{};
+    if (!parse(value.c_str(), unused)) {
+        return refuse_value(name, value, error);
+    }
+    option = value;
+    return conf::APPLIED;
+}
+
+}  // namespace
+
+Configuration::Configuration() : media_node_addr(make_address(media_node_host, media_node_port)) {}
+
+int Configuration::set_flag(const std::string& name, std::stringstream& /*error*/) {
+    if (name != "dump_events") {
+        return conf::UNKNOWN;
+    }
+    dump_mode = DumpMode::ALL;
+    return conf::APPLIED;
+}
+
+int Configuration::set_value(const std::string& name, const std::string& value,
+                             std::stringstream& error) {
+    if (name == "media_node") {
+        return set_media_node(name, value, error);
+    }
+    if (name == "dump_events") {
+        return set_dump_mode(name, value, error);
+    }
+    if (name == "default_audio_activity") {
+        return set_feature_default(AppContext::parse_audio_activity, name, value,
+                                   default_audio_activity, error);
+    }
+    if (name == "default_detection") {
+        return set_feature_default(AppContext::parse_sample_detection, name, value,
+                                   default_detection, error);
+    }
+    if (name == "log_level") {
+        return log::try_parse_level(value, level) ? conf::APPLIED : conf::MALFORMED;
+    }
+    return conf::UNKNOWN;
+}
+
+int Configuration::set_media_node(const std::string& name, const std::string& value,
+                                  std::stringstream& error) {
+    std::list<net::Host> hosts;
+    net::parse_hosts(value, hosts);
+    if (hosts.size() != 1) {
+        error << "[exactly one host must be specified for option \"" << name << "\"]";
+        return conf::MALFORMED;
+    }
+    media_node_host = hosts.front().host;
+    media_node_port = hosts.front().port;
+    media_node_addr = make_address(media_node_host, media_node_port);
+    return conf::APPLIED;
+}
+
+int Configuration::set_dump_mode(const std::string& name, const std::string& value,
+                                 std::stringstream& error) {
+    // Unlike every other option, a bad value does not leave the old one. Intended.
+    dump_mode = DumpMode::NONE;
+    for (std::size_t i = 0; i < DUMP_MODE_NAMES.size(); ++i) {
+        if (value == DUMP_MODE_NAMES[i]) {
+            dump_mode = static_cast<DumpMode>(i);
+            return conf::APPLIED;
+        }
+    }
+    return refuse_value(name, value, error);
+}
+
+namespace {
+
+// ---- staying mapped ---------------------------------------------------------------
+
+// The reference that keeps this object mapped; null when there is none.
+void* g_lasting_reference = nullptr;
+
+// Keeps this object mapped after the host closes it. The host counts neither media bugs
+// nor the hooks of a load that failed: without this the next callback would jump into
+// memory that is gone.
+void stay_mapped() {
+    Dl_info self{};
+    if (g_lasting_reference == nullptr && ::dladdr(&global, &self) != 0) {
+        g_lasting_reference = ::dlopen(self.dli_fname, RTLD_NOW | RTLD_NOLOAD);
+    }
+}
+
+// Gives the reference back; the host's own still keeps the object mapped.
+void stay_no_longer() {
+    if (g_lasting_reference != nullptr) {
+        ::dlclose(g_lasting_reference);
+        g_lasting_reference = nullptr;
+    }
+}
+
+// ---- call identity ----------------------------------------------------------------
+
+struct CallIdentity {
+    unsigned char uuid[media::UUID_SIZE] = {};
+    std::uint64_t id = 0;
+};
+
+bool identify(const char* uuid_text, CallIdentity& call) {
+    if (!utils::bytes::decode_uuid(uuid_text, call.uuid, tag::direct_update_t())) {
+        return false;
+    }
+    call.id = call_key(call.uuid);
+    return true;
+}
+
+// ---- configuration of a call ------------------------------------------------------
+
+// Fills a context from the channel variables of its call and the module's defaults. The
+// context is not shared with another thread yet: no lock is taken.
+class ContextConfigurator {
+  public:
+    ContextConfigurator(AppContext& context, switch_core_session_t* session)
+        : context_(context),
+          session_(session),
+          channel_(switch_core_session_get_channel(session)) {}
+
+    // False only for a media node that cannot be parsed; nothing further is read then.
+    bool configure() {
+        if (!set_media_node()) {
+            return false;
+        }
+        set_recording();
+        set_rule_id();
+        if ((context_.flags & media::FLAG_RULE_ID) != 0) {
+            set_feature("quorvane_detection", AppContext::parse_sample_detection,
+                        media::Features::SampleDetection, global.config.default_detection);
+            set_feature("quorvane_audio_activity", AppContext::parse_audio_activity,
+                        media::Features::AudioActivity, global.config.default_audio_activity);
+        }
+        set_report_node();
+        set_call_id();
+        set_direction();
+        set_times();
+        return true;
+    }
+
+  private:
+    static constexpr const char* FUNCTION = "configure_context";
+
+    // The variable's value, the channel's own text; null when it is not set.
+    const char* variable(const char* name) const {
+        return switch_channel_get_variable_dup(channel_, name, SWITCH_FALSE, -1);
+    }
+
+    void report(const char* name, const char* value, const char* consequence) const {
+        log_session_line<log::ERROR>(session_, QV_PLACE_IN(FUNCTION),
+                                     "failed to parse channel variable \"", name, "\": ", value,
+                                     "; ", consequence);
+    }
+
+    bool set_media_node() {
+        const char* value = variable("quorvane_media_node");
+        if (value == nullptr) {
+            context_.media_node = global.config.media_node_addr;
+            return true;
+        }
+        if (!net::parse_addr(value, nullptr, context_.media_node)) {
+            report("quorvane_media_node", value, "discarding!");
+            return false;
+        }
+        return true;
+    }
+
+    // More words than the host's own truth test knows. Intended.
+    static bool means_record(const char* value) {
+        constexpr std::array<const char*, 7> WORDS = {"yes",     "on",     "true", "t",
+                                                      "enabled", "active", "allow"};
+        const bool word = std::any_of(WORDS.begin(), WORDS.end(), [value](const char* candidate) {
+            return ::strcasecmp(value, candidate) == 0;
+        });
+        return word || (switch_is_number(value) && std::strtol(value, nullptr, 10) != 0);
+    }
+
+    void set_recording() {
+        const char* value = variable("quorvane_record");
+        if (value != nullptr && means_record(value)) {
+            media::merge_features(context_.features,
+                                  {media::FEATURE_RECORD, media::FEATURE_RECORD});
+        }
+    }
+
+    void set_rule_id() {
+        context_.rule_id = 0;
+        const char* value = variable("quorvane_rule_id");
+        if (value == nullptr) {
+            return;
+        }
+        // A number with something behind it is refused and yet stored. Intended.
+        if (utils::str::try_parse_value<std::uint64_t>(value, context_.rule_id)) {
+            context_.flags |= media::FLAG_RULE_ID;
+        } else {
+            report("quorvane_rule_id", value, "ignored!");
+        }
+    }
+
+    // The module's default stands in when the variable leaves the feature without a leg.
+    void set_feature(const char* name, ParseFeature parse, media::Features feature,
+                     const std::string& default_text) {
+        const char* value = variable(name);
+        if (value != nullptr && !parse(value, context_.features)) {
+            report(name, value, default_text.empty() ? "discarding!" : "default used!");
+        }
+        const bool configured = (context_.features.supported & media::feature_mask(feature)) != 0;
+        if (!configured && !default_text.empty()) {
+            parse(default_text.c_str(), context_.features);
+        }
+    }
+
+    void set_report_node() {
+        context_.report_node_addr = 0;
+        context_.report_node_port = 0;
+        const char* value = variable("quorvane_report_node");
+        if (value == nullptr) {
+            return;
+        }
+        sockaddr_in address{};
+        if (!net::parse_addr(value, nullptr, address)) {
+            report("quorvane_report_node", value, "ignored!");
+            return;
+        }
+        context_.report_node_addr = address.sin_addr.s_addr;
+        context_.report_node_port = address.sin_port;
+        context_.flags |= media::FLAG_REPORT_NODE;
+    }
+
+    void set_call_id() {
+        const char* reference = variable("quorvane_call_id_ref");
+        const char* name = reference != nullptr ? reference : "sip_call_id";
+        const char* value = variable(name);
+        if (value != nullptr) {
+            context_.call_id = value;
+        } else {
+            log_session_line<log::ERROR>(session_, QV_PLACE_IN(FUNCTION), "channel variable \"",
+                                         name, "\" is not set; ignoring");
+        }
+    }
+
+    void set_direction() {
+        const bool outbound = switch_channel_direction(channel_) != 0;
+        set_flag(context_.flags, media::FLAG_OUTBOUND, outbound);
+        set_flag(context_.legs[media::READ_LEG].leg_flags, media::LEG_TERMINATOR_SIDE, outbound);
+        set_flag(context_.legs[media::WRITE_LEG].leg_flags, media::LEG_TERMINATOR_SIDE, !outbound);
+    }
+
+    static void set_flag(std::uint16_t& word, std::uint16_t flag, bool value) {
+        word = static_cast<std::uint16_t>(value ? word | flag : word & ~flag);
+    }
+
+    void set_times() {
+        context_.configured_time = static_cast<std::uint64_t>(switch_time_now());
+        const auto clock = std::chrono::steady_clock::now().time_since_epoch();
+        context_.configured_clock_us = static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(clock).count() / 1000);
+    }
+
+    AppContext& context_;
+    switch_core_session_t* session_;
+    switch_channel_t* channel_;
+};
+
+bool configure_context(AppContext* context, switch_core_session_t* session) {
+    return ContextConfigurator(*context, session).configure();
+}
+
+// ---- media bug --------------------------------------------------------------------
+
+constexpr const char* MEDIA_HANDLER = "media_handler";
+
+bool start_transfer(switch_core_session_t* session, AppContext& context) {
+    const std::lock_guard<std::mutex> guard(context.context_lock);
+    // What the API asked for before the call's media began takes effect now.
+    media::merge_features(context.features, context.requested_features);
+    context.requested_features = context.features;
+    context.start_sent = global.transfer.media_start(session, context);
+    return context.start_sent;
+}
+
+switch_bool_t handle_init(switch_core_session_t* session, AppContext& context) {
+    if (!start_transfer(session, context)) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
+                                     "media transfer start failed");
+        return SWITCH_FALSE;
+    }
+    log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER), "media transfer started");
+    return SWITCH_TRUE;
+}
+
+void handle_frame(switch_core_session_t* session, AppContext& context, std::uint8_t leg,
+                  const switch_frame_t* frame) {
+    if (!global.transfer.media_data(session, context, leg, frame)) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
+                                     "media transfer failed to send ",
+                                     leg == media::READ_LEG ? "read" : "write", " frame");
+    }
+}
+
+void report_transfer(switch_core_session_t* session, const AppContext& context) {
+    const LegStream& read = context.legs[media::READ_LEG];
+    const LegStream& write = context.legs[media::WRITE_LEG];
+    const std::uint32_t odd_frames = read.odd_frames + write.odd_frames;
+    if (odd_frames != 0) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER), "detected (", odd_frames,
+                                     ") odd frames");
+    }
+    // The spelling of the first word is the text's own. Intended.
+    log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER), "transfered ", read.bytes_sent,
+                                "/", write.bytes_sent, " bytes of media");
+}
+
+bool unregister(const AppContext& context) {
+    const std::lock_guard<std::mutex> guard(global.contexts_lock);
+    return global.contexts.erase(context.id) != 0;
+}
+
+// Ends the context's life; no other event follows.
+void handle_close(switch_core_session_t* session, std::unique_ptr<AppContext> context) {
+    if (global.transfer.media_terminate(session, *context)) {
+        log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER),
+                                    "media transfer terminated");
+    } else {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
+                                     "media transfer termination failed");
+    }
+    report_transfer(session, *context);
+    if (!unregister(*context)) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
+                                     "MAGIC: app context is not found on media transfer "
+                                     "termination");
+    }
+}
+
+// The frames are only read: the call's audio goes on as it is.
+switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc_type_t type) {
+    if (bug == nullptr || user_data == nullptr) {
+        return SWITCH_FALSE;
+    }
+    auto* context = static_cast<AppContext*>(user_data);
+    switch_core_session_t* session = switch_core_media_bug_get_session(bug);
+    switch (type) {
+        case SWITCH_ABC_TYPE_INIT:
+            return handle_init(session, *context);
+        case SWITCH_ABC_TYPE_WRITE_REPLACE:
+            handle_frame(session, *context, media::WRITE_LEG,
+                         switch_core_media_bug_get_write_replace_frame(bug));
+            break;
+        case SWITCH_ABC_TYPE_READ_REPLACE:
+            handle_frame(session, *context, media::READ_LEG,
+                         switch_core_media_bug_get_read_replace_frame(bug));
+            break;
+        case SWITCH_ABC_TYPE_CLOSE:
+            handle_close(session, std::unique_ptr<AppContext>(context));
+            break;
+        default:
+            break;
+    }
+    return SWITCH_TRUE;
+}
+
+// ---- application ------------------------------------------------------------------
+
+// The host's read-replace and write-replace flags, and bit 30, which has no name in
+// current headers; the host stores it and gives it back.
+constexpr switch_media_bug_flag_t MEDIA_BUG_FLAGS = 0x4000000C;
+static_assert((MEDIA_BUG_FLAGS & (SMBF_READ_REPLACE | SMBF_WRITE_REPLACE)) == 0xC);
+
+constexpr const char* APPLICATION = "execute_quorvane_app";
+
+// Creates the context of the call `id`; the registry lock is held.
+AppContext* create_context(switch_core_session_t* session, std::uint64_t id) {
+    AppContext* context = add_context(global.contexts, id);
+    if (context == nullptr) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(APPLICATION),
+                                     "app context allocation failure (is there enough memory?)");
+        return nullptr;
+    }
+    log_session_line<log::SYSTEM>(session, QV_PLACE_IN(APPLICATION), "app context added, id: ", id);
+    return context;
+}
+
+// Finds or creates the call's context and marks it as configured; null when the
+// application has run on this call before or there is no memory.
+AppContext* claim_context(switch_core_session_t* session, std::uint64_t id) {
+    const std::lock_guard<std::mutex> guard(global.contexts_lock);
+    const auto found = global.contexts.find(id);
+    AppContext* context = nullptr;
+    if (found == global.contexts.end()) {
+        context = create_context(session, id);
+    } else if (found->second == nullptr) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(APPLICATION),
+                                     "MAGIC: app context is null but exists in a map: possible "
+                                     "memory corruption!");
+        context = create_context(session, id);
+    } else if (found->second->created_time != 0) {
+        log_session_line<log::WARNING>(session, QV_PLACE_IN(APPLICATION),
+                                       "app context already configured; ignoring");
+    } else {
+        context = found->second;
+        log_session_line<log::SYSTEM>(session, QV_PLACE_IN(APPLICATION),
+                                      "app context found; configuring");
+    }
+    if (context != nullptr) {
+        context->mark_configured(session);
+    }
+    return context;
+}
+
+void report_refused_bug(switch_core_session_t* session, switch_channel_t* channel) {
+    const auto cause = static_cast<int>(switch_channel_get_cause(channel));
+    const auto state = static_cast<int>(switch_channel_get_state(channel));
+    const std::uint32_t media = switch_channel_test_flag(channel, CF_MEDIA_SET);
+    const int ready = switch_channel_test_ready(channel, SWITCH_TRUE, SWITCH_TRUE);
+    log_session_line<log::ERROR>(session, QV_PLACE_IN(APPLICATION),
+                                 "failed to add new media bug; media ready: ", ready,
+                                 ", CF_MEDIA: ", media, ", state: ", state, ", cause: ", cause);
+}
+
+void attach_media_bug(switch_core_session_t* session, switch_channel_t* channel,
+                      AppContext* context) {
+    if (!switch_channel_test_ready(channel, SWITCH_TRUE, SWITCH_TRUE)) {
+        log_session_line<log::WARNING>(session, QV_PLACE_IN(APPLICATION),
+                                       "session media is not ready!");
+    }
+    switch_media_bug_t* bug = nullptr;
+    const switch_status_t status = switch_core_media_bug_add(
+        session, "quorvane", nullptr, media_handler, context, 0, MEDIA_BUG_FLAGS, &bug);
+    if (status == SWITCH_STATUS_SUCCESS) {
+        log_session_line<log::INFO>(session, QV_PLACE_IN(APPLICATION), "new media bug added");
+    } else {
+        report_refused_bug(session, channel);
+    }
+}
+
+void start_application(switch_core_session_t* session) {
+    log_session_line<log::INFO>(session, QV_PLACE_IN(APPLICATION), "application execution started");
+    switch_channel_t* channel = switch_core_session_get_channel(session);
+    const char* uuid_text = switch_core_session_get_uuid(session);
+    CallIdentity call;
+    if (!identify(uuid_text, call)) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(APPLICATION),
+                                     "MAGIC: failed to parse session uuid: ", uuid_text);
+        return;
+    }
+    AppContext* context = claim_context(session, call.id);
+    if (context == nullptr) {
+        return;
+    }
+    std::copy(std::begin(call.uuid), std::end(call.uuid), context->uuid);
+    context->id = call.id;
+    if (!configure_context(context, session)) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(APPLICATION),
+                                     "failed to configure application context");
+        return;
+    }
+    attach_media_bug(session, channel, context);
+}
+
+// The argument is not used: every option is a channel variable.
+SWITCH_STANDARD_APP(execute_quorvane_app) {
+    (void)data;
+    try {
+        start_application(session);
+    } catch (const std::bad_alloc&) {
+        log_session_line<log::ERROR>(session, QV_PLACE, "out of memory: call is not tapped");
+    }
+}
+
+// ---- API --------------------------------------------------------------------------
+
+SWITCH_STANDARD_API(execute_quorvane_api) {
+    (void)session;
+    try {
+        run_api_command(cmd, global, stream);
+    } catch (const std::bad_alloc&) {
+        stream->write_function(stream, "-ERR, out of memory\n");
+    }
+    return SWITCH_STATUS_SUCCESS;
+}
+
+// ---- events -----------------------------------------------------------------------
+
+const char* header(switch_event_t* event, const char* name) {
+    return switch_event_get_header_idx(event, name, -1);
+}
+
+std::unique_ptr<AppContext> take_context(std::uint64_t id) {
+    const std::lock_guard<std::mutex> guard(global.contexts_lock);
+    std::unique_ptr<AppContext> context(find_context(global.contexts, id));
+    global.contexts.erase(id);
+    return context;
+}
+
+// Frees what no media bug has freed: contexts whose bug was never attached, or whose
+// application never ran.
+void channel_destroy_handler(switch_event_t* event) {
+    const char* uuid_text = header(event, "Unique-ID");
+    if (uuid_text == nullptr) {
+        log_line<log::ERROR>(QV_PLACE,
+                             "MAGIC: unable to extract \"Unique-ID\" from channel destroy event");
+        return;
+    }
+    CallIdentity call;
+    if (!identify(uuid_text, call)) {
+        log_line<log::ERROR>(QV_PLACE, "MAGIC: failed to parse session uuid: ", uuid_text);
+        return;
+    }
+    const std::unique_ptr<AppContext> context = take_context(call.id);
+    if (context == nullptr) {
+        return;
+    }
+    if (context->created_time != 0) {
+        log_line<log::WARNING>(QV_PLACE, uuid_text,
+                               ": found configured app context on channel destroy: possible "
+                               "memory leak or logic error!");
+    } else {
+        log_line<log::SYSTEM>(QV_PLACE, uuid_text,
+                              ": found app context on channel destroy however no app has been "
+                              "executed");
+    }
+}
+
+bool is_channel_event(const switch_event_t* event) {
+    return event->event_id >= SWITCH_EVENT_CHANNEL_CREATE &&
+           event->event_id <= SWITCH_EVENT_CHANNEL_UUID;
+}
+
+void dump(switch_event_t* event, const LogPlace& place) {
+    char* text = nullptr;
+    if (switch_event_serialize(event, &text, SWITCH_FALSE) != SWITCH_STATUS_SUCCESS) {
+        return;
+    }
+    switch_log_printf(SWITCH_CHANNEL_ID_LOG, place.file, place.function, place.line, nullptr,
+                      SWITCH_LOG_CRIT, "DUMP\n%s\n", text);
+    std::free(text);
+}
+
+void dump_all_event_handler(switch_event_t* event) {
+    dump(event, QV_PLACE);
+}
+
+void dump_channel_event_handler(switch_event_t* event) {
+    if (is_channel_event(event)) {
+        dump(event, QV_PLACE);
+    }
+}
+
+const char* header_or_empty(switch_event_t* event, const char* name) {
+    const char* value = header(event, name);
+    return value != nullptr ? value : "";
+}
+
+void dump_channel_event_short_handler(switch_event_t* event) {
+    if (!is_channel_event(event)) {
+        return;
+    }
+    // A missing event name ends the line after the blank: a null text ends a stream.
+    // Intended.
+    log::InfoMessage line;
+    line.stream << "[quorvane]: " << header_or_empty(event, "Unique-ID") << " "
+                << header(event, "Event-Name")
+                << ": state=" << header_or_empty(event, "Channel-State")
+                << ", call-state=" << header_or_empty(event, "Channel-Call-State") << "\n";
+    // The line is the format: a "%" in a header means something to the host. Intended.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+    switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), __func__, __LINE__,
+                      nullptr, SWITCH_LOG_CRIT, line.stream.str().c_str());
+#pragma GCC diagnostic pop
+}
+
+// ---- load -------------------------------------------------------------------------
+
+constexpr const char* LOAD = "mod_quorvane_load";
+
+constexpr std::array<const char*, 8> COMPLETIONS = {
+    "add quorvane version",
+    "add quorvane dump_events",
+    "add quorvane media_node",
+    "add quorvane default_audio_activity",
+    "add quorvane default_detection",
+    "add quorvane ::console::list_uuid features",
+    "add quorvane ::console::list_uuid audio_activity "
+    "::[start:stop ::[both:orig:originator:term:terminator",
+    "add quorvane ::console::list_uuid detection "
+    "::[start:stop ::[both:orig:originator:term:terminator",
+};
+
+// An object that stayed mapped keeps its state: the settings go back to their defaults,
+// contexts and the socket's owner stay what they are.
+void reset_settings() {
+    log::Logger::install(Logger::write, nullptr, nullptr);
+    log::Logger::set_level(log::INFO);
+    global.config = Configuration();
+}
+
+bool read_configuration() {
+    // Where arguments of the module would come from; nothing fills it.
+    const std::string arguments;
+    return global.config.parse_file(CONFIG_FILE_PATH) &&
+           (arguments.empty() || global.config.parse_args(arguments));
+}
+
+void register_application(switch_loadable_module_interface_t* module_interface) {
+    auto* application = static_cast<switch_application_interface_t*>(
+        switch_loadable_module_create_interface(module_interface, SWITCH_APPLICATION_INTERFACE));
+    application->interface_name = "quorvane";
+    application->application_function = execute_quorvane_app;
+    application->short_desc = "Start quorvane detection";
+    application->long_desc = "Start quorvane detection on the corresponding session";
+    application->syntax = "";
+    application->flags = 0;
+}
+
+void register_api(switch_loadable_module_interface_t* module_interface) {
+    auto* api = static_cast<switch_api_interface_t*>(
+        switch_loadable_module_create_interface(module_interface, SWITCH_API_INTERFACE));
+    api->interface_name = "quorvane";
+    api->desc = "quorvane analyzes and detection";
+    api->function = execute_quorvane_api;
+    api->syntax = API_USAGE;
+}
+
+void unbind(switch_event_node_t*& hook) {
+    if (hook != nullptr) {
+        switch_event_unbind(&hook);
+    }
+}
+
+bool bind(const char* owner, switch_event_types_t event, switch_event_callback_t callback,
+          switch_event_node_t*& hook) {
+    // A load that failed may have left its hook behind.
+    unbind(hook);
+    return switch_event_bind_removable(owner, event, SWITCH_EVENT_SUBCLASS_ANY, callback, nullptr,
+                                       &hook) == SWITCH_STATUS_SUCCESS;
+}
+
+switch_event_callback_t dump_handler(DumpMode mode) {
+    switch (mode) {
+        case DumpMode::ALL:
+            return dump_all_event_handler;
+        case DumpMode::CHANNEL:
+            return dump_channel_event_handler;
+        case DumpMode::CHANNEL_SHORT:
+            return dump_channel_event_short_handler;
+        case DumpMode::NONE:
+            break;
+    }
+    return nullptr;
+}
+
+bool bind_events() {
+    if (!bind("mod_quorvane", SWITCH_EVENT_CHANNEL_DESTROY, channel_destroy_handler,
+              g_channel_destroy_hook)) {
+        switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
+                          nullptr, SWITCH_LOG_ERROR,
+                          "[quorvane]: couldn't bind channel destroy event hook!\n");
+        return false;
+    }
+    const switch_event_callback_t dump_callback = dump_handler(global.config.dump_mode);
+    if (dump_callback != nullptr &&
+        !bind(modname, SWITCH_EVENT_ALL, dump_callback, g_dump_event_hook)) {
+        switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
+                          nullptr, SWITCH_LOG_ERROR, "[quorvane]: couldn't bind event hook!\n");
+        // The first hook stays bound, and the host is about to close this object.
+        stay_mapped();
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+// What a step did is not undone when a later one fails. Intended.
+switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_interface,
+                                  switch_memory_pool_t* pool) {
+    reset_settings();
+    log_line<log::SYSTEM>(QV_PLACE, "build version: \"", QUORVANE_BUILD_IDENTIFIER, "\"");
+    if (!read_configuration()) {
+        log_line<log::ERROR>(QV_PLACE, "failed to load config file [", CONFIG_FILE_PATH, "]");
+        return SWITCH_STATUS_TERM;
+    }
+    if (global.config.level < log::ERROR) {
+        // A text, not a std::exception, and nothing here catches it. Intended.
+        throw std::string("impossible to set log level stricter than 'error' level");
+    }
+    log::Logger::set_level(global.config.level);
+    log_line<log::SYSTEM>(QV_PLACE, "configuration loaded");
+
+    if (!global.socket.open(0, 0)) {
+        return SWITCH_STATUS_TERM;
+    }
+    log_line<log::SYSTEM>(QV_PLACE, "transfer socket opened");
+
+    *module_interface = switch_loadable_module_create_module_interface(pool, modname);
+    register_application(*module_interface);
+    register_api(*module_interface);
+    for (const char* completion : COMPLETIONS) {
+        switch_console_set_complete(completion);
+    }
+    if (!bind_events()) {
+        return SWITCH_STATUS_TERM;
+    }
+    log_line<log::SYSTEM>(QV_PLACE, "module has been loaded");
+    return SWITCH_STATUS_SUCCESS;
+}
+
+// Sends nothing and frees no context: calls that are still tapped end on their own, and
+// this object stays mapped for their sake.
+switch_status_t mod_quorvane_shutdown() {
+    global.socket.close();
+    unbind(g_dump_event_hook);
+    unbind(g_channel_destroy_hook);
+    log_line<log::SYSTEM>(QV_PLACE, "module has been shutdown");
+
+    const std::lock_guard<std::mutex> guard(global.contexts_lock);
+    if (global.contexts.empty()) {
+        stay_no_longer();
+    } else {
+        stay_mapped();
+    }
+    return SWITCH_STATUS_SUCCESS;
+}
+
+}  // namespace qv::freeswitch
+
+// The one symbol that the host looks up; everything else is hidden.
+extern "C" {
+__attribute__((visibility("default")))
+switch_loadable_module_function_table_t mod_quorvane_module_interface = {
+    SWITCH_API_VERSION,
+    qv::freeswitch::mod_quorvane_load,
+    qv::freeswitch::mod_quorvane_shutdown,
+    nullptr,
+    SMODF_NONE,
+};
+}
