@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Runs parse_golden.js with its packages installed into the folder given (made
+# if missing). Ends with 77, which CTest counts as skipped, where Node or npm is
+# missing or the package registry cannot be reached.
+set -euo pipefail
+
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+folder=${1:?usage: run.sh FOLDER}
+
+skip() {
+  echo "skipped: $1"
+  exit 77
+}
+
+for program in node npm; do
+  command -v "$program" >/dev/null || skip "$program is not installed (Debian: apt-get install nodejs npm)"
+done
+major=$(node -p 'process.versions.node.split(".")[0]')
+[ "$major" -ge 18 ] || skip "Node 18 or later is needed, this is $(node --version)"
+
+mkdir -p "$folder"
+folder=$(cd "$folder" && pwd)
+stamp=$(cat "$here/package.json" "$here/package-lock.json" | sha256sum)
+
+# The packages are installed once and again when the lock file has changed.
+if [ "$(cat "$folder/installed" 2>/dev/null || true)" != "$stamp" ]; then
+  rm -rf "$folder/installed" "$folder/node_modules"
+  cp "$here/package.json" "$here/package-lock.json" "$here/.npmrc" "$folder/"
+  log=$folder/install.log
+  if ! (cd "$folder" && timeout 120 npm ci --ignore-scripts --prefer-offline --fetch-retries=1 \
+        --fetch-timeout=20000) >"$log" 2>&1; then
+    if grep -qE 'ENOTFOUND|EAI_AGAIN|ECONNREFUSED|ECONNRESET|ETIMEDOUT|ENETUNREACH|EHOSTUNREACH|ENOTCACHED|ERR_SOCKET_TIMEOUT' "$log"; then
+      skip "the package registry cannot be reached, so the Kaitai Struct compiler could not be fetched"
+    fi
+    cat "$log" >&2
+    echo "npm ci failed" >&2
+    exit 1
+  fi
+  echo "$stamp" >"$folder/installed"
+fi
+
+exec node "$here/parse_golden.js" "$folder"
