@@ -1,0 +1,56 @@
+// Keeps the log lines of a test: installs itself as the logger's sink, and puts the
+// logger back when it goes.
+//
+// One at a time; lines may come from any thread, `lines` is read when they are done.
+#pragma once
+
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "quorvane_lib/log.h"
+
+namespace qv::tests {
+
+struct LogLine {
+    log::Level level;
+    std::string text;
+
+    bool operator==(const LogLine& other) const {
+        return level == other.level && text == other.text;
+    }
+};
+
+inline std::ostream& operator<<(std::ostream& out, const LogLine& line) {
+    return out << "\n  " << log::level_to_string[line.level] << " " << line.text;
+}
+
+class LogRecorder {
+  public:
+    LogRecorder() {
+        log::Logger::m_instance.context = this;
+        log::Logger::m_instance.write = record;
+    }
+    LogRecorder(const LogRecorder&) = delete;
+    LogRecorder& operator=(const LogRecorder&) = delete;
+    ~LogRecorder() {
+        log::Logger::m_instance.context = nullptr;
+        log::Logger::m_instance.write = log::LoggerImpl::dummy_write;
+    }
+
+    std::vector<LogLine> lines;
+    std::vector<std::string> files;  // The source file of each line.
+
+  private:
+    static void record(void* context, const char* file, int /*line*/, const log::Message& message) {
+        auto& recorder = *static_cast<LogRecorder*>(context);
+        const std::lock_guard<std::mutex> guard(recorder.mutex_);
+        recorder.lines.push_back({message.level, message.stream.str()});
+        recorder.files.emplace_back(file);
+    }
+
+    std::mutex mutex_;  // Guards the two lists.
+};
+
+}  // namespace qv::tests

@@ -1,0 +1,69 @@
+// Watches and disturbs the system calls of a test program.
+//
+// A program that links quorvane_system_calls has its own socket, bind, sendto, recv,
+// shutdown, close, connect, getsockname, gethostname, stat and mkdir. They go on to the
+// system's, unless a SystemCalls object lives: then each call is noted, and the outcomes
+// that the test has lined up for it are taken first. Calls may come from any thread.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace qv::tests {
+
+// What becomes of one call.
+struct Outcome {
+    enum class Kind {
+        PASS,    // As usual.
+        FAIL,    // Fails with errno `value`; the system is not asked.
+        LIMIT,   // As usual, but with no more than `value` bytes.
+        ANSWER,  // Returns `value`; the system is not asked.
+    };
+    Kind kind = Kind::PASS;
+    long value = 0;
+
+    static Outcome pass() { return {Kind::PASS, 0}; }
+    static Outcome fail(int error) { return {Kind::FAIL, error}; }
+    static Outcome limit(long bytes) { return {Kind::LIMIT, bytes}; }
+    static Outcome answer(long result) { return {Kind::ANSWER, result}; }
+};
+
+// A call that was made: its integer arguments, its path or address in text, its bytes,
+// and what it returned.
+struct SeenCall {
+    std::string name;
+    std::vector<long> numbers;
+    std::string text;
+    std::string bytes;
+    long result = 0;
+};
+
+// One at a time.
+class SystemCalls {
+  public:
+    SystemCalls();
+    SystemCalls(const SystemCalls&) = delete;
+    SystemCalls& operator=(const SystemCalls&) = delete;
+    ~SystemCalls();
+
+    // Lines up `outcome` for a next call of `name`.
+    void next(const std::string& name, Outcome outcome);
+
+    // The calls so far, of one name or, in order, the names of all.
+    std::vector<SeenCall> seen(const std::string& name) const;
+    std::vector<std::string> names() const;
+
+    // For the wrappers.
+    Outcome take(const std::string& name);
+    void note(SeenCall call);
+
+  private:
+    mutable std::mutex mutex_;  // Guards the two below.
+    std::map<std::string, std::deque<Outcome>> outcomes_;
+    std::vector<SeenCall> seen_;
+};
+
+}  // namespace qv::tests
