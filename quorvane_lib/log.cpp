@@ -42,7 +42,7 @@ bool try_parse_level(const std::string& text, Level& level) {
 std::ostream& format_message(std::ostream& out, const char* file, int line,
                              const Message& message) {
     return out << level_to_string[message.level] << level_to_spaces[message.level]
-               << message_delimiter << file << ":" << line << message_delimiter
+               << message_delimiter << file << ":" << std::to_string(line) << message_delimiter
                << message.stream.str();
 }
 

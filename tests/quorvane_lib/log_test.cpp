@@ -205,6 +205,13 @@ TEST(FormatMessage, ANullFileNameSpoilsTheStreamAndLosesTheRest) {
     EXPECT_EQ(out.str(), "INFO    | ");
 }
 
+TEST(FormatMessage, TheLineIsDecimalWhateverTheStreamWrites) {
+    std::ostringstream out;
+    out << std::hex << std::showbase;
+    format_message(out, "a.cpp", 97, InfoMessage());
+    EXPECT_EQ(out.str(), "INFO    | a.cpp:97 | ");
+}
+
 // The clock stands still in a zone of one's own.
 class FormatTime : public testing::Test {
   protected:
