@@ -206,8 +206,12 @@ std::string get_host_ip(std::uint32_t peer, const std::string& fallback) {
 }
 
 std::string get_host_name() {
+    // The longest name that Linux knows, 64 bytes, and its terminating zero.
     std::array<char, 65> name{};
-    return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : std::string();
+    if (::gethostname(name.data(), name.size()) != 0) {
+        return {};
+    }
+    return {name.data(), ::strnlen(name.data(), name.size())};
 }
 
 Socket::~Socket() {

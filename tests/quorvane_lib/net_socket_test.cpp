@@ -283,6 +283,12 @@ TEST(HostName, IsTheSystemsName) {
     EXPECT_EQ(get_host_name(), name);
 }
 
+TEST(HostName, HasRoomForTheLongestNameThatTheSystemKnows) {
+    const SystemCalls calls;
+    get_host_name();
+    EXPECT_EQ(calls.seen("gethostname")[0].numbers, (std::vector<long>{65}));
+}
+
 TEST(HostName, IsEmptyWhenTheSystemDoesNotTell) {
     SystemCalls calls;
     calls.next("gethostname", Outcome::fail(EFAULT));
