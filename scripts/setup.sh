@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that the project builds and tests with, where they are
+# missing: as root, else with sudo; where neither is possible it names them and stops.
+#
+#   scripts/setup.sh            all packages of scripts/packages.txt
+#   scripts/setup.sh build      without those marked [test], which only the tests need
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+wanted=${1:-all}
+case $wanted in
+    all) lines=$(cat scripts/packages.txt) ;;
+    build) lines=$(grep -v '\[test\]' scripts/packages.txt) ;;
+    *) echo "setup: unknown set of packages '$wanted': all or build" >&2; exit 2 ;;
+esac
+
+missing=()
+while read -r package; do
+    status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
+    # A tool that came from elsewhere, such as npm with its node, will do.
+    [ "$status" = installed ] || command -v "$package" >/dev/null || missing+=("$package")
+done < <(sed 's/#.*//' <<<"$lines" | awk 'NF { print $1 }')
+
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+    if ! command -v sudo >/dev/null; then
+        echo "setup: these packages are missing; install them as root:" >&2
+        echo "  apt-get install ${missing[*]}" >&2
+        exit 1
+    fi
+    as_root=(sudo)
+fi
+
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+log=$(mktemp)
+install() {
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -q --no-install-recommends "${missing[@]}" >"$log" 2>&1
+}
+# The list of packages may be older than the archive: it is read anew once.
+if ! install; then
+    "${as_root[@]}" apt-get update -q >>"$log" 2>&1 || true
+    install || { echo "setup: apt-get failed:" >&2; tail -n 20 "$log" >&2; exit 1; }
+fi
+rm -f "$log"

@@ -1,0 +1,125 @@
+#!/usr/bin/env bash
+# Builds and runs every test of the project, from any folder.
+#
+#   scripts/test.sh                all stages
+#   scripts/test.sh STAGE...       only these: format tidy release asan tsan fuzz
+#
+#   format    the sources are formatted as .clang-format says
+#   tidy      the checks of .clang-tidy find nothing
+#   release   what is shipped: all tests, packages and documents included
+#   asan      the tests under the address and undefined behaviour sanitizers
+#   tsan      the concurrent tests under the thread sanitizer
+#   fuzz      every fuzz target replays its corpus and fuzzes for some seconds
+#
+# Ends with the line "N passed, N failed, N skipped" and exit code 1 if any failed.
+# A tool that cannot be had (a real FreeSWITCH, say) is skipped and said so.
+set -uo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+ALL_STAGES=(format tidy release asan tsan fuzz)
+FUZZ_SECONDS=${FUZZ_SECONDS:-5}
+jobs=$(nproc)
+passed=0 failed=0 skipped=0
+
+say() { printf '\n== %s\n' "$*"; }
+
+# Counts the outcome of one check that is a test by itself.
+check() {
+    local name=$1
+    shift
+    if "$@"; then
+        echo "ok       $name"
+        passed=$((passed + 1))
+    else
+        echo "FAILED   $name"
+        failed=$((failed + 1))
+    fi
+}
+
+cxx_files() { git ls-files '*.h' '*.cpp'; }
+
+format_clean() { cxx_files | xargs clang-format --dry-run -Werror; }
+
+configure_and_build() {
+    local preset=$1
+    shift
+    cmake --preset "$preset" "$@" >"build/$preset-configure.log" 2>&1 ||
+        { cat "build/$preset-configure.log"; return 1; }
+    cmake --build --preset "$preset" -j "$jobs" >"build/$preset-build.log" 2>&1 ||
+        { grep -E 'error|FAILED|warning' -A 5 "build/$preset-build.log" | head -n 60; return 1; }
+}
+
+# The number that attribute $2 has in the results file $1.
+result() { grep -o -m1 "$2=\"[0-9]*\"" "$1" | head -n 1 | grep -o '[0-9]*'; }
+
+# Builds a preset and counts each of its tests.
+run_preset() {
+    local preset=$1 results=$PWD/build/$1-results.xml
+    shift
+    if ! configure_and_build "$preset"; then
+        echo "FAILED   build of $preset"
+        failed=$((failed + 1))
+        return
+    fi
+    rm -f "$results"
+    ctest --preset "$preset" -j "$jobs" --no-tests=error --output-junit "$results" "$@"
+    if [ ! -s "$results" ]; then
+        echo "FAILED   no results of $preset"
+        failed=$((failed + 1))
+        return
+    fi
+    local tests failures not_run
+    tests=$(result "$results" tests)
+    failures=$(result "$results" failures)
+    not_run=$(($(result "$results" skipped) + $(result "$results" disabled)))
+    passed=$((passed + tests - failures - not_run))
+    failed=$((failed + failures))
+    skipped=$((skipped + not_run))
+}
+
+tidy_clean() {
+    cmake --preset tidy >build/tidy-configure.log 2>&1 || { cat build/tidy-configure.log; return 1; }
+    cmake --build build/tidy --target build_identifier >/dev/null || return 1
+    git ls-files 'quorvane_lib/*.cpp' 'module/*.cpp' 'host/*.cpp' 'tools/*.cpp' 'tools/**/*.cpp' |
+        xargs -P "$jobs" -n 2 clang-tidy -p build/tidy --quiet 2>build/tidy-errors.log
+}
+
+stage_format() { check "format" format_clean; }
+stage_tidy() { check "tidy" tidy_clean; }
+stage_release() { run_preset release; }
+stage_asan() { run_preset asan -LE 'uninstrumented'; }
+stage_tsan() { run_preset tsan -L 'concurrent'; }
+stage_fuzz() {
+    if ! configure_and_build fuzz; then
+        echo "FAILED   build of fuzz"
+        failed=$((failed + 1))
+        return
+    fi
+    local target
+    for target in build/fuzz/fuzz/fuzz_*; do
+        [ -x "$target" ] && [ -f "$target" ] || continue
+        check "$(basename "$target")" scripts/fuzz.sh --seconds "$FUZZ_SECONDS" "$(basename "$target")"
+    done
+}
+
+stages=("${@:-${ALL_STAGES[@]}}")
+[ $# -gt 0 ] || stages=("${ALL_STAGES[@]}")
+for stage in "${stages[@]}"; do
+    if [[ " ${ALL_STAGES[*]} " != *" $stage "* ]]; then
+        echo "test: unknown stage '$stage': one of ${ALL_STAGES[*]}" >&2
+        exit 2
+    fi
+done
+
+mkdir -p build
+scripts/setup.sh || exit 1
+for stage in "${stages[@]}"; do
+    say "$stage"
+    started=$SECONDS
+    "stage_$stage"
+    echo "$stage took $((SECONDS - started)) s"
+done
+
+echo
+echo "$passed passed, $failed failed, $skipped skipped"
+[ "$failed" -eq 0 ]
