@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/frame_source.h"
 
@@ -81,6 +82,16 @@ struct MediaStats {
     std::chrono::nanoseconds worst_handling{};  // spent in the bugs, slowest frame
 };
 
+// A bug as it was added.
+struct BugInfo {
+    std::string function;
+    std::string target;  // empty: none
+    switch_media_bug_callback_t callback = nullptr;
+    void* user_data = nullptr;
+    time_t stop_time = 0;
+    switch_media_bug_flag_t flags = 0;
+};
+
 class Call {
   public:
     explicit Call(std::shared_ptr<Session> session);  // for the host
@@ -120,7 +131,10 @@ class Call {
     void stop_media();
     MediaStats media_stats(Direction direction) const;
 
-    std::size_t bugs() const;
+    std::vector<BugInfo> bugs() const;
+    // Hands the bugs an event of any kind on the calling thread, without a frame; true
+    // when none of them refused it.
+    bool raise(switch_abc_type_t type);
 
     // Ends the call on the calling thread, in the host's order: state and cause, hang-up
     // event, CLOSE to every bug, end of the media, wait for read locks, channel-destroy

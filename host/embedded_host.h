@@ -19,9 +19,10 @@
 // An executable gets it with the CMake function quorvane_use_host(TARGET), which also
 // lets modules find the host functions in the executable.
 //
-// Locks, in the order in which they are taken: a session's thread lock, its direction
-// lock, its bug lock, the session table's lock, a session's state lock; the locks of
-// log, events, faults and registry are taken last and hold nothing else.
+// Locks, in the order in which they are taken: the loader's, a session's thread lock, its
+// plan lock, a media leg's, the bug lock of the session; a module's own locks come after
+// these. Then the session table's lock and a session's read lock; those of the media
+// threads, channel, registry, events, faults and log are taken last, one at a time.
 #pragma once
 
 #include <switch.h>

@@ -40,10 +40,25 @@ struct Event {
     std::string body;
 };
 
+// An event in the form in which callbacks get it; borrows its texts from the Event,
+// which must stay as it is meanwhile.
+class EventRecord {
+  public:
+    explicit EventRecord(const Event& event);
+    EventRecord(const EventRecord&) = delete;
+    EventRecord& operator=(const EventRecord&) = delete;
+
+    switch_event_t* get() { return &record_; }
+
+  private:
+    std::vector<switch_event_header_t> headers_;
+    switch_event_t record_{};
+};
+
 class EventBus {
   public:
     EventBus();   // starts the dispatch thread
-    ~EventBus();  // delivers what is queued, then ends the thread
+    ~EventBus();  // stops
     EventBus(const EventBus&) = delete;
     EventBus& operator=(const EventBus&) = delete;
 
@@ -51,6 +66,9 @@ class EventBus {
     // dropped at once.
     void fire(Event event);
     bool wanted(int id) const;
+
+    // Delivers what is queued, then ends the dispatch thread. Once, not from a callback.
+    void stop();
 
     // Returns when everything fired before the call has been delivered. Not from an
     // event callback.
@@ -69,17 +87,21 @@ class EventBus {
     std::uint64_t delivered() const { return delivered_.load(); }
 
   private:
+    using Binding = std::unique_ptr<switch_event_node>;
+
     void run();
     void deliver(const Event& event);
+    void deliver_to(int bound_id, switch_event_t* record);  // bindings_lock_ held, shared
 
     mutable std::shared_mutex bindings_lock_;  // shared by a delivery; guards bindings_
-    std::vector<std::unique_ptr<switch_event_node>> bindings_;
+    std::vector<Binding> bindings_;
 
-    std::mutex queue_lock_;  // guards queue_, busy_, ending_
+    std::mutex queue_lock_;  // guards all up to ending_
     std::condition_variable queued_;
-    std::condition_variable drained_;
+    std::condition_variable done_;
     std::deque<Event> queue_;
-    bool busy_ = false;
+    std::uint64_t fired_count_ = 0;
+    std::uint64_t done_count_ = 0;
     bool ending_ = false;
 
     std::atomic<std::uint64_t> delivered_{0};

@@ -29,7 +29,8 @@ using Samples = std::shared_ptr<const std::vector<std::int16_t>>;
 enum class Repeat { once, forever };
 
 // Frames of `samples_per_frame` samples; the last one holds what is left and may be
-// shorter. Forever: begins again with a full frame, without an end.
+// shorter. Forever: begins again where no full frame is left, without an end, as long
+// as there are samples for one frame.
 std::unique_ptr<FrameSource> play(Samples samples, std::uint32_t samples_per_frame,
                                   Repeat repeat = Repeat::once);
 

@@ -52,7 +52,9 @@ class Log {
     bool wait_for(const std::string& part, std::chrono::milliseconds timeout) const;
     void clear();
 
-    // For the host: what switch_log_printf does, with `userdata` read as text.
+    // For the host: false while nobody wants the text of a line.
+    bool formatting() const { return formatting_.load(std::memory_order_relaxed); }
+    // For the host: completes a line by its text and keeps it.
     void write(LogLine line, va_list arguments);
     // For the host: one line of its own.
     void note(switch_log_level_t level, const std::string& text);

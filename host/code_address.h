@@ -1,0 +1,25 @@
+// Which loaded object a piece of code belongs to. Any thread.
+#pragma once
+
+#include <dlfcn.h>
+
+#include <cstring>
+
+namespace qv::host {
+
+// The address of a function as data, which POSIX allows and C++ leaves open.
+template <typename Function>
+const void* code_address(Function* function) {
+    const void* address = nullptr;
+    static_assert(sizeof(address) == sizeof(function));
+    std::memcpy(&address, &function, sizeof(address));
+    return address;
+}
+
+// Where the object that holds this address is loaded; null when none does.
+inline const void* object_base(const void* address) {
+    Dl_info info{};
+    return dladdr(address, &info) != 0 ? info.dli_fbase : nullptr;
+}
+
+}  // namespace qv::host

@@ -1,0 +1,45 @@
+// Opens modules and closes them again, as the host's loader does.
+//
+// Owned by EmbeddedHost. Loading and unloading go one after the other, whatever the
+// threads they come from.
+#pragma once
+
+#include <switch.h>
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "host/registry.h"
+
+namespace qv::host {
+
+struct LoadResult;
+struct UnloadResult;
+
+class Loader {
+  public:
+    Loader();
+    ~Loader();
+    Loader(const Loader&) = delete;
+    Loader& operator=(const Loader&) = delete;
+
+    LoadResult load(const std::string& path);
+    UnloadResult shutdown(const std::string& name);
+    UnloadResult unload(const std::string& name);
+    void unload_all();
+    std::size_t modules() const;
+
+  private:
+    struct Module;
+
+    void run_load(Module& module, LoadResult& result);
+    void close(Module& module, bool& left_memory, std::size_t& bindings_dropped);
+
+    mutable std::mutex lock_;  // guards modules_ and what is in them
+    std::map<std::string, std::unique_ptr<Module>> modules_;
+};
+
+}  // namespace qv::host

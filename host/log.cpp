@@ -1,0 +1,134 @@
+#include "host/log.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "host/parts.h"
+#include "host/session.h"
+
+namespace qv::host {
+namespace {
+
+// A session as user data stands for its UUID.
+std::optional<std::string> userdata_text(switch_text_channel_t channel, const char* userdata) {
+    if (!userdata)
+        return std::nullopt;
+    if (channel != SWITCH_CHANNEL_ID_SESSION)
+        return userdata;
+    return reinterpret_cast<const switch_core_session*>(userdata)->owner->uuid();
+}
+
+std::optional<std::string> text_of(const char* text) {
+    return text ? std::optional<std::string>(text) : std::nullopt;
+}
+
+std::string format_text(const char* format, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    const int size = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    if (size < 0)
+        return format;
+    std::string text(static_cast<std::size_t>(size) + 1, '\0');
+    std::vsnprintf(text.data(), text.size(), format, arguments);
+    text.pop_back();
+    return text;
+}
+
+}  // namespace
+
+void Log::set_recording(bool on) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    recording_ = on;
+    formatting_ = recording_ || listener_;
+}
+
+void Log::set_listener(Listener listener) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    listener_ = std::move(listener);
+    formatting_ = recording_ || listener_;
+}
+
+std::vector<LogLine> Log::lines() const {
+    std::vector<LogLine> found;
+    const std::lock_guard<std::mutex> guard(lock_);
+    std::copy_if(lines_.begin(), lines_.end(), std::back_inserter(found),
+                 [](const LogLine& line) { return !line.by_host; });
+    return found;
+}
+
+std::vector<LogLine> Log::all_lines() const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return lines_;
+}
+
+std::size_t Log::count_locked(const std::string& part) const {
+    return static_cast<std::size_t>(
+        std::count_if(lines_.begin(), lines_.end(), [&part](const LogLine& line) {
+            return !line.by_host && line.text.find(part) != std::string::npos;
+        }));
+}
+
+std::size_t Log::count(const std::string& part) const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return count_locked(part);
+}
+
+bool Log::wait_for(const std::string& part, std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> guard(lock_);
+    return added_.wait_for(guard, timeout, [&] { return count_locked(part) > 0; });
+}
+
+void Log::clear() {
+    const std::lock_guard<std::mutex> guard(lock_);
+    lines_.clear();
+}
+
+void Log::write(LogLine line, va_list arguments) {
+    line.text = format_text(line.format.c_str(), arguments);
+    keep(std::move(line));
+}
+
+void Log::note(switch_log_level_t level, const std::string& text) {
+    if (!formatting())
+        return;
+    LogLine line;
+    line.level = level;
+    line.format = "%s\n";
+    line.text = text + "\n";
+    line.by_host = true;
+    keep(std::move(line));
+}
+
+void Log::keep(LogLine line) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    if (listener_)
+        listener_(line);
+    if (!recording_)
+        return;
+    lines_.push_back(std::move(line));
+    added_.notify_all();
+}
+
+}  // namespace qv::host
+
+extern "C" void switch_log_printf(switch_text_channel_t channel, const char* file, const char* func,
+                                  int line, const char* userdata, switch_log_level_t level,
+                                  const char* fmt, ...) {
+    auto& log = qv::host::current_host().log;
+    if (!log.formatting())
+        return;
+    qv::host::LogLine record;
+    record.channel = channel;
+    record.level = level;
+    record.file = qv::host::text_of(file);
+    record.function = qv::host::text_of(func);
+    record.line = line;
+    record.userdata = qv::host::userdata_text(channel, userdata);
+    record.format = fmt;
+    va_list arguments;
+    va_start(arguments, fmt);
+    log.write(std::move(record), arguments);
+    va_end(arguments);
+}

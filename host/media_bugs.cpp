@@ -1,0 +1,230 @@
+#include "host/media_bugs.h"
+
+#include <algorithm>
+#include <ctime>
+#include <mutex>
+#include <utility>
+
+#include "host/code_address.h"
+#include "host/parts.h"
+#include "host/session.h"
+
+namespace qv::host {
+namespace {
+
+// Set by the channel variable media_bug_answer_req: no frames before the answer.
+constexpr switch_media_bug_flag_t ANSWER_REQUIRED = 1u << 6;
+
+bool is_true(const char* value) {
+    static constexpr const char* WORDS[] = {"yes",     "on",     "true",  "t",
+                                            "enabled", "active", "allow", "1"};
+    return value && std::any_of(std::begin(WORDS), std::end(WORDS),
+                                [value](const char* word) { return std::string(word) == value; });
+}
+
+bool overdue(const switch_media_bug& bug) {
+    return bug.stop_time != 0 && bug.stop_time <= std::time(nullptr);
+}
+
+std::vector<std::pair<std::string, std::string>> headers_of(const switch_media_bug& bug) {
+    return {{"Media-Bug-Function", bug.function}, {"Media-Bug-Target", bug.target}};
+}
+
+}  // namespace
+
+switch_status_t MediaBugs::add(const BugInfo& wanted, switch_media_bug_t** bug) {
+    *bug = nullptr;
+    auto& host = current_host();
+    if (!session_.channel().ready(true, true) && !session_.channel().pre_answer()) {
+        host.log.note(SWITCH_LOG_ERROR, "no media for a bug on " + session_.channel().name());
+        return SWITCH_STATUS_FALSE;
+    }
+    Bug added(new switch_media_bug{session_.handle(),
+                                   wanted.function,
+                                   wanted.target.empty() ? "N/A" : wanted.target,
+                                   wanted.callback,
+                                   wanted.user_data,
+                                   wanted.stop_time,
+                                   {wanted.flags},
+                                   nullptr,
+                                   nullptr});
+    if (is_true(session_.channel().variable("media_bug_answer_req")))
+        added->flags |= ANSWER_REQUIRED;
+    if (added->callback &&
+        added->callback(added.get(), added->user_data, SWITCH_ABC_TYPE_INIT) == SWITCH_FALSE) {
+        ++host.counters.bugs_refused;
+        host.log.note(SWITCH_LOG_ERROR, "a bug refused to start on " + session_.channel().name());
+        session_.fire(SWITCH_EVENT_MEDIA_BUG_STOP, headers_of(*added));
+        return SWITCH_STATUS_GENERR;
+    }
+    ++host.counters.bugs_added;
+    ++host.counters.bugs_attached;
+    auto headers = headers_of(*added);
+    *bug = append(std::move(added));
+    session_.fire(SWITCH_EVENT_MEDIA_BUG_START, std::move(headers));
+    return SWITCH_STATUS_SUCCESS;
+}
+
+// From here on the bug may already be called, and be gone again.
+switch_media_bug_t* MediaBugs::append(Bug bug) {
+    const std::unique_lock<std::shared_mutex> guard(lock_);
+    bugs_.push_back(std::move(bug));
+    count_ = bugs_.size();
+    return bugs_.back().get();
+}
+
+std::vector<BugInfo> MediaBugs::infos() const {
+    std::vector<BugInfo> all;
+    const std::shared_lock<std::shared_mutex> guard(lock_);
+    for (const Bug& bug : bugs_) {
+        all.push_back({bug->function, bug->target == "N/A" ? "" : bug->target, bug->callback,
+                       bug->user_data, bug->stop_time, bug->flags.load()});
+    }
+    return all;
+}
+
+std::size_t MediaBugs::deliver(Direction direction, switch_frame_t& frame) {
+    std::size_t seen = 0;
+    bool pruning = false;
+    {
+        const std::shared_lock<std::shared_mutex> guard(lock_);
+        for (const Bug& bug : bugs_) {
+            seen += deliver_to(*bug, direction, frame) ? 1 : 0;
+            pruning = pruning || (bug->flags & SMBF_PRUNE);
+        }
+    }
+    if (pruning)
+        prune();
+    return seen;
+}
+
+// False when this bug does not take the frame.
+bool MediaBugs::deliver_to(switch_media_bug& bug, Direction direction, switch_frame_t& frame) {
+    const bool read = direction == Direction::read;
+    const switch_media_bug_flag_t flags = bug.flags;
+    if ((flags & SMBF_PRUNE) || !(flags & (read ? SMBF_READ_REPLACE : SMBF_WRITE_REPLACE)))
+        return false;
+    if ((flags & ANSWER_REQUIRED) && !session_.channel().flag(CF_ANSWERED))
+        return false;
+    switch_frame_t*& slot = read ? bug.read_frame : bug.write_frame;
+    slot = &frame;
+    const switch_bool_t answer = bug.callback(
+        &bug, bug.user_data, read ? SWITCH_ABC_TYPE_READ_REPLACE : SWITCH_ABC_TYPE_WRITE_REPLACE);
+    slot = nullptr;
+    mark(bug, answer);
+    return true;
+}
+
+void MediaBugs::mark(switch_media_bug& bug, switch_bool_t answer) {
+    if (answer == SWITCH_FALSE || overdue(bug))
+        bug.flags |= SMBF_PRUNE;
+}
+
+bool MediaBugs::raise(switch_abc_type_t type) {
+    bool all = true;
+    {
+        const std::shared_lock<std::shared_mutex> guard(lock_);
+        for (const Bug& bug : bugs_) {
+            const switch_bool_t answer = bug->callback(bug.get(), bug->user_data, type);
+            all = all && answer != SWITCH_FALSE;
+            mark(*bug, answer);
+        }
+    }
+    if (!all)
+        prune();
+    return all;
+}
+
+void MediaBugs::prune() {
+    while (Bug bug = take_pruned()) {
+        close(*bug);
+        ++current_host().counters.bugs_pruned;
+        retire(std::move(bug));
+    }
+}
+
+// A bug that is to go, out of the list; null when there is none.
+MediaBugs::Bug MediaBugs::take_pruned() {
+    const std::unique_lock<std::shared_mutex> guard(lock_);
+    const auto found = std::find_if(bugs_.begin(), bugs_.end(),
+                                    [](const Bug& bug) { return bug->flags & SMBF_PRUNE; });
+    if (found == bugs_.end())
+        return nullptr;
+    Bug bug = std::move(*found);
+    bugs_.erase(found);
+    count_ = bugs_.size();
+    return bug;
+}
+
+void MediaBugs::close(switch_media_bug& bug) {
+    if (bug.callback)
+        bug.callback(&bug, bug.user_data, SWITCH_ABC_TYPE_CLOSE);
+    ++current_host().counters.bugs_closed;
+}
+
+void MediaBugs::retire(Bug bug) {
+    --current_host().counters.bugs_attached;
+    session_.fire(SWITCH_EVENT_MEDIA_BUG_STOP, headers_of(*bug));
+}
+
+// The callbacks run under the lock, as they do in the real host.
+void MediaBugs::close_all() {
+    std::vector<Bug> closed;
+    {
+        const std::unique_lock<std::shared_mutex> guard(lock_);
+        for (const Bug& bug : bugs_)
+            close(*bug);
+        closed.swap(bugs_);
+        count_ = 0;
+    }
+    for (Bug& bug : closed)
+        retire(std::move(bug));
+}
+
+std::size_t MediaBugs::drop_of(const void* base) {
+    const std::unique_lock<std::shared_mutex> guard(lock_);
+    const auto kept = std::remove_if(bugs_.begin(), bugs_.end(), [base](const Bug& bug) {
+        return object_base(code_address(bug->callback)) == base;
+    });
+    const auto count = static_cast<std::size_t>(bugs_.end() - kept);
+    bugs_.erase(kept, bugs_.end());
+    count_ = bugs_.size();
+    current_host().counters.bugs_attached -= count;
+    return count;
+}
+
+}  // namespace qv::host
+
+using qv::host::current_host;
+using qv::host::Fault;
+
+extern "C" {
+
+switch_status_t switch_core_media_bug_add(switch_core_session_t* session, const char* function,
+                                          const char* target, switch_media_bug_callback_t callback,
+                                          void* user_data, time_t stop_time,
+                                          switch_media_bug_flag_t flags,
+                                          switch_media_bug_t** new_bug) {
+    const auto& faults = current_host().faults;
+    *new_bug = nullptr;
+    if (faults.on(Fault::bug_refused))
+        return SWITCH_STATUS_FALSE;
+    if (faults.on(Fault::out_of_memory))
+        return SWITCH_STATUS_MEMERR;
+    return session->owner->bugs().add(
+        {function ? function : "N/A", target ? target : "", callback, user_data, stop_time, flags},
+        new_bug);
+}
+
+switch_core_session_t* switch_core_media_bug_get_session(switch_media_bug_t* bug) {
+    return bug->session;
+}
+
+switch_frame_t* switch_core_media_bug_get_read_replace_frame(switch_media_bug_t* bug) {
+    return current_host().faults.on(Fault::null_frame) ? nullptr : bug->read_frame;
+}
+
+switch_frame_t* switch_core_media_bug_get_write_replace_frame(switch_media_bug_t* bug) {
+    return current_host().faults.on(Fault::null_frame) ? nullptr : bug->write_frame;
+}
+}

@@ -1,0 +1,92 @@
+// The threads that play the frames of calls at their times.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <queue>
+#include <thread>
+#include <vector>
+
+#include "host/call.h"
+
+namespace qv::host {
+
+class Session;
+
+// One direction of a playing call. Only its media thread touches it while it plays.
+class MediaStream {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    MediaStream(Session& session, Direction direction, std::unique_ptr<FrameSource> source,
+                Pace pace, Clock::time_point first_due);
+
+    Clock::time_point due() const { return due_; }
+    // Plays the frame that is due and moves on; false at the end of the source.
+    bool step(Clock::time_point now);
+
+  private:
+    friend class MediaThread;
+
+    Session& session_;
+    const Direction direction_;
+    const std::unique_ptr<FrameSource> source_;
+    const Pace pace_;
+    Clock::time_point due_;
+    bool stopped_ = false;  // guarded by its media thread's lock
+};
+
+// A thread that plays streams in the order in which their frames are due.
+class MediaThread {
+  public:
+    MediaThread();
+    ~MediaThread();  // stops its streams
+    MediaThread(const MediaThread&) = delete;
+    MediaThread& operator=(const MediaThread&) = delete;
+
+    void add(std::shared_ptr<MediaStream> stream);
+    // No frame of the stream is under way any more when it returns. Not from a source.
+    void remove(const std::shared_ptr<MediaStream>& stream);
+
+  private:
+    using Stream = std::shared_ptr<MediaStream>;
+    struct Later {
+        bool operator()(const Stream& left, const Stream& right) const {
+            return left->due() > right->due();
+        }
+    };
+
+    void run();
+    // guard holds lock_; given back while the frame plays.
+    void play_next(std::unique_lock<std::mutex>& guard, MediaStream::Clock::time_point now);
+
+    std::mutex lock_;  // guards all up to ending_
+    std::condition_variable changed_;
+    std::condition_variable idle_;
+    std::priority_queue<Stream, std::vector<Stream>, Later> waiting_;
+    Stream playing_;
+    std::size_t removals_ = 0;  // threads inside remove()
+    bool ending_ = false;
+    std::thread thread_;  // last: it uses all above
+};
+
+// The few threads that play the calls which bring none of their own; one set for each
+// direction. Any thread.
+class MediaPool {
+  public:
+    explicit MediaPool(unsigned threads_per_direction);
+
+    // The thread for one more stream, started with the first of them.
+    MediaThread& thread_for(Direction direction);
+
+  private:
+    const unsigned per_direction_;
+    std::mutex lock_;  // guards the two below
+    std::vector<std::unique_ptr<MediaThread>> threads_[2];
+    std::size_t next_[2] = {0, 0};
+};
+
+}  // namespace qv::host

@@ -1,0 +1,49 @@
+// What an EmbeddedHost consists of. For the host's own sources only.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "host/counters.h"
+#include "host/embedded_host.h"
+#include "host/loader.h"
+#include "host/media_threads.h"
+#include "host/session_table.h"
+
+namespace qv::host {
+
+// The host's variables, which stand in for channel variables that are not set.
+class GlobalVariables {
+  public:
+    void set(const std::string& name, const std::string& value);
+    // Stays valid as long as the host, also when the variable is set anew; or null.
+    const char* find(const std::string& name) const;
+
+  private:
+    mutable std::mutex lock_;  // guards the two below
+    std::map<std::string, const char*> values_;
+    std::deque<std::string> texts_;
+};
+
+struct EmbeddedHost::Parts {
+    explicit Parts(HostOptions given) : options(given), pool(given.media_threads) {}
+
+    const HostOptions options;
+    Counters counters;
+    Faults faults;
+    Log log;
+    EventBus events;
+    GlobalVariables variables;
+    Registry registry;
+    SessionTable sessions;
+    MediaPool pool;
+    Loader loader;
+};
+
+// The parts of the one host of this process. A host function that is called while
+// there is no host ends the process with a message.
+EmbeddedHost::Parts& current_host();
+
+}  // namespace qv::host

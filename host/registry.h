@@ -1,0 +1,70 @@
+// The applications and API commands that modules registered, by name, and who is
+// inside them. Names are found whatever their case. Any thread.
+#pragma once
+
+#include <switch.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// What a module's load function fills; its address is what the module holds.
+struct switch_loadable_module_interface {
+    std::string name;
+    std::vector<std::unique_ptr<switch_application_interface_t>> applications;
+    std::vector<std::unique_ptr<switch_api_interface_t>> apis;
+    std::atomic<std::size_t> users{0};  // threads inside one of the functions
+};
+
+// A pool lives as long as its module.
+struct fspr_pool_t {
+    std::vector<std::unique_ptr<switch_loadable_module_interface>> interfaces;
+};
+
+namespace qv::host {
+
+using ModuleInterface = switch_loadable_module_interface;
+
+// A registered function in use; keeps its module from being unloaded.
+template <typename Interface>
+class InUse {
+  public:
+    InUse() = default;
+    explicit InUse(const Interface* found) : interface_(found) { ++interface_->parent->users; }
+    InUse(InUse&& other) noexcept : interface_(other.interface_) { other.interface_ = nullptr; }
+    InUse& operator=(InUse&&) = delete;
+    ~InUse() {
+        if (interface_)
+            --interface_->parent->users;
+    }
+
+    explicit operator bool() const { return interface_ != nullptr; }
+    const Interface* operator->() const { return interface_; }
+
+  private:
+    const Interface* interface_ = nullptr;
+};
+
+class Registry {
+  public:
+    void add(ModuleInterface& module);
+    // False, and nothing changes, while somebody is inside the module.
+    bool remove(ModuleInterface& module);
+
+    InUse<switch_application_interface_t> application(const std::string& name) const;
+    InUse<switch_api_interface_t> api(const std::string& name) const;
+    std::vector<const switch_application_interface_t*> applications() const;
+    std::vector<const switch_api_interface_t*> apis() const;
+
+    void add_completion(const std::string& text);
+    std::vector<std::string> completions() const;
+
+  private:
+    mutable std::mutex lock_;  // guards the two below
+    std::vector<ModuleInterface*> modules_;
+    std::vector<std::string> completions_;
+};
+
+}  // namespace qv::host

@@ -1,0 +1,204 @@
+// A session of the embedded host, with its channel: what stands behind a Call and
+// behind the session and channel pointers that modules get.
+//
+// Shared by the Call and the session table. For the host's own sources only.
+#pragma once
+
+#include <switch.h>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/call.h"
+#include "host/events.h"
+#include "host/media_bugs.h"
+
+namespace qv::host {
+class Session;
+class MediaStream;
+class MediaThread;
+struct HostOptions;
+}  // namespace qv::host
+
+// The pointers that modules hold lead to these; they are freed when the session ends,
+// so that a memory checker sees whoever uses them later.
+struct switch_channel {
+    qv::host::Session* owner;
+};
+struct switch_core_session {
+    qv::host::Session* owner;
+    switch_channel channel;
+};
+
+namespace qv::host {
+
+// Orders texts whatever their case.
+struct CaseBlindLess {
+    bool operator()(const std::string& left, const std::string& right) const;
+};
+
+// The state, the flags, the variables and the times of a channel. Any thread.
+class Channel {
+  public:
+    Channel(const CallOptions& options, const std::string& uuid);
+
+    switch_channel_state_t state() const;
+    switch_call_cause_t cause() const;
+    bool down() const { return state() >= CS_HANGUP; }
+    void set_state(switch_channel_state_t state);
+    void set_cause(switch_call_cause_t cause);
+    // To CS_HANGUP with this cause; false when that has happened before.
+    bool hang_up(switch_call_cause_t cause);
+    void mark_answered();
+
+    std::uint32_t flag(int flag) const;
+    void set_flag(int flag, std::uint32_t value);
+
+    // Up for use, and with `media` also able to carry it.
+    bool ready(bool usable, bool media) const;
+    // Brings up early media; false when there is none to have.
+    bool pre_answer();
+
+    void set_variable(const std::string& name, const std::string& value);
+    // Stays valid as long as the channel, also when the variable is set anew; or null.
+    const char* variable(const std::string& name) const;
+
+    switch_channel_timetable_t* timetable() { return has_times_ ? &times_ : nullptr; }
+    switch_call_direction_t direction() const { return direction_; }
+    const std::string& name() const { return name_; }
+    const char* call_state() const;
+
+  private:
+    static constexpr std::size_t FLAGS = 256;
+
+    const std::string name_;
+    const switch_call_direction_t direction_;
+    const MediaState media_;
+    const bool has_times_;
+    switch_channel_timetable_t times_{};
+
+    std::array<std::atomic<std::uint32_t>, FLAGS> flags_{};
+    mutable std::mutex lock_;  // guards all below, and times_
+    bool hung_up_ = false;
+    switch_channel_state_t state_;
+    switch_call_cause_t cause_ = SWITCH_CAUSE_NONE;
+    std::map<std::string, const char*, CaseBlindLess> variables_;
+    std::deque<std::string> texts_;  // every value a variable ever had
+};
+
+// Counts who looks at the session, and lets its end wait for them. Any thread.
+class ReadLock {
+  public:
+    bool try_lock();
+    // False when nobody holds the lock.
+    bool unlock();
+    // From here on nobody gets the lock; false when holders remain after `patience`.
+    bool close(std::chrono::milliseconds patience);
+    std::size_t holders() const;
+
+  private:
+    mutable std::mutex lock_;  // guards the two below
+    std::condition_variable released_;
+    std::size_t holders_ = 0;
+    bool closed_ = false;
+};
+
+// One direction of a session's media: its frame, its buffers, its numbers.
+class MediaLeg {
+  public:
+    MediaLeg(Session& session, Direction direction) : session_(session), direction_(direction) {}
+
+    // Hands out a copy of the data, or what the source gives; nothing at its end.
+    FrameResult feed(const void* data, std::size_t size);
+    FrameResult feed(switch_frame_t& frame);
+    std::optional<FrameResult> feed_from(FrameSource& source, std::chrono::nanoseconds lateness);
+    MediaStats stats() const;
+
+  private:
+    // lock_ held by the callers of these.
+    FrameResult hand_out_buffer(std::uint32_t size);
+    FrameResult hand_out(switch_frame_t& frame);
+    void reserve(std::size_t size);
+
+    Session& session_;
+    const Direction direction_;
+    mutable std::mutex lock_;  // guards all below; held while the bugs see a frame
+    std::vector<std::uint8_t> buffer_;
+    std::vector<std::uint8_t> original_;
+    switch_frame_t frame_{};
+    MediaStats stats_;
+};
+
+class Session : public std::enable_shared_from_this<Session> {
+  public:
+    Session(CallOptions options, std::string uuid);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    const std::string& uuid() const { return uuid_; }
+    const CallOptions& options() const { return options_; }
+    Channel& channel() { return channel_; }
+    ReadLock& read_lock() { return read_lock_; }
+    MediaBugs& bugs() { return bugs_; }
+    MediaLeg& leg(Direction direction) { return direction == Direction::read ? read_ : write_; }
+    switch_core_session_t* handle() const { return handle_.get(); }
+    switch_codec_t* codec() { return &codec_; }
+
+    bool over() const { return over_.load(); }
+    bool execute(const std::string& application, const std::string& data);
+    bool hangup(switch_call_cause_t cause);
+
+    void start_media(MediaPlan plan);
+    void stop_media();
+    bool wait_media(std::chrono::milliseconds timeout);
+    void media_ended();  // for a stream: one direction came to its end
+
+    // An event about this channel, with the host's usual headers and then `more`.
+    Event event(int id, std::vector<std::pair<std::string, std::string>> more = {});
+    void fire(int id, std::vector<std::pair<std::string, std::string>> more = {});
+
+  private:
+    void start_stream(Direction direction, std::unique_ptr<FrameSource> source,
+                      const MediaPlan& plan);
+    void stop_stream(Direction direction);
+    void destroy();
+
+    const CallOptions options_;
+    const std::string uuid_;
+    std::unique_ptr<switch_core_session> handle_;
+    std::string codec_name_;
+    switch_codec_implementation_t implementation_{};
+    switch_codec_t codec_{};
+    Channel channel_;
+    ReadLock read_lock_;
+    MediaBugs bugs_;
+    MediaLeg read_;
+    MediaLeg write_;
+
+    std::atomic<bool> over_{false};  // hang-up has begun
+    std::mutex thread_lock_;         // held by whatever runs as the session's own thread
+
+    // One direction of a plan: its stream, and the thread that plays it.
+    struct Playing {
+        std::shared_ptr<MediaStream> stream;
+        MediaThread* thread = nullptr;
+        std::unique_ptr<MediaThread> own_thread;
+    };
+
+    std::mutex plan_lock_;  // guards playing_; held while streams start and stop
+    std::array<Playing, 2> playing_;
+    std::mutex ends_lock_;  // guards streams_left_
+    std::condition_variable ended_;
+    int streams_left_ = 0;
+};
+
+}  // namespace qv::host

@@ -1,0 +1,60 @@
+#include "host/session_table.h"
+
+#include "host/parts.h"
+#include "host/session.h"
+
+namespace qv::host {
+
+bool SessionTable::add(const std::shared_ptr<Session>& session) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return sessions_.emplace(session->uuid(), session).second;
+}
+
+void SessionTable::remove(const std::string& uuid) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    sessions_.erase(uuid);
+}
+
+// Held until the session has its lock, so that it cannot end in between.
+switch_core_session_t* SessionTable::locate(const std::string& uuid) const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    const auto found = sessions_.find(uuid);
+    if (found == sessions_.end() || !found->second->read_lock().try_lock())
+        return nullptr;
+    if (found->second->channel().down()) {
+        found->second->read_lock().unlock();
+        return nullptr;
+    }
+    auto& counters = current_host().counters;
+    ++counters.read_locks_held;
+    ++counters.read_locks_taken;
+    return found->second->handle();
+}
+
+std::vector<std::shared_ptr<Session>> SessionTable::all() const {
+    std::vector<std::shared_ptr<Session>> sessions;
+    const std::lock_guard<std::mutex> guard(lock_);
+    sessions.reserve(sessions_.size());
+    for (const auto& [uuid, session] : sessions_)
+        sessions.push_back(session);
+    return sessions;
+}
+
+std::size_t SessionTable::size() const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return sessions_.size();
+}
+
+void SessionTable::keep(std::shared_ptr<Session> session) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    kept_.push_back(std::move(session));
+}
+
+std::size_t SessionTable::drop_bugs_of(const void* base) {
+    std::size_t count = 0;
+    for (const auto& session : all())
+        count += session->bugs().drop_of(base);
+    return count;
+}
+
+}  // namespace qv::host
