@@ -38,7 +38,7 @@ export DEBIAN_FRONTEND=noninteractive
 log=$(mktemp)
 install() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y -q --no-install-recommends "${missing[@]}" >"$log" 2>&1
+        apt-get -o DPkg::Lock::Timeout=120 install -y -q --no-install-recommends "${missing[@]}" >"$log" 2>&1
 }
 # The list of packages may be older than the archive: it is read anew once.
 if ! install; then
