@@ -154,4 +154,170 @@ inline features16_t get_features(const unsigned char* in) {
     return {in[0], in[1]};
 }
 
+// A decoded datagram. The pointers lead into the datagram, which must outlive the
+// packet; the fields of other packet types hold zero.
+struct Packet {
+    PacketType type = PacketType::TERMINATE;
+    std::uint16_t leg_word = 0;  // Call flags of a start packet.
+    std::uint64_t call_key = 0;
+    const unsigned char* call_uuid = nullptr;  // UUID_SIZE bytes.
+    std::int64_t send_time = 0;                // Steady clock.
+
+    // Start packet.
+    std::uint64_t created_time = 0;     // Wall clock.
+    std::uint64_t configured_time = 0;  // Wall clock.
+    std::int64_t configured_clock = 0;  // Steady clock.
+    std::uint64_t rule_id = 0;
+    const unsigned char* report_node_address = nullptr;  // 4 bytes, as they are written: a.b.c.d.
+    std::uint16_t report_node_port = 0;                  // Host byte order.
+    const char* call_reference = nullptr;                // Ends in a zero byte.
+    std::size_t call_reference_length = 0;               // Without the zero byte at the end.
+
+    // Start packet: the features in effect. Control packet: the update.
+    features16_t features{};
+
+    // Data packet.
+    std::uint32_t sequence_number = 0;
+    std::uint32_t sample_offset = 0;
+    std::uint16_t sample_count = 0;
+    const unsigned char* audio = nullptr;  // sample_count little-endian 16-bit samples.
+
+    bool outbound() const { return (leg_word & FLAG_OUTBOUND) != 0; }
+    bool report_node_given() const { return (leg_word & FLAG_REPORT_NODE) != 0; }
+    bool rule_id_given() const { return (leg_word & FLAG_RULE_ID) != 0; }
+    std::uint8_t leg() const { return (leg_word & LEG_WRITE) != 0 ? WRITE_LEG : READ_LEG; }
+    bool terminator_side() const { return (leg_word & LEG_TERMINATOR_SIDE) != 0; }
+};
+
+// What decode_packet() found.
+enum class DecodeResult : std::uint8_t {
+    OK,
+    TOO_SHORT,
+    TOO_LONG,
+    BAD_MAGIC,
+    UNKNOWN_VERSION,
+    UNKNOWN_TYPE,
+    WRONG_LENGTH,
+    TOO_MANY_SAMPLES,
+    NO_CALL_REFERENCE,
+    UNTERMINATED_CALL_REFERENCE,
+};
+constexpr std::size_t DECODE_RESULT_COUNT = 10;
+
+// The reason in words, without the values of the datagram.
+constexpr const char* describe(DecodeResult result) {
+    switch (result) {
+        case DecodeResult::OK:
+            return "ok";
+        case DecodeResult::TOO_SHORT:
+            return "too short for its packet type";
+        case DecodeResult::TOO_LONG:
+            return "longer than any packet";
+        case DecodeResult::BAD_MAGIC:
+            return "bad magic";
+        case DecodeResult::UNKNOWN_VERSION:
+            return "unknown protocol version";
+        case DecodeResult::UNKNOWN_TYPE:
+            return "unknown packet type";
+        case DecodeResult::WRONG_LENGTH:
+            return "length differs from what its fields say";
+        case DecodeResult::TOO_MANY_SAMPLES:
+            return "more samples than a packet can hold";
+        case DecodeResult::NO_CALL_REFERENCE:
+            return "call reference of length zero";
+        case DecodeResult::UNTERMINATED_CALL_REFERENCE:
+            return "call reference without its final zero";
+    }
+    return "unknown result";
+}
+
+// The fields of each packet type; the common ones have been decoded.
+inline DecodeResult decode_start(const unsigned char* data, std::size_t size, Packet& packet) {
+    if (size < CALL_REFERENCE_OFFSET) {
+        return DecodeResult::TOO_SHORT;
+    }
+    const std::size_t reference_size = get_u16(data + CALL_REFERENCE_LENGTH_OFFSET);
+    if (size != CALL_REFERENCE_OFFSET + reference_size) {
+        return DecodeResult::WRONG_LENGTH;
+    }
+    if (reference_size == 0) {
+        return DecodeResult::NO_CALL_REFERENCE;
+    }
+    if (data[size - 1] != 0) {
+        return DecodeResult::UNTERMINATED_CALL_REFERENCE;
+    }
+    packet.created_time = get_u64(data + CREATED_TIME_OFFSET);
+    packet.configured_time = get_u64(data + CONFIGURED_TIME_OFFSET);
+    packet.configured_clock = static_cast<std::int64_t>(get_u64(data + CONFIGURED_CLOCK_OFFSET));
+    packet.rule_id = get_u64(data + RULE_ID_OFFSET);
+    packet.report_node_address = data + REPORT_NODE_ADDRESS_OFFSET;
+    packet.report_node_port = static_cast<std::uint16_t>(data[REPORT_NODE_PORT_OFFSET] << 8 |
+                                                         data[REPORT_NODE_PORT_OFFSET + 1]);
+    packet.features = get_features(data + START_FEATURES_OFFSET);
+    packet.call_reference = reinterpret_cast<const char*>(data + CALL_REFERENCE_OFFSET);
+    packet.call_reference_length = reference_size - 1;
+    return DecodeResult::OK;
+}
+
+inline DecodeResult decode_data(const unsigned char* data, std::size_t size, Packet& packet) {
+    if (size < AUDIO_OFFSET) {
+        return DecodeResult::TOO_SHORT;
+    }
+    const std::uint16_t sample_count = get_u16(data + SAMPLE_COUNT_OFFSET);
+    if (sample_count > MAX_AUDIO_SIZE / 2) {
+        return DecodeResult::TOO_MANY_SAMPLES;
+    }
+    if (size != AUDIO_OFFSET + std::size_t{sample_count} * 2) {
+        return DecodeResult::WRONG_LENGTH;
+    }
+    packet.sequence_number = get_u32(data + SEQUENCE_NUMBER_OFFSET);
+    packet.sample_offset = get_u32(data + SAMPLE_OFFSET_OFFSET);
+    packet.sample_count = sample_count;
+    packet.audio = data + AUDIO_OFFSET;
+    return DecodeResult::OK;
+}
+
+inline DecodeResult decode_control(const unsigned char* data, std::size_t size, Packet& packet) {
+    if (size != CONTROL_SIZE) {
+        return size < CONTROL_SIZE ? DecodeResult::TOO_SHORT : DecodeResult::WRONG_LENGTH;
+    }
+    packet.features = get_features(data + CONTROL_FEATURES_OFFSET);
+    return DecodeResult::OK;
+}
+
+// Decodes the datagram of `size` bytes at `data`, for receivers; allocates nothing.
+// `packet` has a meaning only when the result is OK. Unknown bits of the leg word and
+// of the features are accepted, so that later senders can use them.
+inline DecodeResult decode_packet(const unsigned char* data, std::size_t size, Packet& packet) {
+    if (size < COMMON_SIZE) {
+        return DecodeResult::TOO_SHORT;
+    }
+    if (size > MAX_PACKET_SIZE) {
+        return DecodeResult::TOO_LONG;
+    }
+    if (get_u32(data + MAGIC_OFFSET) != PACKET_MAGIC) {
+        return DecodeResult::BAD_MAGIC;
+    }
+    if (data[VERSION_OFFSET] != PROTOCOL_VERSION) {
+        return DecodeResult::UNKNOWN_VERSION;
+    }
+    packet = Packet{};
+    packet.type = static_cast<PacketType>(data[TYPE_OFFSET]);
+    packet.leg_word = get_u16(data + LEG_WORD_OFFSET);
+    packet.call_key = get_u64(data + CALL_KEY_OFFSET);
+    packet.call_uuid = data + CALL_UUID_OFFSET;
+    packet.send_time = static_cast<std::int64_t>(get_u64(data + SEND_TIME_OFFSET));
+    switch (packet.type) {
+        case PacketType::START:
+            return decode_start(data, size, packet);
+        case PacketType::DATA:
+            return decode_data(data, size, packet);
+        case PacketType::CONTROL:
+            return decode_control(data, size, packet);
+        case PacketType::TERMINATE:
+            return size == TERMINATE_SIZE ? DecodeResult::OK : DecodeResult::WRONG_LENGTH;
+    }
+    return DecodeResult::UNKNOWN_TYPE;
+}
+
 }  // namespace qv::media
