@@ -1,0 +1,83 @@
+// One call as the receiver knows it. Owned by the call table; others only read it, and
+// only while a listener's function runs. Belongs to one thread.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "module/media_packet.h"
+#include "tools/node/level_meter.h"
+#include "tools/node/rate_estimator.h"
+#include "tools/node/recording.h"
+#include "tools/node/side_tracker.h"
+#include "tools/node/types.h"
+
+namespace qv::tools::node {
+
+// The start packet's fields, kept.
+struct StartFields {
+    std::uint16_t call_flags = 0;
+    std::int64_t send_time = 0;
+    std::uint64_t created_time = 0;
+    std::uint64_t configured_time = 0;
+    std::int64_t configured_clock = 0;
+    std::uint64_t rule_id = 0;
+    std::string report_node;  // Empty when not given.
+    media::features16_t features{};
+    std::string call_reference;
+
+    bool outbound() const { return (call_flags & media::FLAG_OUTBOUND) != 0; }
+    bool rule_id_given() const { return (call_flags & media::FLAG_RULE_ID) != 0; }
+};
+
+struct CallSide {
+    explicit CallSide(const SideTracker::Limits& limits) : tracker(limits) {}
+
+    SideTracker tracker;
+    RateEstimator rate;
+    LevelMeter level;
+    std::optional<std::uint8_t> leg;   // Which leg carries the side; set by its first packet.
+    std::int64_t first_send_time = 0;  // Of the side's first packet.
+    std::int64_t last_send_time = 0;
+    std::uint64_t bytes = 0;      // Of audio that came, repeated audio included.
+    int sample_rate = 0;          // 0 while it is not known.
+    bool rate_assumed = false;    // The rate could not be told from the packets.
+    std::uint64_t joined_at = 0;  // Sample offset at which a late receiver began.
+};
+
+enum class CallState { ACTIVE, ENDING };
+
+enum class EndReason {
+    TERMINATED,  // The terminate packet came.
+    REPLACED,    // Another start of the same call came without a terminate.
+    TIMED_OUT,   // Nothing came for too long.
+    TOO_OLD,
+    SHUTDOWN,  // The receiver ends.
+};
+
+struct Call {
+    Call(const Uuid& call_uuid, std::uint64_t key, const SideTracker::Limits& limits)
+        : uuid(call_uuid), call_key(key), sides{CallSide(limits), CallSide(limits)} {}
+
+    const Uuid uuid;
+    const std::uint64_t call_key;
+    CallState state = CallState::ACTIVE;
+    std::optional<StartFields> start;  // Nothing until the start packet comes.
+    bool started_late = false;         // Other packets came before the start packet.
+    media::features16_t features{};    // In effect: the start's, and the updates'.
+    std::uint64_t control_packets = 0;
+    Micros first_seen{0};
+    Micros last_seen{0};
+    Micros ends_at{0};  // While ENDING.
+    std::array<CallSide, SIDE_COUNT> sides;
+    std::unique_ptr<Recording> recording;
+    bool file_error_reported = false;
+
+    CallSide& side(Side which) { return sides[index_of(which)]; }
+    const CallSide& side(Side which) const { return sides[index_of(which)]; }
+};
+
+}  // namespace qv::tools::node

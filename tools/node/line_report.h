@@ -1,0 +1,33 @@
+// Tells of calls and packets in lines for people. Belongs to one thread.
+#pragma once
+
+#include <ostream>
+#include <string>
+
+#include "tools/node/call_listener.h"
+
+namespace qv::tools::node {
+
+class LineReport : public CallListener {
+  public:
+    // `out` must outlive the report; each line is flushed.
+    explicit LineReport(std::ostream& out) : out_(out) {}
+
+    void started(const Call& call, const media::Packet& packet) override;
+    void features_changed(const Call& call, const media::Packet& packet) override;
+    void terminated(const Call& call, const media::Packet& packet) override;
+    void gap(const Call& call, Side side, const Gap& gap) override;
+    void file_failed(const Call& call, const FileReport& file) override;
+    void ended(const Call& call, EndReason reason) override;
+
+    // A line without a call.
+    void say(const std::string& what, const std::string& text);
+
+  private:
+    void line(const Call& call, const std::string& what, const std::string& text);
+    void side_line(const Call& call, Side side);
+
+    std::ostream& out_;
+};
+
+}  // namespace qv::tools::node

@@ -1,0 +1,124 @@
+#include "tools/node/options.h"
+
+#include <CLI/CLI.hpp>
+
+#include "quorvane_lib/net_socket.h"
+
+namespace qv::tools::node {
+
+namespace {
+
+Micros micros_of(double seconds) {
+    return std::chrono::duration_cast<Micros>(std::chrono::duration<double>(seconds));
+}
+
+void add_span(CLI::App& app, const std::string& name, Micros& into, const std::string& help,
+              CLI::Range range) {
+    app.add_option_function<double>(
+           name, [&into](double seconds) { into = micros_of(seconds); }, help)
+        ->check(range)
+        ->type_name("SECONDS")
+        ->default_str(CLI::detail::to_string(std::chrono::duration<double>(into).count()));
+}
+
+std::string check_address(const std::string& text) {
+    sockaddr_in address{};
+    if (text.empty() || !net::parse_addr(text.c_str(), nullptr, address)) {
+        return "'" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000";
+    }
+    return {};
+}
+
+void add_output_options(CLI::App& app, Options& options) {
+    app.add_option("-l,--listen", options.listen_text,
+                   "UDP address and port; port 0 takes a free one and prints it")
+        ->check(check_address)
+        ->type_name("ADDRESS:PORT")
+        ->capture_default_str();
+    app.add_option("-o,--output", options.folder, "Folder of the WAV files, made if it is missing")
+        ->type_name("FOLDER")
+        ->capture_default_str();
+    app.add_flag("--overwrite", options.overwrite,
+                 "Replace files of earlier runs (else the new ones get a number)");
+    app.add_flag("-q,--quiet", options.quiet, "No line for each packet and call");
+}
+
+void add_exit_options(CLI::App& app, Options& options) {
+    app.add_option("--calls", options.calls, "End after N calls have ended")->type_name("N");
+    app.add_option("--idle-exit", options.idle_exit_s,
+                   "End after so long without any packet, the wait for the first one included")
+        ->check(CLI::Range(0.0, 1e6))
+        ->type_name("SECONDS");
+}
+
+void add_audio_options(CLI::App& app, Options& options) {
+    CallLimits& limits = options.limits;
+    app.add_option("-r,--rate", limits.sample_rate,
+                   "Sample rate of all calls (else told from sample offset against send time)")
+        ->check(CLI::Range(1000, 384000))
+        ->type_name("HZ");
+    app.add_option("--max-reorder", limits.side.reorder_packets,
+                   "Packets a side that wait for an earlier one")
+        ->check(CLI::Range(0, 1000))
+        ->type_name("N")
+        ->capture_default_str();
+    add_span(app, "--reorder-wait", limits.side.reorder_wait, "How long they wait",
+             CLI::Range(0.0, 10.0));
+    app.add_option("--max-silence", limits.max_silence_s, "Longest silence for one gap")
+        ->check(CLI::Range(0.0, 3600.0))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+}
+
+void add_limit_options(CLI::App& app, Options& options) {
+    CallLimits& limits = options.limits;
+    app.add_option("--max-calls", limits.max_calls, "Calls at once; packets of others are dropped")
+        ->check(CLI::Range(1, 10'000'000))
+        ->type_name("N")
+        ->capture_default_str();
+    add_span(app, "--call-timeout", limits.idle, "End a call after so long without a packet",
+             CLI::Range(0.1, 86400.0));
+    add_span(app, "--max-call-age", limits.max_age, "End a call that is older",
+             CLI::Range(0.1, 7 * 86400.0));
+    add_span(app, "--linger", limits.linger, "Wait for late packets after a terminate packet",
+             CLI::Range(0.0, 60.0));
+    app.add_option("--max-open-files", options.max_open_files,
+                   "Files open at once; others are closed and opened again (default: what the "
+                   "system allows)")
+        ->check(CLI::Range(1, 1'000'000))
+        ->type_name("N");
+    app.add_option("--block", options.block_kib, "Audio gathered before it is written, a side")
+        ->check(CLI::Range(1, 4096))
+        ->type_name("KIB")
+        ->capture_default_str();
+    app.add_option("--receive-buffer", options.receive_buffer_mib, "Receive buffer of the socket")
+        ->check(CLI::Range(1, 1024))
+        ->type_name("MIB")
+        ->capture_default_str();
+}
+
+}  // namespace
+
+std::optional<int> parse_options(int argc, char** argv, Options& options) {
+    CLI::App app(
+        "Receives the audio of calls from mod_quorvane and writes it as WAV files, one a side.\n"
+        "SIGINT and SIGTERM end it with all files complete.",
+        "quorvane-node");
+    app.footer(
+        "Exit codes: 0 fine; 1 a file could not be written, or --idle-exit came before --calls;\n"
+        "2 wrong command line; 3 the port or the folder cannot be used.");
+    add_output_options(app, options);
+    add_exit_options(app, options);
+    add_audio_options(app, options);
+    add_limit_options(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_FINE : EXIT_USAGE;
+    }
+    net::parse_addr(options.listen_text.c_str(), nullptr, options.listen);
+    options.listen.sin_family = AF_INET;
+    return std::nullopt;
+}
+
+}  // namespace qv::tools::node

@@ -1,0 +1,67 @@
+// The UDP socket of the receiver: takes datagrams out of the kernel in batches.
+//
+// Belongs to the thread that runs the event loop.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/udp.hpp>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tools/node/types.h"
+
+namespace qv::tools::node {
+
+class Receiver {
+  public:
+    // Called for each datagram, with the time at which its batch was taken; `data` is
+    // valid until it returns. Datagrams longer than LARGEST come cut to that.
+    using OnDatagram = std::function<void(const unsigned char* data, std::size_t size, Micros now)>;
+
+    static constexpr std::size_t LARGEST = 2048;
+
+    Receiver(asio::io_context& loop, OnDatagram on_datagram);
+
+    // Binds to `address` and asks the system for `buffer_bytes` of room. Returns what
+    // went wrong, empty for success.
+    std::string open(const sockaddr_in& address, int buffer_bytes);
+
+    // Begins to call `on_datagram`.
+    void start();
+
+    // Takes in what is there already, without waiting, and stops.
+    void drain_and_stop();
+
+    std::uint16_t port() const;
+    // What the system granted, in bytes.
+    int granted_buffer() const;
+    // Datagrams that the system threw away because the buffer was full.
+    std::uint64_t overflowed() const { return overflowed_; }
+    std::uint64_t received() const { return received_; }
+
+  private:
+    static constexpr unsigned BATCH = 128;
+    static constexpr unsigned BATCHES_PER_TURN = 16;
+    static constexpr std::size_t CONTROL_BYTES = 64;
+
+    void wait();
+    unsigned receive_batch();
+    void read_overflow(const msghdr& header);
+
+    asio::ip::udp::socket socket_;
+    OnDatagram on_datagram_;
+    std::vector<unsigned char> buffers_;
+    std::vector<unsigned char> controls_;
+    std::vector<iovec> parts_;
+    std::vector<mmsghdr> headers_;
+    std::uint64_t received_ = 0;
+    std::uint64_t overflowed_ = 0;
+    std::uint32_t last_overflow_ = 0;  // The kernel's counter, which wraps.
+};
+
+}  // namespace qv::tools::node

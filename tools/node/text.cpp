@@ -1,0 +1,128 @@
+#include "tools/node/text.h"
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
+#include "quorvane_lib/utils_str.h"
+
+namespace qv::tools::node {
+
+namespace {
+
+constexpr std::size_t LONGEST_QUOTED = 200;
+
+struct FeatureName {
+    const char* name;
+    std::uint8_t mask;
+};
+constexpr FeatureName FEATURE_NAMES[] = {
+    {"audio activity", media::feature_mask(media::Features::AudioActivity)},
+    {"detection", media::feature_mask(media::Features::SampleDetection)},
+    {"recording", media::FEATURE_RECORD},
+    {"reserved", 0x03},
+};
+
+template <typename... Values>
+std::string format(const char* pattern, Values... values) {
+    char text[96];
+    std::snprintf(text, sizeof text, pattern, values...);
+    return text;
+}
+
+std::string side_state(media::features16_t features, unsigned bit, const char* side) {
+    if ((features.supported & bit) == 0) {
+        return {};
+    }
+    return std::string((features.active & bit) != 0 ? "on " : "off ") + side;
+}
+
+std::string feature_text(media::features16_t features, const FeatureName& feature) {
+    const unsigned mask = feature.mask;
+    const unsigned active = features.active & mask;
+    const std::string name = feature.name;
+    if ((features.supported & mask) == mask && (active == 0 || active == mask)) {
+        return name + (active != 0 ? " on both" : " off both");
+    }
+    const unsigned originator = mask & (0U - mask);  // The lower bit.
+    const std::string first = side_state(features, originator, "originator");
+    const std::string second = side_state(features, mask & ~originator, "terminator");
+    return name + ' ' + first + (!first.empty() && !second.empty() ? ", " : "") + second;
+}
+
+}  // namespace
+
+std::string uuid_text(const Uuid& uuid) {
+    return utils::str::print_uuid(uuid.data());
+}
+
+std::string key_text(std::uint64_t call_key) {
+    return format("0x%016llx", static_cast<unsigned long long>(call_key));
+}
+
+std::string address_text(const unsigned char* address, std::uint16_t port) {
+    return format("%u.%u.%u.%u:%u", unsigned{address[0]}, unsigned{address[1]},
+                  unsigned{address[2]}, unsigned{address[3]}, unsigned{port});
+}
+
+std::string quoted(std::string_view text) {
+    std::string out = "\"";
+    for (const char c : text.substr(0, LONGEST_QUOTED)) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte >= 0x7F) {
+            out += format("\\x%02x", unsigned{byte});
+        } else {
+            if (c == '"' || c == '\\') {
+                out += '\\';
+            }
+            out += c;
+        }
+    }
+    out += text.size() > LONGEST_QUOTED ? "...\"" : "\"";
+    return out;
+}
+
+std::string features_text(media::features16_t features) {
+    std::string out;
+    for (const FeatureName& feature : FEATURE_NAMES) {
+        if ((features.supported & feature.mask) != 0) {
+            out += (out.empty() ? "" : "; ") + feature_text(features, feature);
+        }
+    }
+    return out.empty() ? "no features" : out;
+}
+
+std::string duration_text(double seconds) {
+    if (seconds < 59.95) {
+        return format("%.1f s", seconds);
+    }
+    const long whole = std::lround(seconds);
+    if (whole < 3600) {
+        return format("%ld min %02ld s", whole / 60, whole % 60);
+    }
+    return format("%ld h %02ld min", whole / 3600, whole / 60 % 60);
+}
+
+std::string grouped(std::uint64_t value) {
+    std::string digits = std::to_string(value);
+    for (std::size_t at = digits.size(); at > 3;) {
+        at -= 3;
+        digits.insert(at, 1, ',');
+    }
+    return digits;
+}
+
+std::string counted(std::uint64_t count, const char* noun) {
+    return grouped(count) + ' ' + noun + (count == 1 ? "" : "s");
+}
+
+std::string time_of_day() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    return format("%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min, local.tm_sec,
+                  now.tv_nsec / 1'000'000);
+}
+
+}  // namespace qv::tools::node
