@@ -90,6 +90,7 @@ inline std::vector<std::string> golden_malformed() {
             "malformed_start_reference_absent",
             "malformed_start_reference_open",
             "malformed_start_reference_truncated",
+            "malformed_start_too_long",
             "malformed_start_trailing",
             "malformed_start_truncated",
             "malformed_terminate_trailing",
