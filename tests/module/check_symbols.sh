@@ -1,0 +1,78 @@
+#!/usr/bin/env bash
+# Checks what the built module asks of the process that loads it and what it shows to it.
+#
+#     check_symbols.sh PATH/mod_quorvane.so
+set -u
+module=$1
+failures=0
+
+fail() {
+    echo "FAILED: $*"
+    failures=$((failures + 1))
+}
+
+# The host functions that the module may use. Any other one would tie it to a host that
+# has it.
+allowed='
+switch_channel_direction
+switch_channel_get_cause
+switch_channel_get_state
+switch_channel_get_timetable
+switch_channel_get_variable_dup
+switch_channel_test_flag
+switch_channel_test_ready
+switch_console_set_complete
+switch_core_media_bug_add
+switch_core_media_bug_get_read_replace_frame
+switch_core_media_bug_get_session
+switch_core_media_bug_get_write_replace_frame
+switch_core_session_get_channel
+switch_core_session_get_uuid
+switch_core_session_perform_locate
+switch_core_session_rwunlock
+switch_event_bind_removable
+switch_event_get_header_idx
+switch_event_serialize
+switch_event_unbind
+switch_is_number
+switch_loadable_module_create_interface
+switch_loadable_module_create_module_interface
+switch_log_printf
+switch_time_now
+'
+
+used=$(nm --dynamic --undefined-only --format=posix "$module" | awk '{ print $1 }' |
+    sed 's/@.*//' | grep '^switch_' | sort)
+[ -n "$used" ] || fail "no host function is used: is this the module?"
+for name in $used; do
+    grep -qx "$name" <<< "$allowed" || fail "uses the host function $name"
+done
+
+# Mangled names begin with _Z; they are the instances of templates.
+plain=$(nm --dynamic --defined-only --format=posix "$module" | awk '{ print $1 }' |
+    sed 's/@.*//' | grep -v '^_Z' | sort)
+[ "$plain" = mod_quorvane_module_interface ] ||
+    fail "exports under plain names: $(echo $plain), instead of mod_quorvane_module_interface alone"
+
+# Our own names stay inside, mangled or not.
+own=$(nm --dynamic --defined-only --format=posix "$module" | awk '{ print $1 }' |
+    grep -E '^_Z[A-Za-z]*N?K?2qv' | head -n 5)
+[ -z "$own" ] || fail "exports names of its own: $(echo $own)"
+
+# A unique symbol would keep the module in memory for ever.
+unique=$(readelf --dyn-syms --wide "$module" | awk '$5 == "UNIQUE" { print $8 }')
+[ -z "$unique" ] || fail "has unique symbols: $(echo $unique)"
+
+dynamic=$(readelf --dynamic --wide "$module")
+grep -qE '\((RPATH|RUNPATH)\)' <<< "$dynamic" && fail "has a search path for libraries"
+grep -q 'BIND_NOW' <<< "$dynamic" || fail "is not bound at load (BIND_NOW)"
+grep -qi 'freeswitch' <<< "$dynamic" && fail "is linked to the host's library"
+grep -q '(TEXTREL)' <<< "$dynamic" && fail "has relocations in its code"
+
+segments=$(readelf --program-headers --wide "$module")
+grep -q 'GNU_RELRO' <<< "$segments" || fail "has no read-only relocations"
+stack=$(awk '$1 == "GNU_STACK" { print $7 }' <<< "$segments")
+[ "$stack" = RW ] || fail "stack is '$stack' instead of RW"
+
+[ "$failures" -eq 0 ] && echo "symbols of $module are as they should be"
+exit "$((failures > 0))"
