@@ -10,6 +10,8 @@
 
 #include <switch.h>
 
+#include <type_traits>
+
 #include "quorvane_lib/log.h"
 
 namespace qv::freeswitch {
@@ -33,24 +35,43 @@ void write_line(const LogPlace& place, const log::Message& message);
 void write_session_line(switch_core_session_t* session, const LogPlace& place,
                         const log::Message& message);
 
+// How a piece of a line is handed on: numbers and pointers by value, so that they need
+// not stand in memory for a line that is not composed.
+template <typename Piece>
+using PassPiece = std::conditional_t<std::is_scalar_v<Piece>, Piece, const Piece&>;
+
+// Composes a line, out of the way of the code that only asks whether to.
+template <typename... Pieces>
+[[gnu::noinline, gnu::cold]] void compose_line(log::Level level, LogPlace place,
+                                               PassPiece<Pieces>... pieces) {
+    log::Message message(level);
+    (message.stream << ... << pieces);
+    write_line(place, message);
+}
+
+template <typename... Pieces>
+[[gnu::noinline, gnu::cold]] void compose_session_line(log::Level level,
+                                                       switch_core_session_t* session,
+                                                       LogPlace place,
+                                                       PassPiece<Pieces>... pieces) {
+    log::Message message(level);
+    (message.stream << ... << pieces);
+    write_session_line(session, place, message);
+}
+
 // Compose a line of the pieces and write it; with a level that is not admitted, nothing
 // is composed and the call costs one comparison.
 template <log::Level LEVEL, typename... Pieces>
-void log_line(const LogPlace& place, const Pieces&... pieces) {
+void log_line(LogPlace place, const Pieces&... pieces) {
     if (log::Logger::admits(LEVEL)) {
-        log::Message message(LEVEL);
-        (message.stream << ... << pieces);
-        write_line(place, message);
+        compose_line<Pieces...>(LEVEL, place, pieces...);
     }
 }
 
 template <log::Level LEVEL, typename... Pieces>
-void log_session_line(switch_core_session_t* session, const LogPlace& place,
-                      const Pieces&... pieces) {
+void log_session_line(switch_core_session_t* session, LogPlace place, const Pieces&... pieces) {
     if (log::Logger::admits(LEVEL)) {
-        log::Message message(LEVEL);
-        (message.stream << ... << pieces);
-        write_session_line(session, place, message);
+        compose_session_line<Pieces...>(LEVEL, session, place, pieces...);
     }
 }
 

@@ -8,6 +8,8 @@
 // microseconds. docs/protocol.md describes the fields for people.
 #pragma once
 
+#include <endian.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -118,18 +120,18 @@ constexpr std::size_t TERMINATE_SIZE = COMMON_SIZE;
 
 // Writes `value` at `out`, least significant byte first; `out` has room for it.
 inline void put_u16(unsigned char* out, std::uint16_t value) {
-    out[0] = static_cast<unsigned char>(value);
-    out[1] = static_cast<unsigned char>(value >> 8);
+    const std::uint16_t wire = htole16(value);
+    std::memcpy(out, &wire, sizeof(wire));
 }
 
 inline void put_u32(unsigned char* out, std::uint32_t value) {
-    put_u16(out, static_cast<std::uint16_t>(value));
-    put_u16(out + 2, static_cast<std::uint16_t>(value >> 16));
+    const std::uint32_t wire = htole32(value);
+    std::memcpy(out, &wire, sizeof(wire));
 }
 
 inline void put_u64(unsigned char* out, std::uint64_t value) {
-    put_u32(out, static_cast<std::uint32_t>(value));
-    put_u32(out + 4, static_cast<std::uint32_t>(value >> 32));
+    const std::uint64_t wire = htole64(value);
+    std::memcpy(out, &wire, sizeof(wire));
 }
 
 inline void put_features(unsigned char* out, features16_t features) {
@@ -139,15 +141,21 @@ inline void put_features(unsigned char* out, features16_t features) {
 
 // Reads what the put functions write.
 inline std::uint16_t get_u16(const unsigned char* in) {
-    return static_cast<std::uint16_t>(in[0] | in[1] << 8);
+    std::uint16_t wire = 0;
+    std::memcpy(&wire, in, sizeof(wire));
+    return le16toh(wire);
 }
 
 inline std::uint32_t get_u32(const unsigned char* in) {
-    return get_u16(in) | static_cast<std::uint32_t>(get_u16(in + 2)) << 16;
+    std::uint32_t wire = 0;
+    std::memcpy(&wire, in, sizeof(wire));
+    return le32toh(wire);
 }
 
 inline std::uint64_t get_u64(const unsigned char* in) {
-    return get_u32(in) | static_cast<std::uint64_t>(get_u32(in + 4)) << 32;
+    std::uint64_t wire = 0;
+    std::memcpy(&wire, in, sizeof(wire));
+    return le64toh(wire);
 }
 
 inline features16_t get_features(const unsigned char* in) {
