@@ -1,0 +1,15 @@
+// Sends as many frames of 320 bytes as the argument says, into a sendto that does
+// nothing: the instructions of two runs, counted by callgrind, tell those of a frame.
+#include <cstdlib>
+
+#include "bench/bench_support.h"
+
+int main(int argc, char** argv) {
+    const long frames = argc > 1 ? std::strtol(argv[1], nullptr, 10) : 0;
+    qv::bench::Sender sender;
+    const auto contexts = qv::bench::make_contexts(1, sockaddr_in{});
+    const qv::bench::Frame frame(320);
+    for (long i = 0; i < frames; ++i) {
+        sender.transfer.media_data(nullptr, *contexts[0], qv::media::READ_LEG, frame.get());
+    }
+}

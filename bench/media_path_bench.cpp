@@ -1,0 +1,202 @@
+// The media path with its system call, against a loop of bare sendto calls of the same
+// bytes to the same socket, in turns within one run.
+#include <benchmark/benchmark.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "bench/bench_support.h"
+
+namespace qv::bench {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int FRAMES_PER_TURN = 500;
+constexpr std::uint32_t FRAME_SIZE = 320;
+constexpr std::size_t PACKET_SIZE = 370;
+
+double nanoseconds_since(Clock::time_point start) {
+    return std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0 : values[values.size() / 2];
+}
+
+// Sends the same packet over and over, as the plainest tap would.
+class BareSender {
+  public:
+    explicit BareSender(const sockaddr_in& to)
+        : descriptor_(::socket(AF_INET, SOCK_DGRAM, 0)), to_(to) {}
+    ~BareSender() { ::close(descriptor_); }
+    BareSender(const BareSender&) = delete;
+    BareSender& operator=(const BareSender&) = delete;
+
+    double turn() {
+        const auto start = Clock::now();
+        for (int i = 0; i < FRAMES_PER_TURN; ++i) {
+            ::sendto(descriptor_, packet_, sizeof(packet_), 0,
+                     reinterpret_cast<const sockaddr*>(&to_), sizeof(to_));
+        }
+        return nanoseconds_since(start) / FRAMES_PER_TURN;
+    }
+
+  private:
+    int descriptor_;
+    sockaddr_in to_;
+    char packet_[PACKET_SIZE] = {};
+};
+
+// One turn of the module: the frames go to the calls one after the other.
+class ModuleSender {
+  public:
+    ModuleSender(std::size_t calls, const sockaddr_in& to, std::uint32_t frame_size = FRAME_SIZE)
+        : contexts_(make_contexts(calls, to)), frame_(frame_size) {}
+
+    double turn(std::uint8_t leg = media::READ_LEG) {
+        const auto start = Clock::now();
+        for (int i = 0; i < FRAMES_PER_TURN; ++i) {
+            sender_.transfer.media_data(nullptr, *contexts_[next_], leg, frame_.get());
+            next_ = next_ + 1 == contexts_.size() ? 0 : next_ + 1;
+        }
+        return nanoseconds_since(start) / FRAMES_PER_TURN;
+    }
+
+    // The same for call number `call` alone; several threads may do it at once, each
+    // with its own call or leg.
+    void turn_of(std::size_t call, std::uint8_t leg) {
+        for (int i = 0; i < FRAMES_PER_TURN; ++i) {
+            sender_.transfer.media_data(nullptr, *contexts_[call], leg, frame_.get());
+        }
+    }
+
+  private:
+    Sender sender_;
+    std::vector<std::unique_ptr<freeswitch::AppContext>> contexts_;
+    Frame frame_;
+    std::size_t next_ = 0;
+};
+
+// Runs `a` and `b` in turns and reports what a frame costs in each, and the middle of the
+// ratios a/b of neighbouring turns: what slows the machine down slows both.
+template <typename A, typename B>
+void compare(benchmark::State& state, A a, B b) {
+    std::vector<double> costs_a;
+    std::vector<double> costs_b;
+    std::vector<double> ratios;
+    for (auto _ : state) {
+        const double cost_a = a();
+        const double cost_b = b();
+        costs_a.push_back(cost_a);
+        costs_b.push_back(cost_b);
+        ratios.push_back(cost_a / cost_b);
+        state.SetIterationTime((cost_a + cost_b) * FRAMES_PER_TURN * 1e-9);
+    }
+    state.counters["ns_frame"] = median(costs_a);
+    state.counters["ns_other"] = median(costs_b);
+    state.counters["ratio"] = median(ratios);
+}
+
+void media_data_over_bare_sendto(benchmark::State& state) {
+    const Sink sink;
+    BareSender bare(sink.address());
+    ModuleSender module(1, sink.address());
+    compare(
+        state, [&] { return module.turn(); }, [&] { return bare.turn(); });
+}
+
+// Both send bare: what the method itself says of two equals.
+void bare_sendto_over_bare_sendto(benchmark::State& state) {
+    const Sink sink;
+    BareSender first(sink.address());
+    BareSender second(sink.address());
+    compare(
+        state, [&] { return first.turn(); }, [&] { return second.turn(); });
+}
+
+void many_contexts_over_one(benchmark::State& state) {
+    const Sink sink;
+    ModuleSender many(static_cast<std::size_t>(state.range(0)), sink.address());
+    ModuleSender one(1, sink.address());
+    compare(
+        state, [&] { return many.turn(); }, [&] { return one.turn(); });
+}
+
+void frame_size(benchmark::State& state) {
+    const Sink sink;
+    ModuleSender module(1, sink.address(), static_cast<std::uint32_t>(state.range(0)));
+    std::vector<double> costs;
+    for (auto _ : state) {
+        costs.push_back(module.turn());
+        state.SetIterationTime(costs.back() * FRAMES_PER_TURN * 1e-9);
+    }
+    state.counters["ns_frame"] = median(costs);
+}
+
+// How much more two threads send in the same time than one alone.
+template <typename Turn>
+void scale(benchmark::State& state, Turn turn) {
+    constexpr int TURNS = 40;
+    const auto run = [&turn](int thread) {
+        for (int i = 0; i < TURNS; ++i) {
+            turn(thread);
+        }
+    };
+    std::vector<double> ratios;
+    for (auto _ : state) {
+        const auto alone = Clock::now();
+        run(0);
+        const double one = nanoseconds_since(alone);
+        const auto together = Clock::now();
+        std::thread other(run, 1);
+        run(0);
+        other.join();
+        const double two = nanoseconds_since(together);
+        ratios.push_back(2 * one / two);
+        state.SetIterationTime((one + two) * 1e-9);
+    }
+    state.counters["ratio"] = median(ratios);
+}
+
+void two_threads_two_calls(benchmark::State& state) {
+    const Sink sink;
+    const Sink other_sink;
+    ModuleSender module(2, sink.address());
+    scale(state,
+          [&](int thread) { module.turn_of(static_cast<std::size_t>(thread), media::READ_LEG); });
+}
+
+void two_threads_two_legs(benchmark::State& state) {
+    const Sink sink;
+    ModuleSender module(1, sink.address());
+    scale(state, [&](int thread) { module.turn_of(0, static_cast<std::uint8_t>(thread)); });
+}
+
+void two_threads_bare_sendto(benchmark::State& state) {
+    const Sink sink;
+    BareSender first(sink.address());
+    BareSender second(sink.address());
+    scale(state, [&](int thread) { (thread == 0 ? first : second).turn(); });
+}
+
+BENCHMARK(media_data_over_bare_sendto)->UseManualTime()->Iterations(400);
+BENCHMARK(bare_sendto_over_bare_sendto)->UseManualTime()->Iterations(400);
+BENCHMARK(many_contexts_over_one)->Arg(100)->Arg(10000)->UseManualTime()->Iterations(400);
+BENCHMARK(frame_size)->Arg(320)->Arg(640)->Arg(1920)->Arg(3000)->UseManualTime()->Iterations(200);
+BENCHMARK(two_threads_two_calls)->UseManualTime()->Iterations(20);
+BENCHMARK(two_threads_two_legs)->UseManualTime()->Iterations(20);
+BENCHMARK(two_threads_bare_sendto)->UseManualTime()->Iterations(20);
+
+}  // namespace
+
+}  // namespace qv::bench
+
+int main(int argc, char** argv) {
+    return qv::bench::run_benchmarks(argc, argv);
+}

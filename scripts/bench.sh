@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Builds and runs the benchmarks, prints one table with the goals that the project has
+# set itself, and writes everything as JSON to build/bench/results.json.
+#
+#   scripts/bench.sh           all
+#   scripts/bench.sh --quick   shorter runs, for a look
+#
+# A goal that is missed is told, not punished: machines are noisy. Run it on a machine
+# that does nothing else.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+seconds=0.5
+case ${1:-} in
+    '') ;;
+    --quick) seconds=0.05 ;;
+    *) echo "bench: unknown argument '$1'" >&2; exit 2 ;;
+esac
+
+scripts/setup.sh
+build=$PWD/build/bench
+mkdir -p "$build"
+{
+    cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVANE_BENCH=ON \
+        -DQUORVANE_TOOLS=OFF -DQUORVANE_HOST=embedded &&
+    cmake --build "$build" -j "$(nproc)"
+} >"$build/build.log" 2>&1 || { tail -n 40 "$build/build.log"; exit 1; }
+
+for program in bench_media_path bench_without_system_call bench_host; do
+    echo "running $program"
+    "$build/bench/$program" --benchmark_min_time="$seconds" \
+        --benchmark_out="$build/$program.json" --benchmark_out_format=json \
+        >"$build/$program.log" 2>&1 || { cat "$build/$program.log"; exit 1; }
+done
+
+# Two runs that differ by 1000 frames, so that what surrounds the frames falls out.
+instructions=
+if command -v valgrind >/dev/null; then
+    echo "counting instructions"
+    count() {
+        valgrind --tool=callgrind --callgrind-out-file=/dev/null \
+            "$build/bench/count_instructions" "$1" 2>&1 | awk '/Collected/ { print $4 }'
+    }
+    instructions=$((($(count 2000) - $(count 1000)) / 1000))
+fi
+
+python3 scripts/bench_table.py "$build" "$instructions"

@@ -1,0 +1,85 @@
+"""Prints the results of the benchmarks and their goals as one table.
+
+Usage: bench_table.py FOLDER INSTRUCTIONS
+
+FOLDER holds the JSON files that scripts/bench.sh makes; results.json is written there.
+INSTRUCTIONS is the number of instructions a frame, or empty where it was not counted.
+"""
+
+import json
+import pathlib
+import sys
+
+PROGRAMS = ("bench_media_path", "bench_without_system_call", "bench_host")
+LINES = 64  # of one iteration of dropped_line
+
+
+def read(folder):
+    """The benchmarks by program and name."""
+    results = {}
+    for program in PROGRAMS:
+        document = json.loads((folder / f"{program}.json").read_text())
+        results[program] = {run["name"].split("/iterations")[0]: run for run in document["benchmarks"]}
+    return results
+
+
+def goals(results, instructions):
+    """Rows of what, value, unit, limit, and whether the limit is a least value."""
+    path, cpu, host = (results[program] for program in PROGRAMS)
+    one = cpu["media_data_round_robin/1"]["cpu_time"]
+    many = cpu["media_data_round_robin/10000"]["cpu_time"]
+    few_features = host["api_features/10"]["cpu_time"]
+    many_features = host["api_features/10000"]["cpu_time"]
+    rows = [
+        ("media_data over bare sendto, 320 bytes", path["media_data_over_bare_sendto"]["ratio"], "x", 1.03, False),
+        ("media_data without the system call", cpu["media_data/320"]["cpu_time"], "ns", 60, False),
+        ("frame at 10,000 contexts over 1", path["many_contexts_over_one/10000"]["ratio"], "x", 1.1, False),
+        ("the same without the system call", many / one, "x", None, False),
+        ("two threads, two calls, over one", path["two_threads_two_calls"]["ratio"], "x", 1.9, True),
+        ("two threads of bare sendto over one", path["two_threads_bare_sendto"]["ratio"], "x", None, True),
+        ("two threads, two legs of a call, over one", path["two_threads_two_legs"]["ratio"], "x", None, True),
+        ("a dropped DEBUG line", cpu["dropped_line<log::DEBUG>"]["cpu_time"] / LINES, "ns", 1, False),
+        ("a dropped TRACE line", cpu["dropped_line<log::TRACE>"]["cpu_time"] / LINES, "ns", 1, False),
+        ("API features at 10,000 contexts over 10", many_features / few_features, "x", 1.2, False),
+    ]
+    if instructions:
+        rows.insert(2, ("instructions a frame, 320 bytes", int(instructions), "", 300, False))
+    return rows
+
+
+def verdict(value, limit, least):
+    if limit is None:
+        return ""
+    return "pass" if (value >= limit if least else value <= limit) else "MISSED"
+
+
+def print_goals(rows):
+    print(f"\n{'goal':45} {'measured':>12} {'limit':>12}  verdict")
+    for what, value, unit, limit, least in rows:
+        bound = "" if limit is None else f"{'>=' if least else '<='} {limit} {unit}"
+        print(f"{what:45} {value:9.2f} {unit:2} {bound:>12}  {verdict(value, limit, least)}")
+
+
+def print_others(results):
+    print(f"\n{'benchmark':60} {'CPU ns':>12}")
+    for program in PROGRAMS:
+        for name, run in results[program].items():
+            print(f"{name:60} {run.get('ns_frame', run['cpu_time']):12.1f}")
+
+
+def main():
+    folder, instructions = pathlib.Path(sys.argv[1]), sys.argv[2]
+    results = read(folder)
+    rows = goals(results, instructions)
+    print_others(results)
+    print_goals(rows)
+    summary = [
+        {"goal": what, "value": value, "unit": unit, "limit": limit, "verdict": verdict(value, limit, least)}
+        for what, value, unit, limit, least in rows
+    ]
+    (folder / "results.json").write_text(json.dumps({"goals": summary, "benchmarks": results}, indent=1))
+    print(f"\nall of it: {folder / 'results.json'}")
+
+
+if __name__ == "__main__":
+    main()
