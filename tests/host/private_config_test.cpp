@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -71,7 +72,7 @@ TEST(RelocatedConfig, TheFileLiesUnderTheNewWorkingDirectory) {
               }),
               0);
     EXPECT_EQ(text_of(base + "/etc/delmaren/quorvane/freeswitch_mod.conf"), "a=b\n");
-    std::system(("rm -r " + base).c_str());  // NOLINT
+    std::filesystem::remove_all(base);
 }
 
 TEST(RelocatedConfig, AFolderThatCannotBeMadeIsNamed) {
