@@ -1,0 +1,160 @@
+"""What a scenario gets: a running host with the module loaded, a media node, known sounds."""
+
+import contextlib
+import itertools
+import pathlib
+import time
+
+from harness.audio import KnownSound
+from harness.host import Host
+from harness.host_files import extension
+from harness.media_node import TERMINATE, MediaNode
+
+SCENARIOS = []
+
+
+class Skipped(Exception):
+    """The scenario cannot run here; the text says what is missing."""
+
+
+def scenario(function):
+    """Registers a scenario; its name is the sentence that the table shows."""
+    SCENARIOS.append(function)
+    return function
+
+
+def check(condition, complaint: str) -> None:
+    if not condition:
+        raise AssertionError(complaint)
+
+
+def eventually(condition, timeout: float = 5.0) -> bool:
+    """Whether `condition()` comes true in time."""
+    deadline = time.monotonic() + timeout
+    while not condition():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.1)
+    return True
+
+
+def check_equal(found, expected, what: str) -> None:
+    check(found == expected, f"{what}: expected {expected!r}, found {found!r}")
+
+
+class Suite:
+    """Owns the host, the media node and the sounds; scenarios run one after another."""
+
+    def __init__(self, installation, folder: pathlib.Path, module: pathlib.Path,
+                 relocated: pathlib.Path):
+        self.installation = installation
+        self.folder = folder
+        self._module, self._relocated = module, relocated
+        self._numbers = itertools.count(1)
+        # The far end plays `far`, the tapped leg itself `near`, a third party `third`.
+        self.far = KnownSound(folder / "far.wav", seed=1, seconds=25)
+        self.near = KnownSound(folder / "near.wav", seed=2, seconds=25)
+        self.third = KnownSound(folder / "third.wav", seed=3, seconds=25)
+        self.node = MediaNode()
+        self.host = self.make_host("host")
+
+    def make_host(self, name: str) -> Host:
+        host = Host(self.installation, self.folder / f"{name}{next(self._numbers)}", self._module,
+                    self._relocated, self._dialplan())
+        host.write_module_configuration(media_node=self.node.address, log_level="DEBUG")
+        return host
+
+    @contextlib.contextmanager
+    def own_host(self):
+        """A second host with the module loaded, for scenarios that end it."""
+        host = self.make_host("own")
+        host.start()
+        try:
+            host.load_module()
+            yield host
+        finally:
+            host.close()
+
+    def close(self) -> None:
+        self.host.close()
+        self.node.close()
+
+    def _dialplan(self) -> str:
+        return "".join((
+            extension("far", "answer", f"endless_playback {self.far.path}"),
+            extension("third", "answer", f"endless_playback {self.third.path}"),
+            extension("park", "answer", "park"),
+            extension("echo", "answer", "echo"),
+            extension("near", f"endless_playback {self.near.path}"),
+            extension("near_far_end", "answer", f"endless_playback {self.near.path}"),
+            extension("tap", "answer", "quorvane", f"endless_playback {self.near.path}"),
+            extension("tap_park", "answer", "quorvane", "park"),
+            extension("tap_twice", "answer", "quorvane", "quorvane", "park"),
+            extension("tap_bridge", "answer", "quorvane", "bridge ${far_end}", "park"),
+            extension("tap_early", "quorvane", "park")))
+
+    # ---- calls: each returns the UUID of the tapped leg
+
+    def tap(self, variables: str = "", far: str = "far", run: str = "tap", host=None) -> str:
+        """A loopback call whose near leg runs an extension of the dialplan."""
+        settings = ",".join(filter(None, ("loopback_bowout=false", variables)))
+        return (host or self.host).originate(
+            f"{{{settings}}}loopback/{far}/scenarios {run} XML scenarios")
+
+    def park(self) -> str:
+        return self.tap(run="park")
+
+    def sip_address(self, extension_name: str, host=None) -> str:
+        if not self.installation.has_module("mod_sofia"):
+            raise Skipped("the host has no mod_sofia")
+        return f"sofia/suite/{extension_name}@127.0.0.1:{(host or self.host).ports.sip}"
+
+    def tap_bridge(self, variables: str = "") -> tuple:
+        """A SIP leg that is tapped and bridged to another; returns both UUIDs.
+
+        The tapped leg hears `third` (its write direction) and says `far`.
+        """
+        settings = ",".join(filter(None, (f"far_end={self.sip_address('third')}",
+                                          "absolute_codec_string=PCMU", variables)))
+        tapped = self.host.originate(
+            f"{{{settings}}}{self.sip_address('far')} tap_bridge XML scenarios")
+        bridge = self.host.events.wait_for("CHANNEL_BRIDGE", tapped)
+        return tapped, bridge["Other-Leg-Unique-ID"]
+
+    def hear(self, uuid: str, seconds: float = 2.0):
+        """Lets the call go on for a while; returns its stream so far."""
+        time.sleep(seconds)
+        return self.node.stream(uuid)
+
+    def end(self, uuid: str):
+        """Hangs the call up; returns its whole stream."""
+        self.host.kill(uuid)
+        return self.ended(uuid)
+
+    def ended(self, uuid: str):
+        stream = self.node.wait_for(uuid, TERMINATE)
+        self.host.events.wait_for("CHANNEL_DESTROY", uuid)
+        return stream
+
+    def reload_module(self, **options) -> None:
+        """Loads the module anew with these options instead of the usual ones."""
+        self.host.hang_up_everything()
+        check_equal(self.host.unload_module(), "+OK", "unload")
+        usual = {"media_node": self.node.address, "log_level": "DEBUG"}
+        self.host.write_module_configuration(**{**usual, **options})
+        check(self.host.load_module().endswith("+OK"), "the module does not load")
+
+
+# ---- statements about streams
+
+def check_gap_free(stream, *legs) -> None:
+    for leg in legs:
+        check(stream.data(leg), f"leg {leg}: no data")
+        check(not stream.gaps(leg), f"leg {leg}: {stream.gaps(leg)[:3]}")
+
+
+def check_heard(stream, leg: int, sound: KnownSound, seconds: float) -> None:
+    """An unbroken stretch of the sound, exact to the bit, of at least this length."""
+    samples = sound.longest_match(stream.audio(leg))
+    check(samples >= seconds * sound.rate,
+          f"leg {leg}: only {samples} consecutive samples are those of {sound.path.name}")

@@ -1,0 +1,9 @@
+"""The scenarios, in the order of the table."""
+
+from scenarios import loading  # noqa: F401
+from scenarios import calls  # noqa: F401
+from scenarios import features  # noqa: F401
+from scenarios import endings  # noqa: F401
+from scenarios import partners  # noqa: F401
+from scenarios import sip  # noqa: F401
+from scenarios import lifecycle  # noqa: F401

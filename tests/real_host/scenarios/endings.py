@@ -1,0 +1,104 @@
+"""How calls end: from either side, by storms, together with the host's other work."""
+
+import random
+import threading
+import time
+
+from harness.media_node import READ, START, TERMINATE
+from harness.suite import check, check_equal, check_gap_free, scenario
+
+
+@scenario
+def hanging_up_the_tapped_leg_ends_its_stream(s):
+    uuid = s.tap()
+    s.hear(uuid, 0.5)
+    check_equal(len(s.end(uuid).of_kind(TERMINATE)), 1, "terminate packets")
+
+
+@scenario
+def hanging_up_the_far_side_ends_the_stream(s):
+    uuid, partner = s.tap_bridge("hangup_after_bridge=true")
+    s.hear(uuid, 0.5)
+    s.host.kill(partner)
+    stream = s.ended(uuid)
+    check_equal(len(stream.of_kind(TERMINATE)), 1, "terminate packets")
+    check_gap_free(stream, READ)
+
+
+def storm(s, calls: int, seed: int, host) -> list:
+    """Starts calls from several connections and kills each at a random moment."""
+    generator = random.Random(seed)
+    started, lock = [], threading.Lock()
+
+    def caller(delays):
+        connection = host.new_connection()
+        for delay in delays:
+            answer = connection.api("originate {loopback_bowout=false}loopback/far/scenarios "
+                                    "tap XML scenarios").strip()
+            if answer.startswith("+OK "):
+                with lock:
+                    started.append(answer[4:])
+                time.sleep(delay)
+                connection.api(f"quorvane {answer[4:]} features")
+                connection.api(f"uuid_kill {answer[4:]}")
+                connection.api(f"quorvane {answer[4:]} audio_activity start")
+        connection.close()
+
+    threads = [threading.Thread(target=caller, args=(
+        [generator.choice((0, 0.001, 0.005, 0.02, 0.1)) for _ in range(calls // 4)],))
+        for _ in range(4)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    return started
+
+
+@scenario
+def a_storm_of_kills_leaves_every_stream_ended(s):
+    mark = s.host.log_mark()
+    uuids = storm(s, 200, seed=7, host=s.host)
+    s.host.hang_up_everything()
+    time.sleep(1)
+    streams = [s.node.stream(uuid) for uuid in uuids]
+    starts = sum(len(stream.of_kind(START)) for stream in streams)
+    ends = sum(len(stream.of_kind(TERMINATE)) for stream in streams)
+    check(starts > 20, f"only {starts} calls were tapped")
+    check_equal(ends, starts, "terminate packets against start packets")
+    check(all(not stream.gaps(leg) for stream in streams for leg in (0, 1)), "gaps")
+    check(not [line for line in s.host.module_lines(mark) if "MAGIC" in line], "MAGIC lines")
+    check_equal(s.node.malformed, [], "malformed datagrams")
+
+
+@scenario
+def hanging_up_all_at_once_ends_every_stream(s):
+    uuids = [s.tap() for _ in range(30)]
+    for uuid in uuids:
+        s.node.wait_for(uuid, START)
+    s.host.hang_up_everything()
+    for uuid in uuids:
+        check_equal(len(s.ended(uuid).of_kind(TERMINATE)), 1, "terminate packets")
+
+
+@scenario
+def a_media_node_that_does_not_listen_costs_nothing(s):
+    mark = s.host.log_mark()
+    uuid = s.tap("quorvane_media_node=127.0.0.1:9,sip_call_id=x")
+    time.sleep(1)
+    check("ACTIVE" in s.host.api("show calls"), "the call is gone")
+    s.host.kill(uuid)
+    s.host.events.wait_for("CHANNEL_DESTROY", uuid)
+    check(not [line for line in s.host.module_lines(mark) if line.startswith("ERR")], "errors")
+
+
+@scenario
+def a_media_node_that_cannot_be_sent_to_leaves_the_call_untapped(s):
+    mark = s.host.log_mark()
+    uuid = s.tap("quorvane_media_node=127.0.0.1:0,sip_call_id=x")
+    time.sleep(1)
+    check("ACTIVE" in s.host.api("show calls"), "the call is gone")
+    s.host.kill(uuid)
+    s.host.wait_for_line(mark, f"{uuid}: found configured app context on channel destroy")
+    errors = [line for line in s.host.module_lines(mark) if line.startswith("ERR")]
+    check("ERR media transfer start failed" in errors, f"error lines: {errors}")
+    check("ERR failed to add new media bug" in errors[-1], f"error lines: {errors}")
