@@ -1,0 +1,203 @@
+// A media node to start from: decodes the packets, follows both sides of every
+// call and hands their samples to on_audio(), which is yours to write.
+//
+//   g++ -std=c++17 -O2 -I. examples/receiver.cpp -o receiver
+//   ./receiver 127.0.0.1 5090
+//
+// Prints a line for each event; ends on SIGINT or SIGTERM. A call is forgotten at
+// its terminate packet, and never without one: add a time limit for real use.
+// docs/protocol.md describes the packets and the rules.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+
+#include "module/media_packet.h"
+
+namespace {
+
+using qv::media::Packet;
+using qv::media::PacketType;
+
+// What is known of one side of a call.
+struct Side {
+    bool begun = false;
+    std::uint32_t next_sequence_number = 1;
+    std::uint32_t next_sample_offset = 0;
+    std::uint64_t packets = 0;
+    std::uint64_t samples = 0;
+    std::uint64_t lost_packets = 0;
+    int peak = 0;
+};
+
+struct Call {
+    std::int64_t configured_clock = 0;
+    Side sides[2];  // Originator, terminator.
+};
+
+std::map<std::string, Call> calls;
+volatile std::sig_atomic_t stopped = 0;
+
+void stop(int) {
+    stopped = 1;
+}
+
+std::string uuid_text(const unsigned char* uuid) {
+    std::string text;
+    for (std::size_t i = 0; i < qv::media::UUID_SIZE; ++i) {
+        char pair[3];
+        std::snprintf(pair, sizeof(pair), "%02x", uuid[i]);
+        text += (i == 4 || i == 6 || i == 8 || i == 10) ? "-" : "";
+        text += pair;
+    }
+    return text;
+}
+
+const char* side_name(const Packet& packet) {
+    return packet.terminator_side() ? "terminator" : "originator";
+}
+
+// The place for your own code: the samples of a packet, which belong
+// `packet.sample_offset` samples after the beginning of this side.
+void on_audio(const Packet& packet, Side& side) {
+    for (std::size_t i = 0; i < packet.sample_count; ++i) {
+        const auto sample = static_cast<std::int16_t>(qv::media::get_u16(packet.audio + 2 * i));
+        side.peak = std::abs(sample) > side.peak ? std::abs(sample) : side.peak;
+    }
+}
+
+void take_data(const std::string& uuid, Call& call, const Packet& packet) {
+    Side& side = call.sides[packet.terminator_side() ? 1 : 0];
+    if (!side.begun && packet.sequence_number > 1000) {  // The call is joined in its middle.
+        side.next_sequence_number = packet.sequence_number;
+        side.next_sample_offset = packet.sample_offset;
+    }
+    side.begun = true;
+    // As signed numbers the differences need no special case where the counters wrap.
+    const auto ahead =
+        static_cast<std::int32_t>(packet.sequence_number - side.next_sequence_number);
+    if (ahead < 0) {
+        std::printf("%s late or copied: %s sequence number %u\n", uuid.c_str(), side_name(packet),
+                    packet.sequence_number);
+        return;
+    }
+    if (ahead > 0) {
+        const auto samples =
+            static_cast<std::int32_t>(packet.sample_offset - side.next_sample_offset);
+        side.lost_packets += static_cast<std::uint32_t>(ahead);
+        std::printf("%s gap: %s packets=%d samples=%d\n", uuid.c_str(), side_name(packet), ahead,
+                    samples);
+    }
+    side.next_sequence_number = packet.sequence_number + 1;
+    side.next_sample_offset = packet.sample_offset + packet.sample_count;
+    side.packets += 1;
+    side.samples += packet.sample_count;
+    on_audio(packet, side);
+}
+
+void take_start(const std::string& uuid, Call& call, const Packet& packet) {
+    if (call.configured_clock != 0 && call.configured_clock != packet.configured_clock) {
+        call = Call{};  // The channel is tapped a second time.
+    }
+    call.configured_clock = packet.configured_clock;
+    std::printf("%s start: %s reference=%s features=%02x%02x\n", uuid.c_str(),
+                packet.outbound() ? "outbound" : "inbound", packet.call_reference,
+                packet.features.supported, packet.features.active);
+}
+
+void take_terminate(const std::string& uuid, const Call& call) {
+    const char* const names[] = {"originator", "terminator"};
+    for (int i = 0; i < 2; ++i) {
+        const Side& side = call.sides[i];
+        std::printf("%s end: %s packets=%llu samples=%llu lost_packets=%llu peak=%d\n",
+                    uuid.c_str(), names[i], static_cast<unsigned long long>(side.packets),
+                    static_cast<unsigned long long>(side.samples),
+                    static_cast<unsigned long long>(side.lost_packets), side.peak);
+    }
+    calls.erase(uuid);
+}
+
+void take_packet(const Packet& packet) {
+    const std::string uuid = uuid_text(packet.call_uuid);
+    Call& call = calls[uuid];
+    switch (packet.type) {
+        case PacketType::START:
+            return take_start(uuid, call, packet);
+        case PacketType::DATA:
+            return take_data(uuid, call, packet);
+        case PacketType::CONTROL:
+            std::printf("%s control: features=%02x%02x\n", uuid.c_str(), packet.features.supported,
+                        packet.features.active);
+            return;
+        case PacketType::TERMINATE:
+            return take_terminate(uuid, call);
+    }
+}
+
+// A socket bound to the address, or -1 after a message.
+int listen_on(const char* address, const char* port) {
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_port = htons(static_cast<std::uint16_t>(std::strtoul(port, nullptr, 10)));
+    if (inet_pton(AF_INET, address, &local.sin_addr) != 1) {
+        std::fprintf(stderr, "not an IPv4 address: %s\n", address);
+        return -1;
+    }
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    const int buffer = 4 << 20;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof(buffer));
+    const timeval patience{0, 200000};  // A signal is noticed no later than that.
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) {
+        std::fprintf(stderr, "cannot listen on %s:%s: %s\n", address, port, std::strerror(errno));
+        return -1;
+    }
+    socklen_t size = sizeof(local);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size);
+    std::printf("listening on %s:%u\n", address, ntohs(local.sin_port));
+    return fd;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: %s ADDRESS PORT\n", argv[0]);
+        return 2;
+    }
+    struct sigaction action {};
+    action.sa_handler = stop;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    const int fd = listen_on(argv[1], argv[2]);
+    if (fd < 0) {
+        return 1;
+    }
+    unsigned char datagram[65536];
+    while (stopped == 0) {
+        const ssize_t size = recv(fd, datagram, sizeof(datagram), 0);
+        if (size < 0) {
+            continue;
+        }
+        Packet packet;
+        const auto result =
+            qv::media::decode_packet(datagram, static_cast<std::size_t>(size), packet);
+        if (result == qv::media::DecodeResult::OK) {
+            take_packet(packet);
+        } else {
+            std::printf("refused: %s (%zd bytes)\n", qv::media::describe(result), size);
+        }
+    }
+    close(fd);
+}

@@ -1,0 +1,260 @@
+#!/usr/bin/env python3
+"""Runs the example receivers over loopback with the golden datagrams and with send_call.py.
+
+    test_receivers.py PROGRAM      PROGRAM is examples/receiver.cpp, built
+"""
+
+import json
+import pathlib
+import re
+import shlex
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import unittest
+import wave
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+DATA = ROOT / "tests" / "data"
+GOLDEN = json.loads((DATA / "golden.json").read_text(encoding="utf-8"))
+CALL = sorted(name for name in GOLDEN if name.startswith("call_"))
+UUID = GOLDEN["call_1_start"]["call_uuid"]
+WAVE_SAMPLES = [0, 100, 200, 100, 0, -100, -200, -100]
+README = (ROOT / "examples" / "README.md").read_text(encoding="utf-8")
+PROGRAM = None  # The receiver in C++, set by main().
+
+
+def datagram(name):
+    text = (DATA / f"{name}.hex").read_text(encoding="utf-8")
+    return bytes.fromhex("".join(line.split("#")[0] for line in text.splitlines()))
+
+
+def data(sequence_number, sample_offset, samples):
+    """A data packet of the golden call's read leg."""
+    audio = b"".join(sample.to_bytes(2, "little", signed=True) for sample in samples)
+    packet = bytearray(datagram("call_2_read"))[:50]
+    packet[40:44] = sequence_number.to_bytes(4, "little")
+    packet[44:48] = sample_offset.to_bytes(4, "little")
+    packet[48:50] = len(samples).to_bytes(2, "little")
+    return bytes(packet) + audio
+
+
+def samples_of(path):
+    with wave.open(str(path), "rb") as file:
+        assert (file.getnchannels(), file.getsampwidth(), file.getframerate()) == (1, 2, 8000)
+        raw = file.readframes(file.getnframes())
+    return [int.from_bytes(raw[at : at + 2], "little", signed=True) for at in range(0, len(raw), 2)]
+
+
+def readme_command(pattern):
+    """A command as the README shows it."""
+    return next(line.strip() for line in README.splitlines() if re.match("    " + pattern, line))
+
+
+class ReceiverTest(unittest.TestCase):
+    maxDiff = None
+
+    def start(self, command):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        command = [part.replace("FOLDER", folder.name) for part in command]
+        self.process = subprocess.Popen(command, cwd=ROOT, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(self.process.stdout.close)
+        self.addCleanup(self.process.wait)
+        self.addCleanup(self.process.kill)
+        self.port = int(re.search(r"127\.0\.0\.1:(\d+)", self.process.stdout.readline()).group(1))
+
+    def send(self, *payloads):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
+            for payload in payloads:
+                sock.sendto(payload, ("127.0.0.1", self.port))
+
+    def lines(self, count):
+        return [self.process.stdout.readline().rstrip("\n") for _ in range(count)]
+
+    def stop(self, with_signal=signal.SIGINT):
+        self.process.send_signal(with_signal)
+        output, _ = self.process.communicate(timeout=20)
+        self.assertEqual(self.process.returncode, 0)
+        return output.splitlines()
+
+
+class PythonReceiver(ReceiverTest):
+    def setUp(self):
+        self.start([sys.executable, "examples/receiver.py", "--listen", "127.0.0.1:0",
+                    "--output", "FOLDER"])
+
+    def events(self, count):
+        return [json.loads(line) for line in self.lines(count)]
+
+    def end(self):
+        """The events that are left, after an interrupt."""
+        return [json.loads(line) for line in self.stop()]
+
+    def test_call_becomes_two_files_and_the_documents_fields(self):
+        self.send(*[datagram(name) for name in CALL])
+        events = self.events(3)
+        for event, name in zip(events, ("call_1_start", "call_6_control", "call_7_terminate")):
+            self.assertEqual(event, {"event": GOLDEN[name]["packet_type"], **GOLDEN[name]})
+        closed = self.events(1)[0]
+        self.assertEqual(closed["legs"]["originator"], {
+            "file": f"{UUID}-originator.wav", "packets": 2, "samples": 16, "missing_packets": 0})
+        self.assertEqual(samples_of(self.folder / f"{UUID}-originator.wav"), WAVE_SAMPLES * 2)
+        self.assertEqual(samples_of(self.folder / f"{UUID}-terminator.wav"),
+                         [0] * 8 + [1000, -1000] * 4)
+
+    def test_gap_is_told_and_becomes_silence(self):
+        self.send(data(1, 0, [1, 2]), data(4, 6, [7, 8]))
+        self.assertEqual(self.events(1), [{"event": "gap", "call_uuid": UUID, "side": "originator",
+                                           "packets": 2, "samples": 4}])
+        leg = self.end()[0]["legs"]["originator"]
+        self.assertEqual((leg["packets"], leg["missing_packets"]), (2, 2))
+        self.assertEqual(samples_of(self.folder / leg["file"]), [1, 2, 0, 0, 0, 0, 7, 8])
+
+    def test_late_packet_is_put_at_its_place_and_a_copy_is_dropped(self):
+        self.send(data(1, 0, [1, 2]), data(3, 4, [5, 6]), data(2, 2, [3, 4]), data(2, 2, [9, 9]))
+        self.assertEqual([event["event"] for event in self.events(2)], ["gap", "dropped"])
+        leg = self.end()[0]["legs"]["originator"]
+        self.assertEqual((leg["packets"], leg["missing_packets"]), (3, 0))
+        self.assertEqual(samples_of(self.folder / leg["file"]), [1, 2, 3, 4, 5, 6])
+
+    def test_call_is_joined_in_its_middle_and_counters_wrap(self):
+        self.send(datagram("data_before_wrap"), datagram("data_after_wrap"))
+        closed = self.end_after_packets()
+        self.assertEqual(samples_of(self.folder / closed["legs"]["originator"]["file"]),
+                         WAVE_SAMPLES * 2)
+
+    def end_after_packets(self):
+        """The closing event, once a refused datagram shows that all before it were taken."""
+        self.send(b"end")
+        self.assertEqual(self.events(1)[0]["event"], "refused")
+        events = self.end()
+        self.assertEqual([event["event"] for event in events], ["closed"])
+        return events[0]
+
+    def test_termination_closes_the_files(self):
+        self.send(data(1, 0, [1, 2]), b"end")
+        self.events(1)
+        closed = json.loads(self.stop(signal.SIGTERM)[0])
+        path = self.folder / closed["legs"]["originator"]["file"]
+        self.assertEqual(samples_of(path), [1, 2])
+
+    def test_packet_without_samples_is_counted(self):
+        self.send(data(1, 0, [1, 2]), data(2, 2, []), data(3, 2, [3]))
+        leg = self.end_after_packets()["legs"]["originator"]
+        self.assertEqual((leg["packets"], leg["samples"]), (3, 3))
+
+    def test_offset_beyond_belief_is_dropped(self):
+        self.send(data(1, 0, [1, 2]), data(2, 0x7FFFFFF0, [3]))
+        self.assertEqual(self.events(1)[0]["event"], "dropped")
+        self.assertEqual(self.end()[0]["legs"]["originator"]["samples"], 2)
+
+    def test_second_tap_on_a_call_gets_files_of_its_own(self):
+        again = bytearray(datagram("call_1_start"))
+        again[56:64] = (4600000000).to_bytes(8, "little")
+        self.send(datagram("call_1_start"), data(1, 0, [1]), bytes(again), data(1, 0, [2]))
+        self.assertEqual([event["event"] for event in self.events(3)], ["start", "closed", "start"])
+        second = self.end_after_packets()["legs"]["originator"]["file"]
+        self.assertEqual(samples_of(self.folder / f"{UUID}-originator.wav"), [1])
+        self.assertEqual(samples_of(self.folder / second), [2])
+
+    def test_malformed_datagrams_are_refused_with_the_documents_reason(self):
+        for name in GOLDEN:
+            if "malformed" in GOLDEN[name]:
+                with self.subTest(name):
+                    self.send(datagram(name))
+                    self.assertEqual(self.events(1)[0], {
+                        "event": "refused", "reason": GOLDEN[name]["malformed"],
+                        "length": len(datagram(name))})
+        self.assertEqual(self.end(), [])
+
+    def test_commands_of_the_readme_do_what_it_says(self):
+        self.stop()
+        receive = readme_command("python3 examples/receiver.py")
+        self.start(shlex.split(receive.replace(":5090", ":0").replace(" calls ", " FOLDER ")))
+        send = readme_command("python3 examples/send_call.py")
+        subprocess.run(shlex.split(send.replace(":5090", f":{self.port}")), cwd=ROOT, check=True,
+                       stdout=subprocess.DEVNULL, timeout=30)
+        events = [json.loads(line) for line in self.process.communicate(timeout=20)[0].splitlines()]
+        self.assertEqual([event["event"] for event in events],
+                         ["start", "gap", "control", "terminate", "closed"])
+        self.assertEqual((events[1]["packets"], events[1]["samples"]), (2, 320))
+        legs = events[4]["legs"]
+        self.assertEqual([legs[side]["samples"] for side in ("originator", "terminator")],
+                         [16000, 16000])
+        lost = samples_of(self.folder / legs["originator"]["file"])[19 * 160 : 21 * 160]
+        self.assertEqual(lost, [0] * 320)
+
+
+class CppReceiver(ReceiverTest):
+    def setUp(self):
+        if not PROGRAM:
+            self.skipTest("no program given")
+        self.start([PROGRAM, "127.0.0.1", "0"])
+
+    def test_call_is_told_line_by_line(self):
+        self.send(*[datagram(name) for name in CALL])
+        self.assertEqual(self.lines(4), [
+            f"{UUID} start: inbound reference=a84b4c76e66710@192.0.2.7 features=cccc",
+            f"{UUID} control: features=ccc0",
+            f"{UUID} end: originator packets=2 samples=16 lost_packets=0 peak=200",
+            f"{UUID} end: terminator packets=2 samples=16 lost_packets=0 peak=1000"])
+        self.assertEqual(self.stop(), [])
+
+    def test_gap_and_late_packet_are_told(self):
+        self.send(data(1, 0, [1, 2]), data(3, 4, [5, 6]), data(2, 2, [3, 4]))
+        self.assertEqual(self.lines(2), [
+            f"{UUID} gap: originator packets=1 samples=2",
+            f"{UUID} late or copied: originator sequence number 2"])
+        self.assertEqual(self.stop(signal.SIGTERM), [])
+
+    def test_counters_wrap_without_a_gap(self):
+        self.send(datagram("data_before_wrap"), datagram("data_after_wrap"), b"end")
+        self.assertEqual(self.lines(1), ["refused: too short for its packet type (3 bytes)"])
+
+    def test_second_tap_counts_from_the_beginning(self):
+        again = bytearray(datagram("call_1_start"))
+        again[56:64] = (4600000000).to_bytes(8, "little")
+        self.send(datagram("call_1_start"), data(1, 0, [1]), data(2, 1, [1]), bytes(again),
+                  data(1, 0, [2]), datagram("call_7_terminate"))
+        self.assertEqual(self.lines(3)[2],
+                         f"{UUID} end: originator packets=1 samples=1 lost_packets=0 peak=2")
+
+    def test_malformed_datagrams_are_refused_with_the_documents_reason(self):
+        for name in GOLDEN:
+            if "malformed" in GOLDEN[name]:
+                with self.subTest(name):
+                    self.send(datagram(name))
+                    self.assertEqual(self.lines(1), [
+                        f"refused: {GOLDEN[name]['malformed']} ({len(datagram(name))} bytes)"])
+
+    def test_command_of_the_readme_compiles_it(self):
+        command = readme_command(r"g\+\+ ").replace("-o receiver", f"-o {self.folder}/receiver")
+        subprocess.run(shlex.split(command), cwd=ROOT, check=True, timeout=60)
+        result = subprocess.run([self.folder / "receiver"], capture_output=True, text=True,
+                                timeout=10, check=False)
+        self.assertIn("usage: ", result.stderr)
+
+    def test_address_that_is_none_is_named(self):
+        result = subprocess.run([PROGRAM, "localhost", "5090"], capture_output=True, text=True,
+                                timeout=10, check=False)
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, "not an IPv4 address: localhost\n"))
+
+
+class Sender(unittest.TestCase):
+    def test_key_is_that_of_the_document(self):
+        sys.path.insert(0, str(ROOT / "examples"))
+        import send_call  # The example is a program; it is taken as a module here only.
+        uuid_bytes = bytes.fromhex(UUID.replace("-", ""))
+        key = f"0x{send_call.call_key(uuid_bytes):016x}"
+        self.assertEqual(key, GOLDEN["call_1_start"]["call_key"])
+
+
+if __name__ == "__main__":
+    PROGRAM = sys.argv.pop(1) if len(sys.argv) > 1 and not sys.argv[1].startswith("-") else None
+    sys.dont_write_bytecode = True
+    unittest.main()
