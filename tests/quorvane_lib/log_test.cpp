@@ -216,12 +216,12 @@ TEST(FormatMessage, TheLineIsDecimalWhateverTheStreamWrites) {
 class FormatTime : public testing::Test {
   protected:
     static std::string at(const char* zone, long seconds, long microseconds) {
-        ::setenv("TZ", zone, 1);
+        ::setenv("TZ", zone, 1);  // NOLINT(concurrency-mt-unsafe): one thread.
         clock_reads = {seconds, microseconds};
         return format_time();
     }
     ~FormatTime() override {
-        ::unsetenv("TZ");
+        ::unsetenv("TZ");  // NOLINT(concurrency-mt-unsafe): one thread.
         ::tzset();
     }
 };

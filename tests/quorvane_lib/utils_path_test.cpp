@@ -39,6 +39,7 @@ class PathTest : public testing::Test {
     }
     static std::vector<std::string> paths_of(const std::vector<tests::SeenCall>& calls) {
         std::vector<std::string> paths;
+        paths.reserve(calls.size());
         for (const tests::SeenCall& call : calls) {
             paths.push_back(call.text);
         }
