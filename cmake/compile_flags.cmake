@@ -25,4 +25,9 @@ else()
     $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
     $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
 endif()
+
+# The code under test tells the fuzzer which of its branches were taken.
+if(QUORVANE_FUZZ)
+  target_compile_options(quorvane_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 target_link_options(quorvane_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)

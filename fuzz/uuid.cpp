@@ -1,0 +1,55 @@
+// The text of a UUID, decoded and printed again.
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "fuzz/support/require.h"
+#include "quorvane_lib/utils_bytes.h"
+#include "quorvane_lib/utils_str.h"
+
+namespace {
+
+using qv::utils::bytes::decode_uuid;
+
+constexpr std::uint64_t DASHES = 8659200;  // A bit for each place where a dash may stand.
+constexpr unsigned char UNTOUCHED = 0xEE;
+
+// Collects the digits first and looks at them afterwards. False if the text is no UUID.
+bool model_of(const std::string& text, std::string& digits) {
+    for (std::size_t i = 0; i < text.size() && digits.size() < 32; ++i) {
+        if (std::strchr("0123456789abcdefABCDEF", text[i]) != nullptr) {
+            digits += text[i];
+        } else if (text[i] != '-' || i >= 24 || (DASHES >> i & 1) == 0) {
+            return false;
+        }
+    }
+    return digits.size() == 32;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string text = qv::fuzz::as_text(data, size).c_str();
+    unsigned char uuid[17];
+    std::memset(uuid, UNTOUCHED, sizeof(uuid));
+    const bool valid = decode_uuid(text.c_str(), uuid, qv::tag::direct_update_t{});
+
+    std::string digits;
+    qv::fuzz::require_equal("result", valid, model_of(text, digits));
+    qv::fuzz::require_equal("byte behind the buffer", uuid[16], UNTOUCHED);
+    for (std::size_t i = 0; i < digits.size() / 2; ++i) {
+        const int byte = std::stoi(digits.substr(2 * i, 2), nullptr, 16);
+        qv::fuzz::require_equal("byte", uuid[i], byte);
+    }
+    for (std::size_t i = (digits.size() + 1) / 2; i < 16; ++i) {
+        qv::fuzz::require_equal("untouched byte", uuid[i], UNTOUCHED);
+    }
+
+    unsigned char again[16];
+    const std::string printed = qv::utils::str::print_uuid(uuid);
+    qv::fuzz::require_equal("printed size", printed.size(), 36u);
+    qv::fuzz::require(decode_uuid(printed.c_str(), again, qv::tag::direct_update_t{}),
+                      "a printed UUID can be decoded");
+    qv::fuzz::require(std::memcmp(uuid, again, 16) == 0, "it is the same UUID");
+    return 0;
+}
