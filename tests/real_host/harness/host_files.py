@@ -1,6 +1,7 @@
 """Writes the configuration of a private host: loopback only, ports of its own."""
 
 import pathlib
+import re
 import socket
 from dataclasses import dataclass
 
@@ -10,6 +11,8 @@ MODULES = ("mod_logfile", "mod_event_socket", "mod_commands", "mod_dptools", "mo
 
 PASSWORD = "real-host-suite"
 
+SAMPLES = pathlib.Path(__file__).resolve().parents[3] / "examples" / "dialplan"
+
 
 @dataclass(frozen=True)
 class Ports:
@@ -17,6 +20,7 @@ class Ports:
     sip: int
     rtp_first: int
     rtp_last: int
+    media_nodes: tuple  # Those of the dialplan sample with several.
 
 
 def free_port(kind: int) -> int:
@@ -28,7 +32,8 @@ def free_port(kind: int) -> int:
 def choose_ports() -> Ports:
     # Below the range that the system gives to unbound sockets.
     rtp = 20000 + free_port(socket.SOCK_DGRAM) % 40 * 300
-    return Ports(free_port(socket.SOCK_STREAM), free_port(socket.SOCK_DGRAM), rtp, rtp + 298)
+    return Ports(free_port(socket.SOCK_STREAM), free_port(socket.SOCK_DGRAM), rtp, rtp + 298,
+                 (free_port(socket.SOCK_DGRAM), free_port(socket.SOCK_DGRAM)))
 
 
 def params(**values) -> str:
@@ -81,6 +86,23 @@ def extension(name: str, *actions) -> str:
             f'expression="^{name}$">{steps}</condition></extension>\n')
 
 
+def sample_contexts(ports: Ports) -> str:
+    """The dialplan samples, each in a context of its name, with what their calls lead to behind
+    them. Their addresses are replaced: nothing leaves this machine."""
+    rest = ('<extension name="rest"><condition><action application="answer"/>'
+            '<action application="playback" data="tone_stream://%(10000,0,440)"/>'
+            '</condition></extension>\n')
+    called = f"{{absolute_codec_string=PCMU}}sofia/suite/far@127.0.0.1:{ports.sip}"
+    contexts = ""
+    for sample in sorted(SAMPLES.glob("*.xml")):
+        extensions = re.sub(r"</?include>", "", sample.read_text())
+        extensions = extensions.replace("user/$1@${domain_name}", called)
+        for address, port in zip(("192.0.2.11:5090", "192.0.2.12:5090"), ports.media_nodes):
+            extensions = extensions.replace(address, f"127.0.0.1:{port}")
+        contexts += f'<context name="{sample.stem}">\n{extensions}{rest}</context>\n'
+    return contexts
+
+
 def write_host_files(folder: pathlib.Path, installation, ports: Ports, dialplan: str) -> None:
     sections = (
         modules_section(installation)
@@ -95,5 +117,6 @@ def write_host_files(folder: pathlib.Path, installation, ports: Ports, dialplan:
     (folder / "freeswitch.xml").write_text(
         '<?xml version="1.0"?>\n<document type="freeswitch/xml">\n'
         f'<section name="configuration">\n{sections}</section>\n'
-        f'<section name="dialplan"><context name="scenarios">\n{dialplan}</context></section>\n'
+        f'<section name="dialplan"><context name="scenarios">\n{dialplan}</context>\n'
+        f'{sample_contexts(ports)}</section>\n'
         '<section name="directory"><domain name="127.0.0.1"/></section>\n</document>\n')

@@ -127,12 +127,12 @@ class Stream:
 
 
 class MediaNode:
-    """Receives on a loopback port until closed."""
+    """Receives on a loopback port, one that is free if none is given, until closed."""
 
-    def __init__(self):
+    def __init__(self, port: int = 0):
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 8 << 20)
-        self._socket.bind(("127.0.0.1", 0))
+        self._socket.bind(("127.0.0.1", port))
         self._socket.settimeout(0.2)
         self.port = self._socket.getsockname()[1]
         self.sources = set()
