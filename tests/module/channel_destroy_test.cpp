@@ -1,0 +1,128 @@
+// What the module does when the host tells it of a channel's end.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/support/module_test.h"
+
+namespace qv::tests {
+
+namespace {
+
+using host::Fault;
+
+class ChannelDestroy : public ModuleTest {
+  protected:
+    void SetUp() override { load(); }
+
+    using Headers = std::vector<std::pair<std::string, std::string>>;
+
+    void fire(const Headers& headers) {
+        host.events().fire({SWITCH_EVENT_CHANNEL_DESTROY, headers, ""});
+        host.events().wait_drained();
+    }
+
+    static std::string destroy_line(const std::string& level, const std::string& text) {
+        return level + " log mod_quorvane.cpp:channel_destroy_handler " + text;
+    }
+
+    const std::string configured_context_found = destroy_line(
+        "WARNING", std::string(UUID) +
+                       ": found configured app context on channel destroy: possible memory leak "
+                       "or logic error!");
+    const std::string unconfigured_context_found = destroy_line(
+        "NOTICE", std::string(UUID) +
+                      ": found app context on channel destroy however no app has been executed");
+};
+
+TEST_F(ChannelDestroy, CallThatTheModuleNeverSawWritesNothing) {
+    const auto call = start_call();
+    hangup(*call);
+    EXPECT_TRUE(take_log().empty());
+}
+
+TEST_F(ChannelDestroy, TappedCallThatEndedNormallyWritesNothing) {
+    const auto call = start_tapped_call();
+    hangup(*call);
+    EXPECT_FALSE(host.log().contains("channel destroy"));
+}
+
+TEST_F(ChannelDestroy, CallThatOnlyTheApiTouchedIsFreedWithANotice) {
+    const auto call = start_call();
+    call_api("audio_activity start");
+    take_log();
+    hangup(*call);
+    EXPECT_EQ(take_log(), (Lines{unconfigured_context_found}));
+    fire({{"Unique-ID", UUID}});
+    EXPECT_TRUE(take_log().empty());
+}
+
+TEST_F(ChannelDestroy, CallWhoseBugWasRefusedIsFreedWithAWarning) {
+    const auto call = start_call();
+    host.faults().set(Fault::bug_refused);
+    call->execute("quorvane");
+    take_log();
+    hangup(*call);
+    EXPECT_EQ(take_log(), (Lines{configured_context_found}));
+    fire({{"Unique-ID", UUID}});
+    EXPECT_TRUE(take_log().empty());
+}
+
+TEST_F(ChannelDestroy, CallWhoseConfigurationFailedIsFreedWithAWarning) {
+    const auto call = start_call({{"quorvane_media_node", "bad"}});
+    call->execute("quorvane");
+    take_log();
+    hangup(*call);
+    EXPECT_EQ(take_log(), (Lines{configured_context_found}));
+}
+
+TEST_F(ChannelDestroy, NothingIsSentToTheMediaNode) {
+    const auto call = start_call();
+    host.faults().set(Fault::bug_refused);
+    call->execute("quorvane");
+    hangup(*call);
+    EXPECT_TRUE(node.receive_all().empty());
+}
+
+TEST_F(ChannelDestroy, EventWithoutAUniqueIdIsAnError) {
+    fire({{"Event-Name", "CHANNEL_DESTROY"}});
+    EXPECT_EQ(take_log(),
+              (Lines{destroy_line(
+                  "ERROR", "MAGIC: unable to extract \"Unique-ID\" from channel destroy event")}));
+}
+
+TEST_F(ChannelDestroy, UniqueIdThatIsNoUuidIsToldAsItStands) {
+    fire({{"Unique-ID", "no-uuid %s"}});
+    EXPECT_EQ(take_log(),
+              (Lines{destroy_line("ERROR", "MAGIC: failed to parse session uuid: no-uuid %s")}));
+}
+
+TEST_F(ChannelDestroy, EmptyUniqueIdIsNoUuid) {
+    fire({{"Unique-ID", ""}});
+    EXPECT_EQ(take_log(), (Lines{destroy_line("ERROR", "MAGIC: failed to parse session uuid: ")}));
+}
+
+// The line tells the UUID as the event writes it.
+TEST_F(ChannelDestroy, UuidInUpperCaseIsTheSameCall) {
+    const auto call = start_call();
+    call_api("detection stop");
+    take_log();
+    fire({{"Unique-ID", "3B9F6A52-7C1E-4D80-9F2B-E4A1C05D8E37"}});
+    EXPECT_EQ(take_log(),
+              (Lines{destroy_line("NOTICE",
+                                  "3B9F6A52-7C1E-4D80-9F2B-E4A1C05D8E37: found app context on "
+                                  "channel destroy however no app has been executed")}));
+}
+
+TEST_F(ChannelDestroy, ContextThatWasFreedIsUnknownToTheApi) {
+    const auto call = start_call();
+    call_api("audio_activity start");
+    fire({{"Unique-ID", UUID}});
+    EXPECT_EQ(call_api("features"), std::string("-ERR, features: session context not found, "
+                                                "uuid/id: ") +
+                                        UUID + "/" + KEY);
+}
+
+}  // namespace
+
+}  // namespace qv::tests
