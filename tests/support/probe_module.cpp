@@ -16,6 +16,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -47,7 +50,7 @@ const Lifetime LIFETIME;
 
 switch_event_node_t* g_destroy_node = nullptr;
 
-// What the bug of one call has seen; it deletes itself at CLOSE.
+// What the bug of one call has seen.
 struct Seen {
     int refused_event = -1;
     bool alter = false;
@@ -56,6 +59,22 @@ struct Seen {
     std::thread::id read_thread;
     std::thread::id write_thread;
 };
+
+// Of all bugs; an entry goes at CLOSE, what never gets one with the module.
+std::mutex g_lock;
+std::map<const Seen*, std::unique_ptr<Seen>> g_seen;  // guarded by g_lock
+
+Seen* keep(std::unique_ptr<Seen> seen) {
+    const std::lock_guard<std::mutex> guard(g_lock);
+    Seen* kept = seen.get();
+    g_seen[kept] = std::move(seen);
+    return kept;
+}
+
+void forget(const Seen& seen) {
+    const std::lock_guard<std::mutex> guard(g_lock);
+    g_seen.erase(&seen);
+}
 
 std::string summary(const Seen& seen) {
     const bool apart = seen.read_thread != seen.write_thread;
@@ -85,7 +104,7 @@ switch_bool_t on_bug(switch_media_bug_t* bug, void* user_data, switch_abc_type_t
             break;
         case SWITCH_ABC_TYPE_CLOSE:
             say(summary(seen));
-            delete &seen;
+            forget(seen);
             break;
         default:
             break;
@@ -100,14 +119,14 @@ int number(switch_channel_t* channel, const char* variable, int otherwise) {
 
 void run_application(switch_core_session_t* session, const char* data) {
     switch_channel_t* channel = switch_core_session_get_channel(session);
-    auto* seen = new Seen;
+    Seen* seen = keep(std::make_unique<Seen>());
     seen->refused_event = number(channel, "probe_refuse", -1);
     seen->alter = number(channel, "probe_alter", 0) != 0;
     switch_media_bug_t* bug = nullptr;
     const switch_status_t status = switch_core_media_bug_add(
         session, "probe", nullptr, on_bug, seen, 0, SMBF_READ_REPLACE | SMBF_WRITE_REPLACE, &bug);
     if (status != SWITCH_STATUS_SUCCESS)
-        delete seen;
+        forget(*seen);
     say(std::string("ran with [") + data + "], bug status " + std::to_string(status));
 }
 
