@@ -4,7 +4,7 @@
 //   PROBE_VERSION=N     the version in its table
 //   PROBE_LOAD_STATUS=N what its load function returns
 //   PROBE_THROWS        its load function throws a std::string
-//   PROBE_NO_INTERFACE  its load function creates no interface
+//   PROBE_NO_INTERFACE  its load function leaves no interface
 //   PROBE_NO_LOAD       its table has no load function
 //
 // Its application "probe" attaches a bug that counts what it gets; the channel variable
@@ -166,8 +166,9 @@ void on_destroy(switch_event_t* event) {
 
 [[maybe_unused]] SWITCH_MODULE_LOAD_FUNCTION(probe_load) {
     say("loading");
-#ifndef PROBE_NO_INTERFACE
     create_interfaces(module_interface, pool);
+#ifdef PROBE_NO_INTERFACE
+    *module_interface = nullptr;
 #endif
     switch_event_bind_removable("probe", SWITCH_EVENT_CHANNEL_DESTROY, SWITCH_EVENT_SUBCLASS_ANY,
                                 on_destroy, nullptr, &g_destroy_node);
