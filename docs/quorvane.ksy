@@ -45,11 +45,13 @@ seq:
         'packet_type::terminate': terminate_body
         'packet_type::data': data_body
         'packet_type::control': control_body
-  - id: end_of_packet
-    size: 0
+  - id: surplus
+    type: u1
+    if: not _io.eof
     valid:
-      expr: _io.eof
-    doc: Nothing follows the packet.
+      min: 1
+      max: 0
+    doc: Nothing follows the packet; no byte has a value that is allowed here.
 types:
   start_body:
     seq:

@@ -46,10 +46,21 @@ function camel(name) {
   return name.replace(/_([a-z])/g, (_, letter) => letter.toUpperCase());
 }
 
+function description() {
+  return YAML.parse(fs.readFileSync(DESCRIPTION, 'utf8'));
+}
+
+// A receiver may be written in any language that the compiler knows.
+async function checkEveryLanguage() {
+  for (const language of compiler.languages) {
+    const files = await compiler.compile(language, description(), undefined, false);
+    assert.notStrictEqual(Object.keys(files).length, 0, language);
+  }
+}
+
 // Compiles with debug information, which tells where each field was read.
 async function compileParser(folder) {
-  const description = YAML.parse(fs.readFileSync(DESCRIPTION, 'utf8'));
-  const files = await compiler.compile('javascript', description, undefined, true);
+  const files = await compiler.compile('javascript', description(), undefined, true);
   const file = path.join(folder, 'Quorvane.js');
   fs.writeFileSync(file, files['Quorvane.js']);
   return load(file).Quorvane;
@@ -151,10 +162,11 @@ async function main() {
   const checks = Object.entries(golden).map(([name, expected]) =>
     [name, () => checkDatagram(Quorvane, name, expected)]);
   checks.push(['features in words', () => checkFeatureWords(Quorvane)]);
+  checks.push(['every language', checkEveryLanguage]);
   let failed = 0;
   for (const [name, check] of checks) {
     try {
-      check();
+      await check();
     } catch (error) {
       failed += 1;
       console.error(`${name}: ${error.message}`);
