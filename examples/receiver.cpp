@@ -13,12 +13,11 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <cctype>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <string>
 
@@ -59,6 +58,14 @@ std::string uuid_text(const unsigned char* uuid) {
         std::snprintf(pair, sizeof(pair), "%02x", uuid[i]);
         text += (i == 4 || i == 6 || i == 8 || i == 10) ? "-" : "";
         text += pair;
+    }
+    return text;
+}
+
+// What came from the network, fit for a terminal.
+std::string printable(std::string text) {
+    for (char& c : text) {
+        c = std::iscntrl(static_cast<unsigned char>(c)) != 0 ? '?' : c;
     }
     return text;
 }
@@ -111,8 +118,9 @@ void take_start(const std::string& uuid, Call& call, const Packet& packet) {
     }
     call.configured_clock = packet.configured_clock;
     std::printf("%s start: %s reference=%s features=%02x%02x\n", uuid.c_str(),
-                packet.outbound() ? "outbound" : "inbound", packet.call_reference,
-                packet.features.supported, packet.features.active);
+                packet.outbound() ? "outbound" : "inbound",
+                printable(packet.call_reference).c_str(), packet.features.supported,
+                packet.features.active);
 }
 
 void take_terminate(const std::string& uuid, const Call& call) {
@@ -159,7 +167,7 @@ int listen_on(const char* address, const char* port) {
     const timeval patience{0, 200000};  // A signal is noticed no later than that.
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) {
-        std::fprintf(stderr, "cannot listen on %s:%s: %s\n", address, port, std::strerror(errno));
+        std::perror((std::string("cannot listen on ") + address + ":" + port).c_str());
         return -1;
     }
     socklen_t size = sizeof(local);

@@ -6,6 +6,7 @@
 
 import json
 import pathlib
+import random
 import re
 import shlex
 import signal
@@ -41,6 +42,14 @@ def data(sequence_number, sample_offset, samples):
     return bytes(packet) + audio
 
 
+def damaged(chance):
+    """A golden datagram with some bytes changed, and cut at times."""
+    packet = bytearray(datagram(chance.choice(sorted(set(GOLDEN) - {"malformed_empty"}))))
+    for _ in range(chance.randrange(8)):
+        packet[chance.randrange(len(packet))] = chance.randrange(256)
+    return bytes(packet[: chance.randrange(1, len(packet))] if chance.random() < 0.3 else packet)
+
+
 def samples_of(path):
     with wave.open(str(path), "rb") as file:
         assert (file.getnchannels(), file.getsampwidth(), file.getframerate()) == (1, 2, 8000)
@@ -61,7 +70,8 @@ class ReceiverTest(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
         command = [part.replace("FOLDER", folder.name) for part in command]
-        self.process = subprocess.Popen(command, cwd=ROOT, stdout=subprocess.PIPE, text=True)
+        self.process = subprocess.Popen(command, cwd=ROOT, stdout=subprocess.PIPE, text=True,
+                                        errors="replace")
         self.addCleanup(self.process.stdout.close)
         self.addCleanup(self.process.wait)
         self.addCleanup(self.process.kill)
@@ -80,6 +90,16 @@ class ReceiverTest(unittest.TestCase):
         output, _ = self.process.communicate(timeout=20)
         self.assertEqual(self.process.returncode, 0)
         return output.splitlines()
+
+
+    def send_damaged(self, count):
+        """Sends them a few at a time, so that the socket holds them all: behind each batch comes
+        a datagram whose refusal shows that the batch was taken."""
+        chance = random.Random(1)
+        for size in range(1, 1 + count // 20):
+            self.send(*[damaged(chance) for _ in range(20)], bytes(size))
+            while not re.search(rf"too short .*\b{size}\b", self.lines(1)[0]):
+                self.assertIsNone(self.process.poll())
 
 
 class PythonReceiver(ReceiverTest):
@@ -171,6 +191,10 @@ class PythonReceiver(ReceiverTest):
                         "length": len(datagram(name))})
         self.assertEqual(self.end(), [])
 
+    def test_damaged_datagrams_do_no_harm(self):
+        self.send_damaged(200)
+        self.assertEqual({event["event"] for event in self.end()}, {"closed"})
+
     def test_commands_of_the_readme_do_what_it_says(self):
         self.stop()
         receive = readme_command("python3 examples/receiver.py")
@@ -215,6 +239,12 @@ class CppReceiver(ReceiverTest):
         self.send(datagram("data_before_wrap"), datagram("data_after_wrap"), b"end")
         self.assertEqual(self.lines(1), ["refused: too short for its packet type (3 bytes)"])
 
+    def test_control_characters_of_a_reference_do_not_reach_the_terminal(self):
+        start = bytearray(datagram("call_1_start"))
+        start[82:84] = b"\x1b\n"
+        self.send(bytes(start))
+        self.assertIn("reference=??4b4c76e66710@192.0.2.7 ", self.lines(1)[0])
+
     def test_second_tap_counts_from_the_beginning(self):
         again = bytearray(datagram("call_1_start"))
         again[56:64] = (4600000000).to_bytes(8, "little")
@@ -230,6 +260,16 @@ class CppReceiver(ReceiverTest):
                     self.send(datagram(name))
                     self.assertEqual(self.lines(1), [
                         f"refused: {GOLDEN[name]['malformed']} ({len(datagram(name))} bytes)"])
+
+    def test_damaged_datagrams_do_no_harm(self):
+        self.send_damaged(600)
+        self.stop()
+
+    def test_address_in_use_is_named(self):
+        result = subprocess.run([PROGRAM, "127.0.0.1", str(self.port)], capture_output=True,
+                                text=True, timeout=10, check=False)
+        self.assertEqual((result.returncode, result.stderr), (
+            1, f"cannot listen on 127.0.0.1:{self.port}: Address already in use\n"))
 
     def test_command_of_the_readme_compiles_it(self):
         command = readme_command(r"g\+\+ ").replace("-o receiver", f"-o {self.folder}/receiver")
