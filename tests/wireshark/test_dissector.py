@@ -8,6 +8,7 @@ import datetime
 import json
 import os
 import pathlib
+import random
 import shutil
 import subprocess
 import sys
@@ -47,6 +48,14 @@ def second_start():
         clock = int.from_bytes(packet[offset : offset + 8], "little") + 1000000
         packet[offset : offset + 8] = clock.to_bytes(8, "little")
     return bytes(packet)
+
+
+def damaged(chance):
+    """A golden datagram with some bytes changed behind the magic, and cut at times."""
+    packet = bytearray(datagram(chance.choice(sorted(set(GOLDEN) - {"malformed_empty"}))))
+    for _ in range(chance.randrange(8)):
+        packet[chance.randrange(4, len(packet))] = chance.randrange(256)
+    return bytes(packet[: chance.randrange(1, len(packet))] if chance.random() < 0.3 else packet)
 
 
 def time_text(microseconds):
@@ -197,6 +206,10 @@ class Dissector(unittest.TestCase):
         self.assertEqual(self.experts(packets)[3:],
                          ["Late packet", "Copy of an earlier packet", ""])
 
+    def test_second_look_finds_the_same(self):
+        packets = [datagram("call_1_start"), data(1, 0), data(3, 16), data(2, 8)]
+        self.assertEqual(self.experts(packets, "-2"), self.experts(packets))
+
     def test_jump_of_the_offset_alone_is_an_error(self):
         packets = [datagram("call_1_start"), data(1, 0), data(2, 80), data(3, 88)]
         self.assertEqual(self.experts(packets)[2:],
@@ -245,6 +258,11 @@ class Dissector(unittest.TestCase):
         self.assertEqual(self.experts(packets)[1:], list(reasons.values()))
         for line, reason in zip(self.tshark(packets).splitlines()[1:], reasons.values()):
             self.assertTrue(line.endswith(f"[{reason}]"), line)
+
+    def test_damaged_datagrams_are_shown_without_an_error_of_the_script(self):
+        chance = random.Random(1)
+        text = self.tshark([damaged(chance) for _ in range(400)], "-V")
+        self.assertGreater(text.count("Quorvane media transfer"), 300)
 
     def test_malformed_data_is_left_out_of_the_order(self):
         packets = [datagram("call_1_start"), data(1, 0), data(2, 8)[:-1], data(2, 8)]
