@@ -39,4 +39,9 @@ if [ "$(cat "$folder/installed" 2>/dev/null || true)" != "$stamp" ]; then
   echo "$stamp" >"$folder/installed"
 fi
 
+# The parser in another language, made by the command that docs/protocol.md shows.
+rm -rf "$folder/python"
+node "$here/compile.js" "$folder" python "$folder/python"
+grep -q 'class Quorvane' "$folder/python/quorvane.py"
+
 exec node "$here/parse_golden.js" "$folder"
