@@ -67,7 +67,7 @@ struct UnloadResult {
     std::optional<std::string> exception;   // text of the exception that left it
     bool left_memory = false;               // the object is really gone
     std::size_t bindings_dropped = 0;       // bindings that shutdown had left
-    std::size_t bugs_dropped = 0;           // bugs still attached; they get no CLOSE
+    std::size_t bugs_dropped = 0;           // bugs whose code is gone; they get no CLOSE
 };
 
 struct ApiAnswer {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "host/code_address.h"
 #include "host/parts.h"
@@ -239,15 +240,21 @@ switch_status_t EventBus::unbind(switch_event_node_t** node) {
     return SWITCH_STATUS_SUCCESS;
 }
 
-std::size_t EventBus::drop_bindings_of(const void* base) {
+std::vector<EventBus::Binding> EventBus::take_bindings_of(const void* base) {
     const std::unique_lock<std::shared_mutex> guard(bindings_lock_);
-    const auto kept =
-        std::remove_if(bindings_.begin(), bindings_.end(), [base](const Binding& binding) {
-            return object_base(code_address(binding->callback)) == base;
+    const auto first =
+        std::stable_partition(bindings_.begin(), bindings_.end(), [base](const Binding& binding) {
+            return object_base(code_address(binding->callback)) != base;
         });
-    const auto count = static_cast<std::size_t>(bindings_.end() - kept);
-    bindings_.erase(kept, bindings_.end());
-    return count;
+    std::vector<Binding> taken(std::make_move_iterator(first),
+                               std::make_move_iterator(bindings_.end()));
+    bindings_.erase(first, bindings_.end());
+    return taken;
+}
+
+void EventBus::put_back(std::vector<Binding> bindings) {
+    const std::unique_lock<std::shared_mutex> guard(bindings_lock_);
+    std::move(bindings.begin(), bindings.end(), std::back_inserter(bindings_));
 }
 
 std::size_t EventBus::bindings() const {

@@ -80,15 +80,17 @@ class EventBus {
     // Waits for a delivery under way. Not from an event callback.
     switch_status_t unbind(switch_event_node_t** node);
 
-    // Removes the bindings whose callback lies in the loaded object at `base`; the count.
-    std::size_t drop_bindings_of(const void* base);
+    using Binding = std::unique_ptr<switch_event_node>;
+
+    // Takes out the bindings whose callback lies in the loaded object at `base`; no event
+    // reaches them until they are put back.
+    std::vector<Binding> take_bindings_of(const void* base);
+    void put_back(std::vector<Binding> bindings);
 
     std::size_t bindings() const;
     std::uint64_t delivered() const { return delivered_.load(); }
 
   private:
-    using Binding = std::unique_ptr<switch_event_node>;
-
     void run();
     void deliver(const Event& event);
     void deliver_to(int bound_id, switch_event_t* record);  // bindings_lock_ held, shared

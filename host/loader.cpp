@@ -10,6 +10,7 @@
 
 #include "host/code_address.h"
 #include "host/parts.h"
+#include "host/session.h"
 
 namespace qv::host {
 namespace {
@@ -111,7 +112,9 @@ LoadResult Loader::load(const std::string& path) {
     if (!result.error.empty()) {
         current_host().log.note(SWITCH_LOG_CRIT,
                                 "cannot load module " + path + ": " + result.error);
-        close(*module, result.left_memory, result.bindings_dropped);
+        const Closed closed = close(*module);
+        result.left_memory = closed.left_memory;
+        result.bindings_dropped = closed.bindings_dropped;
         return result;
     }
     current_host().registry.add(*module->interface);
@@ -157,13 +160,25 @@ void Loader::run_load(Module& module, LoadResult& result) {
     module.permanent = result.status == SWITCH_STATUS_NOUNLOAD;
 }
 
-// Bindings into the object must be gone before its code is.
-void Loader::close(Module& module, bool& left_memory, std::size_t& bindings_dropped) {
-    if (module.base)
-        bindings_dropped = current_host().events.drop_bindings_of(module.base);
+// What the object still has in the host goes with its code. An object that keeps itself
+// mapped keeps its bugs and its bindings, and they go on being called.
+Loader::Closed Loader::close(Module& module) {
+    Closed closed;
+    auto& events = current_host().events;
+    auto bindings =
+        module.base ? events.take_bindings_of(module.base) : std::vector<EventBus::Binding>();
+    const SessionTable::Pause pause = current_host().sessions.pause_bugs();
     if (module.object)
         dlclose(module.object);
-    left_memory = !module.base || !still_loaded(module.base);
+    closed.left_memory = !module.base || !still_loaded(module.base);
+    if (!closed.left_memory) {
+        events.put_back(std::move(bindings));
+        return closed;
+    }
+    closed.bindings_dropped = bindings.size();
+    for (const auto& session : pause.sessions)
+        closed.bugs_dropped += session->bugs().drop_unmapped();
+    return closed;
 }
 
 UnloadResult Loader::shutdown(const std::string& name) {
@@ -206,8 +221,10 @@ UnloadResult Loader::unload(const std::string& name) {
         result.error = "module " + name + " does not allow to be unloaded";
         return result;
     }
-    result.bugs_dropped = current_host().sessions.drop_bugs_of(module.base);
-    close(module, result.left_memory, result.bindings_dropped);
+    const Closed closed = close(module);
+    result.left_memory = closed.left_memory;
+    result.bindings_dropped = closed.bindings_dropped;
+    result.bugs_dropped = closed.bugs_dropped;
     modules_.erase(found);
     result.unloaded = true;
     current_host().log.note(SWITCH_LOG_CONSOLE, "module " + name + " is unloaded");

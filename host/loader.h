@@ -36,7 +36,12 @@ class Loader {
     struct Module;
 
     void run_load(Module& module, LoadResult& result);
-    void close(Module& module, bool& left_memory, std::size_t& bindings_dropped);
+    struct Closed {
+        bool left_memory = false;
+        std::size_t bindings_dropped = 0;
+        std::size_t bugs_dropped = 0;
+    };
+    static Closed close(Module& module);
 
     mutable std::mutex lock_;  // guards modules_ and what is in them
     std::map<std::string, std::unique_ptr<Module>> modules_;

@@ -181,10 +181,9 @@ void MediaBugs::close_all() {
         retire(std::move(bug));
 }
 
-std::size_t MediaBugs::drop_of(const void* base) {
-    const std::unique_lock<std::shared_mutex> guard(lock_);
-    const auto kept = std::remove_if(bugs_.begin(), bugs_.end(), [base](const Bug& bug) {
-        return object_base(code_address(bug->callback)) == base;
+std::size_t MediaBugs::drop_unmapped() {
+    const auto kept = std::remove_if(bugs_.begin(), bugs_.end(), [](const Bug& bug) {
+        return object_base(code_address(bug->callback)) == nullptr;
     });
     const auto count = static_cast<std::size_t>(bugs_.end() - kept);
     bugs_.erase(kept, bugs_.end());

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <vector>
@@ -50,9 +51,11 @@ class MediaBugs {
 
     // CLOSE to all; what comes later finds no bug.
     void close_all();
-    // Takes away, without a CLOSE, the bugs whose callback lies in the loaded object at
-    // `base`; the count.
-    std::size_t drop_of(const void* base);
+    // While the lock is held no bug is called.
+    std::unique_lock<std::shared_mutex> pause() { return std::unique_lock(lock_); }
+    // Takes away, without a CLOSE, the bugs whose callback is in memory no more; the count.
+    // Under pause().
+    std::size_t drop_unmapped();
 
   private:
     using Bug = std::unique_ptr<switch_media_bug>;

@@ -50,11 +50,11 @@ void SessionTable::keep(std::shared_ptr<Session> session) {
     kept_.push_back(std::move(session));
 }
 
-std::size_t SessionTable::drop_bugs_of(const void* base) {
-    std::size_t count = 0;
-    for (const auto& session : all())
-        count += session->bugs().drop_of(base);
-    return count;
+SessionTable::Pause SessionTable::pause_bugs() const {
+    Pause pause{all(), {}};
+    for (const auto& session : pause.sessions)
+        pause.locks.push_back(session->bugs().pause());
+    return pause;
 }
 
 }  // namespace qv::host

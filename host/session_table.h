@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -27,8 +28,12 @@ class SessionTable {
     // Keeps a session whose read lock was never given back, for whoever still holds it.
     void keep(std::shared_ptr<Session> session);
 
-    // Drops the bugs of all sessions whose code lies in the loaded object at `base`.
-    std::size_t drop_bugs_of(const void* base);
+    // While it exists no bug of the sessions that are alive now is called.
+    struct Pause {
+        std::vector<std::shared_ptr<Session>> sessions;
+        std::vector<std::unique_lock<std::shared_mutex>> locks;  // after what they lock
+    };
+    Pause pause_bugs() const;
 
   private:
     mutable std::mutex lock_;  // guards the two below

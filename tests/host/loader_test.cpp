@@ -1,5 +1,7 @@
 #include "host/loader.h"
 
+#include <dlfcn.h>
+
 #include <chrono>
 #include <thread>
 
@@ -144,6 +146,45 @@ TEST_F(LoaderTest, BugsOfAnUnloadedModuleGoWithoutAClose) {
     call->hangup();
     EXPECT_EQ(host_.report().bugs_attached, 0u);
     EXPECT_EQ(host_.report().bugs_closed, 0u);
+}
+
+// An object that is mapped by somebody else too; the real host does not look after its bugs
+// and bindings either, and goes on calling them.
+class LastingObject {
+  public:
+    explicit LastingObject(const std::string& path) : object_(dlopen(path.c_str(), RTLD_NOW)) {}
+    ~LastingObject() { dlclose(object_); }
+    LastingObject(const LastingObject&) = delete;
+    LastingObject& operator=(const LastingObject&) = delete;
+
+  private:
+    void* object_;
+};
+
+TEST_F(LoaderTest, BugsOfAnUnloadedModuleThatStaysMappedGoOn) {
+    const LastingObject lasting(probe_path("mod_probe"));
+    load_probe();
+    const auto call = host_.start_call();
+    call->execute("probe");
+    const UnloadResult result = host_.unload_module("mod_probe");
+    EXPECT_TRUE(result.unloaded);
+    EXPECT_FALSE(result.left_memory);
+    EXPECT_EQ(result.bugs_dropped, 0u);
+    EXPECT_EQ(feed(*call, Direction::read, {1, 2}).bugs, 1u);
+    call->hangup();
+    EXPECT_EQ(host_.report().bugs_closed, 1u);
+}
+
+TEST_F(LoaderTest, BindingsOfAFailedLoadThatStaysMappedGoOn) {
+    const LastingObject lasting(probe_path("mod_probe_term"));
+    const LoadResult result = host_.load_module(probe_path("mod_probe_term"));
+    EXPECT_FALSE(result.left_memory);
+    EXPECT_EQ(result.bindings_dropped, 0u);
+    const auto call = host_.start_call();
+    call->hangup();
+    host_.events().wait_drained();
+    EXPECT_EQ(said().back(), "destroy event of " + call->uuid());
+    EXPECT_EQ(host_.report().bindings_alive, 1u);
 }
 
 TEST_F(LoaderTest, ShutdownAloneLeavesTheBugsAttached) {
