@@ -18,7 +18,7 @@ using Verdict = qv::tools::node::SideTracker::Verdict;
 // Writes down what is delivered: a letter for each sample, '.' for silence.
 class Tape : public SideOutput {
   public:
-    void audio(const std::int16_t* samples, std::size_t count) override {
+    void audio(const std::int16_t* samples, std::size_t count, std::int64_t) override {
         for (std::size_t i = 0; i < count; ++i) {
             text += static_cast<char>(samples[i]);
         }
@@ -48,7 +48,7 @@ class SideTrackerTest : public testing::Test {
     Verdict send_at(std::uint32_t number, std::uint32_t offset) {
         const std::vector<std::int16_t> samples(4,
                                                 static_cast<std::int16_t>('a' + (number - 1) % 26));
-        return tracker_->receive({number, offset, 4, samples.data()}, now_, tape_);
+        return tracker_->receive({number, offset, 4, samples.data(), 0}, now_, tape_);
     }
 
     void send_all(std::initializer_list<std::uint32_t> numbers) {
@@ -201,7 +201,7 @@ TEST_F(SideTrackerTest, DuplicatesAreFoundAcrossTheWrap) {
 
 TEST_F(SideTrackerTest, EmptyPacketsCountButAddNothing) {
     send(1);
-    EXPECT_EQ(tracker_->receive({2, 4, 0, nullptr}, now_, tape_), Verdict::DELIVERED);
+    EXPECT_EQ(tracker_->receive({2, 4, 0, nullptr, 0}, now_, tape_), Verdict::DELIVERED);
     send_at(3, 4);
     EXPECT_EQ(tape_.text, "aaaacccc");
     EXPECT_EQ(stats().gaps, 0u);

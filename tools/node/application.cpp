@@ -1,14 +1,21 @@
 #include "tools/node/application.h"
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <exception>
+#include <iostream>
 #include <numeric>
+#include <system_error>
 #include <utility>
 
-#include "quorvane_lib/utils_str.h"
 #include "tools/node/recording.h"
+#include "tools/node/stereo_recording.h"
 #include "tools/node/text.h"
 
 namespace qv::tools::node {
@@ -16,9 +23,16 @@ namespace qv::tools::node {
 namespace {
 
 constexpr auto TICK = std::chrono::milliseconds(50);
+constexpr Micros FRAME{250'000};
+constexpr Micros SECOND{1'000'000};
 constexpr std::size_t SPARE_DESCRIPTORS = 64;
+constexpr std::size_t USUAL_OPEN_FILES = 8192;
 // Malformed datagrams are shown one by one up to here, then only counted.
 constexpr std::uint64_t MALFORMED_LINES_PER_REASON = 3;
+
+// The terminal shows the alternate screen while the live view is on.
+constexpr const char* ENTER_SCREEN = "\x1b[?1049h\x1b[?25l\x1b[2J";
+constexpr const char* LEAVE_SCREEN = "\x1b[?25h\x1b[?1049l";
 
 // Raises the limit of open files as far as allowed; returns how many WAV files fit.
 std::size_t possible_open_files() {
@@ -30,7 +44,29 @@ std::size_t possible_open_files() {
     setrlimit(RLIMIT_NOFILE, &limit);
     getrlimit(RLIMIT_NOFILE, &limit);
     const auto possible = static_cast<std::size_t>(limit.rlim_cur);
-    return std::clamp<std::size_t>(possible, SPARE_DESCRIPTORS * 2, 100'000) - SPARE_DESCRIPTORS;
+    return possible > 2 * SPARE_DESCRIPTORS ? possible - SPARE_DESCRIPTORS
+                                            : std::max<std::size_t>(possible / 2, 1);
+}
+
+ScreenSize screen_size() {
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
+        return {};
+    }
+    return {size.ws_col, size.ws_row};
+}
+
+std::string hex_of(const unsigned char* data, std::size_t size) {
+    static constexpr char DIGITS[] = "0123456789abcdef";
+    std::string text;
+    for (std::size_t i = 0; i < size; ++i) {
+        text += {' ', DIGITS[data[i] >> 4], DIGITS[data[i] & 15]};
+    }
+    return text;
+}
+
+bool to_stdout(const Options& options) {
+    return options.events == "-";
 }
 
 }  // namespace
@@ -39,14 +75,17 @@ Application::Application(const Options& options, std::ostream& out, std::ostream
     : options_(options),
       out_(out),
       errors_(errors),
+      live_(options.live && !to_stdout(options) && isatty(STDOUT_FILENO) != 0),
       signals_(loop_),
       timer_(loop_),
-      lines_(out),
+      lines_(to_stdout(options) ? errors : out),
       receiver_(loop_, [this](const unsigned char* data, std::size_t size, Micros now) {
           on_datagram(data, size, now);
       }) {}
 
 int Application::run() {
+    // A reader of our output that goes away must not end the recordings.
+    std::signal(SIGPIPE, SIG_IGN);
     if (!open()) {
         return EXIT_NO_START;
     }
@@ -56,7 +95,7 @@ int Application::run() {
             loop_.stop();
         }
     });
-    last_packet_ = steady_now();
+    began_ = last_packet_ = last_second_ = steady_now();
     receiver_.start();
     schedule_tick();
     loop_.run();
@@ -65,42 +104,144 @@ int Application::run() {
 }
 
 bool Application::open() {
-    const std::size_t possible = possible_open_files();
-    const std::size_t wanted = options_.max_open_files;
-    folder_ = std::make_unique<WavFolder>(
-        options_.folder, wanted != 0 ? std::min(wanted, possible) : possible, options_.overwrite);
-    const std::string folder_error = folder_->prepare();
-    if (!folder_error.empty()) {
-        errors_ << "quorvane-node: cannot write to folder " << options_.folder << ": "
-                << folder_error << std::endl;
+    if (!open_folder() || !open_socket() || !open_events() || !open_metrics()) {
         return false;
     }
-    const std::string socket_error =
-        receiver_.open(options_.listen, options_.receive_buffer_mib * 1024 * 1024);
-    if (!socket_error.empty()) {
-        errors_ << "quorvane-node: cannot listen on " << options_.listen_text << ": "
-                << socket_error << std::endl;
-        return false;
-    }
-    std::error_code error;
-    signals_.add(SIGINT, error);
-    signals_.add(SIGTERM, error);
+    open_calls();
+    greet();
+    return true;
+}
 
-    const std::size_t block = options_.block_kib * 1024 / sizeof(std::int16_t);
-    const RecordingFactory recordings = [this, block](const Uuid& uuid, RateSource rate) {
-        return std::make_unique<SideRecording>(*folder_, uuid, std::move(rate), block);
-    };
+bool Application::refuse(const std::string& what, const std::string& why) {
+    errors_ << "quorvane-node: " << what << ": " << why << std::endl;
+    return false;
+}
+
+bool Application::open_folder() {
+    const std::size_t possible = possible_open_files();
+    const std::size_t wanted =
+        options_.max_open_files != 0 ? options_.max_open_files : USUAL_OPEN_FILES;
+    folder_ = std::make_unique<WavFolder>(options_.folder, std::min(wanted, possible),
+                                          options_.overwrite);
+    const std::string error = folder_->prepare();
+    return error.empty() || refuse("cannot write to folder " + options_.folder, error);
+}
+
+bool Application::open_socket() {
+    const std::string error =
+        receiver_.open(options_.listen, options_.receive_buffer_mib * 1024 * 1024);
+    if (!error.empty()) {
+        return refuse("cannot listen on " + options_.listen_text, error);
+    }
+    address_ = address_text(reinterpret_cast<const unsigned char*>(&options_.listen.sin_addr),
+                            receiver_.port());
+    std::error_code ignored;
+    signals_.add(SIGINT, ignored);
+    signals_.add(SIGTERM, ignored);
+    return true;
+}
+
+bool Application::open_events() {
+    if (options_.events.empty()) {
+        return true;
+    }
+    if (!to_stdout(options_)) {
+        events_file_.open(options_.events, std::ios::app);
+        if (!events_file_) {
+            return refuse("cannot write events to " + options_.events,
+                          std::generic_category().message(errno));
+        }
+    }
+    events_ = std::make_unique<EventLog>(to_stdout(options_) ? out_ : events_file_,
+                                         options_.every_packet);
+    return true;
+}
+
+bool Application::open_metrics() {
+    if (!options_.metrics_port.has_value()) {
+        return true;
+    }
+    try {
+        metrics_ = std::make_unique<Metrics>(*options_.metrics_port);
+    } catch (const std::exception& error) {
+        return refuse("cannot serve metrics on port " + std::to_string(*options_.metrics_port),
+                      error.what());
+    }
+    return true;
+}
+
+void Application::open_calls() {
+    if (options_.timeline) {
+        timeline_ = std::make_unique<Timeline>(
+            [this](const Call&, const std::string& name, const std::string& svg) {
+                save_timeline(name, svg);
+            });
+    }
     std::vector<CallListener*> listeners;
-    if (!options_.quiet) {
+    if (!options_.quiet && !live_) {
         listeners.push_back(&lines_);
     }
-    calls_ = std::make_unique<CallTable>(options_.limits, recordings, std::move(listeners));
+    if (events_ != nullptr) {
+        listeners.push_back(events_.get());
+    }
+    if (timeline_ != nullptr) {
+        listeners.push_back(timeline_.get());
+    }
+    calls_ = std::make_unique<CallTable>(
+        options_.limits,
+        [this](const Uuid& uuid, const RateSource& rate) { return record(uuid, rate); },
+        std::move(listeners));
+}
 
-    const auto* address = reinterpret_cast<const unsigned char*>(&options_.listen.sin_addr);
-    lines_.say("listening on " + address_text(address, receiver_.port()),
-               "writing to " + options_.folder + ", receive buffer " +
-                   grouped(static_cast<std::uint64_t>(receiver_.granted_buffer()) / 1024) + " KiB");
-    return true;
+void Application::greet() {
+    const auto granted = static_cast<std::uint64_t>(receiver_.granted_buffer());
+    const auto wanted = static_cast<std::uint64_t>(options_.receive_buffer_mib) * 1024 * 1024;
+    lines_.say("listening on " + address_,
+               "writing to " + options_.folder + ", receive buffer " + grouped(granted / 1024) +
+                   " KiB" +
+                   (granted < wanted
+                        ? " of " + grouped(wanted / 1024) + " KiB wanted (raise net.core.rmem_max)"
+                        : ""));
+    if (metrics_ != nullptr) {
+        lines_.say("metrics", "http://127.0.0.1:" + std::to_string(metrics_->port()) + "/metrics");
+    }
+    if (events_ != nullptr) {
+        events_->listening(address_);
+        events_->flush();
+    }
+    lines_.flush();
+    if (live_) {
+        out_ << ENTER_SCREEN << std::flush;
+    }
+}
+
+std::unique_ptr<Recording> Application::record(const Uuid& uuid, const RateSource& rate) {
+    const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
+                                     options_.keep_pauses};
+    const std::string stem = options_.overwrite ? uuid_text(uuid) : free_stem(*folder_, uuid);
+    std::vector<std::unique_ptr<Recording>> members;
+    if (!options_.no_sides) {
+        members.push_back(std::make_unique<SideRecording>(*folder_, stem, rate, recording));
+    }
+    if (options_.stereo) {
+        members.push_back(std::make_unique<StereoRecording>(*folder_, stem, rate, recording));
+    }
+    if (members.size() == 1) {
+        return std::move(members.front());
+    }
+    return std::make_unique<RecordingGroup>(stem, std::move(members));
+}
+
+void Application::save_timeline(const std::string& name, const std::string& svg) {
+    const std::string path = options_.folder + '/' + name;
+    errno = 0;
+    std::ofstream file(path, std::ios::trunc);
+    file << svg;
+    file.close();
+    if (!file) {
+        exit_code_ = EXIT_TROUBLE;
+        lines_.say("timeline not written", path + ": " + std::generic_category().message(errno));
+    }
 }
 
 void Application::on_datagram(const unsigned char* data, std::size_t size, Micros now) {
@@ -120,15 +261,16 @@ void Application::count_malformed(media::DecodeResult reason, const unsigned cha
     if (count > MALFORMED_LINES_PER_REASON) {
         return;
     }
-    std::string beginning;
-    for (std::size_t i = 0; i < std::min<std::size_t>(size, 8); ++i) {
-        static constexpr char DIGITS[] = "0123456789abcdef";
-        beginning += {' ', DIGITS[data[i] >> 4], DIGITS[data[i] & 15]};
+    const std::string beginning = hex_of(data, std::min<std::size_t>(size, 8));
+    if (!live_) {
+        lines_.say("malformed packet",
+                   std::string(describe(reason)) + ": " + counted(size, "byte") +
+                       (beginning.empty() ? "" : ", beginning with" + beginning) +
+                       (count == MALFORMED_LINES_PER_REASON ? "; more are only counted" : ""));
     }
-    lines_.say("malformed packet",
-               std::string(describe(reason)) + ": " + counted(size, "byte") +
-                   (beginning.empty() ? "" : ", beginning with" + beginning) +
-                   (count == MALFORMED_LINES_PER_REASON ? "; further ones are only counted" : ""));
+    if (events_ != nullptr) {
+        events_->malformed(reason, size);
+    }
 }
 
 void Application::schedule_tick() {
@@ -144,6 +286,7 @@ void Application::tick() {
     const Micros now = steady_now();
     calls_->tick(now);
     report_losses();
+    update_outputs(now);
     const bool idle_too_long =
         options_.idle_exit_s > 0 &&
         std::chrono::duration<double>(now - last_packet_).count() >= options_.idle_exit_s;
@@ -163,21 +306,78 @@ bool Application::enough() const {
 }
 
 void Application::report_losses() {
-    if (receiver_.overflowed() != reported_overflow_) {
-        const std::uint64_t fresh = receiver_.overflowed() - reported_overflow_;
-        reported_overflow_ = receiver_.overflowed();
+    const std::uint64_t fresh = receiver_.overflowed() - reported_overflow_;
+    if (fresh == 0) {
+        return;
+    }
+    reported_overflow_ = receiver_.overflowed();
+    if (!live_) {
         lines_.say("receive buffer full", "the system dropped " + counted(fresh, "packet"));
+    }
+    if (events_ != nullptr) {
+        events_->overflow(fresh);
     }
 }
 
+// Once a second, so that a flood of calls does not become a flood of lines.
+void Application::report_drops() {
+    const std::uint64_t count =
+        calls_->totals().dropped[static_cast<std::size_t>(Drop::TOO_MANY_CALLS)];
+    if (count != reported_too_many_ && !live_) {
+        lines_.say("too many calls", "dropped " + counted(count - reported_too_many_, "packet") +
+                                         " of further calls");
+    }
+    reported_too_many_ = count;
+}
+
+void Application::update_outputs(Micros now) {
+    lines_.flush();
+    if (events_ != nullptr && !events_->flush() && !std::exchange(events_failed_, true)) {
+        exit_code_ = EXIT_TROUBLE;
+        lines_.say("events lost", "cannot write to " + options_.events);
+    }
+    if (live_ && now - last_frame_ >= FRAME) {
+        last_frame_ = now;
+        show_live(now);
+    }
+    if (now - last_second_ < SECOND) {
+        return;
+    }
+    last_second_ = now;
+    report_drops();
+    if (metrics_ != nullptr) {
+        metrics_->update({calls_->totals(), malformed_, receiver_.received(),
+                          receiver_.overflowed(), calls_->size(), folder_->open_files(),
+                          receiver_.granted_buffer()});
+    }
+}
+
+void Application::show_live(Micros now) {
+    const LiveTotals totals{address_, now - began_, receiver_.received(), malformed_total(),
+                            receiver_.overflowed()};
+    out_ << "\x1b[H" << live_view_.frame(*calls_, totals, now, screen_size()) << "\x1b[J"
+         << std::flush;
+}
+
+std::uint64_t Application::malformed_total() const {
+    return std::accumulate(malformed_.begin(), malformed_.end(), std::uint64_t{0});
+}
+
 void Application::finish() {
+    if (live_) {
+        out_ << LEAVE_SCREEN << std::flush;
+    }
     receiver_.drain_and_stop();
     calls_->shut_down();
     report_losses();
+    if (events_ != nullptr) {
+        events_->flush();
+    }
     if (calls_->totals().file_errors != 0) {
         exit_code_ = EXIT_TROUBLE;
     }
     print_summary();
+    lines_.flush();
 }
 
 void Application::print_summary() {

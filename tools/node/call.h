@@ -10,6 +10,7 @@
 
 #include "module/media_packet.h"
 #include "tools/node/level_meter.h"
+#include "tools/node/pause_finder.h"
 #include "tools/node/rate_estimator.h"
 #include "tools/node/recording.h"
 #include "tools/node/side_tracker.h"
@@ -38,6 +39,7 @@ struct CallSide {
 
     SideTracker tracker;
     RateEstimator rate;
+    PauseFinder pauses;
     LevelMeter level;
     std::optional<std::uint8_t> leg;   // Which leg carries the side; set by its first packet.
     std::int64_t first_send_time = 0;  // Of the side's first packet.
@@ -58,6 +60,22 @@ enum class EndReason {
     SHUTDOWN,  // The receiver ends.
 };
 
+constexpr const char* name_of(EndReason reason) {
+    switch (reason) {
+        case EndReason::TERMINATED:
+            return "terminated";
+        case EndReason::REPLACED:
+            return "replaced";
+        case EndReason::TIMED_OUT:
+            return "timed_out";
+        case EndReason::TOO_OLD:
+            return "too_old";
+        case EndReason::SHUTDOWN:
+            return "shutdown";
+    }
+    return "unknown";
+}
+
 struct Call {
     Call(const Uuid& call_uuid, std::uint64_t key, const SideTracker::Limits& limits)
         : uuid(call_uuid), call_key(key), sides{CallSide(limits), CallSide(limits)} {}
@@ -72,6 +90,8 @@ struct Call {
     Micros first_seen{0};
     Micros last_seen{0};
     Micros ends_at{0};  // While ENDING.
+    // Send time of the first data packet of either side: the beginning of the time axis.
+    std::optional<std::int64_t> first_audio_time;
     std::array<CallSide, SIDE_COUNT> sides;
     std::unique_ptr<Recording> recording;
     bool file_error_reported = false;

@@ -50,10 +50,16 @@ StartFields start_fields(const media::Packet& packet) {
 // Hands what a tracker delivers to the recording and to all listeners.
 class Delivery : public SideOutput {
   public:
-    Delivery(Call& call, Side side, const std::vector<CallListener*>& listeners, Totals& totals)
-        : call_(call), side_(side), listeners_(listeners), totals_(totals) {}
+    Delivery(Call& call, Side side, const std::vector<CallListener*>& listeners, Totals& totals,
+             double max_pause_s)
+        : call_(call),
+          side_(side),
+          listeners_(listeners),
+          totals_(totals),
+          max_pause_s_(max_pause_s) {}
 
-    void audio(const std::int16_t* samples, std::size_t count) override {
+    void audio(const std::int16_t* samples, std::size_t count, std::int64_t send_time) override {
+        add_pause(send_time, count);
         call_.side(side_).level.add(samples, count);
         call_.recording->audio(side_, samples, count);
         for (CallListener* listener : listeners_) {
@@ -66,16 +72,46 @@ class Delivery : public SideOutput {
         totals_.lost_packets += gap.lost_packets;
         totals_.silence_samples += gap.filled_samples;
         call_.recording->silence(side_, gap.filled_samples);
+        call_.side(side_).pauses.advance(gap.filled_samples);
         for (CallListener* listener : listeners_) {
             listener->gap(call_, side_, gap);
         }
     }
 
   private:
+    void add_pause(std::int64_t send_time, std::size_t count) {
+        if (!call_.first_audio_time.has_value()) {
+            call_.first_audio_time = send_time;
+        }
+        CallSide& side = call_.side(side_);
+        // A side that begins late has no rate of its own yet.
+        const int rate =
+            side.sample_rate != 0 ? side.sample_rate : call_.side(other(side_)).sample_rate;
+        const std::uint64_t pause =
+            side.pauses.pause_before(send_time, *call_.first_audio_time, rate, longest_pause(rate));
+        side.pauses.advance(pause + count);
+        if (pause == 0) {
+            return;
+        }
+        call_.recording->pause(side_, pause);
+        for (CallListener* listener : listeners_) {
+            listener->pause(call_, side_, pause);
+        }
+    }
+
+    // The time that really passed explains any pause; forged send times only a short one.
+    double longest_pause(int rate) const {
+        const auto lasted =
+            std::chrono::duration<double>(call_.last_seen - call_.first_seen).count();
+        const auto placed = static_cast<double>(call_.side(side_).pauses.position());
+        return rate == 0 ? 0 : std::max(max_pause_s_, lasted - placed / rate + max_pause_s_);
+    }
+
     Call& call_;
     Side side_;
     const std::vector<CallListener*>& listeners_;
     Totals& totals_;
+    double max_pause_s_;
 };
 
 }  // namespace
@@ -251,9 +287,9 @@ void CallTable::on_data(Call& call, const media::Packet& packet, Micros now) {
     for (std::size_t i = 0; i < packet.sample_count; ++i) {
         samples[i] = static_cast<std::int16_t>(media::get_u16(packet.audio + 2 * i));
     }
-    Delivery delivery(call, which, listeners_, totals_);
+    Delivery delivery(call, which, listeners_, totals_, limits_.max_silence_s);
     const AudioPacket audio{packet.sequence_number, packet.sample_offset, packet.sample_count,
-                            samples.data()};
+                            samples.data(), packet.send_time};
     switch (side.tracker.receive(audio, now, delivery)) {
         case SideTracker::Verdict::DELIVERED:
         case SideTracker::Verdict::HELD:
@@ -311,7 +347,7 @@ void CallTable::tick(Micros now) {
     for (auto& entry : calls_) {
         Call& call = *entry.second;
         for (const Side side : BOTH_SIDES) {
-            Delivery delivery(call, side, listeners_, totals_);
+            Delivery delivery(call, side, listeners_, totals_, limits_.max_silence_s);
             call.side(side).tracker.advance(now, delivery);
         }
         report_file_errors(call);
@@ -373,7 +409,7 @@ void CallTable::report_file_errors(Call& call) {
 
 void CallTable::end(Call& call, EndReason reason) {
     for (const Side side : BOTH_SIDES) {
-        Delivery delivery(call, side, listeners_, totals_);
+        Delivery delivery(call, side, listeners_, totals_, limits_.max_silence_s);
         call.side(side).tracker.finish(delivery);
         totals_.reordered += call.side(side).tracker.stats().reordered;
     }

@@ -28,9 +28,9 @@ struct CallLimits {
     Micros idle{30'000'000};              // Without any packet.
     Micros max_age{12LL * 3600'000'000};  // A WAV file at 48 kHz is nearly full by then.
     Micros remember_ended{60'000'000};
-    int sample_rate = 0;        // 0: told from the packets.
-    double max_silence_s = 30;  // For one gap.
-    SideTracker::Limits side;   // Its gap_samples follows from max_silence_s.
+    int sample_rate = 0;         // 0: told from the packets.
+    double max_silence_s = 120;  // For one gap.
+    SideTracker::Limits side;    // Its gap_samples follows from max_silence_s.
 };
 
 // Why a well-formed packet was not used.

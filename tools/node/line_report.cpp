@@ -67,12 +67,12 @@ std::string side_text(const CallSide& side) {
 }  // namespace
 
 void LineReport::say(const std::string& what, const std::string& text) {
-    out_ << time_of_day() << "  " << padded(what, 38) << text << std::endl;
+    out_ << time_of_day() << "  " << padded(what, 38) << text << '\n';
 }
 
 void LineReport::line(const Call& call, const std::string& what, const std::string& text) {
     out_ << time_of_day() << "  " << uuid_text(call.uuid) << "  " << padded(what, 13) << text
-         << std::endl;
+         << '\n';
 }
 
 void LineReport::started(const Call& call, const media::Packet& packet) {

@@ -10,7 +10,7 @@ namespace qv::tools::node {
 
 class LineReport : public CallListener {
   public:
-    // `out` must outlive the report; each line is flushed.
+    // `out` must outlive the report; flush() shows the lines.
     explicit LineReport(std::ostream& out) : out_(out) {}
 
     void started(const Call& call, const media::Packet& packet) override;
@@ -22,6 +22,8 @@ class LineReport : public CallListener {
 
     // A line without a call.
     void say(const std::string& what, const std::string& text);
+
+    void flush() { out_.flush(); }
 
   private:
     void line(const Call& call, const std::string& what, const std::string& text);

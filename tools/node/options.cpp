@@ -40,7 +40,26 @@ void add_output_options(CLI::App& app, Options& options) {
         ->capture_default_str();
     app.add_flag("--overwrite", options.overwrite,
                  "Replace files of earlier runs (else the new ones get a number)");
+    app.add_flag("--stereo", options.stereo,
+                 "Also one file of both sides: originator left, terminator right");
+    app.add_flag("--no-sides", options.no_sides, "No file for each side");
+    app.add_flag("--keep-pauses", options.keep_pauses,
+                 "Keep the sender's pauses in the files of one side, as the stereo file does");
     app.add_flag("-q,--quiet", options.quiet, "No line for each packet and call");
+}
+
+void add_report_options(CLI::App& app, Options& options) {
+    app.add_option("--events", options.events,
+                   "Append events as JSON lines to FILE; - writes them to the standard output, "
+                   "and all else to the standard error")
+        ->type_name("FILE");
+    app.add_flag("--packets", options.every_packet, "Data packets are events, too");
+    app.add_flag("--live", options.live, "Show the calls on the terminal (lines if it is none)");
+    app.add_flag("--timeline", options.timeline,
+                 "Draw each call: an SVG file beside its WAV files");
+    app.add_option("--metrics", options.metrics_port,
+                   "Serve Prometheus metrics on this port of 127.0.0.1; 0 takes a free one")
+        ->type_name("PORT");
 }
 
 void add_exit_options(CLI::App& app, Options& options) {
@@ -108,6 +127,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
         "Exit codes: 0 fine; 1 a file could not be written, or --idle-exit came before --calls;\n"
         "2 wrong command line; 3 the port or the folder cannot be used.");
     add_output_options(app, options);
+    add_report_options(app, options);
     add_exit_options(app, options);
     add_audio_options(app, options);
     add_limit_options(app, options);

@@ -18,7 +18,8 @@ std::string file_name(const std::string& stem, Side side) {
 
 bool taken(const AudioStore& store, const std::string& stem) {
     return store.exists(file_name(stem, Side::ORIGINATOR)) ||
-           store.exists(file_name(stem, Side::TERMINATOR)) || store.exists(stem + ".wav");
+           store.exists(file_name(stem, Side::TERMINATOR)) || store.exists(stem + ".wav") ||
+           store.exists(stem + ".svg");
 }
 
 }  // namespace
@@ -32,31 +33,31 @@ std::string free_stem(const AudioStore& store, const Uuid& uuid) {
     return stem;
 }
 
-SideRecording::SideRecording(AudioStore& store, const Uuid& uuid, RateSource rate,
-                             std::size_t block_samples)
-    : store_(store),
-      stem_(free_stem(store, uuid)),
-      rate_(std::move(rate)),
-      block_samples_(block_samples) {}
+SideRecording::SideRecording(AudioStore& store, std::string stem, RateSource rate,
+                             const RecordingOptions& options)
+    : store_(store), stem_(std::move(stem)), rate_(std::move(rate)), options_(options) {}
 
 void SideRecording::audio(Side side, const std::int16_t* samples, std::size_t count) {
     Track& into = track(side);
     into.used = true;
     if (into.block.capacity() == 0) {
-        into.block.reserve(block_samples_ + media::MAX_AUDIO_SIZE / 2);
+        into.block.reserve(options_.block_samples + media::MAX_AUDIO_SIZE / 2);
     }
     into.block.insert(into.block.end(), samples, samples + count);
-    if (into.block.size() >= block_samples_) {
+    if (into.block.size() >= options_.block_samples) {
         write_block(side, false);
     }
 }
 
 void SideRecording::silence(Side side, std::uint64_t count) {
-    static constexpr std::array<std::int16_t, 4096> ZEROS{};
-    while (count > 0) {
-        const auto part = std::min<std::uint64_t>(count, ZEROS.size());
-        audio(side, ZEROS.data(), static_cast<std::size_t>(part));
-        count -= part;
+    for_each_silent_part(count, [this, side](const std::int16_t* zeros, std::size_t part) {
+        audio(side, zeros, part);
+    });
+}
+
+void SideRecording::pause(Side side, std::uint64_t count) {
+    if (options_.keep_pauses) {
+        silence(side, count);
     }
 }
 
@@ -83,7 +84,8 @@ std::vector<FileReport> SideRecording::files() const {
 void SideRecording::write_block(Side side, bool last) {
     Track& from = track(side);
     if (from.file == nullptr) {
-        const int rate = rate_(side, last || from.block.size() >= PATIENCE * block_samples_);
+        const int rate =
+            rate_(side, last || from.block.size() >= PATIENCE * options_.block_samples);
         if (rate == 0) {
             return;
         }
@@ -95,6 +97,47 @@ void SideRecording::write_block(Side side, bool last) {
 
 void SideRecording::create_file(Side side, int sample_rate) {
     track(side).file = store_.create(file_name(stem_, side), sample_rate, 1);
+}
+
+RecordingGroup::RecordingGroup(std::string stem, std::vector<std::unique_ptr<Recording>> members)
+    : stem_(std::move(stem)), members_(std::move(members)) {}
+
+void RecordingGroup::audio(Side side, const std::int16_t* samples, std::size_t count) {
+    for (const auto& member : members_) {
+        member->audio(side, samples, count);
+    }
+}
+
+void RecordingGroup::silence(Side side, std::uint64_t count) {
+    for (const auto& member : members_) {
+        member->silence(side, count);
+    }
+}
+
+void RecordingGroup::pause(Side side, std::uint64_t count) {
+    for (const auto& member : members_) {
+        member->pause(side, count);
+    }
+}
+
+void RecordingGroup::finish() {
+    for (const auto& member : members_) {
+        member->finish();
+    }
+}
+
+bool RecordingGroup::failed() const {
+    return std::any_of(members_.begin(), members_.end(),
+                       [](const auto& member) { return member->failed(); });
+}
+
+std::vector<FileReport> RecordingGroup::files() const {
+    std::vector<FileReport> all;
+    for (const auto& member : members_) {
+        const std::vector<FileReport> some = member->files();
+        all.insert(all.end(), some.begin(), some.end());
+    }
+    return all;
 }
 
 }  // namespace qv::tools::node

@@ -6,6 +6,7 @@
 // of a path. Belongs to one thread.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -29,7 +30,12 @@ class Recording {
   public:
     virtual ~Recording() = default;
     virtual void audio(Side side, const std::int16_t* samples, std::size_t count) = 0;
+    // Audio that was lost.
     virtual void silence(Side side, std::uint64_t count) = 0;
+    // Time in which the sender sent nothing, though no audio is missing.
+    virtual void pause(Side side, std::uint64_t count) = 0;
+    // The name of the call's files up to what tells them apart.
+    virtual const std::string& stem() const = 0;
     // Writes what is left. Nothing may follow.
     virtual void finish() = 0;
     // Whether a file could not be written; files() then says which and why.
@@ -41,14 +47,23 @@ class Recording {
 // Tells a side's sample rate, 0 while it is not known; `last` when it must decide.
 using RateSource = std::function<int(Side side, bool last)>;
 
+struct RecordingOptions {
+    std::size_t block_samples = 16 * 1024;
+    bool keep_pauses = false;  // In one-side files; stereo files always keep them.
+};
+
+// One file a side: STEM-originator.wav and STEM-terminator.wav.
 class SideRecording : public Recording {
   public:
     // The store must outlive the recording.
-    SideRecording(AudioStore& store, const Uuid& uuid, RateSource rate, std::size_t block_samples);
+    SideRecording(AudioStore& store, std::string stem, RateSource rate,
+                  const RecordingOptions& options);
 
     void audio(Side side, const std::int16_t* samples, std::size_t count) override;
     void silence(Side side, std::uint64_t count) override;
+    void pause(Side side, std::uint64_t count) override;
     void finish() override;
+    const std::string& stem() const override { return stem_; }
     bool failed() const override { return failed_; }
     std::vector<FileReport> files() const override;
 
@@ -66,10 +81,39 @@ class SideRecording : public Recording {
     AudioStore& store_;
     std::string stem_;
     RateSource rate_;
-    std::size_t block_samples_;
+    RecordingOptions options_;
     std::array<Track, SIDE_COUNT> tracks_;
     bool failed_ = false;
 };
+
+// Several recordings of the same call.
+class RecordingGroup : public Recording {
+  public:
+    RecordingGroup(std::string stem, std::vector<std::unique_ptr<Recording>> members);
+
+    void audio(Side side, const std::int16_t* samples, std::size_t count) override;
+    void silence(Side side, std::uint64_t count) override;
+    void pause(Side side, std::uint64_t count) override;
+    void finish() override;
+    const std::string& stem() const override { return stem_; }
+    bool failed() const override;
+    std::vector<FileReport> files() const override;
+
+  private:
+    std::string stem_;
+    std::vector<std::unique_ptr<Recording>> members_;
+};
+
+// Calls `use(zeros, size)` with zeros until `count` of them have been used.
+template <typename Use>
+void for_each_silent_part(std::uint64_t count, Use use) {
+    static constexpr std::array<std::int16_t, 4096> ZEROS{};
+    while (count > 0) {
+        const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(count, ZEROS.size()));
+        use(ZEROS.data(), part);
+        count -= part;
+    }
+}
 
 // The UUID's text, with "-2", "-3"... when the store has files of that call already.
 std::string free_stem(const AudioStore& store, const Uuid& uuid);

@@ -102,6 +102,7 @@ SideTracker::Verdict SideTracker::hold(const AudioPacket& packet, Micros now, Si
     }
     held_.insert(place, Held{packet.sequence_number,
                              packet.sample_offset,
+                             packet.send_time,
                              now,
                              {packet.samples, packet.samples + packet.sample_count}});
     while (held_.size() > limits_.reorder_packets) {
@@ -137,14 +138,15 @@ void SideTracker::deliver(const AudioPacket& packet, SideOutput& out) {
     next_ = packet.sequence_number + 1;
     next_offset_ = packet.sample_offset + packet.sample_count;
     stats_.samples += packet.sample_count;
-    out.audio(packet.samples, packet.sample_count);
+    out.audio(packet.samples, packet.sample_count, packet.send_time);
 }
 
 void SideTracker::deliver_first_held(SideOutput& out) {
     const Held held = std::move(held_.front());
     held_.erase(held_.begin());
     const AudioPacket packet{held.sequence_number, held.sample_offset,
-                             static_cast<std::uint16_t>(held.samples.size()), held.samples.data()};
+                             static_cast<std::uint16_t>(held.samples.size()), held.samples.data(),
+                             held.send_time};
     // What was plausible when it came may contradict what was delivered since.
     if (!plausible(packet)) {
         ++stats_.implausible;

@@ -24,6 +24,7 @@ struct AudioPacket {
     std::uint32_t sample_offset;
     std::uint16_t sample_count;
     const std::int16_t* samples;
+    std::int64_t send_time;  // Passed on with the audio.
 };
 
 // Audio that never came, or came too late.
@@ -40,7 +41,7 @@ struct Gap {
 class SideOutput {
   public:
     virtual ~SideOutput() = default;
-    virtual void audio(const std::int16_t* samples, std::size_t count) = 0;
+    virtual void audio(const std::int16_t* samples, std::size_t count, std::int64_t send_time) = 0;
     // Stands for `gap.filled_samples` of silence.
     virtual void gap(const Gap& gap) = 0;
 };
@@ -101,6 +102,7 @@ class SideTracker {
     struct Held {
         std::uint32_t sequence_number;
         std::uint32_t sample_offset;
+        std::int64_t send_time;
         Micros arrived;
         std::vector<std::int16_t> samples;
     };

@@ -116,6 +116,15 @@ std::string counted(std::uint64_t count, const char* noun) {
     return grouped(count) + ' ' + noun + (count == 1 ? "" : "s");
 }
 
+std::string utc_time() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm utc{};
+    gmtime_r(&now.tv_sec, &utc);
+    return format("%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                  utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, now.tv_nsec / 1000);
+}
+
 std::string time_of_day() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);

@@ -32,6 +32,9 @@ std::string grouped(std::uint64_t value);
 // "1 packet", "2 packets".
 std::string counted(std::uint64_t count, const char* noun);
 
+// "2026-01-31T23:59:59.123456Z", of now.
+std::string utc_time();
+
 // "hh:mm:ss.mmm", local time, of now.
 std::string time_of_day();
 

@@ -1,0 +1,161 @@
+#include "tools/node/event_log.h"
+
+#include <nlohmann/json.hpp>
+
+#include "tools/node/text.h"
+
+namespace qv::tools::node {
+
+namespace {
+
+using Json = nlohmann::json;
+
+Json features_json(media::features16_t features) {
+    return {{"supported", features.supported}, {"active", features.active}};
+}
+
+Json data_json(const media::Packet& packet) {
+    return {{"send_time", packet.send_time},
+            {"leg", packet.leg()},
+            {"call_side", name_of(packet.terminator_side() ? Side::TERMINATOR : Side::ORIGINATOR)},
+            {"sequence_number", packet.sequence_number},
+            {"sample_offset", packet.sample_offset},
+            {"sample_count", packet.sample_count}};
+}
+
+Json side_json(const CallSide& side) {
+    const SideTracker::Stats& stats = side.tracker.stats();
+    return {{"leg", side.leg.value_or(0)},
+            {"sample_rate", side.sample_rate},
+            {"sample_rate_assumed", side.rate_assumed},
+            {"packets", stats.packets},
+            {"bytes", side.bytes},
+            {"samples", stats.samples},
+            {"silence_samples", stats.silence},
+            {"unfilled_samples", stats.unfilled},
+            {"pauses", side.pauses.pauses()},
+            {"gaps", stats.gaps},
+            {"lost_packets", stats.lost()},
+            {"late_packets", stats.late},
+            {"reordered_packets", stats.reordered},
+            {"duplicated_packets", stats.duplicates},
+            {"implausible_packets", stats.implausible},
+            {"joined_at", side.joined_at},
+            {"level_db", side.level.level_db()},
+            {"peak_db", side.level.peak_db()}};
+}
+
+}  // namespace
+
+void EventLog::listening(const std::string& address) {
+    write("listening", {{"address", address}});
+}
+
+void EventLog::malformed(media::DecodeResult reason, std::size_t size) {
+    write("malformed", {{"reason", describe(reason)}, {"size", size}});
+}
+
+void EventLog::overflow(std::uint64_t packets) {
+    write("overflow", {{"packets", packets}});
+}
+
+void EventLog::started(const Call& call, const media::Packet& packet) {
+    const StartFields& start = *call.start;
+    write("start", call,
+          {{"send_time", packet.send_time},
+           {"call_flags", packet.leg_word},
+           {"outbound", packet.outbound()},
+           {"report_node_given", packet.report_node_given()},
+           {"rule_id_given", packet.rule_id_given()},
+           {"created_time", packet.created_time},
+           {"configured_time", packet.configured_time},
+           {"configured_clock", packet.configured_clock},
+           // As text: readers that keep numbers as floating point would change it.
+           {"rule_id", std::to_string(packet.rule_id)},
+           {"report_node", address_text(packet.report_node_address, packet.report_node_port)},
+           {"features", features_json(packet.features)},
+           {"call_reference", start.call_reference},
+           {"late", call.started_late}});
+}
+
+void EventLog::features_changed(const Call& call, const media::Packet& packet) {
+    write("control", call,
+          {{"send_time", packet.send_time},
+           {"features", features_json(packet.features)},
+           {"features_in_effect", features_json(call.features)}});
+}
+
+void EventLog::terminated(const Call& call, const media::Packet& packet) {
+    write("terminate", call, {{"send_time", packet.send_time}});
+}
+
+void EventLog::data(const Call& call, const media::Packet& packet) {
+    if (every_packet_) {
+        write("data", call, data_json(packet));
+    }
+}
+
+void EventLog::pause(const Call& call, Side side, std::uint64_t samples) {
+    write("pause", call, {{"call_side", name_of(side)}, {"samples", samples}});
+}
+
+void EventLog::gap(const Call& call, Side side, const Gap& gap) {
+    write("gap", call,
+          {{"call_side", name_of(side)},
+           {"leg", call.side(side).leg.value_or(0)},
+           {"sequence_number", gap.sequence_number},
+           {"lost_packets", gap.lost_packets},
+           {"sample_offset", gap.sample_offset},
+           {"missing_samples", gap.missing_samples},
+           {"filled_samples", gap.filled_samples},
+           {"position", gap.position}});
+}
+
+void EventLog::late(const Call& call, Side, const media::Packet& packet) {
+    write("late", call, data_json(packet));
+}
+
+void EventLog::file_failed(const Call& call, const FileReport& file) {
+    write("file_error", call, {{"path", file.path}, {"error", file.error}});
+}
+
+void EventLog::ended(const Call& call, EndReason reason) {
+    Json sides = Json::object();
+    for (const Side side : BOTH_SIDES) {
+        if (call.side(side).leg.has_value()) {
+            sides[name_of(side)] = side_json(call.side(side));
+        }
+    }
+    Json files = Json::array();
+    for (const FileReport& file : call.recording->files()) {
+        files.push_back({{"path", file.path}, {"error", file.error}});
+    }
+    write("end", call,
+          {{"reason", name_of(reason)},
+           {"start_seen", call.start.has_value()},
+           {"control_packets", call.control_packets},
+           {"sides", sides},
+           {"files", files}});
+}
+
+bool EventLog::flush() {
+    out_.flush();
+    return out_.good();
+}
+
+void EventLog::write(const char* event, const Call& call, const Json& fields) {
+    Json all = {{"call_key", key_text(call.call_key)}, {"call_uuid", uuid_text(call.uuid)}};
+    all.update(fields);
+    write(event, all);
+}
+
+void EventLog::write(const char* event, const Json& fields) {
+    nlohmann::ordered_json line = {{"event", event}, {"time", utc_time()}};
+    for (const auto& [name, value] : fields.items()) {
+        line[name] = value;
+    }
+    // A call reference need not be valid UTF-8.
+    out_ << line.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+}  // namespace qv::tools::node

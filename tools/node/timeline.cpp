@@ -1,0 +1,131 @@
+#include "tools/node/timeline.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "tools/node/text.h"
+
+namespace qv::tools::node {
+
+namespace {
+
+double seconds_of(std::uint64_t samples, int rate) {
+    return static_cast<double>(samples) / (rate != 0 ? rate : DEFAULT_SAMPLE_RATE);
+}
+
+template <typename Marks, typename Mark>
+void add_mark(Marks& marks, Mark mark) {
+    if (marks.size() < TimelineData::MAX_MARKS) {
+        marks.push_back(std::move(mark));
+    }
+}
+
+std::string subtitle_of(const Call& call, EndReason reason) {
+    std::string text;
+    if (call.start.has_value()) {
+        const StartFields& start = *call.start;
+        text = start.outbound() ? "outbound" : "inbound";
+        text += ", reference " + quoted(start.call_reference);
+        text += start.rule_id_given() ? ", rule " + std::to_string(start.rule_id) : "";
+    } else {
+        text = "the start packet never came";
+    }
+    if (reason != EndReason::TERMINATED) {
+        text += std::string(", not terminated (") + name_of(reason) + ")";
+    }
+    return text;
+}
+
+std::string summary_of(const CallSide& side) {
+    const SideTracker::Stats& stats = side.tracker.stats();
+    if (!side.leg.has_value()) {
+        return "no audio";
+    }
+    std::string text = duration_text(seconds_of(side.pauses.position(), side.sample_rate)) + ", " +
+                       std::to_string(side.sample_rate) + " Hz, " +
+                       std::to_string(std::lround(side.level.level_db())) + " dB";
+    text += stats.gaps == 0 ? ", no gap" : ", " + counted(stats.gaps, "gap");
+    text += stats.lost() != 0 ? ", " + counted(stats.lost(), "packet") + " lost" : "";
+    text += stats.late != 0 ? ", " + grouped(stats.late) + " late" : "";
+    return text;
+}
+
+}  // namespace
+
+Timeline::Trace& Timeline::trace(const Call& call) {
+    std::unique_ptr<Trace>& found = traces_[&call];
+    if (found == nullptr) {
+        found = std::make_unique<Trace>();
+    }
+    return *found;
+}
+
+void Timeline::note(const Call& call, std::int64_t send_time, std::string label) {
+    Trace& into = trace(call);
+    add_mark(into.events,
+             RawEvent{send_time,
+                      {into.data.sides[0].outline.samples(), into.data.sides[1].outline.samples()},
+                      std::move(label)});
+}
+
+void Timeline::started(const Call& call, const media::Packet& packet) {
+    note(call, packet.send_time, "start: " + features_text(packet.features));
+}
+
+void Timeline::features_changed(const Call& call, const media::Packet& packet) {
+    note(call, packet.send_time, features_text(packet.features));
+}
+
+void Timeline::terminated(const Call& call, const media::Packet& packet) {
+    note(call, packet.send_time, "terminate");
+    trace(call).data.terminated = true;
+}
+
+void Timeline::audio(const Call& call, Side side, const std::int16_t* samples, std::size_t count) {
+    trace(call, side).outline.add(samples, count);
+}
+
+void Timeline::pause(const Call& call, Side side, std::uint64_t samples) {
+    TimelineData::SideTrace& into = trace(call, side);
+    add_mark(into.pauses, TimelineData::Stretch{into.outline.samples(), samples, 0});
+    into.outline.add_silence(samples);
+}
+
+void Timeline::gap(const Call& call, Side side, const Gap& gap) {
+    TimelineData::SideTrace& into = trace(call, side);
+    add_mark(into.gaps,
+             TimelineData::Stretch{into.outline.samples(), gap.filled_samples, gap.lost_packets});
+    into.outline.add_silence(gap.filled_samples);
+}
+
+void Timeline::late(const Call& call, Side side, const media::Packet& packet) {
+    TimelineData::SideTrace& into = trace(call, side);
+    const std::uint32_t back = call.side(side).tracker.expected_offset() - packet.sample_offset;
+    const std::uint64_t head = into.outline.samples();
+    add_mark(into.late, back <= head ? head - back : 0);
+}
+
+void Timeline::ended(const Call& call, EndReason reason) {
+    Trace& ending = trace(call);
+    TimelineData& data = ending.data;
+    data.title = uuid_text(call.uuid);
+    data.subtitle = subtitle_of(call, reason);
+    for (const Side side : BOTH_SIDES) {
+        data.sides[index_of(side)].sample_rate = call.side(side).sample_rate;
+        data.sides[index_of(side)].summary = summary_of(call.side(side));
+    }
+    for (RawEvent& event : ending.events) {
+        const double begin = static_cast<double>(call.first_audio_time.value_or(event.send_time));
+        double at = (static_cast<double>(event.send_time) - begin) / 1e6;
+        for (std::size_t i = 0; i < SIDE_COUNT; ++i) {
+            // A sender faster than real time: its audio tells the time.
+            const double head = seconds_of(event.heads[i], data.sides[i].sample_rate);
+            at = head > at + 1 ? head : at;
+        }
+        data.events.push_back({std::max(at, 0.0), std::move(event.label)});
+    }
+    save_(call, call.recording->stem() + ".svg", render_timeline(data));
+    traces_.erase(&call);
+}
+
+}  // namespace qv::tools::node
