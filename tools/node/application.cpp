@@ -86,6 +86,8 @@ Application::Application(const Options& options, std::ostream& out, std::ostream
 int Application::run() {
     // A reader of our output that goes away must not end the recordings.
     std::signal(SIGPIPE, SIG_IGN);
+    // A file beyond the limit of its size is an error of that file.
+    std::signal(SIGXFSZ, SIG_IGN);
     if (!open()) {
         return EXIT_NO_START;
     }

@@ -4,6 +4,18 @@
 
 namespace qv::tools::node {
 
+namespace {
+
+float sum_of_squares(const std::int16_t* samples, std::size_t count) {
+    std::uint64_t sum = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        sum += static_cast<std::uint32_t>(samples[i] * samples[i]);
+    }
+    return static_cast<float>(sum);
+}
+
+}  // namespace
+
 void Envelope::add(const std::int16_t* samples, std::size_t count) {
     while (count > 0) {
         const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(count, room()));
@@ -11,6 +23,7 @@ void Envelope::add(const std::int16_t* samples, std::size_t count) {
         Span& span = spans_.back();
         span.lowest = std::min(span.lowest, *lowest);
         span.highest = std::max(span.highest, *highest);
+        span.squares += sum_of_squares(samples, part);
         samples_ += part;
         samples += part;
         count -= part;
@@ -31,7 +44,7 @@ std::uint64_t Envelope::room() {
         if (spans_.size() == max_spans_) {
             join_neighbours();
         }
-        spans_.push_back({0, 0});
+        spans_.push_back({0, 0, 0});
     }
     return spans_.size() * samples_per_span_ - samples_;
 }
@@ -40,7 +53,8 @@ void Envelope::join_neighbours() {
     for (std::size_t i = 0; i < spans_.size() / 2; ++i) {
         const Span& left = spans_[2 * i];
         const Span& right = spans_[2 * i + 1];
-        spans_[i] = {std::min(left.lowest, right.lowest), std::max(left.highest, right.highest)};
+        spans_[i] = {std::min(left.lowest, right.lowest), std::max(left.highest, right.highest),
+                     left.squares + right.squares};
     }
     spans_.resize(spans_.size() / 2);
     samples_per_span_ *= 2;

@@ -1,6 +1,6 @@
-// The outline of a long signal in little memory: the lowest and highest sample of each
-// of a limited number of equal spans. When the spans are used up, neighbours are joined
-// and each span is twice as long. Belongs to one thread.
+// The outline of a long signal in little memory: the lowest and highest sample, and the
+// power, of each of a limited number of equal spans. When the spans are used up, neighbours are
+// joined and each span is twice as long. Belongs to one thread.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +13,7 @@ class Envelope {
     struct Span {
         std::int16_t lowest;
         std::int16_t highest;
+        float squares;  // Sum over the samples.
     };
 
     // At most `max_spans` spans, an even number.

@@ -102,6 +102,9 @@ class Picture {
             draw_lane(side);
         }
         draw_events();
+        for (const Side side : BOTH_SIDES) {
+            draw_lane_title(side);
+        }
         draw_legend();
         out_ += "</svg>\n";
         return std::move(out_);
@@ -111,6 +114,7 @@ class Picture {
     struct Column {
         int lowest = 0;
         int highest = 0;
+        double mean = 0;  // Root mean square.
         bool present = false;
     };
     using Columns = std::vector<Column>;
@@ -196,11 +200,14 @@ class Picture {
             const double end = at(side, std::min((i + 1) * side.outline.samples_per_span(),
                                                  side.outline.samples())) /
                                seconds_;
+            const double mean = std::sqrt(static_cast<double>(spans[i].squares) /
+                                          static_cast<double>(side.outline.samples_per_span()));
             const std::size_t first = column(begin);
             const std::size_t last = std::max(first, column(end - 1e-9));
             for (std::size_t c = first; c <= last; ++c) {
                 columns[c].lowest = std::min<int>(columns[c].lowest, spans[i].lowest);
                 columns[c].highest = std::max<int>(columns[c].highest, spans[i].highest);
+                columns[c].mean = std::max(columns[c].mean, mean);
                 columns[c].present = true;
             }
         }
@@ -228,15 +235,26 @@ class Picture {
         return peak;
     }
 
+    static double lane_title(Side which) {
+        return which == Side::ORIGINATOR ? FIRST_LANE : SECOND_LANE;
+    }
+
+    // After the lines of the events, and with a white seam to stand out from them.
+    void draw_lane_title(Side which) {
+        const std::string seam = "paint-order=\"stroke\" stroke=\"#ffffff\" stroke-width=\"4\" ";
+        const double base = lane_title(which) + 14;
+        text(LEFT, base,
+             seam + "font-weight=\"600\" font-size=\"13\" fill=\"" + LANE_COLOUR[index_of(which)] +
+                 "\"",
+             name_of(which));
+        text(LEFT + 84, base, seam + "fill=\"#475569\"", data_.sides[index_of(which)].summary);
+    }
+
     void draw_lane(Side which) {
         const TimelineData::SideTrace& side = data_.sides[index_of(which)];
-        const double title = which == Side::ORIGINATOR ? FIRST_LANE : SECOND_LANE;
-        const double top = title + LANE_TITLE;
+        const double top = lane_title(which) + LANE_TITLE;
         const Columns columns = columns_of(side);
         const std::string colour = LANE_COLOUR[index_of(which)];
-        text(LEFT, title + 14, "font-weight=\"600\" font-size=\"13\" fill=\"" + colour + "\"",
-             name_of(which));
-        text(LEFT + 84, title + 14, "fill=\"#475569\"", side.summary);
         box(LEFT, top, PLOT, LANE, "fill=\"none\" stroke=\"#cbd5e1\"");
         draw_silence(columns, top);
         draw_stretches(side, side.pauses, top, "fill=\"url(#pause)\"", "pause of the sender: ");
@@ -265,6 +283,7 @@ class Picture {
         const double middle = top + LANE / 2;
         const double factor = (LANE / 2 - 4) / scale();
         std::string path;
+        std::string core;
         for (std::size_t c = 0; c < columns.size(); ++c) {
             if (!columns[c].present) {
                 continue;
@@ -274,8 +293,13 @@ class Picture {
             const double high = std::min(middle - 0.4, middle - columns[c].highest * factor);
             const double low = std::max(middle + 0.4, middle - columns[c].lowest * factor);
             path += "M" + number(left) + ' ' + number(high) + 'V' + number(low);
+            const double mean = columns[c].mean * factor;
+            core += mean < 1 ? std::string()
+                             : "M" + number(left) + ' ' + number(middle - mean) + 'V' +
+                                   number(middle + mean);
         }
-        out_ += "<path d=\"" + path + "\" stroke=\"" + colour + "\" stroke-width=\"1\"/>\n";
+        out_ += "<path d=\"" + path + "\" stroke=\"" + colour + "\" stroke-opacity=\"0.5\"/>\n";
+        out_ += "<path d=\"" + core + "\" stroke=\"" + colour + "\"/>\n";
     }
 
     // Marks that fall on the same place are drawn once.
@@ -378,7 +402,7 @@ class Picture {
         }
         text(WIDTH - LEFT, AXIS + 44, "fill=\"#475569\" text-anchor=\"end\"",
              "height: " + std::to_string(std::lround(20 * std::log10(scale() / 32768))) +
-                 " dB of full scale");
+                 " dB of full scale; light: peak, dark: power");
     }
 
     const TimelineData& data_;

@@ -1,0 +1,161 @@
+#include "tools/node/recording.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/tools/fake_audio_files.h"
+#include "tools/node/stereo_recording.h"
+
+namespace {
+
+using namespace qv::tools::node;
+using qv::test::FakeAudioStore;
+using Samples = std::vector<std::int16_t>;
+
+constexpr Side ORIGINATOR = Side::ORIGINATOR;
+constexpr Side TERMINATOR = Side::TERMINATOR;
+
+class RecordingTest : public testing::Test {
+  protected:
+    RateSource rate() {
+        return [this](Side side, bool last) {
+            return rates_[index_of(side)] == 0 && last ? 8000 : rates_[index_of(side)];
+        };
+    }
+    SideRecording sides(bool keep_pauses = false) {
+        return SideRecording(store_, "call", rate(), {4, keep_pauses});
+    }
+    StereoRecording stereo() { return StereoRecording(store_, "call", rate(), {4, false}); }
+
+    static void put(Recording& recording, Side side, const Samples& samples) {
+        recording.audio(side, samples.data(), samples.size());
+    }
+    const Samples& samples_of(const std::string& name) { return store_.files.at(name).samples; }
+
+    FakeAudioStore store_;
+    std::array<int, SIDE_COUNT> rates_ = {8000, 8000};
+};
+
+TEST_F(RecordingTest, NothingIsWrittenBeforeABlockIsFull) {
+    SideRecording recording = sides();
+    put(recording, ORIGINATOR, {1, 2, 3});
+    EXPECT_TRUE(store_.files.empty());
+    put(recording, ORIGINATOR, {4});
+    EXPECT_EQ(samples_of("call-originator.wav"), (Samples{1, 2, 3, 4}));
+}
+
+TEST_F(RecordingTest, FinishWritesTheRestAndCloses) {
+    SideRecording recording = sides();
+    put(recording, TERMINATOR, {1, 2});
+    recording.finish();
+    EXPECT_EQ(samples_of("call-terminator.wav"), (Samples{1, 2}));
+    EXPECT_TRUE(store_.files.at("call-terminator.wav").closed);
+}
+
+TEST_F(RecordingTest, SideWithoutAudioHasNoFile) {
+    SideRecording recording = sides();
+    put(recording, ORIGINATOR, {1});
+    recording.finish();
+    EXPECT_EQ(store_.files.size(), 1u);
+}
+
+TEST_F(RecordingTest, FileWaitsUntilTheRateIsKnown) {
+    rates_ = {0, 0};
+    SideRecording recording = sides();
+    put(recording, ORIGINATOR, {1, 2, 3, 4, 5});
+    EXPECT_TRUE(store_.files.empty());
+    rates_ = {16000, 0};
+    put(recording, ORIGINATOR, {6});
+    EXPECT_EQ(store_.files.at("call-originator.wav").sample_rate, 16000);
+    EXPECT_EQ(samples_of("call-originator.wav").size(), 6u);
+}
+
+TEST_F(RecordingTest, WaitForTheRateIsBounded) {
+    rates_ = {0, 0};
+    SideRecording recording = sides();
+    for (int i = 0; i < 4; ++i) {
+        put(recording, ORIGINATOR, {1, 2, 3, 4});
+    }
+    EXPECT_EQ(store_.files.at("call-originator.wav").sample_rate, 8000);
+}
+
+TEST_F(RecordingTest, LostAudioBecomesZeros) {
+    SideRecording recording = sides();
+    put(recording, ORIGINATOR, {1});
+    recording.silence(ORIGINATOR, 3);
+    put(recording, ORIGINATOR, {2});
+    recording.finish();
+    EXPECT_EQ(samples_of("call-originator.wav"), (Samples{1, 0, 0, 0, 2}));
+}
+
+TEST_F(RecordingTest, PausesAreKeptOnlyWhenAskedFor) {
+    for (const bool keep : {false, true}) {
+        SideRecording recording = sides(keep);
+        recording.pause(ORIGINATOR, 2);
+        put(recording, ORIGINATOR, {1});
+        recording.finish();
+        EXPECT_EQ(samples_of("call-originator.wav").size(), keep ? 3u : 1u);
+    }
+}
+
+TEST_F(RecordingTest, FailedFileIsReportedAndTheOtherSideGoesOn) {
+    SideRecording recording = sides();
+    store_.error = "No space left on device";
+    put(recording, ORIGINATOR, {1, 2, 3, 4});
+    store_.error.clear();
+    put(recording, TERMINATOR, {5, 6, 7, 8});
+    put(recording, ORIGINATOR, {1, 2, 3, 4});
+    recording.finish();
+    EXPECT_TRUE(recording.failed());
+    EXPECT_EQ(recording.files()[0].error, "No space left on device");
+    EXPECT_EQ(recording.files()[1].error, "");
+    EXPECT_EQ(samples_of("call-terminator.wav"), (Samples{5, 6, 7, 8}));
+}
+
+TEST_F(RecordingTest, StereoPutsOriginatorLeft) {
+    StereoRecording recording = stereo();
+    put(recording, ORIGINATOR, {1, 2, 3, 4});
+    put(recording, TERMINATOR, {-1, -2, -3, -4});
+    EXPECT_EQ(samples_of("call.wav"), (Samples{1, -1, 2, -2, 3, -3, 4, -4}));
+    EXPECT_EQ(store_.files.at("call.wav").channels, 2);
+}
+
+TEST_F(RecordingTest, StereoFillsTheShorterSideAtTheEnd) {
+    StereoRecording recording = stereo();
+    put(recording, ORIGINATOR, {1, 2});
+    put(recording, TERMINATOR, {-1});
+    recording.finish();
+    EXPECT_EQ(samples_of("call.wav"), (Samples{1, -1, 2, 0}));
+}
+
+TEST_F(RecordingTest, StereoLendsSilenceToASideThatIsAway) {
+    StereoRecording recording = stereo();
+    put(recording, ORIGINATOR, Samples(32, 7));
+    EXPECT_EQ(samples_of("call.wav").size(), 2u * 16);
+    // The pause has been written already; what follows stands at its place.
+    recording.pause(TERMINATOR, 16);
+    put(recording, TERMINATOR, {9});
+    recording.finish();
+    EXPECT_EQ(samples_of("call.wav")[2 * 16 + 1], 9);
+    EXPECT_EQ(samples_of("call.wav").size(), 2u * 32);
+}
+
+TEST_F(RecordingTest, SidesOfDifferentRatesGetAFileEach) {
+    rates_ = {8000, 16000};
+    StereoRecording recording = stereo();
+    put(recording, ORIGINATOR, {1, 2, 3, 4});
+    put(recording, TERMINATOR, {5, 6, 7, 8});
+    recording.finish();
+    EXPECT_EQ(store_.files.count("call.wav"), 0u);
+    EXPECT_EQ(samples_of("call-split-originator.wav"), (Samples{1, 2, 3, 4}));
+    EXPECT_EQ(store_.files.at("call-split-terminator.wav").sample_rate, 16000);
+}
+
+TEST_F(RecordingTest, StemIsTheUuidAndCountsEarlierFiles) {
+    const Uuid uuid = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07,
+                       0x08, 0x09, 0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f};
+    EXPECT_EQ(free_stem(store_, uuid), "00010203-0405-0607-0809-0a0b0c0d0e0f");
+    store_.files["00010203-0405-0607-0809-0a0b0c0d0e0f-terminator.wav"] = {};
+    EXPECT_EQ(free_stem(store_, uuid), "00010203-0405-0607-0809-0a0b0c0d0e0f-2");
+}
+
+}  // namespace
