@@ -5,45 +5,17 @@
 #include <cstring>
 #include <string>
 
-#include "fuzz/support/number_model.h"
+#include "fuzz/support/address_model.h"
 #include "fuzz/support/require.h"
 #include "quorvane_lib/net_socket.h"
 
 namespace {
 
-struct Model {
-    bool valid = false;
-    bool blank = false;
-    unsigned char bytes[4] = {127, 0, 0, 1};
-    std::uint16_t port = 0;
-};
-
-Model model_of(std::string text) {
-    Model model;
-    while (!text.empty() && qv::fuzz::is_space(text[0])) {
-        text.erase(0, 1);
-    }
-    model.blank = text.empty();
-    const std::size_t colon = text.rfind(':');
-    const std::string host = colon == std::string::npos ? text : text.substr(0, colon);
-    const std::string port = colon == std::string::npos ? "" : text.substr(colon + 1);
-    unsigned char bytes[4];
-    if (qv::fuzz::read_dotted(host, bytes)) {
-        std::memcpy(model.bytes, bytes, sizeof(bytes));
-        model.valid = port.empty() || qv::fuzz::read_port(port, model.port);
-    } else if (colon == std::string::npos) {
-        model.valid = model.blank || qv::fuzz::read_port(text, model.port);
-    } else {
-        model.valid = host.empty() && (port.empty() || qv::fuzz::read_port(port, model.port));
-    }
-    return model;
-}
-
 void compare(const char* begin, const char* end, const std::string& text) {
     sockaddr_in address;
     std::memset(&address, 0x77, sizeof(address));
     const bool valid = qv::net::parse_addr(begin, end, address);
-    const Model model = model_of(text);
+    const qv::fuzz::AddressModel model = qv::fuzz::read_address(text);
     qv::fuzz::require_equal("result", valid, model.valid);
     if (!model.blank) {
         qv::fuzz::require_equal("family", address.sin_family, AF_INET);

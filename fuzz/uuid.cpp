@@ -4,6 +4,7 @@
 #include <string>
 
 #include "fuzz/support/require.h"
+#include "fuzz/support/uuid_model.h"
 #include "quorvane_lib/utils_bytes.h"
 #include "quorvane_lib/utils_str.h"
 
@@ -11,20 +12,7 @@ namespace {
 
 using qv::utils::bytes::decode_uuid;
 
-constexpr std::uint64_t DASHES = 8659200;  // A bit for each place where a dash may stand.
 constexpr unsigned char UNTOUCHED = 0xEE;
-
-// Collects the digits first and looks at them afterwards. False if the text is no UUID.
-bool model_of(const std::string& text, std::string& digits) {
-    for (std::size_t i = 0; i < text.size() && digits.size() < 32; ++i) {
-        if (std::strchr("0123456789abcdefABCDEF", text[i]) != nullptr) {
-            digits += text[i];
-        } else if (text[i] != '-' || i >= 24 || (DASHES >> i & 1) == 0) {
-            return false;
-        }
-    }
-    return digits.size() == 32;
-}
 
 }  // namespace
 
@@ -35,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool valid = decode_uuid(text.c_str(), uuid, qv::tag::direct_update_t{});
 
     std::string digits;
-    qv::fuzz::require_equal("result", valid, model_of(text, digits));
+    qv::fuzz::require_equal("result", valid, qv::fuzz::read_uuid(text, digits));
     qv::fuzz::require_equal("byte behind the buffer", uuid[16], UNTOUCHED);
     for (std::size_t i = 0; i < digits.size() / 2; ++i) {
         const int byte = std::stoi(digits.substr(2 * i, 2), nullptr, 16);
