@@ -1,0 +1,84 @@
+#!/usr/bin/env bash
+# Tries `cmake --install` into folders of its own: what goes where, and that an
+# operator's settings are kept.
+#
+#   install_test.sh COMPILER
+set -uo pipefail
+source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+compiler=$1
+conf=etc/delmaren/quorvane/freeswitch_mod.conf
+shipped=$source_dir/packaging/freeswitch_mod.conf
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
+
+fail() {
+    echo "FAILED: $*"
+    failures=$((failures + 1))
+}
+expect() {
+    local what=$1
+    shift
+    "$@" || fail "$what"
+}
+
+# Configures a build; where its module goes does not depend on what is in the file.
+configure() {
+    cmake -S "$source_dir" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" -DQUORVANE_TOOLS=OFF \
+        "$@" >"$work/log" 2>&1 || {
+        cat "$work/log"
+        fail "configuring with $*"
+    }
+    echo "not a module" >"$work/build/mod_quorvane.so"
+}
+install_into() {
+    DESTDIR=$1 cmake --install "$work/build" --component module --prefix /usr >"$work/log" 2>&1 || {
+        cat "$work/log"
+        fail "cmake --install into $1"
+    }
+}
+
+# ---- without a host -----------------------------------------------------------------
+
+configure -DQUORVANE_HOST=embedded
+install_into "$work/plain"
+expect "module in lib/freeswitch/mod" test -f "$work/plain/usr/lib/freeswitch/mod/mod_quorvane.so"
+expect "configuration" cmp "$shipped" "$work/plain/$conf"
+documents=$work/plain/usr/share/doc/freeswitch-mod-quorvane
+for file in README.md SECURITY.md docs/protocol.md; do
+    expect "document $file" cmp "$source_dir/$file" "$documents/$(basename $file)"
+done
+for sample in packaging/freeswitch_mod.conf packaging/modules.conf.xml; do
+    expect "sample $sample" cmp "$source_dir/$sample" "$documents/examples/$(basename $sample)"
+done
+expect "dialplans" diff -r "$source_dir/examples/dialplan" "$documents/examples/dialplan"
+
+# ---- over an installation -----------------------------------------------------------
+
+echo "media_node = 192.0.2.77:40000" >"$work/plain/$conf"
+install_into "$work/plain"
+expect "settings are kept" grep -qx 'media_node = 192.0.2.77:40000' "$work/plain/$conf"
+expect "and that is said" grep -q "Kept: $work/plain/$conf" "$work/log"
+rm "$work/plain/$conf"
+ln -s /nowhere/settings "$work/plain/$conf"
+install_into "$work/plain"
+expect "a link to nowhere is kept" test -L "$work/plain/$conf"
+
+# ---- beside a host that pkg-config finds --------------------------------------------
+
+mkdir "$work/pkgconfig"
+cat >"$work/pkgconfig/freeswitch.pc" <<END
+modulesdir=/usr/lib64/freeswitch/mod
+Name: freeswitch
+Version: 1.11.0
+Description: the host as far as this test needs it
+END
+export PKG_CONFIG_PATH=$work/pkgconfig
+configure -DQUORVANE_HOST=freeswitch
+install_into "$work/beside"
+expect "module beside the host's" test -f "$work/beside/usr/lib64/freeswitch/mod/mod_quorvane.so"
+
+configure -DQUORVANE_MODULE_DIR=/srv/switch/mod
+install_into "$work/named"
+expect "module in the folder that was named" test -f "$work/named/srv/switch/mod/mod_quorvane.so"
+exit $((failures > 0))
