@@ -1,0 +1,105 @@
+# What `cpack` makes of the installed files: a Debian package and, where rpmbuild is
+# installed, an RPM; each for the module and, if they were built, for the tools.
+set(QUORVANE_MAINTAINER "quorvane maintainers <maintainers@delmaren.example>" CACHE STRING
+    "Name and address for the packages")
+
+# The documents that Debian expects of a package. One changelog serves both.
+function(quorvane_debian_documents component package)
+  set(folder ${CMAKE_BINARY_DIR}/generated/${package})
+  configure_file(packaging/debian/changelog.in ${folder}/changelog @ONLY)
+  file(ARCHIVE_CREATE OUTPUT ${folder}/changelog.gz PATHS ${folder}/changelog
+       FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9)
+  install(FILES packaging/debian/copyright ${folder}/changelog.gz
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
+endfunction()
+
+set(CPACK_COMPONENTS_ALL module)
+quorvane_debian_documents(module ${module_package})
+if(QUORVANE_HAVE_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+  quorvane_debian_documents(tools ${tools_package})
+endif()
+
+# Common to all packages. The host's release is part of the version, so that packages
+# for different hosts can be told apart and do not pass for one another.
+set(CPACK_GENERATOR "")
+find_program(DPKG_DEB dpkg-deb)
+find_program(RPMBUILD rpmbuild)
+if(DPKG_DEB)
+  list(APPEND CPACK_GENERATOR DEB)
+endif()
+if(RPMBUILD)
+  list(APPEND CPACK_GENERATOR RPM)
+endif()
+set(CPACK_PACKAGE_NAME quorvane)
+set(CPACK_PACKAGE_VENDOR "the quorvane maintainers")
+set(CPACK_PACKAGE_CONTACT ${QUORVANE_MAINTAINER})
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION}+fs${QUORVANE_HOST_RELEASE})
+# Each package has its own; a common one would go before it.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+set(CPACK_PACKAGE_RELOCATABLE OFF)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_VERBATIM_VARIABLES ON)
+
+set(module_summary "call audio tap for FreeSWITCH")
+set(module_description
+"A FreeSWITCH module that taps the audio of calls, both directions and
+unaltered, and streams it as it flows to a media node as UDP datagrams of its
+own protocol. A dialplan application starts it for a call; an API command
+switches detection on and off while the call runs.
+
+This package is for FreeSWITCH ${QUORVANE_HOST_FIRST} and later, before ${QUORVANE_HOST_BEFORE}.")
+set(tools_summary "receiver and call driver for the quorvane call audio tap")
+set(tools_description
+"Tools for those who write or run a media node: a receiver of the datagrams
+that mod_quorvane sends, which writes the audio of each call to files, and a
+driver that runs calls through the module without a telephony server.")
+
+# ---- Debian -------------------------------------------------------------------------
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+
+# Nothing in the object tells which host it needs: it is not linked to the host.
+set(CPACK_DEBIAN_MODULE_PACKAGE_NAME ${module_package})
+set(CPACK_DEBIAN_MODULE_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_MODULE_PACKAGE_DEPENDS
+    "freeswitch (>= ${QUORVANE_HOST_FIRST}~), freeswitch (<< ${QUORVANE_HOST_BEFORE}~)")
+set(CPACK_DEBIAN_MODULE_PACKAGE_SUGGESTS ${tools_package})
+set(CPACK_DEBIAN_MODULE_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/conffiles)
+set(CPACK_DEBIAN_MODULE_DESCRIPTION "${module_summary}\n${module_description}")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${tools_package})
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${tools_summary}\n${tools_description}")
+
+# ---- RPM ----------------------------------------------------------------------------
+
+set(CPACK_RPM_COMPONENT_INSTALL ON)
+set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
+set(CPACK_RPM_PACKAGE_LICENSE "All rights reserved")
+set(CPACK_RPM_PACKAGE_GROUP "Applications/Communications")
+set(CPACK_RPM_SPEC_MORE_DEFINE "%define _build_id_links none")
+set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
+    /etc /usr/lib/freeswitch /usr/lib/freeswitch/mod /usr/share/doc)
+
+set(CPACK_RPM_MODULE_PACKAGE_NAME ${module_package})
+set(CPACK_RPM_MODULE_PACKAGE_SUMMARY ${module_summary})
+set(CPACK_RPM_MODULE_PACKAGE_DESCRIPTION ${module_description})
+set(CPACK_RPM_MODULE_PACKAGE_REQUIRES
+    "freeswitch >= ${QUORVANE_HOST_FIRST}, freeswitch < ${QUORVANE_HOST_BEFORE}")
+set(CPACK_RPM_MODULE_USER_FILELIST
+    "%config(noreplace) ${QUORVANE_CONFIG_DIR}/freeswitch_mod.conf")
+
+set(CPACK_RPM_TOOLS_PACKAGE_NAME ${tools_package})
+set(CPACK_RPM_TOOLS_PACKAGE_SUMMARY ${tools_summary})
+set(CPACK_RPM_TOOLS_PACKAGE_DESCRIPTION ${tools_description})
+
+include(CPack)
