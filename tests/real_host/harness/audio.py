@@ -19,13 +19,13 @@ def ulaw_decode(code: int) -> int:
 
 def make_codes(seed: int, count: int) -> bytes:
     """`count` mu-law codes; loud and quiet values mixed, neither zero nor its twin."""
-    generator = random.Random(seed)
-    return bytes(generator.choice([c for c in range(256) if c not in (0x7F, 0xFF)])
-                 for _ in range(count))
+    audible = [code for code in range(256) if code not in (0x7F, 0xFF)]
+    return bytes(random.Random(seed).choices(audible, k=count))
 
 
 def to_linear(codes: bytes) -> bytes:
-    return struct.pack(f"<{len(codes)}h", *(ulaw_decode(code) for code in codes))
+    values = [ulaw_decode(code) for code in range(256)]
+    return struct.pack(f"<{len(codes)}h", *(values[code] for code in codes))
 
 
 def write_wav(path: pathlib.Path, rate: int, linear: bytes) -> None:

@@ -5,6 +5,7 @@ from scenarios import calls  # noqa: F401
 from scenarios import features  # noqa: F401
 from scenarios import endings  # noqa: F401
 from scenarios import partners  # noqa: F401
+from scenarios import beside  # noqa: F401
 from scenarios import sip  # noqa: F401
 from scenarios import dialplan_samples  # noqa: F401
 from scenarios import lifecycle  # noqa: F401

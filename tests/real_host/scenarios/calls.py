@@ -12,8 +12,8 @@ def both_legs_of_a_loopback_call_arrive_to_the_bit_without_a_gap(s):
     s.hear(uuid, 5)
     stream = s.end(uuid)
     check_gap_free(stream, READ, WRITE)
-    check_heard(stream, READ, s.far, 4.5)
-    check_heard(stream, WRITE, s.near, 4.5)
+    check_heard(stream, READ, s.far, 3)
+    check_heard(stream, WRITE, s.near, 3)
 
 
 @scenario

@@ -40,7 +40,7 @@ def loading_again_under_tapped_calls_serves_old_and_new_calls(s):
             s.node.wait_for(uuid, 0x82)
         for uuid in new:
             check_gap_free(s.node.stream(uuid), READ, WRITE)
-            check_heard(s.node.stream(uuid), READ, s.far, 0.7)
+            check_heard(s.node.stream(uuid), READ, s.far, 0.5)
         check_equal(host.unload_module(), "+OK", "second unload")
         check_equal(host.stop(), 0, "exit status of the host")
 
