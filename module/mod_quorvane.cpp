@@ -660,23 +660,31 @@ const char* header_or_empty(switch_event_t* event, const char* name) {
     return value != nullptr ? value : "";
 }
 
-void dump_channel_event_short_handler(switch_event_t* event) {
-    if (!is_channel_event(event)) {
-        return;
-    }
-    // A missing event name ends the line after the blank: a null text ends a stream.
-    // Intended.
+// A missing event name ends the line after the blank: a null text ends a stream.
+// Intended.
+std::string short_line(switch_event_t* event) {
     log::InfoMessage line;
     line.stream << "[quorvane]: " << header_or_empty(event, "Unique-ID") << " "
                 << header(event, "Event-Name")
                 << ": state=" << header_or_empty(event, "Channel-State")
                 << ", call-state=" << header_or_empty(event, "Channel-Call-State") << "\n";
-    // The line is the format: a "%" in a header means something to the host. Intended.
+    return line.stream.str();
+}
+
+void dump_channel_event_short_handler(switch_event_t* event) {
+    if (!is_channel_event(event)) {
+        return;
+    }
+    try {
+        // The line is the format: a "%" in a header means something to the host. Intended.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
-    switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), __func__, __LINE__,
-                      nullptr, SWITCH_LOG_CRIT, line.stream.str().c_str());
+        switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), __func__,
+                          __LINE__, nullptr, SWITCH_LOG_CRIT, short_line(event).c_str());
 #pragma GCC diagnostic pop
+    } catch (const std::bad_alloc&) {
+        log_line<log::ERROR>(QV_PLACE, "out of memory: event is not dumped");
+    }
 }
 
 // ---- load -------------------------------------------------------------------------

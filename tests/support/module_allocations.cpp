@@ -1,0 +1,137 @@
+#include "tests/support/module_allocations.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <unwind.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <new>
+
+namespace {
+
+constexpr std::size_t NONE = std::numeric_limits<std::size_t>::max();
+
+struct Range {
+    std::uintptr_t first = 0;
+    std::uintptr_t end = 0;
+    bool holds(std::uintptr_t address) const { return address >= first && address < end; }
+};
+
+Range watched;
+Range cxx_library;
+Range allocator;  // This program's operator new itself.
+std::atomic<bool> armed{false};
+std::atomic<std::size_t> made{0};
+std::atomic<std::size_t> failing{NONE};
+
+struct Search {
+    std::uintptr_t address;
+    Range found;
+};
+
+int keep_object(dl_phdr_info* info, std::size_t /*size*/, void* data) {
+    auto* search = static_cast<Search*>(data);
+    Range object{std::numeric_limits<std::uintptr_t>::max(), 0};
+    for (int i = 0; i < info->dlpi_phnum; ++i) {
+        const auto& header = info->dlpi_phdr[i];
+        if (header.p_type == PT_LOAD) {
+            const std::uintptr_t first = info->dlpi_addr + header.p_vaddr;
+            object.first = first < object.first ? first : object.first;
+            object.end = first + header.p_memsz > object.end ? first + header.p_memsz : object.end;
+        }
+    }
+    if (object.holds(search->address)) {
+        search->found = object;
+        return 1;
+    }
+    return 0;
+}
+
+Range object_of(const void* address) {
+    Search search{reinterpret_cast<std::uintptr_t>(address), {}};
+    ::dl_iterate_phdr(keep_object, &search);
+    return search.found;
+}
+
+struct Walk {
+    bool module_called = false;
+    int frames = 0;
+};
+
+_Unwind_Reason_Code look_at_frame(_Unwind_Context* context, void* data) {
+    auto* walk = static_cast<Walk*>(data);
+    const std::uintptr_t address = _Unwind_GetIP(context);
+    // The first frames are this file's own.
+    if (cxx_library.holds(address) || (allocator.holds(address) && walk->frames < 4)) {
+        ++walk->frames;
+        return _URC_NO_REASON;
+    }
+    walk->module_called = watched.holds(address);
+    return _URC_END_OF_STACK;
+}
+
+bool called_by_module() {
+    Walk walk;
+    _Unwind_Backtrace(look_at_frame, &walk);
+    return walk.module_called;
+}
+
+// Whether the allocation at hand is the one that fails.
+bool takes_the_failure() {
+    if (!armed.load(std::memory_order_relaxed) || !called_by_module()) {
+        return false;
+    }
+    return made.fetch_add(1) == failing.load();
+}
+
+void* allocate(std::size_t size) {
+    return std::malloc(size == 0 ? 1 : size);
+}
+
+}  // namespace
+
+namespace qv::tests {
+
+void watch_object(const void* address) {
+    watched = object_of(address);
+    cxx_library = object_of(::dlsym(RTLD_DEFAULT, "__cxa_throw"));
+    allocator = object_of(reinterpret_cast<const void*>(&object_of));
+}
+
+void fail_allocation(std::size_t index) {
+    made = 0;
+    failing = index;
+    armed = true;
+}
+
+std::size_t stop_failing() {
+    armed = false;
+    failing = NONE;
+    return made;
+}
+
+}  // namespace qv::tests
+
+#define REPLACEMENT __attribute__((visibility("default"), noinline))
+
+REPLACEMENT void* operator new(std::size_t size) {
+    void* memory = takes_the_failure() ? nullptr : allocate(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+REPLACEMENT void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return takes_the_failure() ? nullptr : allocate(size);
+}
+
+REPLACEMENT void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+REPLACEMENT void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
