@@ -17,8 +17,9 @@ namespace {
 
 std::atomic<EmbeddedHost::Parts*> the_host{nullptr};
 
+constexpr char BLANKS[] = " \t\r\n";
+
 std::string stripped(const std::string& text) {
-    static constexpr char BLANKS[] = " \t\r\n";
     const auto begin = text.find_first_not_of(BLANKS);
     if (begin == std::string::npos)
         return "";
@@ -131,7 +132,7 @@ void EmbeddedHost::set_global_variable(const std::string& name, const std::strin
 
 ApiAnswer EmbeddedHost::api(const std::string& command_line) {
     const std::string line = stripped(command_line);
-    const auto end = std::min(line.find_first_of(" \t\r\n"), line.size());
+    const auto end = std::min(line.find_first_of(BLANKS), line.size());
     const std::string arguments = stripped(line.substr(end));
     AnswerStream stream;
     ApiAnswer answer;

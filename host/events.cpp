@@ -54,19 +54,20 @@ bool fault_of_bind(switch_event_types_t event) {
            faults.on(Fault::out_of_memory);
 }
 
+constexpr char HEX_DIGITS[] = "0123456789ABCDEF";
+constexpr char PLAIN_IN_URLS[] = "-_.!~*'()/:@&=+,";
+
 void append_url_encoded(std::string& text, const char* value) {
-    static constexpr char DIGITS[] = "0123456789ABCDEF";
-    static constexpr char PLAIN[] = "-_.!~*'()/:@&=+,";
     for (; *value; ++value) {
         const auto byte = static_cast<unsigned char>(*value);
         const bool alphanumeric = (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') ||
                                   (byte >= 'a' && byte <= 'z');
-        if (alphanumeric || std::strchr(PLAIN, byte)) {
+        if (alphanumeric || std::strchr(PLAIN_IN_URLS, byte)) {
             text += *value;
         } else {
             text += '%';
-            text += DIGITS[byte >> 4];
-            text += DIGITS[byte & 0xF];
+            text += HEX_DIGITS[byte >> 4];
+            text += HEX_DIGITS[byte & 0xF];
         }
     }
 }

@@ -44,6 +44,10 @@ std::optional<switch_status_t> run_guarded(Function function,
     return std::nullopt;
 }
 
+bool loaded(switch_status_t status) {
+    return status == SWITCH_STATUS_SUCCESS || status == SWITCH_STATUS_NOUNLOAD;
+}
+
 struct Search {
     const void* base;
     bool found;
@@ -153,7 +157,7 @@ void Loader::run_load(Module& module, LoadResult& result) {
                     result.exception);
     if (result.exception)
         result.error = "the load function threw: " + *result.exception;
-    else if (result.status != SWITCH_STATUS_SUCCESS && result.status != SWITCH_STATUS_NOUNLOAD)
+    else if (!loaded(*result.status))
         result.error = "the load function returned " + std::to_string(*result.status);
     else if (!module.interface)
         result.error = "the load function created no module interface";

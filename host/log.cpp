@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 #include "host/parts.h"
@@ -24,15 +25,11 @@ std::optional<std::string> text_of(const char* text) {
 }
 
 std::string format_text(const char* format, va_list arguments) {
-    va_list again;
-    va_copy(again, arguments);
-    const int size = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    if (size < 0)
+    char* formatted = nullptr;
+    if (vasprintf(&formatted, format, arguments) < 0)
         return format;
-    std::string text(static_cast<std::size_t>(size) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, arguments);
-    text.pop_back();
+    std::string text = formatted;
+    std::free(formatted);
     return text;
 }
 

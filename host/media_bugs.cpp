@@ -1,6 +1,9 @@
 #include "host/media_bugs.h"
 
+#include <strings.h>
+
 #include <algorithm>
+#include <array>
 #include <ctime>
 #include <mutex>
 #include <utility>
@@ -15,11 +18,12 @@ namespace {
 // Set by the channel variable media_bug_answer_req: no frames before the answer.
 constexpr switch_media_bug_flag_t ANSWER_REQUIRED = 1u << 6;
 
+constexpr std::array<const char*, 8> TRUE_WORDS = {"yes",     "on",     "true",  "t",
+                                                   "enabled", "active", "allow", "1"};
+
 bool is_true(const char* value) {
-    static constexpr const char* WORDS[] = {"yes",     "on",     "true",  "t",
-                                            "enabled", "active", "allow", "1"};
-    return value && std::any_of(std::begin(WORDS), std::end(WORDS),
-                                [value](const char* word) { return std::string(word) == value; });
+    return value && std::any_of(TRUE_WORDS.begin(), TRUE_WORDS.end(),
+                                [value](const char* word) { return strcasecmp(word, value) == 0; });
 }
 
 bool overdue(const switch_media_bug& bug) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 #include <utility>
 
 #include "host/media_threads.h"
@@ -23,6 +24,16 @@ constexpr const char* STATE_NAMES[] = {
 const char* state_name(switch_channel_state_t state) {
     const auto index = static_cast<std::size_t>(state);
     return index < std::size(STATE_NAMES) ? STATE_NAMES[index] : "UNKNOWN";
+}
+
+// What a bug could change in the frame itself.
+bool same(const switch_frame_t& left, const switch_frame_t& right) {
+    const auto parts = [](const switch_frame_t& frame) {
+        return std::tie(frame.codec, frame.data, frame.datalen, frame.buflen, frame.samples,
+                        frame.rate, frame.channels, frame.payload, frame.timestamp, frame.seq,
+                        frame.ssrc, frame.flags, frame.user_data);
+    };
+    return parts(left) == parts(right);
 }
 
 const char* answer_state(const Channel& channel) {
@@ -128,8 +139,7 @@ FrameResult MediaLeg::hand_out(switch_frame_t& frame) {
     result.bugs = session_.bugs().deliver(direction_, frame);
     const auto taken = std::chrono::steady_clock::now() - begin;
 
-    result.altered = std::memcmp(&before, &frame, sizeof(before)) != 0 ||
-                     !std::equal(original_.begin(), original_.end(), data);
+    result.altered = !same(before, frame) || !std::equal(original_.begin(), original_.end(), data);
     stats_.handling_time += taken;
     stats_.worst_handling = std::max(stats_.worst_handling, std::chrono::nanoseconds(taken));
     auto& counters = current_host().counters;
