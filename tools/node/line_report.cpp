@@ -78,7 +78,7 @@ void LineReport::line(const Call& call, const std::string& what, const std::stri
 void LineReport::started(const Call& call, const media::Packet& packet) {
     const StartFields& start = *call.start;
     std::string text = start.outbound() ? "outbound" : "inbound";
-    text += ", reference " + quoted(start.call_reference);
+    text += ", reference " + quoted_text(start.call_reference);
     if (start.rule_id_given()) {
         text += ", rule " + std::to_string(start.rule_id);
     }

@@ -65,7 +65,7 @@ std::string address_text(const unsigned char* address, std::uint16_t port) {
                   unsigned{address[2]}, unsigned{address[3]}, unsigned{port});
 }
 
-std::string quoted(std::string_view text) {
+std::string quoted_text(std::string_view text) {
     std::string out = "\"";
     for (const char c : text.substr(0, LONGEST_QUOTED)) {
         const auto byte = static_cast<unsigned char>(c);

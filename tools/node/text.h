@@ -18,7 +18,7 @@ std::string address_text(const unsigned char* address, std::uint16_t port);
 
 // Foreign text made fit for a terminal: bytes below blank, DEL and the quotation mark
 // and backslash as \xNN or with a backslash; cut with "..." at 200 bytes.
-std::string quoted(std::string_view text);
+std::string quoted_text(std::string_view text);
 
 // "audio activity on originator, off terminator; recording on both", or "no features".
 std::string features_text(media::features16_t features);

@@ -25,7 +25,7 @@ std::string subtitle_of(const Call& call, EndReason reason) {
     if (call.start.has_value()) {
         const StartFields& start = *call.start;
         text = start.outbound() ? "outbound" : "inbound";
-        text += ", reference " + quoted(start.call_reference);
+        text += ", reference " + quoted_text(start.call_reference);
         text += start.rule_id_given() ? ", rule " + std::to_string(start.rule_id) : "";
     } else {
         text = "the start packet never came";

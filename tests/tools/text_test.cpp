@@ -1,0 +1,56 @@
+#include "tools/node/text.h"
+
+#include <gtest/gtest.h>
+
+#include "tools/node/live_view.h"
+
+namespace {
+
+using namespace qv::tools::node;
+
+TEST(NodeTextTest, ForeignTextCannotSteerATerminal) {
+    EXPECT_EQ(quoted_text("a\x1b[2Jb\"\\\n"), R"("a\x1b[2Jb\"\\\x0a")");
+    EXPECT_EQ(quoted_text("\xff\x7f"), R"("\xff\x7f")");
+}
+
+TEST(NodeTextTest, LongForeignTextIsCut) {
+    EXPECT_EQ(quoted_text(std::string(300, 'x')), '"' + std::string(200, 'x') + "...\"");
+}
+
+TEST(NodeTextTest, FeaturesAreWords) {
+    EXPECT_EQ(features_text({0, 0}), "no features");
+    EXPECT_EQ(features_text({0x0C, 0x0C}), "audio activity on both");
+    EXPECT_EQ(features_text({0x30, 0x00}), "detection off both");
+    EXPECT_EQ(features_text({0xC0, 0x80}), "recording off originator, on terminator");
+    EXPECT_EQ(features_text({0x04, 0x04}), "audio activity on originator");
+    EXPECT_EQ(features_text({0x20 | 0x40, 0x40}),
+              "detection off terminator; recording on originator");
+}
+
+TEST(NodeTextTest, DurationsAreShort) {
+    EXPECT_EQ(duration_text(0), "0.0 s");
+    EXPECT_EQ(duration_text(59.9), "59.9 s");
+    EXPECT_EQ(duration_text(59.96), "1 min 00 s");
+    EXPECT_EQ(duration_text(3599.6), "1 h 00 min");
+    EXPECT_EQ(duration_text(7500), "2 h 05 min");
+}
+
+TEST(NodeTextTest, NumbersAreGroupedAndCounted) {
+    EXPECT_EQ(grouped(999), "999");
+    EXPECT_EQ(grouped(1234567), "1,234,567");
+    EXPECT_EQ(counted(1, "packet"), "1 packet");
+    EXPECT_EQ(counted(0, "packet"), "0 packets");
+}
+
+TEST(NodeTextTest, FeatureLettersTellSideAndState) {
+    EXPECT_EQ(feature_letters({0x0C | 0x40, 0x04}, Side::ORIGINATOR), "A-r");
+    EXPECT_EQ(feature_letters({0x0C | 0x40, 0x04}, Side::TERMINATOR), "a--");
+}
+
+TEST(NodeTextTest, MeterFillsWithTheLevel) {
+    EXPECT_EQ(level_meter(-60, 4), "\u00b7\u00b7\u00b7\u00b7");
+    EXPECT_EQ(level_meter(-30, 4), "\u2588\u2588\u00b7\u00b7");
+    EXPECT_EQ(level_meter(0, 4), "\u2588\u2588\u2588\u2588");
+}
+
+}  // namespace
