@@ -61,6 +61,8 @@ void EventLog::overflow(std::uint64_t packets) {
 
 void EventLog::started(const Call& call, const media::Packet& packet) {
     const StartFields& start = *call.start;
+    const std::string report_node =
+        address_text(packet.report_node_address, packet.report_node_port);
     write("start", call,
           {{"send_time", packet.send_time},
            {"call_flags", packet.leg_word},
@@ -72,7 +74,9 @@ void EventLog::started(const Call& call, const media::Packet& packet) {
            {"configured_clock", packet.configured_clock},
            // As text: readers that keep numbers as floating point would change it.
            {"rule_id", std::to_string(packet.rule_id)},
-           {"report_node", address_text(packet.report_node_address, packet.report_node_port)},
+           {"report_node", report_node},
+           {"report_node_address", report_node.substr(0, report_node.find(':'))},
+           {"report_node_port", packet.report_node_port},
            {"features", features_json(packet.features)},
            {"call_reference", start.call_reference},
            {"late", call.started_late}});

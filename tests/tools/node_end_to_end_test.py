@@ -1,0 +1,255 @@
+"""Runs quorvane-node as a process and sends it hand-written datagrams.
+
+usage: node_end_to_end_test.py QUORVANE_NODE GOLDEN_FOLDER
+"""
+import array
+import json
+import os
+import pathlib
+import random
+import re
+import resource
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import urllib.request
+import wave
+
+NODE, GOLDEN = sys.argv[1], pathlib.Path(sys.argv[2])
+UUID = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37"
+CALL = ["call_1_start", "call_2_read", "call_3_write", "call_4_read", "call_5_write",
+        "call_6_control", "call_7_terminate"]
+
+
+def golden(name):
+    text = (GOLDEN / (name + ".hex")).read_text()
+    return bytes.fromhex("".join(line.split("#")[0] for line in text.splitlines()))
+
+
+def samples(path):
+    with wave.open(str(path)) as file:
+        return array.array("h", file.readframes(file.getnframes())).tolist()
+
+
+class Node:
+    """A running receiver, its folder and its output."""
+
+    def __init__(self, *options, limit=None):
+        self.home = tempfile.TemporaryDirectory(prefix="quorvane-node-")
+        self.folder = pathlib.Path(self.home.name) / "wav"
+        self.output = pathlib.Path(self.home.name) / "output"
+        set_limit = (lambda: resource.setrlimit(*limit)) if limit else None
+        with open(self.output, "w") as out:
+            self.process = subprocess.Popen(
+                [NODE, "--listen", "127.0.0.1:0", "--output", str(self.folder), *options],
+                stdout=out, stderr=subprocess.STDOUT, preexec_fn=set_limit)
+        self.address = ("127.0.0.1", int(self.wait_for(r"127\.0\.0\.1:(\d+)").group(1)))
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.socket.close()
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait()
+        self.home.cleanup()
+
+    def text(self):
+        return self.output.read_text()
+
+    def wait_for(self, pattern, seconds=20):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            found = re.search(pattern, self.text())
+            if found:
+                return found
+            time.sleep(0.02)
+        raise AssertionError(f"{pattern!r} is not in:\n{self.text()}")
+
+    def send(self, *datagrams):
+        for datagram in datagrams:
+            self.socket.sendto(datagram, self.address)
+
+    def send_call(self):
+        self.send(*map(golden, CALL))
+
+    def exit_code(self, seconds=20):
+        return self.process.wait(seconds)
+
+    def stop(self, number=signal.SIGTERM):
+        self.process.send_signal(number)
+        return self.exit_code()
+
+
+class NodeEndToEnd(unittest.TestCase):
+    def test_golden_call_becomes_two_files(self):
+        with Node("--calls", "1") as node:
+            node.send_call()
+            self.assertEqual(node.exit_code(), 0, node.text())
+            wave_one = [0, 100, 200, 100, 0, -100, -200, -100]
+            self.assertEqual(samples(node.folder / f"{UUID}-originator.wav"), 2 * wave_one)
+            self.assertEqual(samples(node.folder / f"{UUID}-terminator.wav"),
+                             8 * [0] + 4 * [1000, -1000])
+            for line in (r"start +inbound, reference \"a84b4c76e66710@192.0.2.7\", rule 42",
+                         r"control +audio activity off both", r"terminate ", r"end +complete"):
+                self.assertRegex(node.text(), line)
+
+    def test_stereo_file_and_timeline(self):
+        with Node("--calls", "1", "--stereo", "--no-sides", "--timeline") as node:
+            node.send_call()
+            self.assertEqual(node.exit_code(), 0, node.text())
+            self.assertEqual(sorted(p.name for p in node.folder.iterdir()),
+                             [f"{UUID}.svg", f"{UUID}.wav"])
+            left_right = samples(node.folder / f"{UUID}.wav")
+            self.assertEqual(left_right[1::2], 8 * [0] + 4 * [1000, -1000])
+            self.assertIn("terminate</text>", (node.folder / f"{UUID}.svg").read_text())
+
+    def test_events_carry_every_field_of_the_start_packet(self):
+        with Node("--calls", "1", "--events", "-", "--packets", "--quiet") as node:
+            node.send_call()
+            self.assertEqual(node.exit_code(), 0, node.text())
+            events = [json.loads(line) for line in node.text().splitlines()
+                      if line.startswith("{")]
+            start = next(e for e in events if e["event"] == "start")
+            expected = {
+                "call_key": "0x34ec6ca7460833a0", "call_uuid": UUID, "send_time": 3600000250,
+                "call_flags": 0x8000, "outbound": False, "report_node_given": False,
+                "rule_id_given": True, "created_time": 1767225600123456,
+                "configured_time": 1767225600125000, "configured_clock": 3600000000,
+                "rule_id": "42", "report_node": "0.0.0.0:0",
+                "features": {"supported": 204, "active": 204},
+                "call_reference": "a84b4c76e66710@192.0.2.7"}
+            self.assertEqual({name: start[name] for name in expected}, expected)
+            kinds = [e["event"] for e in events]
+            self.assertEqual(kinds, ["listening", "start", "data", "data", "data", "data",
+                                     "control", "terminate", "end"])
+            data = events[2]
+            self.assertEqual((data["sequence_number"], data["sample_offset"],
+                              data["sample_count"], data["leg"], data["call_side"]),
+                             (1, 0, 8, 0, "originator"))
+
+    def test_lost_packet_is_silence_and_a_gap(self):
+        with Node("--calls", "1") as node:
+            node.send(*(golden(name) for name in CALL if name != "call_2_read"))
+            self.assertEqual(node.exit_code(), 0)
+            self.assertEqual(samples(node.folder / f"{UUID}-originator.wav")[:8], 8 * [0])
+            self.assertRegex(node.text(), "gap +originator: 1 packet lost")
+
+    def test_malformed_datagrams_are_counted_with_their_reason(self):
+        with Node() as node:
+            malformed = sorted(GOLDEN.glob("malformed_*.hex"))
+            node.send(*(golden(path.stem) for path in malformed))
+            node.send_call()
+            node.wait_for("end +complete")
+            self.assertEqual(node.stop(), 0)
+            counts = re.findall(r"malformed: (\d+) +(\S.*)", node.text())
+            self.assertEqual(sum(int(count) for count, _ in counts), len(malformed))
+            self.assertIn("bad magic", dict((why, n) for n, why in counts))
+
+    def test_signals_close_the_files(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            with Node() as node:
+                node.send(*(golden(name) for name in CALL[:5]))
+                node.wait_for("start +inbound")
+                self.assertEqual(node.stop(number), 0)
+                self.assertEqual(len(samples(node.folder / f"{UUID}-originator.wav")), 16)
+                self.assertRegex(node.text(), "summary +1 call .1 without terminate packet.")
+
+    def test_terminate_that_never_comes_times_out(self):
+        with Node("--calls", "1", "--call-timeout", "0.5") as node:
+            node.send(*(golden(name) for name in CALL[:3]))
+            self.assertEqual(node.exit_code(), 0)
+            self.assertIn("timed out", node.text())
+
+    def test_idle_exit_without_the_calls_is_an_error(self):
+        with Node("--calls", "1", "--idle-exit", "0.3") as node:
+            self.assertEqual(node.exit_code(), 1)
+
+    def test_port_in_use_is_told(self):
+        with Node() as node:
+            second = subprocess.run([NODE, "--listen", "127.0.0.1:%d" % node.address[1],
+                                     "--output", str(node.folder)],
+                                    capture_output=True, text=True, timeout=20)
+            self.assertEqual(second.returncode, 3)
+            self.assertIn("Address already in use", second.stderr)
+
+    def test_unusable_folder_and_command_line_are_told(self):
+        bad = subprocess.run([NODE, "--listen", "127.0.0.1:0", "--output", "/dev/null/x"],
+                             capture_output=True, text=True, timeout=20)
+        self.assertEqual((bad.returncode, bad.stderr),
+                         (3, "quorvane-node: cannot write to folder /dev/null/x: "
+                             "Not a directory\n"))
+        for option in (["--listen", "nowhere"], ["--rate", "1"], ["--unknown"]):
+            bad = subprocess.run([NODE, *option], capture_output=True, text=True, timeout=20)
+            self.assertEqual(bad.returncode, 2)
+        self.assertEqual(subprocess.run([NODE, "--help"], stdout=subprocess.DEVNULL).returncode, 0)
+
+    def test_call_reference_reaches_neither_paths_nor_the_terminal(self):
+        reference = b"../../../tmp/x\x1b[2J"
+        start = bytearray(golden("call_1_start")[:82]) + reference + b"\0"
+        start[80:82] = len(reference + b"\0").to_bytes(2, "little")
+        with Node("--calls", "1", "--stereo", "--timeline") as node:
+            node.send(bytes(start), *map(golden, CALL[1:]))
+            self.assertEqual(node.exit_code(), 0, node.text())
+            self.assertNotIn("\x1b", node.text())
+            self.assertTrue(all(p.name.startswith(UUID) for p in node.folder.iterdir()))
+            self.assertEqual(sorted(p.name for p in pathlib.Path(node.home.name).iterdir()),
+                             ["output", "wav"])
+
+    def test_full_disk_is_told_and_the_receiver_goes_on(self):
+        with Node("--block", "1", limit=(resource.RLIMIT_FSIZE, (2000, 2000))) as node:
+            node.send(golden("call_1_start"))
+            audio = golden("call_2_read")
+            for number in range(1, 200):
+                offset = (number - 1) * 8
+                node.send(audio[:40] + number.to_bytes(4, "little") +
+                          offset.to_bytes(4, "little") + audio[48:])
+            node.send(golden("call_7_terminate"))
+            node.wait_for("file error +.*File too large")
+            node.wait_for("end +complete")
+            self.assertEqual(node.stop(), 1)
+
+    def test_vanished_folder_is_told(self):
+        with Node() as node:
+            node.folder.rmdir()
+            node.send_call()
+            node.wait_for("file error +.*No such file or directory")
+            self.assertEqual(node.stop(), 1)
+
+    def test_metrics_are_served(self):
+        with Node("--metrics", "0") as node:
+            url = node.wait_for(r"http://\S+").group(0)
+            node.send_call()
+            node.wait_for("end +complete")
+            time.sleep(1.2)
+            text = urllib.request.urlopen(url, timeout=5).read().decode()
+            self.assertIn('quorvane_node_packets_total{type="data"} 4', text)
+            self.assertIn("quorvane_node_calls_ended_total 1", text)
+
+    def test_random_and_mutated_datagrams_are_survived(self):
+        with Node("--max-calls", "100", "--quiet", "--timeline", "--stereo") as node:
+            choice = random.Random(4711)
+            packets = [golden(name) for name in CALL]
+            for number in range(20000):
+                datagram = bytearray(choice.choice(packets))
+                for _ in range(choice.randrange(4)):
+                    datagram[choice.randrange(4, len(datagram))] = choice.randrange(256)
+                if choice.random() < 0.1:
+                    datagram = bytearray(choice.randbytes(choice.randrange(1400)))
+                node.send(bytes(datagram))
+                if number % 200 == 0:
+                    time.sleep(0.002)
+            self.assertIsNone(node.process.poll(), node.text())
+            self.assertEqual(node.stop(), 0, node.text())
+            size = sum(p.stat().st_size for p in node.folder.iterdir())
+            self.assertLess(size, 500_000_000)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=1)
