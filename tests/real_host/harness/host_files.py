@@ -58,7 +58,7 @@ def modules_section(installation) -> str:
 def sip_profile(name: str, port: int, **more) -> str:
     values = dict(context="scenarios", dialplan="XML", sip_ip="127.0.0.1", rtp_ip="127.0.0.1",
                   sip_port=port, inbound_codec_negotiation="generous", rtp_timer_name="soft",
-                  codec_prefs="PCMU,PCMA,G722,OPUS,L16@48000h,L16@16000h",
+                  codec_prefs="PCMU,PCMA,G722,OPUS,OPUS@16000h,L16@48000h,L16@16000h",
                   auth_calls="false", manage_presence="false", **more)
     return f'<profile name="{name}"><settings>{params(**values)}</settings></profile>'
 

@@ -106,6 +106,7 @@ class Suite:
             extension("tap_park", "answer", "quorvane", "park"),
             extension("tap_twice", "answer", "quorvane", "quorvane", "park"),
             extension("tap_bridge", "answer", "quorvane", "bridge ${far_end}", "park"),
+            extension("tap_early", "quorvane", "park"),
             extension("tap_proxy", "set proxy_media=true", "set execute_on_answer=quorvane",
                       "bridge ${far_end}"),
             SPREAD))

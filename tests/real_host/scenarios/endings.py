@@ -3,6 +3,7 @@
 import random
 import threading
 import time
+import uuid
 
 from harness.media_node import READ, START, TERMINATE
 from harness.suite import check, check_equal, check_gap_free, scenario
@@ -68,6 +69,26 @@ def a_storm_of_kills_leaves_every_stream_ended(s):
     check(all(not stream.gaps(leg) for stream in streams for leg in (0, 1)), "gaps")
     check(not [line for line in s.host.module_lines(mark) if "MAGIC" in line], "MAGIC lines")
     check_equal(s.node.malformed, [], "malformed datagrams")
+
+
+@scenario
+def calls_killed_before_they_are_up_leave_nothing_behind(s):
+    mark = s.host.log_mark()
+    connection = s.host.new_connection()
+    uuids = [str(uuid.UUID(int=random.Random(9 + i).getrandbits(128), version=4))
+             for i in range(60)]
+    for position, call in enumerate(uuids):
+        connection.command(f"bgapi originate {{loopback_bowout=false,origination_uuid={call}}}"
+                           "loopback/far/scenarios tap XML scenarios")
+        time.sleep(position % 12 * 0.002)
+        connection.api(f"uuid_kill {call}")
+    connection.close()
+    s.host.hang_up_everything()
+    time.sleep(1)
+    streams = [s.node.stream(call) for call in uuids]
+    check_equal(sum(len(stream.of_kind(TERMINATE)) for stream in streams),
+                sum(len(stream.of_kind(START)) for stream in streams), "terminates and starts")
+    check(not [line for line in s.host.module_lines(mark) if "MAGIC" in line], "MAGIC lines")
 
 
 @scenario

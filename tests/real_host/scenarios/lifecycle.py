@@ -45,6 +45,24 @@ def loading_again_under_tapped_calls_serves_old_and_new_calls(s):
         check_equal(host.stop(), 0, "exit status of the host")
 
 
+def is_mapped(host) -> bool:
+    with open(f"/proc/{host.pid}/maps", encoding="utf-8") as maps:
+        return any("mod_quorvane.so" in line for line in maps)
+
+
+@scenario
+def code_kept_for_tapped_calls_goes_with_the_next_idle_unload(s):
+    with s.own_host() as host:
+        uuid, = start_calls(s, host, 1)
+        host.unload_module()
+        host.kill(uuid)
+        host.events.wait_for("CHANNEL_DESTROY", uuid)
+        check(is_mapped(host), "the code is gone although a call was tapped")
+        host.load_module()
+        check_equal(host.unload_module(), "+OK", "idle unload")
+        check(not is_mapped(host), "the code is still there after an idle unload")
+
+
 @scenario
 def unloading_and_loading_twenty_times_under_calls_does_no_harm(s):
     with s.own_host() as host:

@@ -59,6 +59,29 @@ def the_call_reference_of_a_sip_call_is_its_call_id(s):
 
 
 @scenario
+def a_party_that_falls_silent_is_heard_as_silence_without_a_gap(s):
+    sipp_caller(s, 0, "PCMU/8000", s.far.codes[:8000], 3).call("tap", s.host.ports.sip)
+    (uuid, _), = s.node.streams().items()
+    stream = s.ended(uuid)
+    check_gap_free(stream, READ, WRITE)
+    check(len(stream.data(READ)) > 100, f"only {len(stream.data(READ))} packets were read")
+    check_equal(set(stream.audio(READ)[-3200:]), {0xFF}, "bytes of the last frames (samples -1)")
+
+
+@scenario
+def a_leg_that_is_not_answered_is_tapped_from_its_early_media_on(s):
+    outer = s.host.originate(f"{{absolute_codec_string=PCMU}}{s.sip_address('tap_early')} "
+                             "far XML scenarios")
+    s.node.wait_until(lambda: s.node.streams(), what="the unanswered leg's start")
+    uuid = next(iter(s.node.streams()))
+    stream = s.hear(uuid, 1.5)
+    check("RINGING" in s.host.api("show calls") or "EARLY" in s.host.api("show calls"), "answered")
+    s.host.kill(outer)
+    check_gap_free(stream, READ)
+    check_heard(stream, READ, s.far, 0.7)
+
+
+@scenario
 def twenty_sipp_calls_at_once_are_twenty_whole_streams(s):
     sipp_caller(s, 0, "PCMU/8000", s.far.codes, 4).call("tap", s.host.ports.sip, calls=20)
     streams = s.node.streams()
@@ -105,6 +128,13 @@ def a_g722_call_has_frames_of_640_bytes_and_no_warning(s):
 def an_l16_call_at_16_khz_has_frames_of_640_bytes(s):
     stream, _ = wideband(s, "L16@16000h@20i", 16000)
     check_equal({packet.size for packet in stream.data(WRITE)}, {690}, "sizes")
+
+
+@scenario
+def an_opus_call_at_16_khz_splits_nothing(s):
+    stream, lines = wideband(s, "OPUS@16000h", 16000)
+    check_equal({packet.size for packet in stream.data(WRITE)}, {690}, "sizes")
+    check(not [line for line in lines if "split" in line], "split warnings")
 
 
 @scenario
