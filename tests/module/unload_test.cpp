@@ -1,0 +1,190 @@
+// Unloading, with and without calls, and loading again.
+//
+// The host counts no media bug as a use of the module: it unloads one whose calls are
+// still tapped. The object must stay in memory for them, and must not stay otherwise.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/support/module_test.h"
+
+namespace qv::tests {
+
+namespace {
+
+using host::Direction;
+
+class Unload : public ModuleTest {
+  protected:
+    void feed(host::Call& call) {
+        const Bytes frame(320);
+        call.feed(Direction::read, frame.data(), frame.size());
+    }
+
+    static std::string bug_line(const std::string& level, const std::string& text) {
+        return session_line(level, "media_handler", text);
+    }
+};
+
+TEST_F(Unload, ModuleWithoutCallsLeavesMemory) {
+    load();
+    EXPECT_TRUE(unload().left_memory);
+}
+
+TEST_F(Unload, ModuleWhoseCallsHaveEndedLeavesMemory) {
+    load();
+    for (int i = 0; i < 3; ++i) {
+        const auto call = start_tapped_call();
+        feed(*call);
+        hangup(*call);
+        node.receive_all();
+    }
+    EXPECT_TRUE(unload().left_memory);
+}
+
+TEST_F(Unload, LiveCallThatIsNotTappedDoesNotKeepTheModule) {
+    load();
+    const auto call = start_call();
+    EXPECT_TRUE(unload().left_memory);
+}
+
+TEST_F(Unload, ModuleIsGoneForTheHost) {
+    load();
+    const auto call = start_call();
+    unload();
+    EXPECT_TRUE(host.applications().empty());
+    EXPECT_TRUE(host.apis().empty());
+    EXPECT_FALSE(call->execute("quorvane"));
+    EXPECT_EQ(host.report().bindings_alive, 0U);
+    hangup(*call);
+    EXPECT_EQ(host.log().lines().size(), 1U);  // the shutdown's
+}
+
+TEST_F(Unload, LoadUnloadManyTimesLeavesNothing) {
+    for (int i = 0; i < 20; ++i) {
+        load("dump_events=all\n");
+        const host::UnloadResult result = unload();
+        ASSERT_TRUE(result.left_memory) << i;
+        ASSERT_EQ(result.bindings_dropped, 0U) << i;
+    }
+}
+
+TEST_F(Unload, NextLoadBeginsWithTheDefaults) {
+    load("log_level=ERROR\ndump_events=all\ndefault_detection=true\ndefault_audio_activity=orig\n");
+    unload();
+    configure("");
+    ASSERT_TRUE(try_load().loaded);
+    EXPECT_EQ(api("media_node"), "127.0.0.1:0\n");
+    EXPECT_EQ(api("dump_events"), "none\n");
+    EXPECT_EQ(api("default_detection"), "\n");
+    EXPECT_EQ(api("default_audio_activity"), "\n");
+}
+
+// ---- calls that are tapped --------------------------------------------------------
+
+TEST_F(Unload, TappedCallKeepsTheModuleInMemory) {
+    load();
+    const auto call = start_tapped_call();
+    const host::UnloadResult result = unload();
+    EXPECT_TRUE(result.unloaded) << result.error;
+    EXPECT_FALSE(result.left_memory);
+    EXPECT_EQ(result.bugs_dropped, 0U);
+    EXPECT_EQ(call->bugs().size(), 1U);
+}
+
+TEST_F(Unload, TappedCallGoesOnAndEndsWithoutItsMediaNode) {
+    load();
+    const auto call = start_tapped_call();
+    unload();
+    take_log();
+    feed(*call);
+    hangup(*call);
+    EXPECT_TRUE(node.receive_all().empty());
+    const Lines lines = take_log();
+    ASSERT_EQ(lines.size(), 5U);
+    EXPECT_EQ(
+        lines[0].rfind("ERROR log net_socket.cpp:- SOCKET[-1]: failed to send a data (370: ", 0),
+        0U)
+        << lines[0];
+    EXPECT_EQ(lines[1], bug_line("ERROR", "media transfer failed to send read frame"));
+    EXPECT_EQ(lines[3], bug_line("ERROR", "media transfer termination failed"));
+    EXPECT_EQ(lines[4], bug_line("INFO", "transfered 0/0 bytes of media"));
+    EXPECT_EQ(host.report().bugs_closed, 1U);
+}
+
+TEST_F(Unload, LaterLoadStreamsTheCallOn) {
+    load();
+    const auto call = start_tapped_call({{"sip_call_id", "x"}});
+    feed(*call);
+    EXPECT_EQ(field(node.receive(), 40, 8), hex("01 00 00 00 00 00 00 00"));
+    unload();
+    feed(*call);  // lost, but counted
+    load();
+    feed(*call);
+    EXPECT_EQ(field(node.receive(), 40, 8), hex("03 00 00 00 40 01 00 00"));
+    EXPECT_EQ(call_api("features"), "------\n");
+    call->execute("quorvane");
+    EXPECT_TRUE(host.log().contains("app context already configured; ignoring"));
+    take_log();
+    hangup(*call);
+    EXPECT_EQ(take_log(), (Lines{bug_line("INFO", "media transfer terminated"),
+                                 bug_line("INFO", "transfered 640/0 bytes of media")}));
+    EXPECT_EQ(node.receive_types(), "82");
+}
+
+TEST_F(Unload, LaterLoadBeginsWithTheDefaultsThoughTheObjectStayed) {
+    load(
+        "log_level=DEBUG\ndump_events=all\ndefault_detection=true\n"
+        "default_audio_activity=orig\n");
+    const auto call = start_tapped_call();
+    unload();
+    configure("");
+    ASSERT_TRUE(try_load().loaded);
+    EXPECT_EQ(api("media_node"), "127.0.0.1:0\n");
+    EXPECT_EQ(api("dump_events"), "none\n");
+    EXPECT_EQ(api("default_detection"), "\n");
+    EXPECT_EQ(api("default_audio_activity"), "\n");
+    EXPECT_EQ(host.report().bindings_alive, 1U);
+    host.log().clear();
+    hangup(*call);
+    // The level is back at INFO: no line at DEBUG about the terminate packet.
+    EXPECT_EQ(take_log(), (Lines{bug_line("INFO", "media transfer terminated"),
+                                 bug_line("INFO", "transfered 0/0 bytes of media")}));
+}
+
+TEST_F(Unload, UnloadAfterTheTappedCallsHaveEndedLeavesMemory) {
+    load();
+    const auto call = start_tapped_call();
+    EXPECT_FALSE(unload().left_memory);
+    load();
+    hangup(*call);
+    EXPECT_TRUE(unload().left_memory);
+}
+
+TEST_F(Unload, ContextOfAnApiCommandKeepsTheModuleAsWell) {
+    load();
+    const auto call = start_call();
+    call_api("audio_activity start");
+    EXPECT_FALSE(unload().left_memory);
+    load();
+    call->execute("quorvane");
+    EXPECT_EQ(field(node.receive(), 78, 2), hex("0c 0c"));
+    hangup(*call);
+    EXPECT_TRUE(unload().left_memory);
+}
+
+TEST_F(Unload, FailedLoadBesideTappedCallsLeavesThemAlone) {
+    load();
+    const auto call = start_tapped_call();
+    unload();
+    configure("log_level=nonsense\n");
+    EXPECT_FALSE(try_load().loaded);
+    EXPECT_EQ(call->bugs().size(), 1U);
+    load();
+    feed(*call);
+    EXPECT_EQ(field(node.receive(), 40, 4), hex("01 00 00 00"));
+}
+
+}  // namespace
+
+}  // namespace qv::tests
