@@ -29,9 +29,11 @@ class MediaNode {
         local.sin_family = AF_INET;
         local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t size = sizeof(local);
-        // Room for what many calls send at once; the system may give less.
+        // Room for what many calls send at once; an ordinary user may get less.
         const int room = 16 << 20;
-        ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
+        if (::setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room)) != 0) {
+            ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
+        }
         auto* const address = reinterpret_cast<sockaddr*>(&local);
         if (descriptor_ < 0 || ::bind(descriptor_, address, size) != 0 ||
             ::getsockname(descriptor_, address, &size) != 0) {
