@@ -62,7 +62,7 @@ void Receiver::wait() {
 }
 
 void Receiver::drain_and_stop() {
-    while (socket_.is_open() && receive_batch() == BATCH && received_ % (BATCH * 4096) != 0) {
+    for (unsigned turn = 0; turn < LAST_BATCHES && receive_batch() == BATCH; ++turn) {
     }
     std::error_code ignored;
     socket_.close(ignored);

@@ -47,6 +47,7 @@ class Receiver {
   private:
     static constexpr unsigned BATCH = 128;
     static constexpr unsigned BATCHES_PER_TURN = 16;
+    static constexpr unsigned LAST_BATCHES = 4096;  // A sender may never stop.
     static constexpr std::size_t CONTROL_BYTES = 64;
 
     void wait();
