@@ -13,17 +13,17 @@ using qv::utils::str::try_parse_status;
 
 template <typename T>
 void compare(const std::string& text, std::uint64_t largest) {
-    constexpr T UNTOUCHED = 7777;
+    constexpr T untouched = 7777;
     const qv::fuzz::NumberModel number = qv::fuzz::read_number(text);
     const bool fits = !number.overflow && number.value() <= largest;
     const bool stored = number.digits && fits;
     const try_parse_status expected = !fits          ? try_parse_status::out_of_range
                                       : number.whole ? try_parse_status::ok
                                                      : try_parse_status::invalid_format;
-    T value = UNTOUCHED;
+    T value = untouched;
     const auto result = qv::utils::str::try_parse_value<T, 10>(text.c_str(), value);
     qv::fuzz::require_equal("status", static_cast<int>(result.status), static_cast<int>(expected));
-    qv::fuzz::require_equal("value", value, stored ? static_cast<T>(number.value()) : UNTOUCHED);
+    qv::fuzz::require_equal("value", value, stored ? static_cast<T>(number.value()) : untouched);
     qv::fuzz::require_equal("errno", errno, 0);
 }
 

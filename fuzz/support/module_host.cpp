@@ -42,6 +42,7 @@ extern "C" __attribute__((visibility("default"))) ssize_t sendto(int /*descripto
 }
 
 // The module is there before the fuzzer looks at the first input.
+// NOLINTNEXTLINE(readability-identifier-naming): the name is the fuzzer's.
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     qv::fuzz::ModuleHost::instance();
     return 0;
@@ -77,10 +78,10 @@ ModuleHost::ModuleHost() {
     }
     host_.log().set_recording(false);
     host_.log().set_listener([this](const host::LogLine& line) {
-        constexpr char PREFIX[] = "[quorvane]: ";
+        constexpr char prefix[] = "[quorvane]: ";
         if (!line.by_host) {
             require(line.format == "[quorvane]: %s\n", "a line's text is an argument");
-            lines_.push_back(line.text.substr(std::strlen(PREFIX)));
+            lines_.push_back(line.text.substr(std::strlen(prefix)));
             lines_.back().pop_back();
         }
     });
