@@ -27,6 +27,7 @@ def parse_arguments():
     parser.add_argument("--module", type=pathlib.Path, required=True, help="mod_quorvane.so")
     parser.add_argument("--relocated", type=pathlib.Path, required=True,
                         help="the module that reads its configuration under the current folder")
+    parser.add_argument("--node", type=pathlib.Path, help="quorvane-node")
     parser.add_argument("--only", default="", metavar="WORDS",
                         help="run only scenarios whose sentence contains this")
     parser.add_argument("--keep", action="store_true", help="keep the folder of logs")
@@ -98,6 +99,7 @@ def main() -> int:
         return SKIPPED_STATUS
     folder = pathlib.Path(tempfile.mkdtemp(prefix="quorvane-real-host-"))
     suite = Suite(installation, folder, arguments.module.resolve(), arguments.relocated.resolve())
+    suite.node_program = arguments.node.resolve() if arguments.node else None
     good = False
     try:
         suite.host.start()

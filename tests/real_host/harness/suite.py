@@ -71,6 +71,7 @@ class Suite:
         self.near = KnownSound(folder / "near.wav", seed=2, seconds=25)
         self.third = KnownSound(folder / "third.wav", seed=3, seconds=25)
         self.node = MediaNode()
+        self.node_program = None  # quorvane-node, where it is built
         self.host = self.make_host("host")
 
     def make_host(self, name: str) -> Host:

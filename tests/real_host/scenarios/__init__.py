@@ -6,6 +6,7 @@ from scenarios import features  # noqa: F401
 from scenarios import endings  # noqa: F401
 from scenarios import partners  # noqa: F401
 from scenarios import beside  # noqa: F401
+from scenarios import receiver  # noqa: F401
 from scenarios import sip  # noqa: F401
 from scenarios import dialplan_samples  # noqa: F401
 from scenarios import lifecycle  # noqa: F401
