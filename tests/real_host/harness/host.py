@@ -1,5 +1,6 @@
 """A private FreeSWITCH: its own folders, its own ports, loopback only."""
 
+import itertools
 import os
 import pathlib
 import signal
@@ -46,6 +47,7 @@ class Host:
         self.module = module if self._mounts else relocated
         self._process = None
         self._connection = None
+        self._numbers = itertools.count(1)
         self.events = None
         for name in ("log", "db", "run", "storage", "recordings", "temp", "delmaren/quorvane"):
             (folder / name).mkdir(parents=True)
@@ -173,8 +175,15 @@ class Host:
             log.seek(mark)
             return log.read().decode(errors="replace").splitlines()
 
+    def flush_log(self) -> None:
+        """Waits until the host's log thread has written all lines up to now."""
+        mark, text = self.log_mark(), f"flushed {next(self._numbers)}"
+        self.api(f"log notice {text}.")
+        self.wait_for_line(mark, f"{text}.")
+
     def module_lines(self, mark: int) -> list:
         """The module's own lines since a mark: level and text, without times and places."""
+        self.flush_log()
         lines = []
         for line in self.log_since(mark):
             head, found, text = line.partition("[quorvane]: ")

@@ -86,6 +86,7 @@ def dumped_by(s, mode: str) -> list:
     s.end(uuid)
     if mode != "none":
         s.host.wait_for_line(mark, "CHANNEL_DESTROY")
+    s.host.flush_log()
     lines = s.host.log_since(mark)
     s.reload_module()
     return lines
