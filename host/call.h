@@ -107,7 +107,9 @@ class Call {
     switch_channel_t* channel() const;
 
     // Runs the application on the calling thread, as the dialplan would; hang-up waits
-    // for it. False when no such application is registered or the call is over.
+    // for it. False when no such application is registered or the call is over. The
+    // dialplan of a real host first sees to it that there is media, or does not run the
+    // application; here it runs in whatever state the media is.
     bool execute(const std::string& application, const std::string& data = "");
 
     void set_variable(const std::string& name, const std::string& value);
