@@ -57,10 +57,10 @@ ScreenSize screen_size() {
 }
 
 std::string hex_of(const unsigned char* data, std::size_t size) {
-    static constexpr char DIGITS[] = "0123456789abcdef";
+    static constexpr char digits[] = "0123456789abcdef";
     std::string text;
     for (std::size_t i = 0; i < size; ++i) {
-        text += {' ', DIGITS[data[i] >> 4], DIGITS[data[i] & 15]};
+        text += {' ', digits[data[i] >> 4], digits[data[i] & 15]};
     }
     return text;
 }

@@ -88,7 +88,7 @@ std::string feature_letters(media::features16_t features, Side side) {
         char active;
         char supported;
     };
-    constexpr std::array<Letter, 3> LETTERS = {{
+    constexpr std::array<Letter, 3> letters = {{
         {media::feature_mask(media::Features::AudioActivity), 'A', 'a'},
         {media::feature_mask(media::Features::SampleDetection), 'D', 'd'},
         {media::FEATURE_RECORD, 'R', 'r'},
@@ -96,7 +96,7 @@ std::string feature_letters(media::features16_t features, Side side) {
     const unsigned bits =
         side == Side::ORIGINATOR ? media::ORIGINATOR_BITS : media::TERMINATOR_BITS;
     std::string text;
-    for (const Letter& letter : LETTERS) {
+    for (const Letter& letter : letters) {
         const bool supported = (features.supported & letter.mask & bits) != 0;
         const bool active = (features.active & letter.mask & bits) != 0;
         text += !supported ? '-' : active ? letter.active : letter.supported;

@@ -107,10 +107,10 @@ class RecordingGroup : public Recording {
 // Calls `use(zeros, size)` with zeros until `count` of them have been used.
 template <typename Use>
 void for_each_silent_part(std::uint64_t count, Use use) {
-    static constexpr std::array<std::int16_t, 4096> ZEROS{};
+    static constexpr std::array<std::int16_t, 4096> zeros{};
     while (count > 0) {
-        const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(count, ZEROS.size()));
-        use(ZEROS.data(), part);
+        const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(count, zeros.size()));
+        use(zeros.data(), part);
         count -= part;
     }
 }

@@ -178,7 +178,9 @@ class Picture {
 
     void draw_axis() {
         const double step = tick_step(seconds_);
-        for (double tick = 0; tick <= seconds_ * 1.0001; tick += step) {
+        const auto ticks = static_cast<int>(seconds_ * 1.0001 / step);
+        for (int i = 0; i <= ticks; ++i) {
+            const double tick = i * step;
             line(x(tick), FIRST_LANE + LANE_TITLE, x(tick), AXIS, "stroke=\"#e2e8f0\"");
             const bool near_end = x(tick) > WIDTH - LEFT - 20;
             text(x(tick), AXIS + 16,
@@ -387,7 +389,7 @@ class Picture {
             const char* style;
             const char* words;
         };
-        constexpr Entry ENTRIES[] = {
+        constexpr Entry entries[] = {
             {"fill=\"#f1f5f9\" stroke=\"#cbd5e1\"", "silence"},
             {"fill=\"#dc2626\" fill-opacity=\"0.45\"", "gap: lost audio, filled with silence"},
             {"fill=\"#f59e0b\"", "packet came too late"},
@@ -395,7 +397,7 @@ class Picture {
             {"fill=\"#7c3aed\"", "start, feature change, terminate"},
         };
         double left = LEFT;
-        for (const Entry& entry : ENTRIES) {
+        for (const Entry& entry : entries) {
             box(left, AXIS + 34, 14, 12, entry.style);
             text(left + 20, AXIS + 44, "fill=\"#475569\"", entry.words);
             left += 44 + CHARACTER * static_cast<double>(std::string(entry.words).size());
