@@ -186,6 +186,7 @@ TEST_F(MediaThreadsTest, CallsApiCommandsAndHangupsRace) {
                 endless(Pace::free_running, i < 6 ? MediaThreads::pool : MediaThreads::own));
         }
         std::vector<std::thread> hangups;
+        hangups.reserve(calls.size());
         for (auto& call : calls)
             hangups.emplace_back([&call] { call->hangup(); });
         for (auto& thread : hangups)
@@ -211,6 +212,7 @@ TEST_F(MediaThreadsTest, ABugThatRefusesWhileBothDirectionsPlayIsClosedOnce) {
 
 TEST_F(MediaThreadsTest, EventsAndUnbindingRaceWithCalls) {
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([this] {
             for (int round = 0; round < 50; ++round)
