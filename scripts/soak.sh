@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# Runs calls of random length with API traffic through the module in the embedded host for
+# some minutes, and tells whether anything grows: resident memory, descriptors and threads
+# of the process with a fitted slope, calls without an end, gaps in the audio.
+#
+#   scripts/soak.sh MINUTES [CALLS_A_SECOND]      default: 3 calls a second
+#
+# Ends with exit code 1 if something grows, is missing or is left over. Figures and samples
+# are kept in build/soak. For a real FreeSWITCH see tests/real_host.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+minutes=${1:-}
+rate=${2:-3}
+[[ $minutes =~ ^[0-9]+$ && $minutes -gt 0 && $rate =~ ^[0-9]+$ && $rate -gt 0 ]] ||
+    { echo "usage: soak.sh MINUTES [CALLS_A_SECOND]" >&2; exit 2; }
+
+folder=build/soak
+pids=()
+trap 'kill "${pids[@]}" 2>/dev/null || true' EXIT
+
+scripts/setup.sh build
+mkdir -p build
+{
+    cmake -S . -B build -DCMAKE_BUILD_TYPE=Release &&
+    cmake --build build -j "$(nproc)" --target \
+        mod_quorvane mod_quorvane_relocated quorvane-call quorvane-node
+} >build/soak-build.log 2>&1 || { tail -n 40 build/soak-build.log; exit 1; }
+
+rm -rf "$folder"
+mkdir -p "$folder"
+build/quorvane-node --listen 127.0.0.1:0 --output "$folder" --no-sides --quiet \
+    --events "$folder/events.jsonl" >"$folder/node.log" 2>&1 &
+node=$!
+pids+=("$node")
+port=
+for _ in $(seq 100); do
+    port=$(grep -o -m1 '127\.0\.0\.1:[0-9]*' "$folder/node.log" | cut -d: -f2 || true)
+    [ -z "$port" ] || break
+    sleep 0.1
+done
+[ -n "$port" ] || { cat "$folder/node.log" >&2; echo "soak: the media node did not start" >&2; exit 1; }
+
+calls=$((minutes * 60 * rate))
+echo "soak: $calls calls in $minutes minutes, of 1 to 30 seconds, each with four API commands"
+build/quorvane-call --media-node "127.0.0.1:$port" --calls "$calls" --rate "$rate" \
+    --length 1-30 --seed 1 --quiet --log-level ERROR --json "$folder/calls.json" \
+    --set quorvane_rule_id=1 --set quorvane_audio_activity=true --set quorvane_record=yes \
+    --api "0.3 quorvane {uuid} features" --api "0.5 quorvane {uuid} audio_activity stop both" \
+    --api "0.7 quorvane {uuid} audio_activity start" --api "0.9 quorvane {uuid} detection start" \
+    >"$folder/calls.log" 2>&1 &
+driver=$!
+pids+=("$driver")
+
+# seconds, resident KiB, descriptors, threads
+while kill -0 "$driver" 2>/dev/null; do
+    resident=$(awk '/^VmRSS/ { print $2 }' "/proc/$driver/status" 2>/dev/null || true)
+    threads=$(awk '/^Threads/ { print $2 }' "/proc/$driver/status" 2>/dev/null || true)
+    descriptors=$(find "/proc/$driver/fd" -mindepth 1 2>/dev/null | wc -l)
+    [ -z "$resident" ] || echo "$SECONDS $resident $descriptors $threads" >>"$folder/samples.txt"
+    sleep 2
+done
+outcome=0
+wait "$driver" || outcome=$?
+sleep 1
+kill -INT "$node"
+wait "$node" || true
+pids=()
+
+cat "$folder/calls.log"
+[ "$outcome" -eq 0 ] || { echo "soak: quorvane-call ended with exit code $outcome" >&2; exit 1; }
+python3 scripts/soak_report.py "$folder" "$calls"
