@@ -17,6 +17,7 @@
 // The module closes its socket at shutdown beside calls that still send, and no lock stands
 // between the two: a frame costs no lock. The thread sanitizer counts that as a race on the
 // descriptor. Intended; it alone is passed over.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the name is given.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
     return "race:qv::net::Socket::close\n";
 }
@@ -207,10 +208,12 @@ TEST_F(Concurrency, CallsThatPlayToTheirEndArriveWhole) {
     load();
     std::atomic<bool> stop{false};
     std::vector<std::thread> operators;
+    operators.reserve(2);
     for (int i = 0; i < 2; ++i) {
         operators.emplace_back([&] { command(stop, COMMANDS); });
     }
     std::vector<std::unique_ptr<host::Call>> calls;
+    calls.reserve(CALLS);
     for (unsigned i = 0; i < CALLS; ++i) {
         calls.push_back(start(i));
         calls.back()->execute("quorvane");
@@ -243,11 +246,13 @@ TEST_F(Concurrency, HangupsRaceWithMediaAndCommands) {
     load();
     std::atomic<bool> stop{false};
     std::vector<std::thread> operators;
+    operators.reserve(2);
     for (int i = 0; i < 2; ++i) {
         operators.emplace_back([&] { command(stop, COMMANDS); });
     }
     // Four threads run their calls one after the other: start, media, hang-up in between.
     std::vector<std::thread> dialplans;
+    dialplans.reserve(4);
     for (unsigned first = 0; first < 4; ++first) {
         dialplans.emplace_back([this, first] {
             for (unsigned i = first; i < CALLS; i += 4) {
@@ -296,6 +301,7 @@ TEST_F(Concurrency, RequestsRaceWithTheStartPacket) {
 TEST_F(Concurrency, UnloadsAndLoadsRaceWithTheMediaOfLiveCalls) {
     load();
     std::vector<std::unique_ptr<host::Call>> calls;
+    calls.reserve(CALLS);
     for (unsigned i = 0; i < CALLS; ++i) {
         calls.push_back(start(i));
         calls.back()->execute("quorvane");
