@@ -58,18 +58,35 @@ enum class MediaThreads {
     own,   // two threads of this call's own
 };
 
+// What became of one frame.
+struct FrameResult {
+    std::uint32_t bytes = 0;
+    std::size_t bugs = 0;                 // bugs that saw it
+    bool altered = false;                 // one of them gave it back changed
+    std::chrono::nanoseconds handling{};  // spent in the bugs
+};
+
+// Told of every frame of a plan when the bugs are done with it, on the media thread:
+// the two directions at once. Must neither block nor hang up the call.
+class FrameObserver {
+  public:
+    FrameObserver() = default;
+    FrameObserver(const FrameObserver&) = delete;
+    FrameObserver& operator=(const FrameObserver&) = delete;
+    virtual ~FrameObserver() = default;
+
+    // `lateness`: from the frame's due time until now; 0 for free-running media.
+    virtual void played(Direction direction, const FrameResult& result,
+                        std::chrono::nanoseconds lateness) = 0;
+};
+
 struct MediaPlan {
     std::unique_ptr<FrameSource> read;   // null: no frames in this direction
     std::unique_ptr<FrameSource> write;  // null: no frames in this direction
     Pace pace = Pace::paced;
     MediaThreads threads = MediaThreads::pool;
     std::chrono::steady_clock::duration delay{0};  // before the first frame
-};
-
-// What became of one frame.
-struct FrameResult {
-    std::size_t bugs = 0;  // bugs that saw it
-    bool altered = false;  // one of them gave it back changed
+    std::shared_ptr<FrameObserver> observer;       // null: nobody is told
 };
 
 // Of one direction of a call, since the call began.

@@ -8,20 +8,26 @@
 namespace qv::host {
 
 MediaStream::MediaStream(Session& session, Direction direction, std::unique_ptr<FrameSource> source,
-                         Pace pace, Clock::time_point first_due)
+                         std::shared_ptr<FrameObserver> observer, Pace pace,
+                         Clock::time_point first_due)
     : session_(session),
       direction_(direction),
       source_(std::move(source)),
+      observer_(std::move(observer)),
       pace_(pace),
       due_(first_due) {}
 
 bool MediaStream::step(Clock::time_point now) {
     const bool paced = pace_ == Pace::paced;
     const auto lateness = paced ? now - due_ : Clock::duration::zero();
-    if (!session_.leg(direction_).feed_from(*source_, lateness)) {
+    const auto result = session_.leg(direction_).feed_from(*source_, lateness);
+    if (!result) {
         session_.media_ended();
         return false;
     }
+    if (observer_)
+        observer_->played(direction_, *result,
+                          paced ? Clock::now() - due_ : Clock::duration::zero());
     due_ = paced ? due_ + session_.options().frame_time : now;
     return true;
 }

@@ -22,7 +22,7 @@ class MediaStream {
     using Clock = std::chrono::steady_clock;
 
     MediaStream(Session& session, Direction direction, std::unique_ptr<FrameSource> source,
-                Pace pace, Clock::time_point first_due);
+                std::shared_ptr<FrameObserver> observer, Pace pace, Clock::time_point first_due);
 
     Clock::time_point due() const { return due_; }
     // Plays the frame that is due and moves on; false at the end of the source.
@@ -34,6 +34,7 @@ class MediaStream {
     Session& session_;
     const Direction direction_;
     const std::unique_ptr<FrameSource> source_;
+    const std::shared_ptr<FrameObserver> observer_;
     const Pace pace_;
     Clock::time_point due_;
     bool stopped_ = false;  // guarded by its media thread's lock

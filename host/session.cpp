@@ -128,20 +128,21 @@ FrameResult MediaLeg::hand_out_buffer(std::uint32_t size) {
 FrameResult MediaLeg::hand_out(switch_frame_t& frame) {
     ++stats_.frames;
     stats_.bytes += frame.datalen;
+    FrameResult result;
+    result.bytes = frame.datalen;
     if (!session_.bugs().any())
-        return {};
+        return result;
     const auto* data = static_cast<const std::uint8_t*>(frame.data);
     original_.assign(data, data + (data ? frame.datalen : 0));
     const switch_frame_t before = frame;
 
     const auto begin = std::chrono::steady_clock::now();
-    FrameResult result;
     result.bugs = session_.bugs().deliver(direction_, frame);
-    const auto taken = std::chrono::steady_clock::now() - begin;
+    result.handling = std::chrono::steady_clock::now() - begin;
 
     result.altered = !same(before, frame) || !std::equal(original_.begin(), original_.end(), data);
-    stats_.handling_time += taken;
-    stats_.worst_handling = std::max(stats_.worst_handling, std::chrono::nanoseconds(taken));
+    stats_.handling_time += result.handling;
+    stats_.worst_handling = std::max(stats_.worst_handling, result.handling);
     auto& counters = current_host().counters;
     counters.frames_delivered += result.bugs;
     counters.frames_altered += result.altered ? 1 : 0;
@@ -242,8 +243,9 @@ void Session::start_stream(Direction direction, std::unique_ptr<FrameSource> sou
     if (!source)
         return;
     Playing& playing = playing_[static_cast<std::size_t>(direction)];
-    playing.stream = std::make_shared<MediaStream>(*this, direction, std::move(source), plan.pace,
-                                                   MediaStream::Clock::now() + plan.delay);
+    playing.stream =
+        std::make_shared<MediaStream>(*this, direction, std::move(source), plan.observer, plan.pace,
+                                      MediaStream::Clock::now() + plan.delay);
     if (plan.threads == MediaThreads::own)
         playing.own_thread = std::make_unique<MediaThread>();
     playing.thread =

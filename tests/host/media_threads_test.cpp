@@ -94,6 +94,49 @@ TEST_F(MediaThreadsTest, ADelayHoldsTheFirstFrameBack) {
     EXPECT_GE(Clock::now() - begin, milliseconds(50));
 }
 
+class CountingObserver : public FrameObserver {
+  public:
+    void played(Direction direction, const FrameResult& result,
+                std::chrono::nanoseconds lateness) override {
+        ++(direction == Direction::read ? read_frames : write_frames);
+        bytes += result.bytes;
+        seen_by += result.bugs;
+        in_time = in_time && lateness >= result.handling;
+        punctual = punctual && lateness == std::chrono::nanoseconds::zero();
+    }
+
+    std::atomic<std::size_t> read_frames{0}, write_frames{0}, bytes{0}, seen_by{0};
+    std::atomic<bool> in_time{true};   // never done before the bugs can have been
+    std::atomic<bool> punctual{true};  // no lateness at all
+};
+
+TEST_F(MediaThreadsTest, AnObserverHearsOfEveryFrameWithItsLateness) {
+    const auto call = tapped_call();
+    const auto observer = std::make_shared<CountingObserver>();
+    MediaPlan plan = frames(3, Pace::paced);
+    plan.observer = observer;
+    call->start_media(std::move(plan));
+    EXPECT_TRUE(call->wait_media(seconds(10)));
+    EXPECT_EQ(observer->read_frames, 3u);
+    EXPECT_EQ(observer->write_frames, 3u);
+    EXPECT_EQ(observer->bytes, 6u * 320);
+    EXPECT_EQ(observer->seen_by, 6u);
+    EXPECT_TRUE(observer->in_time);
+    EXPECT_FALSE(observer->punctual);
+}
+
+TEST_F(MediaThreadsTest, FreeRunningFramesAreNeverLateForAnObserver) {
+    const auto call = host_.start_call();
+    const auto observer = std::make_shared<CountingObserver>();
+    MediaPlan plan = frames(3, Pace::free_running);
+    plan.observer = observer;
+    call->start_media(std::move(plan));
+    EXPECT_TRUE(call->wait_media(seconds(10)));
+    EXPECT_EQ(observer->read_frames, 3u);
+    EXPECT_EQ(observer->seen_by, 0u);
+    EXPECT_TRUE(observer->punctual);
+}
+
 TEST_F(MediaThreadsTest, ADirectionWithoutASourceIsSilent) {
     const auto call = tapped_call();
     MediaPlan plan;
