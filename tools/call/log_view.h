@@ -1,0 +1,55 @@
+// What the module logs: counted, and shown as the host would.
+//
+// The listener runs on whatever thread logs; the numbers may be read by any thread.
+#pragma once
+
+#include <switch.h>
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "host/log.h"
+#include "tools/call/console.h"
+
+namespace qv::tools::call {
+
+// The host's name of a level: CONSOLE, ALERT, CRIT, ERR, WARNING, NOTICE, INFO or DEBUG.
+std::string level_name(switch_log_level_t level);
+// The level of a name in either case, "ERROR" included.
+std::optional<switch_log_level_t> level_of(const std::string& name);
+
+// "2024-05-06 07:08:09.123456 [ERR] mod_quorvane.cpp:42 [quorvane]: text", with the
+// UUID of the call in front where the line has one, and without its line end.
+std::string shown_line(const host::LogLine& line, switch_time_t now);
+
+class LogView {
+  public:
+    struct Counts {  // of the module's lines; the host's own are only shown
+        std::uint64_t lines = 0;
+        std::uint64_t warnings = 0;
+        std::uint64_t errors = 0;  // ERR and what is graver
+    };
+
+    // Shows lines up to `most_detailed`; none: the first few errors. The console must
+    // outlive the view.
+    LogView(Console& console, std::optional<switch_log_level_t> most_detailed)
+        : console_(console), most_detailed_(most_detailed) {}
+
+    // From here on the log's lines come here; the view must outlive the log's use.
+    void listen(host::Log& log);
+    Counts counts() const { return {lines_.load(), warnings_.load(), errors_.load()}; }
+
+  private:
+    void on_line(const host::LogLine& line);
+    void show_error(const std::string& text, std::uint64_t number);
+
+    Console& console_;
+    const std::optional<switch_log_level_t> most_detailed_;
+    std::atomic<std::uint64_t> lines_{0};
+    std::atomic<std::uint64_t> warnings_{0};
+    std::atomic<std::uint64_t> errors_{0};
+};
+
+}  // namespace qv::tools::call

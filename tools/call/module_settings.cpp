@@ -1,0 +1,112 @@
+#include "tools/call/module_settings.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+
+#include "host/private_config.h"
+#include "tools/call/file_error.h"
+
+namespace qv::tools::call {
+namespace {
+
+std::string read_file(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream text;
+    text << file.rdbuf();
+    if (!file || file.bad())
+        throw FileError(path + ": " + std::generic_category().message(errno));
+    return text.str();
+}
+
+void check_readable(const std::string& path) {
+    if (access(path.c_str(), R_OK) != 0)
+        throw SettingsError("the module " + path +
+                            " cannot be read: " + std::generic_category().message(errno));
+}
+
+std::string make_folder() {
+    char name[] = "/tmp/quorvane-call-XXXXXX";
+    if (!mkdtemp(name))
+        throw SettingsError("cannot make a folder under /tmp: " +
+                            std::generic_category().message(errno));
+    return name;
+}
+
+}  // namespace
+
+std::string config_text(const ModuleSettings& settings) {
+    std::string text;
+    if (settings.config_file)
+        text = read_file(*settings.config_file);
+    if (!text.empty() && text.back() != '\n')
+        text += '\n';
+    for (const auto& [name, value] : settings.options)
+        text.append(name).append("=").append(value).append("\n");
+    return text;
+}
+
+std::string relocated_module(const std::string& module_path) {
+    const std::filesystem::path path(module_path);
+    return path.parent_path() / "relocated" / path.filename();
+}
+
+std::string program_folder() {
+    std::error_code failure;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", failure);
+    return failure ? "./" : program.parent_path().string() + "/";
+}
+
+PlacedConfig::PlacedConfig(const ModuleSettings& settings, const std::string& text)
+    : module_path_(std::filesystem::absolute(settings.module_path)) {
+    check_readable(module_path_);
+    if (settings.place == ConfigPlace::relocated) {
+        relocate(text);
+        return;
+    }
+    const auto refused = host::use_private_config(text);
+    if (!refused) {
+        description_ = "a private /etc";
+        return;
+    }
+    if (settings.place == ConfigPlace::private_etc)
+        throw SettingsError("there is no private /etc to be had: " + *refused);
+    try {
+        relocate(text);
+    } catch (const SettingsError& error) {
+        throw SettingsError("there is no private /etc to be had: " + *refused + "; and " +
+                            error.what());
+    }
+    description_ += "; no private /etc: " + *refused;
+}
+
+void PlacedConfig::relocate(const std::string& text) {
+    const std::string path = relocated_module(module_path_);
+    check_readable(path);
+    folder_ = make_folder();
+    if (const auto error = host::use_relocated_config(folder_, text)) {
+        remove_folder();
+        throw SettingsError(*error);
+    }
+    module_path_ = path;
+    description_ = "the folder " + folder_ + " (relocated build of the module)";
+}
+
+PlacedConfig::~PlacedConfig() {
+    remove_folder();
+}
+
+void PlacedConfig::remove_folder() {
+    if (folder_.empty())
+        return;
+    std::error_code ignored;
+    std::filesystem::current_path("/", ignored);
+    std::filesystem::remove_all(folder_, ignored);
+}
+
+}  // namespace qv::tools::call

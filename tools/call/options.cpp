@@ -1,0 +1,377 @@
+#include "tools/call/options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <functional>
+#include <stdexcept>
+#include <vector>
+
+#include "quorvane_lib/net_socket.h"
+#include "quorvane_lib/utils_bytes.h"
+#include "tools/call/log_view.h"
+#include "tools/call/text.h"
+
+namespace qv::tools::call {
+namespace {
+
+constexpr char DEFAULT_MEDIA_NODE[] = "127.0.0.1:40000";
+constexpr double DEFAULT_TONE_SECONDS = 5;
+constexpr double LONGEST_SECONDS = 30 * 86400.0;
+
+constexpr char ABOUT[] =
+    "Places calls through mod_quorvane.so without a telephone switch: loads the module into a\n"
+    "small host of its own, plays WAV files as the two sides of each call, hangs up, and tells\n"
+    "what happened. The audio goes to a media node, such as quorvane-node.";
+
+constexpr char EXAMPLES[] =
+    "Examples:\n"
+    "  A call between two WAV files, to a media node on this machine:\n"
+    "    quorvane-node --listen 127.0.0.1:40000 --output received &\n"
+    "    quorvane-call --media-node 127.0.0.1:40000 --read caller.wav --write agent.wav\n"
+    "  Features that change while the call runs:\n"
+    "    quorvane-call --set quorvane_rule_id=7 --set quorvane_audio_activity=true \\\n"
+    "        --api \"1.5 quorvane {uuid} audio_activity stop both\" \\\n"
+    "        --api \"2.5 quorvane {uuid} features\"\n"
+    "  2,000 calls, 50 begun each second, each of 20 to 40 seconds:\n"
+    "    quorvane-call --calls 2000 --rate 50 --duration 20-40 --repeat \\\n"
+    "        --read caller.wav --write agent.wav --json figures.json\n"
+    "  Frames that need several datagrams, with what the module logs about them:\n"
+    "    quorvane-call --sample-rate 48000 --frame-ms 40 --duration 1 --show-log WARNING\n"
+    "  How the module takes a host that refuses its media bug:\n"
+    "    quorvane-call --fault bug-refused --show-log DEBUG\n";
+
+constexpr char EXIT_CODES[] =
+    "Exit codes:\n"
+    "  0  all well\n"
+    "  1  something failed during the calls: one was not tapped or was cut short by a signal, an\n"
+    "     API command failed or came too late, the module logged an error, altered a frame or\n"
+    "     left something behind\n"
+    "  2  wrong command line, or a file that cannot be used\n"
+    "  3  the module cannot be read, given its configuration, or loaded\n";
+
+using Parser = std::function<void(const std::string&)>;
+
+// What the parser throws becomes an error of the option.
+void parse_for(const std::string& option, const Parser& parse, const std::string& text) {
+    try {
+        parse(text);
+    } catch (const std::invalid_argument& error) {
+        throw CLI::ValidationError(option.substr(option.find("--")), error.what());
+    }
+}
+
+// An option whose text is parsed.
+CLI::Option* add_parsed(CLI::App& app, const std::string& name, const std::string& help,
+                        const Parser& parse) {
+    return app.add_option_function<std::string>(
+        name, [name, parse](const std::string& text) { parse_for(name, parse, text); }, help);
+}
+
+// The same for one that may be given again and again.
+CLI::Option* add_repeated(CLI::App& app, const std::string& name, const std::string& help,
+                          const Parser& parse) {
+    const auto parse_all = [name, parse](const std::vector<std::string>& texts) {
+        for (const std::string& text : texts)
+            parse_for(name, parse, text);
+    };
+    return app.add_option_function<std::vector<std::string>>(name, parse_all, help)
+        ->allow_extra_args(false);
+}
+
+CLI::Option* add_module_option(CLI::App& app, Options& options, const std::string& flag,
+                               const std::string& name, const std::string& help) {
+    const auto add = [&options, name](const std::string& text) {
+        options.module.options.emplace_back(name, text);
+    };
+    return add_parsed(app, flag, help, add)->type_name("TEXT")->group("Module");
+}
+
+// Its bounds stand in the help, with their units.
+template <typename Number>
+CLI::Validator between(Number least, Number most) {
+    return CLI::Range(least, most).description("");
+}
+
+std::string check_address(const std::string& text) {
+    sockaddr_in address{};
+    const bool both = text.find(':') != std::string::npos && text.find(':') > 0;
+    if (!both || !net::parse_addr(text.c_str(), nullptr, address))
+        return "'" + text + "' is no IPv4 address and port, such as " + DEFAULT_MEDIA_NODE;
+    return {};
+}
+
+std::string check_uuid(const std::string& text) {
+    unsigned char bytes[16];
+    if (!utils::bytes::decode_uuid(text.c_str(), bytes, tag::direct_update_t()))
+        return "'" + text + "' is no UUID";
+    return {};
+}
+
+void add_module_options(CLI::App& app, Options& options) {
+    app.add_option("-m,--module", options.module.module_path,
+                   "The module (default: mod_quorvane.so beside this program)")
+        ->type_name("PATH")
+        ->group("Module");
+    app.add_option("--config", options.module.config_file,
+                   "Its configuration file; the options below are added to it")
+        ->type_name("FILE")
+        ->group("Module");
+    add_module_option(app, options, "-n,--media-node", "media_node",
+                      "Where the audio goes (default: 127.0.0.1:40000,\n"
+                      "or what the configuration file says)")
+        ->check(check_address)
+        ->type_name("ADDRESS:PORT");
+    add_module_option(app, options, "--log-level", "log_level",
+                      "What the module logs at the most: ERROR, WARNING,\nINFO, DEBUG or TRACE")
+        ->check(CLI::IsMember({"ERROR", "WARNING", "INFO", "DEBUG", "TRACE"}).description(""))
+        ->type_name("LEVEL");
+    add_module_option(app, options, "--default-audio-activity", "default_audio_activity",
+                      "Audio activity detection for calls that do not say");
+    add_module_option(app, options, "--default-detection", "default_detection",
+                      "Sample detection for calls that do not say");
+    add_module_option(app, options, "--dump-events", "dump_events",
+                      "Host events in the log: none, all, channel or channel-short");
+    const std::vector<std::pair<std::string, ConfigPlace>> places = {
+        {"auto", ConfigPlace::automatic},
+        {"private", ConfigPlace::private_etc},
+        {"relocated", ConfigPlace::relocated}};
+    app.add_option("--config-place", options.module.place,
+                   "Where the module finds its configuration: private,\n"
+                   "in a private view of /etc; relocated, in a folder\n"
+                   "by the build of it in relocated/ beside it; auto,\n"
+                   "what works (default)")
+        ->transform(CLI::CheckedTransformer(places).description(""))
+        ->type_name("PLACE")
+        ->group("Module");
+}
+
+void add_audio_options(CLI::App& app, Options& options) {
+    CallPlan& plan = options.plan;
+    app.add_option("-r,--read", options.read_path,
+                   "What the call's party says: a mono PCM WAV file of\n8 to 48 kHz")
+        ->type_name("WAV")
+        ->group("Audio");
+    app.add_option("-w,--write", options.write_path,
+                   "What is said to the party. A side without a file has\n"
+                   "no frames; without both, each side is a tone of 5 s")
+        ->type_name("WAV")
+        ->group("Audio");
+    add_parsed(app, "-t,--duration,--length",
+               "Length of each call's audio; MIN-MAX: a random one\n(default: each file once)",
+               [&plan](const std::string& text) { plan.schedule.length = parse_span(text); })
+        ->type_name("SECONDS")
+        ->group("Audio");
+    app.add_flag_callback(
+           "--repeat", [&plan] { plan.afterwards = Afterwards::repeat; },
+           "Begin a file again where --duration is longer\n(else: silence)")
+        ->group("Audio");
+    app.add_option("--frame-ms", plan.frame_ms, "Length of a frame, 10 to 120")
+        ->check(between(10, 120))
+        ->type_name("MS")
+        ->capture_default_str()
+        ->group("Audio");
+    app.add_option("--sample-rate", options.tone_rate, "Of the tones, 8000 to 48000")
+        ->check(between(MIN_SAMPLE_RATE, MAX_SAMPLE_RATE))
+        ->type_name("HZ")
+        ->capture_default_str()
+        ->group("Audio");
+}
+
+void add_call_options(CLI::App& app, Options& options) {
+    CallPlan& plan = options.plan;
+    app.add_option("-d,--direction", "As the switch sees them: inbound or outbound")
+        ->check(CLI::IsMember({"inbound", "outbound"}).description(""))
+        ->each([&plan](const std::string& text) { plan.outbound = text == "outbound"; })
+        ->type_name("WAY")
+        ->default_str("inbound")
+        ->group("Calls");
+    add_repeated(
+        app, "-s,--set",
+        "A channel variable; {uuid} and {n} in it stand for\n"
+        "the call's UUID and number. sip_call_id is\n"
+        "{uuid}@quorvane-call unless it is set here. A\n"
+        "variable without a value is not set at all",
+        [&plan](const std::string& text) { plan.variables.push_back(parse_variable(text)); })
+        ->type_name("NAME=VALUE")
+        ->group("Calls");
+    app.add_option("-u,--uuid", plan.uuid, "Of a single call (default: a random one)")
+        ->check(check_uuid)
+        ->type_name("UUID")
+        ->group("Calls");
+    app.add_option("-c,--calls", plan.schedule.calls, "How many calls")
+        ->check(between(1, 1'000'000))
+        ->type_name("N")
+        ->capture_default_str()
+        ->group("Calls");
+    app.add_option("--rate", plan.schedule.rate, "How many of them begin each second")
+        ->check(between(0.001, 100'000.0))
+        ->type_name("N")
+        ->capture_default_str()
+        ->group("Calls");
+    app.add_option("--concurrent", plan.concurrent, "At most so many at once; the others wait")
+        ->check(between(1, 1'000'000))
+        ->type_name("N")
+        ->group("Calls");
+    app.add_option(
+           "--seed", plan.schedule.seed,
+           "Of the random lengths, and of the moments at which\nthe frames of many calls fall due")
+        ->type_name("N")
+        ->capture_default_str()
+        ->group("Calls");
+}
+
+void add_event_options(CLI::App& app, Options& options) {
+    CallPlan& plan = options.plan;
+    add_repeated(app, "-a,--api",
+                 "An API command for each call, so many seconds after\n"
+                 "its beginning; may hold {uuid} and {n}",
+                 [&plan](const std::string& text) { plan.commands.push_back(parse_command(text)); })
+        ->type_name("\"SECONDS COMMAND\"")
+        ->group("Events");
+    app.add_option("--hangup", plan.hangup_s, "Hang up then, whatever is left of the audio")
+        ->check(between(0.0, LONGEST_SECONDS))
+        ->type_name("SECONDS")
+        ->group("Events");
+    app.add_option("--tap-after", plan.tap_after_s,
+                   "Run the module's application, and begin the audio, so\n"
+                   "long after the call begins: API commands can come first")
+        ->check(between(0.0, LONGEST_SECONDS))
+        ->type_name("SECONDS")
+        ->group("Events");
+    add_repeated(app, "-f,--fault",
+                 "A fault of the host, see below: from before the module\n"
+                 "is loaded, or for some seconds of the run",
+                 [&plan](const std::string& text) { plan.faults.push_back(parse_fault(text)); })
+        ->type_name("NAME[@FROM[-UNTIL]]")
+        ->group("Events");
+}
+
+void add_pace_options(CLI::App& app, Options& options) {
+    app.add_flag("--free-running", options.plan.free_running,
+                 "Frames as fast as the module takes them")
+        ->group("Pace");
+    app.add_option("--threads", options.threads, "Media threads for each direction")
+        ->check(between(1, 256))
+        ->type_name("N")
+        ->capture_default_str()
+        ->group("Pace");
+    app.add_flag("--own-threads", options.plan.own_threads,
+                 "Two media threads for each call instead")
+        ->group("Pace");
+}
+
+void add_output_options(CLI::App& app, Options& options) {
+    add_parsed(app, "--show-log",
+               "Show the log up to this level: CRIT, ERR, WARNING,\n"
+               "NOTICE, INFO or DEBUG (default: the first errors)",
+               [&options](const std::string& text) {
+                   options.show_log = level_of(text);
+                   if (!options.show_log)
+                       throw std::invalid_argument("'" + text + "' is no level of the host");
+               })
+        ->type_name("LEVEL")
+        ->group("Output");
+    app.add_option("--json", options.json_path, "Write the figures to this file, too")
+        ->type_name("FILE")
+        ->group("Output");
+    auto* verbose = app.add_flag_callback(
+        "-v,--verbose", [&options] { options.call_lines = CallLines::always; },
+        "Lines for each call (default: for up to 10 calls)");
+    auto* quiet = app.add_flag_callback(
+        "-q,--quiet", [&options] { options.call_lines = CallLines::never; }, "Only the figures");
+    verbose->group("Output");
+    quiet->group("Output")->excludes(verbose);
+}
+
+std::string fault_text() {
+    std::string text = "Faults of the host:\n";
+    for (const FaultHelp& help : fault_help())
+        text.append("  ")
+            .append(help.name)
+            .append(28 - help.name.size(), ' ')
+            .append(help.what)
+            .append("\n");
+    return text;
+}
+
+bool has_option(const ModuleSettings& module, const std::string& name) {
+    return std::any_of(module.options.begin(), module.options.end(),
+                       [&name](const auto& option) { return option.first == name; });
+}
+
+// What one option says about another, and what is left to the defaults.
+void complete(const CLI::App& app, Options& options) {
+    CallPlan& plan = options.plan;
+    const bool files = !options.read_path.empty() || !options.write_path.empty();
+    if (!plan.uuid.empty() && plan.schedule.calls > 1)
+        throw CLI::ValidationError("--uuid", "is for a single call, not for --calls " +
+                                                 std::to_string(plan.schedule.calls));
+    if (files && app.count("--sample-rate") > 0)
+        throw CLI::ValidationError("--sample-rate", "is for tones; a WAV file has its own");
+    if (!files && !plan.schedule.length)
+        plan.schedule.length = Span{DEFAULT_TONE_SECONDS, DEFAULT_TONE_SECONDS};
+    if (options.module.module_path.empty())
+        options.module.module_path = program_folder() + "mod_quorvane.so";
+    if (!options.module.config_file && !has_option(options.module, "media_node"))
+        options.module.options.emplace_back("media_node", DEFAULT_MEDIA_NODE);
+    plan.variables.insert(plan.variables.begin(), {"sip_call_id", "{uuid}@quorvane-call"});
+    plan.schedule.frame_time = std::chrono::milliseconds(plan.frame_ms);
+    std::stable_sort(plan.commands.begin(), plan.commands.end(),
+                     [](const auto& one, const auto& other) { return one.at_s < other.at_s; });
+}
+
+double seconds_in(const std::string& text, const std::string& whole) {
+    const auto seconds = parse_number(text);
+    if (!seconds || *seconds < 0 || *seconds > LONGEST_SECONDS)
+        throw std::invalid_argument("'" + text + "' in '" + whole + "' is no time in seconds");
+    return *seconds;
+}
+
+}  // namespace
+
+Span parse_span(const std::string& text) {
+    const auto dash = text.find('-');
+    const double min = seconds_in(text.substr(0, dash), text);
+    const double max = dash == std::string::npos ? min : seconds_in(text.substr(dash + 1), text);
+    if (min <= 0 || max < min)
+        throw std::invalid_argument("'" + text + "' is no length: SECONDS or MIN-MAX");
+    return {min, max};
+}
+
+TimedCommand parse_command(const std::string& text) {
+    const auto blank = text.find(' ');
+    const auto begin = text.find_first_not_of(' ', blank);
+    if (blank == std::string::npos || begin == std::string::npos)
+        throw std::invalid_argument("'" + text +
+                                    "' is no time and command, such as "
+                                    "\"1.5 quorvane {uuid} features\"");
+    return {seconds_in(text.substr(0, blank), text), text.substr(begin)};
+}
+
+std::pair<std::string, std::string> parse_variable(const std::string& text) {
+    const auto equals = text.find('=');
+    if (equals == std::string::npos || equals == 0)
+        throw std::invalid_argument("'" + text + "' is not NAME=VALUE");
+    return {text.substr(0, equals), text.substr(equals + 1)};
+}
+
+std::optional<int> parse_options(int argc, char** argv, Options& options) {
+    CLI::App app(ABOUT, "quorvane-call");
+    app.get_formatter()->column_width(36);
+    add_module_options(app, options);
+    add_audio_options(app, options);
+    add_call_options(app, options);
+    add_event_options(app, options);
+    add_pace_options(app, options);
+    add_output_options(app, options);
+    app.footer(std::string(EXAMPLES) + "\n" + fault_text() + "\n" + EXIT_CODES);
+    try {
+        app.parse(argc, argv);
+        complete(app, options);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_FINE : EXIT_USAGE;
+    }
+    return std::nullopt;
+}
+
+}  // namespace qv::tools::call

@@ -1,0 +1,49 @@
+// The command line of quorvane-call.
+#pragma once
+
+#include <switch.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/call/call_plan.h"
+#include "tools/call/module_settings.h"
+
+namespace qv::tools::call {
+
+// Exit codes.
+constexpr int EXIT_FINE = 0;
+constexpr int EXIT_TROUBLE = 1;    // Something failed during the calls.
+constexpr int EXIT_USAGE = 2;      // The command line, or a file that it names.
+constexpr int EXIT_NO_MODULE = 3;  // The module cannot be read, configured or loaded.
+
+// Whether each call gets lines of its own.
+enum class CallLines { few_calls, always, never };
+
+struct Options {
+    ModuleSettings module;
+    CallPlan plan;  // without its audio
+    std::string read_path;
+    std::string write_path;
+    std::uint32_t tone_rate = 8000;  // samples a second, of calls without files
+    unsigned threads = 1;            // media threads for each direction
+    std::optional<switch_log_level_t> show_log;
+    std::string json_path;
+    CallLines call_lines = CallLines::few_calls;
+};
+
+// Fills `options`. Returns the exit code when the program is to end at once (after
+// --help, or with an error, which has been printed).
+std::optional<int> parse_options(int argc, char** argv, Options& options);
+
+// Each of these throws std::invalid_argument, whose text says what is wrong.
+
+// "30" or "20-40", in seconds.
+Span parse_span(const std::string& text);
+// "1.5 quorvane {uuid} features": seconds, blanks, a command.
+TimedCommand parse_command(const std::string& text);
+// "NAME=VALUE"; the value may be empty.
+std::pair<std::string, std::string> parse_variable(const std::string& text);
+
+}  // namespace qv::tools::call

@@ -1,0 +1,19 @@
+// What this process has used of the machine.
+//
+// No state; any thread may call.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace qv::tools::call {
+
+struct ProcessUsage {
+    double user_cpu_s = 0;
+    double system_cpu_s = 0;
+    std::uint64_t resident_bytes = 0;  // now; 0 where the system does not tell
+};
+
+ProcessUsage process_usage();
+
+}  // namespace qv::tools::call

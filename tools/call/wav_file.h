@@ -1,0 +1,32 @@
+// The audio of one side of a call, out of a WAV file.
+//
+// No state; any thread may call.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "host/frame_source.h"
+#include "tools/call/file_error.h"
+
+namespace qv::tools::call {
+
+constexpr std::uint32_t MIN_SAMPLE_RATE = 8000;
+constexpr std::uint32_t MAX_SAMPLE_RATE = 48000;
+
+struct Audio {
+    std::string name;        // file name without its folders
+    std::uint32_t rate = 0;  // samples a second
+    host::Samples samples;   // at least one
+
+    double seconds() const { return static_cast<double>(samples->size()) / rate; }
+};
+
+// Reads a mono PCM WAV of 8 to 48 kHz; samples of another width than 16 bits are
+// brought to it. Throws FileError.
+Audio load_wav(const std::string& path);
+
+// A sine tone: what a side says when there is no file.
+Audio make_tone(std::uint32_t rate, double hertz, double seconds);
+
+}  // namespace qv::tools::call
