@@ -152,6 +152,16 @@ TEST_F(Unload, LaterLoadBeginsWithTheDefaultsThoughTheObjectStayed) {
                                  bug_line("INFO", "transfered 0/0 bytes of media")}));
 }
 
+// The file is read at the default level again, whatever level the last one had set.
+TEST_F(Unload, LaterLoadReadsItsFileAtTheDefaultLevelThoughTheObjectStayed) {
+    load("log_level=ERROR\n");
+    const auto call = start_tapped_call();
+    unload();
+    configure("foo=1\n");
+    ASSERT_TRUE(try_load().loaded);
+    EXPECT_TRUE(host.log().contains("CONFIGURATION: option [foo] is unknown"));
+}
+
 TEST_F(Unload, UnloadAfterTheTappedCallsHaveEndedLeavesMemory) {
     load();
     const auto call = start_tapped_call();
