@@ -198,17 +198,17 @@ class FeatureStatusApiCommand : public SessionApiCommand {
         unlock();
         if (found) {
             answer(stream(), "%s\n", feature_codes(features).c_str());
-        } else {
-            answer(stream(), "-ERR, features: session context not found, uuid/id: %s/%lu",
-                   uuid_text().c_str(), id());
         }
     }
 
   private:
+    // False, and an error answered, when the call has no context.
     bool read_features(features16_t& features) {
         const std::lock_guard<std::mutex> registry_guard(module().contexts_lock);
         AppContext* context = find_context(module().contexts, id());
         if (context == nullptr) {
+            answer(stream(), "-ERR, features: session context not found, uuid/id: %s/%lu",
+                   uuid_text().c_str(), id());
             return false;
         }
         const std::lock_guard<std::mutex> context_guard(context->context_lock);

@@ -275,9 +275,9 @@ class ContextConfigurator {
 
     // More words than the host's own truth test knows. Intended.
     static bool means_record(const char* value) {
-        constexpr std::array<const char*, 7> WORDS = {"yes",     "on",     "true", "t",
+        constexpr std::array<const char*, 7> words = {"yes",     "on",     "true", "t",
                                                       "enabled", "active", "allow"};
-        const bool word = std::any_of(WORDS.begin(), WORDS.end(), [value](const char* candidate) {
+        const bool word = std::any_of(words.begin(), words.end(), [value](const char* candidate) {
             return ::strcasecmp(value, candidate) == 0;
         });
         return word || (switch_is_number(value) && std::strtol(value, nullptr, 10) != 0);

@@ -48,7 +48,7 @@ class Recording {
 using RateSource = std::function<int(Side side, bool last)>;
 
 struct RecordingOptions {
-    std::size_t block_samples = 16 * 1024;
+    std::size_t block_samples = std::size_t{16} * 1024;
     bool keep_pauses = false;  // In one-side files; stereo files always keep them.
 };
 
