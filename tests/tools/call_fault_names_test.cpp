@@ -1,0 +1,83 @@
+#include "tools/call/fault_names.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace qv::tools::call {
+namespace {
+
+using host::Fault;
+
+std::string refusal_of(const std::string& text) {
+    try {
+        parse_fault(text);
+    } catch (const std::invalid_argument& error) {
+        return error.what();
+    }
+    return "accepted";
+}
+
+TEST(FaultNamesTest, ANameAloneIsOnFromTheBeginningToTheEnd) {
+    const FaultSpan span = parse_fault("bug-refused");
+    EXPECT_EQ(span.fault, Fault::bug_refused);
+    EXPECT_FALSE(span.from_s);
+    EXPECT_FALSE(span.until_s);
+}
+
+TEST(FaultNamesTest, AFaultCanBeginAndEndDuringTheRun) {
+    EXPECT_EQ(parse_fault("no-timetable@2").from_s, 2);
+    EXPECT_FALSE(parse_fault("no-timetable@2").until_s);
+    EXPECT_EQ(parse_fault("null-frame@1.5-3").from_s, 1.5);
+    EXPECT_EQ(parse_fault("null-frame@1.5-3").until_s, 3);
+}
+
+TEST(FaultNamesTest, EveryFaultOfTheHostHasAName) {
+    const std::pair<const char*, Fault> all[] = {
+        {"bind-channel-destroy-fails", Fault::bind_channel_destroy_fails},
+        {"bind-all-fails", Fault::bind_all_fails},
+        {"no-timetable", Fault::no_timetable},
+        {"media-not-ready", Fault::media_not_ready},
+        {"bug-refused", Fault::bug_refused},
+        {"session-not-found", Fault::session_not_found},
+        {"uuid-garbage", Fault::uuid_garbage},
+        {"out-of-memory", Fault::out_of_memory},
+        {"null-frame", Fault::null_frame},
+        {"completion-fails", Fault::completion_fails},
+    };
+    for (const auto& [name, fault] : all) {
+        EXPECT_EQ(parse_fault(name).fault, fault) << name;
+        EXPECT_EQ(name_of(parse_fault(name)), name);
+    }
+    EXPECT_EQ(fault_help().size(), std::size(all) + 1);  // and hidden headers
+}
+
+TEST(FaultNamesTest, AHeaderCanBeHidden) {
+    host::Faults faults;
+    switch_fault(faults, parse_fault("hide-header:Unique-ID"), true);
+    EXPECT_TRUE(faults.hidden("Unique-ID"));
+    EXPECT_FALSE(faults.hidden("Event-Name"));
+}
+
+TEST(FaultNamesTest, AFaultIsSwitchedOnAndOff) {
+    host::Faults faults;
+    switch_fault(faults, parse_fault("no-timetable"), true);
+    EXPECT_TRUE(faults.on(Fault::no_timetable));
+    switch_fault(faults, parse_fault("no-timetable"), false);
+    EXPECT_FALSE(faults.on(Fault::no_timetable));
+}
+
+TEST(FaultNamesTest, AnUnknownNameIsRefusedWithTheKnownOnes) {
+    EXPECT_NE(refusal_of("no-luck").find("no fault is named 'no-luck'; there are: bind-"),
+              std::string::npos);
+}
+
+TEST(FaultNamesTest, TimesThatMakeNoSenseAreRefused) {
+    EXPECT_EQ(refusal_of("bug-refused@x").substr(0, 26), "'x' is no time in seconds;");
+    EXPECT_EQ(refusal_of("bug-refused@").substr(0, 25), "'' is no time in seconds;");
+    EXPECT_EQ(refusal_of("bug-refused@3-2"), "the fault '3-2' ends before it begins");
+    EXPECT_EQ(refusal_of("hide-header:A@1-2"), "a hidden header stays hidden: '1-2' names an end");
+}
+
+}  // namespace
+}  // namespace qv::tools::call

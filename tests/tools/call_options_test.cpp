@@ -1,0 +1,144 @@
+#include "tools/call/options.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace qv::tools::call {
+namespace {
+
+class OptionsTest : public ::testing::Test {
+  protected:
+    std::optional<int> parse(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "quorvane-call");
+        std::vector<char*> pointers;
+        for (std::string& argument : arguments)
+            pointers.push_back(argument.data());
+        ::testing::internal::CaptureStderr();
+        ::testing::internal::CaptureStdout();
+        options_ = Options();
+        const auto code =
+            parse_options(static_cast<int>(pointers.size()), pointers.data(), options_);
+        help_ = ::testing::internal::GetCapturedStdout();
+        error_ = ::testing::internal::GetCapturedStderr();
+        return code;
+    }
+
+    // What is said to a wrong command line.
+    std::string refusal_of(std::vector<std::string> arguments) {
+        const auto code = parse(std::move(arguments));
+        return code == EXIT_USAGE ? error_.substr(0, error_.find('\n')) : "accepted";
+    }
+
+    Options options_;
+    std::string help_;
+    std::string error_;
+};
+
+using Variable = std::pair<std::string, std::string>;
+
+TEST_F(OptionsTest, WithoutOptionsTonesGoToTheUsualMediaNode) {
+    EXPECT_FALSE(parse({}));
+    EXPECT_EQ(options_.module.options, (ModuleOptions{{"media_node", "127.0.0.1:40000"}}));
+    EXPECT_EQ(options_.plan.schedule.length->min_s, 5);
+    EXPECT_EQ(options_.plan.schedule.calls, 1u);
+    EXPECT_EQ(options_.module.module_path, program_folder() + "mod_quorvane.so");
+}
+
+TEST_F(OptionsTest, FilesPlayAsLongAsTheyLast) {
+    EXPECT_FALSE(parse({"--read", "a.wav"}));
+    EXPECT_EQ(options_.read_path, "a.wav");
+    EXPECT_FALSE(options_.plan.schedule.length);
+}
+
+TEST_F(OptionsTest, AConfigurationFileNamesTheMediaNodeItself) {
+    EXPECT_FALSE(parse({"--config", "some.conf"}));
+    EXPECT_TRUE(options_.module.options.empty());
+    EXPECT_FALSE(parse({"--config", "some.conf", "--media-node", "10.0.0.1:5"}));
+    EXPECT_EQ(options_.module.options, (ModuleOptions{{"media_node", "10.0.0.1:5"}}));
+}
+
+TEST_F(OptionsTest, ModuleOptionsGoToTheModule) {
+    EXPECT_FALSE(parse({"-n", "10.0.0.1:5", "--log-level", "TRACE", "--dump-events", "channel",
+                        "--default-detection", "orig", "--default-audio-activity", "true"}));
+    EXPECT_EQ(options_.module.options, (ModuleOptions{{"media_node", "10.0.0.1:5"},
+                                                      {"log_level", "TRACE"},
+                                                      {"default_audio_activity", "true"},
+                                                      {"default_detection", "orig"},
+                                                      {"dump_events", "channel"}}));
+}
+
+TEST_F(OptionsTest, AVariableMayBeSetAgainAndAgain) {
+    EXPECT_FALSE(parse({"--set", "a=1", "--set", "b=x=y", "-s", "c="}));
+    EXPECT_EQ(options_.plan.variables,
+              (std::vector<Variable>{
+                  {"sip_call_id", "{uuid}@quorvane-call"}, {"a", "1"}, {"b", "x=y"}, {"c", ""}}));
+}
+
+TEST_F(OptionsTest, CommandsAreSortedByTheirTimes) {
+    EXPECT_FALSE(parse({"--api", "2 quorvane version", "--api", "0.5   quorvane {uuid} features"}));
+    ASSERT_EQ(options_.plan.commands.size(), 2u);
+    EXPECT_EQ(options_.plan.commands[0].at_s, 0.5);
+    EXPECT_EQ(options_.plan.commands[0].text, "quorvane {uuid} features");
+    EXPECT_EQ(options_.plan.commands[1].text, "quorvane version");
+}
+
+TEST_F(OptionsTest, ManyCallsHaveARateAndALength) {
+    EXPECT_FALSE(parse({"--calls", "2000", "--rate", "50", "--length", "20-40", "--concurrent", "7",
+                        "--seed", "3", "--repeat", "--direction", "outbound"}));
+    EXPECT_EQ(options_.plan.schedule.calls, 2000u);
+    EXPECT_EQ(options_.plan.schedule.rate, 50);
+    EXPECT_EQ(options_.plan.schedule.length->min_s, 20);
+    EXPECT_EQ(options_.plan.schedule.length->max_s, 40);
+    EXPECT_EQ(options_.plan.concurrent, 7u);
+    EXPECT_EQ(options_.plan.schedule.seed, 3u);
+    EXPECT_EQ(options_.plan.afterwards, Afterwards::repeat);
+    EXPECT_TRUE(options_.plan.outbound);
+}
+
+TEST_F(OptionsTest, FaultsAndLevelsAreKnownByName) {
+    EXPECT_FALSE(
+        parse({"--fault", "no-timetable", "--fault", "null-frame@1-2", "--show-log", "debug"}));
+    EXPECT_EQ(options_.plan.faults.size(), 2u);
+    EXPECT_EQ(options_.show_log, SWITCH_LOG_DEBUG);
+}
+
+TEST_F(OptionsTest, WrongValuesAreNamedWithTheirOption) {
+    EXPECT_EQ(refusal_of({"--media-node", "localhost"}),
+              "--media-node: 'localhost' is no IPv4 address and port, such as 127.0.0.1:40000");
+    EXPECT_EQ(refusal_of({"--set", "novalue"}), "--set: 'novalue' is not NAME=VALUE");
+    EXPECT_EQ(refusal_of({"--set", "=x"}), "--set: '=x' is not NAME=VALUE");
+    EXPECT_EQ(refusal_of({"--uuid", "12"}), "--uuid: '12' is no UUID");
+    EXPECT_EQ(refusal_of({"--duration", "5-2"}),
+              "--duration,--length: '5-2' is no length: SECONDS or MIN-MAX");
+    EXPECT_EQ(refusal_of({"--duration", "soon"}),
+              "--duration,--length: 'soon' in 'soon' is no time in seconds");
+    EXPECT_EQ(refusal_of({"--api", "quorvane"}),
+              "--api: 'quorvane' is no time and command, such as \"1.5 quorvane {uuid} features\"");
+    EXPECT_EQ(refusal_of({"--show-log", "LOUD"}), "--show-log: 'LOUD' is no level of the host");
+    EXPECT_NE(refusal_of({"--frame-ms", "5"}), "accepted");
+    EXPECT_NE(refusal_of({"--calls", "0"}), "accepted");
+    EXPECT_NE(refusal_of({"--log-level", "debug"}), "accepted");
+    EXPECT_NE(refusal_of({"--nonsense"}), "accepted");
+}
+
+TEST_F(OptionsTest, OptionsThatContradictEachOtherAreRefused) {
+    const std::string uuid = "00010203-0405-0607-0809-0a0b0c0d0e0f";
+    EXPECT_EQ(refusal_of({"--uuid", uuid, "--calls", "2"}),
+              "--uuid: is for a single call, not for --calls 2");
+    EXPECT_EQ(refusal_of({"--read", "a.wav", "--sample-rate", "16000"}),
+              "--sample-rate: is for tones; a WAV file has its own");
+    EXPECT_NE(refusal_of({"--quiet", "--verbose"}), "accepted");
+}
+
+TEST_F(OptionsTest, TheHelpNamesExamplesFaultsAndExitCodes) {
+    EXPECT_EQ(parse({"--help"}), EXIT_FINE);
+    EXPECT_NE(help_.find("Examples:"), std::string::npos);
+    EXPECT_NE(help_.find("bug-refused "), std::string::npos);
+    EXPECT_NE(help_.find("Exit codes:"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace qv::tools::call
