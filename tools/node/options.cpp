@@ -13,7 +13,7 @@ Micros micros_of(double seconds) {
 }
 
 void add_span(CLI::App& app, const std::string& name, Micros& into, const std::string& help,
-              CLI::Range range) {
+              const CLI::Range& range) {
     app.add_option_function<double>(
            name, [&into](double seconds) { into = micros_of(seconds); }, help)
         ->check(range)
