@@ -32,7 +32,7 @@ espeak-ng -v en-gb -s 150 -w "$folder/caller.wav" \
     "Good morning. I would like to know whether my order has been sent." >/dev/null
 espeak-ng -v en-us+f3 -s 150 -w "$folder/agent.wav" \
     "Good morning! Yes, it left our house yesterday and should reach you today." >/dev/null
-sndfile-info "$folder/caller.wav" | grep -E 'Sample Rate|Duration' | sed 's/^/   /'
+sndfile-info "$folder/caller.wav" | grep -E '^(Sample Rate|Duration)' | sed 's/^/   /'
 
 step "3. A media node listens"
 build/quorvane-node --listen 127.0.0.1:0 --output "$folder/received" --calls 1 \
