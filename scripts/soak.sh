@@ -4,16 +4,17 @@
 # of the process with a fitted slope, calls without an end, gaps in the audio.
 #
 #   scripts/soak.sh MINUTES [CALLS_A_SECOND]      default: 3 calls a second
+#   scripts/soak.sh MINUTES real                  in an installed FreeSWITCH instead
 #
 # Ends with exit code 1 if something grows, is missing or is left over. Figures and samples
-# are kept in build/soak. For a real FreeSWITCH see tests/real_host.
+# are kept in build/soak, or in build/soak-real.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 minutes=${1:-}
 rate=${2:-3}
-[[ $minutes =~ ^[0-9]+$ && $minutes -gt 0 && $rate =~ ^[0-9]+$ && $rate -gt 0 ]] ||
-    { echo "usage: soak.sh MINUTES [CALLS_A_SECOND]" >&2; exit 2; }
+[[ $minutes =~ ^[0-9]+$ && $minutes -gt 0 && $rate =~ ^([1-9][0-9]*|real)$ ]] ||
+    { echo "usage: soak.sh MINUTES [CALLS_A_SECOND|real]" >&2; exit 2; }
 
 folder=build/soak
 pids=()
@@ -26,6 +27,16 @@ mkdir -p build
     cmake --build build -j "$(nproc)" --target \
         mod_quorvane mod_quorvane_relocated quorvane-call quorvane-node
 } >build/soak-build.log 2>&1 || { tail -n 40 build/soak-build.log; exit 1; }
+
+if [ "$rate" = real ]; then
+    folder=build/soak-real
+    rm -rf "$folder"
+    echo "soak: calls in FreeSWITCH for $minutes minutes"
+    python3 tests/real_host/soak.py --module build/mod_quorvane.so \
+        --relocated build/relocated/mod_quorvane.so --node build/quorvane-node \
+        --minutes "$minutes" "$folder" | tee build/soak-real.log
+    exec python3 scripts/soak_report.py "$folder" "$(tail -n 1 build/soak-real.log)"
+fi
 
 rm -rf "$folder"
 mkdir -p "$folder"

@@ -1,0 +1,138 @@
+#!/usr/bin/env python3
+"""Calls of random length with API traffic in a real FreeSWITCH, for some minutes.
+
+The host, in folders of its own, makes the calls; quorvane-node receives them. What the host's
+process holds is written to FOLDER/samples.txt, what the receiver sees to FOLDER/events.jsonl:
+scripts/soak_report.py judges both. The last line printed is the number of calls placed.
+"""
+
+import argparse
+import pathlib
+import random
+import re
+import subprocess
+import sys
+import threading
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+
+from harness.audio import KnownSound  # noqa: E402
+from harness.find_host import find_installation  # noqa: E402
+from harness.host import Host  # noqa: E402
+from harness.host_files import extension  # noqa: E402
+
+CALLERS = 6
+LONGEST_CALL_S = 12
+COMMANDS = ("features", "audio_activity stop both", "audio_activity start", "detection start")
+VARIABLES = "loopback_bowout=false,quorvane_rule_id=1,quorvane_audio_activity=true,sip_call_id=soak"
+
+
+class Receiver:
+    """quorvane-node, writing events only."""
+
+    def __init__(self, program: pathlib.Path, folder: pathlib.Path):
+        self.process = subprocess.Popen(
+            [program, "--listen", "127.0.0.1:0", "--output", folder, "--no-sides", "--quiet",
+             "--events", folder / "events.jsonl"], stdout=subprocess.PIPE, text=True)
+        line = self.process.stdout.readline()
+        self.address = re.search(r"127\.0\.0\.1:\d+", line).group()
+
+    def close(self) -> None:
+        self.process.terminate()
+        self.process.wait(10)
+
+
+class Calls:
+    """Places calls, one after the other on each of some threads, until told to stop."""
+
+    def __init__(self, host: Host):
+        self.host = host
+        self.placed = self.refused = 0
+        self.stopping = threading.Event()
+        self.lock = threading.Lock()
+        self.threads = [threading.Thread(target=self.run, args=(seed,)) for seed in range(CALLERS)]
+        for thread in self.threads:
+            thread.start()
+
+    def run(self, seed: int) -> None:
+        generator = random.Random(seed)
+        connection = self.host.new_connection()
+        while not self.stopping.is_set():
+            answer = connection.api(f"originate {{{VARIABLES}}}loopback/far/scenarios "
+                                    "tap XML scenarios").strip()
+            with self.lock:
+                self.placed += answer.startswith("+OK ")
+                self.refused += not answer.startswith("+OK ")
+            if answer.startswith("+OK "):
+                self.live(connection, answer[4:], generator)
+        connection.close()
+
+    def live(self, connection, uuid: str, generator) -> None:
+        time.sleep(0.5)  # The dialplan has reached the tap.
+        for command in COMMANDS:
+            connection.api(f"quorvane {uuid} {command}")
+            time.sleep(0.1)
+        self.stopping.wait(generator.uniform(0, LONGEST_CALL_S))
+        connection.api(f"uuid_kill {uuid}")
+
+    def stop(self) -> None:
+        self.stopping.set()
+        for thread in self.threads:
+            thread.join()
+
+
+def sample(pid: int) -> str:
+    """Resident KiB, descriptors and threads of the process."""
+    status = pathlib.Path(f"/proc/{pid}/status").read_text()
+    resident = re.search(r"VmRSS:\s+(\d+)", status).group(1)
+    threads = re.search(r"Threads:\s+(\d+)", status).group(1)
+    descriptors = len(list(pathlib.Path(f"/proc/{pid}/fd").iterdir()))
+    return f"{resident} {descriptors} {threads}"
+
+
+def watch(pid: int, seconds: float, path: pathlib.Path) -> None:
+    begin = time.monotonic()
+    with path.open("w") as samples:
+        while (passed := time.monotonic() - begin) < seconds:
+            samples.write(f"{passed:.0f} {sample(pid)}\n")
+            time.sleep(2)
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--module", type=pathlib.Path, required=True)
+    parser.add_argument("--relocated", type=pathlib.Path, required=True)
+    parser.add_argument("--node", type=pathlib.Path, required=True)
+    parser.add_argument("--minutes", type=float, required=True)
+    parser.add_argument("folder", type=pathlib.Path)
+    arguments = parser.parse_args()
+    installation = find_installation() or sys.exit("no FreeSWITCH is installed")
+    folder = arguments.folder.resolve()
+    folder.mkdir(parents=True, exist_ok=True)
+    sounds = [KnownSound(folder / f"{name}.wav", seed, seconds=25).path
+              for seed, name in enumerate(("far", "near"))]
+    receiver = Receiver(arguments.node.resolve(), folder)
+    host = Host(installation, folder / "host", arguments.module.resolve(),
+                arguments.relocated.resolve(),
+                extension("far", "answer", f"endless_playback {sounds[0]}")
+                + extension("tap", "answer", "quorvane", f"endless_playback {sounds[1]}"))
+    host.write_module_configuration(media_node=receiver.address, log_level="ERROR")
+    try:
+        host.start()
+        host.load_module()
+        host.api("fsctl loglevel err")
+        calls = Calls(host)
+        watch(host.pid, arguments.minutes * 60, folder / "samples.txt")
+        calls.stop()
+        host.hang_up_everything()
+        time.sleep(1)
+        print("unload:", host.unload_module(), "- refused by the host:", calls.refused)
+    finally:
+        host.close()
+        receiver.close()
+    print(calls.placed)
+
+
+if __name__ == "__main__":
+    main()
