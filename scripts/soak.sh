@@ -56,7 +56,8 @@ calls=$((minutes * 60 * rate))
 echo "soak: $calls calls in $minutes minutes, of 1 to 30 seconds, each with four API commands"
 build/quorvane-call --media-node "127.0.0.1:$port" --calls "$calls" --rate "$rate" \
     --length 1-30 --seed 1 --quiet --log-level ERROR --json "$folder/calls.json" \
-    --set quorvane_rule_id=1 --set quorvane_audio_activity=true --set quorvane_record=yes \
+    --set quorvane_rule_id=1 --set quorvane_audio_activity=true \
+    --set quorvane_detection=inactive --set quorvane_record=yes \
     --api "0.3 quorvane {uuid} features" --api "0.5 quorvane {uuid} audio_activity stop both" \
     --api "0.7 quorvane {uuid} audio_activity start" --api "0.9 quorvane {uuid} detection start" \
     >"$folder/calls.log" 2>&1 &

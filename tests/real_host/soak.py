@@ -25,7 +25,8 @@ from harness.host_files import extension  # noqa: E402
 CALLERS = 6
 LONGEST_CALL_S = 12
 COMMANDS = ("features", "audio_activity stop both", "audio_activity start", "detection start")
-VARIABLES = "loopback_bowout=false,quorvane_rule_id=1,quorvane_audio_activity=true,sip_call_id=soak"
+VARIABLES = ("loopback_bowout=false,quorvane_rule_id=1,quorvane_audio_activity=true,"
+             "quorvane_detection=inactive,sip_call_id=soak")
 
 
 class Receiver:
