@@ -3,7 +3,7 @@
 
 The host, in folders of its own, makes the calls; quorvane-node receives them. What the host's
 process holds is written to FOLDER/samples.txt, what the receiver sees to FOLDER/events.jsonl:
-scripts/soak_report.py judges both. The last line printed is the number of calls placed.
+scripts/soak_report.py judges both. The last line printed is the number of calls that were tapped.
 """
 
 import argparse
@@ -21,6 +21,7 @@ from harness.audio import KnownSound  # noqa: E402
 from harness.find_host import find_installation  # noqa: E402
 from harness.host import Host  # noqa: E402
 from harness.host_files import extension  # noqa: E402
+from harness.suite import eventually  # noqa: E402
 
 CALLERS = 6
 LONGEST_CALL_S = 12
@@ -49,7 +50,7 @@ class Calls:
 
     def __init__(self, host: Host):
         self.host = host
-        self.placed = self.refused = 0
+        self.tapped = self.untapped = self.refused = 0
         self.stopping = threading.Event()
         self.lock = threading.Lock()
         self.threads = [threading.Thread(target=self.run, args=(seed,)) for seed in range(CALLERS)]
@@ -62,15 +63,20 @@ class Calls:
         while not self.stopping.is_set():
             answer = connection.api(f"originate {{{VARIABLES}}}loopback/far/scenarios "
                                     "tap XML scenarios").strip()
-            with self.lock:
-                self.placed += answer.startswith("+OK ")
-                self.refused += not answer.startswith("+OK ")
             if answer.startswith("+OK "):
                 self.live(connection, answer[4:], generator)
+            else:
+                self.count("refused")
         connection.close()
 
+    def count(self, what: str) -> None:
+        with self.lock:
+            setattr(self, what, getattr(self, what) + 1)
+
     def live(self, connection, uuid: str, generator) -> None:
-        time.sleep(0.5)  # The dialplan has reached the tap.
+        tapped = eventually(
+            lambda: len(connection.api(f"quorvane {uuid} features").strip()) == len("RRSSAA"))
+        self.count("tapped" if tapped else "untapped")
         for command in COMMANDS:
             connection.api(f"quorvane {uuid} {command}")
             time.sleep(0.1)
@@ -128,11 +134,12 @@ def main() -> None:
         calls.stop()
         host.hang_up_everything()
         time.sleep(1)
-        print("unload:", host.unload_module(), "- refused by the host:", calls.refused)
+        print("unload:", host.unload_module(), "- refused by the host:", calls.refused,
+              "- ended before they were tapped:", calls.untapped)
     finally:
         host.close()
         receiver.close()
-    print(calls.placed)
+    print(calls.tapped)
 
 
 if __name__ == "__main__":
