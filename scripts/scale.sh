@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# How many calls one machine carries: paced calls of quorvane-call, both directions at
+# 20 ms, to quorvane-node on loopback; prints a row of a table for each number of calls.
+#
+#   scripts/scale.sh [--build FOLDER] [--seconds N] [CALLS...]     (1000 2000 4000; 30 s each)
+#
+# For a quiet machine: whatever else runs makes frames late.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+build=build seconds=30
+while [[ ${1:-} == --* ]]; do
+    case $1 in
+        --build) build=$2 ;;
+        --seconds) seconds=$2 ;;
+        *) echo "scale: unknown option $1" >&2; exit 2 ;;
+    esac
+    shift 2
+done
+[ $# -gt 0 ] || set -- 1000 2000 4000
+
+work=$(mktemp -d /tmp/quorvane-scale-XXXXXX)
+node=
+trap '[ -z "$node" ] || kill "$node" 2>/dev/null || true; rm -rf "$work"' EXIT
+
+# All calls begin within 5 seconds. The receiver writes no audio, which would cost the
+# processors more than receiving it.
+run_calls() {
+    local calls=$1
+    "$build/quorvane-node" --listen 127.0.0.1:0 --output "$work" --no-sides --quiet \
+        --max-calls 100000 --idle-exit 30 --calls "$calls" >"$work/node.log" 2>&1 &
+    node=$!
+    until grep -q 'listening on' "$work/node.log"; do sleep 0.1; done
+    "$build/quorvane-call" --media-node "$(grep -o -m1 '127\.0\.0\.1:[0-9]*' "$work/node.log")" \
+        --calls "$calls" --rate $((calls / 5)) --duration "$seconds" --quiet \
+        --json "$work/call.json" >"$work/call.log" || cat "$work/call.log"
+    wait "$node" || true
+    node=
+}
+
+print_row() {
+    python3 - "$1" "$work/call.json" "$work/node.log" <<'PY'
+import json
+import re
+import sys
+
+calls, figures = int(sys.argv[1]), json.load(open(sys.argv[2]))
+log = open(sys.argv[3]).read()
+sent = figures["data_packets_expected"] + 2 * figures["calls"]["tapped"]
+came = int(re.search(r"([\d,]+) packets", log.split("summary")[-1]).group(1).replace(",", ""))
+late = figures["lateness"]
+times = " | ".join(f"{late[key] * 1000:.2f}" for key in ("p50_s", "p90_s", "p99_s", "p99.9_s", "max_s"))
+cpu = figures["cpu"]
+print(f"| {calls:,} | {times} | {figures['handling']['p50_s'] * 1e6:.1f} "
+      f"| {(cpu['user_s'] + cpu['system_s']) / figures['elapsed_s'] * 100:.0f} "
+      f"| {cpu['per_call_second_s'] * 1000:.2f} | {figures['memory']['per_call_bytes'] / 1024:.0f} "
+      f"| {sent:,} | {came:,} |")
+PY
+}
+
+load=$(cut -d' ' -f1 /proc/loadavg)
+echo "$(nproc) processors ($(awk -F': ' '/model name/ { print $2; exit }' /proc/cpuinfo)), Linux $(uname -r), load $load before"
+echo
+echo "| calls | late by, ms: 50 % | 90 % | 99 % | 99.9 % | most | module a frame, us | CPU, % of a core | CPU a call, ms/s | memory a call, KiB | packets sent | received |"
+echo "|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|"
+for calls in "$@"; do
+    run_calls "$calls"
+    print_row "$calls"
+done
