@@ -9,7 +9,7 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
-#include <iostream>
+#include <iostream>  // The standard streams stand before the objects below, and after them.
 #include <list>
 #include <memory>
 #include <new>
