@@ -23,15 +23,26 @@ NoMemory::~NoMemory() {
 
 }  // namespace qv::tests
 
-// The usual operator new gives the memory, so that the usual operator delete takes it.
-__attribute__((visibility("default"))) void* operator new(std::size_t size,
-                                                          const std::nothrow_t&) noexcept {
+// The usual operators new give the memory, so that the usual operators delete take it.
+template <typename... Alignment>
+static void* allocate(std::size_t size, Alignment... alignment) noexcept {
     if (size >= smallest_failing) {
         return nullptr;
     }
     try {
-        return ::operator new(size);
+        return ::operator new(size, alignment...);
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
+}
+
+#define REPLACEMENT __attribute__((visibility("default")))
+
+REPLACEMENT void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return allocate(size);
+}
+
+REPLACEMENT void* operator new(std::size_t size, std::align_val_t alignment,
+                               const std::nothrow_t& /*tag*/) noexcept {
+    return allocate(size, alignment);
 }

@@ -91,6 +91,12 @@ void* allocate(std::size_t size) {
     return std::malloc(size == 0 ? 1 : size);
 }
 
+void* allocate(std::size_t size, std::align_val_t alignment) {
+    void* memory = nullptr;
+    return ::posix_memalign(&memory, static_cast<std::size_t>(alignment), size) == 0 ? memory
+                                                                                     : nullptr;
+}
+
 }  // namespace
 
 namespace qv::tests {
@@ -129,9 +135,21 @@ REPLACEMENT void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) 
     return takes_the_failure() ? nullptr : allocate(size);
 }
 
+REPLACEMENT void* operator new(std::size_t size, std::align_val_t alignment,
+                               const std::nothrow_t& /*tag*/) noexcept {
+    return takes_the_failure() ? nullptr : allocate(size, alignment);
+}
+
 REPLACEMENT void operator delete(void* memory) noexcept {
     std::free(memory);
 }
 REPLACEMENT void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
+REPLACEMENT void operator delete(void* memory, std::align_val_t /*alignment*/) noexcept {
+    std::free(memory);
+}
+REPLACEMENT void operator delete(void* memory, std::size_t /*size*/,
+                                 std::align_val_t /*alignment*/) noexcept {
     std::free(memory);
 }
