@@ -138,9 +138,10 @@ class Descriptor {
     int descriptor_;
 };
 
-// Writes "SOCKET[tag]: what" and the system's error, `error` being an errno value.
+// Writes "SOCKET[tag]: what" and the system's error, `error` being an errno value. The
+// pieces come as values, so that a caller can keep them in registers.
 template <typename... Pieces>
-void log_error(int error, const Pieces&... pieces) {
+[[gnu::cold, gnu::noinline]] void log_error(int error, Pieces... pieces) {
     log::ErrorMessage message;
     ((message.stream << "SOCKET[") << ... << pieces);
     message.stream << ", error (" << error << "): " << std::generic_category().message(error);
