@@ -1,5 +1,6 @@
 #include "quorvane_lib/utils_bytes.h"
 
+#include <array>
 #include <cstddef>
 
 namespace qv::utils::bytes {
@@ -7,19 +8,35 @@ namespace qv::utils::bytes {
 namespace {
 
 constexpr std::size_t UUID_SIZE = 16;
-constexpr int NO_DIGIT = -1;
+constexpr signed char NO_DIGIT = -1;
 
-int hex_value(char c) {
+constexpr signed char digit_value(unsigned c) {
     if (c >= '0' && c <= '9') {
-        return c - '0';
+        return static_cast<signed char>(c - '0');
     }
     if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
+        return static_cast<signed char>(c - 'a' + 10);
     }
     if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
+        return static_cast<signed char>(c - 'A' + 10);
     }
     return NO_DIGIT;
+}
+
+constexpr std::array<signed char, 256> make_digit_values() {
+    std::array<signed char, 256> values{};
+    for (unsigned c = 0; c < values.size(); ++c) {
+        values[c] = digit_value(c);
+    }
+    return values;
+}
+
+// Looked up rather than compared: whether a digit of a UUID is a letter is anyone's guess,
+// and a processor that guesses loses more than the rest of the decoding takes.
+constexpr std::array<signed char, 256> DIGIT_VALUES = make_digit_values();
+
+int hex_value(char c) {
+    return DIGIT_VALUES[static_cast<unsigned char>(c)];
 }
 
 // Stores a pair's first digit (`second` false) or adds its second one.
