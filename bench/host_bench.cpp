@@ -62,12 +62,30 @@ class StreamingCalls {
         calls_.front()->start_media(std::move(plan));
     }
 
-    host::ApiAnswer command(const std::string& words) {
-        next_ = next_ + 1 == calls_.size() ? 0 : next_ + 1;
-        return tapped_.host().api("quorvane " + calls_[next_]->uuid() + " " + words);
+    // To one call after the other, so that each is found out of the processor's cache.
+    host::ApiAnswer command(const std::string& words) { return command(next(), words); }
+
+    // To the same call every time.
+    host::ApiAnswer command_to_first(const std::string& words) {
+        return command(calls_.front()->uuid(), words);
+    }
+
+    // What the host does for every command, whatever module it is for.
+    void locate_session() {
+        switch_core_session_rwunlock(
+            switch_core_session_perform_locate(next().c_str(), __FILE__, __func__, __LINE__));
     }
 
   private:
+    const std::string& next() {
+        next_ = next_ + 1 == calls_.size() ? 0 : next_ + 1;
+        return calls_[next_]->uuid();
+    }
+
+    host::ApiAnswer command(const std::string& uuid, const std::string& words) {
+        return tapped_.host().api("quorvane " + uuid + " " + words);
+    }
+
     TappedHost tapped_;
     std::vector<std::unique_ptr<host::Call>> calls_;
     std::size_t next_ = 0;
@@ -87,6 +105,20 @@ void api_features(benchmark::State& state) {
     }
 }
 
+void api_features_of_one_call(benchmark::State& state) {
+    StreamingCalls calls(static_cast<std::size_t>(state.range(0)));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(calls.command_to_first("features"));
+    }
+}
+
+void locate_session(benchmark::State& state) {
+    StreamingCalls calls(static_cast<std::size_t>(state.range(0)));
+    for (auto _ : state) {
+        calls.locate_session();
+    }
+}
+
 // Switches a feature on and off: every second command of a call sends a control packet.
 void api_feature_switch(benchmark::State& state) {
     StreamingCalls calls(static_cast<std::size_t>(state.range(0)));
@@ -100,6 +132,8 @@ void api_feature_switch(benchmark::State& state) {
 
 BENCHMARK(call_set_up_and_tear_down);
 BENCHMARK(api_features)->Arg(1)->Arg(10)->Arg(100)->Arg(10000);
+BENCHMARK(api_features_of_one_call)->Arg(10)->Arg(10000);
+BENCHMARK(locate_session)->Arg(10)->Arg(10000);
 BENCHMARK(api_feature_switch)->Arg(1)->Arg(100)->Arg(10000);
 
 }  // namespace

@@ -50,6 +50,18 @@ void media_data_round_robin(benchmark::State& state) {
     }
 }
 
+// The read and the write leg of one call on two threads: what they share, they must not
+// write.
+void media_data_two_legs(benchmark::State& state) {
+    static Sender sender;
+    static const auto contexts = make_contexts(1, nowhere());
+    const Frame frame(320);
+    const auto leg = static_cast<std::uint8_t>(state.thread_index());
+    for (auto _ : state) {
+        sender.transfer.media_data(nullptr, *contexts[0], leg, frame.get());
+    }
+}
+
 // An iteration is 64 lines. They follow each other, so that the loop around them does not
 // count; the threshold is read anew for each.
 constexpr int LINES = 64;
@@ -100,6 +112,7 @@ void parse_configuration(benchmark::State& state) {
 BENCHMARK(steady_clock);
 BENCHMARK(media_data)->Arg(320)->Arg(640)->Arg(1920)->Arg(3000);
 BENCHMARK(media_data_round_robin)->Arg(1)->Arg(100)->Arg(10000);
+BENCHMARK(media_data_two_legs)->Threads(2)->UseRealTime();
 BENCHMARK_TEMPLATE(dropped_line, log::DEBUG);
 BENCHMARK_TEMPLATE(dropped_line, log::TRACE);
 BENCHMARK(crc64_of_uuid);
