@@ -23,31 +23,11 @@ TEST(CallTextTest, APlaceholderInAValueIsNotFilledAgain) {
     EXPECT_EQ(fill_placeholders("{uuid}", "{uuid}x", 7), "{uuid}x");
 }
 
-TEST(CallTextTest, LargeNumbersAreGrouped) {
-    EXPECT_EQ(grouped(0), "0");
-    EXPECT_EQ(grouped(999), "999");
-    EXPECT_EQ(grouped(1000), "1,000");
-    EXPECT_EQ(grouped(1234567), "1,234,567");
-}
-
-TEST(CallTextTest, OneThingIsNoPlural) {
-    EXPECT_EQ(counted(1, "call"), "1 call");
-    EXPECT_EQ(counted(0, "call"), "0 calls");
-    EXPECT_EQ(counted(2000, "call"), "2,000 calls");
-}
-
 TEST(CallTextTest, ShortTimesHaveTheUnitThatFits) {
     EXPECT_EQ(short_time(nanoseconds(850)), "850 ns");
     EXPECT_EQ(short_time(nanoseconds(12'340)), "12.3 us");
     EXPECT_EQ(short_time(nanoseconds(4'560'000)), "4.56 ms");
     EXPECT_EQ(short_time(nanoseconds(1'230'000'000)), "1.23 s");
-}
-
-TEST(CallTextTest, LongTimesHaveTheUnitThatFits) {
-    EXPECT_EQ(duration_text(5), "5.0 s");
-    EXPECT_EQ(duration_text(59.99), "1 min 00 s");
-    EXPECT_EQ(duration_text(200), "3 min 20 s");
-    EXPECT_EQ(duration_text(7500), "2 h 05 min");
 }
 
 TEST(CallTextTest, SizesHaveTheUnitThatFits) {

@@ -27,21 +27,6 @@ TEST(NodeTextTest, FeaturesAreWords) {
               "detection off terminator; recording on originator");
 }
 
-TEST(NodeTextTest, DurationsAreShort) {
-    EXPECT_EQ(duration_text(0), "0.0 s");
-    EXPECT_EQ(duration_text(59.9), "59.9 s");
-    EXPECT_EQ(duration_text(59.96), "1 min 00 s");
-    EXPECT_EQ(duration_text(3599.6), "1 h 00 min");
-    EXPECT_EQ(duration_text(7500), "2 h 05 min");
-}
-
-TEST(NodeTextTest, NumbersAreGroupedAndCounted) {
-    EXPECT_EQ(grouped(999), "999");
-    EXPECT_EQ(grouped(1234567), "1,234,567");
-    EXPECT_EQ(counted(1, "packet"), "1 packet");
-    EXPECT_EQ(counted(0, "packet"), "0 packets");
-}
-
 TEST(NodeTextTest, FeatureLettersTellSideAndState) {
     EXPECT_EQ(feature_letters({0x0C | 0x40, 0x04}, Side::ORIGINATOR), "A-r");
     EXPECT_EQ(feature_letters({0x0C | 0x40, 0x04}, Side::TERMINATOR), "a--");

@@ -15,10 +15,6 @@ void replace_all(std::string& text, const std::string& what, const std::string& 
     }
 }
 
-std::string two_digits(std::int64_t value) {
-    return (value < 10 ? "0" : "") + std::to_string(value);
-}
-
 }  // namespace
 
 std::optional<double> parse_number(const std::string& text) {
@@ -38,19 +34,6 @@ std::string fill_placeholders(const std::string& text, const std::string& uuid,
     return filled;
 }
 
-std::string grouped(std::uint64_t value) {
-    std::string text = std::to_string(value);
-    for (std::size_t at = text.size(); at > 3;) {
-        at -= 3;
-        text.insert(at, ",");
-    }
-    return text;
-}
-
-std::string counted(std::uint64_t count, const std::string& noun) {
-    return grouped(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
 std::string fixed(double value, int digits) {
     char text[64];
     std::snprintf(text, sizeof(text), "%.*f", digits, value);
@@ -66,15 +49,6 @@ std::string short_time(std::chrono::nanoseconds time) {
     if (nanoseconds < 1e9)
         return fixed(nanoseconds / 1e6, 2) + " ms";
     return fixed(nanoseconds / 1e9, 2) + " s";
-}
-
-std::string duration_text(double seconds) {
-    if (seconds < 59.95)
-        return fixed(seconds, 1) + " s";
-    const auto whole = std::llround(seconds);
-    if (whole < 3600)
-        return std::to_string(whole / 60) + " min " + two_digits(whole % 60) + " s";
-    return std::to_string(whole / 3600) + " h " + two_digits(whole % 3600 / 60) + " min";
 }
 
 std::string size_text(double bytes) {

@@ -1,4 +1,5 @@
-// Numbers and times as people read and write them, and placeholders in their texts.
+// Numbers and times as people read and write them, beside those of tools/text.h, and
+// placeholders in their texts.
 //
 // No state; any thread may call.
 #pragma once
@@ -9,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/text.h"
+
 namespace qv::tools::call {
 
 // A whole text as a finite decimal number.
@@ -17,20 +20,11 @@ std::optional<double> parse_number(const std::string& text);
 // `text` with "{uuid}" and "{n}" replaced by the call's UUID and its number, from 1.
 std::string fill_placeholders(const std::string& text, const std::string& uuid, std::size_t number);
 
-// "12,345,678"
-std::string grouped(std::uint64_t value);
-
-// "1 call", "2 calls", "1,000 calls".
-std::string counted(std::uint64_t count, const std::string& noun);
-
 // With so many digits behind the point.
 std::string fixed(double value, int digits);
 
 // "850 ns", "12.3 us", "4.56 ms", "1.23 s".
 std::string short_time(std::chrono::nanoseconds time);
-
-// "5.0 s", "3 min 20 s", "2 h 05 min".
-std::string duration_text(double seconds);
 
 // "850 bytes", "12.3 KiB", "4.5 MiB".
 std::string size_text(double bytes);

@@ -1,6 +1,5 @@
 #include "tools/node/text.h"
 
-#include <cmath>
 #include <cstdio>
 #include <ctime>
 
@@ -90,30 +89,6 @@ std::string features_text(media::features16_t features) {
         }
     }
     return out.empty() ? "no features" : out;
-}
-
-std::string duration_text(double seconds) {
-    if (seconds < 59.95) {
-        return format("%.1f s", seconds);
-    }
-    const long whole = std::lround(seconds);
-    if (whole < 3600) {
-        return format("%ld min %02ld s", whole / 60, whole % 60);
-    }
-    return format("%ld h %02ld min", whole / 3600, whole / 60 % 60);
-}
-
-std::string grouped(std::uint64_t value) {
-    std::string digits = std::to_string(value);
-    for (std::size_t at = digits.size(); at > 3;) {
-        at -= 3;
-        digits.insert(at, 1, ',');
-    }
-    return digits;
-}
-
-std::string counted(std::uint64_t count, const char* noun) {
-    return grouped(count) + ' ' + noun + (count == 1 ? "" : "s");
 }
 
 std::string utc_time() {

@@ -1,4 +1,4 @@
-// Words and numbers as people read them. No state; any thread may call.
+// Words for what the receiver tells, beside those of tools/text.h. No state; any thread may call.
 #pragma once
 
 #include <string>
@@ -6,6 +6,7 @@
 
 #include "module/media_packet.h"
 #include "tools/node/types.h"
+#include "tools/text.h"
 
 namespace qv::tools::node {
 
@@ -22,15 +23,6 @@ std::string quoted_text(std::string_view text);
 
 // "audio activity on originator, off terminator; recording on both", or "no features".
 std::string features_text(media::features16_t features);
-
-// "5.0 s", "3 min 20 s", "2 h 05 min".
-std::string duration_text(double seconds);
-
-// "12,345,678"
-std::string grouped(std::uint64_t value);
-
-// "1 packet", "2 packets".
-std::string counted(std::uint64_t count, const char* noun);
 
 // "2026-01-31T23:59:59.123456Z", of now.
 std::string utc_time();
