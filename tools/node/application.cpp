@@ -308,11 +308,11 @@ bool Application::enough() const {
 }
 
 void Application::report_losses() {
-    const std::uint64_t fresh = receiver_.overflowed() - reported_overflow_;
+    const std::uint64_t overflowed = receiver_.overflowed();
+    const std::uint64_t fresh = overflowed - std::exchange(reported_overflow_, overflowed);
     if (fresh == 0) {
         return;
     }
-    reported_overflow_ = receiver_.overflowed();
     if (!live_) {
         lines_.say("receive buffer full", "the system dropped " + counted(fresh, "packet"));
     }

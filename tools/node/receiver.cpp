@@ -1,7 +1,9 @@
 #include "tools/node/receiver.h"
 
+#include <linux/sock_diag.h>
+
+#include <array>
 #include <asio/ip/address_v4.hpp>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -11,7 +13,6 @@ Receiver::Receiver(asio::io_context& loop, OnDatagram on_datagram)
     : socket_(loop),
       on_datagram_(std::move(on_datagram)),
       buffers_(BATCH * LARGEST),
-      controls_(BATCH * CONTROL_BYTES),
       parts_(BATCH),
       headers_(BATCH) {
     for (unsigned i = 0; i < BATCH; ++i) {
@@ -40,8 +41,6 @@ std::string Receiver::open(const sockaddr_in& address, int buffer_bytes) {
         0) {
         setsockopt(descriptor, SOL_SOCKET, SO_RCVBUF, &buffer_bytes, sizeof buffer_bytes);
     }
-    const int on = 1;
-    setsockopt(descriptor, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
     return {};
 }
 
@@ -64,15 +63,12 @@ void Receiver::wait() {
 void Receiver::drain_and_stop() {
     for (unsigned turn = 0; turn < LAST_BATCHES && receive_batch() == BATCH; ++turn) {
     }
+    overflowed();
     std::error_code ignored;
     socket_.close(ignored);
 }
 
 unsigned Receiver::receive_batch() {
-    for (unsigned i = 0; i < BATCH; ++i) {
-        headers_[i].msg_hdr.msg_control = controls_.data() + i * CONTROL_BYTES;
-        headers_[i].msg_hdr.msg_controllen = CONTROL_BYTES;
-    }
     const int got =
         recvmmsg(socket_.native_handle(), headers_.data(), BATCH, MSG_DONTWAIT, nullptr);
     if (got <= 0) {
@@ -80,7 +76,6 @@ unsigned Receiver::receive_batch() {
     }
     const auto count = static_cast<unsigned>(got);
     received_ += count;
-    read_overflow(headers_[count - 1].msg_hdr);
     const Micros now = steady_now();
     for (unsigned i = 0; i < count; ++i) {
         on_datagram_(buffers_.data() + i * LARGEST, headers_[i].msg_len, now);
@@ -88,16 +83,18 @@ unsigned Receiver::receive_batch() {
     return count;
 }
 
-void Receiver::read_overflow(const msghdr& header) {
-    msghdr copy = header;
-    for (cmsghdr* at = CMSG_FIRSTHDR(&copy); at != nullptr; at = CMSG_NXTHDR(&copy, at)) {
-        if (at->cmsg_level == SOL_SOCKET && at->cmsg_type == SO_RXQ_OVFL) {
-            std::uint32_t counter = 0;
-            std::memcpy(&counter, CMSG_DATA(at), sizeof counter);
-            overflowed_ += counter - last_overflow_;
-            last_overflow_ = counter;
-        }
+// Asked for, not taken from the datagrams: the last ones to be dropped have none after
+// them that would tell.
+std::uint64_t Receiver::overflowed() {
+    std::array<std::uint32_t, SK_MEMINFO_VARS> figures{};
+    socklen_t size = sizeof figures;
+    if (socket_.is_open() &&
+        getsockopt(socket_.native_handle(), SOL_SOCKET, SO_MEMINFO, figures.data(), &size) == 0) {
+        const std::uint32_t counter = figures[SK_MEMINFO_DROPS];
+        overflowed_ += counter - last_overflow_;
+        last_overflow_ = counter;
     }
+    return overflowed_;
 }
 
 std::uint16_t Receiver::port() const {

@@ -40,24 +40,21 @@ class Receiver {
     std::uint16_t port() const;
     // What the system granted, in bytes.
     int granted_buffer() const;
-    // Datagrams that the system threw away because the buffer was full.
-    std::uint64_t overflowed() const { return overflowed_; }
+    // Datagrams that the system threw away because the buffer was full; asks the system.
+    std::uint64_t overflowed();
     std::uint64_t received() const { return received_; }
 
   private:
     static constexpr unsigned BATCH = 128;
     static constexpr unsigned BATCHES_PER_TURN = 16;
     static constexpr unsigned LAST_BATCHES = 4096;  // A sender may never stop.
-    static constexpr std::size_t CONTROL_BYTES = 64;
 
     void wait();
     unsigned receive_batch();
-    void read_overflow(const msghdr& header);
 
     asio::ip::udp::socket socket_;
     OnDatagram on_datagram_;
     std::vector<unsigned char> buffers_;
-    std::vector<unsigned char> controls_;
     std::vector<iovec> parts_;
     std::vector<mmsghdr> headers_;
     std::uint64_t received_ = 0;
