@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -93,12 +95,51 @@ TEST_F(ReceiverTest, WhatIsDroppedLaterIsAddedToWhatWasDroppedBefore) {
     EXPECT_EQ(receiver_.received() + receiver_.overflowed(), 3000U);
 }
 
+TEST_F(ReceiverTest, AfterAFloodASingleDatagramIsTakenToo) {
+    open(1 << 20);
+    receiver_.start();
+    for (int i = 0; i < 100; ++i) {
+        send("flood");
+        run_for(milliseconds(0));
+    }
+    run_for(milliseconds(20));
+    ASSERT_EQ(taken_.size(), 100U);
+    send("late");
+    run_for(milliseconds(20));
+    ASSERT_EQ(taken_.size(), 101U);
+    EXPECT_EQ(taken_.back(), "late");
+}
+
 TEST_F(ReceiverTest, WhatIsThereIsTakenBeforeStopping) {
     open(1 << 20);
     receiver_.start();
     send("last");
     receiver_.drain_and_stop();
     EXPECT_EQ(taken_, std::vector<std::string>{"last"});
+}
+
+// Not more than once a millisecond: waking would cost more than the datagrams.
+TEST_F(ReceiverTest, ASteadyStreamIsTakenInGroups) {
+    open(1 << 20);
+    receiver_.start();
+    asio::steady_timer next(loop_);
+    int sent = 0;
+    std::function<void(std::error_code)> send_one = [&](std::error_code) {
+        if (taken_.size() == 1000) {
+            loop_.stop();
+        } else if (sent < 1000) {
+            ++sent;
+            send("packet");
+        }
+        next.expires_after(std::chrono::microseconds(50));
+        next.async_wait(send_one);
+    };
+    const auto begin = std::chrono::steady_clock::now();
+    send_one({});
+    run_for(std::chrono::seconds(20));
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_EQ(taken_.size(), 1000U);
+    EXPECT_LE(receiver_.wake_ups(), took / milliseconds(1) + 10U);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@ namespace qv::tools::node {
 
 Receiver::Receiver(asio::io_context& loop, OnDatagram on_datagram)
     : socket_(loop),
+      timer_(loop),
       on_datagram_(std::move(on_datagram)),
       buffers_(BATCH * LARGEST),
       parts_(BATCH),
@@ -50,20 +51,45 @@ void Receiver::start() {
 
 void Receiver::wait() {
     socket_.async_wait(asio::ip::udp::socket::wait_read, [this](std::error_code error) {
-        if (error) {
-            return;
+        if (!error) {
+            take();
         }
-        // Bounded, so that timers and signals get their turn under a flood.
-        for (unsigned turn = 0; turn < BATCHES_PER_TURN && receive_batch() == BATCH; ++turn) {
-        }
-        wait();
     });
+}
+
+void Receiver::pause() {
+    timer_.expires_after(PAUSE);
+    timer_.async_wait([this](std::error_code error) {
+        if (!error) {
+            take();
+        }
+    });
+}
+
+void Receiver::take() {
+    ++wake_ups_;
+    const std::uint64_t before = received_;
+    // Bounded, so that timers and signals get their turn under a flood.
+    unsigned turn = 0;
+    while (turn < BATCHES_PER_TURN && receive_batch() == BATCH) {
+        ++turn;
+    }
+    const Micros now = steady_now();
+    const bool drained = turn < BATCHES_PER_TURN;
+    const bool soon_again = now - last_taken_ < 2 * PAUSE;
+    last_taken_ = now;
+    if (drained && soon_again && received_ != before) {
+        pause();
+    } else {
+        wait();
+    }
 }
 
 void Receiver::drain_and_stop() {
     for (unsigned turn = 0; turn < LAST_BATCHES && receive_batch() == BATCH; ++turn) {
     }
     overflowed();
+    timer_.cancel();
     std::error_code ignored;
     socket_.close(ignored);
 }
