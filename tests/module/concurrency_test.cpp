@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/call_transfer.h"
+#include "tests/support/media_listener.h"
 #include "tests/support/module_test.h"
 
 // The module closes its socket at shutdown beside calls that still send, and no lock stands
@@ -28,104 +30,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::uint32_t u32(const Bytes& packet, std::size_t offset) {
-    return static_cast<std::uint32_t>(packet[offset] | packet[offset + 1] << 8 |
-                                      packet[offset + 2] << 16) |
-           static_cast<std::uint32_t>(packet[offset + 3]) << 24;
-}
-
-// What the node saw of one leg, in the order of the packets.
-struct Leg {
-    std::uint32_t packets = 0;
-    std::uint32_t samples = 0;
-    std::uint32_t gaps = 0;
-
-    void take(const Bytes& packet) {
-        const bool next = u32(packet, 40) == packets + 1 && u32(packet, 44) == samples;
-        gaps += next ? 0U : 1U;
-        packets = u32(packet, 40);
-        samples = u32(packet, 44) + static_cast<std::uint32_t>(packet[48] | packet[49] << 8);
-    }
-};
-
-// What the node saw of one call.
-struct SeenCall {
-    unsigned starts = 0;
-    unsigned terminates = 0;
-    unsigned controls = 0;
-    unsigned others = 0;
-    unsigned data_before_start = 0;
-    unsigned data_after_terminate = 0;
-    Leg legs[2];
-
-    void take(const Bytes& packet) {
-        switch (packet[4]) {
-            case 0x81:
-                ++starts;
-                break;
-            case 0x82:
-                ++terminates;
-                break;
-            case 0x83:
-                data_before_start += starts == 0 ? 1U : 0U;
-                data_after_terminate += terminates != 0 ? 1U : 0U;
-                legs[packet[7] >> 7].take(packet);
-                break;
-            case 0x84:
-                ++controls;
-                break;
-            default:
-                ++others;
-                break;
-        }
-    }
-};
-
-// Keeps receiving while the calls run; the calls by their UUIDs.
-class Listener {
-  public:
-    explicit Listener(MediaNode& node) : node_(node), thread_([this] { run(); }) {}
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-    ~Listener() {
-        if (thread_.joinable()) {
-            finish();
-        }
-    }
-
-    // Waits until nothing comes any more.
-    const std::map<std::string, SeenCall>& finish() {
-        finishing_ = true;
-        thread_.join();
-        return calls_;
-    }
-
-  private:
-    void run() {
-        while (true) {
-            const bool last_round = finishing_;
-            const Bytes packet = node_.receive(100ms);
-            if (packet.size() >= 40) {
-                calls_[field(packet, 16, 16)].take(packet);
-            } else if (last_round) {
-                return;
-            }
-        }
-    }
-
-    MediaNode& node_;
-    std::atomic<bool> finishing_{false};
-    std::map<std::string, SeenCall> calls_;
-    std::thread thread_;  // last: it uses all above
-};
-
 class Concurrency : public ModuleTest {
   protected:
     static constexpr unsigned CALLS = 24;
     static constexpr std::uint32_t FRAMES = 50;
     static constexpr std::uint32_t SAMPLES = 160;
 
-    Concurrency() : ModuleTest(), listener(std::make_unique<Listener>(node)) {}
+    Concurrency() : ModuleTest(), listener(std::make_unique<MediaListener>(node)) {}
 
     static std::string uuid_of(unsigned number) {
         char text[37];
@@ -162,17 +73,16 @@ class Concurrency : public ModuleTest {
         }
     }
 
-    // Every call started and ended once, each leg without a gap.
-    void expect_whole_calls(const std::map<std::string, SeenCall>& calls) {
-        EXPECT_EQ(calls.size(), CALLS);
-        for (const auto& [uuid, call] : calls) {
-            EXPECT_EQ(call.starts, 1U) << uuid;
-            EXPECT_EQ(call.terminates, 1U) << uuid;
-            EXPECT_EQ(call.others, 0U) << uuid;
-            EXPECT_EQ(call.data_before_start, 0U) << uuid;
-            EXPECT_EQ(call.data_after_terminate, 0U) << uuid;
-            EXPECT_EQ(call.legs[0].gaps + call.legs[1].gaps, 0U) << uuid;
+    // Waits for the end of the packets; every call is whole.
+    std::map<std::string, CallTransfer> finish() {
+        std::map<std::string, CallTransfer> calls;
+        for (const auto& [uuid, packets] : listener->finish()) {
+            calls.emplace(uuid, CallTransfer(packets));
+            EXPECT_EQ(calls[uuid].flaws(), "") << uuid;
         }
+        EXPECT_EQ(calls.size(), CALLS);
+        EXPECT_EQ(node.dropped(), 0U) << "the test's own socket was full";
+        return calls;
     }
 
     // The API finds no call, the ends of their channels find no context.
@@ -198,7 +108,7 @@ class Concurrency : public ModuleTest {
     }
 
     std::atomic<unsigned> answers{0};
-    std::unique_ptr<Listener> listener;
+    std::unique_ptr<MediaListener> listener;
 };
 
 const std::vector<std::string> COMMANDS = {"audio_activity stop", "features",
@@ -229,10 +139,8 @@ TEST_F(Concurrency, CallsThatPlayToTheirEndArriveWhole) {
     for (const auto& call : calls) {
         call->hangup();
     }
-    const std::map<std::string, SeenCall>& seen = listener->finish();
-    expect_whole_calls(seen);
-    for (const auto& [uuid, call] : seen) {
-        for (const Leg& leg : call.legs) {
+    for (const auto& [uuid, call] : finish()) {
+        for (const LegTransfer& leg : call.legs) {
             EXPECT_EQ(leg.packets, FRAMES) << uuid;
             EXPECT_EQ(leg.samples, FRAMES * SAMPLES) << uuid;
         }
@@ -271,7 +179,7 @@ TEST_F(Concurrency, HangupsRaceWithMediaAndCommands) {
     for (std::thread& thread : operators) {
         thread.join();
     }
-    expect_whole_calls(listener->finish());
+    finish();
     expect_empty_registry();
     expect_balance();
 }
@@ -289,10 +197,8 @@ TEST_F(Concurrency, RequestsRaceWithTheStartPacket) {
         EXPECT_EQ(api(uuid + " features"), "----aa\n");
         call->hangup();
     }
-    const std::map<std::string, SeenCall>& seen = listener->finish();
-    expect_whole_calls(seen);
-    for (const auto& [uuid, call] : seen) {
-        EXPECT_LE(call.controls, 1U) << uuid;
+    for (const auto& [uuid, call] : finish()) {
+        EXPECT_LE(call.controls.size(), 1U) << uuid;
     }
     expect_empty_registry();
     expect_balance();

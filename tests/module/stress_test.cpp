@@ -1,26 +1,38 @@
 // Hundreds of calls that start, end and are destroyed while API threads send commands of
 // all kinds to calls that live, die, are dead or never were; contexts that the API makes
-// first, applications run twice, starts that fail. Run it under the sanitizers.
+// first, applications run twice, starts that fail. Nothing is left behind, and what each
+// call sent is whole, in order and its own. Run it under the sanitizers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "tests/support/call_transfer.h"
+#include "tests/support/media_listener.h"
 #include "tests/support/module_test.h"
 
 namespace qv::tests {
 
 namespace {
 
+using host::Direction;
+
 constexpr unsigned CALL_THREADS = 4;
 constexpr unsigned API_THREADS = 8;
 constexpr unsigned CALLS_A_THREAD = 60;
+constexpr unsigned CALLS = CALL_THREADS * CALLS_A_THREAD;
 
 const std::vector<std::string> WORDS = {
     "features",        "audio_activity start",      "audio_activity stop both",
@@ -34,22 +46,126 @@ std::string uuid_of(unsigned number) {
     return text;
 }
 
+// The same as the packets carry it.
+std::string packet_uuid_of(unsigned number) {
+    std::string text = uuid_of(number);
+    text.erase(std::remove(text.begin(), text.end(), '-'), text.end());
+    return text;
+}
+
+// ---- audio ------------------------------------------------------------------------
+
+// No two calls, and no two legs of one, have the same samples.
+std::uint16_t sample(unsigned call, std::size_t leg, std::size_t position) {
+    return static_cast<std::uint16_t>(call * 40503U + leg * 20011U + position * 31U);
+}
+
+Bytes audio(unsigned call, std::size_t leg, std::size_t samples) {
+    Bytes bytes;
+    for (std::size_t i = 0; i < samples; ++i) {
+        const std::uint16_t value = sample(call, leg, i);
+        bytes.push_back(static_cast<unsigned char>(value & 0xFF));
+        bytes.push_back(static_cast<unsigned char>(value >> 8));
+    }
+    return bytes;
+}
+
+// The samples of one leg of a call, in frames of several sizes: one of them empty, one too
+// large for a packet.
+class NumberedFrames : public host::FrameSource {
+  public:
+    NumberedFrames(unsigned call, std::size_t leg, unsigned frames)
+        : call_(call), leg_(leg), frames_(frames) {}
+
+    std::optional<std::uint32_t> next(std::uint8_t* buffer, std::uint32_t capacity) override {
+        constexpr std::array<std::uint32_t, 5> SAMPLES = {160, 80, 0, 700, 160};
+        if (played_ == frames_) {
+            return std::nullopt;
+        }
+        const std::uint32_t samples = std::min(SAMPLES[played_++ % SAMPLES.size()], capacity / 2);
+        for (std::uint32_t i = 0; i < samples; ++i) {
+            const std::uint16_t value = sample(call_, leg_, position_++);
+            std::memcpy(buffer + std::size_t{2} * i, &value, 2);
+        }
+        return samples * 2;
+    }
+
+  private:
+    const unsigned call_;
+    const std::size_t leg_;
+    const unsigned frames_;
+    unsigned played_ = 0;
+    std::size_t position_ = 0;
+};
+
+// ---- what was done to a call --------------------------------------------------------
+
+// What the host handed to the module's bug on one leg, as packets should show it.
+struct Delivered {
+    std::uint32_t packets = 0;
+    std::uint32_t samples = 0;
+};
+
+// Counts the frames that the bug saw. Each leg has a thread of its own.
+class DeliveryCounter : public host::FrameObserver {
+  public:
+    void played(Direction direction, const host::FrameResult& result,
+                std::chrono::nanoseconds /*lateness*/) override {
+        constexpr std::uint32_t MOST_SAMPLES = 661;  // Of one packet.
+        if (result.bugs == 0) {
+            return;
+        }
+        Delivered& leg = legs[static_cast<std::size_t>(direction)];
+        const std::uint32_t samples = result.bytes / 2;
+        leg.packets += std::max((samples + MOST_SAMPLES - 1) / MOST_SAMPLES, 1U);
+        leg.samples += samples;
+    }
+
+    Delivered legs[2];
+};
+
+// A command that the API said it had carried out: the active features before and after.
+using Switch = std::pair<unsigned, unsigned>;
+
+struct CallRecord {
+    bool tapped = false;
+    unsigned configured = 0;  // The active features that its variables ask for.
+    Delivered legs[2];        // Once the call is over.
+
+    std::atomic<bool> ending{false};
+    std::mutex lock;                 // Guards all below.
+    std::vector<unsigned> requests;  // Active features after those that sent no packet.
+    std::vector<Switch> switches;    // Those that sent a control packet.
+    unsigned late_switches = 0;      // Of these: answered when the call was already ending.
+};
+
+// ---- the test -----------------------------------------------------------------------
+
 class Stress : public ModuleTest {
   protected:
+    Stress() : records(CALLS), listener(std::make_unique<MediaListener>(node)) {}
+
     // One call after the other, of all kinds.
     void run_calls(unsigned thread) {
         std::minstd_rand random(thread + 1);
         for (unsigned i = 0; i < CALLS_A_THREAD; ++i) {
             run_call(thread * CALLS_A_THREAD + i, random);
+            EXPECT_TRUE(node.wait_for_room());
         }
         threads_left -= 1;
     }
 
     void run_call(unsigned number, std::minstd_rand& random) {
+        CallRecord& record = records[number];
         host::CallOptions options;
         options.uuid = uuid_of(number);
         const auto kind = static_cast<unsigned>(random() % 6);
+        record.tapped = kind != 0 && kind != 1 && kind != 3;
         options.variables = {{"quorvane_rule_id", "1"}, {"sip_call_id", "stress"}};
+        if (random() % 2 == 0) {
+            options.variables["quorvane_audio_activity"] = "true";
+            record.configured = 0x0C;
+        }
         if (kind == 0) {
             options.variables["quorvane_media_node"] = "no address";
         }
@@ -59,7 +175,7 @@ class Stress : public ModuleTest {
         newest = number;
         const auto call = host.start_call(std::move(options));
         if (kind == 2) {
-            api(uuid_of(number) + " audio_activity start");
+            command(number, "audio_activity start");
         }
         if (kind != 3) {  // Of this kind only the API may speak.
             call->execute("quorvane");
@@ -67,21 +183,27 @@ class Stress : public ModuleTest {
         if (kind == 4) {
             call->execute("quorvane");
         }
-        play(*call, static_cast<unsigned>(random() % 8));
-        call->hangup();
+        play(*call, number, static_cast<unsigned>(random() % 40));
     }
 
-    // Both legs at once, on threads of the call's own.
-    static void play(host::Call& call, unsigned frames) {
+    // Both legs at once, on threads of the call's own, and then the end; every other call
+    // ends in the middle.
+    void play(host::Call& call, unsigned number, unsigned frames) {
+        const auto counter = std::make_shared<DeliveryCounter>();
         host::MediaPlan plan;
-        plan.read = host::play_silence(frames, 160);
-        plan.write = host::play_silence(frames, 160);
+        plan.read = std::make_unique<NumberedFrames>(number, 0, frames);
+        plan.write = std::make_unique<NumberedFrames>(number, 1, frames);
         plan.pace = host::Pace::free_running;
         plan.threads = host::MediaThreads::own;
+        plan.observer = counter;
         call.start_media(std::move(plan));
         if (frames % 2 == 0) {
             call.wait_media(std::chrono::seconds(10));
         }
+        CallRecord& record = records[number];
+        record.ending = true;
+        call.hangup();
+        std::copy(std::begin(counter->legs), std::end(counter->legs), std::begin(record.legs));
     }
 
     // Mostly to calls that are alive or just gone.
@@ -91,15 +213,121 @@ class Stress : public ModuleTest {
             const bool near = random() % 4 != 0;
             const unsigned around = newest + static_cast<unsigned>(random() % 8);
             const unsigned number = near ? around - 4 : static_cast<unsigned>(random() % 1000);
-            api(uuid_of(number) + " " + WORDS[random() % WORDS.size()]);
+            command(number, WORDS[random() % WORDS.size()]);
         }
     }
 
+    // Sends a command and keeps what came of it.
+    void command(unsigned number, const std::string& words) {
+        const std::string answer = api(uuid_of(number) + " " + words);
+        const std::size_t result = answer.find(": old = ");
+        Switch change;
+        if (number >= CALLS || result == std::string::npos ||
+            std::sscanf(answer.c_str() + result, ": old = %u, new = %u", &change.first,
+                        &change.second) != 2) {
+            return;
+        }
+        CallRecord& record = records[number];
+        const std::lock_guard<std::mutex> guard(record.lock);
+        if (answer.find("control packet for feature update was sent") == std::string::npos) {
+            record.requests.push_back(change.second);
+        } else {
+            record.switches.push_back(change);
+            record.late_switches += record.ending ? 1U : 0U;
+        }
+    }
+
+    // ---- afterwards: no other thread runs any more
+
+    void expect_nothing_left_behind() {
+        const host::Report report = host.report();
+        EXPECT_EQ(report.read_locks_held, 0U);
+        EXPECT_EQ(report.bugs_attached, 0U);
+        EXPECT_EQ(report.bugs_added, report.bugs_closed);
+        EXPECT_GT(report.bugs_refused, 0U);
+        EXPECT_EQ(report.sessions_alive, 0U);
+        EXPECT_EQ(report.frames_altered, 0U);
+        // A module with a context left in its registry would stay mapped.
+        EXPECT_TRUE(unload().left_memory);
+    }
+
+    // Calls that were not tapped sent nothing, all others all of it.
+    void expect_whole_transfers() {
+        const MediaListener::Packets& packets = listener->finish();
+        ASSERT_EQ(node.dropped(), 0U)
+            << "the test's own socket was full: what came says nothing about the module";
+        std::size_t tapped = 0;
+        for (unsigned number = 0; number < CALLS; ++number) {
+            SCOPED_TRACE(uuid_of(number));
+            const auto found = packets.find(packet_uuid_of(number));
+            ASSERT_EQ(found != packets.end(), records[number].tapped);
+            if (found != packets.end()) {
+                ++tapped;
+                expect_whole(number, CallTransfer(found->second));
+            }
+        }
+        EXPECT_EQ(packets.size(), tapped) << "packets of no call";
+        RecordProperty("control_packets", std::to_string(controls_seen));
+        RecordProperty("control_packets_behind_a_terminate", std::to_string(late_seen));
+        EXPECT_GT(controls_seen, 0U) << "no command met a call that was tapped";
+    }
+
+    void expect_whole(unsigned number, const CallTransfer& transfer) {
+        const CallRecord& record = records[number];
+        EXPECT_EQ(transfer.flaws(), "");
+        for (std::size_t leg = 0; leg < 2; ++leg) {
+            SCOPED_TRACE(leg == 0 ? "read leg" : "write leg");
+            EXPECT_EQ(transfer.legs[leg].packets, record.legs[leg].packets);
+            EXPECT_EQ(transfer.legs[leg].samples, record.legs[leg].samples);
+            EXPECT_TRUE(transfer.legs[leg].audio == audio(number, leg, record.legs[leg].samples))
+                << "audio that is not this leg's";
+        }
+        expect_requested_start(record, transfer);
+        expect_accepted_controls(record, transfer);
+    }
+
+    // What no request brought is as the variables say. A request may also only take away:
+    // "nothing to update" is then the answer.
+    static void expect_requested_start(const CallRecord& record, const CallTransfer& transfer) {
+        unsigned asked_for = record.configured;
+        for (const unsigned request : record.requests) {
+            asked_for |= request;
+        }
+        EXPECT_EQ(transfer.start.active & ~asked_for, 0U);
+        if (record.requests.empty()) {
+            EXPECT_EQ(transfer.start.active, record.configured);
+        }
+    }
+
+    // A control packet for each switch and none besides: each takes up where the one before
+    // left off. The API may still carry out a command while the call ends; only the packet
+    // of such a one may come behind the terminate.
+    void expect_accepted_controls(const CallRecord& record, const CallTransfer& transfer) {
+        std::vector<Switch> sent;
+        unsigned active = transfer.start.active;
+        for (const CallTransfer::Features& control : transfer.controls) {
+            EXPECT_EQ(control.supported, transfer.start.supported);
+            sent.emplace_back(active, control.active);
+            active = control.active;
+        }
+        std::vector<Switch> accepted = record.switches;
+        std::sort(accepted.begin(), accepted.end());
+        std::sort(sent.begin(), sent.end());
+        EXPECT_EQ(sent, accepted);
+        EXPECT_LE(transfer.controls_after_terminate, record.late_switches);
+        controls_seen += transfer.controls.size();
+        late_seen += transfer.controls_after_terminate;
+    }
+
+    std::vector<CallRecord> records;  // Of each call, by its number.
+    std::unique_ptr<MediaListener> listener;
     std::atomic<unsigned> threads_left{CALL_THREADS};
     std::atomic<unsigned> newest{0};
+    std::size_t controls_seen = 0;
+    std::size_t late_seen = 0;
 };
 
-TEST_F(Stress, CallsOfAllKindsUnderCommandsOfAllKindsLeaveNothingBehind) {
+TEST_F(Stress, CallsOfAllKindsUnderCommandsOfAllKindsArriveWholeAndLeaveNothingBehind) {
     load("log_level=ERROR\n");
     host.log().set_recording(false);
     std::vector<std::thread> threads;
@@ -114,15 +342,8 @@ TEST_F(Stress, CallsOfAllKindsUnderCommandsOfAllKindsLeaveNothingBehind) {
     }
     host.events().wait_drained();
 
-    const host::Report report = host.report();
-    EXPECT_EQ(report.read_locks_held, 0U);
-    EXPECT_EQ(report.bugs_attached, 0U);
-    EXPECT_EQ(report.bugs_added, report.bugs_closed);
-    EXPECT_GT(report.bugs_refused, 0U);
-    EXPECT_EQ(report.sessions_alive, 0U);
-    EXPECT_EQ(report.frames_altered, 0U);
-    // A module with a context left in its registry would stay mapped.
-    EXPECT_TRUE(unload().left_memory);
+    expect_whole_transfers();
+    expect_nothing_left_behind();
 }
 
 }  // namespace

@@ -1,20 +1,23 @@
 // A media node for tests: a UDP socket on 127.0.0.1 that gives out what it receives, in
 // the order in which it came.
 //
-// One thread at a time.
+// One thread at a time receives; any thread may ask how full the socket is and what it lost.
 #pragma once
 
 #include <arpa/inet.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "tests/support/packet_text.h"
@@ -23,14 +26,14 @@ namespace qv::tests {
 
 class MediaNode {
   public:
-    // std::system_error: no socket to be had.
-    MediaNode() : descriptor_(::socket(AF_INET, SOCK_DGRAM, 0)) {
+    // `room` is what the socket may hold, in bytes as the system counts them; enough for what
+    // many calls send at once, though an ordinary user may get less. std::system_error: no
+    // socket to be had.
+    explicit MediaNode(int room = 16 << 20) : descriptor_(::socket(AF_INET, SOCK_DGRAM, 0)) {
         sockaddr_in local{};
         local.sin_family = AF_INET;
         local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t size = sizeof(local);
-        // Room for what many calls send at once; an ordinary user may get less.
-        const int room = 16 << 20;
         if (::setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room)) != 0) {
             ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
         }
@@ -54,10 +57,8 @@ class MediaNode {
         if (::poll(&ready, 1, static_cast<int>(patience.count())) != 1) {
             return {};
         }
-        Bytes packet(65536);
-        const ssize_t size = ::recv(descriptor_, packet.data(), packet.size(), 0);
-        packet.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
-        return packet;
+        const ssize_t size = ::recv(descriptor_, buffer_.data(), buffer_.size(), 0);
+        return size > 0 ? Bytes(buffer_.begin(), buffer_.begin() + size) : Bytes();
     }
 
     // What has come, up to a quiet time.
@@ -79,9 +80,43 @@ class MediaNode {
         return types;
     }
 
+    // Datagrams that found the socket full. While there are none, a packet that did not
+    // come was not sent.
+    std::uint32_t dropped() const { return memory()[SK_MEMINFO_DROPS]; }
+
+    // Waits while the socket is more than a quarter full, for whoever sends faster than the
+    // node reads; false when the node does not catch up in time.
+    bool wait_for_room(std::chrono::milliseconds patience = std::chrono::seconds(30)) const {
+        const auto give_up = std::chrono::steady_clock::now() + patience;
+        while (more_than_a_quarter_full()) {
+            if (std::chrono::steady_clock::now() > give_up) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+
   private:
+    using Memory = std::array<std::uint32_t, SK_MEMINFO_VARS>;
+
+    // What the system tells of the socket's memory. std::system_error: nothing.
+    Memory memory() const {
+        Memory memory{};
+        socklen_t size = sizeof(memory);
+        if (::getsockopt(descriptor_, SOL_SOCKET, SO_MEMINFO, memory.data(), &size) != 0) {
+            throw std::system_error(errno, std::generic_category(), "media node");
+        }
+        return memory;
+    }
+    bool more_than_a_quarter_full() const {
+        const Memory now = memory();
+        return now[SK_MEMINFO_RMEM_ALLOC] > now[SK_MEMINFO_RCVBUF] / 4;
+    }
+
     int descriptor_;
     std::uint16_t port_ = 0;
+    Bytes buffer_ = Bytes(65536);
 };
 
 }  // namespace qv::tests

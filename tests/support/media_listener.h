@@ -1,0 +1,57 @@
+// Receives on a media node all the time, in a thread of its own, so that the node's socket
+// does not fill while calls run; keeps what came, by call.
+//
+// One thread makes it and takes what it has. The node must outlive it.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/media_node.h"
+
+namespace qv::tests {
+
+class MediaListener {
+  public:
+    // The packets of each call in the order in which they came, by the 32 digits of the
+    // call's UUID. Under an empty text: what is too short to name a call.
+    using Packets = std::map<std::string, std::vector<Bytes>>;
+
+    explicit MediaListener(MediaNode& node) : node_(node), thread_([this] { run(); }) {}
+    MediaListener(const MediaListener&) = delete;
+    MediaListener& operator=(const MediaListener&) = delete;
+    ~MediaListener() { finish(); }
+
+    // Waits until nothing comes any more.
+    const Packets& finish() {
+        finishing_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        return packets_;
+    }
+
+  private:
+    void run() {
+        while (true) {
+            const bool last_round = finishing_;
+            Bytes packet = node_.receive(std::chrono::milliseconds(100));
+            if (!packet.empty()) {
+                packets_[field(packet, 16, 16)].push_back(std::move(packet));
+            } else if (last_round) {
+                return;
+            }
+        }
+    }
+
+    MediaNode& node_;
+    std::atomic<bool> finishing_{false};
+    Packets packets_;     // The thread's until it has ended.
+    std::thread thread_;  // Last: it uses all above.
+};
+
+}  // namespace qv::tests
