@@ -2,13 +2,15 @@
 // feels of it (nothing), and that the next packet is tried as if nothing had been.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
+#include <cstdint>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "tests/support/module_test.h"
+#include "tests/support/socket_errors.h"
 #include "tests/support/system_calls.h"
 
 namespace qv::tests {
@@ -17,71 +19,152 @@ namespace {
 
 using host::Direction;
 
-struct SendError {
-    int error;
-    const char* text;  // As the log ends.
-};
-
-// Every error that sending a datagram can give.
-const SendError SEND_ERRORS[] = {
-    {EPERM, "error (1): Operation not permitted"},
-    {EINTR, "error (4): Interrupted system call"},
-    {EIO, "error (5): Input/output error"},
-    {EBADF, "error (9): Bad file descriptor"},
-    {EAGAIN, "error (11): Resource temporarily unavailable"},
-    {ENOMEM, "error (12): Cannot allocate memory"},
-    {EACCES, "error (13): Permission denied"},
-    {EFAULT, "error (14): Bad address"},
-    {EINVAL, "error (22): Invalid argument"},
-    {EPIPE, "error (32): Broken pipe"},
-    {ENOTSOCK, "error (88): Socket operation on non-socket"},
-    {EDESTADDRREQ, "error (89): Destination address required"},
-    {EMSGSIZE, "error (90): Message too long"},
-    {ENETDOWN, "error (100): Network is down"},
-    {ENETUNREACH, "error (101): Network is unreachable"},
-    {ECONNRESET, "error (104): Connection reset by peer"},
-    {ENOBUFS, "error (105): No buffer space available"},
-    {ECONNREFUSED, "error (111): Connection refused"},
-    {EHOSTDOWN, "error (112): Host is down"},
-    {EHOSTUNREACH, "error (113): No route to host"},
-};
-
 class SystemFault : public ModuleTest {
   protected:
-    // A frame of 160 samples whose value is `value`; the call must get it back as it is.
-    static void feed(host::Call& call, Direction direction, std::int16_t value = 0) {
-        const std::vector<std::int16_t> samples(160, value);
-        EXPECT_FALSE(call.feed(direction, samples.data(), 320).altered);
+    // A frame of 160 samples, other ones each time; the call gets every sample back as it was.
+    void feed(host::Call& call, Direction direction) {
+        std::vector<std::int16_t> samples(160);
+        for (std::int16_t& sample : samples) {
+            sample = next_sample = static_cast<std::int16_t>(next_sample * 31 + 7);
+        }
+        std::vector<std::int16_t> handed_out = samples;
+        switch_frame_t frame{};
+        frame.data = handed_out.data();
+        frame.datalen = frame.buflen = 320;
+        EXPECT_FALSE(call.feed(direction, frame).altered);
+        EXPECT_EQ(frame.data, handed_out.data());
+        EXPECT_EQ(frame.datalen, 320U);
+        EXPECT_EQ(handed_out, samples);
     }
+
+    // Lets the first send fail while `act` runs. It is made once and told in one line; the
+    // other lines are given back.
+    template <typename Act>
+    Lines fail_to_send(const SystemError& error, std::size_t size, Act act) {
+        SystemCalls calls;
+        calls.next("sendto", Outcome::fail(error.number));
+        host.log().clear();
+        act();
+        EXPECT_EQ(calls.seen("sendto").size(), 1U) << "it was tried again, or not at all";
+        const long descriptor = calls.seen("sendto").at(0).numbers.at(0);
+        Lines lines = take_log();
+        const auto told = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+            return line.find("SOCKET[") != std::string::npos;
+        });
+        if (told == lines.end()) {
+            ADD_FAILURE() << "the error was not told";
+            return lines;
+        }
+        // The address of the data is a number that only the sender knows.
+        EXPECT_EQ(std::regex_replace(*told, std::regex(": [0-9]+\\)"), ": ADDRESS)"),
+                  "ERROR log net_socket.cpp:- SOCKET[" + std::to_string(descriptor) +
+                      "]: failed to send a data (" + std::to_string(size) + ": ADDRESS), " +
+                      error.text);
+        lines.erase(told);
+        return lines;
+    }
+
+    static std::string bug_line(const std::string& level, const std::string& text) {
+        return session_line(level, "media_handler", text);
+    }
+
+    static std::string app_line(const std::string& level, const std::string& text) {
+        return session_line(level, "execute_quorvane_app", text);
+    }
+
+    std::int16_t next_sample = 1;
 };
+
+// ---- sending ------------------------------------------------------------------------
 
 TEST_F(SystemFault, EveryErrorOfSendingCostsOneFrameAndTwoLines) {
     load();
     const auto call = start_tapped_call();
-    std::uint32_t sequence_number = 0;
-    for (const SendError& row : SEND_ERRORS) {
-        SCOPED_TRACE(row.text);
-        {
-            SystemCalls calls;
-            calls.next("sendto", Outcome::fail(row.error));
-            feed(*call, Direction::read);
-            EXPECT_EQ(calls.seen("sendto").size(), 1U) << "it was tried again";
-        }
-        const Lines lines = take_log();
-        ASSERT_EQ(lines.size(), 2U);
-        EXPECT_NE(lines[0].find("]: failed to send a data (370: "), std::string::npos) << lines[0];
-        EXPECT_EQ(lines[0].substr(lines[0].find("error (")), row.text);
-        EXPECT_EQ(lines[1], session_line("ERROR", "media_handler",
-                                         "media transfer failed to send read frame"));
+    for (const Direction direction : {Direction::read, Direction::write}) {
+        const std::string name = direction == Direction::read ? "read" : "write";
+        std::uint32_t sequence_number = 0;
+        for (const SystemError& error : SENDTO_ERRORS) {
+            SCOPED_TRACE(name + ", " + error.text);
+            const Lines lines = fail_to_send(error, 370, [&] { feed(*call, direction); });
+            EXPECT_EQ(
+                lines,
+                (Lines{bug_line("ERROR", "media transfer failed to send " + name + " frame")}));
 
-        feed(*call, Direction::read);
-        sequence_number += 2;  // The lost packet has counted.
-        const Bytes packet = node.receive();
-        ASSERT_EQ(packet.size(), 370U);
-        EXPECT_EQ(packet[40], sequence_number);
-        EXPECT_TRUE(take_log().empty());
+            feed(*call, direction);
+            sequence_number += 2;  // The lost packet has counted.
+            const Bytes packet = node.receive();
+            ASSERT_EQ(packet.size(), 370U);
+            EXPECT_EQ(packet[40], sequence_number);
+            EXPECT_TRUE(take_log().empty());
+        }
     }
     EXPECT_EQ(call->bugs().size(), 1U);
+}
+
+TEST_F(SystemFault, EveryErrorOfSendingTheStartLeavesTheCallUntapped) {
+    load();
+    for (const SystemError& error : SENDTO_ERRORS) {
+        SCOPED_TRACE(error.text);
+        const auto call = start_call({{"sip_call_id", "x"}});
+        const Lines lines = fail_to_send(error, 84, [&] { call->execute("quorvane"); });
+        EXPECT_EQ(lines, (Lines{app_line("INFO", "application execution started"),
+                                app_line("NOTICE", std::string("app context added, id: ") + KEY),
+                                bug_line("ERROR", "media transfer start failed"),
+                                app_line("ERROR",
+                                         "failed to add new media bug; media ready: 1, CF_MEDIA: "
+                                         "1, state: 4, cause: 0")}));
+        EXPECT_TRUE(call->bugs().empty());
+
+        feed(*call, Direction::read);
+        feed(*call, Direction::write);
+        hangup(*call);
+        EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
+        EXPECT_EQ(host.log().count("found configured app context on channel destroy"), 1U);
+        host.log().clear();
+    }
+    start_tapped_call();
+}
+
+// What becomes of the packet is not asked for: the switch itself has been carried out.
+TEST_F(SystemFault, EveryErrorOfSendingAControlPacketLeavesTheSwitchCarriedOut) {
+    load();
+    const auto call = start_tapped_call(
+        {{"quorvane_rule_id", "1"}, {"quorvane_audio_activity", "true"}, {"sip_call_id", "x"}});
+    for (const SystemError& error : SENDTO_ERRORS) {
+        SCOPED_TRACE(error.text);
+        std::string answer;
+        const Lines lines =
+            fail_to_send(error, 42, [&] { answer = call_api("audio_activity stop"); });
+        EXPECT_EQ(answer,
+                  "audio_activity: control packet for feature update was sent+OK, "
+                  "audio_activity: updated: old = 12, new = 0");
+        ASSERT_EQ(lines.size(), 1U);
+        EXPECT_NE(lines[0].find("audio_activitycontrol packet for feature update was sent"),
+                  std::string::npos)
+            << lines[0];
+        EXPECT_EQ(call_api("features"), "----aa\n");
+
+        call_api("audio_activity start");
+        EXPECT_EQ(field(node.receive(), 40, 2), "0c0c");
+        feed(*call, Direction::read);
+        EXPECT_EQ(field(node.receive(), 4, 1), "83");
+        host.log().clear();
+    }
+}
+
+TEST_F(SystemFault, EveryErrorOfSendingTheTerminateStillEndsTheTap) {
+    load();
+    for (const SystemError& error : SENDTO_ERRORS) {
+        SCOPED_TRACE(error.text);
+        const auto call = start_tapped_call();
+        feed(*call, Direction::read);
+        EXPECT_EQ(node.receive_types(), "83");
+        const Lines lines = fail_to_send(error, 40, [&] { hangup(*call); });
+        // Nothing more: the context was not left to the end of the channel.
+        EXPECT_EQ(lines, (Lines{bug_line("ERROR", "media transfer termination failed"),
+                                bug_line("INFO", "transfered 320/0 bytes of media")}));
+        EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
+    }
 }
 
 TEST_F(SystemFault, APartialCountIsCompletedWithoutASecondFrame) {
@@ -89,12 +172,43 @@ TEST_F(SystemFault, APartialCountIsCompletedWithoutASecondFrame) {
     const auto call = start_tapped_call();
     SystemCalls calls;
     calls.next("sendto", Outcome::limit(100));
+    calls.next("sendto", Outcome::limit(1));
+    calls.next("sendto", Outcome::answer(0));
     feed(*call, Direction::read);
     const auto sends = calls.seen("sendto");
-    ASSERT_EQ(sends.size(), 2U);
+    ASSERT_EQ(sends.size(), 4U);
     EXPECT_EQ(sends[0].result, 100);
-    EXPECT_EQ(sends[1].result, 270);
+    EXPECT_EQ(sends[1].result, 1);
+    EXPECT_EQ(sends[2].bytes, sends[3].bytes);
+    EXPECT_EQ(sends[3].result, 269);
+    EXPECT_EQ(sends[1].bytes, sends[0].bytes.substr(100));
+    EXPECT_EQ(sends[3].bytes, sends[0].bytes.substr(101));
     EXPECT_TRUE(take_log().empty());
+
+    node.receive_all();
+    feed(*call, Direction::read);
+    const Bytes packet = node.receive();
+    ASSERT_EQ(packet.size(), 370U);
+    EXPECT_EQ(packet[40], 2U);
+}
+
+TEST_F(SystemFault, AnErrorBehindAPartialCountLosesTheRestOfThePacket) {
+    load();
+    const auto call = start_tapped_call();
+    {
+        SystemCalls calls;
+        calls.next("sendto", Outcome::limit(100));
+        calls.next("sendto", Outcome::fail(EINTR));
+        feed(*call, Direction::read);
+        EXPECT_EQ(calls.seen("sendto").size(), 2U);
+    }
+    const Lines lines = take_log();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_NE(lines[0].find("]: failed to send a data (370: "), std::string::npos) << lines[0];
+    EXPECT_EQ(lines[1], bug_line("ERROR", "media transfer failed to send read frame"));
+    EXPECT_EQ(node.receive().size(), 100U);
+    feed(*call, Direction::read);
+    EXPECT_EQ(node.receive().size(), 370U);
 }
 
 TEST_F(SystemFault, AMediaNodeThatIsAwayCostsTheCallNothing) {
@@ -103,58 +217,14 @@ TEST_F(SystemFault, AMediaNodeThatIsAwayCostsTheCallNothing) {
     const std::string address = MediaNode().address();
     const auto call = start_call({{"quorvane_media_node", address}});
     ASSERT_TRUE(call->execute("quorvane"));
-    for (std::int16_t value = 0; value < 100; ++value) {
-        feed(*call, Direction::read, value);
-        feed(*call, Direction::write, value);
+    for (int i = 0; i < 100; ++i) {
+        feed(*call, Direction::read);
+        feed(*call, Direction::write);
     }
     EXPECT_EQ(call->bugs().size(), 1U);
     hangup(*call);
     EXPECT_EQ(host.report().frames_altered, 0U);
     EXPECT_TRUE(host.log().contains("bytes of media"));
-}
-
-TEST_F(SystemFault, AStartThatCannotBeSentLeavesTheCallUntappedAndIsCleanedUp) {
-    load();
-    for (const int error : {EINTR, ENOBUFS, EHOSTUNREACH}) {
-        SCOPED_TRACE(error);
-        const auto call = start_call();
-        {
-            SystemCalls calls;
-            calls.next("sendto", Outcome::fail(error));
-            call->execute("quorvane");
-        }
-        feed(*call, Direction::read);
-        EXPECT_TRUE(call->bugs().empty());
-        EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
-        hangup(*call);
-        EXPECT_EQ(host.log().count("found configured app context on channel destroy"), 1U);
-        host.log().clear();
-    }
-}
-
-TEST_F(SystemFault, AConfigurationThatIsAFolderIsAnEmptyOne) {
-    std::filesystem::create_directories(CONFIG_PATH);
-    EXPECT_TRUE(try_load().loaded);
-    EXPECT_EQ(api("media_node"), "127.0.0.1:0\n");
-}
-
-TEST_F(SystemFault, AConfigurationThatLeadsInACircleIsNotOpened) {
-    const std::filesystem::path path = CONFIG_PATH;
-    std::filesystem::create_directories(path.parent_path());
-    std::filesystem::create_symlink("freeswitch_mod.conf", path);
-    const host::LoadResult result = try_load();
-    EXPECT_FALSE(result.loaded);
-    EXPECT_EQ(result.status, SWITCH_STATUS_TERM);
-    EXPECT_TRUE(host.log().contains("CONFIGURATION: failed to open file ["));
-    EXPECT_TRUE(host.log().contains("failed to load config file ["));
-}
-
-TEST_F(SystemFault, AConfigurationOfRubbishIsReadToItsFirstBadLine) {
-    configure("default_detection=term\n" + std::string(1 << 20, 'x') + "=" + std::string(10, '=') +
-              "\nmedia_node=nobody\n");
-    const host::LoadResult result = try_load();
-    EXPECT_FALSE(result.loaded);
-    EXPECT_TRUE(host.log().contains("option [media_node] to [nobody]: unexpected value format"));
 }
 
 TEST_F(SystemFault, AWallClockThatStepsBackIsPassedOnAsItIs) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tests/support/log_recorder.h"
+#include "tests/support/socket_errors.h"
 #include "tests/support/system_calls.h"
 
 namespace qv::net {
@@ -24,6 +25,7 @@ using tests::LogRecorder;
 using tests::Outcome;
 using tests::SeenCall;
 using tests::SystemCalls;
+using tests::SystemError;
 using Lines = std::vector<LogLine>;
 
 constexpr sa_family_t UNTOUCHED_FAMILY = 0x7777;
@@ -250,6 +252,12 @@ TEST(ParseAddrs, EntriesAreAppended) {
 class HostIp : public testing::Test {
   protected:
     static constexpr std::uint32_t NO_PEER = 0;
+    // The calls but for the first `count`.
+    Texts names_from(std::size_t count) const {
+        const Texts names = calls_.names();
+        return {names.begin() + static_cast<std::ptrdiff_t>(count), names.end()};
+    }
+
     const std::uint32_t loopback_ = htonl(INADDR_LOOPBACK);
     SystemCalls calls_;
 };
@@ -267,13 +275,37 @@ TEST_F(HostIp, TheAddressThatReachesThePeer) {
     EXPECT_EQ(calls_.seen("connect")[0].text, "127.0.0.1:9");
 }
 
-TEST_F(HostIp, AnyStepThatFailsGivesTheFallback) {
-    for (const char* step : {"socket", "connect", "getsockname"}) {
-        calls_.next(step, Outcome::fail(ENETUNREACH));
-        EXPECT_EQ(get_host_ip(loopback_, "fallback"), "fallback") << step;
+TEST_F(HostIp, EveryErrorOfCreatingTheSocketGivesTheFallback) {
+    for (const SystemError& error : tests::SOCKET_ERRORS) {
+        calls_.next("socket", Outcome::fail(error.number));
+        EXPECT_EQ(get_host_ip(loopback_, "fallback"), "fallback") << error.text;
     }
-    EXPECT_EQ(calls_.seen("socket").size(), 3u);
-    EXPECT_EQ(calls_.seen("close").size(), 2u);
+    EXPECT_EQ(calls_.names(), Texts(std::size(tests::SOCKET_ERRORS), "socket"));
+}
+
+TEST_F(HostIp, EveryErrorOfConnectingGivesTheFallbackAndClosesTheSocket) {
+    for (const SystemError& error : tests::CONNECT_ERRORS) {
+        const std::size_t before = calls_.names().size();
+        calls_.next("connect", Outcome::fail(error.number));
+        EXPECT_EQ(get_host_ip(loopback_, "fallback"), "fallback") << error.text;
+        EXPECT_EQ(names_from(before), (Texts{"socket", "connect", "shutdown", "close"}));
+    }
+}
+
+TEST_F(HostIp, EveryErrorOfAskingForTheNameGivesTheFallbackAndClosesTheSocket) {
+    for (const SystemError& error : tests::GETSOCKNAME_ERRORS) {
+        const std::size_t before = calls_.names().size();
+        calls_.next("getsockname", Outcome::fail(error.number));
+        EXPECT_EQ(get_host_ip(loopback_, "fallback"), "fallback") << error.text;
+        EXPECT_EQ(names_from(before),
+                  (Texts{"socket", "connect", "getsockname", "shutdown", "close"}));
+    }
+}
+
+TEST_F(HostIp, AfterAFailureTheNextIsTriedNormally) {
+    calls_.next("connect", Outcome::fail(EINTR));
+    EXPECT_EQ(get_host_ip(loopback_, "fallback"), "fallback");
+    EXPECT_EQ(get_host_ip(loopback_, "fallback"), "127.0.0.1");
 }
 
 // The name of the machine as the system would tell it.
@@ -374,22 +406,38 @@ TEST_F(SocketTest, OpeningTwiceCreatesNoSecondDescriptor) {
     EXPECT_EQ(calls_->names(), (Texts{"socket", "bind"}));
 }
 
-TEST_F(SocketTest, AFailedCreationIsLoggedAndMayBeTriedAgain) {
-    calls_->next("socket", Outcome::fail(EMFILE));
+TEST_F(SocketTest, EveryErrorOfCreationIsLoggedAndMayBeTriedAgain) {
+    for (const SystemError& error : tests::SOCKET_ERRORS) {
+        Socket socket;
+        calls_->next("socket", Outcome::fail(error.number));
+        log_.lines.clear();
+        EXPECT_FALSE(socket.open(0, 0));
+        EXPECT_EQ(log_.lines,
+                  (Lines{{log::ERROR,
+                          std::string("SOCKET[ ]: failed to create a socket, ") + error.text}}));
+        EXPECT_EQ(calls_->names().back(), "socket");
+        EXPECT_TRUE(socket.open(0, 0)) << error.text;
+    }
+}
+
+TEST_F(SocketTest, NoDescriptorIsOneOfThem) {
+    calls_->next("socket", Outcome::starve());
     EXPECT_FALSE(socket_.open(0, 0));
     EXPECT_EQ(log_.lines, (Lines{{log::ERROR,
                                   "SOCKET[ ]: failed to create a socket, error (24): "
                                   "Too many open files"}}));
-    EXPECT_TRUE(calls_->seen("bind").empty());
-    EXPECT_TRUE(socket_.open(0, 0));
 }
 
-TEST_F(SocketTest, AFailedBindIsLoggedAndKeepsTheDescriptor) {
-    calls_->next("bind", Outcome::fail(EADDRINUSE));
-    EXPECT_FALSE(socket_.open(0, 0));
-    EXPECT_EQ(log_.lines, (Lines{{log::ERROR, tag() + ": failed to bind a socket, error (98): "
-                                                      "Address already in use"}}));
-    EXPECT_TRUE(calls_->seen("close").empty());
+TEST_F(SocketTest, EveryErrorOfBindingIsLoggedAndKeepsTheDescriptor) {
+    for (const SystemError& error : tests::BIND_ERRORS) {
+        Socket socket;
+        calls_->next("bind", Outcome::fail(error.number));
+        log_.lines.clear();
+        EXPECT_FALSE(socket.open(0, 0));
+        EXPECT_EQ(log_.lines,
+                  (Lines{{log::ERROR, tag() + ": failed to bind a socket, " + error.text}}));
+        EXPECT_EQ(calls_->names().back(), "bind");
+    }
 }
 
 TEST_F(SocketTest, AfterAFailedBindOpeningSucceedsWithoutBinding) {
@@ -447,35 +495,17 @@ TEST_F(SocketTest, AFailureBehindAPartialCountEndsTheSending) {
 }
 
 TEST_F(SocketTest, EveryErrorOfSendingEndsItWithoutARetry) {
-    struct Row {
-        int error;
-        const char* text;
-    };
-    const Row rows[] = {
-        {EINTR, "(4): Interrupted system call"},
-        {EAGAIN, "(11): Resource temporarily unavailable"},
-        {EACCES, "(13): Permission denied"},
-        {EPERM, "(1): Operation not permitted"},
-        {EBADF, "(9): Bad file descriptor"},
-        {ENOMEM, "(12): Cannot allocate memory"},
-        {ENOBUFS, "(105): No buffer space available"},
-        {EMSGSIZE, "(90): Message too long"},
-        {ECONNREFUSED, "(111): Connection refused"},
-        {EHOSTUNREACH, "(113): No route to host"},
-        {ENETUNREACH, "(101): Network is unreachable"},
-        {EPIPE, "(32): Broken pipe"},
-    };
     open();
     const char data[] = "abc";
-    for (const Row& row : rows) {
-        calls_->next("sendto", Outcome::fail(row.error));
+    for (const SystemError& error : tests::SENDTO_ERRORS) {
+        calls_->next("sendto", Outcome::fail(error.number));
         log_.lines.clear();
         EXPECT_FALSE(socket_.send(peer_address_, data, 3));
         const std::string pointer = std::to_string(reinterpret_cast<std::uintptr_t>(data));
         EXPECT_EQ(log_.lines, (Lines{{log::ERROR, tag() + ": failed to send a data (3: " + pointer +
-                                                      "), error " + row.text}}));
+                                                      "), " + error.text}}));
     }
-    EXPECT_EQ(calls_->seen("sendto").size(), std::size(rows));
+    EXPECT_EQ(calls_->seen("sendto").size(), std::size(tests::SENDTO_ERRORS));
 }
 
 TEST_F(SocketTest, AfterAFailedSendTheNextIsTriedNormally) {

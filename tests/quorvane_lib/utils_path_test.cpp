@@ -234,13 +234,17 @@ TEST_F(PathTest, TheLastDirectoryMayAppearMeanwhile) {
 }
 
 TEST_F(PathTest, AnyOtherFailureOfCreationIsReturnedWithItsError) {
-    for (const int error : {EACCES, ENOSPC, EROFS, ENAMETOOLONG, EINTR}) {
+    // What the manual page of the call names but for EEXIST, and an interruption.
+    for (const int error : {EACCES, EBADF, EDQUOT, EFAULT, EINTR, EINVAL, EIO, ELOOP, EMLINK,
+                            ENAMETOOLONG, ENOENT, ENOMEM, ENOSPC, ENOTDIR, EPERM, EROFS}) {
         SystemCalls calls;
         calls.next("mkdir", Outcome::fail(error));
         EXPECT_FALSE(make(folder_ + "/q/r"));
         EXPECT_EQ(errno, error);
         EXPECT_EQ(calls.seen("mkdir").size(), 1u);
+        EXPECT_FALSE(fs::exists(folder_ + "/q"));
     }
+    EXPECT_TRUE(make(folder_ + "/q/r"));
 }
 
 TEST_F(PathTest, AFailureAtTheLastDirectoryIsReturnedWithItsError) {

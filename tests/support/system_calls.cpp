@@ -10,8 +10,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <optional>
 #include <utility>
+
+#include "tests/support/descriptor_limit.h"
 
 namespace qv::tests {
 
@@ -50,6 +55,10 @@ Result perform(SeenCall call, std::size_t size, GoOn go_on) {
         result = static_cast<Result>(outcome.value);
     } else {
         const bool limited = outcome.kind == Outcome::Kind::LIMIT;
+        std::optional<NoDescriptors> starving;
+        if (outcome.kind == Outcome::Kind::STARVE) {
+            starving.emplace();
+        }
         result = go_on(limited ? std::min(size, static_cast<std::size_t>(outcome.value)) : size);
         error = errno;
     }
@@ -191,4 +200,19 @@ EXPORTED int mkdir(const char* path, mode_t mode) noexcept {
     static auto* const next = system_function<int(const char*, mode_t)>("mkdir");
     return perform<int>({"mkdir", {static_cast<long>(mode)}, path, {}, 0}, 0,
                         [=](std::size_t) { return next(path, mode); });
+}
+
+// How the standard library opens the file of a stream, and reads it.
+EXPORTED FILE* fopen64(const char* path, const char* mode) {
+    static auto* const next = system_function<FILE*(const char*, const char*)>("fopen64");
+    const auto file = perform<std::intptr_t>({"fopen64", {}, path, {}, 0}, 0, [=](std::size_t) {
+        return reinterpret_cast<std::intptr_t>(next(path, mode));
+    });
+    return file == -1 ? nullptr : reinterpret_cast<FILE*>(file);
+}
+
+EXPORTED ssize_t read(int descriptor, void* buffer, size_t size) {
+    static auto* const next = system_function<ssize_t(int, void*, size_t)>("read");
+    return perform<ssize_t>({"read", {descriptor, static_cast<long>(size)}, {}, {}, 0}, size,
+                            [=](std::size_t limit) { return next(descriptor, buffer, limit); });
 }

@@ -1,9 +1,10 @@
 // Watches and disturbs the system calls of a test program.
 //
 // A program that links quorvane_system_calls has its own socket, bind, sendto, recv,
-// shutdown, close, connect, getsockname, gethostname, stat and mkdir. They go on to the
-// system's, unless a SystemCalls object lives: then each call is noted, and the outcomes
-// that the test has lined up for it are taken first. Calls may come from any thread.
+// shutdown, close, connect, getsockname, gethostname, stat, mkdir, and fopen64 and read, by
+// which a stream of the standard library comes to its file. They go on to the system's, unless a
+// SystemCalls object lives: then each call is noted, and the outcomes that the test has lined up
+// for it are taken first. Calls may come from any thread.
 #pragma once
 
 #include <deque>
@@ -21,6 +22,7 @@ struct Outcome {
         FAIL,    // Fails with errno `value`; the system is not asked.
         LIMIT,   // As usual, but with no more than `value` bytes.
         ANSWER,  // Returns `value`; the system is not asked.
+        STARVE,  // As usual, but without a free file descriptor.
     };
     Kind kind = Kind::PASS;
     long value = 0;
@@ -29,6 +31,7 @@ struct Outcome {
     static Outcome fail(int error) { return {Kind::FAIL, error}; }
     static Outcome limit(long bytes) { return {Kind::LIMIT, bytes}; }
     static Outcome answer(long result) { return {Kind::ANSWER, result}; }
+    static Outcome starve() { return {Kind::STARVE, 0}; }
 };
 
 // A call that was made: its integer arguments, its path or address in text, its bytes,
