@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "tests/tools/fake_audio_files.h"
-#include "tools/node/stereo_recording.h"
 
 namespace {
 
@@ -24,7 +23,6 @@ class RecordingTest : public testing::Test {
     SideRecording sides(bool keep_pauses = false) {
         return SideRecording(store_, "call", rate(), {4, keep_pauses});
     }
-    StereoRecording stereo() { return StereoRecording(store_, "call", rate(), {4, false}); }
 
     static void put(Recording& recording, Side side, const Samples& samples) {
         recording.audio(side, samples.data(), samples.size());
@@ -109,45 +107,6 @@ TEST_F(RecordingTest, FailedFileIsReportedAndTheOtherSideGoesOn) {
     EXPECT_EQ(recording.files()[0].error, "No space left on device");
     EXPECT_EQ(recording.files()[1].error, "");
     EXPECT_EQ(samples_of("call-terminator.wav"), (Samples{5, 6, 7, 8}));
-}
-
-TEST_F(RecordingTest, StereoPutsOriginatorLeft) {
-    StereoRecording recording = stereo();
-    put(recording, ORIGINATOR, {1, 2, 3, 4});
-    put(recording, TERMINATOR, {-1, -2, -3, -4});
-    EXPECT_EQ(samples_of("call.wav"), (Samples{1, -1, 2, -2, 3, -3, 4, -4}));
-    EXPECT_EQ(store_.files.at("call.wav").channels, 2);
-}
-
-TEST_F(RecordingTest, StereoFillsTheShorterSideAtTheEnd) {
-    StereoRecording recording = stereo();
-    put(recording, ORIGINATOR, {1, 2});
-    put(recording, TERMINATOR, {-1});
-    recording.finish();
-    EXPECT_EQ(samples_of("call.wav"), (Samples{1, -1, 2, 0}));
-}
-
-TEST_F(RecordingTest, StereoLendsSilenceToASideThatIsAway) {
-    StereoRecording recording = stereo();
-    put(recording, ORIGINATOR, Samples(32, 7));
-    EXPECT_EQ(samples_of("call.wav").size(), 2u * 16);
-    // The pause has been written already; what follows stands at its place.
-    recording.pause(TERMINATOR, 16);
-    put(recording, TERMINATOR, {9});
-    recording.finish();
-    EXPECT_EQ(samples_of("call.wav")[2 * 16 + 1], 9);
-    EXPECT_EQ(samples_of("call.wav").size(), 2u * 32);
-}
-
-TEST_F(RecordingTest, SidesOfDifferentRatesGetAFileEach) {
-    rates_ = {8000, 16000};
-    StereoRecording recording = stereo();
-    put(recording, ORIGINATOR, {1, 2, 3, 4});
-    put(recording, TERMINATOR, {5, 6, 7, 8});
-    recording.finish();
-    EXPECT_EQ(store_.files.count("call.wav"), 0u);
-    EXPECT_EQ(samples_of("call-split-originator.wav"), (Samples{1, 2, 3, 4}));
-    EXPECT_EQ(store_.files.at("call-split-terminator.wav").sample_rate, 16000);
 }
 
 TEST_F(RecordingTest, StemIsTheUuidAndCountsEarlierFiles) {

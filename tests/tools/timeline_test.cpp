@@ -25,33 +25,6 @@ TimelineData call_of_seconds(std::uint64_t seconds) {
     return data;
 }
 
-TEST(EnvelopeTest, KeepsLowestAndHighest) {
-    Envelope envelope(4);
-    const std::int16_t samples[] = {1, -5, 7, 0};
-    envelope.add(samples, 4);
-    ASSERT_EQ(envelope.spans().size(), 1u);
-    EXPECT_EQ(envelope.spans()[0].lowest, -5);
-    EXPECT_EQ(envelope.spans()[0].highest, 7);
-    EXPECT_EQ(envelope.spans()[0].squares, 75.0F);
-}
-
-TEST(EnvelopeTest, StaysSmallHoweverLongItGets) {
-    Envelope envelope(8);
-    const std::int16_t peak = 9;
-    envelope.add(&peak, 1);
-    envelope.add_silence(999'999);
-    EXPECT_LE(envelope.spans().size(), 8u);
-    EXPECT_EQ(envelope.samples(), 1'000'000u);
-    EXPECT_EQ(envelope.spans()[0].highest, 9);
-    EXPECT_GE(envelope.spans().size() * envelope.samples_per_span(), envelope.samples());
-}
-
-TEST(EnvelopeTest, ALongSilenceIsCheap) {
-    Envelope envelope(8);
-    envelope.add_silence(std::uint64_t{1} << 50);
-    EXPECT_EQ(envelope.samples(), std::uint64_t{1} << 50);
-}
-
 TEST(TimelineTest, AxisFitsShortAndLongCalls) {
     EXPECT_TRUE(contains(render_timeline(call_of_seconds(5)), ">2.5 s</text>"));
     EXPECT_TRUE(contains(render_timeline(call_of_seconds(7200)), ">1:30:00</text>"));
