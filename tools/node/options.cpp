@@ -12,8 +12,23 @@ Micros micros_of(double seconds) {
     return std::chrono::duration_cast<Micros>(std::chrono::duration<double>(seconds));
 }
 
+// Unlike CLI::Range it refuses "nan".
+CLI::Validator seconds_between(double least, double most) {
+    const std::string bounds =
+        CLI::detail::to_string(least) + " to " + CLI::detail::to_string(most);
+    return {
+        [least, most, bounds](const std::string& text) -> std::string {
+            double seconds = 0;
+            if (CLI::detail::lexical_cast(text, seconds) && seconds >= least && seconds <= most) {
+                return {};
+            }
+            return "'" + text + "' is no number of seconds from " + bounds;
+        },
+        bounds};
+}
+
 void add_span(CLI::App& app, const std::string& name, Micros& into, const std::string& help,
-              const CLI::Range& range) {
+              const CLI::Validator& range) {
     app.add_option_function<double>(
            name, [&into](double seconds) { into = micros_of(seconds); }, help)
         ->check(range)
@@ -63,10 +78,12 @@ void add_report_options(CLI::App& app, Options& options) {
 }
 
 void add_exit_options(CLI::App& app, Options& options) {
-    app.add_option("--calls", options.calls, "End after N calls have ended")->type_name("N");
+    app.add_option("--calls", options.calls, "End after N calls have ended")
+        ->check(CLI::Range(0, 1'000'000'000))
+        ->type_name("N");
     app.add_option("--idle-exit", options.idle_exit_s,
                    "End after so long without any packet, the wait for the first one included")
-        ->check(CLI::Range(0.0, 1e6))
+        ->check(seconds_between(0, 1'000'000))
         ->type_name("SECONDS");
 }
 
@@ -82,9 +99,9 @@ void add_audio_options(CLI::App& app, Options& options) {
         ->type_name("N")
         ->capture_default_str();
     add_span(app, "--reorder-wait", limits.side.reorder_wait, "How long they wait",
-             CLI::Range(0.0, 10.0));
+             seconds_between(0, 10));
     app.add_option("--max-silence", limits.max_silence_s, "Longest silence for one gap")
-        ->check(CLI::Range(0.0, 3600.0))
+        ->check(seconds_between(0, 3600))
         ->type_name("SECONDS")
         ->capture_default_str();
 }
@@ -96,11 +113,11 @@ void add_limit_options(CLI::App& app, Options& options) {
         ->type_name("N")
         ->capture_default_str();
     add_span(app, "--call-timeout", limits.idle, "End a call after so long without a packet",
-             CLI::Range(0.1, 86400.0));
+             seconds_between(0.1, 86400));
     add_span(app, "--max-call-age", limits.max_age, "End a call that is older",
-             CLI::Range(0.1, 7 * 86400.0));
+             seconds_between(0.1, 7 * 86400));
     add_span(app, "--linger", limits.linger, "Wait for late packets after a terminate packet",
-             CLI::Range(0.0, 60.0));
+             seconds_between(0, 60));
     app.add_option("--max-open-files", options.max_open_files,
                    "Files open at once; others are closed and opened again (default: what the "
                    "system allows)")
