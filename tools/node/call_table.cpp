@@ -336,9 +336,10 @@ int CallTable::decide_rate(Call& call, Side which, bool last) const {
     CallSide& side = call.side(which);
     if (side.sample_rate == 0 && last) {
         const auto guess = side.rate.best_guess();
-        const int others = call.side(other(which)).sample_rate;
-        side.rate_assumed = !guess.has_value() && others == 0;
-        side.sample_rate = guess.value_or(others != 0 ? others : DEFAULT_SAMPLE_RATE);
+        const CallSide& others = call.side(other(which));
+        side.rate_assumed = !guess.has_value() && (others.sample_rate == 0 || others.rate_assumed);
+        side.sample_rate =
+            guess.value_or(others.sample_rate != 0 ? others.sample_rate : DEFAULT_SAMPLE_RATE);
     }
     return side.sample_rate;
 }
