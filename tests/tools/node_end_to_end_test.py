@@ -119,7 +119,8 @@ class NodeEndToEnd(unittest.TestCase):
             start = next(e for e in events if e["event"] == "start")
             expected = {
                 "call_key": "0x34ec6ca7460833a0", "call_uuid": UUID, "send_time": 3600000250,
-                "call_flags": 0x8000, "outbound": False, "report_node_given": False,
+                "magic": 0x00FF00FF, "packet_type": "start", "protocol_version": 1,
+                "leg_word": 0x8000, "call_reference_length": 25, "outbound": False, "report_node_given": False,
                 "rule_id_given": True, "created_time": 1767225600123456,
                 "configured_time": 1767225600125000, "configured_clock": 3600000000,
                 "rule_id": "42", "report_node": "0.0.0.0:0",

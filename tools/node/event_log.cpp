@@ -14,13 +14,38 @@ Json features_json(media::features16_t features) {
     return {{"supported", features.supported}, {"active", features.active}};
 }
 
+const char* name_of(media::PacketType type) {
+    switch (type) {
+        case media::PacketType::START:
+            return "start";
+        case media::PacketType::TERMINATE:
+            return "terminate";
+        case media::PacketType::DATA:
+            return "data";
+        case media::PacketType::CONTROL:
+            return "control";
+    }
+    return "unknown";
+}
+
+// The fields that every packet has; write() adds those that name the call.
+Json packet_json(const media::Packet& packet, Json fields) {
+    fields.update({{"magic", media::PACKET_MAGIC},
+                   {"packet_type", name_of(packet.type)},
+                   {"protocol_version", media::PROTOCOL_VERSION},
+                   {"leg_word", packet.leg_word},
+                   {"send_time", packet.send_time}});
+    return fields;
+}
+
 Json data_json(const media::Packet& packet) {
-    return {{"send_time", packet.send_time},
-            {"leg", packet.leg()},
-            {"call_side", name_of(packet.terminator_side() ? Side::TERMINATOR : Side::ORIGINATOR)},
-            {"sequence_number", packet.sequence_number},
-            {"sample_offset", packet.sample_offset},
-            {"sample_count", packet.sample_count}};
+    return packet_json(
+        packet,
+        {{"leg", packet.leg()},
+         {"call_side", name_of(packet.terminator_side() ? Side::TERMINATOR : Side::ORIGINATOR)},
+         {"sequence_number", packet.sequence_number},
+         {"sample_offset", packet.sample_offset},
+         {"sample_count", packet.sample_count}});
 }
 
 Json side_json(const CallSide& side) {
@@ -64,33 +89,33 @@ void EventLog::started(const Call& call, const media::Packet& packet) {
     const std::string report_node =
         address_text(packet.report_node_address, packet.report_node_port);
     write("start", call,
-          {{"send_time", packet.send_time},
-           {"call_flags", packet.leg_word},
-           {"outbound", packet.outbound()},
-           {"report_node_given", packet.report_node_given()},
-           {"rule_id_given", packet.rule_id_given()},
-           {"created_time", packet.created_time},
-           {"configured_time", packet.configured_time},
-           {"configured_clock", packet.configured_clock},
-           // As text: readers that keep numbers as floating point would change it.
-           {"rule_id", std::to_string(packet.rule_id)},
-           {"report_node", report_node},
-           {"report_node_address", report_node.substr(0, report_node.find(':'))},
-           {"report_node_port", packet.report_node_port},
-           {"features", features_json(packet.features)},
-           {"call_reference", start.call_reference},
-           {"late", call.started_late}});
+          packet_json(
+              packet,
+              {{"outbound", packet.outbound()},
+               {"report_node_given", packet.report_node_given()},
+               {"rule_id_given", packet.rule_id_given()},
+               {"created_time", packet.created_time},
+               {"configured_time", packet.configured_time},
+               {"configured_clock", packet.configured_clock},
+               // As text: readers that keep numbers as floating point would change it.
+               {"rule_id", std::to_string(packet.rule_id)},
+               {"report_node", report_node},
+               {"report_node_address", report_node.substr(0, report_node.find(':'))},
+               {"report_node_port", packet.report_node_port},
+               {"features", features_json(packet.features)},
+               {"call_reference_length", start.call_reference.size() + 1},  // With its zero byte.
+               {"call_reference", start.call_reference},
+               {"late", call.started_late}}));
 }
 
 void EventLog::features_changed(const Call& call, const media::Packet& packet) {
     write("control", call,
-          {{"send_time", packet.send_time},
-           {"features", features_json(packet.features)},
-           {"features_in_effect", features_json(call.features)}});
+          packet_json(packet, {{"features", features_json(packet.features)},
+                               {"features_in_effect", features_json(call.features)}}));
 }
 
 void EventLog::terminated(const Call& call, const media::Packet& packet) {
-    write("terminate", call, {{"send_time", packet.send_time}});
+    write("terminate", call, packet_json(packet, Json::object()));
 }
 
 void EventLog::data(const Call& call, const media::Packet& packet) {
