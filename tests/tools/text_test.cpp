@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/node/live_view.h"
-
 namespace {
 
 using namespace qv::tools::node;
@@ -25,17 +23,6 @@ TEST(NodeTextTest, FeaturesAreWords) {
     EXPECT_EQ(features_text({0x04, 0x04}), "audio activity on originator");
     EXPECT_EQ(features_text({0x20 | 0x40, 0x40}),
               "detection off terminator; recording on originator");
-}
-
-TEST(NodeTextTest, FeatureLettersTellSideAndState) {
-    EXPECT_EQ(feature_letters({0x0C | 0x40, 0x04}, Side::ORIGINATOR), "A-r");
-    EXPECT_EQ(feature_letters({0x0C | 0x40, 0x04}, Side::TERMINATOR), "a--");
-}
-
-TEST(NodeTextTest, MeterFillsWithTheLevel) {
-    EXPECT_EQ(level_meter(-60, 4), "\u00b7\u00b7\u00b7\u00b7");
-    EXPECT_EQ(level_meter(-30, 4), "\u2588\u2588\u00b7\u00b7");
-    EXPECT_EQ(level_meter(0, 4), "\u2588\u2588\u2588\u2588");
 }
 
 }  // namespace

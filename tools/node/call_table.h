@@ -57,7 +57,7 @@ struct Totals {
     std::uint64_t calls_without_start = 0;
     std::uint64_t audio_bytes = 0;
     std::uint64_t gaps = 0;
-    std::uint64_t lost_packets = 0;  // May shrink when late ones come.
+    std::uint64_t lost_packets = 0;  // Given up; those that came later are dropped as LATE.
     std::uint64_t reordered = 0;     // Of ended calls.
     std::uint64_t silence_samples = 0;
     std::uint64_t file_errors = 0;

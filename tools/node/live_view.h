@@ -1,10 +1,12 @@
 // The receiver as one screen of a terminal: its calls with age, features, a level meter a
-// side and loss, and the totals. Makes text only; whoever owns the terminal shows it.
+// side and loss, and the totals. A wide screen also shows the whole UUID, packets and the
+// call's reference. Makes text only; whoever owns the terminal shows it.
 // Belongs to one thread.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tools/node/call_table.h"
 #include "tools/node/types.h"
@@ -32,6 +34,10 @@ class LiveView {
     std::string frame(CallTable& calls, const LiveTotals& totals, Micros now, ScreenSize size);
 
   private:
+    std::vector<std::string> head(const CallTable& calls, const LiveTotals& totals, Micros now);
+    void note_file_errors(const std::vector<Call*>& calls);
+
+    std::string last_file_error_;
     std::uint64_t last_received_ = 0;
     Micros last_time_{0};
 };
