@@ -1,7 +1,10 @@
 #!/usr/bin/env python3
 """Runs the example receivers over loopback with the golden datagrams and with send_call.py.
 
-    test_receivers.py PROGRAM      PROGRAM is examples/receiver.cpp, built
+    test_receivers.py PROGRAM [QUORVANE_CALL MODULE]
+
+PROGRAM is examples/receiver.cpp, built; with the call driver and the module the receivers also
+take calls that went through the module.
 """
 
 import json
@@ -25,6 +28,7 @@ UUID = GOLDEN["call_1_start"]["call_uuid"]
 WAVE_SAMPLES = [0, 100, 200, 100, 0, -100, -200, -100]
 README = (ROOT / "examples" / "README.md").read_text(encoding="utf-8")
 PROGRAM = None  # The receiver in C++, set by main().
+CALL_DRIVER = None  # quorvane-call and its option for the module.
 
 
 def datagram(name):
@@ -100,6 +104,21 @@ class ReceiverTest(unittest.TestCase):
             self.send(*[damaged(chance) for _ in range(20)], bytes(size))
             while not re.search(rf"too short .*\b{size}\b", self.lines(1)[0]):
                 self.assertIsNone(self.process.poll())
+
+
+    def place_calls(self, *options):
+        """Calls through the module, a second long: 50 frames a side."""
+        if not CALL_DRIVER:
+            self.skipTest("no call driver given")
+        names = []
+        for name, level in (("read", 1000), ("write", -2000)):
+            names += [f"--{name}", str(self.folder / f"{name}-source.wav")]
+            with wave.open(names[-1], "wb") as file:
+                file.setparams((1, 2, 8000, 0, "NONE", ""))
+                file.writeframes(b"".join((level + at % 100).to_bytes(2, "little", signed=True)
+                                          for at in range(8000)))
+        subprocess.run([*CALL_DRIVER, "--media-node", f"127.0.0.1:{self.port}", *names, *options],
+                       check=True, stdout=subprocess.DEVNULL, timeout=60)
 
 
 class PythonReceiver(ReceiverTest):
@@ -195,6 +214,23 @@ class PythonReceiver(ReceiverTest):
         self.send_damaged(200)
         self.assertEqual({event["event"] for event in self.end()}, {"closed"})
 
+    def test_calls_through_the_module_come_out_sample_by_sample(self):
+        self.place_calls("--calls", "3", "--api", "0.2 quorvane {uuid} audio_activity stop both",
+                         "--set", "quorvane_audio_activity=true", "--set", "quorvane_rule_id=7")
+        events = self.events(12)
+        kinds = sorted(event["event"] for event in events)
+        self.assertEqual(kinds, ["closed"] * 3 + ["control"] * 3 + ["start"] * 3 +
+                         ["terminate"] * 3)
+        for call in (event for event in events if event["event"] == "closed"):
+            for side, level in (("originator", 1000), ("terminator", -2000)):
+                leg = call["legs"][side]
+                self.assertEqual((leg["packets"], leg["missing_packets"]), (50, 0))
+                self.assertEqual(samples_of(self.folder / leg["file"]),
+                                 [level + at % 100 for at in range(8000)])
+        starts = [event for event in events if event["event"] == "start"]
+        self.assertEqual({event["call_reference"] for event in starts},
+                         {event["call_uuid"] + "@quorvane-call" for event in starts})
+
     def test_commands_of_the_readme_do_what_it_says(self):
         self.stop()
         receive = readme_command("python3 examples/receiver.py")
@@ -227,6 +263,14 @@ class CppReceiver(ReceiverTest):
             f"{UUID} end: originator packets=2 samples=16 lost_packets=0 peak=200",
             f"{UUID} end: terminator packets=2 samples=16 lost_packets=0 peak=1000"])
         self.assertEqual(self.stop(), [])
+
+    def test_call_through_the_module_is_told(self):
+        call = "0d1f7c5e-2b64-4c39-8f0a-6f2d9f3b1a77"
+        self.place_calls("--uuid", call)
+        self.assertEqual(self.lines(3), [
+            f"{call} start: inbound reference={call}@quorvane-call features=0000",
+            f"{call} end: originator packets=50 samples=8000 lost_packets=0 peak=1099",
+            f"{call} end: terminator packets=50 samples=8000 lost_packets=0 peak=2000"])
 
     def test_gap_and_late_packet_are_told(self):
         self.send(data(1, 0, [1, 2]), data(3, 4, [5, 6]), data(2, 2, [3, 4]))
@@ -296,5 +340,7 @@ class Sender(unittest.TestCase):
 
 if __name__ == "__main__":
     PROGRAM = sys.argv.pop(1) if len(sys.argv) > 1 and not sys.argv[1].startswith("-") else None
+    if len(sys.argv) > 2 and not sys.argv[1].startswith("-"):
+        CALL_DRIVER = [sys.argv.pop(1), "--module", sys.argv.pop(1)]
     sys.dont_write_bytecode = True
     unittest.main()
