@@ -9,6 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/call_transfer.h"
+#include "tests/support/descriptor_limit.h"
+#include "tests/support/media_listener.h"
 #include "tests/support/module_test.h"
 #include "tests/support/socket_errors.h"
 #include "tests/support/system_calls.h"
@@ -226,6 +229,122 @@ TEST_F(SystemFault, AMediaNodeThatIsAwayCostsTheCallNothing) {
     EXPECT_EQ(host.report().frames_altered, 0U);
     EXPECT_TRUE(host.log().contains("bytes of media"));
 }
+
+// ---- no file descriptor left ----------------------------------------------------------
+
+class NoDescriptorLeft : public SystemFault {
+  protected:
+    void SetUp() override {
+#ifdef __SANITIZE_ADDRESS__
+        GTEST_SKIP() << "the sanitizers look at objects through a pipe: they need descriptors";
+#endif
+        load();
+    }
+
+    static constexpr const char* OTHER_UUID = "c2d8e1f4-7a06-45b3-a190-9c3d5e7f2b68";
+
+    std::unique_ptr<host::Call> start_other_call() {
+        host::CallOptions options;
+        options.uuid = OTHER_UUID;
+        options.variables = variables;
+        return start_call_as(std::move(options));
+    }
+
+    void feed_both(host::Call& call, int frames) {
+        for (int i = 0; i < frames; ++i) {
+            feed(call, Direction::read);
+            feed(call, Direction::write);
+        }
+    }
+
+    // What came, by call, is whole: so many frames on each leg, and so many switches.
+    void expect_whole(MediaListener& listener, const std::string& packet_uuid, unsigned frames,
+                      std::size_t switches) {
+        const MediaListener::Packets& calls = listener.finish();
+        ASSERT_EQ(calls.count(packet_uuid), 1U);
+        const CallTransfer transfer(calls.at(packet_uuid));
+        EXPECT_EQ(transfer.flaws(), "");
+        EXPECT_EQ(transfer.legs[0].packets, frames);
+        EXPECT_EQ(transfer.legs[1].packets, frames);
+        EXPECT_EQ(transfer.controls.size(), switches);
+    }
+
+    const Variables variables = {{"quorvane_rule_id", "1"},
+                                 {"quorvane_audio_activity", "true"},
+                                 {"quorvane_report_node", "192.0.2.1:5060"},
+                                 {"sip_call_id", "x"}};
+};
+
+TEST_F(NoDescriptorLeft, CallsStreamOnAndNewOnesAreTapped) {
+    MediaListener listener(node);
+    const auto call = start_call(variables);
+    call->execute("quorvane");
+    feed_both(*call, 5);
+    take_log();
+    {
+        const NoDescriptors none;
+        ASSERT_EQ(::dup(0), -1);
+        feed_both(*call, 20);
+        EXPECT_EQ(call_api("features"), "----AA\n");
+        EXPECT_EQ(call_api("audio_activity stop"),
+                  "audio_activity: control packet for feature update was sent+OK, "
+                  "audio_activity: updated: old = 12, new = 0");
+        EXPECT_EQ(api("media_node"), node.address() + "\n");
+
+        const auto other = start_other_call();
+        EXPECT_EQ(api(std::string(OTHER_UUID) + " detection start"),
+                  "detection: app context added, id: 6109419994262705715+OK, detection: updated: "
+                  "old = 0, new = 48");
+        other->execute("quorvane");
+        EXPECT_EQ(other->bugs().size(), 1U);
+        feed_both(*other, 10);
+        EXPECT_EQ(api(std::string(OTHER_UUID) + " features"), "--SSAA\n");
+        hangup(*other);
+    }
+    feed_both(*call, 5);
+    hangup(*call);
+    for (const std::string& line : take_log()) {
+        EXPECT_NE(line.rfind("ERROR", 0), 0U) << line;
+        EXPECT_NE(line.rfind("WARNING", 0), 0U) << line;
+    }
+    expect_whole(listener, "3b9f6a527c1e4d809f2be4a1c05d8e37", 30, 1);
+    expect_whole(listener, "c2d8e1f47a0645b3a1909c3d5e7f2b68", 10, 0);
+}
+
+TEST_F(NoDescriptorLeft, AConfigurationThatCannotWorkStillFailsAsItDoes) {
+    const NoDescriptors none;
+    const auto call = start_call({{"quorvane_media_node", "nowhere"}});
+    call->execute("quorvane");
+    EXPECT_EQ(take_log().back(), app_line("ERROR", "failed to configure application context"));
+    EXPECT_TRUE(call->bugs().empty());
+    feed_both(*call, 3);
+    hangup(*call);
+    EXPECT_EQ(host.log().count("found configured app context on channel destroy"), 1U);
+}
+
+TEST_F(NoDescriptorLeft, AnUnloadStillKeepsTheModuleForItsCalls) {
+    const auto call = start_tapped_call();
+    {
+        const NoDescriptors none;
+        EXPECT_FALSE(unload().left_memory);
+        const NoDescriptors none_again;  // The module's socket has given one back.
+        feed_both(*call, 2);
+        take_log();
+        EXPECT_EQ(try_load().status, SWITCH_STATUS_TERM);
+        EXPECT_TRUE(host.log().contains("CONFIGURATION: failed to open file ["));
+        feed_both(*call, 2);
+    }
+    EXPECT_EQ(call->bugs().size(), 1U);
+    EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
+
+    load();
+    feed_both(*call, 1);
+    hangup(*call);
+    EXPECT_EQ(node.receive_types(), "838382");
+    EXPECT_TRUE(unload().left_memory);
+}
+
+// ---- clocks ---------------------------------------------------------------------------
 
 TEST_F(SystemFault, AWallClockThatStepsBackIsPassedOnAsItIs) {
     load();
