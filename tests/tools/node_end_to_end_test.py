@@ -9,8 +9,10 @@ import pathlib
 import random
 import re
 import resource
+import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -35,17 +37,51 @@ def samples(path):
         return array.array("h", file.readframes(file.getnframes())).tolist()
 
 
-class Node:
-    """A running receiver, its folder and its output."""
+def uuid_of(call):
+    return UUID[:-2] + "%02x" % call
 
-    def __init__(self, *options, limit=None):
+
+def of_call(call, datagram):
+    """The datagram with the UUID of that call."""
+    return datagram[:31] + bytes([call]) + datagram[32:]
+
+
+def data(call, number):
+    """A packet of 160 samples, which count the call and the packet."""
+    head = of_call(call, golden("call_2_read"))[:40]
+    fixed = struct.pack("<IIH", number, (number - 1) * 160, 160)
+    return head + fixed + struct.pack("<160h", *audio(call, number))
+
+
+def audio(call, number):
+    return [100 * call + number % 100] * 160
+
+
+# Mounts a small file system of its own, which nobody else sees, over the new folder $0.
+WITH_TMPFS = 'mkdir "$0" && mount -t tmpfs -o size=%s tmpfs "$0" && exec "$@"'
+
+
+def may_mount():
+    try:
+        return subprocess.run(["unshare", "--mount", "mount", "-t", "tmpfs", "tmpfs", "/mnt"],
+                              capture_output=True).returncode == 0
+    except FileNotFoundError:
+        return False
+
+
+class Node:
+    """A running receiver, its folder and its output. With `disk` the folder is a file system
+    of that size."""
+
+    def __init__(self, *options, limit=None, disk=None):
         self.home = tempfile.TemporaryDirectory(prefix="quorvane-node-")
         self.folder = pathlib.Path(self.home.name) / "wav"
         self.output = pathlib.Path(self.home.name) / "output"
         set_limit = (lambda: resource.setrlimit(*limit)) if limit else None
+        wrapper = ["unshare", "--mount", "sh", "-c", WITH_TMPFS % disk, str(self.folder)]
         with open(self.output, "w") as out:
             self.process = subprocess.Popen(
-                [NODE, "--listen", "127.0.0.1:0", "--output", str(self.folder), *options],
+                [*(wrapper if disk else []), NODE, "--listen", "127.0.0.1:0", "--output", str(self.folder), *options],
                 stdout=out, stderr=subprocess.STDOUT, preexec_fn=set_limit)
         self.address = ("127.0.0.1", int(self.wait_for(r"127\.0\.0\.1:(\d+)").group(1)))
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -63,6 +99,10 @@ class Node:
     def text(self):
         return self.output.read_text()
 
+    def events(self, kind):
+        lines = [line for line in self.text().splitlines() if line.startswith("{")]
+        return [event for event in map(json.loads, lines) if event["event"] == kind]
+
     def wait_for(self, pattern, seconds=20):
         end = time.monotonic() + seconds
         while time.monotonic() < end:
@@ -78,6 +118,25 @@ class Node:
 
     def send_call(self):
         self.send(*map(golden, CALL))
+
+    def talk(self, calls, packets):
+        """The calls, side by side, without their ends."""
+        self.send(*(of_call(call, golden("call_1_start")) for call in calls))
+        for number in range(1, packets + 1):
+            self.send(*(data(call, number) for call in calls))
+            if number % 20 == 0:
+                time.sleep(0.02)
+
+    def end(self, calls):
+        for call in calls:
+            self.send(of_call(call, golden("call_7_terminate")))
+        for call in calls:
+            self.wait_for(uuid_of(call) + "  end ")
+
+    def inside(self, call):
+        """The originator's file of that call, as the receiver sees it."""
+        return pathlib.Path(f"/proc/{self.process.pid}/root{self.folder}",
+                            uuid_of(call) + "-originator.wav")
 
     def exit_code(self, seconds=20):
         return self.process.wait(seconds)
@@ -216,6 +275,68 @@ class NodeEndToEnd(unittest.TestCase):
             node.wait_for("end +complete")
             self.assertEqual(node.stop(), 1)
 
+    @unittest.skipUnless(may_mount(), "no file system can be mounted here")
+    def test_disk_that_is_really_full_costs_no_other_call(self):
+        with Node("--block", "1", "--timeline", "--events", "-", disk="200k") as node:
+            node.talk([1], 800)
+            node.wait_for(uuid_of(1) + "  file error .*: No space left on device")
+            node.talk([2], 20)
+            node.end([2])
+            self.assertRegex(node.text(), uuid_of(2) + "  file error .*: No space left on device")
+            self.assertRegex(node.text(), uuid_of(2) + "    originator .* 20 packets,")
+            node.inside(1).unlink()
+            node.talk([3], 20)
+            node.end([1, 3])
+            self.assertEqual(samples(node.inside(3)),
+                             sum((audio(3, number) for number in range(1, 21)), []))
+            self.assertEqual(node.stop(), 1)
+            ends = {event["call_uuid"]: event for event in node.events("end")}
+            self.assertEqual(ends[uuid_of(1)]["sides"]["originator"]["packets"], 800)
+            errors = [ends[uuid_of(call)]["files"][0]["error"] for call in (1, 2, 3)]
+            self.assertEqual(errors, 2 * ["No space left on device"] + [""])
+
+    def test_folder_that_comes_back_is_used_again(self):
+        with Node("--block", "1") as node:
+            node.talk([1], 20)
+            node.wait_for(uuid_of(1) + "  start ")
+            shutil.rmtree(node.folder)
+            node.talk([2], 20)
+            node.end([1, 2])
+            node.wait_for(uuid_of(2) + "  file error .*: No such file or directory")
+            node.folder.mkdir()
+            node.talk([3], 20)
+            node.end([3])
+            self.assertEqual(len(samples(node.folder / f"{uuid_of(3)}-originator.wav")), 3200)
+            self.assertEqual(node.stop(), 1)
+
+    def test_more_calls_than_files_may_be_open_lose_nothing(self):
+        calls = range(1, 31)
+        with Node("--block", "1", limit=(resource.RLIMIT_NOFILE, (16, 16))) as node:
+            node.talk(calls, 40)
+            node.end(calls)
+            self.assertEqual(node.stop(), 0, node.text())
+            for call in calls:
+                self.assertEqual(samples(node.folder / f"{uuid_of(call)}-originator.wav"),
+                                 sum((audio(call, number) for number in range(1, 41)), []))
+
+    def test_no_file_that_may_be_opened_is_told_call_by_call(self):
+        with Node("--block", "1", limit=(resource.RLIMIT_NOFILE, (9, 9))) as node:
+            node.talk([1, 2], 40)
+            node.end([1, 2])
+            for call in (1, 2):
+                self.assertRegex(node.text(), uuid_of(call) + "  file error .*: Too many open files")
+                self.assertRegex(node.text(), uuid_of(call) + "    originator .* 40 packets,")
+            self.assertEqual(node.stop(), 1)
+
+    def test_limit_too_low_for_the_receiver_itself_is_told(self):
+        for limit in (6, 8):
+            bad = subprocess.run(
+                [NODE, "--listen", "127.0.0.1:0", "--output", "/tmp"], capture_output=True,
+                text=True, timeout=20, preexec_fn=lambda: resource.setrlimit(
+                    resource.RLIMIT_NOFILE, (limit, limit)))
+            self.assertIn(bad.returncode, (1, 3))
+            self.assertIn("Too many open files", bad.stderr)
+
     def test_vanished_folder_is_told(self):
         with Node() as node:
             node.folder.rmdir()
@@ -253,4 +374,6 @@ class NodeEndToEnd(unittest.TestCase):
 
 
 if __name__ == "__main__":
+    if not may_mount():
+        print("The test of a full disk is skipped: no file system can be mounted here.")
     unittest.main(argv=sys.argv[:1], verbosity=1)

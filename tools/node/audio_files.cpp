@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -24,6 +25,17 @@ constexpr std::uint64_t MAX_FILE_BYTES = 0xFFFFFFFF - 4096;
 
 std::string system_text(int error) {
     return std::generic_category().message(error);
+}
+
+// What the library says; an error of the system is told in the system's words alone.
+std::string library_text(const char* text) {
+    static constexpr std::string_view prefix = "System error : ";
+    std::string words = text;
+    if (words.rfind(prefix, 0) == 0) {
+        words.erase(0, prefix.size());
+        words.erase(words.find_last_not_of('.') + 1);
+    }
+    return words;
 }
 
 }  // namespace
@@ -53,7 +65,7 @@ class WavFile : public AudioFile {
         errno = 0;
         const auto wanted = static_cast<sf_count_t>(count);
         if (sf_write_short(handle_, samples, wanted) != wanted) {
-            return fail(errno != 0 ? system_text(errno) : sf_strerror(handle_));
+            return fail(errno != 0 ? system_text(errno) : library_text(sf_strerror(handle_)));
         }
         written_ += count;
         if (++blocks_ % BLOCKS_PER_HEADER == 0) {
@@ -79,7 +91,7 @@ class WavFile : public AudioFile {
         errno = 0;
         const int result = sf_close(std::exchange(handle_, nullptr));
         if (result != 0 && error_.empty()) {
-            error_ = errno != 0 ? system_text(errno) : sf_error_number(result);
+            error_ = errno != 0 ? system_text(errno) : library_text(sf_error_number(result));
         }
     }
 
@@ -98,11 +110,11 @@ class WavFile : public AudioFile {
         handle_ = sf_open_fd(descriptor, fresh ? SFM_WRITE : SFM_RDWR, &format_, SF_TRUE);
         if (handle_ == nullptr) {
             ::close(descriptor);
-            return fail(sf_strerror(nullptr));
+            return fail(library_text(sf_strerror(nullptr)));
         }
         place_ = folder_.open_.insert(folder_.open_.end(), this);
         if (!fresh && sf_seek(handle_, 0, SEEK_END) < 0) {
-            return fail(sf_strerror(handle_));
+            return fail(library_text(sf_strerror(handle_)));
         }
         return true;
     }
