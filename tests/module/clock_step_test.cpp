@@ -112,7 +112,7 @@ class ClockStep : public ModuleTest {
         EXPECT_EQ(node.receive_types(), "82");
     }
 
-    const WallClock clock;
+    WallClock clock;
 };
 
 // Without it the tests below would show nothing.
