@@ -36,7 +36,7 @@ class LogViewTest : public ::testing::Test {
 
     std::ostringstream out_;
     std::ostringstream status_;
-    Console console_{out_, status_, false};
+    Console console_{out_, status_, false, [] { return std::size_t{80}; }};
     host::Log log_;
     std::unique_ptr<LogView> view_;
 };
@@ -91,18 +91,36 @@ TEST_F(LogViewTest, LevelsAreKnownInEitherCase) {
     EXPECT_EQ(level_name(SWITCH_LOG_NOTICE), "NOTICE");
 }
 
+std::size_t eighty() {
+    return 80;
+}
+
 TEST(ConsoleTest, ALineGoesAboveTheStatus) {
     std::ostringstream out;
-    Console console(out, out, true);
+    Console console(out, out, true, eighty);
     console.set_status("50 %");
     console.line("news");
     console.set_status("");
     EXPECT_EQ(out.str(), "50 %\r\033[Knews\n50 %\r\033[K");
 }
 
+TEST(ConsoleTest, AStatusWiderThanTheTerminalIsCut) {
+    std::ostringstream out;
+    Console console(out, out, true, eighty);
+    console.set_status(std::string(100, 'x'));
+    EXPECT_EQ(out.str(), std::string(79, 'x'));
+}
+
+TEST(ConsoleTest, ATerminalThatDoesNotTellItsWidthGetsAll) {
+    std::ostringstream out;
+    Console console(out, out, true, [] { return std::size_t{0}; });
+    console.set_status(std::string(100, 'x'));
+    EXPECT_EQ(out.str(), std::string(100, 'x'));
+}
+
 TEST(ConsoleTest, WithoutATerminalThereIsNoStatus) {
     std::ostringstream out;
-    Console console(out, out, false);
+    Console console(out, out, false, eighty);
     console.set_status("50 %");
     console.line("news");
     EXPECT_EQ(out.str(), "news\n");

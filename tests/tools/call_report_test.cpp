@@ -115,7 +115,7 @@ Progress progress_of(double elapsed, double expected, std::size_t over) {
 
 TEST(ProgressTest, TheBarFillsWithTheTime) {
     EXPECT_EQ(progress_bar(progress_of(15, 30, 3)),
-              "[##########..........]  50 %  15.0 s of 30.0 s, 1,000 calls up, 3 of 2,000 over, "
+              "[#####.....]  50 %  15.0 s of 30.0 s, 1,000 calls up, 3 of 2,000 over, "
               "1,234,567 frames");
 }
 

@@ -1,5 +1,6 @@
 #include "tools/call/application.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -29,6 +30,11 @@ std::string audio_text(const std::optional<Audio>& audio, const std::optional<Sp
     return text;
 }
 
+std::size_t terminal_columns() {
+    winsize size{};
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
 }  // namespace
 
 Application::Application(Options options, std::ostream& out, std::ostream& errors,
@@ -37,7 +43,8 @@ Application::Application(Options options, std::ostream& out, std::ostream& error
 
       errors_(errors),
       stop_(stop),
-      console_(out, errors, isatty(STDOUT_FILENO) != 0 && isatty(STDERR_FILENO) != 0) {}
+      console_(out, errors, isatty(STDOUT_FILENO) != 0 && isatty(STDERR_FILENO) != 0,
+               terminal_columns) {}
 
 int Application::run() {
     const auto fail = [this](const std::exception& error, int code) {

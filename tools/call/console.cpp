@@ -24,8 +24,11 @@ void Console::erase_status() {
 }
 
 void Console::draw_status() {
-    if (!status_text_.empty())
-        status_ << status_text_ << std::flush;
+    if (status_text_.empty())
+        return;
+    // The last column stays free: some terminals wrap as soon as it is written.
+    const std::size_t columns = columns_();
+    status_ << (columns > 1 ? status_text_.substr(0, columns - 1) : status_text_) << std::flush;
 }
 
 }  // namespace qv::tools::call

@@ -12,10 +12,14 @@ namespace qv::tools::call {
 
 class Console {
   public:
+    // Tells how many columns the terminal has now, 0 when it does not say.
+    using Columns = std::size_t (*)();
+
     // Lines go to `out`, the status line to `status`; without a terminal there is none.
-    // Both streams must outlive the console.
-    Console(std::ostream& out, std::ostream& status, bool terminal)
-        : out_(out), status_(status), terminal_(terminal) {}
+    // Both streams must outlive the console. The status line is cut to what `columns`
+    // tells: a line that wraps could not be rewritten.
+    Console(std::ostream& out, std::ostream& status, bool terminal, Columns columns)
+        : out_(out), status_(status), terminal_(terminal), columns_(columns) {}
 
     bool terminal() const { return terminal_; }
     void line(const std::string& text);
@@ -30,6 +34,7 @@ class Console {
     std::ostream& out_;
     std::ostream& status_;
     const bool terminal_;
+    const Columns columns_;
     std::string status_text_;
 };
 

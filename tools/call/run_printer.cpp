@@ -9,7 +9,7 @@
 namespace qv::tools::call {
 namespace {
 
-constexpr std::size_t BAR_WIDTH = 20;
+constexpr std::size_t BAR_WIDTH = 10;
 constexpr double BAR_FROM_SECONDS = 2;     // shorter runs get no bar
 constexpr double LINES_FROM_SECONDS = 10;  // nor shorter ones than this a line
 constexpr double LINES_EVERY_SECONDS = 5;
