@@ -228,14 +228,17 @@ bool Socket::open(int port, unsigned int address) {
         log_error(errno, " ]: failed to create a socket");
         return false;
     }
-    descriptor_.store(created, std::memory_order_relaxed);
     sockaddr_in local{};
     local.sin_family = AF_INET;
     local.sin_port = htons(static_cast<std::uint16_t>(port));
     local.sin_addr.s_addr = htonl(address);
-    if (::bind(created, generic(local), sizeof(local)) != 0) {
-        // The descriptor is kept: a later open succeeds without binding. Intended.
-        log_error(errno, created, "]: failed to bind a socket");
+    const bool bound = ::bind(created, generic(local), sizeof(local)) == 0;
+    const int error = errno;
+    // Not before: a send from another thread would bind the socket first. Kept when binding
+    // failed, too: a later open succeeds without binding. Intended.
+    descriptor_.store(created, std::memory_order_relaxed);
+    if (!bound) {
+        log_error(error, created, "]: failed to bind a socket");
         return false;
     }
     return true;

@@ -454,6 +454,17 @@ TEST_F(SocketTest, TheMessageNamesWhateverErrorItIs) {
               "SOCKET[ ]: failed to create a socket, error (4711): Unknown error 4711");
 }
 
+// A call that outlived an unload sends while the module is loaded again. The system binds a
+// socket at its first send, and refuses to bind it then.
+TEST_F(SocketTest, ASendBesideTheOpeningDoesNotTakeTheSocketBeforeItIsBound) {
+    calls_->before("bind", [this] { EXPECT_FALSE(send("early")); });
+    EXPECT_TRUE(socket_.open(0, 0));
+    EXPECT_EQ(calls_->seen("sendto").at(0).numbers.at(0), -1);
+    EXPECT_EQ(log_.lines.size(), 1u);
+    EXPECT_TRUE(send("late"));
+    EXPECT_EQ(received(), "late");
+}
+
 TEST_F(SocketTest, ADatagramArrivesWhole) {
     open();
     const std::string data = std::string("abc\0def", 7) + std::string(1400, 'x');

@@ -46,6 +46,7 @@ Result perform(SeenCall call, std::size_t size, GoOn go_on) {
     if (watching == nullptr) {
         return go_on(size);
     }
+    watching->prepare(call.name);
     const Outcome outcome = watching->take(call.name);
     Result result = -1;
     int error = 0;
@@ -81,6 +82,23 @@ SystemCalls::~SystemCalls() {
 void SystemCalls::next(const std::string& name, Outcome outcome) {
     const std::lock_guard<std::mutex> guard(mutex_);
     outcomes_[name].push_back(outcome);
+}
+
+void SystemCalls::before(const std::string& name, std::function<void()> action) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    actions_[name] = std::move(action);
+}
+
+void SystemCalls::prepare(const std::string& name) {
+    std::function<void()> action;
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        const auto found = actions_.find(name);
+        action = found == actions_.end() ? nullptr : found->second;
+    }
+    if (action) {
+        action();
+    }
 }
 
 std::vector<SeenCall> SystemCalls::seen(const std::string& name) const {

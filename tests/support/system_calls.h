@@ -8,6 +8,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -55,16 +56,21 @@ class SystemCalls {
     // Lines up `outcome` for a next call of `name`.
     void next(const std::string& name, Outcome outcome);
 
+    // Has `action` run before each call of `name`, on the thread that makes the call.
+    void before(const std::string& name, std::function<void()> action);
+
     // The calls so far, of one name or, in order, the names of all.
     std::vector<SeenCall> seen(const std::string& name) const;
     std::vector<std::string> names() const;
 
     // For the wrappers.
+    void prepare(const std::string& name);
     Outcome take(const std::string& name);
     void note(SeenCall call);
 
   private:
-    mutable std::mutex mutex_;  // Guards the two below.
+    mutable std::mutex mutex_;  // Guards all below.
+    std::map<std::string, std::function<void()>> actions_;
     std::map<std::string, std::deque<Outcome>> outcomes_;
     std::vector<SeenCall> seen_;
 };
