@@ -216,7 +216,8 @@ TEST_F(Concurrency, UnloadsAndLoadsRaceWithTheMediaOfLiveCalls) {
     for (int i = 0; i < 5; ++i) {
         EXPECT_TRUE(unload().unloaded);
         configure("");
-        EXPECT_TRUE(try_load().loaded);
+        const host::LoadResult result = try_load();
+        EXPECT_TRUE(result.loaded) << result.error;
     }
     for (const auto& call : calls) {
         EXPECT_TRUE(call->wait_media(20s));
