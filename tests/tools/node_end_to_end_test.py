@@ -37,6 +37,29 @@ def samples(path):
         return array.array("h", file.readframes(file.getnframes())).tolist()
 
 
+UUID_END = 0x37  # The last byte of UUID.
+DOCUMENT = (pathlib.Path(__file__).resolve().parents[2] / "docs" / "node.md").read_text()
+PACKET_FIELDS = {"magic", "packet_type", "protocol_version", "leg_word", "send_time"}
+LISTED_SIDE = set(re.findall(r"`(\w+)`", DOCUMENT.split("for each side that came:")[1]
+                             .split("|")[0]))
+
+
+def listed_event_fields():
+    """The fields of each event by the table of the document."""
+    listed = {}
+    table = DOCUMENT.split("## Events")[1].split("|---|---|")[1].split("\n## ")[0]
+    for kind, text in re.findall(r"^\| `(\w+)`[^|]*\| (.*) \|$", table, re.M):
+        # What stands in brackets explains the field before it.
+        plain = re.sub(r"\([^()]*\)", "", text.split(", and under")[0])
+        fields = set(re.findall(r"`(\w+)`", plain)) | {"event", "time"}
+        fields |= PACKET_FIELDS if "the common fields" in text else set()
+        fields |= {"sides"} if kind == "end" else set()
+        if kind not in ("listening", "malformed", "overflow"):
+            fields |= {"call_key", "call_uuid"}
+        listed[kind] = listed["data"] if text.startswith("the same,") else fields
+    return listed
+
+
 def uuid_of(call):
     return UUID[:-2] + "%02x" % call
 
@@ -81,7 +104,8 @@ class Node:
         wrapper = ["unshare", "--mount", "sh", "-c", WITH_TMPFS % disk, str(self.folder)]
         with open(self.output, "w") as out:
             self.process = subprocess.Popen(
-                [*(wrapper if disk else []), NODE, "--listen", "127.0.0.1:0", "--output", str(self.folder), *options],
+                [*(wrapper if disk else []), NODE, "--listen", "127.0.0.1:0", "--output",
+                 str(self.folder), *options],
                 stdout=out, stderr=subprocess.STDOUT, preexec_fn=set_limit)
         self.address = ("127.0.0.1", int(self.wait_for(r"127\.0\.0\.1:(\d+)").group(1)))
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -99,9 +123,9 @@ class Node:
     def text(self):
         return self.output.read_text()
 
-    def events(self, kind):
+    def events(self, kind=None):
         lines = [line for line in self.text().splitlines() if line.startswith("{")]
-        return [event for event in map(json.loads, lines) if event["event"] == kind]
+        return [event for event in map(json.loads, lines) if kind in (None, event["event"])]
 
     def wait_for(self, pattern, seconds=20):
         end = time.monotonic() + seconds
@@ -169,30 +193,36 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(left_right[1::2], 8 * [0] + 4 * [1000, -1000])
             self.assertIn("terminate</text>", (node.folder / f"{UUID}.svg").read_text())
 
-    def test_events_carry_every_field_of_the_start_packet(self):
+    def test_events_carry_every_field_of_the_packets_under_its_documented_name(self):
+        documented = json.loads((GOLDEN / "golden.json").read_text())
         with Node("--calls", "1", "--events", "-", "--packets", "--quiet") as node:
             node.send_call()
             self.assertEqual(node.exit_code(), 0, node.text())
-            events = [json.loads(line) for line in node.text().splitlines()
-                      if line.startswith("{")]
-            start = next(e for e in events if e["event"] == "start")
-            expected = {
-                "call_key": "0x34ec6ca7460833a0", "call_uuid": UUID, "send_time": 3600000250,
-                "magic": 0x00FF00FF, "packet_type": "start", "protocol_version": 1,
-                "leg_word": 0x8000, "call_reference_length": 25, "outbound": False, "report_node_given": False,
-                "rule_id_given": True, "created_time": 1767225600123456,
-                "configured_time": 1767225600125000, "configured_clock": 3600000000,
-                "rule_id": "42", "report_node": "0.0.0.0:0",
-                "features": {"supported": 204, "active": 204},
-                "call_reference": "a84b4c76e66710@192.0.2.7"}
-            self.assertEqual({name: start[name] for name in expected}, expected)
-            kinds = [e["event"] for e in events]
-            self.assertEqual(kinds, ["listening", "start", "data", "data", "data", "data",
-                                     "control", "terminate", "end"])
-            data = events[2]
-            self.assertEqual((data["sequence_number"], data["sample_offset"],
-                              data["sample_count"], data["leg"], data["call_side"]),
-                             (1, 0, 8, 0, "originator"))
+            events = node.events()
+            self.assertEqual([e["event"] for e in events],
+                             ["listening", "start", "data", "data", "data", "data", "control",
+                              "terminate", "end"])
+            for event, name in zip(events[1:], CALL):
+                fields = {key: value for key, value in documented[name].items() if key != "audio"}
+                self.assertEqual({key: event.get(key) for key in fields}, fields)
+
+    def test_events_have_the_fields_that_the_document_lists(self):
+        with Node("--calls", "1", "--events", "-", "--packets", "--rate", "8000") as node:
+            node.folder.rmdir()
+            node.send(b"malformed", golden("call_1_start"), golden("call_6_control"))
+            node.send(*(data(UUID_END, number) for number in (1, 2, 3, 6, 7, 8, 9, 10)))
+            time.sleep(0.5)
+            node.send(data(UUID_END, 4))
+            later = data(UUID_END, 11)
+            node.send(later[:32] + (3600000000 + 9000000).to_bytes(8, "little") + later[40:])
+            node.send(golden("call_7_terminate"))
+            self.assertEqual(node.exit_code(), 1, node.text())
+            listed = listed_event_fields()
+            seen = {event["event"]: set(event) for event in node.events()}
+            self.assertEqual(set(listed) - set(seen), {"overflow"})
+            for kind, fields in seen.items():
+                self.assertEqual(fields, listed[kind], kind)
+            self.assertEqual(set(node.events("end")[0]["sides"]["originator"]), LISTED_SIDE)
 
     def test_lost_packet_is_silence_and_a_gap(self):
         with Node("--calls", "1") as node:
@@ -324,7 +354,8 @@ class NodeEndToEnd(unittest.TestCase):
             node.talk([1, 2], 40)
             node.end([1, 2])
             for call in (1, 2):
-                self.assertRegex(node.text(), uuid_of(call) + "  file error .*: Too many open files")
+                self.assertRegex(node.text(),
+                                 uuid_of(call) + "  file error .*: Too many open files")
                 self.assertRegex(node.text(), uuid_of(call) + "    originator .* 40 packets,")
             self.assertEqual(node.stop(), 1)
 
