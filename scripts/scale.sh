@@ -8,16 +8,26 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
+usage() { echo "usage: scripts/scale.sh [--build FOLDER] [--seconds N] [CALLS...]"; }
+refuse() { echo "scale: $*" >&2; usage >&2; exit 2; }
+
 build=build seconds=30
 while [[ ${1:-} == --* ]]; do
     case $1 in
-        --build) build=$2 ;;
-        --seconds) seconds=$2 ;;
-        *) echo "scale: unknown option $1" >&2; exit 2 ;;
+        --help) usage; exit 0 ;;
+        --build) build=${2:?--build wants a folder} ;;
+        --seconds) seconds=${2:?--seconds wants a number} ;;
+        *) refuse "unknown option '$1'" ;;
     esac
     shift 2
 done
 [ $# -gt 0 ] || set -- 1000 2000 4000
+for number in "$seconds" "$@"; do
+    [[ $number =~ ^[1-9][0-9]*$ ]] || refuse "'$number' is no number above 0"
+done
+for program in quorvane-node quorvane-call; do
+    [ -x "$build/$program" ] || refuse "$build/$program is missing: build it, or name its folder"
+done
 
 work=$(mktemp -d /tmp/quorvane-scale-XXXXXX)
 node=
@@ -30,9 +40,12 @@ run_calls() {
     "$build/quorvane-node" --listen 127.0.0.1:0 --output "$work" --no-sides --quiet \
         --max-calls 100000 --idle-exit 30 --calls "$calls" >"$work/node.log" 2>&1 &
     node=$!
-    until grep -q 'listening on' "$work/node.log"; do sleep 0.1; done
+    until grep -q 'listening on' "$work/node.log"; do
+        kill -0 "$node" 2>/dev/null || { cat "$work/node.log"; exit 1; }
+        sleep 0.1
+    done
     "$build/quorvane-call" --media-node "$(grep -o -m1 '127\.0\.0\.1:[0-9]*' "$work/node.log")" \
-        --calls "$calls" --rate $((calls / 5)) --duration "$seconds" --quiet \
+        --calls "$calls" --rate $(((calls + 4) / 5)) --duration "$seconds" --quiet \
         --json "$work/call.json" >"$work/call.log" || cat "$work/call.log"
     wait "$node" || true
     node=
