@@ -154,9 +154,15 @@ void take_packet(const Packet& packet) {
 
 // A socket bound to the address, or -1 after a message.
 int listen_on(const char* address, const char* port) {
+    char* rest = nullptr;
+    const unsigned long number = std::strtoul(port, &rest, 10);
+    if (std::isdigit(static_cast<unsigned char>(*port)) == 0 || *rest != '\0' || number > 65535) {
+        std::fprintf(stderr, "not a port: %s\n", port);
+        return -1;
+    }
     sockaddr_in local{};
     local.sin_family = AF_INET;
-    local.sin_port = htons(static_cast<std::uint16_t>(std::strtoul(port, nullptr, 10)));
+    local.sin_port = htons(static_cast<std::uint16_t>(number));
     if (inet_pton(AF_INET, address, &local.sin_addr) != 1) {
         std::fprintf(stderr, "not an IPv4 address: %s\n", address);
         return -1;

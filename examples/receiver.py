@@ -112,14 +112,24 @@ def receive(datagram, calls, close):
     event = call["sides"].setdefault(name, Side(packet)).add(packet, rest)
     return event and tell(call_uuid=key, side=name, **event)
 
+def address_and_port(text):
+    address, _, port = text.rpartition(":")
+    if not port.isdecimal() or int(port) > 65535:
+        raise argparse.ArgumentTypeError(f"'{text}' is no address and port")
+    return address, int(port)
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--listen", default="127.0.0.1:5090", metavar="ADDRESS:PORT")
+    parser.add_argument("--listen", default="127.0.0.1:5090", type=address_and_port,
+                        metavar="ADDRESS:PORT")
     parser.add_argument("--output", default=".", type=pathlib.Path, help="folder of the WAV files")
     parser.add_argument("--rate", default=8000, type=int, help="samples a second of the calls")
     parser.add_argument("--calls", default=-1, type=int, help="end after so many calls")
     options = parser.parse_args()
-    options.output.mkdir(parents=True, exist_ok=True)
+    try:
+        options.output.mkdir(parents=True, exist_ok=True)
+    except OSError as error:
+        sys.exit(f"cannot write to folder {options.output}: {error.strerror}")
     calls = {}
 
     def close(key):
@@ -130,10 +140,12 @@ def main():
 
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: sys.exit())
-    address, _, port = options.listen.rpartition(":")
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
-        sock.bind((address, int(port)))
+        try:
+            sock.bind(options.listen)
+        except OSError as error:
+            sys.exit("cannot listen on %s:%d: %s" % (*options.listen, error.strerror))
         try:
             tell("listening", address="%s:%d" % sock.getsockname())
             while options.calls != 0:

@@ -8,6 +8,7 @@ import argparse
 import math
 import socket
 import struct
+import sys
 import time
 import uuid
 
@@ -54,17 +55,31 @@ def data(leg_word, call, index, frequency):
     return packet(DATA, leg_word, call, fixed + tone(frequency, index * FRAME))
 
 
+def address_and_port(text):
+    address, _, port = text.rpartition(":")
+    if not port.isdecimal() or not 0 < int(port) < 65536:
+        raise argparse.ArgumentTypeError(f"'{text}' is no address and port")
+    return address, int(port)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--to", default="127.0.0.1:5090", metavar="ADDRESS:PORT")
+    parser.add_argument("--to", default="127.0.0.1:5090", type=address_and_port,
+                        metavar="ADDRESS:PORT")
     parser.add_argument("--seconds", default=2.0, type=float)
     parser.add_argument("--lose", default=[], type=int, nargs="*", metavar="N",
                         help="sequence numbers of the read leg that are not sent")
     options = parser.parse_args()
-    address, _, port = options.to.rpartition(":")
+    try:
+        print(send_call(options))
+    except OSError as error:
+        sys.exit("cannot send to %s:%d: %s" % (*options.to, error.strerror or error))
+
+
+def send_call(options):
     call = uuid.uuid4()
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
-        sock.connect((address, int(port)))
+        sock.connect(options.to)
         sock.send(start(call, "send_call.py"))
         begin = time.monotonic()
         for index in range(int(options.seconds * RATE / FRAME)):
@@ -74,7 +89,7 @@ def main():
             sock.send(data(WRITE_TERMINATOR, call, index, 660))
         sock.send(packet(CONTROL, CONTROL_LEG_WORD, call, bytes([0xC0, 0x00])))
         sock.send(packet(TERMINATE, 0, call))
-    print(call)
+    return call
 
 
 if __name__ == "__main__":

@@ -248,6 +248,22 @@ class PythonReceiver(ReceiverTest):
         lost = samples_of(self.folder / legs["originator"]["file"])[19 * 160 : 21 * 160]
         self.assertEqual(lost, [0] * 320)
 
+    def refusal(self, *options):
+        result = subprocess.run([sys.executable, "examples/receiver.py", *options], cwd=ROOT,
+                                capture_output=True, text=True, timeout=10, check=False)
+        self.assertNotEqual(result.returncode, 0)
+        return result.stderr.splitlines()[-1]
+
+    def test_mistakes_are_named(self):
+        self.assertEqual(self.refusal("--listen", f"127.0.0.1:{self.port}"),
+                         f"cannot listen on 127.0.0.1:{self.port}: Address already in use")
+        for text in ("localhost", "127.0.0.1:99999", "127.0.0.1:-1"):
+            self.assertEqual(
+                self.refusal("--listen", text),
+                f"receiver.py: error: argument --listen: '{text}' is no address and port")
+        self.assertEqual(self.refusal("--listen", "127.0.0.1:0", "--output", "README.md"),
+                         "cannot write to folder README.md: File exists")
+
 
 class CppReceiver(ReceiverTest):
     def setUp(self):
@@ -328,6 +344,12 @@ class CppReceiver(ReceiverTest):
         self.assertEqual((result.returncode, result.stderr),
                          (1, "not an IPv4 address: localhost\n"))
 
+    def test_port_that_is_none_is_named(self):
+        for port in ("65536", "-1", "5090x", ""):
+            result = subprocess.run([PROGRAM, "127.0.0.1", port], capture_output=True, text=True,
+                                    timeout=10, check=False)
+            self.assertEqual((result.returncode, result.stderr), (1, f"not a port: {port}\n"))
+
 
 class Sender(unittest.TestCase):
     def test_key_is_that_of_the_document(self):
@@ -336,6 +358,23 @@ class Sender(unittest.TestCase):
         uuid_bytes = bytes.fromhex(UUID.replace("-", ""))
         key = f"0x{send_call.call_key(uuid_bytes):016x}"
         self.assertEqual(key, GOLDEN["call_1_start"]["call_key"])
+
+    def refusal(self, *options):
+        result = subprocess.run([sys.executable, "examples/send_call.py", *options], cwd=ROOT,
+                                capture_output=True, text=True, timeout=20, check=False)
+        self.assertNotEqual(result.returncode, 0)
+        return result.stderr.splitlines()[-1]
+
+    def test_receiver_that_is_not_there_is_named(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
+            sock.bind(("127.0.0.1", 0))
+            address = "%s:%d" % sock.getsockname()
+        self.assertEqual(self.refusal("--to", address, "--seconds", "0.5"),
+                         f"cannot send to {address}: Connection refused")
+
+    def test_address_that_is_none_is_named(self):
+        self.assertEqual(self.refusal("--to", "127.0.0.1"),
+                         "send_call.py: error: argument --to: '127.0.0.1' is no address and port")
 
 
 if __name__ == "__main__":
