@@ -112,7 +112,11 @@ TEST_F(OptionsTest, WrongValuesAreNamedWithTheirOption) {
     EXPECT_EQ(refusal_of({"--set", "=x"}), "--set: '=x' is not NAME=VALUE");
     EXPECT_EQ(refusal_of({"--uuid", "12"}), "--uuid: '12' is no UUID");
     EXPECT_EQ(refusal_of({"--duration", "5-2"}),
-              "--duration,--length: '5-2' is no length: SECONDS or MIN-MAX");
+              "--duration,--length: '5-2' is no length: MIN is above MAX");
+    EXPECT_EQ(refusal_of({"--duration", "0"}),
+              "--duration,--length: '0' is no length: it must be above 0");
+    EXPECT_EQ(refusal_of({"--config-place", "nowhere"}),
+              "--config-place: nowhere not in {auto,private,relocated}");
     EXPECT_EQ(refusal_of({"--duration", "soon"}),
               "--duration,--length: 'soon' in 'soon' is no time in seconds");
     EXPECT_EQ(refusal_of({"--api", "quorvane"}),

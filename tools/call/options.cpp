@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <stdexcept>
 #include <vector>
 
@@ -131,16 +132,19 @@ void add_module_options(CLI::App& app, Options& options) {
                       "Sample detection for calls that do not say");
     add_module_option(app, options, "--dump-events", "dump_events",
                       "Host events in the log: none, all, channel or channel-short");
-    const std::vector<std::pair<std::string, ConfigPlace>> places = {
+    static const std::map<std::string, ConfigPlace> places = {
         {"auto", ConfigPlace::automatic},
         {"private", ConfigPlace::private_etc},
         {"relocated", ConfigPlace::relocated}};
-    app.add_option("--config-place", options.module.place,
-                   "Where the module finds its configuration: private,\n"
-                   "in a private view of /etc; relocated, in a folder\n"
-                   "by the build of it in relocated/ beside it; auto,\n"
-                   "what works (default)")
-        ->transform(CLI::CheckedTransformer(places).description(""))
+    // Not a CLI::CheckedTransformer, whose refusal shows the numbers behind the names.
+    app.add_option_function<std::string>(
+           "--config-place",
+           [&options](const std::string& name) { options.module.place = places.at(name); },
+           "Where the module finds its configuration: private,\n"
+           "in a private view of /etc; relocated, in a folder\n"
+           "by the build of it in relocated/ beside it; auto,\n"
+           "what works (default)")
+        ->check(CLI::IsMember({"auto", "private", "relocated"}).description(""))
         ->type_name("PLACE")
         ->group("Module");
 }
@@ -333,8 +337,10 @@ Span parse_span(const std::string& text) {
     const auto dash = text.find('-');
     const double min = seconds_in(text.substr(0, dash), text);
     const double max = dash == std::string::npos ? min : seconds_in(text.substr(dash + 1), text);
-    if (min <= 0 || max < min)
-        throw std::invalid_argument("'" + text + "' is no length: SECONDS or MIN-MAX");
+    if (min <= 0)
+        throw std::invalid_argument("'" + text + "' is no length: it must be above 0");
+    if (max < min)
+        throw std::invalid_argument("'" + text + "' is no length: MIN is above MAX");
     return {min, max};
 }
 
