@@ -108,6 +108,12 @@ TEST_F(DriverTest, CommandsRunInTheOrderOfTheirTimes) {
     EXPECT_EQ(totals.commands_run, 2u);
 }
 
+TEST_F(DriverTest, ACommandThatTheHostDoesNotKnowHasFailed) {
+    plan_.tap_after_s = 0.05;
+    plan_.commands = {{0, "quorvan version"}};
+    EXPECT_EQ(run().commands_failed, 1u);
+}
+
 TEST_F(DriverTest, ACommandThatComesTooLateIsTold) {
     plan_.commands = {{0, "early"}, {60, "late"}};
     const RunTotals totals = run();

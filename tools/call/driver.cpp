@@ -13,8 +13,9 @@ namespace {
 constexpr char APPLICATION[] = "quorvane";
 constexpr Time TICK = std::chrono::milliseconds(100);
 
-bool is_failure(const std::string& answer) {
-    return answer.empty() || answer.compare(0, 4, "-ERR") == 0;
+bool is_failure(const host::ApiAnswer& answer) {
+    return answer.status != SWITCH_STATUS_SUCCESS || answer.text.empty() ||
+           answer.text.compare(0, 4, "-ERR") == 0;
 }
 
 }  // namespace
@@ -175,9 +176,9 @@ void Driver::run_command(std::size_t index, const TimedCommand& command) {
     --live.commands_left;
     ++totals_.commands_run;
     const std::string text = fill_placeholders(command.text, live.call->uuid(), index + 1);
-    const std::string answer = host_.api(text).text;
+    const host::ApiAnswer answer = host_.api(text);
     totals_.commands_failed += is_failure(answer) ? 1 : 0;
-    listener_.command_run(now(), index + 1, text, answer);
+    listener_.command_run(now(), index + 1, text, answer.text);
 }
 
 void Driver::switch_planned_fault(std::size_t item, bool on) {
