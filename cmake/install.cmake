@@ -30,7 +30,7 @@ install(CODE "
          FILES \"${PROJECT_SOURCE_DIR}/packaging/freeswitch_mod.conf\")
   endif()" COMPONENT module)
 
-file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
+file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.ksy)
 install(FILES README.md SECURITY.md ${documents}
         DESTINATION ${module_doc_dir} COMPONENT module)
 install(FILES packaging/freeswitch_mod.conf packaging/modules.conf.xml

@@ -32,6 +32,8 @@ if(RPMBUILD)
   list(APPEND CPACK_GENERATOR RPM)
 endif()
 set(CPACK_PACKAGE_NAME quorvane)
+# Not where cpack is called, which is the source folder as a rule.
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGE_VENDOR "the quorvane maintainers")
 set(CPACK_PACKAGE_CONTACT ${QUORVANE_MAINTAINER})
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION}+fs${QUORVANE_HOST_RELEASE})

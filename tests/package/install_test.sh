@@ -45,7 +45,7 @@ install_into "$work/plain"
 expect "module in lib/freeswitch/mod" test -f "$work/plain/usr/lib/freeswitch/mod/mod_quorvane.so"
 expect "configuration" cmp "$shipped" "$work/plain/$conf"
 documents=$work/plain/usr/share/doc/freeswitch-mod-quorvane
-for file in README.md SECURITY.md docs/protocol.md; do
+for file in README.md SECURITY.md docs/protocol.md docs/quorvane.ksy; do
     expect "document $file" cmp "$source_dir/$file" "$documents/$(basename $file)"
 done
 for sample in packaging/freeswitch_mod.conf packaging/modules.conf.xml; do

@@ -45,6 +45,8 @@ make_packages() {
 
 # ---- contents and control data ------------------------------------------------------
 
+expect "packages stay in the build folder" \
+    grep -qF "set(CPACK_PACKAGE_DIRECTORY \"$build/packages\")" "$build/CPackConfig.cmake"
 make_packages DEB
 deb=$(ls "$work"/DEB/${name}_*.deb)
 field() { dpkg-deb -f "$deb" "$1"; }
@@ -80,7 +82,7 @@ expect "module" grep -q '/freeswitch/mod/mod_quorvane\.so$' <<<"/$module"
 expect "entry of the module" grep -q ' D mod_quorvane_module_interface$' \
     <<<"$(nm -D "$unpacked/$module")"
 expect "configuration that the module reads" grep -qa '/etc/delmaren' "$unpacked/$module"
-for document in copyright changelog.gz README.md SECURITY.md protocol.md \
+for document in copyright changelog.gz README.md SECURITY.md protocol.md quorvane.ksy \
     examples/freeswitch_mod.conf examples/modules.conf.xml examples/dialplan/all_calls.xml; do
     expect "$document" test -s "$unpacked/usr/share/doc/$name/$document"
 done
