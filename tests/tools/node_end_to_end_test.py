@@ -269,6 +269,19 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(second.returncode, 3)
             self.assertIn("Address already in use", second.stderr)
 
+    def test_metrics_port_in_use_is_told(self):
+        with socket.socket() as taken:
+            taken.bind(("127.0.0.1", 0))
+            taken.listen()
+            port = taken.getsockname()[1]
+            with tempfile.TemporaryDirectory() as folder:
+                second = subprocess.run([NODE, "--listen", "127.0.0.1:0", "--metrics", str(port),
+                                         "--output", folder],
+                                        capture_output=True, text=True, timeout=20)
+        self.assertEqual((second.returncode, second.stderr), (
+            3, f"quorvane-node: cannot serve metrics on port {port}: "
+               "it is in use or not permitted\n"))
+
     def test_unusable_folder_and_command_line_are_told(self):
         bad = subprocess.run([NODE, "--listen", "127.0.0.1:0", "--output", "/dev/null/x"],
                              capture_output=True, text=True, timeout=20)

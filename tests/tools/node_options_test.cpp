@@ -107,7 +107,7 @@ TEST_F(NodeOptionsTest, RefusalNamesTheOptionAndTheValue) {
     EXPECT_EQ(refusal_of({"--listen", ""}),
               "--listen: '' is no IPv4 address and port, such as 127.0.0.1:40000");
     EXPECT_EQ(refusal_of({"--rate", "999"}), "--rate: Value 999 not in range 1000 to 384000");
-    EXPECT_EQ(refusal_of({"--metrics", "65536"}), "Could not convert: --metrics = 65536");
+    EXPECT_EQ(refusal_of({"--metrics", "65536"}), "--metrics: Value 65536 not in range 0 to 65535");
     EXPECT_EQ(refusal_of({"--calls", "-1"}), "--calls: Value -1 not in range 0 to 1000000000");
     EXPECT_EQ(refusal_of({"--linger", "soon"}),
               "--linger: 'soon' is no number of seconds from 0 to 60");
@@ -138,8 +138,10 @@ TEST_F(NodeOptionsTest, HelpTellsDefaultsAndExitCodes) {
     EXPECT_EQ(parse({"--help"}), EXIT_FINE);
     EXPECT_NE(help_.find("--listen ADDRESS:PORT=127.0.0.1:40000"), std::string::npos);
     EXPECT_NE(help_.find("Exit codes: 0 fine; 1 a file could not be written"), std::string::npos);
-    EXPECT_NE(help_.find("2 wrong command line; 3 the port or the folder cannot be used."),
-              std::string::npos);
+    EXPECT_NE(
+        help_.find(
+            "2 wrong command line; 3 the port, the folder or the events file cannot be used."),
+        std::string::npos);
 }
 
 }  // namespace

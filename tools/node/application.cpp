@@ -165,9 +165,9 @@ bool Application::open_metrics() {
     }
     try {
         metrics_ = std::make_unique<Metrics>(*options_.metrics_port);
-    } catch (const std::exception& error) {
+    } catch (const std::exception&) {  // Its text speaks of the library's insides.
         return refuse("cannot serve metrics on port " + std::to_string(*options_.metrics_port),
-                      error.what());
+                      "it is in use or not permitted");
     }
     return true;
 }

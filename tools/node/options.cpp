@@ -74,6 +74,7 @@ void add_report_options(CLI::App& app, Options& options) {
                  "Draw each call: an SVG file beside its WAV files");
     app.add_option("--metrics", options.metrics_port,
                    "Serve Prometheus metrics on this port of 127.0.0.1; 0 takes a free one")
+        ->check(CLI::Range(0, 65535))
         ->type_name("PORT");
 }
 
@@ -142,7 +143,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
         "quorvane-node");
     app.footer(
         "Exit codes: 0 fine; 1 a file could not be written, or --idle-exit came before --calls;\n"
-        "2 wrong command line; 3 the port or the folder cannot be used.");
+        "2 wrong command line; 3 the port, the folder or the events file cannot be used.");
     add_output_options(app, options);
     add_report_options(app, options);
     add_exit_options(app, options);
