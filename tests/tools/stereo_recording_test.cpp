@@ -144,6 +144,40 @@ TEST_F(StereoRecordingTest, SidesOfDifferentRatesGetAFileEach) {
     EXPECT_EQ(recording_.files().size(), 2u);
 }
 
+TEST_F(StereoRecordingTest, WaitForTheRateIsBoundedWhenBothSidesGoOn) {
+    set_rates(0, 0);
+    for (int i = 0; i < 8; ++i) {
+        put(ORIGINATOR, Samples(4, 1));
+        put(TERMINATOR, Samples(4, 2));
+    }
+    EXPECT_EQ(store_.files.at("call.wav").sample_rate, 8000);
+}
+
+TEST_F(StereoRecordingTest, OneSideOfUnknownRateKeepsTheOtherWaiting) {
+    set_rates(8000, 0);
+    put(ORIGINATOR, {1, 2, 3, 4});
+    put(TERMINATOR, {5, 6, 7, 8});
+    EXPECT_TRUE(store_.files.empty());
+}
+
+TEST_F(StereoRecordingTest, ASideOfAnotherRateThatBeginsLaterGetsAFileOfItsOwn) {
+    set_rates(8000, 16000);
+    put(ORIGINATOR, Samples(32, 1));
+    put(TERMINATOR, {5, 6, 7, 8});
+    recording_.silence(TERMINATOR, 1);
+    put(ORIGINATOR, {2});
+    put(TERMINATOR, {9});
+    recording_.finish();
+    EXPECT_EQ(store_.files.at("call-split-terminator.wav").samples, (Samples{5, 6, 7, 8, 0, 9}));
+    EXPECT_EQ(store_.files.at("call-split-terminator.wav").sample_rate, 16000);
+    EXPECT_TRUE(store_.files.at("call-split-terminator.wav").closed);
+    EXPECT_EQ(frames(), 33u);
+    EXPECT_EQ(written().at(2 * 32), 2);
+    EXPECT_EQ(right(32), 0);
+    EXPECT_TRUE(store_.files.at("call.wav").closed);
+    EXPECT_EQ(recording_.files().size(), 2u);
+}
+
 TEST_F(StereoRecordingTest, DifferentRatesShowAtTheEndAtTheLatest) {
     set_rates(8000, 16000);
     put(ORIGINATOR, {1});

@@ -17,7 +17,7 @@ StereoRecording::StereoRecording(AudioStore& store, std::string stem, RateSource
     : store_(store), stem_(std::move(stem)), rate_(std::move(rate)), options_(options) {}
 
 void StereoRecording::audio(Side side, const std::int16_t* samples, std::size_t count) {
-    if (split_ != nullptr) {
+    if (track(side).apart) {
         return split_->audio(side, samples, count);
     }
     // Audio is never dropped to pay silence back: the side then is a little late.
@@ -26,7 +26,7 @@ void StereoRecording::audio(Side side, const std::int16_t* samples, std::size_t 
 }
 
 void StereoRecording::silence(Side side, std::uint64_t count) {
-    if (split_ != nullptr) {
+    if (track(side).apart) {
         return split_->silence(side, count);
     }
     Track& into = track(side);
@@ -41,6 +41,10 @@ std::size_t StereoRecording::longest() const {
     return std::max(tracks_[0].waiting.size(), tracks_[1].waiting.size());
 }
 
+std::size_t StereoRecording::shorter() const {
+    return std::min(tracks_[0].waiting.size(), tracks_[1].waiting.size());
+}
+
 void StereoRecording::append(Track& track, const std::int16_t* samples, std::size_t count) {
     track.used = true;
     track.waiting.insert(track.waiting.end(), samples, samples + count);
@@ -48,20 +52,20 @@ void StereoRecording::append(Track& track, const std::int16_t* samples, std::siz
 }
 
 void StereoRecording::write_what_is_due() {
-    const std::size_t shorter = std::min(tracks_[0].waiting.size(), tracks_[1].waiting.size());
-    if (shorter >= options_.block_samples) {
-        write_frames(shorter, false);
-    } else if (longest() >= PATIENCE * options_.block_samples) {
-        write_frames(longest() / 2, true);
+    const std::size_t bound = PATIENCE * options_.block_samples;
+    const bool last = longest() >= bound;
+    if ((shorter() < options_.block_samples && !last) || !ready(last)) {
+        return;
+    }
+    if (shorter() >= options_.block_samples) {
+        write_frames(shorter());
+    } else if (longest() >= bound) {
+        write_frames(longest() / 2);
     }
 }
 
-// Writes `count` samples of each side, lending silence to a side that has fewer. Does
-// nothing while the sample rate is not known, unless it must be known at `last`.
-void StereoRecording::write_frames(std::size_t count, bool last) {
-    if (file_ == nullptr && !open_file(last)) {
-        return;
-    }
+// Writes `count` samples of each side, lending silence to a side that has fewer.
+void StereoRecording::write_frames(std::size_t count) {
     frames_.resize(SIDE_COUNT * count);
     for (std::size_t channel = 0; channel < SIDE_COUNT; ++channel) {
         Track& from = tracks_[channel];
@@ -78,40 +82,55 @@ void StereoRecording::write_frames(std::size_t count, bool last) {
     failed_ |= !file_->write(frames_.data(), frames_.size());
 }
 
-// False while a rate is not known, and when the sides turned out to differ.
-bool StereoRecording::open_file(bool last) {
+// Whether there is a file that what waits belongs in. Sides of other rates than the
+// file's have been set apart then. False while a rate is not known, unless it must be
+// known at `last`, and when no side is left.
+bool StereoRecording::ready(bool last) {
     std::array<int, SIDE_COUNT> rates{};
     for (const Side side : BOTH_SIDES) {
-        if (track(side).used) {
+        if (!track(side).waiting.empty()) {
             rates[index_of(side)] = rate_(side, last);
             if (rates[index_of(side)] == 0) {
                 return false;
             }
         }
     }
-    if (rates[0] != 0 && rates[1] != 0 && rates[0] != rates[1]) {
-        split();
-        return false;
+    if (file_ != nullptr) {
+        set_others_apart(rates, file_rate_);
+    } else if (rates[0] != 0 && rates[1] != 0 && rates[0] != rates[1]) {
+        set_others_apart(rates, 0);
+    } else {
+        file_rate_ = std::max(rates[0], rates[1]);
+        file_ = store_.create(stem_ + ".wav", file_rate_, SIDE_COUNT);
     }
-    file_ = store_.create(stem_ + ".wav", std::max(rates[0], rates[1]), SIDE_COUNT);
-    return true;
+    return longest() > 0;
 }
 
-void StereoRecording::split() {
-    split_ = std::make_unique<SideRecording>(store_, stem_ + "-split", rate_, options_);
+void StereoRecording::set_others_apart(const std::array<int, SIDE_COUNT>& rates, int rate) {
     for (const Side side : BOTH_SIDES) {
-        const std::vector<std::int16_t> waiting = std::exchange(track(side).waiting, {});
-        split_->audio(side, waiting.data(), waiting.size());
+        if (rates[index_of(side)] != 0 && rates[index_of(side)] != rate) {
+            set_apart(side);
+        }
     }
+}
+
+void StereoRecording::set_apart(Side side) {
+    if (split_ == nullptr) {
+        split_ = std::make_unique<SideRecording>(store_, stem_ + "-split", rate_, options_);
+    }
+    track(side).apart = true;
+    const std::vector<std::int16_t> waiting = std::exchange(track(side).waiting, {});
+    split_->audio(side, waiting.data(), waiting.size());
 }
 
 void StereoRecording::finish() {
-    if (split_ == nullptr && (tracks_[0].used || tracks_[1].used)) {
-        write_frames(longest(), true);
+    if (longest() > 0 && ready(true)) {
+        write_frames(longest());
     }
     if (split_ != nullptr) {
         split_->finish();
-    } else if (file_ != nullptr) {
+    }
+    if (file_ != nullptr) {
         failed_ |= !file_->close();
     }
 }
@@ -121,13 +140,15 @@ bool StereoRecording::failed() const {
 }
 
 std::vector<FileReport> StereoRecording::files() const {
+    std::vector<FileReport> reports;
+    if (file_ != nullptr) {
+        reports.push_back({file_->path(), file_->error()});
+    }
     if (split_ != nullptr) {
-        return split_->files();
+        const std::vector<FileReport> apart = split_->files();
+        reports.insert(reports.end(), apart.begin(), apart.end());
     }
-    if (file_ == nullptr) {
-        return {};
-    }
-    return {{file_->path(), file_->error()}};
+    return reports;
 }
 
 }  // namespace qv::tools::node

@@ -1,7 +1,9 @@
 // A call in one file: originator left, terminator right, side by side in time.
 //
 // A side that is silent while the other goes on is filled with silence. Sides of
-// different sample rates cannot share a file: they get one each. Belongs to one thread.
+// different sample rates cannot share a file: they get one each; a side that begins once
+// the file is there, with another rate than the file's, gets one of its own. Belongs to
+// one thread.
 #pragma once
 
 #include <array>
@@ -32,15 +34,18 @@ class StereoRecording : public Recording {
         std::vector<std::int16_t> waiting;  // For the other side.
         std::uint64_t lent = 0;             // Silence written ahead of what the side has sent.
         bool used = false;
+        bool apart = false;  // Goes to `split_`.
     };
 
     Track& track(Side side) { return tracks_[index_of(side)]; }
     std::size_t longest() const;
+    std::size_t shorter() const;
     void append(Track& track, const std::int16_t* samples, std::size_t count);
     void write_what_is_due();
-    void write_frames(std::size_t count, bool last);
-    bool open_file(bool last);
-    void split();
+    void write_frames(std::size_t count);
+    bool ready(bool last);
+    void set_others_apart(const std::array<int, SIDE_COUNT>& rates, int rate);
+    void set_apart(Side side);
 
     AudioStore& store_;
     std::string stem_;
@@ -49,7 +54,8 @@ class StereoRecording : public Recording {
     std::array<Track, SIDE_COUNT> tracks_;
     std::vector<std::int16_t> frames_;  // Scratch.
     std::unique_ptr<AudioFile> file_;
-    std::unique_ptr<SideRecording> split_;  // Takes over when the rates differ.
+    int file_rate_ = 0;
+    std::unique_ptr<SideRecording> split_;  // Takes the sides that are apart.
     bool failed_ = false;
 };
 
