@@ -325,7 +325,7 @@ void CallTable::update_rate(CallSide& side, const media::Packet& packet) {
     if (side.sample_rate != 0) {
         return;
     }
-    side.rate.add(packet.sample_offset, packet.send_time);
+    side.rate.add(packet.sample_offset, packet.sample_count, packet.send_time);
     if (const auto rate = side.rate.rate()) {
         side.sample_rate = *rate;
         side.tracker.set_gap_limit(gap_limit(*rate));
@@ -338,8 +338,8 @@ int CallTable::decide_rate(Call& call, Side which, bool last) const {
         const auto guess = side.rate.best_guess();
         const CallSide& others = call.side(other(which));
         side.rate_assumed = !guess.has_value() && (others.sample_rate == 0 || others.rate_assumed);
-        side.sample_rate =
-            guess.value_or(others.sample_rate != 0 ? others.sample_rate : DEFAULT_SAMPLE_RATE);
+        const int usual = side.rate.rate_of_20_ms_frames().value_or(DEFAULT_SAMPLE_RATE);
+        side.sample_rate = guess.value_or(others.sample_rate != 0 ? others.sample_rate : usual);
     }
     return side.sample_rate;
 }
