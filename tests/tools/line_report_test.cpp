@@ -49,6 +49,25 @@ TEST_F(LineReportTest, CallIsToldFromStartToEnd) {
                      "  file       3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-terminator.wav"}));
 }
 
+TEST_F(LineReportTest, HeldLinesAreShownWhenReleased) {
+    report_.hold();
+    report_.say("events lost", "cannot write to x");
+    EXPECT_EQ(lines(), Lines{});
+    report_.release();
+    EXPECT_EQ(lines(), Lines{"events lost                           cannot write to x"});
+    report_.say("summary", "");
+    EXPECT_EQ(lines(), Lines{"summary                               "});
+}
+
+TEST_F(LineReportTest, NotMoreThanAHundredLinesAreHeld) {
+    report_.hold();
+    for (int i = 0; i < 1000; ++i) {
+        report_.say("timeline not written", "");
+    }
+    report_.release();
+    EXPECT_EQ(lines().size(), 100U);
+}
+
 TEST_F(LineReportTest, LineBeginsWithTimeAndCall) {
     send("call_7_terminate");
     send_start("x");

@@ -213,6 +213,7 @@ void Application::greet() {
     }
     lines_.flush();
     if (live_) {
+        lines_.hold();
         out_ << ENTER_SCREEN << std::flush;
     }
 }
@@ -368,6 +369,7 @@ std::uint64_t Application::malformed_total() const {
 void Application::finish() {
     if (live_) {
         out_ << LEAVE_SCREEN << std::flush;
+        lines_.release();
     }
     receiver_.drain_and_stop();
     calls_->shut_down();
@@ -404,6 +406,9 @@ void Application::print_summary() {
         if (totals.dropped[i] != 0) {
             lines_.say("  not used: " + grouped(totals.dropped[i]), describe(static_cast<Drop>(i)));
         }
+    }
+    if (totals.file_errors != 0) {
+        lines_.say("  not written: " + counted(totals.file_errors, "file"), "");
     }
     if (receiver_.overflowed() != 0) {
         lines_.say("  lost in the socket: " + grouped(receiver_.overflowed()), "buffer full");

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "tools/node/text.h"
 
@@ -67,7 +68,19 @@ std::string side_text(const CallSide& side) {
 }  // namespace
 
 void LineReport::say(const std::string& what, const std::string& text) {
-    out_ << time_of_day() << "  " << padded(what, 38) << text << '\n';
+    std::string line = time_of_day() + "  " + padded(what, 38) + text + '\n';
+    if (!holding_) {
+        out_ << line;
+    } else if (held_.size() < MOST_HELD) {
+        held_.push_back(std::move(line));
+    }
+}
+
+void LineReport::release() {
+    holding_ = false;
+    for (const std::string& line : std::exchange(held_, {})) {
+        out_ << line;
+    }
 }
 
 void LineReport::line(const Call& call, const std::string& what, const std::string& text) {

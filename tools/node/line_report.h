@@ -3,6 +3,7 @@
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "tools/node/call_listener.h"
 
@@ -23,13 +24,22 @@ class LineReport : public CallListener {
     // A line without a call.
     void say(const std::string& what, const std::string& text);
 
+    // Keeps the lines of say() to itself, the first hundred, until release() shows them:
+    // for the time that the screen belongs to a live view.
+    void hold() { holding_ = true; }
+    void release();
+
     void flush() { out_.flush(); }
 
   private:
     void line(const Call& call, const std::string& what, const std::string& text);
     void side_line(const Call& call, Side side);
 
+    static constexpr std::size_t MOST_HELD = 100;
+
     std::ostream& out_;
+    bool holding_ = false;
+    std::vector<std::string> held_;
 };
 
 }  // namespace qv::tools::node
