@@ -138,6 +138,7 @@ TEST_F(OptionsTest, OptionsThatContradictEachOtherAreRefused) {
 }
 
 TEST_F(OptionsTest, TheHelpNamesExamplesFaultsAndExitCodes) {
+    EXPECT_EQ(parse({"--version"}), EXIT_FINE);
     EXPECT_EQ(parse({"--help"}), EXIT_FINE);
     EXPECT_NE(help_.find("Examples:"), std::string::npos);
     EXPECT_NE(help_.find("bug-refused "), std::string::npos);

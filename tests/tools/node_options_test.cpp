@@ -135,6 +135,7 @@ TEST_F(NodeOptionsTest, ValuesBeyondTheRangesAreRefused) {
 }
 
 TEST_F(NodeOptionsTest, HelpTellsDefaultsAndExitCodes) {
+    EXPECT_EQ(parse({"--version"}), EXIT_FINE);
     EXPECT_EQ(parse({"--help"}), EXIT_FINE);
     EXPECT_NE(help_.find("--listen ADDRESS:PORT=127.0.0.1:40000"), std::string::npos);
     EXPECT_NE(help_.find("Exit codes: 0 fine; 1 a file could not be written"), std::string::npos);

@@ -363,6 +363,7 @@ std::pair<std::string, std::string> parse_variable(const std::string& text) {
 
 std::optional<int> parse_options(int argc, char** argv, Options& options) {
     CLI::App app(ABOUT, "quorvane-call");
+    app.set_version_flag("--version", "quorvane-call " QUORVANE_VERSION);
     app.get_formatter()->column_width(36);
     add_module_options(app, options);
     add_audio_options(app, options);

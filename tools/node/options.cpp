@@ -79,7 +79,7 @@ void add_report_options(CLI::App& app, Options& options) {
 }
 
 void add_exit_options(CLI::App& app, Options& options) {
-    app.add_option("--calls", options.calls, "End after N calls have ended")
+    app.add_option("--calls", options.calls, "End after N calls have ended; 0 never")
         ->check(CLI::Range(0, 1'000'000'000))
         ->type_name("N");
     app.add_option("--idle-exit", options.idle_exit_s,
@@ -141,6 +141,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
         "Receives the audio of calls from mod_quorvane and writes it as WAV files, one a side.\n"
         "SIGINT and SIGTERM end it with all files complete.",
         "quorvane-node");
+    app.set_version_flag("--version", "quorvane-node " QUORVANE_VERSION);
     app.footer(
         "Exit codes: 0 fine; 1 a file could not be written, or --idle-exit came before --calls;\n"
         "2 wrong command line; 3 the port, the folder or the events file cannot be used.");
