@@ -45,3 +45,7 @@ foreach(tool IN ITEMS quorvane-node quorvane-call)
     set(QUORVANE_HAVE_TOOLS ON)
   endif()
 endforeach()
+if(QUORVANE_HAVE_TOOLS)
+  install(FILES tools/wireshark/quorvane.lua examples/receiver.py examples/send_call.py
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${tools_package}/examples COMPONENT tools)
+endif()
