@@ -15,6 +15,9 @@ if(QUORVANE_HAVE_NO_GNU_UNIQUE)
   target_compile_options(quorvane_flags INTERFACE -fno-gnu-unique)
 endif()
 
+if(NOT QUORVANE_SANITIZE MATCHES "^(address,undefined|thread|)$")
+  message(FATAL_ERROR "QUORVANE_SANITIZE is \"${QUORVANE_SANITIZE}\": address,undefined or thread")
+endif()
 if(QUORVANE_SANITIZE)
   target_compile_options(quorvane_flags INTERFACE
     -fsanitize=${QUORVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
