@@ -16,6 +16,7 @@ build= folder=
 while [[ ${1:-} == --* ]]; do
     case $1 in
         --build) build=$2 ;;
+        --help) sed -n '2,/^set/s/^# \{0,1\}//p' "bench/${BASH_SOURCE[0]##*/}"; exit 0 ;;
         --output) folder=$2 ;;
         *) echo "node_load: unknown option $1" >&2; exit 2 ;;
     esac

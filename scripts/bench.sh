@@ -7,7 +7,9 @@
 #
 # Every benchmark runs several times and the middle of its runs counts. Those without a
 # host are mixed: what disturbs the machine for a while then touches a few runs of each. A
-# host of 10,000 calls leaves the heap in pieces for the next, so hosts come in order. A goal that is missed is told, not punished: machines are noisy. Run it on a machine
+# host of 10,000 calls leaves the heap in pieces for the next, so hosts come in order.
+#
+# A goal that is missed is told, not punished: machines are noisy. Run it on a machine
 # that does nothing else.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -15,6 +17,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 seconds=0.1 runs=9
 case ${1:-} in
     '') ;;
+    --help) sed -n '2,/^set/s/^# \{0,1\}//p' "scripts/${BASH_SOURCE[0]##*/}"; exit 0 ;;
     --quick) seconds=0.02 runs=3 ;;
     *) echo "bench: unknown argument '$1'" >&2; exit 2 ;;
 esac

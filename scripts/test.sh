@@ -110,6 +110,10 @@ stage_fuzz() {
     done
 }
 
+if [ "${1:-}" = --help ]; then
+    sed -n '2,/^set/s/^# \{0,1\}//p' "scripts/${BASH_SOURCE[0]##*/}"
+    exit 0
+fi
 stages=("${@:-${ALL_STAGES[@]}}")
 [ $# -gt 0 ] || stages=("${ALL_STAGES[@]}")
 for stage in "${stages[@]}"; do
