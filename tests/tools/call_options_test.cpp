@@ -6,36 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "tests/tools/command_line_test.h"
+
 namespace qv::tools::call {
 namespace {
 
-class OptionsTest : public ::testing::Test {
-  protected:
-    std::optional<int> parse(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), "quorvane-call");
-        std::vector<char*> pointers;
-        for (std::string& argument : arguments)
-            pointers.push_back(argument.data());
-        ::testing::internal::CaptureStderr();
-        ::testing::internal::CaptureStdout();
-        options_ = Options();
-        const auto code =
-            parse_options(static_cast<int>(pointers.size()), pointers.data(), options_);
-        help_ = ::testing::internal::GetCapturedStdout();
-        error_ = ::testing::internal::GetCapturedStderr();
-        return code;
-    }
-
-    // What is said to a wrong command line.
-    std::string refusal_of(std::vector<std::string> arguments) {
-        const auto code = parse(std::move(arguments));
-        return code == EXIT_USAGE ? error_.substr(0, error_.find('\n')) : "accepted";
-    }
-
-    Options options_;
-    std::string help_;
-    std::string error_;
-};
+using OptionsTest = qv::test::CommandLineTest<Options, parse_options, EXIT_USAGE>;
 
 using Variable = std::pair<std::string, std::string>;
 

@@ -6,39 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "tests/tools/command_line_test.h"
+
 namespace {
 
 using namespace qv::tools::node;
 using namespace std::chrono_literals;
 
-class NodeOptionsTest : public testing::Test {
-  protected:
-    std::optional<int> parse(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), "quorvane-node");
-        std::vector<char*> pointers;
-        for (std::string& argument : arguments) {
-            pointers.push_back(argument.data());
-        }
-        options_ = Options();
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        const auto code =
-            parse_options(static_cast<int>(pointers.size()), pointers.data(), options_);
-        help_ = testing::internal::GetCapturedStdout();
-        error_ = testing::internal::GetCapturedStderr();
-        return code;
-    }
-
-    // The first line that a wrong command line gets.
-    std::string refusal_of(std::vector<std::string> arguments) {
-        const auto code = parse(std::move(arguments));
-        return code == EXIT_USAGE ? error_.substr(0, error_.find('\n')) : "accepted";
-    }
-
-    Options options_;
-    std::string help_;
-    std::string error_;
-};
+using NodeOptionsTest = qv::test::CommandLineTest<Options, parse_options, EXIT_USAGE>;
 
 TEST_F(NodeOptionsTest, DefaultsAreThoseOfTheDocument) {
     EXPECT_EQ(parse({}), std::nullopt);
