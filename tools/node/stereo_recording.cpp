@@ -46,7 +46,6 @@ std::size_t StereoRecording::shorter() const {
 }
 
 void StereoRecording::append(Track& track, const std::int16_t* samples, std::size_t count) {
-    track.used = true;
     track.waiting.insert(track.waiting.end(), samples, samples + count);
     write_what_is_due();
 }

@@ -33,7 +33,6 @@ class StereoRecording : public Recording {
     struct Track {
         std::vector<std::int16_t> waiting;  // For the other side.
         std::uint64_t lent = 0;             // Silence written ahead of what the side has sent.
-        bool used = false;
         bool apart = false;  // Goes to `split_`.
     };
 
