@@ -33,7 +33,7 @@ class StereoRecording : public Recording {
     struct Track {
         std::vector<std::int16_t> waiting;  // For the other side.
         std::uint64_t lent = 0;             // Silence written ahead of what the side has sent.
-        bool apart = false;  // Goes to `split_`.
+        bool apart = false;                 // Goes to `split_`.
     };
 
     Track& track(Side side) { return tracks_[index_of(side)]; }
