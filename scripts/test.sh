@@ -11,7 +11,8 @@
 #   tsan      the concurrent tests under the thread sanitizer
 #   fuzz      every fuzz target replays its corpus and fuzzes for some seconds
 #
-# Ends with the line "N passed, N failed, N skipped" and exit code 1 if any failed.
+# Ends with the names of what failed, the line "N passed, N failed, N skipped" and exit
+# code 1 if any failed.
 # A tool that cannot be had (a real FreeSWITCH, say) is skipped and said so.
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -24,8 +25,15 @@ jobs=$(nproc)
 # the debug information does no harm here.
 export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=true
 passed=0 failed=0 skipped=0
+failures=()  # What failed, by name: the output is long.
 
 say() { printf '\n== %s\n' "$*"; }
+
+fail() {
+    echo "FAILED   $1"
+    failed=$((failed + 1))
+    failures+=("$1")
+}
 
 # Counts the outcome of one check that is a test by itself.
 check() {
@@ -35,8 +43,7 @@ check() {
         echo "ok       $name"
         passed=$((passed + 1))
     else
-        echo "FAILED   $name"
-        failed=$((failed + 1))
+        fail "$name"
     fi
 }
 
@@ -56,29 +63,33 @@ configure_and_build() {
 # The number that attribute $2 has in the results file $1.
 result() { grep -o -m1 "$2=\"[0-9]*\"" "$1" | head -n 1 | grep -o '[0-9]*'; }
 
+# The names of the tests that failed, from the results file $1.
+failed_tests() { sed -n 's/.*<testcase name="\([^"]*\)".* status="fail".*/\1/p' "$1"; }
+
 # Builds a preset and counts each of its tests.
 run_preset() {
     local preset=$1 results=$PWD/build/$1-results.xml
     shift
     if ! configure_and_build "$preset"; then
-        echo "FAILED   build of $preset"
-        failed=$((failed + 1))
+        fail "build of $preset"
         return
     fi
     rm -f "$results"
     ctest --preset "$preset" -j "$jobs" --no-tests=error --output-junit "$results" "$@"
     if [ ! -s "$results" ]; then
-        echo "FAILED   no results of $preset"
-        failed=$((failed + 1))
+        fail "$preset: no results"
         return
     fi
-    local tests failures not_run
+    local tests bad not_run name
     tests=$(result "$results" tests)
-    failures=$(result "$results" failures)
+    bad=$(result "$results" failures)
     not_run=$(($(result "$results" skipped) + $(result "$results" disabled)))
-    passed=$((passed + tests - failures - not_run))
-    failed=$((failed + failures))
+    passed=$((passed + tests - bad - not_run))
+    failed=$((failed + bad))
     skipped=$((skipped + not_run))
+    while read -r name; do
+        failures+=("$preset: $name")
+    done < <(failed_tests "$results")
 }
 
 tidy_clean() {
@@ -99,8 +110,7 @@ stage_asan() { run_preset asan -LE 'uninstrumented'; }
 stage_tsan() { run_preset tsan -L 'concurrent'; }
 stage_fuzz() {
     if ! configure_and_build fuzz; then
-        echo "FAILED   build of fuzz"
-        failed=$((failed + 1))
+        fail "build of fuzz"
         return
     fi
     local target
@@ -133,5 +143,6 @@ for stage in "${stages[@]}"; do
 done
 
 echo
+[ "$failed" -eq 0 ] || printf 'FAILED   %s\n' "${failures[@]}"
 echo "$passed passed, $failed failed, $skipped skipped"
 [ "$failed" -eq 0 ]
