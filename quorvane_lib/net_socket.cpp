@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -148,6 +149,17 @@ template <typename... Pieces>
     QV_LOG_WRITE(message);
 }
 
+// Lets a send that finds the send buffer full fail after the least time that the system can
+// wait, a tick or two of its clock. The buffer is shared by all calls: datagrams for hosts
+// that do not answer, or for a slow link, would make media threads wait for seconds. Not by
+// O_NONBLOCK: reading shall wait.
+void limit_send_wait(int descriptor) {
+    const timeval least{0, 1};
+    if (::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &least, sizeof(least)) != 0) {
+        log_error(errno, descriptor, "]: failed to limit the wait of a send");
+    }
+}
+
 }  // namespace
 
 bool parse_addr(const char* text, const char* end, sockaddr_in& out) {
@@ -228,6 +240,7 @@ bool Socket::open(int port, unsigned int address) {
         log_error(errno, " ]: failed to create a socket");
         return false;
     }
+    limit_send_wait(created);
     sockaddr_in local{};
     local.sin_family = AF_INET;
     local.sin_port = htons(static_cast<std::uint16_t>(port));

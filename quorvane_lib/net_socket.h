@@ -67,7 +67,8 @@ class Socket {
     // any. True at once when it is open already. A descriptor whose bind failed is kept.
     bool open(int port, unsigned int address);
 
-    // Sends one datagram; nothing, successfully, when `data` is null or `size` is 0.
+    // Sends one datagram; nothing, successfully, when `data` is null or `size` is 0. Waits no
+    // longer than a tick or two of the system's clock for room in the send buffer.
     bool send(const sockaddr_in& to, const char* data, unsigned long size);
 
     // Receives one datagram of at most `size` bytes and returns its length, 0 when a

@@ -1,6 +1,7 @@
 #include "quorvane_lib/net_socket.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -387,7 +388,7 @@ TEST(SocketClass, HasAVirtualDestructorAndIsNotCopied) {
 
 TEST_F(SocketTest, OpeningCreatesAUdpSocketAndBindsIt) {
     EXPECT_TRUE(socket_.open(0, 0));
-    EXPECT_EQ(calls_->names(), (Texts{"socket", "bind"}));
+    EXPECT_EQ(calls_->names(), (Texts{"socket", "setsockopt", "bind"}));
     EXPECT_EQ(calls_->seen("socket")[0].numbers, (std::vector<long>{AF_INET, SOCK_DGRAM, 17}));
     EXPECT_EQ(calls_->seen("bind")[0].numbers, (std::vector<long>{descriptor(), AF_INET, 16}));
     EXPECT_EQ(calls_->seen("bind")[0].text, "0.0.0.0:0");
@@ -403,7 +404,7 @@ TEST_F(SocketTest, PortAndAddressAreInHostByteOrder) {
 TEST_F(SocketTest, OpeningTwiceCreatesNoSecondDescriptor) {
     open();
     EXPECT_TRUE(socket_.open(0, 0));
-    EXPECT_EQ(calls_->names(), (Texts{"socket", "bind"}));
+    EXPECT_EQ(calls_->names(), (Texts{"socket", "setsockopt", "bind"}));
 }
 
 TEST_F(SocketTest, EveryErrorOfCreationIsLoggedAndMayBeTriedAgain) {
@@ -428,6 +429,28 @@ TEST_F(SocketTest, NoDescriptorIsOneOfThem) {
                                   "Too many open files"}}));
 }
 
+TEST_F(SocketTest, OnlySendsAreKeptFromWaiting) {
+    open();
+    const SeenCall call = calls_->seen("setsockopt").at(0);
+    EXPECT_EQ(call.numbers, (std::vector<long>{descriptor(), SOL_SOCKET, SO_SNDTIMEO}));
+    EXPECT_EQ(::fcntl(static_cast<int>(descriptor()), F_GETFL) & O_NONBLOCK, 0);
+    timeval patience{-1, -1};
+    socklen_t size = sizeof(patience);
+    ASSERT_EQ(
+        ::getsockopt(static_cast<int>(descriptor()), SOL_SOCKET, SO_RCVTIMEO, &patience, &size), 0);
+    EXPECT_EQ(patience.tv_sec, 0);  // For ever.
+    EXPECT_EQ(patience.tv_usec, 0);
+}
+
+TEST_F(SocketTest, ASocketWhoseSendsMayWaitIsBetterThanNone) {
+    calls_->next("setsockopt", Outcome::fail(ENOPROTOOPT));
+    open();
+    EXPECT_EQ(log_.lines, (Lines{{log::ERROR, tag() + ": failed to limit the wait of a send, "
+                                                      "error (92): Protocol not available"}}));
+    EXPECT_TRUE(send("data"));
+    EXPECT_EQ(received(), "data");
+}
+
 TEST_F(SocketTest, EveryErrorOfBindingIsLoggedAndKeepsTheDescriptor) {
     for (const SystemError& error : tests::BIND_ERRORS) {
         Socket socket;
@@ -444,7 +467,7 @@ TEST_F(SocketTest, AfterAFailedBindOpeningSucceedsWithoutBinding) {
     calls_->next("bind", Outcome::fail(EACCES));
     EXPECT_FALSE(socket_.open(0, 0));
     EXPECT_TRUE(socket_.open(0, 0));
-    EXPECT_EQ(calls_->names(), (Texts{"socket", "bind"}));
+    EXPECT_EQ(calls_->names(), (Texts{"socket", "setsockopt", "bind"}));
 }
 
 TEST_F(SocketTest, TheMessageNamesWhateverErrorItIs) {
@@ -621,7 +644,7 @@ TEST_F(SocketTest, ClosingShutsDownAndForgetsTheDescriptor) {
     open();
     const long descriptor_before = descriptor();
     socket_.close();
-    EXPECT_EQ(calls_->names(), (Texts{"socket", "bind", "shutdown", "close"}));
+    EXPECT_EQ(calls_->names(), (Texts{"socket", "setsockopt", "bind", "shutdown", "close"}));
     EXPECT_EQ(calls_->seen("shutdown")[0].numbers,
               (std::vector<long>{descriptor_before, SHUT_RDWR}));
     EXPECT_EQ(calls_->seen("close")[0].numbers, (std::vector<long>{descriptor_before}));
@@ -631,7 +654,7 @@ TEST_F(SocketTest, ClosingTwiceDoesNothingMore) {
     open();
     socket_.close();
     socket_.close();
-    EXPECT_EQ(calls_->names(), (Texts{"socket", "bind", "shutdown", "close"}));
+    EXPECT_EQ(calls_->names(), (Texts{"socket", "setsockopt", "bind", "shutdown", "close"}));
 }
 
 TEST_F(SocketTest, ClosingASocketThatWasNeverOpenDoesNothing) {
@@ -662,7 +685,7 @@ TEST_F(SocketTest, TheDestructorClosesAnOpenSocketOnly) {
         Socket opened;
         opened.open(0, 0);
     }
-    EXPECT_EQ(calls_->names(), (Texts{"socket", "bind", "shutdown", "close"}));
+    EXPECT_EQ(calls_->names(), (Texts{"socket", "setsockopt", "bind", "shutdown", "close"}));
 }
 
 }  // namespace

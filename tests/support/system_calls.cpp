@@ -153,6 +153,15 @@ EXPORTED int bind(int descriptor, const sockaddr* address, socklen_t size) noexc
         0, [=](std::size_t) { return next(descriptor, address, size); });
 }
 
+EXPORTED int setsockopt(int descriptor, int level, int option, const void* value,
+                        socklen_t size) noexcept {
+    static auto* const next =
+        system_function<int(int, int, int, const void*, socklen_t)>("setsockopt");
+    return perform<int>(
+        {"setsockopt", {descriptor, level, option}, {}, {static_cast<const char*>(value), size}, 0},
+        0, [=](std::size_t) { return next(descriptor, level, option, value, size); });
+}
+
 EXPORTED ssize_t sendto(int descriptor, const void* data, size_t size, int flags,
                         const sockaddr* to, socklen_t to_size) {
     static auto* const next =

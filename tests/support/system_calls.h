@@ -1,6 +1,6 @@
 // Watches and disturbs the system calls of a test program.
 //
-// A program that links quorvane_system_calls has its own socket, bind, sendto, recv,
+// A program that links quorvane_system_calls has its own socket, setsockopt, bind, sendto, recv,
 // shutdown, close, connect, getsockname, gethostname, stat, mkdir, and fopen64 and read, by
 // which a stream of the standard library comes to its file. They go on to the system's, unless a
 // SystemCalls object lives: then each call is noted, and the outcomes that the test has lined up
