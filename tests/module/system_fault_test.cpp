@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <memory>
 #include <regex>
 #include <string>
 #include <vector>
@@ -13,6 +16,7 @@
 #include "tests/support/descriptor_limit.h"
 #include "tests/support/media_listener.h"
 #include "tests/support/module_test.h"
+#include "tests/support/own_network.h"
 #include "tests/support/socket_errors.h"
 #include "tests/support/system_calls.h"
 
@@ -228,6 +232,173 @@ TEST_F(SystemFault, AMediaNodeThatIsAwayCostsTheCallNothing) {
     hangup(*call);
     EXPECT_EQ(host.report().frames_altered, 0U);
     EXPECT_TRUE(host.log().contains("bytes of media"));
+}
+
+// ---- a network that does not take the datagrams ---------------------------------------
+
+// The node is at 127.0.0.1, in the test's own network.
+class NetworkFault : public OwnNetwork, public SystemFault {
+  protected:
+    void SetUp() override {
+        if (!why_not().empty()) {
+            GTEST_SKIP() << why_not();
+        }
+        load();
+    }
+
+    // The lines of what the module tells while `act` runs, without the numbers that only the
+    // system knows. `act` does not wait.
+    template <typename Act>
+    Lines lines_of(Act act) {
+        host.log().clear();
+        const auto begin = std::chrono::steady_clock::now();
+        act();
+        const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+        EXPECT_LT(taken.count(), 1.0) << "it waited until the kernel gave up";
+        Lines lines = take_log();
+        for (std::string& line : lines) {
+            line = std::regex_replace(line, std::regex("SOCKET\\[[0-9]+\\]"), "SOCKET[N]");
+            line = std::regex_replace(line, std::regex("([0-9]+): [0-9]+\\)"), "$1: ADDRESS)");
+        }
+        return lines;
+    }
+
+    static std::string failed_to_send(int size, const std::string& error) {
+        return "ERROR log net_socket.cpp:- SOCKET[N]: failed to send a data (" +
+               std::to_string(size) + ": ADDRESS), " + error;
+    }
+
+    // A tapped call, every packet of which the system refuses from now on, feels nothing and
+    // is told of each; another one is not tapped.
+    void expect_refusals(host::Call& call, const std::string& error) {
+        for (const Direction direction : {Direction::read, Direction::write}) {
+            const std::string name = direction == Direction::read ? "read" : "write";
+            EXPECT_EQ(
+                lines_of([&] { feed(call, direction); }),
+                (Lines{failed_to_send(370, error),
+                       bug_line("ERROR", "media transfer failed to send " + name + " frame")}));
+        }
+        std::string answer;
+        const Lines lines = lines_of([&] { answer = call_api("audio_activity stop"); });
+        EXPECT_EQ(answer,
+                  "audio_activity: control packet for feature update was sent+OK, "
+                  "audio_activity: updated: old = 12, new = 0");
+        ASSERT_EQ(lines.size(), 2U);
+        EXPECT_EQ(lines[0], failed_to_send(42, error));
+        EXPECT_EQ(call_api("features"), "----aa\n");
+        call_api("audio_activity start");
+
+        const auto other = start_other_call(node.address());
+        lines_of([&] { other->execute("quorvane"); });
+        EXPECT_TRUE(other->bugs().empty());
+        feed(*other, Direction::read);
+        other->hangup();
+        host.events().wait_drained();
+    }
+
+    std::unique_ptr<host::Call> start_other_call(const std::string& media_node) {
+        host::CallOptions options;
+        char uuid[37];
+        std::snprintf(uuid, sizeof(uuid), "c2d8e1f4-7a06-45b3-a190-9c3d5e7f%04x", ++other_calls);
+        options.uuid = uuid;
+        options.variables = {{"quorvane_media_node", media_node}};
+        return start_call_as(std::move(options));
+    }
+
+    const Variables variables = {{"quorvane_rule_id", "1"}, {"quorvane_audio_activity", "true"}};
+    unsigned other_calls = 0;
+};
+
+class FullSendBuffer : public NetworkFault {
+  protected:
+    static constexpr const char* FULL = "error (11): Resource temporarily unavailable";
+
+    // Taps calls whose media nodes do not answer until the send buffer holds no more.
+    void fill_the_buffer() {
+        for (int host_number = 2; host_number <= 254; ++host_number) {
+            waiting.push_back(start_other_call("10.9.0." + std::to_string(host_number) + ":4000"));
+            waiting.back()->execute("quorvane");
+            for (int i = 0; i < 400; ++i) {
+                const Lines lines = lines_of([&] { feed(*waiting.back(), Direction::read); });
+                if (!lines.empty() || HasFailure()) {
+                    return;
+                }
+            }
+        }
+        FAIL() << "there was room for all";
+    }
+
+    // The media nodes answer, and what waited for them leaves.
+    void empty_the_buffer() {
+        for (std::size_t i = 0; i < waiting.size(); ++i) {
+            answer_from(static_cast<int>(i) + 2);
+        }
+    }
+
+    std::vector<std::unique_ptr<host::Call>> waiting;
+};
+
+TEST_F(FullSendBuffer, CostsPacketsButNoTime) {
+    const auto call = start_tapped_call(variables);
+    feed(*call, Direction::read);
+    EXPECT_EQ(node.receive_types(), "83");
+    fill_the_buffer();
+    expect_refusals(*call, FULL);
+    EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
+
+    empty_the_buffer();
+    EXPECT_EQ(lines_of([&] { feed(*call, Direction::read); }), Lines{});
+    Bytes packet = node.receive();
+    ASSERT_EQ(packet.size(), 370U);
+    EXPECT_EQ(packet[40], 3U);  // The lost one has counted.
+    EXPECT_EQ(field(packet, 44, 4), "40010000");
+    feed(*call, Direction::write);
+    packet = node.receive();
+    ASSERT_EQ(packet.size(), 370U);
+    EXPECT_EQ(packet[40], 2U);
+    hangup(*call);
+    EXPECT_EQ(node.receive_types(), "82");
+}
+
+TEST_F(FullSendBuffer, StillEndsTheTap) {
+    const auto call = start_tapped_call();
+    fill_the_buffer();
+    EXPECT_EQ(
+        lines_of([&] { hangup(*call); }),
+        (Lines{failed_to_send(40, FULL), bug_line("ERROR", "media transfer termination failed"),
+               bug_line("INFO", "transfered 0/0 bytes of media")}));
+    for (const auto& other : waiting) {
+        other->hangup();
+    }
+    host.events().wait_drained();
+    waiting.clear();
+    EXPECT_TRUE(unload().left_memory);
+}
+
+TEST_F(NetworkFault, AMediaNodeWithoutARouteIsToldAndFoundAgain) {
+    struct Row {
+        const char* rule;
+        const char* error;
+    };
+    const Row rows[] = {
+        {"unreachable", "error (101): Network is unreachable"},
+        {"lookup 7", "error (113): No route to host"},
+        {"prohibit", "error (13): Permission denied"},
+    };
+    const auto call = start_tapped_call(variables);
+    unsigned char sequence_number = 0;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.rule);
+        bar_loopback(row.rule);
+        expect_refusals(*call, row.error);
+        EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
+
+        open_loopback();
+        EXPECT_EQ(lines_of([&] { feed(*call, Direction::read); }), Lines{});
+        const Bytes packet = node.receive();
+        ASSERT_EQ(packet.size(), 370U);
+        EXPECT_EQ(packet[40], sequence_number += 2);  // The lost one has counted.
+    }
 }
 
 // ---- no file descriptor left ----------------------------------------------------------

@@ -16,6 +16,7 @@ import traceback
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
 import scenarios  # noqa: E402,F401
+from harness import own_network  # noqa: E402
 from harness.find_host import find_installation  # noqa: E402
 from harness.suite import SCENARIOS, Skipped, Suite  # noqa: E402
 
@@ -97,6 +98,7 @@ def main() -> int:
     if arguments.not_for_real_host:
         print("SKIPPED: the module was not built with the headers of the installed FreeSWITCH")
         return SKIPPED_STATUS
+    own_network.enter()
     folder = pathlib.Path(tempfile.mkdtemp(prefix="quorvane-real-host-"))
     suite = Suite(installation, folder, arguments.module.resolve(), arguments.relocated.resolve())
     suite.node_program = arguments.node.resolve() if arguments.node else None

@@ -5,8 +5,9 @@ import threading
 import time
 import uuid
 
-from harness.media_node import READ, START, TERMINATE
-from harness.suite import check, check_equal, check_gap_free, scenario
+from harness import own_network
+from harness.media_node import READ, START, TERMINATE, WRITE
+from harness.suite import Skipped, check, check_equal, check_gap_free, scenario
 
 
 @scenario
@@ -110,6 +111,26 @@ def a_media_node_that_does_not_listen_costs_nothing(s):
     s.host.kill(uuid)
     s.host.events.wait_for("CHANNEL_DESTROY", uuid)
     check(not [line for line in s.host.module_lines(mark) if line.startswith("ERR")], "errors")
+
+
+@scenario
+def media_nodes_that_do_not_answer_hold_no_other_call_up(s):
+    if not own_network.is_there():
+        raise Skipped("the suite may not have a network of its own")
+    mark = s.host.log_mark()
+    for number in (2, 3, 4, 5):  # Together they fill the send buffer within a second.
+        s.tap(f"quorvane_media_node=10.9.0.{number}:4000,sip_call_id=x")
+    stream = s.hear(s.tap(), 7)
+    for leg in (READ, WRITE):
+        packets = stream.data(leg)
+        # A lost packet has counted: whatever came, its number tells when it was due.
+        late = max(packet.sent_us - packets[0].sent_us
+                   - 20000 * (packet.fields["sequence"] - packets[0].fields["sequence"])
+                   for packet in packets)
+        check(late < 500000, f"leg {leg}: frames were {late / 1e6:.1f} s late")
+    full = [line for line in s.host.module_lines(mark) if "error (11)" in line]
+    check(full, "the send buffer was never full")
+    s.host.hang_up_everything()
 
 
 @scenario

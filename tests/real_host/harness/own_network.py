@@ -1,0 +1,22 @@
+"""A network of the suite's own, with a link on which nobody answers: 10.9.0.0/24."""
+
+import os
+import subprocess
+import sys
+
+MARK = "QUORVANE_OWN_NETWORK"
+NAMESPACES = ["unshare", "--net"] if os.geteuid() == 0 else ["unshare", "--net", "--map-root-user"]
+LINK = ("ip link set lo up && ip link add link0 type veth peer name link1 && "
+        "ip address add 10.9.0.1/24 dev link0 && ip link set link0 up && ip link set link1 up")
+
+
+def enter() -> None:
+    """Starts this program again in such a network, where that is allowed."""
+    if MARK not in os.environ and subprocess.run(
+            [*NAMESPACES, "sh", "-c", LINK], capture_output=True, check=False).returncode == 0:
+        os.execvpe("unshare", [*NAMESPACES, "sh", "-c", f'{LINK} && exec "$0" "$@"',
+                               sys.executable, *sys.argv], {**os.environ, MARK: "yes"})
+
+
+def is_there() -> bool:
+    return MARK in os.environ
