@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs calls of random length with API traffic through the module in the embedded host for
 # some minutes, and tells whether anything grows: resident memory, descriptors and threads
-# of the process with a fitted slope, calls without an end, gaps in the audio.
+# of the process and the calls in the module's registry, each with a fitted slope; calls
+# without an end, gaps in the audio.
 #
 #   scripts/soak.sh MINUTES [CALLS_A_SECOND]      default: 3 calls a second
 #   scripts/soak.sh MINUTES real                  in an installed FreeSWITCH instead
@@ -20,11 +21,13 @@ folder=build/soak
 pids=()
 trap 'kill "${pids[@]}" 2>/dev/null || true' EXIT
 
-scripts/setup.sh build
+scripts/setup.sh
+# What is shipped, with the debug information that tells where the registry is.
+programs=build/soak-programs
 mkdir -p build
 {
-    cmake -S . -B build -DCMAKE_BUILD_TYPE=Release &&
-    cmake --build build -j "$(nproc)" --target \
+    cmake -S . -B "$programs" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS=-g &&
+    cmake --build "$programs" -j "$(nproc)" --target \
         mod_quorvane mod_quorvane_relocated quorvane-call quorvane-node
 } >build/soak-build.log 2>&1 || { tail -n 40 build/soak-build.log; exit 1; }
 
@@ -32,15 +35,15 @@ if [ "$rate" = real ]; then
     folder=build/soak-real
     rm -rf "$folder"
     echo "soak: calls in FreeSWITCH for $minutes minutes"
-    python3 tests/real_host/soak.py --module build/mod_quorvane.so \
-        --relocated build/relocated/mod_quorvane.so --node build/quorvane-node \
+    python3 tests/real_host/soak.py --module "$programs/mod_quorvane.so" \
+        --relocated "$programs/relocated/mod_quorvane.so" --node "$programs/quorvane-node" \
         --minutes "$minutes" "$folder" | tee build/soak-real.log
     exec python3 scripts/soak_report.py "$folder" "$(tail -n 1 build/soak-real.log)"
 fi
 
 rm -rf "$folder"
 mkdir -p "$folder"
-build/quorvane-node --listen 127.0.0.1:0 --output "$folder" --no-sides --quiet \
+"$programs/quorvane-node" --listen 127.0.0.1:0 --output "$folder" --no-sides --quiet \
     --events "$folder/events.jsonl" >"$folder/node.log" 2>&1 &
 node=$!
 pids+=("$node")
@@ -54,7 +57,8 @@ done
 
 calls=$((minutes * 60 * rate))
 echo "soak: $calls calls in $minutes minutes, of 1 to 30 seconds, each with four API commands"
-build/quorvane-call --media-node "127.0.0.1:$port" --calls "$calls" --rate "$rate" \
+python3 scripts/soak_samples.py "$folder/samples.txt" "$programs/relocated/mod_quorvane.so" \
+    "$programs/quorvane-call" --media-node "127.0.0.1:$port" --calls "$calls" --rate "$rate" \
     --length 1-30 --seed 1 --quiet --log-level ERROR --json "$folder/calls.json" \
     --set quorvane_rule_id=1 --set quorvane_audio_activity=true \
     --set quorvane_detection=inactive --set quorvane_record=yes \
@@ -64,14 +68,6 @@ build/quorvane-call --media-node "127.0.0.1:$port" --calls "$calls" --rate "$rat
 driver=$!
 pids+=("$driver")
 
-# seconds, resident KiB, descriptors, threads
-while kill -0 "$driver" 2>/dev/null; do
-    resident=$(awk '/^VmRSS/ { print $2 }' "/proc/$driver/status" 2>/dev/null || true)
-    threads=$(awk '/^Threads/ { print $2 }' "/proc/$driver/status" 2>/dev/null || true)
-    descriptors=$(find "/proc/$driver/fd" -mindepth 1 2>/dev/null | wc -l)
-    [ -z "$resident" ] || echo "$SECONDS $resident $descriptors $threads" >>"$folder/samples.txt"
-    sleep 2
-done
 outcome=0
 wait "$driver" || outcome=$?
 sleep 1

@@ -15,13 +15,15 @@ import sys
 import threading
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path[:0] = [str(HERE), str(HERE.parents[1] / "scripts")]
 
 from harness.audio import KnownSound  # noqa: E402
 from harness.find_host import find_installation  # noqa: E402
 from harness.host import Host  # noqa: E402
 from harness.host_files import extension  # noqa: E402
 from harness.suite import eventually  # noqa: E402
+from soak_samples import PERIOD_S, Samples  # noqa: E402
 
 CALLERS = 6
 LONGEST_CALL_S = 12
@@ -89,23 +91,6 @@ class Calls:
             thread.join()
 
 
-def sample(pid: int) -> str:
-    """Resident KiB, descriptors and threads of the process."""
-    status = pathlib.Path(f"/proc/{pid}/status").read_text()
-    resident = re.search(r"VmRSS:\s+(\d+)", status).group(1)
-    threads = re.search(r"Threads:\s+(\d+)", status).group(1)
-    descriptors = len(list(pathlib.Path(f"/proc/{pid}/fd").iterdir()))
-    return f"{resident} {descriptors} {threads}"
-
-
-def watch(pid: int, seconds: float, path: pathlib.Path) -> None:
-    begin = time.monotonic()
-    with path.open("w") as samples:
-        while (passed := time.monotonic() - begin) < seconds:
-            samples.write(f"{passed:.0f} {sample(pid)}\n")
-            time.sleep(2)
-
-
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--module", type=pathlib.Path, required=True)
@@ -130,12 +115,20 @@ def main() -> None:
         host.load_module()
         host.api("fsctl loglevel err")
         calls = Calls(host)
-        watch(host.pid, arguments.minutes * 60, folder / "samples.txt")
+        samples = Samples(folder / "samples.txt", host.pid, host.module)
+        end = time.monotonic() + arguments.minutes * 60
+        while time.monotonic() < end:
+            samples.take()
+            time.sleep(PERIOD_S)
         calls.stop()
         host.hang_up_everything()
         time.sleep(1)
+        left = samples.registered()
+        samples.close()
         print("unload:", host.unload_module(), "- refused by the host:", calls.refused,
-              "- ended before they were tapped:", calls.untapped)
+              "- ended before they were tapped:", calls.untapped, "- left in the registry:", left)
+        if left:
+            sys.exit("soak: there are calls in the registry without a channel")
     finally:
         host.close()
         receiver.close()
