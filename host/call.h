@@ -61,7 +61,8 @@ enum class MediaThreads {
 // What became of one frame.
 struct FrameResult {
     std::uint32_t bytes = 0;
-    std::size_t bugs = 0;                 // bugs that saw it
+    std::size_t bugs = 0;                 // bugs that were told of it
+    std::size_t given = 0;                // of these: bugs that asked for it and got it
     bool altered = false;                 // one of them gave it back changed
     std::chrono::nanoseconds handling{};  // spent in the bugs
 };

@@ -30,6 +30,10 @@ bool overdue(const switch_media_bug& bug) {
     return bug.stop_time != 0 && bug.stop_time <= std::time(nullptr);
 }
 
+FrameOffer& offer(switch_media_bug& bug, Direction direction) {
+    return direction == Direction::read ? bug.read : bug.write;
+}
+
 std::vector<std::pair<std::string, std::string>> headers_of(const switch_media_bug& bug) {
     return {{"Media-Bug-Function", bug.function}, {"Media-Bug-Target", bug.target}};
 }
@@ -49,9 +53,7 @@ switch_status_t MediaBugs::add(const BugInfo& wanted, switch_media_bug_t** bug) 
                                    wanted.callback,
                                    wanted.user_data,
                                    wanted.stop_time,
-                                   {wanted.flags},
-                                   nullptr,
-                                   nullptr});
+                                   {wanted.flags}});
     if (is_true(session_.channel().variable("media_bug_answer_req")))
         added->flags |= ANSWER_REQUIRED;
     if (added->callback &&
@@ -87,19 +89,22 @@ std::vector<BugInfo> MediaBugs::infos() const {
     return all;
 }
 
-std::size_t MediaBugs::deliver(Direction direction, switch_frame_t& frame) {
-    std::size_t seen = 0;
+Delivery MediaBugs::deliver(Direction direction, switch_frame_t& frame) {
+    Delivery delivery;
     bool pruning = false;
     {
         const std::shared_lock<std::shared_mutex> guard(lock_);
         for (const Bug& bug : bugs_) {
-            seen += deliver_to(*bug, direction, frame) ? 1 : 0;
+            if (deliver_to(*bug, direction, frame)) {
+                ++delivery.bugs;
+                delivery.given += offer(*bug, direction).given ? 1 : 0;
+            }
             pruning = pruning || (bug->flags & SMBF_PRUNE);
         }
     }
     if (pruning)
         prune();
-    return seen;
+    return delivery;
 }
 
 // False when this bug does not take the frame.
@@ -110,11 +115,11 @@ bool MediaBugs::deliver_to(switch_media_bug& bug, Direction direction, switch_fr
         return false;
     if ((flags & ANSWER_REQUIRED) && !session_.channel().flag(CF_ANSWERED))
         return false;
-    switch_frame_t*& slot = read ? bug.read_frame : bug.write_frame;
-    slot = &frame;
+    FrameOffer& offered = offer(bug, direction);
+    offered = {&frame, false};
     const switch_bool_t answer = bug.callback(
         &bug, bug.user_data, read ? SWITCH_ABC_TYPE_READ_REPLACE : SWITCH_ABC_TYPE_WRITE_REPLACE);
-    slot = nullptr;
+    offered.frame = nullptr;
     mark(bug, answer);
     return true;
 }
@@ -201,6 +206,18 @@ std::size_t MediaBugs::drop_unmapped() {
 using qv::host::current_host;
 using qv::host::Fault;
 
+namespace {
+
+// The frame that a bug asks for, noting that it got it.
+switch_frame_t* give(FrameOffer& offer) {
+    if (current_host().faults.on(Fault::null_frame))
+        return nullptr;
+    offer.given = offer.frame != nullptr;
+    return offer.frame;
+}
+
+}  // namespace
+
 extern "C" {
 
 switch_status_t switch_core_media_bug_add(switch_core_session_t* session, const char* function,
@@ -224,10 +241,10 @@ switch_core_session_t* switch_core_media_bug_get_session(switch_media_bug_t* bug
 }
 
 switch_frame_t* switch_core_media_bug_get_read_replace_frame(switch_media_bug_t* bug) {
-    return current_host().faults.on(Fault::null_frame) ? nullptr : bug->read_frame;
+    return give(bug->read);
 }
 
 switch_frame_t* switch_core_media_bug_get_write_replace_frame(switch_media_bug_t* bug) {
-    return current_host().faults.on(Fault::null_frame) ? nullptr : bug->write_frame;
+    return give(bug->write);
 }
 }

@@ -17,6 +17,12 @@
 
 #include "host/call.h"
 
+// The frame of the event being delivered, and whether the bug has asked for it and got it.
+struct FrameOffer {
+    switch_frame_t* frame = nullptr;
+    bool given = false;
+};
+
 struct switch_media_bug {
     switch_core_session_t* session;
     std::string function;
@@ -25,13 +31,19 @@ struct switch_media_bug {
     void* user_data;
     time_t stop_time;
     std::atomic<switch_media_bug_flag_t> flags;  // both directions may set SMBF_PRUNE
-    switch_frame_t* read_frame;   // of the event being delivered; read direction only
-    switch_frame_t* write_frame;  // write direction only
+    FrameOffer read{};                           // the read direction's thread only
+    FrameOffer write{};
 };
 
 namespace qv::host {
 
 class Session;
+
+// What became of a frame.
+struct Delivery {
+    std::size_t bugs = 0;   // that were told of it
+    std::size_t given = 0;  // of these, that asked for it and got it
+};
 
 class MediaBugs {
   public:
@@ -44,8 +56,8 @@ class MediaBugs {
     std::size_t count() const { return count_.load(); }
     std::vector<BugInfo> infos() const;
 
-    // Hands the frame to every bug of this direction; the number of bugs that saw it.
-    std::size_t deliver(Direction direction, switch_frame_t& frame);
+    // Hands the frame to every bug of this direction.
+    Delivery deliver(Direction direction, switch_frame_t& frame);
     // Hands any event to every bug; true when none of them refused.
     bool raise(switch_abc_type_t type);
 

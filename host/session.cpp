@@ -137,9 +137,11 @@ FrameResult MediaLeg::hand_out(switch_frame_t& frame) {
     const switch_frame_t before = frame;
 
     const auto begin = std::chrono::steady_clock::now();
-    result.bugs = session_.bugs().deliver(direction_, frame);
+    const Delivery delivery = session_.bugs().deliver(direction_, frame);
     result.handling = std::chrono::steady_clock::now() - begin;
 
+    result.bugs = delivery.bugs;
+    result.given = delivery.given;
     result.altered = !same(before, frame) || !std::equal(original_.begin(), original_.end(), data);
     stats_.handling_time += result.handling;
     stats_.worst_handling = std::max(stats_.worst_handling, result.handling);

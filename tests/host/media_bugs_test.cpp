@@ -243,9 +243,13 @@ TEST_F(MediaBugsTest, ARefusedBugFaultComesBeforeInit) {
 TEST_F(MediaBugsTest, TheFrameCanBeWithheld) {
     host_.faults().set(Fault::null_frame);
     add(*call_, recorder_);
-    feed(*call_, Direction::read, {1});
+    const FrameResult withheld = feed(*call_, Direction::read, {1});
     EXPECT_FALSE(recorder_.frame_given);
     EXPECT_EQ(recorder_.kinds.size(), 2u);
+    EXPECT_EQ(withheld.bugs, 1u);
+    EXPECT_EQ(withheld.given, 0u);
+    host_.faults().set(Fault::null_frame, false);
+    EXPECT_EQ(feed(*call_, Direction::read, {1}).given, 1u);
 }
 
 TEST_F(MediaBugsTest, ACodecMayHaveNoName) {

@@ -9,7 +9,7 @@ using host::Direction;
 using std::chrono::nanoseconds;
 
 host::FrameResult frame(std::uint32_t bytes, std::size_t bugs = 1, bool altered = false) {
-    return {bytes, bugs, altered, nanoseconds(10)};
+    return {bytes, bugs, bugs, altered, nanoseconds(10)};
 }
 
 TEST(FrameTallyTest, AFrameOfUpTo1322BytesIsOnePacket) {
@@ -42,6 +42,15 @@ TEST(FrameTallyTest, AFrameThatNoBugSawBecomesNoPacket) {
     EXPECT_EQ(tally.side(Direction::read).tapped_frames, 0u);
     EXPECT_EQ(tally.side(Direction::read).packets, 0u);
     EXPECT_EQ(tally.handling().count(), 0u);
+}
+
+TEST(FrameTallyTest, AFrameThatTheHostWithheldBecomesNoPacket) {
+    FrameTally tally(true);
+    host::FrameResult withheld = frame(320);
+    withheld.given = 0;
+    tally.played(Direction::write, withheld, nanoseconds(50));
+    EXPECT_EQ(tally.side(Direction::write).tapped_frames, 1u);
+    EXPECT_EQ(tally.side(Direction::write).packets, 0u);
 }
 
 TEST(FrameTallyTest, AlteredFramesAreCounted) {

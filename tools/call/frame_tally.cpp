@@ -20,7 +20,7 @@ void FrameTally::played(host::Direction direction, const host::FrameResult& resu
     if (result.bugs == 0)
         return;
     counters.tapped_frames.fetch_add(1, relaxed);
-    counters.packets.fetch_add(packets_of_frame(result.bytes), relaxed);
+    counters.packets.fetch_add(result.given == 0 ? 0 : packets_of_frame(result.bytes), relaxed);
     counters.altered.fetch_add(result.altered ? 1 : 0, relaxed);
     handling_.add(result.handling);
     if (paced_)

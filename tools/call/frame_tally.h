@@ -21,8 +21,8 @@ class FrameTally : public host::FrameObserver {
     struct Side {
         std::uint64_t frames = 0;
         std::uint64_t bytes = 0;
-        std::uint64_t tapped_frames = 0;  // seen by a bug
-        std::uint64_t packets = 0;        // that the tapped frames should have become
+        std::uint64_t tapped_frames = 0;  // a bug was told of
+        std::uint64_t packets = 0;        // that those it was given should have become
         std::uint64_t altered = 0;        // handed back changed
     };
 
