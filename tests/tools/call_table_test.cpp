@@ -33,11 +33,14 @@ class Diary : public CallListener {
     }
     void late(const Call&, Side, const Packet&) override { add("late"); }
     void file_failed(const Call&, const FileReport& file) override { add("failed:" + file.error); }
-    void ended(const Call&, EndReason reason) override {
+    void ended(const Call& call, EndReason reason) override {
         add(std::string("end:") + name_of(reason));
+        last_rates = {call.side(Side::ORIGINATOR).sample_rate,
+                      call.side(Side::TERMINATOR).sample_rate};
     }
 
     std::string text;
+    std::pair<int, int> last_rates;  // Of the call that ended last.
 
   private:
     void add(const std::string& word) { text += (text.empty() ? "" : " ") + word; }
@@ -48,13 +51,15 @@ class CallTableTest : public testing::Test {
     CallTableTest() { restart({}); }
 
     void restart(const CallLimits& limits) {
-        table_ = std::make_unique<CallTable>(
-            limits,
-            [this](const Uuid& uuid, RateSource rate) {
-                return std::make_unique<SideRecording>(store_, free_stem(store_, uuid),
-                                                       std::move(rate), RecordingOptions{4, false});
-            },
-            std::vector<CallListener*>{&diary_});
+        restart(limits, [this](const Uuid& uuid, RateSource rate) {
+            return std::make_unique<SideRecording>(store_, free_stem(store_, uuid), std::move(rate),
+                                                   RecordingOptions{4, false});
+        });
+    }
+
+    void restart(const CallLimits& limits, RecordingFactory recordings) {
+        table_ = std::make_unique<CallTable>(limits, std::move(recordings),
+                                             std::vector<CallListener*>{&diary_});
     }
 
     Packet packet(PacketType type) {
@@ -281,6 +286,17 @@ TEST_F(CallTableTest, RateIsToldFromOffsetsAndTimes) {
     talk(1, 40);
     table_->shut_down();
     EXPECT_EQ(store_.files.begin()->second.sample_rate, 8000);
+}
+
+TEST_F(CallTableTest, RateIsDecidedAtTheEndThoughNoFileAsksForIt) {
+    restart({}, [](const Uuid&, const RateSource&) {
+        return std::make_unique<RecordingGroup>("nothing",
+                                                std::vector<std::unique_ptr<Recording>>());
+    });
+    start();
+    talk(1, 10);  // Too short to be sure before the end.
+    table_->shut_down();
+    EXPECT_EQ(diary_.last_rates, std::make_pair(8000, 0)) << "the other side has said nothing";
 }
 
 TEST_F(CallTableTest, RateOfTheOptionsHolds) {

@@ -415,6 +415,11 @@ void CallTable::end(Call& call, EndReason reason) {
         totals_.reordered += call.side(side).tracker.stats().reordered;
     }
     call.recording->finish();
+    for (const Side side : BOTH_SIDES) {
+        if (call.side(side).tracker.stats().packets != 0) {
+            decide_rate(call, side, true);  // No file may have asked for it.
+        }
+    }
     report_file_errors(call);
     ++totals_.calls_ended;
     totals_.calls_not_terminated += reason == EndReason::TERMINATED ? 0 : 1;
