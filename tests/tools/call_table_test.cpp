@@ -28,8 +28,8 @@ class Diary : public CallListener {
     void gap(const Call&, Side, const Gap& gap) override {
         add("gap" + std::to_string(gap.lost_packets));
     }
-    void pause(const Call&, Side, std::uint64_t samples) override {
-        add("pause" + std::to_string(samples));
+    void pause(const Call&, Side, const Pause& pause) override {
+        add("pause" + std::to_string(pause.samples) + "@" + std::to_string(pause.position));
     }
     void late(const Call&, Side, const Packet&) override { add("late"); }
     void file_failed(const Call&, const FileReport& file) override { add("failed:" + file.error); }
@@ -321,13 +321,13 @@ TEST_F(CallTableTest, PauseOfTheSenderIsTold) {
     talk(1, 40);
     pass(1s);
     talk(41, 42);
-    EXPECT_EQ(diary_.text, "pause8000");
+    EXPECT_EQ(diary_.text, "pause8000@6400");
 }
 
 TEST_F(CallTableTest, SideThatBeginsLaterIsPlacedInTime) {
     talk(1, 50);
     data(1, Side::TERMINATOR);
-    EXPECT_EQ(diary_.text, "pause8000");
+    EXPECT_EQ(diary_.text, "pause8000@0");
 }
 
 TEST_F(CallTableTest, ReceiverThatComesLateBeginsWithTheFirstPacket) {

@@ -16,9 +16,9 @@ class EventLogTest : public qv::test::NodeCallTest {
   protected:
     EventLogTest() { watch_with(false); }
 
-    void watch_with(bool every_packet) {
+    void watch_with(bool every_packet, const CallLimits& limits = {}) {
         log_ = std::make_unique<EventLog>(out_, every_packet);
-        watch({log_.get()});
+        watch({log_.get()}, limits);
     }
 
     // The lines so far, the time of writing replaced by T.
@@ -125,6 +125,22 @@ TEST_F(EventLogTest, DataTellsLegAndSideInWordsToo) {
               R"("leg":1,"leg_word":32769,"magic":16711935,"packet_type":"data",)"
               R"("protocol_version":1,"sample_count":8,"sample_offset":0,"send_time":3600020390,)"
               R"("sequence_number":1})");
+}
+
+TEST_F(EventLogTest, PauseTellsHowLongItWasAndWhere) {
+    CallLimits limits;
+    limits.sample_rate = 8000;
+    watch_with(false, limits);
+    send("call_2_read");
+    pass(1s);
+    qv::test::Bytes later = qv::test::golden("call_4_read");
+    const unsigned char send_time[] = {0x7e, 0x39, 0xa3, 0xd6};  // A second more.
+    std::copy(std::begin(send_time), std::end(send_time), later.begin() + 32);
+    send(later);
+    EXPECT_EQ(lines().back(),
+              R"({"event":"pause","time":"T","call_key":"0x34ec6ca7460833a0",)"
+              R"("call_side":"originator","call_uuid":"3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37",)"
+              R"("leg":0,"position":8,"samples":8000})");
 }
 
 TEST_F(EventLogTest, GapTellsWhatIsMissingAndWhere) {

@@ -22,9 +22,8 @@ class CallListener {
     virtual void data(const Call&, const media::Packet&) {}
     // A side's audio goes on: what the files get, in the same order.
     virtual void audio(const Call&, Side, const std::int16_t*, std::size_t) {}
-    // The sender had been silent for that many samples; comes before the audio that ends
-    // the pause.
-    virtual void pause(const Call&, Side, std::uint64_t) {}
+    // The sender had been silent; comes before the audio that ends the pause.
+    virtual void pause(const Call&, Side, const Pause&) {}
     virtual void gap(const Call&, Side, const Gap&) {}
     // A data packet came after its place had been given up.
     virtual void late(const Call&, Side, const media::Packet&) {}

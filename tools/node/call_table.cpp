@@ -87,13 +87,15 @@ class Delivery : public SideOutput {
         // A side that begins late has no rate of its own yet.
         const int rate =
             side.sample_rate != 0 ? side.sample_rate : call_.side(other(side_)).sample_rate;
-        const std::uint64_t pause =
+        const std::uint64_t samples =
             side.pauses.pause_before(send_time, *call_.first_audio_time, rate, longest_pause(rate));
-        side.pauses.advance(pause + count);
-        if (pause == 0) {
+        side.pauses.advance(samples + count);
+        if (samples == 0) {
             return;
         }
-        call_.recording->pause(side_, pause);
+        call_.recording->pause(side_, samples);
+        // The tracker has counted what ends the pause already.
+        const Pause pause{samples, side.tracker.position() - count};
         for (CallListener* listener : listeners_) {
             listener->pause(call_, side_, pause);
         }

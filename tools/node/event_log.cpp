@@ -124,8 +124,12 @@ void EventLog::data(const Call& call, const media::Packet& packet) {
     }
 }
 
-void EventLog::pause(const Call& call, Side side, std::uint64_t samples) {
-    write("pause", call, {{"call_side", name_of(side)}, {"samples", samples}});
+void EventLog::pause(const Call& call, Side side, const Pause& pause) {
+    write("pause", call,
+          {{"call_side", name_of(side)},
+           {"leg", call.side(side).leg.value_or(0)},
+           {"samples", pause.samples},
+           {"position", pause.position}});
 }
 
 void EventLog::gap(const Call& call, Side side, const Gap& gap) {

@@ -26,7 +26,7 @@ class EventLog : public CallListener {
     void features_changed(const Call& call, const media::Packet& packet) override;
     void terminated(const Call& call, const media::Packet& packet) override;
     void data(const Call& call, const media::Packet& packet) override;
-    void pause(const Call& call, Side side, std::uint64_t samples) override;
+    void pause(const Call& call, Side side, const Pause& pause) override;
     void gap(const Call& call, Side side, const Gap& gap) override;
     void late(const Call& call, Side side, const media::Packet& packet) override;
     void file_failed(const Call& call, const FileReport& file) override;

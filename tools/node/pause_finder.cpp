@@ -1,6 +1,7 @@
 #include "tools/node/pause_finder.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace qv::tools::node {
 
@@ -19,7 +20,7 @@ std::uint64_t PauseFinder::pause_before(std::int64_t send_time, std::int64_t axi
     const double pause = std::min(lag, longest_s);
     cut_s_ += lag - pause;
     ++pauses_;
-    return static_cast<std::uint64_t>(pause * sample_rate);
+    return static_cast<std::uint64_t>(std::llround(pause * sample_rate));
 }
 
 }  // namespace qv::tools::node

@@ -12,6 +12,12 @@
 
 namespace qv::tools::node {
 
+// Time in which the sender sent nothing, though no audio is missing.
+struct Pause {
+    std::uint64_t samples;   // Its length.
+    std::uint64_t position;  // Samples delivered before it, silence of gaps included.
+};
+
 class PauseFinder {
   public:
     // Shorter ones are jitter.

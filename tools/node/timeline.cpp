@@ -85,10 +85,10 @@ void Timeline::audio(const Call& call, Side side, const std::int16_t* samples, s
     trace(call, side).outline.add(samples, count);
 }
 
-void Timeline::pause(const Call& call, Side side, std::uint64_t samples) {
+void Timeline::pause(const Call& call, Side side, const Pause& pause) {
     TimelineData::SideTrace& into = trace(call, side);
-    add_mark(into.pauses, TimelineData::Stretch{into.outline.samples(), samples, 0});
-    into.outline.add_silence(samples);
+    add_mark(into.pauses, TimelineData::Stretch{into.outline.samples(), pause.samples, 0});
+    into.outline.add_silence(pause.samples);
 }
 
 void Timeline::gap(const Call& call, Side side, const Gap& gap) {

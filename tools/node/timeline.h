@@ -62,7 +62,7 @@ class Timeline : public CallListener {
     void terminated(const Call& call, const media::Packet& packet) override;
     void audio(const Call& call, Side side, const std::int16_t* samples,
                std::size_t count) override;
-    void pause(const Call& call, Side side, std::uint64_t samples) override;
+    void pause(const Call& call, Side side, const Pause& pause) override;
     void gap(const Call& call, Side side, const Gap& gap) override;
     void late(const Call& call, Side side, const media::Packet& packet) override;
     void ended(const Call& call, EndReason reason) override;
