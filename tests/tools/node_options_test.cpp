@@ -33,6 +33,8 @@ TEST_F(NodeOptionsTest, DefaultsAreThoseOfTheDocument) {
 }
 
 TEST_F(NodeOptionsTest, AddressAndPortAreTaken) {
+    EXPECT_EQ(parse({"--listen", "5091"}), std::nullopt);
+    EXPECT_EQ(ntohs(options_.listen.sin_port), 5091);
     EXPECT_EQ(parse({"--listen", "192.0.2.9:5090"}), std::nullopt);
     EXPECT_EQ(ntohs(options_.listen.sin_port), 5090);
     EXPECT_EQ(ntohl(options_.listen.sin_addr.s_addr), 0xC0000209u);
@@ -79,8 +81,11 @@ TEST_F(NodeOptionsTest, LimitsAreTaken) {
 TEST_F(NodeOptionsTest, RefusalNamesTheOptionAndTheValue) {
     EXPECT_EQ(refusal_of({"--listen", "nowhere"}),
               "--listen: 'nowhere' is no IPv4 address and port, such as 127.0.0.1:40000");
-    EXPECT_EQ(refusal_of({"--listen", ""}),
-              "--listen: '' is no IPv4 address and port, such as 127.0.0.1:40000");
+    // Without a port the system would choose one, which nobody wants by mistake.
+    for (const std::string text : {"", "192.0.2.9", "192.0.2.9:", ":"}) {
+        EXPECT_EQ(refusal_of({"--listen", text}),
+                  "--listen: '" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000");
+    }
     EXPECT_EQ(refusal_of({"--rate", "999"}), "--rate: Value 999 not in range 1000 to 384000");
     EXPECT_EQ(refusal_of({"--metrics", "65536"}), "--metrics: Value 65536 not in range 0 to 65535");
     EXPECT_EQ(refusal_of({"--calls", "-1"}), "--calls: Value -1 not in range 0 to 1000000000");

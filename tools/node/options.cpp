@@ -36,9 +36,13 @@ void add_span(CLI::App& app, const std::string& name, Micros& into, const std::s
         ->default_str(CLI::detail::to_string(std::chrono::duration<double>(into).count()));
 }
 
+// An address, or none for the loopback, and a port. The parser would take an address alone
+// for one with port 0.
 std::string check_address(const std::string& text) {
     sockaddr_in address{};
-    if (text.empty() || !net::parse_addr(text.c_str(), nullptr, address)) {
+    const std::string port = text.substr(text.rfind(':') + 1);
+    if (port.empty() || port.find('.') != std::string::npos ||
+        !net::parse_addr(text.c_str(), nullptr, address)) {
         return "'" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000";
     }
     return {};
