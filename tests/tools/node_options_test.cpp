@@ -81,6 +81,7 @@ TEST_F(NodeOptionsTest, LimitsAreTaken) {
 TEST_F(NodeOptionsTest, RefusalNamesTheOptionAndTheValue) {
     EXPECT_EQ(refusal_of({"--listen", "nowhere"}),
               "--listen: 'nowhere' is no IPv4 address and port, such as 127.0.0.1:40000");
+    EXPECT_EQ(refusal_of({"--output", ""}), "--output: a folder needs a name");
     // Without a port the system would choose one, which nobody wants by mistake.
     for (const std::string text : {"", "192.0.2.9", "192.0.2.9:", ":"}) {
         EXPECT_EQ(refusal_of({"--listen", text}),

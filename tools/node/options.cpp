@@ -55,6 +55,9 @@ void add_output_options(CLI::App& app, Options& options) {
         ->type_name("ADDRESS:PORT")
         ->capture_default_str();
     app.add_option("-o,--output", options.folder, "Folder of the WAV files, made if it is missing")
+        ->check([](const std::string& text) {
+            return text.empty() ? "a folder needs a name" : std::string();
+        })
         ->type_name("FOLDER")
         ->capture_default_str();
     app.add_flag("--overwrite", options.overwrite,
