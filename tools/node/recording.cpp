@@ -22,15 +22,26 @@ bool taken(const AudioStore& store, const std::string& stem) {
            store.exists(stem + ".svg");
 }
 
+std::string numbered(const std::string& stem, std::uint64_t number) {
+    return number == 1 ? stem : stem + '-' + std::to_string(number);
+}
+
 }  // namespace
 
+// Numbers are tried by doubling and then by halving: a sender may begin a call anew as
+// often as it likes, and trying one after the other would make each time dearer.
 std::string free_stem(const AudioStore& store, const Uuid& uuid) {
     const std::string first = uuid_text(uuid);
-    std::string stem = first;
-    for (unsigned number = 2; taken(store, stem); ++number) {
-        stem = first + '-' + std::to_string(number);
+    std::uint64_t used_number = 0;
+    std::uint64_t free_number = 1;
+    while (taken(store, numbered(first, free_number))) {
+        used_number = std::exchange(free_number, 2 * free_number);
     }
-    return stem;
+    while (free_number - used_number > 1) {
+        const std::uint64_t middle = used_number + (free_number - used_number) / 2;
+        (taken(store, numbered(first, middle)) ? used_number : free_number) = middle;
+    }
+    return numbered(first, free_number);
 }
 
 SideRecording::SideRecording(AudioStore& store, std::string stem, RateSource rate,

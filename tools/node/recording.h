@@ -115,7 +115,9 @@ void for_each_silent_part(std::uint64_t count, Use use) {
     }
 }
 
-// The UUID's text, with "-2", "-3"... when the store has files of that call already.
+// The UUID's text, with "-2", "-3"... when the store has files of that call already: the
+// next number, or one between them that has become free. The store is asked a few times for
+// each doubling of their count.
 std::string free_stem(const AudioStore& store, const Uuid& uuid);
 
 }  // namespace qv::tools::node
