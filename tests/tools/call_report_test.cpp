@@ -31,6 +31,7 @@ class ReportTest : public ::testing::Test {
                             microseconds(6),
                             microseconds(7),
                             microseconds(8)};
+        report_.unload.unloaded = report_.unload.left_memory = true;
     }
 
     std::string line(const std::string& begin) const {
@@ -46,7 +47,22 @@ class ReportTest : public ::testing::Test {
 
 TEST_F(ReportTest, ARunWithoutTroubleHasNoProblems) {
     EXPECT_TRUE(problems_of(report_).empty());
-    EXPECT_EQ(line("Left over "), "no frame altered; no lock, media bug or event binding left");
+    EXPECT_EQ(line("Left over "),
+              "no frame altered; no lock, media bug, event binding or call left");
+}
+
+TEST_F(ReportTest, AModuleThatStaysInMemoryHasCallsLeft) {
+    report_.unload.left_memory = false;
+    const std::string text = "the module stayed in memory: calls are left in its registry";
+    EXPECT_EQ(problems_of(report_), (std::vector<std::string>{text}));
+    EXPECT_EQ(line("Left over "), text);
+    EXPECT_EQ(report_json(report_)["module"]["gone_from_memory"], false);
+}
+
+TEST_F(ReportTest, EventBindingsThatWentWithTheModuleWereLeft) {
+    report_.unload.bindings_dropped = 2;
+    EXPECT_EQ(line("Left over "), "2 event bindings still there");
+    EXPECT_EQ(report_json(report_)["module"]["bindings_dropped"], 2);
 }
 
 TEST_F(ReportTest, EveryKindOfTroubleIsAProblem) {
@@ -61,7 +77,8 @@ TEST_F(ReportTest, EveryKindOfTroubleIsAProblem) {
     report_.host.sessions_destroyed_locked = 9;
     report_.host.unlocks_without_lock = 10;
     report_.host.frames_altered = 11;
-    report_.unload_error = "it runs";
+    report_.unload = {};
+    report_.unload.error = "it runs";
     EXPECT_EQ(problems_of(report_),
               (std::vector<std::string>{
                   "2 calls cut short by a signal", "1 call not tapped", "3 API commands failed",
@@ -106,6 +123,8 @@ TEST_F(ReportTest, TheJsonHoldsTheSameFigures) {
     EXPECT_DOUBLE_EQ(json["handling"]["p99_s"], 6e-6);
     EXPECT_DOUBLE_EQ(json["cpu"]["per_call_second_s"], 0.005);
     EXPECT_DOUBLE_EQ(json["memory"]["per_call_bytes"], 4096);
+    EXPECT_EQ(json["module"]["unloaded"], true);
+    EXPECT_EQ(json["module"]["gone_from_memory"], true);
     EXPECT_TRUE(json["problems"].empty());
 }
 

@@ -121,7 +121,7 @@ RunReport Application::run_calls(host::EmbeddedHost& host, const LogView& log,
     RunReport report;
     report.totals = driver.run(stop_);
     host.events().wait_drained();
-    report.unload_error = host.unload_module(module).error;
+    report.unload = host.unload_module(module);
     report.outbound = plan.outbound;
     report.rate = rate_of(plan);
     report.frame_ms = plan.frame_ms;

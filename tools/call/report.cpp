@@ -108,16 +108,20 @@ std::vector<std::string> left_over(const RunReport& report) {
     std::vector<std::string> left;
     add_if(left, report.host.read_locks_held, "session lock", "still held");
     add_if(left, report.host.bugs_attached, "media bug", "still attached");
-    add_if(left, report.host.bindings_alive, "event binding", "still there");
+    // The host drops those of a module that is gone from memory.
+    add_if(left, report.host.bindings_alive + report.unload.bindings_dropped, "event binding",
+           "still there");
     add_if(left, report.host.sessions_destroyed_locked, "call", "ended under a lock");
     add_if(left, report.host.unlocks_without_lock, "lock", "given back without being held");
     add_if(left, report.host.frames_altered, "frame", "altered by the module");
+    if (report.unload.unloaded && !report.unload.left_memory)
+        left.push_back("the module stayed in memory: calls are left in its registry");
     return left;
 }
 
 std::string host_line(const RunReport& report) {
     const auto left = left_over(report);
-    return left.empty() ? "no frame altered; no lock, media bug or event binding left"
+    return left.empty() ? "no frame altered; no lock, media bug, event binding or call left"
                         : joined(left, "; ");
 }
 
@@ -175,6 +179,12 @@ Json host_json(const host::Report& host) {
             {"events_delivered", host.events_delivered}};
 }
 
+Json unload_json(const host::UnloadResult& unload) {
+    return {{"unloaded", unload.unloaded},
+            {"gone_from_memory", unload.left_memory},
+            {"bindings_dropped", unload.bindings_dropped}};
+}
+
 }  // namespace
 
 Distribution distribution_of(const LatencyHistogram& histogram) {
@@ -192,8 +202,8 @@ std::vector<std::string> problems_of(const RunReport& report) {
     add_if(problems, report.log.errors, "error", "in the log");
     for (const std::string& thing : left_over(report))
         problems.push_back(thing);
-    if (!report.unload_error.empty())
-        problems.push_back("the module could not be unloaded: " + report.unload_error);
+    if (!report.unload.error.empty())
+        problems.push_back("the module could not be unloaded: " + report.unload.error);
     return problems;
 }
 
@@ -241,6 +251,7 @@ nlohmann::ordered_json report_json(const RunReport& report) {
               {"warnings", report.log.warnings},
               {"errors", report.log.errors}}},
             {"host", host_json(report.host)},
+            {"module", unload_json(report.unload)},
             {"problems", problems_of(report)}};
 }
 

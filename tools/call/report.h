@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host/embedded_host.h"
 #include "host/report.h"
 #include "tools/call/driver.h"
 #include "tools/call/frame_tally.h"
@@ -39,8 +40,8 @@ struct RunReport {
     Distribution lateness;  // from due until sent; empty when free-running
     Distribution handling;  // in the module
     LogView::Counts log;
-    host::Report host;         // after the module was unloaded
-    std::string unload_error;  // empty: it was
+    host::UnloadResult unload;
+    host::Report host;  // after the unload
 };
 
 // What was not as it should be, a sentence each; nothing when all is well.
