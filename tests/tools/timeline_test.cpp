@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
+#include "tests/tools/node_call.h"
 
 namespace {
 
@@ -68,6 +68,70 @@ TEST(TimelineTest, ThousandsOfGapsMakeASmallPicture) {
 
 TEST(TimelineTest, CallWithoutAudioIsDrawn) {
     EXPECT_TRUE(contains(render_timeline(TimelineData{}), "</svg>"));
+}
+
+TEST(TimelineTest, AudioIsDrawnWhereItBegan) {
+    TimelineData data = call_of_seconds(5);
+    data.audio_begin = 5;
+    data.sides[0].gaps.push_back({8000, 1600, 10});
+    const std::string svg = render_timeline(data);
+    EXPECT_TRUE(contains(svg, ">10.0 s</text>"));
+    EXPECT_TRUE(contains(svg, "<path d=\"M640.5 "));  // The middle.
+    EXPECT_TRUE(contains(svg, "<title>gap: 0.2 s at 6.0 s, 10 packets</title>"));
+}
+
+// What the receiver draws of a call. Times are seconds after the golden start packet.
+class TimelineOfCallTest : public qv::test::NodeCallTest {
+  protected:
+    TimelineOfCallTest() {
+        CallLimits limits;
+        limits.sample_rate = 8000;
+        watch({&timeline_}, limits);
+    }
+
+    void send_at(double seconds, const std::string& name) {
+        qv::test::Bytes datagram = qv::test::golden(name);
+        auto send_time = 3'600'000'250 + static_cast<std::int64_t>(seconds * 1e6);
+        for (std::size_t i = 32; i < 40; ++i, send_time >>= 8) {
+            datagram[i] = static_cast<unsigned char>(send_time & 0xFF);
+        }
+        send(datagram);
+    }
+
+    bool shows(const std::string& part) const { return contains(svg_, part); }
+
+    std::string svg_;
+    Timeline timeline_{
+        [this](const Call&, const std::string&, const std::string& svg) { svg_ = svg; }};
+};
+
+TEST_F(TimelineOfCallTest, RingingStandsBeforeTheAudio) {
+    send_at(0, "call_1_start");
+    send_at(10, "call_6_control");
+    send_at(15, "call_2_read");
+    send_at(17, "call_7_terminate");
+    table_->shut_down();
+    EXPECT_TRUE(shows("recording on both at 0.0 s</title>"));
+    EXPECT_TRUE(shows("audio activity off both; recording on both at 10.0 s</title>"));
+    EXPECT_TRUE(shows("terminate at 17.0 s</title>"));
+    EXPECT_TRUE(shows(">17.0 s</text>"));
+    EXPECT_TRUE(shows("\"M1111.5 "));  // 15 of the 17 seconds.
+}
+
+TEST_F(TimelineOfCallTest, CallThatIsNeverAnsweredLastsAsLongAsItRang) {
+    send_at(0, "call_1_start");
+    send_at(30, "call_7_terminate");
+    table_->shut_down();
+    EXPECT_TRUE(shows("terminate at 30.0 s</title>"));
+}
+
+TEST_F(TimelineOfCallTest, AudioSentBeforeTheStartPacketBeginsTheAxis) {
+    send_at(1, "call_2_read");
+    send_at(2, "call_1_start");
+    send_at(4, "call_7_terminate");
+    table_->shut_down();
+    EXPECT_TRUE(shows("recording on both at 1.0 s</title>"));
+    EXPECT_TRUE(shows("terminate at 3.0 s</title>"));
 }
 
 }  // namespace

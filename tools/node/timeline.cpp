@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "tools/node/text.h"
 
@@ -11,6 +12,11 @@ namespace {
 
 double seconds_of(std::uint64_t samples, int rate) {
     return static_cast<double>(samples) / (rate != 0 ? rate : DEFAULT_SAMPLE_RATE);
+}
+
+// Any send times may come; as whole numbers their difference could overflow.
+double seconds_between(std::int64_t begin, std::int64_t end) {
+    return (static_cast<double>(end) - static_cast<double>(begin)) / 1e6;
 }
 
 template <typename Marks, typename Mark>
@@ -105,6 +111,29 @@ void Timeline::late(const Call& call, Side side, const media::Packet& packet) {
     add_mark(into.late, back <= head ? head - back : 0);
 }
 
+// The send time of the first packet, usually the start packet.
+std::int64_t Timeline::axis_begin(const Call& call, const std::vector<RawEvent>& events) {
+    std::int64_t begin = call.first_audio_time.value_or(std::numeric_limits<std::int64_t>::max());
+    for (const RawEvent& event : events) {
+        begin = std::min(begin, event.send_time);
+    }
+    return begin;
+}
+
+void Timeline::place_events(Trace& trace, std::int64_t axis_begin) {
+    TimelineData& data = trace.data;
+    for (RawEvent& event : trace.events) {
+        double at = seconds_between(axis_begin, event.send_time);
+        for (std::size_t i = 0; i < SIDE_COUNT; ++i) {
+            // A sender faster than real time: its audio tells the time.
+            const double head =
+                data.audio_begin + seconds_of(event.heads[i], data.sides[i].sample_rate);
+            at = event.heads[i] != 0 && head > at + 1 ? head : at;
+        }
+        data.events.push_back({at, std::move(event.label)});
+    }
+}
+
 void Timeline::ended(const Call& call, EndReason reason) {
     Trace& ending = trace(call);
     TimelineData& data = ending.data;
@@ -114,16 +143,9 @@ void Timeline::ended(const Call& call, EndReason reason) {
         data.sides[index_of(side)].sample_rate = call.side(side).sample_rate;
         data.sides[index_of(side)].summary = summary_of(call.side(side));
     }
-    for (RawEvent& event : ending.events) {
-        const double begin = static_cast<double>(call.first_audio_time.value_or(event.send_time));
-        double at = (static_cast<double>(event.send_time) - begin) / 1e6;
-        for (std::size_t i = 0; i < SIDE_COUNT; ++i) {
-            // A sender faster than real time: its audio tells the time.
-            const double head = seconds_of(event.heads[i], data.sides[i].sample_rate);
-            at = head > at + 1 ? head : at;
-        }
-        data.events.push_back({std::max(at, 0.0), std::move(event.label)});
-    }
+    const std::int64_t begin = axis_begin(call, ending.events);
+    data.audio_begin = seconds_between(begin, call.first_audio_time.value_or(begin));
+    place_events(ending, begin);
     save_(call, call.recording->stem() + ".svg", render_timeline(data));
     traces_.erase(&call);
 }

@@ -36,12 +36,13 @@ struct TimelineData {
         std::string summary;
     };
     struct Event {
-        double seconds;
+        double seconds;  // From the beginning of the axis, as all times here.
         std::string label;
     };
 
     std::string title;
     std::string subtitle;
+    double audio_begin = 0;  // Where both sides begin: a call rings before it is answered.
     std::array<SideTrace, SIDE_COUNT> sides;
     std::vector<Event> events;  // In order.
     bool terminated = false;
@@ -78,6 +79,9 @@ class Timeline : public CallListener {
         TimelineData data;
         std::vector<RawEvent> events;
     };
+
+    static std::int64_t axis_begin(const Call& call, const std::vector<RawEvent>& events);
+    static void place_events(Trace& trace, std::int64_t axis_begin);
 
     Trace& trace(const Call& call);
     TimelineData::SideTrace& trace(const Call& call, Side side) {

@@ -130,9 +130,14 @@ class Picture {
         return longest;
     }
 
-    static double at(const TimelineData::SideTrace& side, std::uint64_t samples) {
+    static double seconds_of(const TimelineData::SideTrace& side, std::uint64_t samples) {
         return static_cast<double>(samples) /
                (side.sample_rate != 0 ? side.sample_rate : DEFAULT_SAMPLE_RATE);
+    }
+
+    // Where a side's sample is on the axis.
+    double at(const TimelineData::SideTrace& side, std::uint64_t sample) const {
+        return data_.audio_begin + seconds_of(side, sample);
     }
 
     double x(double seconds) const { return LEFT + PLOT * seconds / seconds_; }
@@ -316,7 +321,7 @@ class Picture {
                 continue;
             }
             drawn_to = right;
-            std::string hint = what + duration_text(at(side, stretch.length)) + " at " +
+            std::string hint = what + duration_text(seconds_of(side, stretch.length)) + " at " +
                                clock_text(at(side, stretch.begin), 0);
             hint += stretch.packets != 0 ? ", " + counted(stretch.packets, "packet") : "";
             box(left, top, right - left, LANE, style, hint);
