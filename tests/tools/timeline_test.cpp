@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/tools/node_call.h"
 
 namespace {
@@ -116,6 +118,17 @@ TEST_F(TimelineOfCallTest, RingingStandsBeforeTheAudio) {
     EXPECT_TRUE(shows("terminate at 17.0 s</title>"));
     EXPECT_TRUE(shows(">17.0 s</text>"));
     EXPECT_TRUE(shows("\"M1111.5 "));  // 15 of the 17 seconds.
+}
+
+TEST_F(TimelineOfCallTest, SilentSideIsCalledSilentAsInTheLines) {
+    qv::test::Bytes silence = qv::test::golden("call_2_read");
+    std::fill(silence.begin() + 50, silence.end(), static_cast<unsigned char>(0));
+    send(silence);
+    send("call_3_write");
+    send("call_5_write");
+    table_->shut_down();
+    EXPECT_TRUE(shows("8000 Hz, silent, no gap</text>"));
+    EXPECT_TRUE(shows("8000 Hz, -33 dB, no gap</text>"));
 }
 
 TEST_F(TimelineOfCallTest, CallThatIsNeverAnsweredLastsAsLongAsItRang) {

@@ -26,6 +26,10 @@ void add_mark(Marks& marks, Mark mark) {
     }
 }
 
+std::string level_text(double level) {
+    return level <= SILENCE_DB ? "silent" : std::to_string(std::lround(level)) + " dB";
+}
+
 std::string subtitle_of(const Call& call, EndReason reason) {
     std::string text;
     if (call.start.has_value()) {
@@ -49,7 +53,7 @@ std::string summary_of(const CallSide& side) {
     }
     std::string text = duration_text(seconds_of(side.pauses.position(), side.sample_rate)) + ", " +
                        std::to_string(side.sample_rate) + " Hz, " +
-                       std::to_string(std::lround(side.level.level_db())) + " dB";
+                       level_text(side.level.level_db());
     text += stats.gaps == 0 ? ", no gap" : ", " + counted(stats.gaps, "gap");
     text += stats.lost() != 0 ? ", " + counted(stats.lost(), "packet") + " lost" : "";
     text += stats.late != 0 ? ", " + grouped(stats.late) + " late" : "";
