@@ -55,8 +55,8 @@ TEST_F(LineReportTest, HeldLinesAreShownWhenReleased) {
     EXPECT_EQ(lines(), Lines{});
     report_.release();
     EXPECT_EQ(lines(), Lines{"events lost                           cannot write to x"});
-    report_.say("summary", "");
-    EXPECT_EQ(lines(), Lines{"summary                               "});
+    report_.say("summary", "1 call");
+    EXPECT_EQ(lines(), Lines{"summary                               1 call"});
 }
 
 TEST_F(LineReportTest, NotMoreThanAHundredLinesAreHeld) {
@@ -191,6 +191,14 @@ TEST_F(LineReportTest, SilentSideIsCalledSilent) {
 TEST_F(LineReportTest, WhatConcernsNoCallStandsInTheSameColumns) {
     report_.say("malformed packet", "bad magic");
     EXPECT_EQ(lines(), (Lines{"malformed packet                      bad magic"}));
+}
+
+TEST_F(LineReportTest, LineWithoutTextEndsWithItsWords) {
+    report_.say("interrupted", "");
+    EXPECT_EQ(lines(), Lines{"interrupted"});
+    send("call_2_read");
+    send("call_7_terminate");
+    EXPECT_EQ(lines(), Lines{"terminate"});
 }
 
 }  // namespace

@@ -13,9 +13,12 @@ namespace {
 // Lines of one call's gaps beyond these are left to its summary.
 constexpr std::uint64_t GAP_LINES_PER_SIDE = 10;
 
-std::string padded(std::string text, std::size_t width) {
-    text.resize(std::max(text.size(), width), ' ');
-    return text;
+// `text` in a column of its own, behind `what`.
+std::string in_columns(std::string what, std::size_t width, const std::string& text) {
+    if (!text.empty()) {
+        what.resize(std::max(what.size(), width), ' ');
+    }
+    return what + text;
 }
 
 std::string decibel_text(double level) {
@@ -68,7 +71,7 @@ std::string side_text(const CallSide& side) {
 }  // namespace
 
 void LineReport::say(const std::string& what, const std::string& text) {
-    std::string line = time_of_day() + "  " + padded(what, 38) + text + '\n';
+    std::string line = time_of_day() + "  " + in_columns(what, 38, text) + '\n';
     if (!holding_) {
         out_ << line;
     } else if (held_.size() < MOST_HELD) {
@@ -84,7 +87,7 @@ void LineReport::release() {
 }
 
 void LineReport::line(const Call& call, const std::string& what, const std::string& text) {
-    out_ << time_of_day() << "  " << uuid_text(call.uuid) << "  " << padded(what, 13) << text
+    out_ << time_of_day() << "  " << uuid_text(call.uuid) << "  " << in_columns(what, 13, text)
          << '\n';
 }
 
