@@ -104,6 +104,54 @@ TEST_F(AudioFilesTest, VanishedFolderIsAnErrorOfTheFile) {
     EXPECT_EQ(file->error(), "No such file or directory");
 }
 
+TEST_F(AudioFilesTest, FileRemovedWhileItGrowsIsAnErrorOfTheFile) {
+    const auto file = folder_->create("a.wav", 8000, 1);
+    EXPECT_TRUE(put(*file, {1}));
+    std::filesystem::remove_all(folder_path_);
+    EXPECT_FALSE(put(*file, {2}));
+    EXPECT_EQ(file->error(), "the file was removed");
+    EXPECT_FALSE(file->close());
+}
+
+TEST_F(AudioFilesTest, FileRemovedBeforeItIsClosedIsAnErrorOfTheFile) {
+    const auto file = folder_->create("a.wav", 8000, 1);
+    EXPECT_TRUE(put(*file, {1}));
+    std::filesystem::remove(file->path());
+    put(*folder_->create("a.wav", 8000, 1), {7});
+    EXPECT_FALSE(file->close());
+    EXPECT_EQ(file->error(), "the file was removed");
+    EXPECT_EQ(read("a.wav"), (Samples{7}));
+}
+
+TEST_F(AudioFilesTest, FileRemovedWhileOthersHaveItsTurnIsAnErrorOfTheFile) {
+    use_folder(1, false);
+    const auto file = folder_->create("a.wav", 8000, 1);
+    EXPECT_TRUE(put(*file, {1}));
+    const auto other = folder_->create("b.wav", 8000, 1);
+    std::filesystem::remove(file->path());
+    EXPECT_FALSE(file->close());
+    EXPECT_EQ(file->error(), "the file was removed");
+    EXPECT_TRUE(other->close());
+}
+
+TEST_F(AudioFilesTest, FileMovedAwayIsCompletedButNotCalledFine) {
+    const auto file = folder_->create("a.wav", 8000, 1);
+    EXPECT_TRUE(put(*file, {1}));
+    std::filesystem::rename(file->path(), folder_path_ + "/moved.wav");
+    EXPECT_TRUE(put(*file, {2}));
+    EXPECT_FALSE(file->close());
+    EXPECT_EQ(file->error(), "the file was moved away");
+    EXPECT_EQ(read("moved.wav"), (Samples{1, 2}));
+}
+
+TEST_F(AudioFilesTest, ClosingTwiceChangesNothing) {
+    const auto file = folder_->create("a.wav", 8000, 1);
+    EXPECT_TRUE(put(*file, {1}));
+    EXPECT_TRUE(file->close());
+    std::filesystem::remove(file->path());
+    EXPECT_TRUE(file->close());
+}
+
 TEST_F(AudioFilesTest, FolderThatComesBackIsUsedAgain) {
     std::filesystem::remove_all(folder_path_);
     folder_->create("a.wav", 8000, 1);

@@ -361,6 +361,21 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(len(samples(node.folder / f"{uuid_of(3)}-originator.wav")), 3200)
             self.assertEqual(node.stop(), 1)
 
+    def test_folder_removed_in_the_midst_of_calls_is_told_call_by_call(self):
+        with Node("--block", "1", "--events", "-") as node:
+            node.talk([1, 2], 20)
+            node.wait_for(uuid_of(2) + "  start ")
+            shutil.rmtree(node.folder)
+            node.talk([1], 20)
+            node.end([1, 2])
+            self.assertEqual(node.stop(), 1)
+            for call in (1, 2):
+                self.assertRegex(node.text(), uuid_of(call) +
+                                 "  file error .*-originator.wav: the file was removed")
+            self.assertEqual([event["error"] for event in node.events("file_error")],
+                             2 * ["the file was removed"])
+            self.assertNotRegex(node.text(), "  file  ")
+
     def test_more_calls_than_files_may_be_open_lose_nothing(self):
         calls = range(1, 31)
         with Node("--block", "1", limit=(resource.RLIMIT_NOFILE, (16, 16))) as node:

@@ -23,6 +23,8 @@ constexpr unsigned BLOCKS_PER_HEADER = 8;
 // A WAV file counts its bytes with 32 bits.
 constexpr std::uint64_t MAX_FILE_BYTES = 0xFFFFFFFF - 4096;
 
+constexpr const char* REMOVED = "the file was removed";
+
 std::string system_text(int error) {
     return std::generic_category().message(error);
 }
@@ -61,6 +63,9 @@ class WavFile : public AudioFile {
         if (handle_ == nullptr && !open(0)) {
             return false;
         }
+        if (removed()) {
+            return fail(REMOVED);
+        }
         folder_.open_.splice(folder_.open_.end(), folder_.open_, place_);
         errno = 0;
         const auto wanted = static_cast<sf_count_t>(count);
@@ -75,6 +80,9 @@ class WavFile : public AudioFile {
     }
 
     bool close() override {
+        if (!std::exchange(closed_, true) && error_.empty()) {
+            error_ = what_became_of_it();
+        }
         release();
         return error_.empty();
     }
@@ -88,6 +96,9 @@ class WavFile : public AudioFile {
             return;
         }
         folder_.open_.erase(place_);
+        if (error_.empty() && removed()) {
+            error_ = REMOVED;
+        }
         errno = 0;
         const int result = sf_close(std::exchange(handle_, nullptr));
         if (result != 0 && error_.empty()) {
@@ -98,18 +109,18 @@ class WavFile : public AudioFile {
   private:
     bool open(int how) {
         folder_.make_room();
-        int descriptor = ::open(path_.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
-        while (descriptor < 0 && (errno == EMFILE || errno == ENFILE) && !folder_.open_.empty()) {
+        descriptor_ = ::open(path_.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
+        while (descriptor_ < 0 && (errno == EMFILE || errno == ENFILE) && !folder_.open_.empty()) {
             folder_.open_.front()->release();
-            descriptor = ::open(path_.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
+            descriptor_ = ::open(path_.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
         }
-        if (descriptor < 0) {
+        if (descriptor_ < 0) {
             return fail(system_text(errno));
         }
         const bool fresh = how != 0;
-        handle_ = sf_open_fd(descriptor, fresh ? SFM_WRITE : SFM_RDWR, &format_, SF_TRUE);
+        handle_ = sf_open_fd(descriptor_, fresh ? SFM_WRITE : SFM_RDWR, &format_, SF_TRUE);
         if (handle_ == nullptr) {
-            ::close(descriptor);
+            ::close(descriptor_);
             return fail(library_text(sf_strerror(nullptr)));
         }
         place_ = folder_.open_.insert(folder_.open_.end(), this);
@@ -117,6 +128,30 @@ class WavFile : public AudioFile {
             return fail(library_text(sf_strerror(handle_)));
         }
         return true;
+    }
+
+    // What is written to a file without a name is lost when it is closed.
+    bool removed() const {
+        struct stat file {};
+        return ::fstat(descriptor_, &file) == 0 && file.st_nlink == 0;
+    }
+
+    // Why the audio is not to be found at the path; empty when it is, or nobody can tell.
+    std::string what_became_of_it() const {
+        struct stat named {};
+        const bool there = ::stat(path_.c_str(), &named) == 0;
+        if (!there && errno != ENOENT && errno != ENOTDIR) {
+            return {};
+        }
+        if (handle_ == nullptr) {
+            return there ? "" : REMOVED;
+        }
+        struct stat file {};
+        if (::fstat(descriptor_, &file) != 0 ||
+            (there && file.st_dev == named.st_dev && file.st_ino == named.st_ino)) {
+            return {};
+        }
+        return file.st_nlink == 0 ? REMOVED : "the file was moved away";
     }
 
     bool fail(std::string why) {
@@ -129,6 +164,8 @@ class WavFile : public AudioFile {
     std::string path_;
     SF_INFO format_{};
     sf_private_tag* handle_ = nullptr;     // Null while closed.
+    int descriptor_ = -1;                  // Of the handle, which owns it.
+    bool closed_ = false;                  // For good.
     std::list<WavFile*>::iterator place_;  // In the folder's list of open files, while open.
     std::uint64_t written_ = 0;
     unsigned blocks_ = 0;

@@ -3,7 +3,9 @@
 // An AudioFile is written in large blocks by its owner; between blocks it may be
 // closed and opened again behind its back, when more files are wanted than may be
 // open. A failure (full disk, vanished folder, too many open files) ends the file, not
-// the program: the text of the error stays with the file. Belongs to one thread.
+// the program: the text of the error stays with the file. A file that is removed while it
+// grows has failed; one that is moved away is completed where it is, but is an error, too,
+// for its path does not lead to it. Belongs to one thread.
 #pragma once
 
 #include <cstdint>
