@@ -18,53 +18,91 @@ constexpr Micros LITTLE{60'000};
 constexpr std::uint32_t LARGEST_PACKET = media::MAX_AUDIO_SIZE / 2;
 constexpr int USUAL_RATES[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000, 96000};
 
-// Of all rates neighbours such as 11025 and 12000 Hz differ by 9 %; of those that go with
-// the length of a frame, by a third.
+// Neighbours such as 11025 and 12000 Hz differ by 9 %, all others by a fourth and more: the
+// length of a frame need only tell neighbours apart.
 constexpr double LARGEST_ERROR = 0.04;
 constexpr double LARGEST_ERROR_WITH_FRAME = 0.15;
+
+// The longest interval is how late a packet may have been at the beginning or the end of
+// the span, which so often holds it before the errors above are kept.
+constexpr int SPAN_IN_INTERVALS = 25;
+constexpr int SPAN_IN_INTERVALS_WITH_FRAME = 8;
+
+// Of times in order; a forged one must not overflow.
+Micros time_between(std::int64_t earlier, std::int64_t later) {
+    const auto time = static_cast<std::uint64_t>(later) - static_cast<std::uint64_t>(earlier);
+    constexpr std::uint64_t PAUSE = 3600'000'000;
+    return Micros(std::min(time, PAUSE));
+}
 
 double milliseconds(std::uint32_t samples, int rate) {
     return samples * 1000.0 / rate;
 }
 
-// Whether frames of that length last whole tens of milliseconds. At 11025 Hz they are half
-// a sample off.
-bool goes_with(std::uint32_t frame, int rate) {
-    const double tens = milliseconds(frame, rate) / 10;
-    return tens > 0.9 && tens < 12.1 && std::abs(tens - std::round(tens)) < 0.01;
+// Whether frames of that length last 10 to 120 ms and a whole number of `step_ms`. At
+// 11025 Hz they are up to a sample off.
+bool goes_with(std::uint32_t frame, int rate, int step_ms) {
+    const double length = milliseconds(frame, rate);
+    return length > 9.9 && length < 120.1 && std::abs(std::remainder(length, step_ms)) < 0.1;
 }
 
-std::optional<int> nearest_usual_rate(double measured, std::uint32_t frame) {
-    const bool frame_tells = std::any_of(std::begin(USUAL_RATES), std::end(USUAL_RATES),
-                                         [frame](int rate) { return goes_with(frame, rate); });
-    const double error = frame_tells ? LARGEST_ERROR_WITH_FRAME : LARGEST_ERROR;
+double error_of(double measured, int rate) {
+    return std::abs(measured - rate) / rate;
+}
+
+// Of two rates that overlap at the edge, the nearer one.
+template <typename Suits>
+std::optional<int> nearest_usual_rate(double measured, double largest_error, Suits suits) {
+    std::optional<int> nearest;
     for (const int rate : USUAL_RATES) {
-        if ((!frame_tells || goes_with(frame, rate)) && std::abs(measured - rate) <= rate * error) {
-            return rate;
+        const double error = error_of(measured, rate);
+        if (error <= largest_error && suits(rate)) {
+            nearest = rate;
+            largest_error = error;
+        }
+    }
+    return nearest;
+}
+
+// 661 samples are 60 ms at 11025 Hz and 55 ms at 12000 Hz: whole tens are what is usual.
+std::optional<int> rate_by_frame(double measured, std::uint32_t frame) {
+    for (const int step_ms : {10, 5}) {
+        const auto found = nearest_usual_rate(
+            measured, LARGEST_ERROR_WITH_FRAME,
+            [frame, step_ms](int rate) { return goes_with(frame, rate, step_ms); });
+        if (found) {
+            return found;
         }
     }
     return std::nullopt;
+}
+
+std::optional<int> rate_by_time(double measured) {
+    return nearest_usual_rate(measured, LARGEST_ERROR, [](int) { return true; });
 }
 
 }  // namespace
 
 void RateEstimator::add(std::uint32_t sample_offset, std::uint16_t sample_count,
                         std::int64_t send_time) {
-    count_frame(sample_count);
+    if (begun_ && send_time > last_time_ &&
+        time_between(last_time_, send_time) >= SHORTEST_INTERVAL) {
+        count_frame();
+    }
+    count_packet(sample_count);
     if (begun_) {
         const std::uint32_t samples = sample_offset - last_offset_;
         if (samples >= 0x80000000U || send_time < last_time_) {
             return;
         }
-        // Unsigned: a forged time must not overflow.
-        const auto interval =
-            static_cast<std::uint64_t>(send_time) - static_cast<std::uint64_t>(last_time_);
-        if (interval > static_cast<std::uint64_t>(LONGEST_INTERVAL.count())) {
+        const Micros interval = time_between(last_time_, send_time);
+        if (interval > LONGEST_INTERVAL) {
             catching_up_ = true;
-        } else if (!catching_up_ || Micros(interval) >= SHORTEST_INTERVAL) {
+        } else if (!catching_up_ || interval >= SHORTEST_INTERVAL) {
             catching_up_ = false;
             samples_ += samples;
-            span_ += Micros(interval);
+            span_ += interval;
+            longest_ = std::max(longest_, interval);
         }
     }
     begun_ = true;
@@ -72,14 +110,20 @@ void RateEstimator::add(std::uint32_t sample_offset, std::uint16_t sample_count,
     last_time_ = send_time;
 }
 
-// A packet that is full is followed by the rest of its frame. The majority counts: a lost
-// packet makes a frame look shorter.
-void RateEstimator::count_frame(std::uint16_t sample_count) {
+// A packet that is full is followed by the rest of its frame, unless it is the frame.
+void RateEstimator::count_packet(std::uint16_t sample_count) {
     unfinished_ += sample_count;
-    if (sample_count == LARGEST_PACKET && unfinished_ < 20 * LARGEST_PACKET) {
+    if (sample_count != LARGEST_PACKET || unfinished_ >= 20 * LARGEST_PACKET) {
+        count_frame();
+    }
+}
+
+// The majority counts: a lost packet makes a frame look shorter.
+void RateEstimator::count_frame() {
+    const std::uint32_t frame = std::exchange(unfinished_, 0);
+    if (frame == 0) {
         return;
     }
-    const std::uint32_t frame = std::exchange(unfinished_, 0);
     if (votes_ == 0) {
         frame_ = frame;
     }
@@ -87,19 +131,23 @@ void RateEstimator::count_frame(std::uint16_t sample_count) {
 }
 
 std::optional<int> RateEstimator::rate() const {
-    return rate_over(ENOUGH);
+    if (span_ < std::max(ENOUGH, SPAN_IN_INTERVALS_WITH_FRAME * longest_)) {
+        return std::nullopt;
+    }
+    const auto found = rate_by_frame(measured(), frame_);
+    return found || span_ < SPAN_IN_INTERVALS * longest_ ? found : rate_by_time(measured());
 }
 
 std::optional<int> RateEstimator::best_guess() const {
-    return rate_over(LITTLE);
-}
-
-std::optional<int> RateEstimator::rate_over(Micros least) const {
-    if (span_ < least) {
+    if (span_ < LITTLE) {
         return std::nullopt;
     }
-    return nearest_usual_rate(
-        static_cast<double>(samples_) * 1e6 / static_cast<double>(span_.count()), frame_);
+    const auto found = rate_by_frame(measured(), frame_);
+    return found ? found : rate_by_time(measured());
+}
+
+double RateEstimator::measured() const {
+    return static_cast<double>(samples_) * 1e6 / static_cast<double>(span_.count());
 }
 
 std::optional<int> RateEstimator::rate_of_20_ms_frames() const {
