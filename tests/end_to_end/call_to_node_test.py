@@ -96,7 +96,7 @@ class EndToEnd(unittest.TestCase):
 
     def call(self, *options, module=MODULE):
         return subprocess.run([CALL, "--module", module, *options], capture_output=True,
-                              text=True, timeout=PATIENCE)
+                              text=True, errors="surrogateescape", timeout=PATIENCE)
 
     def call_well(self, *options):
         done = self.call(*options)
@@ -210,6 +210,16 @@ class Commands(EndToEnd):
         self.assertEqual(done.returncode, 1)
         self.assertIn('< -ERR, unknown command "dance"!', done.stdout)
         self.assertIn("Problem   1 API command failed", done.stdout)
+
+    def test_a_refused_command_of_many_calls_is_named(self):
+        path = self.folder / "figures.json"
+        done = self.call("--calls", "12", "--duration", "0.3", "--json", str(path),
+                         "--api", "0.1 quorvane {uuid} d\udcffnce")  # A byte that is no UTF-8.
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stdout, r"Problem   12 API commands failed; the first, of call \d+: "
+                                      r"'quorvane [-0-9a-f]{36} d\udcffnce' was answered '-ERR, ")
+        first = json.loads(path.read_text())["commands"]["first_failed"]
+        self.assertEqual(first["command"][-5:], "d\ufffdnce")
 
     def test_a_command_after_the_end_is_told(self):
         done = self.call("--duration", "0.2", "--api", "5 quorvane version")

@@ -114,6 +114,18 @@ TEST_F(DriverTest, ACommandThatTheHostDoesNotKnowHasFailed) {
     EXPECT_EQ(run().commands_failed, 1u);
 }
 
+TEST_F(DriverTest, TheFirstFailedCommandIsKeptWithItsAnswer) {
+    plan_.tap_after_s = 0.05;
+    plan_.schedule.calls = 2;
+    plan_.commands = {{0, "quorvan {n} features"}, {0, "quorvan version"}};
+    const RunTotals totals = run();
+    EXPECT_EQ(totals.commands_failed, 4u);
+    ASSERT_TRUE(totals.first_failed.has_value());
+    EXPECT_EQ(totals.first_failed->call, 1u);
+    EXPECT_EQ(totals.first_failed->command, "quorvan 1 features");
+    EXPECT_EQ(totals.first_failed->answer, "INVALID COMMAND!\n");
+}
+
 TEST_F(DriverTest, ACommandThatComesTooLateIsTold) {
     plan_.commands = {{0, "early"}, {60, "late"}};
     const RunTotals totals = run();

@@ -89,6 +89,26 @@ TEST_F(ReportTest, EveryKindOfTroubleIsAProblem) {
                   "the module could not be unloaded: it runs"}));
 }
 
+TEST_F(ReportTest, TheFirstFailedCommandIsNamed) {
+    report_.totals.commands_failed = 20;
+    report_.totals.first_failed = {3, "quorvane version now", "-ERR too much\nusage: ...\n"};
+    EXPECT_EQ(problems_of(report_),
+              std::vector<std::string>{"20 API commands failed; the first, of call 3: "
+                                       "'quorvane version now' was answered '-ERR too much'"});
+    const auto json = report_json(report_)["commands"]["first_failed"];
+    EXPECT_EQ(json["call"], 3);
+    EXPECT_EQ(json["command"], "quorvane version now");
+    EXPECT_EQ(json["answer"], "-ERR too much\nusage: ...\n");
+}
+
+TEST_F(ReportTest, AFailedCommandWithoutAnAnswerIsNamed) {
+    report_.totals.commands_failed = 1;
+    report_.totals.first_failed = {1, "quorvan version", ""};
+    EXPECT_EQ(problems_of(report_),
+              std::vector<std::string>{"1 API command failed; the first, of call 1: "
+                                       "'quorvan version' was not answered"});
+}
+
 TEST_F(ReportTest, TheFiguresAreLinesForPeople) {
     EXPECT_EQ(line("Calls     "), "2 calls, 2 tapped; at most 2 at once; 5.0 s in all");
     EXPECT_EQ(line("Frames    "),
@@ -125,6 +145,7 @@ TEST_F(ReportTest, TheJsonHoldsTheSameFigures) {
     EXPECT_DOUBLE_EQ(json["memory"]["per_call_bytes"], 4096);
     EXPECT_EQ(json["module"]["unloaded"], true);
     EXPECT_EQ(json["module"]["gone_from_memory"], true);
+    EXPECT_TRUE(json["commands"]["first_failed"].is_null());
     EXPECT_TRUE(json["problems"].empty());
 }
 

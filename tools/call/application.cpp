@@ -156,7 +156,10 @@ void Application::tell_begin(const PlacedConfig& config, std::string media_node)
 int Application::tell_end(const RunReport& report) {
     console_.set_status("");
     if (json_.is_open())
-        json_ << report_json(report).dump(2) << std::endl;
+        // A command is the user's text, and need not be UTF-8.
+        json_ << report_json(report).dump(2, ' ', false,
+                                          nlohmann::ordered_json::error_handler_t::replace)
+              << std::endl;
     for (const std::string& line : report_lines(report))
         console_.line(line);
     auto problems = problems_of(report);

@@ -177,7 +177,10 @@ void Driver::run_command(std::size_t index, const TimedCommand& command) {
     ++totals_.commands_run;
     const std::string text = fill_placeholders(command.text, live.call->uuid(), index + 1);
     const host::ApiAnswer answer = host_.api(text);
-    totals_.commands_failed += is_failure(answer) ? 1 : 0;
+    if (is_failure(answer)) {
+        if (++totals_.commands_failed == 1)
+            totals_.first_failed = FailedCommand{index + 1, text, answer.text};
+    }
     listener_.command_run(now(), index + 1, text, answer.text);
 }
 

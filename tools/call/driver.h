@@ -11,6 +11,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,12 @@
 #include "tools/call/schedule.h"
 
 namespace qv::tools::call {
+
+struct FailedCommand {
+    std::size_t call = 0;  // from 1
+    std::string command;
+    std::string answer;
+};
 
 // What a run did, apart from the frames.
 struct RunTotals {
@@ -31,6 +38,7 @@ struct RunTotals {
     std::size_t most_at_once = 0;
     std::size_t commands_run = 0;
     std::size_t commands_failed = 0;  // answered "-ERR", or not at all
+    std::optional<FailedCommand> first_failed;
     std::size_t commands_missed = 0;  // the call was over before
     double call_seconds = 0;          // lengths of all calls together
     double elapsed_s = 0;

@@ -103,6 +103,14 @@ void add_if(std::vector<std::string>& problems, std::uint64_t count, const std::
         problems.push_back(counted(count, noun) + " " + what);
 }
 
+std::string first_failed_text(const std::optional<FailedCommand>& failed) {
+    if (!failed)
+        return {};
+    const std::string answer = failed->answer.substr(0, failed->answer.find('\n'));
+    return "; the first, of call " + grouped(failed->call) + ": '" + failed->command + "' was " +
+           (answer.empty() ? "not answered" : "answered '" + answer + "'");
+}
+
 // What the module should have given back by now.
 std::vector<std::string> left_over(const RunReport& report) {
     std::vector<std::string> left;
@@ -152,6 +160,17 @@ Json calls_json(const RunTotals& totals) {
             {"seconds", totals.call_seconds}};
 }
 
+Json commands_json(const RunTotals& totals) {
+    Json json = {{"run", totals.commands_run},
+                 {"failed", totals.commands_failed},
+                 {"missed", totals.commands_missed},
+                 {"first_failed", nullptr}};
+    if (const auto& failed = totals.first_failed)
+        json["first_failed"] = {
+            {"call", failed->call}, {"command", failed->command}, {"answer", failed->answer}};
+    return json;
+}
+
 Json cpu_json(const RunTotals& totals) {
     return {{"user_s", totals.user_cpu_s},
             {"system_s", totals.system_cpu_s},
@@ -197,7 +216,8 @@ std::vector<std::string> problems_of(const RunReport& report) {
     std::vector<std::string> problems;
     add_if(problems, totals.calls_cut, "call", "cut short by a signal");
     add_if(problems, totals.calls_begun - totals.calls_tapped, "call", "not tapped");
-    add_if(problems, totals.commands_failed, "API command", "failed");
+    add_if(problems, totals.commands_failed, "API command",
+           "failed" + first_failed_text(totals.first_failed));
     add_if(problems, totals.commands_missed, "API command", "too late for the call");
     add_if(problems, report.log.errors, "error", "in the log");
     for (const std::string& thing : left_over(report))
@@ -240,10 +260,7 @@ nlohmann::ordered_json report_json(const RunReport& report) {
             {"data_packets_expected", data_packets(report)},
             {"lateness", distribution_json(report.lateness)},
             {"handling", distribution_json(report.handling)},
-            {"commands",
-             {{"run", totals.commands_run},
-              {"failed", totals.commands_failed},
-              {"missed", totals.commands_missed}}},
+            {"commands", commands_json(totals)},
             {"cpu", cpu_json(totals)},
             {"memory", memory_json(totals)},
             {"log",
