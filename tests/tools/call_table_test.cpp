@@ -196,6 +196,16 @@ TEST_F(CallTableTest, StragglersDoNotBringACallBack) {
     EXPECT_EQ(dropped(Drop::AFTER_END), 3u);
 }
 
+TEST_F(CallTableTest, SecondTerminateIsDroppedAndDoesNotPutTheEndOff) {
+    start();
+    terminate();
+    pass(299ms);
+    terminate();
+    pass(1ms);
+    EXPECT_EQ(diary_.text, "start terminate end:terminated");
+    EXPECT_EQ(dropped(Drop::AFTER_END), 1u);
+}
+
 TEST_F(CallTableTest, EndedCallMayStartAgain) {
     start(1);
     data(1);

@@ -258,6 +258,7 @@ void CallTable::on_control(Call& call, const media::Packet& packet) {
 
 void CallTable::on_terminate(Call& call, const media::Packet& packet, Micros now) {
     if (call.state == CallState::ENDING) {
+        drop(Drop::AFTER_END);
         return;
     }
     call.state = CallState::ENDING;

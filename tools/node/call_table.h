@@ -36,7 +36,8 @@ struct CallLimits {
 // Why a well-formed packet was not used.
 enum class Drop : std::uint8_t {
     TOO_MANY_CALLS,
-    AFTER_END,       // The call has ended; also a terminate packet of an unknown call.
+    AFTER_END,       // The call has ended; also a second terminate packet, or one of an
+                     // unknown call.
     OTHER_CALL_KEY,  // The UUID is known with another key.
     OTHER_LEG,       // The other leg already carries this call side.
     REPEATED_START,  // The same start packet again.
