@@ -16,6 +16,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 import urllib.request
@@ -94,6 +95,134 @@ def may_mount():
 
 def watched_by_a_sanitizer():
     return b"__ubsan_handle" in pathlib.Path(NODE).read_bytes()
+
+
+class Flood:
+    """Sends prebuilt datagrams as fast as the receiver takes them in: instead of sleeping it
+    looks how full the receiver's socket is, so that the system need not drop any."""
+
+    def __init__(self, node):
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.connect(node.address)
+        self.port = b":%04X" % node.address[1]
+        granted = re.search(r"receive buffer ([\d,]+) KiB", node.text()).group(1)
+        self.room = int(granted.replace(",", "")) * 1024
+        self.burst = max(16, self.room // 65536)
+        self.sent = 0
+
+    def waiting(self):
+        """The bytes that wait in the receiver's socket, which holds twice its room."""
+        with open("/proc/net/udp", "rb") as table:
+            fields = next(filter(lambda words: words[1].endswith(self.port),
+                                 map(bytes.split, table)))
+        return int(fields[4].split(b":")[1], 16)
+
+    def send(self, datagrams):
+        send = self.socket.send
+        for first in range(0, len(datagrams), self.burst):
+            while self.waiting() > self.room // 2:
+                time.sleep(0.0005)
+            for datagram in datagrams[first:first + self.burst]:
+                send(datagram)
+        self.sent += len(datagrams)
+
+    def send_at_once(self, datagrams):
+        """Whether the socket has room or not."""
+        for datagram in datagrams:
+            self.socket.send(datagram)
+        self.sent += len(datagrams)
+
+
+class Bystander(threading.Thread):
+    """An orderly call of 100 packets a second, until it is told to end."""
+
+    def __init__(self, node):
+        super().__init__()
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.address = node.address
+        self.over = threading.Event()
+        self.packets = 0
+        self.sent = 0
+        self.send(of_call(1, golden("call_1_start")))
+        self.start()
+
+    def send(self, datagram):
+        self.socket.sendto(datagram, self.address)
+        self.sent += 1
+
+    def run(self):
+        while not self.over.wait(0.01):
+            self.packets += 1
+            self.send(data(1, self.packets))
+        self.send(of_call(1, golden("call_7_terminate")))
+
+    def end(self):
+        self.over.set()
+        self.join()
+        self.socket.close()
+
+    def audio(self):
+        return sum((audio(1, number) for number in range(1, self.packets + 1)), [])
+
+
+def random_and_mutated_datagrams(count):
+    """None of them is of a call of of_call()."""
+    choice = random.Random(4711)
+    packets = [golden(name) for name in CALL]
+    made = []
+    for number in range(count):
+        datagram = bytearray(choice.choice(packets))
+        datagram[16] = 0xaa
+        for _ in range(choice.randrange(4)):
+            datagram[choice.randrange(4, len(datagram))] = choice.randrange(256)
+        if number % 8 == 0:
+            datagram = bytearray(choice.randbytes(choice.randrange(1400)))
+        elif number % 8 == 1:  # What is random stands behind a good beginning.
+            datagram[16:] = choice.randbytes(choice.randrange(1400))
+        if datagram[16:17] == bytes.fromhex(UUID[:2]):
+            datagram[16] = 0xaa
+        made.append(bytes(datagram))
+    return made
+
+
+def of_distinct_calls(datagrams, first, count):
+    """The datagrams for so many calls, each with a call key and UUID of its own."""
+    made = []
+    for number in range(first, first + count):
+        for datagram in map(bytearray, datagrams):
+            struct.pack_into("<QQQ", datagram, 8, number, number << 8 | 0xbb, number)
+            made.append(datagram)
+    return made
+
+
+class Counters:
+    """The receiver's metrics."""
+
+    def __init__(self, url):
+        text = urllib.request.urlopen(url, timeout=5).read().decode()
+        self.lines = re.findall(r'^quorvane_node_(\w+)(?:{\w+="(.*)"})? (\S+)$', text, re.M)
+
+    def __getitem__(self, name):
+        return sum(int(float(value)) for key, _, value in self.lines if key == name)
+
+    def by_label(self, name):
+        return {label: int(float(value)) for key, label, value in self.lines if key == name}
+
+    def came(self):
+        return self["received_packets_total"] + self["socket_dropped_packets_total"]
+
+
+def counters_after(url, sent, seconds=30):
+    """The metrics once they tell of so many datagrams, or the patience is over."""
+    end = time.monotonic() + seconds
+    while Counters(url).came() < sent and time.monotonic() < end:
+        time.sleep(0.1)
+    return Counters(url)
+
+
+def counted_in_summary(text, what):
+    return {reason: int(count.replace(",", ""))
+            for count, reason in re.findall(what + r": ([\d,]+) +(\S.*)", text)}
 
 
 # Its check of an object's type opens a pipe, which must not fail.
@@ -441,6 +570,86 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(node.stop(), 0, node.text())
             size = sum(p.stat().st_size for p in node.folder.iterdir())
             self.assertLess(size, 500_000_000)
+
+    def test_flood_is_accounted_for_and_harms_no_orderly_call(self):
+        """Random datagrams, mutated ones, and those of more than 200,000 calls."""
+        scale = 10 if watched_by_a_sanitizer() else 1
+        noise = random_and_mutated_datagrams(2000 // scale)
+        start, audio, terminate = (golden(name) for name in (CALL[0], CALL[1], CALL[6]))
+        with tempfile.TemporaryDirectory() as home, Node(
+                "--quiet", "--metrics", "0", "--max-calls", "100", "--linger", "0",
+                "--max-silence", "1", "--packets", "--events", f"{home}/events") as node:
+            url = node.wait_for(r"http://\S+").group(0)
+            flood, bystander = Flood(node), Bystander(node)
+            self.addCleanup(flood.socket.close)
+            self.addCleanup(bystander.end)
+            for part in range(10):
+                flood.send(of_distinct_calls([start, audio, terminate],
+                                             part * 6000, 6000 // scale))
+                flood.send(noise)
+            # These never end: the calls that there may be are soon taken.
+            for part in range(10, 20):
+                flood.send(of_distinct_calls([(start, audio)[part % 2]],
+                                             part * 15000, 15000 // scale))
+                flood.send(noise)
+            bystander.end()
+            sent = flood.sent + bystander.sent
+            seen = counters_after(url, sent)
+            memory_kib = int(re.search(r"VmHWM:\s+(\d+)", pathlib.Path(
+                f"/proc/{node.process.pid}/status").read_text()).group(1))
+            self.assertEqual(node.stop(signal.SIGINT), 0, node.text())
+            events = pathlib.Path(home, "events").read_text()
+            self.assertLess(memory_kib, 700_000 if watched_by_a_sanitizer() else 50_000)
+            self.check_accounts(seen, sent, events, node.text())
+            self.assertGreater(seen.by_label("unused_packets_total")["too many calls at once"],
+                               100_000 // scale)
+            self.check_files(node, events)
+            self.assertEqual(samples(node.folder / f"{uuid_of(1)}-originator.wav"),
+                             bystander.audio())
+
+    def check_accounts(self, seen, sent, events, summary):
+        """Every datagram was counted, and once: as malformed, as not used, or as used, which
+        is what made an event. Those data packets that bring nothing new make one, too."""
+        self.assertEqual(seen["socket_dropped_packets_total"], 0)
+        self.assertEqual(seen["received_packets_total"], sent)
+        self.assertEqual(seen["packets_total"] + seen["malformed_packets_total"], sent)
+        with_event = ("duplicate data packet", "data packet too late",
+                      "implausible sequence number or sample offset")
+        unused = seen.by_label("unused_packets_total")
+        used = seen["packets_total"] - sum(unused.values())
+        told = sum(events.count('{"event":"%s"' % kind)
+                   for kind in ("start", "control", "terminate", "data"))
+        self.assertEqual(used, told - sum(unused[reason] for reason in with_event))
+        for what, name in (("not used", "unused"), ("malformed", "malformed")):
+            counts = seen.by_label(name + "_packets_total").items()
+            self.assertEqual(counted_in_summary(summary, what),
+                             {reason: count for reason, count in counts if count})
+
+    def check_files(self, node, events):
+        """The folder holds what the ends of the calls tell, and nothing else."""
+        ends = [json.loads(line) for line in events.splitlines() if '{"event":"end"' in line]
+        files = [file for end in ends for file in end["files"]]
+        self.assertEqual({file["error"] for file in files}, {""})
+        self.assertEqual(sorted(file["path"] for file in files),
+                         sorted(map(str, node.folder.iterdir())))
+        sides = [side for end in ends for side in end["sides"].values()]
+        self.assertLessEqual(len(files), len(sides))
+        self.assertGreaterEqual(len(files), sum(side["samples"] > 0 for side in sides))
+
+    def test_what_a_full_socket_cost_is_accounted_for(self):
+        with Node("--quiet", "--metrics", "0", "--receive-buffer", "1") as node:
+            url = node.wait_for(r"http://\S+").group(0)
+            flood = Flood(node)
+            self.addCleanup(flood.socket.close)
+            node.process.send_signal(signal.SIGSTOP)
+            flood.send_at_once(20_000 * [golden(CALL[1])])
+            node.process.send_signal(signal.SIGCONT)
+            seen = counters_after(url, flood.sent)
+            self.assertEqual(node.stop(signal.SIGINT), 0, node.text())
+            self.assertEqual(seen.came(), 20_000)
+            self.assertGreater(seen["socket_dropped_packets_total"], 0)
+            self.assertEqual(counted_in_summary(node.text(), "lost in the socket"),
+                             {"buffer full": seen["socket_dropped_packets_total"]})
 
 
 if __name__ == "__main__":
