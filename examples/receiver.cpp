@@ -4,9 +4,9 @@
 //   g++ -std=c++17 -O2 -I. examples/receiver.cpp -o receiver
 //   ./receiver 127.0.0.1 5090
 //
-// Prints a line for each event; ends on SIGINT or SIGTERM. A call is forgotten at
-// its terminate packet, and never without one: add a time limit for real use.
-// docs/protocol.md describes the packets and the rules.
+// Prints a line for each event; ends on SIGINT or SIGTERM. A call ends a second
+// after its terminate packet, for data may overtake that, or after a minute without
+// packets. docs/protocol.md describes the packets and the rules.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -27,6 +28,12 @@ namespace {
 
 using qv::media::Packet;
 using qv::media::PacketType;
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds LATE_TIME{1};   // A call stays so long after its terminate packet,
+constexpr std::chrono::seconds IDLE_TIME{60};  // and without packets.
+constexpr std::chrono::milliseconds LOOK_AROUND{200};
 
 // What is known of one side of a call.
 struct Side {
@@ -42,6 +49,8 @@ struct Side {
 struct Call {
     std::int64_t configured_clock = 0;
     Side sides[2];  // Originator, terminator.
+    std::chrono::seconds stays = IDLE_TIME;
+    Clock::time_point deadline;
 };
 
 std::map<std::string, Call> calls;
@@ -112,18 +121,7 @@ void take_data(const std::string& uuid, Call& call, const Packet& packet) {
     on_audio(packet, side);
 }
 
-void take_start(const std::string& uuid, Call& call, const Packet& packet) {
-    if (call.configured_clock != 0 && call.configured_clock != packet.configured_clock) {
-        call = Call{};  // The channel is tapped a second time.
-    }
-    call.configured_clock = packet.configured_clock;
-    std::printf("%s start: %s reference=%s features=%02x%02x\n", uuid.c_str(),
-                packet.outbound() ? "outbound" : "inbound",
-                printable(packet.call_reference).c_str(), packet.features.supported,
-                packet.features.active);
-}
-
-void take_terminate(const std::string& uuid, const Call& call) {
+void tell_end(const std::string& uuid, const Call& call) {
     const char* const names[] = {"originator", "terminator"};
     for (int i = 0; i < 2; ++i) {
         const Side& side = call.sides[i];
@@ -132,23 +130,63 @@ void take_terminate(const std::string& uuid, const Call& call) {
                     static_cast<unsigned long long>(side.samples),
                     static_cast<unsigned long long>(side.lost_packets), side.peak);
     }
-    calls.erase(uuid);
+}
+
+void end_calls_that_are_over() {
+    const auto now = Clock::now();
+    for (auto call = calls.begin(); call != calls.end();) {
+        if (call->second.deadline > now) {
+            ++call;
+            continue;
+        }
+        tell_end(call->first, call->second);
+        call = calls.erase(call);
+    }
+}
+
+void take_start(const std::string& uuid, Call& call, const Packet& packet) {
+    if (call.configured_clock != 0 && call.configured_clock != packet.configured_clock) {
+        tell_end(uuid, call);  // The channel is tapped a second time.
+        call = Call{};
+    }
+    call.configured_clock = packet.configured_clock;
+    std::printf("%s start: %s reference=%s features=%02x%02x\n", uuid.c_str(),
+                packet.outbound() ? "outbound" : "inbound",
+                printable(packet.call_reference).c_str(), packet.features.supported,
+                packet.features.active);
 }
 
 void take_packet(const Packet& packet) {
     const std::string uuid = uuid_text(packet.call_uuid);
+    if (packet.type == PacketType::TERMINATE && calls.count(uuid) == 0) {
+        return;  // A copy, behind the end of its call.
+    }
     Call& call = calls[uuid];
     switch (packet.type) {
         case PacketType::START:
-            return take_start(uuid, call, packet);
+            take_start(uuid, call, packet);
+            break;
         case PacketType::DATA:
-            return take_data(uuid, call, packet);
+            take_data(uuid, call, packet);
+            break;
         case PacketType::CONTROL:
             std::printf("%s control: features=%02x%02x\n", uuid.c_str(), packet.features.supported,
                         packet.features.active);
-            return;
+            break;
         case PacketType::TERMINATE:
-            return take_terminate(uuid, call);
+            call.stays = LATE_TIME;
+            break;
+    }
+    call.deadline = Clock::now() + call.stays;
+}
+
+void take_datagram(const unsigned char* datagram, std::size_t size) {
+    Packet packet;
+    const auto result = qv::media::decode_packet(datagram, size, packet);
+    if (result == qv::media::DecodeResult::OK) {
+        take_packet(packet);
+    } else {
+        std::printf("refused: %s (%zu bytes)\n", qv::media::describe(result), size);
     }
 }
 
@@ -170,7 +208,8 @@ int listen_on(const char* address, const char* port) {
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     const int buffer = 4 << 20;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof(buffer));
-    const timeval patience{0, 200000};  // A signal is noticed no later than that.
+    // A signal or the end of a call is noticed no later than that.
+    const timeval patience{0, std::chrono::microseconds(LOOK_AROUND).count()};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) {
         std::perror((std::string("cannot listen on ") + address + ":" + port).c_str());
@@ -199,19 +238,19 @@ int main(int argc, char** argv) {
         return 1;
     }
     unsigned char datagram[65536];
+    auto next_look = Clock::now();
     while (stopped == 0) {
         const ssize_t size = recv(fd, datagram, sizeof(datagram), 0);
-        if (size < 0) {
-            continue;
+        if (size >= 0) {
+            take_datagram(datagram, static_cast<std::size_t>(size));
         }
-        Packet packet;
-        const auto result =
-            qv::media::decode_packet(datagram, static_cast<std::size_t>(size), packet);
-        if (result == qv::media::DecodeResult::OK) {
-            take_packet(packet);
-        } else {
-            std::printf("refused: %s (%zd bytes)\n", qv::media::describe(result), size);
+        if (Clock::now() >= next_look) {
+            end_calls_that_are_over();
+            next_look = Clock::now() + LOOK_AROUND;
         }
+    }
+    for (const auto& [uuid, call] : calls) {
+        tell_end(uuid, call);
     }
     close(fd);
 }

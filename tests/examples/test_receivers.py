@@ -293,7 +293,22 @@ class CppReceiver(ReceiverTest):
         self.assertEqual(self.lines(2), [
             f"{UUID} gap: originator packets=1 samples=2",
             f"{UUID} late or copied: originator sequence number 2"])
-        self.assertEqual(self.stop(signal.SIGTERM), [])
+        self.assertEqual(self.stop(signal.SIGTERM), [
+            f"{UUID} end: originator packets=2 samples=4 lost_packets=1 peak=6",
+            f"{UUID} end: terminator packets=0 samples=0 lost_packets=0 peak=0"])
+
+    def test_data_behind_the_terminate_packet_belongs_to_the_call(self):
+        self.send(data(1, 0, [1]), datagram("call_7_terminate"), data(2, 1, [2]),
+                  datagram("call_7_terminate"))
+        self.assertEqual(self.lines(2), [
+            f"{UUID} end: originator packets=2 samples=2 lost_packets=0 peak=2",
+            f"{UUID} end: terminator packets=0 samples=0 lost_packets=0 peak=0"])
+        self.assertEqual(self.stop(), [])
+
+    def test_terminate_packet_of_an_unknown_call_is_not_told(self):
+        self.send(datagram("call_7_terminate"), datagram("call_7_terminate"), b"end")
+        self.assertEqual(self.lines(1), ["refused: too short for its packet type (3 bytes)"])
+        self.assertEqual(self.stop(), [])
 
     def test_counters_wrap_without_a_gap(self):
         self.send(datagram("data_before_wrap"), datagram("data_after_wrap"), b"end")
@@ -310,8 +325,10 @@ class CppReceiver(ReceiverTest):
         again[56:64] = (4600000000).to_bytes(8, "little")
         self.send(datagram("call_1_start"), data(1, 0, [1]), data(2, 1, [1]), bytes(again),
                   data(1, 0, [2]), datagram("call_7_terminate"))
-        self.assertEqual(self.lines(3)[2],
-                         f"{UUID} end: originator packets=1 samples=1 lost_packets=0 peak=2")
+        told = self.lines(6)
+        self.assertEqual([told[1], told[4]], [
+            f"{UUID} end: originator packets=2 samples=2 lost_packets=0 peak=1",
+            f"{UUID} end: originator packets=1 samples=1 lost_packets=0 peak=2"])
 
     def test_malformed_datagrams_are_refused_with_the_documents_reason(self):
         for name in GOLDEN:
