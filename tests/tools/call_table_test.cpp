@@ -358,6 +358,24 @@ TEST_F(CallTableTest, FullDiskIsToldOnceAndOtherCallsGoOn) {
     EXPECT_EQ(table_->totals().file_errors, 1u);
 }
 
+TEST_F(CallTableTest, EachFileThatFailsIsToldOnceWhenItFails) {
+    CallLimits limits;
+    limits.sample_rate = 8000;
+    restart(limits);
+    const std::string stem = uuid_text(uuid_);
+    store_.errors[stem + "-terminator.wav"] = "File too large";
+    talk(1, 2, Side::TERMINATOR);
+    EXPECT_EQ(diary_.text, "failed:File too large");
+    talk(3, 4, Side::TERMINATOR);
+    talk(1, 2);
+    store_.errors[stem + "-originator.wav"] = "No space left on device";
+    talk(3, 4);
+    EXPECT_EQ(diary_.text, "failed:File too large failed:No space left on device");
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "failed:File too large failed:No space left on device end:shutdown");
+    EXPECT_EQ(table_->totals().file_errors, 2u);
+}
+
 // Every field random, the identity mostly kept: nothing may crash, hang or fill up.
 TEST_F(CallTableTest, RandomPacketsAreSurvived) {
     CallLimits limits;

@@ -31,7 +31,8 @@ class FakeAudioStore : public tools::node::AudioStore {
     }
 
     std::map<std::string, FakeFile> files;
-    std::string error;  // Set: every write fails with it.
+    std::string error;                          // Set: every write fails with it.
+    std::map<std::string, std::string> errors;  // By name: writes of that file fail with it.
 
   private:
     class Handle : public tools::node::AudioFile {
@@ -39,7 +40,10 @@ class FakeAudioStore : public tools::node::AudioStore {
         Handle(FakeAudioStore& store, std::string name) : store_(store), name_(std::move(name)) {}
 
         bool write(const std::int16_t* samples, std::size_t count) override {
-            error_ = error_.empty() ? store_.error : error_;
+            const auto own = store_.errors.find(name_);
+            if (error_.empty()) {
+                error_ = own != store_.errors.end() ? own->second : store_.error;
+            }
             if (!error_.empty()) {
                 return false;
             }

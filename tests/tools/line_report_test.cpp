@@ -171,15 +171,36 @@ TEST_F(LineReportTest, EachReasonOfAnEndHasItsWords) {
     EXPECT_EQ(last_lines(1)[0], "end          cut short: the receiver ends");
 }
 
-TEST_F(LineReportTest, FailedFileIsToldWithItsReasonAndNotListed) {
+TEST_F(LineReportTest, FailedFilesAreToldWithTheirReasonAndNamedAtTheEnd) {
     store_.error = "No space left on device";
     send_call();
-    const Lines all = lines();
-    ASSERT_EQ(all.size(), 8u);
-    EXPECT_EQ(all[3],
-              "file error   3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav: No space left on "
-              "device");
-    EXPECT_EQ(all[7].substr(0, 12), "  terminator");
+    EXPECT_EQ(last_lines(7),
+              (Lines{"file error   3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav: No space "
+                     "left on device",
+                     "file error   3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-terminator.wav: No space "
+                     "left on device",
+                     "end          complete; 2 files could not be written",
+                     "  originator 0.0 s at 8000 Hz (assumed), 2 packets, level -49 dB",
+                     "  terminator 0.0 s at 8000 Hz (assumed), 2 packets, level -33 dB",
+                     "  failed     3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav: No space "
+                     "left on device",
+                     "  failed     3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-terminator.wav: No space "
+                     "left on device"}));
+}
+
+TEST_F(LineReportTest, FileThatWasWrittenIsNamedBesideTheOneThatFailed) {
+    store_.errors["3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav"] = "File too large";
+    send("call_2_read");
+    send("call_3_write");
+    pass(30s);
+    const Lines last = last_lines(5);
+    EXPECT_EQ(last[0],
+              "end          its terminate packet never came: timed out, its start packet never "
+              "came; 1 file could not be written");
+    EXPECT_EQ((Lines{last[3], last[4]}),
+              (Lines{"  file       3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-terminator.wav",
+                     "  failed     3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav: File too "
+                     "large"}));
 }
 
 TEST_F(LineReportTest, SilentSideIsCalledSilent) {

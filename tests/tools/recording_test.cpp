@@ -117,7 +117,7 @@ TEST_F(RecordingTest, FailedFileIsReportedAndTheOtherSideGoesOn) {
     put(recording, TERMINATOR, {5, 6, 7, 8});
     put(recording, ORIGINATOR, {1, 2, 3, 4});
     recording.finish();
-    EXPECT_TRUE(recording.failed());
+    EXPECT_EQ(recording.failed_files(), 1u);
     EXPECT_EQ(recording.files()[0].error, "No space left on device");
     EXPECT_EQ(recording.files()[1].error, "");
     EXPECT_EQ(samples_of("call-terminator.wav"), (Samples{5, 6, 7, 8}));

@@ -67,7 +67,7 @@ TEST_F(StereoRecordingTest, ACallWithoutAudioHasNoFile) {
     recording_.finish();
     EXPECT_TRUE(store_.files.empty());
     EXPECT_TRUE(recording_.files().empty());
-    EXPECT_FALSE(recording_.failed());
+    EXPECT_EQ(recording_.failed_files(), 0u);
 }
 
 TEST_F(StereoRecordingTest, LostAudioIsSilence) {
@@ -191,7 +191,7 @@ TEST_F(StereoRecordingTest, FailedFileIsReportedWithItsPath) {
     store_.error = "No space left on device";
     put(ORIGINATOR, Samples(32, 1));
     recording_.finish();
-    EXPECT_TRUE(recording_.failed());
+    EXPECT_EQ(recording_.failed_files(), 1u);
     ASSERT_EQ(recording_.files().size(), 1u);
     EXPECT_EQ(recording_.files()[0].path, "call.wav");
     EXPECT_EQ(recording_.files()[0].error, "No space left on device");
@@ -203,7 +203,7 @@ TEST_F(StereoRecordingTest, FailedFilesOfSplitSidesAreReported) {
     put(ORIGINATOR, {1});
     put(TERMINATOR, {2});
     recording_.finish();
-    EXPECT_TRUE(recording_.failed());
+    EXPECT_EQ(recording_.failed_files(), 2u);
     EXPECT_EQ(recording_.files()[1].error, "No space left on device");
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "module/media_packet.h"
 #include "tools/node/level_meter.h"
@@ -94,7 +95,7 @@ struct Call {
     std::optional<std::int64_t> first_audio_time;
     std::array<CallSide, SIDE_COUNT> sides;
     std::unique_ptr<Recording> recording;
-    bool file_error_reported = false;
+    std::vector<FileReport> failed_files;  // Those that the listeners have been told of.
 
     CallSide& side(Side which) { return sides[index_of(which)]; }
     const CallSide& side(Side which) const { return sides[index_of(which)]; }

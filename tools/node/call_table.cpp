@@ -397,16 +397,19 @@ void CallTable::forget_ended(Micros now) {
 }
 
 void CallTable::report_file_errors(Call& call) {
-    if (call.file_error_reported || !call.recording->failed()) {
+    if (call.recording->failed_files() == call.failed_files.size()) {
         return;
     }
     for (const FileReport& file : call.recording->files()) {
-        if (!file.error.empty()) {
-            call.file_error_reported = true;
-            ++totals_.file_errors;
-            for (CallListener* listener : listeners_) {
-                listener->file_failed(call, file);
-            }
+        const auto same = [&file](const FileReport& told) { return told.path == file.path; };
+        if (file.error.empty() ||
+            std::any_of(call.failed_files.begin(), call.failed_files.end(), same)) {
+            continue;
+        }
+        call.failed_files.push_back(file);
+        ++totals_.file_errors;
+        for (CallListener* listener : listeners_) {
+            listener->file_failed(call, file);
         }
     }
 }

@@ -142,7 +142,10 @@ void LineReport::file_failed(const Call& call, const FileReport& file) {
 
 void LineReport::ended(const Call& call, EndReason reason) {
     const bool unannounced = !call.start.has_value();
-    line(call, "end", reason_text(reason) + (unannounced ? ", its start packet never came" : ""));
+    const std::size_t failed = call.failed_files.size();
+    line(call, "end",
+         reason_text(reason) + (unannounced ? ", its start packet never came" : "") +
+             (failed != 0 ? "; " + counted(failed, "file") + " could not be written" : ""));
     for (const Side side : BOTH_SIDES) {
         if (call.side(side).leg.has_value()) {
             line(call, std::string("  ") + name_of(side), side_text(call.side(side)));
@@ -152,6 +155,9 @@ void LineReport::ended(const Call& call, EndReason reason) {
         if (file.error.empty()) {
             line(call, "  file", file.path);
         }
+    }
+    for (const FileReport& file : call.failed_files) {
+        line(call, "  failed", file.path + ": " + file.error);
     }
 }
 

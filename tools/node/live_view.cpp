@@ -72,7 +72,7 @@ std::string level_cell(CallSide& side, std::size_t cells) {
 }
 
 std::string state_of(const Call& call) {
-    if (call.file_error_reported) {
+    if (!call.failed_files.empty()) {
         return "file error";
     }
     if (call.state == CallState::ENDING) {
@@ -221,13 +221,9 @@ std::vector<std::string> LiveView::head(const CallTable& calls, const LiveTotals
 // The calls on the screen tell which file; it stays there when they have gone.
 void LiveView::note_file_errors(const std::vector<Call*>& calls) {
     for (const Call* call : calls) {
-        if (!call->file_error_reported) {
-            continue;
-        }
-        for (const FileReport& file : call->recording->files()) {
-            if (!file.error.empty()) {
-                last_file_error_ = file.path + ": " + file.error;
-            }
+        if (!call->failed_files.empty()) {
+            const FileReport& file = call->failed_files.back();
+            last_file_error_ = file.path + ": " + file.error;
         }
     }
 }

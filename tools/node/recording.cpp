@@ -77,9 +77,15 @@ void SideRecording::finish() {
         Track& ending = track(side);
         if (ending.used) {
             write_block(side, true);
-            failed_ |= !ending.file->close();
+            ending.file->close();
         }
     }
+}
+
+std::size_t SideRecording::failed_files() const {
+    return static_cast<std::size_t>(std::count_if(
+        tracks_.begin(), tracks_.end(),
+        [](const Track& track) { return track.file != nullptr && !track.file->error().empty(); }));
 }
 
 std::vector<FileReport> SideRecording::files() const {
@@ -102,7 +108,7 @@ void SideRecording::write_block(Side side, bool last) {
         }
         create_file(side, rate);
     }
-    failed_ |= !from.file->write(from.block.data(), from.block.size());
+    from.file->write(from.block.data(), from.block.size());
     from.block.clear();
 }
 
@@ -137,9 +143,12 @@ void RecordingGroup::finish() {
     }
 }
 
-bool RecordingGroup::failed() const {
-    return std::any_of(members_.begin(), members_.end(),
-                       [](const auto& member) { return member->failed(); });
+std::size_t RecordingGroup::failed_files() const {
+    std::size_t count = 0;
+    for (const auto& member : members_) {
+        count += member->failed_files();
+    }
+    return count;
 }
 
 std::vector<FileReport> RecordingGroup::files() const {

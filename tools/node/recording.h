@@ -38,8 +38,8 @@ class Recording {
     virtual const std::string& stem() const = 0;
     // Writes what is left. Nothing may follow.
     virtual void finish() = 0;
-    // Whether a file could not be written; files() then says which and why.
-    virtual bool failed() const = 0;
+    // How many files could not be written; files() says which and why.
+    virtual std::size_t failed_files() const = 0;
     // The files so far.
     virtual std::vector<FileReport> files() const = 0;
 };
@@ -64,7 +64,7 @@ class SideRecording : public Recording {
     void pause(Side side, std::uint64_t count) override;
     void finish() override;
     const std::string& stem() const override { return stem_; }
-    bool failed() const override { return failed_; }
+    std::size_t failed_files() const override;
     std::vector<FileReport> files() const override;
 
   private:
@@ -83,7 +83,6 @@ class SideRecording : public Recording {
     RateSource rate_;
     RecordingOptions options_;
     std::array<Track, SIDE_COUNT> tracks_;
-    bool failed_ = false;
 };
 
 // Several recordings of the same call.
@@ -96,7 +95,7 @@ class RecordingGroup : public Recording {
     void pause(Side side, std::uint64_t count) override;
     void finish() override;
     const std::string& stem() const override { return stem_; }
-    bool failed() const override;
+    std::size_t failed_files() const override;
     std::vector<FileReport> files() const override;
 
   private:

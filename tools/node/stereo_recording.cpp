@@ -78,7 +78,7 @@ void StereoRecording::write_frames(std::size_t count) {
         from.waiting.erase(from.waiting.begin(),
                            from.waiting.begin() + static_cast<std::ptrdiff_t>(count));
     }
-    failed_ |= !file_->write(frames_.data(), frames_.size());
+    file_->write(frames_.data(), frames_.size());
 }
 
 // Whether there is a file that what waits belongs in. Sides of other rates than the
@@ -130,12 +130,13 @@ void StereoRecording::finish() {
         split_->finish();
     }
     if (file_ != nullptr) {
-        failed_ |= !file_->close();
+        file_->close();
     }
 }
 
-bool StereoRecording::failed() const {
-    return failed_ || (split_ != nullptr && split_->failed());
+std::size_t StereoRecording::failed_files() const {
+    const std::size_t own = file_ != nullptr && !file_->error().empty() ? 1 : 0;
+    return own + (split_ != nullptr ? split_->failed_files() : 0);
 }
 
 std::vector<FileReport> StereoRecording::files() const {

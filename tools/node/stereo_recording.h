@@ -26,7 +26,7 @@ class StereoRecording : public Recording {
     void pause(Side side, std::uint64_t count) override { silence(side, count); }
     void finish() override;
     const std::string& stem() const override { return stem_; }
-    bool failed() const override;
+    std::size_t failed_files() const override;
     std::vector<FileReport> files() const override;
 
   private:
@@ -55,7 +55,6 @@ class StereoRecording : public Recording {
     std::unique_ptr<AudioFile> file_;
     int file_rate_ = 0;
     std::unique_ptr<SideRecording> split_;  // Takes the sides that are apart.
-    bool failed_ = false;
 };
 
 }  // namespace qv::tools::node
