@@ -10,6 +10,7 @@
 
 #include <switch.h>
 
+#include <ostream>
 #include <type_traits>
 
 #include "quorvane_lib/log.h"
@@ -40,12 +41,25 @@ void write_session_line(switch_core_session_t* session, const LogPlace& place,
 template <typename Piece>
 using PassPiece = std::conditional_t<std::is_scalar_v<Piece>, Piece, const Piece&>;
 
+// Inserts a piece of a line. A null text ends the line, as it does by itself, but not by
+// the stream's bad bit: that one says that there was no memory.
+template <typename Piece>
+void insert(std::ostream& stream, const Piece& piece) {
+    if constexpr (std::is_same_v<Piece, const char*>) {
+        if (piece == nullptr) {
+            stream.setstate(std::ios_base::failbit);
+            return;
+        }
+    }
+    stream << piece;
+}
+
 // Composes a line, out of the way of the code that only asks whether to.
 template <typename... Pieces>
 [[gnu::noinline, gnu::cold]] void compose_line(log::Level level, LogPlace place,
                                                PassPiece<Pieces>... pieces) {
     log::Message message(level);
-    (message.stream << ... << pieces);
+    (insert(message.stream, pieces), ...);
     write_line(place, message);
 }
 
@@ -55,7 +69,7 @@ template <typename... Pieces>
                                                        LogPlace place,
                                                        PassPiece<Pieces>... pieces) {
     log::Message message(level);
-    (message.stream << ... << pieces);
+    (insert(message.stream, pieces), ...);
     write_session_line(session, place, message);
 }
 

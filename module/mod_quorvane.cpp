@@ -53,12 +53,16 @@ void print(switch_text_channel_t channel, const void* user_data, const LogPlace&
         static_cast<switch_log_level_t>(level_to_fslevel[static_cast<std::size_t>(message.level)]);
     const auto* data = static_cast<const char*>(user_data);
     try {
-        switch_log_printf(channel, place.file, place.function, place.line, data, level,
-                          "[quorvane]: %s\n", message.stream.str().c_str());
-    } catch (const std::bad_alloc&) {
-        switch_log_printf(channel, place.file, place.function, place.line, data, level,
-                          "[quorvane]: a line was lost: out of memory\n");
+        // A stream that finds no memory goes bad; what it has is cut anywhere.
+        if (!message.stream.bad()) {
+            switch_log_printf(channel, place.file, place.function, place.line, data, level,
+                              "[quorvane]: %s\n", message.stream.str().c_str());
+            return;
+        }
+    } catch (const std::bad_alloc&) {  // The same of the text as a string.
     }
+    switch_log_printf(channel, place.file, place.function, place.line, data, level,
+                      "[quorvane]: a line was lost: out of memory\n");
 }
 
 }  // namespace
@@ -664,10 +668,13 @@ const char* header_or_empty(switch_event_t* event, const char* name) {
 // Intended.
 std::string short_line(switch_event_t* event) {
     log::InfoMessage line;
-    line.stream << "[quorvane]: " << header_or_empty(event, "Unique-ID") << " "
-                << header(event, "Event-Name")
-                << ": state=" << header_or_empty(event, "Channel-State")
+    line.stream << "[quorvane]: " << header_or_empty(event, "Unique-ID") << " ";
+    insert(line.stream, header(event, "Event-Name"));
+    line.stream << ": state=" << header_or_empty(event, "Channel-State")
                 << ", call-state=" << header_or_empty(event, "Channel-Call-State") << "\n";
+    if (line.stream.bad()) {
+        throw std::bad_alloc();
+    }
     return line.stream.str();
 }
 

@@ -145,7 +145,10 @@ template <typename... Pieces>
 [[gnu::cold, gnu::noinline]] void log_error(int error, Pieces... pieces) {
     log::ErrorMessage message;
     ((message.stream << "SOCKET[") << ... << pieces);
-    message.stream << ", error (" << error << "): " << std::generic_category().message(error);
+    // Not as a string: that may find no memory and throw, which a stream keeps to itself.
+    std::array<char, 128> unknown{};
+    message.stream << ", error (" << error
+                   << "): " << ::strerror_r(error, unknown.data(), unknown.size());
     QV_LOG_WRITE(message);
 }
 

@@ -3,13 +3,18 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <chrono>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "tests/support/module_allocations.h"
 #include "tests/support/module_test.h"
+#include "tests/support/system_calls.h"
 
 namespace qv::tests {
 
@@ -19,8 +24,12 @@ class MemoryFaultTest : public ModuleTest {
   protected:
     static constexpr std::size_t MANY = 500;
 
+    // One call has run already: what the module and its library keep for later is there.
     void load_and_watch(const std::string& options = "") {
         load(options);
+        hangup(*start_tapped_call());
+        forget_packets();
+        host.log().clear();
         void* module = ::dlopen(QUORVANE_MODULE_PATH, RTLD_NOW | RTLD_NOLOAD);
         ASSERT_NE(module, nullptr);
         watch_object(::dlsym(module, "mod_quorvane_module_interface"));
@@ -37,6 +46,7 @@ class MemoryFaultTest : public ModuleTest {
             act();
             const std::size_t made = stop_failing();
             after();
+            EXPECT_EQ(allocations_kept(), 0U) << "of the module";
             if (made <= index) {
                 return index;
             }
@@ -57,11 +67,14 @@ class MemoryFaultTest : public ModuleTest {
 
     void forget_packets() { node.receive_all(std::chrono::milliseconds(0)); }
 
-    // The call's audio passes unaltered whether it is tapped or not.
-    static void expect_audio_untouched(host::Call& call) {
-        const std::vector<std::int16_t> samples(160, 1234);
-        EXPECT_FALSE(call.feed(host::Direction::read, samples.data(), 320).altered);
-        EXPECT_FALSE(call.feed(host::Direction::write, samples.data(), 320).altered);
+    // The call's audio, never the same twice, passes unaltered whether it is tapped or not.
+    void feed(host::Call& call) {
+        for (const host::Direction direction : {host::Direction::read, host::Direction::write}) {
+            for (std::int16_t& sample : samples) {
+                sample = next_sample = static_cast<std::int16_t>(next_sample * 31 + 7);
+            }
+            EXPECT_FALSE(call.feed(direction, samples.data(), 320).altered);
+        }
     }
 
     // Nothing is left of the call: the next one is tapped as usual.
@@ -70,9 +83,23 @@ class MemoryFaultTest : public ModuleTest {
         auto call = start_tapped_call();
         hangup(*call);
         forget_packets();
-        EXPECT_EQ(call_api("features"), "");
         host.log().clear();
     }
+
+    // What was logged: each line whole, or the one that stands for it.
+    void expect_whole_lines(const std::vector<std::string>& whole) {
+        for (const std::string& line : take_log()) {
+            const std::string text =
+                std::regex_replace(line.substr(line.find(' ', line.find(".cpp:")) + 1),
+                                   std::regex("SOCKET\\[[0-9]+\\]|[0-9]+: [0-9]+\\)"), "#");
+            EXPECT_TRUE(text == "RAW [quorvane]: a line was lost: out of memory\n" ||
+                        std::find(whole.begin(), whole.end(), text) != whole.end())
+                << line;
+        }
+    }
+
+    std::array<std::int16_t, 160> samples{};
+    std::int16_t next_sample = 1;
 };
 
 TEST_F(MemoryFaultTest, AnApplicationWithoutMemoryLeavesTheCallAlone) {
@@ -84,7 +111,7 @@ TEST_F(MemoryFaultTest, AnApplicationWithoutMemoryLeavesTheCallAlone) {
             EXPECT_TRUE(call->execute("quorvane"));
         },
         [&] {
-            expect_audio_untouched(*call);
+            feed(*call);
             hangup(*call);
             expect_next_call_is_tapped();
         });
@@ -142,7 +169,7 @@ TEST_F(MemoryFaultTest, AFeatureSwitchOfATappedCallSurvivesWithoutMemory) {
             call_api("nonsense");
         },
         [&] {
-            expect_audio_untouched(*call);
+            feed(*call);
             hangup(*call);
             expect_next_call_is_tapped();
         });
@@ -159,6 +186,83 @@ TEST_F(MemoryFaultTest, AHangUpWithoutMemoryStillEndsTheContext) {
             hangup(*call);
         },
         [&] { expect_next_call_is_tapped(); });
+}
+
+TEST_F(MemoryFaultTest, AFrameNeedsNoMemory) {
+    load_and_watch();
+    const auto call = start_tapped_call();
+    EXPECT_EQ(fail_each([&] { feed(*call); }, [] {}), 0U);
+    EXPECT_EQ(node.receive_types(), "8383");
+}
+
+// Memory and the network are short at the same time: nothing may come out of the module but
+// its results, for the host's own functions stand between it and anybody who could catch it.
+TEST_F(MemoryFaultTest, ASendThatFailsIsToldWithoutMemoryOrInOneFixedLine) {
+    load_and_watch();
+    std::unique_ptr<host::Call> call;
+    const std::size_t failures = fail_each(
+        [&] {
+            call = start_call({{"sip_call_id", "x"},
+                               {"quorvane_rule_id", "1"},
+                               {"quorvane_audio_activity", "true"}});
+            call->execute("quorvane");
+            SystemCalls calls;
+            for (int i = 0; i < 4; ++i) {
+                calls.next("sendto", Outcome::fail(ENOBUFS));
+            }
+            feed(*call);
+            call_api("audio_activity stop");
+            call->hangup();
+        },
+        [&] {
+            host.events().wait_drained();
+            expect_whole_lines({
+                "application execution started",
+                std::string("app context added, id: ") + KEY,
+                "media transfer started",
+                "new media bug added",
+                "audio_activitycontrol packet for feature update was sent",
+                "transfered 0/0 bytes of media",
+                std::string(UUID) + ": found app context on channel destroy however no app has "
+                                    "been executed",
+                "app context allocation failure (is there enough memory?)",
+                "#: failed to send a data (#, error (105): No buffer space available",
+                "media transfer failed to send read frame",
+                "media transfer failed to send write frame",
+                "media transfer termination failed",
+            });
+            expect_next_call_is_tapped();
+        });
+    EXPECT_GE(failures, 10U);
+}
+
+TEST_F(MemoryFaultTest, AStartThatCannotBeSentIsToldWithoutMemoryOrInOneFixedLine) {
+    load_and_watch();
+    std::unique_ptr<host::Call> call;
+    const std::size_t failures = fail_each(
+        [&] {
+            call = start_call({{"sip_call_id", "x"}});
+            SystemCalls calls;
+            calls.next("sendto", Outcome::fail(ENOBUFS));
+            call->execute("quorvane");
+        },
+        [&] {
+            feed(*call);
+            hangup(*call);
+            expect_whole_lines({
+                "application execution started",
+                std::string("app context added, id: ") + KEY,
+                "app context allocation failure (is there enough memory?)",
+                "failed to add new media bug; media ready: 1, CF_MEDIA: 1, state: 4, cause: 0",
+                std::string(UUID) + ": found configured app context on channel destroy: possible "
+                                    "memory leak or logic error!",
+                "#: failed to send a data (#, error (105): No buffer space available",
+                "media transfer start failed",
+            });
+            EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
+            expect_next_call_is_tapped();
+        });
+    EXPECT_GE(failures, 5U);
 }
 
 TEST_F(MemoryFaultTest, AShortDumpWithoutMemoryDoesNotEndTheHost) {

@@ -4,10 +4,13 @@
 #include <link.h>
 #include <unwind.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
+#include <mutex>
 #include <new>
 
 namespace {
@@ -22,7 +25,6 @@ struct Range {
 
 Range watched;
 Range cxx_library;
-Range allocator;  // This program's operator new itself.
 std::atomic<bool> armed{false};
 std::atomic<std::size_t> made{0};
 std::atomic<std::size_t> failing{NONE};
@@ -57,35 +59,56 @@ Range object_of(const void* address) {
 }
 
 struct Walk {
+    std::uintptr_t caller;  // Of operator new: where the walk begins.
+    bool begun = false;
     bool module_called = false;
-    int frames = 0;
 };
 
 _Unwind_Reason_Code look_at_frame(_Unwind_Context* context, void* data) {
     auto* walk = static_cast<Walk*>(data);
     const std::uintptr_t address = _Unwind_GetIP(context);
-    // The first frames are this file's own.
-    if (cxx_library.holds(address) || (allocator.holds(address) && walk->frames < 4)) {
-        ++walk->frames;
+    walk->begun = walk->begun || address == walk->caller;
+    if (!walk->begun || cxx_library.holds(address)) {
         return _URC_NO_REASON;
     }
     walk->module_called = watched.holds(address);
     return _URC_END_OF_STACK;
 }
 
-bool called_by_module() {
-    Walk walk;
+bool called_by_module(const void* caller) {
+    Walk walk{reinterpret_cast<std::uintptr_t>(caller)};
     _Unwind_Backtrace(look_at_frame, &walk);
     return walk.module_called;
 }
 
-// Whether the allocation at hand is the one that fails.
-bool takes_the_failure() {
-    if (!armed.load(std::memory_order_relaxed) || !called_by_module()) {
-        return false;
+// The module's allocations that have not been given back. In place, for it must not allocate.
+class Kept {
+  public:
+    void add(void* memory) {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        *std::find(memory_.begin(), memory_.end(), nullptr) = memory;
+        ++count_;
     }
-    return made.fetch_add(1) == failing.load();
-}
+    void drop(void* memory) {
+        if (memory == nullptr || count_.load(std::memory_order_relaxed) == 0) {
+            return;
+        }
+        const std::lock_guard<std::mutex> guard(mutex_);
+        const auto found = std::find(memory_.begin(), memory_.end(), memory);
+        if (found != memory_.end()) {
+            *found = nullptr;
+            --count_;
+        }
+    }
+    std::size_t count() const { return count_; }
+
+  private:
+    std::mutex mutex_;  // Guards `memory_`, the last of which stays null.
+    std::array<void*, 4096> memory_{};
+    std::atomic<std::size_t> count_{0};
+};
+
+Kept kept;
 
 void* allocate(std::size_t size) {
     return std::malloc(size == 0 ? 1 : size);
@@ -97,6 +120,25 @@ void* allocate(std::size_t size, std::align_val_t alignment) {
                                                                                      : nullptr;
 }
 
+// Allocates for the caller of operator new, unless it is the allocation that fails.
+template <typename... Arguments>
+void* serve(const void* caller, Arguments... arguments) {
+    if (!armed.load(std::memory_order_relaxed) || !called_by_module(caller)) {
+        return allocate(arguments...);
+    }
+    if (made.fetch_add(1) == failing.load()) {
+        return nullptr;
+    }
+    void* const memory = allocate(arguments...);
+    kept.add(memory);
+    return memory;
+}
+
+void release(void* memory) {
+    kept.drop(memory);
+    std::free(memory);
+}
+
 }  // namespace
 
 namespace qv::tests {
@@ -104,7 +146,6 @@ namespace qv::tests {
 void watch_object(const void* address) {
     watched = object_of(address);
     cxx_library = object_of(::dlsym(RTLD_DEFAULT, "__cxa_throw"));
-    allocator = object_of(reinterpret_cast<const void*>(&object_of));
 }
 
 void fail_allocation(std::size_t index) {
@@ -119,12 +160,16 @@ std::size_t stop_failing() {
     return made;
 }
 
+std::size_t allocations_kept() {
+    return kept.count();
+}
+
 }  // namespace qv::tests
 
 #define REPLACEMENT __attribute__((visibility("default"), noinline))
 
 REPLACEMENT void* operator new(std::size_t size) {
-    void* memory = takes_the_failure() ? nullptr : allocate(size);
+    void* memory = serve(__builtin_return_address(0), size);
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
@@ -132,24 +177,24 @@ REPLACEMENT void* operator new(std::size_t size) {
 }
 
 REPLACEMENT void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return takes_the_failure() ? nullptr : allocate(size);
+    return serve(__builtin_return_address(0), size);
 }
 
 REPLACEMENT void* operator new(std::size_t size, std::align_val_t alignment,
                                const std::nothrow_t& /*tag*/) noexcept {
-    return takes_the_failure() ? nullptr : allocate(size, alignment);
+    return serve(__builtin_return_address(0), size, alignment);
 }
 
 REPLACEMENT void operator delete(void* memory) noexcept {
-    std::free(memory);
+    release(memory);
 }
 REPLACEMENT void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
+    release(memory);
 }
 REPLACEMENT void operator delete(void* memory, std::align_val_t /*alignment*/) noexcept {
-    std::free(memory);
+    release(memory);
 }
 REPLACEMENT void operator delete(void* memory, std::size_t /*size*/,
                                  std::align_val_t /*alignment*/) noexcept {
-    std::free(memory);
+    release(memory);
 }

@@ -21,4 +21,8 @@ void fail_allocation(std::size_t index);
 // `fail_allocation`.
 std::size_t stop_failing();
 
+// How many of the allocations that the module made between the two calls above have not
+// been given back yet.
+std::size_t allocations_kept();
+
 }  // namespace qv::tests
