@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>  // The standard streams stand before the objects below, and after them.
@@ -186,6 +187,10 @@ namespace {
 // The reference that keeps this object mapped; null when there is none.
 void* g_lasting_reference = nullptr;
 
+// Media bugs that are being closed: their contexts leave the registry before the handler
+// does, and the host unloads a module without waiting for it.
+std::atomic<int> g_closing_bugs{0};
+
 // Keeps this object mapped after the host closes it. The host counts neither media bugs
 // nor the hooks of a load that failed: without this the next callback would jump into
 // memory that is gone.
@@ -193,6 +198,11 @@ void stay_mapped() {
     Dl_info self{};
     if (g_lasting_reference == nullptr && ::dladdr(&global, &self) != 0) {
         g_lasting_reference = ::dlopen(self.dli_fname, RTLD_NOW | RTLD_NOLOAD);
+    }
+    if (g_lasting_reference == nullptr) {
+        log_line<log::ERROR>(QV_PLACE,
+                             "module does not stay mapped while calls are tapped: the "
+                             "end of such a call may crash the host");
     }
 }
 
@@ -464,7 +474,9 @@ switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc
                          switch_core_media_bug_get_read_replace_frame(bug));
             break;
         case SWITCH_ABC_TYPE_CLOSE:
+            ++g_closing_bugs;
             handle_close(session, std::unique_ptr<AppContext>(context));
+            --g_closing_bugs;
             break;
         default:
             break;
@@ -839,7 +851,7 @@ switch_status_t mod_quorvane_shutdown() {
     log_line<log::SYSTEM>(QV_PLACE, "module has been shutdown");
 
     const std::lock_guard<std::mutex> guard(global.contexts_lock);
-    if (global.contexts.empty()) {
+    if (global.contexts.empty() && g_closing_bugs == 0) {
         stay_no_longer();
     } else {
         stay_mapped();
