@@ -376,6 +376,35 @@ TEST_F(CallTableTest, EachFileThatFailsIsToldOnceWhenItFails) {
     EXPECT_EQ(table_->totals().file_errors, 2u);
 }
 
+// Writes a file of its own at the end of a call, in vain.
+class FailingWriter : public CallListener {
+  public:
+    void ended(const Call& call, EndReason) override {
+        table->report_failed_file(call, {"call.svg", "File too large"});
+        failed = call.failed_files.size();
+    }
+
+    CallTable* table = nullptr;
+    std::size_t failed = 0;
+};
+
+TEST_F(CallTableTest, FileOfAListenerThatFailsIsToldAndCountedLikeOthers) {
+    FailingWriter writer;
+    table_ = std::make_unique<CallTable>(
+        CallLimits{},
+        [this](const Uuid&, RateSource rate) {
+            return std::make_unique<SideRecording>(store_, "call", std::move(rate),
+                                                   RecordingOptions{4, false});
+        },
+        std::vector<CallListener*>{&writer, &diary_});
+    writer.table = table_.get();
+    start();
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "start failed:File too large end:shutdown");
+    EXPECT_EQ(table_->totals().file_errors, 1u);
+    EXPECT_EQ(writer.failed, 1u);
+}
+
 // Every field random, the identity mostly kept: nothing may crash, hang or fill up.
 TEST_F(CallTableTest, RandomPacketsAreSurvived) {
     CallLimits limits;

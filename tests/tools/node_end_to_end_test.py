@@ -465,6 +465,10 @@ class NodeEndToEnd(unittest.TestCase):
             node.end([2])
             self.assertRegex(node.text(), uuid_of(2) + "  file error .*: No space left on device")
             self.assertRegex(node.text(), uuid_of(2) + "    originator .* 20 packets,")
+            picture = f"{uuid_of(2)}.svg"
+            self.assertRegex(node.text(), picture + ": No space left on device")
+            self.assertRegex(node.text(), uuid_of(2) + "  end .*; 2 files could not be written")
+            self.assertFalse((node.inside(2).parent / picture).exists())
             node.inside(1).unlink()
             node.talk([3], 20)
             node.end([1, 3])
@@ -475,6 +479,12 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(ends[uuid_of(1)]["sides"]["originator"]["packets"], 800)
             errors = [ends[uuid_of(call)]["files"][0]["error"] for call in (1, 2, 3)]
             self.assertEqual(errors, 2 * ["No space left on device"] + [""])
+            failed = node.events("file_error")
+            self.assertEqual({pathlib.Path(event["path"]).name: event["error"] for event in failed
+                              if event["call_uuid"] == uuid_of(2)},
+                             {picture: "No space left on device",
+                              f"{uuid_of(2)}-originator.wav": "No space left on device"})
+            self.assertRegex(node.text(), f"not written: {len(failed)} files")
 
     def test_folder_that_comes_back_is_used_again(self):
         with Node("--block", "1") as node:

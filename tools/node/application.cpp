@@ -65,6 +65,23 @@ std::string hex_of(const unsigned char* data, std::size_t size) {
     return text;
 }
 
+// Writes all of the text or leaves no file behind; returns why not.
+std::string write_file(const std::string& path, const std::string& text) {
+    errno = 0;
+    std::ofstream file(path, std::ios::trunc);
+    if (!file) {
+        return std::generic_category().message(errno);
+    }
+    file << text;
+    file.close();
+    if (file) {
+        return {};
+    }
+    const int error = errno;
+    ::unlink(path.c_str());
+    return std::generic_category().message(error);
+}
+
 bool to_stdout(const Options& options) {
     return options.events == "-";
 }
@@ -175,19 +192,20 @@ bool Application::open_metrics() {
 void Application::open_calls() {
     if (options_.timeline) {
         timeline_ = std::make_unique<Timeline>(
-            [this](const Call&, const std::string& name, const std::string& svg) {
-                save_timeline(name, svg);
+            [this](const Call& call, const std::string& name, const std::string& svg) {
+                save_timeline(call, name, svg);
             });
     }
     std::vector<CallListener*> listeners;
+    // The first, so that the others know at the end of a call whether its picture was written.
+    if (timeline_ != nullptr) {
+        listeners.push_back(timeline_.get());
+    }
     if (!options_.quiet && !live_) {
         listeners.push_back(&lines_);
     }
     if (events_ != nullptr) {
         listeners.push_back(events_.get());
-    }
-    if (timeline_ != nullptr) {
-        listeners.push_back(timeline_.get());
     }
     calls_ = std::make_unique<CallTable>(
         options_.limits,
@@ -235,15 +253,15 @@ std::unique_ptr<Recording> Application::record(const Uuid& uuid, const RateSourc
     return std::make_unique<RecordingGroup>(stem, std::move(members));
 }
 
-void Application::save_timeline(const std::string& name, const std::string& svg) {
+void Application::save_timeline(const Call& call, const std::string& name, const std::string& svg) {
     const std::string path = options_.folder + '/' + name;
-    errno = 0;
-    std::ofstream file(path, std::ios::trunc);
-    file << svg;
-    file.close();
-    if (!file) {
-        exit_code_ = EXIT_TROUBLE;
-        lines_.say("timeline not written", path + ": " + std::generic_category().message(errno));
+    const std::string error = write_file(path, svg);
+    if (error.empty()) {
+        return;
+    }
+    calls_->report_failed_file(call, {path, error});
+    if (options_.quiet || live_) {
+        lines_.say("timeline not written", path + ": " + error);
     }
 }
 

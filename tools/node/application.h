@@ -41,7 +41,7 @@ class Application {
     bool refuse(const std::string& what, const std::string& why);
     void greet();
     std::unique_ptr<Recording> record(const Uuid& uuid, const RateSource& rate);
-    void save_timeline(const std::string& name, const std::string& svg);
+    void save_timeline(const Call& call, const std::string& name, const std::string& svg);
 
     void on_datagram(const unsigned char* data, std::size_t size, Micros now);
     void count_malformed(media::DecodeResult reason, const unsigned char* data, std::size_t size);

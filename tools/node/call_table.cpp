@@ -406,11 +406,19 @@ void CallTable::report_file_errors(Call& call) {
             std::any_of(call.failed_files.begin(), call.failed_files.end(), same)) {
             continue;
         }
-        call.failed_files.push_back(file);
-        ++totals_.file_errors;
-        for (CallListener* listener : listeners_) {
-            listener->file_failed(call, file);
-        }
+        report_failed_file(call, file);
+    }
+}
+
+void CallTable::report_failed_file(const Call& call, const FileReport& file) {
+    report_failed_file(*calls_.at(call.uuid), file);
+}
+
+void CallTable::report_failed_file(Call& call, const FileReport& file) {
+    call.failed_files.push_back(file);
+    ++totals_.file_errors;
+    for (CallListener* listener : listeners_) {
+        listener->file_failed(call, file);
     }
 }
 

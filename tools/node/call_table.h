@@ -84,6 +84,10 @@ class CallTable {
     // Ends all calls.
     void shut_down();
 
+    // Tells the listeners that a file which one of them writes for that call has failed, and
+    // counts it. For a listener, while it is told of the call.
+    void report_failed_file(const Call& call, const FileReport& file);
+
     const Totals& totals() const { return totals_; }
     std::size_t size() const { return calls_.size(); }
     template <typename Visit>
@@ -114,6 +118,7 @@ class CallTable {
     void update_rate(CallSide& side, const media::Packet& packet);
     int decide_rate(Call& call, Side side, bool last) const;
     void report_file_errors(Call& call);
+    void report_failed_file(Call& call, const FileReport& file);
     void end(Call& call, EndReason reason);
     void end_due_calls(Micros now);
     void forget_ended(Micros now);
