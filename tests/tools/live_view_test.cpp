@@ -164,9 +164,24 @@ TEST_F(LiveViewTest, NothingIsWiderOrHigherThanTheScreen) {
 }
 
 TEST_F(LiveViewTest, ReferenceCannotSteerTheTerminal) {
-    send_start("\x1b[2J\r\n\xE2\x82\xAC");
+    send_start("\x1b[2J\r\n\xE2\x82");
     const Lines lines = frame(200, 24);
-    EXPECT_NE(lines[5].find(R"("\x1b[2J\x0d\x0a\xe2\x82\xac")"), std::string::npos) << lines[5];
+    EXPECT_NE(lines[5].find(R"("\x1b[2J\x0d\x0a\xe2\x82")"), std::string::npos) << lines[5];
+}
+
+TEST_F(LiveViewTest, ReferenceOfWideCharactersIsCutBetweenThem) {
+    std::string reference;
+    for (int i = 0; i < 60; ++i) {
+        reference += "\u65e5";
+    }
+    send_start(reference);
+    const auto shown = [this](std::size_t columns) {
+        const std::string line = frame(columns)[5];
+        return line.substr(line.find('"'));
+    };
+    EXPECT_EQ(shown(144), '"' + reference.substr(0, 3 * 8));  // 17 of 18 columns.
+    EXPECT_EQ(shown(145), '"' + reference.substr(0, 3 * 9));
+    EXPECT_EQ(shown(200), '"' + reference.substr(0, 3 * 36));
 }
 
 TEST_F(LiveViewTest, LinesAreClosedButTheLastOne) {

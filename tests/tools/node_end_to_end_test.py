@@ -21,6 +21,7 @@ import time
 import unittest
 import urllib.request
 import wave
+import xml.etree.ElementTree
 
 NODE, GOLDEN = sys.argv[1], pathlib.Path(sys.argv[2])
 UUID = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37"
@@ -330,6 +331,17 @@ class NodeEndToEnd(unittest.TestCase):
             left_right = samples(node.folder / f"{UUID}.wav")
             self.assertEqual(left_right[1::2], 8 * [0] + 4 * [1000, -1000])
             self.assertIn("terminate</text>", (node.folder / f"{UUID}.svg").read_text())
+
+    def test_reference_in_utf_8_is_shown_in_the_lines_and_the_timeline(self):
+        reference = '日本 <&"\u202e\x9b\uffff'.encode() + b"\xff"
+        shown = '日本 <&\\"' + "".join(rf"\x{b:02x}" for b in reference[10:])
+        start = golden("call_1_start")[:80] + struct.pack("<H", len(reference) + 1)
+        with Node("--calls", "1", "--timeline") as node:
+            node.send(start + reference + b"\0", golden("call_7_terminate"))
+            self.assertEqual(node.exit_code(), 0, node.text())
+            self.assertIn(f'reference "{shown}", rule 42', node.text())
+            texts = xml.etree.ElementTree.parse(node.folder / f"{UUID}.svg").getroot().itertext()
+            self.assertIn(f'inbound, reference "{shown}", rule 42', list(texts))
 
     def test_events_carry_every_field_of_the_packets_under_its_documented_name(self):
         documented = json.loads((GOLDEN / "golden.json").read_text())

@@ -15,6 +15,30 @@ TEST(NodeTextTest, LongForeignTextIsCut) {
     EXPECT_EQ(quoted_text(std::string(300, 'x')), '"' + std::string(200, 'x') + "...\"");
 }
 
+TEST(NodeTextTest, PrintableForeignTextIsShownAsItIs) {
+    for (const char* text : {"\u65e5\u672c", "J\u00fcrgen", "\u0416", "\U0001F600"}) {
+        EXPECT_EQ(quoted_text(text), '"' + std::string(text) + '"');
+    }
+}
+
+TEST(NodeTextTest, WhatIsNoUtf8OrInvisibleIsShownAsBytes) {
+    EXPECT_EQ(quoted_text("\xE6\x97"), R"("\xe6\x97")");
+    EXPECT_EQ(quoted_text("\xED\xA0\x80"), R"("\xed\xa0\x80")");
+    EXPECT_EQ(quoted_text("\u0085"), R"("\xc2\x85")");
+    EXPECT_EQ(quoted_text("a\u202eb\u2069"), R"("a\xe2\x80\xaeb\xe2\x81\xa9")");
+    EXPECT_EQ(quoted_text("\uffff"), R"("\xef\xbf\xbf")");
+}
+
+TEST(NodeTextTest, LongForeignTextIsCutBetweenCharacters) {
+    std::string text;
+    for (int i = 0; i < 4; ++i) {
+        text += "\u65e5";
+    }
+    EXPECT_EQ(quoted_text(text, 8), '"' + text + '"');
+    EXPECT_EQ(quoted_text(text, 7), "\"\u65e5\u65e5\u65e5...\"");
+    EXPECT_EQ(quoted_text("\xff\xff", 7), "\"\\xff...\"");
+}
+
 TEST(NodeTextTest, FeaturesAreWords) {
     EXPECT_EQ(features_text({0, 0}), "no features");
     EXPECT_EQ(features_text({0x0C, 0x0C}), "audio activity on both");

@@ -60,6 +60,15 @@ TEST(TimelineTest, ForeignTextIsEscaped) {
     EXPECT_TRUE(contains(render_timeline(data), "&quot;&lt;script&gt;&amp;&quot;"));
 }
 
+TEST(TimelineTest, LongLineIsCutBetweenCharacters) {
+    TimelineData data = call_of_seconds(1);
+    for (std::size_t i = 0; i < TimelineData::SUBTITLE_COLUMNS; ++i) {
+        data.subtitle += "\u65e5";
+    }
+    const std::string fits = data.subtitle.substr(0, 3 * TimelineData::SUBTITLE_COLUMNS / 2);
+    EXPECT_TRUE(contains(render_timeline(data), ">" + fits + "</text>"));
+}
+
 TEST(TimelineTest, ThousandsOfGapsMakeASmallPicture) {
     TimelineData data = call_of_seconds(7200);
     for (std::uint64_t i = 0; i < TimelineData::MAX_MARKS; ++i) {

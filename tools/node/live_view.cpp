@@ -5,6 +5,7 @@
 #include <cmath>
 #include <vector>
 
+#include "tools/node/characters.h"
 #include "tools/node/text.h"
 
 namespace qv::tools::node {
@@ -14,30 +15,13 @@ namespace {
 constexpr std::size_t HEAD_LINES = 5;
 constexpr double METER_BOTTOM = -60;
 
-// Widths count characters, not bytes: the meters are not ASCII.
-std::size_t width_of(const std::string& text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-    }));
-}
-
 std::string left(std::string text, std::size_t width) {
-    text.append(width - std::min(width, width_of(text)), ' ');
+    text.append(width - std::min(width, columns_of(text)), ' ');
     return text;
 }
 
 std::string right(const std::string& text, std::size_t width) {
-    return std::string(width - std::min(width, width_of(text)), ' ') + text;
-}
-
-std::string cut(const std::string& text, std::size_t width) {
-    std::size_t characters = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80 && ++characters > width) {
-            return text.substr(0, i);
-        }
-    }
-    return text;
+    return std::string(width - std::min(width, columns_of(text)), ' ') + text;
 }
 
 double seconds_of(Micros time) {
@@ -97,7 +81,7 @@ std::string row(Call& call, Micros now, const Columns& columns) {
         lost += side.tracker.stats().lost();
         packets += side.tracker.stats().packets;
     }
-    std::string text = cut(uuid_text(call.uuid), columns.uuid) +
+    std::string text = fitting(uuid_text(call.uuid), columns.uuid) +
                        right(duration_text(seconds_of(now - call.first_seen)), 12) + "  " +
                        feature_letters(call.features, Side::ORIGINATOR) + ' ' +
                        feature_letters(call.features, Side::TERMINATOR) + "  " +
@@ -126,7 +110,7 @@ std::vector<Call*> oldest_first(CallTable& calls) {
 std::string joined(const std::vector<std::string>& lines, ScreenSize size) {
     std::string text;
     for (std::size_t i = 0; i < lines.size() && i < size.rows; ++i) {
-        text += (i == 0 ? "" : "\r\n") + cut(lines[i], size.columns) + "\x1b[K";
+        text += (i == 0 ? "" : "\r\n") + fitting(lines[i], size.columns) + "\x1b[K";
     }
     return text;
 }

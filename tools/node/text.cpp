@@ -4,12 +4,11 @@
 #include <ctime>
 
 #include "quorvane_lib/utils_str.h"
+#include "tools/node/characters.h"
 
 namespace qv::tools::node {
 
 namespace {
-
-constexpr std::size_t LONGEST_QUOTED = 200;
 
 struct FeatureName {
     const char* name;
@@ -49,6 +48,21 @@ std::string feature_text(media::features16_t features, const FeatureName& featur
     return name + ' ' + first + (!first.empty() && !second.empty() ? ", " : "") + second;
 }
 
+// A character, of those bytes, between quotation marks.
+std::string shown_text(std::string_view bytes, char32_t code) {
+    if (code == '"' || code == '\\') {
+        return '\\' + std::string(bytes);
+    }
+    if (is_printable(code)) {
+        return std::string(bytes);
+    }
+    std::string out;
+    for (const char byte : bytes) {
+        out += format("\\x%02x", unsigned{static_cast<unsigned char>(byte)});
+    }
+    return out;
+}
+
 }  // namespace
 
 std::string uuid_text(const Uuid& uuid) {
@@ -64,21 +78,21 @@ std::string address_text(const unsigned char* address, std::uint16_t port) {
                   unsigned{address[2]}, unsigned{address[3]}, unsigned{port});
 }
 
-std::string quoted_text(std::string_view text) {
+std::string quoted_text(std::string_view text, std::size_t columns) {
     std::string out = "\"";
-    for (const char c : text.substr(0, LONGEST_QUOTED)) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte >= 0x7F) {
-            out += format("\\x%02x", unsigned{byte});
-        } else {
-            if (c == '"' || c == '\\') {
-                out += '\\';
-            }
-            out += c;
+    while (!text.empty()) {
+        const Character next = first_character(text);
+        const std::string shown = shown_text(text.substr(0, next.size), next.code);
+        const std::size_t width = columns_of(shown);
+        if (width > columns) {
+            out += "...";
+            break;
         }
+        out += shown;
+        columns -= width;
+        text.remove_prefix(next.size);
     }
-    out += text.size() > LONGEST_QUOTED ? "...\"" : "\"";
-    return out;
+    return out + '"';
 }
 
 std::string features_text(media::features16_t features) {

@@ -17,9 +17,10 @@ std::string key_text(std::uint64_t call_key);
 // "a.b.c.d:port"
 std::string address_text(const unsigned char* address, std::uint16_t port);
 
-// Foreign text made fit for a terminal: bytes below blank, DEL and the quotation mark
-// and backslash as \xNN or with a backslash; cut with "..." at 200 bytes.
-std::string quoted_text(std::string_view text);
+// Foreign text made fit for a terminal and for XML: in quotation marks, these and the backslash
+// with a backslash; bytes that are no UTF-8, and of characters that are not printable, as \xNN;
+// cut with "..." behind so many columns.
+std::string quoted_text(std::string_view text, std::size_t columns = 200);
 
 // "audio activity on originator, off terminator; recording on both", or "no features".
 std::string features_text(media::features16_t features);

@@ -20,7 +20,8 @@ namespace qv::tools::node {
 // counts them: audio, filled silence and pauses.
 struct TimelineData {
     static constexpr std::size_t MAX_SPANS = 2048;
-    static constexpr std::size_t MAX_MARKS = 2000;  // Of each kind; more are not drawn.
+    static constexpr std::size_t SUBTITLE_COLUMNS = 150;  // What fits.
+    static constexpr std::size_t MAX_MARKS = 2000;        // Of each kind; more are not drawn.
 
     struct Stretch {
         std::uint64_t begin;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/node/characters.h"
 #include "tools/node/text.h"
 #include "tools/node/timeline.h"
 
@@ -175,7 +176,8 @@ class Picture {
         box(0, 0, WIDTH, HEIGHT, "fill=\"#ffffff\"");
         text(LEFT, 30, "font-size=\"18\" font-weight=\"600\" fill=\"#0f172a\"",
              "Call " + data_.title);
-        text(LEFT, 50, "fill=\"#475569\" font-size=\"13\"", data_.subtitle.substr(0, 180));
+        text(LEFT, 50, "fill=\"#475569\" font-size=\"13\"",
+             fitting(data_.subtitle, TimelineData::SUBTITLE_COLUMNS));
         text(WIDTH - LEFT, 30,
              "font-size=\"18\" font-weight=\"600\" fill=\"#0f172a\" text-anchor=\"end\"",
              duration_text(seconds_));
