@@ -60,13 +60,14 @@ class NodeCallTest : public testing::Test {
         send(datagram);
     }
 
-    // The golden start packet, with that call reference of less than 200 bytes.
+    // The golden start packet, with that call reference of less than 1294 bytes.
     void send_start(const std::string& reference) {
         Bytes datagram = golden("call_1_start");
         datagram.resize(82);
         datagram.insert(datagram.end(), reference.begin(), reference.end());
         datagram.push_back(0);
-        datagram[80] = static_cast<unsigned char>(reference.size() + 1);
+        datagram[80] = static_cast<unsigned char>((reference.size() + 1) & 0xFF);
+        datagram[81] = static_cast<unsigned char>((reference.size() + 1) >> 8);
         send(datagram);
     }
 

@@ -140,6 +140,16 @@ TEST_F(TimelineOfCallTest, SilentSideIsCalledSilentAsInTheLines) {
     EXPECT_TRUE(shows("8000 Hz, -33 dB, no gap</text>"));
 }
 
+TEST_F(TimelineOfCallTest, OfALongLineTheReferenceIsCut) {
+    std::string reference;
+    for (int i = 0; i < 400; ++i) {
+        reference += "\u65e5";
+    }
+    send_start(reference);
+    table_->shut_down();
+    EXPECT_TRUE(shows("\u65e5...&quot;, rule 42, not terminated (shutdown)</text>"));
+}
+
 TEST_F(TimelineOfCallTest, CallThatIsNeverAnsweredLastsAsLongAsItRang) {
     send_at(0, "call_1_start");
     send_at(30, "call_7_terminate");

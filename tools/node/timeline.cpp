@@ -30,20 +30,23 @@ std::string level_text(double level) {
     return level <= SILENCE_DB ? "silent" : std::to_string(std::lround(level)) + " dB";
 }
 
+// Of a long line the reference is cut, not what follows it.
+std::string start_text(const StartFields& start, const std::string& end) {
+    const std::string direction = start.outbound() ? "outbound, reference " : "inbound, reference ";
+    const std::string rule =
+        start.rule_id_given() ? ", rule " + std::to_string(start.rule_id) : std::string();
+    const std::size_t others =
+        direction.size() + rule.size() + end.size() + std::string("\"...\"").size();
+    const std::size_t room = TimelineData::SUBTITLE_COLUMNS - others;
+    return direction + quoted_text(start.call_reference, room) + rule + end;
+}
+
 std::string subtitle_of(const Call& call, EndReason reason) {
-    std::string text;
-    if (call.start.has_value()) {
-        const StartFields& start = *call.start;
-        text = start.outbound() ? "outbound" : "inbound";
-        text += ", reference " + quoted_text(start.call_reference);
-        text += start.rule_id_given() ? ", rule " + std::to_string(start.rule_id) : "";
-    } else {
-        text = "the start packet never came";
-    }
-    if (reason != EndReason::TERMINATED) {
-        text += std::string(", not terminated (") + name_of(reason) + ")";
-    }
-    return text;
+    const std::string end = reason == EndReason::TERMINATED
+                                ? std::string()
+                                : std::string(", not terminated (") + name_of(reason) + ")";
+    return call.start.has_value() ? start_text(*call.start, end)
+                                  : "the start packet never came" + end;
 }
 
 std::string summary_of(const CallSide& side) {
