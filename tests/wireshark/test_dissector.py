@@ -215,6 +215,15 @@ class Dissector(unittest.TestCase):
         self.assertEqual(self.experts(packets)[2:],
                          ["Sample offset jump of 72 without a missing packet", ""])
 
+    def test_offset_that_goes_back_behind_a_gap_is_an_error_too(self):
+        packets = [datagram("call_1_start"), data(1, 100), data(4, 8), data(5, 16)]
+        row = self.fields(packets, ["quorvane.lost_packets", "quorvane.lost_samples",
+                                    "_ws.expert.message"], "-Y", "quorvane.expert.offset_jump")
+        self.assertEqual(row, [["2", "", "Gap: 2 packets missing"]])
+        shown = self.tshark(packets, "-V")
+        self.assertEqual(shown.count("): Sample offset jump of -100 behind missing packets"), 1)
+        self.assertEqual(self.experts(packets)[3], "")
+
     def test_second_tap_on_a_call_counts_from_the_beginning(self):
         packets = [datagram("call_1_start"), data(1, 0), data(2, 8), datagram("call_7_terminate"),
                    second_start(), data(1, 0), data(2, 8)]

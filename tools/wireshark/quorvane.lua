@@ -314,9 +314,11 @@ local function compare_with_expected(leg, sequence_number, sample_offset, verdic
         return follow_old_packet(leg, sequence_number, verdict)
     elseif packets > 0 then
         verdict.lost_packets = packets
-        verdict.lost_samples = samples
+        verdict.lost_samples = samples >= 0 and samples or nil
         remember_missing(leg, leg.next_sequence_number, packets)
-    elseif samples ~= 0 then
+    end
+    -- Missing packets take the offset forward, never back.
+    if samples < 0 or packets == 0 and samples ~= 0 then
         verdict.offset_jump = samples
     end
     return verdict
@@ -537,21 +539,28 @@ local function check_length(tree, tvb)
 end
 
 local function show_gap(tree, verdict)
+    local missing = plural(verdict.lost_packets, "packet")
     tree:add(f.lost_packets, verdict.lost_packets):set_generated()
-    if verdict.lost_samples >= 0 then
+    if verdict.lost_samples then
         tree:add(f.lost_samples, verdict.lost_samples):set_generated()
+        missing = missing .. " and " .. plural(verdict.lost_samples, "sample")
     end
-    report(tree, e.gap, string.format("Gap: %s and %s missing",
-        plural(verdict.lost_packets, "packet"), plural(verdict.lost_samples, "sample")))
+    report(tree, e.gap, "Gap: " .. missing .. " missing")
+end
+
+local function show_offset_jump(tree, verdict)
+    local where = verdict.lost_packets and "behind missing packets" or "without a missing packet"
+    report(tree, e.offset_jump,
+        string.format("Sample offset jump of %.0f %s", verdict.offset_jump, where))
 end
 
 -- Shows what the first pass found wrong.
 local function show_order(tree, verdict)
     if verdict.lost_packets then
         show_gap(tree, verdict)
-    elseif verdict.offset_jump then
-        report(tree, e.offset_jump, string.format(
-            "Sample offset jump of %.0f without a missing packet", verdict.offset_jump))
+    end
+    if verdict.offset_jump then
+        show_offset_jump(tree, verdict)
     elseif verdict.late then
         report(tree, e.late, "Late packet")
     elseif verdict.copy then
