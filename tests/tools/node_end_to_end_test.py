@@ -196,6 +196,14 @@ def of_distinct_calls(datagrams, first, count):
     return made
 
 
+def mixed(many, few):
+    """The few spread evenly over the many."""
+    step = len(many) // len(few)
+    return [datagram for number, one in enumerate(few)
+            for datagram in (*many[number * step:(number + 1) * step], one)] + \
+        many[len(few) * step:]
+
+
 class Counters:
     """The receiver's metrics."""
 
@@ -606,14 +614,13 @@ class NodeEndToEnd(unittest.TestCase):
             self.addCleanup(flood.socket.close)
             self.addCleanup(bystander.end)
             for part in range(10):
-                flood.send(of_distinct_calls([start, audio, terminate],
-                                             part * 6000, 6000 // scale))
-                flood.send(noise)
+                calls = of_distinct_calls([start, audio, terminate], part * 6000, 6000 // scale)
+                flood.send(mixed(calls, noise))
             # These never end: the calls that there may be are soon taken.
             for part in range(10, 20):
-                flood.send(of_distinct_calls([(start, audio)[part % 2]],
-                                             part * 15000, 15000 // scale))
-                flood.send(noise)
+                calls = of_distinct_calls([(start, audio)[part % 2]], part * 15000,
+                                          15000 // scale)
+                flood.send(mixed(calls, noise))
             bystander.end()
             sent = flood.sent + bystander.sent
             seen = counters_after(url, sent)
