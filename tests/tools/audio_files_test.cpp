@@ -97,6 +97,13 @@ TEST_F(AudioFilesTest, ExistingFileIsKeptUnlessToldOtherwise) {
     EXPECT_EQ(read("a.wav"), (Samples{2}));
 }
 
+TEST_F(AudioFilesTest, FilesThatWereMadeAreCounted) {
+    put(*folder_->create("a.wav", 8000, 1), {1});
+    folder_->create("a.wav", 8000, 1);  // Fails: it exists.
+    folder_->create("b.wav", 8000, 1);
+    EXPECT_EQ(folder_->created_files(), 2u);
+}
+
 TEST_F(AudioFilesTest, VanishedFolderIsAnErrorOfTheFile) {
     std::filesystem::remove_all(folder_path_);
     const auto file = folder_->create("a.wav", 8000, 1);

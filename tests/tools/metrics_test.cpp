@@ -38,8 +38,8 @@ std::string scrape(std::uint16_t port) {
 class MetricsTest : public testing::Test {
   protected:
     void update() {
-        metrics_.update(
-            {totals_, malformed_, received_, overflowed_, calls_, open_files_, receive_buffer_});
+        metrics_.update({totals_, malformed_, received_, overflowed_, calls_, open_files_,
+                         receive_buffer_, calls_not_written_});
     }
     // In what the server told last, or tells now.
     bool shows(const std::string& line) {
@@ -58,6 +58,7 @@ class MetricsTest : public testing::Test {
     std::size_t calls_ = 0;
     std::size_t open_files_ = 0;
     int receive_buffer_ = 0;
+    std::uint64_t calls_not_written_ = 0;
     std::string told_;
 };
 
@@ -74,6 +75,7 @@ TEST_F(MetricsTest, EachValueHasItsName) {
     calls_ = 3;
     open_files_ = 4;
     receive_buffer_ = 5;
+    calls_not_written_ = 6;
     totals_.calls_begun = 11;
     totals_.calls_ended = 12;
     totals_.calls_not_terminated = 13;
@@ -86,10 +88,10 @@ TEST_F(MetricsTest, EachValueHasItsName) {
     update();
     for (const char* line :
          {"received_packets_total 100", "socket_dropped_packets_total 2", "calls 3", "open_files 4",
-          "receive_buffer_bytes 5", "calls_begun_total 11", "calls_ended_total 12",
-          "calls_not_terminated_total 13", "calls_without_start_total 14", "audio_bytes_total 15",
-          "gaps_total 16", "skipped_packets_total 17", "silence_samples_total 18",
-          "file_errors_total 19"}) {
+          "receive_buffer_bytes 5", "calls_not_written_total 6", "calls_begun_total 11",
+          "calls_ended_total 12", "calls_not_terminated_total 13", "calls_without_start_total 14",
+          "audio_bytes_total 15", "gaps_total 16", "skipped_packets_total 17",
+          "silence_samples_total 18", "file_errors_total 19"}) {
         EXPECT_TRUE(shows(std::string("quorvane_node_") + line)) << line;
     }
 }

@@ -608,7 +608,8 @@ class NodeEndToEnd(unittest.TestCase):
         start, audio, terminate = (golden(name) for name in (CALL[0], CALL[1], CALL[6]))
         with tempfile.TemporaryDirectory() as home, Node(
                 "--quiet", "--metrics", "0", "--max-calls", "100", "--linger", "0",
-                "--max-silence", "1", "--packets", "--events", f"{home}/events") as node:
+                "--max-silence", "1", "--max-files", "400", "--packets",
+                "--events", f"{home}/events") as node:
             url = node.wait_for(r"http://\S+").group(0)
             flood, bystander = Flood(node), Bystander(node)
             self.addCleanup(flood.socket.close)
@@ -632,7 +633,11 @@ class NodeEndToEnd(unittest.TestCase):
             self.check_accounts(seen, sent, events, node.text())
             self.assertGreater(seen.by_label("unused_packets_total")["too many calls at once"],
                                100_000 // scale)
-            self.check_files(node, events)
+            files = self.check_files(node, events)
+            # Room is kept for both sides of each of the 100 calls that may be there.
+            self.assertLessEqual(len(files), 400)
+            self.assertGreater(len(files), 400 - 2 * 100)
+            self.assertGreater(seen["calls_not_written_total"], 0)
             self.assertEqual(samples(node.folder / f"{uuid_of(1)}-originator.wav"),
                              bystander.audio())
 
@@ -661,9 +666,28 @@ class NodeEndToEnd(unittest.TestCase):
         self.assertEqual({file["error"] for file in files}, {""})
         self.assertEqual(sorted(file["path"] for file in files),
                          sorted(map(str, node.folder.iterdir())))
-        sides = [side for end in ends for side in end["sides"].values()]
-        self.assertLessEqual(len(files), len(sides))
-        self.assertGreaterEqual(len(files), sum(side["samples"] > 0 for side in sides))
+        return files
+
+    def test_calls_beyond_the_limit_of_files_are_told_but_not_written(self):
+        with Node("--max-files", "7", "--timeline", "--events", "-", "--metrics", "0") as node:
+            url = node.wait_for(r"http://\S+").group(0)
+            for call in (1, 2, 3, 4):
+                node.talk([call], 2)
+                node.end([call])
+            sent = 4 * (1 + 2 + 1)
+            seen = counters_after(url, sent)
+            self.assertEqual(node.stop(signal.SIGINT), 0, node.text())
+            # Each may have three files and makes two: the third call would fit, the fourth not.
+            written = {f"{uuid_of(call)}{kind}" for call in (1, 2, 3)
+                       for kind in ("-originator.wav", ".svg")}
+            self.assertEqual({path.name for path in node.folder.iterdir()}, written)
+            ends = {end["call_uuid"]: end for end in node.events("end")}
+            self.assertEqual([len(ends[uuid_of(call)]["files"]) for call in (1, 2, 3, 4)],
+                             [1, 1, 1, 0])
+            self.assertEqual(ends[uuid_of(4)]["sides"]["originator"]["packets"], 2)
+            self.assertEqual(node.text().count("--max-files"), 1)
+            self.assertRegex(node.text(), "not written: 1 call +too many files")
+            self.assertEqual(seen["calls_not_written_total"], 1)
 
     def test_what_a_full_socket_cost_is_accounted_for(self):
         with Node("--quiet", "--metrics", "0", "--receive-buffer", "1") as node:

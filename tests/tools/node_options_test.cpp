@@ -24,6 +24,7 @@ TEST_F(NodeOptionsTest, DefaultsAreThoseOfTheDocument) {
     EXPECT_EQ(options_.block_kib, 32u);
     EXPECT_EQ(options_.receive_buffer_mib, 64);
     EXPECT_EQ(options_.limits.max_calls, 10'000u);
+    EXPECT_EQ(options_.max_files, 1'000'000u);
     EXPECT_EQ(options_.limits.idle, 30s);
     EXPECT_EQ(options_.limits.max_age, 12h);
     EXPECT_EQ(options_.limits.linger, 300ms);
@@ -64,7 +65,7 @@ TEST_F(NodeOptionsTest, LimitsAreTaken) {
     parse({"--calls",          "3", "--idle-exit",   "2.5", "--rate",           "48000",
            "--max-reorder",    "0", "--max-silence", "0",   "--max-calls",      "5",
            "--max-open-files", "7", "--block",       "1",   "--receive-buffer", "8",
-           "--metrics",        "0", "--events",      "-"});
+           "--metrics",        "0", "--events",      "-",   "--max-files",      "9"});
     EXPECT_EQ(options_.calls, 3u);
     EXPECT_EQ(options_.idle_exit_s, 2.5);
     EXPECT_EQ(options_.limits.sample_rate, 48000);
@@ -72,6 +73,7 @@ TEST_F(NodeOptionsTest, LimitsAreTaken) {
     EXPECT_EQ(options_.limits.max_silence_s, 0.0);
     EXPECT_EQ(options_.limits.max_calls, 5u);
     EXPECT_EQ(options_.max_open_files, 7u);
+    EXPECT_EQ(options_.max_files, 9u);
     EXPECT_EQ(options_.block_kib, 1u);
     EXPECT_EQ(options_.receive_buffer_mib, 8);
     EXPECT_EQ(options_.metrics_port, std::uint16_t{0});
@@ -107,6 +109,7 @@ TEST_F(NodeOptionsTest, ValuesBeyondTheRangesAreRefused) {
                                                           {"--max-call-age", "1e9"},
                                                           {"--linger", "61"},
                                                           {"--max-open-files", "0"},
+                                                          {"--max-files", "-1"},
                                                           {"--block", "0"},
                                                           {"--receive-buffer", "0"},
                                                           {"--idle-exit", "-1"},

@@ -193,7 +193,9 @@ void Application::open_calls() {
     if (options_.timeline) {
         timeline_ = std::make_unique<Timeline>(
             [this](const Call& call, const std::string& name, const std::string& svg) {
-                save_timeline(call, name, svg);
+                if (!call.recording->stem().empty()) {
+                    save_timeline(call, name, svg);
+                }
             });
     }
     std::vector<CallListener*> listeners;
@@ -237,6 +239,9 @@ void Application::greet() {
 }
 
 std::unique_ptr<Recording> Application::record(const Uuid& uuid, const RateSource& rate) {
+    if (files_used_up()) {
+        return leave_unwritten();
+    }
     const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
                                      options_.keep_pauses};
     const std::string stem = options_.overwrite ? uuid_text(uuid) : free_stem(*folder_, uuid);
@@ -253,8 +258,31 @@ std::unique_ptr<Recording> Application::record(const Uuid& uuid, const RateSourc
     return std::make_unique<RecordingGroup>(stem, std::move(members));
 }
 
+// Whether there could be too many files if each call that is there, and one more, made as
+// many as it may: which of them it makes shows only later.
+bool Application::files_used_up() const {
+    if (options_.max_files == 0) {
+        return false;
+    }
+    const unsigned most_of_a_call =
+        (options_.no_sides ? 0 : 2) + (options_.stereo ? 2 : 0) + (options_.timeline ? 1 : 0);
+    return folder_->created_files() + saved_timelines_ + (calls_->size() + 1) * most_of_a_call >
+           options_.max_files;
+}
+
+std::unique_ptr<Recording> Application::leave_unwritten() {
+    if (++unwritten_calls_ == 1) {
+        lines_.say("too many files", "with further calls there could be more than " +
+                                         grouped(options_.max_files) +
+                                         " (--max-files): such calls are not written");
+    }
+    return std::make_unique<RecordingGroup>(std::string(),
+                                            std::vector<std::unique_ptr<Recording>>());
+}
+
 void Application::save_timeline(const Call& call, const std::string& name, const std::string& svg) {
     const std::string path = options_.folder + '/' + name;
+    ++saved_timelines_;
     const std::string error = write_file(path, svg);
     if (error.empty()) {
         return;
@@ -369,7 +397,7 @@ void Application::update_outputs(Micros now) {
     if (metrics_ != nullptr) {
         metrics_->update({calls_->totals(), malformed_, receiver_.received(),
                           receiver_.overflowed(), calls_->size(), folder_->open_files(),
-                          receiver_.granted_buffer()});
+                          receiver_.granted_buffer(), unwritten_calls_});
     }
 }
 
@@ -427,6 +455,9 @@ void Application::print_summary() {
     }
     if (totals.file_errors != 0) {
         lines_.say("  not written: " + counted(totals.file_errors, "file"), "");
+    }
+    if (unwritten_calls_ != 0) {
+        lines_.say("  not written: " + counted(unwritten_calls_, "call"), "too many files");
     }
     if (receiver_.overflowed() != 0) {
         lines_.say("  lost in the socket: " + grouped(receiver_.overflowed()), "buffer full");

@@ -41,6 +41,8 @@ class Application {
     bool refuse(const std::string& what, const std::string& why);
     void greet();
     std::unique_ptr<Recording> record(const Uuid& uuid, const RateSource& rate);
+    bool files_used_up() const;
+    std::unique_ptr<Recording> leave_unwritten();
     void save_timeline(const Call& call, const std::string& name, const std::string& svg);
 
     void on_datagram(const unsigned char* data, std::size_t size, Micros now);
@@ -81,6 +83,8 @@ class Application {
     std::array<std::uint64_t, media::DECODE_RESULT_COUNT> malformed_{};
     std::uint64_t reported_overflow_ = 0;
     std::uint64_t reported_too_many_ = 0;
+    std::uint64_t saved_timelines_ = 0;
+    std::uint64_t unwritten_calls_ = 0;  // Because of --max-files.
     bool events_failed_ = false;
     int exit_code_ = EXIT_FINE;
 };

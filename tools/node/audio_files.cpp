@@ -194,7 +194,9 @@ bool WavFolder::exists(const std::string& name) const {
 
 std::unique_ptr<AudioFile> WavFolder::create(const std::string& name, int sample_rate,
                                              int channels) {
-    return std::make_unique<WavFile>(*this, path_ + '/' + name, sample_rate, channels);
+    auto file = std::make_unique<WavFile>(*this, path_ + '/' + name, sample_rate, channels);
+    created_ += file->error().empty() ? 1 : 0;
+    return file;
 }
 
 void WavFolder::make_room() {

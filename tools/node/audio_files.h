@@ -68,6 +68,8 @@ class WavFolder : public AudioStore {
                                       int channels) override;
 
     std::size_t open_files() const { return open_.size(); }
+    // Files made since the beginning.
+    std::uint64_t created_files() const { return created_; }
 
   private:
     friend class WavFile;
@@ -77,6 +79,7 @@ class WavFolder : public AudioStore {
     std::string path_;
     std::size_t max_open_;
     bool overwrite_;
+    std::uint64_t created_ = 0;
     std::list<WavFile*> open_;  // Not owned; the one written last comes last.
 };
 

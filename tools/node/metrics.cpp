@@ -34,6 +34,8 @@ class Metrics::Impl {
                                        "Calls that ended without their terminate packet")),
           calls_without_start(
               counter("calls_without_start_total", "Calls that ended without their start packet")),
+          calls_not_written(counter("calls_not_written_total",
+                                    "Calls without files, because there were too many files")),
           audio_bytes(counter("audio_bytes_total", "Bytes of audio that came")),
           gaps(counter("gaps_total", "Places where audio was missing")),
           skipped(counter("skipped_packets_total",
@@ -90,6 +92,7 @@ class Metrics::Impl {
     Counter& calls_ended;
     Counter& calls_not_terminated;
     Counter& calls_without_start;
+    Counter& calls_not_written;
     Counter& audio_bytes;
     Counter& gaps;
     Counter& skipped;
@@ -119,6 +122,7 @@ void Metrics::update(const MetricValues& values) {
     set(impl_->calls_ended, totals.calls_ended);
     set(impl_->calls_not_terminated, totals.calls_not_terminated);
     set(impl_->calls_without_start, totals.calls_without_start);
+    set(impl_->calls_not_written, values.calls_not_written);
     set(impl_->audio_bytes, totals.audio_bytes);
     set(impl_->gaps, totals.gaps);
     set(impl_->skipped, totals.lost_packets);

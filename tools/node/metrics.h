@@ -22,6 +22,7 @@ struct MetricValues {
     std::size_t calls = 0;
     std::size_t open_files = 0;
     int receive_buffer = 0;
+    std::uint64_t calls_not_written = 0;
 };
 
 class Metrics {

@@ -131,6 +131,12 @@ void add_limit_options(CLI::App& app, Options& options) {
                    "system allows)")
         ->check(CLI::Range(1, 1'000'000))
         ->type_name("N");
+    app.add_option("--max-files", options.max_files,
+                   "Files of one run; calls with which there could be more are not written; 0 "
+                   "for no limit")
+        ->check(CLI::Range(0, 1'000'000'000))
+        ->type_name("N")
+        ->capture_default_str();
     app.add_option("--block", options.block_kib, "Audio gathered before it is written, a side")
         ->check(CLI::Range(1, 4096))
         ->type_name("KIB")

@@ -34,7 +34,8 @@ struct Options {
     std::uint64_t calls = 0;   // End after so many calls; 0: never.
     double idle_exit_s = 0;    // End after so long without a packet; 0: never.
     int receive_buffer_mib = 64;
-    std::size_t max_open_files = 0;  // 0: what the system allows.
+    std::size_t max_open_files = 0;       // 0: what the system allows.
+    std::uint64_t max_files = 1'000'000;  // Of one run; 0: no limit.
     std::size_t block_kib = 32;
     CallLimits limits;
 };

@@ -34,7 +34,8 @@ class Recording {
     virtual void silence(Side side, std::uint64_t count) = 0;
     // Time in which the sender sent nothing, though no audio is missing.
     virtual void pause(Side side, std::uint64_t count) = 0;
-    // The name of the call's files up to what tells them apart.
+    // The name of the call's files up to what tells them apart; empty when the call is not
+    // to have any.
     virtual const std::string& stem() const = 0;
     // Writes what is left. Nothing may follow.
     virtual void finish() = 0;
