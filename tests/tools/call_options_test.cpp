@@ -119,6 +119,7 @@ TEST_F(OptionsTest, TheHelpNamesExamplesFaultsAndExitCodes) {
     EXPECT_NE(help_.find("Examples:"), std::string::npos);
     EXPECT_NE(help_.find("bug-refused "), std::string::npos);
     EXPECT_NE(help_.find("Exit codes:"), std::string::npos);
+    EXPECT_NE(help_.find("without quorvane_rule_id"), std::string::npos);
 }
 
 }  // namespace

@@ -194,7 +194,9 @@ void add_call_options(CLI::App& app, Options& options) {
         "A channel variable; {uuid} and {n} in it stand for\n"
         "the call's UUID and number. sip_call_id is\n"
         "{uuid}@quorvane-call unless it is set here. A\n"
-        "variable without a value is not set at all",
+        "variable without a value is not set at all. Audio\n"
+        "activity and sample detection, the defaults above\n"
+        "included, have no effect without quorvane_rule_id=N",
         [&plan](const std::string& text) { plan.variables.push_back(parse_variable(text)); })
         ->type_name("NAME=VALUE")
         ->group("Calls");
