@@ -46,6 +46,12 @@ TEST_F(OptionsTest, ModuleOptionsGoToTheModule) {
                                                       {"dump_events", "channel"}}));
 }
 
+TEST_F(OptionsTest, EveryFeatureTextOfTheModuleIsTaken) {
+    for (const char* text : {"true", "enabled", "inactive", "originator", "orig", "terminator",
+                             "term", "orig::active", "term::none", "trueish", ""})
+        EXPECT_FALSE(parse({"--default-detection", text})) << text;
+}
+
 TEST_F(OptionsTest, AVariableMayBeSetAgainAndAgain) {
     EXPECT_FALSE(parse({"--set", "a=1", "--set", "b=x=y", "-s", "c="}));
     EXPECT_EQ(options_.plan.variables,
@@ -98,6 +104,15 @@ TEST_F(OptionsTest, WrongValuesAreNamedWithTheirOption) {
     EXPECT_EQ(refusal_of({"--api", "quorvane"}),
               "--api: 'quorvane' is no time and command, such as \"1.5 quorvane {uuid} features\"");
     EXPECT_EQ(refusal_of({"--show-log", "LOUD"}), "--show-log: 'LOUD' is no level of the host");
+    EXPECT_EQ(refusal_of({"--dump-events", "foo"}),
+              "--dump-events: foo not in {none,all,channel,channel-short}");
+    const std::string no_feature =
+        "' is no feature text: true, enabled, inactive, originator, orig, terminator, term, "
+        "orig::VALUE or term::VALUE";
+    EXPECT_EQ(refusal_of({"--default-audio-activity", "both"}),
+              "--default-audio-activity: 'both" + no_feature);
+    EXPECT_EQ(refusal_of({"--default-detection", "TRUE"}),
+              "--default-detection: 'TRUE" + no_feature);
     EXPECT_NE(refusal_of({"--frame-ms", "5"}), "accepted");
     EXPECT_NE(refusal_of({"--calls", "0"}), "accepted");
     EXPECT_NE(refusal_of({"--log-level", "debug"}), "accepted");

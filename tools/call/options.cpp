@@ -108,6 +108,19 @@ std::string check_uuid(const std::string& text) {
     return {};
 }
 
+// By the beginning of the text, as the module reads it; an empty one is none.
+std::string check_feature(const std::string& text) {
+    if (text.empty())
+        return {};
+    for (const std::string_view word : {"true", "enabled", "inactive", "orig", "term"}) {
+        if (text.compare(0, word.size(), word) == 0)
+            return {};
+    }
+    return "'" + text +
+           "' is no feature text: true, enabled, inactive, originator, orig, terminator, term, "
+           "orig::VALUE or term::VALUE";
+}
+
 void add_module_options(CLI::App& app, Options& options) {
     app.add_option("-m,--module", options.module.module_path,
                    "The module (default: mod_quorvane.so beside this program)")
@@ -127,11 +140,14 @@ void add_module_options(CLI::App& app, Options& options) {
         ->check(CLI::IsMember({"ERROR", "WARNING", "INFO", "DEBUG", "TRACE"}).description(""))
         ->type_name("LEVEL");
     add_module_option(app, options, "--default-audio-activity", "default_audio_activity",
-                      "Audio activity detection for calls that do not say");
+                      "Audio activity detection for calls that do not say")
+        ->check(check_feature);
     add_module_option(app, options, "--default-detection", "default_detection",
-                      "Sample detection for calls that do not say");
+                      "Sample detection for calls that do not say")
+        ->check(check_feature);
     add_module_option(app, options, "--dump-events", "dump_events",
-                      "Host events in the log: none, all, channel or channel-short");
+                      "Host events in the log: none, all, channel or channel-short")
+        ->check(CLI::IsMember({"none", "all", "channel", "channel-short"}).description(""));
     static const std::map<std::string, ConfigPlace> places = {
         {"auto", ConfigPlace::automatic},
         {"private", ConfigPlace::private_etc},
