@@ -17,14 +17,29 @@ class EventLogTest : public qv::test::NodeCallTest {
     EventLogTest() { watch_with(false); }
 
     void watch_with(bool every_packet, const CallLimits& limits = {}) {
-        log_ = std::make_unique<EventLog>(out_, every_packet);
+        log_ = std::make_unique<EventLog>(
+            [this](const char* lines, std::size_t size) { return put(lines, size); }, every_packet);
         watch({log_.get()}, limits);
+    }
+
+    // The disk has room for so many bytes.
+    std::size_t put(const char* lines, std::size_t size) {
+        const std::size_t written = std::min(size, room_);
+        out_.append(lines, written);
+        room_ -= written;
+        return written;
+    }
+
+    void forget() {
+        log_->flush();
+        out_.clear();
     }
 
     // The lines so far, the time of writing replaced by T.
     std::vector<std::string> lines() const {
+        log_->flush();
         static const std::regex time(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
-        std::istringstream text(out_.str());
+        std::istringstream text(out_);
         std::vector<std::string> all;
         for (std::string line; std::getline(text, line);) {
             all.push_back(std::regex_replace(line, time, "T"));
@@ -54,7 +69,8 @@ class EventLogTest : public qv::test::NodeCallTest {
         return all;
     }
 
-    std::ostringstream out_;
+    std::string out_;
+    std::size_t room_ = std::string::npos;
     std::unique_ptr<EventLog> log_;
 };
 
@@ -87,7 +103,7 @@ TEST_F(EventLogTest, LargeNumbersAreTextAndFlagsAreSplit) {
 
 TEST_F(EventLogTest, ControlHasTheUpdateAndWhatIsInEffect) {
     send("start_outbound_full");
-    out_.str("");
+    forget();
     qv::test::Bytes update = qv::test::golden("call_6_control");
     const qv::test::Bytes start = qv::test::golden("start_outbound_full");
     std::copy(start.begin() + 8, start.begin() + 32, update.begin() + 8);
@@ -103,7 +119,7 @@ TEST_F(EventLogTest, ControlHasTheUpdateAndWhatIsInEffect) {
 
 TEST_F(EventLogTest, TerminateHasItsSendTime) {
     send("call_1_start");
-    out_.str("");
+    forget();
     send("call_7_terminate");
     EXPECT_EQ(lines()[0], R"({"event":"terminate","time":"T","call_key":"0x34ec6ca7460833a0",)"
                           R"("call_uuid":"3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37","leg_word":0,)"
@@ -219,9 +235,9 @@ TEST_F(EventLogTest, ReferenceThatIsNoUtf8IsReplaced) {
 
 TEST_F(EventLogTest, NoControlCharacterIsWrittenAsItIs) {
     send_start("\x1b[2J\n\x7f");
-    const std::string text = out_.str();
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
-    EXPECT_EQ(text.find('\x1b'), std::string::npos);
+    log_->flush();
+    EXPECT_EQ(std::count(out_.begin(), out_.end(), '\n'), 1);
+    EXPECT_EQ(out_.find('\x1b'), std::string::npos);
 }
 
 TEST_F(EventLogTest, WhatConcernsNoCallIsTold) {
@@ -234,11 +250,58 @@ TEST_F(EventLogTest, WhatConcernsNoCallIsTold) {
                            R"({"event":"overflow","time":"T","packets":7})"}));
 }
 
-TEST_F(EventLogTest, FailureOfTheStreamIsTold) {
+TEST_F(EventLogTest, WhatAFullDiskDidNotTakeIsWrittenWhenThereIsRoom) {
     EXPECT_TRUE(log_->flush());
-    out_.setstate(std::ios::badbit);
-    log_->overflow(1);
+    room_ = 100;
+    for (std::uint64_t packets = 1; packets <= 3; ++packets) {
+        log_->overflow(packets);
+    }
     EXPECT_FALSE(log_->flush());
+    EXPECT_FALSE(log_->flush());
+    // One is written, another cut off.
+    EXPECT_EQ(std::count(out_.begin(), out_.end(), '\n'), 1);
+    EXPECT_EQ(log_->waiting(), 2u);
+    room_ = std::string::npos;
+    out_ += '\n';
+    EXPECT_TRUE(log_->flush());
+    EXPECT_EQ(log_->waiting(), 0u);
+    EXPECT_EQ(log_->dropped(), 0u);
+    ASSERT_EQ(lines().size(), 4u);
+    EXPECT_EQ(lines()[2], R"({"event":"overflow","time":"T","packets":2})");
+    EXPECT_EQ(lines()[3], R"({"event":"overflow","time":"T","packets":3})");
+}
+
+TEST_F(EventLogTest, EventsBeyondAMegabyteThatWaitsAreCountedAndToldOnce) {
+    room_ = 0;
+    constexpr std::uint64_t EVENTS = 30'000;
+    for (std::uint64_t event = 0; event < EVENTS; ++event) {
+        log_->overflow(1);
+    }
+    EXPECT_FALSE(log_->flush());
+    EXPECT_EQ(log_->dropped() + log_->waiting(), EVENTS);
+    EXPECT_LT(log_->waiting(), 20'000u);
+    room_ = std::string::npos;
+    log_->overflow(7);
+    const std::uint64_t dropped = log_->dropped();
+    EXPECT_EQ(event("events_lost")["events"], dropped);
+    log_->overflow(8);
+    EXPECT_EQ(event("events_lost")["events"], dropped);
+    EXPECT_EQ(lines().back(), R"({"event":"overflow","time":"T","packets":8})");
+}
+
+TEST_F(EventLogTest, LossIsToldWhereTheEventsAreMissing) {
+    room_ = 0;
+    for (int event = 0; event < 30'000; ++event) {
+        log_->overflow(1);
+    }
+    room_ = 1000;
+    EXPECT_FALSE(log_->flush());
+    log_->overflow(7);
+    room_ = std::string::npos;
+    out_ += '\n';
+    const std::vector<std::string> all = lines();
+    EXPECT_EQ(Json::parse(all[all.size() - 2])["event"], "events_lost");
+    EXPECT_EQ(all.back(), R"({"event":"overflow","time":"T","packets":7})");
 }
 
 }  // namespace

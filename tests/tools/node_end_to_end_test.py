@@ -56,7 +56,7 @@ def listed_event_fields():
         fields = set(re.findall(r"`(\w+)`", plain)) | {"event", "time"}
         fields |= PACKET_FIELDS if "the common fields" in text else set()
         fields |= {"sides"} if kind == "end" else set()
-        if kind not in ("listening", "malformed", "overflow"):
+        if kind not in ("listening", "malformed", "overflow", "events_lost"):
             fields |= {"call_key", "call_uuid"}
         listed[kind] = listed["data"] if text.startswith("the same,") else fields
     return listed
@@ -377,7 +377,7 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(node.exit_code(), 1, node.text())
             listed = listed_event_fields()
             seen = {event["event"]: set(event) for event in node.events()}
-            self.assertEqual(set(listed) - set(seen), {"overflow"})
+            self.assertEqual(set(listed) - set(seen), {"overflow", "events_lost"})
             for kind, fields in seen.items():
                 self.assertEqual(fields, listed[kind], kind)
             self.assertEqual(set(node.events("end")[0]["sides"]["originator"]), LISTED_SIDE)
@@ -505,6 +505,43 @@ class NodeEndToEnd(unittest.TestCase):
                              {picture: "No space left on device",
                               f"{uuid_of(2)}-originator.wav": "No space left on device"})
             self.assertRegex(node.text(), f"not written: {len(failed)} files")
+
+    def test_events_that_find_no_room_are_written_when_there_is_some(self):
+        with tempfile.TemporaryDirectory() as home:
+            path = pathlib.Path(home) / "events"
+            most = resource.getrlimit(resource.RLIMIT_FSIZE)[1]
+            limit = (resource.RLIMIT_FSIZE, (8000, most))
+            with Node("--events", str(path), "--packets", limit=limit) as node:
+                node.talk([1, 2], 20)
+                node.wait_for("events not written +.*/events: File too large")
+                resource.prlimit(node.process.pid, resource.RLIMIT_FSIZE,
+                                 (most, most))
+                node.wait_for("events are written again +0 lost")
+                node.talk([3], 20)
+                node.end([1, 2, 3])
+                self.assertEqual(node.stop(), 1, node.text())
+                self.assertNotIn("events lost", node.text())
+            whole, cut = [], []
+            for line in path.read_text().splitlines():
+                (whole if line.endswith("}") else cut).append(line)
+            self.assertEqual(len(cut), 1)
+            seen = [(event["call_uuid"], event["sequence_number"])
+                    for event in map(json.loads, whole) if event["event"] == "data"]
+            self.assertEqual(sorted(seen), [(uuid_of(call), number) for call in (1, 2, 3)
+                                            for number in range(1, 21)])
+
+    def test_events_that_are_lost_at_the_end_are_counted_and_make_a_failure(self):
+        with tempfile.TemporaryDirectory() as home:
+            limit = (resource.RLIMIT_FSIZE, (1000, 1000))
+            with Node("--events", home + "/events", "--quiet", "--no-sides", "--stereo",
+                      limit=limit) as node:
+                node.send(*(of_call(call, golden("call_1_start")) for call in range(10)))
+                self.assertEqual(node.stop(), 1, node.text())
+                self.assertRegex(node.text(), "events not written +.*: File too large")
+                # One of the starts at most found room, and none of the ends.
+                lost = int(re.search(r"events lost: (\d+) ", node.text()).group(1))
+                written = (pathlib.Path(home) / "events").read_text().count("\n") - 1
+                self.assertEqual(written + lost, 20)
 
     def test_folder_that_comes_back_is_used_again(self):
         with Node("--block", "1") as node:

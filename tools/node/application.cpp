@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <exception>
+#include <fstream>
 #include <iostream>
 #include <numeric>
 #include <system_error>
@@ -164,15 +165,13 @@ bool Application::open_events() {
     if (options_.events.empty()) {
         return true;
     }
-    if (!to_stdout(options_)) {
-        events_file_.open(options_.events, std::ios::app);
-        if (!events_file_) {
-            return refuse("cannot write events to " + options_.events,
-                          std::generic_category().message(errno));
-        }
+    const std::string error = events_file_.open(options_.events);
+    if (!error.empty()) {
+        return refuse("cannot write events to " + options_.events, error);
     }
-    events_ = std::make_unique<EventLog>(to_stdout(options_) ? out_ : events_file_,
-                                         options_.every_packet);
+    events_ = std::make_unique<EventLog>(
+        [this](const char* lines, std::size_t size) { return events_file_.write(lines, size); },
+        options_.every_packet);
     return true;
 }
 
@@ -381,10 +380,7 @@ void Application::report_drops() {
 
 void Application::update_outputs(Micros now) {
     lines_.flush();
-    if (events_ != nullptr && !events_->flush() && !std::exchange(events_failed_, true)) {
-        exit_code_ = EXIT_TROUBLE;
-        lines_.say("events lost", "cannot write to " + options_.events);
-    }
+    flush_events();
     if (live_ && now - last_frame_ >= FRAME) {
         last_frame_ = now;
         show_live(now);
@@ -399,6 +395,24 @@ void Application::update_outputs(Micros now) {
                           receiver_.overflowed(), calls_->size(), folder_->open_files(),
                           receiver_.granted_buffer(), unwritten_calls_});
     }
+}
+
+void Application::flush_events() {
+    if (events_ == nullptr) {
+        return;
+    }
+    const bool failed = !events_->flush();
+    if (failed == std::exchange(events_failed_, failed)) {
+        return;
+    }
+    if (failed) {
+        exit_code_ = EXIT_TROUBLE;
+        lines_.say("events not written", options_.events + ": " + events_file_.error());
+        return;
+    }
+    const std::uint64_t lost = events_->dropped();
+    lines_.say("events are written again",
+               grouped(lost - std::exchange(reported_lost_events_, lost)) + " lost");
 }
 
 void Application::show_live(Micros now) {
@@ -420,9 +434,7 @@ void Application::finish() {
     receiver_.drain_and_stop();
     calls_->shut_down();
     report_losses();
-    if (events_ != nullptr) {
-        events_->flush();
-    }
+    flush_events();
     if (calls_->totals().file_errors != 0) {
         exit_code_ = EXIT_TROUBLE;
     }
@@ -458,6 +470,10 @@ void Application::print_summary() {
     }
     if (unwritten_calls_ != 0) {
         lines_.say("  not written: " + counted(unwritten_calls_, "call"), "too many files");
+    }
+    if (events_ != nullptr && events_->dropped() + events_->waiting() != 0) {
+        lines_.say("  events lost: " + grouped(events_->dropped() + events_->waiting()),
+                   options_.events);
     }
     if (receiver_.overflowed() != 0) {
         lines_.say("  lost in the socket: " + grouped(receiver_.overflowed()), "buffer full");

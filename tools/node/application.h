@@ -5,13 +5,13 @@
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
-#include <fstream>
 #include <memory>
 #include <ostream>
 #include <string>
 
 #include "tools/node/audio_files.h"
 #include "tools/node/call_table.h"
+#include "tools/node/event_file.h"
 #include "tools/node/event_log.h"
 #include "tools/node/line_report.h"
 #include "tools/node/live_view.h"
@@ -52,6 +52,7 @@ class Application {
     void report_losses();
     void report_drops();
     void update_outputs(Micros now);
+    void flush_events();
     void show_live(Micros now);
     bool enough() const;
     std::uint64_t malformed_total() const;
@@ -67,7 +68,7 @@ class Application {
     asio::signal_set signals_;
     asio::steady_timer timer_;
     LineReport lines_;
-    std::ofstream events_file_;
+    EventFile events_file_;
     std::unique_ptr<EventLog> events_;  // Null unless asked for.
     std::unique_ptr<Timeline> timeline_;
     std::unique_ptr<Metrics> metrics_;
@@ -85,6 +86,7 @@ class Application {
     std::uint64_t reported_too_many_ = 0;
     std::uint64_t saved_timelines_ = 0;
     std::uint64_t unwritten_calls_ = 0;  // Because of --max-files.
+    std::uint64_t reported_lost_events_ = 0;
     bool events_failed_ = false;
     int exit_code_ = EXIT_FINE;
 };

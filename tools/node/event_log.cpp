@@ -1,5 +1,6 @@
 #include "tools/node/event_log.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "tools/node/text.h"
@@ -172,8 +173,30 @@ void EventLog::ended(const Call& call, EndReason reason) {
 }
 
 bool EventLog::flush() {
-    out_.flush();
-    return out_.good();
+    if (!write_out()) {
+        return false;
+    }
+    tell_loss();
+    return write_out();
+}
+
+void EventLog::tell_loss() {
+    const std::uint64_t lost = dropped_ - std::exchange(told_, dropped_);
+    if (lost != 0) {
+        write("events_lost", {{"events", lost}});
+    }
+}
+
+bool EventLog::write_out() {
+    const std::size_t written = sink_(waiting_.data(), waiting_.size());
+    failing_ = written < waiting_.size();
+    const std::size_t last = written > 0 ? waiting_.rfind('\n', written - 1) : std::string::npos;
+    waiting_.erase(0, last == std::string::npos ? 0 : last + 1);
+    return !failing_;
+}
+
+std::uint64_t EventLog::waiting() const {
+    return static_cast<std::uint64_t>(std::count(waiting_.begin(), waiting_.end(), '\n'));
 }
 
 void EventLog::write(const char* event, const Call& call, const Json& fields) {
@@ -183,12 +206,20 @@ void EventLog::write(const char* event, const Call& call, const Json& fields) {
 }
 
 void EventLog::write(const char* event, const Json& fields) {
+    if (failing_ && waiting_.size() >= MOST_WAITING) {
+        ++dropped_;
+        return;
+    }
+    tell_loss();
     nlohmann::ordered_json line = {{"event", event}, {"time", utc_time()}};
     for (const auto& [name, value] : fields.items()) {
         line[name] = value;
     }
     // A call reference need not be valid UTF-8.
-    out_ << line.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+    waiting_ += line.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+    if (!failing_ && waiting_.size() >= BLOCK) {
+        write_out();
+    }
 }
 
 }  // namespace qv::tools::node
