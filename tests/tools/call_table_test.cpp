@@ -116,6 +116,12 @@ class CallTableTest : public testing::Test {
         return table_->totals().dropped[static_cast<std::size_t>(reason)];
     }
 
+    // Of the originator's file of the call's first or later part.
+    const qv::test::FakeFile& file(int part) const {
+        const std::string number = part == 1 ? "" : "-" + std::to_string(part);
+        return store_.files.at(uuid_text(uuid_) + number + "-originator.wav");
+    }
+
     void use_uuid(unsigned char last_byte) { uuid_[15] = last_byte; }
 
     FakeAudioStore store_;
@@ -168,11 +174,102 @@ TEST_F(CallTableTest, CallWithoutStartIsRecordedAndCounted) {
 TEST_F(CallTableTest, TerminateThatNeverComesIsATimeout) {
     start();
     data(1);
-    pass(29s);
+    pass(119s);
     EXPECT_EQ(table_->size(), 1u);
     pass(1s);
     EXPECT_EQ(diary_.text, "start end:timed_out");
     EXPECT_EQ(table_->totals().calls_not_terminated, 1u);
+}
+
+TEST_F(CallTableTest, CallThatWasOnHoldBeyondTheTimeoutGoesOnInAFileOfItsOwn) {
+    start();
+    talk(1, 60);
+    pass(1h);
+    talk(61, 100);
+    terminate();
+    pass(1s);
+    EXPECT_EQ(diary_.text, "start end:timed_out terminate end:terminated");
+    ASSERT_EQ(store_.files.size(), 2u);
+    EXPECT_EQ(file(1).samples.size(), 60u * 160);
+    EXPECT_EQ(file(2).samples.size(), 40u * 160);
+    EXPECT_EQ(file(2).sample_rate, 8000);
+    EXPECT_EQ(dropped(Drop::AFTER_END), 0u);
+}
+
+TEST_F(CallTableTest, LossAtTheBeginningOfAContinuationIsTold) {
+    start();
+    talk(1, 60);
+    pass(1h);
+    talk(63, 64);
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "start end:timed_out gap2 end:shutdown");
+}
+
+TEST_F(CallTableTest, EachSideGoesOnWhereItWasLeft) {
+    start();
+    talk(1, 60);
+    talk(1, 20, Side::TERMINATOR);
+    pass(1h);
+    talk(61, 62);
+    talk(21, 22, Side::TERMINATOR);
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "start pause9600@0 end:timed_out end:shutdown");
+}
+
+TEST_F(CallTableTest, SideThatIsSilentInAContinuationGoesOnInTheNext) {
+    start();
+    talk(1, 20);
+    pass(1h);
+    data(1, Side::TERMINATOR);
+    pass(1h);
+    talk(22, 23);
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "start end:timed_out end:timed_out gap1 end:shutdown");
+}
+
+TEST_F(CallTableTest, WhatWaitedAtTheEndIsNotMissedByTheContinuation) {
+    CallLimits limits;
+    limits.max_age = 1s;
+    restart(limits);
+    start();
+    talk(1, 48);
+    talk(50, 60);
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "start gap1 end:too_old end:shutdown");
+}
+
+TEST_F(CallTableTest, CallThatStartsAnewAfterATimeoutIsNoContinuation) {
+    start(1);
+    talk(1, 60);
+    pass(1h);
+    start(2);
+    talk(2, 3);
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "start end:timed_out start gap1 end:shutdown");
+}
+
+TEST_F(CallTableTest, DataThatOvertakesAStartAfterATimeoutIsNoContinuation) {
+    start(1);
+    talk(1, 60);
+    pass(1h);
+    data(1);
+    start(2);
+    talk(2, 3);
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "start end:timed_out late-start end:shutdown");
+    EXPECT_EQ(file(2).samples.size(), 3u * 160);
+}
+
+TEST_F(CallTableTest, CallThatIsTooOldGoesOnInAFileOfItsOwn) {
+    CallLimits limits;
+    limits.max_age = 1s;
+    restart(limits);
+    start();
+    talk(1, 90);
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "start end:too_old end:shutdown");
+    ASSERT_EQ(store_.files.size(), 2u);
+    EXPECT_EQ(file(2).samples.size(), 40u * 160);
 }
 
 TEST_F(CallTableTest, OldCallsAreEndedThoughPacketsCome) {
@@ -279,8 +376,8 @@ TEST_F(CallTableTest, AMillionCallKeysStayWithinTheLimits) {
     }
     EXPECT_LE(table_->size(), 1000u);
     EXPECT_EQ(table_->totals().calls_begun + dropped(Drop::TOO_MANY_CALLS), 1'000'000u);
-    // A thousand more each time that the calls before have timed out, after 30 s.
-    EXPECT_LE(store_.files.size(), (1000u / 30 + 1) * 1000);
+    // A thousand more each time that the calls before have timed out, after 120 s.
+    EXPECT_LE(store_.files.size(), (1000u / 120 + 1) * 1000);
 }
 
 TEST_F(CallTableTest, ManyCallsWithOneUuidAreOneCall) {

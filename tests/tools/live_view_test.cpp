@@ -122,7 +122,7 @@ TEST_F(LiveViewTest, FileThatCannotBeWrittenIsShownAfterItsCallToo) {
     EXPECT_EQ(frame()[2], "0 lost, 0 not used, 0 malformed, 0 lost in the socket, 1 file error");
     EXPECT_EQ(frame()[5].substr(frame()[5].size() - 12), "  file error");
     EXPECT_EQ(frame(200)[7], error);
-    pass(30s);
+    pass(120s);
     EXPECT_EQ(frame(200)[6], error);
 }
 

@@ -25,7 +25,7 @@ TEST_F(NodeOptionsTest, DefaultsAreThoseOfTheDocument) {
     EXPECT_EQ(options_.receive_buffer_mib, 64);
     EXPECT_EQ(options_.limits.max_calls, 10'000u);
     EXPECT_EQ(options_.max_files, 1'000'000u);
-    EXPECT_EQ(options_.limits.idle, 30s);
+    EXPECT_EQ(options_.limits.idle, 120s);
     EXPECT_EQ(options_.limits.max_age, 12h);
     EXPECT_EQ(options_.limits.linger, 300ms);
     EXPECT_EQ(options_.limits.max_silence_s, 120.0);

@@ -35,6 +35,14 @@ struct StartFields {
     bool rule_id_given() const { return (call_flags & media::FLAG_RULE_ID) != 0; }
 };
 
+// Where a side goes on.
+struct SidePlace {
+    std::uint32_t sequence_number;
+    std::uint32_t sample_offset;
+};
+// Nothing for a side of which nothing came.
+using SidePlaces = std::array<std::optional<SidePlace>, SIDE_COUNT>;
+
 struct CallSide {
     explicit CallSide(const SideTracker::Limits& limits) : tracker(limits) {}
 
@@ -45,10 +53,11 @@ struct CallSide {
     std::optional<std::uint8_t> leg;   // Which leg carries the side; set by its first packet.
     std::int64_t first_send_time = 0;  // Of the side's first packet.
     std::int64_t last_send_time = 0;
-    std::uint64_t bytes = 0;      // Of audio that came, repeated audio included.
-    int sample_rate = 0;          // 0 while it is not known.
-    bool rate_assumed = false;    // The rate could not be told from the packets.
-    std::uint64_t joined_at = 0;  // Sample offset at which a late receiver began.
+    std::uint64_t bytes = 0;           // Of audio that came, repeated audio included.
+    int sample_rate = 0;               // 0 while it is not known.
+    bool rate_assumed = false;         // The rate could not be told from the packets.
+    std::uint64_t joined_at = 0;       // Sample offset at which a late receiver began.
+    std::optional<SidePlace> left_at;  // By an earlier call, which this one continues.
 };
 
 enum class CallState { ACTIVE, ENDING };

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
 #include <utility>
 
 #include "tools/node/text.h"
@@ -13,17 +12,6 @@ namespace {
 
 constexpr std::size_t MAX_REMEMBERED = 100'000;
 constexpr int ASSUMED_RATE_FOR_LIMITS = 16'000;
-
-std::uint64_t mix(std::uint64_t value) {
-    value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9;
-    value = (value ^ (value >> 27)) * 0x94D049BB133111EB;
-    return value ^ (value >> 31);
-}
-
-std::uint64_t random_seed() {
-    std::random_device device;
-    return std::uint64_t{device()} << 32 | device();
-}
 
 Uuid uuid_of(const media::Packet& packet) {
     Uuid uuid;
@@ -45,6 +33,11 @@ StartFields start_fields(const media::Packet& packet) {
     start.features = packet.features;
     start.call_reference.assign(packet.call_reference, packet.call_reference_length);
     return start;
+}
+
+// Sequence numbers wrap.
+bool is_before(std::uint32_t sequence_number, const SidePlace& place) {
+    return sequence_number - place.sequence_number >= 0x80000000U;
 }
 
 // Hands what a tracker delivers to the recording and to all listeners.
@@ -140,17 +133,13 @@ const char* describe(Drop reason) {
     return "unknown reason";
 }
 
-std::size_t CallTable::UuidHash::operator()(const Uuid& uuid) const {
-    return mix(mix(seed ^ media::get_u64(uuid.data())) ^ media::get_u64(uuid.data() + 8));
-}
-
 CallTable::CallTable(const CallLimits& limits, RecordingFactory recordings,
                      std::vector<CallListener*> listeners)
     : limits_(limits),
       recordings_(std::move(recordings)),
       listeners_(std::move(listeners)),
-      calls_(16, UuidHash{random_seed()}),
-      ended_(16, UuidHash{random_seed()}) {
+      ended_(MAX_REMEMBERED, limits.remember_ended),
+      left_behind_(MAX_REMEMBERED, limits.max_age) {
     limits_.side.gap_samples = gap_limit(limits.sample_rate);
 }
 
@@ -189,7 +178,7 @@ Call* CallTable::find_or_add(const media::Packet& packet, Micros now) {
     }
     const bool terminates = packet.type == media::PacketType::TERMINATE;
     const bool begins = packet.type == media::PacketType::START;
-    if (terminates || (!begins && ended_.count(uuid) != 0)) {
+    if (terminates || (!begins && ended_.find(uuid) != nullptr)) {
         drop(Drop::AFTER_END);
         return nullptr;
     }
@@ -209,16 +198,31 @@ Call* CallTable::add(const Uuid& uuid, const media::Packet& packet, Micros now) 
     for (CallSide& side : call->sides) {
         side.sample_rate = limits_.sample_rate;
     }
+    take_up(*call, packet);
     calls_.emplace(uuid, std::move(owned));
     ++totals_.calls_begun;
     return last_ = call;
+}
+
+// Continues the sides of an earlier call that was not terminated, unless they start anew.
+void CallTable::take_up(Call& call, const media::Packet& packet) {
+    const SidePlaces* const places = left_behind_.find(call.uuid);
+    if (places == nullptr) {
+        return;
+    }
+    if (packet.type != media::PacketType::START) {
+        for (const Side side : BOTH_SIDES) {
+            call.side(side).left_at = (*places)[index_of(side)];
+        }
+    }
+    left_behind_.forget(call.uuid);
 }
 
 // The same call starts anew, as when its media bug was closed and its terminate packet
 // lost.
 Call* CallTable::replace(Call& call, const media::Packet& packet, Micros now) {
     const Uuid uuid = call.uuid;
-    end(call, call.state == CallState::ENDING ? EndReason::TERMINATED : EndReason::REPLACED);
+    end(call, call.state == CallState::ENDING ? EndReason::TERMINATED : EndReason::REPLACED, now);
     return add(uuid, packet, now);
 }
 
@@ -309,12 +313,18 @@ void CallTable::on_data(Call& call, const media::Packet& packet, Micros now) {
     }
 }
 
-// A side whose beginning is within reach begins there; otherwise this receiver came
-// late to the call and the side begins with the packet at hand.
+// A side that goes on begins where it was left. One whose beginning is within reach begins
+// there; otherwise this receiver came late to the call and the side begins with the packet
+// at hand.
 void CallTable::begin_side(Call& call, Side which, const media::Packet& packet) {
     CallSide& side = call.side(which);
     side.leg = packet.leg();
     side.first_send_time = packet.send_time;
+    if (side.left_at.has_value() && !is_before(packet.sequence_number, *side.left_at)) {
+        side.joined_at = side.left_at->sample_offset;
+        side.tracker.begin(side.left_at->sequence_number, side.left_at->sample_offset);
+        return;
+    }
     if (packet.sample_offset <= limits_.side.gap_samples &&
         packet.sequence_number <= limits_.side.gap_samples) {
         side.tracker.begin(1, 0);
@@ -357,13 +367,15 @@ void CallTable::tick(Micros now) {
         report_file_errors(call);
     }
     end_due_calls(now);
-    forget_ended(now);
+    ended_.forget_old(now);
+    left_behind_.forget_old(now);
 }
 
 void CallTable::shut_down() {
     while (!calls_.empty()) {
         Call& call = *calls_.begin()->second;
-        end(call, call.state == CallState::ENDING ? EndReason::TERMINATED : EndReason::SHUTDOWN);
+        end(call, call.state == CallState::ENDING ? EndReason::TERMINATED : EndReason::SHUTDOWN,
+            call.last_seen);
     }
 }
 
@@ -380,20 +392,25 @@ void CallTable::end_due_calls(Micros now) {
         }
     }
     for (const auto& [call, reason] : due) {
-        const Uuid uuid = call->uuid;
-        end(*call, reason);
-        if (ended_.emplace(uuid, now).second) {
-            ended_order_.emplace_back(now, uuid);
-        }
+        end(*call, reason, now);
     }
 }
 
-void CallTable::forget_ended(Micros now) {
-    while (!ended_order_.empty() && (now - ended_order_.front().first >= limits_.remember_ended ||
-                                     ended_order_.size() > MAX_REMEMBERED)) {
-        ended_.erase(ended_order_.front().second);
-        ended_order_.pop_front();
+void CallTable::remember(const Call& call, EndReason reason, Micros now) {
+    if (reason == EndReason::TERMINATED) {
+        ended_.keep(call.uuid, {}, now);
+        return;
     }
+    SidePlaces places;
+    for (const Side side : BOTH_SIDES) {
+        const SideTracker& tracker = call.side(side).tracker;
+        places[index_of(side)] = call.side(side).left_at;
+        if (tracker.begun()) {
+            places[index_of(side)] = {tracker.expected_sequence_number(),
+                                      tracker.expected_offset()};
+        }
+    }
+    left_behind_.keep(call.uuid, places, now);
 }
 
 void CallTable::report_file_errors(Call& call) {
@@ -422,7 +439,7 @@ void CallTable::report_failed_file(Call& call, const FileReport& file) {
     }
 }
 
-void CallTable::end(Call& call, EndReason reason) {
+void CallTable::end(Call& call, EndReason reason, Micros now) {
     for (const Side side : BOTH_SIDES) {
         Delivery delivery(call, side, listeners_, totals_, limits_.max_silence_s);
         call.side(side).tracker.finish(delivery);
@@ -441,6 +458,7 @@ void CallTable::end(Call& call, EndReason reason) {
     for (CallListener* listener : listeners_) {
         listener->ended(call, reason);
     }
+    remember(call, reason, now);
     if (last_ == &call) {
         last_ = nullptr;
     }

@@ -4,20 +4,24 @@
 // Calls are told apart by their UUID; the call key must stay the same throughout a call.
 // After its terminate packet a call stays a moment for what was overtaken; after that
 // its UUID is remembered for a while, so that a straggler does not look like a new call.
+// A call that timed out, perhaps on hold, or became too old may go on as another call,
+// without start packet: how far its sides had come is remembered for as long as a call
+// may last.
 // Time is told by the caller. Belongs to one thread.
 #pragma once
 
 #include <array>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <unordered_map>
+#include <variant>
 #include <vector>
 
 #include "module/media_packet.h"
 #include "tools/node/call.h"
 #include "tools/node/call_listener.h"
+#include "tools/node/call_memory.h"
 #include "tools/node/types.h"
 
 namespace qv::tools::node {
@@ -25,7 +29,7 @@ namespace qv::tools::node {
 struct CallLimits {
     std::size_t max_calls = 10'000;       // At once; packets of further calls are dropped.
     Micros linger{300'000};               // Between terminate packet and end.
-    Micros idle{30'000'000};              // Without any packet.
+    Micros idle{120'000'000};             // Without any packet.
     Micros max_age{12LL * 3600'000'000};  // A WAV file at 48 kHz is nearly full by then.
     Micros remember_ended{60'000'000};
     int sample_rate = 0;         // 0: told from the packets.
@@ -98,16 +102,11 @@ class CallTable {
     }
 
   private:
-    // Seeded, so that a sender cannot choose UUIDs that collide.
-    struct UuidHash {
-        std::uint64_t seed;
-        std::size_t operator()(const Uuid& uuid) const;
-    };
     using Calls = std::unordered_map<Uuid, std::unique_ptr<Call>, UuidHash>;
-    using Ended = std::unordered_map<Uuid, Micros, UuidHash>;
 
     Call* find_or_add(const media::Packet& packet, Micros now);
     Call* add(const Uuid& uuid, const media::Packet& packet, Micros now);
+    void take_up(Call& call, const media::Packet& packet);
     Call* replace(Call& call, const media::Packet& packet, Micros now);
     void use(Call& call, const media::Packet& packet, Micros now);
     void on_start(Call& call, const media::Packet& packet);
@@ -119,9 +118,9 @@ class CallTable {
     int decide_rate(Call& call, Side side, bool last) const;
     void report_file_errors(Call& call);
     void report_failed_file(Call& call, const FileReport& file);
-    void end(Call& call, EndReason reason);
+    void end(Call& call, EndReason reason, Micros now);
     void end_due_calls(Micros now);
-    void forget_ended(Micros now);
+    void remember(const Call& call, EndReason reason, Micros now);
     void drop(Drop reason) { ++totals_.dropped[static_cast<std::size_t>(reason)]; }
     std::uint64_t gap_limit(int sample_rate) const;
 
@@ -130,8 +129,8 @@ class CallTable {
     std::vector<CallListener*> listeners_;
     Calls calls_;
     Call* last_ = nullptr;  // Of the latest packet: packets of a call often come together.
-    Ended ended_;
-    std::deque<std::pair<Micros, Uuid>> ended_order_;
+    CallMemory<std::monostate> ended_;    // Terminated.
+    CallMemory<SidePlaces> left_behind_;  // Not terminated.
     Totals totals_;
 };
 

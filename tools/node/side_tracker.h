@@ -91,7 +91,8 @@ class SideTracker {
     const Stats& stats() const { return stats_; }
     // Samples delivered so far, silence included.
     std::uint64_t position() const { return stats_.samples + stats_.silence; }
-    // The sample offset that the next packet in order carries.
+    // What the next packet in order carries.
+    std::uint32_t expected_sequence_number() const { return next_; }
     std::uint32_t expected_offset() const { return next_offset_; }
     std::size_t held() const { return held_.size(); }
 
