@@ -285,8 +285,11 @@ TEST_F(CallTableTest, StragglersDoNotBringACallBack) {
     start();
     data(1);
     terminate();
+    const Micros ended = sent_;
     pass(1s);
+    sent_ = ended;
     data(2);
+    sent_ += 1ms;  // A feature switched while the call was hung up.
     control();
     terminate();
     EXPECT_EQ(table_->size(), 0u);
@@ -313,6 +316,20 @@ TEST_F(CallTableTest, EndedCallMayStartAgain) {
     table_->shut_down();
     EXPECT_EQ(diary_.text, "start terminate end:terminated start end:shutdown");
     EXPECT_EQ(store_.files.size(), 2u);
+}
+
+TEST_F(CallTableTest, DataMayOvertakeTheStartOfAnEndedCallThatBeginsAgain) {
+    start(1);
+    talk(1, 3);
+    terminate();
+    pass(600ms);
+    data(1);
+    data(2);
+    start(2);
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "start terminate end:terminated late-start end:shutdown");
+    EXPECT_EQ(dropped(Drop::AFTER_END), 0u);
+    EXPECT_EQ(file(2).samples.size(), 2u * 160);
 }
 
 TEST_F(CallTableTest, RepeatedStartIsDropped) {

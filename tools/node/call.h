@@ -99,7 +99,8 @@ struct Call {
     std::uint64_t control_packets = 0;
     Micros first_seen{0};
     Micros last_seen{0};
-    Micros ends_at{0};  // While ENDING.
+    Micros ends_at{0};                // While ENDING.
+    std::int64_t terminate_time = 0;  // Send time of the terminate packet, while ENDING.
     // Send time of the first data packet of either side: the beginning of the time axis.
     std::optional<std::int64_t> first_audio_time;
     std::array<CallSide, SIDE_COUNT> sides;

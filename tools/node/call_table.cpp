@@ -176,9 +176,7 @@ Call* CallTable::find_or_add(const media::Packet& packet, Micros now) {
     if (found != calls_.end()) {
         return last_ = found->second.get();
     }
-    const bool terminates = packet.type == media::PacketType::TERMINATE;
-    const bool begins = packet.type == media::PacketType::START;
-    if (terminates || (!begins && ended_.find(uuid) != nullptr)) {
+    if (is_after_end(uuid, packet)) {
         drop(Drop::AFTER_END);
         return nullptr;
     }
@@ -187,6 +185,23 @@ Call* CallTable::find_or_add(const media::Packet& packet, Micros now) {
         return nullptr;
     }
     return add(uuid, packet, now);
+}
+
+// Data that was sent after the terminate packet has overtaken the next start packet. The
+// terminate packet itself may be overtaken by a control packet that was sent after it.
+bool CallTable::is_after_end(const Uuid& uuid, const media::Packet& packet) const {
+    switch (packet.type) {
+        case media::PacketType::START:
+            return false;
+        case media::PacketType::TERMINATE:
+            return true;
+        case media::PacketType::CONTROL:
+            return ended_.find(uuid) != nullptr;
+        case media::PacketType::DATA:
+            break;
+    }
+    const std::int64_t* const terminated_at = ended_.find(uuid);
+    return terminated_at != nullptr && packet.send_time <= *terminated_at;
 }
 
 Call* CallTable::add(const Uuid& uuid, const media::Packet& packet, Micros now) {
@@ -266,6 +281,7 @@ void CallTable::on_terminate(Call& call, const media::Packet& packet, Micros now
         return;
     }
     call.state = CallState::ENDING;
+    call.terminate_time = packet.send_time;
     call.ends_at = now + limits_.linger;
     for (CallListener* listener : listeners_) {
         listener->terminated(call, packet);
@@ -398,7 +414,7 @@ void CallTable::end_due_calls(Micros now) {
 
 void CallTable::remember(const Call& call, EndReason reason, Micros now) {
     if (reason == EndReason::TERMINATED) {
-        ended_.keep(call.uuid, {}, now);
+        ended_.keep(call.uuid, call.terminate_time, now);
         return;
     }
     SidePlaces places;

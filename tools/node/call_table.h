@@ -15,7 +15,6 @@
 #include <functional>
 #include <memory>
 #include <unordered_map>
-#include <variant>
 #include <vector>
 
 #include "module/media_packet.h"
@@ -105,6 +104,7 @@ class CallTable {
     using Calls = std::unordered_map<Uuid, std::unique_ptr<Call>, UuidHash>;
 
     Call* find_or_add(const media::Packet& packet, Micros now);
+    bool is_after_end(const Uuid& uuid, const media::Packet& packet) const;
     Call* add(const Uuid& uuid, const media::Packet& packet, Micros now);
     void take_up(Call& call, const media::Packet& packet);
     Call* replace(Call& call, const media::Packet& packet, Micros now);
@@ -129,7 +129,7 @@ class CallTable {
     std::vector<CallListener*> listeners_;
     Calls calls_;
     Call* last_ = nullptr;  // Of the latest packet: packets of a call often come together.
-    CallMemory<std::monostate> ended_;    // Terminated.
+    CallMemory<std::int64_t> ended_;      // Terminated; when, in send time.
     CallMemory<SidePlaces> left_behind_;  // Not terminated.
     Totals totals_;
 };
