@@ -31,8 +31,8 @@ constexpr int SPAN_IN_INTERVALS_WITH_FRAME = 8;
 // Of times in order; a forged one must not overflow.
 Micros time_between(std::int64_t earlier, std::int64_t later) {
     const auto time = static_cast<std::uint64_t>(later) - static_cast<std::uint64_t>(earlier);
-    constexpr std::uint64_t PAUSE = 3600'000'000;
-    return Micros(std::min(time, PAUSE));
+    constexpr std::uint64_t pause = 3600'000'000;
+    return Micros(std::min(time, pause));
 }
 
 double milliseconds(std::uint32_t samples, int rate) {
