@@ -296,6 +296,17 @@ TEST_F(CallTableTest, StragglersDoNotBringACallBack) {
     EXPECT_EQ(dropped(Drop::AFTER_END), 3u);
 }
 
+TEST_F(CallTableTest, OfTwoControlPacketsTheOneSentLaterHolds) {
+    start();
+    pass(1s);
+    control();
+    control();  // The same again.
+    sent_ -= 500ms;
+    control();  // Overtaken by the first.
+    EXPECT_EQ(diary_.text, "start control");
+    EXPECT_EQ(dropped(Drop::OLD_CONTROL), 2u);
+}
+
 TEST_F(CallTableTest, SecondTerminateIsDroppedAndDoesNotPutTheEndOff) {
     start();
     terminate();

@@ -97,6 +97,7 @@ struct Call {
     bool started_late = false;         // Other packets came before the start packet.
     media::features16_t features{};    // In effect: the start's, and the updates'.
     std::uint64_t control_packets = 0;
+    std::int64_t control_time = 0;  // Send time of the latest one.
     Micros first_seen{0};
     Micros last_seen{0};
     Micros ends_at{0};                // While ENDING.

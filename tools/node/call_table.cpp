@@ -123,6 +123,8 @@ const char* describe(Drop reason) {
             return "call side is carried by the other leg";
         case Drop::REPEATED_START:
             return "repeated start packet";
+        case Drop::OLD_CONTROL:
+            return "control packet repeated or overtaken";
         case Drop::DUPLICATE:
             return "duplicate data packet";
         case Drop::LATE:
@@ -268,7 +270,12 @@ void CallTable::on_start(Call& call, const media::Packet& packet) {
 }
 
 void CallTable::on_control(Call& call, const media::Packet& packet) {
+    if (call.control_packets != 0 && packet.send_time <= call.control_time) {
+        drop(Drop::OLD_CONTROL);
+        return;
+    }
     ++call.control_packets;
+    call.control_time = packet.send_time;
     media::merge_features(call.features, packet.features);
     for (CallListener* listener : listeners_) {
         listener->features_changed(call, packet);

@@ -44,11 +44,12 @@ enum class Drop : std::uint8_t {
     OTHER_CALL_KEY,  // The UUID is known with another key.
     OTHER_LEG,       // The other leg already carries this call side.
     REPEATED_START,  // The same start packet again.
+    OLD_CONTROL,     // A control packet again, or one that a later one has overtaken.
     DUPLICATE,       // Data packets, as SideTracker counts them:
     LATE,
     IMPLAUSIBLE,
 };
-constexpr std::size_t DROP_COUNT = 8;
+constexpr std::size_t DROP_COUNT = 9;
 const char* describe(Drop reason);
 
 // Since the receiver began.
