@@ -54,8 +54,8 @@ class EventLog : public CallListener {
     void write(const char* event, const nlohmann::json& fields);
     void write(const char* event, const Call& call, const nlohmann::json& fields);
 
-    static constexpr std::size_t MOST_WAITING = 1024 * 1024;  // Bytes, while writing fails.
-    static constexpr std::size_t BLOCK = 64 * 1024;
+    static constexpr std::size_t MOST_WAITING = 1 << 20;  // Bytes, while writing fails.
+    static constexpr std::size_t BLOCK = 1 << 16;
 
     Sink sink_;
     bool every_packet_;
