@@ -22,7 +22,7 @@
 #include <map>
 #include <string>
 
-#include "module/media_packet.h"
+#include "quorvane/media_packet.h"
 
 namespace {
 

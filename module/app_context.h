@@ -17,7 +17,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "module/media_packet.h"
+#include "quorvane/media_packet.h"
 
 namespace qv::freeswitch {
 

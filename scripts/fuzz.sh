@@ -46,7 +46,7 @@ fuzz() {
     local name=$1 folder=$PWD/build/fuzz log=$PWD/build/fuzz/$1.log
     local found=$folder/found/$name failed=$folder/failed/$name program=$folder/fuzz/fuzz_$name
     local words=()
-    [ ! -f "fuzz/$name.dict" ] || words=("-dict=$PWD/fuzz/$name.dict")
+    [ ! -f "fuzz/fuzz_$name.dict" ] || words=("-dict=$PWD/fuzz/fuzz_$name.dict")
     mkdir -p "$found" "$failed"
     echo "fuzz: $name for $seconds s"
     if ! (cd "$folder/fuzz" && "$program" "$found" "$OLDPWD/fuzz/corpus/$name" \

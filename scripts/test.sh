@@ -100,7 +100,7 @@ tidy_clean() {
     lint() { xargs -P "$jobs" -n 2 clang-tidy -p build/tidy --quiet "$@" 2>>build/tidy-errors.log; }
     : >build/tidy-errors.log
     git ls-files 'quorvane_lib/*.cpp' 'module/*.cpp' 'host/*.cpp' | lint &&
-        git ls-files 'tools/*.cpp' 'tools/**/*.cpp' | lint --checks=-clang-analyzer-*
+        git ls-files 'node/*.cpp' 'tools/*.cpp' | lint --checks=-clang-analyzer-*
 }
 
 stage_format() { check "format" format_clean; }

@@ -1,4 +1,4 @@
-#include "module/media_packet.h"
+#include "quorvane/media_packet.h"
 
 #include <gtest/gtest.h>
 

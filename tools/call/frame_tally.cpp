@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "module/media_packet.h"
+#include "quorvane/media_packet.h"
 
 namespace qv::tools::call {
 

@@ -1,0 +1,246 @@
+// node_load: offers the receiver the packets of many calls at once, evenly spread over
+// time, and afterwards compares the files with what was sent.
+//
+//   node_load send  127.0.0.1:PORT CALLS SECONDS    3,000 calls are 300,000 packets/s
+//   node_load check FOLDER CALLS                    every sample of every file
+#include <arpa/inet.h>
+#include <netinet/udp.h>
+#include <sndfile.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "quorvane/media_packet.h"
+#include "quorvane_lib/hash_crc64.h"
+#include "quorvane_lib/net_socket.h"
+#include "quorvane_lib/utils_str.h"
+
+namespace {
+
+using namespace qv;
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned FRAMES_PER_SECOND = 50;
+constexpr unsigned SAMPLES = 160;
+constexpr std::size_t PACKET_SIZE = media::AUDIO_OFFSET + 2 * SAMPLES;
+constexpr std::size_t START_SIZE = media::CALL_REFERENCE_OFFSET + 1;
+constexpr unsigned BATCH = 64;  // The system's limit is 64 or more.
+
+std::array<unsigned char, media::UUID_SIZE> uuid_of(unsigned call) {
+    std::array<unsigned char, media::UUID_SIZE> uuid{};
+    uuid[0] = 0xBE;
+    media::put_u32(&uuid[12], call);
+    return uuid;
+}
+
+// Sample `at` of a side; never zero, so that filled silence shows.
+std::int16_t sample(unsigned call, unsigned side, std::uint32_t at) {
+    return static_cast<std::int16_t>(((at * 7 + call * 13 + side * 5) & 0x7FFE) | 1);
+}
+
+std::int64_t now_us() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
+        .count();
+}
+
+using Buffer = std::array<unsigned char, PACKET_SIZE>;
+
+class Sender {
+  public:
+    explicit Sender(const char* address) : descriptor_(socket(AF_INET, SOCK_DGRAM, 0)) {
+        sockaddr_in to{};
+        if (!net::parse_addr(address, nullptr, to)) {
+            throw std::runtime_error(std::string(address) + ": no address");
+        }
+        if (connect(descriptor_, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+            throw std::runtime_error("connect");
+        }
+    }
+    ~Sender() { close(descriptor_); }
+    Sender(const Sender&) = delete;
+    Sender& operator=(const Sender&) = delete;
+
+    void start(unsigned call) {
+        unsigned char* out = header(media::PacketType::START, 0, call);
+        media::put_u64(out + media::CONFIGURED_CLOCK_OFFSET, 1);
+        media::put_u16(out + media::CALL_REFERENCE_LENGTH_OFFSET, 1);
+        push(START_SIZE);
+    }
+
+    void terminate(unsigned call) {
+        header(media::PacketType::TERMINATE, 0, call);
+        push(media::TERMINATE_SIZE);
+    }
+
+    void data(unsigned call, unsigned side, std::uint32_t frame) {
+        const auto leg_word = static_cast<std::uint16_t>(
+            side == 0 ? 0 : media::LEG_WRITE | media::LEG_TERMINATOR_SIDE);
+        unsigned char* out = header(media::PacketType::DATA, leg_word, call);
+        media::put_u32(out + media::SEQUENCE_NUMBER_OFFSET, frame + 1);
+        media::put_u32(out + media::SAMPLE_OFFSET_OFFSET, frame * SAMPLES);
+        media::put_u16(out + media::SAMPLE_COUNT_OFFSET, SAMPLES);
+        for (unsigned i = 0; i < SAMPLES; ++i) {
+            media::put_u16(out + media::AUDIO_OFFSET + 2 * i,
+                           static_cast<std::uint16_t>(sample(call, side, frame * SAMPLES + i)));
+        }
+        push(PACKET_SIZE);
+    }
+
+    // All that was gathered, which is of one size, in one call: the system cuts it into
+    // datagrams (UDP_SEGMENT). Datagrams sent one by one, one core sends too few.
+    void flush() {
+        if (filled_ == 0) {
+            return;
+        }
+        const int size = static_cast<int>(size_);
+        if (setsockopt(descriptor_, IPPROTO_UDP, UDP_SEGMENT, &size, sizeof size) != 0) {
+            throw std::runtime_error(std::string("UDP_SEGMENT: ") + std::strerror(errno));
+        }
+        while (send(descriptor_, bytes_.data(), filled_ * size_, 0) < 0) {
+            if (errno != EINTR && errno != ECONNREFUSED) {
+                throw std::runtime_error(std::strerror(errno));
+            }
+        }
+        total_ += filled_;
+        filled_ = 0;
+    }
+
+    std::uint64_t total() const { return total_; }
+
+  private:
+    unsigned char* header(media::PacketType type, std::uint16_t leg_word, unsigned call) {
+        unsigned char* out = scratch_.data();
+        std::memset(out, 0, media::AUDIO_OFFSET + 64);
+        const auto uuid = uuid_of(call);
+        media::put_u32(out + media::MAGIC_OFFSET, media::PACKET_MAGIC);
+        out[media::TYPE_OFFSET] = static_cast<unsigned char>(type);
+        out[media::VERSION_OFFSET] = media::PROTOCOL_VERSION;
+        media::put_u16(out + media::LEG_WORD_OFFSET, leg_word);
+        media::put_u64(out + media::CALL_KEY_OFFSET,
+                       hash::CRC64::compute(uuid.data(), uuid.size()));
+        std::memcpy(out + media::CALL_UUID_OFFSET, uuid.data(), uuid.size());
+        media::put_u64(out + media::SEND_TIME_OFFSET, static_cast<std::uint64_t>(now_us()));
+        return out;
+    }
+
+    void push(std::size_t size) {
+        if (size != size_) {
+            flush();
+            size_ = size;
+        }
+        std::memcpy(bytes_.data() + filled_ * size, scratch_.data(), size);
+        if (++filled_ == BATCH) {
+            flush();
+        }
+    }
+
+    int descriptor_;
+    Buffer scratch_{};
+    std::array<unsigned char, BATCH * PACKET_SIZE> bytes_{};
+    unsigned filled_ = 0;
+    std::size_t size_ = 0;  // Of each that is gathered.
+    std::uint64_t total_ = 0;
+};
+
+// Sends one frame of each side of each call, spread over a frame's time in steps of a
+// millisecond.
+void send_round(Sender& sender, unsigned calls, std::uint32_t frame, Clock::time_point begin) {
+    constexpr unsigned STEPS = 1000 / FRAMES_PER_SECOND;
+    unsigned call = 0;
+    for (unsigned step = 0; step < STEPS; ++step) {
+        std::this_thread::sleep_until(begin + std::chrono::milliseconds(frame * STEPS + step));
+        for (; call < calls * (step + 1) / STEPS; ++call) {
+            sender.data(call, 0, frame);
+            sender.data(call, 1, frame);
+        }
+        sender.flush();
+    }
+}
+
+int send_calls(const char* address, unsigned calls, unsigned seconds) {
+    Sender sender(address);
+    for (unsigned call = 0; call < calls; ++call) {
+        sender.start(call);
+    }
+    sender.flush();
+    const auto begin = Clock::now();
+    const std::uint64_t before = sender.total();
+    for (std::uint32_t frame = 0; frame < seconds * FRAMES_PER_SECOND; ++frame) {
+        send_round(sender, calls, frame, begin);
+    }
+    const double took = std::chrono::duration<double>(Clock::now() - begin).count();
+    const auto data_packets = static_cast<double>(sender.total() - before);
+    for (unsigned call = 0; call < calls; ++call) {
+        sender.terminate(call);
+    }
+    sender.flush();
+    std::printf("sent %llu packets of %u calls, %.0f data packets/s over %.2f s\n",
+                static_cast<unsigned long long>(sender.total()), calls, data_packets / took, took);
+    return 0;
+}
+
+// Counts the samples of one file that are not what was sent, and all of them.
+void check_file(const std::string& path, unsigned call, unsigned side, std::uint64_t& samples,
+                std::uint64_t& wrong) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (file == nullptr) {
+        throw std::runtime_error(path + ": " + sf_strerror(nullptr));
+    }
+    std::vector<std::int16_t> audio(static_cast<std::size_t>(info.frames));
+    sf_read_short(file, audio.data(), info.frames);
+    sf_close(file);
+    samples += audio.size();
+    for (std::uint32_t at = 0; at < audio.size(); ++at) {
+        wrong += audio[at] != sample(call, side, at) ? 1 : 0;
+    }
+}
+
+int check_calls(const std::string& folder, unsigned calls) {
+    std::uint64_t samples = 0;
+    std::uint64_t wrong = 0;
+    for (unsigned call = 0; call < calls; ++call) {
+        const std::string stem = folder + '/' + utils::str::print_uuid(uuid_of(call).data());
+        check_file(stem + "-originator.wav", call, 0, samples, wrong);
+        check_file(stem + "-terminator.wav", call, 1, samples, wrong);
+    }
+    std::printf("checked %llu samples in %u files, %llu differ from what was sent\n",
+                static_cast<unsigned long long>(samples), 2 * calls,
+                static_cast<unsigned long long>(wrong));
+    return wrong == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string verb = argc > 1 ? argv[1] : "";
+    const auto number = [argv](int at) {
+        return static_cast<unsigned>(std::strtoul(argv[at], nullptr, 10));
+    };
+    try {
+        if (verb == "send" && argc == 5) {
+            return send_calls(argv[2], number(3), number(4));
+        }
+        if (verb == "check" && argc == 4) {
+            return check_calls(argv[2], number(3));
+        }
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "node_load: %s\n", error.what());
+        return 1;
+    }
+    std::fprintf(stderr,
+                 "usage: node_load send ADDRESS:PORT CALLS SECONDS\n"
+                 "       node_load check FOLDER CALLS\n");
+    return 2;
+}

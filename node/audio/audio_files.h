@@ -1,0 +1,86 @@
+// WAV files on disk, with a bound on how many are open at once.
+//
+// An AudioFile is written in large blocks by its owner; between blocks it may be
+// closed and opened again behind its back, when more files are wanted than may be
+// open. A failure (full disk, vanished folder, too many open files) ends the file, not
+// the program: the text of the error stays with the file. A file that is removed while it
+// grows has failed; one that is moved away is completed where it is, but is an error, too,
+// for its path does not lead to it. Belongs to one thread.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "node/calls/types.h"
+
+struct sf_private_tag;
+
+namespace qv::node {
+
+// One growing file of 16-bit samples.
+class AudioFile {
+  public:
+    virtual ~AudioFile() = default;
+
+    // Appends `count` samples (of all channels together); false when the file has
+    // failed, now or before.
+    virtual bool write(const std::int16_t* samples, std::size_t count) = 0;
+
+    // Brings the file into its final form; false when that or an earlier write failed.
+    virtual bool close() = 0;
+
+    virtual const std::string& path() const = 0;
+    // Empty while all is well.
+    virtual const std::string& error() const = 0;
+};
+
+// Where recordings are kept.
+class AudioStore {
+  public:
+    virtual ~AudioStore() = default;
+
+    // Tells whether a file of that name, without folder, is there.
+    virtual bool exists(const std::string& name) const = 0;
+
+    // Creates the file; never null, but it may have failed at once. The store must
+    // outlive it.
+    virtual std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
+                                              int channels) = 0;
+};
+
+class WavFile;
+
+// A folder of WAV files.
+class WavFolder : public AudioStore {
+  public:
+    // `max_open` is at least 1. With `overwrite` a file that exists is replaced.
+    WavFolder(std::string path, std::size_t max_open, bool overwrite);
+    ~WavFolder() override;
+
+    // Creates the folder if need be and tries to write in it; otherwise returns what is
+    // wrong.
+    std::string prepare();
+
+    bool exists(const std::string& name) const override;
+    std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
+                                      int channels) override;
+
+    std::size_t open_files() const { return open_.size(); }
+    // Files made since the beginning.
+    std::uint64_t created_files() const { return created_; }
+
+  private:
+    friend class WavFile;
+
+    void make_room();
+
+    std::string path_;
+    std::size_t max_open_;
+    bool overwrite_;
+    std::uint64_t created_ = 0;
+    std::list<WavFile*> open_;  // Not owned; the one written last comes last.
+};
+
+}  // namespace qv::node

@@ -1,0 +1,31 @@
+// How loud one side is: over the whole call, and lately. Belongs to one thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qv::node {
+
+// Decibels relative to a full-scale square wave; SILENCE_DB stands for digital silence.
+constexpr double SILENCE_DB = -96.0;
+
+class LevelMeter {
+  public:
+    void add(const std::int16_t* samples, std::size_t count);
+
+    // Root mean square of the whole call.
+    double level_db() const;
+    double peak_db() const;
+
+    // Root mean square since the last call of this function.
+    double take_recent_db();
+
+  private:
+    std::uint64_t count_ = 0;
+    std::uint64_t recent_count_ = 0;
+    double squares_ = 0;  // Of what is not recent.
+    std::uint64_t recent_squares_ = 0;
+    int peak_ = 0;
+};
+
+}  // namespace qv::node

@@ -1,0 +1,123 @@
+// The audio of one call on its way to files: gathers each side's samples into large
+// blocks and writes those, to one file a side.
+//
+// A file is created when its first block is due, by when the sample rate is known. Files
+// are named by the call's UUID alone; nothing that a sender chooses freely becomes part
+// of a path. Belongs to one thread.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "node/audio/audio_files.h"
+#include "node/calls/types.h"
+
+namespace qv::node {
+
+// What became of a file.
+struct FileReport {
+    std::string path;   // Empty when there was no audio to write.
+    std::string error;  // Empty when all of it was written.
+};
+
+// Takes the audio of a call, in order per side.
+class Recording {
+  public:
+    virtual ~Recording() = default;
+    virtual void audio(Side side, const std::int16_t* samples, std::size_t count) = 0;
+    // Audio that was lost.
+    virtual void silence(Side side, std::uint64_t count) = 0;
+    // Time in which the sender sent nothing, though no audio is missing.
+    virtual void pause(Side side, std::uint64_t count) = 0;
+    // The name of the call's files up to what tells them apart; empty when the call is not
+    // to have any.
+    virtual const std::string& stem() const = 0;
+    // Writes what is left. Nothing may follow.
+    virtual void finish() = 0;
+    // How many files could not be written; files() says which and why.
+    virtual std::size_t failed_files() const = 0;
+    // The files so far.
+    virtual std::vector<FileReport> files() const = 0;
+};
+
+// Tells a side's sample rate, 0 while it is not known; `last` when it must decide.
+using RateSource = std::function<int(Side side, bool last)>;
+
+struct RecordingOptions {
+    std::size_t block_samples = std::size_t{16} * 1024;
+    bool keep_pauses = false;  // In one-side files; stereo files always keep them.
+};
+
+// One file a side: STEM-originator.wav and STEM-terminator.wav.
+class SideRecording : public Recording {
+  public:
+    // The store must outlive the recording.
+    SideRecording(AudioStore& store, std::string stem, RateSource rate,
+                  const RecordingOptions& options);
+
+    void audio(Side side, const std::int16_t* samples, std::size_t count) override;
+    void silence(Side side, std::uint64_t count) override;
+    void pause(Side side, std::uint64_t count) override;
+    void finish() override;
+    const std::string& stem() const override { return stem_; }
+    std::size_t failed_files() const override;
+    std::vector<FileReport> files() const override;
+
+  private:
+    struct Track {
+        std::vector<std::int16_t> block;
+        std::unique_ptr<AudioFile> file;
+        bool used = false;
+    };
+
+    Track& track(Side side) { return tracks_[index_of(side)]; }
+    void write_block(Side side, bool last);
+    void create_file(Side side, int sample_rate);
+
+    AudioStore& store_;
+    std::string stem_;
+    RateSource rate_;
+    RecordingOptions options_;
+    std::array<Track, SIDE_COUNT> tracks_;
+};
+
+// Several recordings of the same call.
+class RecordingGroup : public Recording {
+  public:
+    RecordingGroup(std::string stem, std::vector<std::unique_ptr<Recording>> members);
+
+    void audio(Side side, const std::int16_t* samples, std::size_t count) override;
+    void silence(Side side, std::uint64_t count) override;
+    void pause(Side side, std::uint64_t count) override;
+    void finish() override;
+    const std::string& stem() const override { return stem_; }
+    std::size_t failed_files() const override;
+    std::vector<FileReport> files() const override;
+
+  private:
+    std::string stem_;
+    std::vector<std::unique_ptr<Recording>> members_;
+};
+
+// Calls `use(zeros, size)` with zeros until `count` of them have been used.
+template <typename Use>
+void for_each_silent_part(std::uint64_t count, Use use) {
+    static constexpr std::array<std::int16_t, 4096> zeros{};
+    while (count > 0) {
+        const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(count, zeros.size()));
+        use(zeros.data(), part);
+        count -= part;
+    }
+}
+
+// The UUID's text, with "-2", "-3"... when the store has files of that call already: the
+// next number, or one between them that has become free. The store is asked a few times for
+// each doubling of their count.
+std::string free_stem(const AudioStore& store, const Uuid& uuid);
+
+}  // namespace qv::node

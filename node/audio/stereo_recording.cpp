@@ -1,0 +1,154 @@
+#include "node/audio/stereo_recording.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace qv::node {
+
+namespace {
+
+// So many blocks of one side wait for the other side.
+constexpr std::size_t PATIENCE = 8;
+
+}  // namespace
+
+StereoRecording::StereoRecording(AudioStore& store, std::string stem, RateSource rate,
+                                 const RecordingOptions& options)
+    : store_(store), stem_(std::move(stem)), rate_(std::move(rate)), options_(options) {}
+
+void StereoRecording::audio(Side side, const std::int16_t* samples, std::size_t count) {
+    if (track(side).apart) {
+        return split_->audio(side, samples, count);
+    }
+    // Audio is never dropped to pay silence back: the side then is a little late.
+    track(side).lent = 0;
+    append(track(side), samples, count);
+}
+
+void StereoRecording::silence(Side side, std::uint64_t count) {
+    if (track(side).apart) {
+        return split_->silence(side, count);
+    }
+    Track& into = track(side);
+    const std::uint64_t returned = std::min(count, into.lent);
+    into.lent -= returned;
+    for_each_silent_part(count - returned, [&](const std::int16_t* zeros, std::size_t part) {
+        append(into, zeros, part);
+    });
+}
+
+std::size_t StereoRecording::longest() const {
+    return std::max(tracks_[0].waiting.size(), tracks_[1].waiting.size());
+}
+
+std::size_t StereoRecording::shorter() const {
+    return std::min(tracks_[0].waiting.size(), tracks_[1].waiting.size());
+}
+
+void StereoRecording::append(Track& track, const std::int16_t* samples, std::size_t count) {
+    track.waiting.insert(track.waiting.end(), samples, samples + count);
+    write_what_is_due();
+}
+
+void StereoRecording::write_what_is_due() {
+    const std::size_t bound = PATIENCE * options_.block_samples;
+    const bool last = longest() >= bound;
+    if ((shorter() < options_.block_samples && !last) || !ready(last)) {
+        return;
+    }
+    if (shorter() >= options_.block_samples) {
+        write_frames(shorter());
+    } else if (longest() >= bound) {
+        write_frames(longest() / 2);
+    }
+}
+
+// Writes `count` samples of each side, lending silence to a side that has fewer.
+void StereoRecording::write_frames(std::size_t count) {
+    frames_.resize(SIDE_COUNT * count);
+    for (std::size_t channel = 0; channel < SIDE_COUNT; ++channel) {
+        Track& from = tracks_[channel];
+        if (from.waiting.size() < count) {
+            from.lent += count - from.waiting.size();
+            from.waiting.resize(count, 0);
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            frames_[SIDE_COUNT * i + channel] = from.waiting[i];
+        }
+        from.waiting.erase(from.waiting.begin(),
+                           from.waiting.begin() + static_cast<std::ptrdiff_t>(count));
+    }
+    file_->write(frames_.data(), frames_.size());
+}
+
+// Whether there is a file that what waits belongs in. Sides of other rates than the
+// file's have been set apart then. False while a rate is not known, unless it must be
+// known at `last`, and when no side is left.
+bool StereoRecording::ready(bool last) {
+    std::array<int, SIDE_COUNT> rates{};
+    for (const Side side : BOTH_SIDES) {
+        if (!track(side).waiting.empty()) {
+            rates[index_of(side)] = rate_(side, last);
+            if (rates[index_of(side)] == 0) {
+                return false;
+            }
+        }
+    }
+    if (file_ != nullptr) {
+        set_others_apart(rates, file_rate_);
+    } else if (rates[0] != 0 && rates[1] != 0 && rates[0] != rates[1]) {
+        set_others_apart(rates, 0);
+    } else {
+        file_rate_ = std::max(rates[0], rates[1]);
+        file_ = store_.create(stem_ + ".wav", file_rate_, SIDE_COUNT);
+    }
+    return longest() > 0;
+}
+
+void StereoRecording::set_others_apart(const std::array<int, SIDE_COUNT>& rates, int rate) {
+    for (const Side side : BOTH_SIDES) {
+        if (rates[index_of(side)] != 0 && rates[index_of(side)] != rate) {
+            set_apart(side);
+        }
+    }
+}
+
+void StereoRecording::set_apart(Side side) {
+    if (split_ == nullptr) {
+        split_ = std::make_unique<SideRecording>(store_, stem_ + "-split", rate_, options_);
+    }
+    track(side).apart = true;
+    const std::vector<std::int16_t> waiting = std::exchange(track(side).waiting, {});
+    split_->audio(side, waiting.data(), waiting.size());
+}
+
+void StereoRecording::finish() {
+    if (longest() > 0 && ready(true)) {
+        write_frames(longest());
+    }
+    if (split_ != nullptr) {
+        split_->finish();
+    }
+    if (file_ != nullptr) {
+        file_->close();
+    }
+}
+
+std::size_t StereoRecording::failed_files() const {
+    const std::size_t own = file_ != nullptr && !file_->error().empty() ? 1 : 0;
+    return own + (split_ != nullptr ? split_->failed_files() : 0);
+}
+
+std::vector<FileReport> StereoRecording::files() const {
+    std::vector<FileReport> reports;
+    if (file_ != nullptr) {
+        reports.push_back({file_->path(), file_->error()});
+    }
+    if (split_ != nullptr) {
+        const std::vector<FileReport> apart = split_->files();
+        reports.insert(reports.end(), apart.begin(), apart.end());
+    }
+    return reports;
+}
+
+}  // namespace qv::node

@@ -1,0 +1,86 @@
+// Remembers something of calls that have ended, for a time and up to a number. Belongs to
+// one thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <random>
+#include <unordered_map>
+#include <utility>
+
+#include "node/calls/types.h"
+#include "quorvane/media_packet.h"
+
+namespace qv::node {
+
+// Seeded, so that a sender cannot choose UUIDs that collide.
+class UuidHash {
+  public:
+    UuidHash() : seed_(std::uint64_t{std::random_device()()} << 32 | std::random_device()()) {}
+
+    std::size_t operator()(const Uuid& uuid) const {
+        return mix(mix(seed_ ^ media::get_u64(uuid.data())) ^ media::get_u64(uuid.data() + 8));
+    }
+
+  private:
+    static std::uint64_t mix(std::uint64_t value) {
+        value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9;
+        value = (value ^ (value >> 27)) * 0x94D049BB133111EB;
+        return value ^ (value >> 31);
+    }
+
+    std::uint64_t seed_;
+};
+
+template <typename What>
+class CallMemory {
+  public:
+    // `most` are remembered at once, the latest ones.
+    CallMemory(std::size_t most, Micros time) : most_(most), time_(time) {}
+
+    // Takes the place of what is remembered of the call already.
+    void keep(const Uuid& uuid, What what, Micros now) {
+        kept_.insert_or_assign(uuid, Kept{std::move(what), ++count_});
+        order_.push_back({uuid, count_, now});
+    }
+
+    // Nothing when the call is not remembered. Holds until the next call of a function.
+    const What* find(const Uuid& uuid) const {
+        const auto found = kept_.find(uuid);
+        return found != kept_.end() ? &found->second.what : nullptr;
+    }
+
+    void forget(const Uuid& uuid) { kept_.erase(uuid); }
+
+    void forget_old(Micros now) {
+        while (!order_.empty() && (now - order_.front().since >= time_ || order_.size() > most_)) {
+            const auto found = kept_.find(order_.front().uuid);
+            if (found != kept_.end() && found->second.number == order_.front().number) {
+                kept_.erase(found);
+            }
+            order_.pop_front();
+        }
+    }
+
+    std::size_t size() const { return kept_.size(); }
+
+  private:
+    struct Kept {
+        What what;
+        std::uint64_t number;  // Tells it from what was kept of the same call before.
+    };
+    struct Place {
+        Uuid uuid;
+        std::uint64_t number;
+        Micros since;
+    };
+
+    std::size_t most_;
+    Micros time_;
+    std::uint64_t count_ = 0;
+    std::unordered_map<Uuid, Kept, UuidHash> kept_;
+    std::deque<Place> order_;
+};
+
+}  // namespace qv::node

@@ -1,0 +1,141 @@
+// Puts the data packets of one side of one call in order.
+//
+// A packet that comes early waits for those before it, up to a number of packets and
+// a time; then what is missing becomes a gap, whose length the sample offsets tell.
+// Sequence numbers and sample offsets wrap modulo 2^32. A packet whose numbers cannot
+// follow from the ones before (each missing packet holds at most 661 samples) is
+// doubted: it is dropped unless the next one continues it, so that one forged packet
+// does no harm and a sender that counts anew is followed all the same.
+//
+// Plain values in, calls of a SideOutput out: no clock, no file, no network. Belongs
+// to one thread.
+#pragma once
+
+#include <bitset>
+#include <cstdint>
+#include <vector>
+
+#include "node/calls/types.h"
+
+namespace qv::node {
+
+struct AudioPacket {
+    std::uint32_t sequence_number;
+    std::uint32_t sample_offset;
+    std::uint16_t sample_count;
+    const std::int16_t* samples;
+    std::int64_t send_time;  // Passed on with the audio.
+};
+
+// Audio that never came, or came too late.
+struct Gap {
+    std::uint32_t sequence_number;  // Of the first missing packet.
+    std::uint32_t lost_packets;     // 0 when the sender jumped without losing any.
+    std::uint32_t sample_offset;    // Where the missing audio begins, as sent.
+    std::uint64_t missing_samples;
+    std::uint64_t filled_samples;  // Silence that stands for it: less when over the limit.
+    std::uint64_t position;        // Samples delivered before the gap, silence included.
+};
+
+// Receives what a tracker delivers, in order.
+class SideOutput {
+  public:
+    virtual ~SideOutput() = default;
+    virtual void audio(const std::int16_t* samples, std::size_t count, std::int64_t send_time) = 0;
+    // Stands for `gap.filled_samples` of silence.
+    virtual void gap(const Gap& gap) = 0;
+};
+
+class SideTracker {
+  public:
+    struct Limits {
+        std::size_t reorder_packets = 32;     // Held while an earlier one is missing.
+        Micros reorder_wait{200'000};         // For how long.
+        std::uint64_t gap_samples = 480'000;  // Most silence for one gap.
+    };
+
+    struct Stats {
+        std::uint64_t packets = 0;    // All that came, whatever became of them.
+        std::uint64_t samples = 0;    // Delivered audio.
+        std::uint64_t skipped = 0;    // Packets given up; those that came later are `late`.
+        std::uint64_t gaps = 0;       // Places with missing audio or packets.
+        std::uint64_t silence = 0;    // Samples filled in.
+        std::uint64_t unfilled = 0;   // Samples missing beyond the limit of a gap.
+        std::uint64_t reordered = 0;  // Came after a later one, in time to be put in order.
+        std::uint64_t duplicates = 0;
+        std::uint64_t late = 0;         // Came after their place had been given up.
+        std::uint64_t implausible = 0;  // Doubted and dropped.
+        std::uint64_t resyncs = 0;      // Times a doubted jump was confirmed.
+
+        std::uint64_t lost() const { return skipped > late ? skipped - late : 0; }
+    };
+
+    enum class Verdict { DELIVERED, HELD, DUPLICATE, LATE, DOUBTED };
+
+    explicit SideTracker(const Limits& limits) : limits_(limits) {}
+
+    // Says which packet is expected first; the side's own count begins with 1 and 0.
+    void begin(std::uint32_t sequence_number, std::uint32_t sample_offset);
+    bool begun() const { return begun_; }
+
+    // Takes in a packet that came at `now`.
+    Verdict receive(const AudioPacket& packet, Micros now, SideOutput& out);
+
+    // Gives up what has been waited for too long.
+    void advance(Micros now, SideOutput& out);
+
+    // Delivers everything that is still held.
+    void finish(SideOutput& out);
+
+    void set_gap_limit(std::uint64_t samples) { limits_.gap_samples = samples; }
+    const Stats& stats() const { return stats_; }
+    // Samples delivered so far, silence included.
+    std::uint64_t position() const { return stats_.samples + stats_.silence; }
+    // What the next packet in order carries.
+    std::uint32_t expected_sequence_number() const { return next_; }
+    std::uint32_t expected_offset() const { return next_offset_; }
+    std::size_t held() const { return held_.size(); }
+
+  private:
+    // How far back a repeated packet is told from a late one.
+    static constexpr std::uint32_t HISTORY = 1024;
+
+    struct Held {
+        std::uint32_t sequence_number;
+        std::uint32_t sample_offset;
+        std::int64_t send_time;
+        Micros arrived;
+        std::vector<std::int16_t> samples;
+    };
+
+    struct Doubt {
+        std::uint32_t sequence_number = 0;  // What would continue the doubted packet.
+        std::uint32_t sample_offset = 0;
+        bool present = false;
+    };
+
+    std::uint32_t ahead_of_next(std::uint32_t sequence_number) const {
+        return sequence_number - next_;
+    }
+    bool plausible(const AudioPacket& packet) const;
+    Verdict receive_past(const AudioPacket& packet, SideOutput& out);
+    Verdict doubt(const AudioPacket& packet, SideOutput& out);
+    Verdict hold(const AudioPacket& packet, Micros now, SideOutput& out);
+    void resync(const AudioPacket& packet, SideOutput& out);
+    void deliver(const AudioPacket& packet, SideOutput& out);
+    void deliver_first_held(SideOutput& out);
+    void deliver_held_in_order(SideOutput& out);
+    void report_gap(std::uint32_t lost_packets, std::uint64_t missing_samples, SideOutput& out);
+    void forget_skipped(std::uint32_t count);
+
+    Limits limits_;
+    Stats stats_;
+    std::uint32_t next_ = 1;         // Sequence number of the next packet in order.
+    std::uint32_t next_offset_ = 0;  // Its sample offset.
+    bool begun_ = false;
+    Doubt doubt_;
+    std::vector<Held> held_;        // In order, all ahead of next_.
+    std::bitset<HISTORY> history_;  // Bit n: packet n modulo HISTORY before next_ came.
+};
+
+}  // namespace qv::node

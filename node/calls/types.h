@@ -1,0 +1,40 @@
+// Small words that all units of the receiver share.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+#include "quorvane/media_packet.h"
+
+namespace qv::node {
+
+using Uuid = std::array<unsigned char, media::UUID_SIZE>;
+
+// A moment on the receiver's steady clock, or a span of time. Units that need the
+// time are told it, so that tests own the clock.
+using Micros = std::chrono::microseconds;
+
+inline Micros steady_now() {
+    return std::chrono::duration_cast<Micros>(std::chrono::steady_clock::now().time_since_epoch());
+}
+
+enum class Side : std::uint8_t { ORIGINATOR, TERMINATOR };
+constexpr std::size_t SIDE_COUNT = 2;
+constexpr std::array<Side, SIDE_COUNT> BOTH_SIDES = {Side::ORIGINATOR, Side::TERMINATOR};
+
+constexpr std::size_t index_of(Side side) {
+    return static_cast<std::size_t>(side);
+}
+constexpr Side other(Side side) {
+    return side == Side::ORIGINATOR ? Side::TERMINATOR : Side::ORIGINATOR;
+}
+constexpr const char* name_of(Side side) {
+    return side == Side::ORIGINATOR ? "originator" : "terminator";
+}
+
+// The rate that audio gets when neither an option nor its packets tell.
+constexpr int DEFAULT_SAMPLE_RATE = 8000;
+
+}  // namespace qv::node

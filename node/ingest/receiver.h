@@ -1,0 +1,77 @@
+// The UDP socket of the receiver: takes datagrams out of the kernel in batches.
+//
+// A few datagrams are taken as they come. When they come thick and fast, the socket is
+// looked at once a millisecond instead: waking for each would cost more than taking it.
+//
+// Belongs to the thread that runs the event loop.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/udp.hpp>
+#include <asio/steady_timer.hpp>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "node/calls/types.h"
+
+namespace qv::node {
+
+class Receiver {
+  public:
+    // Called for each datagram, with the time at which its batch was taken; `data` is
+    // valid until it returns. Datagrams longer than LARGEST come cut to that.
+    using OnDatagram = std::function<void(const unsigned char* data, std::size_t size, Micros now)>;
+
+    static constexpr std::size_t LARGEST = 2048;
+
+    Receiver(asio::io_context& loop, OnDatagram on_datagram);
+
+    // Binds to `address` and asks the system for `buffer_bytes` of room. Returns what
+    // went wrong, empty for success.
+    std::string open(const sockaddr_in& address, int buffer_bytes);
+
+    // Begins to call `on_datagram`.
+    void start();
+
+    // Takes in what is there already, without waiting, and stops.
+    void drain_and_stop();
+
+    std::uint16_t port() const;
+    // What the system granted, in bytes.
+    int granted_buffer() const;
+    // Datagrams that the system threw away because the buffer was full; asks the system.
+    std::uint64_t overflowed();
+    std::uint64_t received() const { return received_; }
+    // So often the socket was looked at.
+    std::uint64_t wake_ups() const { return wake_ups_; }
+
+  private:
+    static constexpr unsigned BATCH = 128;
+    static constexpr unsigned BATCHES_PER_TURN = 16;
+    static constexpr unsigned LAST_BATCHES = 4096;  // A sender may never stop.
+    static constexpr Micros PAUSE{1000};
+
+    void wait();
+    void pause();
+    void take();
+    unsigned receive_batch();
+
+    asio::ip::udp::socket socket_;
+    asio::steady_timer timer_;
+    OnDatagram on_datagram_;
+    std::vector<unsigned char> buffers_;
+    std::vector<iovec> parts_;
+    std::vector<mmsghdr> headers_;
+    std::uint64_t received_ = 0;
+    std::uint64_t wake_ups_ = 0;
+    Micros last_taken_{0};
+    std::uint64_t overflowed_ = 0;
+    std::uint32_t last_overflow_ = 0;  // The kernel's counter, which wraps.
+};
+
+}  // namespace qv::node

@@ -1,0 +1,176 @@
+#include "node/options.h"
+
+#include <CLI/CLI.hpp>
+
+#include "quorvane_lib/net_socket.h"
+
+namespace qv::node {
+
+namespace {
+
+Micros micros_of(double seconds) {
+    return std::chrono::duration_cast<Micros>(std::chrono::duration<double>(seconds));
+}
+
+// Unlike CLI::Range it refuses "nan".
+CLI::Validator seconds_between(double least, double most) {
+    const std::string bounds =
+        CLI::detail::to_string(least) + " to " + CLI::detail::to_string(most);
+    return {
+        [least, most, bounds](const std::string& text) -> std::string {
+            double seconds = 0;
+            if (CLI::detail::lexical_cast(text, seconds) && seconds >= least && seconds <= most) {
+                return {};
+            }
+            return "'" + text + "' is no number of seconds from " + bounds;
+        },
+        bounds};
+}
+
+void add_span(CLI::App& app, const std::string& name, Micros& into, const std::string& help,
+              const CLI::Validator& range) {
+    app.add_option_function<double>(
+           name, [&into](double seconds) { into = micros_of(seconds); }, help)
+        ->check(range)
+        ->type_name("SECONDS")
+        ->default_str(CLI::detail::to_string(std::chrono::duration<double>(into).count()));
+}
+
+// An address, or none for the loopback, and a port. The parser would take an address alone
+// for one with port 0.
+std::string check_address(const std::string& text) {
+    sockaddr_in address{};
+    const std::string port = text.substr(text.rfind(':') + 1);
+    if (port.empty() || port.find('.') != std::string::npos ||
+        !net::parse_addr(text.c_str(), nullptr, address)) {
+        return "'" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000";
+    }
+    return {};
+}
+
+void add_output_options(CLI::App& app, Options& options) {
+    app.add_option("-l,--listen", options.listen_text,
+                   "UDP address and port; port 0 takes a free one and prints it")
+        ->check(check_address)
+        ->type_name("ADDRESS:PORT")
+        ->capture_default_str();
+    app.add_option("-o,--output", options.folder, "Folder of the WAV files, made if it is missing")
+        ->check([](const std::string& text) {
+            return text.empty() ? "a folder needs a name" : std::string();
+        })
+        ->type_name("FOLDER")
+        ->capture_default_str();
+    app.add_flag("--overwrite", options.overwrite,
+                 "Replace files of earlier runs (else the new ones get a number)");
+    app.add_flag("--stereo", options.stereo,
+                 "Also one file of both sides: originator left, terminator right");
+    app.add_flag("--no-sides", options.no_sides, "No file for each side");
+    app.add_flag("--keep-pauses", options.keep_pauses,
+                 "Keep the sender's pauses in the files of one side, as the stereo file does");
+    app.add_flag("-q,--quiet", options.quiet, "No line for each packet and call");
+}
+
+void add_report_options(CLI::App& app, Options& options) {
+    app.add_option("--events", options.events,
+                   "Append events as JSON lines to FILE; - writes them to the standard output, "
+                   "and all else to the standard error")
+        ->type_name("FILE");
+    app.add_flag("--packets", options.every_packet, "Data packets are events, too");
+    app.add_flag("--live", options.live, "Show the calls on the terminal (lines if it is none)");
+    app.add_flag("--timeline", options.timeline,
+                 "Draw each call: an SVG file beside its WAV files");
+    app.add_option("--metrics", options.metrics_port,
+                   "Serve Prometheus metrics on this port of 127.0.0.1; 0 takes a free one")
+        ->check(CLI::Range(0, 65535))
+        ->type_name("PORT");
+}
+
+void add_exit_options(CLI::App& app, Options& options) {
+    app.add_option("--calls", options.calls, "End after N calls have ended; 0 never")
+        ->check(CLI::Range(0, 1'000'000'000))
+        ->type_name("N");
+    app.add_option("--idle-exit", options.idle_exit_s,
+                   "End after so long without any packet, the wait for the first one included")
+        ->check(seconds_between(0, 1'000'000))
+        ->type_name("SECONDS");
+}
+
+void add_audio_options(CLI::App& app, Options& options) {
+    CallLimits& limits = options.limits;
+    app.add_option("-r,--rate", limits.sample_rate,
+                   "Sample rate of all calls (else told from sample offset against send time)")
+        ->check(CLI::Range(1000, 384000))
+        ->type_name("HZ");
+    app.add_option("--max-reorder", limits.side.reorder_packets,
+                   "Packets a side that wait for an earlier one")
+        ->check(CLI::Range(0, 1000))
+        ->type_name("N")
+        ->capture_default_str();
+    add_span(app, "--reorder-wait", limits.side.reorder_wait, "How long they wait",
+             seconds_between(0, 10));
+    app.add_option("--max-silence", limits.max_silence_s, "Longest silence for one gap")
+        ->check(seconds_between(0, 3600))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+}
+
+void add_limit_options(CLI::App& app, Options& options) {
+    CallLimits& limits = options.limits;
+    app.add_option("--max-calls", limits.max_calls, "Calls at once; packets of others are dropped")
+        ->check(CLI::Range(1, 10'000'000))
+        ->type_name("N")
+        ->capture_default_str();
+    add_span(app, "--call-timeout", limits.idle, "End a call after so long without a packet",
+             seconds_between(0.1, 86400));
+    add_span(app, "--max-call-age", limits.max_age, "End a call that is older",
+             seconds_between(0.1, 7 * 86400));
+    add_span(app, "--linger", limits.linger, "Wait for late packets after a terminate packet",
+             seconds_between(0, 60));
+    app.add_option("--max-open-files", options.max_open_files,
+                   "Files open at once; others are closed and opened again (default: what the "
+                   "system allows)")
+        ->check(CLI::Range(1, 1'000'000))
+        ->type_name("N");
+    app.add_option("--max-files", options.max_files,
+                   "Files of one run; calls with which there could be more are not written; 0 "
+                   "for no limit")
+        ->check(CLI::Range(0, 1'000'000'000))
+        ->type_name("N")
+        ->capture_default_str();
+    app.add_option("--block", options.block_kib, "Audio gathered before it is written, a side")
+        ->check(CLI::Range(1, 4096))
+        ->type_name("KIB")
+        ->capture_default_str();
+    app.add_option("--receive-buffer", options.receive_buffer_mib, "Receive buffer of the socket")
+        ->check(CLI::Range(1, 1024))
+        ->type_name("MIB")
+        ->capture_default_str();
+}
+
+}  // namespace
+
+std::optional<int> parse_options(int argc, char** argv, Options& options) {
+    CLI::App app(
+        "Receives the audio of calls from mod_quorvane and writes it as WAV files, one a side.\n"
+        "SIGINT and SIGTERM end it with all files complete.",
+        "quorvane-node");
+    app.set_version_flag("--version", "quorvane-node " QUORVANE_VERSION);
+    app.footer(
+        "Exit codes: 0 fine; 1 a file could not be written, or --idle-exit came before --calls;\n"
+        "2 wrong command line; 3 the port, the folder or the events file cannot be used.");
+    add_output_options(app, options);
+    add_report_options(app, options);
+    add_exit_options(app, options);
+    add_audio_options(app, options);
+    add_limit_options(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_FINE : EXIT_USAGE;
+    }
+    net::parse_addr(options.listen_text.c_str(), nullptr, options.listen);
+    options.listen.sin_family = AF_INET;
+    return std::nullopt;
+}
+
+}  // namespace qv::node

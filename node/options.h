@@ -1,0 +1,47 @@
+// The receiver's command line.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "node/calls/call_table.h"
+
+namespace qv::node {
+
+// Exit codes.
+constexpr int EXIT_FINE = 0;
+constexpr int EXIT_TROUBLE = 1;   // A file could not be written, or a wait timed out.
+constexpr int EXIT_USAGE = 2;     // The command line.
+constexpr int EXIT_NO_START = 3;  // The port or the folder cannot be used.
+
+struct Options {
+    std::string listen_text = "127.0.0.1:40000";
+    sockaddr_in listen{};
+    std::string folder = ".";
+    bool overwrite = false;
+    bool quiet = false;
+    std::string events;  // File, "-" for the standard output, empty for none.
+    bool every_packet = false;
+    bool live = false;
+    bool timeline = false;
+    std::optional<std::uint16_t> metrics_port;
+    bool stereo = false;       // One file of both sides as well.
+    bool no_sides = false;     // No file a side.
+    bool keep_pauses = false;  // In the files of one side.
+    std::uint64_t calls = 0;   // End after so many calls; 0: never.
+    double idle_exit_s = 0;    // End after so long without a packet; 0: never.
+    int receive_buffer_mib = 64;
+    std::size_t max_open_files = 0;       // 0: what the system allows.
+    std::uint64_t max_files = 1'000'000;  // Of one run; 0: no limit.
+    std::size_t block_kib = 32;
+    CallLimits limits;
+};
+
+// Fills `options`. Returns the exit code when the program is to end at once (after
+// --help, or with an error, which has been printed).
+std::optional<int> parse_options(int argc, char** argv, Options& options);
+
+}  // namespace qv::node

@@ -1,0 +1,68 @@
+// Writes what happens as JSON lines, one object a line, for programs. docs/node.md lists
+// the events and their fields; fields of packets have the names of docs/protocol.md.
+//
+// While they cannot be written, as on a full disk, events wait to be tried again; when a
+// megabyte of them waits, further ones are dropped and counted, and an event of its own
+// tells so where they are missing. Belongs to one thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <utility>
+
+#include "node/calls/call_listener.h"
+
+namespace qv::node {
+
+class EventLog : public CallListener {
+  public:
+    // Writes lines and returns how many bytes were written: fewer than it got when that
+    // fails. What is left of a line that was cut off so comes again, from its beginning.
+    using Sink = std::function<std::size_t(const char* lines, std::size_t size)>;
+
+    // With `every_packet` data packets are events, too.
+    EventLog(Sink sink, bool every_packet) : sink_(std::move(sink)), every_packet_(every_packet) {}
+
+    void listening(const std::string& address);
+    void malformed(media::DecodeResult reason, std::size_t size);
+    void overflow(std::uint64_t packets);
+
+    void started(const Call& call, const media::Packet& packet) override;
+    void features_changed(const Call& call, const media::Packet& packet) override;
+    void terminated(const Call& call, const media::Packet& packet) override;
+    void data(const Call& call, const media::Packet& packet) override;
+    void pause(const Call& call, Side side, const Pause& pause) override;
+    void gap(const Call& call, Side side, const Gap& gap) override;
+    void late(const Call& call, Side side, const media::Packet& packet) override;
+    void file_failed(const Call& call, const FileReport& file) override;
+    void ended(const Call& call, EndReason reason) override;
+
+    // Lets readers see what has happened; false while that fails. To be called some times a
+    // second.
+    bool flush();
+
+    // Events that were dropped, and those that still wait to be written.
+    std::uint64_t dropped() const { return dropped_; }
+    std::uint64_t waiting() const;
+
+  private:
+    bool write_out();
+    void tell_loss();
+    void write(const char* event, const nlohmann::json& fields);
+    void write(const char* event, const Call& call, const nlohmann::json& fields);
+
+    static constexpr std::size_t MOST_WAITING = 1 << 20;  // Bytes, while writing fails.
+    static constexpr std::size_t BLOCK = 1 << 16;
+
+    Sink sink_;
+    bool every_packet_;
+    bool failing_ = false;  // The latest attempt to write.
+    std::string waiting_;   // Whole lines.
+    std::uint64_t dropped_ = 0;
+    std::uint64_t told_ = 0;  // Of the dropped, those that an event has told of.
+};
+
+}  // namespace qv::node

@@ -1,0 +1,164 @@
+#include "node/report/line_report.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "node/report/text.h"
+
+namespace qv::node {
+
+namespace {
+
+// Lines of one call's gaps beyond these are left to its summary.
+constexpr std::uint64_t GAP_LINES_PER_SIDE = 10;
+
+// `text` in a column of its own, behind `what`.
+std::string in_columns(std::string what, std::size_t width, const std::string& text) {
+    if (!text.empty()) {
+        what.resize(std::max(what.size(), width), ' ');
+    }
+    return what + text;
+}
+
+std::string decibel_text(double level) {
+    return level <= SILENCE_DB ? "silent" : std::to_string(std::lround(level)) + " dB";
+}
+
+double seconds_of(std::uint64_t samples, int rate) {
+    return static_cast<double>(samples) / (rate != 0 ? rate : DEFAULT_SAMPLE_RATE);
+}
+
+std::string reason_text(EndReason reason) {
+    switch (reason) {
+        case EndReason::TERMINATED:
+            return "complete";
+        case EndReason::REPLACED:
+            return "its terminate packet never came: the call started anew";
+        case EndReason::TIMED_OUT:
+            return "its terminate packet never came: timed out";
+        case EndReason::TOO_OLD:
+            return "reached the greatest age";
+        case EndReason::SHUTDOWN:
+            return "cut short: the receiver ends";
+    }
+    return {};
+}
+
+void append_count(std::string& text, std::uint64_t count, const char* what) {
+    if (count != 0) {
+        text += ", " + grouped(count) + ' ' + what;
+    }
+}
+
+std::string side_text(const CallSide& side) {
+    const SideTracker::Stats& stats = side.tracker.stats();
+    std::string text =
+        duration_text(seconds_of(side.tracker.position(), side.sample_rate)) + " at " +
+        std::to_string(side.sample_rate) + " Hz" + (side.rate_assumed ? " (assumed)" : "") + ", " +
+        counted(stats.packets, "packet") + ", level " + decibel_text(side.level.level_db());
+    if (stats.gaps != 0) {
+        text +=
+            ", " + counted(stats.gaps, "gap") + " (" + counted(stats.lost(), "packet") + " lost)";
+    }
+    append_count(text, stats.reordered, "reordered");
+    append_count(text, stats.duplicates, "duplicated");
+    append_count(text, stats.late, "too late");
+    append_count(text, stats.implausible, "implausible");
+    return text;
+}
+
+}  // namespace
+
+void LineReport::say(const std::string& what, const std::string& text) {
+    std::string line = time_of_day() + "  " + in_columns(what, 38, text) + '\n';
+    if (!holding_) {
+        out_ << line;
+    } else if (held_.size() < MOST_HELD) {
+        held_.push_back(std::move(line));
+    }
+}
+
+void LineReport::release() {
+    holding_ = false;
+    for (const std::string& line : std::exchange(held_, {})) {
+        out_ << line;
+    }
+}
+
+void LineReport::line(const Call& call, const std::string& what, const std::string& text) {
+    out_ << time_of_day() << "  " << uuid_text(call.uuid) << "  " << in_columns(what, 13, text)
+         << '\n';
+}
+
+void LineReport::started(const Call& call, const media::Packet& packet) {
+    const StartFields& start = *call.start;
+    std::string text = start.outbound() ? "outbound" : "inbound";
+    text += ", reference " + quoted_text(start.call_reference);
+    if (start.rule_id_given()) {
+        text += ", rule " + std::to_string(start.rule_id);
+    }
+    if (!start.report_node.empty()) {
+        text += ", report to " + start.report_node;
+    }
+    text += ", " + features_text(packet.features);
+    line(call, "start", text + (call.started_late ? " (late: other packets came before)" : ""));
+}
+
+void LineReport::features_changed(const Call& call, const media::Packet& packet) {
+    line(call, "control", features_text(packet.features));
+}
+
+void LineReport::terminated(const Call& call, const media::Packet& packet) {
+    std::string text;
+    if (call.start.has_value() && packet.send_time >= call.start->send_time) {
+        const auto micros =
+            static_cast<double>(packet.send_time) - static_cast<double>(call.start->send_time);
+        text = "after " + duration_text(micros / 1e6);
+    }
+    line(call, "terminate", text);
+}
+
+void LineReport::gap(const Call& call, Side side, const Gap& gap) {
+    const CallSide& state = call.side(side);
+    const std::uint64_t gaps = state.tracker.stats().gaps;
+    if (gaps > GAP_LINES_PER_SIDE) {
+        return;
+    }
+    const double lost_ms = 1000 * seconds_of(gap.missing_samples, state.sample_rate);
+    std::string text = std::string(name_of(side)) + ": " + counted(gap.lost_packets, "packet") +
+                       " lost at " + duration_text(seconds_of(gap.position, state.sample_rate)) +
+                       ", " + grouped(static_cast<std::uint64_t>(std::lround(lost_ms))) +
+                       " ms filled with silence";
+    if (gap.filled_samples < gap.missing_samples) {
+        text += " in part only";
+    }
+    line(call, "gap", text + (gaps == GAP_LINES_PER_SIDE ? "; further gaps are counted" : ""));
+}
+
+void LineReport::file_failed(const Call& call, const FileReport& file) {
+    line(call, "file error", file.path + ": " + file.error);
+}
+
+void LineReport::ended(const Call& call, EndReason reason) {
+    const bool unannounced = !call.start.has_value();
+    const std::size_t failed = call.failed_files.size();
+    line(call, "end",
+         reason_text(reason) + (unannounced ? ", its start packet never came" : "") +
+             (failed != 0 ? "; " + counted(failed, "file") + " could not be written" : ""));
+    for (const Side side : BOTH_SIDES) {
+        if (call.side(side).leg.has_value()) {
+            line(call, std::string("  ") + name_of(side), side_text(call.side(side)));
+        }
+    }
+    for (const FileReport& file : call.recording->files()) {
+        if (file.error.empty()) {
+            line(call, "  file", file.path);
+        }
+    }
+    for (const FileReport& file : call.failed_files) {
+        line(call, "  failed", file.path + ": " + file.error);
+    }
+}
+
+}  // namespace qv::node

@@ -1,0 +1,45 @@
+// Tells of calls and packets in lines for people. Belongs to one thread.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "node/calls/call_listener.h"
+
+namespace qv::node {
+
+class LineReport : public CallListener {
+  public:
+    // `out` must outlive the report; flush() shows the lines.
+    explicit LineReport(std::ostream& out) : out_(out) {}
+
+    void started(const Call& call, const media::Packet& packet) override;
+    void features_changed(const Call& call, const media::Packet& packet) override;
+    void terminated(const Call& call, const media::Packet& packet) override;
+    void gap(const Call& call, Side side, const Gap& gap) override;
+    void file_failed(const Call& call, const FileReport& file) override;
+    void ended(const Call& call, EndReason reason) override;
+
+    // A line without a call.
+    void say(const std::string& what, const std::string& text);
+
+    // Keeps the lines of say() to itself, the first hundred, until release() shows them:
+    // for the time that the screen belongs to a live view.
+    void hold() { holding_ = true; }
+    void release();
+
+    void flush() { out_.flush(); }
+
+  private:
+    void line(const Call& call, const std::string& what, const std::string& text);
+    void side_line(const Call& call, Side side);
+
+    static constexpr std::size_t MOST_HELD = 100;
+
+    std::ostream& out_;
+    bool holding_ = false;
+    std::vector<std::string> held_;
+};
+
+}  // namespace qv::node

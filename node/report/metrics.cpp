@@ -1,0 +1,145 @@
+#include "node/report/metrics.h"
+
+#include <prometheus/counter.h>
+#include <prometheus/exposer.h>
+#include <prometheus/gauge.h>
+#include <prometheus/registry.h>
+
+namespace qv::node {
+
+namespace {
+
+using prometheus::Counter;
+using prometheus::Gauge;
+
+constexpr std::array<const char*, 4> TYPE_NAMES = {"start", "terminate", "data", "control"};
+
+void set(Counter& counter, std::uint64_t value) {
+    counter.Increment(static_cast<double>(value) - counter.Value());
+}
+
+}  // namespace
+
+class Metrics::Impl {
+  public:
+    explicit Impl(std::uint16_t port)
+        : exposer("127.0.0.1:" + std::to_string(port), 1),
+          registry(std::make_shared<prometheus::Registry>()),
+          received(counter("received_packets_total", "Datagrams that came, of any kind")),
+          overflowed(counter("socket_dropped_packets_total",
+                             "Datagrams that the system dropped: receive buffer full")),
+          calls_begun(counter("calls_begun_total", "Calls that began")),
+          calls_ended(counter("calls_ended_total", "Calls that ended")),
+          calls_not_terminated(counter("calls_not_terminated_total",
+                                       "Calls that ended without their terminate packet")),
+          calls_without_start(
+              counter("calls_without_start_total", "Calls that ended without their start packet")),
+          calls_not_written(counter("calls_not_written_total",
+                                    "Calls without files, because there were too many files")),
+          audio_bytes(counter("audio_bytes_total", "Bytes of audio that came")),
+          gaps(counter("gaps_total", "Places where audio was missing")),
+          skipped(counter("skipped_packets_total",
+                          "Data packets given up; late ones are counted apart, too")),
+          silence(counter("silence_samples_total", "Samples of silence filled in")),
+          file_errors(counter("file_errors_total", "Files that could not be written")),
+          calls(gauge("calls", "Calls now")),
+          open_files(gauge("open_files", "WAV files open now")),
+          receive_buffer(gauge("receive_buffer_bytes", "Room that the system granted")) {
+        for (std::size_t i = 0; i < packets.size(); ++i) {
+            packets[i] = &labelled("packets_total", "Packets of each type", "type", TYPE_NAMES[i]);
+        }
+        for (std::size_t i = 0; i < DROP_COUNT; ++i) {
+            dropped[i] = &labelled("unused_packets_total", "Packets that were not used", "reason",
+                                   describe(static_cast<Drop>(i)));
+        }
+        for (std::size_t i = 1; i < media::DECODE_RESULT_COUNT; ++i) {
+            malformed[i] = &labelled("malformed_packets_total", "Datagrams that are no packets",
+                                     "reason", describe(static_cast<media::DecodeResult>(i)));
+        }
+        exposer.RegisterCollectable(registry);
+    }
+
+    Counter& counter(const std::string& name, const std::string& help) {
+        return prometheus::BuildCounter()
+            .Name("quorvane_node_" + name)
+            .Help(help)
+            .Register(*registry)
+            .Add({});
+    }
+
+    Counter& labelled(const std::string& name, const std::string& help, const std::string& label,
+                      const std::string& value) {
+        return prometheus::BuildCounter()
+            .Name("quorvane_node_" + name)
+            .Help(help)
+            .Register(*registry)
+            .Add({{label, value}});
+    }
+
+    Gauge& gauge(const std::string& name, const std::string& help) {
+        return prometheus::BuildGauge()
+            .Name("quorvane_node_" + name)
+            .Help(help)
+            .Register(*registry)
+            .Add({});
+    }
+
+    prometheus::Exposer exposer;
+    std::shared_ptr<prometheus::Registry> registry;
+    Counter& received;
+    Counter& overflowed;
+    Counter& calls_begun;
+    Counter& calls_ended;
+    Counter& calls_not_terminated;
+    Counter& calls_without_start;
+    Counter& calls_not_written;
+    Counter& audio_bytes;
+    Counter& gaps;
+    Counter& skipped;
+    Counter& silence;
+    Counter& file_errors;
+    Gauge& calls;
+    Gauge& open_files;
+    Gauge& receive_buffer;
+    std::array<Counter*, 4> packets{};
+    std::array<Counter*, DROP_COUNT> dropped{};
+    std::array<Counter*, media::DECODE_RESULT_COUNT> malformed{};  // The first is unused.
+};
+
+Metrics::Metrics(std::uint16_t port) : impl_(std::make_unique<Impl>(port)) {}
+
+Metrics::~Metrics() = default;
+
+std::uint16_t Metrics::port() const {
+    return static_cast<std::uint16_t>(impl_->exposer.GetListeningPorts().at(0));
+}
+
+void Metrics::update(const MetricValues& values) {
+    const Totals& totals = values.totals;
+    set(impl_->received, values.received);
+    set(impl_->overflowed, values.overflowed);
+    set(impl_->calls_begun, totals.calls_begun);
+    set(impl_->calls_ended, totals.calls_ended);
+    set(impl_->calls_not_terminated, totals.calls_not_terminated);
+    set(impl_->calls_without_start, totals.calls_without_start);
+    set(impl_->calls_not_written, values.calls_not_written);
+    set(impl_->audio_bytes, totals.audio_bytes);
+    set(impl_->gaps, totals.gaps);
+    set(impl_->skipped, totals.lost_packets);
+    set(impl_->silence, totals.silence_samples);
+    set(impl_->file_errors, totals.file_errors);
+    impl_->calls.Set(static_cast<double>(values.calls));
+    impl_->open_files.Set(static_cast<double>(values.open_files));
+    impl_->receive_buffer.Set(values.receive_buffer);
+    for (std::size_t i = 0; i < totals.packets.size(); ++i) {
+        set(*impl_->packets[i], totals.packets[i]);
+    }
+    for (std::size_t i = 0; i < DROP_COUNT; ++i) {
+        set(*impl_->dropped[i], totals.dropped[i]);
+    }
+    for (std::size_t i = 1; i < values.malformed.size(); ++i) {
+        set(*impl_->malformed[i], values.malformed[i]);
+    }
+}
+
+}  // namespace qv::node

@@ -1,0 +1,126 @@
+#include "node/report/text.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include "quorvane_lib/utils_str.h"
+#include "tools/utf8.h"
+
+namespace qv::node {
+
+namespace {
+
+struct FeatureName {
+    const char* name;
+    std::uint8_t mask;
+};
+constexpr FeatureName FEATURE_NAMES[] = {
+    {"audio activity", media::feature_mask(media::Features::AudioActivity)},
+    {"detection", media::feature_mask(media::Features::SampleDetection)},
+    {"recording", media::FEATURE_RECORD},
+    {"reserved", 0x03},
+};
+
+template <typename... Values>
+std::string format(const char* pattern, Values... values) {
+    char text[96];
+    std::snprintf(text, sizeof text, pattern, values...);
+    return text;
+}
+
+std::string side_state(media::features16_t features, unsigned bit, const char* side) {
+    if ((features.supported & bit) == 0) {
+        return {};
+    }
+    return std::string((features.active & bit) != 0 ? "on " : "off ") + side;
+}
+
+std::string feature_text(media::features16_t features, const FeatureName& feature) {
+    const unsigned mask = feature.mask;
+    const unsigned active = features.active & mask;
+    const std::string name = feature.name;
+    if ((features.supported & mask) == mask && (active == 0 || active == mask)) {
+        return name + (active != 0 ? " on both" : " off both");
+    }
+    const unsigned originator = mask & (0U - mask);  // The lower bit.
+    const std::string first = side_state(features, originator, "originator");
+    const std::string second = side_state(features, mask & ~originator, "terminator");
+    return name + ' ' + first + (!first.empty() && !second.empty() ? ", " : "") + second;
+}
+
+// A character, of those bytes, between quotation marks.
+std::string shown_text(std::string_view bytes, char32_t code) {
+    if (code == '"' || code == '\\') {
+        return '\\' + std::string(bytes);
+    }
+    if (is_printable(code)) {
+        return std::string(bytes);
+    }
+    std::string out;
+    for (const char byte : bytes) {
+        out += format("\\x%02x", unsigned{static_cast<unsigned char>(byte)});
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string uuid_text(const Uuid& uuid) {
+    return utils::str::print_uuid(uuid.data());
+}
+
+std::string key_text(std::uint64_t call_key) {
+    return format("0x%016llx", static_cast<unsigned long long>(call_key));
+}
+
+std::string address_text(const unsigned char* address, std::uint16_t port) {
+    return format("%u.%u.%u.%u:%u", unsigned{address[0]}, unsigned{address[1]},
+                  unsigned{address[2]}, unsigned{address[3]}, unsigned{port});
+}
+
+std::string quoted_text(std::string_view text, std::size_t columns) {
+    std::string out = "\"";
+    while (!text.empty()) {
+        const Character next = first_character(text);
+        const std::string shown = shown_text(text.substr(0, next.size), next.code);
+        const std::size_t width = columns_of(shown);
+        if (width > columns) {
+            out += "...";
+            break;
+        }
+        out += shown;
+        columns -= width;
+        text.remove_prefix(next.size);
+    }
+    return out + '"';
+}
+
+std::string features_text(media::features16_t features) {
+    std::string out;
+    for (const FeatureName& feature : FEATURE_NAMES) {
+        if ((features.supported & feature.mask) != 0) {
+            out += (out.empty() ? "" : "; ") + feature_text(features, feature);
+        }
+    }
+    return out.empty() ? "no features" : out;
+}
+
+std::string utc_time() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm utc{};
+    gmtime_r(&now.tv_sec, &utc);
+    return format("%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                  utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, now.tv_nsec / 1000);
+}
+
+std::string time_of_day() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    return format("%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min, local.tm_sec,
+                  now.tv_nsec / 1'000'000);
+}
+
+}  // namespace qv::node

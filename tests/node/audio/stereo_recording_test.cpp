@@ -1,0 +1,210 @@
+#include "node/audio/stereo_recording.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/node/audio/fake_audio_files.h"
+
+namespace {
+
+using namespace qv::node;
+using qv::test::FakeAudioStore;
+using Samples = std::vector<std::int16_t>;
+
+constexpr Side ORIGINATOR = Side::ORIGINATOR;
+constexpr Side TERMINATOR = Side::TERMINATOR;
+
+// Blocks of four samples; so 32 samples of one side are what waits for the other side.
+class StereoRecordingTest : public testing::Test {
+  protected:
+    void put(Side side, const Samples& samples) {
+        recording_.audio(side, samples.data(), samples.size());
+    }
+    void set_rates(int originator, int terminator) { rates_ = {originator, terminator}; }
+
+    const Samples& written() { return store_.files.at("call.wav").samples; }
+    std::size_t frames() { return written().size() / 2; }
+    std::int16_t right(std::size_t frame) { return written().at(2 * frame + 1); }
+
+    FakeAudioStore store_;
+    std::array<int, SIDE_COUNT> rates_ = {8000, 8000};
+    StereoRecording recording_{
+        store_, "call",
+        [this](Side side, bool last) {
+            return rates_[index_of(side)] == 0 && last ? 8000 : rates_[index_of(side)];
+        },
+        RecordingOptions{4, false}};
+};
+
+TEST_F(StereoRecordingTest, OriginatorIsLeft) {
+    put(ORIGINATOR, {1, 2, 3, 4});
+    put(TERMINATOR, {-1, -2, -3, -4});
+    EXPECT_EQ(written(), (Samples{1, -1, 2, -2, 3, -3, 4, -4}));
+    EXPECT_EQ(store_.files.at("call.wav").channels, 2);
+    EXPECT_EQ(store_.files.at("call.wav").sample_rate, 8000);
+}
+
+TEST_F(StereoRecordingTest, NothingIsWrittenBeforeBothSidesHaveABlock) {
+    put(ORIGINATOR, {1, 2, 3, 4});
+    put(TERMINATOR, {-1, -2, -3});
+    EXPECT_TRUE(store_.files.empty());
+}
+
+TEST_F(StereoRecordingTest, ShorterSideIsFilledAtTheEnd) {
+    put(ORIGINATOR, {1, 2});
+    put(TERMINATOR, {-1});
+    recording_.finish();
+    EXPECT_EQ(written(), (Samples{1, -1, 2, 0}));
+    EXPECT_TRUE(store_.files.at("call.wav").closed);
+}
+
+TEST_F(StereoRecordingTest, ASideThatNeverComesIsSilent) {
+    put(TERMINATOR, {7, 8});
+    recording_.finish();
+    EXPECT_EQ(written(), (Samples{0, 7, 0, 8}));
+}
+
+TEST_F(StereoRecordingTest, ACallWithoutAudioHasNoFile) {
+    recording_.finish();
+    EXPECT_TRUE(store_.files.empty());
+    EXPECT_TRUE(recording_.files().empty());
+    EXPECT_EQ(recording_.failed_files(), 0u);
+}
+
+TEST_F(StereoRecordingTest, LostAudioIsSilence) {
+    put(ORIGINATOR, {1, 2, 3});
+    put(TERMINATOR, {9});
+    recording_.silence(TERMINATOR, 1);
+    put(TERMINATOR, {9});
+    recording_.finish();
+    EXPECT_EQ(written(), (Samples{1, 9, 2, 0, 3, 9}));
+}
+
+TEST_F(StereoRecordingTest, ASideThatIsAwayIsLentSilence) {
+    put(ORIGINATOR, Samples(32, 7));
+    EXPECT_EQ(frames(), 16u);
+    // The pause has been written already; what follows stands at its place.
+    recording_.pause(TERMINATOR, 16);
+    put(TERMINATOR, {9});
+    recording_.finish();
+    EXPECT_EQ(right(16), 9);
+    EXPECT_EQ(frames(), 32u);
+}
+
+TEST_F(StereoRecordingTest, APauseLongerThanWhatWasLentIsWrittenInPart) {
+    put(ORIGINATOR, Samples(32, 7));
+    recording_.pause(TERMINATOR, 18);
+    put(TERMINATOR, {9});
+    recording_.finish();
+    EXPECT_EQ(right(17), 0);
+    EXPECT_EQ(right(18), 9);
+    EXPECT_EQ(frames(), 32u);
+}
+
+TEST_F(StereoRecordingTest, AudioIsNeverDroppedToPaySilenceBack) {
+    put(ORIGINATOR, Samples(32, 7));
+    put(TERMINATOR, Samples(3, 9));
+    recording_.pause(TERMINATOR, 16);
+    put(TERMINATOR, {8});
+    recording_.finish();
+    EXPECT_EQ(right(16), 9);
+    EXPECT_EQ(right(18), 9);
+    EXPECT_EQ(right(19 + 16), 8);
+}
+
+TEST_F(StereoRecordingTest, FileWaitsUntilTheRateIsKnown) {
+    set_rates(0, 0);
+    put(ORIGINATOR, Samples(8, 1));
+    put(TERMINATOR, Samples(8, 2));
+    EXPECT_TRUE(store_.files.empty());
+    set_rates(16000, 16000);
+    put(ORIGINATOR, {1});
+    EXPECT_EQ(store_.files.at("call.wav").sample_rate, 16000);
+    EXPECT_EQ(frames(), 8u);
+}
+
+TEST_F(StereoRecordingTest, WaitForTheRateIsBounded) {
+    set_rates(0, 0);
+    put(ORIGINATOR, Samples(31, 1));
+    EXPECT_TRUE(store_.files.empty());
+    put(ORIGINATOR, {1});
+    EXPECT_EQ(store_.files.at("call.wav").sample_rate, 8000);
+}
+
+TEST_F(StereoRecordingTest, SidesOfDifferentRatesGetAFileEach) {
+    set_rates(8000, 16000);
+    put(ORIGINATOR, {1, 2, 3, 4});
+    put(TERMINATOR, {5, 6, 7, 8});
+    put(ORIGINATOR, {1, 2, 3, 4});
+    recording_.finish();
+    EXPECT_EQ(store_.files.count("call.wav"), 0u);
+    EXPECT_EQ(store_.files.at("call-split-originator.wav").samples,
+              (Samples{1, 2, 3, 4, 1, 2, 3, 4}));
+    EXPECT_EQ(store_.files.at("call-split-terminator.wav").samples, (Samples{5, 6, 7, 8}));
+    EXPECT_EQ(store_.files.at("call-split-terminator.wav").sample_rate, 16000);
+    EXPECT_EQ(recording_.files().size(), 2u);
+}
+
+TEST_F(StereoRecordingTest, WaitForTheRateIsBoundedWhenBothSidesGoOn) {
+    set_rates(0, 0);
+    for (int i = 0; i < 8; ++i) {
+        put(ORIGINATOR, Samples(4, 1));
+        put(TERMINATOR, Samples(4, 2));
+    }
+    EXPECT_EQ(store_.files.at("call.wav").sample_rate, 8000);
+}
+
+TEST_F(StereoRecordingTest, OneSideOfUnknownRateKeepsTheOtherWaiting) {
+    set_rates(8000, 0);
+    put(ORIGINATOR, {1, 2, 3, 4});
+    put(TERMINATOR, {5, 6, 7, 8});
+    EXPECT_TRUE(store_.files.empty());
+}
+
+TEST_F(StereoRecordingTest, ASideOfAnotherRateThatBeginsLaterGetsAFileOfItsOwn) {
+    set_rates(8000, 16000);
+    put(ORIGINATOR, Samples(32, 1));
+    put(TERMINATOR, {5, 6, 7, 8});
+    recording_.silence(TERMINATOR, 1);
+    put(ORIGINATOR, {2});
+    put(TERMINATOR, {9});
+    recording_.finish();
+    EXPECT_EQ(store_.files.at("call-split-terminator.wav").samples, (Samples{5, 6, 7, 8, 0, 9}));
+    EXPECT_EQ(store_.files.at("call-split-terminator.wav").sample_rate, 16000);
+    EXPECT_TRUE(store_.files.at("call-split-terminator.wav").closed);
+    EXPECT_EQ(frames(), 33u);
+    EXPECT_EQ(written().at(2 * 32), 2);
+    EXPECT_EQ(right(32), 0);
+    EXPECT_TRUE(store_.files.at("call.wav").closed);
+    EXPECT_EQ(recording_.files().size(), 2u);
+}
+
+TEST_F(StereoRecordingTest, DifferentRatesShowAtTheEndAtTheLatest) {
+    set_rates(8000, 16000);
+    put(ORIGINATOR, {1});
+    put(TERMINATOR, {2});
+    recording_.finish();
+    EXPECT_EQ(store_.files.size(), 2u);
+    EXPECT_TRUE(store_.files.at("call-split-terminator.wav").closed);
+}
+
+TEST_F(StereoRecordingTest, FailedFileIsReportedWithItsPath) {
+    store_.error = "No space left on device";
+    put(ORIGINATOR, Samples(32, 1));
+    recording_.finish();
+    EXPECT_EQ(recording_.failed_files(), 1u);
+    ASSERT_EQ(recording_.files().size(), 1u);
+    EXPECT_EQ(recording_.files()[0].path, "call.wav");
+    EXPECT_EQ(recording_.files()[0].error, "No space left on device");
+}
+
+TEST_F(StereoRecordingTest, FailedFilesOfSplitSidesAreReported) {
+    set_rates(8000, 16000);
+    store_.error = "No space left on device";
+    put(ORIGINATOR, {1});
+    put(TERMINATOR, {2});
+    recording_.finish();
+    EXPECT_EQ(recording_.failed_files(), 2u);
+    EXPECT_EQ(recording_.files()[1].error, "No space left on device");
+}
+
+}  // namespace

@@ -1,0 +1,90 @@
+// Lets a listener of the receiver watch calls made of the golden datagrams.
+//
+// The verbs send datagrams through a real call table that writes into memory; time
+// passes only when the test says so. Belongs to the test's thread.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "node/audio/recording.h"
+#include "node/calls/call_table.h"
+#include "tests/node/audio/fake_audio_files.h"
+#include "tests/support/golden.h"
+
+namespace qv::test {
+
+class NodeCallTest : public testing::Test {
+  protected:
+    // A derived test calls it first, with what it watches; what the listener writes to
+    // must live as long as the test.
+    void watch(std::vector<node::CallListener*> listeners, const node::CallLimits& limits = {}) {
+        using namespace node;
+        table_ = std::make_unique<CallTable>(
+            limits,
+            [this](const Uuid& uuid, RateSource rate) {
+                return std::make_unique<SideRecording>(store_, free_stem(store_, uuid),
+                                                       std::move(rate), RecordingOptions{4, false});
+            },
+            std::move(listeners));
+    }
+
+    void send(const Bytes& datagram) {
+        media::Packet packet;
+        ASSERT_EQ(media::decode_packet(datagram.data(), datagram.size(), packet),
+                  media::DecodeResult::OK);
+        table_->receive(packet, now_);
+    }
+    void send(const std::string& name) { send(golden(name)); }
+
+    // The whole short call, without the named datagram, up to its end.
+    void send_call(const std::string& lost = {}) {
+        for (const std::string& name : golden_call()) {
+            if (name != lost) {
+                send(name);
+            }
+        }
+        pass(node::Micros{1'000'000});
+    }
+
+    // The first packet of the golden call's originator, with these numbers in its place.
+    void send_data(unsigned char sequence_number, unsigned char sample_offset) {
+        Bytes datagram = golden("call_2_read");
+        datagram[40] = sequence_number;
+        datagram[44] = sample_offset;
+        send(datagram);
+    }
+
+    // The golden start packet, with that call reference of less than 1294 bytes.
+    void send_start(const std::string& reference) {
+        Bytes datagram = golden("call_1_start");
+        datagram.resize(82);
+        datagram.insert(datagram.end(), reference.begin(), reference.end());
+        datagram.push_back(0);
+        datagram[80] = static_cast<unsigned char>((reference.size() + 1) & 0xFF);
+        datagram[81] = static_cast<unsigned char>((reference.size() + 1) >> 8);
+        send(datagram);
+    }
+
+    // Another call: the same start packet with a UUID that ends in that byte.
+    void send_start_of_call(unsigned char last_byte) {
+        Bytes datagram = golden("call_1_start");
+        datagram[31] = last_byte;
+        send(datagram);
+    }
+
+    void pass(node::Micros time) {
+        now_ += time;
+        table_->tick(now_);
+    }
+
+    FakeAudioStore store_;
+    std::unique_ptr<node::CallTable> table_;
+    node::Micros now_{100'000'000};
+};
+
+}  // namespace qv::test

@@ -1,0 +1,273 @@
+#include "node/calls/side_tracker.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using qv::node::AudioPacket;
+using qv::node::Gap;
+using qv::node::Micros;
+using qv::node::SideOutput;
+using qv::node::SideTracker;
+using Verdict = qv::node::SideTracker::Verdict;
+
+// Writes down what is delivered: a letter for each sample, '.' for silence.
+class Tape : public SideOutput {
+  public:
+    void audio(const std::int16_t* samples, std::size_t count, std::int64_t) override {
+        for (std::size_t i = 0; i < count; ++i) {
+            text += static_cast<char>(samples[i]);
+        }
+    }
+    void gap(const Gap& gap) override {
+        gaps.push_back(gap);
+        text.append(static_cast<std::size_t>(gap.filled_samples), '.');
+    }
+
+    std::string text;
+    std::vector<Gap> gaps;
+};
+
+// Packets of four samples, all the same letter: packet 1 is "aaaa", 2 "bbbb"...
+class SideTrackerTest : public testing::Test {
+  protected:
+    SideTrackerTest() { restart({}); }
+
+    void restart(const SideTracker::Limits& limits) {
+        tracker_ = std::make_unique<SideTracker>(limits);
+        tracker_->begin(1, 0);
+        tape_ = Tape();
+    }
+
+    Verdict send(std::uint32_t number) { return send_at(number, (number - 1) * 4); }
+
+    Verdict send_at(std::uint32_t number, std::uint32_t offset) {
+        const std::vector<std::int16_t> samples(4,
+                                                static_cast<std::int16_t>('a' + (number - 1) % 26));
+        return tracker_->receive({number, offset, 4, samples.data(), 0}, now_, tape_);
+    }
+
+    void send_all(std::initializer_list<std::uint32_t> numbers) {
+        for (const std::uint32_t number : numbers) {
+            send(number);
+        }
+    }
+
+    void pass(Micros time) {
+        now_ += time;
+        tracker_->advance(now_, tape_);
+    }
+
+    void finish() { tracker_->finish(tape_); }
+
+    const SideTracker::Stats& stats() const { return tracker_->stats(); }
+
+    Micros now_{0};
+    std::unique_ptr<SideTracker> tracker_;
+    Tape tape_;
+};
+
+TEST_F(SideTrackerTest, PacketsInOrderGoThroughAtOnce) {
+    EXPECT_EQ(send(1), Verdict::DELIVERED);
+    EXPECT_EQ(send(2), Verdict::DELIVERED);
+    EXPECT_EQ(tape_.text, "aaaabbbb");
+    EXPECT_EQ(stats().gaps, 0u);
+    EXPECT_EQ(tracker_->position(), 8u);
+}
+
+TEST_F(SideTrackerTest, OvertakenPacketIsPutInItsPlace) {
+    send(1);
+    EXPECT_EQ(send(3), Verdict::HELD);
+    EXPECT_EQ(tape_.text, "aaaa");
+    EXPECT_EQ(send(2), Verdict::DELIVERED);
+    EXPECT_EQ(tape_.text, "aaaabbbbcccc");
+    EXPECT_EQ(stats().reordered, 1u);
+    EXPECT_EQ(stats().gaps, 0u);
+}
+
+TEST_F(SideTrackerTest, HeldPacketsAreSortedAmongThemselves) {
+    send_all({4, 3, 2, 1});
+    EXPECT_EQ(tape_.text, "aaaabbbbccccdddd");
+    EXPECT_EQ(stats().reordered, 3u);
+}
+
+TEST_F(SideTrackerTest, MissingPacketBecomesSilenceOfItsLength) {
+    send_all({1, 3});
+    pass(200ms);
+    EXPECT_EQ(tape_.text, "aaaa....cccc");
+    ASSERT_EQ(tape_.gaps.size(), 1u);
+    EXPECT_EQ(tape_.gaps[0].sequence_number, 2u);
+    EXPECT_EQ(tape_.gaps[0].lost_packets, 1u);
+    EXPECT_EQ(tape_.gaps[0].sample_offset, 4u);
+    EXPECT_EQ(tape_.gaps[0].missing_samples, 4u);
+    EXPECT_EQ(tape_.gaps[0].position, 4u);
+    EXPECT_EQ(stats().lost(), 1u);
+}
+
+TEST_F(SideTrackerTest, NothingIsGivenUpBeforeTheWaitIsOver) {
+    send_all({1, 3});
+    pass(199ms);
+    EXPECT_EQ(tape_.text, "aaaa");
+}
+
+TEST_F(SideTrackerTest, FullReorderWindowGivesUpTheMissingPacket) {
+    SideTracker::Limits limits;
+    limits.reorder_packets = 2;
+    restart(limits);
+    send_all({1, 3, 4});
+    EXPECT_EQ(tape_.text, "aaaa");
+    send(5);
+    EXPECT_EQ(tape_.text, "aaaa....ccccddddeeee");
+}
+
+TEST_F(SideTrackerTest, WindowOfZeroNeverHolds) {
+    SideTracker::Limits limits;
+    limits.reorder_packets = 0;
+    restart(limits);
+    send_all({1, 3});
+    EXPECT_EQ(tape_.text, "aaaa....cccc");
+}
+
+TEST_F(SideTrackerTest, TwoGapsAreTwoGaps) {
+    send_all({1, 3, 5});
+    pass(200ms);
+    EXPECT_EQ(tape_.text, "aaaa....cccc....eeee");
+    EXPECT_EQ(stats().gaps, 2u);
+}
+
+TEST_F(SideTrackerTest, LossOfTheFirstPacketsIsAGapAtTheBeginning) {
+    send(3);
+    finish();
+    EXPECT_EQ(tape_.text, "........cccc");
+    EXPECT_EQ(tape_.gaps[0].lost_packets, 2u);
+}
+
+TEST_F(SideTrackerTest, FinishDeliversWhatIsHeld) {
+    send_all({1, 3, 6});
+    finish();
+    EXPECT_EQ(tape_.text, "aaaa....cccc........ffff");
+    EXPECT_EQ(tracker_->held(), 0u);
+}
+
+TEST_F(SideTrackerTest, LatePacketIsToldFromADuplicate) {
+    send_all({1, 3});
+    pass(200ms);
+    EXPECT_EQ(send(2), Verdict::LATE);
+    EXPECT_EQ(send(2), Verdict::DUPLICATE);
+    EXPECT_EQ(send(1), Verdict::DUPLICATE);
+    EXPECT_EQ(tape_.text, "aaaa....cccc");
+    EXPECT_EQ(stats().lost(), 0u);
+    EXPECT_EQ(stats().late, 1u);
+    EXPECT_EQ(stats().duplicates, 2u);
+}
+
+TEST_F(SideTrackerTest, DuplicateOfAHeldPacketIsDropped) {
+    send_all({1, 3});
+    EXPECT_EQ(send(3), Verdict::DUPLICATE);
+    send(2);
+    EXPECT_EQ(tape_.text, "aaaabbbbcccc");
+}
+
+TEST_F(SideTrackerTest, SequenceNumbersAndOffsetsWrap) {
+    tracker_->begin(0xFFFFFFFF, 0xFFFFFFFC);
+    send_at(0xFFFFFFFF, 0xFFFFFFFC);
+    send_at(0, 0);
+    send_at(1, 4);
+    EXPECT_EQ(stats().samples, 12u);
+    EXPECT_EQ(stats().gaps, 0u);
+}
+
+TEST_F(SideTrackerTest, GapAcrossTheWrapHasItsLength) {
+    tracker_->begin(0xFFFFFFFE, 0xFFFFFFF8);
+    send_at(0xFFFFFFFE, 0xFFFFFFF8);
+    send_at(1, 4);
+    pass(200ms);
+    ASSERT_EQ(tape_.gaps.size(), 1u);
+    EXPECT_EQ(tape_.gaps[0].sequence_number, 0xFFFFFFFFu);
+    EXPECT_EQ(tape_.gaps[0].lost_packets, 2u);
+    EXPECT_EQ(tape_.gaps[0].missing_samples, 8u);
+}
+
+TEST_F(SideTrackerTest, DuplicatesAreFoundAcrossTheWrap) {
+    tracker_->begin(0xFFFFFFFF, 0xFFFFFFFC);
+    send_at(0xFFFFFFFF, 0xFFFFFFFC);
+    send_at(0, 0);
+    EXPECT_EQ(send_at(0xFFFFFFFF, 0xFFFFFFFC), Verdict::DUPLICATE);
+}
+
+TEST_F(SideTrackerTest, EmptyPacketsCountButAddNothing) {
+    send(1);
+    EXPECT_EQ(tracker_->receive({2, 4, 0, nullptr, 0}, now_, tape_), Verdict::DELIVERED);
+    send_at(3, 4);
+    EXPECT_EQ(tape_.text, "aaaacccc");
+    EXPECT_EQ(stats().gaps, 0u);
+}
+
+TEST_F(SideTrackerTest, ForgedOffsetDoesNotFillAnything) {
+    send(1);
+    EXPECT_EQ(send_at(2, 0x40000000), Verdict::DOUBTED);
+    EXPECT_EQ(send(2), Verdict::DELIVERED);
+    EXPECT_EQ(tape_.text, "aaaabbbb");
+    EXPECT_EQ(stats().implausible, 1u);
+}
+
+TEST_F(SideTrackerTest, MissingPacketsCannotHoldMoreThanTheyCan) {
+    send(1);
+    EXPECT_EQ(send_at(3, 4 + 662), Verdict::DOUBTED);
+    EXPECT_EQ(send_at(3, 4 + 661), Verdict::HELD);
+}
+
+TEST_F(SideTrackerTest, ForgedSequenceNumberDoesNotStopTheSide) {
+    send(1);
+    EXPECT_EQ(send_at(0x70000000, 4), Verdict::DOUBTED);
+    EXPECT_EQ(send(2), Verdict::DELIVERED);
+}
+
+TEST_F(SideTrackerTest, ForgedPacketInTheWindowCostsOnlyItsPlace) {
+    send(1);
+    send_at(3, 4);  // Its offset denies packet 2.
+    send(2);
+    send_all({4, 5, 6});
+    finish();
+    EXPECT_NE(tape_.text.find("ffff"), std::string::npos);
+    EXPECT_GE(stats().implausible, 1u);
+}
+
+TEST_F(SideTrackerTest, JumpThatIsContinuedIsFollowed) {
+    SideTracker::Limits limits;
+    limits.gap_samples = 8;
+    restart(limits);
+    send(1);
+    EXPECT_EQ(send(100), Verdict::DOUBTED);
+    EXPECT_EQ(send(101), Verdict::DELIVERED);
+    EXPECT_EQ(send(102), Verdict::DELIVERED);
+    EXPECT_EQ(stats().resyncs, 1u);
+    EXPECT_EQ(stats().silence, 8u);
+    EXPECT_EQ(stats().unfilled, 99u * 4 - 8);
+    EXPECT_EQ(tape_.gaps[0].missing_samples, 99u * 4);
+}
+
+TEST_F(SideTrackerTest, SenderThatCountsAnewIsFollowed) {
+    tracker_->begin(5000, 20000);
+    send_at(5000, 20000);
+    EXPECT_EQ(send(1), Verdict::DOUBTED);
+    EXPECT_EQ(send(2), Verdict::DELIVERED);
+    EXPECT_EQ(send(3), Verdict::DELIVERED);
+    EXPECT_EQ(stats().silence, 0u);
+}
+
+TEST_F(SideTrackerTest, DuplicateAfterALongGapIsNotTakenForLate) {
+    for (std::uint32_t number = 1; number <= 10; ++number) {
+        send(number);
+    }
+    send(2000);
+    finish();
+    EXPECT_EQ(send(1999), Verdict::LATE);
+    EXPECT_EQ(send(2000), Verdict::DUPLICATE);
+}
+
+}  // namespace

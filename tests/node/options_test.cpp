@@ -1,0 +1,132 @@
+#include "node/options.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/tools/command_line_test.h"
+
+namespace {
+
+using namespace qv::node;
+using namespace std::chrono_literals;
+
+using NodeOptionsTest = qv::test::CommandLineTest<Options, parse_options, EXIT_USAGE>;
+
+TEST_F(NodeOptionsTest, DefaultsAreThoseOfTheDocument) {
+    EXPECT_EQ(parse({}), std::nullopt);
+    EXPECT_EQ(ntohs(options_.listen.sin_port), 40000);
+    EXPECT_EQ(ntohl(options_.listen.sin_addr.s_addr), 0x7F000001u);
+    EXPECT_EQ(options_.folder, ".");
+    EXPECT_EQ(options_.metrics_port, std::nullopt);
+    EXPECT_EQ(options_.block_kib, 32u);
+    EXPECT_EQ(options_.receive_buffer_mib, 64);
+    EXPECT_EQ(options_.limits.max_calls, 10'000u);
+    EXPECT_EQ(options_.max_files, 1'000'000u);
+    EXPECT_EQ(options_.limits.idle, 120s);
+    EXPECT_EQ(options_.limits.max_age, 12h);
+    EXPECT_EQ(options_.limits.linger, 300ms);
+    EXPECT_EQ(options_.limits.max_silence_s, 120.0);
+    EXPECT_EQ(options_.limits.side.reorder_packets, 32u);
+    EXPECT_EQ(options_.limits.side.reorder_wait, 200ms);
+}
+
+TEST_F(NodeOptionsTest, AddressAndPortAreTaken) {
+    EXPECT_EQ(parse({"--listen", "5091"}), std::nullopt);
+    EXPECT_EQ(ntohs(options_.listen.sin_port), 5091);
+    EXPECT_EQ(parse({"--listen", "192.0.2.9:5090"}), std::nullopt);
+    EXPECT_EQ(ntohs(options_.listen.sin_port), 5090);
+    EXPECT_EQ(ntohl(options_.listen.sin_addr.s_addr), 0xC0000209u);
+    EXPECT_EQ(options_.listen.sin_family, AF_INET);
+}
+
+TEST_F(NodeOptionsTest, SwitchesAreOffUntilGiven) {
+    parse({});
+    EXPECT_FALSE(options_.stereo || options_.no_sides || options_.keep_pauses || options_.quiet ||
+                 options_.overwrite || options_.live || options_.timeline || options_.every_packet);
+    parse({"--stereo", "--no-sides", "--keep-pauses", "-q", "--overwrite", "--live", "--timeline",
+           "--packets"});
+    EXPECT_TRUE(options_.stereo && options_.no_sides && options_.keep_pauses && options_.quiet &&
+                options_.overwrite && options_.live && options_.timeline && options_.every_packet);
+}
+
+TEST_F(NodeOptionsTest, SecondsMayHaveAFraction) {
+    parse({"--linger", "0.25", "--call-timeout", "1.5", "--reorder-wait", "0", "--max-call-age",
+           "3600"});
+    EXPECT_EQ(options_.limits.linger, 250ms);
+    EXPECT_EQ(options_.limits.idle, 1500ms);
+    EXPECT_EQ(options_.limits.side.reorder_wait, 0ms);
+    EXPECT_EQ(options_.limits.max_age, 1h);
+}
+
+TEST_F(NodeOptionsTest, LimitsAreTaken) {
+    parse({"--calls",          "3", "--idle-exit",   "2.5", "--rate",           "48000",
+           "--max-reorder",    "0", "--max-silence", "0",   "--max-calls",      "5",
+           "--max-open-files", "7", "--block",       "1",   "--receive-buffer", "8",
+           "--metrics",        "0", "--events",      "-",   "--max-files",      "9"});
+    EXPECT_EQ(options_.calls, 3u);
+    EXPECT_EQ(options_.idle_exit_s, 2.5);
+    EXPECT_EQ(options_.limits.sample_rate, 48000);
+    EXPECT_EQ(options_.limits.side.reorder_packets, 0u);
+    EXPECT_EQ(options_.limits.max_silence_s, 0.0);
+    EXPECT_EQ(options_.limits.max_calls, 5u);
+    EXPECT_EQ(options_.max_open_files, 7u);
+    EXPECT_EQ(options_.max_files, 9u);
+    EXPECT_EQ(options_.block_kib, 1u);
+    EXPECT_EQ(options_.receive_buffer_mib, 8);
+    EXPECT_EQ(options_.metrics_port, std::uint16_t{0});
+    EXPECT_EQ(options_.events, "-");
+}
+
+TEST_F(NodeOptionsTest, RefusalNamesTheOptionAndTheValue) {
+    EXPECT_EQ(refusal_of({"--listen", "nowhere"}),
+              "--listen: 'nowhere' is no IPv4 address and port, such as 127.0.0.1:40000");
+    EXPECT_EQ(refusal_of({"--output", ""}), "--output: a folder needs a name");
+    // Without a port the system would choose one, which nobody wants by mistake.
+    for (const std::string text : {"", "192.0.2.9", "192.0.2.9:", ":"}) {
+        EXPECT_EQ(refusal_of({"--listen", text}),
+                  "--listen: '" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000");
+    }
+    EXPECT_EQ(refusal_of({"--rate", "999"}), "--rate: Value 999 not in range 1000 to 384000");
+    EXPECT_EQ(refusal_of({"--metrics", "65536"}), "--metrics: Value 65536 not in range 0 to 65535");
+    EXPECT_EQ(refusal_of({"--calls", "-1"}), "--calls: Value -1 not in range 0 to 1000000000");
+    EXPECT_EQ(refusal_of({"--linger", "soon"}),
+              "--linger: 'soon' is no number of seconds from 0 to 60");
+    EXPECT_EQ(refusal_of({"--unknown"}), "The following argument was not expected: --unknown");
+}
+
+TEST_F(NodeOptionsTest, ValuesBeyondTheRangesAreRefused) {
+    for (const auto& [option, value] :
+         std::vector<std::pair<std::string, std::string>>{{"--max-reorder", "1001"},
+                                                          {"--reorder-wait", "10.1"},
+                                                          {"--reorder-wait", "-1"},
+                                                          {"--max-silence", "3601"},
+                                                          {"--max-calls", "0"},
+                                                          {"--call-timeout", "0"},
+                                                          {"--call-timeout", "nan"},
+                                                          {"--max-call-age", "1e9"},
+                                                          {"--linger", "61"},
+                                                          {"--max-open-files", "0"},
+                                                          {"--max-files", "-1"},
+                                                          {"--block", "0"},
+                                                          {"--receive-buffer", "0"},
+                                                          {"--idle-exit", "-1"},
+                                                          {"--idle-exit", "nan"}}) {
+        EXPECT_EQ(parse({option, value}), EXIT_USAGE) << option << ' ' << value;
+    }
+}
+
+TEST_F(NodeOptionsTest, HelpTellsDefaultsAndExitCodes) {
+    EXPECT_EQ(parse({"--version"}), EXIT_FINE);
+    EXPECT_EQ(parse({"--help"}), EXIT_FINE);
+    EXPECT_NE(help_.find("--listen ADDRESS:PORT=127.0.0.1:40000"), std::string::npos);
+    EXPECT_NE(help_.find("Exit codes: 0 fine; 1 a file could not be written"), std::string::npos);
+    EXPECT_NE(
+        help_.find(
+            "2 wrong command line; 3 the port, the folder or the events file cannot be used."),
+        std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,96 @@
+#include "node/report/event_file.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace {
+
+using qv::node::EventFile;
+
+class EventFileTest : public testing::Test {
+  protected:
+    EventFileTest() {
+        std::signal(SIGXFSZ, SIG_IGN);
+        std::string pattern = std::filesystem::temp_directory_path() / "quorvane-events-XXXXXX";
+        folder_ = mkdtemp(pattern.data());
+        path_ = folder_ + "/events.jsonl";
+        getrlimit(RLIMIT_FSIZE, &usual_);
+    }
+    ~EventFileTest() override {
+        setrlimit(RLIMIT_FSIZE, &usual_);
+        std::filesystem::remove_all(folder_);
+    }
+
+    // As if the disk held so many bytes of the file.
+    void limit(rlim_t size) const {
+        const rlimit limited{size, usual_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limited);
+    }
+    void lift_limit() const { setrlimit(RLIMIT_FSIZE, &usual_); }
+
+    static std::size_t put(EventFile& file, const std::string& text) {
+        return file.write(text.data(), text.size());
+    }
+    std::string text() const {
+        std::ifstream file(path_);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    std::string folder_;
+    std::string path_;
+    rlimit usual_{};
+};
+
+TEST_F(EventFileTest, LinesAreAppended) {
+    std::ofstream(path_) << "before\n";
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    EXPECT_EQ(put(file, "one\ntwo\n"), 8u);
+    EXPECT_EQ(put(file, "three\n"), 6u);
+    EXPECT_EQ(text(), "before\none\ntwo\nthree\n");
+}
+
+TEST_F(EventFileTest, FileThatCannotBeOpenedSaysWhy) {
+    EventFile file;
+    EXPECT_EQ(file.open(folder_), "Is a directory");
+    EXPECT_EQ(file.open(folder_ + "/none/x"), "No such file or directory");
+}
+
+TEST_F(EventFileTest, WhatFollowsACutLineBeginsOnALineOfItsOwn) {
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    limit(6);
+    EXPECT_EQ(put(file, "one\ntwo\n"), 6u);
+    EXPECT_EQ(file.error(), "File too large");
+    EXPECT_EQ(put(file, "two\n"), 0u);
+    lift_limit();
+    EXPECT_EQ(put(file, "two\n"), 4u);
+    EXPECT_EQ(text(), "one\ntw\ntwo\n");
+}
+
+TEST_F(EventFileTest, SoDoesWhatFollowsTheCutLineOfAnEarlierRun) {
+    std::ofstream(path_) << "one\ntw";
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    EXPECT_EQ(put(file, "three\n"), 6u);
+    EXPECT_EQ(text(), "one\ntw\nthree\n");
+}
+
+TEST_F(EventFileTest, DiskThatIsFullBetweenLinesCutsNone) {
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    limit(4);
+    EXPECT_EQ(put(file, "one\ntwo\n"), 4u);
+    lift_limit();
+    EXPECT_EQ(put(file, "two\n"), 4u);
+    EXPECT_EQ(text(), "one\ntwo\n");
+}
+
+}  // namespace

@@ -1,0 +1,141 @@
+#include "node/report/metrics.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace {
+
+using namespace qv::node;
+using qv::media::DecodeResult;
+
+// Asks the server on that port of the loopback for its text.
+std::string scrape(std::uint16_t port) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const timeval patience{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::string answer;
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        const std::string request = "GET /metrics HTTP/1.0\r\nHost: localhost\r\n\r\n";
+        send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+        char piece[4096];
+        for (ssize_t got = 0; (got = recv(fd, piece, sizeof piece, 0)) > 0;) {
+            answer.append(piece, static_cast<std::size_t>(got));
+        }
+    }
+    close(fd);
+    return answer;
+}
+
+class MetricsTest : public testing::Test {
+  protected:
+    void update() {
+        metrics_.update({totals_, malformed_, received_, overflowed_, calls_, open_files_,
+                         receive_buffer_, calls_not_written_});
+    }
+    // In what the server told last, or tells now.
+    bool shows(const std::string& line) {
+        told_ = told_.empty() ? scrape(metrics_.port()) : told_;
+        return told_.find("\n" + line + "\n") != std::string::npos;
+    }
+    std::uint64_t& dropped(Drop reason) {
+        return totals_.dropped[static_cast<std::size_t>(reason)];
+    }
+
+    Metrics metrics_{0};
+    Totals totals_;
+    std::array<std::uint64_t, qv::media::DECODE_RESULT_COUNT> malformed_{};
+    std::uint64_t received_ = 0;
+    std::uint64_t overflowed_ = 0;
+    std::size_t calls_ = 0;
+    std::size_t open_files_ = 0;
+    int receive_buffer_ = 0;
+    std::uint64_t calls_not_written_ = 0;
+    std::string told_;
+};
+
+TEST_F(MetricsTest, CountersAreThereBeforeAnythingCame) {
+    EXPECT_TRUE(shows("quorvane_node_received_packets_total 0"));
+    EXPECT_TRUE(shows("quorvane_node_calls 0"));
+    EXPECT_TRUE(shows("quorvane_node_malformed_packets_total{reason=\"bad magic\"} 0"));
+    EXPECT_TRUE(shows("# TYPE quorvane_node_received_packets_total counter"));
+}
+
+TEST_F(MetricsTest, EachValueHasItsName) {
+    received_ = 100;
+    overflowed_ = 2;
+    calls_ = 3;
+    open_files_ = 4;
+    receive_buffer_ = 5;
+    calls_not_written_ = 6;
+    totals_.calls_begun = 11;
+    totals_.calls_ended = 12;
+    totals_.calls_not_terminated = 13;
+    totals_.calls_without_start = 14;
+    totals_.audio_bytes = 15;
+    totals_.gaps = 16;
+    totals_.lost_packets = 17;
+    totals_.silence_samples = 18;
+    totals_.file_errors = 19;
+    update();
+    for (const char* line :
+         {"received_packets_total 100", "socket_dropped_packets_total 2", "calls 3", "open_files 4",
+          "receive_buffer_bytes 5", "calls_not_written_total 6", "calls_begun_total 11",
+          "calls_ended_total 12", "calls_not_terminated_total 13", "calls_without_start_total 14",
+          "audio_bytes_total 15", "gaps_total 16", "skipped_packets_total 17",
+          "silence_samples_total 18", "file_errors_total 19"}) {
+        EXPECT_TRUE(shows(std::string("quorvane_node_") + line)) << line;
+    }
+}
+
+TEST_F(MetricsTest, PacketsAreCountedByType) {
+    totals_.packets = {1, 2, 3, 4};
+    update();
+    EXPECT_TRUE(shows("quorvane_node_packets_total{type=\"start\"} 1"));
+    EXPECT_TRUE(shows("quorvane_node_packets_total{type=\"terminate\"} 2"));
+    EXPECT_TRUE(shows("quorvane_node_packets_total{type=\"data\"} 3"));
+    EXPECT_TRUE(shows("quorvane_node_packets_total{type=\"control\"} 4"));
+}
+
+TEST_F(MetricsTest, UnusedAndMalformedPacketsAreCountedByReason) {
+    dropped(Drop::TOO_MANY_CALLS) = 5;
+    dropped(Drop::IMPLAUSIBLE) = 6;
+    malformed_[static_cast<std::size_t>(DecodeResult::TOO_SHORT)] = 7;
+    malformed_[static_cast<std::size_t>(DecodeResult::UNTERMINATED_CALL_REFERENCE)] = 8;
+    update();
+    EXPECT_TRUE(shows("quorvane_node_unused_packets_total{reason=\"too many calls at once\"} 5"));
+    EXPECT_TRUE(
+        shows("quorvane_node_unused_packets_total{reason=\"implausible sequence number or sample "
+              "offset\"} 6"));
+    EXPECT_TRUE(
+        shows("quorvane_node_malformed_packets_total{reason=\"too short for its packet type\"} 7"));
+    EXPECT_TRUE(
+        shows("quorvane_node_malformed_packets_total{reason=\"call reference without its final "
+              "zero\"} 8"));
+}
+
+TEST_F(MetricsTest, AnUpdateShowsTheNewValuesAndNotTheirSum) {
+    received_ = 10;
+    calls_ = 4;
+    update();
+    received_ = 12;
+    calls_ = 1;
+    update();
+    EXPECT_TRUE(shows("quorvane_node_received_packets_total 12"));
+    EXPECT_TRUE(shows("quorvane_node_calls 1"));
+}
+
+TEST(MetricsPortTest, APortInUseIsRefused) {
+    Metrics first(0);
+    EXPECT_THROW(Metrics second(first.port()), std::exception);
+}
+
+}  // namespace

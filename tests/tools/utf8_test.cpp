@@ -1,0 +1,63 @@
+#include "tools/utf8.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace qv::tools;
+
+// The size and the code, or 0 for what is no character.
+std::pair<std::size_t, char32_t> first(const std::string& text) {
+    const Character character = first_character(text);
+    return {character.size, character.code};
+}
+using Found = std::pair<std::size_t, char32_t>;
+
+TEST(CharactersTest, CharactersHaveOneToFourBytes) {
+    EXPECT_EQ(first("ab"), Found(1, U'a'));
+    EXPECT_EQ(first("\xC2\x80"), Found(2, 0x80));
+    EXPECT_EQ(first("\xDF\xBF"), Found(2, 0x7FF));
+    EXPECT_EQ(first("\xE0\xA0\x80"), Found(3, 0x800));
+    EXPECT_EQ(first("\xE6\x97\xA5x"), Found(3, 0x65E5));
+    EXPECT_EQ(first("\xF0\x90\x80\x80"), Found(4, 0x10000));
+    EXPECT_EQ(first("\xF4\x8F\xBF\xBF"), Found(4, 0x10FFFF));
+}
+
+TEST(CharactersTest, WhatIsNoUtf8IsSingleBytes) {
+    for (const char* text :
+         {"\x80", "\xBF", "\xC0\x80", "\xC1\xBF", "\xC3", "\xC3x", "\xE0\x9F\xBF", "\xE6\x97",
+          "\xE6\x97x", "\xED\xA0\x80", "\xED\xBF\xBF", "\xF0\x8F\xBF\xBF", "\xF0\x9F\x98",
+          "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xFE", "\xFF"}) {
+        EXPECT_EQ(first(text), Found(1, 0)) << text;
+    }
+}
+
+TEST(CharactersTest, ControlsAndInvisibleCharactersAreNotPrintable) {
+    for (const char32_t code : {0x00,   0x1F,   0x7F,   0x80,    0x9F,    0xAD,     0x61C,
+                                0x200B, 0x200F, 0x2028, 0x202A,  0x202E,  0x2066,   0x2069,
+                                0xFEFF, 0xFFFE, 0xFFFF, 0x1FFFE, 0xE0041, 0x10FFFF, 0x110000}) {
+        EXPECT_FALSE(is_printable(code)) << std::hex << static_cast<unsigned>(code);
+    }
+    for (const char32_t code : {0x20, 0x7E, 0xA0, 0xE9, 0x416, 0x5D0, 0x65E5, 0xFFFD, 0x1F600}) {
+        EXPECT_TRUE(is_printable(code)) << std::hex << static_cast<unsigned>(code);
+    }
+}
+
+TEST(CharactersTest, WideCharactersTakeTwoColumns) {
+    EXPECT_EQ(columns_of(""), 0u);
+    EXPECT_EQ(columns_of("a\u00e9\u0416\u2588\u00b7"), 5u);
+    EXPECT_EQ(columns_of("\u65e5\ud55c\uff21\U0001F600"), 8u);
+}
+
+TEST(CharactersTest, TextIsCutBetweenCharacters) {
+    const std::string text = "a\u65e5\u672c";
+    EXPECT_EQ(fitting(text, 0), "");
+    EXPECT_EQ(fitting(text, 1), "a");
+    EXPECT_EQ(fitting(text, 2), "a");
+    EXPECT_EQ(fitting(text, 3), "a\u65e5");
+    EXPECT_EQ(fitting(text, 4), "a\u65e5");
+    EXPECT_EQ(fitting(text, 5), text);
+    EXPECT_EQ(fitting(text, 99), text);
+}
+
+}  // namespace
