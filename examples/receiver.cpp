@@ -1,7 +1,7 @@
 // A media node to start from: decodes the packets, follows both sides of every
 // call and hands their samples to on_audio(), which is yours to write.
 //
-//   g++ -std=c++17 -O2 -I. examples/receiver.cpp -o receiver
+//   g++ -std=c++17 -O2 -Iinclude examples/receiver.cpp -o receiver
 //   ./receiver 127.0.0.1 5090
 //
 // Prints a line for each event; ends on SIGINT or SIGTERM. A call ends a second
@@ -111,8 +111,8 @@ void take_data(const std::string& uuid, Call& call, const Packet& packet) {
         const auto samples =
             static_cast<std::int32_t>(packet.sample_offset - side.next_sample_offset);
         side.lost_packets += static_cast<std::uint32_t>(ahead);
-        std::printf("%s gap: %s packets=%d samples=%d\n", uuid.c_str(), side_name(packet), ahead,
-                    samples);
+        std::printf("%s gap: %s lost_packets=%d missing_samples=%d\n", uuid.c_str(),
+                    side_name(packet), ahead, samples);
     }
     side.next_sequence_number = packet.sequence_number + 1;
     side.next_sample_offset = packet.sample_offset + packet.sample_count;

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""A media node to start from: one WAV file a side of each call, one JSON line an event.
+"""A media node to start from: one WAV file per side of each call, one JSON line per event.
 
-Needs Python 3.10 and nothing else; docs/protocol.md describes the packets and the rules. A call
-is held in memory until it ends; quorvane-node is the receiver that one can leave running.
+Needs Python 3.10 and nothing else; docs/protocol.md describes the packets and the rules. Events
+have the names and fields of quorvane-node's. A call is held in memory until it ends; quorvane-node
+is the receiver that you can leave running.
 """
-import argparse, json, pathlib, select, signal, socket, struct, sys, time, uuid, wave
+import argparse, datetime, json, pathlib, select, signal, socket, struct, sys, time, uuid, wave
 
 HEADER = ("<IBBHQ16sq", "magic packet_type protocol_version leg_word call_key call_uuid send_time")
 TYPES = {0x81: "start", 0x82: "terminate", 0x83: "data", 0x84: "control"}
@@ -17,6 +18,7 @@ FORMS = {  # How a field is shown, where it is not a plain number.
     "call_uuid": lambda raw: str(uuid.UUID(bytes=raw)), "report_node_address": socket.inet_ntoa,
     "report_node_port": lambda raw: int.from_bytes(raw, "big"),
     "features": lambda raw: {"supported": raw[0], "active": raw[1]}}
+SIDES = ("originator", "terminator")
 LATE_TIME, IDLE_TIME = 1, 60  # Seconds that a call stays after its end, without packets.
 LONGEST_GAP = 4800000  # Samples; an offset further ahead is not to be believed.
 
@@ -58,6 +60,7 @@ def difference(a, b):
 class Side:
     """The audio of one side of a call; every packet is put at its place."""
     def __init__(self, packet):
+        self.leg = packet["leg_word"] >> 15
         self.audio, self.packets, self.missing = bytearray(), 0, set()
         self.number, self.offset = 1, 0  # Those of the packet to come next.
         if packet["sequence_number"] > 1000:  # The call is joined in its middle.
@@ -71,46 +74,91 @@ class Side:
         place = len(self.audio) + 2 * gap
         is_copy = ahead < 0 and number not in self.missing
         if is_copy or place < 0 or gap > LONGEST_GAP:
-            return {"event": "dropped", "sequence_number": number}
+            fields = {name: packet[name] for name in BODIES["data"][1].split()}
+            reason = "duplicate data packet" if is_copy else "implausible sample offset"
+            return {"event": "dropped", **fields, "reason": reason}
         self.packets += 1
         self.audio.extend(bytes(max(0, place - len(self.audio))))
         self.audio[place:place + len(audio)] = audio
         if ahead < 0:
             return self.missing.remove(number)
+        begin = {"sequence_number": self.number, "sample_offset": self.offset}
         self.missing.update((self.number + i) % 2**32 for i in range(min(ahead, 10000)))
         self.number = (number + 1) % 2**32
         self.offset = (packet["sample_offset"] + packet["sample_count"]) % 2**32
-        return {"event": "gap", "packets": ahead, "samples": gap} if ahead or gap else None
+        lost = {"lost_packets": ahead, "missing_samples": gap}
+        return {"event": "gap", **begin, **lost} if ahead or gap else None
 
     def write(self, path, rate):
-        while path.exists():  # An earlier tap on the same call.
-            path = path.with_stem(path.stem + "-again")
-        with wave.open(str(path), "wb") as file:
+        with path.open("wb") as raw, wave.open(raw, "wb") as file:
             file.setparams((1, 2, rate, 0, "NONE", ""))
             file.writeframes(self.audio)
-        return {"file": path.name, "packets": self.packets, "samples": len(self.audio) // 2,
-                "missing_packets": len(self.missing)}
+
+    def summary(self, rate):
+        return {"leg": self.leg, "sample_rate": rate, "packets": self.packets,
+                "samples": len(self.audio) // 2, "lost_packets": len(self.missing)}
+
+class Call:
+    def __init__(self, packet):
+        self.names = {name: packet[name] for name in ("call_key", "call_uuid")}
+        self.clock, self.controls, self.sides = None, 0, {}
+        self.reason, self.stays = "timed_out", IDLE_TIME  # How it ends if nothing comes any more.
+
+    def tell(self, event, **more):
+        tell(event, **self.names, **more)
+
+    def paths(self, folder):
+        """The sides with their files; a further tap on the same call gets a number in them."""
+        number = 1
+        while True:
+            stem = self.names["call_uuid"] + (f"-{number}" if number > 1 else "")
+            paths = {name: folder / f"{stem}-{name}.wav" for name in SIDES}
+            if not any(path.exists() for path in paths.values()):
+                return [(side, paths[name]) for name, side in self.sides.items()]
+            number += 1
+
+    def write(self, folder, rate):
+        """Writes the files. One that cannot be written is reported; the program goes on."""
+        files = []
+        for side, path in self.paths(folder):
+            files.append({"path": str(path), "error": ""})
+            try:
+                side.write(path, rate)
+            except (OSError, struct.error) as error:  # The latter: too long for a WAV file.
+                files[-1]["error"] = getattr(error, "strerror", None) or str(error)
+                self.tell("file_error", **files[-1])
+        return files
+
+    def end(self, reason, folder, rate):
+        files = self.write(folder, rate)
+        sides = {name: side.summary(rate) for name, side in self.sides.items()}
+        self.tell("end", reason=reason, start_seen=self.clock is not None,
+                  control_packets=self.controls, sides=sides, files=files)
 
 def tell(event, **more):
-    print(json.dumps({"event": event, **more}), flush=True)
+    now = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%S.%fZ")
+    print(json.dumps({"event": event, "time": now, **more}), flush=True)
 
 def receive(datagram, calls, close):
     try:
         packet, rest = decode(datagram)
     except ValueError as reason:
-        return tell("refused", reason=str(reason), length=len(datagram))
+        return tell("malformed", reason=str(reason), size=len(datagram))
     key, kind, clock = packet["call_uuid"], packet["packet_type"], packet.get("configured_clock")
-    if kind == "start" and key in calls and calls[key]["clock"] not in (None, clock):
-        close(key)  # The channel is tapped a second time.
-    call = calls.setdefault(key, {"sides": {}, "clock": None, "stays": IDLE_TIME})
-    call["clock"] = clock or call["clock"]
-    call["stays"] = LATE_TIME if kind == "terminate" else call["stays"]
-    call["deadline"] = time.monotonic() + call["stays"]
+    if kind == "start" and key in calls and calls[key].clock not in (None, clock):
+        close(key, "replaced")  # The channel is tapped a second time.
+    call = calls.setdefault(key, Call(packet))
+    call.clock = call.clock if clock is None else clock
+    call.controls += kind == "control"
+    if kind == "terminate":
+        call.reason, call.stays = "terminated", LATE_TIME
+    call.deadline = time.monotonic() + call.stays
     if kind != "data":
         return tell(kind, **packet)
-    name = "terminator" if packet["leg_word"] & 0x0001 else "originator"
-    event = call["sides"].setdefault(name, Side(packet)).add(packet, rest)
-    return event and tell(call_uuid=key, side=name, **event)
+    name = SIDES[packet["leg_word"] & 0x0001]
+    side = call.sides.setdefault(name, Side(packet))
+    event = side.add(packet, rest)
+    return event and call.tell(event.pop("event"), call_side=name, leg=side.leg, **event)
 
 def address_and_port(text):
     address, _, port = text.rpartition(":")
@@ -132,11 +180,9 @@ def main():
         sys.exit(f"cannot write to folder {options.output}: {error.strerror}")
     calls = {}
 
-    def close(key):
-        legs = {name: side.write(options.output / f"{key}-{name}.wav", options.rate)
-                for name, side in calls.pop(key)["sides"].items()}
+    def close(key, reason):
         options.calls -= 1
-        tell("closed", call_uuid=key, legs=legs)
+        calls.pop(key).end(reason, options.output, options.rate)
 
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: sys.exit())
@@ -151,11 +197,11 @@ def main():
             while options.calls != 0:
                 if select.select([sock], [], [], 0.2)[0]:
                     receive(sock.recv(65536), calls, close)
-                for key in [k for k in calls if calls[k]["deadline"] < time.monotonic()]:
-                    close(key)
+                for key in [k for k in calls if calls[k].deadline < time.monotonic()]:
+                    close(key, calls[key].reason)
         finally:
             for key in list(calls):
-                close(key)
+                close(key, "shutdown")
 
 if __name__ == "__main__":
     main()

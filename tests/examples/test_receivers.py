@@ -25,6 +25,7 @@ DATA = ROOT / "tests" / "data"
 GOLDEN = json.loads((DATA / "golden.json").read_text(encoding="utf-8"))
 CALL = sorted(name for name in GOLDEN if name.startswith("call_"))
 UUID = GOLDEN["call_1_start"]["call_uuid"]
+KEY = GOLDEN["call_1_start"]["call_key"]
 WAVE_SAMPLES = [0, 100, 200, 100, 0, -100, -200, -100]
 README = (ROOT / "examples" / "README.md").read_text(encoding="utf-8")
 PROGRAM = None  # The receiver in C++, set by main().
@@ -44,6 +45,13 @@ def data(sequence_number, sample_offset, samples):
     packet[44:48] = sample_offset.to_bytes(4, "little")
     packet[48:50] = len(samples).to_bytes(2, "little")
     return bytes(packet) + audio
+
+
+def start_of_tap(number):
+    """The start packet of the first, second... tap on the golden call."""
+    packet = bytearray(datagram("call_1_start"))
+    packet[56:64] = (3600000000 + number * 1000000).to_bytes(8, "little")
+    return bytes(packet)
 
 
 def damaged(chance):
@@ -126,79 +134,146 @@ class PythonReceiver(ReceiverTest):
         self.start([sys.executable, "examples/receiver.py", "--listen", "127.0.0.1:0",
                     "--output", "FOLDER"])
 
+    def event(self, line):
+        """An event without its time, which no test knows."""
+        event = json.loads(line)
+        self.assertRegex(event.pop("time"), r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z$")
+        return event
+
     def events(self, count):
-        return [json.loads(line) for line in self.lines(count)]
+        return [self.event(line) for line in self.lines(count)]
 
     def end(self):
         """The events that are left, after an interrupt."""
-        return [json.loads(line) for line in self.stop()]
+        return [self.event(line) for line in self.stop()]
+
+    def written_samples(self, end, side="originator"):
+        """The samples of a side's file, found by the `end` event."""
+        path = next(file["path"] for file in end["files"] if side in file["path"])
+        return samples_of(path)
 
     def test_call_becomes_two_files_and_the_documents_fields(self):
         self.send(*[datagram(name) for name in CALL])
         events = self.events(3)
         for event, name in zip(events, ("call_1_start", "call_6_control", "call_7_terminate")):
             self.assertEqual(event, {"event": GOLDEN[name]["packet_type"], **GOLDEN[name]})
-        closed = self.events(1)[0]
-        self.assertEqual(closed["legs"]["originator"], {
-            "file": f"{UUID}-originator.wav", "packets": 2, "samples": 16, "missing_packets": 0})
+        self.assertEqual(self.events(1), [{
+            "event": "end", "call_key": KEY, "call_uuid": UUID, "reason": "terminated",
+            "start_seen": True, "control_packets": 1,
+            "sides": {
+                "originator": {"leg": 0, "sample_rate": 8000, "packets": 2, "samples": 16,
+                               "lost_packets": 0},
+                "terminator": {"leg": 1, "sample_rate": 8000, "packets": 2, "samples": 16,
+                               "lost_packets": 0}},
+            "files": [{"path": str(self.folder / f"{UUID}-originator.wav"), "error": ""},
+                      {"path": str(self.folder / f"{UUID}-terminator.wav"), "error": ""}]}])
         self.assertEqual(samples_of(self.folder / f"{UUID}-originator.wav"), WAVE_SAMPLES * 2)
         self.assertEqual(samples_of(self.folder / f"{UUID}-terminator.wav"),
                          [0] * 8 + [1000, -1000] * 4)
 
     def test_gap_is_told_and_becomes_silence(self):
         self.send(data(1, 0, [1, 2]), data(4, 6, [7, 8]))
-        self.assertEqual(self.events(1), [{"event": "gap", "call_uuid": UUID, "side": "originator",
-                                           "packets": 2, "samples": 4}])
-        leg = self.end()[0]["legs"]["originator"]
-        self.assertEqual((leg["packets"], leg["missing_packets"]), (2, 2))
-        self.assertEqual(samples_of(self.folder / leg["file"]), [1, 2, 0, 0, 0, 0, 7, 8])
+        self.assertEqual(self.events(1), [{
+            "event": "gap", "call_key": KEY, "call_uuid": UUID, "call_side": "originator",
+            "leg": 0, "sequence_number": 2, "sample_offset": 2, "lost_packets": 2,
+            "missing_samples": 4}])
+        end = self.end()[0]
+        side = end["sides"]["originator"]
+        self.assertEqual((side["packets"], side["lost_packets"]), (2, 2))
+        self.assertEqual(self.written_samples(end), [1, 2, 0, 0, 0, 0, 7, 8])
 
     def test_late_packet_is_put_at_its_place_and_a_copy_is_dropped(self):
         self.send(data(1, 0, [1, 2]), data(3, 4, [5, 6]), data(2, 2, [3, 4]), data(2, 2, [9, 9]))
-        self.assertEqual([event["event"] for event in self.events(2)], ["gap", "dropped"])
-        leg = self.end()[0]["legs"]["originator"]
-        self.assertEqual((leg["packets"], leg["missing_packets"]), (3, 0))
-        self.assertEqual(samples_of(self.folder / leg["file"]), [1, 2, 3, 4, 5, 6])
+        gap, dropped = self.events(2)
+        self.assertEqual(gap["event"], "gap")
+        self.assertEqual(dropped, {
+            "event": "dropped", "call_key": KEY, "call_uuid": UUID, "call_side": "originator",
+            "leg": 0, "sequence_number": 2, "sample_offset": 2, "sample_count": 2,
+            "reason": "duplicate data packet"})
+        end = self.end()[0]
+        side = end["sides"]["originator"]
+        self.assertEqual((side["packets"], side["lost_packets"]), (3, 0))
+        self.assertEqual(self.written_samples(end), [1, 2, 3, 4, 5, 6])
 
     def test_call_is_joined_in_its_middle_and_counters_wrap(self):
         self.send(datagram("data_before_wrap"), datagram("data_after_wrap"))
-        closed = self.end_after_packets()
-        self.assertEqual(samples_of(self.folder / closed["legs"]["originator"]["file"]),
-                         WAVE_SAMPLES * 2)
+        self.assertEqual(self.written_samples(self.end_after_packets()), WAVE_SAMPLES * 2)
 
     def end_after_packets(self):
-        """The closing event, once a refused datagram shows that all before it were taken."""
+        """The `end` event, once a malformed datagram shows that all before it were taken."""
         self.send(b"end")
-        self.assertEqual(self.events(1)[0]["event"], "refused")
+        self.assertEqual(self.events(1)[0]["event"], "malformed")
         events = self.end()
-        self.assertEqual([event["event"] for event in events], ["closed"])
+        self.assertEqual([event["event"] for event in events], ["end"])
+        self.assertEqual(events[0]["reason"], "shutdown")
         return events[0]
 
     def test_termination_closes_the_files(self):
         self.send(data(1, 0, [1, 2]), b"end")
         self.events(1)
-        closed = json.loads(self.stop(signal.SIGTERM)[0])
-        path = self.folder / closed["legs"]["originator"]["file"]
-        self.assertEqual(samples_of(path), [1, 2])
+        end = self.event(self.stop(signal.SIGTERM)[0])
+        self.assertEqual(self.written_samples(end), [1, 2])
 
     def test_packet_without_samples_is_counted(self):
         self.send(data(1, 0, [1, 2]), data(2, 2, []), data(3, 2, [3]))
-        leg = self.end_after_packets()["legs"]["originator"]
-        self.assertEqual((leg["packets"], leg["samples"]), (3, 3))
+        side = self.end_after_packets()["sides"]["originator"]
+        self.assertEqual((side["packets"], side["samples"]), (3, 3))
 
     def test_offset_beyond_belief_is_dropped(self):
         self.send(data(1, 0, [1, 2]), data(2, 0x7FFFFFF0, [3]))
-        self.assertEqual(self.events(1)[0]["event"], "dropped")
-        self.assertEqual(self.end()[0]["legs"]["originator"]["samples"], 2)
+        dropped = self.events(1)[0]
+        self.assertEqual((dropped["event"], dropped["reason"]),
+                         ("dropped", "implausible sample offset"))
+        self.assertEqual(self.end()[0]["sides"]["originator"]["samples"], 2)
 
     def test_second_tap_on_a_call_gets_files_of_its_own(self):
-        again = bytearray(datagram("call_1_start"))
-        again[56:64] = (4600000000).to_bytes(8, "little")
-        self.send(datagram("call_1_start"), data(1, 0, [1]), bytes(again), data(1, 0, [2]))
-        self.assertEqual([event["event"] for event in self.events(3)], ["start", "closed", "start"])
-        second = self.end_after_packets()["legs"]["originator"]["file"]
+        self.send(start_of_tap(1), data(1, 0, [1]), start_of_tap(2), data(1, 0, [2]))
+        events = self.events(3)
+        self.assertEqual([event["event"] for event in events], ["start", "end", "start"])
+        self.assertEqual(events[1]["reason"], "replaced")
+        self.end_after_packets()
         self.assertEqual(samples_of(self.folder / f"{UUID}-originator.wav"), [1])
-        self.assertEqual(samples_of(self.folder / second), [2])
+        self.assertEqual(samples_of(self.folder / f"{UUID}-2-originator.wav"), [2])
+
+    def test_fifty_taps_on_a_call_get_files_of_their_own(self):
+        for number in range(1, 51):
+            self.send(start_of_tap(number), data(1, 0, [number]))
+            self.events(1 if number == 1 else 2)
+        self.end_after_packets()
+        self.assertEqual(samples_of(self.folder / f"{UUID}-50-originator.wav"), [50])
+        self.assertEqual(len(list(self.folder.glob("*.wav"))), 50)
+
+    def test_sides_of_a_tap_share_their_number(self):
+        (self.folder / f"{UUID}-terminator.wav").touch()
+        self.send(data(1, 0, [1]))
+        self.end_after_packets()
+        self.assertEqual(samples_of(self.folder / f"{UUID}-2-originator.wav"), [1])
+
+    def test_file_that_cannot_be_written_ends_its_call_alone(self):
+        other = bytearray(data(1, 0, [7]))
+        other[16:32] = bytes(range(16))
+        self.send(start_of_tap(1), data(1, 0, [1]), bytes(other), b"end")
+        self.events(2)
+        (self.folder / f"{UUID}-originator.wav").symlink_to("/nowhere/at/all")
+        self.send(datagram("call_7_terminate"))
+        terminate, failed, end = self.events(3)
+        self.assertEqual(terminate["event"], "terminate")
+        path = str(self.folder / f"{UUID}-originator.wav")
+        self.assertEqual(failed, {"event": "file_error", "call_key": KEY, "call_uuid": UUID,
+                                  "path": path, "error": "No such file or directory"})
+        self.assertEqual(end["files"], [{"path": path, "error": "No such file or directory"}])
+        self.assertEqual(self.written_samples(self.end_after_packets()), [7])
+
+    def test_vanished_folder_is_told_and_the_receiver_goes_on(self):
+        self.send(start_of_tap(1), data(1, 0, [1]), start_of_tap(2))
+        self.events(3)
+        for path in self.folder.iterdir():
+            path.unlink()
+        self.folder.rmdir()
+        self.addCleanup(self.folder.mkdir)
+        self.send(data(1, 0, [2]), start_of_tap(3))
+        self.assertEqual([event["event"] for event in self.events(3)],
+                         ["file_error", "end", "start"])
 
     def test_malformed_datagrams_are_refused_with_the_documents_reason(self):
         for name in GOLDEN:
@@ -206,26 +281,26 @@ class PythonReceiver(ReceiverTest):
                 with self.subTest(name):
                     self.send(datagram(name))
                     self.assertEqual(self.events(1)[0], {
-                        "event": "refused", "reason": GOLDEN[name]["malformed"],
-                        "length": len(datagram(name))})
+                        "event": "malformed", "reason": GOLDEN[name]["malformed"],
+                        "size": len(datagram(name))})
         self.assertEqual(self.end(), [])
 
     def test_damaged_datagrams_do_no_harm(self):
         self.send_damaged(200)
-        self.assertEqual({event["event"] for event in self.end()}, {"closed"})
+        self.assertEqual({event["event"] for event in self.end()}, {"end"})
 
     def test_calls_through_the_module_come_out_sample_by_sample(self):
         self.place_calls("--calls", "3", "--api", "0.2 quorvane {uuid} audio_activity stop both",
                          "--set", "quorvane_audio_activity=true", "--set", "quorvane_rule_id=7")
         events = self.events(12)
         kinds = sorted(event["event"] for event in events)
-        self.assertEqual(kinds, ["closed"] * 3 + ["control"] * 3 + ["start"] * 3 +
+        self.assertEqual(kinds, ["control"] * 3 + ["end"] * 3 + ["start"] * 3 +
                          ["terminate"] * 3)
-        for call in (event for event in events if event["event"] == "closed"):
-            for side, level in (("originator", 1000), ("terminator", -2000)):
-                leg = call["legs"][side]
-                self.assertEqual((leg["packets"], leg["missing_packets"]), (50, 0))
-                self.assertEqual(samples_of(self.folder / leg["file"]),
+        for call in (event for event in events if event["event"] == "end"):
+            for name, level in (("originator", 1000), ("terminator", -2000)):
+                side = call["sides"][name]
+                self.assertEqual((side["packets"], side["lost_packets"]), (50, 0))
+                self.assertEqual(self.written_samples(call, name),
                                  [level + at % 100 for at in range(8000)])
         starts = [event for event in events if event["event"] == "start"]
         self.assertEqual({event["call_reference"] for event in starts},
@@ -238,14 +313,14 @@ class PythonReceiver(ReceiverTest):
         send = readme_command("python3 examples/send_call.py")
         subprocess.run(shlex.split(send.replace(":5090", f":{self.port}")), cwd=ROOT, check=True,
                        stdout=subprocess.DEVNULL, timeout=30)
-        events = [json.loads(line) for line in self.process.communicate(timeout=20)[0].splitlines()]
+        events = [self.event(line) for line in self.process.communicate(timeout=20)[0].splitlines()]
         self.assertEqual([event["event"] for event in events],
-                         ["start", "gap", "control", "terminate", "closed"])
-        self.assertEqual((events[1]["packets"], events[1]["samples"]), (2, 320))
-        legs = events[4]["legs"]
-        self.assertEqual([legs[side]["samples"] for side in ("originator", "terminator")],
+                         ["start", "gap", "control", "terminate", "end"])
+        self.assertEqual((events[1]["lost_packets"], events[1]["missing_samples"]), (2, 320))
+        sides = events[4]["sides"]
+        self.assertEqual([sides[side]["samples"] for side in ("originator", "terminator")],
                          [16000, 16000])
-        lost = samples_of(self.folder / legs["originator"]["file"])[19 * 160 : 21 * 160]
+        lost = self.written_samples(events[4])[19 * 160 : 21 * 160]
         self.assertEqual(lost, [0] * 320)
 
     def refusal(self, *options):
@@ -291,7 +366,7 @@ class CppReceiver(ReceiverTest):
     def test_gap_and_late_packet_are_told(self):
         self.send(data(1, 0, [1, 2]), data(3, 4, [5, 6]), data(2, 2, [3, 4]))
         self.assertEqual(self.lines(2), [
-            f"{UUID} gap: originator packets=1 samples=2",
+            f"{UUID} gap: originator lost_packets=1 missing_samples=2",
             f"{UUID} late or copied: originator sequence number 2"])
         self.assertEqual(self.stop(signal.SIGTERM), [
             f"{UUID} end: originator packets=2 samples=4 lost_packets=1 peak=6",
@@ -321,9 +396,7 @@ class CppReceiver(ReceiverTest):
         self.assertIn("reference=??4b4c76e66710@192.0.2.7 ", self.lines(1)[0])
 
     def test_second_tap_counts_from_the_beginning(self):
-        again = bytearray(datagram("call_1_start"))
-        again[56:64] = (4600000000).to_bytes(8, "little")
-        self.send(datagram("call_1_start"), data(1, 0, [1]), data(2, 1, [1]), bytes(again),
+        self.send(start_of_tap(1), data(1, 0, [1]), data(2, 1, [1]), start_of_tap(2),
                   data(1, 0, [2]), datagram("call_7_terminate"))
         told = self.lines(6)
         self.assertEqual([told[1], told[4]], [
