@@ -16,12 +16,12 @@ constexpr std::size_t HEAD_LINES = 5;
 constexpr double METER_BOTTOM = -60;
 
 std::string left(std::string text, std::size_t width) {
-    text.append(width - std::min(width, columns_of(text)), ' ');
+    text.append(width - std::min(width, tools::columns_of(text)), ' ');
     return text;
 }
 
 std::string right(const std::string& text, std::size_t width) {
-    return std::string(width - std::min(width, columns_of(text)), ' ') + text;
+    return std::string(width - std::min(width, tools::columns_of(text)), ' ') + text;
 }
 
 double seconds_of(Micros time) {
@@ -81,7 +81,7 @@ std::string row(Call& call, Micros now, const Columns& columns) {
         lost += side.tracker.stats().lost();
         packets += side.tracker.stats().packets;
     }
-    std::string text = fitting(uuid_text(call.uuid), columns.uuid) +
+    std::string text = tools::fitting(uuid_text(call.uuid), columns.uuid) +
                        right(duration_text(seconds_of(now - call.first_seen)), 12) + "  " +
                        feature_letters(call.features, Side::ORIGINATOR) + ' ' +
                        feature_letters(call.features, Side::TERMINATOR) + "  " +
@@ -110,7 +110,7 @@ std::vector<Call*> oldest_first(CallTable& calls) {
 std::string joined(const std::vector<std::string>& lines, ScreenSize size) {
     std::string text;
     for (std::size_t i = 0; i < lines.size() && i < size.rows; ++i) {
-        text += (i == 0 ? "" : "\r\n") + fitting(lines[i], size.columns) + "\x1b[K";
+        text += (i == 0 ? "" : "\r\n") + tools::fitting(lines[i], size.columns) + "\x1b[K";
     }
     return text;
 }

@@ -53,7 +53,7 @@ std::string shown_text(std::string_view bytes, char32_t code) {
     if (code == '"' || code == '\\') {
         return '\\' + std::string(bytes);
     }
-    if (is_printable(code)) {
+    if (tools::is_printable(code)) {
         return std::string(bytes);
     }
     std::string out;
@@ -81,9 +81,9 @@ std::string address_text(const unsigned char* address, std::uint16_t port) {
 std::string quoted_text(std::string_view text, std::size_t columns) {
     std::string out = "\"";
     while (!text.empty()) {
-        const Character next = first_character(text);
+        const tools::Character next = tools::first_character(text);
         const std::string shown = shown_text(text.substr(0, next.size), next.code);
-        const std::size_t width = columns_of(shown);
+        const std::size_t width = tools::columns_of(shown);
         if (width > columns) {
             out += "...";
             break;
