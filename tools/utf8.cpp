@@ -106,7 +106,7 @@ std::size_t columns_of(std::string_view text) {
     return columns;
 }
 
-std::string fitting(std::string_view text, std::size_t columns) {
+std::string truncate_to_columns(std::string_view text, std::size_t columns) {
     std::size_t size = 0;
     while (size < text.size()) {
         const Character next = first_character(text.substr(size));

@@ -23,7 +23,7 @@ bool is_printable(char32_t code);
 // two; those that take none are counted, too, so that no line becomes longer than it is counted.
 std::size_t columns_of(std::string_view text);
 
-// The beginning of the text, whole characters, that fits in so many columns.
-std::string fitting(std::string_view text, std::size_t columns);
+// The beginning of the text, whole characters, that takes at most `columns` columns.
+std::string truncate_to_columns(std::string_view text, std::size_t columns);
 
 }  // namespace qv::tools

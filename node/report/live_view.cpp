@@ -81,7 +81,7 @@ std::string row(Call& call, Micros now, const Columns& columns) {
         lost += side.tracker.stats().lost();
         packets += side.tracker.stats().packets;
     }
-    std::string text = tools::fitting(uuid_text(call.uuid), columns.uuid) +
+    std::string text = tools::truncate_to_columns(uuid_text(call.uuid), columns.uuid) +
                        right(duration_text(seconds_of(now - call.first_seen)), 12) + "  " +
                        feature_letters(call.features, Side::ORIGINATOR) + ' ' +
                        feature_letters(call.features, Side::TERMINATOR) + "  " +
@@ -110,7 +110,8 @@ std::vector<Call*> oldest_first(CallTable& calls) {
 std::string joined(const std::vector<std::string>& lines, ScreenSize size) {
     std::string text;
     for (std::size_t i = 0; i < lines.size() && i < size.rows; ++i) {
-        text += (i == 0 ? "" : "\r\n") + tools::fitting(lines[i], size.columns) + "\x1b[K";
+        text +=
+            (i == 0 ? "" : "\r\n") + tools::truncate_to_columns(lines[i], size.columns) + "\x1b[K";
     }
     return text;
 }

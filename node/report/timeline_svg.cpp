@@ -177,7 +177,7 @@ class Picture {
         text(LEFT, 30, "font-size=\"18\" font-weight=\"600\" fill=\"#0f172a\"",
              "Call " + data_.title);
         text(LEFT, 50, "fill=\"#475569\" font-size=\"13\"",
-             tools::fitting(data_.subtitle, TimelineData::SUBTITLE_COLUMNS));
+             tools::truncate_to_columns(data_.subtitle, TimelineData::SUBTITLE_COLUMNS));
         text(WIDTH - LEFT, 30,
              "font-size=\"18\" font-weight=\"600\" fill=\"#0f172a\" text-anchor=\"end\"",
              duration_text(seconds_));

@@ -51,13 +51,13 @@ TEST(CharactersTest, WideCharactersTakeTwoColumns) {
 
 TEST(CharactersTest, TextIsCutBetweenCharacters) {
     const std::string text = "a\u65e5\u672c";
-    EXPECT_EQ(fitting(text, 0), "");
-    EXPECT_EQ(fitting(text, 1), "a");
-    EXPECT_EQ(fitting(text, 2), "a");
-    EXPECT_EQ(fitting(text, 3), "a\u65e5");
-    EXPECT_EQ(fitting(text, 4), "a\u65e5");
-    EXPECT_EQ(fitting(text, 5), text);
-    EXPECT_EQ(fitting(text, 99), text);
+    EXPECT_EQ(truncate_to_columns(text, 0), "");
+    EXPECT_EQ(truncate_to_columns(text, 1), "a");
+    EXPECT_EQ(truncate_to_columns(text, 2), "a");
+    EXPECT_EQ(truncate_to_columns(text, 3), "a\u65e5");
+    EXPECT_EQ(truncate_to_columns(text, 4), "a\u65e5");
+    EXPECT_EQ(truncate_to_columns(text, 5), text);
+    EXPECT_EQ(truncate_to_columns(text, 99), text);
 }
 
 }  // namespace
