@@ -13,7 +13,7 @@
 #include "node/audio/recording.h"
 #include "node/calls/pause_finder.h"
 #include "node/calls/rate_estimator.h"
-#include "node/calls/side_tracker.h"
+#include "node/calls/reorder_buffer.h"
 #include "node/calls/types.h"
 #include "quorvane/media_packet.h"
 
@@ -44,9 +44,9 @@ struct SidePlace {
 using SidePlaces = std::array<std::optional<SidePlace>, SIDE_COUNT>;
 
 struct CallSide {
-    explicit CallSide(const SideTracker::Limits& limits) : tracker(limits) {}
+    explicit CallSide(const ReorderBuffer::Limits& limits) : tracker(limits) {}
 
-    SideTracker tracker;
+    ReorderBuffer tracker;
     RateEstimator rate;
     PauseFinder pauses;
     LevelMeter level;
@@ -87,7 +87,7 @@ constexpr const char* name_of(EndReason reason) {
 }
 
 struct Call {
-    Call(const Uuid& call_uuid, std::uint64_t key, const SideTracker::Limits& limits)
+    Call(const Uuid& call_uuid, std::uint64_t key, const ReorderBuffer::Limits& limits)
         : uuid(call_uuid), call_key(key), sides{CallSide(limits), CallSide(limits)} {}
 
     const Uuid uuid;

@@ -40,8 +40,8 @@ bool is_before(std::uint32_t sequence_number, const SidePlace& place) {
     return sequence_number - place.sequence_number >= 0x80000000U;
 }
 
-// Hands what a tracker delivers to the recording and to all listeners.
-class Delivery : public SideOutput {
+// Hands what a reorder buffer delivers to the recording and to all listeners.
+class Delivery : public OrderedOutput {
   public:
     Delivery(Call& call, Side side, const std::vector<CallListener*>& listeners, Totals& totals,
              double max_pause_s)
@@ -87,7 +87,7 @@ class Delivery : public SideOutput {
             return;
         }
         call_.recording->pause(side_, samples);
-        // The tracker has counted what ends the pause already.
+        // The buffer has counted what ends the pause already.
         const Pause pause{samples, side.tracker.position() - count};
         for (CallListener* listener : listeners_) {
             listener->pause(call_, side_, pause);
@@ -232,7 +232,7 @@ void CallTable::take_up(Call& call, const media::Packet& packet) {
             call.side(side).left_at = (*places)[index_of(side)];
         }
     }
-    left_behind_.forget(call.uuid);
+    left_behind_.erase(call.uuid);
 }
 
 // The same call starts anew, as when its media bug was closed and its terminate packet
@@ -321,14 +321,14 @@ void CallTable::on_data(Call& call, const media::Packet& packet, Micros now) {
     const AudioPacket audio{packet.sequence_number, packet.sample_offset, packet.sample_count,
                             samples.data(), packet.send_time};
     switch (side.tracker.receive(audio, now, delivery)) {
-        case SideTracker::Verdict::DELIVERED:
-        case SideTracker::Verdict::HELD:
+        case ReorderBuffer::Verdict::DELIVERED:
+        case ReorderBuffer::Verdict::HELD:
             break;
-        case SideTracker::Verdict::DUPLICATE:
+        case ReorderBuffer::Verdict::DUPLICATE:
             return drop(Drop::DUPLICATE);
-        case SideTracker::Verdict::DOUBTED:
+        case ReorderBuffer::Verdict::IMPLAUSIBLE:
             return drop(Drop::IMPLAUSIBLE);
-        case SideTracker::Verdict::LATE:
+        case ReorderBuffer::Verdict::LATE:
             drop(Drop::LATE);
             for (CallListener* listener : listeners_) {
                 listener->late(call, which, packet);
@@ -390,8 +390,8 @@ void CallTable::tick(Micros now) {
         report_file_errors(call);
     }
     end_due_calls(now);
-    ended_.forget_old(now);
-    left_behind_.forget_old(now);
+    ended_.expire(now);
+    left_behind_.expire(now);
 }
 
 void CallTable::shut_down() {
@@ -426,7 +426,7 @@ void CallTable::remember(const Call& call, EndReason reason, Micros now) {
     }
     SidePlaces places;
     for (const Side side : BOTH_SIDES) {
-        const SideTracker& tracker = call.side(side).tracker;
+        const ReorderBuffer& tracker = call.side(side).tracker;
         places[index_of(side)] = call.side(side).left_at;
         if (tracker.begun()) {
             places[index_of(side)] = {tracker.expected_sequence_number(),

@@ -19,7 +19,7 @@
 
 #include "node/calls/call.h"
 #include "node/calls/call_listener.h"
-#include "node/calls/call_memory.h"
+#include "node/calls/expiring_map.h"
 #include "node/calls/types.h"
 #include "quorvane/media_packet.h"
 
@@ -33,7 +33,7 @@ struct CallLimits {
     Micros remember_ended{60'000'000};
     int sample_rate = 0;         // 0: told from the packets.
     double max_silence_s = 120;  // For one gap.
-    SideTracker::Limits side;    // Its gap_samples follows from max_silence_s.
+    ReorderBuffer::Limits side;  // Its gap_samples follows from max_silence_s.
 };
 
 // Why a well-formed packet was not used.
@@ -45,7 +45,7 @@ enum class Drop : std::uint8_t {
     OTHER_LEG,       // The other leg already carries this call side.
     REPEATED_START,  // The same start packet again.
     OLD_CONTROL,     // A control packet again, or one that a later one has overtaken.
-    DUPLICATE,       // Data packets, as SideTracker counts them:
+    DUPLICATE,       // Data packets, as the reorder buffer counts them:
     LATE,
     IMPLAUSIBLE,
 };
@@ -130,8 +130,8 @@ class CallTable {
     std::vector<CallListener*> listeners_;
     Calls calls_;
     Call* last_ = nullptr;  // Of the latest packet: packets of a call often come together.
-    CallMemory<std::int64_t> ended_;      // Terminated; when, in send time.
-    CallMemory<SidePlaces> left_behind_;  // Not terminated.
+    ExpiringMap<std::int64_t> ended_;      // Terminated; when, in send time.
+    ExpiringMap<SidePlaces> left_behind_;  // Not terminated.
     Totals totals_;
 };
 

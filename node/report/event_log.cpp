@@ -50,7 +50,7 @@ Json data_json(const media::Packet& packet) {
 }
 
 Json side_json(const CallSide& side) {
-    const SideTracker::Stats& stats = side.tracker.stats();
+    const ReorderBuffer::Stats& stats = side.tracker.stats();
     return {{"leg", side.leg.value_or(0)},
             {"sample_rate", side.sample_rate},
             {"sample_rate_assumed", side.rate_assumed},

@@ -52,7 +52,7 @@ void append_count(std::string& text, std::uint64_t count, const char* what) {
 }
 
 std::string side_text(const CallSide& side) {
-    const SideTracker::Stats& stats = side.tracker.stats();
+    const ReorderBuffer::Stats& stats = side.tracker.stats();
     std::string text =
         duration_text(seconds_of(side.tracker.position(), side.sample_rate)) + " at " +
         std::to_string(side.sample_rate) + " Hz" + (side.rate_assumed ? " (assumed)" : "") + ", " +

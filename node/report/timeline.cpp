@@ -50,7 +50,7 @@ std::string subtitle_of(const Call& call, EndReason reason) {
 }
 
 std::string summary_of(const CallSide& side) {
-    const SideTracker::Stats& stats = side.tracker.stats();
+    const ReorderBuffer::Stats& stats = side.tracker.stats();
     if (!side.leg.has_value()) {
         return "no audio";
     }

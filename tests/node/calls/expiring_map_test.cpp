@@ -1,4 +1,4 @@
-#include "node/calls/call_memory.h"
+#include "node/calls/expiring_map.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@ namespace {
 using namespace qv::node;
 using namespace std::chrono_literals;
 
-class CallMemoryTest : public testing::Test {
+class ExpiringMapTest : public testing::Test {
   protected:
     static Uuid call(unsigned char last_byte) {
         Uuid uuid{};
@@ -15,43 +15,43 @@ class CallMemoryTest : public testing::Test {
         return uuid;
     }
 
-    void keep(unsigned char last_byte, int what) { memory_.keep(call(last_byte), what, now_); }
+    void keep(unsigned char last_byte, int what) { map_.keep(call(last_byte), what, now_); }
 
     // What is remembered of the call; 0 for nothing.
     int of(unsigned char last_byte) const {
-        const int* const what = memory_.find(call(last_byte));
+        const int* const what = map_.find(call(last_byte));
         return what != nullptr ? *what : 0;
     }
 
     void pass(Micros time) {
         now_ += time;
-        memory_.forget_old(now_);
+        map_.expire(now_);
     }
 
-    CallMemory<int> memory_{3, 10s};
+    ExpiringMap<int> map_{3, 10s};
     Micros now_{1'000'000};
 };
 
-TEST_F(CallMemoryTest, RemembersForItsTime) {
+TEST_F(ExpiringMapTest, RemembersForItsTime) {
     keep(1, 11);
     pass(9s);
     EXPECT_EQ(of(1), 11);
     pass(1s);
     EXPECT_EQ(of(1), 0);
-    EXPECT_EQ(memory_.size(), 0u);
+    EXPECT_EQ(map_.size(), 0u);
 }
 
-TEST_F(CallMemoryTest, RemembersTheLatestCalls) {
+TEST_F(ExpiringMapTest, RemembersTheLatestCalls) {
     for (unsigned char number = 1; number <= 5; ++number) {
         keep(number, number);
     }
     pass(1s);
     EXPECT_EQ(of(2), 0);
     EXPECT_EQ(of(3), 3);
-    EXPECT_EQ(memory_.size(), 3u);
+    EXPECT_EQ(map_.size(), 3u);
 }
 
-TEST_F(CallMemoryTest, WhatIsKeptAgainStaysItsWholeTime) {
+TEST_F(ExpiringMapTest, WhatIsKeptAgainStaysItsWholeTime) {
     keep(1, 11);
     pass(5s);
     keep(1, 12);
@@ -61,11 +61,11 @@ TEST_F(CallMemoryTest, WhatIsKeptAgainStaysItsWholeTime) {
     EXPECT_EQ(of(1), 0);
 }
 
-TEST_F(CallMemoryTest, ForgetsOnRequest) {
+TEST_F(ExpiringMapTest, ErasesOnRequest) {
     keep(1, 11);
     keep(2, 22);
-    memory_.forget(call(1));
-    memory_.forget(call(3));
+    map_.erase(call(1));
+    map_.erase(call(3));
     EXPECT_EQ(of(1), 0);
     EXPECT_EQ(of(2), 22);
 }

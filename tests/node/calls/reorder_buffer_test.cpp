@@ -1,4 +1,4 @@
-#include "node/calls/side_tracker.h"
+#include "node/calls/reorder_buffer.h"
 
 #include <gtest/gtest.h>
 
@@ -11,12 +11,12 @@ using namespace std::chrono_literals;
 using qv::node::AudioPacket;
 using qv::node::Gap;
 using qv::node::Micros;
-using qv::node::SideOutput;
-using qv::node::SideTracker;
-using Verdict = qv::node::SideTracker::Verdict;
+using qv::node::OrderedOutput;
+using qv::node::ReorderBuffer;
+using Verdict = qv::node::ReorderBuffer::Verdict;
 
 // Writes down what is delivered: a letter for each sample, '.' for silence.
-class Tape : public SideOutput {
+class Tape : public OrderedOutput {
   public:
     void audio(const std::int16_t* samples, std::size_t count, std::int64_t) override {
         for (std::size_t i = 0; i < count; ++i) {
@@ -33,13 +33,13 @@ class Tape : public SideOutput {
 };
 
 // Packets of four samples, all the same letter: packet 1 is "aaaa", 2 "bbbb"...
-class SideTrackerTest : public testing::Test {
+class ReorderBufferTest : public testing::Test {
   protected:
-    SideTrackerTest() { restart({}); }
+    ReorderBufferTest() { restart({}); }
 
-    void restart(const SideTracker::Limits& limits) {
-        tracker_ = std::make_unique<SideTracker>(limits);
-        tracker_->begin(1, 0);
+    void restart(const ReorderBuffer::Limits& limits) {
+        buffer_ = std::make_unique<ReorderBuffer>(limits);
+        buffer_->begin(1, 0);
         tape_ = Tape();
     }
 
@@ -48,7 +48,7 @@ class SideTrackerTest : public testing::Test {
     Verdict send_at(std::uint32_t number, std::uint32_t offset) {
         const std::vector<std::int16_t> samples(4,
                                                 static_cast<std::int16_t>('a' + (number - 1) % 26));
-        return tracker_->receive({number, offset, 4, samples.data(), 0}, now_, tape_);
+        return buffer_->receive({number, offset, 4, samples.data(), 0}, now_, tape_);
     }
 
     void send_all(std::initializer_list<std::uint32_t> numbers) {
@@ -59,27 +59,27 @@ class SideTrackerTest : public testing::Test {
 
     void pass(Micros time) {
         now_ += time;
-        tracker_->advance(now_, tape_);
+        buffer_->advance(now_, tape_);
     }
 
-    void finish() { tracker_->finish(tape_); }
+    void finish() { buffer_->finish(tape_); }
 
-    const SideTracker::Stats& stats() const { return tracker_->stats(); }
+    const ReorderBuffer::Stats& stats() const { return buffer_->stats(); }
 
     Micros now_{0};
-    std::unique_ptr<SideTracker> tracker_;
+    std::unique_ptr<ReorderBuffer> buffer_;
     Tape tape_;
 };
 
-TEST_F(SideTrackerTest, PacketsInOrderGoThroughAtOnce) {
+TEST_F(ReorderBufferTest, PacketsInOrderGoThroughAtOnce) {
     EXPECT_EQ(send(1), Verdict::DELIVERED);
     EXPECT_EQ(send(2), Verdict::DELIVERED);
     EXPECT_EQ(tape_.text, "aaaabbbb");
     EXPECT_EQ(stats().gaps, 0u);
-    EXPECT_EQ(tracker_->position(), 8u);
+    EXPECT_EQ(buffer_->position(), 8u);
 }
 
-TEST_F(SideTrackerTest, OvertakenPacketIsPutInItsPlace) {
+TEST_F(ReorderBufferTest, OvertakenPacketIsPutInItsPlace) {
     send(1);
     EXPECT_EQ(send(3), Verdict::HELD);
     EXPECT_EQ(tape_.text, "aaaa");
@@ -89,13 +89,13 @@ TEST_F(SideTrackerTest, OvertakenPacketIsPutInItsPlace) {
     EXPECT_EQ(stats().gaps, 0u);
 }
 
-TEST_F(SideTrackerTest, HeldPacketsAreSortedAmongThemselves) {
+TEST_F(ReorderBufferTest, HeldPacketsAreSortedAmongThemselves) {
     send_all({4, 3, 2, 1});
     EXPECT_EQ(tape_.text, "aaaabbbbccccdddd");
     EXPECT_EQ(stats().reordered, 3u);
 }
 
-TEST_F(SideTrackerTest, MissingPacketBecomesSilenceOfItsLength) {
+TEST_F(ReorderBufferTest, MissingPacketBecomesSilenceOfItsLength) {
     send_all({1, 3});
     pass(200ms);
     EXPECT_EQ(tape_.text, "aaaa....cccc");
@@ -108,14 +108,14 @@ TEST_F(SideTrackerTest, MissingPacketBecomesSilenceOfItsLength) {
     EXPECT_EQ(stats().lost(), 1u);
 }
 
-TEST_F(SideTrackerTest, NothingIsGivenUpBeforeTheWaitIsOver) {
+TEST_F(ReorderBufferTest, NothingIsGivenUpBeforeTheWaitIsOver) {
     send_all({1, 3});
     pass(199ms);
     EXPECT_EQ(tape_.text, "aaaa");
 }
 
-TEST_F(SideTrackerTest, FullReorderWindowGivesUpTheMissingPacket) {
-    SideTracker::Limits limits;
+TEST_F(ReorderBufferTest, FullReorderWindowGivesUpTheMissingPacket) {
+    ReorderBuffer::Limits limits;
     limits.reorder_packets = 2;
     restart(limits);
     send_all({1, 3, 4});
@@ -124,36 +124,36 @@ TEST_F(SideTrackerTest, FullReorderWindowGivesUpTheMissingPacket) {
     EXPECT_EQ(tape_.text, "aaaa....ccccddddeeee");
 }
 
-TEST_F(SideTrackerTest, WindowOfZeroNeverHolds) {
-    SideTracker::Limits limits;
+TEST_F(ReorderBufferTest, WindowOfZeroNeverHolds) {
+    ReorderBuffer::Limits limits;
     limits.reorder_packets = 0;
     restart(limits);
     send_all({1, 3});
     EXPECT_EQ(tape_.text, "aaaa....cccc");
 }
 
-TEST_F(SideTrackerTest, TwoGapsAreTwoGaps) {
+TEST_F(ReorderBufferTest, TwoGapsAreTwoGaps) {
     send_all({1, 3, 5});
     pass(200ms);
     EXPECT_EQ(tape_.text, "aaaa....cccc....eeee");
     EXPECT_EQ(stats().gaps, 2u);
 }
 
-TEST_F(SideTrackerTest, LossOfTheFirstPacketsIsAGapAtTheBeginning) {
+TEST_F(ReorderBufferTest, LossOfTheFirstPacketsIsAGapAtTheBeginning) {
     send(3);
     finish();
     EXPECT_EQ(tape_.text, "........cccc");
     EXPECT_EQ(tape_.gaps[0].lost_packets, 2u);
 }
 
-TEST_F(SideTrackerTest, FinishDeliversWhatIsHeld) {
+TEST_F(ReorderBufferTest, FinishDeliversWhatIsHeld) {
     send_all({1, 3, 6});
     finish();
     EXPECT_EQ(tape_.text, "aaaa....cccc........ffff");
-    EXPECT_EQ(tracker_->held(), 0u);
+    EXPECT_EQ(buffer_->held(), 0u);
 }
 
-TEST_F(SideTrackerTest, LatePacketIsToldFromADuplicate) {
+TEST_F(ReorderBufferTest, LatePacketIsToldFromADuplicate) {
     send_all({1, 3});
     pass(200ms);
     EXPECT_EQ(send(2), Verdict::LATE);
@@ -165,15 +165,15 @@ TEST_F(SideTrackerTest, LatePacketIsToldFromADuplicate) {
     EXPECT_EQ(stats().duplicates, 2u);
 }
 
-TEST_F(SideTrackerTest, DuplicateOfAHeldPacketIsDropped) {
+TEST_F(ReorderBufferTest, DuplicateOfAHeldPacketIsDropped) {
     send_all({1, 3});
     EXPECT_EQ(send(3), Verdict::DUPLICATE);
     send(2);
     EXPECT_EQ(tape_.text, "aaaabbbbcccc");
 }
 
-TEST_F(SideTrackerTest, SequenceNumbersAndOffsetsWrap) {
-    tracker_->begin(0xFFFFFFFF, 0xFFFFFFFC);
+TEST_F(ReorderBufferTest, SequenceNumbersAndOffsetsWrap) {
+    buffer_->begin(0xFFFFFFFF, 0xFFFFFFFC);
     send_at(0xFFFFFFFF, 0xFFFFFFFC);
     send_at(0, 0);
     send_at(1, 4);
@@ -181,8 +181,8 @@ TEST_F(SideTrackerTest, SequenceNumbersAndOffsetsWrap) {
     EXPECT_EQ(stats().gaps, 0u);
 }
 
-TEST_F(SideTrackerTest, GapAcrossTheWrapHasItsLength) {
-    tracker_->begin(0xFFFFFFFE, 0xFFFFFFF8);
+TEST_F(ReorderBufferTest, GapAcrossTheWrapHasItsLength) {
+    buffer_->begin(0xFFFFFFFE, 0xFFFFFFF8);
     send_at(0xFFFFFFFE, 0xFFFFFFF8);
     send_at(1, 4);
     pass(200ms);
@@ -192,42 +192,42 @@ TEST_F(SideTrackerTest, GapAcrossTheWrapHasItsLength) {
     EXPECT_EQ(tape_.gaps[0].missing_samples, 8u);
 }
 
-TEST_F(SideTrackerTest, DuplicatesAreFoundAcrossTheWrap) {
-    tracker_->begin(0xFFFFFFFF, 0xFFFFFFFC);
+TEST_F(ReorderBufferTest, DuplicatesAreFoundAcrossTheWrap) {
+    buffer_->begin(0xFFFFFFFF, 0xFFFFFFFC);
     send_at(0xFFFFFFFF, 0xFFFFFFFC);
     send_at(0, 0);
     EXPECT_EQ(send_at(0xFFFFFFFF, 0xFFFFFFFC), Verdict::DUPLICATE);
 }
 
-TEST_F(SideTrackerTest, EmptyPacketsCountButAddNothing) {
+TEST_F(ReorderBufferTest, EmptyPacketsCountButAddNothing) {
     send(1);
-    EXPECT_EQ(tracker_->receive({2, 4, 0, nullptr, 0}, now_, tape_), Verdict::DELIVERED);
+    EXPECT_EQ(buffer_->receive({2, 4, 0, nullptr, 0}, now_, tape_), Verdict::DELIVERED);
     send_at(3, 4);
     EXPECT_EQ(tape_.text, "aaaacccc");
     EXPECT_EQ(stats().gaps, 0u);
 }
 
-TEST_F(SideTrackerTest, ForgedOffsetDoesNotFillAnything) {
+TEST_F(ReorderBufferTest, ForgedOffsetDoesNotFillAnything) {
     send(1);
-    EXPECT_EQ(send_at(2, 0x40000000), Verdict::DOUBTED);
+    EXPECT_EQ(send_at(2, 0x40000000), Verdict::IMPLAUSIBLE);
     EXPECT_EQ(send(2), Verdict::DELIVERED);
     EXPECT_EQ(tape_.text, "aaaabbbb");
     EXPECT_EQ(stats().implausible, 1u);
 }
 
-TEST_F(SideTrackerTest, MissingPacketsCannotHoldMoreThanTheyCan) {
+TEST_F(ReorderBufferTest, MissingPacketsCannotHoldMoreThanTheyCan) {
     send(1);
-    EXPECT_EQ(send_at(3, 4 + 662), Verdict::DOUBTED);
+    EXPECT_EQ(send_at(3, 4 + 662), Verdict::IMPLAUSIBLE);
     EXPECT_EQ(send_at(3, 4 + 661), Verdict::HELD);
 }
 
-TEST_F(SideTrackerTest, ForgedSequenceNumberDoesNotStopTheSide) {
+TEST_F(ReorderBufferTest, ForgedSequenceNumberDoesNotStopTheSide) {
     send(1);
-    EXPECT_EQ(send_at(0x70000000, 4), Verdict::DOUBTED);
+    EXPECT_EQ(send_at(0x70000000, 4), Verdict::IMPLAUSIBLE);
     EXPECT_EQ(send(2), Verdict::DELIVERED);
 }
 
-TEST_F(SideTrackerTest, ForgedPacketInTheWindowCostsOnlyItsPlace) {
+TEST_F(ReorderBufferTest, ForgedPacketInTheWindowCostsOnlyItsPlace) {
     send(1);
     send_at(3, 4);  // Its offset denies packet 2.
     send(2);
@@ -237,12 +237,12 @@ TEST_F(SideTrackerTest, ForgedPacketInTheWindowCostsOnlyItsPlace) {
     EXPECT_GE(stats().implausible, 1u);
 }
 
-TEST_F(SideTrackerTest, JumpThatIsContinuedIsFollowed) {
-    SideTracker::Limits limits;
+TEST_F(ReorderBufferTest, JumpThatIsContinuedIsFollowed) {
+    ReorderBuffer::Limits limits;
     limits.gap_samples = 8;
     restart(limits);
     send(1);
-    EXPECT_EQ(send(100), Verdict::DOUBTED);
+    EXPECT_EQ(send(100), Verdict::IMPLAUSIBLE);
     EXPECT_EQ(send(101), Verdict::DELIVERED);
     EXPECT_EQ(send(102), Verdict::DELIVERED);
     EXPECT_EQ(stats().resyncs, 1u);
@@ -251,16 +251,16 @@ TEST_F(SideTrackerTest, JumpThatIsContinuedIsFollowed) {
     EXPECT_EQ(tape_.gaps[0].missing_samples, 99u * 4);
 }
 
-TEST_F(SideTrackerTest, SenderThatCountsAnewIsFollowed) {
-    tracker_->begin(5000, 20000);
+TEST_F(ReorderBufferTest, SenderThatCountsAnewIsFollowed) {
+    buffer_->begin(5000, 20000);
     send_at(5000, 20000);
-    EXPECT_EQ(send(1), Verdict::DOUBTED);
+    EXPECT_EQ(send(1), Verdict::IMPLAUSIBLE);
     EXPECT_EQ(send(2), Verdict::DELIVERED);
     EXPECT_EQ(send(3), Verdict::DELIVERED);
     EXPECT_EQ(stats().silence, 0u);
 }
 
-TEST_F(SideTrackerTest, DuplicateAfterALongGapIsNotTakenForLate) {
+TEST_F(ReorderBufferTest, DuplicateAfterALongGapIsNotTakenForLate) {
     for (std::uint32_t number = 1; number <= 10; ++number) {
         send(number);
     }

@@ -1,4 +1,4 @@
-#include "node/calls/side_tracker.h"
+#include "node/calls/reorder_buffer.h"
 
 #include <algorithm>
 
@@ -11,22 +11,23 @@ constexpr std::uint32_t HALF_RANGE = 0x80000000;
 
 }  // namespace
 
-void SideTracker::begin(std::uint32_t sequence_number, std::uint32_t sample_offset) {
+void ReorderBuffer::begin(std::uint32_t sequence_number, std::uint32_t sample_offset) {
     next_ = sequence_number;
     next_offset_ = sample_offset;
     begun_ = true;
 }
 
-SideTracker::Verdict SideTracker::receive(const AudioPacket& packet, Micros now, SideOutput& out) {
+ReorderBuffer::Verdict ReorderBuffer::receive(const AudioPacket& packet, Micros now,
+                                              OrderedOutput& out) {
     begun_ = true;
     ++stats_.packets;
     if (ahead_of_next(packet.sequence_number) >= HALF_RANGE) {
         return receive_past(packet, out);
     }
     if (!plausible(packet)) {
-        return doubt(packet, out);
+        return receive_implausible(packet, out);
     }
-    doubt_.present = false;
+    continuation_.awaited = false;
     if (packet.sequence_number != next_) {
         return hold(packet, now, out);
     }
@@ -38,30 +39,30 @@ SideTracker::Verdict SideTracker::receive(const AudioPacket& packet, Micros now,
     return Verdict::DELIVERED;
 }
 
-void SideTracker::advance(Micros now, SideOutput& out) {
+void ReorderBuffer::advance(Micros now, OrderedOutput& out) {
     while (!held_.empty() && now - held_.front().arrived >= limits_.reorder_wait) {
         deliver_first_held(out);
         deliver_held_in_order(out);
     }
 }
 
-void SideTracker::finish(SideOutput& out) {
+void ReorderBuffer::finish(OrderedOutput& out) {
     while (!held_.empty()) {
         deliver_first_held(out);
     }
 }
 
-bool SideTracker::plausible(const AudioPacket& packet) const {
+bool ReorderBuffer::plausible(const AudioPacket& packet) const {
     const std::uint64_t missing_packets = ahead_of_next(packet.sequence_number);
     const std::uint64_t missing_samples = packet.sample_offset - next_offset_;
     return missing_samples <= missing_packets * MAX_PACKET_SAMPLES &&
            missing_samples <= limits_.gap_samples && missing_packets <= limits_.gap_samples;
 }
 
-SideTracker::Verdict SideTracker::receive_past(const AudioPacket& packet, SideOutput& out) {
+ReorderBuffer::Verdict ReorderBuffer::receive_past(const AudioPacket& packet, OrderedOutput& out) {
     const std::uint32_t back = next_ - packet.sequence_number;
     if (back > HISTORY) {
-        return doubt(packet, out);
+        return receive_implausible(packet, out);
     }
     const std::size_t bit = packet.sequence_number % HISTORY;
     if (history_.test(bit)) {
@@ -73,21 +74,23 @@ SideTracker::Verdict SideTracker::receive_past(const AudioPacket& packet, SideOu
     return Verdict::LATE;
 }
 
-SideTracker::Verdict SideTracker::doubt(const AudioPacket& packet, SideOutput& out) {
-    if (doubt_.present && doubt_.sequence_number == packet.sequence_number &&
-        doubt_.sample_offset == packet.sample_offset) {
-        doubt_.present = false;
+ReorderBuffer::Verdict ReorderBuffer::receive_implausible(const AudioPacket& packet,
+                                                          OrderedOutput& out) {
+    if (continuation_.awaited && continuation_.sequence_number == packet.sequence_number &&
+        continuation_.sample_offset == packet.sample_offset) {
+        continuation_.awaited = false;
         resync(packet, out);
         return Verdict::DELIVERED;
     }
     ++stats_.implausible;
-    doubt_.present = true;
-    doubt_.sequence_number = packet.sequence_number + 1;
-    doubt_.sample_offset = packet.sample_offset + packet.sample_count;
-    return Verdict::DOUBTED;
+    continuation_.awaited = true;
+    continuation_.sequence_number = packet.sequence_number + 1;
+    continuation_.sample_offset = packet.sample_offset + packet.sample_count;
+    return Verdict::IMPLAUSIBLE;
 }
 
-SideTracker::Verdict SideTracker::hold(const AudioPacket& packet, Micros now, SideOutput& out) {
+ReorderBuffer::Verdict ReorderBuffer::hold(const AudioPacket& packet, Micros now,
+                                           OrderedOutput& out) {
     const std::uint32_t ahead = ahead_of_next(packet.sequence_number);
     const auto place =
         std::lower_bound(held_.begin(), held_.end(), ahead, [this](const Held& held, auto value) {
@@ -114,7 +117,7 @@ SideTracker::Verdict SideTracker::hold(const AudioPacket& packet, Micros now, Si
 
 // Follows a sender that has jumped: forward over a long loss, or anywhere after it
 // began to count anew.
-void SideTracker::resync(const AudioPacket& packet, SideOutput& out) {
+void ReorderBuffer::resync(const AudioPacket& packet, OrderedOutput& out) {
     finish(out);
     ++stats_.resyncs;
     const std::uint32_t ahead = ahead_of_next(packet.sequence_number);
@@ -128,7 +131,7 @@ void SideTracker::resync(const AudioPacket& packet, SideOutput& out) {
 }
 
 // Delivers the next packet in order, or one behind a gap.
-void SideTracker::deliver(const AudioPacket& packet, SideOutput& out) {
+void ReorderBuffer::deliver(const AudioPacket& packet, OrderedOutput& out) {
     const std::uint32_t lost = ahead_of_next(packet.sequence_number);
     if (lost != 0) {
         report_gap(lost, packet.sample_offset - next_offset_, out);
@@ -141,7 +144,7 @@ void SideTracker::deliver(const AudioPacket& packet, SideOutput& out) {
     out.audio(packet.samples, packet.sample_count, packet.send_time);
 }
 
-void SideTracker::deliver_first_held(SideOutput& out) {
+void ReorderBuffer::deliver_first_held(OrderedOutput& out) {
     const Held held = std::move(held_.front());
     held_.erase(held_.begin());
     const AudioPacket packet{held.sequence_number, held.sample_offset,
@@ -155,14 +158,14 @@ void SideTracker::deliver_first_held(SideOutput& out) {
     deliver(packet, out);
 }
 
-void SideTracker::deliver_held_in_order(SideOutput& out) {
+void ReorderBuffer::deliver_held_in_order(OrderedOutput& out) {
     while (!held_.empty() && held_.front().sequence_number == next_) {
         deliver_first_held(out);
     }
 }
 
-void SideTracker::report_gap(std::uint32_t lost_packets, std::uint64_t missing_samples,
-                             SideOutput& out) {
+void ReorderBuffer::report_gap(std::uint32_t lost_packets, std::uint64_t missing_samples,
+                               OrderedOutput& out) {
     const std::uint64_t filled = std::min(missing_samples, limits_.gap_samples);
     const Gap gap{next_, lost_packets, next_offset_, missing_samples, filled, position()};
     ++stats_.gaps;
@@ -173,7 +176,7 @@ void SideTracker::report_gap(std::uint32_t lost_packets, std::uint64_t missing_s
 }
 
 // The packets from next_ on have not come: makes their bits of the history say so.
-void SideTracker::forget_skipped(std::uint32_t count) {
+void ReorderBuffer::forget_skipped(std::uint32_t count) {
     const std::uint32_t bits = std::min(count, HISTORY);
     for (std::uint32_t i = 0; i < bits; ++i) {
         history_.reset((next_ + count - 1 - i) % HISTORY);

@@ -1,5 +1,5 @@
-// Remembers something of calls that have ended, for a time and up to a number. Belongs to
-// one thread.
+// A map from calls' UUIDs to values that expire after a time; beyond a number of them the
+// oldest expire sooner. It remembers calls that have ended. Belongs to one thread.
 #pragma once
 
 #include <cstddef>
@@ -33,27 +33,28 @@ class UuidHash {
     std::uint64_t seed_;
 };
 
-template <typename What>
-class CallMemory {
+template <typename Value>
+class ExpiringMap {
   public:
-    // `most` are remembered at once, the latest ones.
-    CallMemory(std::size_t most, Micros time) : most_(most), time_(time) {}
+    // Holds the latest `most` values, each for `time`.
+    ExpiringMap(std::size_t most, Micros time) : most_(most), time_(time) {}
 
-    // Takes the place of what is remembered of the call already.
-    void keep(const Uuid& uuid, What what, Micros now) {
-        kept_.insert_or_assign(uuid, Kept{std::move(what), ++count_});
+    // Replaces the call's value, if it has one.
+    void keep(const Uuid& uuid, Value value, Micros now) {
+        kept_.insert_or_assign(uuid, Kept{std::move(value), ++count_});
         order_.push_back({uuid, count_, now});
     }
 
-    // Nothing when the call is not remembered. Holds until the next call of a function.
-    const What* find(const Uuid& uuid) const {
+    // Null when the call has no value. Valid until the map changes.
+    const Value* find(const Uuid& uuid) const {
         const auto found = kept_.find(uuid);
-        return found != kept_.end() ? &found->second.what : nullptr;
+        return found != kept_.end() ? &found->second.value : nullptr;
     }
 
-    void forget(const Uuid& uuid) { kept_.erase(uuid); }
+    void erase(const Uuid& uuid) { kept_.erase(uuid); }
 
-    void forget_old(Micros now) {
+    // Removes what has expired.
+    void expire(Micros now) {
         while (!order_.empty() && (now - order_.front().since >= time_ || order_.size() > most_)) {
             const auto found = kept_.find(order_.front().uuid);
             if (found != kept_.end() && found->second.number == order_.front().number) {
@@ -67,7 +68,7 @@ class CallMemory {
 
   private:
     struct Kept {
-        What what;
+        Value value;
         std::uint64_t number;  // Tells it from what was kept of the same call before.
     };
     struct Place {

@@ -4,10 +4,10 @@
 // a time; then what is missing becomes a gap, whose length the sample offsets tell.
 // Sequence numbers and sample offsets wrap modulo 2^32. A packet whose numbers cannot
 // follow from the ones before (each missing packet holds at most 661 samples) is
-// doubted: it is dropped unless the next one continues it, so that one forged packet
-// does no harm and a sender that counts anew is followed all the same.
+// implausible: it is dropped. When the next packet continues it, the sender has jumped and
+// is followed; so one forged packet does no harm, and a sender may count anew.
 //
-// Plain values in, calls of a SideOutput out: no clock, no file, no network. Belongs
+// Plain values in, calls of a OrderedOutput out: no clock, no file, no network. Belongs
 // to one thread.
 #pragma once
 
@@ -37,16 +37,16 @@ struct Gap {
     std::uint64_t position;        // Samples delivered before the gap, silence included.
 };
 
-// Receives what a tracker delivers, in order.
-class SideOutput {
+// Receives what a reorder buffer delivers, in order.
+class OrderedOutput {
   public:
-    virtual ~SideOutput() = default;
+    virtual ~OrderedOutput() = default;
     virtual void audio(const std::int16_t* samples, std::size_t count, std::int64_t send_time) = 0;
     // Stands for `gap.filled_samples` of silence.
     virtual void gap(const Gap& gap) = 0;
 };
 
-class SideTracker {
+class ReorderBuffer {
   public:
     struct Limits {
         std::size_t reorder_packets = 32;     // Held while an earlier one is missing.
@@ -64,28 +64,28 @@ class SideTracker {
         std::uint64_t reordered = 0;  // Came after a later one, in time to be put in order.
         std::uint64_t duplicates = 0;
         std::uint64_t late = 0;         // Came after their place had been given up.
-        std::uint64_t implausible = 0;  // Doubted and dropped.
-        std::uint64_t resyncs = 0;      // Times a doubted jump was confirmed.
+        std::uint64_t implausible = 0;  // Dropped.
+        std::uint64_t resyncs = 0;      // Jumps that the next packet confirmed.
 
         std::uint64_t lost() const { return skipped > late ? skipped - late : 0; }
     };
 
-    enum class Verdict { DELIVERED, HELD, DUPLICATE, LATE, DOUBTED };
+    enum class Verdict { DELIVERED, HELD, DUPLICATE, LATE, IMPLAUSIBLE };
 
-    explicit SideTracker(const Limits& limits) : limits_(limits) {}
+    explicit ReorderBuffer(const Limits& limits) : limits_(limits) {}
 
     // Says which packet is expected first; the side's own count begins with 1 and 0.
     void begin(std::uint32_t sequence_number, std::uint32_t sample_offset);
     bool begun() const { return begun_; }
 
     // Takes in a packet that came at `now`.
-    Verdict receive(const AudioPacket& packet, Micros now, SideOutput& out);
+    Verdict receive(const AudioPacket& packet, Micros now, OrderedOutput& out);
 
     // Gives up what has been waited for too long.
-    void advance(Micros now, SideOutput& out);
+    void advance(Micros now, OrderedOutput& out);
 
     // Delivers everything that is still held.
-    void finish(SideOutput& out);
+    void finish(OrderedOutput& out);
 
     void set_gap_limit(std::uint64_t samples) { limits_.gap_samples = samples; }
     const Stats& stats() const { return stats_; }
@@ -108,24 +108,25 @@ class SideTracker {
         std::vector<std::int16_t> samples;
     };
 
-    struct Doubt {
-        std::uint32_t sequence_number = 0;  // What would continue the doubted packet.
+    // What would continue an implausible packet.
+    struct Continuation {
+        std::uint32_t sequence_number = 0;
         std::uint32_t sample_offset = 0;
-        bool present = false;
+        bool awaited = false;
     };
 
     std::uint32_t ahead_of_next(std::uint32_t sequence_number) const {
         return sequence_number - next_;
     }
     bool plausible(const AudioPacket& packet) const;
-    Verdict receive_past(const AudioPacket& packet, SideOutput& out);
-    Verdict doubt(const AudioPacket& packet, SideOutput& out);
-    Verdict hold(const AudioPacket& packet, Micros now, SideOutput& out);
-    void resync(const AudioPacket& packet, SideOutput& out);
-    void deliver(const AudioPacket& packet, SideOutput& out);
-    void deliver_first_held(SideOutput& out);
-    void deliver_held_in_order(SideOutput& out);
-    void report_gap(std::uint32_t lost_packets, std::uint64_t missing_samples, SideOutput& out);
+    Verdict receive_past(const AudioPacket& packet, OrderedOutput& out);
+    Verdict receive_implausible(const AudioPacket& packet, OrderedOutput& out);
+    Verdict hold(const AudioPacket& packet, Micros now, OrderedOutput& out);
+    void resync(const AudioPacket& packet, OrderedOutput& out);
+    void deliver(const AudioPacket& packet, OrderedOutput& out);
+    void deliver_first_held(OrderedOutput& out);
+    void deliver_held_in_order(OrderedOutput& out);
+    void report_gap(std::uint32_t lost_packets, std::uint64_t missing_samples, OrderedOutput& out);
     void forget_skipped(std::uint32_t count);
 
     Limits limits_;
@@ -133,7 +134,7 @@ class SideTracker {
     std::uint32_t next_ = 1;         // Sequence number of the next packet in order.
     std::uint32_t next_offset_ = 0;  // Its sample offset.
     bool begun_ = false;
-    Doubt doubt_;
+    Continuation continuation_;
     std::vector<Held> held_;        // In order, all ahead of next_.
     std::bitset<HISTORY> history_;  // Bit n: packet n modulo HISTORY before next_ came.
 };
