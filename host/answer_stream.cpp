@@ -14,11 +14,13 @@ constexpr switch_size_t CHUNK = 1024;
 // Makes room for `size` bytes and the zero behind them.
 bool reserve(switch_stream_handle_t& handle, switch_size_t size) {
     const switch_size_t need = handle.data_len + size + 1;
-    if (need <= handle.data_size)
+    if (need <= handle.data_size) {
         return true;
+    }
     void* grown = std::realloc(handle.data, need + handle.alloc_chunk);
-    if (!grown)
+    if (!grown) {
         return false;
+    }
     handle.data = grown;
     handle.data_size = handle.alloc_len = need + handle.alloc_chunk;
     return true;
@@ -27,16 +29,18 @@ bool reserve(switch_stream_handle_t& handle, switch_size_t size) {
 // The room is there.
 void append(switch_stream_handle_t& handle, const void* data, switch_size_t size) {
     char* text = static_cast<char*>(handle.data);
-    if (size > 0)
+    if (size > 0) {
         std::memcpy(text + handle.data_len, data, size);
+    }
     handle.data_len += size;
     text[handle.data_len] = '\0';
     handle.end = text + handle.data_len;
 }
 
 switch_status_t write_raw(switch_stream_handle_t* handle, uint8_t* data, switch_size_t size) {
-    if (!reserve(*handle, size))
+    if (!reserve(*handle, size)) {
         return SWITCH_STATUS_FALSE;
+    }
     append(*handle, data, size);
     return SWITCH_STATUS_SUCCESS;
 }
@@ -47,11 +51,13 @@ switch_status_t write_formatted(switch_stream_handle_t* handle, const char* form
     va_start(arguments, format);
     const int size = vasprintf(&text, format, arguments);
     va_end(arguments);
-    if (size < 0)
+    if (size < 0) {
         return SWITCH_STATUS_FALSE;
+    }
     const bool room = reserve(*handle, static_cast<switch_size_t>(size));
-    if (room)
+    if (room) {
         append(*handle, text, static_cast<switch_size_t>(size));
+    }
     std::free(text);
     return room ? SWITCH_STATUS_SUCCESS : SWITCH_STATUS_FALSE;
 }
@@ -62,8 +68,9 @@ AnswerStream::AnswerStream() {
     handle_.write_function = write_formatted;
     handle_.raw_write_function = write_raw;
     handle_.alloc_chunk = CHUNK;
-    if (!reserve(handle_, 0))
+    if (!reserve(handle_, 0)) {
         throw std::bad_alloc();
+    }
     append(handle_, nullptr, 0);
 }
 

@@ -21,18 +21,22 @@ Channel::Channel(const CallOptions& options, const std::string& uuid)
     times_.created = options.created ? options.created : switch_time_now();
     times_.profile_created = times_.created;
     set_flag(CF_OUTBOUND, direction_ == SWITCH_CALL_DIRECTION_OUTBOUND);
-    if (media_ == MediaState::early)
+    if (media_ == MediaState::early) {
         set_flag(CF_EARLY_MEDIA, 1);
-    if (media_ == MediaState::early || media_ == MediaState::answered)
+    }
+    if (media_ == MediaState::early || media_ == MediaState::answered) {
         set_flag(CF_MEDIA_SET, 1);
-    if (media_ == MediaState::answered)
+    }
+    if (media_ == MediaState::answered) {
         mark_answered();
+    }
     set_variable("uuid", uuid);
     set_variable("channel_name", name_);
     set_variable("direction",
                  direction_ == SWITCH_CALL_DIRECTION_OUTBOUND ? "outbound" : "inbound");
-    for (const auto& [name, value] : options.variables)
+    for (const auto& [name, value] : options.variables) {
         set_variable(name, value);
+    }
 }
 
 switch_channel_state_t Channel::state() const {
@@ -57,8 +61,9 @@ void Channel::set_cause(switch_call_cause_t cause) {
 
 bool Channel::hang_up(switch_call_cause_t cause) {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (hung_up_)
+    if (hung_up_) {
         return false;
+    }
     hung_up_ = true;
     state_ = CS_HANGUP;
     cause_ = cause;
@@ -79,15 +84,18 @@ std::uint32_t Channel::flag(int flag) const {
 
 void Channel::set_flag(int flag, std::uint32_t value) {
     const auto index = static_cast<std::size_t>(flag);
-    if (index < FLAGS)
+    if (index < FLAGS) {
         flags_[index] = value;
+    }
 }
 
 bool Channel::ready(bool usable, bool media) const {
-    if (media && !((flag(CF_ANSWERED) || flag(CF_EARLY_MEDIA)) && flag(CF_MEDIA_SET)))
+    if (media && !((flag(CF_ANSWERED) || flag(CF_EARLY_MEDIA)) && flag(CF_MEDIA_SET))) {
         return false;
-    if (!usable)
+    }
+    if (!usable) {
         return media;
+    }
     const std::lock_guard<std::mutex> guard(lock_);
     return cause_ == SWITCH_CAUSE_NONE && state_ > CS_ROUTING && state_ < CS_HANGUP &&
            state_ != CS_RESET;
@@ -96,10 +104,12 @@ bool Channel::ready(bool usable, bool media) const {
 // A channel with media needs nothing more, whatever else keeps it from being ready; one
 // that cannot have any is hung up.
 bool Channel::pre_answer() {
-    if (down() || cause() != SWITCH_CAUSE_NONE)
+    if (down() || cause() != SWITCH_CAUSE_NONE) {
         return false;
-    if (flag(CF_ANSWERED) || flag(CF_EARLY_MEDIA))
+    }
+    if (flag(CF_ANSWERED) || flag(CF_EARLY_MEDIA)) {
         return true;
+    }
     if (media_ == MediaState::refused) {
         hang_up(SWITCH_CAUSE_INCOMPATIBLE_DESTINATION);
         return false;
@@ -122,10 +132,12 @@ const char* Channel::variable(const std::string& name) const {
 }
 
 const char* Channel::call_state() const {
-    if (down())
+    if (down()) {
         return "HANGUP";
-    if (flag(CF_ANSWERED))
+    }
+    if (flag(CF_ANSWERED)) {
         return "ACTIVE";
+    }
     return flag(CF_EARLY_MEDIA) ? "EARLY" : "RINGING";
 }
 
@@ -144,8 +156,9 @@ switch_channel_timetable_t* switch_channel_get_timetable(switch_channel_t* chann
 // A copy is the same pointer here: no value goes away before its channel does.
 const char* switch_channel_get_variable_dup(switch_channel_t* channel, const char* varname,
                                             switch_bool_t /*dup*/, int idx) {
-    if (!varname || !*varname || idx > -1)
+    if (!varname || !*varname || idx > -1) {
         return nullptr;
+    }
     const char* value = channel->owner->channel().variable(varname);
     return value ? value : current_host().variables.find(varname);
 }
@@ -156,8 +169,9 @@ switch_call_direction_t switch_channel_direction(switch_channel_t* channel) {
 
 int switch_channel_test_ready(switch_channel_t* channel, switch_bool_t check_ready,
                               switch_bool_t check_media) {
-    if (check_media && current_host().faults.on(Fault::media_not_ready))
+    if (check_media && current_host().faults.on(Fault::media_not_ready)) {
         return 0;
+    }
     return channel->owner->channel().ready(check_ready != SWITCH_FALSE,
                                            check_media != SWITCH_FALSE);
 }
@@ -175,10 +189,12 @@ switch_call_cause_t switch_channel_get_cause(switch_channel_t* channel) {
 }
 
 switch_bool_t switch_is_number(const char* str) {
-    if (*str == '-' || *str == '+')
+    if (*str == '-' || *str == '+') {
         ++str;
-    while (*str == '.' || (*str >= '0' && *str <= '9'))
+    }
+    while (*str == '.' || (*str >= '0' && *str <= '9')) {
         ++str;
+    }
     return *str == '\0' ? SWITCH_TRUE : SWITCH_FALSE;
 }
 

@@ -21,8 +21,9 @@ constexpr char BLANKS[] = " \t\r\n";
 
 std::string stripped(const std::string& text) {
     const auto begin = text.find_first_not_of(BLANKS);
-    if (begin == std::string::npos)
+    if (begin == std::string::npos) {
         return "";
+    }
     return text.substr(begin, text.find_last_not_of(BLANKS) - begin + 1);
 }
 
@@ -68,13 +69,15 @@ const char* GlobalVariables::find(const std::string& name) const {
 
 EmbeddedHost::EmbeddedHost(HostOptions options) : parts_(std::make_unique<Parts>(options)) {
     Parts* none = nullptr;
-    if (!the_host.compare_exchange_strong(none, parts_.get()))
+    if (!the_host.compare_exchange_strong(none, parts_.get())) {
         throw std::logic_error("there is an embedded host in this process already");
+    }
 }
 
 EmbeddedHost::~EmbeddedHost() {
-    for (const auto& session : parts_->sessions.all())
+    for (const auto& session : parts_->sessions.all()) {
         session->hangup(SWITCH_CAUSE_SYSTEM_SHUTDOWN);
+    }
     parts_->events.wait_drained();
     parts_->loader.unload_all();
     parts_->events.stop();
@@ -118,11 +121,13 @@ std::vector<std::string> EmbeddedHost::completions() const {
 std::unique_ptr<Call> EmbeddedHost::start_call(CallOptions options) {
     std::string uuid = options.uuid.empty() ? random_uuid() : options.uuid;
     auto session = std::make_shared<Session>(std::move(options), std::move(uuid));
-    if (!parts_->sessions.add(session))
+    if (!parts_->sessions.add(session)) {
         throw std::invalid_argument("a call with the UUID " + session->uuid() + " is alive");
+    }
     session->fire(SWITCH_EVENT_CHANNEL_CREATE);
-    if (session->channel().flag(CF_ANSWERED))
+    if (session->channel().flag(CF_ANSWERED)) {
         session->fire(SWITCH_EVENT_CHANNEL_ANSWER);
+    }
     return std::make_unique<Call>(std::move(session));
 }
 
@@ -137,10 +142,11 @@ ApiAnswer EmbeddedHost::api(const std::string& command_line) {
     AnswerStream stream;
     ApiAnswer answer;
     answer.status = call_api(line.substr(0, end), arguments.c_str(), nullptr, stream.get());
-    if (answer.status == SWITCH_STATUS_NOTFOUND)
+    if (answer.status == SWITCH_STATUS_NOTFOUND) {
         stream.get()->write_function(stream.get(), "INVALID COMMAND!\n");
-    else if (answer.status != SWITCH_STATUS_SUCCESS)
+    } else if (answer.status != SWITCH_STATUS_SUCCESS) {
         stream.get()->write_function(stream.get(), "COMMAND RETURNED ERROR!\n");
+    }
     answer.text = stream.text();
     return answer;
 }
@@ -149,8 +155,9 @@ switch_status_t EmbeddedHost::call_api(const std::string& command, const char* a
                                        switch_core_session_t* session,
                                        switch_stream_handle_t* stream) {
     const auto found = parts_->registry.api(command);
-    if (!found)
+    if (!found) {
         return SWITCH_STATUS_NOTFOUND;
+    }
     ++parts_->counters.api_calls;
     const Inside inside(parts_->counters.api_calls_inside);
     return found->function(arguments, session, stream);

@@ -75,31 +75,35 @@ void append_url_encoded(std::string& text, const char* value) {
 // "NAME: [VALUE]" or, encoded, "NAME: VALUE"; an empty encoded value is spelled out.
 void append_header(std::string& text, const switch_event_header_t& header, bool encode) {
     text.append(header.name).append(": ");
-    if (!encode)
+    if (!encode) {
         text.append("[").append(header.value).append("]");
-    else if (*header.value == '\0')
+    } else if (*header.value == '\0') {
         text.append("_undef_");
-    else
+    } else {
         append_url_encoded(text, header.value);
+    }
     text += '\n';
 }
 
 std::string serialized(const switch_event_t& event, bool encode) {
     std::string text;
-    for (const switch_event_header_t* header = event.headers; header; header = header->next)
+    for (const switch_event_header_t* header = event.headers; header; header = header->next) {
         append_header(text, *header, encode);
-    if (event.body && *event.body)
+    }
+    if (event.body && *event.body) {
         text += "Content-Length: " + std::to_string(std::strlen(event.body)) + "\n\n" + event.body;
-    else
+    } else {
         text += '\n';
+    }
     return text;
 }
 
 }  // namespace
 
 std::string event_name(int id) {
-    if (id >= 0 && static_cast<std::size_t>(id) < LEADING_NAMES.size())
+    if (id >= 0 && static_cast<std::size_t>(id) < LEADING_NAMES.size()) {
         return LEADING_NAMES[static_cast<std::size_t>(id)];
+    }
     switch (id) {
         case SWITCH_EVENT_MODULE_LOAD:
             return "MODULE_LOAD";
@@ -139,8 +143,9 @@ EventBus::~EventBus() {
 }
 
 void EventBus::stop() {
-    if (!thread_.joinable())
+    if (!thread_.joinable()) {
         return;
+    }
     {
         const std::lock_guard<std::mutex> guard(queue_lock_);
         ending_ = true;
@@ -157,8 +162,9 @@ bool EventBus::wanted(int id) const {
 }
 
 void EventBus::fire(Event event) {
-    if (!wanted(event.id))
+    if (!wanted(event.id)) {
         return;
+    }
     {
         const std::lock_guard<std::mutex> guard(queue_lock_);
         queue_.push_back(std::move(event));
@@ -177,8 +183,9 @@ void EventBus::run() {
     std::unique_lock<std::mutex> guard(queue_lock_);
     while (true) {
         queued_.wait(guard, [this] { return ending_ || !queue_.empty(); });
-        if (queue_.empty())
+        if (queue_.empty()) {
             return;
+        }
         const Event event = std::move(queue_.front());
         queue_.pop_front();
         guard.unlock();
@@ -193,16 +200,18 @@ void EventBus::deliver(const Event& event) {
     EventRecord record(event);
     const std::shared_lock<std::shared_mutex> guard(bindings_lock_);
     deliver_to(event.id, record.get());
-    if (event.id != SWITCH_EVENT_ALL)
+    if (event.id != SWITCH_EVENT_ALL) {
         deliver_to(SWITCH_EVENT_ALL, record.get());
+    }
     ++delivered_;
 }
 
 // The latest binding comes first.
 void EventBus::deliver_to(int bound_id, switch_event_t* record) {
     for (auto it = bindings_.rbegin(); it != bindings_.rend(); ++it) {
-        if ((*it)->event != bound_id)
+        if ((*it)->event != bound_id) {
             continue;
+        }
         record->bind_user_data = (*it)->user_data;
         (*it)->callback(record);
     }
@@ -211,31 +220,36 @@ void EventBus::deliver_to(int bound_id, switch_event_t* record) {
 switch_status_t EventBus::bind(const char* owner, switch_event_types_t event,
                                switch_event_callback_t callback, void* user_data,
                                switch_event_node_t** node) {
-    if (node)
+    if (node) {
         *node = nullptr;
-    if (event > SWITCH_EVENT_ALL)
+    }
+    if (event > SWITCH_EVENT_ALL) {
         return SWITCH_STATUS_MEMERR;
+    }
     auto binding = std::make_unique<switch_event_node>();
     binding->owner = owner ? owner : "";
     binding->event = event;
     binding->callback = callback;
     binding->user_data = user_data;
     const std::unique_lock<std::shared_mutex> guard(bindings_lock_);
-    if (node)
+    if (node) {
         *node = binding.get();
+    }
     bindings_.push_back(std::move(binding));
     return SWITCH_STATUS_SUCCESS;
 }
 
 switch_status_t EventBus::unbind(switch_event_node_t** node) {
-    if (!*node)
+    if (!*node) {
         return SWITCH_STATUS_FALSE;
+    }
     const std::unique_lock<std::shared_mutex> guard(bindings_lock_);
     const auto found =
         std::find_if(bindings_.begin(), bindings_.end(),
                      [node](const Binding& binding) { return binding.get() == *node; });
-    if (found == bindings_.end())
+    if (found == bindings_.end()) {
         return SWITCH_STATUS_FALSE;
+    }
     bindings_.erase(found);
     *node = nullptr;
     return SWITCH_STATUS_SUCCESS;
@@ -275,10 +289,12 @@ switch_status_t switch_event_bind_removable(const char* id, switch_event_types_t
                                             const char* /*subclass_name*/,
                                             switch_event_callback_t callback, void* user_data,
                                             switch_event_node_t** node) {
-    if (node)
+    if (node) {
         *node = nullptr;
-    if (qv::host::fault_of_bind(event))
+    }
+    if (qv::host::fault_of_bind(event)) {
         return SWITCH_STATUS_MEMERR;
+    }
     return current_host().events.bind(id, event, callback, user_data, node);
 }
 
@@ -288,21 +304,25 @@ switch_status_t switch_event_unbind(switch_event_node_t** node) {
 
 switch_status_t switch_event_serialize(switch_event_t* event, char** str, switch_bool_t encode) {
     *str = nullptr;
-    if (current_host().faults.on(Fault::out_of_memory))
+    if (current_host().faults.on(Fault::out_of_memory)) {
         return SWITCH_STATUS_MEMERR;
+    }
     const std::string text = qv::host::serialized(*event, encode == SWITCH_TRUE);
     *str = strdup(text.c_str());
     return *str ? SWITCH_STATUS_SUCCESS : SWITCH_STATUS_MEMERR;
 }
 
 char* switch_event_get_header_idx(switch_event_t* event, const char* header_name, int idx) {
-    if (!header_name || current_host().faults.hidden(header_name))
+    if (!header_name || current_host().faults.hidden(header_name)) {
         return nullptr;
+    }
     for (switch_event_header_t* header = event->headers; header; header = header->next) {
-        if (strcasecmp(header->name, header_name) != 0)
+        if (strcasecmp(header->name, header_name) != 0) {
             continue;
-        if (idx < 0)
+        }
+        if (idx < 0) {
             return header->value;
+        }
         return idx < header->idx ? header->array[idx] : nullptr;
     }
     return std::strcmp(header_name, "_body") == 0 ? event->body : nullptr;

@@ -4,10 +4,11 @@ namespace qv::host {
 
 void Faults::set(Fault fault, bool on) {
     const auto bit = static_cast<std::uint32_t>(fault);
-    if (on)
+    if (on) {
         bits_ |= bit;
-    else
+    } else {
         bits_ &= ~bit;
+    }
 }
 
 bool Faults::on(Fault fault) const {
@@ -21,8 +22,9 @@ void Faults::hide_header(const std::string& name) {
 }
 
 bool Faults::hidden(const std::string& name) const {
-    if (!hiding_)
+    if (!hiding_) {
         return false;
+    }
     const std::lock_guard<std::mutex> guard(lock_);
     return headers_.count(name) > 0;
 }

@@ -12,8 +12,9 @@ class SamplePlayer : public FrameSource {
   public:
     SamplePlayer(Samples samples, std::uint32_t samples_per_frame, Repeat repeat)
         : samples_(std::move(samples)), per_frame_(samples_per_frame), repeat_(repeat) {
-        if (!samples_ || per_frame_ == 0)
+        if (!samples_ || per_frame_ == 0) {
             throw std::invalid_argument("play: no samples, or frames of no sample");
+        }
     }
 
     std::optional<std::uint32_t> next(std::uint8_t* buffer, std::uint32_t capacity) override {
@@ -22,8 +23,9 @@ class SamplePlayer : public FrameSource {
             position_ = 0;
             left = samples_->size();
         }
-        if (left == 0)
+        if (left == 0) {
             return std::nullopt;
+        }
         const std::size_t count = std::min({left, std::size_t{per_frame_}, capacity / SAMPLE});
         std::memcpy(buffer, samples_->data() + position_, count * SAMPLE);
         position_ += count;
@@ -45,8 +47,9 @@ class SilencePlayer : public FrameSource {
         : left_(frames), bytes_(samples_per_frame * 2) {}
 
     std::optional<std::uint32_t> next(std::uint8_t* buffer, std::uint32_t capacity) override {
-        if (left_ == 0)
+        if (left_ == 0) {
             return std::nullopt;
+        }
         --left_;
         const std::uint32_t size = std::min(bytes_, capacity);
         std::memset(buffer, 0, size);

@@ -90,11 +90,13 @@ struct Loader::Module {
 // False with dlerror set.
 bool Loader::Module::open(int visibility) {
     object = dlopen(path.c_str(), RTLD_NOW | visibility);
-    if (!object)
+    if (!object) {
         return false;
+    }
     const void* found = dlsym(object, (name + "_module_interface").c_str());
-    if (!found)
+    if (!found) {
         return false;
+    }
     table = static_cast<const switch_loadable_module_function_table_t*>(found);
     base = object_base(found);
     return true;
@@ -155,12 +157,13 @@ void Loader::run_load(Module& module, LoadResult& result) {
     result.status =
         run_guarded([&module] { return module.table->load(&module.interface, &module.pool); },
                     result.exception);
-    if (result.exception)
+    if (result.exception) {
         result.error = "the load function threw: " + *result.exception;
-    else if (!loaded(*result.status))
+    } else if (!loaded(*result.status)) {
         result.error = "the load function returned " + std::to_string(*result.status);
-    else if (!module.interface)
+    } else if (!module.interface) {
         result.error = "the load function created no module interface";
+    }
     module.permanent = result.status == SWITCH_STATUS_NOUNLOAD;
 }
 
@@ -172,16 +175,18 @@ Loader::Closed Loader::close(Module& module) {
     auto bindings =
         module.base ? events.take_bindings_of(module.base) : std::vector<EventBus::Binding>();
     const SessionTable::Pause pause = current_host().sessions.pause_bugs();
-    if (module.object)
+    if (module.object) {
         dlclose(module.object);
+    }
     closed.left_memory = !module.base || !still_loaded(module.base);
     if (!closed.left_memory) {
         events.put_back(std::move(bindings));
         return closed;
     }
     closed.bindings_dropped = bindings.size();
-    for (const auto& session : pause.sessions)
+    for (const auto& session : pause.sessions) {
         closed.bugs_dropped += session->bugs().drop_unmapped();
+    }
     return closed;
 }
 
@@ -203,22 +208,26 @@ UnloadResult Loader::shutdown(const std::string& name) {
         return result;
     }
     module.registered = false;
-    if (!module.shut_down && module.table->shutdown)
+    if (!module.shut_down && module.table->shutdown) {
         result.status = run_guarded(module.table->shutdown, result.exception);
+    }
     module.shut_down = true;
-    if (result.exception)
+    if (result.exception) {
         result.error = "the shutdown function threw: " + *result.exception;
+    }
     return result;
 }
 
 UnloadResult Loader::unload(const std::string& name) {
     UnloadResult result = shutdown(name);
-    if (!result.error.empty() && !result.exception)
+    if (!result.error.empty() && !result.exception) {
         return result;
+    }
     const std::lock_guard<std::mutex> guard(lock_);
     const auto found = modules_.find(name);
-    if (found == modules_.end())
+    if (found == modules_.end()) {
         return result;
+    }
     Module& module = *found->second;
     if (result.status == SWITCH_STATUS_NOUNLOAD) {
         module.permanent = true;
@@ -239,11 +248,13 @@ void Loader::unload_all() {
     std::vector<std::string> names;
     {
         const std::lock_guard<std::mutex> guard(lock_);
-        for (const auto& [name, module] : modules_)
+        for (const auto& [name, module] : modules_) {
             names.push_back(name);
+        }
     }
-    for (const std::string& name : names)
+    for (const std::string& name : names) {
         unload(name);
+    }
 }
 
 std::size_t Loader::modules() const {

@@ -13,10 +13,12 @@ namespace {
 
 // A session as user data stands for its UUID.
 std::optional<std::string> userdata_text(switch_text_channel_t channel, const char* userdata) {
-    if (!userdata)
+    if (!userdata) {
         return std::nullopt;
-    if (channel != SWITCH_CHANNEL_ID_SESSION)
+    }
+    if (channel != SWITCH_CHANNEL_ID_SESSION) {
         return userdata;
+    }
     return reinterpret_cast<const switch_core_session*>(userdata)->owner->uuid();
 }
 
@@ -26,8 +28,9 @@ std::optional<std::string> text_of(const char* text) {
 
 std::string format_text(const char* format, va_list arguments) {
     char* formatted = nullptr;
-    if (vasprintf(&formatted, format, arguments) < 0)
+    if (vasprintf(&formatted, format, arguments) < 0) {
         return format;
+    }
     std::string text = formatted;
     std::free(formatted);
     return text;
@@ -88,8 +91,9 @@ void Log::write(LogLine line, va_list arguments) {
 }
 
 void Log::note(switch_log_level_t level, const std::string& text) {
-    if (!formatting())
+    if (!formatting()) {
         return;
+    }
     LogLine line;
     line.level = level;
     line.format = "%s\n";
@@ -100,10 +104,12 @@ void Log::note(switch_log_level_t level, const std::string& text) {
 
 void Log::keep(LogLine line) {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (listener_)
+    if (listener_) {
         listener_(line);
-    if (!recording_)
+    }
+    if (!recording_) {
         return;
+    }
     lines_.push_back(std::move(line));
     added_.notify_all();
 }
@@ -114,8 +120,9 @@ extern "C" void switch_log_printf(switch_text_channel_t channel, const char* fil
                                   int line, const char* userdata, switch_log_level_t level,
                                   const char* fmt, ...) {
     auto& log = qv::host::current_host().log;
-    if (!log.formatting())
+    if (!log.formatting()) {
         return;
+    }
     qv::host::LogLine record;
     record.channel = channel;
     record.level = level;

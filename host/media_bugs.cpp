@@ -54,8 +54,9 @@ switch_status_t MediaBugs::add(const BugInfo& wanted, switch_media_bug_t** bug) 
                                    wanted.user_data,
                                    wanted.stop_time,
                                    {wanted.flags}});
-    if (is_true(session_.channel().variable("media_bug_answer_req")))
+    if (is_true(session_.channel().variable("media_bug_answer_req"))) {
         added->flags |= ANSWER_REQUIRED;
+    }
     if (added->callback &&
         added->callback(added.get(), added->user_data, SWITCH_ABC_TYPE_INIT) == SWITCH_FALSE) {
         ++host.counters.bugs_refused;
@@ -102,8 +103,9 @@ Delivery MediaBugs::deliver(Direction direction, switch_frame_t& frame) {
             pruning = pruning || (bug->flags & SMBF_PRUNE);
         }
     }
-    if (pruning)
+    if (pruning) {
         prune();
+    }
     return delivery;
 }
 
@@ -111,10 +113,12 @@ Delivery MediaBugs::deliver(Direction direction, switch_frame_t& frame) {
 bool MediaBugs::deliver_to(switch_media_bug& bug, Direction direction, switch_frame_t& frame) {
     const bool read = direction == Direction::read;
     const switch_media_bug_flag_t flags = bug.flags;
-    if ((flags & SMBF_PRUNE) || !(flags & (read ? SMBF_READ_REPLACE : SMBF_WRITE_REPLACE)))
+    if ((flags & SMBF_PRUNE) || !(flags & (read ? SMBF_READ_REPLACE : SMBF_WRITE_REPLACE))) {
         return false;
-    if ((flags & ANSWER_REQUIRED) && !session_.channel().flag(CF_ANSWERED))
+    }
+    if ((flags & ANSWER_REQUIRED) && !session_.channel().flag(CF_ANSWERED)) {
         return false;
+    }
     FrameOffer& offered = offer(bug, direction);
     offered = {&frame, false};
     const switch_bool_t answer = bug.callback(
@@ -125,8 +129,9 @@ bool MediaBugs::deliver_to(switch_media_bug& bug, Direction direction, switch_fr
 }
 
 void MediaBugs::mark(switch_media_bug& bug, switch_bool_t answer) {
-    if (answer == SWITCH_FALSE || overdue(bug))
+    if (answer == SWITCH_FALSE || overdue(bug)) {
         bug.flags |= SMBF_PRUNE;
+    }
 }
 
 bool MediaBugs::raise(switch_abc_type_t type) {
@@ -139,8 +144,9 @@ bool MediaBugs::raise(switch_abc_type_t type) {
             mark(*bug, answer);
         }
     }
-    if (!all)
+    if (!all) {
         prune();
+    }
     return all;
 }
 
@@ -157,8 +163,9 @@ MediaBugs::Bug MediaBugs::take_pruned() {
     const std::unique_lock<std::shared_mutex> guard(lock_);
     const auto found = std::find_if(bugs_.begin(), bugs_.end(),
                                     [](const Bug& bug) { return bug->flags & SMBF_PRUNE; });
-    if (found == bugs_.end())
+    if (found == bugs_.end()) {
         return nullptr;
+    }
     Bug bug = std::move(*found);
     bugs_.erase(found);
     count_ = bugs_.size();
@@ -166,8 +173,9 @@ MediaBugs::Bug MediaBugs::take_pruned() {
 }
 
 void MediaBugs::close(switch_media_bug& bug) {
-    if (bug.callback)
+    if (bug.callback) {
         bug.callback(&bug, bug.user_data, SWITCH_ABC_TYPE_CLOSE);
+    }
     ++current_host().counters.bugs_closed;
 }
 
@@ -181,13 +189,15 @@ void MediaBugs::close_all() {
     std::vector<Bug> closed;
     {
         const std::unique_lock<std::shared_mutex> guard(lock_);
-        for (const Bug& bug : bugs_)
+        for (const Bug& bug : bugs_) {
             close(*bug);
+        }
         closed.swap(bugs_);
         count_ = 0;
     }
-    for (Bug& bug : closed)
+    for (Bug& bug : closed) {
         retire(std::move(bug));
+    }
 }
 
 std::size_t MediaBugs::drop_unmapped() {
@@ -210,8 +220,9 @@ namespace {
 
 // The frame that a bug asks for, noting that it got it.
 switch_frame_t* give(FrameOffer& offer) {
-    if (current_host().faults.on(Fault::null_frame))
+    if (current_host().faults.on(Fault::null_frame)) {
         return nullptr;
+    }
     offer.given = offer.frame != nullptr;
     return offer.frame;
 }
@@ -227,10 +238,12 @@ switch_status_t switch_core_media_bug_add(switch_core_session_t* session, const 
                                           switch_media_bug_t** new_bug) {
     const auto& faults = current_host().faults;
     *new_bug = nullptr;
-    if (faults.on(Fault::bug_refused))
+    if (faults.on(Fault::bug_refused)) {
         return SWITCH_STATUS_FALSE;
-    if (faults.on(Fault::out_of_memory))
+    }
+    if (faults.on(Fault::out_of_memory)) {
         return SWITCH_STATUS_MEMERR;
+    }
     return session->owner->bugs().add(
         {function ? function : "N/A", target ? target : "", callback, user_data, stop_time, flags},
         new_bug);

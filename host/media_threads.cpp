@@ -25,9 +25,10 @@ bool MediaStream::step(Clock::time_point now) {
         session_.media_ended();
         return false;
     }
-    if (observer_)
+    if (observer_) {
         observer_->played(direction_, *result,
                           paced ? Clock::now() - due_ : Clock::duration::zero());
+    }
     due_ = paced ? due_ + session_.options().frame_time : now;
     return true;
 }
@@ -69,10 +70,11 @@ void MediaThread::run() {
         }
         const auto now = MediaStream::Clock::now();
         const auto due = waiting_.top()->due();
-        if (due > now)
+        if (due > now) {
             changed_.wait_until(guard, due);
-        else
+        } else {
             play_next(guard, now);
+        }
     }
 }
 
@@ -86,11 +88,13 @@ void MediaThread::play_next(std::unique_lock<std::mutex>& guard,
         more = playing_->step(now);
         guard.lock();
     }
-    if (more && !playing_->stopped_)
+    if (more && !playing_->stopped_) {
         waiting_.push(playing_);
+    }
     playing_.reset();
-    if (removals_ > 0)
+    if (removals_ > 0) {
         idle_.notify_all();
+    }
 }
 
 MediaPool::MediaPool(unsigned threads_per_direction)
@@ -100,8 +104,9 @@ MediaThread& MediaPool::thread_for(Direction direction) {
     const auto side = static_cast<std::size_t>(direction);
     const std::lock_guard<std::mutex> guard(lock_);
     auto& threads = threads_[side];
-    if (threads.size() < per_direction_)
+    if (threads.size() < per_direction_) {
         threads.push_back(std::make_unique<MediaThread>());
+    }
     return *threads[next_[side]++ % per_direction_];
 }
 

@@ -38,8 +38,9 @@ void Registry::add(ModuleInterface& module) {
 
 bool Registry::remove(ModuleInterface& module) {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (module.users > 0)
+    if (module.users > 0) {
         return false;
+    }
     modules_.erase(std::remove(modules_.begin(), modules_.end(), &module), modules_.end());
     return true;
 }
@@ -47,8 +48,9 @@ bool Registry::remove(ModuleInterface& module) {
 InUse<switch_application_interface_t> Registry::application(const std::string& name) const {
     const std::lock_guard<std::mutex> guard(lock_);
     for (const ModuleInterface* module : modules_) {
-        if (const auto* found = find(module->applications, name))
+        if (const auto* found = find(module->applications, name)) {
             return InUse<switch_application_interface_t>(found);
+        }
     }
     return {};
 }
@@ -56,8 +58,9 @@ InUse<switch_application_interface_t> Registry::application(const std::string& n
 InUse<switch_api_interface_t> Registry::api(const std::string& name) const {
     const std::lock_guard<std::mutex> guard(lock_);
     for (const ModuleInterface* module : modules_) {
-        if (const auto* found = find(module->apis, name))
+        if (const auto* found = find(module->apis, name)) {
             return InUse<switch_api_interface_t>(found);
+        }
     }
     return {};
 }
@@ -66,8 +69,9 @@ std::vector<const switch_application_interface_t*> Registry::applications() cons
     std::vector<const switch_application_interface_t*> all;
     const std::lock_guard<std::mutex> guard(lock_);
     for (const ModuleInterface* module : modules_) {
-        for (const auto& item : module->applications)
+        for (const auto& item : module->applications) {
             all.push_back(item.get());
+        }
     }
     return all;
 }
@@ -76,8 +80,9 @@ std::vector<const switch_api_interface_t*> Registry::apis() const {
     std::vector<const switch_api_interface_t*> all;
     const std::lock_guard<std::mutex> guard(lock_);
     for (const ModuleInterface* module : modules_) {
-        for (const auto& item : module->apis)
+        for (const auto& item : module->apis) {
             all.push_back(item.get());
+        }
     }
     return all;
 }
@@ -119,8 +124,9 @@ void* switch_loadable_module_create_interface(switch_loadable_module_interface_t
 
 switch_status_t switch_console_set_complete(const char* string) {
     auto& host = qv::host::current_host();
-    if (!string || host.faults.on(qv::host::Fault::completion_fails))
+    if (!string || host.faults.on(qv::host::Fault::completion_fails)) {
         return SWITCH_STATUS_FALSE;
+    }
     host.registry.add_completion(string);
     return SWITCH_STATUS_SUCCESS;
 }

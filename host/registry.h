@@ -36,8 +36,9 @@ class InUse {
     InUse(InUse&& other) noexcept : interface_(other.interface_) { other.interface_ = nullptr; }
     InUse& operator=(InUse&&) = delete;
     ~InUse() {
-        if (interface_)
+        if (interface_) {
             --interface_->parent->users;
+        }
     }
 
     explicit operator bool() const { return interface_ != nullptr; }

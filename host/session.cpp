@@ -37,10 +37,12 @@ bool same(const switch_frame_t& left, const switch_frame_t& right) {
 }
 
 const char* answer_state(const Channel& channel) {
-    if (channel.down())
+    if (channel.down()) {
         return "hangup";
-    if (channel.flag(CF_ANSWERED))
+    }
+    if (channel.flag(CF_ANSWERED)) {
         return "answered";
+    }
     return channel.flag(CF_EARLY_MEDIA) ? "early" : "ringing";
 }
 
@@ -48,18 +50,21 @@ const char* answer_state(const Channel& channel) {
 
 bool ReadLock::try_lock() {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (closed_)
+    if (closed_) {
         return false;
+    }
     ++holders_;
     return true;
 }
 
 bool ReadLock::unlock() {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (holders_ == 0)
+    if (holders_ == 0) {
         return false;
-    if (--holders_ == 0)
+    }
+    if (--holders_ == 0) {
         released_.notify_all();
+    }
     return true;
 }
 
@@ -78,8 +83,9 @@ std::size_t ReadLock::holders() const {
 FrameResult MediaLeg::feed(const void* data, std::size_t size) {
     const std::lock_guard<std::mutex> guard(lock_);
     reserve(size);
-    if (size > 0)
+    if (size > 0) {
         std::memcpy(buffer_.data(), data, size);
+    }
     return hand_out_buffer(static_cast<std::uint32_t>(size));
 }
 
@@ -93,11 +99,13 @@ std::optional<FrameResult> MediaLeg::feed_from(FrameSource& source,
     const std::lock_guard<std::mutex> guard(lock_);
     reserve(FRAME_CAPACITY);
     const auto size = source.next(buffer_.data(), static_cast<std::uint32_t>(buffer_.size()));
-    if (!size)
+    if (!size) {
         return std::nullopt;
+    }
     stats_.worst_lateness = std::max(stats_.worst_lateness, lateness);
-    if (lateness > session_.options().frame_time)
+    if (lateness > session_.options().frame_time) {
         ++stats_.late_frames;
+    }
     return hand_out_buffer(*size);
 }
 
@@ -107,8 +115,9 @@ MediaStats MediaLeg::stats() const {
 }
 
 void MediaLeg::reserve(std::size_t size) {
-    if (buffer_.size() < size)
+    if (buffer_.size() < size) {
         buffer_.resize(std::max(size, FRAME_CAPACITY));
+    }
 }
 
 FrameResult MediaLeg::hand_out_buffer(std::uint32_t size) {
@@ -130,8 +139,9 @@ FrameResult MediaLeg::hand_out(switch_frame_t& frame) {
     stats_.bytes += frame.datalen;
     FrameResult result;
     result.bytes = frame.datalen;
-    if (!session_.bugs().any())
+    if (!session_.bugs().any()) {
         return result;
+    }
     const auto* data = static_cast<const std::uint8_t*>(frame.data);
     original_.assign(data, data + (data ? frame.datalen : 0));
     const switch_frame_t before = frame;
@@ -179,8 +189,9 @@ bool Session::execute(const std::string& application, const std::string& data) {
     const std::lock_guard<std::mutex> guard(thread_lock_);
     auto& host = current_host();
     const auto found = host.registry.application(application);
-    if (!found || over())
+    if (!found || over()) {
         return false;
+    }
     const Inside inside(host.counters.applications_inside);
     fire(SWITCH_EVENT_CHANNEL_EXECUTE, {{"Application", application}, {"Application-Data", data}});
     found->application_function(handle(), data.c_str());
@@ -190,8 +201,9 @@ bool Session::execute(const std::string& application, const std::string& data) {
 }
 
 bool Session::hangup(switch_call_cause_t cause) {
-    if (over_.exchange(true))
+    if (over_.exchange(true)) {
         return false;
+    }
     const auto self = shared_from_this();
     channel_.hang_up(cause);
     fire(SWITCH_EVENT_CHANNEL_HANGUP);
@@ -230,8 +242,9 @@ void Session::start_media(MediaPlan plan) {
     const std::lock_guard<std::mutex> guard(plan_lock_);
     stop_stream(Direction::read);
     stop_stream(Direction::write);
-    if (over())
+    if (over()) {
         return;
+    }
     {
         const std::lock_guard<std::mutex> ends(ends_lock_);
         streams_left_ = (plan.read ? 1 : 0) + (plan.write ? 1 : 0);
@@ -242,14 +255,16 @@ void Session::start_media(MediaPlan plan) {
 
 void Session::start_stream(Direction direction, std::unique_ptr<FrameSource> source,
                            const MediaPlan& plan) {
-    if (!source)
+    if (!source) {
         return;
+    }
     Playing& playing = playing_[static_cast<std::size_t>(direction)];
     playing.stream =
         std::make_shared<MediaStream>(*this, direction, std::move(source), plan.observer, plan.pace,
                                       MediaStream::Clock::now() + plan.delay);
-    if (plan.threads == MediaThreads::own)
+    if (plan.threads == MediaThreads::own) {
         playing.own_thread = std::make_unique<MediaThread>();
+    }
     playing.thread =
         playing.own_thread ? playing.own_thread.get() : &current_host().pool.thread_for(direction);
     playing.thread->add(playing.stream);
@@ -258,8 +273,9 @@ void Session::start_stream(Direction direction, std::unique_ptr<FrameSource> sou
 // plan_lock_ held.
 void Session::stop_stream(Direction direction) {
     Playing& playing = playing_[static_cast<std::size_t>(direction)];
-    if (playing.stream)
+    if (playing.stream) {
         playing.thread->remove(playing.stream);
+    }
     playing = {};
 }
 
@@ -306,8 +322,9 @@ Event Session::event(int id, std::vector<std::pair<std::string, std::string>> mo
 
 void Session::fire(int id, std::vector<std::pair<std::string, std::string>> more) {
     EventBus& events = current_host().events;
-    if (events.wanted(id))
+    if (events.wanted(id)) {
         events.fire(event(id, std::move(more)));
+    }
 }
 
 }  // namespace qv::host
@@ -323,8 +340,9 @@ switch_channel_t* switch_core_session_get_channel(switch_core_session_t* session
 
 char* switch_core_session_get_uuid(switch_core_session_t* session) {
     static char garbage[] = "not-a-uuid";
-    if (current_host().faults.on(Fault::uuid_garbage))
+    if (current_host().faults.on(Fault::uuid_garbage)) {
         return garbage;
+    }
     return const_cast<char*>(session->owner->uuid().c_str());
 }
 
@@ -332,16 +350,18 @@ switch_core_session_t* switch_core_session_perform_locate(const char* uuid_str,
                                                           const char* /*file*/,
                                                           const char* /*func*/, int /*line*/) {
     auto& host = current_host();
-    if (!uuid_str || host.faults.on(Fault::session_not_found))
+    if (!uuid_str || host.faults.on(Fault::session_not_found)) {
         return nullptr;
+    }
     return host.sessions.locate(uuid_str);
 }
 
 void switch_core_session_rwunlock(switch_core_session_t* session) {
     auto& counters = current_host().counters;
-    if (session->owner->read_lock().unlock())
+    if (session->owner->read_lock().unlock()) {
         --counters.read_locks_held;
-    else
+    } else {
         ++counters.unlocks_without_lock;
+    }
 }
 }

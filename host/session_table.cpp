@@ -19,8 +19,9 @@ void SessionTable::remove(const std::string& uuid) {
 switch_core_session_t* SessionTable::locate(const std::string& uuid) const {
     const std::lock_guard<std::mutex> guard(lock_);
     const auto found = sessions_.find(uuid);
-    if (found == sessions_.end() || !found->second->read_lock().try_lock())
+    if (found == sessions_.end() || !found->second->read_lock().try_lock()) {
         return nullptr;
+    }
     if (found->second->channel().down()) {
         found->second->read_lock().unlock();
         return nullptr;
@@ -35,8 +36,9 @@ std::vector<std::shared_ptr<Session>> SessionTable::all() const {
     std::vector<std::shared_ptr<Session>> sessions;
     const std::lock_guard<std::mutex> guard(lock_);
     sessions.reserve(sessions_.size());
-    for (const auto& [uuid, session] : sessions_)
+    for (const auto& [uuid, session] : sessions_) {
         sessions.push_back(session);
+    }
     return sessions;
 }
 
@@ -52,8 +54,9 @@ void SessionTable::keep(std::shared_ptr<Session> session) {
 
 SessionTable::Pause SessionTable::pause_bugs() const {
     Pause pause{all(), {}};
-    for (const auto& session : pause.sessions)
+    for (const auto& session : pause.sessions) {
         pause.locks.push_back(session->bugs().pause());
+    }
     return pause;
 }
 

@@ -45,8 +45,9 @@ TEST_F(ApiTest, TheFunctionCanBeCalledWithArgumentsAsTheyAre) {
 TEST_F(ApiTest, LongAnswersGrowTheStream) {
     AnswerStream stream;
     const std::string part(1500, 'x');
-    for (int i = 0; i < 10; ++i)
+    for (int i = 0; i < 10; ++i) {
         stream.get()->write_function(stream.get(), "%s", part.c_str());
+    }
     EXPECT_EQ(stream.text().size(), 15000u);
     EXPECT_EQ(stream.get()->data_len, 15000u);
     EXPECT_EQ(static_cast<char*>(stream.get()->data) + 15000, stream.get()->end);

@@ -174,8 +174,9 @@ TEST_F(CallTest, HangupWaitsForReadLocks) {
     const auto call = host_.start_call();
     switch_core_session_t* session = locate(call->uuid());
     std::thread hangup([&call] { call->hangup(); });
-    while (call->alive())
+    while (call->alive()) {
         std::this_thread::yield();
+    }
     std::this_thread::sleep_for(milliseconds(50));
     EXPECT_EQ(host_.report().sessions_alive, 1u);
     EXPECT_EQ(locate(call->uuid()), nullptr);
@@ -205,16 +206,19 @@ TEST(CallWithoutPatience, AReadLockThatIsNeverGivenBackIsReported) {
 }
 
 TEST_F(CallTest, ANumberIsMadeOfDigitsDotsAndALeadingSign) {
-    for (const char* text : {"", "-", "+", ".", "1.2.3", "-7", "007"})
+    for (const char* text : {"", "-", "+", ".", "1.2.3", "-7", "007"}) {
         EXPECT_TRUE(switch_is_number(text)) << text;
-    for (const char* text : {"1 2", "12a", "abc", "1e3", "0x1", " 1", "--1"})
+    }
+    for (const char* text : {"1 2", "12a", "abc", "1e3", "0x1", " 1", "--1"}) {
         EXPECT_FALSE(switch_is_number(text)) << text;
+    }
 }
 
 TEST_F(CallTest, TenThousandCallsMayBeAlive) {
     std::vector<std::unique_ptr<Call>> calls;
-    for (int i = 0; i < 10000; ++i)
+    for (int i = 0; i < 10000; ++i) {
         calls.push_back(host_.start_call());
+    }
     EXPECT_EQ(host_.report().sessions_alive, 10000u);
     calls.clear();
     EXPECT_EQ(host_.report().sessions_alive, 0u);

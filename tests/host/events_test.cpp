@@ -156,8 +156,9 @@ TEST_F(EventsTest, UnbindingEndsDeliveryAndClearsTheNode) {
 TEST_F(EventsTest, UnbindingWaitsForADeliveryUnderWay) {
     switch_event_node_t* node = bind(SWITCH_EVENT_API, linger);
     host_.events().fire({SWITCH_EVENT_API, {}, ""});
-    while (!g_inside)
+    while (!g_inside) {
         std::this_thread::yield();
+    }
     switch_event_unbind(&node);
     EXPECT_FALSE(g_inside);
 }

@@ -27,8 +27,9 @@ class HostTest : public ::testing::Test {
     // Texts of the module's lines so far, without their "probe: " and line end.
     std::vector<std::string> said() {
         std::vector<std::string> texts;
-        for (const LogLine& line : host_.log().lines())
+        for (const LogLine& line : host_.log().lines()) {
             texts.push_back(line.text.substr(7, line.text.size() - 8));
+        }
         return texts;
     }
 

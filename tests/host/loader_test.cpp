@@ -127,8 +127,9 @@ TEST_F(LoaderTest, AnObjectWithoutTheTableIsRefused) {
 TEST_F(LoaderTest, UnloadIsRefusedWhileAnApiCommandRuns) {
     load_probe();
     std::thread api([this] { host_.api("probe wait"); });
-    while (host_.report().api_calls_inside == 0)
+    while (host_.report().api_calls_inside == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     const UnloadResult refused = host_.unload_module("mod_probe");
     api.join();
     EXPECT_FALSE(refused.unloaded);

@@ -14,24 +14,29 @@ struct Recorder {
         auto& self = *static_cast<Recorder*>(user_data);
         self.kinds.push_back(type);
         self.session = switch_core_media_bug_get_session(bug);
-        if (type == SWITCH_ABC_TYPE_READ_REPLACE)
+        if (type == SWITCH_ABC_TYPE_READ_REPLACE) {
             self.keep(switch_core_media_bug_get_read_replace_frame(bug));
-        if (type == SWITCH_ABC_TYPE_WRITE_REPLACE)
+        }
+        if (type == SWITCH_ABC_TYPE_WRITE_REPLACE) {
             self.keep(switch_core_media_bug_get_write_replace_frame(bug));
+        }
         return type == self.refused ? SWITCH_FALSE : SWITCH_TRUE;
     }
 
     void keep(switch_frame_t* given) {
         frame_given = given != nullptr;
-        if (!given)
+        if (!given) {
             return;
+        }
         frame = *given;
         const auto* begin = static_cast<const std::uint8_t*>(given->data);
         data.assign(begin, begin + given->datalen);
-        if (alter_size)
+        if (alter_size) {
             given->datalen += 2;
-        if (alter_data)
+        }
+        if (alter_data) {
             static_cast<std::uint8_t*>(given->data)[0] ^= 0xFF;
+        }
     }
 
     int refused = -1;

@@ -150,8 +150,9 @@ TEST_F(MediaThreadsTest, ADirectionWithoutASourceIsSilent) {
 
 TEST_F(MediaThreadsTest, ThePlayedSamplesArriveInOrderWithAShortLastFrame) {
     const auto samples = std::make_shared<std::vector<std::int16_t>>();
-    for (std::int16_t i = 0; i < 10; ++i)
+    for (std::int16_t i = 0; i < 10; ++i) {
         samples->push_back(i);
+    }
     const auto source = play(samples, 4);
     std::uint8_t buffer[100];
     EXPECT_EQ(source->next(buffer, sizeof(buffer)), 8u);
@@ -165,8 +166,9 @@ TEST_F(MediaThreadsTest, ThePlayedSamplesArriveInOrderWithAShortLastFrame) {
 TEST_F(MediaThreadsTest, AStoppedPlanPlaysNoMore) {
     const auto call = tapped_call();
     call->start_media(endless(Pace::free_running));
-    while (call->media_stats(Direction::read).frames == 0)
+    while (call->media_stats(Direction::read).frames == 0) {
         std::this_thread::yield();
+    }
     call->stop_media();
     const auto frames_then = call->media_stats(Direction::read).frames;
     std::this_thread::sleep_for(milliseconds(20));
@@ -183,8 +185,9 @@ TEST_F(MediaThreadsTest, ANewPlanReplacesTheOldOne) {
 TEST_F(MediaThreadsTest, HangupEndsEndlessMedia) {
     const auto call = tapped_call();
     call->start_media(endless(Pace::free_running));
-    while (call->media_stats(Direction::write).frames == 0)
+    while (call->media_stats(Direction::write).frames == 0) {
         std::this_thread::yield();
+    }
     call->hangup();
     EXPECT_FALSE(call->wait_media(milliseconds(1)));
     expect_nothing_left();
@@ -196,10 +199,12 @@ TEST_F(MediaThreadsTest, ManyPacedCallsPlayAllTheirFrames) {
         calls.push_back(tapped_call());
         calls.back()->start_media(frames(10, Pace::paced));
     }
-    for (const auto& call : calls)
+    for (const auto& call : calls) {
         EXPECT_TRUE(call->wait_media(seconds(30)));
-    for (const auto& call : calls)
+    }
+    for (const auto& call : calls) {
         EXPECT_EQ(call->media_stats(Direction::write).frames, 10u);
+    }
     calls.clear();
     expect_nothing_left();
     EXPECT_EQ(host_.report().frames_delivered, 2000u);
@@ -208,8 +213,9 @@ TEST_F(MediaThreadsTest, ManyPacedCallsPlayAllTheirFrames) {
 TEST_F(MediaThreadsTest, CallsApiCommandsAndHangupsRace) {
     std::atomic<bool> ending{false};
     std::thread api([&] {
-        while (!ending)
+        while (!ending) {
             host_.api("probe x");
+        }
     });
     std::thread finder([&] {
         while (!ending) {
@@ -230,10 +236,12 @@ TEST_F(MediaThreadsTest, CallsApiCommandsAndHangupsRace) {
         }
         std::vector<std::thread> hangups;
         hangups.reserve(calls.size());
-        for (auto& call : calls)
+        for (auto& call : calls) {
             hangups.emplace_back([&call] { call->hangup(); });
-        for (auto& thread : hangups)
+        }
+        for (auto& thread : hangups) {
             thread.join();
+        }
     }
     ending = true;
     api.join();
@@ -258,12 +266,14 @@ TEST_F(MediaThreadsTest, EventsAndUnbindingRaceWithCalls) {
     threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([this] {
-            for (int round = 0; round < 50; ++round)
+            for (int round = 0; round < 50; ++round) {
                 tapped_call()->hangup();
+            }
         });
     }
-    for (auto& thread : threads)
+    for (auto& thread : threads) {
         thread.join();
+    }
     EXPECT_TRUE(host_.unload_module("mod_probe").unloaded);
     expect_nothing_left();
 }

@@ -26,8 +26,9 @@ std::string text_of(const std::string& path) {
 // The exit code of `action` in a process of its own: what it does to the process ends there.
 int in_child(const std::function<int()>& action) {
     const pid_t child = fork();
-    if (child == 0)
+    if (child == 0) {
         _exit(action());
+    }
     int status = 0;
     waitpid(child, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -40,14 +41,16 @@ bool etc_is_unwritable() {
 TEST(PrivateConfig, TheProcessSeesItsOwnFileAndTheRestOfEtc) {
     const std::string before = text_of(CONFIG);
     const int code = in_child([] {
-        if (const auto error = use_private_config("log_level=TRACE\n"))
+        if (const auto error = use_private_config("log_level=TRACE\n")) {
             return FORBIDDEN;
+        }
         const bool seen = text_of(CONFIG) == "log_level=TRACE\n";
         const bool rest = !text_of("/etc/passwd").empty();
         return seen && rest && etc_is_unwritable() ? 0 : 1;
     });
-    if (code == FORBIDDEN)
+    if (code == FORBIDDEN) {
         GTEST_SKIP() << "this system allows no mount namespace";
+    }
     EXPECT_EQ(code, 0);
     EXPECT_EQ(text_of(CONFIG), before);
 }

@@ -26,8 +26,10 @@ std::string shipped_file() {
 std::vector<std::string> commented_settings(const std::string& text) {
     const std::regex setting("(^|\n)#([a-z_]+ = [^\n]*)");
     std::vector<std::string> found;
-    for (std::sregex_iterator match(text.begin(), text.end(), setting), end; match != end; ++match)
+    for (std::sregex_iterator match(text.begin(), text.end(), setting), end; match != end;
+         ++match) {
         found.push_back((*match)[2]);
+    }
     return found;
 }
 
@@ -52,9 +54,11 @@ class ShippedConfiguration : public ::testing::Test {
     // Lines of the levels WARNING and more important.
     std::string complaints() {
         std::string texts;
-        for (const LogLine& line : host_.log().lines())
-            if (line.level <= SWITCH_LOG_WARNING)
+        for (const LogLine& line : host_.log().lines()) {
+            if (line.level <= SWITCH_LOG_WARNING) {
                 texts += line.text;
+            }
+        }
         return texts;
     }
 
@@ -79,8 +83,9 @@ TEST_F(ShippedConfiguration, SetsNothing) {
 TEST_F(ShippedConfiguration, NamesEveryOption) {
     const std::string names = [] {
         std::string joined;
-        for (const std::string& setting : commented_settings(shipped_file()))
+        for (const std::string& setting : commented_settings(shipped_file())) {
             joined += setting.substr(0, setting.find(' ')) + " ";
+        }
         return joined;
     }();
     EXPECT_EQ(names, "media_node default_detection default_audio_activity log_level dump_events ");
@@ -88,8 +93,9 @@ TEST_F(ShippedConfiguration, NamesEveryOption) {
 
 TEST_F(ShippedConfiguration, EveryExampleIsAccepted) {
     std::string content;
-    for (const std::string& setting : commented_settings(shipped_file()))
+    for (const std::string& setting : commented_settings(shipped_file())) {
         content += setting + "\n";
+    }
     load_with(content);
     EXPECT_EQ(complaints(), "");
     EXPECT_EQ(host_.log().count("is set to"), 5U);

@@ -20,13 +20,16 @@ constexpr double TONE_HERTZ[] = {440, 550};  // of the read and of the write sid
 constexpr double TONE_SECONDS = 1;           // whole periods of both: it can be repeated
 
 std::string audio_text(const std::optional<Audio>& audio, const std::optional<Span>& length) {
-    if (!audio)
+    if (!audio) {
         return "nothing";
-    if (!length)
+    }
+    if (!length) {
         return audio->name + ", " + duration_text(audio->seconds());
+    }
     std::string text = audio->name + " for " + duration_text(length->min_s);
-    if (length->max_s > length->min_s)
+    if (length->max_s > length->min_s) {
         text += " to " + duration_text(length->max_s);
+    }
     return text;
 }
 
@@ -73,12 +76,15 @@ int Application::run_checked() {
 
 void Application::load_audio() {
     CallPlan& plan = options_.plan;
-    if (!options_.read_path.empty())
+    if (!options_.read_path.empty()) {
         plan.read = load_wav(options_.read_path);
-    if (!options_.write_path.empty())
+    }
+    if (!options_.write_path.empty()) {
         plan.write = load_wav(options_.write_path);
-    if (plan.read || plan.write)
+    }
+    if (plan.read || plan.write) {
         return;
+    }
     plan.read = make_tone(options_.tone_rate, TONE_HERTZ[0], TONE_SECONDS);
     plan.write = make_tone(options_.tone_rate, TONE_HERTZ[1], TONE_SECONDS);
     plan.afterwards = Afterwards::repeat;
@@ -86,11 +92,13 @@ void Application::load_audio() {
 
 // Before the run, so that it is not in vain.
 void Application::open_json() {
-    if (options_.json_path.empty())
+    if (options_.json_path.empty()) {
         return;
+    }
     json_.open(options_.json_path);
-    if (!json_)
+    if (!json_) {
         throw FileError(options_.json_path + ": " + std::generic_category().message(errno));
+    }
 }
 
 int Application::run_with_module(const PlacedConfig& config) {
@@ -100,8 +108,9 @@ int Application::run_with_module(const PlacedConfig& config) {
     host::EmbeddedHost host(host_options);
     log.listen(host.log());
     for (const FaultSpan& fault : options_.plan.faults) {
-        if (!fault.from_s)
+        if (!fault.from_s) {
             switch_fault(host.faults(), fault, true);
+        }
     }
     const host::LoadResult loaded = host.load_module(config.module_path());
     if (!loaded.loaded) {
@@ -136,8 +145,9 @@ RunReport Application::run_calls(host::EmbeddedHost& host, const LogView& log,
 }
 
 bool Application::call_lines() const {
-    if (options_.call_lines == CallLines::few_calls)
+    if (options_.call_lines == CallLines::few_calls) {
         return options_.plan.schedule.calls <= FEW_CALLS;
+    }
     return options_.call_lines == CallLines::always;
 }
 
@@ -155,18 +165,22 @@ void Application::tell_begin(const PlacedConfig& config, std::string media_node)
 
 int Application::tell_end(const RunReport& report) {
     console_.set_status("");
-    if (json_.is_open())
+    if (json_.is_open()) {
         // A command is the user's text, and need not be UTF-8.
         json_ << report_json(report).dump(2, ' ', false,
                                           nlohmann::ordered_json::error_handler_t::replace)
               << std::endl;
-    for (const std::string& line : report_lines(report))
+    }
+    for (const std::string& line : report_lines(report)) {
         console_.line(line);
+    }
     auto problems = problems_of(report);
-    if (json_.is_open() && !json_)
+    if (json_.is_open() && !json_) {
         problems.push_back(options_.json_path + " could not be written");
-    for (const std::string& problem : problems)
+    }
+    for (const std::string& problem : problems) {
         console_.line("Problem   " + problem);
+    }
     return problems.empty() ? EXIT_FINE : EXIT_TROUBLE;
 }
 

@@ -9,8 +9,9 @@ namespace {
 constexpr std::uint64_t MAX_FRAME_BYTES = 8192;  // room that the host makes for a frame
 
 double seconds_of_side(const std::optional<Audio>& audio, const CallTimes& times) {
-    if (!audio)
+    if (!audio) {
         return 0;
+    }
     return static_cast<double>(samples_of(*audio, times)) / audio->rate;
 }
 
@@ -21,20 +22,23 @@ std::uint32_t rate_of(const CallPlan& plan) {
 }
 
 void check_plan(const CallPlan& plan) {
-    if (plan.read && plan.write && plan.read->rate != plan.write->rate)
+    if (plan.read && plan.write && plan.read->rate != plan.write->rate) {
         throw PlanError("a call has one sample rate: " + plan.read->name + " has " +
                         std::to_string(plan.read->rate) + " Hz, " + plan.write->name + " has " +
                         std::to_string(plan.write->rate) + " Hz");
+    }
     const std::uint64_t bytes = (std::uint64_t{rate_of(plan)} * plan.frame_ms + 999) / 1000 * 2;
-    if (bytes > MAX_FRAME_BYTES)
+    if (bytes > MAX_FRAME_BYTES) {
         throw PlanError("frames of " + std::to_string(plan.frame_ms) + " ms at " +
                         std::to_string(rate_of(plan)) + " Hz have " + std::to_string(bytes) +
                         " bytes; the host's hold at most " + std::to_string(MAX_FRAME_BYTES));
+    }
 }
 
 std::uint64_t samples_of(const Audio& audio, const CallTimes& times) {
-    if (!times.length_s)
+    if (!times.length_s) {
         return audio.samples->size();
+    }
     return static_cast<std::uint64_t>(std::llround(*times.length_s * audio.rate));
 }
 
@@ -43,8 +47,9 @@ double expected_seconds(const CallPlan& plan, const std::vector<CallTimes>& call
     for (const CallTimes& times : calls) {
         double length = plan.tap_after_s + std::max(seconds_of_side(plan.read, times),
                                                     seconds_of_side(plan.write, times));
-        if (plan.hangup_s)
+        if (plan.hangup_s) {
             length = std::min(length, *plan.hangup_s);
+        }
         last = std::max(last, seconds_of(times.begin) + length);
     }
     return last;

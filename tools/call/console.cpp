@@ -11,21 +11,24 @@ void Console::line(const std::string& text) {
 
 void Console::set_status(const std::string& text) {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (!terminal_)
+    if (!terminal_) {
         return;
+    }
     erase_status();
     status_text_ = text;
     draw_status();
 }
 
 void Console::erase_status() {
-    if (!status_text_.empty())
+    if (!status_text_.empty()) {
         status_ << "\r\033[K" << std::flush;
+    }
 }
 
 void Console::draw_status() {
-    if (status_text_.empty())
+    if (status_text_.empty()) {
         return;
+    }
     // The last column stays free: some terminals wrap as soon as it is written.
     const std::size_t columns = columns_();
     status_ << (columns > 1 ? status_text_.substr(0, columns - 1) : status_text_) << std::flush;

@@ -74,20 +74,25 @@ RunTotals Driver::run(const std::atomic<bool>& stop) {
 void Driver::fill_agenda() {
     for (std::size_t item = 0; item < plan_.faults.size(); ++item) {
         const FaultSpan& fault = plan_.faults[item];
-        if (fault.from_s)
+        if (fault.from_s) {
             agenda_.add(time_of_seconds(*fault.from_s), {Step::Kind::fault, 0, item, true});
-        if (fault.until_s)
+        }
+        if (fault.until_s) {
             agenda_.add(time_of_seconds(*fault.until_s), {Step::Kind::fault, 0, item, false});
+        }
     }
-    for (std::size_t index = 0; index < times_.size(); ++index)
+    for (std::size_t index = 0; index < times_.size(); ++index) {
         agenda_.add(times_[index].begin, {Step::Kind::begin, index});
+    }
 }
 
 void Driver::work_off(Time due_by) {
-    while (const auto step = agenda_.take(due_by))
+    while (const auto step = agenda_.take(due_by)) {
         perform(*step);
-    for (const std::size_t index : ended_->take())
+    }
+    for (const std::size_t index : ended_->take()) {
         side_ended(index);
+    }
 }
 
 void Driver::perform(const Step& step) {
@@ -106,10 +111,11 @@ void Driver::perform(const Step& step) {
 }
 
 void Driver::begin_or_wait(std::size_t index) {
-    if (plan_.concurrent > 0 && live_ >= plan_.concurrent)
+    if (plan_.concurrent > 0 && live_ >= plan_.concurrent) {
         waiting_.push_back(index);
-    else
+    } else {
         begin(index);
+    }
 }
 
 void Driver::begin(std::size_t index) {
@@ -123,8 +129,9 @@ void Driver::begin(std::size_t index) {
     live.call = host_.start_call(std::move(options));
     live.begin = now();
     const std::string uuid = live.call->uuid();
-    for (const auto& [name, value] : plan_.variables)
+    for (const auto& [name, value] : plan_.variables) {
         live.call->set_variable(name, fill_placeholders(value, uuid, index + 1));
+    }
     ++totals_.calls_begun;
     totals_.most_at_once = std::max(totals_.most_at_once, ++live_);
     listener_.call_begun(live.begin, index + 1, uuid);
@@ -132,16 +139,19 @@ void Driver::begin(std::size_t index) {
     live.commands_left = plan_.commands.size();
     const auto at = [&live](double seconds) { return live.begin + time_of_seconds(seconds); };
     agenda_.add(at(plan_.tap_after_s), {Step::Kind::tap, index});
-    for (std::size_t item = 0; item < plan_.commands.size(); ++item)
+    for (std::size_t item = 0; item < plan_.commands.size(); ++item) {
         agenda_.add(at(plan_.commands[item].at_s), {Step::Kind::command, index, item});
-    if (plan_.hangup_s)
+    }
+    if (plan_.hangup_s) {
         agenda_.add(at(*plan_.hangup_s), {Step::Kind::hangup, index});
+    }
 }
 
 void Driver::tap(std::size_t index) {
     host::Call* const call = calls_[index].call.get();
-    if (!call)
+    if (!call) {
         return;
+    }
     const bool tapped = call->execute(APPLICATION) && !call->bugs().empty();
     totals_.calls_tapped += tapped ? 1 : 0;
     listener_.call_tapped(now(), index + 1, tapped);
@@ -162,8 +172,9 @@ void Driver::start_media(std::size_t index, host::Call& call) {
 
 std::unique_ptr<host::FrameSource> Driver::source_of(const std::optional<Audio>& audio,
                                                      std::size_t index) {
-    if (!audio)
+    if (!audio) {
         return nullptr;
+    }
     return std::make_unique<SideSource>(audio->samples, FrameSizes(audio->rate, plan_.frame_ms),
                                         samples_of(*audio, times_[index]), plan_.afterwards,
                                         [ended = ended_, index] { ended->add(index); });
@@ -171,15 +182,17 @@ std::unique_ptr<host::FrameSource> Driver::source_of(const std::optional<Audio>&
 
 void Driver::run_command(std::size_t index, const TimedCommand& command) {
     LiveCall& live = calls_[index];
-    if (!live.call)
+    if (!live.call) {
         return;  // counted as missed when the call ended
+    }
     --live.commands_left;
     ++totals_.commands_run;
     const std::string text = fill_placeholders(command.text, live.call->uuid(), index + 1);
     const host::ApiAnswer answer = host_.api(text);
     if (is_failure(answer)) {
-        if (++totals_.commands_failed == 1)
+        if (++totals_.commands_failed == 1) {
             totals_.first_failed = FailedCommand{index + 1, text, answer.text};
+        }
     }
     listener_.command_run(now(), index + 1, text, answer.text);
 }
@@ -190,14 +203,16 @@ void Driver::switch_planned_fault(std::size_t item, bool on) {
 }
 
 void Driver::side_ended(std::size_t index) {
-    if (calls_[index].call && --calls_[index].sides_left == 0)
+    if (calls_[index].call && --calls_[index].sides_left == 0) {
         hang_up(index, &RunTotals::calls_ended);
+    }
 }
 
 void Driver::hang_up(std::size_t index, std::size_t RunTotals::*counted_as) {
     LiveCall& live = calls_[index];
-    if (!live.call)
+    if (!live.call) {
         return;
+    }
     live.call->hangup();
     const Time at = now();
     totals_.call_seconds += seconds_of(at - live.begin);
@@ -206,8 +221,9 @@ void Driver::hang_up(std::size_t index, std::size_t RunTotals::*counted_as) {
     miss_commands(index);
     live.call.reset();
     listener_.call_over(at, index + 1);
-    if (waiting_.empty())
+    if (waiting_.empty()) {
         return;
+    }
     agenda_.add(at, {Step::Kind::begin, waiting_.front()});
     waiting_.pop_front();
 }
@@ -216,14 +232,16 @@ void Driver::hang_up(std::size_t index, std::size_t RunTotals::*counted_as) {
 void Driver::miss_commands(std::size_t index) {
     const std::size_t left = calls_[index].commands_left;
     totals_.commands_missed += left;
-    for (std::size_t item = plan_.commands.size() - left; item < plan_.commands.size(); ++item)
+    for (std::size_t item = plan_.commands.size() - left; item < plan_.commands.size(); ++item) {
         listener_.command_missed(now(), index + 1, plan_.commands[item].text);
+    }
 }
 
 void Driver::cut_all() {
     waiting_.clear();
-    for (std::size_t index = 0; index < calls_.size(); ++index)
+    for (std::size_t index = 0; index < calls_.size(); ++index) {
         hang_up(index, &RunTotals::calls_cut);
+    }
 }
 
 void Driver::tick(Time at) {

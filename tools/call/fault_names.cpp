@@ -34,8 +34,9 @@ constexpr Named NAMES[] = {
 
 std::string all_names() {
     std::vector<std::string> names;
-    for (const FaultHelp& help : fault_help())
+    for (const FaultHelp& help : fault_help()) {
         names.push_back(help.name);
+    }
     return joined(names, ", ");
 }
 
@@ -56,23 +57,27 @@ void set_name(FaultSpan& span, const std::string& name) {
 
 double time_in(const std::string& text) {
     const auto seconds = parse_number(text);
-    if (!seconds || *seconds < 0)
+    if (!seconds || *seconds < 0) {
         throw std::invalid_argument("'" + text +
                                     "' is no time in seconds; a fault is NAME, "
                                     "NAME@FROM or NAME@FROM-UNTIL");
+    }
     return *seconds;
 }
 
 void set_times(FaultSpan& span, const std::string& text) {
     const auto dash = text.find('-');
     span.from_s = time_in(text.substr(0, dash));
-    if (dash == std::string::npos)
+    if (dash == std::string::npos) {
         return;
-    if (!span.fault)
+    }
+    if (!span.fault) {
         throw std::invalid_argument("a hidden header stays hidden: '" + text + "' names an end");
+    }
     span.until_s = time_in(text.substr(dash + 1));
-    if (*span.until_s < *span.from_s)
+    if (*span.until_s < *span.from_s) {
         throw std::invalid_argument("the fault '" + text + "' ends before it begins");
+    }
 }
 
 }  // namespace
@@ -81,31 +86,35 @@ FaultSpan parse_fault(const std::string& text) {
     FaultSpan span;
     const auto at = text.find('@');
     set_name(span, text.substr(0, at));
-    if (at != std::string::npos)
+    if (at != std::string::npos) {
         set_times(span, text.substr(at + 1));
+    }
     return span;
 }
 
 std::string name_of(const FaultSpan& span) {
     for (const Named& named : NAMES) {
-        if (span.fault == named.fault)
+        if (span.fault == named.fault) {
             return named.name;
+        }
     }
     return HIDE_HEADER + span.header;
 }
 
 void switch_fault(host::Faults& faults, const FaultSpan& span, bool on) {
-    if (span.fault)
+    if (span.fault) {
         faults.set(*span.fault, on);
-    else if (on)
+    } else if (on) {
         faults.hide_header(span.header);
+    }
 }
 
 const std::vector<FaultHelp>& fault_help() {
     static const std::vector<FaultHelp> everything = [] {
         std::vector<FaultHelp> all;
-        for (const Named& named : NAMES)
+        for (const Named& named : NAMES) {
             all.push_back({named.name, named.what});
+        }
         all.push_back({std::string(HIDE_HEADER) + "HEADER", "events lack this header"});
         return all;
     }();

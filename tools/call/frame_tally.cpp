@@ -17,14 +17,16 @@ void FrameTally::played(host::Direction direction, const host::FrameResult& resu
     Counters& counters = counters_[static_cast<std::size_t>(direction)];
     counters.frames.fetch_add(1, relaxed);
     counters.bytes.fetch_add(result.bytes, relaxed);
-    if (result.bugs == 0)
+    if (result.bugs == 0) {
         return;
+    }
     counters.tapped_frames.fetch_add(1, relaxed);
     counters.packets.fetch_add(result.given == 0 ? 0 : packets_of_frame(result.bytes), relaxed);
     counters.altered.fetch_add(result.altered ? 1 : 0, relaxed);
     handling_.add(result.handling);
-    if (paced_)
+    if (paced_) {
         lateness_.add(lateness);
+    }
 }
 
 FrameTally::Side FrameTally::side(host::Direction direction) const {

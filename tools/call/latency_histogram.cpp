@@ -16,8 +16,9 @@ void LatencyHistogram::add(std::chrono::nanoseconds value) {
 
 std::uint64_t LatencyHistogram::count() const {
     std::uint64_t sum = 0;
-    for (const auto& bucket : buckets_)
+    for (const auto& bucket : buckets_) {
         sum += bucket.load(std::memory_order_relaxed);
+    }
     return sum;
 }
 
@@ -27,8 +28,9 @@ std::chrono::nanoseconds LatencyHistogram::percentile(double percent) const {
     std::uint64_t seen = 0;
     for (std::size_t bucket = 0; bucket < BUCKETS; ++bucket) {
         seen += buckets_[bucket].load(std::memory_order_relaxed);
-        if (seen > 0 && seen >= wanted)
+        if (seen > 0 && seen >= wanted) {
             return std::min(std::chrono::nanoseconds(upper_edge(bucket)), largest());
+        }
     }
     return largest();
 }
@@ -38,18 +40,21 @@ std::chrono::nanoseconds LatencyHistogram::largest() const {
 }
 
 std::size_t LatencyHistogram::bucket_of(std::uint64_t value) {
-    if (value < EXACT)
+    if (value < EXACT) {
         return value;
+    }
     const auto top = static_cast<unsigned>(63 - __builtin_clzll(value));  // highest bit set
-    if (top >= LARGEST_BITS)
+    if (top >= LARGEST_BITS) {
         return BUCKETS - 1;
+    }
     const std::size_t step = (value >> (top - STEP_BITS)) & (STEPS - 1);
     return EXACT + (top - EXACT_BITS) * STEPS + step;
 }
 
 std::uint64_t LatencyHistogram::upper_edge(std::size_t bucket) {
-    if (bucket < EXACT)
+    if (bucket < EXACT) {
         return bucket;
+    }
     const std::size_t top = EXACT_BITS + (bucket - EXACT) / STEPS;
     const std::size_t step = (bucket - EXACT) % STEPS;
     return ((STEPS + step + 1) << (top - STEP_BITS)) - 1;

@@ -30,8 +30,9 @@ std::string base_name(const std::string& path) {
 }
 
 std::string without_line_end(std::string text) {
-    while (!text.empty() && text.back() == '\n')
+    while (!text.empty() && text.back() == '\n') {
         text.pop_back();
+    }
     return text;
 }
 
@@ -44,21 +45,25 @@ std::string level_name(switch_log_level_t level) {
 
 std::optional<switch_log_level_t> level_of(const std::string& name) {
     for (std::size_t i = 0; i < std::size(NAMES); ++i) {
-        if (strcasecmp(name.c_str(), NAMES[i]) == 0)
+        if (strcasecmp(name.c_str(), NAMES[i]) == 0) {
             return static_cast<switch_log_level_t>(i);
+        }
     }
-    if (strcasecmp(name.c_str(), "ERROR") == 0)
+    if (strcasecmp(name.c_str(), "ERROR") == 0) {
         return SWITCH_LOG_ERROR;
+    }
     return std::nullopt;
 }
 
 std::string shown_line(const host::LogLine& line, switch_time_t now) {
     std::string text;
-    if (line.userdata && !line.userdata->empty())
+    if (line.userdata && !line.userdata->empty()) {
         text = *line.userdata + " ";
+    }
     text += time_text(now) + " [" + level_name(line.level) + "] ";
-    if (line.file)
+    if (line.file) {
         text += base_name(*line.file) + ":" + std::to_string(line.line) + " ";
+    }
     return text + without_line_end(line.text);
 }
 
@@ -70,23 +75,27 @@ void LogView::listen(host::Log& log) {
 void LogView::on_line(const host::LogLine& line) {
     const bool error = !line.by_host && line.level <= SWITCH_LOG_ERROR;
     const std::uint64_t errors = error ? ++errors_ : 0;
-    if (!line.by_host)
+    if (!line.by_host) {
         ++lines_;
-    if (!line.by_host && line.level == SWITCH_LOG_WARNING)
+    }
+    if (!line.by_host && line.level == SWITCH_LOG_WARNING) {
         ++warnings_;
+    }
     if (most_detailed_) {
-        if (line.level <= *most_detailed_)
+        if (line.level <= *most_detailed_) {
             console_.line(shown_line(line, switch_time_now()));
+        }
     } else if (error) {
         show_error(shown_line(line, switch_time_now()), errors);
     }
 }
 
 void LogView::show_error(const std::string& text, std::uint64_t number) {
-    if (number <= UNASKED_ERRORS)
+    if (number <= UNASKED_ERRORS) {
         console_.line(text);
-    else if (number == UNASKED_ERRORS + 1)
+    } else if (number == UNASKED_ERRORS + 1) {
         console_.line("(further errors are only counted; --show-log ERR shows all)");
+    }
 }
 
 }  // namespace qv::tools::call

@@ -19,22 +19,25 @@ std::string read_file(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     std::stringstream text;
     text << file.rdbuf();
-    if (!file || file.bad())
+    if (!file || file.bad()) {
         throw FileError(path + ": " + std::generic_category().message(errno));
+    }
     return text.str();
 }
 
 void check_readable(const std::string& path) {
-    if (access(path.c_str(), R_OK) != 0)
+    if (access(path.c_str(), R_OK) != 0) {
         throw SettingsError("the module " + path +
                             " cannot be read: " + std::generic_category().message(errno));
+    }
 }
 
 std::string make_folder() {
     char name[] = "/tmp/quorvane-call-XXXXXX";
-    if (!mkdtemp(name))
+    if (!mkdtemp(name)) {
         throw SettingsError("cannot make a folder under /tmp: " +
                             std::generic_category().message(errno));
+    }
     return name;
 }
 
@@ -42,12 +45,15 @@ std::string make_folder() {
 
 std::string config_text(const ModuleSettings& settings) {
     std::string text;
-    if (settings.config_file)
+    if (settings.config_file) {
         text = read_file(*settings.config_file);
-    if (!text.empty() && text.back() != '\n')
+    }
+    if (!text.empty() && text.back() != '\n') {
         text += '\n';
-    for (const auto& [name, value] : settings.options)
+    }
+    for (const auto& [name, value] : settings.options) {
         text.append(name).append("=").append(value).append("\n");
+    }
     return text;
 }
 
@@ -74,8 +80,9 @@ PlacedConfig::PlacedConfig(const ModuleSettings& settings, const std::string& te
         description_ = "a private /etc";
         return;
     }
-    if (settings.place == ConfigPlace::private_etc)
+    if (settings.place == ConfigPlace::private_etc) {
         throw SettingsError("there is no private /etc to be had: " + *refused);
+    }
     try {
         relocate(text);
     } catch (const SettingsError& error) {
@@ -102,8 +109,9 @@ PlacedConfig::~PlacedConfig() {
 }
 
 void PlacedConfig::remove_folder() {
-    if (folder_.empty())
+    if (folder_.empty()) {
         return;
+    }
     std::error_code ignored;
     std::filesystem::current_path("/", ignored);
     std::filesystem::remove_all(folder_, ignored);

@@ -72,8 +72,9 @@ CLI::Option* add_parsed(CLI::App& app, const std::string& name, const std::strin
 CLI::Option* add_repeated(CLI::App& app, const std::string& name, const std::string& help,
                           const Parser& parse) {
     const auto parse_all = [name, parse](const std::vector<std::string>& texts) {
-        for (const std::string& text : texts)
+        for (const std::string& text : texts) {
             parse_for(name, parse, text);
+        }
     };
     return app.add_option_function<std::vector<std::string>>(name, parse_all, help)
         ->allow_extra_args(false);
@@ -96,25 +97,29 @@ CLI::Validator between(Number least, Number most) {
 std::string check_address(const std::string& text) {
     sockaddr_in address{};
     const bool both = text.find(':') != std::string::npos && text.find(':') > 0;
-    if (!both || !net::parse_addr(text.c_str(), nullptr, address))
+    if (!both || !net::parse_addr(text.c_str(), nullptr, address)) {
         return "'" + text + "' is no IPv4 address and port, such as " + DEFAULT_MEDIA_NODE;
+    }
     return {};
 }
 
 std::string check_uuid(const std::string& text) {
     unsigned char bytes[16];
-    if (!utils::bytes::decode_uuid(text.c_str(), bytes, tag::direct_update_t()))
+    if (!utils::bytes::decode_uuid(text.c_str(), bytes, tag::direct_update_t())) {
         return "'" + text + "' is no UUID";
+    }
     return {};
 }
 
 // By the beginning of the text, as the module reads it; an empty one is none.
 std::string check_feature(const std::string& text) {
-    if (text.empty())
+    if (text.empty()) {
         return {};
+    }
     for (const std::string_view word : {"true", "enabled", "inactive", "orig", "term"}) {
-        if (text.compare(0, word.size(), word) == 0)
+        if (text.compare(0, word.size(), word) == 0) {
             return {};
+        }
     }
     return "'" + text +
            "' is no feature text: true, enabled, inactive, originator, orig, terminator, term, "
@@ -288,8 +293,9 @@ void add_output_options(CLI::App& app, Options& options) {
                "NOTICE, INFO or DEBUG (default: the first errors)",
                [&options](const std::string& text) {
                    options.show_log = level_of(text);
-                   if (!options.show_log)
+                   if (!options.show_log) {
                        throw std::invalid_argument("'" + text + "' is no level of the host");
+                   }
                })
         ->type_name("LEVEL")
         ->group("Output");
@@ -307,12 +313,13 @@ void add_output_options(CLI::App& app, Options& options) {
 
 std::string fault_text() {
     std::string text = "Faults of the host:\n";
-    for (const FaultHelp& help : fault_help())
+    for (const FaultHelp& help : fault_help()) {
         text.append("  ")
             .append(help.name)
             .append(28 - help.name.size(), ' ')
             .append(help.what)
             .append("\n");
+    }
     return text;
 }
 
@@ -325,17 +332,22 @@ bool has_option(const ModuleSettings& module, const std::string& name) {
 void complete(const CLI::App& app, Options& options) {
     CallPlan& plan = options.plan;
     const bool files = !options.read_path.empty() || !options.write_path.empty();
-    if (!plan.uuid.empty() && plan.schedule.calls > 1)
+    if (!plan.uuid.empty() && plan.schedule.calls > 1) {
         throw CLI::ValidationError("--uuid", "is for a single call, not for --calls " +
                                                  std::to_string(plan.schedule.calls));
-    if (files && app.count("--sample-rate") > 0)
+    }
+    if (files && app.count("--sample-rate") > 0) {
         throw CLI::ValidationError("--sample-rate", "is for tones; a WAV file has its own");
-    if (!files && !plan.schedule.length)
+    }
+    if (!files && !plan.schedule.length) {
         plan.schedule.length = Span{DEFAULT_TONE_SECONDS, DEFAULT_TONE_SECONDS};
-    if (options.module.module_path.empty())
+    }
+    if (options.module.module_path.empty()) {
         options.module.module_path = program_folder() + "mod_quorvane.so";
-    if (!options.module.config_file && !has_option(options.module, "media_node"))
+    }
+    if (!options.module.config_file && !has_option(options.module, "media_node")) {
         options.module.options.emplace_back("media_node", DEFAULT_MEDIA_NODE);
+    }
     plan.variables.insert(plan.variables.begin(), {"sip_call_id", "{uuid}@quorvane-call"});
     plan.schedule.frame_time = std::chrono::milliseconds(plan.frame_ms);
     std::stable_sort(plan.commands.begin(), plan.commands.end(),
@@ -344,8 +356,9 @@ void complete(const CLI::App& app, Options& options) {
 
 double seconds_in(const std::string& text, const std::string& whole) {
     const auto seconds = parse_number(text);
-    if (!seconds || *seconds < 0 || *seconds > LONGEST_SECONDS)
+    if (!seconds || *seconds < 0 || *seconds > LONGEST_SECONDS) {
         throw std::invalid_argument("'" + text + "' in '" + whole + "' is no time in seconds");
+    }
     return *seconds;
 }
 
@@ -355,27 +368,31 @@ Span parse_span(const std::string& text) {
     const auto dash = text.find('-');
     const double min = seconds_in(text.substr(0, dash), text);
     const double max = dash == std::string::npos ? min : seconds_in(text.substr(dash + 1), text);
-    if (min <= 0)
+    if (min <= 0) {
         throw std::invalid_argument("'" + text + "' is no length: it must be above 0");
-    if (max < min)
+    }
+    if (max < min) {
         throw std::invalid_argument("'" + text + "' is no length: MIN is above MAX");
+    }
     return {min, max};
 }
 
 TimedCommand parse_command(const std::string& text) {
     const auto blank = text.find(' ');
     const auto begin = text.find_first_not_of(' ', blank);
-    if (blank == std::string::npos || begin == std::string::npos)
+    if (blank == std::string::npos || begin == std::string::npos) {
         throw std::invalid_argument("'" + text +
                                     "' is no time and command, such as "
                                     "\"1.5 quorvane {uuid} features\"");
+    }
     return {seconds_in(text.substr(0, blank), text), text.substr(begin)};
 }
 
 std::pair<std::string, std::string> parse_variable(const std::string& text) {
     const auto equals = text.find('=');
-    if (equals == std::string::npos || equals == 0)
+    if (equals == std::string::npos || equals == 0) {
         throw std::invalid_argument("'" + text + "' is not NAME=VALUE");
+    }
     return {text.substr(0, equals), text.substr(equals + 1)};
 }
 

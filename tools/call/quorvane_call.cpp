@@ -25,8 +25,9 @@ int main(int argc, char** argv) {
     using namespace qv::tools::call;
     try {
         Options options;
-        if (const auto exit_code = parse_options(argc, argv, options))
+        if (const auto exit_code = parse_options(argc, argv, options)) {
             return *exit_code;
+        }
         std::signal(SIGINT, on_signal);
         std::signal(SIGTERM, on_signal);
         return Application(std::move(options), std::cout, std::cerr, stop).run();

@@ -32,13 +32,15 @@ double divided(double value, double by) {
 
 std::string calls_line(const RunTotals& totals) {
     std::string line = counted(totals.calls_begun, "call");
-    if (totals.calls_begun != totals.calls_planned)
+    if (totals.calls_begun != totals.calls_planned) {
         line += " of " + grouped(totals.calls_planned);
+    }
     line += ", " + grouped(totals.calls_tapped) + " tapped; at most " +
             grouped(totals.most_at_once) + " at once; " + duration_text(totals.elapsed_s) +
             " in all";
-    if (totals.calls_cut > 0)
+    if (totals.calls_cut > 0) {
         line += "; " + grouped(totals.calls_cut) + " cut short";
+    }
     return line;
 }
 
@@ -85,10 +87,12 @@ std::string memory_line(const RunTotals& totals) {
 
 std::string commands_line(const RunTotals& totals) {
     std::string line = grouped(totals.commands_run) + " run";
-    if (totals.commands_failed > 0)
+    if (totals.commands_failed > 0) {
         line += ", " + grouped(totals.commands_failed) + " failed";
-    if (totals.commands_missed > 0)
+    }
+    if (totals.commands_missed > 0) {
         line += ", " + grouped(totals.commands_missed) + " too late for their calls";
+    }
     return line;
 }
 
@@ -99,13 +103,15 @@ std::string log_line(const LogView::Counts& log) {
 
 void add_if(std::vector<std::string>& problems, std::uint64_t count, const std::string& noun,
             const std::string& what) {
-    if (count > 0)
+    if (count > 0) {
         problems.push_back(counted(count, noun) + " " + what);
+    }
 }
 
 std::string first_failed_text(const std::optional<FailedCommand>& failed) {
-    if (!failed)
+    if (!failed) {
         return {};
+    }
     const std::string answer = failed->answer.substr(0, failed->answer.find('\n'));
     return "; the first, of call " + grouped(failed->call) + ": '" + failed->command + "' was " +
            (answer.empty() ? "not answered" : "answered '" + answer + "'");
@@ -122,8 +128,9 @@ std::vector<std::string> left_over(const RunReport& report) {
     add_if(left, report.host.sessions_destroyed_locked, "call", "ended under a lock");
     add_if(left, report.host.unlocks_without_lock, "lock", "given back without being held");
     add_if(left, report.host.frames_altered, "frame", "altered by the module");
-    if (report.unload.unloaded && !report.unload.left_memory)
+    if (report.unload.unloaded && !report.unload.left_memory) {
         left.push_back("the module stayed in memory: calls are left in its registry");
+    }
     return left;
 }
 
@@ -165,9 +172,10 @@ Json commands_json(const RunTotals& totals) {
                  {"failed", totals.commands_failed},
                  {"missed", totals.commands_missed},
                  {"first_failed", nullptr}};
-    if (const auto& failed = totals.first_failed)
+    if (const auto& failed = totals.first_failed) {
         json["first_failed"] = {
             {"call", failed->call}, {"command", failed->command}, {"answer", failed->answer}};
+    }
     return json;
 }
 
@@ -220,10 +228,12 @@ std::vector<std::string> problems_of(const RunReport& report) {
            "failed" + first_failed_text(totals.first_failed));
     add_if(problems, totals.commands_missed, "API command", "too late for the call");
     add_if(problems, report.log.errors, "error", "in the log");
-    for (const std::string& thing : left_over(report))
+    for (const std::string& thing : left_over(report)) {
         problems.push_back(thing);
-    if (!report.unload.error.empty())
+    }
+    if (!report.unload.error.empty()) {
         problems.push_back("the module could not be unloaded: " + report.unload.error);
+    }
     return problems;
 }
 
@@ -234,12 +244,15 @@ std::vector<std::string> report_lines(const RunReport& report) {
         "Frames    " + frames_line(report),
         "Packets   " + packets_line(report),
     };
-    if (report.lateness.count > 0)
+    if (report.lateness.count > 0) {
         lines.push_back("Lateness  " + distribution_line(report.lateness) + " (due until sent)");
-    if (report.handling.count > 0)
+    }
+    if (report.handling.count > 0) {
         lines.push_back("Handling  " + distribution_line(report.handling) + " (in the module)");
-    if (totals.commands_run + totals.commands_missed > 0)
+    }
+    if (totals.commands_run + totals.commands_missed > 0) {
         lines.push_back("Commands  " + commands_line(totals));
+    }
     lines.push_back("CPU       " + cpu_line(totals));
     lines.push_back("Memory    " + memory_line(totals));
     lines.push_back("Log       " + log_line(report.log));

@@ -43,25 +43,29 @@ std::string progress_bar(const Progress& progress) {
 
 void RunPrinter::tell(Time at, std::size_t call, const std::string& text) {
     std::string line = right_aligned(fixed(seconds_of(at), 3), 8) + " s  ";
-    if (several_calls_)
+    if (several_calls_) {
         line += "call " + std::to_string(call) + ": ";
+    }
     console_.line(line + text);
 }
 
 void RunPrinter::call_begun(Time at, std::size_t call, const std::string& uuid) {
-    if (call_lines_)
+    if (call_lines_) {
         tell(at, call, "begins, " + uuid);
+    }
 }
 
 void RunPrinter::call_tapped(Time at, std::size_t call, bool tapped) {
-    if (call_lines_)
+    if (call_lines_) {
         tell(at, call, tapped ? "tapped" : "NOT tapped: the module did not add its media bug");
+    }
 }
 
 void RunPrinter::command_run(Time at, std::size_t call, const std::string& command,
                              const std::string& answer) {
-    if (!call_lines_)
+    if (!call_lines_) {
         return;
+    }
     tell(at, call, "> " + command);
     std::istringstream lines(answer);
     std::string line;
@@ -70,18 +74,21 @@ void RunPrinter::command_run(Time at, std::size_t call, const std::string& comma
         tell(at, call, "< " + line);
         any = true;
     }
-    if (!any)
+    if (!any) {
         tell(at, call, "< (no answer)");
+    }
 }
 
 void RunPrinter::command_missed(Time at, std::size_t call, const std::string& command) {
-    if (call_lines_)
+    if (call_lines_) {
         tell(at, call, "over before its command: " + command);
+    }
 }
 
 void RunPrinter::call_over(Time at, std::size_t call) {
-    if (call_lines_)
+    if (call_lines_) {
         tell(at, call, "hung up");
+    }
 }
 
 void RunPrinter::fault_switched(Time at, const FaultSpan& fault, bool on) {
@@ -91,12 +98,14 @@ void RunPrinter::fault_switched(Time at, const FaultSpan& fault, bool on) {
 
 void RunPrinter::progress(const Progress& progress) {
     if (console_.terminal()) {
-        if (progress.expected_s > BAR_FROM_SECONDS)
+        if (progress.expected_s > BAR_FROM_SECONDS) {
             console_.set_status(progress_bar(progress));
+        }
         return;
     }
-    if (progress.expected_s <= LINES_FROM_SECONDS || progress.elapsed_s < next_progress_s_)
+    if (progress.expected_s <= LINES_FROM_SECONDS || progress.elapsed_s < next_progress_s_) {
         return;
+    }
     console_.line("          " + progress_line(progress));
     next_progress_s_ = progress.elapsed_s + LINES_EVERY_SECONDS;
 }

@@ -18,11 +18,13 @@ std::vector<CallTimes> plan_calls(const SchedulePlan& plan) {
     std::vector<CallTimes> calls(plan.calls);
     for (std::size_t i = 0; i < calls.size(); ++i) {
         calls[i].begin = time_of_seconds(static_cast<double>(i) / plan.rate);
-        if (plan.calls > 1)
+        if (plan.calls > 1) {
             calls[i].phase = time_of_seconds(part(random) * seconds_of(plan.frame_time));
-        if (plan.length)
+        }
+        if (plan.length) {
             calls[i].length_s =
                 plan.length->min_s + part(random) * (plan.length->max_s - plan.length->min_s);
+        }
     }
     return calls;
 }
@@ -32,14 +34,16 @@ void Agenda::add(Time at, Step step) {
 }
 
 std::optional<Time> Agenda::next() const {
-    if (entries_.empty())
+    if (entries_.empty()) {
         return std::nullopt;
+    }
     return entries_.top().at;
 }
 
 std::optional<Step> Agenda::take(Time now) {
-    if (entries_.empty() || entries_.top().at > now)
+    if (entries_.empty() || entries_.top().at > now) {
         return std::nullopt;
+    }
     const Step step = entries_.top().step;
     entries_.pop();
     return step;

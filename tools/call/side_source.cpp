@@ -14,8 +14,9 @@ SideSource::SideSource(host::Samples samples, FrameSizes sizes, std::uint64_t to
       total_(total),
       afterwards_(afterwards),
       ended_(std::move(ended)) {
-    if (!samples_ || samples_->empty())
+    if (!samples_ || samples_->empty()) {
         throw std::invalid_argument("a side without samples");
+    }
 }
 
 std::optional<std::uint32_t> SideSource::next(std::uint8_t* buffer, std::uint32_t capacity) {
@@ -39,8 +40,9 @@ std::optional<std::uint32_t> SideSource::next(std::uint8_t* buffer, std::uint32_
 }
 
 std::int16_t SideSource::sample(std::uint64_t position) const {
-    if (position < samples_->size())
+    if (position < samples_->size()) {
         return (*samples_)[position];
+    }
     return afterwards_ == Afterwards::repeat ? (*samples_)[position % samples_->size()]
                                              : std::int16_t{0};
 }

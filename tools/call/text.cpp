@@ -21,8 +21,9 @@ std::optional<double> parse_number(const std::string& text) {
     char* end = nullptr;
     const double value = std::strtod(text.c_str(), &end);
     const bool whole = end == text.c_str() + text.size() && !text.empty() && text[0] != ' ';
-    if (!whole || !std::isfinite(value))
+    if (!whole || !std::isfinite(value)) {
         return std::nullopt;
+    }
     return value;
 }
 
@@ -42,28 +43,34 @@ std::string fixed(double value, int digits) {
 
 std::string short_time(std::chrono::nanoseconds time) {
     const auto nanoseconds = static_cast<double>(time.count());
-    if (nanoseconds < 1e3)
+    if (nanoseconds < 1e3) {
         return fixed(nanoseconds, 0) + " ns";
-    if (nanoseconds < 1e6)
+    }
+    if (nanoseconds < 1e6) {
         return fixed(nanoseconds / 1e3, 1) + " us";
-    if (nanoseconds < 1e9)
+    }
+    if (nanoseconds < 1e9) {
         return fixed(nanoseconds / 1e6, 2) + " ms";
+    }
     return fixed(nanoseconds / 1e9, 2) + " s";
 }
 
 std::string size_text(double bytes) {
-    if (bytes < 1024)
+    if (bytes < 1024) {
         return fixed(bytes, 0) + " bytes";
-    if (bytes < 1024 * 1024)
+    }
+    if (bytes < 1024 * 1024) {
         return fixed(bytes / 1024, 1) + " KiB";
+    }
     return fixed(bytes / 1024 / 1024, 1) + " MiB";
 }
 
 std::string joined(const std::vector<std::string>& texts, const std::string& between) {
     std::string all;
     for (const std::string& text : texts) {
-        if (!all.empty())
+        if (!all.empty()) {
             all += between;
+        }
         all += text;
     }
     return all;

@@ -24,10 +24,12 @@ constexpr double TWO_PI = 6.283185307179586;
 // The library's own text for these says only "System error.".
 void check_file(const std::string& path) {
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0)
+    if (stat(path.c_str(), &status) != 0) {
         refuse(path, std::generic_category().message(errno));
-    if (S_ISDIR(status.st_mode))
+    }
+    if (S_ISDIR(status.st_mode)) {
         refuse(path, "is a folder, not a WAV file");
+    }
 }
 
 bool is_wav(int format) {
@@ -51,26 +53,32 @@ bool is_pcm(int format) {
 std::string format_name(int part) {
     SF_FORMAT_INFO info{};
     info.format = part;
-    if (sf_command(nullptr, SFC_GET_FORMAT_INFO, &info, sizeof(info)) != 0 || !info.name)
+    if (sf_command(nullptr, SFC_GET_FORMAT_INFO, &info, sizeof(info)) != 0 || !info.name) {
         return "unknown";
+    }
     return info.name;
 }
 
 void check_format(const std::string& path, const SF_INFO& info) {
-    if (!is_wav(info.format))
+    if (!is_wav(info.format)) {
         refuse(path, "is no WAV file, but " + format_name(info.format & SF_FORMAT_TYPEMASK));
-    if (!is_pcm(info.format))
+    }
+    if (!is_pcm(info.format)) {
         refuse(path, "is encoded as " + format_name(info.format & SF_FORMAT_SUBMASK) +
                          "; only PCM WAV files can be played");
-    if (info.channels != 1)
+    }
+    if (info.channels != 1) {
         refuse(path, "has " + std::to_string(info.channels) +
                          " channels; a side of a call has one (mono)");
+    }
     const auto rate = static_cast<std::uint32_t>(info.samplerate);
-    if (rate < MIN_SAMPLE_RATE || rate > MAX_SAMPLE_RATE)
+    if (rate < MIN_SAMPLE_RATE || rate > MAX_SAMPLE_RATE) {
         refuse(path,
                "has " + std::to_string(rate) + " samples a second; 8000 to 48000 can be played");
-    if (info.frames == 0)
+    }
+    if (info.frames == 0) {
         refuse(path, "holds no audio");
+    }
 }
 
 std::string name_of(const std::string& path) {
@@ -83,15 +91,17 @@ Audio load_wav(const std::string& path) {
     check_file(path);
     SF_INFO info{};
     const File file(sf_open(path.c_str(), SFM_READ, &info), &sf_close);
-    if (!file)
+    if (!file) {
         refuse(path, std::string("cannot be read: ") + sf_strerror(nullptr));
+    }
     check_format(path, info);
     auto samples =
         std::make_shared<std::vector<std::int16_t>>(static_cast<std::size_t>(info.frames));
     const sf_count_t read = sf_read_short(file.get(), samples->data(), info.frames);
-    if (read != info.frames)
+    if (read != info.frames) {
         refuse(path, "ends after " + std::to_string(read) + " of " + std::to_string(info.frames) +
                          " samples");
+    }
     return {name_of(path), static_cast<std::uint32_t>(info.samplerate), std::move(samples)};
 }
 

@@ -30,8 +30,9 @@ class Events : public RunListener {
         add(name_of(fault) + (on ? " on" : " off"));
     }
     void progress(const Progress&) override {
-        if (stop_at_progress)
+        if (stop_at_progress) {
             *stop_at_progress = true;
+        }
     }
 
     void add(const std::string& text) { all.push_back(text); }

@@ -19,8 +19,9 @@ TEST(LatencyHistogramTest, WithoutValuesEverythingIsZero) {
 
 TEST(LatencyHistogramTest, SmallValuesAreExact) {
     LatencyHistogram histogram;
-    for (int value = 1; value <= 10; ++value)
+    for (int value = 1; value <= 10; ++value) {
         histogram.add(nanoseconds(value));
+    }
     EXPECT_EQ(histogram.percentile(50), nanoseconds(5));
     EXPECT_EQ(histogram.percentile(90), nanoseconds(9));
     EXPECT_EQ(histogram.percentile(91), nanoseconds(10));
@@ -29,8 +30,9 @@ TEST(LatencyHistogramTest, SmallValuesAreExact) {
 
 TEST(LatencyHistogramTest, APercentileIsAtMostAThirtySecondTooLarge) {
     LatencyHistogram histogram;
-    for (int value = 1; value <= 1000; ++value)
+    for (int value = 1; value <= 1000; ++value) {
         histogram.add(nanoseconds(value * 1000));
+    }
     const auto half = histogram.percentile(50).count();
     EXPECT_GE(half, 500'000);
     EXPECT_LE(half, 500'000 + 500'000 / 32);
@@ -69,12 +71,14 @@ TEST(LatencyHistogramTest, ThreadsAddAtOnceWithoutLosingAValue) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&histogram, i] {
-            for (int value = 0; value < 10000; ++value)
+            for (int value = 0; value < 10000; ++value) {
                 histogram.add(nanoseconds(value * 4 + i));
+            }
         });
     }
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
         thread.join();
+    }
     EXPECT_EQ(histogram.count(), 40000u);
     EXPECT_EQ(histogram.largest(), nanoseconds(39999));
 }

@@ -55,8 +55,9 @@ TEST_F(LogViewTest, LinesAreShownUpToTheLevelAsked) {
 TEST_F(LogViewTest, UnaskedOnlyTheFirstErrorsAreShown) {
     show(std::nullopt);
     write(SWITCH_LOG_WARNING);
-    for (int i = 0; i < 50; ++i)
+    for (int i = 0; i < 50; ++i) {
         write(SWITCH_LOG_ERROR);
+    }
     EXPECT_EQ(shown(), 11u);
     EXPECT_NE(out_.str().find("(further errors are only counted; --show-log ERR shows all)"),
               std::string::npos);

@@ -48,8 +48,9 @@ TEST_F(OptionsTest, ModuleOptionsGoToTheModule) {
 
 TEST_F(OptionsTest, EveryFeatureTextOfTheModuleIsTaken) {
     for (const char* text : {"true", "enabled", "inactive", "originator", "orig", "terminator",
-                             "term", "orig::active", "term::none", "trueish", ""})
+                             "term", "orig::active", "term::none", "trueish", ""}) {
         EXPECT_FALSE(parse({"--default-detection", text})) << text;
+    }
 }
 
 TEST_F(OptionsTest, AVariableMayBeSetAgainAndAgain) {

@@ -36,8 +36,9 @@ class ReportTest : public ::testing::Test {
 
     std::string line(const std::string& begin) const {
         for (const std::string& each : report_lines(report_)) {
-            if (each.compare(0, begin.size(), begin) == 0)
+            if (each.compare(0, begin.size(), begin) == 0) {
                 return each.substr(begin.size());
+            }
         }
         return "none";
     }

@@ -89,10 +89,12 @@ TEST(AgendaTest, StepsComeInTheOrderOfTheirTimes) {
 
 TEST(AgendaTest, StepsOfOneTimeComeInTheOrderInWhichTheyWereAdded) {
     Agenda agenda;
-    for (std::size_t item = 0; item < 20; ++item)
+    for (std::size_t item = 0; item < 20; ++item) {
         agenda.add(Time(5), command(item));
-    for (std::size_t item = 0; item < 20; ++item)
+    }
+    for (std::size_t item = 0; item < 20; ++item) {
         EXPECT_EQ(agenda.take(Time(5))->item, item);
+    }
 }
 
 TEST(AgendaTest, AStepIsNotTakenBeforeItIsDue) {

@@ -87,8 +87,9 @@ TEST(FrameSizesTest, FramesOfTwoSizesKeepTheRate) {
     EXPECT_EQ(sizes.samples(0), 220u);
     EXPECT_EQ(sizes.samples(1), 221u);
     std::uint64_t second = 0;
-    for (std::uint64_t frame = 0; frame < 100; ++frame)
+    for (std::uint64_t frame = 0; frame < 100; ++frame) {
         second += sizes.samples(frame);
+    }
     EXPECT_EQ(second, 22050u);
 }
 

@@ -10,8 +10,9 @@ using std::chrono::nanoseconds;
 TEST(CallTextTest, ANumberIsTheWholeText) {
     EXPECT_EQ(parse_number("1.5"), 1.5);
     EXPECT_EQ(parse_number("-2"), -2);
-    for (const char* text : {"", " 1", "1 ", "1x", "x", "nan", "inf", "1e999"})
+    for (const char* text : {"", " 1", "1 ", "1x", "x", "nan", "inf", "1e999"}) {
         EXPECT_FALSE(parse_number(text)) << text;
+    }
 }
 
 TEST(CallTextTest, PlaceholdersAreFilledWhereverTheyStand) {

@@ -36,8 +36,9 @@ class WavFileTest : public ::testing::Test {
             {0, 0, 0, 0, block, 0, bits, 0, 'd', 'a', 't', 'a', size, 0, 0, 0},
             audio};
         Bytes file;
-        for (const Bytes& part : parts)
+        for (const Bytes& part : parts) {
             std::copy(part.begin(), part.end(), std::back_inserter(file));
+        }
         return file;
     }
 
