@@ -23,6 +23,8 @@ enum class Fault : std::uint32_t {
     out_of_memory = 1u << 7,               // bug_add, bind and serialize find no memory
     null_frame = 1u << 8,                  // the frame getters of a bug give null
     completion_fails = 1u << 9,            // switch_console_set_complete fails
+    refused_bug_closed = 1u << 10,         // a bug that refuses INIT gets a CLOSE as well
+    bug_lost = 1u << 11,                   // switch_core_media_bug_add fails after INIT
 };
 
 class Faults {

@@ -59,11 +59,15 @@ switch_status_t MediaBugs::add(const BugInfo& wanted, switch_media_bug_t** bug) 
     }
     if (added->callback &&
         added->callback(added.get(), added->user_data, SWITCH_ABC_TYPE_INIT) == SWITCH_FALSE) {
+        if (host.faults.on(Fault::refused_bug_closed))
+            added->callback(added.get(), added->user_data, SWITCH_ABC_TYPE_CLOSE);
         ++host.counters.bugs_refused;
         host.log.note(SWITCH_LOG_ERROR, "a bug refused to start on " + session_.channel().name());
         session_.fire(SWITCH_EVENT_MEDIA_BUG_STOP, headers_of(*added));
         return SWITCH_STATUS_GENERR;
     }
+    if (host.faults.on(Fault::bug_lost))
+        return SWITCH_STATUS_GENERR;
     ++host.counters.bugs_added;
     ++host.counters.bugs_attached;
     auto headers = headers_of(*added);

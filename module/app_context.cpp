@@ -1,6 +1,5 @@
 #include "module/app_context.h"
 
-#include <memory>
 #include <new>
 #include <string_view>
 
@@ -88,6 +87,18 @@ bool AppContext::mark_configured(switch_core_session* session) {
     return true;
 }
 
+void AppContext::lend_to_bug() {
+    ContextReference(this).release();
+    ++lent_;
+}
+
+ContextReference AppContext::take_back_from_bug() {
+    int lent = lent_.load();
+    while (lent > 0 && !lent_.compare_exchange_weak(lent, lent - 1)) {
+    }
+    return lent > 0 ? ContextReference::adopt(this) : ContextReference();
+}
+
 bool AppContext::parse_audio_activity(const char* text, features16_t& features) {
     return parse_feature(text, Features::AudioActivity, features);
 }
@@ -106,8 +117,8 @@ AppContext* find_context(const ContextRegistry& contexts, std::uint64_t id) {
 }
 
 AppContext* add_context(ContextRegistry& contexts, std::uint64_t id) {
-    std::unique_ptr<AppContext> context(new (std::nothrow) AppContext);
-    if (context == nullptr) {
+    ContextReference context(new (std::nothrow) AppContext);
+    if (!context) {
         return nullptr;
     }
     try {
@@ -116,6 +127,16 @@ AppContext* add_context(ContextRegistry& contexts, std::uint64_t id) {
         return nullptr;
     }
     return context.release();
+}
+
+std::optional<ContextReference> remove_context(ContextRegistry& contexts, std::uint64_t id) {
+    const auto found = contexts.find(id);
+    if (found == contexts.end()) {
+        return std::nullopt;
+    }
+    ContextReference context = ContextReference::adopt(found->second);
+    contexts.erase(found);
+    return context;
 }
 
 }  // namespace qv::freeswitch

@@ -1,8 +1,10 @@
 // The record of one tapped call, and the registry that holds them all.
 //
-// A context is created by the application, or by an API command that comes first, and
-// belongs to the registry of the module context. Whoever erases it from the registry
-// deletes it: the media bug when it closes, else the channel-destroy handler.
+// A context is created by the application, or by an API command that comes first. It lives
+// as long as somebody holds a reference to it: its entry in the registry, the application
+// while it configures the call, and the media bug. The closing media bug erases the entry,
+// or the channel-destroy handler does. The handler may erase it under a live call: it goes
+// by the text of an event that anybody can send, and by a key that two calls can share.
 //
 // Locks, always taken in this order: a session's read lock, the registry lock, a
 // context's own lock. The registry lock is held for every lookup, insertion and
@@ -12,12 +14,15 @@
 #include <netinet/in.h>
 #include <switch.h>
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
 #include "quorvane/media_packet.h"
+#include "quorvane_lib/reference_count.h"
 
 namespace qv::freeswitch {
 
@@ -33,6 +38,9 @@ struct alignas(64) LegStream {
     std::uint16_t leg_flags = 0;  // The leg word of the data packets.
 };
 
+class AppContext;
+using ContextReference = Reference<AppContext>;
+
 class AppContext {
   public:
     AppContext() { legs[media::WRITE_LEG].leg_flags = media::LEG_WRITE; }
@@ -43,6 +51,17 @@ class AppContext {
     // False, with an error in the log, when the channel has no timetable. The registry
     // lock is held.
     bool mark_configured(switch_core_session* session);
+
+    // For ContextReference.
+    void add_reference() { references_.add_reference(); }
+    std::int32_t drop_reference() { return references_.drop_reference(); }
+
+    // A media bug's reference. The host keeps a plain pointer for the bug, so the context
+    // counts the bugs itself: `lend_to_bug` before the host gets the pointer,
+    // `take_back_from_bug` when the bug closes or the host has refused it. Taking back gives
+    // nothing when nothing is lent: a host may close a bug that it refused.
+    void lend_to_bug();
+    ContextReference take_back_from_bug();
 
     // Merge the legs that an option text names into `features`: "true", "inactive",
     // "orig::false" and the like. False, and nothing changed, when the text is null or
@@ -78,16 +97,26 @@ class AppContext {
 
     // What API commands ask for; from the start packet on, the whole merged set.
     media::features16_t requested_features{};
+
+  private:
+    ReferenceCountable references_;
+    std::atomic<int> lent_{0};  // Of these, what media bugs hold.
 };
 
 // The key of a call: the CRC-64 of the 16 bytes of its UUID.
 std::uint64_t call_key(const unsigned char* uuid);
 
+// Each entry holds a reference to its context.
 using ContextRegistry = std::unordered_map<std::uint64_t, AppContext*>;
 
-// Both with the registry lock held. Null when there is none.
+// All with the registry lock held.
+// The context of `id`; null when there is none. It is safe to use under the lock only,
+// unless a reference is added.
 AppContext* find_context(const ContextRegistry& contexts, std::uint64_t id);
 // Creates a context under `id`; null, and nothing changed, when there is no memory.
 AppContext* add_context(ContextRegistry& contexts, std::uint64_t id);
+// Erases the entry of `id` and hands over its reference, which is null for a null entry;
+// nothing when there is no entry.
+std::optional<ContextReference> remove_context(ContextRegistry& contexts, std::uint64_t id);
 
 }  // namespace qv::freeswitch

@@ -12,8 +12,9 @@
 #include <cstdlib>
 #include <iostream>  // The standard streams stand before the objects below, and after them.
 #include <list>
-#include <memory>
 #include <new>
+#include <optional>
+#include <utility>
 
 #include "build_identifier.h"
 #include "module/api_command.h"
@@ -187,9 +188,10 @@ namespace {
 // The reference that keeps this object mapped; null when there is none.
 void* g_lasting_reference = nullptr;
 
-// Media bugs that are being closed: their contexts leave the registry before the handler
-// does, and the host unloads a module without waiting for it.
-std::atomic<int> g_closing_bugs{0};
+// Media bugs that the host may still call, up to the end of their CLOSE. The registry does
+// not tell: a context may lose its entry while its bug is attached, and loses it before its
+// bug has closed. The host unloads a module without waiting for either.
+std::atomic<int> g_attached_bugs{0};
 
 // Keeps this object mapped after the host closes it. The host counts neither media bugs
 // nor the hooks of a load that failed: without this the next callback would jump into
@@ -433,13 +435,39 @@ void report_transfer(switch_core_session_t* session, const AppContext& context) 
                                 "/", write.bytes_sent, " bytes of media");
 }
 
+// False when the call has no entry.
 bool unregister(const AppContext& context) {
+    std::optional<ContextReference> entry;
     const std::lock_guard<std::mutex> guard(global.contexts_lock);
-    return global.contexts.erase(context.id) != 0;
+    entry = remove_context(global.contexts, context.id);
+    return entry.has_value();
 }
 
-// Ends the context's life; no other event follows.
-void handle_close(switch_core_session_t* session, std::unique_ptr<AppContext> context) {
+void attach(AppContext& context) {
+    ++g_attached_bugs;
+    context.lend_to_bug();
+}
+
+// The reference of a bug that closes. One that the host has refused has none any more;
+// the registry keeps its context up to the end of the call.
+ContextReference detach(AppContext& context) {
+    ContextReference reference = context.take_back_from_bug();
+    if (!reference) {
+        ++g_attached_bugs;
+        reference = ContextReference(&context);
+    }
+    return reference;
+}
+
+// The bug that the host has refused holds nothing, whether it was closed or not.
+void forget_refused_bug(AppContext& context) {
+    if (context.take_back_from_bug()) {
+        --g_attached_bugs;
+    }
+}
+
+// The last event of a bug. Its reference goes with it.
+void handle_close(switch_core_session_t* session, const ContextReference& context) {
     if (global.transfer.media_terminate(session, *context)) {
         log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER),
                                     "media transfer terminated");
@@ -474,9 +502,8 @@ switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc
                          switch_core_media_bug_get_read_replace_frame(bug));
             break;
         case SWITCH_ABC_TYPE_CLOSE:
-            ++g_closing_bugs;
-            handle_close(session, std::unique_ptr<AppContext>(context));
-            --g_closing_bugs;
+            handle_close(session, detach(*context));
+            --g_attached_bugs;
             break;
         default:
             break;
@@ -506,8 +533,9 @@ AppContext* create_context(switch_core_session_t* session, std::uint64_t id) {
 }
 
 // Finds or creates the call's context and marks it as configured; null when the
-// application has run on this call before or there is no memory.
-AppContext* claim_context(switch_core_session_t* session, std::uint64_t id) {
+// application has run on this call before or there is no memory. The reference keeps the
+// context from now on: anybody's channel-destroy event can take it out of the registry.
+ContextReference claim_context(switch_core_session_t* session, std::uint64_t id) {
     const std::lock_guard<std::mutex> guard(global.contexts_lock);
     const auto found = global.contexts.find(id);
     AppContext* context = nullptr;
@@ -529,7 +557,7 @@ AppContext* claim_context(switch_core_session_t* session, std::uint64_t id) {
     if (context != nullptr) {
         context->mark_configured(session);
     }
-    return context;
+    return ContextReference(context);
 }
 
 void report_refused_bug(switch_core_session_t* session, switch_channel_t* channel) {
@@ -543,18 +571,20 @@ void report_refused_bug(switch_core_session_t* session, switch_channel_t* channe
 }
 
 void attach_media_bug(switch_core_session_t* session, switch_channel_t* channel,
-                      AppContext* context) {
+                      AppContext& context) {
     if (!switch_channel_test_ready(channel, SWITCH_TRUE, SWITCH_TRUE)) {
         log_session_line<log::WARNING>(session, QV_PLACE_IN(APPLICATION),
                                        "session media is not ready!");
     }
     switch_media_bug_t* bug = nullptr;
+    attach(context);
     const switch_status_t status = switch_core_media_bug_add(
-        session, "quorvane", nullptr, media_handler, context, 0, MEDIA_BUG_FLAGS, &bug);
+        session, "quorvane", nullptr, media_handler, &context, 0, MEDIA_BUG_FLAGS, &bug);
     if (status == SWITCH_STATUS_SUCCESS) {
         log_session_line<log::INFO>(session, QV_PLACE_IN(APPLICATION), "new media bug added");
     } else {
         report_refused_bug(session, channel);
+        forget_refused_bug(context);
     }
 }
 
@@ -568,18 +598,18 @@ void start_application(switch_core_session_t* session) {
                                      "MAGIC: failed to parse session uuid: ", uuid_text);
         return;
     }
-    AppContext* context = claim_context(session, call.id);
-    if (context == nullptr) {
+    const ContextReference context = claim_context(session, call.id);
+    if (!context) {
         return;
     }
     std::copy(std::begin(call.uuid), std::end(call.uuid), context->uuid);
     context->id = call.id;
-    if (!configure_context(context, session)) {
+    if (!configure_context(context.get(), session)) {
         log_session_line<log::ERROR>(session, QV_PLACE_IN(APPLICATION),
                                      "failed to configure application context");
         return;
     }
-    attach_media_bug(session, channel, context);
+    attach_media_bug(session, channel, *context);
 }
 
 // The argument is not used: every option is a channel variable.
@@ -610,15 +640,15 @@ const char* header(switch_event_t* event, const char* name) {
     return switch_event_get_header_idx(event, name, -1);
 }
 
-std::unique_ptr<AppContext> take_context(std::uint64_t id) {
+ContextReference take_context(std::uint64_t id) {
     const std::lock_guard<std::mutex> guard(global.contexts_lock);
-    std::unique_ptr<AppContext> context(find_context(global.contexts, id));
-    global.contexts.erase(id);
-    return context;
+    std::optional<ContextReference> entry = remove_context(global.contexts, id);
+    return entry ? std::move(*entry) : ContextReference();
 }
 
-// Frees what no media bug has freed: contexts whose bug was never attached, or whose
-// application never ran.
+// Frees contexts whose bug was never attached, or whose application never ran. The event
+// may also be about another call than it says: a context that is in use only loses its
+// entry, and lives on.
 void channel_destroy_handler(switch_event_t* event) {
     const char* uuid_text = header(event, "Unique-ID");
     if (uuid_text == nullptr) {
@@ -631,8 +661,8 @@ void channel_destroy_handler(switch_event_t* event) {
         log_line<log::ERROR>(QV_PLACE, "MAGIC: failed to parse session uuid: ", uuid_text);
         return;
     }
-    const std::unique_ptr<AppContext> context = take_context(call.id);
-    if (context == nullptr) {
+    const ContextReference context = take_context(call.id);
+    if (!context) {
         return;
     }
     if (context->created_time != 0) {
@@ -851,7 +881,7 @@ switch_status_t mod_quorvane_shutdown() {
     log_line<log::SYSTEM>(QV_PLACE, "module has been shutdown");
 
     const std::lock_guard<std::mutex> guard(global.contexts_lock);
-    if (global.contexts.empty() && g_closing_bugs == 0) {
+    if (global.contexts.empty() && g_attached_bugs == 0) {
         stay_no_longer();
     } else {
         stay_mapped();

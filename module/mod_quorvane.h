@@ -61,8 +61,7 @@ class ModuleContext {
     MediaTransfer transfer{&socket};
     Configuration config;
 
-    // Owns its contexts: whoever erases one deletes it. What is still registered when
-    // the module goes away is left alone.
+    // What is still registered when the module goes away is left alone.
     ContextRegistry contexts;
 
     // The registry lock: guards `contexts`.

@@ -12,29 +12,13 @@
 #include <vector>
 
 #include "quorvane_lib/log.h"
+#include "quorvane_lib/reference_count.h"
 #include "quorvane_lib/utils_path.h"
 
 // Builds for tests move this; what is shipped reads /etc.
 #ifndef QUORVANE_BASE_DIRECTORY
 #define QUORVANE_BASE_DIRECTORY "/etc/delmaren"
 #endif
-
-namespace qv {
-
-// An intrusive count of references, for objects that several owners share. Who drops
-// the last one deletes the object. Not for several threads at once.
-class ReferenceCountable {
-  public:
-    void add_reference() { ++references_; }
-    // Returns how many references are left.
-    std::int32_t drop_reference() { return --references_; }
-    std::int32_t references() const { return references_; }
-
-  private:
-    std::int32_t references_ = 0;
-};
-
-}  // namespace qv
 
 namespace qv::conf {
 

@@ -245,6 +245,20 @@ TEST_F(MediaBugsTest, ARefusedBugFaultComesBeforeInit) {
     EXPECT_TRUE(recorder_.kinds.empty());
 }
 
+TEST_F(MediaBugsTest, ABugThatRefusesCanBeClosedAllTheSame) {
+    recorder_.refused = SWITCH_ABC_TYPE_INIT;
+    host_.faults().set(Fault::refused_bug_closed);
+    EXPECT_EQ(add(*call_, recorder_), SWITCH_STATUS_GENERR);
+    EXPECT_EQ(recorder_.kinds, (Kinds{SWITCH_ABC_TYPE_INIT, SWITCH_ABC_TYPE_CLOSE}));
+}
+
+TEST_F(MediaBugsTest, ABugCanBeLostBehindItsInit) {
+    host_.faults().set(Fault::bug_lost);
+    EXPECT_EQ(add(*call_, recorder_), SWITCH_STATUS_GENERR);
+    EXPECT_TRUE(call_->hangup());
+    EXPECT_EQ(recorder_.kinds, (Kinds{SWITCH_ABC_TYPE_INIT}));
+}
+
 TEST_F(MediaBugsTest, TheFrameCanBeWithheld) {
     host_.faults().set(Fault::null_frame);
     add(*call_, recorder_);

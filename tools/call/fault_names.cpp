@@ -30,6 +30,8 @@ constexpr Named NAMES[] = {
     {Fault::out_of_memory, "out-of-memory", "the host finds no memory for bugs and bindings"},
     {Fault::null_frame, "null-frame", "a bug's frame is null"},
     {Fault::completion_fails, "completion-fails", "no console completion can be added"},
+    {Fault::refused_bug_closed, "refused-bug-closed", "a bug that refuses to start is closed"},
+    {Fault::bug_lost, "bug-lost", "a bug that has started cannot be added"},
 };
 
 std::string all_names() {

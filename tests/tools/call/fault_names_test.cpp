@@ -44,6 +44,8 @@ TEST(FaultNamesTest, EveryFaultOfTheHostHasAName) {
         {"out-of-memory", Fault::out_of_memory},
         {"null-frame", Fault::null_frame},
         {"completion-fails", Fault::completion_fails},
+        {"refused-bug-closed", Fault::refused_bug_closed},
+        {"bug-lost", Fault::bug_lost},
     };
     for (const auto& [name, fault] : all) {
         EXPECT_EQ(parse_fault(name).fault, fault) << name;
