@@ -2,7 +2,7 @@
 # Builds and runs every test of the project, from any folder.
 #
 #   scripts/test.sh                all stages
-#   scripts/test.sh STAGE...       only these: format tidy release asan tsan fuzz
+#   scripts/test.sh STAGE...       only these: format tidy release asan tsan fuzz bare
 #
 #   format    the sources are formatted as .clang-format says
 #   tidy      the checks of .clang-tidy find nothing
@@ -10,6 +10,7 @@
 #   asan      the tests under the address and undefined behaviour sanitizers
 #   tsan      the concurrent tests under the thread sanitizer
 #   fuzz      every fuzz target replays its corpus and fuzzes for some seconds
+#   bare      the demo runs on a minimal Debian 12 that has nothing but the checkout
 #
 # Ends with the names of what failed, the line "N passed, N failed, N skipped" and exit
 # code 1 if any failed.
@@ -17,7 +18,7 @@
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-ALL_STAGES=(format tidy release asan tsan fuzz)
+ALL_STAGES=(format tidy release asan tsan fuzz bare)
 FUZZ_SECONDS=${FUZZ_SECONDS:-5}
 jobs=$(nproc)
 
@@ -118,6 +119,22 @@ stage_fuzz() {
         [ -x "$target" ] && [ -f "$target" ] || continue
         check "$(basename "$target")" scripts/fuzz.sh --seconds "$FUZZ_SECONDS" "$(basename "$target")"
     done
+}
+# The demo on a machine with nothing but the checkout, where one can be made.
+stage_bare() {
+    local status=0
+    scripts/bare_machine.sh >build/bare.log 2>&1 || status=$?
+    case $status in
+        77)
+            echo "skipped  demo on a bare machine: $(tail -n 1 build/bare.log)"
+            skipped=$((skipped + 1))
+            ;;
+        0) check "demo on a bare machine" true ;;
+        *)
+            tail -n 40 build/bare.log
+            fail "demo on a bare machine"
+            ;;
+    esac
 }
 
 if [ "${1:-}" = --help ]; then
