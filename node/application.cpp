@@ -15,8 +15,6 @@
 #include <system_error>
 #include <utility>
 
-#include "node/audio/recording.h"
-#include "node/audio/stereo_recording.h"
 #include "node/report/text.h"
 
 namespace qv::node {
@@ -97,9 +95,7 @@ Application::Application(const Options& options, std::ostream& out, std::ostream
       signals_(loop_),
       timer_(loop_),
       lines_(to_stdout(options) ? errors : out),
-      receiver_(loop_, [this](const unsigned char* data, std::size_t size, Micros now) {
-          on_datagram(data, size, now);
-      }) {}
+      receiver_(loop_, [this](const Datagram& datagram) { on_datagram(datagram); }) {}
 
 int Application::run() {
     // A reader of our output that goes away must not end the recordings.
@@ -188,30 +184,31 @@ bool Application::open_metrics() {
     return true;
 }
 
+// The first names the files, the second writes audio: those that follow know at the end of a
+// call which files there are. So those that write files come before those that name them.
 void Application::open_calls() {
+    file_names_ = make_file_names();
+    const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
+                                     options_.keep_pauses};
+    recorder_ = std::make_unique<Recorder>(
+        *folder_, Recorder::Options{!options_.no_sides, options_.stereo, recording});
+    std::vector<CallListener*> outputs = {file_names_.get(), recorder_.get()};
     if (options_.timeline) {
-        timeline_ = std::make_unique<Timeline>(
-            [this](const Call& call, const std::string& name, const std::string& svg) {
-                if (!call.recording->stem().empty()) {
-                    save_timeline(call, name, svg);
-                }
+        timeline_ =
+            std::make_unique<Timeline>([this](const std::string& name, const std::string& svg) {
+                return save_timeline(name, svg);
             });
+        outputs.push_back(timeline_.get());
     }
-    std::vector<CallListener*> listeners;
-    // The first, so that the others know at the end of a call whether its picture was written.
-    if (timeline_ != nullptr) {
-        listeners.push_back(timeline_.get());
-    }
-    if (!options_.quiet && !live_) {
-        listeners.push_back(&lines_);
+    if (live_) {
+        outputs.push_back(&live_view_);
+    } else if (!options_.quiet) {
+        outputs.push_back(&lines_);
     }
     if (events_ != nullptr) {
-        listeners.push_back(events_.get());
+        outputs.push_back(events_.get());
     }
-    calls_ = std::make_unique<CallTable>(
-        options_.limits,
-        [this](const Uuid& uuid, const RateSource& rate) { return record(uuid, rate); },
-        std::move(listeners));
+    calls_ = std::make_unique<CallTable>(options_.limits, outputs);
 }
 
 void Application::greet() {
@@ -237,87 +234,55 @@ void Application::greet() {
     }
 }
 
-std::unique_ptr<Recording> Application::record(const Uuid& uuid, const RateSource& rate) {
-    if (files_used_up()) {
-        return leave_unwritten();
-    }
-    const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
-                                     options_.keep_pauses};
-    const std::string stem = options_.overwrite ? uuid_text(uuid) : free_stem(*folder_, uuid);
-    std::vector<std::unique_ptr<Recording>> members;
-    if (!options_.no_sides) {
-        members.push_back(std::make_unique<SideRecording>(*folder_, stem, rate, recording));
-    }
-    if (options_.stereo) {
-        members.push_back(std::make_unique<StereoRecording>(*folder_, stem, rate, recording));
-    }
-    if (members.size() == 1) {
-        return std::move(members.front());
-    }
-    return std::make_unique<RecordingGroup>(stem, std::move(members));
-}
-
-// Whether there could be too many files if each call that is there, and one more, made as
-// many as it may: which of them it makes shows only later.
-bool Application::files_used_up() const {
-    if (options_.max_files == 0) {
-        return false;
-    }
-    const unsigned most_of_a_call =
+std::unique_ptr<FileNames> Application::make_file_names() {
+    const std::uint64_t files_per_call =
         (options_.no_sides ? 0 : 2) + (options_.stereo ? 2 : 0) + (options_.timeline ? 1 : 0);
-    return folder_->created_files() + saved_timelines_ + (calls_->size() + 1) * most_of_a_call >
-           options_.max_files;
+    return std::make_unique<FileNames>(
+        *folder_, FileNames::Options{options_.overwrite, options_.max_files, files_per_call},
+        [this] { return folder_->created_files() + saved_timelines_; },
+        [this] {
+            lines_.say("too many files", "with further calls there could be more than " +
+                                             grouped(options_.max_files) +
+                                             " (--max-files): such calls are not written");
+        });
 }
 
-std::unique_ptr<Recording> Application::leave_unwritten() {
-    if (++unwritten_calls_ == 1) {
-        lines_.say("too many files", "with further calls there could be more than " +
-                                         grouped(options_.max_files) +
-                                         " (--max-files): such calls are not written");
-    }
-    return std::make_unique<RecordingGroup>(std::string(),
-                                            std::vector<std::unique_ptr<Recording>>());
-}
-
-void Application::save_timeline(const Call& call, const std::string& name, const std::string& svg) {
+FileReport Application::save_timeline(const std::string& name, const std::string& svg) {
     const std::string path = options_.folder + '/' + name;
     ++saved_timelines_;
     const std::string error = write_file(path, svg);
-    if (error.empty()) {
-        return;
-    }
-    calls_->report_failed_file(call, {path, error});
-    if (options_.quiet || live_) {
+    // Otherwise the lines report it with its call.
+    if (!error.empty() && (options_.quiet || live_)) {
         lines_.say("timeline not written", path + ": " + error);
     }
+    return {path, error};
 }
 
-void Application::on_datagram(const unsigned char* data, std::size_t size, Micros now) {
-    last_packet_ = now;
+void Application::on_datagram(const Datagram& datagram) {
+    last_packet_ = datagram.arrival.time;
     media::Packet packet;
-    const media::DecodeResult result = media::decode_packet(data, size, packet);
+    const media::DecodeResult result = media::decode_packet(datagram.data, datagram.size, packet);
     if (result != media::DecodeResult::OK) {
-        count_malformed(result, data, size);
+        count_malformed(result, datagram);
         return;
     }
-    calls_->receive(packet, now);
+    calls_->receive(packet, datagram.arrival);
 }
 
-void Application::count_malformed(media::DecodeResult reason, const unsigned char* data,
-                                  std::size_t size) {
+void Application::count_malformed(media::DecodeResult reason, const Datagram& datagram) {
     const std::uint64_t count = ++malformed_[static_cast<std::size_t>(reason)];
     if (count > MALFORMED_LINES_PER_REASON) {
         return;
     }
-    const std::string beginning = hex_of(data, std::min<std::size_t>(size, 8));
+    const std::string beginning = hex_of(datagram.data, std::min<std::size_t>(datagram.size, 8));
     if (!live_) {
         lines_.say("malformed packet",
-                   std::string(describe(reason)) + ": " + counted(size, "byte") +
+                   std::string(describe(reason)) + ": " + counted(datagram.size, "byte") +
                        (beginning.empty() ? "" : ", beginning with" + beginning) +
                        (count == MALFORMED_LINES_PER_REASON ? "; more are only counted" : ""));
     }
     if (events_ != nullptr) {
-        events_->malformed(reason, size);
+        events_->malformed(reason, datagram.size);
     }
 }
 
@@ -369,8 +334,7 @@ void Application::report_losses() {
 
 // Once a second, so that a flood of calls does not become a flood of lines.
 void Application::report_drops() {
-    const std::uint64_t count =
-        calls_->totals().dropped[static_cast<std::size_t>(Drop::TOO_MANY_CALLS)];
+    const std::uint64_t count = calls_->totals().dropped_for(Drop::TOO_MANY_CALLS);
     if (count != reported_too_many_ && !live_) {
         lines_.say("too many calls", "dropped " + counted(count - reported_too_many_, "packet") +
                                          " of further calls");
@@ -393,7 +357,7 @@ void Application::update_outputs(Micros now) {
     if (metrics_ != nullptr) {
         metrics_->update({calls_->totals(), malformed_, receiver_.received(),
                           receiver_.overflowed(), calls_->size(), folder_->open_files(),
-                          receiver_.granted_buffer(), unwritten_calls_});
+                          receiver_.granted_buffer(), file_names_->refused_calls()});
     }
 }
 
@@ -416,10 +380,9 @@ void Application::flush_events() {
 }
 
 void Application::show_live(Micros now) {
-    const LiveTotals totals{address_, now - began_, receiver_.received(), malformed_total(),
-                            receiver_.overflowed()};
-    out_ << "\x1b[H" << live_view_.frame(*calls_, totals, now, screen_size()) << "\x1b[J"
-         << std::flush;
+    const LiveFigures figures{address_,          now - began_,           receiver_.received(),
+                              malformed_total(), receiver_.overflowed(), calls_->totals()};
+    out_ << "\x1b[H" << live_view_.frame(figures, now, screen_size()) << "\x1b[J" << std::flush;
 }
 
 std::uint64_t Application::malformed_total() const {
@@ -468,8 +431,9 @@ void Application::print_summary() {
     if (totals.file_errors != 0) {
         lines_.say("  not written: " + counted(totals.file_errors, "file"), "");
     }
-    if (unwritten_calls_ != 0) {
-        lines_.say("  not written: " + counted(unwritten_calls_, "call"), "too many files");
+    if (file_names_->refused_calls() != 0) {
+        lines_.say("  not written: " + counted(file_names_->refused_calls(), "call"),
+                   "too many files");
     }
     if (events_ != nullptr && events_->dropped() + events_->waiting() != 0) {
         lines_.say("  events lost: " + grouped(events_->dropped() + events_->waiting()),

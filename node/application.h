@@ -10,6 +10,8 @@
 #include <string>
 
 #include "node/audio/audio_files.h"
+#include "node/audio/file_names.h"
+#include "node/audio/recorder.h"
 #include "node/calls/call_table.h"
 #include "node/ingest/receiver.h"
 #include "node/options.h"
@@ -40,13 +42,11 @@ class Application {
     void open_calls();
     bool refuse(const std::string& what, const std::string& why);
     void greet();
-    std::unique_ptr<Recording> record(const Uuid& uuid, const RateSource& rate);
-    bool files_used_up() const;
-    std::unique_ptr<Recording> leave_unwritten();
-    void save_timeline(const Call& call, const std::string& name, const std::string& svg);
+    std::unique_ptr<FileNames> make_file_names();
+    FileReport save_timeline(const std::string& name, const std::string& svg);
 
-    void on_datagram(const unsigned char* data, std::size_t size, Micros now);
-    void count_malformed(media::DecodeResult reason, const unsigned char* data, std::size_t size);
+    void on_datagram(const Datagram& datagram);
+    void count_malformed(media::DecodeResult reason, const Datagram& datagram);
     void schedule_tick();
     void tick();
     void report_losses();
@@ -72,10 +72,12 @@ class Application {
     std::unique_ptr<EventLog> events_;  // Null unless asked for.
     std::unique_ptr<Timeline> timeline_;
     std::unique_ptr<Metrics> metrics_;
+    LiveView live_view_;
     std::unique_ptr<WavFolder> folder_;
+    std::unique_ptr<FileNames> file_names_;
+    std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<CallTable> calls_;
     Receiver receiver_;
-    LiveView live_view_;
     std::string address_;
     Micros began_{0};
     Micros last_packet_{0};  // When the latest datagram came, or the beginning.
@@ -85,7 +87,6 @@ class Application {
     std::uint64_t reported_overflow_ = 0;
     std::uint64_t reported_too_many_ = 0;
     std::uint64_t saved_timelines_ = 0;
-    std::uint64_t unwritten_calls_ = 0;  // Because of --max-files.
     std::uint64_t reported_lost_events_ = 0;
     bool events_failed_ = false;
     int exit_code_ = EXIT_FINE;

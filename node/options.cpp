@@ -101,12 +101,12 @@ void add_audio_options(CLI::App& app, Options& options) {
                    "Sample rate of all calls (else told from sample offset against send time)")
         ->check(CLI::Range(1000, 384000))
         ->type_name("HZ");
-    app.add_option("--max-reorder", limits.side.reorder_packets,
+    app.add_option("--max-reorder", limits.reorder.packets,
                    "Packets a side that wait for an earlier one")
         ->check(CLI::Range(0, 1000))
         ->type_name("N")
         ->capture_default_str();
-    add_span(app, "--reorder-wait", limits.side.reorder_wait, "How long they wait",
+    add_span(app, "--reorder-wait", limits.reorder.wait, "How long they wait",
              seconds_between(0, 10));
     app.add_option("--max-silence", limits.max_silence_s, "Longest silence for one gap")
         ->check(seconds_between(0, 3600))

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "node/calls/call_table.h"
+#include "node/calls/call_limits.h"
 
 namespace qv::node {
 

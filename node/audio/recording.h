@@ -1,9 +1,8 @@
 // The audio of one call on its way to files: gathers each side's samples into large
-// blocks and writes those, to one file a side.
+// blocks and writes those, to one file per side.
 //
-// A file is created when its first block is due, by when the sample rate is known. Files
-// are named by the call's UUID alone; nothing that a sender chooses freely becomes part
-// of a path. Belongs to one thread.
+// A file is created when its first block is due, by when the sample rate is known. Belongs
+// to one thread.
 #pragma once
 
 #include <algorithm>
@@ -15,15 +14,10 @@
 #include <vector>
 
 #include "node/audio/audio_files.h"
+#include "node/calls/call_listener.h"
 #include "node/calls/types.h"
 
 namespace qv::node {
-
-// What became of a file.
-struct FileReport {
-    std::string path;   // Empty when there was no audio to write.
-    std::string error;  // Empty when all of it was written.
-};
 
 // Takes the audio of a call, in order per side.
 class Recording {
@@ -34,9 +28,6 @@ class Recording {
     virtual void silence(Side side, std::uint64_t count) = 0;
     // Time in which the sender sent nothing, though no audio is missing.
     virtual void pause(Side side, std::uint64_t count) = 0;
-    // The name of the call's files up to what tells them apart; empty when the call is not
-    // to have any.
-    virtual const std::string& stem() const = 0;
     // Writes what is left. Nothing may follow.
     virtual void finish() = 0;
     // How many files could not be written; files() says which and why.
@@ -53,7 +44,7 @@ struct RecordingOptions {
     bool keep_pauses = false;  // In one-side files; stereo files always keep them.
 };
 
-// One file a side: STEM-originator.wav and STEM-terminator.wav.
+// One file per side: STEM-originator.wav and STEM-terminator.wav.
 class SideRecording : public Recording {
   public:
     // The store must outlive the recording.
@@ -64,7 +55,6 @@ class SideRecording : public Recording {
     void silence(Side side, std::uint64_t count) override;
     void pause(Side side, std::uint64_t count) override;
     void finish() override;
-    const std::string& stem() const override { return stem_; }
     std::size_t failed_files() const override;
     std::vector<FileReport> files() const override;
 
@@ -86,24 +76,6 @@ class SideRecording : public Recording {
     std::array<Track, SIDE_COUNT> tracks_;
 };
 
-// Several recordings of the same call.
-class RecordingGroup : public Recording {
-  public:
-    RecordingGroup(std::string stem, std::vector<std::unique_ptr<Recording>> members);
-
-    void audio(Side side, const std::int16_t* samples, std::size_t count) override;
-    void silence(Side side, std::uint64_t count) override;
-    void pause(Side side, std::uint64_t count) override;
-    void finish() override;
-    const std::string& stem() const override { return stem_; }
-    std::size_t failed_files() const override;
-    std::vector<FileReport> files() const override;
-
-  private:
-    std::string stem_;
-    std::vector<std::unique_ptr<Recording>> members_;
-};
-
 // Calls `use(zeros, size)` with zeros until `count` of them have been used.
 template <typename Use>
 void for_each_silent_part(std::uint64_t count, Use use) {
@@ -114,10 +86,5 @@ void for_each_silent_part(std::uint64_t count, Use use) {
         count -= part;
     }
 }
-
-// The UUID's text, with "-2", "-3"... when the store has files of that call already: the
-// next number, or one between them that has become free. The store is asked a few times for
-// each doubling of their count.
-std::string free_stem(const AudioStore& store, const Uuid& uuid);
 
 }  // namespace qv::node

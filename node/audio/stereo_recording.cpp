@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "node/audio/file_names.h"
+
 namespace qv::node {
 
 namespace {
@@ -100,7 +102,7 @@ bool StereoRecording::ready(bool last) {
         set_others_apart(rates, 0);
     } else {
         file_rate_ = std::max(rates[0], rates[1]);
-        file_ = store_.create(stem_ + ".wav", file_rate_, SIDE_COUNT);
+        file_ = store_.create(stereo_file_name(stem_), file_rate_, SIDE_COUNT);
     }
     return longest() > 0;
 }

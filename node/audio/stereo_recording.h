@@ -25,7 +25,6 @@ class StereoRecording : public Recording {
     void silence(Side side, std::uint64_t count) override;
     void pause(Side side, std::uint64_t count) override { silence(side, count); }
     void finish() override;
-    const std::string& stem() const override { return stem_; }
     std::size_t failed_files() const override;
     std::vector<FileReport> files() const override;
 

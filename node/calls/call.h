@@ -1,5 +1,8 @@
-// One call as the receiver knows it. Owned by the call table; others only read it, and
-// only while a listener's function runs. Belongs to one thread.
+// One call: handles its packets and passes on what becomes of them.
+//
+// start, control and terminate packets are handled here, data packets by the two sides. What
+// happens goes to the listeners that the outputs chose when the call began; see
+// call_listener.h. Owned by the call table; belongs to one thread.
 #pragma once
 
 #include <array>
@@ -9,11 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "node/audio/level_meter.h"
-#include "node/audio/recording.h"
-#include "node/calls/pause_finder.h"
-#include "node/calls/rate_estimator.h"
-#include "node/calls/reorder_buffer.h"
+#include "node/calls/call_limits.h"
+#include "node/calls/call_listener.h"
+#include "node/calls/call_side.h"
+#include "node/calls/drop.h"
 #include "node/calls/types.h"
 #include "quorvane/media_packet.h"
 
@@ -35,81 +37,109 @@ struct StartFields {
     bool rule_id_given() const { return (call_flags & media::FLAG_RULE_ID) != 0; }
 };
 
-// Where a side goes on.
-struct SidePlace {
-    std::uint32_t sequence_number;
-    std::uint32_t sample_offset;
-};
-// Nothing for a side of which nothing came.
+// Where the sides of a call go on; nothing for a side of which nothing came.
 using SidePlaces = std::array<std::optional<SidePlace>, SIDE_COUNT>;
 
-struct CallSide {
-    explicit CallSide(const ReorderBuffer::Limits& limits) : tracker(limits) {}
+class Call {
+  public:
+    // `arrival` is that of the call's first packet. The outputs are asked what listens to
+    // the call. `limits` and `outputs` must outlive the call.
+    Call(const Uuid& uuid, std::uint64_t call_key, const Arrival& arrival, const CallLimits& limits,
+         const std::vector<CallListener*>& outputs);
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
 
-    ReorderBuffer tracker;
-    RateEstimator rate;
-    PauseFinder pauses;
-    LevelMeter level;
-    std::optional<std::uint8_t> leg;   // Which leg carries the side; set by its first packet.
-    std::int64_t first_send_time = 0;  // Of the side's first packet.
-    std::int64_t last_send_time = 0;
-    std::uint64_t bytes = 0;           // Of audio that came, repeated audio included.
-    int sample_rate = 0;               // 0 while it is not known.
-    bool rate_assumed = false;         // The rate could not be told from the packets.
-    std::uint64_t joined_at = 0;       // Sample offset at which a late receiver began.
-    std::optional<SidePlace> left_at;  // By an earlier call, which this one continues.
-};
+    // For the call table.
 
-enum class CallState { ACTIVE, ENDING };
+    // Takes in a packet of this call's UUID; returns why it is dropped, if it is.
+    std::optional<Drop> receive(const media::Packet& packet, const Arrival& arrival);
+    // Whether the packet starts the same call anew, as when its media bug was closed and its
+    // terminate packet lost. Such a packet is for another Call.
+    bool is_replaced_by(const media::Packet& packet) const;
+    // To be called some times a second: gives up what has been waited for too long.
+    void tick(Micros now);
+    // Why the call is to be ended now, if it is.
+    std::optional<EndReason> due(Micros now) const;
+    // Delivers what is held and reports the end.
+    void end(EndReason reason);
+    // Begins the sides where an earlier call left them; before the first packet.
+    void continue_from(const SidePlaces& places);
+    SidePlaces places() const;
 
-enum class EndReason {
-    TERMINATED,  // The terminate packet came.
-    REPLACED,    // Another start of the same call came without a terminate.
-    TIMED_OUT,   // Nothing came for too long.
-    TOO_OLD,
-    SHUTDOWN,  // The receiver ends.
-};
+    // For outputs, while one of their functions runs.
 
-constexpr const char* name_of(EndReason reason) {
-    switch (reason) {
-        case EndReason::TERMINATED:
-            return "terminated";
-        case EndReason::REPLACED:
-            return "replaced";
-        case EndReason::TIMED_OUT:
-            return "timed_out";
-        case EndReason::TOO_OLD:
-            return "too_old";
-        case EndReason::SHUTDOWN:
-            return "shutdown";
+    // Names the call's files up to what tells them apart.
+    void set_file_stem(std::string stem) { file_stem_ = std::move(stem); }
+    // Adds a file of the call's audio to those that reports name at its end.
+    void add_file(FileReport file) { files_.push_back(std::move(file)); }
+    // Passes on that a file of the call could not be written.
+    void report_failed_file(const FileReport& file);
+    // The side's sample rate in Hz; decides on one from what is known, if none has been found.
+    int decide_rate(Side which);
+
+    const Uuid& uuid() const { return uuid_; }
+    std::uint64_t call_key() const { return call_key_; }
+    // Where the call's first packet came from.
+    const sockaddr_in& source() const { return source_; }
+    Micros first_seen() const { return first_seen_; }
+    Micros last_seen() const { return last_seen_; }
+    // Nothing until the start packet comes.
+    const std::optional<StartFields>& start() const { return start_; }
+    // Other packets came before the start packet.
+    bool started_late() const { return started_late_; }
+    // In effect: those of the start packet, and what control packets changed.
+    media::features16_t features() const { return features_; }
+    std::uint64_t control_packets() const { return control_packets_; }
+    // The terminate packet has come; the call stays for packets that it has overtaken.
+    bool ending() const { return ends_at_.has_value(); }
+    // Send time of the terminate packet, while ending.
+    std::int64_t terminate_time() const { return terminate_time_; }
+    // Send time of the first audio of either side: the beginning of the time axis.
+    std::optional<std::int64_t> first_audio_time() const { return first_audio_time_; }
+    // Empty when the call is not to have files.
+    const std::string& file_stem() const { return file_stem_; }
+    const std::vector<FileReport>& files() const { return files_; }
+    const std::vector<FileReport>& failed_files() const { return failed_files_; }
+    const CallSide& side(Side which) const { return sides_[index_of(which)]; }
+
+  private:
+    friend class CallSide;
+
+    // Calls `tell` with each listener, in the order of the outputs.
+    template <typename Tell>
+    void for_each_listener(Tell tell) {
+        for (CallListener* listener : listeners_) {
+            tell(*listener);
+        }
     }
-    return "unknown";
-}
+    CallSide& mutable_side(Side which) { return sides_[index_of(which)]; }
+    // The beginning of the time axis, which is `send_time` if nothing came before.
+    std::int64_t axis_begin(std::int64_t send_time);
 
-struct Call {
-    Call(const Uuid& call_uuid, std::uint64_t key, const ReorderBuffer::Limits& limits)
-        : uuid(call_uuid), call_key(key), sides{CallSide(limits), CallSide(limits)} {}
+    std::optional<Drop> on_start(const media::Packet& packet);
+    std::optional<Drop> on_control(const media::Packet& packet);
+    std::optional<Drop> on_terminate(const media::Packet& packet, Micros now);
 
-    const Uuid uuid;
-    const std::uint64_t call_key;
-    CallState state = CallState::ACTIVE;
-    std::optional<StartFields> start;  // Nothing until the start packet comes.
-    bool started_late = false;         // Other packets came before the start packet.
-    media::features16_t features{};    // In effect: the start's, and the updates'.
-    std::uint64_t control_packets = 0;
-    std::int64_t control_time = 0;  // Send time of the latest one.
-    Micros first_seen{0};
-    Micros last_seen{0};
-    Micros ends_at{0};                // While ENDING.
-    std::int64_t terminate_time = 0;  // Send time of the terminate packet, while ENDING.
-    // Send time of the first data packet of either side: the beginning of the time axis.
-    std::optional<std::int64_t> first_audio_time;
-    std::array<CallSide, SIDE_COUNT> sides;
-    std::unique_ptr<Recording> recording;
-    std::vector<FileReport> failed_files;  // Those that the listeners have been told of.
-
-    CallSide& side(Side which) { return sides[index_of(which)]; }
-    const CallSide& side(Side which) const { return sides[index_of(which)]; }
+    const Uuid uuid_;
+    const std::uint64_t call_key_;
+    const sockaddr_in source_;
+    const CallLimits& limits_;
+    const Micros first_seen_;
+    Micros last_seen_;
+    std::optional<StartFields> start_;
+    bool started_late_ = false;
+    media::features16_t features_{};
+    std::uint64_t control_packets_ = 0;
+    std::int64_t control_time_ = 0;  // Send time of the latest control packet.
+    std::optional<Micros> ends_at_;
+    std::int64_t terminate_time_ = 0;
+    std::optional<std::int64_t> first_audio_time_;
+    std::array<CallSide, SIDE_COUNT> sides_;
+    std::string file_stem_;
+    std::vector<FileReport> files_;
+    std::vector<FileReport> failed_files_;
+    std::vector<std::unique_ptr<CallListener>> own_listeners_;  // Those made for this call.
+    std::vector<CallListener*> listeners_;
 };
 
 }  // namespace qv::node

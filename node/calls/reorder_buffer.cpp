@@ -40,7 +40,7 @@ ReorderBuffer::Verdict ReorderBuffer::receive(const AudioPacket& packet, Micros 
 }
 
 void ReorderBuffer::advance(Micros now, OrderedOutput& out) {
-    while (!held_.empty() && now - held_.front().arrived >= limits_.reorder_wait) {
+    while (!held_.empty() && now - held_.front().arrived >= limits_.wait) {
         deliver_first_held(out);
         deliver_held_in_order(out);
     }
@@ -108,7 +108,7 @@ ReorderBuffer::Verdict ReorderBuffer::hold(const AudioPacket& packet, Micros now
                              packet.send_time,
                              now,
                              {packet.samples, packet.samples + packet.sample_count}});
-    while (held_.size() > limits_.reorder_packets) {
+    while (held_.size() > limits_.packets) {
         deliver_first_held(out);
         deliver_held_in_order(out);
     }

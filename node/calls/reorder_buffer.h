@@ -49,8 +49,8 @@ class OrderedOutput {
 class ReorderBuffer {
   public:
     struct Limits {
-        std::size_t reorder_packets = 32;     // Held while an earlier one is missing.
-        Micros reorder_wait{200'000};         // For how long.
+        std::size_t packets = 32;             // Held while an earlier one is missing.
+        Micros wait{200'000};                 // For how long.
         std::uint64_t gap_samples = 480'000;  // Most silence for one gap.
     };
 

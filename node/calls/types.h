@@ -1,6 +1,8 @@
 // Small words that all units of the receiver share.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <array>
 #include <chrono>
 #include <cstddef>
@@ -19,6 +21,19 @@ using Micros = std::chrono::microseconds;
 inline Micros steady_now() {
     return std::chrono::duration_cast<Micros>(std::chrono::steady_clock::now().time_since_epoch());
 }
+
+// When a datagram came, and where from.
+struct Arrival {
+    Micros time{0};
+    sockaddr_in source{};
+};
+
+// A datagram as it came.
+struct Datagram {
+    const unsigned char* data;
+    std::size_t size;
+    Arrival arrival;
+};
 
 enum class Side : std::uint8_t { ORIGINATOR, TERMINATOR };
 constexpr std::size_t SIDE_COUNT = 2;

@@ -14,12 +14,15 @@ Receiver::Receiver(asio::io_context& loop, OnDatagram on_datagram)
       timer_(loop),
       on_datagram_(std::move(on_datagram)),
       buffers_(BATCH * LARGEST),
+      sources_(BATCH),
       parts_(BATCH),
       headers_(BATCH) {
     for (unsigned i = 0; i < BATCH; ++i) {
         parts_[i] = {buffers_.data() + i * LARGEST, LARGEST};
         headers_[i].msg_hdr.msg_iov = &parts_[i];
         headers_[i].msg_hdr.msg_iovlen = 1;
+        headers_[i].msg_hdr.msg_name = &sources_[i];
+        headers_[i].msg_hdr.msg_namelen = sizeof sources_[i];
     }
 }
 
@@ -104,7 +107,7 @@ unsigned Receiver::receive_batch() {
     received_ += count;
     const Micros now = steady_now();
     for (unsigned i = 0; i < count; ++i) {
-        on_datagram_(buffers_.data() + i * LARGEST, headers_[i].msg_len, now);
+        on_datagram_({buffers_.data() + i * LARGEST, headers_[i].msg_len, {now, sources_[i]}});
     }
     return count;
 }

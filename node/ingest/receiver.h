@@ -23,9 +23,9 @@ namespace qv::node {
 
 class Receiver {
   public:
-    // Called for each datagram, with the time at which its batch was taken; `data` is
-    // valid until it returns. Datagrams longer than LARGEST come cut to that.
-    using OnDatagram = std::function<void(const unsigned char* data, std::size_t size, Micros now)>;
+    // Called for each datagram, which is valid until it returns. The time of its arrival is
+    // when its batch was taken. Datagrams longer than LARGEST come cut to that.
+    using OnDatagram = std::function<void(const Datagram& datagram)>;
 
     static constexpr std::size_t LARGEST = 2048;
 
@@ -65,6 +65,7 @@ class Receiver {
     asio::steady_timer timer_;
     OnDatagram on_datagram_;
     std::vector<unsigned char> buffers_;
+    std::vector<sockaddr_in> sources_;
     std::vector<iovec> parts_;
     std::vector<mmsghdr> headers_;
     std::uint64_t received_ = 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "node/calls/call.h"
 #include "node/report/text.h"
 
 namespace qv::node {
@@ -50,25 +51,25 @@ Json data_json(const media::Packet& packet) {
 }
 
 Json side_json(const CallSide& side) {
-    const ReorderBuffer::Stats& stats = side.tracker.stats();
-    return {{"leg", side.leg.value_or(0)},
-            {"sample_rate", side.sample_rate},
-            {"sample_rate_assumed", side.rate_assumed},
+    const ReorderBuffer::Stats& stats = side.stats();
+    return {{"leg", side.leg().value_or(0)},
+            {"sample_rate", side.sample_rate()},
+            {"sample_rate_assumed", side.rate_assumed()},
             {"packets", stats.packets},
-            {"bytes", side.bytes},
+            {"bytes", side.bytes()},
             {"samples", stats.samples},
             {"silence_samples", stats.silence},
             {"unfilled_samples", stats.unfilled},
-            {"pauses", side.pauses.pauses()},
+            {"pauses", side.pauses()},
             {"gaps", stats.gaps},
             {"lost_packets", stats.lost()},
             {"late_packets", stats.late},
             {"reordered_packets", stats.reordered},
             {"duplicated_packets", stats.duplicates},
             {"implausible_packets", stats.implausible},
-            {"joined_at", side.joined_at},
-            {"level_db", side.level.level_db()},
-            {"peak_db", side.level.peak_db()}};
+            {"joined_at", side.joined_at()},
+            {"level_db", side.level().level_db()},
+            {"peak_db", side.level().peak_db()}};
 }
 
 }  // namespace
@@ -86,7 +87,7 @@ void EventLog::overflow(std::uint64_t packets) {
 }
 
 void EventLog::started(const Call& call, const media::Packet& packet) {
-    const StartFields& start = *call.start;
+    const StartFields& start = *call.start();
     const std::string report_node =
         address_text(packet.report_node_address, packet.report_node_port);
     write("start", call,
@@ -106,13 +107,13 @@ void EventLog::started(const Call& call, const media::Packet& packet) {
                {"features", features_json(packet.features)},
                {"call_reference_length", start.call_reference.size() + 1},  // With its zero byte.
                {"call_reference", start.call_reference},
-               {"late", call.started_late}}));
+               {"late", call.started_late()}}));
 }
 
 void EventLog::features_changed(const Call& call, const media::Packet& packet) {
     write("control", call,
           packet_json(packet, {{"features", features_json(packet.features)},
-                               {"features_in_effect", features_json(call.features)}}));
+                               {"features_in_effect", features_json(call.features())}}));
 }
 
 void EventLog::terminated(const Call& call, const media::Packet& packet) {
@@ -128,7 +129,7 @@ void EventLog::data(const Call& call, const media::Packet& packet) {
 void EventLog::pause(const Call& call, Side side, const Pause& pause) {
     write("pause", call,
           {{"call_side", name_of(side)},
-           {"leg", call.side(side).leg.value_or(0)},
+           {"leg", call.side(side).leg().value_or(0)},
            {"samples", pause.samples},
            {"position", pause.position}});
 }
@@ -136,7 +137,7 @@ void EventLog::pause(const Call& call, Side side, const Pause& pause) {
 void EventLog::gap(const Call& call, Side side, const Gap& gap) {
     write("gap", call,
           {{"call_side", name_of(side)},
-           {"leg", call.side(side).leg.value_or(0)},
+           {"leg", call.side(side).leg().value_or(0)},
            {"sequence_number", gap.sequence_number},
            {"lost_packets", gap.lost_packets},
            {"sample_offset", gap.sample_offset},
@@ -156,18 +157,18 @@ void EventLog::file_failed(const Call& call, const FileReport& file) {
 void EventLog::ended(const Call& call, EndReason reason) {
     Json sides = Json::object();
     for (const Side side : BOTH_SIDES) {
-        if (call.side(side).leg.has_value()) {
+        if (call.side(side).begun()) {
             sides[name_of(side)] = side_json(call.side(side));
         }
     }
     Json files = Json::array();
-    for (const FileReport& file : call.recording->files()) {
+    for (const FileReport& file : call.files()) {
         files.push_back({{"path", file.path}, {"error", file.error}});
     }
     write("end", call,
           {{"reason", name_of(reason)},
-           {"start_seen", call.start.has_value()},
-           {"control_packets", call.control_packets},
+           {"start_seen", call.start().has_value()},
+           {"control_packets", call.control_packets()},
            {"sides", sides},
            {"files", files}});
 }
@@ -200,7 +201,7 @@ std::uint64_t EventLog::waiting() const {
 }
 
 void EventLog::write(const char* event, const Call& call, const Json& fields) {
-    Json all = {{"call_key", key_text(call.call_key)}, {"call_uuid", uuid_text(call.uuid)}};
+    Json all = {{"call_key", key_text(call.call_key())}, {"call_uuid", uuid_text(call.uuid())}};
     all.update(fields);
     write(event, all);
 }

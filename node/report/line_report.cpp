@@ -4,6 +4,7 @@
 #include <cmath>
 #include <utility>
 
+#include "node/calls/call.h"
 #include "node/report/text.h"
 
 namespace qv::node {
@@ -52,11 +53,12 @@ void append_count(std::string& text, std::uint64_t count, const char* what) {
 }
 
 std::string side_text(const CallSide& side) {
-    const ReorderBuffer::Stats& stats = side.tracker.stats();
-    std::string text =
-        duration_text(seconds_of(side.tracker.position(), side.sample_rate)) + " at " +
-        std::to_string(side.sample_rate) + " Hz" + (side.rate_assumed ? " (assumed)" : "") + ", " +
-        counted(stats.packets, "packet") + ", level " + decibel_text(side.level.level_db());
+    const ReorderBuffer::Stats& stats = side.stats();
+    std::string text = duration_text(seconds_of(side.position(), side.sample_rate())) + " at " +
+                       std::to_string(side.sample_rate()) + " Hz" +
+                       (side.rate_assumed() ? " (assumed)" : "") + ", " +
+                       counted(stats.packets, "packet") + ", level " +
+                       decibel_text(side.level().level_db());
     if (stats.gaps != 0) {
         text +=
             ", " + counted(stats.gaps, "gap") + " (" + counted(stats.lost(), "packet") + " lost)";
@@ -87,12 +89,12 @@ void LineReport::release() {
 }
 
 void LineReport::line(const Call& call, const std::string& what, const std::string& text) {
-    out_ << time_of_day() << "  " << uuid_text(call.uuid) << "  " << in_columns(what, 13, text)
+    out_ << time_of_day() << "  " << uuid_text(call.uuid()) << "  " << in_columns(what, 13, text)
          << '\n';
 }
 
 void LineReport::started(const Call& call, const media::Packet& packet) {
-    const StartFields& start = *call.start;
+    const StartFields& start = *call.start();
     std::string text = start.outbound() ? "outbound" : "inbound";
     text += ", reference " + quoted_text(start.call_reference);
     if (start.rule_id_given()) {
@@ -102,7 +104,7 @@ void LineReport::started(const Call& call, const media::Packet& packet) {
         text += ", report to " + start.report_node;
     }
     text += ", " + features_text(packet.features);
-    line(call, "start", text + (call.started_late ? " (late: other packets came before)" : ""));
+    line(call, "start", text + (call.started_late() ? " (late: other packets came before)" : ""));
 }
 
 void LineReport::features_changed(const Call& call, const media::Packet& packet) {
@@ -111,9 +113,9 @@ void LineReport::features_changed(const Call& call, const media::Packet& packet)
 
 void LineReport::terminated(const Call& call, const media::Packet& packet) {
     std::string text;
-    if (call.start.has_value() && packet.send_time >= call.start->send_time) {
+    if (call.start().has_value() && packet.send_time >= call.start()->send_time) {
         const auto micros =
-            static_cast<double>(packet.send_time) - static_cast<double>(call.start->send_time);
+            static_cast<double>(packet.send_time) - static_cast<double>(call.start()->send_time);
         text = "after " + duration_text(micros / 1e6);
     }
     line(call, "terminate", text);
@@ -121,13 +123,13 @@ void LineReport::terminated(const Call& call, const media::Packet& packet) {
 
 void LineReport::gap(const Call& call, Side side, const Gap& gap) {
     const CallSide& state = call.side(side);
-    const std::uint64_t gaps = state.tracker.stats().gaps;
+    const std::uint64_t gaps = state.stats().gaps;
     if (gaps > GAP_LINES_PER_SIDE) {
         return;
     }
-    const double lost_ms = 1000 * seconds_of(gap.missing_samples, state.sample_rate);
+    const double lost_ms = 1000 * seconds_of(gap.missing_samples, state.sample_rate());
     std::string text = std::string(name_of(side)) + ": " + counted(gap.lost_packets, "packet") +
-                       " lost at " + duration_text(seconds_of(gap.position, state.sample_rate)) +
+                       " lost at " + duration_text(seconds_of(gap.position, state.sample_rate())) +
                        ", " + grouped(static_cast<std::uint64_t>(std::lround(lost_ms))) +
                        " ms filled with silence";
     if (gap.filled_samples < gap.missing_samples) {
@@ -141,22 +143,22 @@ void LineReport::file_failed(const Call& call, const FileReport& file) {
 }
 
 void LineReport::ended(const Call& call, EndReason reason) {
-    const bool unannounced = !call.start.has_value();
-    const std::size_t failed = call.failed_files.size();
+    const bool unannounced = !call.start().has_value();
+    const std::size_t failed = call.failed_files().size();
     line(call, "end",
          reason_text(reason) + (unannounced ? ", its start packet never came" : "") +
              (failed != 0 ? "; " + counted(failed, "file") + " could not be written" : ""));
     for (const Side side : BOTH_SIDES) {
-        if (call.side(side).leg.has_value()) {
+        if (call.side(side).begun()) {
             line(call, std::string("  ") + name_of(side), side_text(call.side(side)));
         }
     }
-    for (const FileReport& file : call.recording->files()) {
+    for (const FileReport& file : call.files()) {
         if (file.error.empty()) {
             line(call, "  file", file.path);
         }
     }
-    for (const FileReport& file : call.failed_files) {
+    for (const FileReport& file : call.failed_files()) {
         line(call, "  failed", file.path + ": " + file.error);
     }
 }

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <vector>
 
+#include "node/calls/call.h"
 #include "node/report/text.h"
 #include "tools/utf8.h"
 
@@ -48,21 +49,20 @@ Columns columns_for(std::size_t screen) {
     return {36, 10, true, screen >= ALL_COLUMNS + SHORTEST_REFERENCE};
 }
 
-std::string level_cell(CallSide& side, std::size_t cells) {
-    const double level = side.level.take_recent_db();
+std::string level_cell(double level, std::size_t cells) {
     const std::string figure =
         level <= SILENCE_DB ? "--" : std::to_string(std::lround(level)) + " dB";
     return level_meter(level, cells) + right(figure, 7);
 }
 
 std::string state_of(const Call& call) {
-    if (!call.failed_files.empty()) {
+    if (!call.failed_files().empty()) {
         return "file error";
     }
-    if (call.state == CallState::ENDING) {
+    if (call.ending()) {
         return "ending";
     }
-    return call.start.has_value() ? "" : "no start";
+    return call.start().has_value() ? "" : "no start";
 }
 
 std::string heading(const Columns& columns) {
@@ -74,36 +74,27 @@ std::string heading(const Columns& columns) {
     return columns.reference ? left(text, ALL_COLUMNS + 2) + "reference" : text;
 }
 
-std::string row(Call& call, Micros now, const Columns& columns) {
+std::string row(const Call& call, const std::array<double, SIDE_COUNT>& levels, Micros now,
+                const Columns& columns) {
     std::uint64_t lost = 0;
     std::uint64_t packets = 0;
-    for (const CallSide& side : call.sides) {
-        lost += side.tracker.stats().lost();
-        packets += side.tracker.stats().packets;
+    for (const Side side : BOTH_SIDES) {
+        lost += call.side(side).stats().lost();
+        packets += call.side(side).stats().packets;
     }
-    std::string text = tools::truncate_to_columns(uuid_text(call.uuid), columns.uuid) +
-                       right(duration_text(seconds_of(now - call.first_seen)), 12) + "  " +
-                       feature_letters(call.features, Side::ORIGINATOR) + ' ' +
-                       feature_letters(call.features, Side::TERMINATOR) + "  " +
-                       level_cell(call.side(Side::ORIGINATOR), columns.cells) + "  " +
-                       level_cell(call.side(Side::TERMINATOR), columns.cells);
+    std::string text = tools::truncate_to_columns(uuid_text(call.uuid()), columns.uuid) +
+                       right(duration_text(seconds_of(now - call.first_seen())), 12) + "  " +
+                       feature_letters(call.features(), Side::ORIGINATOR) + ' ' +
+                       feature_letters(call.features(), Side::TERMINATOR) + "  " +
+                       level_cell(levels[0], columns.cells) + "  " +
+                       level_cell(levels[1], columns.cells);
     text += columns.packets ? right(grouped(packets), 10) : "";
     text += right(grouped(lost), 7);
     const std::string state = state_of(call);
     text += state.empty() ? "" : "  " + state;
-    return columns.reference && call.start.has_value()
-               ? left(text, ALL_COLUMNS + 2) + quoted_text(call.start->call_reference)
+    return columns.reference && call.start().has_value()
+               ? left(text, ALL_COLUMNS + 2) + quoted_text(call.start()->call_reference)
                : text;
-}
-
-std::vector<Call*> oldest_first(CallTable& calls) {
-    std::vector<Call*> all;
-    calls.for_each([&all](Call& call) { all.push_back(&call); });
-    std::sort(all.begin(), all.end(), [](const Call* one, const Call* two) {
-        return one->first_seen != two->first_seen ? one->first_seen < two->first_seen
-                                                  : one->uuid < two->uuid;
-    });
-    return all;
 }
 
 // What fits of the lines; the rest of each line on the screen is cleared.
@@ -158,20 +149,59 @@ std::string level_meter(double level_db, std::size_t cells) {
     return text;
 }
 
-std::string LiveView::frame(CallTable& calls, const LiveTotals& totals, Micros now,
-                            ScreenSize size) {
-    std::vector<std::string> lines = head(calls, totals, now);
+// A call on the screen, and its levels since the last frame.
+class LiveView::LiveCall : public CallListener {
+  public:
+    LiveCall(LiveView& view, const Call& call) : view_(view), call_(call) {
+        view_.calls_.insert(this);
+    }
+    ~LiveCall() override { view_.calls_.erase(this); }
+
+    void audio(const Call& /*call*/, Side side, const Audio& audio) override {
+        levels_[index_of(side)].add(audio.samples, audio.count);
+    }
+
+    void file_failed(const Call& /*call*/, const FileReport& file) override {
+        view_.last_file_error_ = file.path + ": " + file.error;
+    }
+
+    const Call& call() const { return call_; }
+    std::string take_row(Micros now, const Columns& columns) {
+        return row(call_, {levels_[0].take_recent_db(), levels_[1].take_recent_db()}, now, columns);
+    }
+
+  private:
+    LiveView& view_;
+    const Call& call_;
+    std::array<LevelMeter, SIDE_COUNT> levels_;
+};
+
+std::unique_ptr<CallListener> LiveView::begin_call(Call& call) {
+    return std::make_unique<LiveCall>(*this, call);
+}
+
+std::vector<LiveView::LiveCall*> LiveView::oldest_first() const {
+    std::vector<LiveCall*> all(calls_.begin(), calls_.end());
+    std::sort(all.begin(), all.end(), [](const LiveCall* one, const LiveCall* two) {
+        return one->call().first_seen() != two->call().first_seen()
+                   ? one->call().first_seen() < two->call().first_seen()
+                   : one->call().uuid() < two->call().uuid();
+    });
+    return all;
+}
+
+std::string LiveView::frame(const LiveFigures& figures, Micros now, ScreenSize size) {
+    std::vector<std::string> lines = head(figures, now);
     const Columns columns = columns_for(size.columns);
     lines.push_back(heading(columns));
 
-    const std::vector<Call*> all = oldest_first(calls);
-    note_file_errors(all);
+    const std::vector<LiveCall*> all = oldest_first();
     const std::size_t foot_lines = last_file_error_.empty() ? 2 : 3;
     const std::size_t room =
         size.rows > HEAD_LINES + foot_lines ? size.rows - HEAD_LINES - foot_lines : 0;
     const std::size_t count = std::min(room, all.size());
     for (std::size_t i = 0; i < count; ++i) {
-        lines.push_back(row(*all[i], now, columns));
+        lines.push_back(all[i]->take_row(now, columns));
     }
     lines.push_back(count < all.size() ? "and " + counted(all.size() - count, "more call")
                                        : std::string());
@@ -182,35 +212,24 @@ std::string LiveView::frame(CallTable& calls, const LiveTotals& totals, Micros n
     return joined(lines, size);
 }
 
-std::vector<std::string> LiveView::head(const CallTable& calls, const LiveTotals& totals,
-                                        Micros now) {
+std::vector<std::string> LiveView::head(const LiveFigures& figures, Micros now) {
     const double span = seconds_of(now - last_time_);
-    const auto rate = span > 0 ? static_cast<double>(totals.received - last_received_) / span : 0;
-    last_received_ = totals.received;
+    const auto rate = span > 0 ? static_cast<double>(figures.received - last_received_) / span : 0;
+    last_received_ = figures.received;
     last_time_ = now;
 
-    const Totals& counts = calls.totals();
-    const std::uint64_t late = counts.dropped[static_cast<std::size_t>(Drop::LATE)];
-    const std::uint64_t lost = counts.lost_packets > late ? counts.lost_packets - late : 0;
-    return {"quorvane-node on " + totals.address + ", up " +
-                duration_text(seconds_of(totals.uptime)) + "   (ends with Ctrl-C)",
-            counted(calls.size(), "call") + " now, " + grouped(counts.calls_ended) + " ended, " +
+    const Totals& totals = figures.totals;
+    const std::uint64_t late = totals.dropped_for(Drop::LATE);
+    const std::uint64_t lost = totals.lost_packets > late ? totals.lost_packets - late : 0;
+    return {"quorvane-node on " + figures.address + ", up " +
+                duration_text(seconds_of(figures.uptime)) + "   (ends with Ctrl-C)",
+            counted(calls_.size(), "call") + " now, " + grouped(totals.calls_ended) + " ended, " +
                 grouped(static_cast<std::uint64_t>(rate)) + " packets/s, " +
-                counted(totals.received, "packet"),
-            grouped(lost) + " lost, " + grouped(sum_of_drops(counts)) + " not used, " +
-                grouped(totals.malformed) + " malformed, " + grouped(totals.overflowed) +
-                " lost in the socket, " + counted(counts.file_errors, "file error"),
+                counted(figures.received, "packet"),
+            grouped(lost) + " lost, " + grouped(sum_of_drops(totals)) + " not used, " +
+                grouped(figures.malformed) + " malformed, " + grouped(figures.overflowed) +
+                " lost in the socket, " + counted(totals.file_errors, "file error"),
             ""};
-}
-
-// The calls on the screen tell which file; it stays there when they have gone.
-void LiveView::note_file_errors(const std::vector<Call*>& calls) {
-    for (const Call* call : calls) {
-        if (!call->failed_files.empty()) {
-            const FileReport& file = call->failed_files.back();
-            last_file_error_ = file.path + ": " + file.error;
-        }
-    }
 }
 
 }  // namespace qv::node

@@ -1,14 +1,19 @@
-// The receiver as one screen of a terminal: its calls with age, features, a level meter a
+// The receiver as one screen of a terminal: its calls with age, features, a level meter per
 // side and loss, and the totals. A wide screen also shows the whole UUID, packets and the
-// call's reference. Makes text only; whoever owns the terminal shows it.
+// call's reference. An output. It makes text only; the owner of the terminal shows it.
 // Belongs to one thread.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
-#include "node/calls/call_table.h"
+#include "node/audio/level_meter.h"
+#include "node/calls/call_listener.h"
+#include "node/calls/totals.h"
 #include "node/calls/types.h"
 
 namespace qv::node {
@@ -19,24 +24,30 @@ struct ScreenSize {
 };
 
 // What the view shows beside the calls.
-struct LiveTotals {
+struct LiveFigures {
     std::string address;
     Micros uptime{0};
     std::uint64_t received = 0;
     std::uint64_t malformed = 0;
     std::uint64_t overflowed = 0;
+    Totals totals;
 };
 
-class LiveView {
+class LiveView : public CallListener {
   public:
-    // One frame: lines that fit the screen, each closed by "\r\n" but the last one. Takes
-    // the recent levels of the calls.
-    std::string frame(CallTable& calls, const LiveTotals& totals, Micros now, ScreenSize size);
+    std::unique_ptr<CallListener> begin_call(Call& call) override;
+
+    // One frame: lines that fit the screen, each closed by "\r\n" but the last one. The
+    // levels are those since the last frame.
+    std::string frame(const LiveFigures& figures, Micros now, ScreenSize size);
 
   private:
-    std::vector<std::string> head(const CallTable& calls, const LiveTotals& totals, Micros now);
-    void note_file_errors(const std::vector<Call*>& calls);
+    class LiveCall;
 
+    std::vector<LiveCall*> oldest_first() const;
+    std::vector<std::string> head(const LiveFigures& figures, Micros now);
+
+    std::unordered_set<LiveCall*> calls_;  // Each takes itself out when its call is over.
     std::string last_file_error_;
     std::uint64_t last_received_ = 0;
     Micros last_time_{0};

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "node/calls/call_table.h"
+#include "node/calls/totals.h"
 
 namespace qv::node {
 

@@ -1,5 +1,5 @@
 // A picture of one call: the outlines of both sides over one time axis, with silence,
-// gaps, late parts, pauses, and what happened when. Written as one SVG file a call when
+// gaps, late parts, pauses, and what happened when. Written as one SVG file per call when
 // the call has ended. Belongs to one thread.
 #pragma once
 
@@ -8,7 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "node/calls/call_listener.h"
@@ -51,47 +51,18 @@ struct TimelineData {
 
 std::string render_timeline(const TimelineData& data);
 
-// Gathers the data of all calls and hands over each picture when its call has ended.
+// Draws each call that has a file stem, when it has ended. An output.
 class Timeline : public CallListener {
   public:
-    // `save` gets the file's name without folder, and the picture.
-    using Save = std::function<void(const Call&, const std::string& name, const std::string& svg)>;
+    // Writes a picture under that name, without folder, and says what became of the file.
+    using Save = std::function<FileReport(const std::string& name, const std::string& svg)>;
 
     explicit Timeline(Save save) : save_(std::move(save)) {}
 
-    void started(const Call& call, const media::Packet& packet) override;
-    void features_changed(const Call& call, const media::Packet& packet) override;
-    void terminated(const Call& call, const media::Packet& packet) override;
-    void audio(const Call& call, Side side, const std::int16_t* samples,
-               std::size_t count) override;
-    void pause(const Call& call, Side side, const Pause& pause) override;
-    void gap(const Call& call, Side side, const Gap& gap) override;
-    void late(const Call& call, Side side, const media::Packet& packet) override;
-    void ended(const Call& call, EndReason reason) override;
+    std::unique_ptr<CallListener> begin_call(Call& call) override;
 
   private:
-    // An event whose place on the axis is found at the end, when the rates are known.
-    struct RawEvent {
-        std::int64_t send_time;
-        std::array<std::uint64_t, SIDE_COUNT> heads;  // How far the sides were, in samples.
-        std::string label;
-    };
-    struct Trace {
-        TimelineData data;
-        std::vector<RawEvent> events;
-    };
-
-    static std::int64_t axis_begin(const Call& call, const std::vector<RawEvent>& events);
-    static void place_events(Trace& trace, std::int64_t axis_begin);
-
-    Trace& trace(const Call& call);
-    TimelineData::SideTrace& trace(const Call& call, Side side) {
-        return trace(call).data.sides[index_of(side)];
-    }
-    void note(const Call& call, std::int64_t send_time, std::string label);
-
     Save save_;
-    std::unordered_map<const Call*, std::unique_ptr<Trace>> traces_;
 };
 
 }  // namespace qv::node

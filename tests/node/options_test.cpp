@@ -29,8 +29,8 @@ TEST_F(NodeOptionsTest, DefaultsAreThoseOfTheDocument) {
     EXPECT_EQ(options_.limits.max_age, 12h);
     EXPECT_EQ(options_.limits.linger, 300ms);
     EXPECT_EQ(options_.limits.max_silence_s, 120.0);
-    EXPECT_EQ(options_.limits.side.reorder_packets, 32u);
-    EXPECT_EQ(options_.limits.side.reorder_wait, 200ms);
+    EXPECT_EQ(options_.limits.reorder.packets, 32u);
+    EXPECT_EQ(options_.limits.reorder.wait, 200ms);
 }
 
 TEST_F(NodeOptionsTest, AddressAndPortAreTaken) {
@@ -57,7 +57,7 @@ TEST_F(NodeOptionsTest, SecondsMayHaveAFraction) {
            "3600"});
     EXPECT_EQ(options_.limits.linger, 250ms);
     EXPECT_EQ(options_.limits.idle, 1500ms);
-    EXPECT_EQ(options_.limits.side.reorder_wait, 0ms);
+    EXPECT_EQ(options_.limits.reorder.wait, 0ms);
     EXPECT_EQ(options_.limits.max_age, 1h);
 }
 
@@ -69,7 +69,7 @@ TEST_F(NodeOptionsTest, LimitsAreTaken) {
     EXPECT_EQ(options_.calls, 3u);
     EXPECT_EQ(options_.idle_exit_s, 2.5);
     EXPECT_EQ(options_.limits.sample_rate, 48000);
-    EXPECT_EQ(options_.limits.side.reorder_packets, 0u);
+    EXPECT_EQ(options_.limits.reorder.packets, 0u);
     EXPECT_EQ(options_.limits.max_silence_s, 0.0);
     EXPECT_EQ(options_.limits.max_calls, 5u);
     EXPECT_EQ(options_.max_open_files, 7u);

@@ -5,7 +5,8 @@
 #include <random>
 #include <string>
 
-#include "node/audio/recording.h"
+#include "node/audio/file_names.h"
+#include "node/audio/recorder.h"
 #include "node/report/text.h"
 #include "tests/node/audio/fake_audio_files.h"
 
@@ -21,7 +22,7 @@ using qv::test::FakeAudioStore;
 class Diary : public CallListener {
   public:
     void started(const Call& call, const Packet&) override {
-        add(call.started_late ? "late-start" : "start");
+        add(call.started_late() ? "late-start" : "start");
     }
     void features_changed(const Call&, const Packet&) override { add("control"); }
     void terminated(const Call&, const Packet&) override { add("terminate"); }
@@ -35,8 +36,8 @@ class Diary : public CallListener {
     void file_failed(const Call&, const FileReport& file) override { add("failed:" + file.error); }
     void ended(const Call& call, EndReason reason) override {
         add(std::string("end:") + name_of(reason));
-        last_rates = {call.side(Side::ORIGINATOR).sample_rate,
-                      call.side(Side::TERMINATOR).sample_rate};
+        last_rates = {call.side(Side::ORIGINATOR).sample_rate(),
+                      call.side(Side::TERMINATOR).sample_rate()};
     }
 
     std::string text;
@@ -50,17 +51,13 @@ class CallTableTest : public testing::Test {
   protected:
     CallTableTest() { restart({}); }
 
-    void restart(const CallLimits& limits) {
-        restart(limits, [this](const Uuid& uuid, RateSource rate) {
-            return std::make_unique<SideRecording>(store_, free_stem(store_, uuid), std::move(rate),
-                                                   RecordingOptions{4, false});
-        });
+    void restart(const CallLimits& limits) { restart(limits, {&file_names_, &recorder_, &diary_}); }
+
+    void restart(const CallLimits& limits, const std::vector<CallListener*>& outputs) {
+        table_ = std::make_unique<CallTable>(limits, outputs);
     }
 
-    void restart(const CallLimits& limits, RecordingFactory recordings) {
-        table_ = std::make_unique<CallTable>(limits, std::move(recordings),
-                                             std::vector<CallListener*>{&diary_});
-    }
+    void receive(const Packet& packet) { table_->receive(packet, {now_, {}}); }
 
     Packet packet(PacketType type) {
         Packet made;
@@ -77,7 +74,7 @@ class CallTableTest : public testing::Test {
         made.report_node_address = NOWHERE;
         made.call_reference = "";
         made.configured_clock = configured_clock;
-        table_->receive(made, now_);
+        receive(made);
     }
 
     void data(std::uint32_t number, Side side = Side::ORIGINATOR) {
@@ -92,7 +89,7 @@ class CallTableTest : public testing::Test {
         made.sample_offset = (number - 1) * 160;
         made.sample_count = 160;
         made.audio = AUDIO;
-        table_->receive(made, now_);
+        receive(made);
     }
 
     // In real time: 20 ms a packet.
@@ -103,8 +100,8 @@ class CallTableTest : public testing::Test {
         }
     }
 
-    void control() { table_->receive(packet(PacketType::CONTROL), now_); }
-    void terminate() { table_->receive(packet(PacketType::TERMINATE), now_); }
+    void control() { receive(packet(PacketType::CONTROL)); }
+    void terminate() { receive(packet(PacketType::TERMINATE)); }
 
     void pass(Micros time) {
         now_ += time;
@@ -125,6 +122,8 @@ class CallTableTest : public testing::Test {
     void use_uuid(unsigned char last_byte) { uuid_[15] = last_byte; }
 
     FakeAudioStore store_;
+    FileNames file_names_{store_, {}, [] { return 0; }, [] {}};
+    Recorder recorder_{store_, {true, false, {4, false}}};
     Diary diary_;
     std::unique_ptr<CallTable> table_;
     Uuid uuid_{};
@@ -424,10 +423,7 @@ TEST_F(CallTableTest, RateIsToldFromOffsetsAndTimes) {
 }
 
 TEST_F(CallTableTest, RateIsDecidedAtTheEndThoughNoFileAsksForIt) {
-    restart({}, [](const Uuid&, const RateSource&) {
-        return std::make_unique<RecordingGroup>("nothing",
-                                                std::vector<std::unique_ptr<Recording>>());
-    });
+    restart({}, {&diary_});
     start();
     talk(1, 10);  // Too short to be sure before the end.
     table_->shut_down();
@@ -501,28 +497,33 @@ TEST_F(CallTableTest, EachFileThatFailsIsToldOnceWhenItFails) {
     EXPECT_EQ(table_->totals().file_errors, 2u);
 }
 
-// Writes a file of its own at the end of a call, in vain.
+// Writes a file of its own at the end of each call, in vain.
 class FailingWriter : public CallListener {
   public:
-    void ended(const Call& call, EndReason) override {
-        table->report_failed_file(call, {"call.svg", "File too large"});
-        failed = call.failed_files.size();
+    std::unique_ptr<CallListener> begin_call(Call& call) override {
+        return std::make_unique<File>(*this, call);
     }
 
-    CallTable* table = nullptr;
     std::size_t failed = 0;
+
+  private:
+    class File : public CallListener {
+      public:
+        File(FailingWriter& writer, Call& call) : writer_(writer), call_(call) {}
+        void ended(const Call& call, EndReason) override {
+            call_.report_failed_file({"call.svg", "File too large"});
+            writer_.failed = call.failed_files().size();
+        }
+
+      private:
+        FailingWriter& writer_;
+        Call& call_;
+    };
 };
 
-TEST_F(CallTableTest, FileOfAListenerThatFailsIsToldAndCountedLikeOthers) {
+TEST_F(CallTableTest, FileOfAnOutputThatFailsIsToldAndCountedLikeOthers) {
     FailingWriter writer;
-    table_ = std::make_unique<CallTable>(
-        CallLimits{},
-        [this](const Uuid&, RateSource rate) {
-            return std::make_unique<SideRecording>(store_, "call", std::move(rate),
-                                                   RecordingOptions{4, false});
-        },
-        std::vector<CallListener*>{&writer, &diary_});
-    writer.table = table_.get();
+    restart({}, {&writer, &diary_});
     start();
     table_->shut_down();
     EXPECT_EQ(diary_.text, "start failed:File too large end:shutdown");
@@ -554,7 +555,7 @@ TEST_F(CallTableTest, RandomPacketsAreSurvived) {
         made.sample_count = static_cast<std::uint16_t>(random() % 662);
         made.audio = AUDIO;
         now_ += Micros(random() % 1000);
-        table_->receive(made, now_);
+        receive(made);
         if (i % 100 == 0) {
             table_->tick(now_);
         }

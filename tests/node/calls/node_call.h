@@ -11,7 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "node/audio/recording.h"
+#include "node/audio/file_names.h"
+#include "node/audio/recorder.h"
 #include "node/calls/call_table.h"
 #include "tests/node/audio/fake_audio_files.h"
 #include "tests/support/golden.h"
@@ -20,24 +21,23 @@ namespace qv::test {
 
 class NodeCallTest : public testing::Test {
   protected:
-    // A derived test calls it first, with what it watches; what the listener writes to
-    // must live as long as the test.
-    void watch(std::vector<node::CallListener*> listeners, const node::CallLimits& limits = {}) {
-        using namespace node;
-        table_ = std::make_unique<CallTable>(
-            limits,
-            [this](const Uuid& uuid, RateSource rate) {
-                return std::make_unique<SideRecording>(store_, free_stem(store_, uuid),
-                                                       std::move(rate), RecordingOptions{4, false});
-            },
-            std::move(listeners));
+    // A derived test calls it first, with what it watches; the files of the calls are written,
+    // too. What the listener writes to must live as long as the test.
+    void watch(const std::vector<node::CallListener*>& listeners,
+               const node::CallLimits& limits = {}) {
+        std::vector<node::CallListener*> outputs = {&file_names_, &recorder_};
+        outputs.insert(outputs.end(), listeners.begin(), listeners.end());
+        table_ = std::make_unique<node::CallTable>(limits, outputs);
     }
+
+    // Before the listeners of a derived test go.
+    void TearDown() override { table_.reset(); }
 
     void send(const Bytes& datagram) {
         media::Packet packet;
         ASSERT_EQ(media::decode_packet(datagram.data(), datagram.size(), packet),
                   media::DecodeResult::OK);
-        table_->receive(packet, now_);
+        table_->receive(packet, {now_, {}});
     }
     void send(const std::string& name) { send(golden(name)); }
 
@@ -83,6 +83,8 @@ class NodeCallTest : public testing::Test {
     }
 
     FakeAudioStore store_;
+    node::FileNames file_names_{store_, {}, [] { return 0; }, [] {}};
+    node::Recorder recorder_{store_, {true, false, {4, false}}};
     std::unique_ptr<node::CallTable> table_;
     node::Micros now_{100'000'000};
 };

@@ -116,7 +116,7 @@ TEST_F(ReorderBufferTest, NothingIsGivenUpBeforeTheWaitIsOver) {
 
 TEST_F(ReorderBufferTest, FullReorderWindowGivesUpTheMissingPacket) {
     ReorderBuffer::Limits limits;
-    limits.reorder_packets = 2;
+    limits.packets = 2;
     restart(limits);
     send_all({1, 3, 4});
     EXPECT_EQ(tape_.text, "aaaa");
@@ -126,7 +126,7 @@ TEST_F(ReorderBufferTest, FullReorderWindowGivesUpTheMissingPacket) {
 
 TEST_F(ReorderBufferTest, WindowOfZeroNeverHolds) {
     ReorderBuffer::Limits limits;
-    limits.reorder_packets = 0;
+    limits.packets = 0;
     restart(limits);
     send_all({1, 3});
     EXPECT_EQ(tape_.text, "aaaa....cccc");

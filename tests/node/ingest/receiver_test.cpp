@@ -44,9 +44,12 @@ class ReceiverTest : public ::testing::Test {
     int sender_ = ::socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in to_{};
     std::vector<std::string> taken_;
+    std::vector<sockaddr_in> sources_;
     asio::io_context loop_;
-    Receiver receiver_{loop_, [this](const unsigned char* data, std::size_t size, Micros) {
-                           taken_.emplace_back(reinterpret_cast<const char*>(data), size);
+    Receiver receiver_{loop_, [this](const Datagram& datagram) {
+                           taken_.emplace_back(reinterpret_cast<const char*>(datagram.data),
+                                               datagram.size);
+                           sources_.push_back(datagram.arrival.source);
                        }};
 };
 
@@ -60,6 +63,23 @@ TEST_F(ReceiverTest, DatagramsComeWholeAndInOrder) {
     EXPECT_EQ(taken_, (std::vector<std::string>{"one", "", "three"}));
     EXPECT_EQ(receiver_.received(), 3U);
     EXPECT_EQ(receiver_.overflowed(), 0U);
+}
+
+TEST_F(ReceiverTest, EachDatagramBringsItsSendersAddress) {
+    open(1 << 20);
+    receiver_.start();
+    send("one");
+    sockaddr_in first{};
+    socklen_t size = sizeof first;
+    ASSERT_EQ(::getsockname(sender_, reinterpret_cast<sockaddr*>(&first), &size), 0);
+    ::close(sender_);
+    sender_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+    send("two");
+    run_for(milliseconds(20));
+    ASSERT_EQ(sources_.size(), 2U);
+    EXPECT_EQ(ntohl(sources_[0].sin_addr.s_addr), INADDR_LOOPBACK);
+    EXPECT_EQ(sources_[0].sin_port, first.sin_port);
+    EXPECT_NE(sources_[1].sin_port, first.sin_port);
 }
 
 TEST_F(ReceiverTest, AnOverlongDatagramIsCut) {

@@ -14,10 +14,11 @@ constexpr const char* NO_LEVEL_7 = "\u00b7\u00b7\u00b7\u00b7\u00b7\u00b7\u00b7  
 
 class LiveViewTest : public qv::test::NodeCallTest {
   protected:
-    LiveViewTest() { watch({}); }
+    LiveViewTest() { watch({&view_}); }
 
     std::string text(std::size_t columns, std::size_t rows) {
-        return view_.frame(*table_, totals_, now_, {columns, rows});
+        figures_.totals = table_->totals();
+        return view_.frame(figures_, now_, {columns, rows});
     }
 
     // The frame's lines, without what clears the rest of each.
@@ -42,13 +43,13 @@ class LiveViewTest : public qv::test::NodeCallTest {
     }
 
     LiveView view_;
-    LiveTotals totals_{"127.0.0.1:40000", 65s, 0, 0, 0};
+    LiveFigures figures_{"127.0.0.1:40000", 65s, 0, 0, 0, {}};
 };
 
 TEST_F(LiveViewTest, EmptyScreenTellsTheTotals) {
-    totals_.received = 1234;
-    totals_.malformed = 5;
-    totals_.overflowed = 6;
+    figures_.received = 1234;
+    figures_.malformed = 5;
+    figures_.overflowed = 6;
     EXPECT_EQ(frame(),
               (Lines{"quorvane-node on 127.0.0.1:40000, up 1 min 05 s   (ends with Ctrl-C)",
                      "0 calls now, 0 ended, 12 packets/s, 1,234 packets",
@@ -112,7 +113,7 @@ TEST_F(LiveViewTest, LossIsShownForTheCallAndInAll) {
 TEST_F(LiveViewTest, FileThatCannotBeWrittenIsShownAfterItsCallToo) {
     CallLimits limits;
     limits.sample_rate = 8000;
-    watch({}, limits);
+    watch({&view_}, limits);
     store_.error = "No space left on device";
     send("call_1_start");
     send("call_2_read");
@@ -192,7 +193,7 @@ TEST_F(LiveViewTest, LinesAreClosedButTheLastOne) {
 
 TEST_F(LiveViewTest, RateIsThatSinceTheLastFrame) {
     frame();
-    totals_.received = 100;
+    figures_.received = 100;
     now_ += 250ms;
     EXPECT_EQ(frame()[1], "0 calls now, 0 ended, 400 packets/s, 100 packets");
 }

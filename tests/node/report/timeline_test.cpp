@@ -112,8 +112,10 @@ class TimelineOfCallTest : public qv::test::NodeCallTest {
     bool shows(const std::string& part) const { return contains(svg_, part); }
 
     std::string svg_;
-    Timeline timeline_{
-        [this](const Call&, const std::string&, const std::string& svg) { svg_ = svg; }};
+    Timeline timeline_{[this](const std::string& name, const std::string& svg) {
+        svg_ = svg;
+        return FileReport{name, {}};
+    }};
 };
 
 TEST_F(TimelineOfCallTest, RingingStandsBeforeTheAudio) {

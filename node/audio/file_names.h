@@ -1,0 +1,61 @@
+// The names of a call's files, and how many files one run may write.
+//
+// Files are named by the call's UUID; nothing that a sender chooses freely becomes part of a
+// path. FileNames is the first of the outputs: it gives each call its file stem, which the
+// outputs that write files read. Belongs to one thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "node/audio/audio_files.h"
+#include "node/calls/call_listener.h"
+#include "node/calls/types.h"
+
+namespace qv::node {
+
+// STEM-originator.wav, STEM-terminator.wav
+std::string side_file_name(const std::string& stem, Side side);
+// STEM.wav
+std::string stereo_file_name(const std::string& stem);
+// STEM.svg
+std::string timeline_file_name(const std::string& stem);
+
+// The UUID's text, with "-2", "-3"... when the store has files of that call already: the
+// next number, or one between them that has become free. The store is asked a few times for
+// each doubling of their count.
+std::string free_stem(const AudioStore& store, const Uuid& uuid);
+
+class FileNames : public CallListener {
+  public:
+    struct Options {
+        bool overwrite = false;            // Files of earlier runs.
+        std::uint64_t max_files = 0;       // Of this run; 0: no limit.
+        std::uint64_t files_per_call = 0;  // That a call may make at the most.
+    };
+
+    // `files_made` counts the files of this run so far, `on_first_refusal` is called when the
+    // first call is refused files. The store must outlive this object.
+    FileNames(const AudioStore& store, const Options& options,
+              std::function<std::uint64_t()> files_made, std::function<void()> on_first_refusal);
+
+    std::unique_ptr<CallListener> begin_call(Call& call) override;
+    void ended(const Call& call, EndReason reason) override;
+
+    // Calls that got no files.
+    std::uint64_t refused_calls() const { return refused_calls_; }
+
+  private:
+    bool used_up() const;
+
+    const AudioStore& store_;
+    Options options_;
+    std::function<std::uint64_t()> files_made_;
+    std::function<void()> on_first_refusal_;
+    std::uint64_t calls_ = 0;  // Now.
+    std::uint64_t refused_calls_ = 0;
+};
+
+}  // namespace qv::node

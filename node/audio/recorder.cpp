@@ -1,0 +1,104 @@
+#include "node/audio/recorder.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "node/audio/stereo_recording.h"
+#include "node/calls/call.h"
+
+namespace qv::node {
+
+namespace {
+
+// The recordings of one call.
+class RecordedCall : public CallListener {
+  public:
+    RecordedCall(Call& call, std::vector<std::unique_ptr<Recording>> recordings)
+        : call_(call), recordings_(std::move(recordings)) {}
+
+    void audio(const Call& /*call*/, Side side, const Audio& audio) override {
+        for (const auto& recording : recordings_) {
+            recording->audio(side, audio.samples, audio.count);
+        }
+    }
+
+    void gap(const Call& /*call*/, Side side, const Gap& gap) override {
+        for (const auto& recording : recordings_) {
+            recording->silence(side, gap.filled_samples);
+        }
+    }
+
+    void pause(const Call& /*call*/, Side side, const Pause& pause) override {
+        for (const auto& recording : recordings_) {
+            recording->pause(side, pause.samples);
+        }
+    }
+
+    void tick(const Call& /*call*/, Micros /*now*/) override { report_failures(); }
+
+    void ended(const Call& /*call*/, EndReason /*reason*/) override {
+        for (const auto& recording : recordings_) {
+            recording->finish();
+        }
+        report_failures();
+        for (FileReport& file : files()) {
+            call_.add_file(std::move(file));
+        }
+    }
+
+  private:
+    std::vector<FileReport> files() const {
+        std::vector<FileReport> all;
+        for (const auto& recording : recordings_) {
+            const std::vector<FileReport> some = recording->files();
+            all.insert(all.end(), some.begin(), some.end());
+        }
+        return all;
+    }
+
+    // Once for each file.
+    void report_failures() {
+        std::size_t failed = 0;
+        for (const auto& recording : recordings_) {
+            failed += recording->failed_files();
+        }
+        if (failed == reported_.size()) {
+            return;
+        }
+        for (const FileReport& file : files()) {
+            if (!file.error.empty() &&
+                std::find(reported_.begin(), reported_.end(), file.path) == reported_.end()) {
+                reported_.push_back(file.path);
+                call_.report_failed_file(file);
+            }
+        }
+    }
+
+    Call& call_;
+    std::vector<std::unique_ptr<Recording>> recordings_;
+    std::vector<std::string> reported_;  // Paths of failed files.
+};
+
+}  // namespace
+
+std::unique_ptr<CallListener> Recorder::begin_call(Call& call) {
+    if (call.file_stem().empty()) {
+        return nullptr;
+    }
+    const RateSource rate = [&call](Side side, bool last) {
+        return last ? call.decide_rate(side) : call.side(side).sample_rate();
+    };
+    std::vector<std::unique_ptr<Recording>> recordings;
+    if (options_.sides) {
+        recordings.push_back(
+            std::make_unique<SideRecording>(store_, call.file_stem(), rate, options_.recording));
+    }
+    if (options_.stereo) {
+        recordings.push_back(
+            std::make_unique<StereoRecording>(store_, call.file_stem(), rate, options_.recording));
+    }
+    return std::make_unique<RecordedCall>(call, std::move(recordings));
+}
+
+}  // namespace qv::node

@@ -1,0 +1,106 @@
+// One side of a call: takes in its data packets, puts them in order, finds the sample rate
+// and the sender's pauses, meters the audio, and passes it on to the call's listeners.
+// Owned by its call; belongs to one thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "node/audio/level_meter.h"
+#include "node/calls/call_limits.h"
+#include "node/calls/drop.h"
+#include "node/calls/pause_finder.h"
+#include "node/calls/rate_estimator.h"
+#include "node/calls/reorder_buffer.h"
+#include "node/calls/types.h"
+#include "quorvane/media_packet.h"
+
+namespace qv::node {
+
+class Call;
+
+// Where a side goes on.
+struct SidePlace {
+    std::uint32_t sequence_number;
+    std::uint32_t sample_offset;
+};
+
+class CallSide : private OrderedOutput {
+  public:
+    // Both must outlive the side.
+    CallSide(Call& call, Side which, const CallLimits& limits);
+    CallSide(const CallSide&) = delete;
+    CallSide& operator=(const CallSide&) = delete;
+
+    // For the call that owns the side.
+
+    // Takes in a data packet of this side; returns why it is dropped, if it is.
+    std::optional<Drop> receive(const media::Packet& packet, Micros now);
+    // Gives up packets that have been waited for too long.
+    void give_up_waiting(Micros now);
+    // Delivers everything that is held.
+    void finish();
+    // Decides on a sample rate from what is known, if none has been found.
+    void decide_rate();
+    // The side goes on from that place, which an earlier call has left; before any packet.
+    void continue_from(const std::optional<SidePlace>& place) { left_at_ = place; }
+    // Where a later call goes on; nothing when no packet ever came.
+    std::optional<SidePlace> place() const;
+
+    // For outputs.
+
+    bool begun() const { return leg_.has_value(); }
+    // The leg that carries the side, set by its first packet.
+    std::optional<std::uint8_t> leg() const { return leg_; }
+    // In Hz; 0 while it is not known.
+    int sample_rate() const { return sample_rate_; }
+    // The rate could not be found from the packets.
+    bool rate_assumed() const { return rate_assumed_; }
+    // Samples passed on so far: audio and the silence of gaps.
+    std::uint64_t position() const { return buffer_.position(); }
+    // The same, with pauses.
+    std::uint64_t position_with_pauses() const { return pauses_.position(); }
+    // The position of the sample that was due at that send time: the next one for a time after
+    // all packets that came, even if they are still held.
+    std::uint64_t position_at(std::int64_t send_time) const;
+    std::uint64_t pauses() const { return pauses_.pauses(); }
+    const ReorderBuffer::Stats& stats() const { return buffer_.stats(); }
+    const LevelMeter& level() const { return level_; }
+    // Of audio that came, repeated audio included.
+    std::uint64_t bytes() const { return bytes_; }
+    // The sample offset at which the side began: 0 unless the receiver joined the call late.
+    std::uint64_t joined_at() const { return joined_at_; }
+    // The sample offset of the next packet in order.
+    std::uint32_t expected_offset() const { return buffer_.expected_offset(); }
+
+  private:
+    void audio(const std::int16_t* samples, std::size_t count, std::int64_t send_time) override;
+    void gap(const Gap& gap) override;
+
+    void begin(const media::Packet& packet);
+    void find_place(const media::Packet& packet);
+    void note_newest(const media::Packet& packet);
+    void measure_rate(const media::Packet& packet);
+    void set_rate(int rate);
+    ReorderBuffer::Verdict put_in_order(const media::Packet& packet, Micros now);
+    void add_pause(std::int64_t send_time, std::size_t count);
+    double longest_pause(int rate) const;
+
+    Call& call_;
+    const Side which_;
+    const CallLimits& limits_;
+    ReorderBuffer buffer_;
+    RateEstimator estimator_;
+    PauseFinder pauses_;
+    LevelMeter level_;
+    std::optional<std::uint8_t> leg_;
+    std::optional<SidePlace> left_at_;  // By an earlier call, which this one continues.
+    int sample_rate_ = 0;
+    bool rate_assumed_ = false;
+    std::uint64_t bytes_ = 0;
+    std::uint64_t joined_at_ = 0;
+    std::int64_t newest_send_time_ = 0;  // Of the packet sent last,
+    std::uint32_t newest_end_ = 0;       // and the sample offset at its end.
+};
+
+}  // namespace qv::node

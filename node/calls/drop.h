@@ -1,0 +1,47 @@
+// Why a well-formed packet was not used.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qv::node {
+
+enum class Drop : std::uint8_t {
+    TOO_MANY_CALLS,
+    AFTER_END,       // The call has ended; also a second terminate packet, or one of an
+                     // unknown call.
+    OTHER_CALL_KEY,  // The UUID is known with another key.
+    OTHER_LEG,       // The other leg already carries this call side.
+    REPEATED_START,  // The same start packet again.
+    OLD_CONTROL,     // A control packet again, or one that a later one has overtaken.
+    DUPLICATE,       // Data packets, as the reorder buffer counts them:
+    LATE,
+    IMPLAUSIBLE,
+};
+constexpr std::size_t DROP_COUNT = 9;
+
+constexpr const char* describe(Drop reason) {
+    switch (reason) {
+        case Drop::TOO_MANY_CALLS:
+            return "too many calls at once";
+        case Drop::AFTER_END:
+            return "call has ended";
+        case Drop::OTHER_CALL_KEY:
+            return "call key differs from the call's";
+        case Drop::OTHER_LEG:
+            return "call side is carried by the other leg";
+        case Drop::REPEATED_START:
+            return "repeated start packet";
+        case Drop::OLD_CONTROL:
+            return "control packet repeated or overtaken";
+        case Drop::DUPLICATE:
+            return "duplicate data packet";
+        case Drop::LATE:
+            return "data packet too late";
+        case Drop::IMPLAUSIBLE:
+            return "implausible sequence number or sample offset";
+    }
+    return "unknown reason";
+}
+
+}  // namespace qv::node

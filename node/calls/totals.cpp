@@ -1,0 +1,35 @@
+#include "node/calls/totals.h"
+
+#include "node/calls/call.h"
+
+namespace qv::node {
+
+std::unique_ptr<CallListener> CallCounter::begin_call(Call& /*call*/) {
+    ++totals_.calls_begun;
+    return nullptr;
+}
+
+void CallCounter::data(const Call& /*call*/, const media::Packet& packet) {
+    totals_.audio_bytes += packet.sample_count * sizeof(std::int16_t);
+}
+
+void CallCounter::gap(const Call& /*call*/, Side /*side*/, const Gap& gap) {
+    ++totals_.gaps;
+    totals_.lost_packets += gap.lost_packets;
+    totals_.silence_samples += gap.filled_samples;
+}
+
+void CallCounter::file_failed(const Call& /*call*/, const FileReport& /*file*/) {
+    ++totals_.file_errors;
+}
+
+void CallCounter::ended(const Call& call, EndReason reason) {
+    ++totals_.calls_ended;
+    totals_.calls_not_terminated += reason == EndReason::TERMINATED ? 0 : 1;
+    totals_.calls_without_start += call.start().has_value() ? 0 : 1;
+    for (const Side side : BOTH_SIDES) {
+        totals_.reordered += call.side(side).stats().reordered;
+    }
+}
+
+}  // namespace qv::node

@@ -1,0 +1,141 @@
+#include "node/audio/file_names.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+#include "node/calls/call.h"
+#include "tests/node/audio/fake_audio_files.h"
+
+namespace {
+
+using namespace qv::node;
+using qv::test::FakeAudioStore;
+
+constexpr Uuid CALL = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07,
+                       0x08, 0x09, 0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f};
+
+// Counts how often it is asked for a file.
+class AskedStore : public FakeAudioStore {
+  public:
+    bool exists(const std::string& name) const override {
+        ++asked;
+        return FakeAudioStore::exists(name);
+    }
+
+    mutable unsigned asked = 0;
+};
+
+class FreeStemTest : public testing::Test {
+  protected:
+    std::string stem() const { return free_stem(store_, CALL); }
+    void take(const std::string& rest) { store_.files[FIRST + rest] = {}; }
+    void take_numbers(unsigned from, unsigned to) {
+        for (unsigned number = from; number <= to; ++number) {
+            take('-' + std::to_string(number) + "-originator.wav");
+        }
+    }
+
+    const std::string FIRST = "00010203-0405-0607-0809-0a0b0c0d0e0f";
+    AskedStore store_;
+};
+
+TEST_F(FreeStemTest, IsTheUuidWhenThatIsFree) {
+    EXPECT_EQ(stem(), FIRST);
+}
+
+TEST_F(FreeStemTest, CountsEarlierFilesOfAnyKind) {
+    for (const std::string kind : {"-originator.wav", "-terminator.wav", ".wav", ".svg"}) {
+        store_.files.clear();
+        take(kind);
+        EXPECT_EQ(stem(), FIRST + "-2") << kind;
+        take("-2" + kind);
+        EXPECT_EQ(stem(), FIRST + "-3") << kind;
+    }
+}
+
+TEST_F(FreeStemTest, NumbersFollowEachOtherWithoutHoles) {
+    take("-originator.wav");
+    for (unsigned number = 2; number < 200; ++number) {
+        ASSERT_EQ(stem(), FIRST + '-' + std::to_string(number));
+        take_numbers(number, number);
+    }
+}
+
+// A sender may restart a call as often as it likes.
+TEST_F(FreeStemTest, ThousandsOfEarlierFilesCostFewLooks) {
+    take("-originator.wav");
+    for (const unsigned last : {4'095u, 4'096u, 4'097u, 20'000u}) {
+        take_numbers(2, last);
+        store_.asked = 0;
+        EXPECT_EQ(stem(), FIRST + '-' + std::to_string(last + 1));
+        EXPECT_LE(store_.asked, 100u) << last;
+    }
+}
+
+TEST_F(FreeStemTest, IsFreeAlsoWhenFilesWereTakenAway) {
+    take("-originator.wav");
+    take_numbers(2, 40);
+    take_numbers(60, 100);
+    for (unsigned removed = 3; removed < 100; removed += 7) {
+        store_.files.erase(FIRST + '-' + std::to_string(removed) + "-originator.wav");
+        EXPECT_EQ(store_.files.count(stem() + "-originator.wav"), 0u) << removed;
+    }
+}
+
+// Calls that may make two files each, of four that one run may make.
+class FileNamesTest : public testing::Test {
+  protected:
+    const std::string& begin(unsigned char last_byte) {
+        Uuid uuid = CALL;
+        uuid[15] = last_byte;
+        calls_.push_back(std::make_unique<Call>(uuid, 7, Arrival{}, limits_,
+                                                std::vector<CallListener*>{&names_}));
+        return calls_.back()->file_stem();
+    }
+    void end_first() {
+        calls_.front()->end(EndReason::TERMINATED);
+        calls_.erase(calls_.begin());
+    }
+
+    const std::string STEM = "00010203-0405-0607-0809-0a0b0c0d0e";
+    CallLimits limits_;
+    FakeAudioStore store_;
+    std::uint64_t files_ = 0;
+    unsigned refusals_told_ = 0;
+    FileNames names_{
+        store_, {false, 4, 2}, [this] { return files_; }, [this] { ++refusals_told_; }};
+    std::vector<std::unique_ptr<Call>> calls_;
+};
+
+TEST_F(FileNamesTest, CallsThatTogetherCouldMakeTooManyFilesGetNone) {
+    EXPECT_EQ(begin(1), STEM + "01");
+    EXPECT_EQ(begin(2), STEM + "02");
+    EXPECT_EQ(refusals_told_, 0u);
+    EXPECT_EQ(begin(3), "");
+    EXPECT_EQ(begin(4), "");
+    EXPECT_EQ(refusals_told_, 1u);
+    EXPECT_EQ(names_.refused_calls(), 2u);
+}
+
+TEST_F(FileNamesTest, CallThatEndedCountsWithTheFilesThatItMade) {
+    begin(1);
+    begin(2);
+    files_ = 1;
+    end_first();
+    EXPECT_EQ(begin(3), "") << "one file made, and four that two calls may make";
+    end_first();
+    end_first();
+    EXPECT_EQ(begin(4), STEM + "04");
+}
+
+TEST_F(FileNamesTest, OverwritingTakesTheUuidThoughItHasFiles) {
+    FileNames overwriting(
+        store_, {true, 0, 2}, [] { return 0; }, [] {});
+    store_.files[STEM + "0f-originator.wav"] = {};
+    const Call call(CALL, 7, {}, limits_, {&overwriting});
+    EXPECT_EQ(call.file_stem(), STEM + "0f");
+}
+
+}  // namespace

@@ -1,0 +1,228 @@
+#include "node/calls/call_side.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "node/calls/call.h"
+
+namespace {
+
+using namespace qv::node;
+using namespace std::chrono_literals;
+using qv::media::Packet;
+using qv::media::PacketType;
+
+// Writes down what a side passes on, one word each: "audio160@0" are 160 samples from
+// position 0.
+class SideDiary : public CallListener {
+  public:
+    void side_begun(const Call& call, Side which) override {
+        add(name_of(which) + std::string("@") + std::to_string(call.side(which).joined_at()));
+    }
+    void rate_decided(const Call& call, Side which) override {
+        const CallSide& side = call.side(which);
+        add("rate" + std::to_string(side.sample_rate()) + (side.rate_assumed() ? "?" : ""));
+    }
+    void audio(const Call&, Side, const Audio& audio) override {
+        add("audio" + std::to_string(audio.count) + '@' + std::to_string(audio.position));
+        last_sample = audio.samples[0];
+        last_send_time = audio.send_time;
+    }
+    void gap(const Call&, Side, const Gap& gap) override {
+        add("gap" + std::to_string(gap.filled_samples) + '@' + std::to_string(gap.position));
+    }
+    void pause(const Call&, Side, const Pause& pause) override {
+        add("pause" + std::to_string(pause.samples) + '@' + std::to_string(pause.position));
+    }
+    void late(const Call&, Side, const Packet& packet) override {
+        add("late" + std::to_string(packet.sequence_number));
+    }
+
+    // What was told since the last time.
+    std::string take() { return std::exchange(text_, {}); }
+
+    std::int16_t last_sample = 0;
+    std::int64_t last_send_time = 0;
+
+  private:
+    void add(const std::string& word) { text_ += (text_.empty() ? "" : " ") + word; }
+
+    std::string text_;
+};
+
+// The originator's side of a call whose packets hold 160 samples of 20 ms.
+class CallSideTest : public testing::Test {
+  protected:
+    CallSideTest() { restart(8000); }
+
+    void restart(int sample_rate) {
+        limits_.sample_rate = sample_rate;
+        call_ = std::make_unique<Call>(Uuid{}, 7, Arrival{now_, {}}, limits_,
+                                       std::vector<CallListener*>{&diary_});
+    }
+
+    const CallSide& side(Side which = Side::ORIGINATOR) const { return call_->side(which); }
+
+    Packet packet(std::uint32_t number) const {
+        static constexpr unsigned char AUDIO[320] = {0x34, 0x12};
+        Packet made;
+        made.type = PacketType::DATA;
+        made.call_key = 7;
+        made.send_time = 50'000'000 + 20'000 * std::int64_t{number} + held_up_;
+        made.sequence_number = number;
+        made.sample_offset = 160 * (number - 1);
+        made.sample_count = 160;
+        made.audio = AUDIO;
+        return made;
+    }
+    std::optional<Drop> receive(const Packet& packet) { return call_->receive(packet, {now_, {}}); }
+    std::optional<Drop> data(std::uint32_t number) { return receive(packet(number)); }
+    void talk(std::uint32_t first, std::uint32_t last) {
+        for (std::uint32_t number = first; number <= last; ++number) {
+            data(number);
+        }
+    }
+    void pass(Micros time) {
+        now_ += time;
+        call_->tick(now_);
+    }
+
+    CallLimits limits_;
+    Micros now_{1'000'000};
+    std::int64_t held_up_ = 0;  // The sender, in microseconds.
+    SideDiary diary_;
+    std::unique_ptr<Call> call_;
+};
+
+TEST_F(CallSideTest, PacketsInOrderGoOnAtOnce) {
+    EXPECT_EQ(data(1), std::nullopt);
+    EXPECT_EQ(data(2), std::nullopt);
+    EXPECT_EQ(diary_.take(), "originator@0 rate8000 audio160@0 audio160@160");
+    EXPECT_EQ(diary_.last_sample, 0x1234);
+    EXPECT_EQ(diary_.last_send_time, 50'040'000);
+    EXPECT_EQ(side().bytes(), 640u);
+    EXPECT_EQ(side().position(), 320u);
+}
+
+TEST_F(CallSideTest, TerminatorsPacketsAreOfTheOtherSide) {
+    Packet made = packet(1);
+    made.leg_word = 0x8001;
+    receive(made);
+    EXPECT_EQ(diary_.take(), "terminator@0 rate8000 audio160@0");
+    EXPECT_FALSE(side().begun());
+    EXPECT_EQ(side(Side::TERMINATOR).leg(), 1);
+}
+
+TEST_F(CallSideTest, PacketOfAnotherLegIsDropped) {
+    data(1);
+    Packet made = packet(2);
+    made.leg_word = 0x8000;
+    EXPECT_EQ(receive(made), Drop::OTHER_LEG);
+    EXPECT_EQ(side().stats().packets, 1u);
+}
+
+TEST_F(CallSideTest, LossIsAGapOnceTheWaitIsOver) {
+    data(1);
+    data(3);
+    diary_.take();
+    pass(199ms);
+    EXPECT_EQ(diary_.take(), "");
+    pass(1ms);
+    EXPECT_EQ(diary_.take(), "gap160@160 audio160@320");
+    EXPECT_EQ(data(2), Drop::LATE);
+    EXPECT_EQ(diary_.take(), "late2");
+}
+
+TEST_F(CallSideTest, DuplicatesAndImplausiblePacketsAreDropped) {
+    data(1);
+    EXPECT_EQ(data(1), Drop::DUPLICATE);
+    Packet forged = packet(2);
+    forged.sample_offset = 0x40000000;
+    EXPECT_EQ(receive(forged), Drop::IMPLAUSIBLE);
+}
+
+TEST_F(CallSideTest, RateIsDecidedOnceItIsFound) {
+    restart(0);
+    talk(1, 2);
+    EXPECT_EQ(diary_.take(), "originator@0 audio160@0 audio160@160");
+    EXPECT_EQ(side().sample_rate(), 0);
+    talk(3, 60);
+    EXPECT_NE(diary_.take().find("rate8000 audio"), std::string::npos);
+    talk(61, 120);
+    EXPECT_EQ(diary_.take().find("rate"), std::string::npos) << "only once";
+}
+
+TEST_F(CallSideTest, RateOfAShortSideIsDecidedAtTheEnd) {
+    restart(0);
+    data(1);
+    diary_.take();
+    call_->end(EndReason::TERMINATED);
+    EXPECT_EQ(diary_.take(), "rate8000?");
+    EXPECT_EQ(side(Side::TERMINATOR).sample_rate(), 0) << "of which nothing came";
+}
+
+TEST_F(CallSideTest, RateCanBeDecidedBeforeItIsFound) {
+    restart(0);
+    data(1);
+    diary_.take();
+    EXPECT_EQ(call_->decide_rate(Side::ORIGINATOR), 8000);
+    EXPECT_EQ(call_->decide_rate(Side::ORIGINATOR), 8000);
+    EXPECT_EQ(diary_.take(), "rate8000?");
+}
+
+TEST_F(CallSideTest, PauseOfTheSenderComesBeforeTheAudioThatEndsIt) {
+    data(1);
+    diary_.take();
+    held_up_ = 1'000'000;
+    data(2);
+    EXPECT_EQ(diary_.take(), "pause8000@160 audio160@160");
+    EXPECT_EQ(side().position(), 320u);
+    EXPECT_EQ(side().position_with_pauses(), 8320u);
+}
+
+TEST_F(CallSideTest, ReceiverThatJoinsLateBeginsWithTheFirstPacket) {
+    data(1'000'000);
+    EXPECT_EQ(diary_.take(), "originator@159999840 rate8000 audio160@0");
+}
+
+TEST_F(CallSideTest, LevelIsThatOfTheAudio) {
+    data(1);
+    EXPECT_GT(side().level().peak_db(), -17);
+    EXPECT_LT(side().level().peak_db(), -16);
+}
+
+TEST_F(CallSideTest, PositionAtATimeAfterAllPacketsIsTheNextSample) {
+    talk(1, 3);
+    EXPECT_EQ(side().position_at(60'000'000), 480u);
+}
+
+TEST_F(CallSideTest, PositionCountsPacketsThatAreHeld) {
+    data(1);
+    data(3);
+    EXPECT_EQ(side().position(), 160u);
+    EXPECT_EQ(side().position_at(60'000'000), 480u);
+}
+
+TEST_F(CallSideTest, PositionAtAnEarlierTimeIsEarlier) {
+    talk(1, 3);  // The last one is sent at 50.060 s.
+    EXPECT_EQ(side().position_at(50'040'000), 320u);
+    EXPECT_EQ(side().position_at(50'035'000), 280u);
+    EXPECT_EQ(side().position_at(0), 0u);
+}
+
+TEST_F(CallSideTest, ForgedPacketDoesNotMoveThePosition) {
+    talk(1, 3);
+    Packet forged = packet(4);
+    forged.sample_offset = 0x40000000;
+    receive(forged);
+    EXPECT_EQ(side().position_at(60'000'000), 480u);
+}
+
+TEST_F(CallSideTest, SideOfWhichNothingCameIsAtItsBeginning) {
+    EXPECT_EQ(side().position_at(50'000'000), 0u);
+    EXPECT_FALSE(side().place().has_value());
+}
+
+}  // namespace

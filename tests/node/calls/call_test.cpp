@@ -1,0 +1,252 @@
+#include "node/calls/call.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+namespace {
+
+using namespace qv::node;
+using namespace std::chrono_literals;
+using qv::media::features16_t;
+using qv::media::Packet;
+using qv::media::PacketType;
+
+// Writes down what it is told, one word each.
+class Diary : public CallListener {
+  public:
+    void started(const Call& call, const Packet&) override {
+        add("start " + call.start()->call_reference);
+    }
+    void features_changed(const Call& call, const Packet& packet) override {
+        add("features " + std::to_string(call.features().active) + " at " +
+            std::to_string(call.side(Side::ORIGINATOR).position_at(packet.send_time)));
+    }
+    void terminated(const Call&, const Packet&) override { add("terminate"); }
+    void side_begun(const Call&, Side side) override { add(std::string("begun ") + name_of(side)); }
+    void file_failed(const Call&, const FileReport& file) override { add("failed " + file.path); }
+    void tick(const Call&, Micros) override { add("tick"); }
+    void ended(const Call&, EndReason reason) override {
+        add(std::string("end ") + name_of(reason));
+    }
+
+    // What was told since the last time.
+    std::string take() { return std::exchange(text_, {}); }
+
+  private:
+    void add(const std::string& words) { text_ += (text_.empty() ? "" : "; ") + words; }
+
+    std::string text_;
+};
+
+// Calls of one UUID and key, without a table.
+class CallTest : public testing::Test {
+  protected:
+    std::unique_ptr<Call> make_call(const std::vector<CallListener*>& outputs) {
+        return std::make_unique<Call>(UUID, KEY, Arrival{now_, {}}, limits_, outputs);
+    }
+
+    Packet packet(PacketType type) const {
+        Packet made;
+        made.type = type;
+        made.call_key = KEY;
+        made.call_uuid = UUID.data();
+        made.send_time = sent_;
+        return made;
+    }
+    Packet start_packet(std::int64_t configured_clock, features16_t features = {}) const {
+        Packet made = packet(PacketType::START);
+        made.call_reference = "ref";
+        made.call_reference_length = 3;
+        made.configured_clock = configured_clock;
+        made.features = features;
+        return made;
+    }
+    std::optional<Drop> start(std::int64_t configured_clock = 1, features16_t features = {}) {
+        return receive(start_packet(configured_clock, features));
+    }
+    std::optional<Drop> control(features16_t update) {
+        Packet made = packet(PacketType::CONTROL);
+        made.features = update;
+        return receive(made);
+    }
+    std::optional<Drop> terminate() { return receive(packet(PacketType::TERMINATE)); }
+    // A packet of 160 samples.
+    std::optional<Drop> data(std::uint32_t number) {
+        static constexpr unsigned char SILENCE[320] = {};
+        Packet made = packet(PacketType::DATA);
+        made.sequence_number = number;
+        made.sample_offset = 160 * (number - 1);
+        made.sample_count = 160;
+        made.audio = SILENCE;
+        return receive(made);
+    }
+    std::optional<Drop> receive(const Packet& packet) { return call_->receive(packet, {now_, {}}); }
+
+    static constexpr Uuid UUID = {1, 2, 3};
+    static constexpr std::uint64_t KEY = 7;
+
+    CallLimits limits_;
+    Micros now_{1'000'000};
+    std::int64_t sent_ = 50'000'000;
+    Diary diary_;
+    std::unique_ptr<Call> call_ = make_call({&diary_});
+};
+
+TEST_F(CallTest, StartPacketGivesTheCallItsFields) {
+    EXPECT_FALSE(call_->start().has_value());
+    EXPECT_EQ(start(), std::nullopt);
+    EXPECT_EQ(diary_.take(), "start ref");
+    EXPECT_EQ(call_->start()->configured_clock, 1);
+    EXPECT_FALSE(call_->started_late());
+}
+
+TEST_F(CallTest, SenderIsThatOfTheFirstPacket) {
+    sockaddr_in sender{};
+    sender.sin_addr.s_addr = inet_addr("192.0.2.7");
+    sender.sin_port = htons(5060);
+    const Call call(UUID, KEY, {now_, sender}, limits_, {});
+    EXPECT_EQ(call.source().sin_addr.s_addr, inet_addr("192.0.2.7"));
+    EXPECT_EQ(call.source().sin_port, htons(5060));
+}
+
+TEST_F(CallTest, PacketWithAnotherKeyIsDroppedAndDoesNotKeepTheCallAlive) {
+    Packet forged = packet(PacketType::TERMINATE);
+    forged.call_key = 8;
+    now_ += 1min;
+    EXPECT_EQ(receive(forged), Drop::OTHER_CALL_KEY);
+    EXPECT_FALSE(call_->ending());
+    EXPECT_EQ(call_->last_seen(), 1s);
+    EXPECT_EQ(diary_.take(), "");
+}
+
+TEST_F(CallTest, SameStartAgainIsDroppedAndAnotherStartReplacesTheCall) {
+    start(1);
+    EXPECT_FALSE(call_->is_replaced_by(start_packet(1)));
+    EXPECT_EQ(start(1), Drop::REPEATED_START);
+    EXPECT_TRUE(call_->is_replaced_by(start_packet(2)));
+    Packet forged = start_packet(2);
+    forged.call_key = 8;
+    EXPECT_FALSE(call_->is_replaced_by(forged));
+}
+
+TEST_F(CallTest, StartThatOthersOvertookIsLateAndKeepsTheFeaturesOfTheControlPacket) {
+    control({0xC0, 0xC0});
+    start(1, {0x0C, 0x0C});
+    EXPECT_TRUE(call_->started_late());
+    EXPECT_EQ(call_->features().active, 0xC0);
+}
+
+TEST_F(CallTest, ControlPacketsChangeTheFeaturesInTheOrderOfSending) {
+    start(1, {0xCC, 0x0C});
+    diary_.take();
+    sent_ += 2000;
+    EXPECT_EQ(control({0xC0, 0x40}), std::nullopt);
+    sent_ -= 1000;
+    EXPECT_EQ(control({0x0C, 0x00}), Drop::OLD_CONTROL);
+    EXPECT_EQ(diary_.take(), "features 76 at 0");
+    EXPECT_EQ(call_->control_packets(), 1u);
+}
+
+TEST_F(CallTest, FeaturesChangeAtThePositionOfTheControlPacket) {
+    start();
+    data(1);
+    sent_ += 20'000;
+    data(2);
+    diary_.take();
+    control({0xC0, 0x40});
+    EXPECT_EQ(diary_.take(), "features 64 at 320");
+}
+
+TEST_F(CallTest, EndIsDueAfterTheTerminatePacketAndItsLinger) {
+    EXPECT_EQ(terminate(), std::nullopt);
+    EXPECT_TRUE(call_->ending());
+    EXPECT_EQ(call_->due(now_ + 299ms), std::nullopt);
+    EXPECT_EQ(call_->due(now_ + 300ms), EndReason::TERMINATED);
+    EXPECT_EQ(terminate(), Drop::AFTER_END);
+}
+
+TEST_F(CallTest, SilentCallTimesOutAndALongOneBecomesTooOld) {
+    EXPECT_EQ(call_->due(now_ + limits_.idle - 1us), std::nullopt);
+    EXPECT_EQ(call_->due(now_ + limits_.idle), EndReason::TIMED_OUT);
+    now_ += limits_.max_age;
+    start();
+    EXPECT_EQ(call_->due(now_), EndReason::TOO_OLD);
+}
+
+TEST_F(CallTest, EndIsToldAfterEverythingElse) {
+    data(1);
+    call_->end(EndReason::SHUTDOWN);
+    EXPECT_EQ(diary_.take(), "begun originator; end shutdown");
+}
+
+TEST_F(CallTest, TickReachesEveryListener) {
+    call_->tick(now_);
+    EXPECT_EQ(diary_.take(), "tick");
+}
+
+TEST_F(CallTest, FailedFileOfOneOutputIsToldToAll) {
+    call_->report_failed_file({"x.wav", "No space left on device"});
+    EXPECT_EQ(diary_.take(), "failed x.wav");
+    ASSERT_EQ(call_->failed_files().size(), 1u);
+    EXPECT_EQ(call_->failed_files()[0].error, "No space left on device");
+}
+
+TEST_F(CallTest, LaterCallGoesOnWhereTheSidesWereLeft) {
+    data(1);
+    data(2);
+    const SidePlaces places = call_->places();
+    ASSERT_TRUE(places[0].has_value());
+    EXPECT_EQ(places[0]->sequence_number, 3u);
+    EXPECT_EQ(places[0]->sample_offset, 320u);
+    EXPECT_FALSE(places[1].has_value());
+
+    call_ = make_call({&diary_});
+    call_->continue_from(places);
+    data(3);
+    EXPECT_EQ(call_->side(Side::ORIGINATOR).joined_at(), 320u);
+    EXPECT_EQ(call_->side(Side::ORIGINATOR).position(), 160u);
+}
+
+// An output that keeps a diary for each call.
+class Library : public CallListener {
+  public:
+    std::unique_ptr<CallListener> begin_call(Call&) override {
+        auto diary = std::make_unique<Diary>();
+        latest = diary.get();
+        return diary;
+    }
+    void started(const Call&, const Packet&) override {
+        ADD_FAILURE() << "told in place of its call's diary";
+    }
+
+    Diary* latest = nullptr;  // Owned by its call.
+};
+
+TEST_F(CallTest, WhatAnOutputKeepsForACallIsToldInPlaceOfTheOutput) {
+    Library library;
+    const auto other = make_call({&library});
+    call_ = make_call({&library});
+    Diary* const diary = library.latest;
+    start();
+    EXPECT_EQ(diary->take(), "start ref");
+}
+
+TEST_F(CallTest, ListenersAreToldInTheOrderOfTheOutputs) {
+    struct Writer : CallListener {
+        explicit Writer(std::string& text, char name) : text_(text), name_(name) {}
+        void started(const Call&, const Packet&) override { text_ += name_; }
+        std::string& text_;
+        char name_;
+    };
+    std::string text;
+    Writer a(text, 'a');
+    Writer b(text, 'b');
+    call_ = make_call({&b, &diary_, &a});
+    start();
+    EXPECT_EQ(text, "ba");
+}
+
+}  // namespace
