@@ -1,0 +1,256 @@
+#include "node/analysis/activity_detector.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+
+namespace qv::node::analysis {
+
+namespace {
+
+constexpr double LOWEST_HZ = 100;
+constexpr double HIGHEST_HZ = 7600;
+constexpr float FULL_SCALE = 32768;
+
+// The noise of a band is its least level within BLOCKS blocks of this many frames, and a
+// little more, since the least is below the mean.
+constexpr int BLOCK_FRAMES = 20;
+constexpr float SMOOTHING = 0.7F;
+constexpr float LEAST_TO_MEAN = 1.6F;
+// Before anything is known, and for what is quieter: power of all bands together.
+constexpr float QUIETEST_DB = -75;
+
+// Mean over the bands, in decibels above the noise, at which sound begins, and down to
+// which it goes on.
+constexpr float BEGINS_DB = 3.0F;
+constexpr float GOES_ON_DB = 1.6F;
+constexpr float MOST_OF_BAND_DB = 20;
+
+float power_of(double db) {
+    return static_cast<float>(std::pow(10.0, db / 10));
+}
+
+std::int64_t frames_of(int milliseconds) {
+    return (milliseconds + 9) / 10;
+}
+
+}  // namespace
+
+std::string ActivityOptions::complaint() const {
+    // Written so that a level that is no number is refused.
+    if (!(level_db >= -90 && level_db <= 0)) {
+        return "the activity level must be from -90 to 0 dB";
+    }
+    if (hang_over_ms < 0 || hang_over_ms > 10'000) {
+        return "the activity hang-over must be from 0 to 10000 ms";
+    }
+    if (minimum_ms < 0 || minimum_ms > 10'000) {
+        return "the minimum length of activity must be from 0 to 10000 ms";
+    }
+    return {};
+}
+
+ActivityDetector::ActivityDetector(int sample_rate, const ActivityOptions& options,
+                                   std::uint64_t position)
+    : options_(options), sample_rate_(sample_rate), origin_(position), position_(position) {
+    if (sample_rate < LOWEST_RATE || sample_rate > HIGHEST_RATE) {
+        throw std::invalid_argument("no activity detection at " + std::to_string(sample_rate) +
+                                    " Hz");
+    }
+    if (const std::string complaint = options.complaint(); !complaint.empty()) {
+        throw std::invalid_argument(complaint);
+    }
+    hop_ = static_cast<std::size_t>(sample_rate) / 100;
+    window_ = (hop_ * 5 / 2 + 1) / 2 * 2;
+    transform_ = &Transform::of_size(window_);
+    hang_over_ = frames_of(options.hang_over_ms);
+    minimum_ = std::max<std::int64_t>(1, frames_of(options.minimum_ms));
+
+    const double bin_hz = static_cast<double>(sample_rate) / static_cast<double>(window_);
+    const double high = std::min(HIGHEST_HZ, 0.475 * sample_rate);
+    const auto mel = [](double hz) { return std::log(1 + hz / 700); };
+    std::size_t least = 1;
+    for (std::size_t i = 0; i <= BANDS; ++i) {
+        const double at = mel(LOWEST_HZ) + (mel(high) - mel(LOWEST_HZ)) * static_cast<double>(i) /
+                                               static_cast<double>(BANDS);
+        const double hz = 700 * (std::exp(at) - 1);
+        edges_[i] = std::max(least, static_cast<std::size_t>(std::lround(hz / bin_hz)));
+        least = edges_[i] + 1;
+    }
+    double squares = 0;
+    shape_.resize(window_);
+    for (std::size_t i = 0; i < window_; ++i) {
+        shape_[i] = static_cast<float>(
+            0.5 - 0.5 * std::cos(2 * 3.14159265358979 * (static_cast<double>(i) + 0.5) /
+                                 static_cast<double>(window_)));
+        squares += static_cast<double>(shape_[i]) * static_cast<double>(shape_[i]);
+    }
+    // So that the powers of all bins add up to the mean square of the samples.
+    const auto gain = static_cast<float>(std::sqrt(2 / (squares * static_cast<double>(window_))));
+    for (float& each : shape_) {
+        each *= gain / FULL_SCALE;
+    }
+    samples_.assign(window_, 0.0F);
+    filled_ = (window_ - hop_) / 2;
+    noise_.fill(power_of(QUIETEST_DB) / BANDS);
+    for (Levels& block : minima_) {
+        block.fill(std::numeric_limits<float>::max());
+    }
+    silent_ = window_;
+}
+
+void ActivityDetector::add(const std::int16_t* samples, std::size_t count, ActivityOutput& out) {
+    std::array<float, 256> piece;
+    while (count > 0) {
+        const std::size_t size = std::min(count, piece.size());
+        std::copy(samples, samples + size, piece.begin());
+        add_piece(piece.data(), size, out);
+        samples += size;
+        count -= size;
+    }
+}
+
+void ActivityDetector::skip(std::uint64_t samples, ActivityOutput& out) {
+    static constexpr std::array<float, 256> silence{};
+    // Silence that ends all activity; of the rest whole frames are left out.
+    const auto heard = static_cast<std::uint64_t>(sample_rate_) *
+                           static_cast<std::uint64_t>(options_.hang_over_ms) / 1000 +
+                       static_cast<std::uint64_t>(RECENT * hop_ + 2 * window_);
+    std::uint64_t left_out = samples > heard ? (samples - heard) / hop_ : 0;
+    samples -= left_out * hop_;
+    while (samples > 0) {
+        const auto size =
+            static_cast<std::size_t>(std::min<std::uint64_t>(samples, silence.size()));
+        add_piece(silence.data(), size, out);
+        samples -= size;
+    }
+    frame_ += static_cast<std::int64_t>(left_out);
+    position_ += left_out * hop_;
+}
+
+void ActivityDetector::add_piece(const float* samples, std::size_t count, ActivityOutput& out) {
+    position_ += count;
+    while (count > 0) {
+        const std::size_t size = std::min(count, window_ - filled_);
+        for (std::size_t i = 0; i < size; ++i) {
+            silent_ = samples[i] == 0 ? silent_ + 1 : 0;
+        }
+        silent_ = std::min(silent_, window_);
+        std::copy(samples, samples + size, samples_.begin() + static_cast<std::ptrdiff_t>(filled_));
+        filled_ += size;
+        samples += size;
+        count -= size;
+        if (filled_ == window_) {
+            add_frame(out);
+            std::copy(samples_.begin() + static_cast<std::ptrdiff_t>(hop_), samples_.end(),
+                      samples_.begin());
+            filled_ = window_ - hop_;
+        }
+    }
+}
+
+void ActivityDetector::add_frame(ActivityOutput& out) {
+    ++frame_;
+    decide(silent_ == window_ ? 0 : excess(), out);
+}
+
+// How much the sound stands out from the noise: a mean over the bands, in decibels.
+float ActivityDetector::excess() {
+    std::array<float, Transform::LONGEST> windowed;
+    std::array<float, Transform::LONGEST / 2 + 1> power;
+    for (std::size_t i = 0; i < window_; ++i) {
+        windowed[i] = samples_[i] * shape_[i];
+    }
+    transform_->power(windowed.data(), power.data());
+    Levels levels;
+    float all = 0;
+    float sum = 0;
+    for (std::size_t band = 0; band < BANDS; ++band) {
+        float level = 1e-12F;
+        for (std::size_t bin = edges_[band]; bin < edges_[band + 1]; ++bin) {
+            level += power[bin];
+        }
+        levels[band] = level;
+        all += level;
+        const float db = 10 * std::log10(level / noise_[band]);
+        sum += std::clamp(db, 0.0F, MOST_OF_BAND_DB);
+    }
+    learn(levels);
+    return all < power_of(options_.level_db) ? 0 : sum / BANDS;
+}
+
+void ActivityDetector::learn(const Levels& levels) {
+    static const float quietest = power_of(QUIETEST_DB) / BANDS;
+    const bool first = blocks_ == 0 && block_frames_ == 0;
+    for (std::size_t band = 0; band < BANDS; ++band) {
+        smooth_[band] =
+            first ? levels[band] : SMOOTHING * smooth_[band] + (1 - SMOOTHING) * levels[band];
+        minima_[0][band] = std::min(minima_[0][band], smooth_[band]);
+        float least = minima_[0][band];
+        for (std::size_t block = 1; block < BLOCKS; ++block) {
+            least = std::min(least, minima_[block][band]);
+        }
+        // Too little has been heard at first to know the noise.
+        if (blocks_ >= static_cast<int>(BLOCKS) / 2) {
+            noise_[band] = std::max(quietest, least * LEAST_TO_MEAN);
+        }
+    }
+    if (++block_frames_ == BLOCK_FRAMES) {
+        block_frames_ = 0;
+        ++blocks_;
+        blocks_ = std::min(blocks_, static_cast<int>(BLOCKS));
+        std::copy_backward(minima_.begin(), minima_.end() - 1, minima_.end());
+        minima_[0].fill(std::numeric_limits<float>::max());
+    }
+}
+
+void ActivityDetector::decide(float excess_db, ActivityOutput& out) {
+    const float smoothed = 0.5F * (excess_db + last_excess_);
+    last_excess_ = excess_db;
+    const bool faint = smoothed > GOES_ON_DB;
+    loud_ = smoothed > BEGINS_DB || (loud_ && faint);
+    faint_[static_cast<std::size_t>(frame_) % RECENT] = faint;
+    step(loud_, out);
+}
+
+void ActivityDetector::step(bool active, ActivityOutput& out) {
+    if (active) {
+        if (begin_ < 0) {
+            begin_ = frame_;
+            sound_ = 0;
+            // What led up to it belongs to it.
+            const auto least = std::max<std::int64_t>(
+                {0, last_ + 1, frame_ - static_cast<std::int64_t>(RECENT) + 1});
+            while (begin_ > least && faint_[static_cast<std::size_t>(begin_ - 1) % RECENT]) {
+                --begin_;
+                ++sound_;
+            }
+        }
+        last_ = frame_;
+        ++sound_;
+        if (!active_ && sound_ >= minimum_) {
+            active_ = true;
+            out.activity({true, frame_position(begin_), position_});
+        }
+    } else if (begin_ >= 0 && frame_ - last_ >= hang_over_) {
+        if (active_) {
+            active_ = false;
+            out.activity({false, frame_position(last_ + 1), position_});
+        }
+        begin_ = -1;
+    }
+}
+
+void ActivityDetector::finish(ActivityOutput& out) {
+    if (active_) {
+        out.activity({false, std::min(position_, frame_position(last_ + 1)), position_});
+    }
+    *this = ActivityDetector(sample_rate_, options_, position_);
+}
+
+std::uint64_t ActivityDetector::frame_position(std::int64_t frame) const {
+    return origin_ + static_cast<std::uint64_t>(frame) * hop_;
+}
+
+}  // namespace qv::node::analysis

@@ -1,0 +1,114 @@
+// Finds where the sound of one side is active: speech, music, tones; whatever stands out
+// from the noise around it.
+//
+// Compares the level of each band with the noise that was there lately, every 10 ms.
+// Positions are those of the sound itself: an onset is reported once the sound has lasted
+// for the minimum length, an end once the hang-over has passed without sound. All memory is
+// taken at construction, about 12 KiB. Belongs to one thread.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "node/analysis/transform.h"
+
+namespace qv::node::analysis {
+
+struct ActivityOptions {
+    // Sound below this level is no activity: decibels relative to a full-scale square wave,
+    // -90 to 0.
+    double level_db = -55;
+    // Pauses up to this long belong to the activity around them: 0 to 10,000.
+    int hang_over_ms = 200;
+    // Shorter activity is not reported: 0 to 10,000.
+    int minimum_ms = 50;
+
+    // An empty text, or which option makes no sense and why.
+    std::string complaint() const;
+};
+
+struct ActivityChange {
+    bool active;
+    std::uint64_t position;  // First sample of the side that is active, or no more so.
+    std::uint64_t heard;     // Sample of the side up to which sound had been heard.
+};
+
+class ActivityOutput {
+  public:
+    virtual ~ActivityOutput() = default;
+    virtual void activity(const ActivityChange& change) = 0;
+};
+
+class ActivityDetector {
+  public:
+    static constexpr int LOWEST_RATE = 4000;
+    static constexpr int HIGHEST_RATE = 48'000;
+
+    // A side of `sample_rate` Hz, whose next sample has the number `position`. Throws
+    // std::invalid_argument for a rate that is out of range and options with a complaint.
+    ActivityDetector(int sample_rate, const ActivityOptions& options, std::uint64_t position = 0);
+
+    // The next samples of the side, any number of them.
+    void add(const std::int16_t* samples, std::size_t count, ActivityOutput& out);
+
+    // The next samples were not heard: a gap, a pause or silence, of any length.
+    void skip(std::uint64_t samples, ActivityOutput& out);
+
+    // Reports the end of activity that goes on, at the last sample heard at the latest. The
+    // detector then begins anew.
+    void finish(ActivityOutput& out);
+
+    bool active() const { return active_; }
+    std::uint64_t position() const { return position_; }
+
+  private:
+    static constexpr std::size_t BANDS = 20;
+    static constexpr std::size_t BLOCKS = 8;   // Of the time over which noise is the minimum.
+    static constexpr std::size_t RECENT = 32;  // Frames that an onset can lie back.
+
+    using Levels = std::array<float, BANDS>;
+
+    void add_piece(const float* samples, std::size_t count, ActivityOutput& out);
+    void add_frame(ActivityOutput& out);
+    float excess();
+    void learn(const Levels& levels);
+    void decide(float excess_db, ActivityOutput& out);
+    void step(bool active, ActivityOutput& out);
+    std::uint64_t frame_position(std::int64_t frame) const;
+
+    const Transform* transform_;
+    ActivityOptions options_;
+    int sample_rate_;
+    std::size_t hop_;
+    std::size_t window_;
+    std::int64_t hang_over_;  // In frames, as the next one.
+    std::int64_t minimum_;
+    std::array<std::size_t, BANDS + 1> edges_{};
+
+    std::uint64_t origin_;  // Sample of the side at which frame 0 begins.
+    std::uint64_t position_;
+    std::vector<float> shape_;    // Of the window.
+    std::vector<float> samples_;  // Of the window.
+    std::size_t filled_ = 0;      // Of the next hop.
+    std::size_t silent_ = 0;      // Samples that were 0 in a row.
+    std::int64_t frame_ = -1;     // Number of the newest frame.
+
+    std::array<Levels, BLOCKS> minima_{};  // Of each block of time, newest first.
+    Levels smooth_{};
+    Levels noise_{};
+    int block_frames_ = 0;
+    int blocks_ = 0;
+    float last_excess_ = 0;
+
+    std::array<bool, RECENT> faint_{};  // By frame modulo RECENT: was there a little sound?
+    bool loud_ = false;
+    bool active_ = false;
+    std::int64_t begin_ = -1;  // First frame of sound that may become activity.
+    std::int64_t last_ = -1;   // Last frame of sound.
+    std::int64_t sound_ = 0;   // Frames of sound since begin_.
+};
+
+}  // namespace qv::node::analysis

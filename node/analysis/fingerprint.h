@@ -1,0 +1,99 @@
+// What makes a piece of sound recognisable: of every frame, which of its bands have become
+// louder against their neighbours, and its landmarks, pairs of peaks in the spectrum.
+//
+// The same code reads references and sides. Works at ANALYSIS_RATE; 64 ms long frames begin
+// every 16 ms. Belongs to one thread; allocates nothing.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "node/analysis/transform.h"
+
+namespace qv::node::analysis {
+
+constexpr int ANALYSIS_RATE = 8000;
+constexpr std::size_t FRAME = 512;
+constexpr std::size_t HOP = 128;
+
+// Two peaks near each other: their frequencies and the time between them.
+struct Landmark {
+    static constexpr std::uint32_t KINDS = 1u << 19;
+
+    std::uint32_t kind;  // Below KINDS.
+    std::uint32_t age;   // Frames from the first peak to the newest frame.
+};
+
+class Fingerprint {
+  public:
+    static constexpr std::size_t BITS = 32;
+    static constexpr std::size_t FIRST_BIN = 16;  // 250 Hz
+    static constexpr std::size_t BINS = 203;      // to 3400 Hz
+    static constexpr std::size_t MOST_LANDMARKS = 96;
+
+    Fingerprint();
+
+    // Takes in the next HOP samples. A frame is complete from the fourth hop on.
+    void add(const float* samples);
+
+    // The frames so far; the newest one has the number frames() - 1 and begins at the
+    // sample that is its number times HOP.
+    std::uint64_t frames() const { return frames_; }
+
+    // Of the newest frame: bit n is set where band n has grown more than band n + 1.
+    std::uint32_t bits() const { return bits_; }
+
+    // What bit n of the newest frame was taken from, in decibels: how much more the one band
+    // has grown or shrunk than the other, and how loud the quieter of the two was.
+    struct Change {
+        float difference;  // Not negative.
+        float level;       // Relative to a full-scale sine.
+    };
+    Change change(std::size_t n) const;
+    const std::array<float, FRAME / 2 + 1>& power() const { return power_; }
+
+    // The strongest peak of each region of the spectrum, as a bin counted from FIRST_BIN, or
+    // NO_PEAK. A peak is known REACH frames late: these are those of an earlier frame, and so
+    // they are in references and sides alike.
+    static constexpr std::size_t REGIONS = 5;
+    static constexpr std::uint8_t NO_PEAK = 0xFF;
+    using Peaks = std::array<std::uint8_t, REGIONS>;
+    const Peaks& peaks() const { return peaks_[frames_ % RING]; }
+    // Of a region with a peak; relative to a full-scale sine.
+    float peak_level(std::size_t region) const;
+
+    // Landmarks that the newest frame completed.
+    const Landmark* landmarks() const { return landmarks_.data(); }
+    std::size_t landmark_count() const { return landmark_count_; }
+
+    // Forgets what was heard; frames are counted on from `frames`.
+    void reset(std::uint64_t frames);
+
+  private:
+    static constexpr std::size_t BANDS = BITS + 1;
+    static constexpr std::size_t BACK = 2;   // Frames back that bits compare with.
+    static constexpr std::size_t REACH = 2;  // Frames on both sides that a peak exceeds.
+    static constexpr std::size_t KEPT = 2 * REACH + 1;
+    static constexpr std::size_t RING = 16;  // Frames whose peaks are kept for pairs.
+
+    void compare_bands();
+    float growth(std::size_t n) const;
+    void find_peaks();
+    void pair_peaks(const Peaks& peaks);
+    std::uint8_t peak_of(std::size_t region) const;
+
+    const Transform& transform_;
+    std::uint64_t frames_ = 0;
+    std::size_t heard_ = 0;  // Hops since the last reset, up to what fills all memories.
+    std::array<float, FRAME> samples_{};
+    std::array<float, FRAME / 2 + 1> power_{};
+    std::array<std::array<float, BANDS>, BACK + 1> bands_{};  // Decibels; newest first.
+    std::array<std::array<float, BINS>, KEPT> spectra_{};     // By frame modulo KEPT.
+    std::array<Peaks, RING> peaks_{};                         // By frame modulo RING.
+    std::uint32_t bits_ = 0;
+    std::array<Landmark, MOST_LANDMARKS> landmarks_{};
+    std::size_t landmark_count_ = 0;
+};
+
+}  // namespace qv::node::analysis

@@ -1,0 +1,67 @@
+#include "node/analysis/resampler.h"
+
+#include <speex/speex_resampler.h>
+
+#include <algorithm>
+#include <new>
+
+namespace qv::node::analysis {
+
+namespace {
+
+// Of 0 to 10. Its filter is 0.9 of the band wide, which reaches beyond what the analysis
+// uses, and short enough for thousands of sides.
+constexpr int QUALITY = 3;
+constexpr float FULL_SCALE = 32768;
+
+}  // namespace
+
+void Resampler::Destroy::operator()(SpeexResamplerState_* state) const {
+    speex_resampler_destroy(state);
+}
+
+Resampler::Resampler(int from, int to) : from_(from), to_(to) {
+    if (from == to) {
+        return;
+    }
+    int error = RESAMPLER_ERR_SUCCESS;
+    state_.reset(speex_resampler_init(1, static_cast<spx_uint32_t>(from),
+                                      static_cast<spx_uint32_t>(to), QUALITY, &error));
+    if (state_ == nullptr) {
+        throw std::bad_alloc();
+    }
+    speex_resampler_skip_zeros(state_.get());
+}
+
+Resampler::~Resampler() = default;
+Resampler::Resampler(Resampler&&) noexcept = default;
+Resampler& Resampler::operator=(Resampler&&) noexcept = default;
+
+std::size_t Resampler::room_for(std::size_t count) const {
+    return count * static_cast<std::size_t>(to_) / static_cast<std::size_t>(from_) + 2;
+}
+
+std::size_t Resampler::convert(const std::int16_t* samples, std::size_t count, float* out) {
+    float in[PIECE];
+    count = std::min(count, PIECE);
+    float* const begin = state_ == nullptr ? out : in;
+    for (std::size_t i = 0; i < count; ++i) {
+        begin[i] = static_cast<float>(samples[i]) / FULL_SCALE;
+    }
+    if (state_ == nullptr) {
+        return count;
+    }
+    auto taken = static_cast<spx_uint32_t>(count);
+    auto written = static_cast<spx_uint32_t>(room_for(count));
+    speex_resampler_process_float(state_.get(), 0, in, &taken, out, &written);
+    return written;
+}
+
+void Resampler::reset() {
+    if (state_ != nullptr) {
+        speex_resampler_reset_mem(state_.get());
+        speex_resampler_skip_zeros(state_.get());
+    }
+}
+
+}  // namespace qv::node::analysis

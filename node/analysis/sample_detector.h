@@ -1,0 +1,118 @@
+// Finds the references of an index in the sound of one side.
+//
+// Landmarks of the sound that a reference has too, twice at the same distance, make it a
+// candidate; a candidate is compared frame by frame, and reported once enough agrees. All
+// memory is taken at construction, about 20 KiB. Belongs to one thread.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "node/analysis/fingerprint.h"
+#include "node/analysis/resampler.h"
+#include "node/analysis/sample_index.h"
+
+namespace qv::node::analysis {
+
+struct SampleFound {
+    // Number of the reference in the index, and its name, which lives as long as the index.
+    std::size_t reference;
+    const std::string& name;
+    // Sample of the side at which the reference's recording begins. It may lie before the
+    // first sample that the detector was given, even below 0, where a side, or the search in
+    // it, began in the midst of the recording.
+    std::int64_t position;
+    // Sample of the side up to which sound had been heard when this was decided.
+    std::uint64_t heard;
+    // How well the sound agrees with the reference: 1 is without any difference; 0 is what
+    // two other sounds have in common.
+    double score;
+};
+
+class SampleOutput {
+  public:
+    virtual ~SampleOutput() = default;
+    virtual void sample(const SampleFound& found) = 0;
+};
+
+class SampleDetector {
+  public:
+    // A side of `sample_rate` Hz, whose next sample has the number `position`.
+    SampleDetector(std::shared_ptr<const SampleIndex> index, int sample_rate,
+                   std::uint64_t position = 0);
+
+    // The next samples of the side, any number of them.
+    void add(const std::int16_t* samples, std::size_t count, SampleOutput& out);
+
+    // The next samples were not heard: a gap, a pause or silence, of any length.
+    void skip(std::uint64_t samples, SampleOutput& out);
+
+    // Sample of the side that comes next.
+    std::uint64_t position() const { return position_; }
+
+  private:
+    static constexpr std::size_t HISTORY = 128;  // Frames that a new candidate is compared with.
+    static constexpr std::size_t TRACKS = 24;
+    static constexpr std::size_t VOTES = 256;
+
+    // Landmarks that agree in where a reference begins.
+    struct Vote {
+        std::uint32_t key = 0;
+        std::uint32_t frame = 0;  // When the last of them was heard.
+        std::uint32_t count = 0;
+    };
+
+    // What is kept of a frame of the side.
+    struct Heard {
+        std::uint32_t bits = 0;
+        Fingerprint::Peaks peaks{};
+    };
+
+    // A reference that may be playing: frame n of the side is its frame n - begin.
+    struct Track {
+        std::int64_t begin = 0;
+        std::uint32_t reference = 0;
+        std::uint8_t shift = 0;
+        bool used = false;
+        bool reported = false;
+        std::int32_t score = 0;
+        std::uint32_t bits = 0;       // Compared since the score was last 0 ...
+        std::uint32_t different = 0;  // ... and how many of them were different.
+        std::int64_t agreed_from = 0;
+        std::int64_t agreed_to = 0;  // Last frame of the side that agreed.
+    };
+
+    void add_heard(const std::int16_t* samples, std::size_t count, SampleOutput& out);
+    void add_hop(SampleOutput& out);
+    void vote();
+    void consider(std::uint32_t reference, std::int64_t begin);
+    bool is_tracked(std::uint32_t reference, std::int64_t begin) const;
+    bool compare(Track& track, std::int64_t frame) const;
+    const Heard& heard(std::int64_t frame) const {
+        return history_[static_cast<std::size_t>(frame) % HISTORY];
+    }
+    int gain(const SampleIndex::Frame& expected, std::int64_t frame) const;
+    bool has_peak(std::int64_t frame, std::size_t region, std::uint8_t bin) const;
+    int agreement(std::uint32_t reference, std::size_t shift, std::int64_t begin) const;
+    void follow(SampleOutput& out);
+    void report(Track& track, SampleOutput& out);
+    std::int64_t side_position(std::int64_t analysed) const;
+
+    std::shared_ptr<const SampleIndex> index_;
+    Resampler resampler_;
+    int sample_rate_;
+    std::uint64_t origin_;  // Sample of the side at which the first frame begins.
+    std::uint64_t position_;
+    Fingerprint fingerprint_;
+    std::array<float, HOP> hop_{};
+    std::size_t hop_size_ = 0;
+    std::int64_t frame_ = -1;               // Number of the newest frame.
+    std::int64_t first_ = 0;                // Oldest frame that is in the history.
+    std::array<Heard, HISTORY> history_{};  // By frame modulo HISTORY.
+    std::array<Vote, VOTES> votes_{};
+    std::array<Track, TRACKS> tracks_{};
+};
+
+}  // namespace qv::node::analysis

@@ -1,0 +1,100 @@
+// The references that sides are searched for: recordings, each with a name.
+//
+// An index is built once and never changes; any number of detectors on any threads share
+// it. A changed folder is read into a new index.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "node/analysis/fingerprint.h"
+
+namespace qv::node::analysis {
+
+class SampleIndex {
+  public:
+    // Framings of a reference: frames of a side begin somewhere in a hop.
+    static constexpr std::size_t SHIFTS = 2;
+
+    // A place in a reference that has a landmark.
+    struct Place {
+        std::uint16_t reference;
+        std::uint16_t frame;
+    };
+
+    // One frame of a reference, see Fingerprint.
+    struct Frame {
+        std::uint32_t bits;
+        std::uint32_t mask;  // Of the bits that are reliable.
+        Fingerprint::Peaks peaks;
+        std::uint16_t faintness;  // Of each peak, three bits from the lowest: 0 is loudest.
+    };
+    static constexpr unsigned FAINTEST = 7;
+
+    struct Reference {
+        std::string name;
+        double seconds = 0;
+        std::array<std::vector<Frame>, SHIFTS> frames;
+    };
+
+    // How many references there are, and each of them.
+    std::size_t size() const { return references_.size(); }
+    const Reference& reference(std::size_t number) const { return references_[number]; }
+
+    // The places of a landmark, from begin to end.
+    struct Places {
+        const Place* begin;
+        const Place* end;
+    };
+    Places places(std::uint32_t kind) const {
+        return {places_.data() + starts_[kind], places_.data() + starts_[kind + 1]};
+    }
+
+    // Memory of it, about.
+    std::size_t bytes() const;
+
+  private:
+    friend class SampleIndexBuilder;
+    SampleIndex() = default;
+
+    std::vector<Reference> references_;
+    std::vector<std::uint32_t> starts_;  // By kind of landmark, and the end of the last.
+    std::vector<Place> places_;
+};
+
+// Collects references; belongs to one thread.
+class SampleIndexBuilder {
+  public:
+    static constexpr double SHORTEST_S = 0.5;     // Of sound, without silence around it.
+    static constexpr double LONGEST_S = 15 * 60;  // Of the recording.
+    static constexpr std::size_t MOST = 65'000;   // References.
+
+    SampleIndexBuilder();
+    ~SampleIndexBuilder();
+
+    // Takes one recording, -1 to 1, of `sample_rate` Hz. Returns an empty text, or why the
+    // reference is refused: it is then not in the index.
+    std::string add(const std::string& name, const float* samples, std::size_t count,
+                    int sample_rate);
+
+    // The index of all that was taken; the builder is empty afterwards.
+    std::shared_ptr<const SampleIndex> build();
+
+  private:
+    struct Entry {
+        std::uint32_t kind;
+        SampleIndex::Place place;
+    };
+
+    void fingerprint(const std::vector<float>& sound, std::uint16_t number,
+                     SampleIndex::Reference& reference);
+
+    std::vector<SampleIndex::Reference> references_;
+    std::vector<Entry> entries_;
+};
+
+}  // namespace qv::node::analysis

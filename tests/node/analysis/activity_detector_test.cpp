@@ -1,0 +1,87 @@
+#include "node/analysis/activity_detector.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <stdexcept>
+
+#include "tests/node/analysis/sounds.h"
+
+namespace {
+
+using namespace qv::node::analysis;
+using namespace qv::test;
+
+struct Changes : ActivityOutput {
+    std::vector<ActivityChange> list;
+    void activity(const ActivityChange& change) override { list.push_back(change); }
+};
+
+std::vector<ActivityChange> changes_in(const Sound& sound, int rate,
+                                       const ActivityOptions& options = {},
+                                       std::size_t packet = 0) {
+    const auto samples = pcm(sound);
+    ActivityDetector detector(rate, options);
+    Changes changes;
+    packet = packet == 0 ? samples_in(0.02, rate) : packet;
+    for (std::size_t at = 0; at < samples.size(); at += packet) {
+        detector.add(samples.data() + at, std::min(packet, samples.size() - at), changes);
+    }
+    detector.finish(changes);
+    return changes.list;
+}
+
+// Two pieces of sound, from 1 to 2 and from 3 to 3.5 seconds, in faint noise.
+Sound two_pieces(int rate) {
+    const Sound sound = silence(1, rate) + babble(1, 1, rate) + silence(1, rate) +
+                        babble(0.5, 2, rate) + silence(1, rate);
+    return mixed(sound, noise(4.5, 0.001, 3, rate));
+}
+
+TEST(activity_detector, tells_where_sound_begins_and_ends_at_every_rate) {
+    for (const int rate : {8000, 11025, 16000, 24000, 32000, 44100, 48000}) {
+        const auto changes = changes_in(two_pieces(rate), rate);
+        ASSERT_EQ(changes.size(), 4u) << rate;
+        const double truth[] = {1, 2, 3, 3.5};
+        for (std::size_t i = 0; i < 4; ++i) {
+            EXPECT_EQ(changes[i].active, i % 2 == 0);
+            EXPECT_NEAR(static_cast<double>(changes[i].position) / rate, truth[i], 0.04)
+                << rate << " Hz, change " << i;
+        }
+    }
+}
+
+TEST(activity_detector, does_not_depend_on_how_the_sound_is_cut_into_packets) {
+    const auto whole = changes_in(two_pieces(8000), 8000, {}, 100'000);
+    const auto single = changes_in(two_pieces(8000), 8000, {}, 1);
+    ASSERT_EQ(whole.size(), single.size());
+    for (std::size_t i = 0; i < whole.size(); ++i) {
+        EXPECT_EQ(whole[i].position, single[i].position);
+    }
+}
+
+TEST(activity_detector, hears_nothing_in_zeros_and_in_steady_noise) {
+    EXPECT_TRUE(changes_in(silence(20), 8000).empty());
+    const auto noisy = changes_in(noise(20, 0.02, 1), 8000);
+    for (const ActivityChange& change : noisy) {
+        EXPECT_LT(change.position, 8000 * 2u) << "the noise is known after two seconds";
+    }
+}
+
+TEST(activity_detector, refuses_options_and_rates_that_make_no_sense) {
+    ActivityOptions options;
+    EXPECT_EQ(options.complaint(), "");
+    options.level_db = std::nan("");
+    EXPECT_EQ(options.complaint(), "the activity level must be from -90 to 0 dB");
+    options = {};
+    options.hang_over_ms = -1;
+    EXPECT_EQ(options.complaint(), "the activity hang-over must be from 0 to 10000 ms");
+    options = {};
+    options.minimum_ms = 10'001;
+    EXPECT_EQ(options.complaint(), "the minimum length of activity must be from 0 to 10000 ms");
+    EXPECT_THROW(ActivityDetector(8000, options), std::invalid_argument);
+    EXPECT_THROW(ActivityDetector(0, {}), std::invalid_argument);
+    EXPECT_THROW(ActivityDetector(96'000, {}), std::invalid_argument);
+}
+
+}  // namespace

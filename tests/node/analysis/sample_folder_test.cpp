@@ -1,0 +1,90 @@
+#include "node/analysis/sample_folder.h"
+
+#include <gtest/gtest.h>
+#include <sndfile.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+
+#include "tests/node/analysis/sounds.h"
+
+namespace {
+
+using namespace qv::node::analysis;
+using namespace qv::test;
+namespace fs = std::filesystem;
+
+class sample_folder : public testing::Test {
+  protected:
+    sample_folder() {
+        std::string name = (fs::temp_directory_path() / "samples_XXXXXX").string();
+        folder_ = ::mkdtemp(name.data());
+    }
+    ~sample_folder() override { fs::remove_all(folder_); }
+
+    void write(const std::string& name, const Sound& sound, int rate, int channels = 1) {
+        SF_INFO info{};
+        info.samplerate = rate;
+        info.channels = channels;
+        info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+        SNDFILE* const file = sf_open((folder_ / name).c_str(), SFM_WRITE, &info);
+        ASSERT_NE(file, nullptr) << name;
+        sf_write_float(file, sound.data(),
+                       static_cast<sf_count_t>(sound.size()) / channels * channels);
+        sf_close(file);
+    }
+
+    fs::path folder_;
+};
+
+TEST_F(sample_folder, takes_every_wav_file_by_its_name) {
+    write("welcome.wav", babble(2, 1), 8000);
+    write("Thank you.WAV", babble(1, 2, 44'100), 44'100);
+    std::ofstream(folder_ / "notes.txt") << "no sound";
+    fs::create_directory(folder_ / "old.wav");
+
+    const SampleFolder read = load_folder(folder_);
+
+    EXPECT_TRUE(read.refused.empty());
+    ASSERT_EQ(read.index->size(), 2u);
+    EXPECT_EQ(read.index->reference(0).name, "Thank you");
+    EXPECT_EQ(read.index->reference(1).name, "welcome");
+    EXPECT_NEAR(read.index->reference(0).seconds, 1, 0.001);
+}
+
+TEST_F(sample_folder, names_what_it_refuses_and_why) {
+    write("a short.wav", silence(1) + babble(0.4, 1) + silence(1), 8000);
+    write("b stereo.wav", babble(2, 1), 8000, 2);
+    std::ofstream(folder_ / "c text.wav") << "no sound";
+    write("d silent.wav", silence(3), 8000);
+    write("e good.wav", babble(0.6, 1), 8000);
+
+    const SampleFolder read = load_folder(folder_);
+
+    ASSERT_EQ(read.index->size(), 1u);
+    EXPECT_EQ(read.index->reference(0).name, "e good");
+    ASSERT_EQ(read.refused.size(), 4u);
+    EXPECT_EQ(read.refused[0].file, "a short.wav");
+    EXPECT_EQ(read.refused[0].reason, "0.40 s of sound, less than 0.50 s");
+    EXPECT_EQ(read.refused[1].file, "b stereo.wav");
+    EXPECT_EQ(read.refused[1].reason, "2 channels, not 1");
+    EXPECT_EQ(read.refused[2].file, "c text.wav");
+    EXPECT_NE(read.refused[2].reason, "");
+    EXPECT_EQ(read.refused[3].file, "d silent.wav");
+    EXPECT_EQ(read.refused[3].reason, "0.00 s of sound, less than 0.50 s");
+}
+
+TEST_F(sample_folder, says_which_folder_it_cannot_read) {
+    try {
+        load_folder(folder_ / "missing");
+        FAIL();
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(std::string(error.what()), "cannot read the samples folder " +
+                                                 (folder_ / "missing").string() +
+                                                 ": No such file or directory");
+    }
+}
+
+}  // namespace
