@@ -193,6 +193,32 @@ void* g_lasting_reference = nullptr;
 // bug has closed. The host unloads a module without waiting for either.
 std::atomic<int> g_attached_bugs{0};
 
+// Held to count a bug down, and while load and shutdown go by the count.
+std::mutex g_bugs_lock;
+
+// The last one of a module that is unloaded: nobody sends any more.
+void count_bug_down() {
+    const std::lock_guard<std::mutex> guard(g_bugs_lock);
+    if (--g_attached_bugs == 0) {
+        global.socket.release_number();
+    }
+}
+
+// Calls that are tapped go on to send, and find the socket closed.
+void close_socket() {
+    const std::lock_guard<std::mutex> guard(g_bugs_lock);
+    if (g_attached_bugs == 0) {
+        global.socket.close();
+    } else {
+        global.socket.close_under_senders();
+    }
+}
+
+bool open_socket() {
+    const std::lock_guard<std::mutex> guard(g_bugs_lock);
+    return global.socket.open(0, 0);
+}
+
 // Keeps this object mapped after the host closes it. The host counts neither media bugs
 // nor the hooks of a load that failed: without this the next callback would jump into
 // memory that is gone.
@@ -462,7 +488,7 @@ ContextReference detach(AppContext& context) {
 // The bug that the host has refused holds nothing, whether it was closed or not.
 void forget_refused_bug(AppContext& context) {
     if (context.take_back_from_bug()) {
-        --g_attached_bugs;
+        count_bug_down();
     }
 }
 
@@ -503,7 +529,7 @@ switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc
             break;
         case SWITCH_ABC_TYPE_CLOSE:
             handle_close(session, detach(*context));
-            --g_attached_bugs;
+            count_bug_down();
             break;
         default:
             break;
@@ -854,7 +880,7 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
     log::Logger::set_level(global.config.level);
     log_line<log::SYSTEM>(QV_PLACE, "configuration loaded");
 
-    if (!global.socket.open(0, 0)) {
+    if (!open_socket()) {
         return SWITCH_STATUS_TERM;
     }
     log_line<log::SYSTEM>(QV_PLACE, "transfer socket opened");
@@ -875,7 +901,7 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
 // Sends nothing and frees no context: calls that are still tapped end on their own, and
 // this object stays mapped for their sake.
 switch_status_t mod_quorvane_shutdown() {
-    global.socket.close();
+    close_socket();
     unbind(g_dump_event_hook);
     unbind(g_channel_destroy_hook);
     log_line<log::SYSTEM>(QV_PLACE, "module has been shutdown");

@@ -1,6 +1,7 @@
 #include "quorvane_lib/net_socket.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <sstream>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "quorvane_lib/log.h"
@@ -252,12 +254,23 @@ bool Socket::open(int port, unsigned int address) {
     const int error = errno;
     // Not before: a send from another thread would bind the socket first. Kept when binding
     // failed, too: a later open succeeds without binding. Intended.
-    descriptor_.store(created, std::memory_order_relaxed);
+    const std::int32_t opened = use_taken_number(created);
+    descriptor_.store(opened, std::memory_order_relaxed);
     if (!bound) {
-        log_error(error, created, "]: failed to bind a socket");
+        log_error(error, opened, "]: failed to bind a socket");
         return false;
     }
     return true;
+}
+
+// Moves the socket `created` to the number that is left taken: were that kept beside it, every
+// reload with calls would cost one more number. Returns the socket's number.
+std::int32_t Socket::use_taken_number(std::int32_t created) {
+    if (taken_number_ < 0 || ::dup2(created, taken_number_) < 0) {
+        return created;
+    }
+    ::close(created);
+    return std::exchange(taken_number_, -1);
 }
 
 bool Socket::send(const sockaddr_in& to, const char* data, unsigned long size) {
@@ -303,6 +316,29 @@ void Socket::close() {
     if (closed >= 0) {
         ::shutdown(closed, SHUT_RDWR);
         ::close(closed);
+    }
+    release_number();
+}
+
+void Socket::close_under_senders() {
+    const int closed = descriptor_.exchange(-1, std::memory_order_relaxed);
+    if (closed < 0) {
+        return;
+    }
+    ::shutdown(closed, SHUT_RDWR);
+    // The system refuses to send on a mere path as it does on no descriptor. Without one the
+    // socket keeps its place: as it is shut down, nothing can be sent on it either.
+    const int dead = ::open("/", O_PATH | O_CLOEXEC);
+    if (dead >= 0) {
+        ::dup2(dead, closed);
+        ::close(dead);
+    }
+    taken_number_ = closed;
+}
+
+void Socket::release_number() {
+    if (taken_number_ >= 0) {
+        ::close(std::exchange(taken_number_, -1));
     }
 }
 

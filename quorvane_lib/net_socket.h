@@ -52,10 +52,12 @@ std::string get_host_name();
 
 // An unconnected UDP socket over IPv4.
 //
-// Owned by the module context, one for all calls. `open` and `close` belong to the
-// thread that loads and unloads the module; `send` may be called by any number of
-// threads at once, also during those two, without a lock: each datagram is one system
-// call. System errors are logged here, once.
+// Owned by the module context, one for all calls. `send` may be called by any number of
+// threads at once, without a lock: each datagram is one system call. The other functions
+// are called by one thread at a time. `open` and `close_under_senders` may run while
+// threads send, `close` and `release_number` may not: they give the descriptor's number
+// back to the system, and a send that has the number already would reach what is opened
+// next. System errors are logged here, once.
 class Socket {
   public:
     Socket() = default;
@@ -64,7 +66,8 @@ class Socket {
     virtual ~Socket();
 
     // Creates the socket and binds it; `port` and `address` in host byte order, 0 being
-    // any. True at once when it is open already. A descriptor whose bind failed is kept.
+    // any. True at once when it is open already. A descriptor whose bind failed is kept. A
+    // number that `close_under_senders` has left taken is used again.
     bool open(int port, unsigned int address);
 
     // Sends one datagram; nothing, successfully, when `data` is null or `size` is 0. Waits no
@@ -78,12 +81,21 @@ class Socket {
     // Harmless on a closed socket.
     void close();
 
+    // Closes the socket but leaves its number taken, by a descriptor that nothing can be sent
+    // on: a send that is under way fails as on a closed socket. `open`, `close` or
+    // `release_number` ends that.
+    void close_under_senders();
+
+    // Gives back the number that `close_under_senders` has left taken, if there is one.
+    void release_number();
+
   private:
     struct Buffer {
         unsigned char bytes[65544];
     };
 
     std::int32_t descriptor() const { return descriptor_.load(std::memory_order_relaxed); }
+    std::int32_t use_taken_number(std::int32_t created);
 
     std::unique_ptr<Buffer> buffer_;  // Room for a caller of `read`; nothing sets it yet.
 
@@ -91,6 +103,8 @@ class Socket {
     // closes the socket.
     std::atomic<std::int32_t> descriptor_{-1};
     static_assert(std::atomic<std::int32_t>::is_always_lock_free);
+
+    std::int32_t taken_number_ = -1;  // Left taken by close_under_senders; -1 for none.
 };
 
 }  // namespace qv::net

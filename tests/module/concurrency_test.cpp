@@ -16,14 +16,6 @@
 #include "tests/support/media_listener.h"
 #include "tests/support/module_test.h"
 
-// The module closes its socket at shutdown beside calls that still send, and no lock stands
-// between the two: a frame costs no lock. The thread sanitizer counts that as a race on the
-// descriptor. Intended; it alone is passed over.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the name is given.
-extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
-    return "race:qv::net::Socket::close\n";
-}
-
 namespace qv::tests {
 
 namespace {

@@ -14,6 +14,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/socket_errors.h"
 #include "tests/support/system_calls.h"
@@ -668,6 +669,84 @@ TEST_F(SocketTest, AClosedSocketMayBeOpenedAgain) {
     EXPECT_TRUE(socket_.open(0, 0));
     EXPECT_EQ(calls_->seen("socket").size(), 2u);
     EXPECT_EQ(calls_->seen("bind").size(), 2u);
+}
+
+// ---- closing under senders ----------------------------------------------------------
+
+TEST_F(SocketTest, ASendUnderWayFindsTheSocketClosedAndNothingElse) {
+    open();
+    const long number = descriptor();
+    int opened = -1;
+    calls_->before("sendto", [&] {
+        calls_->before("sendto", nullptr);
+        socket_.close_under_senders();
+        opened = ::socket(AF_INET, SOCK_DGRAM, 0);
+    });
+    EXPECT_FALSE(send("abc"));
+    EXPECT_NE(opened, number);
+    ASSERT_EQ(log_.lines.size(), 1U);
+    EXPECT_EQ(log_.lines[0].text.rfind("SOCKET[" + std::to_string(number) + "]: failed to send", 0),
+              0U);
+    EXPECT_NE(log_.lines[0].text.find(", error (9): Bad file descriptor"), std::string::npos);
+    EXPECT_FALSE(send("def"));
+    EXPECT_EQ(log_.lines.back().text.rfind("SOCKET[-1]: failed to send a data (3: ", 0), 0U);
+    EXPECT_TRUE(nothing_is_waiting());
+    ::close(opened);
+}
+
+TEST_F(SocketTest, ANumberLeftTakenIsReleasedOnce) {
+    open();
+    const int number = static_cast<int>(descriptor());
+    socket_.close_under_senders();
+    EXPECT_GE(::fcntl(number, F_GETFD), 0);
+    socket_.release_number();
+    EXPECT_LT(::fcntl(number, F_GETFD), 0);
+    const std::size_t closes = calls_->seen("close").size();
+    socket_.release_number();
+    socket_.close();
+    EXPECT_EQ(calls_->seen("close").size(), closes);
+}
+
+TEST_F(SocketTest, ANumberLeftTakenIsReleasedByClosing) {
+    open();
+    const int number = static_cast<int>(descriptor());
+    socket_.close_under_senders();
+    socket_.close();
+    EXPECT_LT(::fcntl(number, F_GETFD), 0);
+}
+
+TEST_F(SocketTest, ANumberLeftTakenIsUsedByTheNextOpening) {
+    open();
+    const long number = descriptor();
+    for (int i = 0; i < 3; ++i) {
+        socket_.close_under_senders();
+        open();
+        EXPECT_TRUE(send("abc"));
+        EXPECT_EQ(calls_->seen("sendto").back().numbers[0], number);
+        EXPECT_EQ(received(), "abc");
+    }
+}
+
+TEST_F(SocketTest, WithoutAFreeDescriptorTheSocketItselfKeepsTheNumberAndSendsNothing) {
+    open();
+    const int number = static_cast<int>(descriptor());
+    {
+        const tests::NoDescriptors starving;
+        socket_.close_under_senders();
+    }
+    EXPECT_GE(::fcntl(number, F_GETFD), 0);
+    EXPECT_LT(::sendto(number, "abc", 3, 0, reinterpret_cast<sockaddr*>(&peer_address_),
+                       sizeof(peer_address_)),
+              0);
+    EXPECT_TRUE(nothing_is_waiting());
+    socket_.release_number();
+    EXPECT_LT(::fcntl(number, F_GETFD), 0);
+}
+
+TEST_F(SocketTest, ClosingASocketUnderSendersThatWasNeverOpenDoesNothing) {
+    socket_.close_under_senders();
+    socket_.release_number();
+    EXPECT_TRUE(calls_->names().empty());
 }
 
 TEST_F(SocketTest, FailuresOfClosingAreIgnored) {
