@@ -12,6 +12,9 @@ namespace {
 
 using media::PacketType;
 
+// A call's own thread may wait that long, once, before its audio begins to be heard.
+constexpr std::chrono::milliseconds START_PATIENCE{250};
+
 std::uint64_t steady_time_us() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return static_cast<std::uint64_t>(
@@ -118,6 +121,10 @@ void warn_of_split(switch_core_session_t* session, std::uint8_t leg, const switc
 }
 
 }  // namespace
+
+void MediaTransfer::wait_to_start() const {
+    socket_->wait_for_room(START_PATIENCE);
+}
 
 bool MediaTransfer::media_start(switch_core_session_t* session, const AppContext& context) {
     Packet packet(PacketType::START, context.flags, context);

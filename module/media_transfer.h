@@ -23,6 +23,11 @@ class MediaTransfer {
     // `socket` outlives the sender.
     explicit MediaTransfer(net::Socket* socket) : socket_(socket) {}
 
+    // Waits up to a quarter of a second for room in the send buffer: without its start packet a
+    // call is not tapped, and datagrams to another call's slow media node may fill the buffer.
+    // Call it before `media_start`, without a lock.
+    void wait_to_start() const;
+
     // Sends the start packet; false also when the call reference is too long for it.
     // The context's lock is held.
     bool media_start(switch_core_session_t* session, const AppContext& context);

@@ -421,6 +421,7 @@ bool configure_context(AppContext* context, switch_core_session_t* session) {
 constexpr const char* MEDIA_HANDLER = "media_handler";
 
 bool start_transfer(switch_core_session_t* session, AppContext& context) {
+    global.transfer.wait_to_start();
     const std::lock_guard<std::mutex> guard(context.context_lock);
     // What the API asked for before the call's media began takes effect now.
     media::merge_features(context.features, context.requested_features);

@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 #include <cstring>
 #include <sstream>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -165,6 +168,16 @@ void limit_send_wait(int descriptor) {
     }
 }
 
+// The condition under which the system lets a send wait.
+bool send_buffer_is_full(int descriptor) {
+    int queued = 0;
+    int capacity = 0;
+    socklen_t size = sizeof(capacity);
+    return ::ioctl(descriptor, SIOCOUTQ, &queued) == 0 &&
+           ::getsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &capacity, &size) == 0 &&
+           queued >= capacity;
+}
+
 }  // namespace
 
 bool parse_addr(const char* text, const char* end, sockaddr_in& out) {
@@ -291,6 +304,15 @@ bool Socket::send(const sockaddr_in& to, const char* data, unsigned long size) {
         sent += static_cast<unsigned long>(count);
     }
     return true;
+}
+
+// Looks again and again: the system wakes a waiting thread only when half of the buffer is
+// free, which does not happen while others keep it full.
+void Socket::wait_for_room(std::chrono::milliseconds patience) const {
+    const auto give_up = std::chrono::steady_clock::now() + patience;
+    while (send_buffer_is_full(descriptor()) && std::chrono::steady_clock::now() < give_up) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 long Socket::read(unsigned char* buffer, unsigned long size) {

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -73,6 +74,10 @@ class Socket {
     // Sends one datagram; nothing, successfully, when `data` is null or `size` is 0. Waits no
     // longer than a tick or two of the system's clock for room in the send buffer.
     bool send(const sockaddr_in& to, const char* data, unsigned long size);
+
+    // Waits until the send buffer has room for a datagram, no longer than `patience`. The room
+    // is not reserved. Returns at once on a closed socket. Any thread may call it at any time.
+    void wait_for_room(std::chrono::milliseconds patience) const;
 
     // Receives one datagram of at most `size` bytes and returns its length, 0 when a
     // signal interrupted. Any other failure ends the process.

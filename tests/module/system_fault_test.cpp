@@ -10,6 +10,7 @@
 #include <memory>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/call_transfer.h"
@@ -358,6 +359,37 @@ TEST_F(FullSendBuffer, CostsPacketsButNoTime) {
     EXPECT_EQ(packet[40], 2U);
     hangup(*call);
     EXPECT_EQ(node.receive_types(), "82");
+}
+
+// The start waits for the room that a frame does not wait for.
+TEST_F(FullSendBuffer, DoesNotKeepACallFromBeingTappedWhenThereIsRoomInTime) {
+    fill_the_buffer();
+    const auto call = start_call(variables);
+    std::thread answers([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        empty_the_buffer();
+    });
+    call->execute("quorvane");
+    answers.join();
+    EXPECT_EQ(call->bugs().size(), 1U);
+    EXPECT_EQ(node.receive_types(), "81");
+}
+
+TEST_F(FullSendBuffer, HoldsTheStartOfACallUpForAQuarterOfASecond) {
+    fill_the_buffer();
+    const auto call = start_call(variables);
+    host.log().clear();
+    const auto begin = std::chrono::steady_clock::now();
+    call->execute("quorvane");
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(took, std::chrono::milliseconds(250));
+    EXPECT_LT(took, std::chrono::milliseconds(1500));
+    EXPECT_TRUE(host.log().contains(FULL));
+    EXPECT_TRUE(host.log().contains("media transfer start failed"));
+    EXPECT_TRUE(call->bugs().empty());
+    RecordProperty(
+        "start_ms",
+        static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count()));
 }
 
 TEST_F(FullSendBuffer, StillEndsTheTap) {

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "quorvane_lib/net_socket.h"
@@ -93,6 +95,42 @@ TEST_F(SendBuffer, TheNextSendsGoOutWhenThereIsRoomAgain) {
     for (int i = 0; i < 1000; ++i) {
         ASSERT_TRUE(send_to(2)) << i;
     }
+}
+
+steady_clock::duration time_of(const std::function<void()>& act) {
+    const auto begin = steady_clock::now();
+    act();
+    return steady_clock::now() - begin;
+}
+
+TEST_F(SendBuffer, WaitingForRoomEndsWhenThereIsSome) {
+    ASSERT_TRUE(fill());
+    std::thread answer([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        for (int host = 2; host <= last_host_; ++host) {
+            answer_from(host);
+        }
+    });
+    const auto took = time_of([this] { socket_.wait_for_room(std::chrono::seconds(30)); });
+    EXPECT_TRUE(send_to(2));
+    EXPECT_LT(took, std::chrono::seconds(30));
+    answer.join();
+}
+
+TEST_F(SendBuffer, WaitingForRoomGivesUp) {
+    ASSERT_TRUE(fill());
+    const auto took = time_of([this] { socket_.wait_for_room(std::chrono::milliseconds(100)); });
+    EXPECT_GE(took, std::chrono::milliseconds(100));
+    EXPECT_LT(took, std::chrono::seconds(2));
+}
+
+TEST_F(SendBuffer, RoomThatIsThereIsNotWaitedFor) {
+    const auto took = time_of([this] {
+        socket_.wait_for_room(std::chrono::seconds(30));
+        socket_.close();
+        socket_.wait_for_room(std::chrono::seconds(30));
+    });
+    EXPECT_LT(took, std::chrono::seconds(30));
 }
 
 }  // namespace
