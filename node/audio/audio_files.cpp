@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <sndfile.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string_view>
 #include <system_error>
@@ -22,6 +24,9 @@ constexpr unsigned BLOCKS_PER_HEADER = 8;
 
 // A WAV file counts its bytes with 32 bits.
 constexpr std::uint64_t MAX_FILE_BYTES = 0xFFFFFFFF - 4096;
+
+// For the socket, the events file and what the libraries open.
+constexpr std::size_t SPARE_DESCRIPTORS = 64;
 
 constexpr const char* REMOVED = "the file was removed";
 
@@ -41,6 +46,19 @@ std::string library_text(const char* text) {
 }
 
 }  // namespace
+
+std::size_t raise_open_file_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return SPARE_DESCRIPTORS;
+    }
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const auto possible = static_cast<std::size_t>(limit.rlim_cur);
+    return possible > 2 * SPARE_DESCRIPTORS ? possible - SPARE_DESCRIPTORS
+                                            : std::max<std::size_t>(possible / 2, 1);
+}
 
 class WavFile : public AudioFile {
   public:

@@ -50,6 +50,10 @@ class AudioStore {
                                               int channels) = 0;
 };
 
+// Raises the limit of open files as far as the system allows; returns how many audio files
+// may be open at once then, at least 1.
+std::size_t raise_open_file_limit();
+
 class WavFile;
 
 // A folder of WAV files.

@@ -190,7 +190,7 @@ std::vector<LiveView::LiveCall*> LiveView::oldest_first() const {
     return all;
 }
 
-std::string LiveView::frame(const LiveFigures& figures, Micros now, ScreenSize size) {
+std::string LiveView::frame(const NodeFigures& figures, Micros now, ScreenSize size) {
     std::vector<std::string> lines = head(figures, now);
     const Columns columns = columns_for(size.columns);
     lines.push_back(heading(columns));
@@ -212,7 +212,7 @@ std::string LiveView::frame(const LiveFigures& figures, Micros now, ScreenSize s
     return joined(lines, size);
 }
 
-std::vector<std::string> LiveView::head(const LiveFigures& figures, Micros now) {
+std::vector<std::string> LiveView::head(const NodeFigures& figures, Micros now) {
     const double span = seconds_of(now - last_time_);
     const auto rate = span > 0 ? static_cast<double>(figures.received - last_received_) / span : 0;
     last_received_ = figures.received;
@@ -227,7 +227,7 @@ std::vector<std::string> LiveView::head(const LiveFigures& figures, Micros now) 
                 grouped(static_cast<std::uint64_t>(rate)) + " packets/s, " +
                 counted(figures.received, "packet"),
             grouped(lost) + " lost, " + grouped(sum_of_drops(totals)) + " not used, " +
-                grouped(figures.malformed) + " malformed, " + grouped(figures.overflowed) +
+                grouped(figures.all_malformed()) + " malformed, " + grouped(figures.overflowed) +
                 " lost in the socket, " + counted(totals.file_errors, "file error"),
             ""};
 }

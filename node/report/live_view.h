@@ -13,8 +13,8 @@
 
 #include "node/audio/level_meter.h"
 #include "node/calls/call_listener.h"
-#include "node/calls/totals.h"
 #include "node/calls/types.h"
+#include "node/report/figures.h"
 
 namespace qv::node {
 
@@ -23,29 +23,19 @@ struct ScreenSize {
     std::size_t rows = 24;
 };
 
-// What the view shows beside the calls.
-struct LiveFigures {
-    std::string address;
-    Micros uptime{0};
-    std::uint64_t received = 0;
-    std::uint64_t malformed = 0;
-    std::uint64_t overflowed = 0;
-    Totals totals;
-};
-
 class LiveView : public CallListener {
   public:
     std::unique_ptr<CallListener> begin_call(Call& call) override;
 
     // One frame: lines that fit the screen, each closed by "\r\n" but the last one. The
     // levels are those since the last frame.
-    std::string frame(const LiveFigures& figures, Micros now, ScreenSize size);
+    std::string frame(const NodeFigures& figures, Micros now, ScreenSize size);
 
   private:
     class LiveCall;
 
     std::vector<LiveCall*> oldest_first() const;
-    std::vector<std::string> head(const LiveFigures& figures, Micros now);
+    std::vector<std::string> head(const NodeFigures& figures, Micros now);
 
     std::unordered_set<LiveCall*> calls_;  // Each takes itself out when its call is over.
     std::string last_file_error_;

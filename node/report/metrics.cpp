@@ -114,31 +114,31 @@ std::uint16_t Metrics::port() const {
     return static_cast<std::uint16_t>(impl_->exposer.GetListeningPorts().at(0));
 }
 
-void Metrics::update(const MetricValues& values) {
-    const Totals& totals = values.totals;
-    set(impl_->received, values.received);
-    set(impl_->overflowed, values.overflowed);
+void Metrics::update(const NodeFigures& figures) {
+    const Totals& totals = figures.totals;
+    set(impl_->received, figures.received);
+    set(impl_->overflowed, figures.overflowed);
     set(impl_->calls_begun, totals.calls_begun);
     set(impl_->calls_ended, totals.calls_ended);
     set(impl_->calls_not_terminated, totals.calls_not_terminated);
     set(impl_->calls_without_start, totals.calls_without_start);
-    set(impl_->calls_not_written, values.calls_not_written);
+    set(impl_->calls_not_written, figures.calls_not_written);
     set(impl_->audio_bytes, totals.audio_bytes);
     set(impl_->gaps, totals.gaps);
     set(impl_->skipped, totals.lost_packets);
     set(impl_->silence, totals.silence_samples);
     set(impl_->file_errors, totals.file_errors);
-    impl_->calls.Set(static_cast<double>(values.calls));
-    impl_->open_files.Set(static_cast<double>(values.open_files));
-    impl_->receive_buffer.Set(values.receive_buffer);
+    impl_->calls.Set(static_cast<double>(figures.calls));
+    impl_->open_files.Set(static_cast<double>(figures.open_files));
+    impl_->receive_buffer.Set(figures.receive_buffer);
     for (std::size_t i = 0; i < totals.packets.size(); ++i) {
         set(*impl_->packets[i], totals.packets[i]);
     }
     for (std::size_t i = 0; i < DROP_COUNT; ++i) {
         set(*impl_->dropped[i], totals.dropped[i]);
     }
-    for (std::size_t i = 1; i < values.malformed.size(); ++i) {
-        set(*impl_->malformed[i], values.malformed[i]);
+    for (std::size_t i = 1; i < figures.malformed.size(); ++i) {
+        set(*impl_->malformed[i], figures.malformed[i]);
     }
 }
 

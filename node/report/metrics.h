@@ -4,26 +4,13 @@
 // and only sets atomic values.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
 
-#include "node/calls/totals.h"
+#include "node/report/figures.h"
 
 namespace qv::node {
-
-// What a scrape shows.
-struct MetricValues {
-    const Totals& totals;
-    const std::array<std::uint64_t, media::DECODE_RESULT_COUNT>& malformed;
-    std::uint64_t received = 0;
-    std::uint64_t overflowed = 0;
-    std::size_t calls = 0;
-    std::size_t open_files = 0;
-    int receive_buffer = 0;
-    std::uint64_t calls_not_written = 0;
-};
 
 class Metrics {
   public:
@@ -32,7 +19,7 @@ class Metrics {
     ~Metrics();
 
     std::uint16_t port() const;
-    void update(const MetricValues& values);
+    void update(const NodeFigures& figures);
 
   private:
     class Impl;

@@ -14,7 +14,11 @@ constexpr const char* NO_LEVEL_7 = "\u00b7\u00b7\u00b7\u00b7\u00b7\u00b7\u00b7  
 
 class LiveViewTest : public qv::test::NodeCallTest {
   protected:
-    LiveViewTest() { watch({&view_}); }
+    LiveViewTest() {
+        figures_.address = "127.0.0.1:40000";
+        figures_.uptime = 65s;
+        watch({&view_});
+    }
 
     std::string text(std::size_t columns, std::size_t rows) {
         figures_.totals = table_->totals();
@@ -43,12 +47,12 @@ class LiveViewTest : public qv::test::NodeCallTest {
     }
 
     LiveView view_;
-    LiveFigures figures_{"127.0.0.1:40000", 65s, 0, 0, 0, {}};
+    NodeFigures figures_;
 };
 
 TEST_F(LiveViewTest, EmptyScreenTellsTheTotals) {
     figures_.received = 1234;
-    figures_.malformed = 5;
+    figures_.malformed = {0, 2, 3};
     figures_.overflowed = 6;
     EXPECT_EQ(frame(),
               (Lines{"quorvane-node on 127.0.0.1:40000, up 1 min 05 s   (ends with Ctrl-C)",

@@ -39,7 +39,7 @@ class MetricsTest : public testing::Test {
   protected:
     void update() {
         metrics_.update({totals_, malformed_, received_, overflowed_, calls_, open_files_,
-                         receive_buffer_, calls_not_written_});
+                         receive_buffer_, calls_not_written_, "", Micros{0}});
     }
     // In what the server told last, or tells now.
     bool shows(const std::string& line) {

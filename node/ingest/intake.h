@@ -1,0 +1,39 @@
+// The road of a datagram behind the socket: decodes it and hands the packet to the call table;
+// counts those that are no packets. Belongs to one thread, as the table does.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+
+#include "node/calls/call_table.h"
+#include "node/calls/types.h"
+#include "quorvane/media_packet.h"
+
+namespace qv::node {
+
+class Intake {
+  public:
+    // Called for each datagram that is no packet, the `count`th for that reason.
+    using OnMalformed = std::function<void(const Datagram& datagram, media::DecodeResult reason,
+                                           std::uint64_t count)>;
+    using MalformedCounts = std::array<std::uint64_t, media::DECODE_RESULT_COUNT>;
+
+    // The table must outlive this object.
+    Intake(CallTable& calls, OnMalformed on_malformed);
+
+    void receive(const Datagram& datagram);
+
+    // By DecodeResult.
+    const MalformedCounts& malformed() const { return malformed_; }
+    // When the latest datagram came; 0 when none did.
+    Micros last_arrival() const { return last_arrival_; }
+
+  private:
+    CallTable& calls_;
+    OnMalformed on_malformed_;
+    MalformedCounts malformed_{};
+    Micros last_arrival_{0};
+};
+
+}  // namespace qv::node

@@ -1,0 +1,218 @@
+#include "node/outputs.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "node/report/summary.h"
+#include "node/report/text.h"
+#include "node/report/text_file.h"
+
+namespace qv::node {
+
+namespace {
+
+constexpr Micros FRAME{250'000};
+constexpr Micros SECOND{1'000'000};
+constexpr std::size_t USUAL_OPEN_FILES = 8192;
+
+bool events_to_stdout(const Options& options) {
+    return options.events == "-";
+}
+
+std::size_t open_files(const Options& options) {
+    const std::size_t wanted =
+        options.max_open_files != 0 ? options.max_open_files : USUAL_OPEN_FILES;
+    return std::min(wanted, raise_open_file_limit());
+}
+
+std::string buffer_text(std::uint64_t granted, std::uint64_t wanted) {
+    const std::string text = "receive buffer " + grouped(granted / 1024) + " KiB";
+    return granted >= wanted
+               ? text
+               : text + " of " + grouped(wanted / 1024) + " KiB wanted (raise net.core.rmem_max)";
+}
+
+}  // namespace
+
+Outputs::Outputs(const Options& options, std::ostream& out, std::ostream& errors)
+    : options_(options),
+      live_(options.live && !events_to_stdout(options) && Terminal::present()),
+      terminal_(out),
+      lines_(events_to_stdout(options) ? errors : out),
+      folder_(options.folder, open_files(options), options.overwrite) {}
+
+std::string Outputs::open_folder() {
+    const std::string error = folder_.prepare();
+    return error.empty() ? error : "cannot write to folder " + options_.folder + ": " + error;
+}
+
+std::string Outputs::open_reports() {
+    std::string error = open_events();
+    if (error.empty()) {
+        error = open_metrics();
+    }
+    if (error.empty()) {
+        build();
+    }
+    return error;
+}
+
+std::string Outputs::open_events() {
+    if (options_.events.empty()) {
+        return {};
+    }
+    const std::string error = events_file_.open(options_.events);
+    if (!error.empty()) {
+        return "cannot write events to " + options_.events + ": " + error;
+    }
+    events_ = std::make_unique<EventLog>(
+        [this](const char* lines, std::size_t size) { return events_file_.write(lines, size); },
+        options_.every_packet);
+    return {};
+}
+
+std::string Outputs::open_metrics() {
+    if (!options_.metrics_port.has_value()) {
+        return {};
+    }
+    try {
+        metrics_ = std::make_unique<Metrics>(*options_.metrics_port);
+    } catch (const std::exception&) {  // Its text speaks of the library's insides.
+        return "cannot serve metrics on port " + std::to_string(*options_.metrics_port) +
+               ": it is in use or not permitted";
+    }
+    return {};
+}
+
+// At the end of a call each output knows which files those before it have written: first come
+// the names of the files, then what writes files, then what reports them.
+void Outputs::build() {
+    file_names_ = std::make_unique<FileNames>(
+        folder_, file_name_options(), [this] { return folder_.created_files() + saved_timelines_; },
+        [this] {
+            lines_.say("too many files", "with further calls there could be more than " +
+                                             grouped(options_.max_files) +
+                                             " (--max-files): such calls are not written");
+        });
+    call_listeners_.push_back(file_names_.get());
+
+    const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
+                                     options_.keep_pauses};
+    recorder_ = std::make_unique<Recorder>(
+        folder_, Recorder::Options{!options_.no_sides, options_.stereo, recording});
+    call_listeners_.push_back(recorder_.get());
+
+    if (options_.timeline) {
+        timeline_ =
+            std::make_unique<Timeline>([this](const std::string& name, const std::string& svg) {
+                return save_timeline(name, svg);
+            });
+        call_listeners_.push_back(timeline_.get());
+    }
+    if (live_) {
+        call_listeners_.push_back(&live_view_);
+    } else if (!options_.quiet) {
+        call_listeners_.push_back(&lines_);
+    }
+    if (events_ != nullptr) {
+        call_listeners_.push_back(events_.get());
+    }
+    notices_ = std::make_unique<Notices>(lines_, events_.get(), live_);
+}
+
+FileNames::Options Outputs::file_name_options() const {
+    const std::uint64_t files_per_call =
+        (options_.no_sides ? 0 : 2) + (options_.stereo ? 2 : 0) + (options_.timeline ? 1 : 0);
+    return {options_.overwrite, options_.max_files, files_per_call};
+}
+
+FileReport Outputs::save_timeline(const std::string& name, const std::string& svg) {
+    const std::string path = options_.folder + '/' + name;
+    ++saved_timelines_;
+    const std::string error = write_text_file(path, svg);
+    // Otherwise the lines report it with its call.
+    if (!error.empty() && (options_.quiet || live_)) {
+        lines_.say("timeline not written", path + ": " + error);
+    }
+    return {path, error};
+}
+
+void Outputs::begin(const NodeFigures& figures) {
+    const auto granted = static_cast<std::uint64_t>(figures.receive_buffer);
+    const auto wanted = static_cast<std::uint64_t>(options_.receive_buffer_mib) * 1024 * 1024;
+    lines_.say("listening on " + figures.address,
+               "writing to " + options_.folder + ", " + buffer_text(granted, wanted));
+    if (metrics_ != nullptr) {
+        lines_.say("metrics", "http://127.0.0.1:" + std::to_string(metrics_->port()) + "/metrics");
+    }
+    notices_->listening(figures.address);
+    flush_events();
+    lines_.flush();
+    if (live_) {
+        lines_.hold();
+        terminal_.enter();
+    }
+}
+
+void Outputs::update(NodeFigures figures, Micros now) {
+    add_file_figures(figures);
+    notices_->overflowed(figures.overflowed);
+    lines_.flush();
+    flush_events();
+    if (live_ && now - last_frame_ >= FRAME) {
+        last_frame_ = now;
+        terminal_.show(live_view_.frame(figures, now, Terminal::size()));
+    }
+    if (now - last_second_ < SECOND) {
+        return;
+    }
+    last_second_ = now;
+    // Once a second, so that a flood of calls does not become a flood of lines.
+    notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
+    if (metrics_ != nullptr) {
+        metrics_->update(figures);
+    }
+}
+
+void Outputs::finish(NodeFigures figures) {
+    if (live_) {
+        terminal_.leave();
+        lines_.release();
+    }
+    add_file_figures(figures);
+    notices_->overflowed(figures.overflowed);
+    flush_events();
+    failed_ = failed_ || figures.totals.file_errors != 0;
+    LostEvents lost;
+    if (events_ != nullptr) {
+        lost = {events_->dropped() + events_->waiting(), options_.events};
+    }
+    print_summary(lines_, figures, lost);
+    lines_.flush();
+}
+
+void Outputs::flush_events() {
+    if (events_ == nullptr) {
+        return;
+    }
+    const bool failed = !events_->flush();
+    if (failed == std::exchange(events_failed_, failed)) {
+        return;
+    }
+    if (failed) {
+        failed_ = true;
+        lines_.say("events not written", options_.events + ": " + events_file_.error());
+        return;
+    }
+    const std::uint64_t lost = events_->dropped();
+    lines_.say("events are written again",
+               grouped(lost - std::exchange(reported_lost_events_, lost)) + " lost");
+}
+
+void Outputs::add_file_figures(NodeFigures& figures) const {
+    figures.open_files = folder_.open_files();
+    figures.calls_not_written = file_names_->refused_calls();
+}
+
+}  // namespace qv::node

@@ -1,0 +1,88 @@
+// All that is made of calls: files, lines, events, pictures, the live view, metrics. Builds
+// the outputs that the options ask for, keeps them running, and says what became of them.
+//
+// A new output is built in build() and added to the list there; call_listener.h says what it
+// is. Belongs to one thread.
+#pragma once
+
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "node/audio/audio_files.h"
+#include "node/audio/file_names.h"
+#include "node/audio/recorder.h"
+#include "node/calls/call_listener.h"
+#include "node/options.h"
+#include "node/report/event_file.h"
+#include "node/report/event_log.h"
+#include "node/report/figures.h"
+#include "node/report/line_report.h"
+#include "node/report/live_view.h"
+#include "node/report/metrics.h"
+#include "node/report/notices.h"
+#include "node/report/terminal.h"
+#include "node/report/timeline.h"
+
+namespace qv::node {
+
+class Outputs {
+  public:
+    // `out` gets lines or events; `errors` gets the lines when `out` gets events. All arguments
+    // must outlive this object.
+    Outputs(const Options& options, std::ostream& out, std::ostream& errors);
+
+    // To be called in this order before anything else. Each returns what cannot be used and
+    // why, or nothing.
+    std::string open_folder();
+    std::string open_reports();
+
+    // What listens to calls, in the order in which it is called.
+    const std::vector<CallListener*>& call_listeners() const { return call_listeners_; }
+    // For what concerns no call.
+    Notices& notices() { return *notices_; }
+    LineReport& lines() { return lines_; }
+
+    // Says that the receiver is ready; from then on the live view has the terminal.
+    void begin(const NodeFigures& figures);
+    // To be called some times a second: shows what has happened. Fills in the figures of files.
+    void update(NodeFigures figures, Micros now);
+    // The calls have ended: writes what is left, and the summary.
+    void finish(NodeFigures figures);
+
+    // A file or an event could not be written.
+    bool failed() const { return failed_; }
+
+  private:
+    std::string open_events();
+    std::string open_metrics();
+    void build();
+    FileNames::Options file_name_options() const;
+    FileReport save_timeline(const std::string& name, const std::string& svg);
+    void flush_events();
+    void add_file_figures(NodeFigures& figures) const;
+
+    const Options& options_;
+    const bool live_;  // The live view has the terminal.
+    Terminal terminal_;
+    LineReport lines_;
+    LiveView live_view_;
+    WavFolder folder_;
+    EventFile events_file_;
+    std::unique_ptr<EventLog> events_;  // These are null unless they are asked for.
+    std::unique_ptr<Timeline> timeline_;
+    std::unique_ptr<Metrics> metrics_;
+    std::unique_ptr<FileNames> file_names_;
+    std::unique_ptr<Recorder> recorder_;
+    std::unique_ptr<Notices> notices_;
+    std::vector<CallListener*> call_listeners_;
+    Micros last_frame_{0};
+    Micros last_second_{0};  // When what is done once a second was done.
+    std::uint64_t saved_timelines_ = 0;
+    std::uint64_t reported_lost_events_ = 0;
+    bool events_failed_ = false;
+    bool failed_ = false;
+};
+
+}  // namespace qv::node

@@ -1,0 +1,33 @@
+// The figures of the whole receiver, for the summary, the live view and the metrics. Plain
+// values.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <numeric>
+#include <string>
+
+#include "node/calls/totals.h"
+#include "node/calls/types.h"
+#include "quorvane/media_packet.h"
+
+namespace qv::node {
+
+struct NodeFigures {
+    Totals totals;
+    std::array<std::uint64_t, media::DECODE_RESULT_COUNT> malformed{};  // By DecodeResult.
+    std::uint64_t received = 0;                                         // Datagrams.
+    std::uint64_t overflowed = 0;  // Datagrams that the system dropped.
+    std::size_t calls = 0;         // Now.
+    std::size_t open_files = 0;
+    int receive_buffer = 0;               // Bytes.
+    std::uint64_t calls_not_written = 0;  // Because of --max-files.
+    std::string address;                  // That the receiver listens on.
+    Micros uptime{0};
+
+    std::uint64_t all_malformed() const {
+        return std::accumulate(malformed.begin(), malformed.end(), std::uint64_t{0});
+    }
+};
+
+}  // namespace qv::node

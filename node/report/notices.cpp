@@ -1,0 +1,70 @@
+#include "node/report/notices.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "node/report/text.h"
+
+namespace qv::node {
+
+namespace {
+
+// Further malformed datagrams are only counted.
+constexpr std::uint64_t MALFORMED_REPORTS_PER_REASON = 3;
+
+constexpr std::size_t SHOWN_BYTES = 8;
+
+std::string hex_of(const Datagram& datagram) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (std::size_t i = 0; i < std::min(datagram.size, SHOWN_BYTES); ++i) {
+        text += {' ', digits[datagram.data[i] >> 4], digits[datagram.data[i] & 15]};
+    }
+    return text;
+}
+
+}  // namespace
+
+void Notices::listening(const std::string& address) {
+    if (events_ != nullptr) {
+        events_->listening(address);
+    }
+}
+
+void Notices::malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count) {
+    if (count > MALFORMED_REPORTS_PER_REASON) {
+        return;
+    }
+    if (!quiet_lines_) {
+        const std::string beginning = hex_of(datagram);
+        lines_.say("malformed packet",
+                   std::string(describe(reason)) + ": " + counted(datagram.size, "byte") +
+                       (beginning.empty() ? "" : ", beginning with" + beginning) +
+                       (count == MALFORMED_REPORTS_PER_REASON ? "; more are only counted" : ""));
+    }
+    if (events_ != nullptr) {
+        events_->malformed(reason, datagram.size);
+    }
+}
+
+void Notices::overflowed(std::uint64_t total) {
+    const std::uint64_t fresh = total - std::exchange(reported_overflow_, total);
+    if (fresh == 0) {
+        return;
+    }
+    if (!quiet_lines_) {
+        lines_.say("receive buffer full", "the system dropped " + counted(fresh, "packet"));
+    }
+    if (events_ != nullptr) {
+        events_->overflow(fresh);
+    }
+}
+
+void Notices::too_many_calls(std::uint64_t total) {
+    const std::uint64_t fresh = total - std::exchange(reported_too_many_, total);
+    if (fresh != 0 && !quiet_lines_) {
+        lines_.say("too many calls", "dropped " + counted(fresh, "packet") + " of further calls");
+    }
+}
+
+}  // namespace qv::node

@@ -1,0 +1,38 @@
+// What happens to the receiver beside its calls, in lines and as events: that it listens,
+// datagrams that are no packets, packets that were lost or are too many. Belongs to one thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "node/calls/types.h"
+#include "node/report/event_log.h"
+#include "node/report/line_report.h"
+#include "quorvane/media_packet.h"
+
+namespace qv::node {
+
+class Notices {
+  public:
+    // Both must outlive this object; `events` is null when none are written. With `quiet_lines`
+    // only what the user must know becomes lines: while a live view shows the rest.
+    Notices(LineReport& lines, EventLog* events, bool quiet_lines)
+        : lines_(lines), events_(events), quiet_lines_(quiet_lines) {}
+
+    void listening(const std::string& address);
+    // The `count`th datagram that is malformed for that reason; the first few are reported.
+    void malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count);
+    // Datagrams that the system dropped since the beginning; reports what is new.
+    void overflowed(std::uint64_t total);
+    // Packets of calls beyond the limit since the beginning; reports what is new.
+    void too_many_calls(std::uint64_t total);
+
+  private:
+    LineReport& lines_;
+    EventLog* events_;
+    bool quiet_lines_;
+    std::uint64_t reported_overflow_ = 0;
+    std::uint64_t reported_too_many_ = 0;
+};
+
+}  // namespace qv::node

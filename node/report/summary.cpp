@@ -1,0 +1,58 @@
+#include "node/report/summary.h"
+
+#include "node/report/text.h"
+
+namespace qv::node {
+
+namespace {
+
+std::string calls_text(const Totals& totals) {
+    std::string text = counted(totals.calls_ended, "call");
+    if (totals.calls_not_terminated != 0) {
+        text += " (" + grouped(totals.calls_not_terminated) + " without terminate packet)";
+    }
+    if (totals.calls_without_start != 0) {
+        text += " (" + grouped(totals.calls_without_start) + " without start packet)";
+    }
+    return text;
+}
+
+void print_unused(LineReport& lines, const NodeFigures& figures) {
+    for (std::size_t i = 0; i < figures.malformed.size(); ++i) {
+        if (figures.malformed[i] != 0) {
+            lines.say("  malformed: " + grouped(figures.malformed[i]),
+                      describe(static_cast<media::DecodeResult>(i)));
+        }
+    }
+    for (std::size_t i = 0; i < DROP_COUNT; ++i) {
+        const auto reason = static_cast<Drop>(i);
+        if (figures.totals.dropped_for(reason) != 0) {
+            lines.say("  not used: " + grouped(figures.totals.dropped_for(reason)),
+                      describe(reason));
+        }
+    }
+}
+
+}  // namespace
+
+void print_summary(LineReport& lines, const NodeFigures& figures, const LostEvents& lost_events) {
+    const Totals& totals = figures.totals;
+    lines.say("summary", calls_text(totals) + ", " + counted(figures.received, "packet") + ", " +
+                             grouped(totals.audio_bytes) + " bytes of audio, " +
+                             counted(totals.gaps, "gap"));
+    print_unused(lines, figures);
+    if (totals.file_errors != 0) {
+        lines.say("  not written: " + counted(totals.file_errors, "file"), "");
+    }
+    if (figures.calls_not_written != 0) {
+        lines.say("  not written: " + counted(figures.calls_not_written, "call"), "too many files");
+    }
+    if (lost_events.count != 0) {
+        lines.say("  events lost: " + grouped(lost_events.count), lost_events.path);
+    }
+    if (figures.overflowed != 0) {
+        lines.say("  lost in the socket: " + grouped(figures.overflowed), "buffer full");
+    }
+}
+
+}  // namespace qv::node

@@ -1,0 +1,59 @@
+#include "node/ingest/intake.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/golden.h"
+
+namespace {
+
+using namespace qv::node;
+using namespace std::chrono_literals;
+using qv::media::DecodeResult;
+
+class IntakeTest : public testing::Test {
+  protected:
+    void receive(const qv::test::Bytes& datagram, Micros now = 1s) {
+        intake_.receive({datagram.data(), datagram.size(), {now, {}}});
+    }
+    std::uint64_t malformed(DecodeResult reason) const {
+        return intake_.malformed()[static_cast<std::size_t>(reason)];
+    }
+
+    std::vector<std::string> told_;
+    CallTable calls_{CallLimits{}, {}};
+    Intake intake_{calls_,
+                   [this](const Datagram& datagram, DecodeResult reason, std::uint64_t count) {
+                       told_.push_back(std::string(describe(reason)) + ' ' +
+                                       std::to_string(datagram.size) + ' ' + std::to_string(count));
+                   }};
+};
+
+TEST_F(IntakeTest, PacketReachesItsCall) {
+    receive(qv::test::golden("call_1_start"));
+    EXPECT_EQ(calls_.size(), 1u);
+    EXPECT_EQ(calls_.totals().all_packets(), 1u);
+    EXPECT_TRUE(told_.empty());
+}
+
+TEST_F(IntakeTest, DatagramsThatAreNoPacketsAreCountedByReason) {
+    receive({1, 2, 3});
+    receive({});
+    receive(qv::test::Bytes(40, 0));
+    EXPECT_EQ(malformed(DecodeResult::TOO_SHORT), 2u);
+    EXPECT_EQ(malformed(DecodeResult::BAD_MAGIC), 1u);
+    EXPECT_EQ(told_,
+              (std::vector<std::string>{"too short for its packet type 3 1",
+                                        "too short for its packet type 0 2", "bad magic 40 1"}));
+    EXPECT_EQ(calls_.totals().all_packets(), 0u);
+}
+
+TEST_F(IntakeTest, EveryDatagramIsAnArrival) {
+    EXPECT_EQ(intake_.last_arrival(), 0s);
+    receive({1}, 5s);
+    EXPECT_EQ(intake_.last_arrival(), 5s);
+}
+
+}  // namespace

@@ -1,0 +1,102 @@
+#include "node/report/notices.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace {
+
+using namespace qv::node;
+using qv::media::DecodeResult;
+
+class NoticesTest : public testing::Test {
+  protected:
+    // The lines since the last call, without the time of day, each closed by '|'.
+    std::string lines() {
+        std::istringstream text(out_.str());
+        out_.str("");
+        std::string all;
+        for (std::string line; std::getline(text, line);) {
+            all += line.substr(std::string("hh:mm:ss.mmm  ").size()) + '|';
+        }
+        return all;
+    }
+    std::size_t events() {
+        log_.flush();
+        return static_cast<std::size_t>(std::count(events_.begin(), events_.end(), '\n'));
+    }
+    void malformed(Notices& notices, std::uint64_t count) {
+        static constexpr unsigned char BYTES[] = {0xff, 0x00, 0x1a, 4, 5, 6, 7, 8, 9};
+        notices.malformed({BYTES, sizeof BYTES, {}}, DecodeResult::TOO_SHORT, count);
+    }
+
+    std::ostringstream out_;
+    std::string events_;
+    LineReport report_{out_};
+    EventLog log_{[this](const char* lines, std::size_t size) {
+                      events_.append(lines, size);
+                      return size;
+                  },
+                  false};
+    Notices notices_{report_, &log_, false};
+};
+
+TEST_F(NoticesTest, MalformedDatagramIsShownByItsBeginning) {
+    malformed(notices_, 1);
+    EXPECT_EQ(lines(),
+              "malformed packet                      too short for its packet type: "
+              "9 bytes, beginning with ff 00 1a 04 05 06 07 08|");
+    EXPECT_EQ(events(), 1u);
+}
+
+TEST_F(NoticesTest, EmptyDatagramHasNoBeginning) {
+    notices_.malformed({nullptr, 0, {}}, DecodeResult::TOO_SHORT, 1);
+    EXPECT_EQ(lines(),
+              "malformed packet                      too short for its packet type: 0 bytes|");
+}
+
+TEST_F(NoticesTest, AfterThreeOfAReasonMalformedDatagramsAreOnlyCounted) {
+    malformed(notices_, 3);
+    EXPECT_NE(lines().find("; more are only counted|"), std::string::npos);
+    malformed(notices_, 4);
+    EXPECT_EQ(lines(), "");
+    EXPECT_EQ(events(), 1u);
+}
+
+TEST_F(NoticesTest, OnlyFreshLossIsReported) {
+    notices_.overflowed(0);
+    notices_.overflowed(3);
+    notices_.overflowed(3);
+    notices_.overflowed(4);
+    EXPECT_EQ(lines(),
+              "receive buffer full                   the system dropped 3 packets|"
+              "receive buffer full                   the system dropped 1 packet|");
+    EXPECT_EQ(events(), 2u);
+}
+
+TEST_F(NoticesTest, PacketsOfTooManyCallsAreLinesOnly) {
+    notices_.too_many_calls(2);
+    notices_.too_many_calls(2);
+    EXPECT_EQ(lines(), "too many calls                        dropped 2 packets of further calls|");
+    EXPECT_EQ(events(), 0u);
+}
+
+TEST_F(NoticesTest, BesideALiveViewThereAreEventsButNoLines) {
+    Notices quiet(report_, &log_, true);
+    malformed(quiet, 1);
+    quiet.overflowed(1);
+    quiet.too_many_calls(1);
+    EXPECT_EQ(lines(), "");
+    EXPECT_EQ(events(), 2u);
+}
+
+TEST_F(NoticesTest, WithoutAnEventLogThereAreLines) {
+    Notices plain(report_, nullptr, false);
+    plain.listening("127.0.0.1:40000");
+    malformed(plain, 1);
+    plain.overflowed(1);
+    EXPECT_EQ(events(), 0u);
+    EXPECT_NE(lines(), "");
+}
+
+}  // namespace
