@@ -9,11 +9,13 @@ import json
 import os
 import pathlib
 import random
+import re
 import shutil
 import subprocess
 import sys
 import tempfile
 import unittest
+import wave
 
 import capture
 
@@ -21,6 +23,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 DATA = ROOT / "tests" / "data"
 SCRIPT = ROOT / "tools" / "wireshark" / "quorvane.lua"
 GOLDEN = json.loads((DATA / "golden.json").read_text(encoding="utf-8"))
+CALL = sorted(name for name in GOLDEN if name.startswith("call_"))
 TYPES = {"start": "0x81", "terminate": "0x82", "data": "0x83", "control": "0x84"}
 
 
@@ -29,16 +32,30 @@ def datagram(name):
     return bytes.fromhex("".join(line.split("#")[0] for line in text.splitlines()))
 
 
-def data(sequence_number, sample_offset, samples=8, leg=0x0000, uuid=None):
-    """A data packet of the golden call with other counters."""
-    packet = bytearray(datagram("call_2_read"))[:50] + bytes(2 * samples)
+def data(sequence_number, sample_offset, samples=8, leg=0x0000, uuid=None, key=None,
+         send_time=None, value=0):
+    """A data packet of the golden call with other counters; `value` is that of all samples."""
+    audio = value.to_bytes(2, "little", signed=True) * samples
+    packet = bytearray(datagram("call_2_read"))[:50] + audio
     packet[6:8] = leg.to_bytes(2, "little")
     packet[40:44] = sequence_number.to_bytes(4, "little")
     packet[44:48] = sample_offset.to_bytes(4, "little")
     packet[48:50] = samples.to_bytes(2, "little")
     if uuid:
         packet[16:32] = uuid
+    if key:
+        packet[8:16] = key
+    if send_time:
+        packet[32:40] = send_time.to_bytes(8, "little")
     return bytes(packet)
+
+
+def frames(count, rate=8000, leg=0x0000, begin=0, paused=lambda index: 0):
+    """Packets of 20 ms in real time; `paused` says how late each is, in microseconds."""
+    samples = rate // 50
+    return [data(index + 1, samples * index, samples, leg=leg, value=index + 1,
+                 send_time=3600020310 + begin + 20000 * index + paused(index))
+            for index in range(count)]
 
 
 def second_start():
@@ -88,10 +105,14 @@ class Dissector(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
 
-    def tshark(self, payloads, *arguments, port=5090, cut_to=None):
-        """What tshark prints about a capture of these datagrams."""
+    def tshark(self, payloads, *arguments, port=5090, cut_to=None, times=None):
+        """What tshark prints about a capture of these datagrams.
+
+        They come 20 ms apart, or at `times`, in microseconds.
+        """
         file = self.folder / "capture.pcap"
-        times = range(1767225600000000, 1767225600000000 + 20000 * len(payloads), 20000)
+        times = [1767225600000000 + time
+                 for time in times or range(0, 20000 * len(payloads), 20000)]
         capture.write(file, zip(times, payloads), port=port, cut_to=cut_to)
         environment = dict(os.environ, HOME=str(self.folder), XDG_CONFIG_HOME=str(self.folder),
                            LC_ALL="C.UTF-8", TZ="UTC")
@@ -205,6 +226,155 @@ class Dissector(unittest.TestCase):
                    data(4, 24)]
         self.assertEqual(self.experts(packets)[3:],
                          ["Late packet", "Copy of an earlier packet", ""])
+
+    def test_number_behind_the_wrap_is_no_copy_of_one_that_never_came(self):
+        packets = [datagram("call_1_start"), data(1, 0), data(4294967295, 0xFFFFFFF0), data(2, 8),
+                   data(4294967295, 0xFFFFFFF0)]
+        self.assertEqual(self.experts(packets)[2:], [
+            "Packet from before the beginning of the leg", "", "Copy of an earlier packet"])
+
+    def test_number_before_the_first_one_captured_is_late(self):
+        packets = [datagram("call_1_start"), data(2, 8), data(1, 0), data(1, 0), data(3, 16)]
+        self.assertEqual(self.experts(packets)[2:],
+                         ["Late packet", "Copy of an earlier packet", ""])
+
+    def test_packet_of_a_long_gap_is_late_and_no_copy(self):
+        packets = [datagram("call_1_start"), data(1, 0), data(100001, 800000), data(90000, 719992)]
+        self.assertEqual(self.experts(packets)[3], "Late packet")
+
+    def test_packet_with_another_key_is_not_the_calls(self):
+        packets = [datagram("call_1_start"), data(1, 0),
+                   data(2, 8, key=bytes.fromhex("0102030405060708")), data(2, 8)]
+        rows = self.fields(packets, ["_ws.expert.message"], "-Y", "quorvane.expert.other_key")
+        self.assertEqual(rows, [["Call key 0x0807060504030201 differs from 0x34ec6ca7460833a0 "
+                                 "of the call"]])
+        self.assertEqual(self.experts(packets)[3], "")
+
+    def test_start_with_another_key_begins_no_new_tap(self):
+        stranger = bytearray(second_start())
+        stranger[8] ^= 1
+        packets = [datagram("call_1_start"), data(1, 0), bytes(stranger), data(2, 8)]
+        self.assertEqual(self.fields(packets, ["quorvane.start_frame"])[3], ["1"])
+
+    def test_delta_and_jitter_follow_the_leg(self):
+        packets = frames(4) + frames(1, leg=0x8001)
+        rows = self.fields(packets, ["quorvane.delta", "quorvane.send_delta", "quorvane.jitter"],
+                           times=[0, 20000, 56000, 60000, 60500])
+        self.assertEqual(rows, [
+            ["", "", ""],
+            ["20", "20", "0"],
+            ["36", "20", "1"],  # 16 ms late: a sixteenth of it.
+            ["4", "20", "1.938"],  # (1 + (16 - 1) / 16), rounded.
+            ["", "", ""]])
+
+    def table(self, packets, option="quorvane,calls", **options):
+        """The rows of the calls as dictionaries."""
+        lines = self.tshark(packets, "-q", "-z", option, **options).splitlines()
+        head = next(line.split() for line in lines if line.startswith("Call UUID"))
+        rows = [line.split(None, 17) for line in lines if re.match("[0-9a-f]{8}-", line)]
+        return [dict(zip(["uuid", *head[2:]], row)) for row in rows]
+
+    def test_table_has_the_figures_of_each_side(self):
+        packets = [datagram("call_1_start"), *frames(100)[:50], *frames(100)[52:],
+                   *frames(60, rate=16000, leg=0x8001), data(60, 59 * 320, 320, leg=0x8001),
+                   datagram("call_6_control"), datagram("call_7_terminate")]
+        times = [0, *range(0, 98 * 20000, 20000), *range(0, 61 * 20000, 20000), 2000000, 2000001]
+        self.assertEqual(self.table(packets, times=times), [
+            {"uuid": "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37", "Side": "originator", "Leg": "read",
+             "Rate": "8000", "Packets": "98", "Lost": "2", "Lost%": "2.00", "Late": "0",
+             "Copies": "0", "Odd": "0", "Jitter": "0.394", "MaxJitter": "2.500",
+             "MaxDelta": "20.000", "Pauses": "0", "Paused": "0.000", "Start": "1", "End": "162",
+             "Features": "recording both running; audio activity both stopped"},
+            {"uuid": "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37", "Side": "terminator", "Leg": "write",
+             "Rate": "16000", "Packets": "60", "Lost": "0", "Lost%": "0.00", "Late": "0",
+             "Copies": "1", "Odd": "0", "Jitter": "0.000", "MaxJitter": "0.000",
+             "MaxDelta": "20.000", "Pauses": "0", "Paused": "0.000", "Start": "1", "End": "162",
+             "Features": "recording both running; audio activity both stopped"}])
+
+    def test_table_counts_pauses_but_not_those_that_the_sender_makes_good(self):
+        on_hold = frames(200, paused=lambda index: 3000000 if index >= 100 else 0)
+        held_up = frames(200, leg=0x8001,
+                         paused=lambda index: max(0, 1000000 - 20000 * (index - 100))
+                         if index >= 100 else 0)
+        rows = self.table([datagram("call_1_start"), *on_hold, *held_up])
+        self.assertEqual([(row["Rate"], row["Pauses"], row["Paused"]) for row in rows],
+                         [("8000", "1", "3.000"), ("8000", "0", "0.000")])
+
+    def test_table_of_a_filter_has_the_whole_calls_that_pass_it(self):
+        other = bytes(range(16))
+        packets = [datagram("call_1_start"), data(1, 0), data(3, 16), data(4, 24),
+                   data(1, 0, uuid=other), data(2, 8, uuid=other)]
+        rows = self.table(packets, "quorvane,calls,quorvane.expert.gap")
+        self.assertEqual([(row["uuid"][:8], row["Packets"], row["Lost"]) for row in rows],
+                         [("3b9f6a52", "3", "1")])
+
+    def test_table_has_calls_without_audio_too(self):
+        rows = self.table([datagram("call_1_start"), datagram("call_7_terminate")])
+        self.assertEqual([(row["Side"], row["Packets"], row["End"]) for row in rows],
+                         [("-", "0", "2")])
+
+    def exported(self, packets, option="", **options):
+        """The samples of the files that an export makes, and its lines."""
+        folder = self.folder / "audio"
+        text = self.tshark(packets, "-q", "-z", f"quorvane,audio,{folder}{option}", **options)
+        files = {}
+        for path in folder.iterdir():
+            with wave.open(str(path), "rb") as file:
+                raw = file.readframes(file.getnframes())
+                samples = [int.from_bytes(raw[at : at + 2], "little", signed=True)
+                           for at in range(0, len(raw), 2)]
+                files[path.name] = (file.getframerate(), samples)
+        return files, text.replace(f"{folder}/", "").split("\n\n")[0].splitlines()
+
+    def test_audio_of_each_side_is_exported(self):
+        heard = frames(100)
+        late = [*heard[:10], *heard[11:13], heard[10], *heard[13:40], *heard[42:], heard[99]]
+        files, lines = self.exported([datagram("call_1_start"), *late,
+                                      *frames(50, rate=16000, leg=0x8001)])
+        uuid = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37"
+        expected = [0 if 40 <= at // 160 < 42 else 1 + at // 160 for at in range(16000)]
+        self.assertEqual(files, {
+            f"{uuid}-originator.wav": (8000, expected),
+            f"{uuid}-terminator.wav": (16000, [1 + at // 320 for at in range(16000)])})
+        self.assertEqual(lines, [f"{uuid}-originator.wav: 16000 samples at 8000 Hz",
+                                 f"{uuid}-terminator.wav: 16000 samples at 16000 Hz"])
+
+    def test_export_takes_a_filter_and_replaces_no_file(self):
+        packets = [datagram("call_1_start"), *frames(3), *frames(3, leg=0x8001)]
+        self.exported(packets, ",quorvane.leg == 0")
+        files, lines = self.exported(packets, ",quorvane.leg == 0")
+        uuid = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37"
+        self.assertEqual(sorted(files), [f"{uuid}-2-originator.wav", f"{uuid}-originator.wav"])
+        self.assertEqual(lines, [f"{uuid}-2-originator.wav: 480 samples at 8000 Hz (assumed)"])
+
+    def test_export_of_a_call_that_the_capture_joins_begins_with_its_audio(self):
+        packets = [data(2001, 320000, value=5), data(2003, 320016, value=6)]
+        files, _ = self.exported(packets)
+        self.assertEqual(list(files.values()), [(8000, [5] * 8 + [0] * 8 + [6] * 8)])
+
+    def test_export_leaves_out_silence_beyond_belief(self):
+        packets = [data(1, 0, value=5), data(2, 0x70000000, value=6)]
+        files, _ = self.exported(packets)
+        self.assertEqual(list(files.values()), [(8000, [5] * 8 + [6] * 8)])
+
+    def test_export_that_cannot_be_written_says_so(self):
+        text = self.tshark(frames(2), "-q", "-z", f"quorvane,audio,{SCRIPT}")
+        self.assertIn(f"cannot make the folder {SCRIPT}", text)
+
+    def test_field_that_a_filter_asks_for_is_there_without_the_rest(self):
+        """A packet of which only some fields are needed has the same as one shown whole."""
+        packets = [datagram(name) for name in CALL] + [data(1, 0), data(5, 32)]
+        fields = [f"quorvane.{name}" for name in (
+            "outbound", "leg", "seq", "audio", "created_time", "call_reference", "features.words",
+            "features.active.recording_originator", "wall_time", "start_frame", "jitter",
+            "lost_samples")]
+        whole = self.fields(packets, ["frame.number", *fields])
+        for column, name in enumerate(fields, start=1):
+            expected = [row[0] for row in whole if row[column] != ""]
+            text = self.tshark(packets, "-Y", name)
+            with self.subTest(name):
+                self.assertNotEqual(expected, [])
+                self.assertEqual([line.split()[0] for line in text.splitlines()], expected)
 
     def test_second_look_finds_the_same(self):
         packets = [datagram("call_1_start"), data(1, 0), data(3, 16), data(2, 8)]
