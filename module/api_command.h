@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "module/mod_quorvane.h"
+#include "module/module_context.h"
 
 namespace qv::freeswitch {
 

@@ -5,6 +5,7 @@
 
 #include "module/host_log.h"
 #include "quorvane_lib/hash_crc64.h"
+#include "quorvane_lib/utils_bytes.h"
 
 namespace qv::freeswitch {
 
@@ -109,6 +110,14 @@ bool AppContext::parse_sample_detection(const char* text, features16_t& features
 
 std::uint64_t call_key(const unsigned char* uuid) {
     return hash::CRC64::compute(uuid, media::UUID_SIZE);
+}
+
+bool identify(const char* uuid_text, CallIdentity& call) {
+    if (!utils::bytes::decode_uuid(uuid_text, call.uuid, tag::direct_update_t())) {
+        return false;
+    }
+    call.id = call_key(call.uuid);
+    return true;
 }
 
 AppContext* find_context(const ContextRegistry& contexts, std::uint64_t id) {

@@ -103,8 +103,19 @@ class AppContext {
     std::atomic<int> lent_{0};  // Of these, what media bugs hold.
 };
 
+// AppContext::parse_audio_activity or AppContext::parse_sample_detection.
+using ParseFeature = bool (*)(const char* text, media::features16_t& features);
+
 // The key of a call: the CRC-64 of the 16 bytes of its UUID.
 std::uint64_t call_key(const unsigned char* uuid);
+
+struct CallIdentity {
+    unsigned char uuid[media::UUID_SIZE] = {};
+    std::uint64_t id = 0;
+};
+
+// Decodes the host's UUID text; false, and `call` not to be used, when it is no UUID.
+bool identify(const char* uuid_text, CallIdentity& call);
 
 // Each entry holds a reference to its context.
 using ContextRegistry = std::unordered_map<std::uint64_t, AppContext*>;

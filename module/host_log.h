@@ -3,9 +3,6 @@
 // Stateless; any thread may call it. Every line reaches the host as "[quorvane]: %s\n".
 // The text is always an argument, so that a "%" in it means nothing. A line that
 // finds no memory is replaced by a fixed one: logging never throws.
-//
-// The bridge is defined by the module's glue, mod_quorvane.cpp; the units below the glue
-// log through this header alone.
 #pragma once
 
 #include <switch.h>

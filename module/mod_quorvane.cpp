@@ -1,9 +1,7 @@
 #include "module/mod_quorvane.h"
 
-#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <strings.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -11,14 +9,16 @@
 #include <chrono>
 #include <cstdlib>
 #include <iostream>  // The standard streams stand before the objects below, and after them.
-#include <list>
 #include <new>
 #include <optional>
 #include <utility>
 
 #include "build_identifier.h"
 #include "module/api_command.h"
+#include "module/event_text.h"
 #include "module/host_log.h"
+#include "module/module_context.h"
+#include "module/module_interface.h"
 #include "quorvane_lib/utils_bytes.h"
 #include "quorvane_lib/utils_path.h"
 #include "quorvane_lib/utils_str.h"
@@ -37,151 +37,6 @@ ModuleContext global;
 
 switch_event_node_t* g_channel_destroy_hook = nullptr;
 switch_event_node_t* g_dump_event_hook = nullptr;
-
-// Indexed by log::Level. SYSTEM, which nothing filters out, ranks above ERROR here but
-// below WARNING in the host. Intended.
-constexpr std::array<std::int32_t, log::LEVEL_COUNT> level_to_fslevel = {
-    SWITCH_LOG_NOTICE, SWITCH_LOG_ERROR, SWITCH_LOG_WARNING,
-    SWITCH_LOG_INFO,   SWITCH_LOG_DEBUG, SWITCH_LOG_DEBUG1,
-};
-
-constexpr std::array<const char*, 4> DUMP_MODE_NAMES = {"none", "all", "channel", "channel-short"};
-
-// ---- log --------------------------------------------------------------------------
-
-void print(switch_text_channel_t channel, const void* user_data, const LogPlace& place,
-           const log::Message& message) {
-    const auto level =
-        static_cast<switch_log_level_t>(level_to_fslevel[static_cast<std::size_t>(message.level)]);
-    const auto* data = static_cast<const char*>(user_data);
-    try {
-        // A stream that finds no memory goes bad; what it has is cut anywhere.
-        if (!message.stream.bad()) {
-            switch_log_printf(channel, place.file, place.function, place.line, data, level,
-                              "[quorvane]: %s\n", message.stream.str().c_str());
-            return;
-        }
-    } catch (const std::bad_alloc&) {  // The same of the text as a string.
-    }
-    switch_log_printf(channel, place.file, place.function, place.line, data, level,
-                      "[quorvane]: a line was lost: out of memory\n");
-}
-
-}  // namespace
-
-void Logger::write(void* /*context*/, const char* file, int line, const log::Message& message) {
-    if (log::Logger::admits(message.level)) {
-        write_line({file, nullptr, line}, message);
-    }
-}
-
-void write_line(const LogPlace& place, const log::Message& message) {
-    print(SWITCH_CHANNEL_ID_LOG, nullptr, place, message);
-}
-
-void write_session_line(switch_core_session_t* session, const LogPlace& place,
-                        const log::Message& message) {
-    print(SWITCH_CHANNEL_ID_SESSION, session, place, message);
-}
-
-// ---- options ----------------------------------------------------------------------
-
-const char* dump_mode_name(DumpMode mode) {
-    const auto index = static_cast<std::size_t>(mode);
-    return index < DUMP_MODE_NAMES.size() ? DUMP_MODE_NAMES[index] : "not-specified";
-}
-
-namespace {
-
-sockaddr_in make_address(const std::string& host, std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    // A host name leaves 0.0.0.0: only the form of the list is checked. Intended.
-    ::inet_pton(AF_INET, host.c_str(), &address.sin_addr);
-    return address;
-}
-
-int refuse_value(const std::string& name, const std::string& value, std::stringstream& error) {
-    error << "[unexpected value \"" << value << "\" for option \"" << name << "\"]";
-    return conf::MALFORMED;
-}
-
-using ParseFeature = bool (*)(const char* text, media::features16_t& features);
-
-// Keeps `value` as the default of a feature if the feature's parser understands it.
-int set_feature_default(ParseFeature parse, const std::string& name, const std::string& value,
-                        std::string& option, std::stringstream& error) {
-    media::features16_t unused{};
-    if (!parse(value.c_str(), unused)) {
-        return refuse_value(name, value, error);
-    }
-    option = value;
-    return conf::APPLIED;
-}
-
-}  // namespace
-
-Configuration::Configuration() : media_node_addr(make_address(media_node_host, media_node_port)) {}
-
-int Configuration::set_flag(const std::string& name, std::stringstream& /*error*/) {
-    if (name != "dump_events") {
-        return conf::UNKNOWN;
-    }
-    dump_mode = DumpMode::ALL;
-    return conf::APPLIED;
-}
-
-int Configuration::set_value(const std::string& name, const std::string& value,
-                             std::stringstream& error) {
-    if (name == "media_node") {
-        return set_media_node(name, value, error);
-    }
-    if (name == "dump_events") {
-        return set_dump_mode(name, value, error);
-    }
-    if (name == "default_audio_activity") {
-        return set_feature_default(AppContext::parse_audio_activity, name, value,
-                                   default_audio_activity, error);
-    }
-    if (name == "default_detection") {
-        return set_feature_default(AppContext::parse_sample_detection, name, value,
-                                   default_detection, error);
-    }
-    if (name == "log_level") {
-        return log::try_parse_level(value, level) ? conf::APPLIED : conf::MALFORMED;
-    }
-    return conf::UNKNOWN;
-}
-
-int Configuration::set_media_node(const std::string& name, const std::string& value,
-                                  std::stringstream& error) {
-    std::list<net::Host> hosts;
-    net::parse_hosts(value, hosts);
-    if (hosts.size() != 1) {
-        error << "[exactly one host must be specified for option \"" << name << "\"]";
-        return conf::MALFORMED;
-    }
-    media_node_host = hosts.front().host;
-    media_node_port = hosts.front().port;
-    media_node_addr = make_address(media_node_host, media_node_port);
-    return conf::APPLIED;
-}
-
-int Configuration::set_dump_mode(const std::string& name, const std::string& value,
-                                 std::stringstream& error) {
-    // Unlike every other option, a bad value does not leave the old one. Intended.
-    dump_mode = DumpMode::NONE;
-    for (std::size_t i = 0; i < DUMP_MODE_NAMES.size(); ++i) {
-        if (value == DUMP_MODE_NAMES[i]) {
-            dump_mode = static_cast<DumpMode>(i);
-            return conf::APPLIED;
-        }
-    }
-    return refuse_value(name, value, error);
-}
-
-namespace {
 
 // ---- staying mapped ---------------------------------------------------------------
 
@@ -240,21 +95,6 @@ void stay_no_longer() {
         ::dlclose(g_lasting_reference);
         g_lasting_reference = nullptr;
     }
-}
-
-// ---- call identity ----------------------------------------------------------------
-
-struct CallIdentity {
-    unsigned char uuid[media::UUID_SIZE] = {};
-    std::uint64_t id = 0;
-};
-
-bool identify(const char* uuid_text, CallIdentity& call) {
-    if (!utils::bytes::decode_uuid(uuid_text, call.uuid, tag::direct_update_t())) {
-        return false;
-    }
-    call.id = call_key(call.uuid);
-    return true;
 }
 
 // ---- configuration of a call ------------------------------------------------------
@@ -663,10 +503,6 @@ SWITCH_STANDARD_API(execute_quorvane_api) {
 
 // ---- events -----------------------------------------------------------------------
 
-const char* header(switch_event_t* event, const char* name) {
-    return switch_event_get_header_idx(event, name, -1);
-}
-
 ContextReference take_context(std::uint64_t id) {
     const std::lock_guard<std::mutex> guard(global.contexts_lock);
     std::optional<ContextReference> entry = remove_context(global.contexts, id);
@@ -677,7 +513,7 @@ ContextReference take_context(std::uint64_t id) {
 // may also be about another call than it says: a context that is in use only loses its
 // entry, and lives on.
 void channel_destroy_handler(switch_event_t* event) {
-    const char* uuid_text = header(event, "Unique-ID");
+    const char* uuid_text = event_header(event, "Unique-ID");
     if (uuid_text == nullptr) {
         log_line<log::ERROR>(QV_PLACE,
                              "MAGIC: unable to extract \"Unique-ID\" from channel destroy event");
@@ -703,11 +539,6 @@ void channel_destroy_handler(switch_event_t* event) {
     }
 }
 
-bool is_channel_event(const switch_event_t* event) {
-    return event->event_id >= SWITCH_EVENT_CHANNEL_CREATE &&
-           event->event_id <= SWITCH_EVENT_CHANNEL_UUID;
-}
-
 void dump(switch_event_t* event, const LogPlace& place) {
     char* text = nullptr;
     if (switch_event_serialize(event, &text, SWITCH_FALSE) != SWITCH_STATUS_SUCCESS) {
@@ -728,25 +559,6 @@ void dump_channel_event_handler(switch_event_t* event) {
     }
 }
 
-const char* header_or_empty(switch_event_t* event, const char* name) {
-    const char* value = header(event, name);
-    return value != nullptr ? value : "";
-}
-
-// A missing event name ends the line after the blank: a null text ends a stream.
-// Intended.
-std::string short_line(switch_event_t* event) {
-    log::InfoMessage line;
-    line.stream << "[quorvane]: " << header_or_empty(event, "Unique-ID") << " ";
-    insert(line.stream, header(event, "Event-Name"));
-    line.stream << ": state=" << header_or_empty(event, "Channel-State")
-                << ", call-state=" << header_or_empty(event, "Channel-Call-State") << "\n";
-    if (line.stream.bad()) {
-        throw std::bad_alloc();
-    }
-    return line.stream.str();
-}
-
 void dump_channel_event_short_handler(switch_event_t* event) {
     if (!is_channel_event(event)) {
         return;
@@ -756,7 +568,7 @@ void dump_channel_event_short_handler(switch_event_t* event) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
         switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), __func__,
-                          __LINE__, nullptr, SWITCH_LOG_CRIT, short_line(event).c_str());
+                          __LINE__, nullptr, SWITCH_LOG_CRIT, short_event_line(event).c_str());
 #pragma GCC diagnostic pop
     } catch (const std::bad_alloc&) {
         log_line<log::ERROR>(QV_PLACE, "out of memory: event is not dumped");
@@ -766,19 +578,6 @@ void dump_channel_event_short_handler(switch_event_t* event) {
 // ---- load -------------------------------------------------------------------------
 
 constexpr const char* LOAD = "mod_quorvane_load";
-
-constexpr std::array<const char*, 8> COMPLETIONS = {
-    "add quorvane version",
-    "add quorvane dump_events",
-    "add quorvane media_node",
-    "add quorvane default_audio_activity",
-    "add quorvane default_detection",
-    "add quorvane ::console::list_uuid features",
-    "add quorvane ::console::list_uuid audio_activity "
-    "::[start:stop ::[both:orig:originator:term:terminator",
-    "add quorvane ::console::list_uuid detection "
-    "::[start:stop ::[both:orig:originator:term:terminator",
-};
 
 // An object that stayed mapped keeps its state: the settings go back to their defaults,
 // contexts and the socket's owner stay what they are.
@@ -793,26 +592,6 @@ bool read_configuration() {
     const std::string arguments;
     return global.config.parse_file(CONFIG_FILE_PATH) &&
            (arguments.empty() || global.config.parse_args(arguments));
-}
-
-void register_application(switch_loadable_module_interface_t* module_interface) {
-    auto* application = static_cast<switch_application_interface_t*>(
-        switch_loadable_module_create_interface(module_interface, SWITCH_APPLICATION_INTERFACE));
-    application->interface_name = "quorvane";
-    application->application_function = execute_quorvane_app;
-    application->short_desc = "Start quorvane detection";
-    application->long_desc = "Start quorvane detection on the corresponding session";
-    application->syntax = "";
-    application->flags = 0;
-}
-
-void register_api(switch_loadable_module_interface_t* module_interface) {
-    auto* api = static_cast<switch_api_interface_t*>(
-        switch_loadable_module_create_interface(module_interface, SWITCH_API_INTERFACE));
-    api->interface_name = "quorvane";
-    api->desc = "quorvane analyzes and detection";
-    api->function = execute_quorvane_api;
-    api->syntax = API_USAGE;
 }
 
 void unbind(switch_event_node_t*& hook) {
@@ -887,11 +666,9 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
     log_line<log::SYSTEM>(QV_PLACE, "transfer socket opened");
 
     *module_interface = switch_loadable_module_create_module_interface(pool, modname);
-    register_application(*module_interface);
-    register_api(*module_interface);
-    for (const char* completion : COMPLETIONS) {
-        switch_console_set_complete(completion);
-    }
+    register_application(*module_interface, execute_quorvane_app);
+    register_api(*module_interface, execute_quorvane_api);
+    register_completions();
     if (!bind_events()) {
         return SWITCH_STATUS_TERM;
     }

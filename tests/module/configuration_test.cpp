@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "module/mod_quorvane.h"
+#include "module/module_options.h"
 #include "tests/support/log_recorder.h"
 
 namespace qv::freeswitch {

@@ -1,0 +1,30 @@
+// The module-wide state, shared by the entry points, the media bugs and the API command.
+//
+// It is built when the host opens the module and destroyed when the host closes it. There
+// is one, `global` in mod_quorvane.cpp; everything else gets a reference to it.
+#pragma once
+
+#include <mutex>
+
+#include "module/app_context.h"
+#include "module/media_transfer.h"
+#include "module/module_options.h"
+#include "quorvane_lib/net_socket.h"
+
+namespace qv::freeswitch {
+
+// One socket and one sender serve all calls without a lock.
+class ModuleContext {
+  public:
+    net::Socket socket;
+    MediaTransfer transfer{&socket};
+    Configuration config;
+
+    // What is still registered when the module goes away is left alone.
+    ContextRegistry contexts;
+
+    // The registry lock: guards `contexts`.
+    std::mutex contexts_lock;
+};
+
+}  // namespace qv::freeswitch
