@@ -1,7 +1,7 @@
 meta:
   id: quorvane
   title: Media transfer packets of mod_quorvane
-  ks-version: '0.11'
+  ks-version: '0.9'
   endian: le
 doc: |
   One UDP datagram of the media transfer protocol: a start, data, control or
@@ -19,7 +19,11 @@ seq:
     type: u1
     enum: packet_type
     valid:
-      in-enum: true
+      any-of:
+        - packet_type::start
+        - packet_type::terminate
+        - packet_type::data
+        - packet_type::control
   - id: protocol_version
     type: u1
     valid: 1
@@ -79,9 +83,8 @@ types:
           max: 1294
         doc: Length of the call reference, its zero byte counted.
       - id: call_reference
-        type: str
         size: call_reference_length - 1
-        encoding: UTF-8
+        doc: In practice UTF-8, but any bytes are allowed.
       - id: call_reference_end
         contents: [0]
     instances:

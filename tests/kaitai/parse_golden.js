@@ -99,6 +99,7 @@ const FORMS = {
   rule_id: (value, owner, bytes) => exact(bytes, owner, 'rule_id').toString(),
   report_node_address: dotted,
   features: plainFeatures,
+  call_reference: (raw) => Buffer.from(raw).toString('utf8'),
 };
 
 function checkFields(Quorvane, bytes, expected) {
@@ -142,6 +143,14 @@ function checkFeatureWords(Quorvane) {
     [false, false, false, false, true, true]);
 }
 
+// The bytes of a call reference are the caller's own and need not be text.
+function checkReferenceThatIsNoText(Quorvane) {
+  const bytes = readGolden('call_1_start');
+  bytes.set([0xff, 0xc3], 82);
+  const { callReference } = parse(Quorvane, bytes).body;
+  assert.deepStrictEqual(Buffer.from(callReference), bytes.subarray(82, bytes.length - 1));
+}
+
 // A refusal by the parser, in contrast to an error in the parser.
 function isRefusal(error) {
   return /^(EOF|Validation\w+)Error$/.test(error.name);
@@ -162,6 +171,7 @@ async function main() {
   const checks = Object.entries(golden).map(([name, expected]) =>
     [name, () => checkDatagram(Quorvane, name, expected)]);
   checks.push(['features in words', () => checkFeatureWords(Quorvane)]);
+  checks.push(['call reference that is no UTF-8', () => checkReferenceThatIsNoText(Quorvane)]);
   checks.push(['every language', checkEveryLanguage]);
   let failed = 0;
   for (const [name, check] of checks) {

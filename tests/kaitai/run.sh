@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
-# Runs parse_golden.js with its packages installed into the folder given (made
-# if missing). Ends with 77, which CTest counts as skipped, where Node or npm is
-# missing or the package registry cannot be reached.
+# Makes parsers of the packets from docs/quorvane.ksy and runs them over the golden
+# datagrams. The packages that this needs are installed into the folder given (made
+# if missing). With a language (javascript, python, cpp) behind it, only that one
+# runs; otherwise all run, and those that cannot are skipped with the reason. Ends
+# with 77, which CTest counts as skipped, where none can run: Node or npm is missing
+# or the package registry cannot be reached.
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-folder=${1:?usage: run.sh FOLDER}
+folder=${1:?usage: run.sh FOLDER [javascript|python|cpp]}
+languages=${2:-javascript python cpp}
 
 skip() {
   echo "skipped: $1"
@@ -59,9 +63,71 @@ if [ "$(cat "$folder/installed" 2>/dev/null || true)" != "$stamp" ]; then
   echo "$stamp" >"$folder/installed"
 fi
 
-# The parser in another language, made by the command that docs/protocol.md shows.
-rm -rf "$folder/python"
-node "$here/compile.js" "$folder" python "$folder/python"
-grep -q 'class Quorvane' "$folder/python/quorvane.py"
+# The golden datagrams with each of these.
+compile() { # compile LANGUAGE OUTPUT [VERSION]
+  rm -rf "$2"
+  node "$here/compile.js" "$folder" "$@" >/dev/null
+}
 
-exec node "$here/parse_golden.js" "$folder"
+# A Python that has the runtime library: the one in the path need not be Debian's.
+python_with_runtime() {
+  local python
+  for python in python3 /usr/bin/python3; do
+    "$python" -c 'import kaitaistruct' 2>/dev/null && echo "$python" && return
+  done
+  return 1
+}
+
+test_javascript() {
+  node "$here/parse_golden.js" "$folder"
+}
+
+# Debian 12 has version 0.10 of the runtime library, which needs a parser made by
+# version 0.10 of the compiler.
+test_python() {
+  local python version=0.11
+  python=$(python_with_runtime) || {
+    echo "python: skipped: no runtime library (Debian: apt-get install python3-kaitaistruct)"
+    return 77
+  }
+  "$python" -c 'import sys, kaitaistruct; sys.exit(kaitaistruct.API_VERSION < (0, 11))' ||
+    version=0.10
+  compile python "$folder/python-$version" "$version"
+  "$python" "$here/parse_golden.py" "$folder/python-$version"
+}
+
+# Debian has no runtime library for C++. cpp/kaitai/ stands in for it, unless
+# KAITAI_CPP_RUNTIME names the folder of the real one's sources.
+test_cpp() {
+  command -v c++ >/dev/null || {
+    echo "cpp: skipped: no C++ compiler (Debian: apt-get install g++)"
+    return 77
+  }
+  compile cpp_stl "$folder/cpp"
+  local runtime=(-I "$here/cpp")
+  if [ -n "${KAITAI_CPP_RUNTIME:-}" ]; then
+    runtime=(-DKAITAI_REAL_RUNTIME -DKS_STR_ENCODING_NONE -I "$KAITAI_CPP_RUNTIME"
+      "$KAITAI_CPP_RUNTIME/kaitai/kaitaistream.cpp")
+  fi
+  c++ -std=c++17 -o "$folder/parse_golden" "$here/cpp/parse_golden.cpp" \
+    "$folder/cpp/quorvane.cpp" -I "$folder/cpp" "${runtime[@]}"
+  python3 "$here/parse_golden.py" "$folder/parse_golden"
+}
+
+ran=0
+for language in $languages; do
+  echo "$language:"
+  set +e # In front of "||" the shell would ignore failures within the function, too.
+  (
+    set -e
+    "test_$language"
+  )
+  status=$?
+  set -e
+  case $status in
+    0) ran=1 ;;
+    77) ;;
+    *) exit "$status" ;;
+  esac
+done
+[ "$ran" -eq 1 ] || exit 77

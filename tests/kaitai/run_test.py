@@ -63,11 +63,14 @@ def other_content(path):
         return 200, b"not the package"
     name = path.strip("/")
     lock = json.loads((RUN.parent / "package-lock.json").read_text())
-    version = lock["packages"].get("node_modules/" + name, {}).get("version", "1.0.0")
-    package = {"name": name, "version": version,
-               "dist": {"tarball": f"http://127.0.0.1:1/{name}.tgz"}}
-    return 200, json.dumps({"name": name, "dist-tags": {"latest": version},
-                            "versions": {version: package}}).encode()
+    versions = [package["version"] for folder, package in lock["packages"].items()
+                if package.get("name", folder.removeprefix("node_modules/")) == name
+                and "version" in package] or ["1.0.0"]
+    packages = {version: {"name": name, "version": version,
+                          "dist": {"tarball": f"http://127.0.0.1:1/{name}.tgz"}}
+                for version in versions}
+    return 200, json.dumps({"name": name, "dist-tags": {"latest": versions[0]},
+                            "versions": packages}).encode()
 
 
 class RegistryTest(unittest.TestCase):
