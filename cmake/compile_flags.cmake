@@ -9,6 +9,11 @@ if(QUORVANE_WERROR)
   target_compile_options(quorvane_flags INTERFACE -Werror)
 endif()
 
+# Clang checks the annotations of quorvane_lib/mutex.h.
+if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+  target_compile_options(quorvane_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
+endif()
+
 # A unique symbol would keep the module mapped after dlclose, so that the host
 # could never unload it.
 check_cxx_compiler_flag(-fno-gnu-unique QUORVANE_HAVE_NO_GNU_UNIQUE)

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <functional>
-#include <mutex>
 #include <new>
 #include <stdexcept>
 #include <string_view>
@@ -204,14 +203,14 @@ class FeatureStatusApiCommand : public SessionApiCommand {
   private:
     // False, and an error answered, when the call has no context.
     bool read_features(features16_t& features) {
-        const std::lock_guard<std::mutex> registry_guard(module().contexts_lock);
+        const RegistryGuard registry_guard(module().contexts_lock);
         AppContext* context = find_context(module().contexts, id());
         if (context == nullptr) {
             answer(stream(), "-ERR, features: session context not found, uuid/id: %s/%lu",
                    uuid_text().c_str(), id());
             return false;
         }
-        const std::lock_guard<std::mutex> context_guard(context->context_lock);
+        const ContextGuard context_guard(context->context_lock);
         features = context->requested_features;
         return true;
     }
@@ -300,20 +299,20 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
     }
 
     void update(features16_t wanted) {
-        const std::lock_guard<std::mutex> registry_guard(module().contexts_lock);
+        const RegistryGuard registry_guard(module().contexts_lock);
         AppContext* context = find_context(module().contexts, id());
         const bool created = context == nullptr;
         if (created) {
             context = create_context();
         }
         if (context != nullptr) {
-            const std::lock_guard<std::mutex> context_guard(context->context_lock);
+            const ContextGuard context_guard(context->context_lock);
             update(*context, created, wanted);
         }
     }
 
     // The answers below carry no line end and run together. Intended.
-    AppContext* create_context() {
+    AppContext* create_context() QV_REQUIRES(module().contexts_lock) {
         AppContext* context = add_context(module().contexts, id());
         if (context == nullptr) {
             log::ErrorMessage message;
@@ -328,8 +327,9 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
         return context;
     }
 
-    // Both locks are held.
-    void update(AppContext& context, bool created, features16_t wanted) {
+    // The registry lock is held, too: it keeps the context.
+    void update(AppContext& context, bool created, features16_t wanted)
+        QV_REQUIRES(context.context_lock) {
         features16_t& requested = context.requested_features;
         const std::uint8_t supported = requested.supported & media::feature_mask(FEATURE);
         if (context.start_sent && supported != wanted.supported) {
@@ -360,7 +360,7 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
         QV_LOG_WRITE(message);
     }
 
-    void send_update(const AppContext& context) {
+    void send_update(const AppContext& context) QV_REQUIRES(context.context_lock) {
         module().transfer.media_features_update(session(), context);
         log::SystemMessage message;
         // Nothing stands between the name and the text. Intended.

@@ -7,7 +7,8 @@
 // by the text of an event that anybody can send, and by a key that two calls can share.
 //
 // Locks, always taken in this order: a session's read lock, the registry lock, a
-// context's own lock. The registry lock is held for every lookup, insertion and
+// context's own lock; RegistryGuard and ContextGuard let the compiler see to the last two.
+// The registry lock is held for every lookup, insertion and
 // erasure.
 #pragma once
 
@@ -16,12 +17,12 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 
 #include "quorvane/media_packet.h"
+#include "quorvane_lib/mutex.h"
 #include "quorvane_lib/reference_count.h"
 
 namespace qv::freeswitch {
@@ -36,6 +37,42 @@ struct alignas(64) LegStream {
     std::uint32_t sequence_number = 0;
     std::uint32_t sample_offset = 0;
     std::uint16_t leg_flags = 0;  // The leg word of the data packets.
+};
+
+// Stand for "a registry lock" and "a context's lock" in the order of locks, which clang
+// checks for names alone, not for members of two classes. Nothing is ever locked here.
+class QV_CAPABILITY("lock rank") LockRank {};
+inline LockRank registry_rank;
+inline LockRank context_rank QV_ACQUIRED_AFTER(registry_rank);
+
+// Holds the registry lock.
+class QV_SCOPED_CAPABILITY RegistryGuard {
+  public:
+    explicit RegistryGuard(Mutex& contexts_lock) QV_ACQUIRE(contexts_lock, registry_rank)
+        : lock_(contexts_lock) {
+        lock_.lock();
+    }
+    ~RegistryGuard() QV_RELEASE() { lock_.unlock(); }
+    RegistryGuard(const RegistryGuard&) = delete;
+    RegistryGuard& operator=(const RegistryGuard&) = delete;
+
+  private:
+    Mutex& lock_;
+};
+
+// Holds a context's lock.
+class QV_SCOPED_CAPABILITY ContextGuard {
+  public:
+    explicit ContextGuard(Mutex& context_lock) QV_ACQUIRE(context_lock, context_rank)
+        : lock_(context_lock) {
+        lock_.lock();
+    }
+    ~ContextGuard() QV_RELEASE() { lock_.unlock(); }
+    ContextGuard(const ContextGuard&) = delete;
+    ContextGuard& operator=(const ContextGuard&) = delete;
+
+  private:
+    Mutex& lock_;
 };
 
 class AppContext;
@@ -81,22 +118,20 @@ class AppContext {
     std::uint16_t report_node_port = 0;  // Network byte order.
     std::uint16_t flags = 0;             // media::FLAG_...
 
-    // The features in effect, fixed by the start packet. Guarded by `context_lock` once
-    // the media bug is attached.
-    media::features16_t features{};
+    // The features in effect, fixed by the start packet.
+    media::features16_t features QV_GUARDED_BY(context_lock){};
 
     std::string call_id;
     sockaddr_in media_node{};  // Where all packets of the call go.
 
     LegStream legs[media::LEG_COUNT];  // Indexed by media::READ_LEG, media::WRITE_LEG.
 
-    // Guards `features`, `requested_features` and `start_sent` between the media thread
-    // and API commands.
-    std::mutex context_lock;
-    bool start_sent = false;
+    // Between the media thread and API commands, from the attaching of the media bug on.
+    Mutex context_lock;
+    bool start_sent QV_GUARDED_BY(context_lock) = false;
 
     // What API commands ask for; from the start packet on, the whole merged set.
-    media::features16_t requested_features{};
+    media::features16_t requested_features QV_GUARDED_BY(context_lock){};
 
   private:
     ReferenceCountable references_;

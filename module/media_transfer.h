@@ -29,8 +29,8 @@ class MediaTransfer {
     void wait_to_start() const;
 
     // Sends the start packet; false also when the call reference is too long for it.
-    // The context's lock is held.
-    bool media_start(switch_core_session_t* session, const AppContext& context);
+    bool media_start(switch_core_session_t* session, const AppContext& context)
+        QV_REQUIRES(context.context_lock);
 
     // Sends one frame of the direction `leg` (media::READ_LEG or media::WRITE_LEG) in as
     // many data packets as it takes; a null frame is no frame. After a failure the rest
@@ -38,8 +38,9 @@ class MediaTransfer {
     bool media_data(switch_core_session_t* session, AppContext& context, std::uint8_t leg,
                     const switch_frame_t* frame);
 
-    // Sends the requested features as a control packet. The context's lock is held.
-    bool media_features_update(switch_core_session_t* session, const AppContext& context);
+    // Sends the requested features as a control packet.
+    bool media_features_update(switch_core_session_t* session, const AppContext& context)
+        QV_REQUIRES(context.context_lock);
 
     bool media_terminate(switch_core_session_t* session, const AppContext& context);
 

@@ -49,11 +49,11 @@ void* g_lasting_reference = nullptr;
 std::atomic<int> g_attached_bugs{0};
 
 // Held to count a bug down, and while load and shutdown go by the count.
-std::mutex g_bugs_lock;
+Mutex g_bugs_lock;
 
 // The last one of a module that is unloaded: nobody sends any more.
 void count_bug_down() {
-    const std::lock_guard<std::mutex> guard(g_bugs_lock);
+    const LockGuard guard(g_bugs_lock);
     if (--g_attached_bugs == 0) {
         global.socket.release_number();
     }
@@ -61,7 +61,7 @@ void count_bug_down() {
 
 // Calls that are tapped go on to send, and find the socket closed.
 void close_socket() {
-    const std::lock_guard<std::mutex> guard(g_bugs_lock);
+    const LockGuard guard(g_bugs_lock);
     if (g_attached_bugs == 0) {
         global.socket.close();
     } else {
@@ -70,7 +70,7 @@ void close_socket() {
 }
 
 bool open_socket() {
-    const std::lock_guard<std::mutex> guard(g_bugs_lock);
+    const LockGuard guard(g_bugs_lock);
     return global.socket.open(0, 0);
 }
 
@@ -165,7 +165,8 @@ class ContextConfigurator {
         return word || (switch_is_number(value) && std::strtol(value, nullptr, 10) != 0);
     }
 
-    void set_recording() {
+    // No lock: no other thread touches the features before the media bug is attached.
+    void set_recording() QV_NO_THREAD_SAFETY_ANALYSIS {
         const char* value = variable("quorvane_record");
         if (value != nullptr && means_record(value)) {
             media::merge_features(context_.features,
@@ -188,8 +189,9 @@ class ContextConfigurator {
     }
 
     // The module's default stands in when the variable leaves the feature without a leg.
+    // No lock, as above.
     void set_feature(const char* name, ParseFeature parse, media::Features feature,
-                     const std::string& default_text) {
+                     const std::string& default_text) QV_NO_THREAD_SAFETY_ANALYSIS {
         const char* value = variable(name);
         if (value != nullptr && !parse(value, context_.features)) {
             report(name, value, default_text.empty() ? "discarding!" : "default used!");
@@ -262,7 +264,7 @@ constexpr const char* MEDIA_HANDLER = "media_handler";
 
 bool start_transfer(switch_core_session_t* session, AppContext& context) {
     global.transfer.wait_to_start();
-    const std::lock_guard<std::mutex> guard(context.context_lock);
+    const ContextGuard guard(context.context_lock);
     // What the API asked for before the call's media began takes effect now.
     media::merge_features(context.features, context.requested_features);
     context.requested_features = context.features;
@@ -305,7 +307,7 @@ void report_transfer(switch_core_session_t* session, const AppContext& context) 
 // False when the call has no entry.
 bool unregister(const AppContext& context) {
     std::optional<ContextReference> entry;
-    const std::lock_guard<std::mutex> guard(global.contexts_lock);
+    const RegistryGuard guard(global.contexts_lock);
     entry = remove_context(global.contexts, context.id);
     return entry.has_value();
 }
@@ -387,8 +389,9 @@ static_assert((MEDIA_BUG_FLAGS & (SMBF_READ_REPLACE | SMBF_WRITE_REPLACE)) == 0x
 
 constexpr const char* APPLICATION = "execute_quorvane_app";
 
-// Creates the context of the call `id`; the registry lock is held.
-AppContext* create_context(switch_core_session_t* session, std::uint64_t id) {
+// Creates the context of the call `id`.
+AppContext* create_context(switch_core_session_t* session, std::uint64_t id)
+    QV_REQUIRES(global.contexts_lock) {
     AppContext* context = add_context(global.contexts, id);
     if (context == nullptr) {
         log_session_line<log::ERROR>(session, QV_PLACE_IN(APPLICATION),
@@ -403,7 +406,7 @@ AppContext* create_context(switch_core_session_t* session, std::uint64_t id) {
 // application has run on this call before or there is no memory. The reference keeps the
 // context from now on: anybody's channel-destroy event can take it out of the registry.
 ContextReference claim_context(switch_core_session_t* session, std::uint64_t id) {
-    const std::lock_guard<std::mutex> guard(global.contexts_lock);
+    const RegistryGuard guard(global.contexts_lock);
     const auto found = global.contexts.find(id);
     AppContext* context = nullptr;
     if (found == global.contexts.end()) {
@@ -504,7 +507,7 @@ SWITCH_STANDARD_API(execute_quorvane_api) {
 // ---- events -----------------------------------------------------------------------
 
 ContextReference take_context(std::uint64_t id) {
-    const std::lock_guard<std::mutex> guard(global.contexts_lock);
+    const RegistryGuard guard(global.contexts_lock);
     std::optional<ContextReference> entry = remove_context(global.contexts, id);
     return entry ? std::move(*entry) : ContextReference();
 }
@@ -684,7 +687,7 @@ switch_status_t mod_quorvane_shutdown() {
     unbind(g_channel_destroy_hook);
     log_line<log::SYSTEM>(QV_PLACE, "module has been shutdown");
 
-    const std::lock_guard<std::mutex> guard(global.contexts_lock);
+    const RegistryGuard guard(global.contexts_lock);
     if (global.contexts.empty() && g_attached_bugs == 0) {
         stay_no_longer();
     } else {

@@ -4,11 +4,10 @@
 // is one, `global` in mod_quorvane.cpp; everything else gets a reference to it.
 #pragma once
 
-#include <mutex>
-
 #include "module/app_context.h"
 #include "module/media_transfer.h"
 #include "module/module_options.h"
+#include "quorvane_lib/mutex.h"
 #include "quorvane_lib/net_socket.h"
 
 namespace qv::freeswitch {
@@ -21,10 +20,10 @@ class ModuleContext {
     Configuration config;
 
     // What is still registered when the module goes away is left alone.
-    ContextRegistry contexts;
+    ContextRegistry contexts QV_GUARDED_BY(contexts_lock);
 
-    // The registry lock: guards `contexts`.
-    std::mutex contexts_lock;
+    // The registry lock.
+    Mutex contexts_lock;
 };
 
 }  // namespace qv::freeswitch

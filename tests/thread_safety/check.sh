@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Compiles the small programs beside this script with clang's thread safety analysis. The
+# first line of each says what must become of it: "accepted", or "refused:" and what the
+# compiler must say. A program that is refused for another reason is a failure, too.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/../.."
+
+if ! command -v clang++ >/dev/null; then
+    echo "SKIPPED: clang++ is not installed"
+    exit 77
+fi
+
+failures=0
+for program in tests/thread_safety/*.cpp; do
+    read -r _ verdict <"$program"
+    said=$(clang++ -std=c++17 -fsyntax-only -Wthread-safety -Wthread-safety-beta \
+        -I. -Iinclude -Ihost/include -DQUORVANE_CF_MEDIA_SET=55 -DQUORVANE_SWITCH_EVENT_ALL=92 \
+        "$program" 2>&1) || { printf '%s\n%s\n' "$program does not compile:" "$said"; exit 1; }
+    warnings=$(grep -c 'warning:' <<<"$said" || true)
+    if [ "$verdict" = accepted ]; then
+        [ "$warnings" -eq 0 ] && continue
+        echo "FAILED $program: expected no warning, got:"
+    elif [ "$warnings" -gt 0 ] && grep -qF -e "${verdict#refused: }" <<<"$said"; then
+        continue
+    else
+        echo "FAILED $program: expected \"${verdict#refused: }\", got:"
+    fi
+    echo "${said:-nothing}"
+    failures=$((failures + 1))
+done
+[ "$failures" -eq 0 ]
