@@ -9,7 +9,7 @@ namespace qv::node {
 
 namespace {
 
-// So many blocks of one side wait for the other side.
+// One side waits for the other until it has so many blocks.
 constexpr std::size_t PATIENCE = 8;
 
 }  // namespace
@@ -22,8 +22,8 @@ void StereoRecording::audio(Side side, const std::int16_t* samples, std::size_t 
     if (track(side).apart) {
         return split_->audio(side, samples, count);
     }
-    // Audio is never dropped to pay silence back: the side then is a little late.
-    track(side).lent = 0;
+    // Audio is written even where padding stands in its place: the side is late from then on.
+    track(side).padding = 0;
     append(track(side), samples, count);
 }
 
@@ -32,9 +32,9 @@ void StereoRecording::silence(Side side, std::uint64_t count) {
         return split_->silence(side, count);
     }
     Track& into = track(side);
-    const std::uint64_t returned = std::min(count, into.lent);
-    into.lent -= returned;
-    for_each_silent_part(count - returned, [&](const std::int16_t* zeros, std::size_t part) {
+    const std::uint64_t written = std::min(count, into.padding);
+    into.padding -= written;
+    for_each_silent_part(count - written, [&](const std::int16_t* zeros, std::size_t part) {
         append(into, zeros, part);
     });
 }
@@ -65,13 +65,13 @@ void StereoRecording::write_what_is_due() {
     }
 }
 
-// Writes `count` samples of each side, lending silence to a side that has fewer.
+// Writes `count` samples of each side and pads a side that has fewer.
 void StereoRecording::write_frames(std::size_t count) {
     frames_.resize(SIDE_COUNT * count);
     for (std::size_t channel = 0; channel < SIDE_COUNT; ++channel) {
         Track& from = tracks_[channel];
         if (from.waiting.size() < count) {
-            from.lent += count - from.waiting.size();
+            from.padding += count - from.waiting.size();
             from.waiting.resize(count, 0);
         }
         for (std::size_t i = 0; i < count; ++i) {
@@ -83,9 +83,9 @@ void StereoRecording::write_frames(std::size_t count) {
     file_->write(frames_.data(), frames_.size());
 }
 
-// Whether there is a file that what waits belongs in. Sides of other rates than the
-// file's have been set apart then. False while a rate is not known, unless it must be
-// known at `last`, and when no side is left.
+// Makes the file if need be and sets sides apart whose rate differs from the file's. Returns
+// whether samples wait for the file: false while a rate is not known (with `last` one is
+// decided on), and when both sides are apart.
 bool StereoRecording::ready(bool last) {
     std::array<int, SIDE_COUNT> rates{};
     for (const Side side : BOTH_SIDES) {

@@ -1,9 +1,9 @@
 // A call in one file: originator left, terminator right, side by side in time.
 //
-// A side that is silent while the other goes on is filled with silence. Sides of
-// different sample rates cannot share a file: they get one each; a side that begins once
-// the file is there, with another rate than the file's, gets one of its own. Belongs to
-// one thread.
+// A side of which nothing comes while the other goes on is padded with silence, which counts
+// as the beginning of a gap or pause that follows. Sides of different sample rates cannot
+// share a file: each gets its own. So does a side that begins after the file was made, if its
+// rate differs from the file's. Belongs to one thread.
 #pragma once
 
 #include <array>
@@ -31,7 +31,7 @@ class StereoRecording : public Recording {
   private:
     struct Track {
         std::vector<std::int16_t> waiting;  // For the other side.
-        std::uint64_t lent = 0;             // Silence written ahead of what the side has sent.
+        std::uint64_t padding = 0;          // Silence written in advance of what the side has sent.
         bool apart = false;                 // Goes to `split_`.
     };
 

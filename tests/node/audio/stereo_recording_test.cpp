@@ -79,7 +79,7 @@ TEST_F(StereoRecordingTest, LostAudioIsSilence) {
     EXPECT_EQ(written(), (Samples{1, 9, 2, 0, 3, 9}));
 }
 
-TEST_F(StereoRecordingTest, ASideThatIsAwayIsLentSilence) {
+TEST_F(StereoRecordingTest, ASideThatIsAwayIsPaddedWithSilence) {
     put(ORIGINATOR, Samples(32, 7));
     EXPECT_EQ(frames(), 16u);
     // The pause has been written already; what follows stands at its place.
@@ -90,7 +90,7 @@ TEST_F(StereoRecordingTest, ASideThatIsAwayIsLentSilence) {
     EXPECT_EQ(frames(), 32u);
 }
 
-TEST_F(StereoRecordingTest, APauseLongerThanWhatWasLentIsWrittenInPart) {
+TEST_F(StereoRecordingTest, APauseLongerThanThePaddingIsWrittenInPart) {
     put(ORIGINATOR, Samples(32, 7));
     recording_.pause(TERMINATOR, 18);
     put(TERMINATOR, {9});
@@ -100,7 +100,7 @@ TEST_F(StereoRecordingTest, APauseLongerThanWhatWasLentIsWrittenInPart) {
     EXPECT_EQ(frames(), 32u);
 }
 
-TEST_F(StereoRecordingTest, AudioIsNeverDroppedToPaySilenceBack) {
+TEST_F(StereoRecordingTest, AudioIsWrittenThoughPaddingStandsInItsPlace) {
     put(ORIGINATOR, Samples(32, 7));
     put(TERMINATOR, Samples(3, 9));
     recording_.pause(TERMINATOR, 16);
