@@ -60,8 +60,9 @@ std::string Application::open_socket() {
     if (!error.empty()) {
         return "cannot listen on " + options_.listen_text + ": " + error;
     }
-    address_ = address_text(reinterpret_cast<const unsigned char*>(&options_.listen.sin_addr),
-                            receiver_.port());
+    sockaddr_in address = options_.listen;
+    address.sin_port = htons(receiver_.port());
+    address_ = address_text(address);
     return {};
 }
 
@@ -103,8 +104,7 @@ bool Application::enough_calls() const {
 
 bool Application::idle_too_long(Micros now) const {
     const Micros since = std::max(began_, intake_->last_arrival());
-    return options_.idle_exit_s > 0 &&
-           std::chrono::duration<double>(now - since).count() >= options_.idle_exit_s;
+    return options_.idle_exit_s > 0 && seconds_of(now - since) >= options_.idle_exit_s;
 }
 
 NodeFigures Application::figures(Micros now) {

@@ -2,7 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "quorvane_lib/net_socket.h"
+#include "tools/address.h"
 
 namespace qv::node {
 
@@ -33,25 +33,13 @@ void add_span(CLI::App& app, const std::string& name, Micros& into, const std::s
            name, [&into](double seconds) { into = micros_of(seconds); }, help)
         ->check(range)
         ->type_name("SECONDS")
-        ->default_str(CLI::detail::to_string(std::chrono::duration<double>(into).count()));
-}
-
-// An address, or none for the loopback, and a port. The parser would take an address alone
-// for one with port 0.
-std::string check_address(const std::string& text) {
-    sockaddr_in address{};
-    const std::string port = text.substr(text.rfind(':') + 1);
-    if (port.empty() || port.find('.') != std::string::npos ||
-        !net::parse_addr(text.c_str(), nullptr, address)) {
-        return "'" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000";
-    }
-    return {};
+        ->default_str(CLI::detail::to_string(seconds_of(into)));
 }
 
 void add_output_options(CLI::App& app, Options& options) {
     app.add_option("-l,--listen", options.listen_text,
                    "UDP address and port; port 0 takes a free one and prints it")
-        ->check(check_address)
+        ->check(tools::check_address)
         ->type_name("ADDRESS:PORT")
         ->capture_default_str();
     app.add_option("-o,--output", options.folder, "Folder of the WAV files, made if it is missing")
@@ -168,8 +156,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_FINE : EXIT_USAGE;
     }
-    net::parse_addr(options.listen_text.c_str(), nullptr, options.listen);
-    options.listen.sin_family = AF_INET;
+    options.listen = tools::parse_address(options.listen_text).value();  // It has been checked.
     return std::nullopt;
 }
 

@@ -8,14 +8,14 @@
 #include <string>
 
 #include "node/calls/call_limits.h"
+#include "tools/exit_codes.h"
 
 namespace qv::node {
 
-// Exit codes.
-constexpr int EXIT_FINE = 0;
-constexpr int EXIT_TROUBLE = 1;   // A file could not be written, or a wait timed out.
-constexpr int EXIT_USAGE = 2;     // The command line.
-constexpr int EXIT_NO_START = 3;  // The port or the folder cannot be used.
+using tools::EXIT_FINE;
+using tools::EXIT_NO_START;
+using tools::EXIT_TROUBLE;
+using tools::EXIT_USAGE;
 
 struct Options {
     std::string listen_text = "127.0.0.1:40000";
@@ -29,7 +29,7 @@ struct Options {
     bool timeline = false;
     std::optional<std::uint16_t> metrics_port;
     bool stereo = false;       // One file of both sides as well.
-    bool no_sides = false;     // No file a side.
+    bool no_sides = false;     // No file per side.
     bool keep_pauses = false;  // In the files of one side.
     std::uint64_t calls = 0;   // End after so many calls; 0: never.
     double idle_exit_s = 0;    // End after so long without a packet; 0: never.

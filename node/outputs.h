@@ -48,7 +48,7 @@ class Outputs {
     void begin(const NodeFigures& figures);
     // To be called some times a second: shows what has happened. Fills in the figures of files.
     void update(NodeFigures figures, Micros now);
-    // The calls have ended: writes what is left, and the summary.
+    // After the calls have ended: writes what still waits, and the summary.
     void finish(NodeFigures figures);
 
     // A file or an event could not be written.
@@ -78,7 +78,7 @@ class Outputs {
     std::unique_ptr<Notices> notices_;
     std::vector<CallListener*> call_listeners_;
     Micros last_frame_{0};
-    Micros last_second_{0};  // When what is done once a second was done.
+    Micros last_second_{0};  // When the work of once a second was done.
     std::uint64_t saved_timelines_ = 0;
     std::uint64_t reported_lost_events_ = 0;
     bool events_failed_ = false;

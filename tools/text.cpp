@@ -1,20 +1,10 @@
 #include "tools/text.h"
 
 #include <cmath>
-#include <cstdio>
+
+#include "tools/format.h"
 
 namespace qv::tools {
-
-namespace {
-
-template <typename... Values>
-std::string format(const char* pattern, Values... values) {
-    char text[64];
-    std::snprintf(text, sizeof text, pattern, values...);
-    return text;
-}
-
-}  // namespace
 
 std::string grouped(std::uint64_t value) {
     std::string digits = std::to_string(value);

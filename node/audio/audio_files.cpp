@@ -18,8 +18,7 @@ namespace qv::node {
 
 namespace {
 
-// So often the lengths in the header are brought up to date, for the case that the
-// program is killed.
+// The lengths in the header are updated after so many blocks: the program may be killed.
 constexpr unsigned BLOCKS_PER_HEADER = 8;
 
 // A WAV file counts its bytes with 32 bits.
@@ -34,7 +33,7 @@ std::string system_text(int error) {
     return std::generic_category().message(error);
 }
 
-// What the library says; an error of the system is told in the system's words alone.
+// The library's error text; for an error of the system, the system's own text.
 std::string library_text(const char* text) {
     static constexpr std::string_view prefix = "System error : ";
     std::string words = text;
@@ -108,7 +107,7 @@ class WavFile : public AudioFile {
     const std::string& path() const override { return path_; }
     const std::string& error() const override { return error_; }
 
-    // Gives the descriptor back; a later write opens the file again.
+    // Closes the descriptor; a later write opens the file again.
     void release() {
         if (handle_ == nullptr) {
             return;
@@ -148,13 +147,14 @@ class WavFile : public AudioFile {
         return true;
     }
 
-    // What is written to a file without a name is lost when it is closed.
+    // A file without a name is lost when it is closed.
     bool removed() const {
         struct stat file {};
         return ::fstat(descriptor_, &file) == 0 && file.st_nlink == 0;
     }
 
-    // Why the audio is not to be found at the path; empty when it is, or nobody can tell.
+    // Why the path does not lead to the audio; empty when it does, or when that cannot be found
+    // out.
     std::string what_became_of_it() const {
         struct stat named {};
         const bool there = ::stat(path_.c_str(), &named) == 0;

@@ -1,11 +1,11 @@
 // WAV files on disk, with a bound on how many are open at once.
 //
-// An AudioFile is written in large blocks by its owner; between blocks it may be
-// closed and opened again behind its back, when more files are wanted than may be
-// open. A failure (full disk, vanished folder, too many open files) ends the file, not
-// the program: the text of the error stays with the file. A file that is removed while it
-// grows has failed; one that is moved away is completed where it is, but is an error, too,
-// for its path does not lead to it. Belongs to one thread.
+// The owner of an AudioFile writes it in large blocks. Between blocks the folder may close it
+// and open it again later, when more files are wanted than may be open. A failure (full disk,
+// vanished folder, too many open files) ends the file, not the program: the text of the error
+// stays with the file. A file that is removed while it grows has failed. One that is moved away
+// is completed where it is, but reported as an error: its path does not lead to it. Belongs to
+// one thread.
 #pragma once
 
 #include <cstdint>
@@ -36,12 +36,12 @@ class AudioFile {
     virtual const std::string& error() const = 0;
 };
 
-// Where recordings are kept.
+// Creates audio files by name.
 class AudioStore {
   public:
     virtual ~AudioStore() = default;
 
-    // Tells whether a file of that name, without folder, is there.
+    // Whether there is a file of that name (without folder).
     virtual bool exists(const std::string& name) const = 0;
 
     // Creates the file; never null, but it may have failed at once. The store must
@@ -63,8 +63,8 @@ class WavFolder : public AudioStore {
     WavFolder(std::string path, std::size_t max_open, bool overwrite);
     ~WavFolder() override;
 
-    // Creates the folder if need be and tries to write in it; otherwise returns what is
-    // wrong.
+    // Creates the folder if it is missing. Returns why files cannot be written there, or
+    // nothing.
     std::string prepare();
 
     bool exists(const std::string& name) const override;

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "node/calls/call.h"
-#include "node/report/text.h"
 
 namespace qv::node {
 

@@ -7,15 +7,15 @@ namespace qv::node {
 
 namespace {
 
-double decibels(double amplitude) {
-    return amplitude <= 0 ? SILENCE_DB : std::max(SILENCE_DB, 20 * std::log10(amplitude / 32768));
-}
-
 double root_mean(double squares, std::uint64_t count) {
     return count == 0 ? 0 : std::sqrt(squares / static_cast<double>(count));
 }
 
 }  // namespace
+
+double decibels(double amplitude) {
+    return amplitude <= 0 ? SILENCE_DB : std::max(SILENCE_DB, 20 * std::log10(amplitude / 32768));
+}
 
 void LevelMeter::add(const std::int16_t* samples, std::size_t count) {
     std::uint64_t squares = 0;

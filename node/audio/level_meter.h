@@ -1,4 +1,5 @@
-// How loud one side is: over the whole call, and lately. Belongs to one thread.
+// Measures how loud one side is: since the beginning, and since the last question. Belongs to
+// one thread.
 #pragma once
 
 #include <cstddef>
@@ -8,6 +9,9 @@ namespace qv::node {
 
 // Decibels relative to a full-scale square wave; SILENCE_DB stands for digital silence.
 constexpr double SILENCE_DB = -96.0;
+
+// The level of that amplitude, full scale being 32768.
+double decibels(double amplitude);
 
 class LevelMeter {
   public:
@@ -23,7 +27,7 @@ class LevelMeter {
   private:
     std::uint64_t count_ = 0;
     std::uint64_t recent_count_ = 0;
-    double squares_ = 0;  // Of what is not recent.
+    double squares_ = 0;  // Up to the last question.
     std::uint64_t recent_squares_ = 0;
     int peak_ = 0;
 };

@@ -28,7 +28,7 @@ class Recording {
     virtual void silence(Side side, std::uint64_t count) = 0;
     // Time in which the sender sent nothing, though no audio is missing.
     virtual void pause(Side side, std::uint64_t count) = 0;
-    // Writes what is left. Nothing may follow.
+    // Writes what has been gathered and closes the files. No audio may follow.
     virtual void finish() = 0;
     // How many files could not be written; files() says which and why.
     virtual std::size_t failed_files() const = 0;
@@ -36,7 +36,8 @@ class Recording {
     virtual std::vector<FileReport> files() const = 0;
 };
 
-// Tells a side's sample rate, 0 while it is not known; `last` when it must decide.
+// Returns the sample rate of a side in Hz, 0 while it is not known; with `last` it decides on
+// one.
 using RateSource = std::function<int(Side side, bool last)>;
 
 struct RecordingOptions {

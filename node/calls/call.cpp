@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "node/report/text.h"
+#include "tools/address.h"
 
 namespace qv::node {
 
@@ -17,7 +17,8 @@ StartFields start_fields(const media::Packet& packet) {
     start.configured_clock = packet.configured_clock;
     start.rule_id = packet.rule_id;
     if (packet.report_node_given()) {
-        start.report_node = address_text(packet.report_node_address, packet.report_node_port);
+        start.report_node =
+            tools::address_text(packet.report_node_address, packet.report_node_port);
     }
     start.features = packet.features;
     start.call_reference.assign(packet.call_reference, packet.call_reference_length);

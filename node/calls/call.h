@@ -37,7 +37,7 @@ struct StartFields {
     bool rule_id_given() const { return (call_flags & media::FLAG_RULE_ID) != 0; }
 };
 
-// Where the sides of a call go on; nothing for a side of which nothing came.
+// Where each side of a call goes on; nothing for a side of which no packet came.
 using SidePlaces = std::array<std::optional<SidePlace>, SIDE_COUNT>;
 
 class Call {
@@ -68,7 +68,7 @@ class Call {
 
     // For outputs, while one of their functions runs.
 
-    // Names the call's files up to what tells them apart.
+    // Sets the beginning of the names of the call's files.
     void set_file_stem(std::string stem) { file_stem_ = std::move(stem); }
     // Adds a file of the call's audio to those that reports name at its end.
     void add_file(FileReport file) { files_.push_back(std::move(file)); }
@@ -105,11 +105,11 @@ class Call {
   private:
     friend class CallSide;
 
-    // Calls `tell` with each listener, in the order of the outputs.
-    template <typename Tell>
-    void for_each_listener(Tell tell) {
+    // Calls `visit` with each listener, in the order of the outputs.
+    template <typename Visit>
+    void for_each_listener(Visit visit) {
         for (CallListener* listener : listeners_) {
-            tell(*listener);
+            visit(*listener);
         }
     }
     CallSide& mutable_side(Side which) { return sides_[index_of(which)]; }

@@ -192,8 +192,7 @@ double CallSide::longest_pause(int rate) const {
     if (rate == 0) {
         return 0;
     }
-    const double lasted =
-        std::chrono::duration<double>(call_.last_seen() - call_.first_seen()).count();
+    const double lasted = seconds_of(call_.last_seen() - call_.first_seen());
     const double placed = static_cast<double>(pauses_.position()) / rate;
     return std::max(limits_.max_silence_s, lasted - placed + limits_.max_silence_s);
 }

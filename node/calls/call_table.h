@@ -1,7 +1,7 @@
 // All calls that the receiver knows: finds the call of a packet, adds and ends calls, and
 // remembers those that have ended. What a packet does to its call is the call's affair.
 //
-// Calls are told apart by their UUID; the call key must stay the same throughout a call.
+// A call is known by its UUID; its call key must stay the same.
 // After its terminate packet a call stays a moment for packets that were overtaken; after that
 // its UUID is remembered for a while, so that a straggler does not look like a new call.
 // A call that timed out, perhaps on hold, or became too old may go on as another call,

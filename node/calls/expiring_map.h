@@ -69,7 +69,7 @@ class ExpiringMap {
   private:
     struct Kept {
         Value value;
-        std::uint64_t number;  // Tells it from what was kept of the same call before.
+        std::uint64_t number;  // Distinguishes it from an earlier value of the call.
     };
     struct Place {
         Uuid uuid;

@@ -14,7 +14,7 @@ std::uint64_t PauseFinder::pause_before(std::int64_t send_time, std::int64_t axi
     const double on_axis =
         (static_cast<double>(send_time) - static_cast<double>(axis_begin)) / 1e6 - cut_s_;
     const double lag = on_axis - static_cast<double>(position_) / sample_rate;
-    if (lag < std::chrono::duration<double>(SHORTEST).count()) {
+    if (lag < seconds_of(SHORTEST)) {
         return 0;
     }
     const double pause = std::min(lag, longest_s);

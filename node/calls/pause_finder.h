@@ -1,7 +1,7 @@
-// Finds the times in which a side's sender was silent: audio that, by its send time,
-// comes later than the audio before it lasts. The sample offset goes on as if nothing
-// had happened then, so both sides of a call are side by side in time only if the pause
-// is put back.
+// Finds pauses: times in which the sender of a side sent nothing, although no audio is missing.
+// The sample offset does not count a pause, but the send time shows it: the audio after it was
+// sent later than the audio before it lasts. Both sides of a call stay in time with each other
+// only if pauses are put back.
 //
 // Plain values; belongs to one thread.
 #pragma once
@@ -23,13 +23,13 @@ class PauseFinder {
     // Shorter ones are jitter.
     static constexpr Micros SHORTEST{250'000};
 
-    // The pause, in samples, before audio sent at `send_time`, for a time axis that
-    // begins at `axis_begin`; 0 for none and while `sample_rate` is 0. A pause is cut to
-    // `longest_s`, and the axis with it.
+    // The pause, in samples, before audio sent at `send_time`, on a time axis that begins at
+    // `axis_begin`; 0 for none and while `sample_rate` is 0. A pause is cut to `longest_s`
+    // seconds; the rest is left out of the axis.
     std::uint64_t pause_before(std::int64_t send_time, std::int64_t axis_begin, int sample_rate,
                                double longest_s);
 
-    // Counts samples that the side has gone on: audio, silence and pauses.
+    // Counts samples of audio, silence and pauses.
     void advance(std::uint64_t samples) { position_ += samples; }
 
     // On the time axis, in samples.
@@ -39,7 +39,7 @@ class PauseFinder {
   private:
     std::uint64_t position_ = 0;
     std::uint64_t pauses_ = 0;
-    double cut_s_ = 0;  // What was cut off from pauses.
+    double cut_s_ = 0;  // The sum of what was cut off pauses.
 };
 
 }  // namespace qv::node

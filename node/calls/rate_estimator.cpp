@@ -18,17 +18,17 @@ constexpr Micros LITTLE{60'000};
 constexpr std::uint32_t LARGEST_PACKET = media::MAX_AUDIO_SIZE / 2;
 constexpr int USUAL_RATES[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000, 96000};
 
-// Neighbours such as 11025 and 12000 Hz differ by 9 %, all others by a fourth and more: the
-// length of a frame need only tell neighbours apart.
+// Neighbours such as 11025 and 12000 Hz differ by 9 %, all others by a fourth and more: where
+// the frame length decides between neighbours, a larger error of the measurement is harmless.
 constexpr double LARGEST_ERROR = 0.04;
 constexpr double LARGEST_ERROR_WITH_FRAME = 0.15;
 
-// The longest interval is how late a packet may have been at the beginning or the end of
-// the span, which so often holds it before the errors above are kept.
+// A packet at the beginning or end of the span may have been late by the longest interval. The
+// span must be so many times longer for the errors above to hold.
 constexpr int SPAN_IN_INTERVALS = 25;
 constexpr int SPAN_IN_INTERVALS_WITH_FRAME = 8;
 
-// Of times in order; a forged one must not overflow.
+// `earlier` must not be later; forged times must not overflow.
 Micros time_between(std::int64_t earlier, std::int64_t later) {
     const auto time = static_cast<std::uint64_t>(later) - static_cast<std::uint64_t>(earlier);
     constexpr std::uint64_t pause = 3600'000'000;
@@ -39,8 +39,8 @@ double milliseconds(std::uint32_t samples, int rate) {
     return samples * 1000.0 / rate;
 }
 
-// Whether frames of that length last 10 to 120 ms and a whole number of `step_ms`. At
-// 11025 Hz they are up to a sample off.
+// Whether a frame of that length lasts 10 to 120 ms and a multiple of `step_ms`. Frames at
+// 11025 Hz are rounded to whole samples.
 bool goes_with(std::uint32_t frame, int rate, int step_ms) {
     const double length = milliseconds(frame, rate);
     return length > 9.9 && length < 120.1 && std::abs(std::remainder(length, step_ms)) < 0.1;
@@ -50,7 +50,7 @@ double error_of(double measured, int rate) {
     return std::abs(measured - rate) / rate;
 }
 
-// Of two rates that overlap at the edge, the nearer one.
+// The nearest rate within the error that `suits`, or nothing.
 template <typename Suits>
 std::optional<int> nearest_usual_rate(double measured, double largest_error, Suits suits) {
     std::optional<int> nearest;
@@ -64,7 +64,7 @@ std::optional<int> nearest_usual_rate(double measured, double largest_error, Sui
     return nearest;
 }
 
-// 661 samples are 60 ms at 11025 Hz and 55 ms at 12000 Hz: whole tens are what is usual.
+// Multiples of 10 ms first: 661 samples are 60 ms at 11025 Hz and 55 ms at 12000 Hz.
 std::optional<int> rate_by_frame(double measured, std::uint32_t frame) {
     for (const int step_ms : {10, 5}) {
         const auto found = nearest_usual_rate(
@@ -110,7 +110,7 @@ void RateEstimator::add(std::uint32_t sample_offset, std::uint16_t sample_count,
     last_time_ = send_time;
 }
 
-// A packet that is full is followed by the rest of its frame, unless it is the frame.
+// A full packet may be a part of its frame, whose rest follows.
 void RateEstimator::count_packet(std::uint16_t sample_count) {
     unfinished_ += sample_count;
     if (sample_count != LARGEST_PACKET || unfinished_ >= 20 * LARGEST_PACKET) {
@@ -118,7 +118,7 @@ void RateEstimator::count_packet(std::uint16_t sample_count) {
     }
 }
 
-// The majority counts: a lost packet makes a frame look shorter.
+// A majority vote: a lost packet makes a frame look shorter.
 void RateEstimator::count_frame() {
     const std::uint32_t frame = std::exchange(unfinished_, 0);
     if (frame == 0) {

@@ -1,13 +1,13 @@
 // Puts the data packets of one side of one call in order.
 //
 // A packet that comes early waits for those before it, up to a number of packets and
-// a time; then what is missing becomes a gap, whose length the sample offsets tell.
+// a time; then what is missing becomes a gap, whose length follows from the sample offsets.
 // Sequence numbers and sample offsets wrap modulo 2^32. A packet whose numbers cannot
 // follow from the ones before (each missing packet holds at most 661 samples) is
 // implausible: it is dropped. When the next packet continues it, the sender has jumped and
 // is followed; so one forged packet does no harm, and a sender may count anew.
 //
-// Plain values in, calls of a OrderedOutput out: no clock, no file, no network. Belongs
+// Plain values in, calls of an OrderedOutput out: no clock, no file, no network. Belongs
 // to one thread.
 #pragma once
 
@@ -97,7 +97,7 @@ class ReorderBuffer {
     std::size_t held() const { return held_.size(); }
 
   private:
-    // How far back a repeated packet is told from a late one.
+    // How many packets back a repeated packet is distinguished from a late one.
     static constexpr std::uint32_t HISTORY = 1024;
 
     struct Held {

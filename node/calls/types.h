@@ -1,4 +1,4 @@
-// Small words that all units of the receiver share.
+// Words that all units of the receiver share: call UUIDs, times, sides, datagrams.
 #pragma once
 
 #include <netinet/in.h>
@@ -7,15 +7,22 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "quorvane/media_packet.h"
+#include "quorvane_lib/utils_str.h"
 
 namespace qv::node {
 
 using Uuid = std::array<unsigned char, media::UUID_SIZE>;
 
-// A moment on the receiver's steady clock, or a span of time. Units that need the
-// time are told it, so that tests own the clock.
+// The 36-character form.
+inline std::string uuid_text(const Uuid& uuid) {
+    return utils::str::print_uuid(uuid.data());
+}
+
+// A moment on the receiver's steady clock, or a span of time. Units that need the time get it
+// as an argument, so that tests own the clock.
 using Micros = std::chrono::microseconds;
 
 inline Micros steady_now() {
@@ -49,7 +56,15 @@ constexpr const char* name_of(Side side) {
     return side == Side::ORIGINATOR ? "originator" : "terminator";
 }
 
-// The rate that audio gets when neither an option nor its packets tell.
+// The rate that audio gets when neither an option nor its packets say.
 constexpr int DEFAULT_SAMPLE_RATE = 8000;
+
+// 0 Hz is a rate that is not known.
+inline double seconds_of(std::uint64_t samples, int sample_rate) {
+    return static_cast<double>(samples) / (sample_rate != 0 ? sample_rate : DEFAULT_SAMPLE_RATE);
+}
+inline double seconds_of(Micros time) {
+    return std::chrono::duration<double>(time).count();
+}
 
 }  // namespace qv::node

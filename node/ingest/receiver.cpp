@@ -39,7 +39,7 @@ std::string Receiver::open(const sockaddr_in& address, int buffer_bytes) {
     if (error) {
         return error.message();
     }
-    // The forced form passes the system's limit; it needs a privilege.
+    // The forced form exceeds the system's limit; it needs a privilege.
     const int descriptor = socket_.native_handle();
     if (setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &buffer_bytes, sizeof buffer_bytes) !=
         0) {
@@ -112,8 +112,8 @@ unsigned Receiver::receive_batch() {
     return count;
 }
 
-// Asked for, not taken from the datagrams: the last ones to be dropped have none after
-// them that would tell.
+// Asks the system. The counter that comes with each datagram would miss those that were dropped
+// after the last one.
 std::uint64_t Receiver::overflowed() {
     std::array<std::uint32_t, SK_MEMINFO_VARS> figures{};
     socklen_t size = sizeof figures;
@@ -134,7 +134,7 @@ std::uint16_t Receiver::port() const {
 int Receiver::granted_buffer() const {
     int bytes = 0;
     socklen_t size = sizeof bytes;
-    // Linux answers with twice the figure that was asked for: its own book-keeping.
+    // Linux reports twice the granted figure.
     getsockopt(const_cast<asio::ip::udp::socket&>(socket_).native_handle(), SOL_SOCKET, SO_RCVBUF,
                &bytes, &size);
     return bytes / 2;

@@ -1,7 +1,7 @@
 // The UDP socket of the receiver: takes datagrams out of the kernel in batches.
 //
-// A few datagrams are taken as they come. When they come thick and fast, the socket is
-// looked at once a millisecond instead: waking for each would cost more than taking it.
+// While datagrams are few, each is taken as it comes. While they are many, the socket is read
+// once a millisecond instead: waking up for each would cost more than reading it.
 //
 // Belongs to the thread that runs the event loop.
 #pragma once
@@ -38,22 +38,22 @@ class Receiver {
     // Begins to call `on_datagram`.
     void start();
 
-    // Takes in what is there already, without waiting, and stops.
+    // Takes the datagrams that have come already, without waiting, and stops.
     void drain_and_stop();
 
     std::uint16_t port() const;
     // What the system granted, in bytes.
     int granted_buffer() const;
-    // Datagrams that the system threw away because the buffer was full; asks the system.
+    // Datagrams that the system dropped because the buffer was full; asks the system.
     std::uint64_t overflowed();
     std::uint64_t received() const { return received_; }
-    // So often the socket was looked at.
+    // How often the socket was read.
     std::uint64_t wake_ups() const { return wake_ups_; }
 
   private:
     static constexpr unsigned BATCH = 128;
     static constexpr unsigned BATCHES_PER_TURN = 16;
-    static constexpr unsigned LAST_BATCHES = 4096;  // A sender may never stop.
+    static constexpr unsigned LAST_BATCHES = 4096;  // At the end: a sender may never stop.
     static constexpr Micros PAUSE{1000};
 
     void wait();

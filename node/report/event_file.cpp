@@ -13,7 +13,7 @@ namespace {
 
 bool ends_in_a_line(const std::string& path) {
     std::ifstream file(path, std::ios::binary | std::ios::ate);
-    // Neither empty nor anything but a plain file, where one cannot go back.
+    // Empty files have no line; other kinds of files cannot be read backwards.
     return file && file.tellg() > 0 && file.seekg(-1, std::ios::end) && file.get() != '\n' && file;
 }
 

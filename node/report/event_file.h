@@ -1,7 +1,7 @@
 // Where events are written: a file that they are appended to, or the standard output.
 //
-// A file may end in the midst of a line, because the disk was full: what follows begins on
-// a line of its own. Belongs to one thread.
+// A file may end in the middle of a line, because the disk was full: what follows begins on
+// a new line. Belongs to one thread.
 #pragma once
 
 #include <cstddef>
@@ -16,12 +16,11 @@ class EventFile {
     EventFile(const EventFile&) = delete;
     EventFile& operator=(const EventFile&) = delete;
 
-    // Opens the file, "-" for the standard output; returns why it cannot be used, or
-    // nothing.
+    // Opens the file, or the standard output for "-". Returns why it cannot be used, or nothing.
     std::string open(const std::string& path);
 
-    // Writes lines and returns how many bytes of them were written: fewer than `size`, down
-    // to none, when that fails.
+    // Writes lines and returns how many of their bytes were written: fewer than `size` on
+    // failure.
     std::size_t write(const char* lines, std::size_t size);
 
     // Why the latest write failed.
@@ -32,7 +31,7 @@ class EventFile {
 
     int descriptor_ = -1;
     bool owned_ = false;
-    bool in_line_ = false;  // The end of the file is in the midst of a line.
+    bool in_line_ = false;  // The file ends in the middle of a line.
     std::string error_;
 };
 

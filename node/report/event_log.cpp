@@ -177,12 +177,12 @@ bool EventLog::flush() {
     if (!write_out()) {
         return false;
     }
-    tell_loss();
+    report_loss();
     return write_out();
 }
 
-void EventLog::tell_loss() {
-    const std::uint64_t lost = dropped_ - std::exchange(told_, dropped_);
+void EventLog::report_loss() {
+    const std::uint64_t lost = dropped_ - std::exchange(reported_, dropped_);
     if (lost != 0) {
         write("events_lost", {{"events", lost}});
     }
@@ -211,7 +211,7 @@ void EventLog::write(const char* event, const Json& fields) {
         ++dropped_;
         return;
     }
-    tell_loss();
+    report_loss();
     nlohmann::ordered_json line = {{"event", event}, {"time", utc_time()}};
     for (const auto& [name, value] : fields.items()) {
         line[name] = value;

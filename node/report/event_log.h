@@ -1,9 +1,9 @@
 // Writes what happens as JSON lines, one object a line, for programs. docs/node.md lists
 // the events and their fields; fields of packets have the names of docs/protocol.md.
 //
-// While they cannot be written, as on a full disk, events wait to be tried again; when a
-// megabyte of them waits, further ones are dropped and counted, and an event of its own
-// tells so where they are missing. Belongs to one thread.
+// While events cannot be written, as on a full disk, they wait and are tried again. When a
+// megabyte of them waits, further events are dropped and counted; an event of its own reports
+// the loss where they are missing. Belongs to one thread.
 #pragma once
 
 #include <cstddef>
@@ -19,8 +19,8 @@ namespace qv::node {
 
 class EventLog : public CallListener {
   public:
-    // Writes lines and returns how many bytes were written: fewer than it got when that
-    // fails. What is left of a line that was cut off so comes again, from its beginning.
+    // Writes lines and returns how many bytes were written: fewer than it got when writing
+    // fails. A line that was written in part comes again from its beginning.
     using Sink = std::function<std::size_t(const char* lines, std::size_t size)>;
 
     // With `every_packet` data packets are events, too.
@@ -40,8 +40,7 @@ class EventLog : public CallListener {
     void file_failed(const Call& call, const FileReport& file) override;
     void ended(const Call& call, EndReason reason) override;
 
-    // Lets readers see what has happened; false while that fails. To be called some times a
-    // second.
+    // Writes all events that wait; false while that fails. To be called some times a second.
     bool flush();
 
     // Events that were dropped, and those that still wait to be written.
@@ -50,7 +49,7 @@ class EventLog : public CallListener {
 
   private:
     bool write_out();
-    void tell_loss();
+    void report_loss();
     void write(const char* event, const nlohmann::json& fields);
     void write(const char* event, const Call& call, const nlohmann::json& fields);
 
@@ -62,7 +61,7 @@ class EventLog : public CallListener {
     bool failing_ = false;  // The latest attempt to write.
     std::string waiting_;   // Whole lines.
     std::uint64_t dropped_ = 0;
-    std::uint64_t told_ = 0;  // Of the dropped, those that an event has told of.
+    std::uint64_t reported_ = 0;  // Dropped events that an event has reported.
 };
 
 }  // namespace qv::node

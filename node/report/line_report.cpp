@@ -11,23 +11,15 @@ namespace qv::node {
 
 namespace {
 
-// Lines of one call's gaps beyond these are left to its summary.
+// Further gaps of a side are only counted at the end of its call.
 constexpr std::uint64_t GAP_LINES_PER_SIDE = 10;
 
-// `text` in a column of its own, behind `what`.
+// `what`, and `text` in the column at `width`.
 std::string in_columns(std::string what, std::size_t width, const std::string& text) {
     if (!text.empty()) {
         what.resize(std::max(what.size(), width), ' ');
     }
     return what + text;
-}
-
-std::string decibel_text(double level) {
-    return level <= SILENCE_DB ? "silent" : std::to_string(std::lround(level)) + " dB";
-}
-
-double seconds_of(std::uint64_t samples, int rate) {
-    return static_cast<double>(samples) / (rate != 0 ? rate : DEFAULT_SAMPLE_RATE);
 }
 
 std::string reason_text(EndReason reason) {
@@ -54,11 +46,10 @@ void append_count(std::string& text, std::uint64_t count, const char* what) {
 
 std::string side_text(const CallSide& side) {
     const ReorderBuffer::Stats& stats = side.stats();
-    std::string text = duration_text(seconds_of(side.position(), side.sample_rate())) + " at " +
-                       std::to_string(side.sample_rate()) + " Hz" +
-                       (side.rate_assumed() ? " (assumed)" : "") + ", " +
-                       counted(stats.packets, "packet") + ", level " +
-                       decibel_text(side.level().level_db());
+    std::string text =
+        duration_text(seconds_of(side.position(), side.sample_rate())) + " at " +
+        std::to_string(side.sample_rate()) + " Hz" + (side.rate_assumed() ? " (assumed)" : "") +
+        ", " + counted(stats.packets, "packet") + ", level " + level_text(side.level().level_db());
     if (stats.gaps != 0) {
         text +=
             ", " + counted(stats.gaps, "gap") + " (" + counted(stats.lost(), "packet") + " lost)";

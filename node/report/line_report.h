@@ -1,4 +1,4 @@
-// Tells of calls and packets in lines for people. Belongs to one thread.
+// Reports calls and their packets in lines for people. An output. Belongs to one thread.
 #pragma once
 
 #include <ostream>
@@ -21,11 +21,11 @@ class LineReport : public CallListener {
     void file_failed(const Call& call, const FileReport& file) override;
     void ended(const Call& call, EndReason reason) override;
 
-    // A line without a call.
+    // A line that concerns no call.
     void say(const std::string& what, const std::string& text);
 
-    // Keeps the lines of say() to itself, the first hundred, until release() shows them:
-    // for the time that the screen belongs to a live view.
+    // From now on keeps the lines of say(), the first hundred, until release() shows them:
+    // while a live view has the screen.
     void hold() { holding_ = true; }
     void release();
 

@@ -25,10 +25,6 @@ std::string right(const std::string& text, std::size_t width) {
     return std::string(width - std::min(width, tools::columns_of(text)), ' ') + text;
 }
 
-double seconds_of(Micros time) {
-    return std::chrono::duration<double>(time).count();
-}
-
 // What of a call fits beside each other.
 struct Columns {
     std::size_t uuid = 8;   // The first group of its digits.
@@ -50,8 +46,7 @@ Columns columns_for(std::size_t screen) {
 }
 
 std::string level_cell(double level, std::size_t cells) {
-    const std::string figure =
-        level <= SILENCE_DB ? "--" : std::to_string(std::lround(level)) + " dB";
+    const std::string figure = level <= SILENCE_DB ? "--" : decibel_text(level);
     return level_meter(level, cells) + right(figure, 7);
 }
 

@@ -47,7 +47,7 @@ class LiveView : public CallListener {
 // where supported only, '-' where neither.
 std::string feature_letters(media::features16_t features, Side side);
 
-// `cells` cells, filled from -60 dB (none) to 0 dB (all).
+// A bar of `cells` cells: none filled at -60 dB, all at 0 dB.
 std::string level_meter(double level_db, std::size_t cells);
 
 }  // namespace qv::node

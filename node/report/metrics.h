@@ -1,4 +1,4 @@
-// The receiver's counters for Prometheus, served as text over HTTP on loopback.
+// The receiver's counters for Prometheus, served as text over HTTP on the loopback.
 //
 // The server answers on threads of its own; update() belongs to the event loop's thread
 // and only sets atomic values.

@@ -1,4 +1,5 @@
-// What is said at the end of a run.
+// The lines at the end of a run: calls, packets, and what was lost and why. No state; any
+// thread may call.
 #pragma once
 
 #include <string>

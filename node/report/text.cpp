@@ -1,9 +1,10 @@
 #include "node/report/text.h"
 
-#include <cstdio>
+#include <cmath>
 #include <ctime>
 
-#include "quorvane_lib/utils_str.h"
+#include "node/audio/level_meter.h"
+#include "tools/format.h"
 #include "tools/utf8.h"
 
 namespace qv::node {
@@ -20,13 +21,6 @@ constexpr FeatureName FEATURE_NAMES[] = {
     {"recording", media::FEATURE_RECORD},
     {"reserved", 0x03},
 };
-
-template <typename... Values>
-std::string format(const char* pattern, Values... values) {
-    char text[96];
-    std::snprintf(text, sizeof text, pattern, values...);
-    return text;
-}
 
 std::string side_state(media::features16_t features, unsigned bit, const char* side) {
     if ((features.supported & bit) == 0) {
@@ -58,24 +52,23 @@ std::string shown_text(std::string_view bytes, char32_t code) {
     }
     std::string out;
     for (const char byte : bytes) {
-        out += format("\\x%02x", unsigned{static_cast<unsigned char>(byte)});
+        out += tools::format("\\x%02x", unsigned{static_cast<unsigned char>(byte)});
     }
     return out;
 }
 
 }  // namespace
 
-std::string uuid_text(const Uuid& uuid) {
-    return utils::str::print_uuid(uuid.data());
-}
-
 std::string key_text(std::uint64_t call_key) {
-    return format("0x%016llx", static_cast<unsigned long long>(call_key));
+    return tools::format("0x%016llx", static_cast<unsigned long long>(call_key));
 }
 
-std::string address_text(const unsigned char* address, std::uint16_t port) {
-    return format("%u.%u.%u.%u:%u", unsigned{address[0]}, unsigned{address[1]},
-                  unsigned{address[2]}, unsigned{address[3]}, unsigned{port});
+std::string decibel_text(double level) {
+    return std::to_string(std::lround(level)) + " dB";
+}
+
+std::string level_text(double level) {
+    return level <= SILENCE_DB ? "silent" : decibel_text(level);
 }
 
 std::string quoted_text(std::string_view text, std::size_t columns) {
@@ -110,8 +103,8 @@ std::string utc_time() {
     clock_gettime(CLOCK_REALTIME, &now);
     tm utc{};
     gmtime_r(&now.tv_sec, &utc);
-    return format("%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900, utc.tm_mon + 1,
-                  utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, now.tv_nsec / 1000);
+    return tools::format("%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                         utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, now.tv_nsec / 1000);
 }
 
 std::string time_of_day() {
@@ -119,8 +112,8 @@ std::string time_of_day() {
     clock_gettime(CLOCK_REALTIME, &now);
     tm local{};
     localtime_r(&now.tv_sec, &local);
-    return format("%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min, local.tm_sec,
-                  now.tv_nsec / 1'000'000);
+    return tools::format("%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min, local.tm_sec,
+                         now.tv_nsec / 1'000'000);
 }
 
 }  // namespace qv::node

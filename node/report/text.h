@@ -1,4 +1,5 @@
-// Words for what the receiver tells, beside those of tools/text.h. No state; any thread may call.
+// Words for what the receiver reports, beside those of tools/text.h. No state; any thread may
+// call.
 #pragma once
 
 #include <string>
@@ -6,24 +7,27 @@
 
 #include "node/calls/types.h"
 #include "quorvane/media_packet.h"
+#include "tools/address.h"
 #include "tools/text.h"
 
 namespace qv::node {
 
+using tools::address_text;
 using tools::counted;
 using tools::duration_text;
 using tools::grouped;
 
-// The 36-character form.
-std::string uuid_text(const Uuid& uuid);
 // "0x" and 16 digits.
 std::string key_text(std::uint64_t call_key);
-// "a.b.c.d:port"
-std::string address_text(const unsigned char* address, std::uint16_t port);
 
-// Foreign text made fit for a terminal and for XML: in quotation marks, these and the backslash
-// with a backslash; bytes that are no UTF-8, and of characters that are not printable, as \xNN;
-// cut with "..." behind so many columns.
+// "-33 dB"
+std::string decibel_text(double level);
+// The same, or "silent" for digital silence.
+std::string level_text(double level);
+
+// Foreign text made safe for a terminal and for XML: in quotation marks, with a backslash before
+// quotation marks and backslashes. Bytes that are not UTF-8 or belong to characters that are not
+// printable become \xNN. A text of more than `columns` columns is cut and ends in "..."
 std::string quoted_text(std::string_view text, std::size_t columns = 200);
 
 // "audio activity on originator, off terminator; recording on both", or "no features".

@@ -12,11 +12,7 @@ namespace qv::node {
 
 namespace {
 
-double seconds_of(std::uint64_t samples, int rate) {
-    return static_cast<double>(samples) / (rate != 0 ? rate : DEFAULT_SAMPLE_RATE);
-}
-
-// Any send times may come; as whole numbers their difference could overflow.
+// As floating point: the difference of forged send times could overflow.
 double seconds_between(std::int64_t begin, std::int64_t end) {
     return (static_cast<double>(end) - static_cast<double>(begin)) / 1e6;
 }
@@ -28,11 +24,7 @@ void add_mark(Marks& marks, Mark mark) {
     }
 }
 
-std::string level_text(double level) {
-    return level <= SILENCE_DB ? "silent" : std::to_string(std::lround(level)) + " dB";
-}
-
-// Of a long line the reference is cut, not what follows it.
+// If the line is too long, the reference is cut, not what follows it.
 std::string start_text(const StartFields& start, const std::string& end) {
     const std::string direction = start.outbound() ? "outbound, reference " : "inbound, reference ";
     const std::string rule =
@@ -124,7 +116,7 @@ class TimelineOfCall : public CallListener {
     }
 
   private:
-    // An event whose place on the axis is found at the end, when the rates are known.
+    // An event that is placed on the axis at the end, when the rates are known.
     struct RawEvent {
         std::int64_t send_time;
         std::array<std::uint64_t, SIDE_COUNT> heads;  // How far the sides were, in samples.

@@ -2,12 +2,13 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 #include <string>
 #include <vector>
 
+#include "node/audio/level_meter.h"
 #include "node/report/text.h"
 #include "node/report/timeline.h"
+#include "tools/format.h"
 #include "tools/utf8.h"
 
 namespace qv::node {
@@ -59,26 +60,22 @@ std::string escaped(const std::string& text) {
 }
 
 std::string number(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1f", value);
-    return text;
+    return tools::format("%.1f", value);
 }
 
 // "1:23:45", "3:20" or "12.5 s".
 std::string clock_text(double seconds, double step) {
-    char text[48];
-    const long whole = std::lround(seconds);
     if (step < 1) {
-        std::snprintf(text, sizeof text, "%.1f s", seconds);
-    } else if (seconds < 60) {
-        std::snprintf(text, sizeof text, "%ld s", whole);
-    } else if (whole < 3600) {
-        std::snprintf(text, sizeof text, "%ld:%02ld", whole / 60, whole % 60);
-    } else {
-        std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60,
-                      whole % 60);
+        return tools::format("%.1f s", seconds);
     }
-    return text;
+    const long whole = std::lround(seconds);
+    if (seconds < 60) {
+        return tools::format("%ld s", whole);
+    }
+    if (whole < 3600) {
+        return tools::format("%ld:%02ld", whole / 60, whole % 60);
+    }
+    return tools::format("%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60, whole % 60);
 }
 
 // The distance of ticks, in seconds, that gives about ten of them.
@@ -131,14 +128,9 @@ class Picture {
         return longest;
     }
 
-    static double seconds_of(const TimelineData::SideTrace& side, std::uint64_t samples) {
-        return static_cast<double>(samples) /
-               (side.sample_rate != 0 ? side.sample_rate : DEFAULT_SAMPLE_RATE);
-    }
-
-    // Where a side's sample is on the axis.
+    // The place of a sample on the axis.
     double at(const TimelineData::SideTrace& side, std::uint64_t sample) const {
-        return data_.audio_begin + seconds_of(side, sample);
+        return data_.audio_begin + seconds_of(sample, side.sample_rate);
     }
 
     double x(double seconds) const { return LEFT + PLOT * seconds / seconds_; }
@@ -153,7 +145,7 @@ class Picture {
                 "\" y2=\"" + number(y2) + "\" " + style + "/>\n";
     }
 
-    // With a text that browsers show under the pointer.
+    // Browsers show the hint under the pointer.
     void box(double left, double top, double width, double height, const std::string& style,
              const std::string& hint = {}) {
         out_ += "<rect x=\"" + number(left) + "\" y=\"" + number(top) + "\" width=\"" +
@@ -298,7 +290,7 @@ class Picture {
                 continue;
             }
             const double left = column_x(c) + 0.5;
-            // At least a hair line, so that silence is told from nothing.
+            // At least a hair line, so that silence differs from no audio.
             const double high = std::min(middle - 0.4, middle - columns[c].highest * factor);
             const double low = std::max(middle + 0.4, middle - columns[c].lowest * factor);
             path += "M" + number(left) + ' ' + number(high) + 'V' + number(low);
@@ -323,8 +315,8 @@ class Picture {
                 continue;
             }
             drawn_to = right;
-            std::string hint = what + duration_text(seconds_of(side, stretch.length)) + " at " +
-                               clock_text(at(side, stretch.begin), 0);
+            std::string hint = what + duration_text(seconds_of(stretch.length, side.sample_rate)) +
+                               " at " + clock_text(at(side, stretch.begin), 0);
             hint += stretch.packets != 0 ? ", " + counted(stretch.packets, "packet") : "";
             box(left, top, right - left, LANE, style, hint);
         }
@@ -410,8 +402,8 @@ class Picture {
             left += 44 + CHARACTER * static_cast<double>(std::string(entry.words).size());
         }
         text(WIDTH - LEFT, AXIS + 44, "fill=\"#475569\" text-anchor=\"end\"",
-             "height: " + std::to_string(std::lround(20 * std::log10(scale() / 32768))) +
-                 " dB of full scale; light: peak, dark: power");
+             "height: " + decibel_text(decibels(scale())) +
+                 " of full scale; light: peak, dark: power");
     }
 
     const TimelineData& data_;

@@ -49,4 +49,15 @@ TEST(NodeTextTest, FeaturesAreWords) {
               "detection off terminator; recording on originator");
 }
 
+TEST(NodeTextTest, LevelIsRoundedAndDigitalSilenceIsNamed) {
+    EXPECT_EQ(level_text(-33.4), "-33 dB");
+    EXPECT_EQ(level_text(-96.0), "silent");
+    EXPECT_EQ(decibel_text(-96.0), "-96 dB");
+}
+
+TEST(NodeTextTest, SamplesOfAnUnknownRateLastAsLongAsThoseOf8000Hz) {
+    EXPECT_EQ(seconds_of(4000, 16000), 0.25);
+    EXPECT_EQ(seconds_of(4000, 0), 0.5);
+}
+
 }  // namespace

@@ -1,0 +1,36 @@
+#include "tools/address.h"
+
+#include "quorvane_lib/net_socket.h"
+#include "tools/format.h"
+
+namespace qv::tools {
+
+std::string address_text(const unsigned char* address, std::uint16_t port) {
+    return format("%u.%u.%u.%u:%u", unsigned{address[0]}, unsigned{address[1]},
+                  unsigned{address[2]}, unsigned{address[3]}, unsigned{port});
+}
+
+std::string address_text(const sockaddr_in& address) {
+    return address_text(reinterpret_cast<const unsigned char*>(&address.sin_addr),
+                        ntohs(address.sin_port));
+}
+
+std::optional<sockaddr_in> parse_address(const std::string& text) {
+    // The library's parser would take an address alone for one with port 0.
+    const std::string port = text.substr(text.rfind(':') + 1);
+    sockaddr_in address{};
+    if (port.empty() || port.find('.') != std::string::npos ||
+        !net::parse_addr(text.c_str(), nullptr, address)) {
+        return std::nullopt;
+    }
+    address.sin_family = AF_INET;
+    return address;
+}
+
+std::string check_address(const std::string& text) {
+    return parse_address(text).has_value()
+               ? std::string()
+               : "'" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000";
+}
+
+}  // namespace qv::tools

@@ -1,0 +1,24 @@
+// IPv4 addresses with a port, as the programs read and write them. No state; any thread may
+// call.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace qv::tools {
+
+// "a.b.c.d:port"; `address` are 4 bytes in network order, `port` is in host order.
+std::string address_text(const unsigned char* address, std::uint16_t port);
+std::string address_text(const sockaddr_in& address);
+
+// Reads "a.b.c.d:port", or ":port" and "port" for the loopback. Nothing for any other text;
+// an address without port is one.
+std::optional<sockaddr_in> parse_address(const std::string& text);
+
+// For the check of an option: why parse_address() refuses the text; empty when it does not.
+std::string check_address(const std::string& text);
+
+}  // namespace qv::tools
