@@ -71,7 +71,7 @@ def samples_of(path):
 
 def readme_command(pattern):
     """A command as the README shows it."""
-    return next(line.strip() for line in README.splitlines() if re.match("    " + pattern, line))
+    return next(line.strip() for line in README.splitlines() if re.match(" {4,}" + pattern, line))
 
 
 class ReceiverTest(unittest.TestCase):
