@@ -313,10 +313,15 @@ class Dissector(unittest.TestCase):
         self.assertEqual([(row["Side"], row["Packets"], row["End"]) for row in rows],
                          [("-", "0", "2")])
 
-    def exported(self, packets, option="", **options):
-        """The samples of the files that an export makes, and its lines."""
+    def exported_lines(self, packets, option="", **options):
+        """The folder of an export and what it prints."""
         folder = self.folder / "audio"
         text = self.tshark(packets, "-q", "-z", f"quorvane,audio,{folder}{option}", **options)
+        return folder, text.replace(f"{folder}/", "").split("\n\n")[0].splitlines()
+
+    def exported(self, packets, option="", **options):
+        """The samples of the files that an export makes, and its lines."""
+        folder, lines = self.exported_lines(packets, option, **options)
         files = {}
         for path in folder.iterdir():
             with wave.open(str(path), "rb") as file:
@@ -324,7 +329,7 @@ class Dissector(unittest.TestCase):
                 samples = [int.from_bytes(raw[at : at + 2], "little", signed=True)
                            for at in range(0, len(raw), 2)]
                 files[path.name] = (file.getframerate(), samples)
-        return files, text.replace(f"{folder}/", "").split("\n\n")[0].splitlines()
+        return files, lines
 
     def test_audio_of_each_side_is_exported(self):
         heard = frames(100)
@@ -357,9 +362,34 @@ class Dissector(unittest.TestCase):
         files, _ = self.exported(packets)
         self.assertEqual(list(files.values()), [(8000, [5] * 8 + [6] * 8)])
 
-    def test_export_that_cannot_be_written_says_so(self):
-        text = self.tshark(frames(2), "-q", "-z", f"quorvane,audio,{SCRIPT}")
-        self.assertIn(f"cannot make the folder {SCRIPT}", text)
+    def refusal(self, option):
+        """What tshark says about a -z option with which it does not run."""
+        file = self.folder / "capture.pcap"
+        capture.write(file, [(0, packet) for packet in frames(2)])
+        result = subprocess.run(
+            ["tshark", "-X", f"lua_script:{SCRIPT}", "-r", file, "-q", "-z", option],
+            capture_output=True, text=True, timeout=60, check=False)
+        self.assertEqual(result.returncode, 1, result.stderr)
+        return result.stderr
+
+    def test_option_that_cannot_be_followed_is_refused_with_the_reason(self):
+        self.assertIn(f"-z quorvane,audio,{SCRIPT}: cannot make the folder {SCRIPT}\n",
+                      self.refusal(f"quorvane,audio,{SCRIPT}"))
+        self.assertIn("-z quorvane,audio: no folder was given\n", self.refusal("quorvane,audio"))
+        for option in ("calls", "audio,out"):
+            self.assertIn(f"-z quorvane,{option},a b: the filter 'a b' is not understood: ",
+                          self.refusal(f"quorvane,{option},a b"))
+
+    def test_file_that_cannot_be_written_is_reported_and_the_others_are_written(self):
+        folder = self.folder / "audio"
+        folder.mkdir()
+        uuid = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37"
+        (folder / f"{uuid}-originator.wav").symlink_to("/nowhere/at/all")
+        _, lines = self.exported_lines([datagram("call_1_start"), *frames(3),
+                                        *frames(3, leg=0x8001)])
+        self.assertEqual(lines, [
+            f"{uuid}-originator.wav: No such file or directory",
+            f"{uuid}-terminator.wav: 480 samples at 8000 Hz (assumed)"])
 
     def test_field_that_a_filter_asks_for_is_there_without_the_rest(self):
         """A packet of which only some fields are needed has the same as one shown whole."""

@@ -724,11 +724,15 @@ local function file_exists(path)
 end
 
 -- Begins to export; what the dissector then sees goes into files of the folder.
+-- Returns nothing, or why it cannot.
 local function begin_export(folder)
-    export = { folder = folder, legs = {}, order = {}, errors = {} }
-    if not Dir.exists(folder) and not Dir.make(folder) then
-        export.errors[1] = "cannot make the folder " .. folder
+    if folder == "" then
+        return "no folder was given"
+    elseif not Dir.exists(folder) and not Dir.make(folder) then
+        return "cannot make the folder " .. folder
     end
+    export = { folder = folder, legs = {}, order = {} }
+    return nil
 end
 
 -- The path without the side and ending, of which no file is there yet; a further
@@ -839,7 +843,7 @@ end
 
 -- Completes the files; returns what was written, line by line.
 local function end_export()
-    local lines = export.errors
+    local lines = {}
     for _, wav in ipairs(export.order) do
         local rate = sample_rate_of(wav.leg)
         write_block(wav)
@@ -1238,9 +1242,21 @@ local function argument_of(option, name)
     return argument ~= "" and argument or nil
 end
 
--- A listener that hears of every packet which passes the filter.
+-- A listener that hears of every packet which passes the filter; or nil and why
+-- there cannot be one.
 local function listen(filter)
-    return Listener.new("frame", filter and "quorvane && (" .. filter .. ")" or nil)
+    local is_made, listener = pcall(Listener.new, "frame",
+        filter and "quorvane && (" .. filter .. ")" or nil)
+    if not is_made then
+        return nil, "the filter '" .. filter .. "' is not understood: " .. tostring(listener)
+    end
+    return listener
+end
+
+-- tshark goes on after an error in Lua, but not after one in its options.
+local function end_for_option(option, why)
+    io.stderr:write("tshark: -z ", option, ": ", why, "\n")
+    os.exit(1)
 end
 
 -- tshark -z quorvane,calls[,FILTER]: with a filter, the calls of the packets that
@@ -1248,7 +1264,10 @@ end
 local function print_calls_at_the_end(option)
     local filter = argument_of(option, "quorvane,calls")
     local chosen = filter and {}
-    local listener = listen(filter)
+    local listener, why = listen(filter)
+    if not listener then
+        end_for_option(option, why)
+    end
     function listener.packet(pinfo)
         local call = filter and seen.call[pinfo.number]
         if call then
@@ -1260,10 +1279,14 @@ local function print_calls_at_the_end(option)
     end
 end
 
--- Exports the audio of the packets that pass the filter.
+-- Exports the audio of the packets that pass the filter. Returns the listener
+-- that does it; or nil and why it cannot be done.
 local function export_with(folder, filter, tell)
-    local listener = listen(filter)
-    begin_export(folder)
+    local listener, why = listen(filter)
+    why = why or begin_export(folder)
+    if why then
+        return nil, why
+    end
     function listener.packet(pinfo)
         local audio = export and export.waiting
         if audio and audio.number == pinfo.number then
@@ -1281,10 +1304,10 @@ end
 -- tshark -z quorvane,audio,FOLDER[,FILTER]
 local function export_to_the_end(option)
     local folder, filter = (argument_of(option, "quorvane,audio") or ""):match("^([^,]+),?(.*)$")
-    if not folder then
-        error("-z quorvane,audio needs a folder: -z quorvane,audio,FOLDER[,FILTER]", 0)
+    local listener, why = export_with(folder or "", filter ~= "" and filter or nil, print)
+    if not listener then
+        end_for_option(option, why)
     end
-    export_with(folder, filter ~= "" and filter or nil, print)
 end
 
 register_stat_cmd_arg("quorvane,calls", print_calls_at_the_end)
@@ -1298,8 +1321,12 @@ end
 
 local function export_from_the_menu(folder, filter)
     local window = TextWindow.new("Quorvane: exported audio")
-    local listener = export_with(folder, filter ~= "" and filter or nil,
+    local listener, why = export_with(folder, filter ~= "" and filter or nil,
         function(text) window:set(text) end)
+    if not listener then
+        window:set("Nothing was exported: " .. why .. "\n")
+        return
+    end
     retap_packets()
     listener:remove()
 end
@@ -1309,8 +1336,8 @@ local function ask_what_to_export()
 end
 
 if gui_enabled() then
-    register_menu("Quorvane/Calls", show_calls_in_a_window, MENU_STAT_TELEPHONY_UNSORTED)
-    register_menu("Quorvane/Export audio", ask_what_to_export, MENU_STAT_TELEPHONY_UNSORTED)
+    register_menu("Quorvane Calls", show_calls_in_a_window, MENU_STAT_TELEPHONY)
+    register_menu("Quorvane Audio Export", ask_what_to_export, MENU_STAT_TELEPHONY)
 end
 
 local registered_ports = ""
