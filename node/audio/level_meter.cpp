@@ -7,6 +7,9 @@ namespace qv::node {
 
 namespace {
 
+// Of so many samples the lower halves of the squares do not overflow 32 bits.
+constexpr std::size_t LONGEST_PART = 65'536;
+
 double root_mean(double squares, std::uint64_t count) {
     return count == 0 ? 0 : std::sqrt(squares / static_cast<double>(count));
 }
@@ -18,18 +21,32 @@ double decibels(double amplitude) {
 }
 
 void LevelMeter::add(const std::int16_t* samples, std::size_t count) {
-    std::uint64_t squares = 0;
-    int highest = 0;
-    int lowest = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        const int sample = samples[i];
-        squares += static_cast<std::uint32_t>(sample * sample);
-        highest = std::max(highest, sample);
-        lowest = std::min(lowest, sample);
+    while (count > 0) {
+        const std::size_t part = std::min(count, LONGEST_PART);
+        add_part(samples, part);
+        samples += part;
+        count -= part;
     }
-    recent_squares_ += squares;
+}
+
+// The lower and upper halves of the squares are summed apart: so 32 bits hold each sum, and the
+// compiler takes many samples at once.
+void LevelMeter::add_part(const std::int16_t* samples, std::size_t count) {
+    std::uint32_t lower_halves = 0;
+    std::uint32_t upper_halves = 0;
+    std::int16_t highest = 0;
+    std::int16_t lowest = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::int32_t sample = samples[i];
+        const auto square = static_cast<std::uint32_t>(sample * sample);
+        lower_halves += square & 0xFFFF;
+        upper_halves += square >> 16;
+        highest = std::max(highest, samples[i]);
+        lowest = std::min(lowest, samples[i]);
+    }
+    recent_squares_ += lower_halves + (std::uint64_t{upper_halves} << 16);
     recent_count_ += count;
-    peak_ = std::max({peak_, highest, -lowest});
+    peak_ = std::max({peak_, int{highest}, -int{lowest}});
 }
 
 double LevelMeter::level_db() const {

@@ -25,6 +25,8 @@ class LevelMeter {
     double take_recent_db();
 
   private:
+    void add_part(const std::int16_t* samples, std::size_t count);
+
     std::uint64_t count_ = 0;
     std::uint64_t recent_count_ = 0;
     double squares_ = 0;  // Up to the last question.

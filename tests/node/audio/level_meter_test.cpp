@@ -78,4 +78,14 @@ TEST_F(LevelMeterTest, HoursOfFullScaleDoNotOverflow) {
     EXPECT_DOUBLE_EQ(meter_.level_db(), 0.0);
 }
 
+TEST_F(LevelMeterTest, ManySamplesAtOnceDoNotOverflow) {
+    hear(255, 200'000);
+    EXPECT_DOUBLE_EQ(meter_.level_db(), decibels(255));
+    LevelMeter loud;
+    const std::vector<std::int16_t> samples(200'000, -32768);
+    loud.add(samples.data(), samples.size());
+    EXPECT_DOUBLE_EQ(loud.level_db(), 0.0);
+    EXPECT_DOUBLE_EQ(loud.peak_db(), 0.0);
+}
+
 }  // namespace
