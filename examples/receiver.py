@@ -2,8 +2,8 @@
 """A media node to start from: one WAV file per side of each call, one JSON line per event.
 
 Needs Python 3.10 and nothing else; docs/protocol.md describes the packets and the rules. Events
-have the names and fields of quorvane-node's. A call is held in memory until it ends; quorvane-node
-is the receiver that you can leave running.
+have the names and fields of quorvane-node's; only `dropped`, a data packet that is not used, is its
+own. A call is held in memory until it ends; quorvane-node is the receiver that you can leave running.
 """
 import argparse, datetime, json, pathlib, select, signal, socket, struct, sys, time, uuid, wave
 
