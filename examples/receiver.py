@@ -3,7 +3,7 @@
 
 Needs Python 3.10 and nothing else; docs/protocol.md describes the packets and the rules. Events
 have the names and fields of quorvane-node's; only `dropped`, a data packet that is not used, is its
-own. A call is held in memory until it ends; quorvane-node is the receiver that you can leave running.
+own. A call is held in memory until it ends; quorvane-node is the receiver to leave running.
 """
 import argparse, datetime, json, pathlib, select, signal, socket, struct, sys, time, uuid, wave
 

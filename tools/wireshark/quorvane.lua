@@ -740,7 +740,8 @@ end
 local function free_stem(call)
     local stem = export.folder .. "/" .. uuid_text(call.uuid)
     local numbered, number = stem, 1
-    while file_exists(numbered .. "-originator.wav") or file_exists(numbered .. "-terminator.wav") do
+    while file_exists(numbered .. "-originator.wav")
+        or file_exists(numbered .. "-terminator.wav") do
         number = number + 1
         numbered = stem .. "-" .. number
     end
