@@ -46,6 +46,7 @@ struct CallOptions {
     std::optional<std::string> codec = "L16";  // IANA name carried by the frames; may be absent
     std::uint32_t rate = 8000;                 // samples a second
     std::chrono::microseconds frame_time{20000};
+    std::string external_id;  // finds the session as its UUID does; empty: none
 };
 
 enum class Pace {

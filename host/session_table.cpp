@@ -18,18 +18,32 @@ void SessionTable::remove(const std::string& uuid) {
 // Held until the session has its lock, so that it cannot end in between.
 switch_core_session_t* SessionTable::locate(const std::string& uuid) const {
     const std::lock_guard<std::mutex> guard(lock_);
-    const auto found = sessions_.find(uuid);
-    if (found == sessions_.end() || !found->second->read_lock().try_lock()) {
+    const std::shared_ptr<Session> session = find(uuid);
+    if (session == nullptr || !session->read_lock().try_lock()) {
         return nullptr;
     }
-    if (found->second->channel().down()) {
-        found->second->read_lock().unlock();
+    if (session->channel().down()) {
+        session->read_lock().unlock();
         return nullptr;
     }
     auto& counters = current_host().counters;
     ++counters.read_locks_held;
     ++counters.read_locks_taken;
-    return found->second->handle();
+    return session->handle();
+}
+
+// By its UUID, else by its external id. lock_ held.
+std::shared_ptr<Session> SessionTable::find(const std::string& name) const {
+    const auto found = sessions_.find(name);
+    if (found != sessions_.end()) {
+        return found->second;
+    }
+    for (const auto& [uuid, session] : sessions_) {
+        if (!name.empty() && session->options().external_id == name) {
+            return session;
+        }
+    }
+    return nullptr;
 }
 
 std::vector<std::shared_ptr<Session>> SessionTable::all() const {

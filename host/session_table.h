@@ -36,6 +36,8 @@ class SessionTable {
     Pause pause_bugs() const;
 
   private:
+    std::shared_ptr<Session> find(const std::string& name) const;
+
     mutable std::mutex lock_;  // guards the two below
     std::unordered_map<std::string, std::shared_ptr<Session>> sessions_;
     std::vector<std::shared_ptr<Session>> kept_;

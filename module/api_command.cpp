@@ -313,6 +313,8 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
 
     // The answers below carry no line end and run together. Intended.
     AppContext* create_context() QV_REQUIRES(module().contexts_lock) {
+        const char* session_uuid = switch_core_session_get_uuid(session());
+        note_other_name(session_uuid);
         AppContext* context = add_context(module().contexts, id());
         if (context == nullptr) {
             log::ErrorMessage message;
@@ -320,11 +322,21 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
             QV_LOG_WRITE(message);
             return nullptr;
         }
+        context->set_session_uuid(session_uuid);
         log::SystemMessage message;
         message.stream << "app context added, id: " << id();
         QV_LOG_WRITE(message);
         answer(stream(), "%s: app context added, id: %lu", NAME, id());
         return context;
+    }
+
+    // The host also finds a session by its external id.
+    void note_other_name(const char* session_uuid) QV_REQUIRES(module().contexts_lock) {
+        CallIdentity session_call;
+        if (session_uuid != nullptr && identify(session_uuid, session_call) &&
+            session_call.id != id()) {
+            module().other_names.emplace(session_call.id, id());
+        }
     }
 
     // The registry lock is held, too: it keeps the context.

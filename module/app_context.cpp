@@ -1,5 +1,6 @@
 #include "module/app_context.h"
 
+#include <cstring>
 #include <new>
 #include <string_view>
 
@@ -86,6 +87,13 @@ bool AppContext::mark_configured(switch_core_session* session) {
     }
     created_time = static_cast<std::uint64_t>(timetable->created);
     return true;
+}
+
+void AppContext::set_session_uuid(const char* text) {
+    const std::size_t length = text == nullptr ? 0 : std::strlen(text);
+    if (length < sizeof(session_uuid_)) {
+        std::memcpy(session_uuid_, text == nullptr ? "" : text, length + 1);
+    }
 }
 
 void AppContext::lend_to_bug() {

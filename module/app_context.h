@@ -93,6 +93,15 @@ class AppContext {
     void add_reference() { references_.add_reference(); }
     std::int32_t drop_reference() { return references_.drop_reference(); }
 
+    // True while nobody but the registry holds a reference. The registry lock is held: a new
+    // reference comes from the registry only.
+    bool is_only_registered() const { return references_.references() == 1; }
+
+    // The UUID of the call's session as the host writes it; empty when unknown or too long.
+    // Guarded by the registry lock.
+    const char* session_uuid() const { return session_uuid_; }
+    void set_session_uuid(const char* text);
+
     // A media bug's reference. The host keeps a plain pointer for the bug, so the context
     // counts the bugs itself: `lend_to_bug` before the host gets the pointer,
     // `take_back_from_bug` when the bug closes or the host has refused it. Taking back gives
@@ -136,6 +145,7 @@ class AppContext {
   private:
     ReferenceCountable references_;
     std::atomic<int> lent_{0};  // Of these, what media bugs hold.
+    char session_uuid_[64] = {};
 };
 
 // AppContext::parse_audio_activity or AppContext::parse_sample_detection.

@@ -1,20 +1,22 @@
 #include "module/mod_quorvane.h"
 
-#include <dlfcn.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>  // The standard streams stand before the objects below, and after them.
+#include <iterator>
+#include <map>
 #include <new>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "build_identifier.h"
 #include "module/api_command.h"
+#include "module/attached_bugs.h"
 #include "module/event_text.h"
 #include "module/host_log.h"
 #include "module/module_context.h"
@@ -35,67 +37,24 @@ const std::string CONFIG_FILE_PATH =
 
 ModuleContext global;
 
+AttachedBugs g_bugs(global.socket);
+
+// Frees what is registered yet when this object goes away: contexts without a media bug.
+struct LeftContexts {
+    LeftContexts() = default;
+    LeftContexts(const LeftContexts&) = delete;
+    LeftContexts& operator=(const LeftContexts&) = delete;
+    ~LeftContexts() {
+        const RegistryGuard guard(global.contexts_lock);
+        while (!global.contexts.empty()) {
+            remove_context(global.contexts, global.contexts.begin()->first);
+        }
+    }
+};
+LeftContexts g_left_contexts;
+
 switch_event_node_t* g_channel_destroy_hook = nullptr;
 switch_event_node_t* g_dump_event_hook = nullptr;
-
-// ---- staying mapped ---------------------------------------------------------------
-
-// The reference that keeps this object mapped; null when there is none.
-void* g_lasting_reference = nullptr;
-
-// Media bugs that the host may still call, up to the end of their CLOSE. The registry does
-// not tell: a context may lose its entry while its bug is attached, and loses it before its
-// bug has closed. The host unloads a module without waiting for either.
-std::atomic<int> g_attached_bugs{0};
-
-// Held to count a bug down, and while load and shutdown go by the count.
-Mutex g_bugs_lock;
-
-// The last one of a module that is unloaded: nobody sends any more.
-void count_bug_down() {
-    const LockGuard guard(g_bugs_lock);
-    if (--g_attached_bugs == 0) {
-        global.socket.release_number();
-    }
-}
-
-// Calls that are tapped go on to send, and find the socket closed.
-void close_socket() {
-    const LockGuard guard(g_bugs_lock);
-    if (g_attached_bugs == 0) {
-        global.socket.close();
-    } else {
-        global.socket.close_under_senders();
-    }
-}
-
-bool open_socket() {
-    const LockGuard guard(g_bugs_lock);
-    return global.socket.open(0, 0);
-}
-
-// Keeps this object mapped after the host closes it. The host counts neither media bugs
-// nor the hooks of a load that failed: without this the next callback would jump into
-// memory that is gone.
-void stay_mapped() {
-    Dl_info self{};
-    if (g_lasting_reference == nullptr && ::dladdr(&global, &self) != 0) {
-        g_lasting_reference = ::dlopen(self.dli_fname, RTLD_NOW | RTLD_NOLOAD);
-    }
-    if (g_lasting_reference == nullptr) {
-        log_line<log::ERROR>(QV_PLACE,
-                             "module does not stay mapped while calls are tapped: the "
-                             "end of such a call may crash the host");
-    }
-}
-
-// Gives the reference back; the host's own still keeps the object mapped.
-void stay_no_longer() {
-    if (g_lasting_reference != nullptr) {
-        ::dlclose(g_lasting_reference);
-        g_lasting_reference = nullptr;
-    }
-}
 
 // ---- configuration of a call ------------------------------------------------------
 
@@ -313,7 +272,7 @@ bool unregister(const AppContext& context) {
 }
 
 void attach(AppContext& context) {
-    ++g_attached_bugs;
+    g_bugs.add();
     context.lend_to_bug();
 }
 
@@ -322,7 +281,7 @@ void attach(AppContext& context) {
 ContextReference detach(AppContext& context) {
     ContextReference reference = context.take_back_from_bug();
     if (!reference) {
-        ++g_attached_bugs;
+        g_bugs.add();
         reference = ContextReference(&context);
     }
     return reference;
@@ -331,7 +290,7 @@ ContextReference detach(AppContext& context) {
 // The bug that the host has refused holds nothing, whether it was closed or not.
 void forget_refused_bug(AppContext& context) {
     if (context.take_back_from_bug()) {
-        count_bug_down();
+        g_bugs.remove();
     }
 }
 
@@ -372,7 +331,7 @@ switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc
             break;
         case SWITCH_ABC_TYPE_CLOSE:
             handle_close(session, detach(*context));
-            count_bug_down();
+            g_bugs.remove();
             break;
         default:
             break;
@@ -425,6 +384,7 @@ ContextReference claim_context(switch_core_session_t* session, std::uint64_t id)
                                       "app context found; configuring");
     }
     if (context != nullptr) {
+        context->set_session_uuid(switch_core_session_get_uuid(session));
         context->mark_configured(session);
     }
     return ContextReference(context);
@@ -512,6 +472,19 @@ ContextReference take_context(std::uint64_t id) {
     return entry ? std::move(*entry) : ContextReference();
 }
 
+// What the API has added for the session under another name of it ends with the session.
+void remove_contexts_of_other_names(std::uint64_t session_key) {
+    const RegistryGuard guard(global.contexts_lock);
+    const auto [first, last] = global.other_names.equal_range(session_key);
+    for (auto name = first; name != last; ++name) {
+        const AppContext* context = find_context(global.contexts, name->second);
+        if (context != nullptr && context->created_time == 0) {
+            remove_context(global.contexts, name->second);
+        }
+    }
+    global.other_names.erase(first, last);
+}
+
 // Frees contexts whose bug was never attached, or whose application never ran. The event
 // may also be about another call than it says: a context that is in use only loses its
 // entry, and lives on.
@@ -528,6 +501,7 @@ void channel_destroy_handler(switch_event_t* event) {
         return;
     }
     const ContextReference context = take_context(call.id);
+    remove_contexts_of_other_names(call.id);
     if (!context) {
         return;
     }
@@ -590,6 +564,49 @@ void reset_settings() {
     global.config = Configuration();
 }
 
+bool is_alive(const std::string& session_uuid) {
+    switch_core_session_t* session = switch_core_session_perform_locate(
+        session_uuid.c_str(), log::source_base_name(__FILE__), LOAD, __LINE__);
+    if (session != nullptr) {
+        switch_core_session_rwunlock(session);
+    }
+    return session != nullptr;
+}
+
+void forget_other_names_without_context() {
+    const RegistryGuard guard(global.contexts_lock);
+    for (auto name = global.other_names.begin(); name != global.other_names.end();) {
+        const bool gone = find_context(global.contexts, name->second) == nullptr;
+        name = gone ? global.other_names.erase(name) : std::next(name);
+    }
+}
+
+// The contexts that nobody uses, by their keys, with the UUIDs of their sessions.
+std::map<std::uint64_t, std::string> idle_contexts() {
+    std::map<std::uint64_t, std::string> idle;
+    const RegistryGuard guard(global.contexts_lock);
+    for (const auto& [id, context] : global.contexts) {
+        if (context != nullptr && context->is_only_registered() &&
+            *context->session_uuid() != '\0') {
+            idle.emplace(id, context->session_uuid());
+        }
+    }
+    return idle;
+}
+
+// An object that stayed mapped has missed the ends of calls while it was unloaded. Those of
+// calls with a media bug need none. The hook is bound again: an end from now on is not missed.
+void drop_contexts_of_ended_calls() {
+    // A session is looked for without the registry lock: its own lock comes first.
+    for (const auto& [id, session_uuid] : idle_contexts()) {
+        if (!is_alive(session_uuid)) {
+            const RegistryGuard guard(global.contexts_lock);
+            remove_context(global.contexts, id);
+        }
+    }
+    forget_other_names_without_context();
+}
+
 bool read_configuration() {
     // Where arguments of the module would come from; nothing fills it.
     const std::string arguments;
@@ -639,7 +656,7 @@ bool bind_events() {
         switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
                           nullptr, SWITCH_LOG_ERROR, "[quorvane]: couldn't bind event hook!\n");
         // The first hook stays bound, and the host is about to close this object.
-        stay_mapped();
+        g_bugs.load_left_a_hook();
         return false;
     }
     return true;
@@ -663,7 +680,7 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
     log::Logger::set_level(global.config.level);
     log_line<log::SYSTEM>(QV_PLACE, "configuration loaded");
 
-    if (!open_socket()) {
+    if (!g_bugs.open_socket()) {
         return SWITCH_STATUS_TERM;
     }
     log_line<log::SYSTEM>(QV_PLACE, "transfer socket opened");
@@ -675,24 +692,20 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
     if (!bind_events()) {
         return SWITCH_STATUS_TERM;
     }
+    drop_contexts_of_ended_calls();
+    g_bugs.loaded();
     log_line<log::SYSTEM>(QV_PLACE, "module has been loaded");
     return SWITCH_STATUS_SUCCESS;
 }
 
 // Sends nothing and frees no context: calls that are still tapped end on their own, and
-// this object stays mapped for their sake.
+// this object stays mapped for their sake, no longer than they last.
 switch_status_t mod_quorvane_shutdown() {
-    close_socket();
+    g_bugs.close_socket();
     unbind(g_dump_event_hook);
     unbind(g_channel_destroy_hook);
     log_line<log::SYSTEM>(QV_PLACE, "module has been shutdown");
-
-    const RegistryGuard guard(global.contexts_lock);
-    if (global.contexts.empty() && g_attached_bugs == 0) {
-        stay_no_longer();
-    } else {
-        stay_mapped();
-    }
+    g_bugs.unloaded();
     return SWITCH_STATUS_SUCCESS;
 }
 

@@ -4,6 +4,9 @@
 // is one, `global` in mod_quorvane.cpp; everything else gets a reference to it.
 #pragma once
 
+#include <cstdint>
+#include <unordered_map>
+
 #include "module/app_context.h"
 #include "module/media_transfer.h"
 #include "module/module_options.h"
@@ -24,6 +27,10 @@ class ModuleContext {
 
     // The registry lock.
     Mutex contexts_lock;
+
+    // The API finds a session by other names than its UUID, too, and its context then has the
+    // key of that name. From the session's own key to those: a session's end names its UUID.
+    std::unordered_multimap<std::uint64_t, std::uint64_t> other_names QV_GUARDED_BY(contexts_lock);
 };
 
 }  // namespace qv::freeswitch

@@ -123,6 +123,41 @@ TEST_F(ChannelDestroy, ContextThatWasFreedIsUnknownToTheApi) {
                                         UUID + "/" + KEY);
 }
 
+// The API finds a session by its external id as well; the event names the UUID only.
+TEST_F(ChannelDestroy, ContextUnderAnExternalIdEndsWithItsSession) {
+    const std::string external_id = "0123456789abcdef0123456789abcdef";
+    host::CallOptions options;
+    options.external_id = external_id;
+    const auto call = start_call_as(std::move(options));
+    EXPECT_EQ(api(external_id + " audio_activity start").rfind("audio_activity: app context", 0),
+              0U);
+    EXPECT_EQ(api(external_id + " features"), "----AA\n");
+    take_log();
+    hangup(*call);
+    EXPECT_TRUE(take_log().empty());
+
+    options = {};
+    options.uuid = external_id;
+    const auto next = start_call_as(std::move(options));
+    EXPECT_EQ(api(external_id + " features").rfind("-ERR, features: session context not found", 0),
+              0U);
+}
+
+// A call has the other's external id as its UUID, and is tapped.
+TEST_F(ChannelDestroy, ContextUnderAnExternalIdStaysWithTheCallThatHasItAsUuid) {
+    host::CallOptions options;
+    options.uuid = "c2d8e1f4-7a06-45b3-a190-9c3d5e7f2b68";
+    options.external_id = UUID;
+    const auto other = start_call_as(std::move(options));
+    call_api("audio_activity start");
+    const auto call = start_tapped_call();
+    hangup(*other);
+    EXPECT_EQ(call_api("features"), "----AA\n");
+    host.log().clear();
+    hangup(*call);
+    EXPECT_FALSE(host.log().contains("MAGIC"));
+}
+
 }  // namespace
 
 }  // namespace qv::tests

@@ -129,7 +129,7 @@ std::vector<std::string> left_over(const RunReport& report) {
     add_if(left, report.host.unlocks_without_lock, "lock", "given back without being held");
     add_if(left, report.host.frames_altered, "frame", "altered by the module");
     if (report.unload.unloaded && !report.unload.left_memory) {
-        left.push_back("the module stayed in memory: calls are left in its registry");
+        left.push_back("the module stayed in memory: it still counts media bugs");
     }
     return left;
 }

@@ -51,14 +51,21 @@ def is_mapped(host) -> bool:
 
 
 @scenario
-def code_kept_for_tapped_calls_goes_with_the_next_idle_unload(s):
+def code_kept_for_tapped_calls_goes_with_the_last_of_them(s):
     with s.own_host() as host:
-        uuid, = start_calls(s, host, 1)
+        first, last = start_calls(s, host, 2)
         host.unload_module()
-        host.kill(uuid)
-        host.events.wait_for("CHANNEL_DESTROY", uuid)
-        check(is_mapped(host), "the code is gone although a call was tapped")
-        host.load_module()
+        host.kill(first)
+        host.events.wait_for("CHANNEL_DESTROY", first)
+        time.sleep(1.5)
+        check(is_mapped(host), "the code is gone although a call is tapped")
+        host.kill(last)
+        host.events.wait_for("CHANNEL_DESTROY", last)
+        deadline = time.monotonic() + 5
+        while is_mapped(host) and time.monotonic() < deadline:
+            time.sleep(0.1)
+        check(not is_mapped(host), "the code is still there after the last tapped call")
+        check(host.load_module().endswith("+OK"), "the module does not load again")
         check_equal(host.unload_module(), "+OK", "idle unload")
         check(not is_mapped(host), "the code is still there after an idle unload")
 

@@ -54,7 +54,7 @@ TEST_F(ReportTest, ARunWithoutTroubleHasNoProblems) {
 
 TEST_F(ReportTest, AModuleThatStaysInMemoryHasCallsLeft) {
     report_.unload.left_memory = false;
-    const std::string text = "the module stayed in memory: calls are left in its registry";
+    const std::string text = "the module stayed in memory: it still counts media bugs";
     EXPECT_EQ(problems_of(report_), (std::vector<std::string>{text}));
     EXPECT_EQ(line("Left over "), text);
     EXPECT_EQ(report_json(report_)["module"]["gone_from_memory"], false);
