@@ -20,7 +20,6 @@
  *                  FILES that other code opens; CONTEXTS, the memory for them
  *   ALLOW_...      the host, or somebody who talks to it, does this
  *   ASSUME_...     the host never does this, though nothing keeps it from it
- *   IGNORE_...     this rule is not asked for
  *   HOST_...       the host breaks a rule that the module relies on
  *   WRONG_...      the module has this fault
  */
@@ -75,6 +74,7 @@ typedef Context {
     bit not_freed;       /* Memory is never given out a second time. */
     bit configured;      /* created_time is not 0. */
     bit start_sent;
+    byte session;        /* session_uuid_: the call, or NONE. */
     byte key;            /* `id`; NONE until the application writes it. */
     byte references;     /* ReferenceCountable::references_ */
     byte lent;           /* AppContext::lent_ */
@@ -90,16 +90,22 @@ byte contexts_made;
 
 byte entry[KEYS];        /* The registry: NOBODY, or the index of a context plus 1. */
 byte registry_lock;      /* contexts_lock: who holds it. */
-byte attached_bugs;      /* g_attached_bugs */
-byte bugs_lock;          /* g_bugs_lock: who holds it. */
+bit other_name[KEYS];    /* other_names: this call has been found under its second name. */
+byte attached_bugs;      /* AttachedBugs::count_ */
+byte bugs_lock;          /* AttachedBugs::lock_: who holds it. */
+bit loaded;              /* AttachedBugs::loaded_ */
+bit hook_left;           /* AttachedBugs::hook_left_ */
+bit reference;           /* AttachedBugs::reference_ holds one. */
+bit postponed;           /* A reference that a thread gives back a second later, */
+byte leaving;            /* and those of threads that nobody can hurry any more. */
 bit hook_bound;          /* g_channel_destroy_hook */
-bit lasting_reference;   /* g_lasting_reference */
 byte descriptor = NONE;  /* Socket::descriptor_ */
 byte taken = NONE;       /* Socket::taken_number_ */
 
 /* ==== what the host and the system keep ============================================= */
 
 bit module_mapped;            /* The object is in memory. */
+bit host_reference;           /* The host has not closed it. */
 bit interfaces_known;         /* The application and the API command can be found. */
 byte module_users;            /* Threads in the application or in a command. */
 byte event_readers;           /* Event threads in callbacks; unbinding waits for them. */
@@ -188,6 +194,7 @@ inline add_context(k, c) {
     context[c].not_freed = 1;
     context[c].references = 1;
     context[c].key = NONE;
+    context[c].session = NONE;
     entry[k] = c + 1;
     printf("%d: context %d is added under key %d\n", _pid, c, k)
 }
@@ -233,9 +240,11 @@ inline leave() {
 #endif
 }
 
-/* code: module/mod_quorvane.cpp count_bug_down: g_bugs_lock; --g_attached_bugs == 0;
- *       release_number
- * code: quorvane_lib/net_socket.cpp Socket::release_number: ::close; taken_number_ */
+/* code: module/attached_bugs.cpp AttachedBugs::remove: lock_; --count_ > 0; release_number;
+ *       !loaded_ && !hook_left_; give_back_after
+ * code: quorvane_lib/net_socket.cpp Socket::release_number: ::close; taken_number_
+ * code: module/object_reference.cpp ObjectReference::give_back_after: handle_ == nullptr;
+ *       hurry_postponed(); handle_ = nullptr */
 inline count_bug_down() {
 #if RELOADS > 0
     atomic { take(bugs_lock); here; attached_bugs-- }
@@ -246,13 +255,26 @@ inline count_bug_down() {
         :: else
         fi
     }
-    atomic { here_still; give(bugs_lock) }
+    atomic {
+        here_still;
+        if
+#ifndef WRONG_OBJECT_STAYS_MAPPED
+        :: attached_bugs == 0 && !loaded && !hook_left && reference ->
+#else
+        :: false ->
+#endif
+            reference = 0;
+            postponed = 1  /* An earlier thread has been hurried. */
+        :: else
+        fi;
+        give(bugs_lock)
+    }
 #else
     atomic { here; attached_bugs-- }
 #endif
 }
 
-/* code: module/mod_quorvane.cpp open_socket: g_bugs_lock; socket.open
+/* code: module/attached_bugs.cpp AttachedBugs::open_socket: lock_; socket_.open
  * code: quorvane_lib/net_socket.cpp Socket::open: descriptor() >= 0; ::socket;
  *       use_taken_number; descriptor_.store
  * code: quorvane_lib/net_socket.cpp Socket::use_taken_number: ::dup2; ::close; taken_number_ */
@@ -273,8 +295,8 @@ inline open_socket() {
     atomic { here; give(bugs_lock) }
 }
 
-/* code: module/mod_quorvane.cpp close_socket: g_bugs_lock; g_attached_bugs == 0;
- *       socket.close(); socket.close_under_senders()
+/* code: module/attached_bugs.cpp AttachedBugs::close_socket: lock_; count_ == 0;
+ *       socket_.close(); socket_.close_under_senders()
  * code: quorvane_lib/net_socket.cpp Socket::close: descriptor_.exchange(-1; ::close;
  *       release_number
  * code: quorvane_lib/net_socket.cpp Socket::close_under_senders: descriptor_.exchange(-1;
@@ -357,8 +379,8 @@ inline unregister(c) {
     fi
 }
 
-/* code: module/mod_quorvane.cpp media_handler: handle_close(session, detach(; count_bug_down
- * code: module/mod_quorvane.cpp detach: take_back_from_bug; ++g_attached_bugs;
+/* code: module/mod_quorvane.cpp media_handler: handle_close(session, detach(; g_bugs.remove
+ * code: module/mod_quorvane.cpp detach: take_back_from_bug; g_bugs.add;
  *       ContextReference(&context)
  * code: module/mod_quorvane.cpp handle_close: media_terminate; report_transfer; unregister */
 inline handle_close(c) {
@@ -385,8 +407,8 @@ inline handle_close(c) {
 /* ---- application ------------------------------------------------------------------- */
 
 /* code: module/mod_quorvane.cpp claim_context: contexts_lock; contexts.find; create_context;
- *       created_time != 0; mark_configured; ContextReference(context) */
-inline claim_context(k, c) {
+ *       created_time != 0; set_session_uuid; mark_configured; ContextReference(context) */
+inline claim_context(s, k, c) {
     atomic {
         take(registry_lock);
         here;
@@ -401,6 +423,7 @@ inline claim_context(k, c) {
         if
         :: c != NONE ->
             touch(c);
+            context[c].session = s;
 #ifndef HOST_HAS_NO_TIMETABLE
             context[c].configured = 1;
 #endif
@@ -419,8 +442,8 @@ inline claim_context(k, c) {
 #endif
 }
 
-/* code: module/mod_quorvane.cpp attach: ++g_attached_bugs; lend_to_bug
- * code: module/mod_quorvane.cpp forget_refused_bug: take_back_from_bug; count_bug_down
+/* code: module/mod_quorvane.cpp attach: g_bugs.add; lend_to_bug
+ * code: module/mod_quorvane.cpp forget_refused_bug: take_back_from_bug; g_bugs.remove
  * code: module/mod_quorvane.cpp attach_media_bug: attach(; switch_core_media_bug_add;
  *       forget_refused_bug */
 inline attach_media_bug(s, c) {
@@ -451,7 +474,7 @@ inline attach_media_bug(s, c) {
 /* code: module/mod_quorvane.cpp start_application: claim_context; context->uuid; context->id;
  *       configure_context; attach_media_bug */
 inline start_application(s) {
-    claim_context(KEY(s), c);
+    claim_context(s, KEY(s), c);
     if
     :: c != NONE ->
         atomic {
@@ -482,14 +505,21 @@ inline start_application(s) {
 
 /* code: module/api_command.cpp FeatureApiCommandImpl::update: contexts_lock; find_context;
  *       create_context; context->context_lock; update(
+ * code: module/api_command.cpp FeatureApiCommandImpl::create_context: note_other_name;
+ *       add_context; set_session_uuid
  * code: module/api_command.cpp FeatureApiCommandImpl::execute: lock(); update(; unlock() */
-inline run_api_command(k) {
+inline run_api_command(s, k) {
     atomic {
         take(registry_lock);
         here;
         c = entry[k];
         if
-        :: c == NOBODY -> add_context(k, c)
+        :: c == NOBODY ->
+            add_context(k, c);
+            context[c].session = s;
+#if defined(ALLOW_SECOND_NAME) && !defined(WRONG_SECOND_NAME_IS_FORGOTTEN)
+            other_name[KEY(s)] = other_name[KEY(s)] || k != KEY(s)
+#endif
         :: else -> c--
         fi
     }
@@ -516,11 +546,32 @@ inline run_api_command(k) {
 /* ---- events ------------------------------------------------------------------------ */
 
 /* code: module/mod_quorvane.cpp take_context: contexts_lock; remove_context
- * code: module/mod_quorvane.cpp channel_destroy_handler: take_context; created_time != 0 */
+ * code: module/mod_quorvane.cpp remove_contexts_of_other_names: contexts_lock; find_context;
+ *       created_time == 0; remove_context; other_names.erase
+ * code: module/mod_quorvane.cpp channel_destroy_handler: take_context;
+ *       remove_contexts_of_other_names; created_time != 0 */
 inline channel_destroy_handler(k) {
     atomic { take(registry_lock); here }
     remove_context(k, c);
     atomic { give(registry_lock) }
+#ifdef ALLOW_SECOND_NAME
+    atomic {
+        take(registry_lock);
+        here;
+        if
+        :: other_name[k] && entry[KEYS - 1] != NOBODY ->
+            other = entry[KEYS - 1] - 1;
+            entry[KEYS - 1] = NOBODY
+        :: else -> other = NONE
+        fi;
+        other_name[k] = 0
+    }
+    if
+    :: other != NONE -> drop_reference(other)
+    :: else
+    fi;
+    atomic { give(registry_lock); other = 0 }
+#endif
     if
     :: c != NONE ->
 #ifdef WRONG_DELETE_IN_DESTROY_HANDLER
@@ -535,23 +586,81 @@ inline channel_destroy_handler(k) {
 
 /* ---- load and shutdown ------------------------------------------------------------- */
 
+/* An object that stayed mapped has missed the end of calls.
+ * code: module/mod_quorvane.cpp idle_contexts: contexts_lock; is_only_registered
+ * code: module/mod_quorvane.cpp drop_contexts_of_ended_calls: idle_contexts(; is_alive;
+ *       contexts_lock; remove_context */
+inline drop_contexts_of_ended_calls() {
+    for (k : 0 .. KEYS - 1) {
+        atomic {
+            take(registry_lock);
+            here;
+            c = entry[k];
+            if
+            :: c != NOBODY ->
+                c--;
+                touch(c);
+                if
+                :: context[c].references == 1 -> c = context[c].session
+                :: else -> c = NONE
+                fi
+            :: else -> c = NONE
+            fi;
+            give(registry_lock)
+        }
+        atomic {
+            here;
+            if
+            :: c != NONE && session_known[c] -> c = NONE
+            :: else
+            fi
+        }
+        if
+        :: c != NONE ->
+            atomic { take(registry_lock); here }
+            remove_context(k, c);
+            if
+            :: c != NONE -> drop_reference(c)
+            :: else
+            fi;
+            atomic { give(registry_lock) }
+        :: else
+        fi
+    }
+    c = 0;
+    k = 0
+}
+
 /* code: module/mod_quorvane.cpp mod_quorvane_load: open_socket; register_application;
- *       bind_events
- * code: module/mod_quorvane.cpp bind_events: bind(; bind(; stay_mapped
+ *       bind_events; drop_contexts_of_ended_calls; g_bugs.loaded
+ * code: module/mod_quorvane.cpp bind_events: bind(; bind(; g_bugs.load_left_a_hook
+ * code: module/attached_bugs.cpp AttachedBugs::load_left_a_hook: lock_; hook_left_ = true;
+ *       take_reference
+ * code: module/attached_bugs.cpp AttachedBugs::loaded: lock_; loaded_ = true;
+ *       hook_left_ = false
  * code: module/mod_quorvane.cpp bind: unbind(hook); switch_event_bind_removable */
-inline load(loaded) {
+inline load(success) {
     open_socket();
     atomic { !hook_bound || event_readers == 0 -> here; hook_bound = 0 }
     atomic { here; hook_bound = 1 }
     if
-    :: loaded = 1
+    :: success = 1;
+#ifdef HOST_CALLS_DURING_LOAD
+        interfaces_known = 1;
+#endif
+#ifndef WRONG_CONTEXTS_OF_ENDED_CALLS_STAY
+        drop_contexts_of_ended_calls();
+#endif
+        atomic { bugs_lock == NOBODY -> here; loaded = 1; hook_left = 0 }
 #ifdef ALLOW_FAILED_LOAD
     :: atomic {
+            bugs_lock == NOBODY ->
             here;
+            success = 0;
 #ifndef WRONG_FAILED_LOAD_IS_UNMAPPED
-            lasting_reference = 1;
+            hook_left = 1;
+            reference = 1
 #endif
-            loaded = 0
         }
 #endif
     fi;
@@ -559,21 +668,32 @@ inline load(loaded) {
 }
 
 /* code: module/mod_quorvane.cpp mod_quorvane_shutdown: close_socket;
- *       unbind(g_channel_destroy_hook); contexts_lock; global.contexts.empty();
- *       g_attached_bugs; stay_no_longer; stay_mapped */
+ *       unbind(g_channel_destroy_hook); g_bugs.unloaded
+ * code: module/attached_bugs.cpp AttachedBugs::unloaded: lock_; loaded_ = false;
+ *       hook_left_ = false; count_ > 0; take_reference; lock_; give_back
+ * code: module/object_reference.cpp ObjectReference::give_back: hurry_postponed; ::dlclose */
 inline shutdown() {
     close_socket();
+#ifdef HOST_UNBINDS_DURING_CALLBACK
+    atomic { here; hook_bound = 0 }
+#else
     atomic { event_readers == 0 -> here; hook_bound = 0 }
+#endif
     atomic {
-        take(registry_lock);
+        bugs_lock == NOBODY ->
         here;
-        lasting_reference = (attached_bugs != 0);
-        for (k : 0 .. KEYS - 1) {
-            lasting_reference = lasting_reference || entry[k] != NOBODY
-        }
-        give(registry_lock);
-        k = 0
+        loaded = 0;
+        hook_left = 0;
+        k = (attached_bugs > 0);
+#ifndef WRONG_UNMAPPED_UNDER_BUGS
+        reference = reference || k
+#endif
     }
+    if
+    :: !k -> atomic { bugs_lock == NOBODY -> here; reference = 0; postponed = 0 }
+    :: else
+    fi;
+    k = 0;
     leave()
 }
 
@@ -710,7 +830,7 @@ proctype api_thread() {
             :: k = KEYS - 1
             fi;
 #endif
-            run_api_command(k);
+            run_api_command(s, k);
             atomic { session_readers[s]--; c = 0; k = 0 }
         :: !session_known[s]
         fi;
@@ -723,7 +843,7 @@ proctype api_thread() {
 /* Delivers the destroy events of calls that have ended, after any time and in any order,
  * and those that somebody has made up. */
 proctype event_thread() {
-    byte c, left, k, strays;
+    byte c, left, k, other, strays;
     do
     :: atomic {
             events_waiting > 0 || strays < STRAYS ->
@@ -748,36 +868,62 @@ proctype event_thread() {
     finished++
 }
 
-/* Without a lasting reference the object goes, and its static objects with it. A load makes
- * them anew. */
-inline host_close_object() {
-    atomic {
-        if
-        :: !lasting_reference ->
-            module_mapped = 0;
-            assert(attached_bugs == 0);
-            for (k : 0 .. KEYS - 1) {
-                assert(entry[k] == NOBODY)
-            }
+/* Without a reference the object goes, and its static objects with it, also what is left in
+ * the registry. A load makes them anew.
+ * code: module/mod_quorvane.cpp ~LeftContexts: contexts_lock; remove_context */
+inline host_unmap() {
+    if
+    :: !host_reference && !reference && !postponed && leaving == 0 ->
+        module_mapped = 0;
+        assert(!(attached_bugs > 0));
+        for (k : 0 .. KEYS - 1) {
             if
-            :: descriptor != NONE -> number[descriptor] = unused; descriptor = NONE
+            :: entry[k] != NOBODY ->
+                c = entry[k] - 1;
+                assert(context[c].not_freed);
+                assert(context[c].references == 1);
+                context[c].not_freed = 0;
+                entry[k] = NOBODY
             :: else
             fi;
-            if
-            :: taken != NONE -> number[taken] = unused; taken = NONE
-            :: else
-            fi
+            other_name[k] = 0
+        }
+        if
+        :: descriptor != NONE -> number[descriptor] = unused; descriptor = NONE
         :: else
         fi;
-        k = 0
-    }
+        if
+        :: taken != NONE -> number[taken] = unused; taken = NONE
+        :: else
+        fi
+    :: else
+    fi;
+    c = 0;
+    k = 0
+}
+
+#define THREADS (2 * CALLS + COMMANDS + 1 + 2 * (RELOADS > 0) + FILES)
+
+/* The threads that give a reference back after a while, if nobody hurries them. Each waits for
+ * the lock once more, and has the linker called when it has ended.
+ * code: module/object_reference.cpp ObjectReference::wait_and_leave: postponed.wait;
+ *       owners_lock; close_at_thread_end */
+proctype waiting_thread() {
+    byte k, c;
+    do
+    :: atomic { postponed && bugs_lock == NOBODY -> here; postponed = 0; leaving++ }
+    :: atomic { leaving > 0 -> leaving--; host_unmap() }
+    :: atomic { finished == THREADS - 1 && !postponed && leaving == 0 -> break }
+    od;
+    finished++
 }
 
 /* Unloads the module and loads it again. The host does not begin while a thread is in the
- * application or in a command. A load that fails is not shut down. */
+ * application or in a command. A load that fails is not shut down. At the end the module is
+ * unloaded for good, or not. */
 proctype loading_thread() {
-    byte k, target, reloads;
-    bit loaded = 1;
+    byte c, left, k, target, reloads;
+    bit success = 1;
     do
 #ifdef HOST_UNLOADS_WHILE_IN_USE
     :: atomic { reloads < RELOADS -> reloads++; interfaces_known = 0 }
@@ -785,19 +931,22 @@ proctype loading_thread() {
     :: atomic { reloads < RELOADS && module_users == 0 -> reloads++; interfaces_known = 0 }
 #endif
         if
-        :: loaded -> shutdown()
+        :: success -> shutdown()
         :: else
         fi;
-        host_close_object();
-        atomic { module_mapped = 1 }
-        load(loaded);
+        atomic { host_reference = 0; host_unmap() }
         if
-        :: loaded -> interfaces_known = 1
-        :: else -> host_close_object()
+        :: atomic { host_reference = 1; module_mapped = 1 }
+            load(success);
+            if
+            :: success -> interfaces_known = 1
+            :: else -> atomic { host_reference = 0; host_unmap() }
+            fi
+        :: break
         fi
     :: break
     od;
-    atomic { loaded = 0; finished++ }
+    atomic { success = 0; reloads = 0; finished++ }
 }
 
 /* Other code of the process: opens a file when it likes. */
@@ -807,12 +956,12 @@ proctype file_thread() {
     atomic { got = 0; finished++ }
 }
 
-#define THREADS (2 * CALLS + COMMANDS + 1 + (RELOADS > 0) + FILES)
-
 init {
     byte i;
     atomic {
         module_mapped = 1;
+        host_reference = 1;
+        loaded = 1;
         interfaces_known = 1;
         hook_bound = 1;
         number[0] = our_socket;
@@ -830,6 +979,7 @@ init {
         run event_thread();
 #if RELOADS > 0
         run loading_thread();
+        run waiting_thread();
 #endif
 #if FILES > 0
         for (i : 1 .. FILES) {
@@ -842,11 +992,11 @@ init {
     atomic {
         finished == THREADS ->
         assert(attached_bugs == 0);
+        /* An object that the host has closed is gone: another can take its place. */
+        assert(module_mapped == (host_reference || hook_left));
         do
         :: i < contexts_made ->
-#ifndef IGNORE_WHAT_STAYS
             assert(!context[i].not_freed);
-#endif
             assert(!context[i].start_left || context[i].terminate_left);
             i++
         :: else -> break

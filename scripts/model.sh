@@ -82,7 +82,9 @@ found_by_checker() {
         "invalid end state"*) echo deadlock ;;
         *"!(context[i].not_freed)"*) echo left-behind ;;
         *"].not_freed"*) echo freed-memory ;;
+        *module_mapped==*) echo object-stays ;;
         *module_mapped*) echo unmapped-code ;;
+        *attached_bugs\>0*) echo unmapped-with-bugs ;;
         *number\[target*) echo foreign-descriptor ;;
         *being_written*) echo unlocked-options ;;
         *.lock==0*) echo deleted-while-locked ;;
