@@ -168,6 +168,11 @@ class Host:
     # ---- log
 
     def log_mark(self) -> int:
+        """The end of the log; all that was written before this call is before it."""
+        self.flush_log()
+        return self._log_size()
+
+    def _log_size(self) -> int:
         return self.log_file.stat().st_size if self.log_file.exists() else 0
 
     def log_since(self, mark: int) -> list:
@@ -177,7 +182,7 @@ class Host:
 
     def flush_log(self) -> None:
         """Waits until the host's log thread has written all lines up to now."""
-        mark, text = self.log_mark(), f"flushed {next(self._numbers)}"
+        mark, text = self._log_size(), f"flushed {next(self._numbers)}"
         self.api(f"log notice {text}.")
         self.wait_for_line(mark, f"{text}.")
 
