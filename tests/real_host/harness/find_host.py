@@ -1,4 +1,4 @@
-"""Finds an installed FreeSWITCH: its program and its folder of modules."""
+"""Finds installed FreeSWITCH hosts: their programs and their folders of modules."""
 
 import os
 import pathlib
@@ -12,8 +12,16 @@ class Installation:
     program: pathlib.Path
     modules: pathlib.Path
 
+    @property
+    def prefix(self) -> pathlib.Path:
+        return self.program.parent.parent
+
     def has_module(self, name: str) -> bool:
         return (self.modules / f"{name}.so").exists()
+
+
+class NoInstallation(Exception):
+    """A folder that was named as an installation is none."""
 
 
 def pkg_config(variable: str) -> str:
@@ -51,3 +59,16 @@ def find_installation():
         if os.access(program, os.X_OK) and modules_of(program):
             return Installation(program, modules_of(program))
     return None
+
+
+def named_installations() -> list:
+    """The installations that FREESWITCH_PREFIXES names; raises NoInstallation."""
+    found = []
+    for prefix in filter(None, os.environ.get("FREESWITCH_PREFIXES", "").split(":")):
+        program = pathlib.Path(prefix).resolve() / "bin" / "freeswitch"
+        if not os.access(program, os.X_OK):
+            raise NoInstallation(f"FREESWITCH_PREFIXES: there is no program {program}")
+        if modules_of(program) is None:
+            raise NoInstallation(f"FREESWITCH_PREFIXES: {prefix} has no folder of modules")
+        found.append(Installation(program, modules_of(program)))
+    return found

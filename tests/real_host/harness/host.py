@@ -37,12 +37,13 @@ class Host:
     one built to read its configuration under the current folder."""
 
     def __init__(self, installation, folder: pathlib.Path, module: pathlib.Path,
-                 relocated: pathlib.Path, dialplan: str):
+                 relocated: pathlib.Path, dialplan: str, sanitizer=None):
         self.folder = folder
         self.ports = choose_ports()
         self.module_configuration = folder / "delmaren/quorvane/freeswitch_mod.conf"
         self.log_file = folder / "log/freeswitch.log"
         self._installation = installation
+        self._sanitizer = sanitizer
         self._mounts = private_mounts()
         self.module = module if self._mounts else relocated
         self._process = None
@@ -105,6 +106,9 @@ class Host:
                    for word in (f"-{name}", str(self.folder / name))]
         host = [str(self._installation.program), "-nc", "-nf", "-nonat", "-np", *folders,
                 "-mod", str(self._installation.modules)]
+        if self._sanitizer is not None:
+            host = [*self._sanitizer.command_prefix(self.folder), *host,
+                    *self._sanitizer.host_options]
         if not self._mounts:
             return host
         helper = pathlib.Path(__file__).with_name("private_etc.py")

@@ -9,6 +9,7 @@ from harness.audio import KnownSound
 from harness.host import Host
 from harness.host_files import extension
 from harness.media_node import TERMINATE, MediaNode
+from harness.sanitizer import Reports
 
 SCENARIOS = []
 
@@ -60,11 +61,12 @@ def check_equal(found, expected, what: str) -> None:
 class Suite:
     """Owns the host, the media node and the sounds; scenarios run one after another."""
 
-    def __init__(self, installation, folder: pathlib.Path, module: pathlib.Path,
-                 relocated: pathlib.Path):
+    def __init__(self, installation, folder: pathlib.Path, module, sanitizer=None):
         self.installation = installation
         self.folder = folder
-        self._module, self._relocated = module, relocated
+        self.module = module
+        self.sanitizer = sanitizer
+        self.reports = Reports(folder)
         self._numbers = itertools.count(1)
         # The far end plays `far`, the tapped leg itself `near`, a third party `third`.
         self.far = KnownSound(folder / "far.wav", seed=1, seconds=25)
@@ -75,8 +77,8 @@ class Suite:
         self.host = self.make_host("host")
 
     def make_host(self, name: str) -> Host:
-        host = Host(self.installation, self.folder / f"{name}{next(self._numbers)}", self._module,
-                    self._relocated, self._dialplan())
+        host = Host(self.installation, self.folder / f"{name}{next(self._numbers)}",
+                    self.module.shipped, self.module.relocated, self._dialplan(), self.sanitizer)
         host.write_module_configuration(media_node=self.node.address, log_level="DEBUG")
         return host
 
