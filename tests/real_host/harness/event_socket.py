@@ -31,7 +31,14 @@ class Connection:
 
     def command(self, text: str):
         """Sends a command, returns the headers and the body of its answer."""
+        self.post(text)
+        return self.read_answer()
+
+    def post(self, text: str) -> None:
+        """Sends a command, whose answer has to be read later."""
         self._socket.sendall(f"{text}\n\n".encode())
+
+    def read_answer(self):
         while True:
             headers, body = self._read_message()
             if headers.get("Content-Type") in ("command/reply", "api/response", "auth/request"):

@@ -18,6 +18,7 @@ SAMPLES = pathlib.Path(__file__).resolve().parents[3] / "examples" / "dialplan"
 class Ports:
     event_socket: int
     sip: int
+    sip_callid: int  # Of the profile that takes the Call-ID for the UUID.
     rtp_first: int
     rtp_last: int
     media_nodes: tuple  # Those of the dialplan sample with several.
@@ -32,7 +33,8 @@ def free_port(kind: int) -> int:
 def choose_ports() -> Ports:
     # Below the range that the system gives to unbound sockets.
     rtp = 20000 + free_port(socket.SOCK_DGRAM) % 40 * 300
-    return Ports(free_port(socket.SOCK_STREAM), free_port(socket.SOCK_DGRAM), rtp, rtp + 298,
+    return Ports(free_port(socket.SOCK_STREAM), free_port(socket.SOCK_DGRAM),
+                 free_port(socket.SOCK_DGRAM), rtp, rtp + 298,
                  (free_port(socket.SOCK_DGRAM), free_port(socket.SOCK_DGRAM)))
 
 
@@ -67,7 +69,8 @@ def sofia_section(ports: Ports) -> str:
     return configuration(
         "sofia",
         f"<global_settings>{params(log_level=0, auto_restart='false')}</global_settings>"
-        f"<profiles>{sip_profile('suite', ports.sip)}</profiles>")
+        f"<profiles>{sip_profile('suite', ports.sip)}"
+        f"{sip_profile('callid', ports.sip_callid, inbound_use_callid_as_uuid='true')}</profiles>")
 
 
 def logfile_section() -> str:

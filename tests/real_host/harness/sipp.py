@@ -1,5 +1,6 @@
 """Calls by SIPp: a caller that sends a file as RTP and hangs up."""
 
+import itertools
 import pathlib
 import shutil
 import socket
@@ -67,6 +68,11 @@ def is_installed() -> bool:
     return shutil.which("sipp") is not None
 
 
+# Below the range that the system gives to unbound sockets, and the RTP ports of the hosts; two
+# callers may run at once.
+MEDIA_PORTS = itertools.cycle(range(16000, 20000, 200))
+
+
 class Caller:
     """Runs SIPp until all its calls have ended."""
 
@@ -78,11 +84,11 @@ class Caller:
             SCENARIO.replace("PAYLOAD", str(payload)).replace("CODEC", codec)
             .replace("FILE", str(media)).replace("DURATION", str(int(seconds * 1000))))
 
-    def call(self, extension: str, sip_port: int, calls: int = 1) -> None:
+    def call(self, extension: str, sip_port: int, calls: int = 1, call_id: str = "") -> None:
         """Places the calls, one every 100 ms; raises if one fails."""
         command = ["sipp", f"127.0.0.1:{sip_port}", "-sf", str(self._scenario), "-s", extension,
                    "-i", "127.0.0.1", "-mi", "127.0.0.1", "-p", str(free_port(socket.SOCK_DGRAM)),
-                   "-mp", "42000",
+                   "-mp", str(next(MEDIA_PORTS)), *(["-cid_str", call_id] if call_id else []),
                    "-m", str(calls), "-l", str(calls), "-r", "10", "-nostdin",
                    "-timeout", "60", "-timeout_error"]
         done = subprocess.run(command, cwd=self._folder, capture_output=True, text=True,

@@ -8,7 +8,7 @@ import time
 from harness.audio import KnownSound
 from harness.host import Host
 from harness.host_files import extension
-from harness.media_node import TERMINATE, MediaNode
+from harness.media_node import START, TERMINATE, MediaNode
 from harness.sanitizer import Reports
 
 SCENARIOS = []
@@ -106,6 +106,8 @@ class Suite:
             extension("near", f"endless_playback {self.near.path}"),
             extension("near_far_end", "answer", f"endless_playback {self.near.path}"),
             extension("tap", "answer", "quorvane", f"endless_playback {self.near.path}"),
+            extension("tap_event", "answer", "quorvane", "sleep 500",
+                      "event Event-Name=CHANNEL_DESTROY", f"endless_playback {self.near.path}"),
             extension("tap_park", "answer", "quorvane", "park"),
             extension("tap_twice", "answer", "quorvane", "quorvane", "park"),
             extension("tap_bridge", "answer", "quorvane", "bridge ${far_end}", "park"),
@@ -167,6 +169,11 @@ class Suite:
 
 
 # ---- statements about streams
+
+def check_one_life(stream) -> None:
+    check_equal((len(stream.of_kind(START)), len(stream.of_kind(TERMINATE))), (1, 1),
+                "start and terminate packets")
+
 
 def check_gap_free(stream, *legs) -> None:
     for leg in legs:

@@ -4,6 +4,7 @@ from scenarios import loading  # noqa: F401
 from scenarios import calls  # noqa: F401
 from scenarios import features  # noqa: F401
 from scenarios import endings  # noqa: F401
+from scenarios import twins  # noqa: F401
 from scenarios import partners  # noqa: F401
 from scenarios import beside  # noqa: F401
 from scenarios import receiver  # noqa: F401
