@@ -7,6 +7,7 @@
 #include "bench/bench_support.h"
 #include "module/host_log.h"
 #include "module/mod_quorvane.h"
+#include "module/module_options.h"
 #include "quorvane_lib/hash_crc64.h"
 #include "quorvane_lib/utils_bytes.h"
 
