@@ -21,6 +21,10 @@ if(QUORVANE_HAVE_NO_GNU_UNIQUE)
   target_compile_options(quorvane_flags INTERFACE -fno-gnu-unique)
 endif()
 
+# The checking forms of functions come with optimization only.
+set(not_optimized $<OR:$<CONFIG:Debug>,$<BOOL:$<TARGET_PROPERTY:QUORVANE_NOT_OPTIMIZED>>>)
+set(fortified $<NOT:${not_optimized}>)
+
 if(NOT QUORVANE_SANITIZE MATCHES "^(address,undefined|thread|)$")
   message(FATAL_ERROR "QUORVANE_SANITIZE is \"${QUORVANE_SANITIZE}\": address,undefined or thread")
 endif()
@@ -31,8 +35,8 @@ if(QUORVANE_SANITIZE)
 else()
   target_compile_options(quorvane_flags INTERFACE
     -fstack-protector-strong
-    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
-    $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+    $<${fortified}:-U_FORTIFY_SOURCE>
+    $<${fortified}:-D_FORTIFY_SOURCE=2>)
 endif()
 
 # The code under test tells the fuzzer which of its branches were taken.
