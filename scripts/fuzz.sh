@@ -6,6 +6,7 @@
 #   scripts/fuzz.sh TARGET MINUTES            one target, such as "address"
 #   scripts/fuzz.sh all MINUTES               every target, one after the other
 #   scripts/fuzz.sh --seconds SECONDS TARGET  the same by the second
+#   scripts/fuzz.sh --built ...               any of these without building first
 #   scripts/fuzz.sh --list                    names the targets
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -15,6 +16,11 @@ fail() { echo "fuzz: $*" >&2; exit 2; }
 targets() { ls fuzz/corpus; }
 
 seconds=
+built=no
+if [ "${1:-}" = --built ]; then
+    built=yes
+    shift
+fi
 case ${1:-} in
     -h | --help) usage; exit 0 ;;
     --list) targets; exit 0 ;;
@@ -72,7 +78,7 @@ else
     [ -d "fuzz/corpus/$target" ] ||
         fail "no such target: '$target'; there are: $(targets | tr '\n' ' ')"
 fi
-build "${names[@]/#/fuzz_}"
+[ "$built" = yes ] || build "${names[@]/#/fuzz_}"
 status=0
 for name in "${names[@]}"; do
     fuzz "$name" || status=1

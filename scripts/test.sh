@@ -1,20 +1,21 @@
 #!/usr/bin/env bash
-# Builds and runs every test of the project, from any folder.
+# Builds and runs the tests of the project, from any folder.
 #
-#   scripts/test.sh                all stages
+#   scripts/test.sh                the release build, which is what is shipped: all of its
+#                                  tests, packages and documents included
+#   scripts/test.sh --all          all stages, which is what CI runs
 #   scripts/test.sh STAGE...       only these: format tidy release asan tsan fuzz bare
 #
 #   format    the sources are formatted as .clang-format says
 #   tidy      the checks of .clang-tidy find nothing
-#   release   what is shipped: all tests, packages and documents included
+#   release   what is shipped
 #   asan      the tests under the address and undefined behaviour sanitizers
 #   tsan      the concurrent tests under the thread sanitizer
 #   fuzz      every fuzz target replays its corpus and fuzzes for some seconds
 #   bare      the demo runs on a minimal Debian 12 that has nothing but the checkout
 #
-# Ends with the names of what failed, the line "N passed, N failed, N skipped" and exit
-# code 1 if any failed.
-# A tool that cannot be had (a real FreeSWITCH, say) is skipped and said so.
+# Ends with what was skipped and why, what failed and the command that runs just that again,
+# the line "N passed, N failed, N skipped", and exit code 1 if any failed.
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -26,25 +27,33 @@ jobs=$(nproc)
 # the debug information does no harm here.
 export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=true
 passed=0 failed=0 skipped=0
-failures=()  # What failed, by name: the output is long.
+failures=()  # What failed and, in the next line, the command that runs just that again.
+skips=()     # What was skipped, and why.
 
 say() { printf '\n== %s\n' "$*"; }
 
+# fail NAME COMMAND: COMMAND runs just this again.
 fail() {
     echo "FAILED   $1"
     failed=$((failed + 1))
-    failures+=("$1")
+    failures+=("$1"$'\n'"         $2")
 }
 
-# Counts the outcome of one check that is a test by itself.
+skip() {
+    echo "skipped  $1: $2"
+    skipped=$((skipped + 1))
+    skips+=("$1: $2")
+}
+
+# check NAME AGAIN COMMAND...: counts the outcome of one check that is a test by itself.
 check() {
-    local name=$1
-    shift
+    local name=$1 again=$2
+    shift 2
     if "$@"; then
         echo "ok       $name"
         passed=$((passed + 1))
     else
-        fail "$name"
+        fail "$name" "$again"
     fi
 }
 
@@ -52,97 +61,113 @@ cxx_files() { git ls-files '*.h' '*.cpp'; }
 
 format_clean() { cxx_files | xargs clang-format --dry-run -Werror; }
 
+# Copies the output of a build to the file $1, and to the terminal a line for each tenth.
+with_progress() {
+    awk -v log_file="$1" '
+        { print > log_file }
+        match($0, /^\[[0-9]+\/[0-9]+\]/) {
+            split(substr($0, 2, RLENGTH - 2), step, "/")
+            tenth = int(10 * step[1] / step[2])
+            if (tenth > shown) { shown = tenth; printf "build    %3d %%\n", 10 * tenth; fflush() }
+        }'
+}
+
 configure_and_build() {
     local preset=$1
-    shift
-    cmake --preset "$preset" "$@" >"build/$preset-configure.log" 2>&1 ||
+    cmake --preset "$preset" >"build/$preset-configure.log" 2>&1 ||
         { cat "build/$preset-configure.log"; return 1; }
-    cmake --build --preset "$preset" -j "$jobs" >"build/$preset-build.log" 2>&1 ||
+    cmake --build --preset "$preset" -j "$jobs" 2>&1 | with_progress "build/$preset-build.log" ||
         { grep -E 'error|FAILED|warning' -A 5 "build/$preset-build.log" | head -n 60; return 1; }
 }
 
-# The number that attribute $2 has in the results file $1.
-result() { grep -o -m1 "$2=\"[0-9]*\"" "$1" | head -n 1 | grep -o '[0-9]*'; }
-
-# The names of the tests that failed, from the results file $1.
-failed_tests() { sed -n 's/.*<testcase name="\([^"]*\)".* status="fail".*/\1/p' "$1"; }
-
-# Builds a preset and counts each of its tests.
+# Builds a preset and counts each case of its tests.
 run_preset() {
     local preset=$1 results=$PWD/build/$1-results.xml
     shift
     if ! configure_and_build "$preset"; then
-        fail "build of $preset"
+        fail "build of $preset" "cmake --build --preset $preset"
         return
     fi
-    rm -f "$results"
+    rm -rf "$results" "build/$preset/cases"
     ctest --preset "$preset" -j "$jobs" --no-tests=error --output-junit "$results" "$@"
-    if [ ! -s "$results" ]; then
-        fail "$preset: no results"
-        return
+    local outcome=$? before=$failed kind first second third
+    while IFS=$'\t' read -r kind first second third; do
+        case $kind in
+            failed) failures+=("$first"$'\n'"         $second") ;;
+            skipped) skips+=("$first: $second") ;;
+            counts)
+                passed=$((passed + first))
+                failed=$((failed + second))
+                skipped=$((skipped + third))
+                ;;
+        esac
+    done < <(python3 scripts/test_results.py "$preset")
+    if [ "$kind" != counts ] || { [ "$outcome" -ne 0 ] && [ "$failed" -eq "$before" ]; }; then
+        fail "$preset: ctest ended with $outcome" "ctest --preset $preset"
     fi
-    local tests bad not_run name
-    tests=$(result "$results" tests)
-    bad=$(result "$results" failures)
-    not_run=$(($(result "$results" skipped) + $(result "$results" disabled)))
-    passed=$((passed + tests - bad - not_run))
-    failed=$((failed + bad))
-    skipped=$((skipped + not_run))
-    while read -r name; do
-        failures+=("$preset: $name")
-    done < <(failed_tests "$results")
 }
 
-tidy_clean() {
-    cmake --preset tidy >build/tidy-configure.log 2>&1 || { cat build/tidy-configure.log; return 1; }
-    cmake --build build/tidy --target build_identifier >/dev/null || return 1
-    # The tools are read without the analyzer: their libraries' headers would keep it busy
-    # for most of the time that all tests take.
-    lint() { xargs -P "$jobs" -n 2 clang-tidy -p build/tidy --quiet "$@" 2>>build/tidy-errors.log; }
-    : >build/tidy-errors.log
-    git ls-files 'quorvane_lib/*.cpp' 'module/*.cpp' 'host/*.cpp' | lint &&
-        git ls-files 'node/*.cpp' 'tools/*.cpp' | lint --checks=-clang-analyzer-*
-}
-
-stage_format() { check "format" format_clean; }
-stage_tidy() { check "tidy" tidy_clean; }
+stage_format() { check format "scripts/test.sh format" format_clean; }
+stage_tidy() { check tidy "scripts/test.sh tidy" scripts/tidy.py; }
 stage_release() { run_preset release; }
 stage_asan() { run_preset asan -LE 'uninstrumented'; }
 stage_tsan() { run_preset tsan -L 'concurrent'; }
+
+# Fuzzes the built target $1, with the output and the exit code in files.
+fuzz_target() {
+    local status=0
+    scripts/fuzz.sh --built --seconds "$FUZZ_SECONDS" "$1" >"build/fuzz-$1.log" 2>&1 || status=$?
+    echo "$status" >"build/fuzz-$1.status"
+}
+
+fuzz_succeeded() {
+    [ "$(cat "build/fuzz-$1.status")" = 0 ] || { cat "build/fuzz-$1.log"; return 1; }
+}
+
+# The targets are fuzzed side by side, one on each processor.
 stage_fuzz() {
     if ! configure_and_build fuzz; then
-        fail "build of fuzz"
+        fail "build of fuzz" "cmake --build --preset fuzz"
         return
     fi
-    local target
-    for target in build/fuzz/fuzz/fuzz_*; do
-        [ -x "$target" ] && [ -f "$target" ] || continue
-        check "$(basename "$target")" scripts/fuzz.sh --seconds "$FUZZ_SECONDS" "$(basename "$target")"
+    local names name
+    mapfile -t names < <(scripts/fuzz.sh --list)
+    for name in "${names[@]}"; do
+        while [ "$(jobs -rp | wc -l)" -ge "$jobs" ]; do wait -n; done
+        fuzz_target "$name" &
+    done
+    wait
+    for name in "${names[@]}"; do
+        check "fuzz_$name" "scripts/fuzz.sh --seconds $FUZZ_SECONDS $name" fuzz_succeeded "$name"
     done
 }
-# The demo on a machine with nothing but the checkout, where one can be made.
-stage_bare() {
-    local status=0
-    scripts/bare_machine.sh >build/bare.log 2>&1 || status=$?
-    case $status in
-        77)
-            echo "skipped  demo on a bare machine: $(tail -n 1 build/bare.log)"
-            skipped=$((skipped + 1))
-            ;;
-        0) check "demo on a bare machine" true ;;
-        *)
-            tail -n 40 build/bare.log
-            fail "demo on a bare machine"
-            ;;
-    esac
+
+# bare_check NAME COMMAND...: counts a check that needs a bare machine; exit code 77 says that
+# none can be made here.
+bare_check() {
+    local name=$1 status=0 log="build/${1// /-}.log"
+    shift
+    "$@" >"$log" 2>&1 || status=$?
+    if [ "$status" -eq 77 ]; then
+        skip "$name" "$(tail -n 1 "$log")"
+        return
+    fi
+    [ "$status" -eq 0 ] || tail -n 40 "$log"
+    check "$name" "$*" test "$status" -eq 0
 }
+
+# The demo on a machine with nothing else, where one can be made.
+stage_bare() { bare_check "demo on a bare machine" scripts/bare_machine.sh; }
 
 if [ "${1:-}" = --help ]; then
     sed -n '2,/^set/s/^# \{0,1\}//p' "scripts/${BASH_SOURCE[0]##*/}"
     exit 0
 fi
-stages=("${@:-${ALL_STAGES[@]}}")
-[ $# -gt 0 ] || stages=("${ALL_STAGES[@]}")
+case ${1:-} in
+    '') stages=(release) ;;
+    --all) stages=("${ALL_STAGES[@]}") ;;
+    *) stages=("$@") ;;
+esac
 for stage in "${stages[@]}"; do
     if [[ " ${ALL_STAGES[*]} " != *" $stage "* ]]; then
         echo "test: unknown stage '$stage': one of ${ALL_STAGES[*]}" >&2
@@ -160,6 +185,7 @@ for stage in "${stages[@]}"; do
 done
 
 echo
+[ "${#skips[@]}" -eq 0 ] || printf 'SKIPPED  %s\n' "${skips[@]}"
 [ "$failed" -eq 0 ] || printf 'FAILED   %s\n' "${failures[@]}"
 echo "$passed passed, $failed failed, $skipped skipped"
 [ "$failed" -eq 0 ]

@@ -1,0 +1,57 @@
+#!/usr/bin/env python3
+"""Counts what a run of ctest did, case by case, for scripts/test.sh.
+
+    test_results.py PRESET
+
+Reads build/PRESET-results.xml and, for the programs whose cases were run one by one, their
+results in build/PRESET/cases. Prints fields with tabs between them: "failed", what, the command
+that runs just that again; "skipped", what, the reason; at the end "counts", passed, failed and
+skipped.
+"""
+import json
+import pathlib
+import sys
+import xml.etree.ElementTree
+
+
+def reason(text):
+    """The reason that a skipped test gives: its last line, without the word "skipped"."""
+    lines = [line.strip() for line in (text or "").splitlines() if line.strip()]
+    last = lines[-1] if lines else "no reason is given"
+    head, _, tail = last.partition(": ")
+    return tail if head.lower() == "skipped" else last
+
+
+def outcomes(preset, build):
+    """Yields status, name, command or reason for each case."""
+    tree = xml.etree.ElementTree.parse(f"{build}/{preset}-results.xml")
+    for test in tree.getroot().iter("testcase"):
+        name, status = test.get("name"), test.get("status")
+        cases = pathlib.Path(build, preset, "cases", name + ".json")
+        again = f"ctest --preset {preset} -R '^{name}$'"
+        if cases.is_file():
+            results = json.loads(cases.read_text())
+            for case in results:
+                about = case["command"] if case["status"] != "skipped" else reason(case["text"])
+                yield case["status"], f"{name}: {case['name']}", about
+            if status == "fail" and not any(case["status"] == "failed" for case in results):
+                yield "failed", name, again
+        elif status == "run":
+            yield "passed", name, again
+        elif status == "fail":
+            yield "failed", name, again
+        else:
+            yield "skipped", name, reason(test.findtext("system-out"))
+
+
+def main():
+    preset, counts = sys.argv[1], {"passed": 0, "failed": 0, "skipped": 0}
+    for status, name, about in outcomes(preset, "build"):
+        counts[status] += 1
+        if status != "passed":
+            print(status, f"{preset}: {name}", about, sep="\t")
+    print("counts", *counts.values(), sep="\t")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,169 @@
+#!/usr/bin/env python3
+"""Runs clang-tidy on the sources that changed since they were last found clean.
+
+    scripts/tidy.py                  every source of the product
+    scripts/tidy.py FILE...          these
+    scripts/tidy.py --fresh ...      without what earlier runs found
+
+What clang-tidy finds in a file depends on the file, on what it includes, on how it is compiled,
+on .clang-tidy, and on the versions of clang-tidy and of the libraries. A file for which none of
+these has changed is clean still; the stamps of clean files are kept in
+${XDG_CACHE_HOME:-~/.cache}/quorvane/tidy. Ends with 1 if a file is not clean.
+"""
+import argparse
+import concurrent.futures
+import hashlib
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BUILD = ROOT / "build" / "tidy"
+# The programs are read without the analyzer: their libraries' headers would keep it busy for
+# most of the time that all tests take.
+ANALYZED = ("quorvane_lib", "module", "host")
+NOT_ANALYZED = ("node", "tools")
+INCLUDE = re.compile(r'^\s*#\s*include\s*[<"]([^>"]+)[>"]', re.MULTILINE)
+INCLUDE_FOLDERS = (ROOT, ROOT / "include", ROOT / "host" / "include")
+KEPT_FOR_DAYS = 60
+
+
+def cache_folder():
+    base = os.environ.get("XDG_CACHE_HOME") or pathlib.Path.home() / ".cache"
+    return pathlib.Path(base) / "quorvane" / "tidy"
+
+
+def output_of(*command):
+    return subprocess.run(command, capture_output=True, text=True, check=True, cwd=ROOT).stdout
+
+
+def configure():
+    """Writes how each file is compiled, and the header that the build generates."""
+    for command in (["cmake", "--preset", "tidy"],
+                    ["cmake", "--build", BUILD, "--target", "build_identifier"]):
+        result = subprocess.run(command, cwd=ROOT, stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, text=True, check=False)
+        if result.returncode != 0:
+            sys.exit(result.stdout)
+
+
+class Includes:
+    """The files of the project that a file includes, itself among them."""
+
+    def __init__(self):
+        self.direct = {}
+
+    def of(self, path):
+        seen, waiting = set(), [path]
+        while waiting:
+            current = waiting.pop()
+            if current not in seen:
+                seen.add(current)
+                waiting += self.directly(current)
+        return sorted(seen)
+
+    def directly(self, path):
+        if path not in self.direct:
+            names = INCLUDE.findall(path.read_text())
+            candidates = [folder / name for name in names
+                          for folder in (path.parent, *INCLUDE_FOLDERS)]
+            self.direct[path] = [found for found in candidates if found.is_file()]
+        return self.direct[path]
+
+
+def environment_hash():
+    """Of everything outside the project that an outcome depends on."""
+    packages = shutil.which("dpkg-query")
+    versions = output_of("dpkg-query", "-W", "-f", "${Package} ${Version}\\n",
+                         "*-dev") if packages else str(time.time())
+    text = output_of("clang-tidy", "--version") + versions
+    text += (ROOT / ".clang-tidy").read_text()
+    return hashlib.sha256(text.encode()).hexdigest()
+
+
+def compile_commands():
+    entries = json.loads((BUILD / "compile_commands.json").read_text())
+    return {pathlib.Path(entry["file"]): entry["command"].replace(str(ROOT), ".")
+            for entry in entries}
+
+
+def key_of(path, arguments, environment, commands, includes):
+    digest = hashlib.sha256()
+    for part in (environment, str(path.relative_to(ROOT)), " ".join(arguments),
+                 commands.get(path, "")):
+        digest.update(part.encode() + b"\0")
+    for included in includes.of(path):
+        digest.update(str(included.relative_to(ROOT)).encode() + b"\0")
+        digest.update(included.read_bytes() + b"\0")
+    return digest.hexdigest()
+
+
+def arguments_for(path):
+    analyzed = path.relative_to(ROOT).parts[0] in ANALYZED
+    return [] if analyzed else ["--checks=-clang-analyzer-*"]
+
+
+def check(path, arguments):
+    """Returns what clang-tidy says about the file; None if it is clean."""
+    result = subprocess.run(["clang-tidy", "-p", BUILD, "--quiet", *arguments, path], cwd=ROOT,
+                            capture_output=True, text=True, check=False)
+    if result.returncode == 0:
+        return None
+    return result.stdout or result.stderr
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--fresh", action="store_true")
+    parser.add_argument("files", nargs="*", type=pathlib.Path)
+    options = parser.parse_args()
+
+    configure()
+    patterns = [f"{folder}/*.cpp" for folder in (*ANALYZED, *NOT_ANALYZED)]
+    files = [path.resolve() for path in options.files] or \
+        [ROOT / name for name in output_of("git", "ls-files", "--", *patterns).split()]
+    files = [path for path in files if path.is_file()]
+
+    cache = cache_folder()
+    cache.mkdir(parents=True, exist_ok=True)
+    environment, commands, includes = environment_hash(), compile_commands(), Includes()
+    waiting = []
+    for path in files:
+        stamp = cache / key_of(path, arguments_for(path), environment, commands, includes)
+        if not options.fresh and stamp.exists():
+            stamp.touch()
+        else:
+            waiting.append((path, stamp))
+    print(f"tidy: {len(files) - len(waiting)} files unchanged since they were found clean, "
+          f"{len(waiting)} to check", flush=True)
+
+    unclean = []
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        checks = {pool.submit(check, path, arguments_for(path)): (path, stamp)
+                  for path, stamp in waiting}
+        for done, future in enumerate(concurrent.futures.as_completed(checks), 1):
+            path, stamp = checks[future]
+            findings = future.result()
+            if findings is None:
+                stamp.touch()
+            else:
+                unclean.append(path.relative_to(ROOT))
+                print(findings)
+            if done % 10 == 0 or done == len(checks):
+                print(f"tidy: {done} of {len(checks)} checked", flush=True)
+
+    for stamp in cache.iterdir():
+        if time.time() - stamp.stat().st_mtime > KEPT_FOR_DAYS * 86400:
+            stamp.unlink(missing_ok=True)
+    for path in sorted(unclean):
+        print(f"not clean: {path}; again with: scripts/tidy.py {path}")
+    sys.exit(1 if unclean else 0)
+
+
+if __name__ == "__main__":
+    main()
