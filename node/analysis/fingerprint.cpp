@@ -10,8 +10,6 @@ namespace {
 
 constexpr std::size_t HOPS = FRAME / HOP;
 
-// A sine of this level in full-scale decibels is the least that counts.
-constexpr float QUIETEST_DB = -78;
 // Power that the transform gives for a full-scale sine: (FRAME / 2 / 2)^2.
 constexpr float FULL_SCALE_POWER = (FRAME / 4.0F) * (FRAME / 4.0F);
 
@@ -19,8 +17,8 @@ constexpr float PEAK_TO_MEAN = 4;  // Power of a peak over the mean of its regio
 
 // Peaks are paired over 2 to LONGEST_PAIR frames and less than WIDEST_PAIR bins.
 constexpr std::size_t SHORTEST_PAIR = 2;
-constexpr std::size_t LONGEST_PAIR = 12;
-constexpr int WIDEST_PAIR = 64;
+constexpr std::size_t LONGEST_PAIR = 10;
+constexpr int WIDEST_PAIR = 32;
 
 const std::array<float, FRAME>& hann_window() {
     static const std::array<float, FRAME> window = [] {
@@ -50,7 +48,8 @@ std::array<std::size_t, N + 1> band_edges() {
     return edges;
 }
 
-constexpr std::array<std::size_t, 6> REGION_EDGES{0, 26, 56, 96, 146, Fingerprint::BINS};
+constexpr std::array<std::size_t, Fingerprint::REGIONS + 1> REGION_EDGES{
+    0, 15, 31, 48, 68, 94, 124, 160, Fingerprint::BINS};
 
 // Ten times the decimal logarithm, right to 0.02.
 float decibels(float power) {
@@ -83,6 +82,7 @@ void Fingerprint::reset(std::uint64_t frames) {
         peaks.fill(NO_PEAK);
     }
     bits_ = 0;
+    level_ = QUIETEST_DB;
     landmark_count_ = 0;
 }
 
@@ -110,13 +110,16 @@ void Fingerprint::compare_bands() {
     static const float floor = FULL_SCALE_POWER * std::pow(10.0F, QUIETEST_DB / 10);
     std::copy_backward(bands_.begin(), bands_.end() - 1, bands_.end());
     const float* const power = power_.data() + FIRST_BIN;
+    float all = floor;
     for (std::size_t band = 0; band < BANDS; ++band) {
         float sum = floor;
         for (std::size_t bin = edges[band]; bin < edges[band + 1]; ++bin) {
             sum += power[bin];
         }
         bands_[0][band] = decibels(sum / FULL_SCALE_POWER);
+        all += sum - floor;
     }
+    level_ = decibels(all / FULL_SCALE_POWER);
     bits_ = 0;
     for (std::size_t n = 0; n < BITS; ++n) {
         bits_ |= static_cast<std::uint32_t>(growth(n) > 0) << n;
@@ -176,6 +179,14 @@ std::uint8_t Fingerprint::peak_of(std::size_t region) const {
     return static_cast<std::uint8_t>(peak);
 }
 
+std::uint8_t Fingerprint::regions_of(const Peaks& peaks) {
+    std::uint32_t regions = 0;
+    for (std::size_t region = 0; region < REGIONS; ++region) {
+        regions |= static_cast<std::uint32_t>(peaks[region] != NO_PEAK) << region;
+    }
+    return static_cast<std::uint8_t>(regions);
+}
+
 float Fingerprint::peak_level(std::size_t region) const {
     return decibels(spectra_[(frames_ + KEPT - REACH) % KEPT][peaks()[region]] / FULL_SCALE_POWER);
 }
@@ -194,7 +205,7 @@ void Fingerprint::pair_peaks(const Peaks& peaks) {
                     continue;
                 }
                 const std::uint32_t kind =
-                    (static_cast<std::uint32_t>(first) << 11) |
+                    (static_cast<std::uint32_t>(first) << 10) |
                     (static_cast<std::uint32_t>(difference + WIDEST_PAIR) << 4) |
                     static_cast<std::uint32_t>(apart);
                 landmarks_[landmark_count_++] = {kind, static_cast<std::uint32_t>(apart + REACH)};

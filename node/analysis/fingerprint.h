@@ -19,7 +19,7 @@ constexpr std::size_t HOP = 128;
 
 // Two peaks near each other: their frequencies and the time between them.
 struct Landmark {
-    static constexpr std::uint32_t KINDS = 1u << 19;
+    static constexpr std::uint32_t KINDS = 1u << 18;
 
     std::uint32_t kind;  // Below KINDS.
     std::uint32_t age;   // Frames from the first peak to the newest frame.
@@ -27,6 +27,9 @@ struct Landmark {
 
 class Fingerprint {
   public:
+    // Level of digital silence: what is quieter does not count.
+    static constexpr float QUIETEST_DB = -78;
+
     static constexpr std::size_t BITS = 32;
     static constexpr std::size_t FIRST_BIN = 16;  // 250 Hz
     static constexpr std::size_t BINS = 203;      // to 3400 Hz
@@ -51,14 +54,18 @@ class Fingerprint {
         float level;       // Relative to a full-scale sine.
     };
     Change change(std::size_t n) const;
+    // Of the newest frame, relative to a full-scale sine.
+    float level_db() const { return level_; }
     const std::array<float, FRAME / 2 + 1>& power() const { return power_; }
 
     // The strongest peak of each region of the spectrum, as a bin counted from FIRST_BIN, or
     // NO_PEAK. A peak is known REACH frames late: these are those of an earlier frame, and so
     // they are in references and sides alike.
-    static constexpr std::size_t REGIONS = 5;
+    static constexpr std::size_t REGIONS = 8;
     static constexpr std::uint8_t NO_PEAK = 0xFF;
     using Peaks = std::array<std::uint8_t, REGIONS>;
+    // Which regions have a peak, a bit for each.
+    static std::uint8_t regions_of(const Peaks& peaks);
     const Peaks& peaks() const { return peaks_[frames_ % RING]; }
     // Of a region with a peak; relative to a full-scale sine.
     float peak_level(std::size_t region) const;
@@ -92,6 +99,7 @@ class Fingerprint {
     std::array<std::array<float, BINS>, KEPT> spectra_{};     // By frame modulo KEPT.
     std::array<Peaks, RING> peaks_{};                         // By frame modulo RING.
     std::uint32_t bits_ = 0;
+    float level_ = 0;
     std::array<Landmark, MOST_LANDMARKS> landmarks_{};
     std::size_t landmark_count_ = 0;
 };

@@ -18,10 +18,24 @@ constexpr int BIT_LOSS = 3;  // Besides what it would have gained.
 // covered by noise.
 constexpr int PEAK_GAIN[SampleIndex::FAINTEST + 1] = {26, 26, 26, 26, 26, 24, 20, 0};
 constexpr int PEAK_LOSS[SampleIndex::FAINTEST + 1] = {17, 17, 15, 11, 7, 4, 2, 0};
+// A loud peak of the side that the reference does not have, by its faintness in the side.
+constexpr int STRANGE_LOSS[SampleIndex::FAINTEST + 1] = {8, 7, 5, 2, 0, 0, 0, 0};
+constexpr float LOUDNESS_DECAY_DB = 0.3F;  // Per frame.
 
-constexpr int ENOUGH = 400;    // Reported.
-constexpr int PROMISING = 30;  // Followed.
-constexpr int MOST = 800;  // So that what is over ends soon.     // So that what is over ends soon.
+// A candidate is reported when its score is at least LEAST_SCORE, and at least ENOUGH together
+// with SPAN_SCORE for each frame that it has agreed: what agrees by chance soon ends, while
+// a reference in noise agrees less and goes on.
+constexpr int ENOUGH = 700;
+constexpr int ENOUGH_IN_NOISE = 500;
+constexpr int SPAN_SCORE = 8;
+constexpr int LEAST_SCORE = 250;
+// Noise makes false candidates as rare as it makes true ones weak. A side is noisy where its
+// level does not fall further than this below that of its loudest sound.
+constexpr float NOISY_RANGE_DB = 22;
+constexpr float RANGE_DECAY_DB = 0.05F;  // Per frame.
+
+constexpr int PROMISING = 140;  // Followed.
+constexpr int MOST = 1000;      // So that what is over ends soon.
 
 // Frames over which the framing of a candidate is chosen.
 constexpr std::int64_t CHOICE = 24;
@@ -35,8 +49,16 @@ constexpr std::uint64_t SILENCE_HEARD_S = 1;
 constexpr std::uint64_t STEP_S = 2;
 constexpr std::int64_t STEP_FRAMES = STEP_S * ANALYSIS_RATE / HOP;
 
+// Without an instruction that not every processor has.
 int bits_set(std::uint32_t word) {
-    return __builtin_popcount(word);
+    word -= (word >> 1) & 0x55555555u;
+    word = (word & 0x33333333u) + ((word >> 2) & 0x33333333u);
+    return static_cast<int>((((word + (word >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24);
+}
+
+// NO_PEAK is near no bin.
+bool near(int peak, int bin) {
+    return peak - bin <= 1 && bin - peak <= 1;
 }
 
 std::uint32_t vote_key(std::uint32_t reference, std::int64_t begin) {
@@ -75,6 +97,8 @@ void SampleDetector::skip(std::uint64_t samples, SampleOutput& out) {
         frame_ += static_cast<std::int64_t>(steps) * STEP_FRAMES;
         first_ = frame_ + 1;
         votes_ = {};
+        tone_finder_.reset();
+        heard_tone_count_ = 0;
         for (Track& track : tracks_) {
             track.used = track.used && track.reported;
             track.score = 0;
@@ -113,13 +137,40 @@ void SampleDetector::add_hop(SampleOutput& out) {
     }
     ++frame_;
     first_ = std::max(first_, frame_ + 1 - static_cast<std::int64_t>(HISTORY));
-    history_[static_cast<std::size_t>(frame_) % HISTORY] = {fingerprint_.bits(),
-                                                            fingerprint_.peaks()};
+    remember();
     for (Track& track : tracks_) {
         track.used = track.used && compare(track, frame_ - 1);
     }
     vote();
     follow(out);
+    if (!index_->tones().empty()) {
+        find_tones(out);
+    }
+}
+
+void SampleDetector::remember() {
+    Heard& heard = history_[static_cast<std::size_t>(frame_) % HISTORY];
+    heard = {fingerprint_.bits(), fingerprint_.peaks(), 0, 0};
+    const float level = fingerprint_.level_db();
+    if (level > Fingerprint::QUIETEST_DB + 3) {
+        loudest_frame_ = std::max(level, loudest_frame_ - RANGE_DECAY_DB);
+        quietest_frame_ = std::min(level, quietest_frame_ + RANGE_DECAY_DB);
+    }
+    std::array<float, Fingerprint::REGIONS> levels{};
+    loudness_ -= LOUDNESS_DECAY_DB;
+    for (std::size_t region = 0; region < levels.size(); ++region) {
+        if (heard.peaks[region] != Fingerprint::NO_PEAK) {
+            levels[region] = fingerprint_.peak_level(region);
+            loudness_ = std::max(loudness_, levels[region]);
+        }
+    }
+    for (std::size_t region = 0; region < levels.size(); ++region) {
+        const std::uint32_t faintness = SampleIndex::faintness(loudness_ - levels[region]);
+        heard.faintness |= faintness << (3 * region);
+        if (heard.peaks[region] != Fingerprint::NO_PEAK && STRANGE_LOSS[faintness] != 0) {
+            heard.loud = static_cast<std::uint8_t>(heard.loud | (1u << region));
+        }
+    }
 }
 
 void SampleDetector::vote() {
@@ -137,6 +188,7 @@ void SampleDetector::vote() {
             }
             vote.frame = now;
             if (++vote.count >= VOTES_WANTED) {
+                vote.count = 0;
                 consider(place->reference, begin);
             }
         }
@@ -156,7 +208,11 @@ void SampleDetector::consider(std::uint32_t reference, std::int64_t begin) {
         return;
     }
     Track best;
-    int most = 0;
+    int most = agreement(reference, 0, begin);
+    if (most < PROMISING * 2 / 3) {
+        return;
+    }
+    most = 0;
     for (std::int64_t each = begin - 1; each <= begin + 1; ++each) {
         for (std::size_t shift = 0; shift < SampleIndex::SHIFTS; ++shift) {
             const int fit = agreement(reference, shift, each);
@@ -196,7 +252,7 @@ int SampleDetector::agreement(std::uint32_t reference, std::size_t shift,
     int sum = 0;
     int most = 0;
     for (std::int64_t at = std::max({first_, begin, frame_ + 1 - CHOICE}); at < end; ++at) {
-        sum += gain(frames[static_cast<std::size_t>(at - begin)], at);
+        sum += gain(frames, at - begin, at);
         sum = std::max(sum, 0);
         most = std::max(most, sum);
     }
@@ -205,30 +261,39 @@ int SampleDetector::agreement(std::uint32_t reference, std::size_t shift,
 
 // What a frame of the side says for a frame of a reference, in tenths of the logarithm of how
 // much more likely it is where the reference plays.
-int SampleDetector::gain(const SampleIndex::Frame& expected, std::int64_t frame) const {
-    const int bits = bits_set(expected.mask);
-    const int different = bits_set((heard(frame).bits ^ expected.bits) & expected.mask);
-    int gain = BIT_GAIN * bits - BIT_LOSS * different;
-    unsigned faintness = expected.faintness;
-    for (std::size_t region = 0; region < Fingerprint::REGIONS; ++region, faintness >>= 3) {
-        const std::uint8_t bin = expected.peaks[region];
-        if (bin != Fingerprint::NO_PEAK) {
-            gain +=
-                has_peak(frame, region, bin) ? PEAK_GAIN[faintness & 7] : -PEAK_LOSS[faintness & 7];
+int SampleDetector::gain(const Frames& frames, std::int64_t at, std::int64_t frame) const {
+    const auto i = static_cast<std::size_t>(at);
+    const SampleIndex::Frame& expected = frames[i];
+    const Heard& now = heard(frame);
+    int gain = BIT_GAIN * bits_set(expected.mask) -
+               BIT_LOSS * bits_set((now.bits ^ expected.bits) & expected.mask);
+    // Peaks may lie a frame and a bin beside.
+    if (expected.regions != 0) {
+        const auto& before = heard(std::max(first_, frame - 1)).peaks;
+        const auto& after = heard(std::min(frame_, frame + 1)).peaks;
+        for (unsigned regions = expected.regions; regions != 0; regions &= regions - 1) {
+            const auto region = static_cast<unsigned>(__builtin_ctz(regions));
+            const int bin = expected.peaks[region];
+            const unsigned faintness = (expected.faintness >> (3 * region)) & 7;
+            gain += near(now.peaks[region], bin) || near(before[region], bin) ||
+                            near(after[region], bin)
+                        ? PEAK_GAIN[faintness]
+                        : -PEAK_LOSS[faintness];
+        }
+    }
+    if (now.loud != 0) {
+        const auto& before = frames[i == 0 ? 0 : i - 1].peaks;
+        const auto& after = frames[std::min(i + 1, frames.size() - 1)].peaks;
+        for (unsigned regions = now.loud; regions != 0; regions &= regions - 1) {
+            const auto region = static_cast<unsigned>(__builtin_ctz(regions));
+            const int bin = now.peaks[region];
+            if (!near(expected.peaks[region], bin) && !near(before[region], bin) &&
+                !near(after[region], bin)) {
+                gain -= STRANGE_LOSS[(now.faintness >> (3 * region)) & 7];
+            }
         }
     }
     return gain;
-}
-
-// Whether a frame, or one beside it, has a peak at or beside a bin.
-bool SampleDetector::has_peak(std::int64_t frame, std::size_t region, std::uint8_t bin) const {
-    for (std::int64_t at = std::max(first_, frame - 1); at <= std::min(frame_, frame + 1); ++at) {
-        const std::uint8_t peak = heard(at).peaks[region];
-        if (peak != Fingerprint::NO_PEAK && std::abs(peak - bin) <= 1) {
-            return true;
-        }
-    }
-    return false;
 }
 
 // Returns whether the reference goes on after this frame of the side.
@@ -242,7 +307,7 @@ bool SampleDetector::compare(Track& track, std::int64_t frame) const {
         return false;
     }
     const SampleIndex::Frame& expected = frames[static_cast<std::size_t>(at)];
-    const int gained = gain(expected, frame);
+    const int gained = gain(frames, at, frame);
     if (track.score == 0) {
         track.bits = 0;
         track.different = 0;
@@ -258,11 +323,17 @@ bool SampleDetector::compare(Track& track, std::int64_t frame) const {
     return true;
 }
 
+bool SampleDetector::convincing(const Track& track) const {
+    const std::int64_t span = frame_ - track.agreed_from;
+    const int enough = loudest_frame_ - quietest_frame_ < NOISY_RANGE_DB ? ENOUGH_IN_NOISE : ENOUGH;
+    return track.score >= LEAST_SCORE && track.score + SPAN_SCORE * span >= enough;
+}
+
 void SampleDetector::follow(SampleOutput& out) {
     while (true) {
         Track* best = nullptr;
         for (Track& track : tracks_) {
-            if (track.used && !track.reported && track.score >= ENOUGH &&
+            if (track.used && !track.reported && convincing(track) &&
                 (best == nullptr || track.score > best->score)) {
                 best = &track;
             }
@@ -294,6 +365,53 @@ void SampleDetector::report(Track& track, SampleOutput& out) {
         static_cast<std::int64_t>(track.shift * HOP / SampleIndex::SHIFTS);
     out.sample({track.reference, reference.name, side_position(analysed), position_,
                 std::clamp(2 * alike - 1, 0.0, 1.0)});
+}
+
+void SampleDetector::find_tones(SampleOutput& out) {
+    if (tone_finder_.add(fingerprint_.power(), frame_)) {
+        std::copy(heard_tones_.begin() + 1, heard_tones_.end(), heard_tones_.begin());
+        heard_tones_.back() = tone_finder_.last();
+        heard_tone_count_ = std::min(heard_tone_count_ + 1, heard_tones_.size());
+        const Tone* const heard = heard_tones_.data() + heard_tones_.size() - heard_tone_count_;
+        const SampleIndex::ToneReference* best = nullptr;
+        std::int64_t begin = 0;
+        double misfit = 2;
+        for (const SampleIndex::ToneReference& each : index_->tones()) {
+            std::int64_t its_begin = 0;
+            double its_misfit = 0;
+            if (each.pattern.ends(heard, heard_tone_count_, its_begin, its_misfit) &&
+                its_misfit < misfit) {
+                best = &each;
+                begin = its_begin;
+                misfit = its_misfit;
+            }
+        }
+        if (best != nullptr) {
+            report_tone(best->reference, begin, 1 - misfit, out);
+        }
+    }
+    const Tone& current = tone_finder_.current();
+    if (current.length() == TonePattern::LONGEST) {
+        for (const SampleIndex::ToneReference& each : index_->tones()) {
+            if (each.pattern.goes_on(current)) {
+                report_tone(each.reference, current.begin - each.pattern.first().begin, 1, out);
+                break;
+            }
+        }
+    }
+}
+
+void SampleDetector::report_tone(std::uint32_t reference, std::int64_t begin, double score,
+                                 SampleOutput& out) {
+    // The repetitions of a cadence that the reference holds are one occurrence.
+    if (reference == reported_tone_ && begin < reported_tone_end_) {
+        return;
+    }
+    const SampleIndex::Reference& found = index_->reference(reference);
+    reported_tone_ = reference;
+    reported_tone_end_ = begin + static_cast<std::int64_t>(found.seconds * ANALYSIS_RATE / HOP);
+    out.sample({reference, found.name, side_position(begin * static_cast<std::int64_t>(HOP)),
+                position_, score});
 }
 
 std::int64_t SampleDetector::side_position(std::int64_t analysed) const {

@@ -68,6 +68,8 @@ class SampleDetector {
     struct Heard {
         std::uint32_t bits = 0;
         Fingerprint::Peaks peaks{};
+        std::uint8_t loud = 0;        // Regions with a peak that must not be strange.
+        std::uint32_t faintness = 0;  // As in references, relative to the sound lately.
     };
 
     // A reference that may be playing: frame n of the side is its frame n - begin.
@@ -93,11 +95,16 @@ class SampleDetector {
     const Heard& heard(std::int64_t frame) const {
         return history_[static_cast<std::size_t>(frame) % HISTORY];
     }
-    int gain(const SampleIndex::Frame& expected, std::int64_t frame) const;
-    bool has_peak(std::int64_t frame, std::size_t region, std::uint8_t bin) const;
+    using Frames = std::vector<SampleIndex::Frame>;
+
+    void remember();
+    int gain(const Frames& frames, std::int64_t at, std::int64_t frame) const;
     int agreement(std::uint32_t reference, std::size_t shift, std::int64_t begin) const;
+    bool convincing(const Track& track) const;
     void follow(SampleOutput& out);
     void report(Track& track, SampleOutput& out);
+    void find_tones(SampleOutput& out);
+    void report_tone(std::uint32_t reference, std::int64_t begin, double score, SampleOutput& out);
     std::int64_t side_position(std::int64_t analysed) const;
 
     std::shared_ptr<const SampleIndex> index_;
@@ -108,11 +115,20 @@ class SampleDetector {
     Fingerprint fingerprint_;
     std::array<float, HOP> hop_{};
     std::size_t hop_size_ = 0;
-    std::int64_t frame_ = -1;               // Number of the newest frame.
-    std::int64_t first_ = 0;                // Oldest frame that is in the history.
-    std::array<Heard, HISTORY> history_{};  // By frame modulo HISTORY.
+    std::int64_t frame_ = -1;                         // Number of the newest frame.
+    std::int64_t first_ = 0;                          // Oldest frame that is in the history.
+    std::array<Heard, HISTORY> history_{};            // By frame modulo HISTORY.
+    float loudness_ = Fingerprint::QUIETEST_DB;       // Of the loudest peak lately.
+    float loudest_frame_ = Fingerprint::QUIETEST_DB;  // Of the last seconds, and the quietest.
+    float quietest_frame_ = 0;
     std::array<Vote, VOTES> votes_{};
     std::array<Track, TRACKS> tracks_{};
+
+    ToneFinder tone_finder_;
+    std::array<Tone, TonePattern::MOST_TONES> heard_tones_{};  // The newest last.
+    std::size_t heard_tone_count_ = 0;
+    std::uint32_t reported_tone_ = 0;      // The reference reported last, and the frame at which
+    std::int64_t reported_tone_end_ = -1;  // it ends.
 };
 
 }  // namespace qv::node::analysis

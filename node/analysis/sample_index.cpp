@@ -25,7 +25,6 @@ constexpr float LOUD_DB = 14;           // Below the loudest band of the referen
 constexpr float CHANGE_PER_DB = 0.25F;  // For each decibel further below.
 constexpr float RANGE_DB = 45;
 constexpr float NO_LEVEL = -200;
-constexpr float FAINTNESS_DB = 7;  // Of one step.
 // A landmark in more places than this says little, and following all would take long.
 constexpr std::size_t MOST_PLACES = 48;
 
@@ -149,13 +148,36 @@ void mark_faintness(const std::vector<PeakLevels>& levels,
     const float loud = loud_level(levels);
     for (std::size_t i = 0; i < levels.size(); ++i) {
         for (std::size_t region = 0; region < Fingerprint::REGIONS; ++region) {
-            const float below = std::max(0.0F, loud - levels[i][region]);
-            const auto faintness =
-                std::min(SampleIndex::FAINTEST, static_cast<unsigned>(below / FAINTNESS_DB));
-            frames[i].faintness =
-                static_cast<std::uint16_t>(frames[i].faintness | (faintness << (3 * region)));
+            const std::uint32_t faintness = SampleIndex::faintness(loud - levels[i][region]);
+            frames[i].faintness = frames[i].faintness | (faintness << (3 * region));
         }
     }
+}
+
+// The frames that hold the last sound, and their peaks, are complete some hops later.
+std::vector<float> with_silence_behind(std::vector<float> sound) {
+    sound.resize(sound.size() + FRAME + 4 * HOP, 0.0F);
+    return sound;
+}
+
+// Empty unless the sound is a tone, or some one after the other.
+TonePattern tone_pattern(const std::vector<float>& sound) {
+    const std::vector<float> padded = with_silence_behind(sound);
+    Fingerprint fingerprint;
+    ToneFinder finder;
+    std::vector<Tone> tones;
+    std::int64_t audible = 0;
+    for (std::size_t at = 0; at + HOP <= padded.size(); at += HOP) {
+        fingerprint.add(padded.data() + at);
+        if (fingerprint.frames() == 0) {
+            continue;
+        }
+        if (finder.add(fingerprint.power(), static_cast<std::int64_t>(fingerprint.frames()) - 1)) {
+            tones.push_back(finder.last());
+        }
+        audible += finder.audible() ? 1 : 0;
+    }
+    return TonePattern(std::move(tones), audible);
 }
 
 bool same(SampleIndex::Place a, SampleIndex::Place b) {
@@ -200,16 +222,18 @@ std::string SampleIndexBuilder::add(const std::string& name, const float* sample
     SampleIndex::Reference reference;
     reference.name = name;
     reference.seconds = seconds;
-    fingerprint(sound, static_cast<std::uint16_t>(references_.size()), reference);
+    if (TonePattern pattern = tone_pattern(sound); !pattern.empty()) {
+        tones_.push_back({static_cast<std::uint32_t>(references_.size()), std::move(pattern)});
+    } else {
+        fingerprint(sound, static_cast<std::uint16_t>(references_.size()), reference);
+    }
     references_.push_back(std::move(reference));
     return {};
 }
 
 void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint16_t number,
                                      SampleIndex::Reference& reference) {
-    // The frames that hold the last sound, and their peaks, are complete some hops later.
-    std::vector<float> padded(sound);
-    padded.resize(sound.size() + FRAME + 4 * HOP, 0.0F);
+    const std::vector<float> padded = with_silence_behind(sound);
     Fingerprint fingerprint;
     for (std::size_t shift = 0; shift < SampleIndex::SHIFTS; ++shift) {
         fingerprint.reset(0);
@@ -222,7 +246,8 @@ void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint1
             if (fingerprint.frames() == 0) {
                 continue;
             }
-            frames.push_back({fingerprint.bits(), 0, fingerprint.peaks(), 0});
+            frames.push_back({fingerprint.bits(), 0, fingerprint.peaks(),
+                              Fingerprint::regions_of(fingerprint.peaks()), 0});
             levels.push_back(peak_levels_of(fingerprint));
             changes.push_back(changes_of(fingerprint));
             for (std::size_t i = 0; i < fingerprint.landmark_count(); ++i) {
@@ -263,7 +288,9 @@ std::shared_ptr<const SampleIndex> SampleIndexBuilder::build() {
         }
     }
     index->starts_.push_back(static_cast<std::uint32_t>(index->places_.size()));
+    index->tones_ = std::move(tones_);
     references_.clear();
+    tones_.clear();
     entries_.clear();
     return index;
 }

@@ -4,6 +4,7 @@
 // it. A changed folder is read into a new index.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -12,13 +13,14 @@
 #include <vector>
 
 #include "node/analysis/fingerprint.h"
+#include "node/analysis/tones.h"
 
 namespace qv::node::analysis {
 
 class SampleIndex {
   public:
     // Framings of a reference: frames of a side begin somewhere in a hop.
-    static constexpr std::size_t SHIFTS = 2;
+    static constexpr std::size_t SHIFTS = 4;
 
     // A place in a reference that has a landmark.
     struct Place {
@@ -31,19 +33,32 @@ class SampleIndex {
         std::uint32_t bits;
         std::uint32_t mask;  // Of the bits that are reliable.
         Fingerprint::Peaks peaks;
-        std::uint16_t faintness;  // Of each peak, three bits from the lowest: 0 is loudest.
+        std::uint8_t regions;     // That have a peak, a bit for each.
+        std::uint32_t faintness;  // Of each peak, three bits from the lowest: 0 is loudest.
     };
-    static constexpr unsigned FAINTEST = 7;
+    static constexpr std::uint32_t FAINTEST = 7;
+    // Of a peak that is so many decibels below the loudest ones.
+    static std::uint32_t faintness(float below_db) {
+        constexpr float STEP_DB = 7;
+        return std::min(FAINTEST, static_cast<std::uint32_t>(std::max(0.0F, below_db) / STEP_DB));
+    }
 
     struct Reference {
         std::string name;
         double seconds = 0;
-        std::array<std::vector<Frame>, SHIFTS> frames;
+        std::array<std::vector<Frame>, SHIFTS> frames;  // Empty where it is a tone.
     };
 
     // How many references there are, and each of them.
     std::size_t size() const { return references_.size(); }
     const Reference& reference(std::size_t number) const { return references_[number]; }
+
+    // The references that are tones.
+    struct ToneReference {
+        std::uint32_t reference;
+        TonePattern pattern;
+    };
+    const std::vector<ToneReference>& tones() const { return tones_; }
 
     // The places of a landmark, from begin to end.
     struct Places {
@@ -64,6 +79,7 @@ class SampleIndex {
     std::vector<Reference> references_;
     std::vector<std::uint32_t> starts_;  // By kind of landmark, and the end of the last.
     std::vector<Place> places_;
+    std::vector<ToneReference> tones_;
 };
 
 // Collects references; belongs to one thread.
@@ -95,6 +111,7 @@ class SampleIndexBuilder {
 
     std::vector<SampleIndex::Reference> references_;
     std::vector<Entry> entries_;
+    std::vector<SampleIndex::ToneReference> tones_;
 };
 
 }  // namespace qv::node::analysis

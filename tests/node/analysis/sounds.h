@@ -50,7 +50,7 @@ inline Sound noise(double seconds, double level, unsigned seed, int rate = 8000)
 }
 
 // Like somebody who speaks without words: syllables of a buzz with two wandering formants,
-// others for each seed.
+// others for each seed, with short pauses between words.
 inline Sound babble(double seconds, unsigned seed, int rate = 8000, double level = 0.1) {
     std::mt19937 random(seed);
     const auto between = [&](double low, double high) {
@@ -81,6 +81,9 @@ inline Sound babble(double seconds, unsigned seed, int rate = 8000, double level
             sound[at + i] = static_cast<float>(level * sum * std::sin(PI * part));
         }
         at += size;
+        if (random() % 4 == 0) {
+            at += samples_in(between(0.06, 0.2), rate);
+        }
     }
     return sound;
 }
