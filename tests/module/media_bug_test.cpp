@@ -52,13 +52,13 @@ TEST_F(MediaBug, WholeCallGoesOutByteForByte) {
 
     // The start packet's times of configuration, bytes 48 to 63, are of this run.
     Bytes start = node.receive();
-    const Bytes golden_start = test::golden("call_1_start");
+    const Bytes golden_start = golden("call_1_start");
     ASSERT_GE(start.size(), 64U);
     std::copy(golden_start.begin() + 48, golden_start.begin() + 64, start.begin() + 48);
     EXPECT_EQ(timeless(start), timeless(golden_start));
-    const std::vector<std::string> names = test::golden_call();
+    const std::vector<std::string> names = golden_call();
     for (std::size_t i = 1; i < names.size(); ++i) {
-        EXPECT_EQ(timeless(node.receive()), timeless(test::golden(names[i]))) << names[i];
+        EXPECT_EQ(timeless(node.receive()), timeless(golden(names[i]))) << names[i];
     }
     EXPECT_TRUE(node.receive_all().empty());
 }

@@ -20,9 +20,9 @@ namespace qv::freeswitch {
 
 namespace {
 
-using test::golden;
 using tests::Bytes;
 using tests::field;
+using tests::golden;
 using tests::hex;
 using tests::Lines;
 using tests::timeless;

@@ -13,7 +13,7 @@ namespace {
 using namespace qv::node;
 using namespace std::chrono_literals;
 
-using NodeOptionsTest = qv::test::CommandLineTest<Options, parse_options, EXIT_USAGE>;
+using NodeOptionsTest = qv::tests::CommandLineTest<Options, parse_options, EXIT_USAGE>;
 
 TEST_F(NodeOptionsTest, DefaultsAreThoseOfTheDocument) {
     EXPECT_EQ(parse({}), std::nullopt);

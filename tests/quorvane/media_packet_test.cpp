@@ -15,7 +15,7 @@ using qv::media::DecodeResult;
 using qv::media::Packet;
 using qv::media::PacketType;
 
-using qv::test::Bytes;
+using qv::tests::Bytes;
 
 // The common header and the send time 0x0102030405060708 of a packet.
 Bytes common(unsigned char type, unsigned char leg_low, unsigned char leg_high) {
@@ -232,14 +232,14 @@ TEST_F(MediaPacketDecoder, CallReferenceOfLengthZeroIsRefused) {
 }
 
 TEST_F(MediaPacketDecoder, TheGoldenCallDecodes) {
-    for (const std::string& name : qv::test::golden_call()) {
-        EXPECT_EQ(decode(qv::test::golden(name)), DecodeResult::OK) << name;
+    for (const std::string& name : qv::tests::golden_call()) {
+        EXPECT_EQ(decode(qv::tests::golden(name)), DecodeResult::OK) << name;
     }
 }
 
 TEST_F(MediaPacketDecoder, EveryGoldenMalformedDatagramIsRefused) {
-    for (const std::string& name : qv::test::golden_malformed()) {
-        EXPECT_NE(decode(qv::test::golden(name)), DecodeResult::OK) << name;
+    for (const std::string& name : qv::tests::golden_malformed()) {
+        EXPECT_NE(decode(qv::tests::golden(name)), DecodeResult::OK) << name;
     }
 }
 

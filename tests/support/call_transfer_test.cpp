@@ -17,8 +17,8 @@ class GoldenCall : public ::testing::Test {
     enum : std::size_t { START, READ_1, WRITE_1, READ_2, WRITE_2, CONTROL, TERMINATE };
 
     GoldenCall() {
-        for (const std::string& name : test::golden_call()) {
-            packets.push_back(test::golden(name));
+        for (const std::string& name : golden_call()) {
+            packets.push_back(golden(name));
         }
     }
 

@@ -16,7 +16,7 @@
 #error "QUORVANE_TEST_DATA_DIR must name the folder of the golden datagrams"
 #endif
 
-namespace qv::test {
+namespace qv::tests {
 
 using Bytes = std::vector<unsigned char>;
 
@@ -98,4 +98,4 @@ inline std::vector<std::string> golden_malformed() {
             "malformed_version"};
 }
 
-}  // namespace qv::test
+}  // namespace qv::tests

@@ -9,9 +9,9 @@
 
 namespace {
 
-using qv::test::append_hex_line;
-using qv::test::Bytes;
-using qv::test::golden;
+using qv::tests::append_hex_line;
+using qv::tests::Bytes;
+using qv::tests::golden;
 
 bool is_malformed(const std::string& name) {
     return name.rfind("malformed_", 0) == 0;
@@ -63,12 +63,12 @@ TEST(GoldenDatagrams, ListOfTheMalformedIsComplete) {
     names.erase(std::remove_if(names.begin(), names.end(),
                                [](const std::string& name) { return !is_malformed(name); }),
                 names.end());
-    EXPECT_EQ(names, qv::test::golden_malformed());
+    EXPECT_EQ(names, qv::tests::golden_malformed());
 }
 
 TEST(GoldenDatagrams, CallIsCompleteAndInOrder) {
     std::vector<unsigned> types;
-    for (const std::string& name : qv::test::golden_call()) {
+    for (const std::string& name : qv::tests::golden_call()) {
         types.push_back(golden(name).at(4));
     }
     EXPECT_EQ(types, (std::vector<unsigned>{0x81, 0x83, 0x83, 0x83, 0x83, 0x84, 0x82}));

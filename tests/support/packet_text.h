@@ -12,8 +12,6 @@
 
 namespace qv::tests {
 
-using Bytes = test::Bytes;
-
 inline std::string to_text(const Bytes& bytes) {
     constexpr char DIGITS[] = "0123456789abcdef";
     std::string text;
@@ -27,7 +25,7 @@ inline std::string to_text(const Bytes& bytes) {
 // The bytes of a text of hexadecimal digits and blanks.
 inline Bytes from_text(const std::string& text) {
     Bytes bytes;
-    if (!test::append_hex_line(text, bytes)) {
+    if (!append_hex_line(text, bytes)) {
         throw std::invalid_argument("not hexadecimal: " + text);
     }
     return bytes;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace qv::test {
+namespace qv::tests {
 
 // `Options` and `parse_options` are those of the tool; EXIT_USAGE is its exit code for a
 // wrong command line.
@@ -42,4 +42,4 @@ class CommandLineTest : public testing::Test {
     std::string error_;
 };
 
-}  // namespace qv::test
+}  // namespace qv::tests

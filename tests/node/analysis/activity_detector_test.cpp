@@ -10,7 +10,7 @@
 namespace {
 
 using namespace qv::node::analysis;
-using namespace qv::test;
+using namespace qv::tests;
 
 struct Changes : ActivityOutput {
     std::vector<ActivityChange> list;

@@ -9,7 +9,7 @@
 namespace {
 
 using namespace qv::node::analysis;
-using namespace qv::test;
+using namespace qv::tests;
 
 struct Found {
     std::string name;

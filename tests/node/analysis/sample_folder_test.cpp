@@ -13,7 +13,7 @@
 namespace {
 
 using namespace qv::node::analysis;
-using namespace qv::test;
+using namespace qv::tests;
 namespace fs = std::filesystem;
 
 class sample_folder : public testing::Test {

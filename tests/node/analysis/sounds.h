@@ -8,7 +8,7 @@
 #include <random>
 #include <vector>
 
-namespace qv::test {
+namespace qv::tests {
 
 using Sound = std::vector<float>;  // -1 to 1.
 
@@ -124,4 +124,4 @@ inline std::vector<std::int16_t> pcm(const Sound& sound) {
     return samples;
 }
 
-}  // namespace qv::test
+}  // namespace qv::tests

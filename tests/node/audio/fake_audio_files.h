@@ -8,7 +8,7 @@
 
 #include "node/audio/audio_files.h"
 
-namespace qv::test {
+namespace qv::tests {
 
 struct FakeFile {
     int sample_rate = 0;
@@ -66,4 +66,4 @@ class FakeAudioStore : public node::AudioStore {
     };
 };
 
-}  // namespace qv::test
+}  // namespace qv::tests

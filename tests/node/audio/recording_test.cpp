@@ -7,7 +7,7 @@
 namespace {
 
 using namespace qv::node;
-using qv::test::FakeAudioStore;
+using qv::tests::FakeAudioStore;
 using Samples = std::vector<std::int16_t>;
 
 constexpr Side ORIGINATOR = Side::ORIGINATOR;

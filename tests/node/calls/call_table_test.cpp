@@ -16,7 +16,7 @@ using namespace qv::node;
 using namespace std::chrono_literals;
 using qv::media::Packet;
 using qv::media::PacketType;
-using qv::test::FakeAudioStore;
+using qv::tests::FakeAudioStore;
 
 // Writes down what it is told, one word each.
 class Diary : public CallListener {
@@ -114,7 +114,7 @@ class CallTableTest : public testing::Test {
     }
 
     // Of the originator's file of the call's first or later part.
-    const qv::test::FakeFile& file(int part) const {
+    const qv::tests::FakeFile& file(int part) const {
         const std::string number = part == 1 ? "" : "-" + std::to_string(part);
         return store_.files.at(uuid_text(uuid_) + number + "-originator.wav");
     }

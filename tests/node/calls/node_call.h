@@ -17,7 +17,7 @@
 #include "tests/node/audio/fake_audio_files.h"
 #include "tests/support/golden.h"
 
-namespace qv::test {
+namespace qv::tests {
 
 class NodeCallTest : public testing::Test {
   protected:
@@ -89,4 +89,4 @@ class NodeCallTest : public testing::Test {
     node::Micros now_{100'000'000};
 };
 
-}  // namespace qv::test
+}  // namespace qv::tests

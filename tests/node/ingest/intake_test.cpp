@@ -15,7 +15,7 @@ using qv::media::DecodeResult;
 
 class IntakeTest : public testing::Test {
   protected:
-    void receive(const qv::test::Bytes& datagram, Micros now = 1s) {
+    void receive(const qv::tests::Bytes& datagram, Micros now = 1s) {
         intake_.receive({datagram.data(), datagram.size(), {now, {}}});
     }
     std::uint64_t malformed(DecodeResult reason) const {
@@ -32,7 +32,7 @@ class IntakeTest : public testing::Test {
 };
 
 TEST_F(IntakeTest, PacketReachesItsCall) {
-    receive(qv::test::golden("call_1_start"));
+    receive(qv::tests::golden("call_1_start"));
     EXPECT_EQ(calls_.size(), 1u);
     EXPECT_EQ(calls_.totals().all_packets(), 1u);
     EXPECT_TRUE(told_.empty());
@@ -41,7 +41,7 @@ TEST_F(IntakeTest, PacketReachesItsCall) {
 TEST_F(IntakeTest, DatagramsThatAreNoPacketsAreCountedByReason) {
     receive({1, 2, 3});
     receive({});
-    receive(qv::test::Bytes(40, 0));
+    receive(qv::tests::Bytes(40, 0));
     EXPECT_EQ(malformed(DecodeResult::TOO_SHORT), 2u);
     EXPECT_EQ(malformed(DecodeResult::BAD_MAGIC), 1u);
     EXPECT_EQ(told_,

@@ -12,7 +12,7 @@ using namespace qv::node;
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
 
-class EventLogTest : public qv::test::NodeCallTest {
+class EventLogTest : public qv::tests::NodeCallTest {
   protected:
     EventLogTest() { watch_with(false); }
 
@@ -104,8 +104,8 @@ TEST_F(EventLogTest, LargeNumbersAreTextAndFlagsAreSplit) {
 TEST_F(EventLogTest, ControlHasTheUpdateAndWhatIsInEffect) {
     send("start_outbound_full");
     forget();
-    qv::test::Bytes update = qv::test::golden("call_6_control");
-    const qv::test::Bytes start = qv::test::golden("start_outbound_full");
+    qv::tests::Bytes update = qv::tests::golden("call_6_control");
+    const qv::tests::Bytes start = qv::tests::golden("start_outbound_full");
     std::copy(start.begin() + 8, start.begin() + 32, update.begin() + 8);
     send(update);
     EXPECT_EQ(lines()[0],
@@ -149,7 +149,7 @@ TEST_F(EventLogTest, PauseTellsHowLongItWasAndWhere) {
     watch_with(false, limits);
     send("call_2_read");
     pass(1s);
-    qv::test::Bytes later = qv::test::golden("call_4_read");
+    qv::tests::Bytes later = qv::tests::golden("call_4_read");
     const unsigned char send_time[] = {0x7e, 0x39, 0xa3, 0xd6};  // A second more.
     std::copy(std::begin(send_time), std::end(send_time), later.begin() + 32);
     send(later);

@@ -10,7 +10,7 @@ using namespace qv::node;
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
-class LineReportTest : public qv::test::NodeCallTest {
+class LineReportTest : public qv::tests::NodeCallTest {
   protected:
     LineReportTest() { watch({&report_}); }
 

@@ -12,7 +12,7 @@ using Lines = std::vector<std::string>;
 
 constexpr const char* NO_LEVEL_7 = "\u00b7\u00b7\u00b7\u00b7\u00b7\u00b7\u00b7     --";
 
-class LiveViewTest : public qv::test::NodeCallTest {
+class LiveViewTest : public qv::tests::NodeCallTest {
   protected:
     LiveViewTest() {
         figures_.address = "127.0.0.1:40000";

@@ -92,7 +92,7 @@ TEST(TimelineTest, AudioIsDrawnWhereItBegan) {
 }
 
 // What the receiver draws of a call. Times are seconds after the golden start packet.
-class TimelineOfCallTest : public qv::test::NodeCallTest {
+class TimelineOfCallTest : public qv::tests::NodeCallTest {
   protected:
     TimelineOfCallTest() {
         CallLimits limits;
@@ -101,7 +101,7 @@ class TimelineOfCallTest : public qv::test::NodeCallTest {
     }
 
     void send_at(double seconds, const std::string& name) {
-        qv::test::Bytes datagram = qv::test::golden(name);
+        qv::tests::Bytes datagram = qv::tests::golden(name);
         auto send_time = 3'600'000'250 + static_cast<std::int64_t>(seconds * 1e6);
         for (std::size_t i = 32; i < 40; ++i, send_time >>= 8) {
             datagram[i] = static_cast<unsigned char>(send_time & 0xFF);
@@ -132,7 +132,7 @@ TEST_F(TimelineOfCallTest, RingingStandsBeforeTheAudio) {
 }
 
 TEST_F(TimelineOfCallTest, SilentSideIsCalledSilentAsInTheLines) {
-    qv::test::Bytes silence = qv::test::golden("call_2_read");
+    qv::tests::Bytes silence = qv::tests::golden("call_2_read");
     std::fill(silence.begin() + 50, silence.end(), static_cast<unsigned char>(0));
     send(silence);
     send("call_3_write");

@@ -11,7 +11,7 @@
 namespace qv::tools::call {
 namespace {
 
-using OptionsTest = qv::test::CommandLineTest<Options, parse_options, EXIT_USAGE>;
+using OptionsTest = qv::tests::CommandLineTest<Options, parse_options, EXIT_USAGE>;
 
 using Variable = std::pair<std::string, std::string>;
 
