@@ -58,7 +58,7 @@ class StreamingCalls {
         host::MediaPlan plan;
         plan.read = host::play_silence(1U << 30, 160);
         plan.write = host::play_silence(1U << 30, 160);
-        plan.pace = host::Pace::paced;
+        plan.pace = host::Pace::PACED;
         calls_.front()->start_media(std::move(plan));
     }
 

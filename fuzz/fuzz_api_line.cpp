@@ -159,7 +159,7 @@ class Calls {
     }
 
     void feed_a() {
-        call_a_->feed(qv::host::Direction::read, "\1\2\3\4", 4);
+        call_a_->feed(qv::host::Direction::READ, "\1\2\3\4", 4);
         if (a_.alive && a_.started) {
             ++a_.frames;
             note_datagram("data", a_.frames & 0xFF, 2);

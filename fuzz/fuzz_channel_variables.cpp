@@ -257,8 +257,8 @@ void check_start(const Model& model, std::vector<Datagram> datagrams) {
 
 // One frame a direction, then the end of the call.
 void check_rest(ModuleHost& module, qv::host::Call& call, const Model& model, bool outbound) {
-    call.feed(qv::host::Direction::read, "\1\2", 2);
-    call.feed(qv::host::Direction::write, "\3\4", 2);
+    call.feed(qv::host::Direction::READ, "\1\2", 2);
+    call.feed(qv::host::Direction::WRITE, "\3\4", 2);
     call.hangup();
     const std::vector<Datagram> datagrams = module.take_datagrams();
     qv::fuzz::require_equal("number of datagrams", datagrams.size(), 3u);

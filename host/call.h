@@ -25,13 +25,13 @@ class Session;
 
 // The directions of the media, as seen from the host: read comes in from the call's
 // party, write goes out to it.
-enum class Direction { read = 0, write = 1 };
+enum class Direction { READ = 0, WRITE = 1 };
 
 enum class MediaState {
-    answered,   // media flows, the call is answered
-    early,      // media flows before the answer
-    on_demand,  // none yet; adding a bug brings it up
-    refused,    // none, and the channel cannot bring it up
+    ANSWERED,   // media flows, the call is answered
+    EARLY,      // media flows before the answer
+    ON_DEMAND,  // none yet; adding a bug brings it up
+    REFUSED,    // none, and the channel cannot bring it up
 };
 
 struct CallOptions {
@@ -40,7 +40,7 @@ struct CallOptions {
     std::map<std::string, std::string> variables;
     switch_call_direction_t direction = SWITCH_CALL_DIRECTION_INBOUND;
     switch_channel_state_t state = CS_EXECUTE;
-    MediaState media = MediaState::answered;
+    MediaState media = MediaState::ANSWERED;
     switch_time_t created = 0;  // microseconds since 1970; 0: now
     bool timetable = true;
     std::optional<std::string> codec = "L16";  // IANA name carried by the frames; may be absent
@@ -50,13 +50,13 @@ struct CallOptions {
 };
 
 enum class Pace {
-    paced,         // a frame every frame time, due times counted from the start
-    free_running,  // as fast as the callbacks return
+    PACED,         // a frame every frame time, due times counted from the start
+    FREE_RUNNING,  // as fast as the callbacks return
 };
 
 enum class MediaThreads {
-    pool,  // the host's few media threads, one set for each direction
-    own,   // two threads of this call's own
+    POOL,  // the host's few media threads, one set for each direction
+    OWN,   // two threads of this call's own
 };
 
 // What became of one frame.
@@ -85,8 +85,8 @@ class FrameObserver {
 struct MediaPlan {
     std::unique_ptr<FrameSource> read;   // null: no frames in this direction
     std::unique_ptr<FrameSource> write;  // null: no frames in this direction
-    Pace pace = Pace::paced;
-    MediaThreads threads = MediaThreads::pool;
+    Pace pace = Pace::PACED;
+    MediaThreads threads = MediaThreads::POOL;
     std::chrono::steady_clock::duration delay{0};  // before the first frame
     std::shared_ptr<FrameObserver> observer;       // null: nobody is told
 };

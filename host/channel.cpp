@@ -21,13 +21,13 @@ Channel::Channel(const CallOptions& options, const std::string& uuid)
     times_.created = options.created ? options.created : switch_time_now();
     times_.profile_created = times_.created;
     set_flag(CF_OUTBOUND, direction_ == SWITCH_CALL_DIRECTION_OUTBOUND);
-    if (media_ == MediaState::early) {
+    if (media_ == MediaState::EARLY) {
         set_flag(CF_EARLY_MEDIA, 1);
     }
-    if (media_ == MediaState::early || media_ == MediaState::answered) {
+    if (media_ == MediaState::EARLY || media_ == MediaState::ANSWERED) {
         set_flag(CF_MEDIA_SET, 1);
     }
-    if (media_ == MediaState::answered) {
+    if (media_ == MediaState::ANSWERED) {
         mark_answered();
     }
     set_variable("uuid", uuid);
@@ -110,7 +110,7 @@ bool Channel::pre_answer() {
     if (flag(CF_ANSWERED) || flag(CF_EARLY_MEDIA)) {
         return true;
     }
-    if (media_ == MediaState::refused) {
+    if (media_ == MediaState::REFUSED) {
         hang_up(SWITCH_CAUSE_INCOMPATIBLE_DESTINATION);
         return false;
     }
@@ -149,7 +149,7 @@ using qv::host::Fault;
 extern "C" {
 
 switch_channel_timetable_t* switch_channel_get_timetable(switch_channel_t* channel) {
-    return current_host().faults.on(Fault::no_timetable) ? nullptr
+    return current_host().faults.on(Fault::NO_TIMETABLE) ? nullptr
                                                          : channel->owner->channel().timetable();
 }
 
@@ -169,7 +169,7 @@ switch_call_direction_t switch_channel_direction(switch_channel_t* channel) {
 
 int switch_channel_test_ready(switch_channel_t* channel, switch_bool_t check_ready,
                               switch_bool_t check_media) {
-    if (check_media && current_host().faults.on(Fault::media_not_ready)) {
+    if (check_media && current_host().faults.on(Fault::MEDIA_NOT_READY)) {
         return 0;
     }
     return channel->owner->channel().ready(check_ready != SWITCH_FALSE,

@@ -12,7 +12,7 @@
 //     if (!loaded.loaded) ... loaded.error ...
 //     auto call = host.start_call();
 //     call->execute("quorvane");
-//     call->feed(qv::host::Direction::read, samples, 320);
+//     call->feed(qv::host::Direction::READ, samples, 320);
 //     host.api("quorvane " + call->uuid() + " features").text;
 //     call->hangup();
 //

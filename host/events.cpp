@@ -49,9 +49,9 @@ char* borrowed(const std::string& text) {
 bool fault_of_bind(switch_event_types_t event) {
     const Faults& faults = current_host().faults;
     return (event == SWITCH_EVENT_CHANNEL_DESTROY &&
-            faults.on(Fault::bind_channel_destroy_fails)) ||
-           (event == SWITCH_EVENT_ALL && faults.on(Fault::bind_all_fails)) ||
-           faults.on(Fault::out_of_memory);
+            faults.on(Fault::BIND_CHANNEL_DESTROY_FAILS)) ||
+           (event == SWITCH_EVENT_ALL && faults.on(Fault::BIND_ALL_FAILS)) ||
+           faults.on(Fault::OUT_OF_MEMORY);
 }
 
 constexpr char HEX_DIGITS[] = "0123456789ABCDEF";
@@ -304,7 +304,7 @@ switch_status_t switch_event_unbind(switch_event_node_t** node) {
 
 switch_status_t switch_event_serialize(switch_event_t* event, char** str, switch_bool_t encode) {
     *str = nullptr;
-    if (current_host().faults.on(Fault::out_of_memory)) {
+    if (current_host().faults.on(Fault::OUT_OF_MEMORY)) {
         return SWITCH_STATUS_MEMERR;
     }
     const std::string text = qv::host::serialized(*event, encode == SWITCH_TRUE);

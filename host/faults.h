@@ -13,18 +13,18 @@
 namespace qv::host {
 
 enum class Fault : std::uint32_t {
-    bind_channel_destroy_fails = 1u << 0,  // switch_event_bind_removable for that event
-    bind_all_fails = 1u << 1,              // ... for SWITCH_EVENT_ALL
-    no_timetable = 1u << 2,                // switch_channel_get_timetable gives null
-    media_not_ready = 1u << 3,             // switch_channel_test_ready with media gives 0
-    bug_refused = 1u << 4,                 // switch_core_media_bug_add fails before INIT
-    session_not_found = 1u << 5,           // switch_core_session_perform_locate gives null
-    uuid_garbage = 1u << 6,                // switch_core_session_get_uuid gives "not-a-uuid"
-    out_of_memory = 1u << 7,               // bug_add, bind and serialize find no memory
-    null_frame = 1u << 8,                  // the frame getters of a bug give null
-    completion_fails = 1u << 9,            // switch_console_set_complete fails
-    refused_bug_closed = 1u << 10,         // a bug that refuses INIT gets a CLOSE as well
-    bug_lost = 1u << 11,                   // switch_core_media_bug_add fails after INIT
+    BIND_CHANNEL_DESTROY_FAILS = 1u << 0,  // switch_event_bind_removable for that event
+    BIND_ALL_FAILS = 1u << 1,              // ... for SWITCH_EVENT_ALL
+    NO_TIMETABLE = 1u << 2,                // switch_channel_get_timetable gives null
+    MEDIA_NOT_READY = 1u << 3,             // switch_channel_test_ready with media gives 0
+    BUG_REFUSED = 1u << 4,                 // switch_core_media_bug_add fails before INIT
+    SESSION_NOT_FOUND = 1u << 5,           // switch_core_session_perform_locate gives null
+    UUID_GARBAGE = 1u << 6,                // switch_core_session_get_uuid gives "not-a-uuid"
+    OUT_OF_MEMORY = 1u << 7,               // bug_add, bind and serialize find no memory
+    NULL_FRAME = 1u << 8,                  // the frame getters of a bug give null
+    COMPLETION_FAILS = 1u << 9,            // switch_console_set_complete fails
+    REFUSED_BUG_CLOSED = 1u << 10,         // a bug that refuses INIT gets a CLOSE as well
+    BUG_LOST = 1u << 11,                   // switch_core_media_bug_add fails after INIT
 };
 
 class Faults {

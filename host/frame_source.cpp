@@ -19,7 +19,7 @@ class SamplePlayer : public FrameSource {
 
     std::optional<std::uint32_t> next(std::uint8_t* buffer, std::uint32_t capacity) override {
         std::size_t left = samples_->size() - position_;
-        if (repeat_ == Repeat::forever && left < per_frame_ && samples_->size() >= per_frame_) {
+        if (repeat_ == Repeat::FOREVER && left < per_frame_ && samples_->size() >= per_frame_) {
             position_ = 0;
             left = samples_->size();
         }

@@ -26,13 +26,13 @@ class FrameSource {
 // 16-bit samples in the machine's byte order, shared by the calls that play them.
 using Samples = std::shared_ptr<const std::vector<std::int16_t>>;
 
-enum class Repeat { once, forever };
+enum class Repeat { ONCE, FOREVER };
 
 // Frames of `samples_per_frame` samples; the last one holds what is left and may be
 // shorter. Forever: begins again where no full frame is left, without an end, as long
 // as there are samples for one frame.
 std::unique_ptr<FrameSource> play(Samples samples, std::uint32_t samples_per_frame,
-                                  Repeat repeat = Repeat::once);
+                                  Repeat repeat = Repeat::ONCE);
 
 // `frames` frames of zero samples.
 std::unique_ptr<FrameSource> play_silence(std::uint32_t frames, std::uint32_t samples_per_frame);

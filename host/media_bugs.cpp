@@ -31,7 +31,7 @@ bool overdue(const switch_media_bug& bug) {
 }
 
 FrameOffer& offer(switch_media_bug& bug, Direction direction) {
-    return direction == Direction::read ? bug.read : bug.write;
+    return direction == Direction::READ ? bug.read : bug.write;
 }
 
 std::vector<std::pair<std::string, std::string>> headers_of(const switch_media_bug& bug) {
@@ -59,14 +59,14 @@ switch_status_t MediaBugs::add(const BugInfo& wanted, switch_media_bug_t** bug) 
     }
     if (added->callback &&
         added->callback(added.get(), added->user_data, SWITCH_ABC_TYPE_INIT) == SWITCH_FALSE) {
-        if (host.faults.on(Fault::refused_bug_closed))
+        if (host.faults.on(Fault::REFUSED_BUG_CLOSED))
             added->callback(added.get(), added->user_data, SWITCH_ABC_TYPE_CLOSE);
         ++host.counters.bugs_refused;
         host.log.note(SWITCH_LOG_ERROR, "a bug refused to start on " + session_.channel().name());
         session_.fire(SWITCH_EVENT_MEDIA_BUG_STOP, headers_of(*added));
         return SWITCH_STATUS_GENERR;
     }
-    if (host.faults.on(Fault::bug_lost))
+    if (host.faults.on(Fault::BUG_LOST))
         return SWITCH_STATUS_GENERR;
     ++host.counters.bugs_added;
     ++host.counters.bugs_attached;
@@ -115,7 +115,7 @@ Delivery MediaBugs::deliver(Direction direction, switch_frame_t& frame) {
 
 // False when this bug does not take the frame.
 bool MediaBugs::deliver_to(switch_media_bug& bug, Direction direction, switch_frame_t& frame) {
-    const bool read = direction == Direction::read;
+    const bool read = direction == Direction::READ;
     const switch_media_bug_flag_t flags = bug.flags;
     if ((flags & SMBF_PRUNE) || !(flags & (read ? SMBF_READ_REPLACE : SMBF_WRITE_REPLACE))) {
         return false;
@@ -224,7 +224,7 @@ namespace {
 
 // The frame that a bug asks for, noting that it got it.
 switch_frame_t* give(FrameOffer& offer) {
-    if (current_host().faults.on(Fault::null_frame)) {
+    if (current_host().faults.on(Fault::NULL_FRAME)) {
         return nullptr;
     }
     offer.given = offer.frame != nullptr;
@@ -242,10 +242,10 @@ switch_status_t switch_core_media_bug_add(switch_core_session_t* session, const 
                                           switch_media_bug_t** new_bug) {
     const auto& faults = current_host().faults;
     *new_bug = nullptr;
-    if (faults.on(Fault::bug_refused)) {
+    if (faults.on(Fault::BUG_REFUSED)) {
         return SWITCH_STATUS_FALSE;
     }
-    if (faults.on(Fault::out_of_memory)) {
+    if (faults.on(Fault::OUT_OF_MEMORY)) {
         return SWITCH_STATUS_MEMERR;
     }
     return session->owner->bugs().add(

@@ -18,7 +18,7 @@ MediaStream::MediaStream(Session& session, Direction direction, std::unique_ptr<
       due_(first_due) {}
 
 bool MediaStream::step(Clock::time_point now) {
-    const bool paced = pace_ == Pace::paced;
+    const bool paced = pace_ == Pace::PACED;
     const auto lateness = paced ? now - due_ : Clock::duration::zero();
     const auto result = session_.leg(direction_).feed_from(*source_, lateness);
     if (!result) {

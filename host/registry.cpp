@@ -124,7 +124,7 @@ void* switch_loadable_module_create_interface(switch_loadable_module_interface_t
 
 switch_status_t switch_console_set_complete(const char* string) {
     auto& host = qv::host::current_host();
-    if (!string || host.faults.on(qv::host::Fault::completion_fails)) {
+    if (!string || host.faults.on(qv::host::Fault::COMPLETION_FAILS)) {
         return SWITCH_STATUS_FALSE;
     }
     host.registry.add_completion(string);

@@ -168,8 +168,8 @@ Session::Session(CallOptions options, std::string uuid)
       codec_name_(options_.codec.value_or("")),
       channel_(options_, uuid_),
       bugs_(*this),
-      read_(*this, Direction::read),
-      write_(*this, Direction::write) {
+      read_(*this, Direction::READ),
+      write_(*this, Direction::WRITE) {
     const auto samples =
         static_cast<std::uint32_t>(options_.rate * options_.frame_time.count() / 1000000);
     implementation_.iananame = options_.codec ? codec_name_.data() : nullptr;
@@ -209,7 +209,7 @@ bool Session::hangup(switch_call_cause_t cause) {
     fire(SWITCH_EVENT_CHANNEL_HANGUP);
     {
         const std::lock_guard<std::mutex> plan(plan_lock_);
-        stop_stream(Direction::read);
+        stop_stream(Direction::READ);
     }
     const std::lock_guard<std::mutex> guard(thread_lock_);
     bugs_.close_all();
@@ -240,8 +240,8 @@ void Session::destroy() {
 
 void Session::start_media(MediaPlan plan) {
     const std::lock_guard<std::mutex> guard(plan_lock_);
-    stop_stream(Direction::read);
-    stop_stream(Direction::write);
+    stop_stream(Direction::READ);
+    stop_stream(Direction::WRITE);
     if (over()) {
         return;
     }
@@ -249,8 +249,8 @@ void Session::start_media(MediaPlan plan) {
         const std::lock_guard<std::mutex> ends(ends_lock_);
         streams_left_ = (plan.read ? 1 : 0) + (plan.write ? 1 : 0);
     }
-    start_stream(Direction::read, std::move(plan.read), plan);
-    start_stream(Direction::write, std::move(plan.write), plan);
+    start_stream(Direction::READ, std::move(plan.read), plan);
+    start_stream(Direction::WRITE, std::move(plan.write), plan);
 }
 
 void Session::start_stream(Direction direction, std::unique_ptr<FrameSource> source,
@@ -262,7 +262,7 @@ void Session::start_stream(Direction direction, std::unique_ptr<FrameSource> sou
     playing.stream =
         std::make_shared<MediaStream>(*this, direction, std::move(source), plan.observer, plan.pace,
                                       MediaStream::Clock::now() + plan.delay);
-    if (plan.threads == MediaThreads::own) {
+    if (plan.threads == MediaThreads::OWN) {
         playing.own_thread = std::make_unique<MediaThread>();
     }
     playing.thread =
@@ -282,8 +282,8 @@ void Session::stop_stream(Direction direction) {
 void Session::stop_media() {
     {
         const std::lock_guard<std::mutex> guard(plan_lock_);
-        stop_stream(Direction::read);
-        stop_stream(Direction::write);
+        stop_stream(Direction::READ);
+        stop_stream(Direction::WRITE);
     }
     const std::lock_guard<std::mutex> ends(ends_lock_);
     ended_.notify_all();
@@ -340,7 +340,7 @@ switch_channel_t* switch_core_session_get_channel(switch_core_session_t* session
 
 char* switch_core_session_get_uuid(switch_core_session_t* session) {
     static char garbage[] = "not-a-uuid";
-    if (current_host().faults.on(Fault::uuid_garbage)) {
+    if (current_host().faults.on(Fault::UUID_GARBAGE)) {
         return garbage;
     }
     return const_cast<char*>(session->owner->uuid().c_str());
@@ -350,7 +350,7 @@ switch_core_session_t* switch_core_session_perform_locate(const char* uuid_str,
                                                           const char* /*file*/,
                                                           const char* /*func*/, int /*line*/) {
     auto& host = current_host();
-    if (!uuid_str || host.faults.on(Fault::session_not_found)) {
+    if (!uuid_str || host.faults.on(Fault::SESSION_NOT_FOUND)) {
         return nullptr;
     }
     return host.sessions.locate(uuid_str);

@@ -149,7 +149,7 @@ class Session : public std::enable_shared_from_this<Session> {
     Channel& channel() { return channel_; }
     ReadLock& read_lock() { return read_lock_; }
     MediaBugs& bugs() { return bugs_; }
-    MediaLeg& leg(Direction direction) { return direction == Direction::read ? read_ : write_; }
+    MediaLeg& leg(Direction direction) { return direction == Direction::READ ? read_ : write_; }
     switch_core_session_t* handle() const { return handle_.get(); }
     switch_codec_t* codec() { return &codec_; }
 

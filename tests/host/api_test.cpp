@@ -61,7 +61,7 @@ TEST_F(ApiTest, RawBytesGoInAsTheyAre) {
 }
 
 TEST_F(ApiTest, CompletionsCanFail) {
-    host_.faults().set(Fault::completion_fails);
+    host_.faults().set(Fault::COMPLETION_FAILS);
     EXPECT_EQ(switch_console_set_complete("add x"), SWITCH_STATUS_FALSE);
     EXPECT_EQ(host_.completions().size(), 2u);
 }

@@ -93,7 +93,7 @@ TEST_F(CallTest, TheTimetableHoldsTheCreationTime) {
 
 TEST_F(CallTest, TheTimetableCanBeTakenAway) {
     const auto call = host_.start_call();
-    host_.faults().set(Fault::no_timetable);
+    host_.faults().set(Fault::NO_TIMETABLE);
     EXPECT_EQ(switch_channel_get_timetable(call->channel()), nullptr);
     host_.faults().clear();
     EXPECT_NE(switch_channel_get_timetable(call->channel()), nullptr);
@@ -103,7 +103,7 @@ TEST_F(CallTest, AnAnsweredCallIsReadyForMedia) {
     const auto call = host_.start_call();
     EXPECT_TRUE(media_ready(*call));
     EXPECT_EQ(switch_channel_test_flag(call->channel(), CF_MEDIA_SET), 1u);
-    host_.faults().set(Fault::media_not_ready);
+    host_.faults().set(Fault::MEDIA_NOT_READY);
     EXPECT_FALSE(media_ready(*call));
 }
 
@@ -138,7 +138,7 @@ TEST_F(CallTest, ACallThatIsOverRunsNothing) {
     EXPECT_FALSE(call->hangup());
     EXPECT_FALSE(call->alive());
     EXPECT_FALSE(call->execute("probe"));
-    EXPECT_EQ(feed(*call, Direction::read, {1}).bugs, 0u);
+    EXPECT_EQ(feed(*call, Direction::READ, {1}).bugs, 0u);
     EXPECT_EQ(call->session(), nullptr);
     EXPECT_EQ(host_.report().sessions_alive, 0u);
 }
@@ -165,7 +165,7 @@ TEST_F(CallTest, LocateRefusesWhatIsGoneOrHungUp) {
     call->set_state(CS_HANGUP);
     EXPECT_EQ(locate(call->uuid()), nullptr);
     call->set_state(CS_EXECUTE);
-    host_.faults().set(Fault::session_not_found);
+    host_.faults().set(Fault::SESSION_NOT_FOUND);
     EXPECT_EQ(locate(call->uuid()), nullptr);
     EXPECT_EQ(host_.report().read_locks_held, 0u);
 }
@@ -188,7 +188,7 @@ TEST_F(CallTest, HangupWaitsForReadLocks) {
 
 TEST_F(CallTest, AGarbageUuidCanBeHandedOut) {
     const auto call = host_.start_call();
-    host_.faults().set(Fault::uuid_garbage);
+    host_.faults().set(Fault::UUID_GARBAGE);
     EXPECT_STREQ(switch_core_session_get_uuid(call->session()), "not-a-uuid");
 }
 

@@ -124,7 +124,7 @@ TEST_F(EventsTest, EncodedEventsHaveTheirValuesEncoded) {
 TEST_F(EventsTest, SerializingWithoutMemoryGivesNoText) {
     Event event;
     EventRecord record(event);
-    host_.faults().set(Fault::out_of_memory);
+    host_.faults().set(Fault::OUT_OF_MEMORY);
     char* text = nullptr;
     EXPECT_EQ(switch_event_serialize(record.get(), &text, SWITCH_FALSE), SWITCH_STATUS_MEMERR);
     EXPECT_EQ(text, nullptr);
@@ -176,12 +176,12 @@ TEST_F(EventsTest, BindingsFailOneByOne) {
     const auto status_of = [&](switch_event_types_t id) {
         return switch_event_bind_removable("test", id, nullptr, note_name, nullptr, &node);
     };
-    host_.faults().set(Fault::bind_channel_destroy_fails);
+    host_.faults().set(Fault::BIND_CHANNEL_DESTROY_FAILS);
     EXPECT_NE(status_of(SWITCH_EVENT_CHANNEL_DESTROY), SWITCH_STATUS_SUCCESS);
     EXPECT_EQ(node, nullptr);
     EXPECT_EQ(status_of(SWITCH_EVENT_ALL), SWITCH_STATUS_SUCCESS);
     host_.faults().clear();
-    host_.faults().set(Fault::bind_all_fails);
+    host_.faults().set(Fault::BIND_ALL_FAILS);
     EXPECT_EQ(status_of(SWITCH_EVENT_CHANNEL_DESTROY), SWITCH_STATUS_SUCCESS);
     EXPECT_NE(status_of(SWITCH_EVENT_ALL), SWITCH_STATUS_SUCCESS);
 }

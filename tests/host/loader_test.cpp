@@ -143,7 +143,7 @@ TEST_F(LoaderTest, BugsOfAnUnloadedModuleGoWithoutAClose) {
     call->execute("probe");
     const UnloadResult result = host_.unload_module("mod_probe");
     EXPECT_EQ(result.bugs_dropped, 1u);
-    EXPECT_EQ(feed(*call, Direction::read, {1, 2}).bugs, 0u);
+    EXPECT_EQ(feed(*call, Direction::READ, {1, 2}).bugs, 0u);
     call->hangup();
     EXPECT_EQ(host_.report().bugs_attached, 0u);
     EXPECT_EQ(host_.report().bugs_closed, 0u);
@@ -171,7 +171,7 @@ TEST_F(LoaderTest, BugsOfAnUnloadedModuleThatStaysMappedGoOn) {
     EXPECT_TRUE(result.unloaded);
     EXPECT_FALSE(result.left_memory);
     EXPECT_EQ(result.bugs_dropped, 0u);
-    EXPECT_EQ(feed(*call, Direction::read, {1, 2}).bugs, 1u);
+    EXPECT_EQ(feed(*call, Direction::READ, {1, 2}).bugs, 1u);
     call->hangup();
     EXPECT_EQ(host_.report().bugs_closed, 1u);
 }
@@ -193,7 +193,7 @@ TEST_F(LoaderTest, ShutdownAloneLeavesTheBugsAttached) {
     const auto call = host_.start_call();
     call->execute("probe");
     EXPECT_EQ(host_.shutdown_module("mod_probe").status, SWITCH_STATUS_SUCCESS);
-    EXPECT_EQ(feed(*call, Direction::read, {1, 2}).bugs, 1u);
+    EXPECT_EQ(feed(*call, Direction::READ, {1, 2}).bugs, 1u);
     EXPECT_FALSE(call->execute("probe"));
     call->hangup();
     EXPECT_TRUE(host_.unload_module("mod_probe").unloaded);

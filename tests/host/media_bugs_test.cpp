@@ -92,7 +92,7 @@ TEST_F(MediaBugsTest, CloseComesOnceAtHangup) {
 TEST_F(MediaBugsTest, FramesCarryTheirSamplesAndTheCodec) {
     add(*call_, recorder_);
     const std::uint8_t audio[] = {0x01, 0x02, 0x03, 0x04};
-    const FrameResult result = call_->feed(Direction::read, audio, sizeof(audio));
+    const FrameResult result = call_->feed(Direction::READ, audio, sizeof(audio));
     EXPECT_EQ(result.bugs, 1u);
     EXPECT_EQ(recorder_.kinds, (Kinds{SWITCH_ABC_TYPE_INIT, SWITCH_ABC_TYPE_READ_REPLACE}));
     EXPECT_EQ(recorder_.data, (std::vector<std::uint8_t>{0x01, 0x02, 0x03, 0x04}));
@@ -104,8 +104,8 @@ TEST_F(MediaBugsTest, FramesCarryTheirSamplesAndTheCodec) {
 
 TEST_F(MediaBugsTest, ABugGetsOnlyTheDirectionsItAskedFor) {
     add(*call_, recorder_, SMBF_WRITE_REPLACE);
-    EXPECT_EQ(feed(*call_, Direction::read, {1}).bugs, 0u);
-    EXPECT_EQ(feed(*call_, Direction::write, {1}).bugs, 1u);
+    EXPECT_EQ(feed(*call_, Direction::READ, {1}).bugs, 0u);
+    EXPECT_EQ(feed(*call_, Direction::WRITE, {1}).bugs, 1u);
     EXPECT_EQ(recorder_.kinds, (Kinds{SWITCH_ABC_TYPE_INIT, SWITCH_ABC_TYPE_WRITE_REPLACE}));
 }
 
@@ -120,7 +120,7 @@ TEST_F(MediaBugsTest, UnnamedFlagBitsAreKept) {
 
 TEST_F(MediaBugsTest, AFrameMayBeEmpty) {
     add(*call_, recorder_);
-    EXPECT_EQ(call_->feed(Direction::read, nullptr, 0).bugs, 1u);
+    EXPECT_EQ(call_->feed(Direction::READ, nullptr, 0).bugs, 1u);
     EXPECT_TRUE(recorder_.frame_given);
     EXPECT_EQ(recorder_.frame.datalen, 0u);
 }
@@ -128,7 +128,7 @@ TEST_F(MediaBugsTest, AFrameMayBeEmpty) {
 TEST_F(MediaBugsTest, AFrameMayBeLargerThanTheHostsBuffer) {
     add(*call_, recorder_);
     const std::vector<std::int16_t> samples(10000, 7);
-    EXPECT_EQ(feed(*call_, Direction::write, samples).bugs, 1u);
+    EXPECT_EQ(feed(*call_, Direction::WRITE, samples).bugs, 1u);
     EXPECT_EQ(recorder_.data.size(), 20000u);
 }
 
@@ -138,14 +138,14 @@ TEST_F(MediaBugsTest, AFrameOfTheCallersOwnIsHandedOutAsItIs) {
     switch_frame_t frame{};
     frame.data = audio;
     frame.datalen = 3;
-    EXPECT_FALSE(call_->feed(Direction::read, frame).altered);
+    EXPECT_FALSE(call_->feed(Direction::READ, frame).altered);
     EXPECT_EQ(recorder_.frame.codec, nullptr);
     EXPECT_EQ(recorder_.frame.datalen, 3u);
 }
 
 TEST_F(MediaBugsTest, AnUntouchedFrameCountsAsUnaltered) {
     add(*call_, recorder_);
-    EXPECT_FALSE(feed(*call_, Direction::read, {1, 2}).altered);
+    EXPECT_FALSE(feed(*call_, Direction::READ, {1, 2}).altered);
     EXPECT_EQ(host_.report().frames_altered, 0u);
     EXPECT_EQ(host_.report().frames_delivered, 1u);
 }
@@ -153,23 +153,23 @@ TEST_F(MediaBugsTest, AnUntouchedFrameCountsAsUnaltered) {
 TEST_F(MediaBugsTest, AlteredSamplesAreCounted) {
     recorder_.alter_data = true;
     add(*call_, recorder_);
-    EXPECT_TRUE(feed(*call_, Direction::read, {1, 2}).altered);
+    EXPECT_TRUE(feed(*call_, Direction::READ, {1, 2}).altered);
     EXPECT_EQ(host_.report().frames_altered, 1u);
 }
 
 TEST_F(MediaBugsTest, AnAlteredFrameSizeIsCounted) {
     recorder_.alter_size = true;
     add(*call_, recorder_);
-    EXPECT_TRUE(feed(*call_, Direction::write, {1, 2}).altered);
+    EXPECT_TRUE(feed(*call_, Direction::WRITE, {1, 2}).altered);
 }
 
 TEST_F(MediaBugsTest, AFalseAnswerToAFramePrunesTheBugWithAClose) {
     recorder_.refused = SWITCH_ABC_TYPE_READ_REPLACE;
     add(*call_, recorder_);
-    feed(*call_, Direction::read, {1});
+    feed(*call_, Direction::READ, {1});
     EXPECT_EQ(recorder_.kinds,
               (Kinds{SWITCH_ABC_TYPE_INIT, SWITCH_ABC_TYPE_READ_REPLACE, SWITCH_ABC_TYPE_CLOSE}));
-    EXPECT_EQ(feed(*call_, Direction::read, {1}).bugs, 0u);
+    EXPECT_EQ(feed(*call_, Direction::READ, {1}).bugs, 0u);
     EXPECT_EQ(host_.report().bugs_pruned, 1u);
     EXPECT_EQ(host_.report().bugs_attached, 0u);
 }
@@ -179,14 +179,14 @@ TEST_F(MediaBugsTest, APrunedBugLeavesTheOthersAlone) {
     recorder_.refused = SWITCH_ABC_TYPE_READ_REPLACE;
     add(*call_, recorder_);
     add(*call_, other);
-    EXPECT_EQ(feed(*call_, Direction::read, {1}).bugs, 2u);
-    EXPECT_EQ(feed(*call_, Direction::read, {1}).bugs, 1u);
+    EXPECT_EQ(feed(*call_, Direction::READ, {1}).bugs, 2u);
+    EXPECT_EQ(feed(*call_, Direction::READ, {1}).bugs, 1u);
     call_.reset();
 }
 
 TEST_F(MediaBugsTest, ABugPastItsStopTimeIsPrunedAtItsNextFrame) {
     add(*call_, recorder_, SMBF_READ_REPLACE, 1);
-    feed(*call_, Direction::read, {1});
+    feed(*call_, Direction::READ, {1});
     EXPECT_EQ(recorder_.kinds.back(), SWITCH_ABC_TYPE_CLOSE);
 }
 
@@ -201,7 +201,7 @@ TEST_F(MediaBugsTest, AnyEventCanBeRaised) {
 
 TEST_F(MediaBugsTest, MediaOnDemandComesUpWithTheBug) {
     CallOptions options;
-    options.media = MediaState::on_demand;
+    options.media = MediaState::ON_DEMAND;
     const auto call = host_.start_call(options);
     EXPECT_EQ(switch_channel_test_ready(call->channel(), SWITCH_TRUE, SWITCH_TRUE), 0);
     EXPECT_EQ(add(*call, recorder_), SWITCH_STATUS_SUCCESS);
@@ -210,7 +210,7 @@ TEST_F(MediaBugsTest, MediaOnDemandComesUpWithTheBug) {
 
 TEST_F(MediaBugsTest, AChannelThatCannotHaveMediaIsHungUpByTheAttempt) {
     CallOptions options;
-    options.media = MediaState::refused;
+    options.media = MediaState::REFUSED;
     const auto call = host_.start_call(options);
     EXPECT_EQ(add(*call, recorder_), SWITCH_STATUS_FALSE);
     EXPECT_TRUE(recorder_.kinds.empty());
@@ -227,48 +227,48 @@ TEST_F(MediaBugsTest, ABugCannotBeAddedOnceTheCallHangsUp) {
 
 TEST_F(MediaBugsTest, AnAnswerRequiredByVariableHoldsTheFramesBack) {
     CallOptions options;
-    options.media = MediaState::early;
+    options.media = MediaState::EARLY;
     options.variables["media_bug_answer_req"] = "true";
     const auto call = host_.start_call(options);
     add(*call, recorder_);
-    EXPECT_EQ(feed(*call, Direction::read, {1}).bugs, 0u);
+    EXPECT_EQ(feed(*call, Direction::READ, {1}).bugs, 0u);
     call->answer();
-    EXPECT_EQ(feed(*call, Direction::read, {1}).bugs, 1u);
+    EXPECT_EQ(feed(*call, Direction::READ, {1}).bugs, 1u);
 }
 
 TEST_F(MediaBugsTest, ARefusedBugFaultComesBeforeInit) {
-    host_.faults().set(Fault::bug_refused);
+    host_.faults().set(Fault::BUG_REFUSED);
     EXPECT_EQ(add(*call_, recorder_), SWITCH_STATUS_FALSE);
-    host_.faults().set(Fault::bug_refused, false);
-    host_.faults().set(Fault::out_of_memory);
+    host_.faults().set(Fault::BUG_REFUSED, false);
+    host_.faults().set(Fault::OUT_OF_MEMORY);
     EXPECT_EQ(add(*call_, recorder_), SWITCH_STATUS_MEMERR);
     EXPECT_TRUE(recorder_.kinds.empty());
 }
 
 TEST_F(MediaBugsTest, ABugThatRefusesCanBeClosedAllTheSame) {
     recorder_.refused = SWITCH_ABC_TYPE_INIT;
-    host_.faults().set(Fault::refused_bug_closed);
+    host_.faults().set(Fault::REFUSED_BUG_CLOSED);
     EXPECT_EQ(add(*call_, recorder_), SWITCH_STATUS_GENERR);
     EXPECT_EQ(recorder_.kinds, (Kinds{SWITCH_ABC_TYPE_INIT, SWITCH_ABC_TYPE_CLOSE}));
 }
 
 TEST_F(MediaBugsTest, ABugCanBeLostBehindItsInit) {
-    host_.faults().set(Fault::bug_lost);
+    host_.faults().set(Fault::BUG_LOST);
     EXPECT_EQ(add(*call_, recorder_), SWITCH_STATUS_GENERR);
     EXPECT_TRUE(call_->hangup());
     EXPECT_EQ(recorder_.kinds, (Kinds{SWITCH_ABC_TYPE_INIT}));
 }
 
 TEST_F(MediaBugsTest, TheFrameCanBeWithheld) {
-    host_.faults().set(Fault::null_frame);
+    host_.faults().set(Fault::NULL_FRAME);
     add(*call_, recorder_);
-    const FrameResult withheld = feed(*call_, Direction::read, {1});
+    const FrameResult withheld = feed(*call_, Direction::READ, {1});
     EXPECT_FALSE(recorder_.frame_given);
     EXPECT_EQ(recorder_.kinds.size(), 2u);
     EXPECT_EQ(withheld.bugs, 1u);
     EXPECT_EQ(withheld.given, 0u);
-    host_.faults().set(Fault::null_frame, false);
-    EXPECT_EQ(feed(*call_, Direction::read, {1}).given, 1u);
+    host_.faults().set(Fault::NULL_FRAME, false);
+    EXPECT_EQ(feed(*call_, Direction::READ, {1}).given, 1u);
 }
 
 TEST_F(MediaBugsTest, ACodecMayHaveNoName) {
@@ -276,7 +276,7 @@ TEST_F(MediaBugsTest, ACodecMayHaveNoName) {
     options.codec = std::nullopt;
     const auto call = host_.start_call(options);
     add(*call, recorder_);
-    feed(*call, Direction::read, {1});
+    feed(*call, Direction::READ, {1});
     EXPECT_EQ(recorder_.frame.codec->implementation->iananame, nullptr);
 }
 

@@ -19,7 +19,7 @@ class MediaThreadsTest : public HostTest {
     MediaThreadsTest() { load_probe(); }
 
     static MediaPlan frames(std::uint32_t count, Pace pace,
-                            MediaThreads threads = MediaThreads::pool) {
+                            MediaThreads threads = MediaThreads::POOL) {
         MediaPlan plan;
         plan.read = play_silence(count, 160);
         plan.write = play_silence(count, 160);
@@ -28,11 +28,11 @@ class MediaThreadsTest : public HostTest {
         return plan;
     }
 
-    static MediaPlan endless(Pace pace, MediaThreads threads = MediaThreads::pool) {
+    static MediaPlan endless(Pace pace, MediaThreads threads = MediaThreads::POOL) {
         const auto samples = std::make_shared<std::vector<std::int16_t>>(1600, std::int16_t{5});
         MediaPlan plan;
-        plan.read = play(samples, 160, Repeat::forever);
-        plan.write = play(samples, 160, Repeat::forever);
+        plan.read = play(samples, 160, Repeat::FOREVER);
+        plan.write = play(samples, 160, Repeat::FOREVER);
         plan.pace = pace;
         plan.threads = threads;
         return plan;
@@ -58,7 +58,7 @@ class MediaThreadsTest : public HostTest {
 
 TEST_F(MediaThreadsTest, TheDirectionsOfACallPlayOnTwoThreads) {
     const auto call = tapped_call();
-    call->start_media(frames(5, Pace::free_running));
+    call->start_media(frames(5, Pace::FREE_RUNNING));
     EXPECT_TRUE(call->wait_media(seconds(10)));
     call->hangup();
     EXPECT_TRUE(host_.log().contains("closed after 5 read and 5 write frames on two threads"));
@@ -66,7 +66,7 @@ TEST_F(MediaThreadsTest, TheDirectionsOfACallPlayOnTwoThreads) {
 
 TEST_F(MediaThreadsTest, ACallCanHaveThreadsOfItsOwn) {
     const auto call = tapped_call();
-    call->start_media(frames(5, Pace::free_running, MediaThreads::own));
+    call->start_media(frames(5, Pace::FREE_RUNNING, MediaThreads::OWN));
     EXPECT_TRUE(call->wait_media(seconds(10)));
     call->hangup();
     EXPECT_TRUE(host_.log().contains("closed after 5 read and 5 write frames on two threads"));
@@ -77,16 +77,16 @@ TEST_F(MediaThreadsTest, PacedFramesTakeTheirTime) {
     options.frame_time = milliseconds(10);
     const auto call = tapped_call(options);
     const auto begin = Clock::now();
-    call->start_media(frames(11, Pace::paced));
+    call->start_media(frames(11, Pace::PACED));
     EXPECT_TRUE(call->wait_media(seconds(10)));
     EXPECT_GE(Clock::now() - begin, milliseconds(100));
-    EXPECT_EQ(call->media_stats(Direction::read).frames, 11u);
-    EXPECT_EQ(call->media_stats(Direction::write).bytes, 11u * 320);
+    EXPECT_EQ(call->media_stats(Direction::READ).frames, 11u);
+    EXPECT_EQ(call->media_stats(Direction::WRITE).bytes, 11u * 320);
 }
 
 TEST_F(MediaThreadsTest, ADelayHoldsTheFirstFrameBack) {
     const auto call = tapped_call();
-    MediaPlan plan = frames(1, Pace::paced);
+    MediaPlan plan = frames(1, Pace::PACED);
     plan.delay = milliseconds(50);
     const auto begin = Clock::now();
     call->start_media(std::move(plan));
@@ -98,7 +98,7 @@ class CountingObserver : public FrameObserver {
   public:
     void played(Direction direction, const FrameResult& result,
                 std::chrono::nanoseconds lateness) override {
-        ++(direction == Direction::read ? read_frames : write_frames);
+        ++(direction == Direction::READ ? read_frames : write_frames);
         bytes += result.bytes;
         seen_by += result.bugs;
         in_time = in_time && lateness >= result.handling;
@@ -113,7 +113,7 @@ class CountingObserver : public FrameObserver {
 TEST_F(MediaThreadsTest, AnObserverHearsOfEveryFrameWithItsLateness) {
     const auto call = tapped_call();
     const auto observer = std::make_shared<CountingObserver>();
-    MediaPlan plan = frames(3, Pace::paced);
+    MediaPlan plan = frames(3, Pace::PACED);
     plan.observer = observer;
     call->start_media(std::move(plan));
     EXPECT_TRUE(call->wait_media(seconds(10)));
@@ -128,7 +128,7 @@ TEST_F(MediaThreadsTest, AnObserverHearsOfEveryFrameWithItsLateness) {
 TEST_F(MediaThreadsTest, FreeRunningFramesAreNeverLateForAnObserver) {
     const auto call = host_.start_call();
     const auto observer = std::make_shared<CountingObserver>();
-    MediaPlan plan = frames(3, Pace::free_running);
+    MediaPlan plan = frames(3, Pace::FREE_RUNNING);
     plan.observer = observer;
     call->start_media(std::move(plan));
     EXPECT_TRUE(call->wait_media(seconds(10)));
@@ -141,11 +141,11 @@ TEST_F(MediaThreadsTest, ADirectionWithoutASourceIsSilent) {
     const auto call = tapped_call();
     MediaPlan plan;
     plan.read = play_silence(3, 160);
-    plan.pace = Pace::free_running;
+    plan.pace = Pace::FREE_RUNNING;
     call->start_media(std::move(plan));
     EXPECT_TRUE(call->wait_media(seconds(10)));
-    EXPECT_EQ(call->media_stats(Direction::read).frames, 3u);
-    EXPECT_EQ(call->media_stats(Direction::write).frames, 0u);
+    EXPECT_EQ(call->media_stats(Direction::READ).frames, 3u);
+    EXPECT_EQ(call->media_stats(Direction::WRITE).frames, 0u);
 }
 
 TEST_F(MediaThreadsTest, ThePlayedSamplesArriveInOrderWithAShortLastFrame) {
@@ -165,27 +165,27 @@ TEST_F(MediaThreadsTest, ThePlayedSamplesArriveInOrderWithAShortLastFrame) {
 
 TEST_F(MediaThreadsTest, AStoppedPlanPlaysNoMore) {
     const auto call = tapped_call();
-    call->start_media(endless(Pace::free_running));
-    while (call->media_stats(Direction::read).frames == 0) {
+    call->start_media(endless(Pace::FREE_RUNNING));
+    while (call->media_stats(Direction::READ).frames == 0) {
         std::this_thread::yield();
     }
     call->stop_media();
-    const auto frames_then = call->media_stats(Direction::read).frames;
+    const auto frames_then = call->media_stats(Direction::READ).frames;
     std::this_thread::sleep_for(milliseconds(20));
-    EXPECT_EQ(call->media_stats(Direction::read).frames, frames_then);
+    EXPECT_EQ(call->media_stats(Direction::READ).frames, frames_then);
 }
 
 TEST_F(MediaThreadsTest, ANewPlanReplacesTheOldOne) {
     const auto call = tapped_call();
-    call->start_media(endless(Pace::free_running));
-    call->start_media(frames(2, Pace::free_running));
+    call->start_media(endless(Pace::FREE_RUNNING));
+    call->start_media(frames(2, Pace::FREE_RUNNING));
     EXPECT_TRUE(call->wait_media(seconds(10)));
 }
 
 TEST_F(MediaThreadsTest, HangupEndsEndlessMedia) {
     const auto call = tapped_call();
-    call->start_media(endless(Pace::free_running));
-    while (call->media_stats(Direction::write).frames == 0) {
+    call->start_media(endless(Pace::FREE_RUNNING));
+    while (call->media_stats(Direction::WRITE).frames == 0) {
         std::this_thread::yield();
     }
     call->hangup();
@@ -197,13 +197,13 @@ TEST_F(MediaThreadsTest, ManyPacedCallsPlayAllTheirFrames) {
     std::vector<std::unique_ptr<Call>> calls;
     for (int i = 0; i < 100; ++i) {
         calls.push_back(tapped_call());
-        calls.back()->start_media(frames(10, Pace::paced));
+        calls.back()->start_media(frames(10, Pace::PACED));
     }
     for (const auto& call : calls) {
         EXPECT_TRUE(call->wait_media(seconds(30)));
     }
     for (const auto& call : calls) {
-        EXPECT_EQ(call->media_stats(Direction::write).frames, 10u);
+        EXPECT_EQ(call->media_stats(Direction::WRITE).frames, 10u);
     }
     calls.clear();
     expect_nothing_left();
@@ -232,7 +232,7 @@ TEST_F(MediaThreadsTest, CallsApiCommandsAndHangupsRace) {
         for (int i = 0; i < 8; ++i) {
             calls.push_back(tapped_call());
             calls.back()->start_media(
-                endless(Pace::free_running, i < 6 ? MediaThreads::pool : MediaThreads::own));
+                endless(Pace::FREE_RUNNING, i < 6 ? MediaThreads::POOL : MediaThreads::OWN));
         }
         std::vector<std::thread> hangups;
         hangups.reserve(calls.size());
@@ -253,7 +253,7 @@ TEST_F(MediaThreadsTest, ABugThatRefusesWhileBothDirectionsPlayIsClosedOnce) {
     for (int round = 0; round < 20; ++round) {
         const auto call = call_with({{"probe_refuse", round % 2 ? "3" : "4"}});
         call->execute("probe");
-        call->start_media(frames(20, Pace::free_running));
+        call->start_media(frames(20, Pace::FREE_RUNNING));
         EXPECT_TRUE(call->wait_media(seconds(10)));
         call->hangup();
     }

@@ -223,7 +223,7 @@ TEST_F(MarkConfigured, TakesTheCreationTimeOfTheChannel) {
 }
 
 TEST_F(MarkConfigured, SessionWithoutATimetableLeavesTheContextUnconfigured) {
-    host.faults().set(host::Fault::no_timetable);
+    host.faults().set(host::Fault::NO_TIMETABLE);
     EXPECT_FALSE(context.mark_configured(call->session()));
     EXPECT_EQ(context.created_time, 0U);
     ASSERT_EQ(host.log().lines().size(), 1U);

@@ -111,7 +111,7 @@ TEST_F(Application, CallsOfDifferentUuidsHaveDifferentContexts) {
 
 TEST_F(Application, UuidThatDoesNotDecodeStopsTheRun) {
     const auto call = start_call(call_id);
-    host.faults().set(Fault::uuid_garbage);
+    host.faults().set(Fault::UUID_GARBAGE);
     call->execute("quorvane");
     EXPECT_EQ(take_log(), (Lines{started, app_line("ERROR",
                                                    "MAGIC: failed to parse session uuid: "
@@ -141,7 +141,7 @@ TEST_F(Application, MediaNodeThatDoesNotParseStopsTheRunWithTheContextConfigured
 TEST_F(Application, MediaThatIsNotReadyIsWarnedOfAndTheBugTriedAllTheSame) {
     host::CallOptions options;
     options.variables = call_id;
-    options.media = host::MediaState::on_demand;
+    options.media = host::MediaState::ON_DEMAND;
     const auto call = start_call_as(options);
     call->execute("quorvane");
     EXPECT_EQ(take_log(), (Lines{started, added, app_line("WARNING", "session media is not ready!"),
@@ -152,7 +152,7 @@ TEST_F(Application, MediaThatIsNotReadyIsWarnedOfAndTheBugTriedAllTheSame) {
 TEST_F(Application, MediaThatCannotComeUpEndsInARefusedBug) {
     host::CallOptions options;
     options.variables = call_id;
-    options.media = host::MediaState::refused;
+    options.media = host::MediaState::REFUSED;
     const auto call = start_call_as(options);
     call->execute("quorvane");
     const Lines lines = take_log();
@@ -168,7 +168,7 @@ TEST_F(Application, MediaThatCannotComeUpEndsInARefusedBug) {
 
 TEST_F(Application, RefusedBugTellsItsFourValuesInOrder) {
     const auto call = start_call(call_id);
-    host.faults().set(Fault::bug_refused);
+    host.faults().set(Fault::BUG_REFUSED);
     call->set_state(CS_PARK);
     call->set_cause(SWITCH_CAUSE_USER_BUSY);
     call->set_flag(CF_MEDIA_SET, 5);
@@ -181,7 +181,7 @@ TEST_F(Application, RefusedBugTellsItsFourValuesInOrder) {
 
 TEST_F(Application, RefusedBugOnAReadyCallSaysSo) {
     const auto call = start_call(call_id);
-    host.faults().set(Fault::bug_refused);
+    host.faults().set(Fault::BUG_REFUSED);
     call->execute("quorvane");
     EXPECT_EQ(take_log(), (Lines{started, added,
                                  app_line("ERROR",
@@ -192,7 +192,7 @@ TEST_F(Application, RefusedBugOnAReadyCallSaysSo) {
 
 TEST_F(Application, RefusedBugLeavesTheContextConfigured) {
     const auto call = start_call(call_id);
-    host.faults().set(Fault::bug_refused);
+    host.faults().set(Fault::BUG_REFUSED);
     call->execute("quorvane");
     host.faults().clear();
     take_log();
@@ -248,7 +248,7 @@ TEST_F(Application, NoMemoryForTheContextStopsTheRun) {
 // The result of marking the context is not looked at: the run goes on.
 TEST_F(Application, ChannelWithoutATimetableIsTappedAllTheSame) {
     const auto call = start_call(call_id);
-    host.faults().set(Fault::no_timetable);
+    host.faults().set(Fault::NO_TIMETABLE);
     call->execute("quorvane");
     EXPECT_EQ(take_log(),
               (Lines{started, added,

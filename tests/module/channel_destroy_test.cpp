@@ -59,7 +59,7 @@ TEST_F(ChannelDestroy, CallThatOnlyTheApiTouchedIsFreedWithANotice) {
 
 TEST_F(ChannelDestroy, CallWhoseBugWasRefusedIsFreedWithAWarning) {
     const auto call = start_call();
-    host.faults().set(Fault::bug_refused);
+    host.faults().set(Fault::BUG_REFUSED);
     call->execute("quorvane");
     take_log();
     hangup(*call);
@@ -78,7 +78,7 @@ TEST_F(ChannelDestroy, CallWhoseConfigurationFailedIsFreedWithAWarning) {
 
 TEST_F(ChannelDestroy, NothingIsSentToTheMediaNode) {
     const auto call = start_call();
-    host.faults().set(Fault::bug_refused);
+    host.faults().set(Fault::BUG_REFUSED);
     call->execute("quorvane");
     hangup(*call);
     EXPECT_TRUE(node.receive_all().empty());

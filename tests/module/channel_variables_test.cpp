@@ -332,9 +332,9 @@ TEST_F(ChannelVariables, InboundCallReadsTheOriginator) {
     call->execute("quorvane");
     EXPECT_EQ(field(node.receive(), 6, 2), hex("00 00"));
     const Bytes frame(320);
-    call->feed(host::Direction::read, frame.data(), frame.size());
+    call->feed(host::Direction::READ, frame.data(), frame.size());
     EXPECT_EQ(field(node.receive(), 6, 2), hex("00 00"));
-    call->feed(host::Direction::write, frame.data(), frame.size());
+    call->feed(host::Direction::WRITE, frame.data(), frame.size());
     EXPECT_EQ(field(node.receive(), 6, 2), hex("01 80"));
 }
 
@@ -346,9 +346,9 @@ TEST_F(ChannelVariables, OutboundCallReadsTheTerminator) {
     call->execute("quorvane");
     EXPECT_EQ(field(node.receive(), 6, 2), hex("01 00"));
     const Bytes frame(320);
-    call->feed(host::Direction::read, frame.data(), frame.size());
+    call->feed(host::Direction::READ, frame.data(), frame.size());
     EXPECT_EQ(field(node.receive(), 6, 2), hex("01 00"));
-    call->feed(host::Direction::write, frame.data(), frame.size());
+    call->feed(host::Direction::WRITE, frame.data(), frame.size());
     EXPECT_EQ(field(node.receive(), 6, 2), hex("00 80"));
 }
 

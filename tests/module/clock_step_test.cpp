@@ -145,8 +145,8 @@ TEST_F(ClockStep, PacketsOfACallStayInTheOrderOfTheSteadyClock) {
     bool running = true;
     for (const std::chrono::hours step : STEPS) {
         WallClock::set_ahead(step);
-        feed(*call, Direction::read);
-        feed(*call, Direction::write);
+        feed(*call, Direction::READ);
+        feed(*call, Direction::WRITE);
         running = !running;
         EXPECT_EQ(call_api(running ? "audio_activity start" : "audio_activity stop"),
                   std::string("audio_activity: control packet for feature update was sent+OK, "
@@ -180,7 +180,7 @@ TEST_F(ClockStep, MediaThreadsNeitherStallNorHurry) {
     host::MediaPlan plan;
     plan.read = host::play_silence(FRAMES, 80);
     plan.write = host::play_silence(FRAMES, 80);
-    plan.threads = host::MediaThreads::own;
+    plan.threads = host::MediaThreads::OWN;
     const auto media_begin = now_us<std::chrono::steady_clock>();
     call->start_media(std::move(plan));
     std::atomic<bool> playing{true};

@@ -52,7 +52,7 @@ class Concurrency : public ModuleTest {
         host::MediaPlan plan;
         plan.read = host::play_silence(FRAMES, SAMPLES);
         plan.write = host::play_silence(FRAMES, SAMPLES);
-        plan.threads = host::MediaThreads::own;
+        plan.threads = host::MediaThreads::OWN;
         call.start_media(std::move(plan));
     }
 

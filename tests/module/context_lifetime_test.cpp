@@ -56,7 +56,7 @@ class ContextLifetime : public ModuleTest {
     void expect_only_the_entry_lost(host::Call& call, const std::string& event_uuid) {
         EXPECT_EQ(take_log(), (Lines{found_configured(event_uuid)}));
         const Bytes frame(320);
-        call.feed(Direction::read, frame.data(), frame.size());
+        call.feed(Direction::READ, frame.data(), frame.size());
         const Bytes data = node.receive();
         EXPECT_EQ(field(data, 4, 1), "83");
         EXPECT_EQ(field(data, 8, 24), KEY_AND_UUID);
@@ -224,7 +224,7 @@ TEST_F(ContextLifetime, ApplicationsRaceWithDestroyEvents) {
         const auto call = start_call_as(std::move(options));
         call->execute("quorvane");
         const Bytes frame(320);
-        call->feed(Direction::write, frame.data(), frame.size());
+        call->feed(Direction::WRITE, frame.data(), frame.size());
         call->hangup();
     }
     stop = true;
@@ -246,7 +246,7 @@ TEST_F(ContextLifetime, ApplicationsRaceWithDestroyEvents) {
 
 TEST_F(ContextLifetime, RefusedBugHoldsNothing) {
     const auto call = start_call();
-    host.faults().set(Fault::bug_refused);
+    host.faults().set(Fault::BUG_REFUSED);
     call->execute("quorvane");
     host.faults().clear();
     hangup(*call);
@@ -266,7 +266,7 @@ TEST_F(ContextLifetime, BugThatRefusesToStartAndIsClosedEndsAsUsual) {
     const auto call = start_call({{"sip_call_id", "x"}});
     SystemCalls calls;
     calls.next("sendto", Outcome::fail(ENETUNREACH));
-    host.faults().set(Fault::refused_bug_closed);
+    host.faults().set(Fault::REFUSED_BUG_CLOSED);
     call->execute("quorvane");
     const Lines lines = take_log();
     ASSERT_EQ(lines.size(), 7U);
@@ -282,7 +282,7 @@ TEST_F(ContextLifetime, BugThatRefusesToStartAndIsClosedEndsAsUsual) {
 
 TEST_F(ContextLifetime, BugThatIsLostBehindItsStartHoldsNothing) {
     const auto call = start_call();
-    host.faults().set(Fault::bug_lost);
+    host.faults().set(Fault::BUG_LOST);
     call->execute("quorvane");
     take_log();
     hangup(*call);
@@ -293,7 +293,7 @@ TEST_F(ContextLifetime, BugThatIsLostBehindItsStartHoldsNothing) {
 // Without its timetable a call does not become configured, and the application runs again
 // on the same context, for a second bug.
 TEST_F(ContextLifetime, TwoBugsOfOneContextEndOneAfterTheOther) {
-    host.faults().set(Fault::no_timetable);
+    host.faults().set(Fault::NO_TIMETABLE);
     const auto call = start_call();
     call->execute("quorvane");
     call->execute("quorvane");
@@ -311,7 +311,7 @@ TEST_F(ContextLifetime, CallWithoutItsEntryKeepsTheModuleInMemory) {
     fire_destroy({{"Unique-ID", UUID}});
     EXPECT_FALSE(unload().left_memory);
     const Bytes frame(320);
-    call->feed(Direction::read, frame.data(), frame.size());
+    call->feed(Direction::READ, frame.data(), frame.size());
     load();
     hangup(*call);
     EXPECT_TRUE(unload().left_memory);

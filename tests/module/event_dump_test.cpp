@@ -90,7 +90,7 @@ TEST_F(EventDump, FullDumpIsNotUrlEncoded) {
 
 TEST_F(EventDump, EventThatCannotBeSerializedIsLeftOut) {
     load("dump_events=all\n");
-    host.faults().set(host::Fault::out_of_memory);
+    host.faults().set(host::Fault::OUT_OF_MEMORY);
     EXPECT_TRUE(dump(0, usual).empty());
 }
 

@@ -136,7 +136,7 @@ class HeldSend : public ModuleTest {
             host::MediaPlan plan;
             plan.read = host::play_silence(100000, 160);
             plan.write = host::play_silence(100000, 160);
-            plan.threads = host::MediaThreads::own;
+            plan.threads = host::MediaThreads::OWN;
             calls.back()->start_media(std::move(plan));
         }
         return calls;

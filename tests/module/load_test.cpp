@@ -141,7 +141,7 @@ TEST_F(ModuleLoad, CompletionsAreRegisteredInOrder) {
 }
 
 TEST_F(ModuleLoad, CompletionsThatTheHostRefusesDoNotStopTheLoad) {
-    host.faults().set(Fault::completion_fails);
+    host.faults().set(Fault::COMPLETION_FAILS);
     configure("");
     EXPECT_TRUE(try_load().loaded);
 }
@@ -245,7 +245,7 @@ TEST_F(ModuleLoad, SocketThatCannotBeBoundFailsTheLoad) {
 
 TEST_F(ModuleLoad, FailedBindingOfChannelDestroyFailsTheLoad) {
     configure("dump_events=all\n");
-    host.faults().set(Fault::bind_channel_destroy_fails);
+    host.faults().set(Fault::BIND_CHANNEL_DESTROY_FAILS);
     const host::LoadResult result = try_load();
     expect_refused(result);
     const Lines lines = take_load_log();
@@ -258,7 +258,7 @@ TEST_F(ModuleLoad, FailedBindingOfChannelDestroyFailsTheLoad) {
 
 TEST_F(ModuleLoad, FailedBindingOfTheDumpFailsTheLoadAndLeavesTheOtherBound) {
     configure("dump_events=channel\n");
-    host.faults().set(Fault::bind_all_fails);
+    host.faults().set(Fault::BIND_ALL_FAILS);
     const host::LoadResult result = try_load();
     expect_refused(result);
     EXPECT_EQ(take_load_log().back(),
@@ -269,7 +269,7 @@ TEST_F(ModuleLoad, FailedBindingOfTheDumpFailsTheLoadAndLeavesTheOtherBound) {
 
 TEST_F(ModuleLoad, LineOfAFailedBindingIsTheFormatItself) {
     configure("");
-    host.faults().set(Fault::bind_channel_destroy_fails);
+    host.faults().set(Fault::BIND_CHANNEL_DESTROY_FAILS);
     try_load();
     EXPECT_EQ(host.log().lines().back().format,
               "[quorvane]: couldn't bind channel destroy event hook!\n");
@@ -277,7 +277,7 @@ TEST_F(ModuleLoad, LineOfAFailedBindingIsTheFormatItself) {
 
 TEST_F(ModuleLoad, LoadSucceedsOnceTheFaultIsGone) {
     configure("dump_events=all\n");
-    for (const Fault fault : {Fault::bind_channel_destroy_fails, Fault::bind_all_fails}) {
+    for (const Fault fault : {Fault::BIND_CHANNEL_DESTROY_FAILS, Fault::BIND_ALL_FAILS}) {
         host.faults().set(fault);
         EXPECT_FALSE(try_load().loaded);
         host.faults().clear();
@@ -343,7 +343,7 @@ TEST_F(LoadByHand, LevelSystemThrowsAString) {
 TEST_F(LoadByHand, FailedFirstBindingUndoesNothing) {
     configure("");
     const SystemCalls calls;
-    host.faults().set(Fault::bind_channel_destroy_fails);
+    host.faults().set(Fault::BIND_CHANNEL_DESTROY_FAILS);
     EXPECT_EQ(call_load(), SWITCH_STATUS_TERM);
     ASSERT_NE(interface, nullptr);
     EXPECT_EQ(interface->applications.size(), 1U);
@@ -355,7 +355,7 @@ TEST_F(LoadByHand, FailedFirstBindingUndoesNothing) {
 TEST_F(LoadByHand, FailedSecondBindingUndoesNothing) {
     configure("dump_events=all\n");
     const SystemCalls calls;
-    host.faults().set(Fault::bind_all_fails);
+    host.faults().set(Fault::BIND_ALL_FAILS);
     EXPECT_EQ(call_load(), SWITCH_STATUS_TERM);
     EXPECT_EQ(host.report().bindings_alive, 1U);
     EXPECT_TRUE(host.events().wanted(SWITCH_EVENT_CHANNEL_DESTROY));
@@ -377,7 +377,7 @@ TEST_F(LoadByHand, ShutdownAfterAFailedSocketIsHarmless) {
 // What an earlier failure left behind does not come twice.
 TEST_F(LoadByHand, LoadAfterAFailedSecondBindingLeavesTwoBindings) {
     configure("dump_events=all\n");
-    host.faults().set(Fault::bind_all_fails);
+    host.faults().set(Fault::BIND_ALL_FAILS);
     EXPECT_EQ(call_load(), SWITCH_STATUS_TERM);
     host.faults().clear();
     EXPECT_EQ(call_load(), SWITCH_STATUS_SUCCESS);

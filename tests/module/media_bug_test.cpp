@@ -41,10 +41,10 @@ TEST_F(MediaBug, WholeCallGoesOutByteForByte) {
     const auto call = start_call_as(options);
     call->execute("quorvane");
     const Bytes tone = from_text("00 00 64 00 c8 00 64 00 00 00 9c ff 38 ff 9c ff");
-    feed(*call, Direction::read, tone);
-    feed(*call, Direction::write, Bytes(16));
-    feed(*call, Direction::read, tone);
-    feed(*call, Direction::write, from_text("e8 03 18 fc e8 03 18 fc e8 03 18 fc e8 03 18 fc"));
+    feed(*call, Direction::READ, tone);
+    feed(*call, Direction::WRITE, Bytes(16));
+    feed(*call, Direction::READ, tone);
+    feed(*call, Direction::WRITE, from_text("e8 03 18 fc e8 03 18 fc e8 03 18 fc e8 03 18 fc"));
     EXPECT_EQ(call_api("audio_activity stop"),
               "audio_activity: control packet for feature update was sent"
               "+OK, audio_activity: updated: old = 204, new = 192");
@@ -72,9 +72,9 @@ TEST_F(MediaBug, CallWithoutFramesIsStartAndTerminate) {
 
 TEST_F(MediaBug, EndOfACallTellsTheBytesOfBothLegs) {
     const auto call = start_tapped_call();
-    feed(*call, Direction::read, Bytes(320));
-    feed(*call, Direction::read, Bytes(320));
-    feed(*call, Direction::write, Bytes(160));
+    feed(*call, Direction::READ, Bytes(320));
+    feed(*call, Direction::READ, Bytes(320));
+    feed(*call, Direction::WRITE, Bytes(160));
     hangup(*call);
     EXPECT_EQ(take_log(),
               (Lines{terminated, bug_line("INFO", "transfered 640/160 bytes of media")}));
@@ -82,9 +82,9 @@ TEST_F(MediaBug, EndOfACallTellsTheBytesOfBothLegs) {
 
 TEST_F(MediaBug, OddFramesOfBothLegsAreAddedUpAndTold) {
     const auto call = start_tapped_call();
-    feed(*call, Direction::read, Bytes(321));
-    feed(*call, Direction::write, Bytes(1));
-    feed(*call, Direction::write, Bytes(3));
+    feed(*call, Direction::READ, Bytes(321));
+    feed(*call, Direction::WRITE, Bytes(1));
+    feed(*call, Direction::WRITE, Bytes(3));
     hangup(*call);
     EXPECT_EQ(take_log(), (Lines{terminated, bug_line("ERROR", "detected (3) odd frames"),
                                  bug_line("INFO", "transfered 320/2 bytes of media")}));
@@ -92,14 +92,14 @@ TEST_F(MediaBug, OddFramesOfBothLegsAreAddedUpAndTold) {
 
 TEST_F(MediaBug, OneFrameOf321BytesIsOneOddFrame) {
     const auto call = start_tapped_call();
-    feed(*call, Direction::read, Bytes(321));
+    feed(*call, Direction::READ, Bytes(321));
     hangup(*call);
     EXPECT_TRUE(host.log().contains("detected (1) odd frames\n"));
 }
 
 TEST_F(MediaBug, CallWithoutOddFramesTellsOfNone) {
     const auto call = start_tapped_call();
-    feed(*call, Direction::read, Bytes(320));
+    feed(*call, Direction::READ, Bytes(320));
     hangup(*call);
     EXPECT_FALSE(host.log().contains("odd frames"));
 }
@@ -119,7 +119,7 @@ TEST_F(MediaBug, EndedCallIsNotRegisteredAnyMore) {
 TEST_F(MediaBug, FramesAreHandedBackAsTheyWere) {
     const auto call = start_tapped_call();
     for (const std::size_t size : {0U, 1U, 320U, 321U, 3000U}) {
-        for (const Direction direction : {Direction::read, Direction::write}) {
+        for (const Direction direction : {Direction::READ, Direction::WRITE}) {
             const host::FrameResult result = feed(*call, direction, Bytes(size, 0xA5));
             EXPECT_EQ(result.bugs, 1U);
             EXPECT_FALSE(result.altered) << size;
@@ -133,7 +133,7 @@ TEST_F(MediaBug, SplitFrameNamesTheCodecOfTheCall) {
     const auto call = start_call_as(options);
     call->execute("quorvane");
     host.log().clear();
-    feed(*call, Direction::write, Bytes(3000));
+    feed(*call, Direction::WRITE, Bytes(3000));
     EXPECT_EQ(take_log(),
               (Lines{session_line("WARNING", "media_data",
                                   "MEDIA_TRANSFER: \"PCMA\" write frame of 3000 byte(s) split for "
@@ -147,7 +147,7 @@ TEST_F(MediaBug, SplitFrameWithoutACodecNameEndsTheLineAtTheQuote) {
     const auto call = start_call_as(options);
     call->execute("quorvane");
     host.log().clear();
-    feed(*call, Direction::read, Bytes(3000));
+    feed(*call, Direction::READ, Bytes(3000));
     EXPECT_EQ(
         take_log(),
         (Lines{session_line("WARNING", "media_data", "MEDIA_TRANSFER: \"", "media_transfer.cpp")}));
@@ -155,9 +155,9 @@ TEST_F(MediaBug, SplitFrameWithoutACodecNameEndsTheLineAtTheQuote) {
 
 TEST_F(MediaBug, MissingFrameIsNoFailure) {
     const auto call = start_tapped_call();
-    host.faults().set(Fault::null_frame);
-    feed(*call, Direction::read, Bytes(320));
-    feed(*call, Direction::write, Bytes(320));
+    host.faults().set(Fault::NULL_FRAME);
+    feed(*call, Direction::READ, Bytes(320));
+    feed(*call, Direction::WRITE, Bytes(320));
     EXPECT_TRUE(take_log().empty());
     EXPECT_TRUE(node.receive_all().empty());
     EXPECT_EQ(call->bugs().size(), 1U);
@@ -168,15 +168,15 @@ TEST_F(MediaBug, FrameThatCannotBeSentIsToldAndTheBugKept) {
     SystemCalls calls;
     calls.next("sendto", Outcome::fail(ENETUNREACH));
     calls.next("sendto", Outcome::fail(ENETUNREACH));
-    feed(*call, Direction::read, Bytes(320));
-    feed(*call, Direction::write, Bytes(320));
+    feed(*call, Direction::READ, Bytes(320));
+    feed(*call, Direction::WRITE, Bytes(320));
     const Lines lines = take_log();
     ASSERT_EQ(lines.size(), 4U);
     EXPECT_EQ(lines[0].rfind("ERROR log net_socket.cpp:- SOCKET[", 0), 0U) << lines[0];
     EXPECT_EQ(lines[1], bug_line("ERROR", "media transfer failed to send read frame"));
     EXPECT_EQ(lines[3], bug_line("ERROR", "media transfer failed to send write frame"));
     EXPECT_EQ(call->bugs().size(), 1U);
-    feed(*call, Direction::read, Bytes(320));
+    feed(*call, Direction::READ, Bytes(320));
     EXPECT_EQ(field(node.receive(), 40, 8), hex("02 00 00 00 a0 00 00 00"));
 }
 
@@ -186,7 +186,7 @@ TEST_F(MediaBug, FailureInTheSecondChunkLosesTheRestOfTheFrame) {
         SystemCalls calls;
         calls.next("sendto", Outcome::pass());
         calls.next("sendto", Outcome::fail(ENOBUFS));
-        feed(*call, Direction::read, Bytes(3000));
+        feed(*call, Direction::READ, Bytes(3000));
         EXPECT_EQ(calls.seen("sendto").size(), 2U);
     }
     EXPECT_EQ(node.receive_all().size(), 1U);
@@ -279,7 +279,7 @@ TEST_F(MediaBug, LevelTraceTellsOfEveryPacket) {
     unload();
     load("log_level=TRACE\n");
     const auto call = start_tapped_call();
-    feed(*call, Direction::read, Bytes(320));
+    feed(*call, Direction::READ, Bytes(320));
     hangup(*call);
     EXPECT_EQ(take_log(), (Lines{session_line("DEBUG1", "media_data",
                                               "MEDIA_TRANSFER: send data packet of 320 byte(s) for "
@@ -295,7 +295,7 @@ TEST_F(MediaBug, LevelErrorTellsOfFailuresAlone) {
     unload();
     load("log_level=ERROR\n");
     const auto call = start_tapped_call();
-    feed(*call, Direction::read, Bytes(3001));
+    feed(*call, Direction::READ, Bytes(3001));
     hangup(*call);
     EXPECT_EQ(take_log(), (Lines{bug_line("ERROR", "detected (1) odd frames")}));
 }

@@ -69,7 +69,7 @@ class MemoryFaultTest : public ModuleTest {
 
     // The call's audio, never the same twice, passes unaltered whether it is tapped or not.
     void feed(host::Call& call) {
-        for (const host::Direction direction : {host::Direction::read, host::Direction::write}) {
+        for (const host::Direction direction : {host::Direction::READ, host::Direction::WRITE}) {
             for (std::int16_t& sample : samples) {
                 sample = next_sample = static_cast<std::int16_t>(next_sample * 31 + 7);
             }

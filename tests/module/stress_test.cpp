@@ -193,8 +193,8 @@ class Stress : public ModuleTest {
         host::MediaPlan plan;
         plan.read = std::make_unique<NumberedFrames>(number, 0, frames);
         plan.write = std::make_unique<NumberedFrames>(number, 1, frames);
-        plan.pace = host::Pace::free_running;
-        plan.threads = host::MediaThreads::own;
+        plan.pace = host::Pace::FREE_RUNNING;
+        plan.threads = host::MediaThreads::OWN;
         plan.observer = counter;
         call.start_media(std::move(plan));
         if (frames % 2 == 0) {

@@ -88,8 +88,8 @@ class SystemFault : public ModuleTest {
 TEST_F(SystemFault, EveryErrorOfSendingCostsOneFrameAndTwoLines) {
     load();
     const auto call = start_tapped_call();
-    for (const Direction direction : {Direction::read, Direction::write}) {
-        const std::string name = direction == Direction::read ? "read" : "write";
+    for (const Direction direction : {Direction::READ, Direction::WRITE}) {
+        const std::string name = direction == Direction::READ ? "read" : "write";
         std::uint32_t sequence_number = 0;
         for (const SystemError& error : SENDTO_ERRORS) {
             SCOPED_TRACE(name + ", " + error.text);
@@ -123,8 +123,8 @@ TEST_F(SystemFault, EveryErrorOfSendingTheStartLeavesTheCallUntapped) {
                                          "1, state: 4, cause: 0")}));
         EXPECT_TRUE(call->bugs().empty());
 
-        feed(*call, Direction::read);
-        feed(*call, Direction::write);
+        feed(*call, Direction::READ);
+        feed(*call, Direction::WRITE);
         hangup(*call);
         EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
         EXPECT_EQ(host.log().count("found configured app context on channel destroy"), 1U);
@@ -154,7 +154,7 @@ TEST_F(SystemFault, EveryErrorOfSendingAControlPacketLeavesTheSwitchCarriedOut) 
 
         call_api("audio_activity start");
         EXPECT_EQ(field(node.receive(), 40, 2), "0c0c");
-        feed(*call, Direction::read);
+        feed(*call, Direction::READ);
         EXPECT_EQ(field(node.receive(), 4, 1), "83");
         host.log().clear();
     }
@@ -165,7 +165,7 @@ TEST_F(SystemFault, EveryErrorOfSendingTheTerminateStillEndsTheTap) {
     for (const SystemError& error : SENDTO_ERRORS) {
         SCOPED_TRACE(error.text);
         const auto call = start_tapped_call();
-        feed(*call, Direction::read);
+        feed(*call, Direction::READ);
         EXPECT_EQ(node.receive_types(), "83");
         const Lines lines = fail_to_send(error, 40, [&] { hangup(*call); });
         // Nothing more: the context was not left to the end of the channel.
@@ -182,7 +182,7 @@ TEST_F(SystemFault, APartialCountIsCompletedWithoutASecondFrame) {
     calls.next("sendto", Outcome::limit(100));
     calls.next("sendto", Outcome::limit(1));
     calls.next("sendto", Outcome::answer(0));
-    feed(*call, Direction::read);
+    feed(*call, Direction::READ);
     const auto sends = calls.seen("sendto");
     ASSERT_EQ(sends.size(), 4U);
     EXPECT_EQ(sends[0].result, 100);
@@ -194,7 +194,7 @@ TEST_F(SystemFault, APartialCountIsCompletedWithoutASecondFrame) {
     EXPECT_TRUE(take_log().empty());
 
     node.receive_all();
-    feed(*call, Direction::read);
+    feed(*call, Direction::READ);
     const Bytes packet = node.receive();
     ASSERT_EQ(packet.size(), 370U);
     EXPECT_EQ(packet[40], 2U);
@@ -207,7 +207,7 @@ TEST_F(SystemFault, AnErrorBehindAPartialCountLosesTheRestOfThePacket) {
         SystemCalls calls;
         calls.next("sendto", Outcome::limit(100));
         calls.next("sendto", Outcome::fail(EINTR));
-        feed(*call, Direction::read);
+        feed(*call, Direction::READ);
         EXPECT_EQ(calls.seen("sendto").size(), 2U);
     }
     const Lines lines = take_log();
@@ -215,7 +215,7 @@ TEST_F(SystemFault, AnErrorBehindAPartialCountLosesTheRestOfThePacket) {
     EXPECT_NE(lines[0].find("]: failed to send a data (370: "), std::string::npos) << lines[0];
     EXPECT_EQ(lines[1], bug_line("ERROR", "media transfer failed to send read frame"));
     EXPECT_EQ(node.receive().size(), 100U);
-    feed(*call, Direction::read);
+    feed(*call, Direction::READ);
     EXPECT_EQ(node.receive().size(), 370U);
 }
 
@@ -226,8 +226,8 @@ TEST_F(SystemFault, AMediaNodeThatIsAwayCostsTheCallNothing) {
     const auto call = start_call({{"quorvane_media_node", address}});
     ASSERT_TRUE(call->execute("quorvane"));
     for (int i = 0; i < 100; ++i) {
-        feed(*call, Direction::read);
-        feed(*call, Direction::write);
+        feed(*call, Direction::READ);
+        feed(*call, Direction::WRITE);
     }
     EXPECT_EQ(call->bugs().size(), 1U);
     hangup(*call);
@@ -272,8 +272,8 @@ class NetworkFault : public OwnNetwork, public SystemFault {
     // A tapped call, every packet of which the system refuses from now on, feels nothing and
     // is told of each; another one is not tapped.
     void expect_refusals(host::Call& call, const std::string& error) {
-        for (const Direction direction : {Direction::read, Direction::write}) {
-            const std::string name = direction == Direction::read ? "read" : "write";
+        for (const Direction direction : {Direction::READ, Direction::WRITE}) {
+            const std::string name = direction == Direction::READ ? "read" : "write";
             EXPECT_EQ(
                 lines_of([&] { feed(call, direction); }),
                 (Lines{failed_to_send(370, error),
@@ -292,7 +292,7 @@ class NetworkFault : public OwnNetwork, public SystemFault {
         const auto other = start_other_call(node.address());
         lines_of([&] { other->execute("quorvane"); });
         EXPECT_TRUE(other->bugs().empty());
-        feed(*other, Direction::read);
+        feed(*other, Direction::READ);
         other->hangup();
         host.events().wait_drained();
     }
@@ -320,7 +320,7 @@ class FullSendBuffer : public NetworkFault {
             waiting.push_back(start_other_call("10.9.0." + std::to_string(host_number) + ":4000"));
             waiting.back()->execute("quorvane");
             for (int i = 0; i < 400; ++i) {
-                const Lines lines = lines_of([&] { feed(*waiting.back(), Direction::read); });
+                const Lines lines = lines_of([&] { feed(*waiting.back(), Direction::READ); });
                 if (!lines.empty() || HasFailure()) {
                     return;
                 }
@@ -341,19 +341,19 @@ class FullSendBuffer : public NetworkFault {
 
 TEST_F(FullSendBuffer, CostsPacketsButNoTime) {
     const auto call = start_tapped_call(variables);
-    feed(*call, Direction::read);
+    feed(*call, Direction::READ);
     EXPECT_EQ(node.receive_types(), "83");
     fill_the_buffer();
     expect_refusals(*call, FULL);
     EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
 
     empty_the_buffer();
-    EXPECT_EQ(lines_of([&] { feed(*call, Direction::read); }), Lines{});
+    EXPECT_EQ(lines_of([&] { feed(*call, Direction::READ); }), Lines{});
     Bytes packet = node.receive();
     ASSERT_EQ(packet.size(), 370U);
     EXPECT_EQ(packet[40], 3U);  // The lost one has counted.
     EXPECT_EQ(field(packet, 44, 4), "40010000");
-    feed(*call, Direction::write);
+    feed(*call, Direction::WRITE);
     packet = node.receive();
     ASSERT_EQ(packet.size(), 370U);
     EXPECT_EQ(packet[40], 2U);
@@ -426,7 +426,7 @@ TEST_F(NetworkFault, AMediaNodeWithoutARouteIsToldAndFoundAgain) {
         EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
 
         open_loopback();
-        EXPECT_EQ(lines_of([&] { feed(*call, Direction::read); }), Lines{});
+        EXPECT_EQ(lines_of([&] { feed(*call, Direction::READ); }), Lines{});
         const Bytes packet = node.receive();
         ASSERT_EQ(packet.size(), 370U);
         EXPECT_EQ(packet[40], sequence_number += 2);  // The lost one has counted.
@@ -455,8 +455,8 @@ class NoDescriptorLeft : public SystemFault {
 
     void feed_both(host::Call& call, int frames) {
         for (int i = 0; i < frames; ++i) {
-            feed(call, Direction::read);
-            feed(call, Direction::write);
+            feed(call, Direction::READ);
+            feed(call, Direction::WRITE);
         }
     }
 

@@ -31,7 +31,7 @@ class Unload : public ModuleTest {
   protected:
     void feed(host::Call& call) {
         const Bytes frame(320);
-        call.feed(Direction::read, frame.data(), frame.size());
+        call.feed(Direction::READ, frame.data(), frame.size());
     }
 
     // Another call than the usual one.
@@ -223,7 +223,7 @@ TEST_F(Unload, ContextOfAnApiCommandDoesNotKeepTheModule) {
 TEST_F(Unload, ContextWhoseBugWasRefusedDoesNotKeepTheModule) {
     load();
     const auto call = start_call();
-    host.faults().set(Fault::bug_refused);
+    host.faults().set(Fault::BUG_REFUSED);
     call->execute("quorvane");
     EXPECT_TRUE(unload().left_memory);
 }
@@ -310,7 +310,7 @@ TEST_F(Unload, HookThatAFailedLoadLeftKeepsTheObject) {
     load("dump_events=all\n");
     const auto call = start_tapped_call();
     unload();
-    host.faults().set(Fault::bind_all_fails);
+    host.faults().set(Fault::BIND_ALL_FAILS);
     EXPECT_FALSE(try_load().loaded);
     host.faults().clear();
     hangup(*call);

@@ -87,7 +87,7 @@ void Application::load_audio() {
     }
     plan.read = make_tone(options_.tone_rate, TONE_HERTZ[0], TONE_SECONDS);
     plan.write = make_tone(options_.tone_rate, TONE_HERTZ[1], TONE_SECONDS);
-    plan.afterwards = Afterwards::repeat;
+    plan.afterwards = Afterwards::REPEAT;
 }
 
 // Before the run, so that it is not in vain.
@@ -135,8 +135,8 @@ RunReport Application::run_calls(host::EmbeddedHost& host, const LogView& log,
     report.rate = rate_of(plan);
     report.frame_ms = plan.frame_ms;
     report.free_running = plan.free_running;
-    report.read = driver.tally().side(host::Direction::read);
-    report.write = driver.tally().side(host::Direction::write);
+    report.read = driver.tally().side(host::Direction::READ);
+    report.write = driver.tally().side(host::Direction::WRITE);
     report.lateness = distribution_of(driver.tally().lateness());
     report.handling = distribution_of(driver.tally().handling());
     report.log = log.counts();
@@ -145,10 +145,10 @@ RunReport Application::run_calls(host::EmbeddedHost& host, const LogView& log,
 }
 
 bool Application::call_lines() const {
-    if (options_.call_lines == CallLines::few_calls) {
+    if (options_.call_lines == CallLines::FEW_CALLS) {
         return options_.plan.schedule.calls <= FEW_CALLS;
     }
-    return options_.call_lines == CallLines::always;
+    return options_.call_lines == CallLines::ALWAYS;
 }
 
 void Application::tell_begin(const PlacedConfig& config, std::string media_node) {

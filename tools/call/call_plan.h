@@ -29,7 +29,7 @@ struct CallPlan {
     std::vector<std::pair<std::string, std::string>> variables;  // may hold placeholders
     std::optional<Audio> read;                                   // what the party says
     std::optional<Audio> write;                                  // what is said to the party
-    Afterwards afterwards = Afterwards::silence;
+    Afterwards afterwards = Afterwards::SILENCE;
     std::uint32_t frame_ms = 20;
     double tap_after_s = 0;  // the application runs, and the audio begins, so long after the call
     std::vector<TimedCommand> commands;

@@ -75,14 +75,14 @@ void Driver::fill_agenda() {
     for (std::size_t item = 0; item < plan_.faults.size(); ++item) {
         const FaultSpan& fault = plan_.faults[item];
         if (fault.from_s) {
-            agenda_.add(time_of_seconds(*fault.from_s), {Step::Kind::fault, 0, item, true});
+            agenda_.add(time_of_seconds(*fault.from_s), {Step::Kind::FAULT, 0, item, true});
         }
         if (fault.until_s) {
-            agenda_.add(time_of_seconds(*fault.until_s), {Step::Kind::fault, 0, item, false});
+            agenda_.add(time_of_seconds(*fault.until_s), {Step::Kind::FAULT, 0, item, false});
         }
     }
     for (std::size_t index = 0; index < times_.size(); ++index) {
-        agenda_.add(times_[index].begin, {Step::Kind::begin, index});
+        agenda_.add(times_[index].begin, {Step::Kind::BEGIN, index});
     }
 }
 
@@ -97,15 +97,15 @@ void Driver::work_off(Time due_by) {
 
 void Driver::perform(const Step& step) {
     switch (step.kind) {
-        case Step::Kind::begin:
+        case Step::Kind::BEGIN:
             return begin_or_wait(step.call);
-        case Step::Kind::tap:
+        case Step::Kind::TAP:
             return tap(step.call);
-        case Step::Kind::command:
+        case Step::Kind::COMMAND:
             return run_command(step.call, plan_.commands[step.item]);
-        case Step::Kind::hangup:
+        case Step::Kind::HANGUP:
             return hang_up(step.call, &RunTotals::calls_ended);
-        case Step::Kind::fault:
+        case Step::Kind::FAULT:
             return switch_planned_fault(step.item, step.on);
     }
 }
@@ -138,12 +138,12 @@ void Driver::begin(std::size_t index) {
 
     live.commands_left = plan_.commands.size();
     const auto at = [&live](double seconds) { return live.begin + time_of_seconds(seconds); };
-    agenda_.add(at(plan_.tap_after_s), {Step::Kind::tap, index});
+    agenda_.add(at(plan_.tap_after_s), {Step::Kind::TAP, index});
     for (std::size_t item = 0; item < plan_.commands.size(); ++item) {
-        agenda_.add(at(plan_.commands[item].at_s), {Step::Kind::command, index, item});
+        agenda_.add(at(plan_.commands[item].at_s), {Step::Kind::COMMAND, index, item});
     }
     if (plan_.hangup_s) {
-        agenda_.add(at(*plan_.hangup_s), {Step::Kind::hangup, index});
+        agenda_.add(at(*plan_.hangup_s), {Step::Kind::HANGUP, index});
     }
 }
 
@@ -162,8 +162,8 @@ void Driver::start_media(std::size_t index, host::Call& call) {
     host::MediaPlan media;
     media.read = source_of(plan_.read, index);
     media.write = source_of(plan_.write, index);
-    media.pace = plan_.free_running ? host::Pace::free_running : host::Pace::paced;
-    media.threads = plan_.own_threads ? host::MediaThreads::own : host::MediaThreads::pool;
+    media.pace = plan_.free_running ? host::Pace::FREE_RUNNING : host::Pace::PACED;
+    media.threads = plan_.own_threads ? host::MediaThreads::OWN : host::MediaThreads::POOL;
     media.delay = times_[index].phase;
     media.observer = tally_;
     calls_[index].sides_left = (media.read ? 1 : 0) + (media.write ? 1 : 0);
@@ -224,7 +224,7 @@ void Driver::hang_up(std::size_t index, std::size_t RunTotals::*counted_as) {
     if (waiting_.empty()) {
         return;
     }
-    agenda_.add(at, {Step::Kind::begin, waiting_.front()});
+    agenda_.add(at, {Step::Kind::BEGIN, waiting_.front()});
     waiting_.pop_front();
 }
 

@@ -19,19 +19,19 @@ struct Named {
 };
 
 constexpr Named NAMES[] = {
-    {Fault::bind_channel_destroy_fails, "bind-channel-destroy-fails",
+    {Fault::BIND_CHANNEL_DESTROY_FAILS, "bind-channel-destroy-fails",
      "the module cannot bind the channel-destroy event"},
-    {Fault::bind_all_fails, "bind-all-fails", "nor all events"},
-    {Fault::no_timetable, "no-timetable", "a channel has no times"},
-    {Fault::media_not_ready, "media-not-ready", "a channel's media are not ready"},
-    {Fault::bug_refused, "bug-refused", "no media bug can be added"},
-    {Fault::session_not_found, "session-not-found", "no session is found by its UUID"},
-    {Fault::uuid_garbage, "uuid-garbage", "a session's UUID is no UUID"},
-    {Fault::out_of_memory, "out-of-memory", "the host finds no memory for bugs and bindings"},
-    {Fault::null_frame, "null-frame", "a bug's frame is null"},
-    {Fault::completion_fails, "completion-fails", "no console completion can be added"},
-    {Fault::refused_bug_closed, "refused-bug-closed", "a bug that refuses to start is closed"},
-    {Fault::bug_lost, "bug-lost", "a bug that has started cannot be added"},
+    {Fault::BIND_ALL_FAILS, "bind-all-fails", "nor all events"},
+    {Fault::NO_TIMETABLE, "no-timetable", "a channel has no times"},
+    {Fault::MEDIA_NOT_READY, "media-not-ready", "a channel's media are not ready"},
+    {Fault::BUG_REFUSED, "bug-refused", "no media bug can be added"},
+    {Fault::SESSION_NOT_FOUND, "session-not-found", "no session is found by its UUID"},
+    {Fault::UUID_GARBAGE, "uuid-garbage", "a session's UUID is no UUID"},
+    {Fault::OUT_OF_MEMORY, "out-of-memory", "the host finds no memory for bugs and bindings"},
+    {Fault::NULL_FRAME, "null-frame", "a bug's frame is null"},
+    {Fault::COMPLETION_FAILS, "completion-fails", "no console completion can be added"},
+    {Fault::REFUSED_BUG_CLOSED, "refused-bug-closed", "a bug that refuses to start is closed"},
+    {Fault::BUG_LOST, "bug-lost", "a bug that has started cannot be added"},
 };
 
 std::string all_names() {

@@ -71,7 +71,7 @@ std::string program_folder() {
 PlacedConfig::PlacedConfig(const ModuleSettings& settings, const std::string& text)
     : module_path_(std::filesystem::absolute(settings.module_path)) {
     check_readable(module_path_);
-    if (settings.place == ConfigPlace::relocated) {
+    if (settings.place == ConfigPlace::RELOCATED) {
         relocate(text);
         return;
     }
@@ -80,7 +80,7 @@ PlacedConfig::PlacedConfig(const ModuleSettings& settings, const std::string& te
         description_ = "a private /etc";
         return;
     }
-    if (settings.place == ConfigPlace::private_etc) {
+    if (settings.place == ConfigPlace::PRIVATE_ETC) {
         throw SettingsError("there is no private /etc to be had: " + *refused);
     }
     try {

@@ -13,9 +13,9 @@ namespace qv::tools::call {
 
 // Where the module is made to find its configuration.
 enum class ConfigPlace {
-    automatic,    // a private /etc, or else relocated
-    private_etc,  // in a private view of /etc
-    relocated,    // in a folder, by the build of the module that looks there
+    AUTOMATIC,    // a private /etc, or else relocated
+    PRIVATE_ETC,  // in a private view of /etc
+    RELOCATED,    // in a folder, by the build of the module that looks there
 };
 
 // Options as they stand in the module's configuration file; the later one wins.
@@ -25,7 +25,7 @@ struct ModuleSettings {
     std::string module_path;
     std::optional<std::string> config_file;
     ModuleOptions options;  // added to the file's
-    ConfigPlace place = ConfigPlace::automatic;
+    ConfigPlace place = ConfigPlace::AUTOMATIC;
 };
 
 struct SettingsError : std::runtime_error {

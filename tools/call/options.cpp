@@ -154,9 +154,9 @@ void add_module_options(CLI::App& app, Options& options) {
                       "Host events in the log: none, all, channel or channel-short")
         ->check(CLI::IsMember({"none", "all", "channel", "channel-short"}).description(""));
     static const std::map<std::string, ConfigPlace> places = {
-        {"auto", ConfigPlace::automatic},
-        {"private", ConfigPlace::private_etc},
-        {"relocated", ConfigPlace::relocated}};
+        {"auto", ConfigPlace::AUTOMATIC},
+        {"private", ConfigPlace::PRIVATE_ETC},
+        {"relocated", ConfigPlace::RELOCATED}};
     // Not a CLI::CheckedTransformer, whose refusal shows the numbers behind the names.
     app.add_option_function<std::string>(
            "--config-place",
@@ -187,7 +187,7 @@ void add_audio_options(CLI::App& app, Options& options) {
         ->type_name("SECONDS")
         ->group("Audio");
     app.add_flag_callback(
-           "--repeat", [&plan] { plan.afterwards = Afterwards::repeat; },
+           "--repeat", [&plan] { plan.afterwards = Afterwards::REPEAT; },
            "Begin a file again where --duration is longer\n(else: silence)")
         ->group("Audio");
     app.add_option("--frame-ms", plan.frame_ms, "Length of a frame, 10 to 120")
@@ -303,10 +303,10 @@ void add_output_options(CLI::App& app, Options& options) {
         ->type_name("FILE")
         ->group("Output");
     auto* verbose = app.add_flag_callback(
-        "-v,--verbose", [&options] { options.call_lines = CallLines::always; },
+        "-v,--verbose", [&options] { options.call_lines = CallLines::ALWAYS; },
         "Lines for each call (default: for up to 10 calls)");
     auto* quiet = app.add_flag_callback(
-        "-q,--quiet", [&options] { options.call_lines = CallLines::never; }, "Only the figures");
+        "-q,--quiet", [&options] { options.call_lines = CallLines::NEVER; }, "Only the figures");
     verbose->group("Output");
     quiet->group("Output")->excludes(verbose);
 }

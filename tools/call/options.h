@@ -19,7 +19,7 @@ constexpr int EXIT_USAGE = 2;      // The command line, or a file that it names.
 constexpr int EXIT_NO_MODULE = 3;  // The module cannot be read, configured or loaded.
 
 // Whether each call gets lines of its own.
-enum class CallLines { few_calls, always, never };
+enum class CallLines { FEW_CALLS, ALWAYS, NEVER };
 
 struct Options {
     ModuleSettings module;
@@ -30,7 +30,7 @@ struct Options {
     unsigned threads = 1;            // media threads for each direction
     std::optional<switch_log_level_t> show_log;
     std::string json_path;
-    CallLines call_lines = CallLines::few_calls;
+    CallLines call_lines = CallLines::FEW_CALLS;
 };
 
 // Fills `options`. Returns the exit code when the program is to end at once (after

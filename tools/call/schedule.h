@@ -43,9 +43,9 @@ struct CallTimes {
 std::vector<CallTimes> plan_calls(const SchedulePlan& plan);
 
 struct Step {
-    enum class Kind { begin, tap, command, hangup, fault };
+    enum class Kind { BEGIN, TAP, COMMAND, HANGUP, FAULT };
 
-    Kind kind = Kind::begin;
+    Kind kind = Kind::BEGIN;
     std::size_t call = 0;  // number of the call; not for a fault
     std::size_t item = 0;  // number of the command or of the fault
     bool on = true;        // of a fault

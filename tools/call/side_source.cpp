@@ -43,7 +43,7 @@ std::int16_t SideSource::sample(std::uint64_t position) const {
     if (position < samples_->size()) {
         return (*samples_)[position];
     }
-    return afterwards_ == Afterwards::repeat ? (*samples_)[position % samples_->size()]
+    return afterwards_ == Afterwards::REPEAT ? (*samples_)[position % samples_->size()]
                                              : std::int16_t{0};
 }
 

@@ -29,7 +29,7 @@ class FrameSizes {
 };
 
 // What a side says once its audio is over.
-enum class Afterwards { silence, repeat };
+enum class Afterwards { SILENCE, REPEAT };
 
 class SideSource : public host::FrameSource {
   public:

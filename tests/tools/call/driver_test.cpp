@@ -73,8 +73,8 @@ TEST_F(DriverTest, ACallPlaysBothSidesAndEnds) {
     const RunTotals totals = run();
     EXPECT_EQ(events_.all, (Texts{"begun 1", "untapped 1", "over 1"}));
     EXPECT_EQ(events_.uuids, (Texts{"00010203-0405-0607-0809-0a0b0c0d0e0f"}));
-    EXPECT_EQ(driver_->tally().side(host::Direction::read).frames, 3u);
-    EXPECT_EQ(driver_->tally().side(host::Direction::write).frames, 2u);
+    EXPECT_EQ(driver_->tally().side(host::Direction::READ).frames, 3u);
+    EXPECT_EQ(driver_->tally().side(host::Direction::WRITE).frames, 2u);
     EXPECT_EQ(totals.calls_ended, 1u);
     EXPECT_EQ(totals.calls_tapped, 0u);
     EXPECT_EQ(host_.report().sessions_alive, 0u);
@@ -169,14 +169,14 @@ TEST_F(DriverTest, FaultsAreSwitchedAtTheirTimes) {
     run();
     EXPECT_EQ(events_.all,
               (Texts{"begun 1", "untapped 1", "null-frame on", "null-frame off", "over 1"}));
-    EXPECT_FALSE(host_.faults().on(host::Fault::null_frame));
+    EXPECT_FALSE(host_.faults().on(host::Fault::NULL_FRAME));
 }
 
 TEST_F(DriverTest, ASideWithoutAudioHasNoFrames) {
     plan_.write.reset();
     run();
-    EXPECT_EQ(driver_->tally().side(host::Direction::read).frames, 3u);
-    EXPECT_EQ(driver_->tally().side(host::Direction::write).frames, 0u);
+    EXPECT_EQ(driver_->tally().side(host::Direction::READ).frames, 3u);
+    EXPECT_EQ(driver_->tally().side(host::Direction::WRITE).frames, 0u);
 }
 
 }  // namespace

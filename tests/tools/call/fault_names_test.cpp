@@ -20,7 +20,7 @@ std::string refusal_of(const std::string& text) {
 
 TEST(FaultNamesTest, ANameAloneIsOnFromTheBeginningToTheEnd) {
     const FaultSpan span = parse_fault("bug-refused");
-    EXPECT_EQ(span.fault, Fault::bug_refused);
+    EXPECT_EQ(span.fault, Fault::BUG_REFUSED);
     EXPECT_FALSE(span.from_s);
     EXPECT_FALSE(span.until_s);
 }
@@ -34,18 +34,18 @@ TEST(FaultNamesTest, AFaultCanBeginAndEndDuringTheRun) {
 
 TEST(FaultNamesTest, EveryFaultOfTheHostHasAName) {
     const std::pair<const char*, Fault> all[] = {
-        {"bind-channel-destroy-fails", Fault::bind_channel_destroy_fails},
-        {"bind-all-fails", Fault::bind_all_fails},
-        {"no-timetable", Fault::no_timetable},
-        {"media-not-ready", Fault::media_not_ready},
-        {"bug-refused", Fault::bug_refused},
-        {"session-not-found", Fault::session_not_found},
-        {"uuid-garbage", Fault::uuid_garbage},
-        {"out-of-memory", Fault::out_of_memory},
-        {"null-frame", Fault::null_frame},
-        {"completion-fails", Fault::completion_fails},
-        {"refused-bug-closed", Fault::refused_bug_closed},
-        {"bug-lost", Fault::bug_lost},
+        {"bind-channel-destroy-fails", Fault::BIND_CHANNEL_DESTROY_FAILS},
+        {"bind-all-fails", Fault::BIND_ALL_FAILS},
+        {"no-timetable", Fault::NO_TIMETABLE},
+        {"media-not-ready", Fault::MEDIA_NOT_READY},
+        {"bug-refused", Fault::BUG_REFUSED},
+        {"session-not-found", Fault::SESSION_NOT_FOUND},
+        {"uuid-garbage", Fault::UUID_GARBAGE},
+        {"out-of-memory", Fault::OUT_OF_MEMORY},
+        {"null-frame", Fault::NULL_FRAME},
+        {"completion-fails", Fault::COMPLETION_FAILS},
+        {"refused-bug-closed", Fault::REFUSED_BUG_CLOSED},
+        {"bug-lost", Fault::BUG_LOST},
     };
     for (const auto& [name, fault] : all) {
         EXPECT_EQ(parse_fault(name).fault, fault) << name;
@@ -64,9 +64,9 @@ TEST(FaultNamesTest, AHeaderCanBeHidden) {
 TEST(FaultNamesTest, AFaultIsSwitchedOnAndOff) {
     host::Faults faults;
     switch_fault(faults, parse_fault("no-timetable"), true);
-    EXPECT_TRUE(faults.on(Fault::no_timetable));
+    EXPECT_TRUE(faults.on(Fault::NO_TIMETABLE));
     switch_fault(faults, parse_fault("no-timetable"), false);
-    EXPECT_FALSE(faults.on(Fault::no_timetable));
+    EXPECT_FALSE(faults.on(Fault::NO_TIMETABLE));
 }
 
 TEST(FaultNamesTest, AnUnknownNameIsRefusedWithTheKnownOnes) {

@@ -25,22 +25,22 @@ TEST(FrameTallyTest, AnEmptyFrameIsAPacketToo) {
 
 TEST(FrameTallyTest, SidesAreCountedApart) {
     FrameTally tally(true);
-    tally.played(Direction::read, frame(320), nanoseconds(50));
-    tally.played(Direction::read, frame(1920), nanoseconds(60));
-    tally.played(Direction::write, frame(640), nanoseconds(70));
-    EXPECT_EQ(tally.side(Direction::read).frames, 2u);
-    EXPECT_EQ(tally.side(Direction::read).bytes, 2240u);
-    EXPECT_EQ(tally.side(Direction::read).packets, 3u);
-    EXPECT_EQ(tally.side(Direction::write).packets, 1u);
+    tally.played(Direction::READ, frame(320), nanoseconds(50));
+    tally.played(Direction::READ, frame(1920), nanoseconds(60));
+    tally.played(Direction::WRITE, frame(640), nanoseconds(70));
+    EXPECT_EQ(tally.side(Direction::READ).frames, 2u);
+    EXPECT_EQ(tally.side(Direction::READ).bytes, 2240u);
+    EXPECT_EQ(tally.side(Direction::READ).packets, 3u);
+    EXPECT_EQ(tally.side(Direction::WRITE).packets, 1u);
     EXPECT_EQ(tally.frames(), 3u);
 }
 
 TEST(FrameTallyTest, AFrameThatNoBugSawBecomesNoPacket) {
     FrameTally tally(true);
-    tally.played(Direction::read, frame(320, 0), nanoseconds(50));
-    EXPECT_EQ(tally.side(Direction::read).frames, 1u);
-    EXPECT_EQ(tally.side(Direction::read).tapped_frames, 0u);
-    EXPECT_EQ(tally.side(Direction::read).packets, 0u);
+    tally.played(Direction::READ, frame(320, 0), nanoseconds(50));
+    EXPECT_EQ(tally.side(Direction::READ).frames, 1u);
+    EXPECT_EQ(tally.side(Direction::READ).tapped_frames, 0u);
+    EXPECT_EQ(tally.side(Direction::READ).packets, 0u);
     EXPECT_EQ(tally.handling().count(), 0u);
 }
 
@@ -48,22 +48,22 @@ TEST(FrameTallyTest, AFrameThatTheHostWithheldBecomesNoPacket) {
     FrameTally tally(true);
     host::FrameResult withheld = frame(320);
     withheld.given = 0;
-    tally.played(Direction::write, withheld, nanoseconds(50));
-    EXPECT_EQ(tally.side(Direction::write).tapped_frames, 1u);
-    EXPECT_EQ(tally.side(Direction::write).packets, 0u);
+    tally.played(Direction::WRITE, withheld, nanoseconds(50));
+    EXPECT_EQ(tally.side(Direction::WRITE).tapped_frames, 1u);
+    EXPECT_EQ(tally.side(Direction::WRITE).packets, 0u);
 }
 
 TEST(FrameTallyTest, AlteredFramesAreCounted) {
     FrameTally tally(true);
-    tally.played(Direction::write, frame(320, 1, true), nanoseconds(50));
-    EXPECT_EQ(tally.side(Direction::write).altered, 1u);
+    tally.played(Direction::WRITE, frame(320, 1, true), nanoseconds(50));
+    EXPECT_EQ(tally.side(Direction::WRITE).altered, 1u);
 }
 
 TEST(FrameTallyTest, OnlyPacedFramesCanBeLate) {
     FrameTally paced(true);
     FrameTally free_running(false);
-    paced.played(Direction::read, frame(320), nanoseconds(50));
-    free_running.played(Direction::read, frame(320), nanoseconds(0));
+    paced.played(Direction::READ, frame(320), nanoseconds(50));
+    free_running.played(Direction::READ, frame(320), nanoseconds(0));
     EXPECT_EQ(paced.lateness().largest(), nanoseconds(50));
     EXPECT_EQ(free_running.lateness().count(), 0u);
     EXPECT_EQ(free_running.handling().largest(), nanoseconds(10));

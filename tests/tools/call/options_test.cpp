@@ -77,7 +77,7 @@ TEST_F(OptionsTest, ManyCallsHaveARateAndALength) {
     EXPECT_EQ(options_.plan.schedule.length->max_s, 40);
     EXPECT_EQ(options_.plan.concurrent, 7u);
     EXPECT_EQ(options_.plan.schedule.seed, 3u);
-    EXPECT_EQ(options_.plan.afterwards, Afterwards::repeat);
+    EXPECT_EQ(options_.plan.afterwards, Afterwards::REPEAT);
     EXPECT_TRUE(options_.plan.outbound);
 }
 

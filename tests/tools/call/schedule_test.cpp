@@ -71,7 +71,7 @@ TEST(ScheduleTest, ASingleCallBeginsAtOnce) {
 }
 
 Step command(std::size_t item) {
-    return {Step::Kind::command, 0, item};
+    return {Step::Kind::COMMAND, 0, item};
 }
 
 TEST(AgendaTest, StepsComeInTheOrderOfTheirTimes) {

@@ -15,7 +15,7 @@ class SideSourceTest : public ::testing::Test {
   protected:
     // 4 samples a frame.
     void play(std::vector<std::int16_t> samples, std::uint64_t total,
-              Afterwards afterwards = Afterwards::silence) {
+              Afterwards afterwards = Afterwards::SILENCE) {
         source_ = std::make_unique<SideSource>(
             std::make_shared<std::vector<std::int16_t>>(std::move(samples)), FrameSizes(400, 10),
             total, afterwards, [this] { ++ends_; });
@@ -48,7 +48,7 @@ TEST_F(SideSourceTest, ACallLongerThanItsAudioIsFilledWithSilence) {
 }
 
 TEST_F(SideSourceTest, ARepeatedFileGoesOnWithoutAGap) {
-    play({1, 2, 3}, 8, Afterwards::repeat);
+    play({1, 2, 3}, 8, Afterwards::REPEAT);
     EXPECT_EQ(frames(), (std::vector<Frame>{{1, 2, 3, 1}, {2, 3, 1, 2}}));
 }
 
