@@ -52,16 +52,16 @@ RunTotals Driver::run(const std::atomic<bool>& stop) {
     totals_.calls_planned = times_.size();
     totals_.memory_before = totals_.memory_most = before.resident_bytes;
     start_ = Clock::now();
-    fill_agenda();
+    fill_timers();
     Time next_tick = TICK;
     while (!finished() && !stop) {
         const Time at = now();
-        work_off(at);
+        perform_due(at);
         if (at >= next_tick) {
             tick(at);
             next_tick = at + TICK;
         }
-        ended_->wait_until(start_ + std::min(agenda_.next().value_or(next_tick), next_tick));
+        ended_->wait_until(start_ + std::min(timers_.next().value_or(next_tick), next_tick));
     }
     cut_all();
     const ProcessUsage after = process_usage();
@@ -71,23 +71,23 @@ RunTotals Driver::run(const std::atomic<bool>& stop) {
     return totals_;
 }
 
-void Driver::fill_agenda() {
+void Driver::fill_timers() {
     for (std::size_t item = 0; item < plan_.faults.size(); ++item) {
         const FaultSpan& fault = plan_.faults[item];
         if (fault.from_s) {
-            agenda_.add(time_of_seconds(*fault.from_s), {Step::Kind::FAULT, 0, item, true});
+            timers_.add(time_of_seconds(*fault.from_s), {Step::Kind::FAULT, 0, item, true});
         }
         if (fault.until_s) {
-            agenda_.add(time_of_seconds(*fault.until_s), {Step::Kind::FAULT, 0, item, false});
+            timers_.add(time_of_seconds(*fault.until_s), {Step::Kind::FAULT, 0, item, false});
         }
     }
     for (std::size_t index = 0; index < times_.size(); ++index) {
-        agenda_.add(times_[index].begin, {Step::Kind::BEGIN, index});
+        timers_.add(times_[index].begin, {Step::Kind::BEGIN, index});
     }
 }
 
-void Driver::work_off(Time due_by) {
-    while (const auto step = agenda_.take(due_by)) {
+void Driver::perform_due(Time due_by) {
+    while (const auto step = timers_.take(due_by)) {
         perform(*step);
     }
     for (const std::size_t index : ended_->take()) {
@@ -138,12 +138,12 @@ void Driver::begin(std::size_t index) {
 
     live.commands_left = plan_.commands.size();
     const auto at = [&live](double seconds) { return live.begin + time_of_seconds(seconds); };
-    agenda_.add(at(plan_.tap_after_s), {Step::Kind::TAP, index});
+    timers_.add(at(plan_.tap_after_s), {Step::Kind::TAP, index});
     for (std::size_t item = 0; item < plan_.commands.size(); ++item) {
-        agenda_.add(at(plan_.commands[item].at_s), {Step::Kind::COMMAND, index, item});
+        timers_.add(at(plan_.commands[item].at_s), {Step::Kind::COMMAND, index, item});
     }
     if (plan_.hangup_s) {
-        agenda_.add(at(*plan_.hangup_s), {Step::Kind::HANGUP, index});
+        timers_.add(at(*plan_.hangup_s), {Step::Kind::HANGUP, index});
     }
 }
 
@@ -224,7 +224,7 @@ void Driver::hang_up(std::size_t index, std::size_t RunTotals::*counted_as) {
     if (waiting_.empty()) {
         return;
     }
-    agenda_.add(at, {Step::Kind::BEGIN, waiting_.front()});
+    timers_.add(at, {Step::Kind::BEGIN, waiting_.front()});
     waiting_.pop_front();
 }
 

@@ -111,8 +111,8 @@ class Driver {
     };
 
     Time now() const { return Clock::now() - start_; }
-    void fill_agenda();
-    void work_off(Time due_by);
+    void fill_timers();
+    void perform_due(Time due_by);
     void perform(const Step& step);
 
     void begin_or_wait(std::size_t index);
@@ -141,7 +141,7 @@ class Driver {
     const double expected_s_;
 
     Clock::time_point start_;
-    Agenda agenda_;
+    TimerQueue timers_;
     std::vector<LiveCall> calls_;      // by their index; those not live have no call
     std::deque<std::size_t> waiting_;  // due, but too many are live
     std::size_t live_ = 0;

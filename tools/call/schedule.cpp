@@ -29,18 +29,18 @@ std::vector<CallTimes> plan_calls(const SchedulePlan& plan) {
     return calls;
 }
 
-void Agenda::add(Time at, Step step) {
+void TimerQueue::add(Time at, Step step) {
     entries_.push({at, added_++, step});
 }
 
-std::optional<Time> Agenda::next() const {
+std::optional<Time> TimerQueue::next() const {
     if (entries_.empty()) {
         return std::nullopt;
     }
     return entries_.top().at;
 }
 
-std::optional<Step> Agenda::take(Time now) {
+std::optional<Step> TimerQueue::take(Time now) {
     if (entries_.empty() || entries_.top().at > now) {
         return std::nullopt;
     }

@@ -1,4 +1,4 @@
-// When calls begin and how long they last, and the agenda that a run works off.
+// When calls begin and how long they last, and the timer queue of a run.
 //
 // Plain values; one thread at a time. Times count from the beginning of the run.
 #pragma once
@@ -52,7 +52,7 @@ struct Step {
 };
 
 // Steps in the order of their times; at the same time, in the order in which they were added.
-class Agenda {
+class TimerQueue {
   public:
     void add(Time at, Step step);
     // When the next step is due.

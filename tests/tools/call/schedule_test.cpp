@@ -74,34 +74,34 @@ Step command(std::size_t item) {
     return {Step::Kind::COMMAND, 0, item};
 }
 
-TEST(AgendaTest, StepsComeInTheOrderOfTheirTimes) {
-    Agenda agenda;
-    agenda.add(Time(30), command(3));
-    agenda.add(Time(10), command(1));
-    agenda.add(Time(20), command(2));
-    EXPECT_EQ(agenda.next(), Time(10));
-    EXPECT_EQ(agenda.take(Time(100))->item, 1u);
-    EXPECT_EQ(agenda.take(Time(100))->item, 2u);
-    EXPECT_EQ(agenda.take(Time(100))->item, 3u);
-    EXPECT_FALSE(agenda.take(Time(100)));
-    EXPECT_FALSE(agenda.next());
+TEST(TimerQueueTest, StepsComeInTheOrderOfTheirTimes) {
+    TimerQueue timers;
+    timers.add(Time(30), command(3));
+    timers.add(Time(10), command(1));
+    timers.add(Time(20), command(2));
+    EXPECT_EQ(timers.next(), Time(10));
+    EXPECT_EQ(timers.take(Time(100))->item, 1u);
+    EXPECT_EQ(timers.take(Time(100))->item, 2u);
+    EXPECT_EQ(timers.take(Time(100))->item, 3u);
+    EXPECT_FALSE(timers.take(Time(100)));
+    EXPECT_FALSE(timers.next());
 }
 
-TEST(AgendaTest, StepsOfOneTimeComeInTheOrderInWhichTheyWereAdded) {
-    Agenda agenda;
+TEST(TimerQueueTest, StepsOfOneTimeComeInTheOrderInWhichTheyWereAdded) {
+    TimerQueue timers;
     for (std::size_t item = 0; item < 20; ++item) {
-        agenda.add(Time(5), command(item));
+        timers.add(Time(5), command(item));
     }
     for (std::size_t item = 0; item < 20; ++item) {
-        EXPECT_EQ(agenda.take(Time(5))->item, item);
+        EXPECT_EQ(timers.take(Time(5))->item, item);
     }
 }
 
-TEST(AgendaTest, AStepIsNotTakenBeforeItIsDue) {
-    Agenda agenda;
-    agenda.add(Time(10), command(1));
-    EXPECT_FALSE(agenda.take(Time(9)));
-    EXPECT_TRUE(agenda.take(Time(10)));
+TEST(TimerQueueTest, AStepIsNotTakenBeforeItIsDue) {
+    TimerQueue timers;
+    timers.add(Time(10), command(1));
+    EXPECT_FALSE(timers.take(Time(9)));
+    EXPECT_TRUE(timers.take(Time(10)));
 }
 
 }  // namespace
