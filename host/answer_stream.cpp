@@ -1,10 +1,12 @@
 #include "host/answer_stream.h"
 
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
+
+#include "host/formatted.h"
 
 namespace qv::host {
 namespace {
@@ -46,20 +48,15 @@ switch_status_t write_raw(switch_stream_handle_t* handle, uint8_t* data, switch_
 }
 
 switch_status_t write_formatted(switch_stream_handle_t* handle, const char* format, ...) {
-    char* text = nullptr;
     va_list arguments;
     va_start(arguments, format);
-    const int size = vasprintf(&text, format, arguments);
+    const std::optional<std::string> text = formatted(format, arguments);
     va_end(arguments);
-    if (size < 0) {
+    if (!text || !reserve(*handle, text->size())) {
         return SWITCH_STATUS_FALSE;
     }
-    const bool room = reserve(*handle, static_cast<switch_size_t>(size));
-    if (room) {
-        append(*handle, text, static_cast<switch_size_t>(size));
-    }
-    std::free(text);
-    return room ? SWITCH_STATUS_SUCCESS : SWITCH_STATUS_FALSE;
+    append(*handle, text->data(), text->size());
+    return SWITCH_STATUS_SUCCESS;
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
 #include "host/log.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <utility>
 
+#include "host/formatted.h"
 #include "host/parts.h"
 #include "host/session.h"
 
@@ -24,16 +23,6 @@ std::optional<std::string> userdata_text(switch_text_channel_t channel, const ch
 
 std::optional<std::string> text_of(const char* text) {
     return text ? std::optional<std::string>(text) : std::nullopt;
-}
-
-std::string format_text(const char* format, va_list arguments) {
-    char* formatted = nullptr;
-    if (vasprintf(&formatted, format, arguments) < 0) {
-        return format;
-    }
-    std::string text = formatted;
-    std::free(formatted);
-    return text;
 }
 
 }  // namespace
@@ -86,7 +75,7 @@ void Log::clear() {
 }
 
 void Log::write(LogLine line, va_list arguments) {
-    line.text = format_text(line.format.c_str(), arguments);
+    line.text = formatted(line.format.c_str(), arguments).value_or(line.format);
     keep(std::move(line));
 }
 

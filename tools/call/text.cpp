@@ -1,21 +1,12 @@
 #include "tools/call/text.h"
 
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 
+#include "quorvane_lib/utils_str.h"
+#include "tools/format.h"
+
 namespace qv::tools::call {
-namespace {
-
-void replace_all(std::string& text, const std::string& what, const std::string& with) {
-    std::size_t at = 0;
-    while ((at = text.find(what, at)) != std::string::npos) {
-        text.replace(at, what.size(), with);
-        at += with.size();
-    }
-}
-
-}  // namespace
 
 std::optional<double> parse_number(const std::string& text) {
     char* end = nullptr;
@@ -30,15 +21,13 @@ std::optional<double> parse_number(const std::string& text) {
 std::string fill_placeholders(const std::string& text, const std::string& uuid,
                               std::size_t number) {
     std::string filled = text;
-    replace_all(filled, "{uuid}", uuid);
-    replace_all(filled, "{n}", std::to_string(number));
+    utils::str::replace(filled, "{uuid}", uuid);
+    utils::str::replace(filled, "{n}", std::to_string(number));
     return filled;
 }
 
 std::string fixed(double value, int digits) {
-    char text[64];
-    std::snprintf(text, sizeof(text), "%.*f", digits, value);
-    return text;
+    return format("%.*f", digits, value);
 }
 
 std::string short_time(std::chrono::nanoseconds time) {
