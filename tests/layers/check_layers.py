@@ -1,0 +1,137 @@
+#!/usr/bin/env python3
+"""Holds the picture of layers in docs/design.md against the includes of the sources.
+
+Each line of the picture is a folder and, behind an arrow, the folders that it includes. A
+folder includes only what stands below it, the picture has every folder with C++ sources, and
+every arrow of the picture is drawn by some include.
+"""
+
+import os
+import re
+import sys
+import unittest
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+INCLUDE_PATHS = ("", "include/", "host/include/")
+ALL_BELOW = "all"
+
+
+def read(path):
+    with open(os.path.join(ROOT, path), encoding="utf-8") as file:
+        return file.read()
+
+
+def picture_of(document):
+    """The folders of the picture from top to bottom, each with the folders that it includes."""
+    section = document.split("\n## Layers\n", 1)[1].split("\n## ", 1)[0]
+    drawing = section.split("```")[1]
+    rows = {}
+    for line in drawing.strip().splitlines():
+        folder, _, included = line.partition("──▶")
+        rows[folder.split()[0].rstrip("/")] = [name.rstrip("/") for name in included.split()]
+    return rows
+
+
+def sources():
+    found = []
+    for folder, folders, files in os.walk(ROOT):
+        folders[:] = [name for name in folders if not name.startswith((".", "build"))]
+        found += [os.path.relpath(os.path.join(folder, name), ROOT)
+                  for name in files if name.endswith((".h", ".cpp"))]
+    return sorted(found)
+
+
+def arrows_of(files):
+    """(including file, included file) for every include of a file of the project."""
+    known = set(files)
+    for path in files:
+        for name in re.findall(r'^#include [<"]([^>"]+)[>"]', read(path), re.MULTILINE):
+            for base in INCLUDE_PATHS:
+                if base + name in known:
+                    yield path, base + name
+                    break
+
+
+def layer_of(path, rows):
+    """The row that is nearest above the file, or None."""
+    folder = os.path.dirname(path)
+    while folder and folder not in rows:
+        folder = os.path.dirname(folder)
+    return folder or None
+
+
+def complaints(rows, files, arrows):
+    order = list(rows)
+    said = []
+    for folder, included in rows.items():
+        for name in included:
+            if name == ALL_BELOW:
+                continue
+            if name not in rows:
+                said.append(f"{folder}/ is drawn to include {name}/, which the picture lacks")
+            elif order.index(name) <= order.index(folder):
+                said.append(f"the arrow from {folder}/ to {name}/ points upward")
+    for path in files:
+        if layer_of(path, rows) is None:
+            said.append(f"the picture lacks the folder of {path}")
+    drawn = set()
+    for path, included in arrows:
+        here, there = layer_of(path, rows), layer_of(included, rows)
+        if here is None or there is None or here == there:
+            continue
+        drawn.add((here, there))
+        below = order.index(there) > order.index(here)
+        if there not in rows[here] and not (ALL_BELOW in rows[here] and below):
+            said.append(f"{path} includes {included}: no arrow from {here}/ to {there}/")
+    for folder, included in rows.items():
+        for name in included:
+            if name != ALL_BELOW and (folder, name) not in drawn:
+                said.append(f"nothing in {folder}/ includes {name}/, as the picture has it")
+    return said
+
+
+class TheSources(unittest.TestCase):
+    def test_include_what_the_picture_says(self):
+        files = sources()
+        rows = picture_of(read("docs/design.md"))
+        self.assertEqual(complaints(rows, files, arrows_of(files)), [])
+
+
+class ThePicture(unittest.TestCase):
+    ROWS = {"top": ["middle"], "middle": ["bottom"], "bottom": []}
+    FILES = ["top/a.cpp", "middle/b.h", "bottom/deep/c.h"]
+    ARROWS = [("top/a.cpp", "middle/b.h"), ("middle/b.h", "bottom/deep/c.h")]
+
+    def test_is_read_from_the_document(self):
+        document = "x\n## Layers\n\n```\n top/   ──▶ low/ other/\n low/\n```\n\n## Next\n```\n no/\n```\n"
+        self.assertEqual(picture_of(document), {"top": ["low", "other"], "low": []})
+
+    def test_is_right_when_all_arrows_are_drawn(self):
+        self.assertEqual(complaints(self.ROWS, self.FILES, self.ARROWS), [])
+
+    def test_must_have_every_folder(self):
+        said = complaints(self.ROWS, self.FILES + ["new/d.cpp"], self.ARROWS)
+        self.assertEqual(said, ["the picture lacks the folder of new/d.cpp"])
+
+    def test_must_have_every_arrow(self):
+        said = complaints(self.ROWS, self.FILES, self.ARROWS + [("bottom/deep/c.h", "top/a.cpp")])
+        self.assertEqual(said, ["bottom/deep/c.h includes top/a.cpp: no arrow from bottom/ to top/"])
+
+    def test_must_not_have_an_arrow_that_no_source_draws(self):
+        said = complaints(self.ROWS, self.FILES, self.ARROWS[:1])
+        self.assertEqual(said, ["nothing in middle/ includes bottom/, as the picture has it"])
+
+    def test_must_not_have_an_arrow_upward(self):
+        rows = {"top": ["middle"], "middle": ["bottom"], "bottom": ["middle"]}
+        said = complaints(rows, self.FILES, self.ARROWS + [("bottom/deep/c.h", "middle/b.h")])
+        self.assertEqual(said, ["the arrow from bottom/ to middle/ points upward"])
+
+    def test_all_means_only_what_stands_below(self):
+        rows = {"top": ["middle"], "middle": [ALL_BELOW], "bottom": []}
+        self.assertEqual(complaints(rows, self.FILES, self.ARROWS), [])
+        said = complaints(rows, self.FILES, self.ARROWS + [("middle/b.h", "top/a.cpp")])
+        self.assertEqual(said, ["middle/b.h includes top/a.cpp: no arrow from middle/ to top/"])
+
+
+if __name__ == "__main__":
+    sys.exit(unittest.main(verbosity=1))
