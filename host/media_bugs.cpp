@@ -59,15 +59,17 @@ switch_status_t MediaBugs::add(const BugInfo& wanted, switch_media_bug_t** bug) 
     }
     if (added->callback &&
         added->callback(added.get(), added->user_data, SWITCH_ABC_TYPE_INIT) == SWITCH_FALSE) {
-        if (host.faults.on(Fault::REFUSED_BUG_CLOSED))
+        if (host.faults.on(Fault::REFUSED_BUG_CLOSED)) {
             added->callback(added.get(), added->user_data, SWITCH_ABC_TYPE_CLOSE);
+        }
         ++host.counters.bugs_refused;
         host.log.note(SWITCH_LOG_ERROR, "a bug refused to start on " + session_.channel().name());
         session_.fire(SWITCH_EVENT_MEDIA_BUG_STOP, headers_of(*added));
         return SWITCH_STATUS_GENERR;
     }
-    if (host.faults.on(Fault::BUG_LOST))
+    if (host.faults.on(Fault::BUG_LOST)) {
         return SWITCH_STATUS_GENERR;
+    }
     ++host.counters.bugs_added;
     ++host.counters.bugs_attached;
     auto headers = headers_of(*added);
