@@ -13,7 +13,7 @@ namespace {
 
 constexpr switch_size_t CHUNK = 1024;
 
-// Makes room for `size` bytes and the zero behind them.
+// Makes room for `size` bytes and the terminating zero. False without memory.
 bool reserve(switch_stream_handle_t& handle, switch_size_t size) {
     const switch_size_t need = handle.data_len + size + 1;
     if (need <= handle.data_size) {
@@ -28,7 +28,7 @@ bool reserve(switch_stream_handle_t& handle, switch_size_t size) {
     return true;
 }
 
-// The room is there.
+// The caller has reserved the room.
 void append(switch_stream_handle_t& handle, const void* data, switch_size_t size) {
     char* text = static_cast<char*>(handle.data);
     if (size > 0) {

@@ -1,6 +1,5 @@
-// The stream that an API command writes its answer to, as the host's console has it:
-// a text that grows as it is written. Owned by whoever runs the command; one thread at
-// a time.
+// The stream to which an API command writes its answer, as the host's console provides it:
+// a text that grows. The caller who runs the command owns it; one thread at a time uses it.
 #pragma once
 
 #include <switch.h>

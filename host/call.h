@@ -1,9 +1,9 @@
 // One call in the embedded host: a session with its channel, its variables and its
 // media, driven by whoever holds the Call.
 //
-// Made by EmbeddedHost::start_call and owned by the caller, who lets it go before the
-// host. Unless a function says otherwise it may be called from any thread, also while
-// the call is being hung up; on a call that is over it does nothing and says so.
+// EmbeddedHost::start_call makes it; the caller owns it and destroys it before the host.
+// Any thread may call the functions, also during hang-up, unless a function says
+// otherwise. On a call that is over they do nothing and report that.
 #pragma once
 
 #include <switch.h>
@@ -23,19 +23,19 @@ namespace qv::host {
 
 class Session;
 
-// The directions of the media, as seen from the host: read comes in from the call's
-// party, write goes out to it.
+// The directions of the media, seen from the host: it reads from the call's party and
+// writes to it.
 enum class Direction { READ = 0, WRITE = 1 };
 
 enum class MediaState {
     ANSWERED,   // media flows, the call is answered
     EARLY,      // media flows before the answer
-    ON_DEMAND,  // none yet; adding a bug brings it up
-    REFUSED,    // none, and the channel cannot bring it up
+    ON_DEMAND,  // no media yet; adding a bug starts early media
+    REFUSED,    // no media, and the channel cannot start any
 };
 
 struct CallOptions {
-    std::string uuid;  // empty: a random one
+    std::string uuid;  // empty: the host chooses a random one
     std::string name;  // channel name; empty: "embedded/" and the UUID
     std::map<std::string, std::string> variables;
     switch_call_direction_t direction = SWITCH_CALL_DIRECTION_INBOUND;
@@ -50,26 +50,26 @@ struct CallOptions {
 };
 
 enum class Pace {
-    PACED,         // a frame every frame time, due times counted from the start
+    PACED,         // one frame per frame time, counted from the start of the media
     FREE_RUNNING,  // as fast as the callbacks return
 };
 
 enum class MediaThreads {
-    POOL,  // the host's few media threads, one set for each direction
-    OWN,   // two threads of this call's own
+    POOL,  // the media threads that all calls share, one set per direction
+    OWN,   // two threads that serve only this call
 };
 
 // What became of one frame.
 struct FrameResult {
     std::uint32_t bytes = 0;
-    std::size_t bugs = 0;                 // bugs that were told of it
-    std::size_t given = 0;                // of these: bugs that asked for it and got it
-    bool altered = false;                 // one of them gave it back changed
-    std::chrono::nanoseconds handling{};  // spent in the bugs
+    std::size_t bugs = 0;                 // bugs whose callback was called
+    std::size_t given = 0;                // bugs that asked for the frame and got it
+    bool altered = false;                 // a bug has changed the frame
+    std::chrono::nanoseconds handling{};  // time spent in the callbacks
 };
 
-// Told of every frame of a plan when the bugs are done with it, on the media thread:
-// the two directions at once. Must neither block nor hang up the call.
+// Is called for every frame of a plan after the bugs, on the media thread; the two
+// directions may call at the same time. Must neither block nor hang up the call.
 class FrameObserver {
   public:
     FrameObserver() = default;
@@ -77,7 +77,7 @@ class FrameObserver {
     FrameObserver& operator=(const FrameObserver&) = delete;
     virtual ~FrameObserver() = default;
 
-    // `lateness`: from the frame's due time until now; 0 for free-running media.
+    // `lateness` is the time since the frame was due, 0 for free-running media.
     virtual void played(Direction direction, const FrameResult& result,
                         std::chrono::nanoseconds lateness) = 0;
 };
@@ -88,14 +88,14 @@ struct MediaPlan {
     Pace pace = Pace::PACED;
     MediaThreads threads = MediaThreads::POOL;
     std::chrono::steady_clock::duration delay{0};  // before the first frame
-    std::shared_ptr<FrameObserver> observer;       // null: nobody is told
+    std::shared_ptr<FrameObserver> observer;       // null: none
 };
 
-// Of one direction of a call, since the call began.
+// Figures of one direction since the call began.
 struct MediaStats {
     std::uint64_t frames = 0;
     std::uint64_t bytes = 0;
-    std::uint64_t late_frames = 0;              // began more than a frame time after it was due
+    std::uint64_t late_frames = 0;              // frames that began more than one frame time late
     std::chrono::nanoseconds worst_lateness{};  // of paced frames
     std::chrono::nanoseconds handling_time{};   // spent in the bugs, all frames together
     std::chrono::nanoseconds worst_handling{};  // spent in the bugs, slowest frame
@@ -120,15 +120,15 @@ class Call {
 
     const std::string& uuid() const;
     bool alive() const;
-    // What the host functions take; invalid once the call is over, so only for one who
-    // knows that nobody hangs it up.
+    // The arguments for host functions. They dangle once the call is over: use them only
+    // while nobody can hang it up.
     switch_core_session_t* session() const;
     switch_channel_t* channel() const;
 
     // Runs the application on the calling thread, as the dialplan would; hang-up waits
-    // for it. False when no such application is registered or the call is over. The
-    // dialplan of a real host first sees to it that there is media, or does not run the
-    // application; here it runs in whatever state the media is.
+    // for it. False when no such application is registered or the call is over. A real
+    // host starts the media before it runs the application, and does not run it without
+    // media; this one runs it in any state of the media.
     bool execute(const std::string& application, const std::string& data = "");
 
     void set_variable(const std::string& name, const std::string& value);
@@ -138,28 +138,28 @@ class Call {
     void set_flag(switch_channel_flag_t flag, std::uint32_t value = 1);
     void answer();
 
-    // Hands one frame to the bugs on the calling thread and waits for them. The data is
-    // copied first. Frames of one direction queue up behind each other.
+    // Copies the data and hands it as one frame to the bugs, on the calling thread. Waits
+    // while another frame of the same direction is with the bugs.
     FrameResult feed(Direction direction, const void* data, std::size_t size);
-    // The same with a frame of the caller's own, handed out as it is.
+    // Hands out the caller's frame itself, without a copy.
     FrameResult feed(Direction direction, switch_frame_t& frame);
 
-    // Starts playing; a plan that still runs is stopped first.
+    // Stops a plan that still runs, then starts this one.
     void start_media(MediaPlan plan);
-    // True when both sources came to their end, false when the time is over first.
+    // True when both sources have ended, false after the timeout.
     bool wait_media(std::chrono::milliseconds timeout);
-    // No frame of the plan is under way any more when it returns. Not from a source.
+    // When it returns, no frame of the plan is with the bugs. Not to be called from a source.
     void stop_media();
     MediaStats media_stats(Direction direction) const;
 
     std::vector<BugInfo> bugs() const;
-    // Hands the bugs an event of any kind on the calling thread, without a frame; true
-    // when none of them refused it.
+    // Calls the bugs with an event of any kind and without a frame, on the calling thread.
+    // False when a callback returned SWITCH_FALSE.
     bool raise(switch_abc_type_t type);
 
     // Ends the call on the calling thread, in the host's order: state and cause, hang-up
     // event, CLOSE to every bug, end of the media, wait for read locks, channel-destroy
-    // event. False when the call was over already. Not from a frame source.
+    // event. False when the call was already over. Not to be called from a frame source.
     bool hangup(switch_call_cause_t cause = SWITCH_CAUSE_NORMAL_CLEARING);
 
   private:

@@ -101,8 +101,8 @@ bool Channel::ready(bool usable, bool media) const {
            state_ != CS_RESET;
 }
 
-// A channel with media needs nothing more, whatever else keeps it from being ready; one
-// that cannot have any is hung up.
+// A channel that has media stays as it is, even when it is not ready; one that cannot have
+// media is hung up.
 bool Channel::pre_answer() {
     if (down() || cause() != SWITCH_CAUSE_NONE) {
         return false;
@@ -153,7 +153,7 @@ switch_channel_timetable_t* switch_channel_get_timetable(switch_channel_t* chann
                                                          : channel->owner->channel().timetable();
 }
 
-// A copy is the same pointer here: no value goes away before its channel does.
+// Returns the value itself as the copy, since values live as long as the channel.
 const char* switch_channel_get_variable_dup(switch_channel_t* channel, const char* varname,
                                             switch_bool_t /*dup*/, int idx) {
     if (!varname || !*varname || idx > -1) {

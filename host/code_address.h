@@ -16,7 +16,7 @@ const void* code_address(Function* function) {
     return address;
 }
 
-// Where the object that holds this address is loaded; null when none does.
+// The base of the loaded object that holds this address; null when no object does.
 inline const void* object_base(const void* address) {
     Dl_info info{};
     return dladdr(address, &info) != 0 ? info.dli_fbase : nullptr;

@@ -1,4 +1,4 @@
-// The host's running numbers; EmbeddedHost::report copies them. Any thread.
+// The host's counters, which EmbeddedHost::report copies. Any thread.
 #pragma once
 
 #include <atomic>

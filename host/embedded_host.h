@@ -1,11 +1,10 @@
 // A small switch core inside the process that links it: loads modules with dlopen,
 // gives them the host functions of switch.h, and runs calls on them, without a
-// telephony server. The demonstration, the tests, the benchmarks and the fuzzers use
-// the module through it, so it behaves as the real host does.
+// telephony server. The demonstration, the tests, the benchmarks and the fuzzers run
+// the module in it, so it has to behave as the real host does.
 //
-// One EmbeddedHost at a time exists in a process: the host functions act on it. Its
-// functions may be called from any thread, except that loading and unloading of
-// modules go one after the other.
+// A process has one EmbeddedHost at a time, since the host functions act on it. Any
+// thread may call its functions; loading and unloading wait for one another.
 //
 //     qv::host::EmbeddedHost host;
 //     auto loaded = host.load_module("build/mod_quorvane.so");
@@ -43,10 +42,9 @@
 namespace qv::host {
 
 struct HostOptions {
-    // Media threads of the pool for each direction; started with the first call that
-    // uses the pool.
+    // Threads of the pool per direction. They start with the first call that uses the pool.
     unsigned media_threads = 1;
-    // How long a hang-up waits for read locks before it says so and goes on.
+    // How long a hang-up waits for read locks before it logs that and goes on.
     std::chrono::milliseconds lock_patience{30000};
 };
 
@@ -55,19 +53,19 @@ struct LoadResult {
     std::string name;                       // "mod_quorvane": file name up to its first dot
     std::string error;                      // empty when loaded
     std::optional<switch_status_t> status;  // what the load function returned
-    std::optional<std::string> exception;   // text of the exception that left it
-    bool left_memory = false;               // of a failed load: the object is gone again
-    std::size_t bindings_dropped = 0;       // of a failed load: bindings it left behind
+    std::optional<std::string> exception;   // text of the exception that it threw
+    bool left_memory = false;               // after a failed load: the object is unmapped
+    std::size_t bindings_dropped = 0;       // after a failed load: bindings that remained
 };
 
 struct UnloadResult {
     bool unloaded = false;
     std::string error;                      // empty when unloaded
     std::optional<switch_status_t> status;  // what the shutdown function returned
-    std::optional<std::string> exception;   // text of the exception that left it
-    bool left_memory = false;               // the object is really gone
-    std::size_t bindings_dropped = 0;       // bindings that shutdown had left
-    std::size_t bugs_dropped = 0;           // bugs whose code is gone; they get no CLOSE
+    std::optional<std::string> exception;   // text of the exception that it threw
+    bool left_memory = false;               // the object is unmapped
+    std::size_t bindings_dropped = 0;       // bindings that remained after the shutdown
+    std::size_t bugs_dropped = 0;           // bugs whose code is unmapped; they get no CLOSE
 };
 
 struct ApiAnswer {
@@ -86,7 +84,7 @@ struct ApiInfo {
 
 class EmbeddedHost {
   public:
-    explicit EmbeddedHost(HostOptions options = {});  // std::logic_error: there is one already
+    explicit EmbeddedHost(HostOptions options = {});  // std::logic_error: another one exists
     ~EmbeddedHost();                                  // hangs up all calls, unloads all modules
     EmbeddedHost(const EmbeddedHost&) = delete;
     EmbeddedHost& operator=(const EmbeddedHost&) = delete;
@@ -109,13 +107,13 @@ class EmbeddedHost {
 
     // std::invalid_argument: a call with this UUID is alive.
     std::unique_ptr<Call> start_call(CallOptions options = {});
-    // The call's variable wins over the global one of the same name.
+    // A call's own variable overrides the global one of the same name.
     void set_global_variable(const std::string& name, const std::string& value);
 
     // Runs "COMMAND ARGUMENTS" as the console does: blanks around both are cut off, a
     // command without arguments gets the empty text.
     ApiAnswer api(const std::string& command_line);
-    // Calls the function of an API command with just these arguments, nulls included.
+    // Calls the function of an API command with exactly these arguments, also null ones.
     // SWITCH_STATUS_NOTFOUND when there is no such command.
     switch_status_t call_api(const std::string& command, const char* arguments,
                              switch_core_session_t* session, switch_stream_handle_t* stream);

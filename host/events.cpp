@@ -41,7 +41,7 @@ constexpr std::array<const char*, 24> LEADING_NAMES = {
     "API",
 };
 
-// The interface wants writable texts; nobody writes to them.
+// The interface declares the texts writable, but no callback writes to them.
 char* borrowed(const std::string& text) {
     return const_cast<char*>(text.c_str());
 }
@@ -72,7 +72,7 @@ void append_url_encoded(std::string& text, const char* value) {
     }
 }
 
-// "NAME: [VALUE]" or, encoded, "NAME: VALUE"; an empty encoded value is spelled out.
+// "NAME: [VALUE]" or, encoded, "NAME: VALUE", where an empty value becomes a word.
 void append_header(std::string& text, const switch_event_header_t& header, bool encode) {
     text.append(header.name).append(": ");
     if (!encode) {
@@ -206,7 +206,7 @@ void EventBus::deliver(const Event& event) {
     ++delivered_;
 }
 
-// The latest binding comes first.
+// The host calls the latest binding first.
 void EventBus::deliver_to(int bound_id, switch_event_t* record) {
     for (auto it = bindings_.rbegin(); it != bindings_.rend(); ++it) {
         if ((*it)->event != bound_id) {
@@ -284,7 +284,7 @@ using qv::host::Fault;
 
 extern "C" {
 
-// Subclasses of custom events are not told apart: modules bind without one.
+// Ignores the subclass of custom events, since modules bind without one.
 switch_status_t switch_event_bind_removable(const char* id, switch_event_types_t event,
                                             const char* /*subclass_name*/,
                                             switch_event_callback_t callback, void* user_data,

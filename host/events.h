@@ -29,19 +29,19 @@ struct switch_event_node {
 
 namespace qv::host {
 
-// The host's name of an event id, such as "CHANNEL_CREATE"; "EVENT_<id>" where this
-// host has none.
+// The host's name of an event id, such as "CHANNEL_CREATE"; "EVENT_<id>" for an id that
+// this host does not know.
 std::string event_name(int id);
 
-// An event as a test or the host describes it. Event-Name is not added by itself.
+// An event as a test or the host describes it. The bus does not add Event-Name.
 struct Event {
     int id = SWITCH_EVENT_CUSTOM;
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
 };
 
-// An event in the form in which callbacks get it; borrows its texts from the Event,
-// which must stay as it is meanwhile.
+// An event in the form that callbacks get. It borrows its texts from the Event, which must
+// outlive it unchanged.
 class EventRecord {
   public:
     explicit EventRecord(const Event& event);
@@ -62,28 +62,28 @@ class EventBus {
     EventBus(const EventBus&) = delete;
     EventBus& operator=(const EventBus&) = delete;
 
-    // Queues the event for the dispatch thread. An event that nobody is bound to is
-    // dropped at once.
+    // Queues the event for the dispatch thread; drops it when nobody is bound to it.
     void fire(Event event);
     bool wanted(int id) const;
 
-    // Delivers what is queued, then ends the dispatch thread. Once, not from a callback.
+    // Delivers what is queued, then ends the dispatch thread. To be called once, and not
+    // from an event callback.
     void stop();
 
-    // Returns when everything fired before the call has been delivered. Not from an
-    // event callback.
+    // Returns when all events fired before are delivered. Not to be called from an event
+    // callback.
     void wait_drained();
 
     switch_status_t bind(const char* owner, switch_event_types_t event,
                          switch_event_callback_t callback, void* user_data,
                          switch_event_node_t** node);
-    // Waits for a delivery under way. Not from an event callback.
+    // Waits for a delivery under way. Not to be called from an event callback.
     switch_status_t unbind(switch_event_node_t** node);
 
     using Binding = std::unique_ptr<switch_event_node>;
 
-    // Takes out the bindings whose callback lies in the loaded object at `base`; no event
-    // reaches them until they are put back.
+    // Takes out the bindings whose callback lies in the loaded object at `base`. Events do
+    // not reach them until they are put back.
     std::vector<Binding> take_bindings_of(const void* base);
     void put_back(std::vector<Binding> bindings);
 

@@ -1,7 +1,7 @@
 // Faults of the host that a test switches on, one by one.
 //
 // Owned by EmbeddedHost. Every function may be called from any thread, also while
-// calls run; a switched fault acts from the next call of the function it concerns.
+// calls run; a fault takes effect with the next call of the function that it concerns.
 #pragma once
 
 #include <atomic>

@@ -10,7 +10,7 @@
 
 namespace qv::host {
 
-// Nothing when the C library cannot format it, as for want of memory.
+// Nothing when the C library cannot format the text, for example without memory.
 [[gnu::format(printf, 1, 0)]] inline std::optional<std::string> formatted(const char* format,
                                                                           va_list arguments) {
     char* text = nullptr;

@@ -17,9 +17,9 @@ class FrameSource {
     FrameSource& operator=(const FrameSource&) = delete;
     virtual ~FrameSource() = default;
 
-    // Writes the next frame, at most `capacity` bytes, and gives its size in bytes; a
-    // frame may be empty. Nothing at the end of the media: it is not called again.
-    // Must neither block nor hang up the call.
+    // Writes the next frame of at most `capacity` bytes and returns its size in bytes, which
+    // may be 0. Nothing at the end of the media; the host then stops calling. Must neither
+    // block nor hang up the call.
     virtual std::optional<std::uint32_t> next(std::uint8_t* buffer, std::uint32_t capacity) = 0;
 };
 
@@ -28,9 +28,9 @@ using Samples = std::shared_ptr<const std::vector<std::int16_t>>;
 
 enum class Repeat { ONCE, FOREVER };
 
-// Frames of `samples_per_frame` samples; the last one holds what is left and may be
-// shorter. Forever: begins again where no full frame is left, without an end, as long
-// as there are samples for one frame.
+// Frames of `samples_per_frame` samples; the last one may be shorter. With FOREVER the
+// source skips an incomplete last frame and begins again; it ends at once if it has fewer
+// samples than one frame.
 std::unique_ptr<FrameSource> play(Samples samples, std::uint32_t samples_per_frame,
                                   Repeat repeat = Repeat::ONCE);
 

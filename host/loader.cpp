@@ -15,7 +15,7 @@
 namespace qv::host {
 namespace {
 
-// "/a/b/mod_x.so" is the module "mod_x".
+// "mod_x" for "/a/b/mod_x.so".
 std::string module_name(const std::string& path) {
     const std::string file = path.substr(path.find_last_of('/') + 1);
     return file.substr(0, file.find('.'));
@@ -26,7 +26,7 @@ std::string last_dl_error() {
     return text ? text : "unknown error of the dynamic linker";
 }
 
-// Runs a function of the module; what it throws becomes text.
+// Runs a function of the module and turns an exception into text.
 template <typename Function>
 std::optional<switch_status_t> run_guarded(Function function,
                                            std::optional<std::string>& exception) {
@@ -87,7 +87,7 @@ struct Loader::Module {
     bool permanent = false;
 };
 
-// False with dlerror set.
+// On false, dlerror() tells why.
 bool Loader::Module::open(int visibility) {
     object = dlopen(path.c_str(), RTLD_NOW | visibility);
     if (!object) {
@@ -131,7 +131,7 @@ LoadResult Loader::load(const std::string& path) {
     return result;
 }
 
-// Leaves the reason of a failure in result.error.
+// Stores the reason of a failure in result.error.
 void Loader::run_load(Module& module, LoadResult& result) {
     if (!module.open(RTLD_LOCAL)) {
         result.error = last_dl_error();
@@ -167,8 +167,8 @@ void Loader::run_load(Module& module, LoadResult& result) {
     module.permanent = result.status == SWITCH_STATUS_NOUNLOAD;
 }
 
-// What the object still has in the host goes with its code. An object that keeps itself
-// mapped keeps its bugs and its bindings, and they go on being called.
+// Drops the bugs and bindings of an object that is unmapped. An object that has opened
+// itself once more stays mapped and keeps them; the host goes on calling them.
 Loader::Closed Loader::close(Module& module) {
     Closed closed;
     auto& events = current_host().events;

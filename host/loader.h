@@ -1,7 +1,6 @@
 // Opens modules and closes them again, as the host's loader does.
 //
-// Owned by EmbeddedHost. Loading and unloading go one after the other, whatever the
-// threads they come from.
+// Owned by EmbeddedHost. Any thread may load and unload; one waits for the other.
 #pragma once
 
 #include <switch.h>

@@ -10,7 +10,7 @@
 namespace qv::host {
 namespace {
 
-// A session as user data stands for its UUID.
+// User data of the session channel is a session; its UUID is recorded.
 std::optional<std::string> userdata_text(switch_text_channel_t channel, const char* userdata) {
     if (!userdata) {
         return std::nullopt;

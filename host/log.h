@@ -1,5 +1,5 @@
-// What was logged through switch_log_printf: every line of the module and of the
-// host itself, in the order in which the calls came.
+// The lines logged through switch_log_printf, of the module and of the host itself, in the
+// order of the calls.
 //
 // Owned by EmbeddedHost. Every function may be called from any thread.
 #pragma once
@@ -27,18 +27,18 @@ struct LogLine {
     std::optional<std::string> function;
     int line = 0;
     std::optional<std::string> userdata;  // for SWITCH_CHANNEL_ID_SESSION the session's UUID
-    std::string format;                   // as it was given, before the arguments went in
+    std::string format;                   // the format string, without its arguments
     std::string text;                     // line end included
     bool by_host = false;                 // written by the host's own code
 };
 
 class Log {
   public:
-    // Called on the thread that logs, one call at a time; it must not log itself and
-    // must not call into this Log.
+    // Is called on the thread that logs, one call at a time. It must neither log nor call
+    // this Log.
     using Listener = std::function<void(const LogLine&)>;
 
-    // Off: lines are not kept, and not even formatted unless a listener is set.
+    // Off: the log keeps no lines, and formats them only for a listener.
     void set_recording(bool on);
     void set_listener(Listener listener);
 
@@ -48,22 +48,22 @@ class Log {
     // Module lines whose text holds `part`.
     std::size_t count(const std::string& part) const;
     bool contains(const std::string& part) const { return count(part) > 0; }
-    // True as soon as a module line holds `part`; false when the time is over.
+    // True as soon as a module line holds `part`; false after the timeout.
     bool wait_for(const std::string& part, std::chrono::milliseconds timeout) const;
     void clear();
 
-    // For the host: false while nobody wants the text of a line.
+    // For the host: false while neither the record nor a listener needs the text of a line.
     bool formatting() const { return formatting_.load(std::memory_order_relaxed); }
-    // For the host: completes a line by its text and keeps it.
+    // For the host: formats the text of the line and keeps the line.
     void write(LogLine line, va_list arguments);
-    // For the host: one line of its own.
+    // For the host: logs a line of the host itself.
     void note(switch_log_level_t level, const std::string& text);
 
   private:
     void keep(LogLine line);
     std::size_t count_locked(const std::string& part) const;  // lock_ held
 
-    std::atomic<bool> formatting_{true};  // somebody wants the text
+    std::atomic<bool> formatting_{true};  // recording_, or there is a listener_
     mutable std::mutex lock_;             // guards all below
     mutable std::condition_variable added_;
     bool recording_ = true;

@@ -15,7 +15,7 @@
 namespace qv::host {
 namespace {
 
-// Set by the channel variable media_bug_answer_req: no frames before the answer.
+// The channel variable media_bug_answer_req sets it: no frames before the answer.
 constexpr switch_media_bug_flag_t ANSWER_REQUIRED = 1u << 6;
 
 constexpr std::array<const char*, 8> TRUE_WORDS = {"yes",     "on",     "true",  "t",
@@ -78,7 +78,7 @@ switch_status_t MediaBugs::add(const BugInfo& wanted, switch_media_bug_t** bug) 
     return SWITCH_STATUS_SUCCESS;
 }
 
-// From here on the bug may already be called, and be gone again.
+// Once the lock is released, the bug may be called, and even be removed.
 switch_media_bug_t* MediaBugs::append(Bug bug) {
     const std::unique_lock<std::shared_mutex> guard(lock_);
     bugs_.push_back(std::move(bug));
@@ -115,7 +115,7 @@ Delivery MediaBugs::deliver(Direction direction, switch_frame_t& frame) {
     return delivery;
 }
 
-// False when this bug does not take the frame.
+// False when the frame is not for this bug.
 bool MediaBugs::deliver_to(switch_media_bug& bug, Direction direction, switch_frame_t& frame) {
     const bool read = direction == Direction::READ;
     const switch_media_bug_flag_t flags = bug.flags;
@@ -164,7 +164,7 @@ void MediaBugs::prune() {
     }
 }
 
-// A bug that is to go, out of the list; null when there is none.
+// Takes a pruned bug out of the list; null when there is none.
 MediaBugs::Bug MediaBugs::take_pruned() {
     const std::unique_lock<std::shared_mutex> guard(lock_);
     const auto found = std::find_if(bugs_.begin(), bugs_.end(),
@@ -190,7 +190,7 @@ void MediaBugs::retire(Bug bug) {
     session_.fire(SWITCH_EVENT_MEDIA_BUG_STOP, headers_of(*bug));
 }
 
-// The callbacks run under the lock, as they do in the real host.
+// The callbacks run under the lock, as in the real host.
 void MediaBugs::close_all() {
     std::vector<Bug> closed;
     {
@@ -224,7 +224,7 @@ using qv::host::Fault;
 
 namespace {
 
-// The frame that a bug asks for, noting that it got it.
+// The frame that a bug asks for; notes that the bug has got it.
 switch_frame_t* give(FrameOffer& offer) {
     if (current_host().faults.on(Fault::NULL_FRAME)) {
         return nullptr;

@@ -1,8 +1,8 @@
 // The media bugs of one session: adding, handing frames to them, pruning, closing.
 //
-// A bug gets INIT on the thread that adds it, the replace frames of the directions it
-// asked for on the thread of each direction, and CLOSE once. Frames hold the bug lock
-// shared; adding and closing hold it alone, so that no frame comes after CLOSE.
+// A bug gets INIT on the thread that adds it, the replace frames of its directions on the
+// threads of these directions, and CLOSE once. A frame holds the bug lock shared; adding and
+// closing hold it exclusively, so that no frame comes after CLOSE.
 #pragma once
 
 #include <switch.h>
@@ -17,7 +17,7 @@
 
 #include "host/call.h"
 
-// The frame of the event being delivered, and whether the bug has asked for it and got it.
+// The frame that the current callback may ask for, and whether it has done so.
 struct FrameOffer {
     switch_frame_t* frame = nullptr;
     bool given = false;
@@ -41,15 +41,15 @@ class Session;
 
 // What became of a frame.
 struct Delivery {
-    std::size_t bugs = 0;   // that were told of it
-    std::size_t given = 0;  // of these, that asked for it and got it
+    std::size_t bugs = 0;   // bugs whose callback was called
+    std::size_t given = 0;  // bugs that asked for the frame and got it
 };
 
 class MediaBugs {
   public:
     explicit MediaBugs(Session& session) : session_(session) {}
 
-    // `bug` is null unless it was added.
+    // Sets `bug` to null unless it succeeds.
     switch_status_t add(const BugInfo& wanted, switch_media_bug_t** bug);
 
     bool any() const { return count_.load(std::memory_order_relaxed) > 0; }
@@ -58,15 +58,15 @@ class MediaBugs {
 
     // Hands the frame to every bug of this direction.
     Delivery deliver(Direction direction, switch_frame_t& frame);
-    // Hands any event to every bug; true when none of them refused.
+    // Calls every bug with an event of any kind; false when a callback returned SWITCH_FALSE.
     bool raise(switch_abc_type_t type);
 
-    // CLOSE to all; what comes later finds no bug.
+    // Calls every bug with CLOSE and removes it.
     void close_all();
-    // While the lock is held no bug is called.
+    // No bug is called while the caller holds this lock.
     std::unique_lock<std::shared_mutex> pause() { return std::unique_lock(lock_); }
-    // Takes away, without a CLOSE, the bugs whose callback is in memory no more; the count.
-    // Under pause().
+    // Removes the bugs whose callback is unmapped, without CLOSE; returns their number. The
+    // caller holds the lock from pause().
     std::size_t drop_unmapped();
 
   private:

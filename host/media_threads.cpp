@@ -52,7 +52,7 @@ void MediaThread::add(Stream stream) {
     changed_.notify_one();
 }
 
-// The stream may stay queued until it is due; it is then thrown away unplayed.
+// The stream may stay queued until it is due; the thread then drops it unplayed.
 void MediaThread::remove(const Stream& stream) {
     std::unique_lock<std::mutex> guard(lock_);
     stream->stopped_ = true;

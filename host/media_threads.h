@@ -1,4 +1,4 @@
-// The threads that play the frames of calls at their times.
+// The threads that play the frames of calls when they are due.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@ namespace qv::host {
 
 class Session;
 
-// One direction of a playing call. Only its media thread touches it while it plays.
+// One direction of a playing call. While it plays, only its media thread uses it.
 class MediaStream {
   public:
     using Clock = std::chrono::steady_clock;
@@ -25,7 +25,7 @@ class MediaStream {
                 std::shared_ptr<FrameObserver> observer, Pace pace, Clock::time_point first_due);
 
     Clock::time_point due() const { return due_; }
-    // Plays the frame that is due and moves on; false at the end of the source.
+    // Plays the frame that is due; false at the end of the source.
     bool step(Clock::time_point now);
 
   private:
@@ -49,7 +49,7 @@ class MediaThread {
     MediaThread& operator=(const MediaThread&) = delete;
 
     void add(std::shared_ptr<MediaStream> stream);
-    // No frame of the stream is under way any more when it returns. Not from a source.
+    // When it returns, no frame of the stream is with the bugs. Not to be called from a source.
     void remove(const std::shared_ptr<MediaStream>& stream);
 
   private:
@@ -61,7 +61,7 @@ class MediaThread {
     };
 
     void run();
-    // guard holds lock_; given back while the frame plays.
+    // `guard` holds lock_; it is released while the frame plays.
     void play_next(std::unique_lock<std::mutex>& guard, MediaStream::Clock::time_point now);
 
     std::mutex lock_;  // guards all up to ending_
@@ -74,13 +74,13 @@ class MediaThread {
     std::thread thread_;  // last: it uses all above
 };
 
-// The few threads that play the calls which bring none of their own; one set for each
-// direction. Any thread.
+// The threads that the calls without threads of their own share, one set per direction.
+// Any thread.
 class MediaPool {
   public:
     explicit MediaPool(unsigned threads_per_direction);
 
-    // The thread for one more stream, started with the first of them.
+    // The thread for one more stream; starts it if it does not run yet.
     MediaThread& thread_for(Direction direction);
 
   private:

@@ -1,4 +1,4 @@
-// What an EmbeddedHost consists of. For the host's own sources only.
+// The parts of an EmbeddedHost. For the host's own sources only.
 #pragma once
 
 #include <map>
@@ -14,11 +14,12 @@
 
 namespace qv::host {
 
-// The host's variables, which stand in for channel variables that are not set.
+// The host's variables; a channel variable that is not set takes its value from here.
 class GlobalVariables {
   public:
     void set(const std::string& name, const std::string& value);
-    // Stays valid as long as the host, also when the variable is set anew; or null.
+    // Null without such a variable. The text lives as long as the host, even when the variable
+    // is set again.
     const char* find(const std::string& name) const;
 
   private:
@@ -42,8 +43,7 @@ struct EmbeddedHost::Parts {
     Loader loader;
 };
 
-// The parts of the one host of this process. A host function that is called while
-// there is no host ends the process with a message.
+// The parts of the process's host. Without a host it ends the process with a message.
 EmbeddedHost::Parts& current_host();
 
 }  // namespace qv::host

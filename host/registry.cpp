@@ -109,7 +109,7 @@ switch_loadable_module_interface_t* switch_loadable_module_create_module_interfa
     return created;
 }
 
-// Kinds of interface that this host does not offer give null.
+// Null for the kinds of interface that this host does not offer.
 void* switch_loadable_module_create_interface(switch_loadable_module_interface_t* mod,
                                               switch_module_interface_name_t iname) {
     switch (iname) {

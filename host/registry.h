@@ -1,5 +1,5 @@
-// The applications and API commands that modules registered, by name, and who is
-// inside them. Names are found whatever their case. Any thread.
+// The applications and API commands that modules registered, by name, and how many threads
+// are inside them. The case of names does not count. Any thread.
 #pragma once
 
 #include <switch.h>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-// What a module's load function fills; its address is what the module holds.
+// A module's load function fills it; the module holds its address.
 struct switch_loadable_module_interface {
     std::string name;
     std::vector<std::unique_ptr<switch_application_interface_t>> applications;
@@ -51,7 +51,7 @@ class InUse {
 class Registry {
   public:
     void add(ModuleInterface& module);
-    // False, and nothing changes, while somebody is inside the module.
+    // False, without any change, while a thread is inside the module.
     bool remove(ModuleInterface& module);
 
     InUse<switch_application_interface_t> application(const std::string& name) const;

@@ -1,5 +1,4 @@
-// What modules did with the host, in numbers, so that a test can ask whether
-// anything is left over.
+// What modules did with the host, in figures: tests check that nothing is left over.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +7,7 @@
 namespace qv::host {
 
 struct Report {
-    // What is there now.
+    // What exists now.
     std::size_t modules_loaded = 0;
     std::size_t sessions_alive = 0;
     std::size_t read_locks_held = 0;
@@ -20,13 +19,13 @@ struct Report {
     // What has happened since the host started.
     std::uint64_t read_locks_taken = 0;
     std::uint64_t unlocks_without_lock = 0;
-    std::uint64_t sessions_destroyed_locked = 0;  // a read lock was never given back
+    std::uint64_t sessions_destroyed_locked = 0;  // destroyed while a read lock was held
     std::uint64_t bugs_added = 0;
-    std::uint64_t bugs_refused = 0;  // INIT said no
-    std::uint64_t bugs_pruned = 0;   // a later callback said no
+    std::uint64_t bugs_refused = 0;  // INIT returned SWITCH_FALSE
+    std::uint64_t bugs_pruned = 0;   // a later callback returned SWITCH_FALSE
     std::uint64_t bugs_closed = 0;   // got CLOSE, pruned ones included
     std::uint64_t frames_delivered = 0;
-    std::uint64_t frames_altered = 0;  // handed back other than handed out
+    std::uint64_t frames_altered = 0;  // changed by a bug
     std::uint64_t events_delivered = 0;
     std::uint64_t api_calls = 0;
 };

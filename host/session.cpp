@@ -11,7 +11,7 @@
 namespace qv::host {
 namespace {
 
-// What the host makes room for in every frame.
+// The room in the buffer of every frame.
 constexpr std::size_t FRAME_CAPACITY = 8192;
 
 constexpr const char* STATE_NAMES[] = {
@@ -26,7 +26,7 @@ const char* state_name(switch_channel_state_t state) {
     return index < std::size(STATE_NAMES) ? STATE_NAMES[index] : "UNKNOWN";
 }
 
-// What a bug could change in the frame itself.
+// The fields of a frame that a bug could change.
 bool same(const switch_frame_t& left, const switch_frame_t& right) {
     const auto parts = [](const switch_frame_t& frame) {
         return std::tie(frame.codec, frame.data, frame.datalen, frame.buflen, frame.samples,
@@ -220,7 +220,7 @@ bool Session::hangup(switch_call_cause_t cause) {
     return true;
 }
 
-// The session's own thread, in its last steps.
+// The last steps of the session's thread.
 void Session::destroy() {
     auto& host = current_host();
     channel_.set_state(CS_DESTROY);
@@ -270,7 +270,7 @@ void Session::start_stream(Direction direction, std::unique_ptr<FrameSource> sou
     playing.thread->add(playing.stream);
 }
 
-// plan_lock_ held.
+// The caller holds plan_lock_.
 void Session::stop_stream(Direction direction) {
     Playing& playing = playing_[static_cast<std::size_t>(direction)];
     if (playing.stream) {

@@ -1,5 +1,5 @@
-// A session of the embedded host, with its channel: what stands behind a Call and
-// behind the session and channel pointers that modules get.
+// A session of the embedded host, with its channel. A Call is a handle of it, and so are the
+// session and channel pointers that modules get.
 //
 // Shared by the Call and the session table. For the host's own sources only.
 #pragma once
@@ -28,8 +28,8 @@ class MediaThread;
 struct HostOptions;
 }  // namespace qv::host
 
-// The pointers that modules hold lead to these; they are freed when the session ends,
-// so that a memory checker sees whoever uses them later.
+// Modules hold pointers to these. The session frees them when it ends, so that a memory
+// checker reports a later use.
 struct switch_channel {
     qv::host::Session* owner;
 };
@@ -40,7 +40,7 @@ struct switch_core_session {
 
 namespace qv::host {
 
-// Orders texts whatever their case.
+// Orders texts without regard to case.
 struct CaseBlindLess {
     bool operator()(const std::string& left, const std::string& right) const;
 };
@@ -55,20 +55,22 @@ class Channel {
     bool down() const { return state() >= CS_HANGUP; }
     void set_state(switch_channel_state_t state);
     void set_cause(switch_call_cause_t cause);
-    // To CS_HANGUP with this cause; false when that has happened before.
+    // Sets CS_HANGUP and the cause; false when the channel was already hung up.
     bool hang_up(switch_call_cause_t cause);
     void mark_answered();
 
     std::uint32_t flag(int flag) const;
     void set_flag(int flag, std::uint32_t value);
 
-    // Up for use, and with `media` also able to carry it.
+    // Whether the channel can carry media (if `media`) and is past routing and not hung up (if
+    // `usable`). False if neither is asked for.
     bool ready(bool usable, bool media) const;
-    // Brings up early media; false when there is none to have.
+    // Starts early media; false when the channel cannot have any.
     bool pre_answer();
 
     void set_variable(const std::string& name, const std::string& value);
-    // Stays valid as long as the channel, also when the variable is set anew; or null.
+    // Null without such a variable. The text lives as long as the channel, even when the
+    // variable is set again.
     const char* variable(const std::string& name) const;
 
     switch_channel_timetable_t* timetable() { return has_times_ ? &times_ : nullptr; }
@@ -94,13 +96,14 @@ class Channel {
     std::deque<std::string> texts_;  // every value a variable ever had
 };
 
-// Counts who looks at the session, and lets its end wait for them. Any thread.
+// Counts the holders of the session's read lock, and lets its end wait for them. Any thread.
 class ReadLock {
   public:
     bool try_lock();
     // False when nobody holds the lock.
     bool unlock();
-    // From here on nobody gets the lock; false when holders remain after `patience`.
+    // Refuses new holders and waits for the present ones; false when some remain after
+    // `patience`.
     bool close(std::chrono::milliseconds patience);
     std::size_t holders() const;
 
@@ -111,19 +114,20 @@ class ReadLock {
     bool closed_ = false;
 };
 
-// One direction of a session's media: its frame, its buffers, its numbers.
+// One direction of a session's media: its frame, its buffers, its figures.
 class MediaLeg {
   public:
     MediaLeg(Session& session, Direction direction) : session_(session), direction_(direction) {}
 
-    // Hands out a copy of the data, or what the source gives; nothing at its end.
+    // Hand a frame to the bugs: a copy of the data, the caller's own frame, or the next one of
+    // the source, which is nothing at its end.
     FrameResult feed(const void* data, std::size_t size);
     FrameResult feed(switch_frame_t& frame);
     std::optional<FrameResult> feed_from(FrameSource& source, std::chrono::nanoseconds lateness);
     MediaStats stats() const;
 
   private:
-    // lock_ held by the callers of these.
+    // Callers of these hold lock_.
     FrameResult hand_out_buffer(std::uint32_t size);
     FrameResult hand_out(switch_frame_t& frame);
     void reserve(std::size_t size);
@@ -160,9 +164,9 @@ class Session : public std::enable_shared_from_this<Session> {
     void start_media(MediaPlan plan);
     void stop_media();
     bool wait_media(std::chrono::milliseconds timeout);
-    void media_ended();  // for a stream: one direction came to its end
+    void media_ended();  // for a stream: its direction has ended
 
-    // An event about this channel, with the host's usual headers and then `more`.
+    // An event about this channel: the host's usual headers, then `more`.
     Event event(int id, std::vector<std::pair<std::string, std::string>> more = {});
     void fire(int id, std::vector<std::pair<std::string, std::string>> more = {});
 
@@ -185,7 +189,7 @@ class Session : public std::enable_shared_from_this<Session> {
     MediaLeg write_;
 
     std::atomic<bool> over_{false};  // hang-up has begun
-    std::mutex thread_lock_;         // held by whatever runs as the session's own thread
+    std::mutex thread_lock_;         // held by the function that acts as the session's thread
 
     // One direction of a plan: its stream, and the thread that plays it.
     struct Playing {

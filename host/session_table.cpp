@@ -15,7 +15,7 @@ void SessionTable::remove(const std::string& uuid) {
     sessions_.erase(uuid);
 }
 
-// Held until the session has its lock, so that it cannot end in between.
+// Held until the read lock is taken, so that the session cannot end in between.
 switch_core_session_t* SessionTable::locate(const std::string& uuid) const {
     const std::lock_guard<std::mutex> guard(lock_);
     const std::shared_ptr<Session> session = find(uuid);

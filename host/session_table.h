@@ -17,21 +17,22 @@ class Session;
 
 class SessionTable {
   public:
-    // False when a session with this UUID is there already.
+    // False when a session with this UUID exists.
     bool add(const std::shared_ptr<Session>& session);
     void remove(const std::string& uuid);
-    // Under its read lock; null when there is none, or it is ending.
+    // Takes the session's read lock; null when there is no session or it is ending.
     switch_core_session_t* locate(const std::string& uuid) const;
     std::vector<std::shared_ptr<Session>> all() const;
     std::size_t size() const;
 
-    // Keeps a session whose read lock was never given back, for whoever still holds it.
+    // Keeps a session whose read lock was not released, for its holder.
     void keep(std::shared_ptr<Session> session);
 
-    // While it exists no bug of the sessions that are alive now is called.
+    // While it exists, no bug of the present sessions is called.
     struct Pause {
         std::vector<std::shared_ptr<Session>> sessions;
-        std::vector<std::unique_lock<std::shared_mutex>> locks;  // after what they lock
+        std::vector<std::unique_lock<std::shared_mutex>>
+            locks;  // destroyed before the sessions that they lock
     };
     Pause pause_bugs() const;
 

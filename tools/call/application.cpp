@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t FEW_CALLS = 10;
 constexpr double TONE_HERTZ[] = {440, 550};  // of the read and of the write side
-constexpr double TONE_SECONDS = 1;           // whole periods of both: it can be repeated
+constexpr double TONE_SECONDS = 1;           // whole periods of both, so that it can be repeated
 
 std::string audio_text(const std::optional<Audio>& audio, const std::optional<Span>& length) {
     if (!audio) {
@@ -90,7 +90,7 @@ void Application::load_audio() {
     plan.afterwards = Afterwards::REPEAT;
 }
 
-// Before the run, so that it is not in vain.
+// Is called before the run, so that a wrong path does not waste the run.
 void Application::open_json() {
     if (options_.json_path.empty()) {
         return;
@@ -166,7 +166,7 @@ void Application::tell_begin(const PlacedConfig& config, std::string media_node)
 int Application::tell_end(const RunReport& report) {
     console_.set_status("");
     if (json_.is_open()) {
-        // A command is the user's text, and need not be UTF-8.
+        // A command is the user's text and may be invalid UTF-8.
         json_ << report_json(report).dump(2, ' ', false,
                                           nlohmann::ordered_json::error_handler_t::replace)
               << std::endl;

@@ -1,4 +1,5 @@
-// quorvane-call as a whole: files, module, run, figures.
+// The program quorvane-call: reads the files, loads the module, runs the calls, prints the
+// figures.
 #pragma once
 
 #include <atomic>
@@ -16,8 +17,8 @@ namespace qv::tools::call {
 
 class Application {
   public:
-    // `out` gets the lines, `errors` what keeps the program from running and, on a
-    // terminal, the status line. `stop` ends the run when it is set.
+    // `out` gets the lines; `errors` gets what keeps the program from running and, on a
+    // terminal, the status line. Setting `stop` ends the run.
     Application(Options options, std::ostream& out, std::ostream& errors,
                 const std::atomic<bool>& stop);
 

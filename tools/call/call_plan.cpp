@@ -6,7 +6,7 @@
 namespace qv::tools::call {
 namespace {
 
-constexpr std::uint64_t MAX_FRAME_BYTES = 8192;  // room that the host makes for a frame
+constexpr std::uint64_t MAX_FRAME_BYTES = 8192;  // the host's room for a frame
 
 double seconds_of_side(const std::optional<Audio>& audio, const CallTimes& times) {
     if (!audio) {

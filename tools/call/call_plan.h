@@ -1,4 +1,4 @@
-// What a run is to do: its calls, their audio, their commands.
+// The plan of a run: its calls, their audio, their commands.
 #pragma once
 
 #include <cstddef>
@@ -23,20 +23,20 @@ struct TimedCommand {
 
 struct CallPlan {
     SchedulePlan schedule;
-    std::size_t concurrent = 0;  // most calls at once; 0: any number
+    std::size_t concurrent = 0;  // limit of calls at the same time; 0: none
     bool outbound = false;
     std::string uuid;  // of a single call; empty: a random one
     std::vector<std::pair<std::string, std::string>> variables;  // may hold placeholders
-    std::optional<Audio> read;                                   // what the party says
-    std::optional<Audio> write;                                  // what is said to the party
+    std::optional<Audio> read;                                   // audio from the party
+    std::optional<Audio> write;                                  // audio to the party
     Afterwards afterwards = Afterwards::SILENCE;
     std::uint32_t frame_ms = 20;
-    double tap_after_s = 0;  // the application runs, and the audio begins, so long after the call
+    double tap_after_s = 0;  // from the begin of the call until the application and the audio start
     std::vector<TimedCommand> commands;
     std::optional<double> hangup_s;  // since the call began
     std::vector<FaultSpan> faults;
     bool free_running = false;
-    bool own_threads = false;  // two media threads a call
+    bool own_threads = false;  // two media threads per call
 };
 
 struct PlanError : std::runtime_error {
@@ -50,10 +50,10 @@ std::uint32_t rate_of(const CallPlan& plan);
 // frames larger than the host's.
 void check_plan(const CallPlan& plan);
 
-// Samples that a side plays in a call of these times.
+// The number of samples that a side plays in a call with these times.
 std::uint64_t samples_of(const Audio& audio, const CallTimes& times);
 
-// How long a paced run takes, as long as the number of calls at once does not delay it.
+// How long a paced run takes, unless `concurrent` delays calls.
 double expected_seconds(const CallPlan& plan, const std::vector<CallTimes>& calls);
 
 }  // namespace qv::tools::call

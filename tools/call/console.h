@@ -1,5 +1,4 @@
-// The lines of a run, and below them, on a terminal, a status line that is rewritten in
-// place.
+// Prints the lines of a run and, on a terminal, a status line below them, rewritten in place.
 //
 // Any thread may call.
 #pragma once
@@ -12,18 +11,18 @@ namespace qv::tools::call {
 
 class Console {
   public:
-    // Tells how many columns the terminal has now, 0 when it does not say.
+    // The number of columns of the terminal now; 0 when it is unknown.
     using Columns = std::size_t (*)();
 
-    // Lines go to `out`, the status line to `status`; without a terminal there is none.
-    // Both streams must outlive the console. The status line is cut to what `columns`
-    // tells: a line that wraps could not be rewritten.
+    // Lines go to `out`, the status line to `status`, if that is a terminal. Both streams must
+    // outlive the console. The status line is cut to `columns`, since a line that wraps cannot
+    // be rewritten.
     Console(std::ostream& out, std::ostream& status, bool terminal, Columns columns)
         : out_(out), status_(status), terminal_(terminal), columns_(columns) {}
 
     bool terminal() const { return terminal_; }
     void line(const std::string& text);
-    // Replaces the status line; an empty text takes it away.
+    // Replaces the status line; an empty text removes it.
     void set_status(const std::string& text);
 
   private:

@@ -1,7 +1,7 @@
 // Runs the calls of a plan on an embedded host.
 //
-// Belongs to the thread that calls run(); the media threads reach it only through the
-// queue of ended sides and the tally.
+// Belongs to the thread that calls run(). Media threads use only the queue of ended sides
+// and the tally.
 #pragma once
 
 #include <atomic>
@@ -28,24 +28,24 @@ struct FailedCommand {
     std::string answer;
 };
 
-// What a run did, apart from the frames.
+// The figures of a run, apart from those of the frames.
 struct RunTotals {
     std::size_t calls_planned = 0;
     std::size_t calls_begun = 0;
     std::size_t calls_tapped = 0;  // the application ran and added its media bug
-    std::size_t calls_ended = 0;   // by their end or by a planned hang-up
+    std::size_t calls_ended = 0;   // at the end of the audio or by a planned hang-up
     std::size_t calls_cut = 0;     // hung up because the run was interrupted
     std::size_t most_at_once = 0;
     std::size_t commands_run = 0;
-    std::size_t commands_failed = 0;  // answered "-ERR", or not at all
+    std::size_t commands_failed = 0;  // answered "-ERR" or nothing
     std::optional<FailedCommand> first_failed;
-    std::size_t commands_missed = 0;  // the call was over before
-    double call_seconds = 0;          // lengths of all calls together
+    std::size_t commands_missed = 0;  // the call had ended before
+    double call_seconds = 0;          // sum of the lengths of all calls
     double elapsed_s = 0;
     double user_cpu_s = 0;
     double system_cpu_s = 0;
     std::uint64_t memory_before = 0;  // bytes resident
-    std::uint64_t memory_most = 0;    // bytes resident, at the most
+    std::uint64_t memory_most = 0;    // bytes resident, maximum
 };
 
 struct Progress {
@@ -57,7 +57,7 @@ struct Progress {
     std::uint64_t frames = 0;
 };
 
-// Hears what happens in a run; calls are counted from 1.
+// Is called for what happens in a run. Calls are counted from 1.
 class RunListener {
   public:
     RunListener() = default;
@@ -75,12 +75,12 @@ class RunListener {
     virtual void progress(const Progress& progress) = 0;  // several times a second
 };
 
-// Calls whose sides have come to their end. The media threads add, the driver takes.
+// Calls of which a side has ended. Media threads add, the driver takes.
 class EndedSides {
   public:
     void add(std::size_t call);
     std::vector<std::size_t> take();
-    // Returns when a side has ended, or at that time.
+    // Returns when a side has ended, at `time` at the latest.
     void wait_until(std::chrono::steady_clock::time_point time);
 
   private:
@@ -91,11 +91,11 @@ class EndedSides {
 
 class Driver {
   public:
-    // The host, the plan and the listener must outlive the driver. Faults without a
-    // beginning are the caller's to switch on.
+    // The host, the plan and the listener must outlive the driver. The caller switches on the
+    // faults that have no beginning.
     Driver(host::EmbeddedHost& host, const CallPlan& plan, RunListener& listener);
 
-    // Returns when all calls are over; once `stop` is set, it hangs them up.
+    // Returns when all calls are over. Setting `stop` hangs them up.
     RunTotals run(const std::atomic<bool>& stop);
 
     const FrameTally& tally() const { return *tally_; }
@@ -142,8 +142,8 @@ class Driver {
 
     Clock::time_point start_;
     TimerQueue timers_;
-    std::vector<LiveCall> calls_;      // by their index; those not live have no call
-    std::deque<std::size_t> waiting_;  // due, but too many are live
+    std::vector<LiveCall> calls_;      // by index; `call` is null for those not live
+    std::deque<std::size_t> waiting_;  // due, but `concurrent` calls are live
     std::size_t live_ = 0;
     RunTotals totals_;
 };

@@ -1,6 +1,6 @@
 // Counts the frames of all calls as they are played.
 //
-// One for a run; the media threads add, any thread may read meanwhile. No locks.
+// A run has one. The media threads add while any thread may read. No locks.
 #pragma once
 
 #include <array>
@@ -12,8 +12,8 @@
 
 namespace qv::tools::call {
 
-// The data packets that a tapped frame becomes: one for each 1322 bytes begun, and one
-// for an empty frame.
+// The number of data packets for a tapped frame: one per 1322 bytes or part of them, one for
+// an empty frame.
 std::uint64_t packets_of_frame(std::uint32_t bytes);
 
 class FrameTally : public host::FrameObserver {
@@ -21,9 +21,9 @@ class FrameTally : public host::FrameObserver {
     struct Side {
         std::uint64_t frames = 0;
         std::uint64_t bytes = 0;
-        std::uint64_t tapped_frames = 0;  // a bug was told of
-        std::uint64_t packets = 0;        // that those it was given should have become
-        std::uint64_t altered = 0;        // handed back changed
+        std::uint64_t tapped_frames = 0;  // for which a bug was called
+        std::uint64_t packets = 0;        // expected for the frames that a bug got
+        std::uint64_t altered = 0;        // changed by a bug
     };
 
     explicit FrameTally(bool paced) : paced_(paced) {}
@@ -34,14 +34,13 @@ class FrameTally : public host::FrameObserver {
     Side side(host::Direction direction) const;
     std::uint64_t frames() const;
 
-    // From the due time of a frame until the module had sent it; paced frames only.
+    // The time from when a frame is due until the module has sent it; only of paced frames.
     const LatencyHistogram& lateness() const { return lateness_; }
-    // Time that the module took for a frame, its system calls included.
+    // The time that the module takes for a frame, with its system calls.
     const LatencyHistogram& handling() const { return handling_; }
 
   private:
-    // Each direction has threads of its own: counters apart, so that they do not slow
-    // each other down.
+    // The directions have separate threads, so their counters have separate cache lines.
     struct alignas(64) Counters {
         std::atomic<std::uint64_t> frames{0};
         std::atomic<std::uint64_t> bytes{0};

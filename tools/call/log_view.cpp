@@ -8,7 +8,7 @@
 namespace qv::tools::call {
 namespace {
 
-// Errors that are shown unasked; more of them are only counted.
+// How many errors are shown by default; later ones are only counted.
 constexpr std::uint64_t UNASKED_ERRORS = 10;
 
 constexpr const char* NAMES[] = {"CONSOLE", "ALERT",  "CRIT", "ERR",

@@ -1,6 +1,6 @@
-// What the module logs: counted, and shown as the host would.
+// Counts the lines that the module logs and shows them as the host would.
 //
-// The listener runs on whatever thread logs; the numbers may be read by any thread.
+// The listener runs on the thread that logs; any thread may read the numbers.
 #pragma once
 
 #include <switch.h>
@@ -20,8 +20,8 @@ std::string level_name(switch_log_level_t level);
 // The level of a name in either case, "ERROR" included.
 std::optional<switch_log_level_t> level_of(const std::string& name);
 
-// "2024-05-06 07:08:09.123456 [ERR] mod_quorvane.cpp:42 [quorvane]: text", with the
-// UUID of the call in front where the line has one, and without its line end.
+// "2024-05-06 07:08:09.123456 [ERR] mod_quorvane.cpp:42 [quorvane]: text", behind the UUID of
+// the call if the line has one, without its line end.
 std::string shown_line(const host::LogLine& line, switch_time_t now);
 
 class LogView {
@@ -29,15 +29,15 @@ class LogView {
     struct Counts {  // of the module's lines; the host's own are only shown
         std::uint64_t lines = 0;
         std::uint64_t warnings = 0;
-        std::uint64_t errors = 0;  // ERR and what is graver
+        std::uint64_t errors = 0;  // ERR and more important levels
     };
 
-    // Shows lines up to `most_detailed`; none: the first few errors. The console must
-    // outlive the view.
+    // Shows the lines up to the level `most_detailed`, or only the first few errors without
+    // one. The console must outlive the view.
     LogView(Console& console, std::optional<switch_log_level_t> most_detailed)
         : console_(console), most_detailed_(most_detailed) {}
 
-    // From here on the log's lines come here; the view must outlive the log's use.
+    // Becomes the log's listener. The view must outlive the use of the log.
     void listen(host::Log& log);
     Counts counts() const { return {lines_.load(), warnings_.load(), errors_.load()}; }
 

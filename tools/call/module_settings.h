@@ -1,6 +1,6 @@
-// The module that is to be loaded and the configuration that it is given.
+// The module to load, and the configuration that it reads.
 //
-// Changes the whole process; for the start of main(), before any thread runs.
+// Changes the whole process: to be used at the start of main(), before any thread runs.
 #pragma once
 
 #include <optional>
@@ -11,14 +11,14 @@
 
 namespace qv::tools::call {
 
-// Where the module is made to find its configuration.
+// Where the module reads its configuration.
 enum class ConfigPlace {
-    AUTOMATIC,    // a private /etc, or else relocated
+    AUTOMATIC,    // in a private /etc if possible, else relocated
     PRIVATE_ETC,  // in a private view of /etc
-    RELOCATED,    // in a folder, by the build of the module that looks there
+    RELOCATED,    // in a folder, with the build of the module that reads it there
 };
 
-// Options as they stand in the module's configuration file; the later one wins.
+// Options of the module's configuration file; a later one overrides an earlier one.
 using ModuleOptions = std::vector<std::pair<std::string, std::string>>;
 
 struct ModuleSettings {
@@ -36,24 +36,24 @@ struct SettingsError : std::runtime_error {
 // cannot be read.
 std::string config_text(const ModuleSettings& settings);
 
-// The relocated build of the module at this path: in the folder "relocated" beside it.
+// The path of the relocated build of this module: in the folder "relocated" beside it.
 std::string relocated_module(const std::string& module_path);
 
 // The program's own folder, with a final '/'.
 std::string program_folder();
 
-// The configuration in force, for as long as it lives; takes its folder away at the end.
+// Keeps the configuration in force while it exists, and removes its folder in the end.
 class PlacedConfig {
   public:
-    // Throws SettingsError: neither place can be had, and why.
+    // Throws SettingsError with the reason when no place can be used.
     PlacedConfig(const ModuleSettings& settings, const std::string& text);
     ~PlacedConfig();
     PlacedConfig(const PlacedConfig&) = delete;
     PlacedConfig& operator=(const PlacedConfig&) = delete;
 
-    // What to load now, absolute.
+    // The absolute path of the module to load.
     const std::string& module_path() const { return module_path_; }
-    // For people: where the module reads its configuration.
+    // Says, for people, where the module reads its configuration.
     const std::string& description() const { return description_; }
 
   private:
@@ -62,7 +62,7 @@ class PlacedConfig {
 
     std::string module_path_;
     std::string description_;
-    std::string folder_;  // to be removed; or empty
+    std::string folder_;  // to be removed; empty for none
 };
 
 }  // namespace qv::tools::call

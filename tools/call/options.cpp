@@ -52,7 +52,7 @@ constexpr char EXIT_CODES[] =
 
 using Parser = std::function<void(const std::string&)>;
 
-// What the parser throws becomes an error of the option.
+// Turns the parser's exception into an error of the option.
 void parse_for(const std::string& option, const Parser& parse, const std::string& text) {
     try {
         parse(text);
@@ -61,14 +61,14 @@ void parse_for(const std::string& option, const Parser& parse, const std::string
     }
 }
 
-// An option whose text is parsed.
+// Adds an option with a parser for its text.
 CLI::Option* add_parsed(CLI::App& app, const std::string& name, const std::string& help,
                         const Parser& parse) {
     return app.add_option_function<std::string>(
         name, [name, parse](const std::string& text) { parse_for(name, parse, text); }, help);
 }
 
-// The same for one that may be given again and again.
+// Adds such an option that may be repeated.
 CLI::Option* add_repeated(CLI::App& app, const std::string& name, const std::string& help,
                           const Parser& parse) {
     const auto parse_all = [name, parse](const std::vector<std::string>& texts) {
@@ -88,7 +88,7 @@ CLI::Option* add_module_option(CLI::App& app, Options& options, const std::strin
     return add_parsed(app, flag, help, add)->type_name("TEXT")->group("Module");
 }
 
-// Its bounds stand in the help, with their units.
+// Adds an option with bounds, which the help shows with their units.
 template <typename Number>
 CLI::Validator between(Number least, Number most) {
     return CLI::Range(least, most).description("");
@@ -111,7 +111,7 @@ std::string check_uuid(const std::string& text) {
     return {};
 }
 
-// By the beginning of the text, as the module reads it; an empty one is none.
+// Compares only the beginning of the text, as the module does; an empty text is none.
 std::string check_feature(const std::string& text) {
     if (text.empty()) {
         return {};
@@ -157,7 +157,8 @@ void add_module_options(CLI::App& app, Options& options) {
         {"auto", ConfigPlace::AUTOMATIC},
         {"private", ConfigPlace::PRIVATE_ETC},
         {"relocated", ConfigPlace::RELOCATED}};
-    // Not a CLI::CheckedTransformer, whose refusal shows the numbers behind the names.
+    // Not a CLI::CheckedTransformer, because its error message shows the numbers behind the
+    // names.
     app.add_option_function<std::string>(
            "--config-place",
            [&options](const std::string& name) { options.module.place = places.at(name); },
@@ -328,7 +329,7 @@ bool has_option(const ModuleSettings& module, const std::string& name) {
                        [&name](const auto& option) { return option.first == name; });
 }
 
-// What one option says about another, and what is left to the defaults.
+// Checks options against each other and sets the defaults that depend on others.
 void complete(const CLI::App& app, Options& options) {
     CallPlan& plan = options.plan;
     const bool files = !options.read_path.empty() || !options.write_path.empty();

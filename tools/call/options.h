@@ -18,7 +18,7 @@ constexpr int EXIT_TROUBLE = 1;    // Something failed during the calls.
 constexpr int EXIT_USAGE = 2;      // The command line, or a file that it names.
 constexpr int EXIT_NO_MODULE = 3;  // The module cannot be read, configured or loaded.
 
-// Whether each call gets lines of its own.
+// Whether lines are printed for each call.
 enum class CallLines { FEW_CALLS, ALWAYS, NEVER };
 
 struct Options {
@@ -26,18 +26,18 @@ struct Options {
     CallPlan plan;  // without its audio
     std::string read_path;
     std::string write_path;
-    std::uint32_t tone_rate = 8000;  // samples a second, of calls without files
-    unsigned threads = 1;            // media threads for each direction
+    std::uint32_t tone_rate = 8000;  // samples per second, of calls without files
+    unsigned threads = 1;            // media threads per direction
     std::optional<switch_log_level_t> show_log;
     std::string json_path;
     CallLines call_lines = CallLines::FEW_CALLS;
 };
 
-// Fills `options`. Returns the exit code when the program is to end at once (after
-// --help, or with an error, which has been printed).
+// Fills `options`. Returns the exit code when the program has to end at once: after --help
+// and after an error, which it has printed.
 std::optional<int> parse_options(int argc, char** argv, Options& options);
 
-// Each of these throws std::invalid_argument, whose text says what is wrong.
+// Each of the functions below throws std::invalid_argument, whose text says what is wrong.
 
 // "30" or "20-40", in seconds.
 Span parse_span(const std::string& text);

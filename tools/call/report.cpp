@@ -13,7 +13,7 @@ std::uint64_t data_packets(const RunReport& report) {
     return report.read.packets + report.write.packets;
 }
 
-// With one start and one terminate packet for each tapped call.
+// Includes one start and one terminate packet per tapped call.
 std::uint64_t least_packets(const RunReport& report) {
     return data_packets(report) + 2 * report.totals.calls_tapped;
 }
@@ -117,12 +117,12 @@ std::string first_failed_text(const std::optional<FailedCommand>& failed) {
            (answer.empty() ? "not answered" : "answered '" + answer + "'");
 }
 
-// What the module should have given back by now.
+// The problems with what the module has not released.
 std::vector<std::string> left_over(const RunReport& report) {
     std::vector<std::string> left;
     add_if(left, report.host.read_locks_held, "session lock", "still held");
     add_if(left, report.host.bugs_attached, "media bug", "still attached");
-    // The host drops those of a module that is gone from memory.
+    // The host drops those of a module that is unmapped.
     add_if(left, report.host.bindings_alive + report.unload.bindings_dropped, "event binding",
            "still there");
     add_if(left, report.host.sessions_destroyed_locked, "call", "ended under a lock");

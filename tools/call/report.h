@@ -37,17 +37,17 @@ struct RunReport {
     RunTotals totals;
     FrameTally::Side read;
     FrameTally::Side write;
-    Distribution lateness;  // from due until sent; empty when free-running
+    Distribution lateness;  // from when a frame is due until it is sent; empty when free-running
     Distribution handling;  // in the module
     LogView::Counts log;
     host::UnloadResult unload;
     host::Report host;  // after the unload
 };
 
-// What was not as it should be, a sentence each; nothing when all is well.
+// The problems of a run, one sentence each; empty when all is well.
 std::vector<std::string> problems_of(const RunReport& report);
 
-// Lines for people; the problems are not among them.
+// Lines for people, without the problems.
 std::vector<std::string> report_lines(const RunReport& report);
 
 // Times in seconds, sizes in bytes.

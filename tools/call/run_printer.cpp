@@ -10,8 +10,8 @@ namespace qv::tools::call {
 namespace {
 
 constexpr std::size_t BAR_WIDTH = 10;
-constexpr double BAR_FROM_SECONDS = 2;     // shorter runs get no bar
-constexpr double LINES_FROM_SECONDS = 10;  // nor shorter ones than this a line
+constexpr double BAR_FROM_SECONDS = 2;     // a shorter run gets no bar
+constexpr double LINES_FROM_SECONDS = 10;  // a shorter run gets no progress lines
 constexpr double LINES_EVERY_SECONDS = 5;
 
 std::string right_aligned(const std::string& text, std::size_t width) {
@@ -24,7 +24,8 @@ double part_done(const Progress& progress) {
     const double by_time = progress.expected_s > 0 ? progress.elapsed_s / progress.expected_s : 1;
     const double by_calls = static_cast<double>(progress.calls_over) /
                             static_cast<double>(std::max<std::size_t>(progress.calls_planned, 1));
-    // Calls that wait for others make a run longer than expected: then they count.
+    // A run whose calls wait for others takes longer than expected; its progress is then the
+    // share of calls that are over.
     return std::min(by_time < 1 ? by_time : by_calls, 1.0);
 }
 

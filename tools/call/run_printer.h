@@ -1,4 +1,4 @@
-// Tells people what happens in a run, and how far it is.
+// Prints what happens in a run, and its progress.
 //
 // Belongs to the thread that drives the run.
 #pragma once
@@ -13,14 +13,14 @@ namespace qv::tools::call {
 
 // "[#####.....]  50 %  15.0 of 30.0 s, 1,000 calls up, 3 of 2,000 over, 1,500,000 frames"
 std::string progress_bar(const Progress& progress);
-// The same without the bar, for where nothing can be rewritten.
+// The same without the bar, for outputs on which no line can be rewritten.
 std::string progress_line(const Progress& progress);
 // Between 0 and 1.
 double part_done(const Progress& progress);
 
 class RunPrinter : public RunListener {
   public:
-    // The console must outlive the printer. Without `call_lines` only progress is told.
+    // The console must outlive the printer. Without `call_lines` it prints only the progress.
     RunPrinter(Console& console, bool call_lines, bool several_calls)
         : console_(console), call_lines_(call_lines), several_calls_(several_calls) {}
 

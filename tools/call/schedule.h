@@ -17,7 +17,7 @@ using Time = std::chrono::nanoseconds;
 Time time_of_seconds(double seconds);
 double seconds_of(Time time);
 
-// A length, or the two ends of a random one.
+// A length, or the limits of a random length.
 struct Span {
     double min_s = 0;
     double max_s = 0;
@@ -25,7 +25,7 @@ struct Span {
 
 struct SchedulePlan {
     std::size_t calls = 1;
-    double rate = 100;           // calls a second
+    double rate = 100;           // calls per second
     std::optional<Span> length;  // none: as long as the audio
     Time frame_time{20'000'000};
     std::uint64_t seed = 1;
@@ -33,13 +33,13 @@ struct SchedulePlan {
 
 struct CallTimes {
     Time begin{0};
-    Time phase{0};                   // from the begin to the first frame, less than a frame time
+    Time phase{0};                   // from the begin to the first frame; less than a frame time
     std::optional<double> length_s;  // none: as long as the audio
 };
 
-// In the order in which they begin. Frames of many calls do not all fall due at once, as
-// they would not in a switch: each call but a single one has a random phase. The same
-// plan gives the same times.
+// In the order in which they begin. Each call has a random phase, unless it is the only one:
+// as in a switch, the frames of many calls are not all due at the same time. The same plan
+// gives the same times.
 std::vector<CallTimes> plan_calls(const SchedulePlan& plan);
 
 struct Step {
@@ -57,7 +57,7 @@ class TimerQueue {
     void add(Time at, Step step);
     // When the next step is due.
     std::optional<Time> next() const;
-    // The next step, taken out, if it is due by `now`.
+    // Takes out the next step if it is due by `now`.
     std::optional<Step> take(Time now);
 
   private:
@@ -66,7 +66,7 @@ class TimerQueue {
         std::uint64_t number;
         Step step;
 
-        bool operator<(const Entry& other) const {  // the queue gives the largest first
+        bool operator<(const Entry& other) const {  // std::priority_queue returns the largest first
             return at != other.at ? at > other.at : number > other.number;
         }
     };

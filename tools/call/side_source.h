@@ -10,13 +10,13 @@
 
 namespace qv::tools::call {
 
-// The sizes of a side's frames. Where the frame time is no whole number of samples,
-// frames of two sizes alternate, so that on the whole they keep the rate.
+// The sizes of a side's frames. If the frame time is no whole number of samples, frames of
+// two sizes alternate, so that the average keeps the rate.
 class FrameSizes {
   public:
     FrameSizes(std::uint32_t rate, std::uint32_t frame_ms) : rate_(rate), frame_ms_(frame_ms) {}
 
-    // Samples of the frame with this number, counted from 0.
+    // The number of samples in a frame; frames are counted from 0.
     std::uint32_t samples(std::uint64_t frame) const {
         return static_cast<std::uint32_t>(begin_of(frame + 1) - begin_of(frame));
     }
@@ -28,14 +28,14 @@ class FrameSizes {
     std::uint64_t frame_ms_;  // milliseconds
 };
 
-// What a side says once its audio is over.
+// What a side plays after its audio.
 enum class Afterwards { SILENCE, REPEAT };
 
 class SideSource : public host::FrameSource {
   public:
-    // Plays `total` samples: those of the audio, then what `afterwards` says, or fewer
-    // than the audio has. `ended` is called once, on the media thread, a frame time
-    // after the last frame; it must not block. Throws std::invalid_argument without samples.
+    // Plays `total` samples of the audio and, behind its end, of what `afterwards` says. Calls
+    // `ended` once, on the media thread, one frame time after the last frame; `ended` must not
+    // block. Throws std::invalid_argument without samples.
     SideSource(host::Samples samples, FrameSizes sizes, std::uint64_t total, Afterwards afterwards,
                std::function<void()> ended);
 

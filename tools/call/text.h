@@ -14,13 +14,13 @@
 
 namespace qv::tools::call {
 
-// A whole text as a finite decimal number.
+// The finite decimal number that the whole text is.
 std::optional<double> parse_number(const std::string& text);
 
 // `text` with "{uuid}" and "{n}" replaced by the call's UUID and its number, from 1.
 std::string fill_placeholders(const std::string& text, const std::string& uuid, std::size_t number);
 
-// With so many digits behind the point.
+// With `digits` digits behind the point.
 std::string fixed(double value, int digits);
 
 // "850 ns", "12.3 us", "4.56 ms", "1.23 s".
@@ -29,7 +29,7 @@ std::string short_time(std::chrono::nanoseconds time);
 // "850 bytes", "12.3 KiB", "4.5 MiB".
 std::string size_text(double bytes);
 
-// The texts, one after the other, with `between` between them.
+// The texts in one, with `between` between them.
 std::string joined(const std::vector<std::string>& texts, const std::string& between);
 
 }  // namespace qv::tools::call

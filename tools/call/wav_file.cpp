@@ -21,7 +21,7 @@ constexpr double TWO_PI = 6.283185307179586;
     throw FileError(path + ": " + why);
 }
 
-// The library's own text for these says only "System error.".
+// For these errors the library's own text is only "System error.".
 void check_file(const std::string& path) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {

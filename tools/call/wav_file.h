@@ -1,4 +1,4 @@
-// The audio of one side of a call, out of a WAV file.
+// Reads the audio of one side of a call from a WAV file.
 //
 // No state; any thread may call.
 #pragma once
@@ -22,11 +22,10 @@ struct Audio {
     double seconds() const { return static_cast<double>(samples->size()) / rate; }
 };
 
-// Reads a mono PCM WAV of 8 to 48 kHz; samples of another width than 16 bits are
-// brought to it. Throws FileError.
+// Reads a mono PCM WAV of 8 to 48 kHz and converts its samples to 16 bits. Throws FileError.
 Audio load_wav(const std::string& path);
 
-// A sine tone: what a side says when there is no file.
+// A sine tone, for a side without a file.
 Audio make_tone(std::uint32_t rate, double hertz, double seconds);
 
 }  // namespace qv::tools::call
