@@ -236,8 +236,8 @@ constexpr const char* FEATURE_NAME<Features::AudioActivity> = "audio_activity";
 template <>
 constexpr const char* FEATURE_NAME<Features::SampleDetection> = "detection";
 
-// The bits of the legs that a leg word names, 0 for another word. Words count by their
-// beginning, so "originate" is the originator. Intended.
+// The bits of the leg that `word` names, 0 for another word. Compares only the first four
+// letters. See docs/design.md, Odd on purpose: API.
 std::uint8_t parse_leg(std::string_view word, Features feature) {
     const std::string_view beginning = word.substr(0, 4);
     if (beginning == "orig") {
@@ -285,7 +285,8 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
             if (bits == 0) {
                 return refuse(i + 1);
             }
-            // A "stop" does not take back a "start" of the same command. Intended.
+            // A "stop" does not revoke a "start" of the same command. See docs/design.md, Odd on
+            // purpose: API.
             wanted.supported |= bits;
             wanted.active |= start ? bits : std::uint8_t{0};
         }
@@ -311,7 +312,7 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
         }
     }
 
-    // The answers below carry no line end and run together. Intended.
+    // The answers below have no line ends. See docs/design.md, Odd on purpose: texts.
     AppContext* create_context() QV_REQUIRES(module().contexts_lock) {
         const char* session_uuid = switch_core_session_get_uuid(session());
         note_other_name(session_uuid);
@@ -375,7 +376,7 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
     void send_update(const AppContext& context) QV_REQUIRES(context.context_lock) {
         module().transfer.media_features_update(session(), context);
         log::SystemMessage message;
-        // Nothing stands between the name and the text. Intended.
+        // No blank between the name and the text. See docs/design.md, Odd on purpose: texts.
         message.stream << NAME << "control packet for feature update was sent";
         QV_LOG_WRITE(message);
         answer(stream(), "%s: control packet for feature update was sent", NAME);

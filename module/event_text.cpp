@@ -25,8 +25,8 @@ bool is_channel_event(const switch_event_t* event) {
            event->event_id <= SWITCH_EVENT_CHANNEL_UUID;
 }
 
-// A missing event name ends the line after the blank: a null text ends a stream.
-// Intended.
+// Without an event name the line ends after the blank, because a null text ends a stream. See
+// docs/design.md, Odd on purpose: short event dump.
 std::string short_event_line(switch_event_t* event) {
     log::InfoMessage line;
     line.stream << "[quorvane]: " << header_or_empty(event, "Unique-ID") << " ";

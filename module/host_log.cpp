@@ -8,8 +8,8 @@ namespace qv::freeswitch {
 
 namespace {
 
-// Indexed by log::Level. SYSTEM, which nothing filters out, ranks above ERROR here but
-// below WARNING in the host. Intended.
+// Indexed by log::Level. SYSTEM, the most important level, is below WARNING in the host. See
+// docs/design.md, Odd on purpose: log bridge.
 constexpr std::array<std::int32_t, log::LEVEL_COUNT> level_to_fslevel = {
     SWITCH_LOG_NOTICE, SWITCH_LOG_ERROR, SWITCH_LOG_WARNING,
     SWITCH_LOG_INFO,   SWITCH_LOG_DEBUG, SWITCH_LOG_DEBUG1,

@@ -112,8 +112,8 @@ void check_size(switch_core_session_t* session, std::size_t size, std::size_t ch
 
 void warn_of_split(switch_core_session_t* session, std::uint8_t leg, const switch_frame_t& frame,
                    unsigned chunks) {
-    // Without a codec name the text ends after the opening quote: a null text ends a
-    // stream. Intended.
+    // Without a codec name the text ends after the opening quote, because a null text ends a
+    // stream. See docs/design.md, Odd on purpose: frames.
     log_session_line<log::WARNING>(session, QV_PLACE_IN("media_data"), "MEDIA_TRANSFER: \"",
                                    codec_name(frame), "\" ",
                                    leg == media::READ_LEG ? "read" : "write", " frame of ",

@@ -19,7 +19,8 @@ sockaddr_in make_address(const std::string& host, std::uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    // A host name leaves 0.0.0.0: only the form of the list is checked. Intended.
+    // A host name leaves the address 0.0.0.0: only the form of the list is checked. See
+    // docs/design.md, Odd on purpose: options.
     ::inet_pton(AF_INET, host.c_str(), &address.sin_addr);
     return address;
 }
@@ -95,7 +96,8 @@ int Configuration::set_media_node(const std::string& name, const std::string& va
 
 int Configuration::set_dump_mode(const std::string& name, const std::string& value,
                                  std::stringstream& error) {
-    // Unlike every other option, a bad value does not leave the old one. Intended.
+    // A bad value does not keep the old one, unlike in every other option. See docs/design.md, Odd
+    // on purpose: options.
     dump_mode = DumpMode::NONE;
     for (std::size_t i = 0; i < DUMP_MODE_NAMES.size(); ++i) {
         if (value == DUMP_MODE_NAMES[i]) {

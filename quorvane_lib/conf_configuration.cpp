@@ -14,7 +14,7 @@ using utils::str::split;
 using utils::str::trim_left;
 using utils::str::trim_right;
 
-// The words in which the outcome of a flag or of an option is told.
+// The texts that log the outcome of a flag or of an option.
 struct Wording {
     std::string applied;
     std::string unknown;
@@ -29,7 +29,7 @@ void write(const Pieces&... pieces) {
     QV_LOG_WRITE(message);
 }
 
-// Logs the outcome that `code` stands for and tells whether parsing may go on.
+// Logs the outcome that `code` means; returns whether parsing may go on.
 bool report(const Wording& wording, int code, const std::stringstream& error) {
     switch (code) {
         case APPLIED:
@@ -39,7 +39,8 @@ bool report(const Wording& wording, int code, const std::stringstream& error) {
             write<log::WarningMessage>(wording.unknown);
             break;
         case MALFORMED:
-            // What the hook wrote into `error` is not told here. Intended.
+            // Does not log what the hook wrote into `error`. See docs/design.md, Odd on
+            // purpose: options.
             write<log::ErrorMessage>(wording.failed, wording.malformed);
             break;
         case FAILED_WITH_EXPLANATION:
@@ -49,7 +50,8 @@ bool report(const Wording& wording, int code, const std::stringstream& error) {
             write<log::ErrorMessage>(wording.failed);
             break;
     }
-    // A positive code beyond UNKNOWN is told as a failure, yet stops nothing. Intended.
+    // A positive code above UNKNOWN is logged as a failure but does not stop the parser. See
+    // docs/design.md, Odd on purpose: option files.
     return code >= 0;
 }
 
@@ -67,8 +69,8 @@ bool Configuration::parse_file(const std::string& path) {
     }
     write<log::SystemMessage>("reading from file [", path, "]");
 
-    // The first line is number 0, although items of an argument string count from 1.
-    // Intended.
+    // Lines count from 0, although the items of an argument string count from 1. See
+    // docs/design.md, Odd on purpose: option files.
     std::string line;
     for (unsigned long number = 0; file.good(); ++number) {
         std::getline(file, line);

@@ -50,7 +50,7 @@ std::string format_time() {
     timeval now{};
     ::gettimeofday(&now, nullptr);
 
-    // Unlike localtime, localtime_r need not look at TZ again.
+    // localtime_r, unlike localtime, does not have to read TZ again.
     ::tzset();
     std::tm local{};
     ::localtime_r(&now.tv_sec, &local);

@@ -1,11 +1,10 @@
 // Log messages and the one logger record that carries them to a sink.
 //
-// The library writes nowhere itself: a finished message goes through the record
-// `Logger::m_instance` to the sink that the owner of the process installed; the
-// default sink discards it. A message belongs to the thread that builds it. The
-// record is written only while the module is being loaded, before other threads
-// log, and only read afterwards; whether several threads may enter the sink at
-// once is the sink's business.
+// The library itself writes nowhere. The record `Logger::m_instance` passes a finished message
+// to the sink that the owner of the process installed; the default sink discards it. A message
+// belongs to the thread that builds it. The record is written only while the module is loaded,
+// before other threads log, and only read afterwards. The sink decides whether several threads
+// may call it at the same time.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +15,7 @@
 namespace qv::log {
 
 // A smaller number is more important. SYSTEM is for start-up and configuration
-// notices that must always pass.
+// notices, which are always logged.
 enum Level : std::int32_t {
     SYSTEM = 0,
     ERROR = 1,
@@ -28,7 +27,7 @@ enum Level : std::int32_t {
 
 constexpr int LEVEL_COUNT = 6;
 
-// Indexed by Level: the name, and the blanks that bring it to seven characters.
+// Indexed by Level: the name, and the blanks that pad it to seven characters.
 inline const std::string level_to_string[LEVEL_COUNT] = {"SYSTEM", "ERROR", "WARNING",
                                                          "INFO",   "DEBUG", "TRACE"};
 inline const std::string level_to_spaces[LEVEL_COUNT] = {" ", "  ", "", "   ", "  ", "  "};
@@ -36,8 +35,8 @@ inline const std::string level_to_spaces[LEVEL_COUNT] = {" ", "  ", "", "   ", "
 inline const std::string message_delimiter = " | ";
 inline const std::string default_directory = "/var/log/delmaren/quorvane";
 
-// A log line in the making: insert the text into `stream`, then hand the message
-// to the logger. Destroying a message emits nothing.
+// A log line under construction: insert the text into `stream`, then hand the message to the
+// logger. The destructor logs nothing.
 class Message {
   public:
     explicit Message(Level message_level) : level(message_level) {}
@@ -90,8 +89,8 @@ class Logger {
   public:
     static LoggerImpl m_instance;
 
-    // Tells whether a message of `level` would be written. Call it before building
-    // DEBUG or TRACE text, which then costs one comparison when it is not wanted.
+    // Whether a message of `level` would be logged. Call it before building a DEBUG or TRACE
+    // text, which then costs one comparison while its level is off.
     static bool admits(Level level) {
         return level <= __atomic_load_n(&m_instance.level, __ATOMIC_RELAXED);
     }
@@ -101,21 +100,21 @@ class Logger {
         __atomic_store_n(&m_instance.level, level, __ATOMIC_RELAXED);
     }
 
-    // Installs a sink, before other threads log. The one that is installed already is
-    // left untouched, so that threads that still log through it are not disturbed.
+    // Installs a sink, before other threads log. Installing the present sink again changes
+    // nothing, so that threads may be logging through it.
     static void install(LoggerImpl::Write write, LoggerImpl::Release release, void* context);
 };
 
-// Stores the level that `text` names and returns true. Names are exact, upper
-// case; for any other text `level` is left alone and the result is false.
+// Stores the level named `text` and returns true. Names are exact and in upper case; for any
+// other text, returns false and does not change `level`.
 bool try_parse_level(const std::string& text, Level& level);
 
 // Writes "LEVEL | file:line | text" with the level padded to seven characters and
-// no line end. A null `file` puts `out` into the bad state: the rest is lost.
+// no line end. A null `file` puts `out` into the bad state, which loses the rest.
 std::ostream& format_message(std::ostream& out, const char* file, int line, const Message& message);
 
-// The local time as "YYYY.MM.DD hh:mm:ss.uuuuuu" (the clock part in the form that
-// the locale gives it).
+// The local time as "YYYY.MM.DD hh:mm:ss.uuuuuu", with the time of day as the locale writes
+// it.
 std::string format_time();
 
 // The part of a source path behind its last '/'.

@@ -56,7 +56,7 @@ bool parse_port(const std::string& text, sockaddr_in& out) {
     return true;
 }
 
-// Reads "address:port", either side of the colon at `colon` being optional.
+// Reads "address:port" with its colon at `colon`; either side may be empty.
 bool parse_pair(const std::string& text, std::size_t colon, sockaddr_in& out) {
     const std::string host = text.substr(0, colon);
     const std::string port = text.substr(colon + 1);
@@ -86,7 +86,7 @@ struct PortRange {
 
 using ReadPort = bool (*)(const std::string& text, unsigned short& port);
 
-// What a text stream makes of it: 0 for no number, the largest port for one too large.
+// The port as a text stream reads it: 0 for no number, the largest port for a larger number.
 bool read_port_leniently(const std::string& text, unsigned short& port) {
     std::istringstream(text) >> port;
     return true;
@@ -144,23 +144,24 @@ class Descriptor {
     int descriptor_;
 };
 
-// Writes "SOCKET[tag]: what" and the system's error, `error` being an errno value. The
-// pieces come as values, so that a caller can keep them in registers.
+// Logs "SOCKET[tag]: what" and the text of the errno value `error`. The pieces are passed as
+// values, so that a caller can keep them in registers.
 template <typename... Pieces>
 [[gnu::cold, gnu::noinline]] void log_error(int error, Pieces... pieces) {
     log::ErrorMessage message;
     ((message.stream << "SOCKET[") << ... << pieces);
-    // Not as a string: that may find no memory and throw, which a stream keeps to itself.
+    // Not through a std::string: without memory it would throw, and the stream would swallow
+    // the exception.
     std::array<char, 128> unknown{};
     message.stream << ", error (" << error
                    << "): " << ::strerror_r(error, unknown.data(), unknown.size());
     QV_LOG_WRITE(message);
 }
 
-// Lets a send that finds the send buffer full fail after the least time that the system can
-// wait, a tick or two of its clock. The buffer is shared by all calls: datagrams for hosts
-// that do not answer, or for a slow link, would make media threads wait for seconds. Not by
-// O_NONBLOCK: reading shall wait.
+// Lets a send fail when the send buffer is still full after the shortest time that the system
+// can wait, one or two ticks of its clock. All calls share the buffer: without the limit,
+// datagrams for hosts that do not answer or for a slow link would make media threads wait for
+// seconds. O_NONBLOCK is no way, because a read has to wait.
 void limit_send_wait(int descriptor) {
     const timeval least{0, 1};
     if (::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &least, sizeof(least)) != 0) {
@@ -168,7 +169,7 @@ void limit_send_wait(int descriptor) {
     }
 }
 
-// The condition under which the system lets a send wait.
+// The system makes a send wait exactly while this is true.
 bool send_buffer_is_full(int descriptor) {
     int queued = 0;
     int capacity = 0;
@@ -187,7 +188,8 @@ bool parse_addr(const char* text, const char* end, sockaddr_in& out) {
     const char* const stop = end == nullptr ? text + std::strlen(text) : end;
     const std::string rest(std::find_if_not(text, stop, is_space), stop);
     if (rest.empty()) {
-        // The family is left alone here, although every other path sets it. Intended.
+        // Does not set the family, unlike every other path. See docs/design.md, Odd on purpose:
+        // addresses.
         set_loopback(out);
         out.sin_port = 0;
         return true;
@@ -265,8 +267,9 @@ bool Socket::open(int port, unsigned int address) {
     local.sin_addr.s_addr = htonl(address);
     const bool bound = ::bind(created, generic(local), sizeof(local)) == 0;
     const int error = errno;
-    // Not before: a send from another thread would bind the socket first. Kept when binding
-    // failed, too: a later open succeeds without binding. Intended.
+    // Stored only after bind(), because a send from another thread would bind the socket first.
+    // Stored even if bind() failed, so that a later open succeeds without binding. See
+    // docs/design.md, Odd on purpose: socket.
     const std::int32_t opened = use_taken_number(created);
     descriptor_.store(opened, std::memory_order_relaxed);
     if (!bound) {
@@ -276,8 +279,8 @@ bool Socket::open(int port, unsigned int address) {
     return true;
 }
 
-// Moves the socket `created` to the number that is left taken: were that kept beside it, every
-// reload with calls would cost one more number. Returns the socket's number.
+// Moves the socket `created` to the number that was left taken, and returns the socket's
+// number. Otherwise every reload during calls would use up one more number.
 std::int32_t Socket::use_taken_number(std::int32_t created) {
     if (taken_number_ < 0 || ::dup2(created, taken_number_) < 0) {
         return created;
@@ -296,7 +299,8 @@ bool Socket::send(const sockaddr_in& to, const char* data, unsigned long size) {
         const ssize_t count =
             ::sendto(target, data + sent, size - sent, 0, generic(to), sizeof(to));
         if (count < 0) {
-            // The address of the data is told as a decimal number. Intended.
+            // Logs the address of the data as a decimal number. See docs/design.md, Odd on
+            // purpose: socket.
             log_error(errno, target, "]: failed to send a data (", size, ": ",
                       reinterpret_cast<std::uintptr_t>(data), ")");
             return false;
@@ -306,8 +310,8 @@ bool Socket::send(const sockaddr_in& to, const char* data, unsigned long size) {
     return true;
 }
 
-// Looks again and again: the system wakes a waiting thread only when half of the buffer is
-// free, which does not happen while others keep it full.
+// Polls, because the system wakes a waiting thread only when half of the buffer is free, which
+// does not happen while other threads keep it full.
 void Socket::wait_for_room(std::chrono::milliseconds patience) const {
     const auto give_up = std::chrono::steady_clock::now() + patience;
     while (send_buffer_is_full(descriptor()) && std::chrono::steady_clock::now() < give_up) {
@@ -327,7 +331,7 @@ long Socket::read(unsigned char* buffer, unsigned long size) {
         QV_LOG_WRITE(message);
         return 0;
     }
-    // A socket that cannot be read from is beyond repair: the process ends. Intended.
+    // A failed read ends the process. See docs/design.md, Odd on purpose: socket.
     log_error(error, descriptor(), "]: failed to read a data");
     close();
     std::exit(-1);  // NOLINT(concurrency-mt-unsafe): nothing is worth saving.
@@ -348,8 +352,8 @@ void Socket::close_under_senders() {
         return;
     }
     ::shutdown(closed, SHUT_RDWR);
-    // The system refuses to send on a mere path as it does on no descriptor. Without one the
-    // socket keeps its place: as it is shut down, nothing can be sent on it either.
+    // The system refuses to send on an O_PATH descriptor, as on a closed one. If there is none,
+    // the number stays with the socket, which is shut down and cannot send either.
     const int dead = ::open("/", O_PATH | O_CLOEXEC);
     if (dead >= 0) {
         ::dup2(dead, closed);

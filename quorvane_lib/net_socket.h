@@ -1,4 +1,4 @@
-// IPv4 addresses and host lists out of text, and the UDP socket that sends the media.
+// Reads IPv4 addresses and host lists from text; the UDP socket that sends the media.
 #pragma once
 
 #include <netinet/in.h>
@@ -18,8 +18,7 @@ struct Host {
     std::uint16_t port = 0;
 };
 
-// The same, with the socket address that it stands for: address 0.0.0.0 when the host
-// is no dotted address.
+// A host with its socket address, which is 0.0.0.0 if the host is no dotted address.
 struct HostAddr {
     std::string host;
     std::uint16_t port = 0;
@@ -29,8 +28,8 @@ struct HostAddr {
 // The parsers below keep no state and never log: any thread may call them.
 
 // Reads "address:port", "address", ":port", "port" or a blank text up to `end` (null:
-// up to the terminating zero). What is left out is 127.0.0.1 or port 0; names are not
-// resolved. False when the text is null or anything else; `out` may then be partly set.
+// up to the terminating zero). A missing address is 127.0.0.1, a missing port 0; names are not
+// resolved. False for a null or any other text; `out` may then be partly set.
 // A blank text sets address and port only, not the family.
 bool parse_addr(const char* text, const char* end, sockaddr_in& out);
 
@@ -39,16 +38,15 @@ bool parse_addr(const char* text, const char* end, sockaddr_in& out);
 // a port is what a text stream reads, 0 for no number.
 void parse_hosts(const std::string& text, std::list<Host>& out);
 
-// The same with socket addresses, and skipping items whose ports are not wholly valid
-// numbers.
+// Appends socket addresses. Also skips items whose ports are not entirely valid numbers.
 void parse_addrs(const std::string& text, std::list<HostAddr>& out);
 
 // The local address, dotted, that the system would use to reach `peer` (network byte
-// order); `fallback` for the peers 0.0.0.0 and 255.255.255.255 and when it cannot be
-// found out. Sends nothing.
+// order). `fallback` for the peers 0.0.0.0 and 255.255.255.255 and when the system does not
+// report one. Sends nothing.
 std::string get_host_ip(std::uint32_t peer, const std::string& fallback);
 
-// This machine's name; empty when the system does not tell.
+// This machine's name; empty when the system does not report it.
 std::string get_host_name();
 
 // An unconnected UDP socket over IPv4.
@@ -66,21 +64,21 @@ class Socket {
     Socket& operator=(const Socket&) = delete;
     virtual ~Socket();
 
-    // Creates the socket and binds it; `port` and `address` in host byte order, 0 being
-    // any. True at once when it is open already. A descriptor whose bind failed is kept. A
-    // number that `close_under_senders` has left taken is used again.
+    // Creates the socket and binds it. `port` and `address` are in host byte order; 0 means any.
+    // Returns true at once if the socket is open. Keeps a descriptor whose bind failed. Uses the
+    // number again that `close_under_senders` has left taken.
     bool open(int port, unsigned int address);
 
-    // Sends one datagram; nothing, successfully, when `data` is null or `size` is 0. Waits no
-    // longer than a tick or two of the system's clock for room in the send buffer.
+    // Sends one datagram. Returns true without sending when `data` is null or `size` is 0. Waits
+    // at most one or two ticks of the system's clock for room in the send buffer.
     bool send(const sockaddr_in& to, const char* data, unsigned long size);
 
-    // Waits until the send buffer has room for a datagram, no longer than `patience`. The room
-    // is not reserved. Returns at once on a closed socket. Any thread may call it at any time.
+    // Waits until the send buffer has room for a datagram, at most `patience`. Does not reserve
+    // the room. Returns at once on a closed socket. Any thread may call it at any time.
     void wait_for_room(std::chrono::milliseconds patience) const;
 
-    // Receives one datagram of at most `size` bytes and returns its length, 0 when a
-    // signal interrupted. Any other failure ends the process.
+    // Receives one datagram of at most `size` bytes and returns its length, or 0 when a signal
+    // interrupts. Any other failure ends the process.
     long read(unsigned char* buffer, unsigned long size);
 
     // Harmless on a closed socket.

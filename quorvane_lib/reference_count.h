@@ -1,8 +1,8 @@
 // Objects that several owners share: the count of their references, and a reference.
 //
-// The count is in the object. Whoever drops the last reference deletes the object. Any
-// thread may add and drop references of its own; one reference belongs to one thread at a
-// time. A new reference is only made from one that is held.
+// The object contains the count. Dropping the last reference deletes the object. Any thread may
+// add and drop its own references; a reference belongs to one thread at a time. A new
+// reference is made only from one that is held.
 #pragma once
 
 #include <atomic>

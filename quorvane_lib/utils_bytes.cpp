@@ -31,8 +31,8 @@ constexpr std::array<signed char, 256> make_digit_values() {
     return values;
 }
 
-// Looked up rather than compared: whether a digit of a UUID is a letter is anyone's guess,
-// and a processor that guesses loses more than the rest of the decoding takes.
+// A table instead of comparisons: a processor cannot predict whether a digit of a UUID is a
+// letter, and a wrong prediction costs more than the rest of the decoding.
 constexpr std::array<signed char, 256> DIGIT_VALUES = make_digit_values();
 
 int hex_value(char c) {

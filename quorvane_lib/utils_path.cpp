@@ -53,7 +53,7 @@ bool create_directory_optimistic(const std::string& path, mode_t mode) {
     return existing == path || create_downwards(existing, path, mode);
 }
 
-// Reads the components of a path as steps from the root; false if they climb above it.
+// Appends the components of a path as steps from the root; false if they lead above it.
 bool walk(const std::vector<std::string>& components, std::vector<std::string>& kept) {
     for (const std::string& component : components) {
         if (component == PARENT_DIR::STR) {

@@ -19,8 +19,8 @@ struct LINUX_PATH_SEPARATOR {
 struct WINDOWS_PATH_SEPARATOR {
     static constexpr char CHAR = '\\';
     static constexpr const char* C_STR = "\\";
-    // The Linux separator, although the two above are the Windows one: a path is built
-    // with STR, and every path is built for Linux. Intended.
+    // The Linux separator, unlike the two above: paths are built with STR, and only for Linux.
+    // See docs/design.md, Odd on purpose: paths.
     inline static const std::string STR = LINUX_PATH_SEPARATOR::C_STR;
 };
 
@@ -44,23 +44,23 @@ enum class create_policy : std::int32_t {
     pessimistic = 1,  // Not implemented.
 };
 
-// The current directory without a trailing '/': empty for the root directory.
+// The current directory without a trailing '/', hence empty for the root directory.
 std::string get_current_directory();
 
-// Turns every '\' into '/', in place or in a copy.
+// Replaces every '\' by '/', in place or in a copy.
 void normalize_path_separator(std::string& path);
 std::string normalize_path_separator(const std::string& path);
 
 // What follows the last separator; the whole path if there is none.
 std::string get_file_name(const std::string& path);
 
-// `path` from the root, without ".", "..", doubled or trailing separators. Symbolic
-// links are not resolved and nothing need exist. "/" for an empty path; an empty text
-// for a path that climbs above the root.
+// The absolute form of `path`, without ".", "..", doubled or trailing separators. Does not
+// resolve symbolic links; nothing of the path needs to exist. "/" for an empty path, an empty
+// text for a path that leads above the root.
 std::string get_absolute_path(const std::string& path);
 
 // Makes sure that the directory `path` exists, or the directory that holds it if
-// `path_is_file`; missing ones are created with `mode`. On false errno tells why
+// `path_is_file`; missing ones are created with `mode`. On false, errno tells why
 // (ENOTDIR when an ancestor is no directory), except for a path without a directory.
 // Throws std::runtime_error for the pessimistic policy and std::invalid_argument for
 // an unknown one.

@@ -129,7 +129,8 @@ GenericResult<try_parse_status, try_parse_status::ok> try_parse_value(const char
     if (end == text) {
         return try_parse_status::invalid_format;
     }
-    // Characters behind the number are reported, but the number is kept. Intended.
+    // Characters behind the number are an error, but the number is stored. See docs/design.md,
+    // Odd on purpose: numbers.
     value = static_cast<T>(number);
     return *end == '\0' ? try_parse_status::ok : try_parse_status::invalid_format;
 }

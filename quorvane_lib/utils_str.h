@@ -11,7 +11,7 @@
 
 namespace qv::utils {
 
-// A result that carries one status and counts as success when it is SuccessValue.
+// A status that converts to true when it is SuccessValue.
 template <typename Status, Status SuccessValue>
 struct GenericResult {
     constexpr GenericResult(Status result) : status(result) {}

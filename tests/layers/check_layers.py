@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
-"""Holds the picture of layers in docs/design.md against the includes of the sources.
+"""Holds docs/design.md against the sources: its picture of layers against their includes.
 
 Each line of the picture is a folder and, behind an arrow, the folders that it includes. A
 folder includes only what stands below it, the picture has every folder with C++ sources, and
 every arrow of the picture is drawn by some include.
+
+Comments about what is odd on purpose point to a row of a table there: the row has to exist.
 """
 
 import os
@@ -95,6 +97,33 @@ class TheSources(unittest.TestCase):
         files = sources()
         rows = picture_of(read("docs/design.md"))
         self.assertEqual(complaints(rows, files, arrows_of(files)), [])
+
+
+def oddities_of(document):
+    """The rows of the table of oddities, by their first cell."""
+    section = document.split("\n## Odd on purpose\n", 1)[1].split("\n## ", 1)[0]
+    return {cell.strip() for cell in re.findall(r"^\|([^|]+)\|", section, re.MULTILINE)}
+
+
+def oddities_pointed_at(source):
+    """The rows that the comments of a source point to."""
+    text = re.sub(r"\s*\n\s*//\s*", " ", source)
+    return re.findall(r"docs/design\.md, Odd on purpose: ([^.;]+)[.;]", text)
+
+
+class TheComments(unittest.TestCase):
+    def test_point_to_rows_that_the_document_has(self):
+        rows = oddities_of(read("docs/design.md"))
+        pointers = [(path, row) for path in sources() for row in oddities_pointed_at(read(path))]
+        self.assertGreater(len(pointers), 0)
+        self.assertEqual([pointer for pointer in pointers if pointer[1] not in rows], [])
+
+    def test_call_nothing_intended_without_a_row(self):
+        self.assertEqual([path for path in sources() if "Intended." in read(path)], [])
+
+    def test_are_read_across_line_ends(self):
+        source = "    // x. See docs/design.md, Odd on\n    // purpose: option\n    // files.\n"
+        self.assertEqual(oddities_pointed_at(source), ["option files"])
 
 
 class ThePicture(unittest.TestCase):
