@@ -1,6 +1,6 @@
-// What the benchmarks share: calls to send for, a place to send to, frames.
+// Helpers of the benchmarks: calls, a destination, frames.
 //
-// Each benchmark owns what it makes here and uses it from the threads it says.
+// A benchmark owns what it makes and chooses the threads that use it.
 #pragma once
 
 #include <netinet/in.h>
@@ -16,8 +16,8 @@
 
 namespace qv::bench {
 
-// A UDP socket on loopback that nobody reads: once its buffer is full the system drops
-// what comes, after having done all its work for the sender.
+// A UDP socket on loopback that nobody reads. When its buffer is full, the system drops the
+// datagrams after it has done all the work of the sender.
 class Sink {
   public:
     Sink();
@@ -32,7 +32,7 @@ class Sink {
     sockaddr_in address_{};
 };
 
-// A frame of `size` bytes as the host would hand it out, codec and all.
+// A frame of `size` bytes as the host hands it out, with a codec.
 class Frame {
   public:
     explicit Frame(std::uint32_t size);
@@ -57,8 +57,8 @@ struct Sender {
     freeswitch::MediaTransfer transfer{&socket};
 };
 
-// The main function of a program of benchmarks. The embedded host is there for the lines
-// that the module logs; it keeps none of them.
+// The main function of a benchmark program. It runs an embedded host for the lines that the
+// module logs; the host keeps none of them.
 int run_benchmarks(int argc, char** argv);
 
 }  // namespace qv::bench

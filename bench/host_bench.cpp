@@ -1,4 +1,4 @@
-// The module as the host runs it: calls set up and torn down, API commands while calls
+// Measures the module in the host: setup and teardown of calls, API commands while calls
 // stream.
 #include <benchmark/benchmark.h>
 
@@ -62,15 +62,15 @@ class StreamingCalls {
         calls_.front()->start_media(std::move(plan));
     }
 
-    // To one call after the other, so that each is found out of the processor's cache.
+    // Goes through the calls, so that none is in the processor's cache.
     host::ApiAnswer command(const std::string& words) { return command(next(), words); }
 
-    // To the same call every time.
+    // Uses the same call every time.
     host::ApiAnswer command_to_first(const std::string& words) {
         return command(calls_.front()->uuid(), words);
     }
 
-    // What the host does for every command, whatever module it is for.
+    // Measures what the host does for every command of any module.
     void locate_session() {
         switch_core_session_rwunlock(
             switch_core_session_perform_locate(next().c_str(), __FILE__, __func__, __LINE__));

@@ -1,5 +1,5 @@
-// The media path with its system call, against a loop of bare sendto calls of the same
-// bytes to the same socket, in turns within one run.
+// Measures the media path with its system call against a loop of bare sendto calls with the
+// same bytes to the same socket, in turns within one run.
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@ double median(std::vector<double> values) {
     return values.empty() ? 0 : values[values.size() / 2];
 }
 
-// Sends the same packet over and over, as the plainest tap would.
+// Sends the same packet repeatedly, as the simplest tap would.
 class BareSender {
   public:
     explicit BareSender(const sockaddr_in& to)
@@ -38,7 +38,7 @@ class BareSender {
     BareSender(const BareSender&) = delete;
     BareSender& operator=(const BareSender&) = delete;
 
-    // Several threads may do it at once.
+    // Several threads may call it at the same time.
     double turn(int frames = FRAMES_PER_TURN) const {
         const auto start = Clock::now();
         for (int i = 0; i < frames; ++i) {
@@ -54,7 +54,7 @@ class BareSender {
     char packet_[PACKET_SIZE] = {};
 };
 
-// One turn of the module: the frames go to the calls one after the other.
+// One turn of the module; the frames go round the calls.
 class ModuleSender {
   public:
     ModuleSender(std::size_t calls, const sockaddr_in& to, std::uint32_t frame_size = FRAME_SIZE)
@@ -69,8 +69,8 @@ class ModuleSender {
         return nanoseconds_since(start) / frames;
     }
 
-    // The same for call number `call` alone; several threads may do it at once, each
-    // with its own call or leg.
+    // Sends only for call number `call`. Several threads may call it at the same time, each with
+    // its own call or leg.
     void turn_of(std::size_t call, std::uint8_t leg) {
         for (int i = 0; i < FRAMES_PER_TURN; ++i) {
             sender_.transfer.media_data(nullptr, *contexts_[call], leg, frame_.get());
@@ -84,8 +84,8 @@ class ModuleSender {
     std::size_t next_ = 0;
 };
 
-// Runs `a` and `b` in turns and reports what a frame costs in each, and the middle of the
-// ratios a/b of neighbouring turns: what slows the machine down slows both.
+// Runs `a` and `b` in turns and reports the cost of a frame in each, and the median of the
+// ratios a/b of neighbouring turns, since load on the machine slows both.
 template <typename A, typename B>
 void compare(benchmark::State& state, A a, B b) {
     std::vector<double> costs_a;
@@ -112,7 +112,7 @@ void media_data_over_bare_sendto(benchmark::State& state) {
         state, [&] { return module.turn(); }, [&] { return bare.turn(); });
 }
 
-// Both send bare: what the method itself says of two equals.
+// Both sides send bare, which shows the error of the method.
 void bare_sendto_over_bare_sendto(benchmark::State& state) {
     const Sink sink;
     BareSender first(sink.address());
@@ -121,7 +121,7 @@ void bare_sendto_over_bare_sendto(benchmark::State& state) {
         state, [&] { return first.turn(); }, [&] { return second.turn(); });
 }
 
-// What lies in the processor's caches is gone: as after the host's own work for a frame.
+// Empties the processor's caches, as the host's own work between two frames would.
 class Eviction {
   public:
     void operator()() {
@@ -135,7 +135,7 @@ class Eviction {
     std::vector<unsigned char> room_ = std::vector<unsigned char>(std::size_t{4} << 20U);
 };
 
-// Single frames out of cold caches, each beside a bare sendto out of cold caches.
+// Single frames with cold caches, each next to a bare sendto with cold caches.
 void cold_media_data_over_bare_sendto(benchmark::State& state) {
     const Sink sink;
     const BareSender bare(sink.address());
@@ -174,7 +174,7 @@ void frame_size(benchmark::State& state) {
     state.counters["ns_frame"] = median(costs);
 }
 
-// How much more two threads send in the same time than one alone.
+// How much more two threads send than one in the same time.
 template <typename Turn>
 void scale(benchmark::State& state, Turn turn) {
     constexpr int TURNS = 10;
@@ -215,8 +215,8 @@ void two_threads_two_legs(benchmark::State& state) {
     scale(state, [&](int thread) { module.turn_of(0, static_cast<std::uint8_t>(thread)); });
 }
 
-// Through one socket, as the module sends; what two threads lose to each other here, the
-// system takes.
+// Two threads send bare through one socket, as in the module: what they lose is the system's
+// share.
 void two_threads_bare_sendto(benchmark::State& state) {
     const Sink sink;
     const BareSender sender(sink.address());

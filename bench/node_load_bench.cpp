@@ -1,5 +1,5 @@
-// node_load: offers the receiver the packets of many calls at once, evenly spread over
-// time, and afterwards compares the files with what was sent.
+// node_load: sends the media node the packets of many calls, evenly spread over time, and
+// afterwards compares the files with what was sent.
 //
 //   node_load send  127.0.0.1:PORT CALLS SECONDS    3,000 calls are 300,000 packets/s
 //   node_load check FOLDER CALLS                    every sample of every file
@@ -44,7 +44,7 @@ std::array<unsigned char, media::UUID_SIZE> uuid_of(unsigned call) {
     return uuid;
 }
 
-// Sample `at` of a side; never zero, so that filled silence shows.
+// Sample `at` of a side. Never zero, so that it differs from inserted silence.
 std::int16_t sample(unsigned call, unsigned side, std::uint32_t at) {
     return static_cast<std::int16_t>(((at * 7 + call * 13 + side * 5) & 0x7FFE) | 1);
 }
@@ -97,8 +97,8 @@ class Sender {
         push(PACKET_SIZE);
     }
 
-    // All that was gathered, which is of one size, in one call: the system cuts it into
-    // datagrams (UDP_SEGMENT). Datagrams sent one by one, one core sends too few.
+    // Sends all gathered datagrams, which have one size, in one call; the system cuts it into
+    // datagrams (UDP_SEGMENT). One core cannot send enough datagrams one by one.
     void flush() {
         if (filled_ == 0) {
             return;
@@ -149,12 +149,11 @@ class Sender {
     Buffer scratch_{};
     std::array<unsigned char, BATCH * PACKET_SIZE> bytes_{};
     unsigned filled_ = 0;
-    std::size_t size_ = 0;  // Of each that is gathered.
+    std::size_t size_ = 0;  // Of each gathered datagram.
     std::uint64_t total_ = 0;
 };
 
-// Sends one frame of each side of each call, spread over a frame's time in steps of a
-// millisecond.
+// Sends one frame per side and call, spread over the frame time in steps of a millisecond.
 void send_round(Sender& sender, unsigned calls, std::uint32_t frame, Clock::time_point begin) {
     constexpr unsigned STEPS = 1000 / FRAMES_PER_SECOND;
     unsigned call = 0;
@@ -190,7 +189,7 @@ int send_calls(const char* address, unsigned calls, unsigned seconds) {
     return 0;
 }
 
-// Counts the samples of one file that are not what was sent, and all of them.
+// Counts the samples of one file, and those that differ from what was sent.
 void check_file(const std::string& path, unsigned call, unsigned side, std::uint64_t& samples,
                 std::uint64_t& wrong) {
     SF_INFO info{};

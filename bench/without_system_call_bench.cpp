@@ -1,4 +1,4 @@
-// What the module costs beside its system calls: sendto does nothing in this program.
+// Measures the module without its system calls: sendto does nothing in this program.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -23,7 +23,7 @@ sockaddr_in nowhere() {
     return address;
 }
 
-// What the program itself costs to read the clock, once a packet in the module.
+// The cost of reading the clock, which the module does once per packet.
 void steady_clock(benchmark::State& state) {
     for (auto _ : state) {
         benchmark::DoNotOptimize(std::chrono::steady_clock::now());
@@ -39,7 +39,7 @@ void media_data(benchmark::State& state) {
     }
 }
 
-// Frames for one call after the other, so that each finds its context out of the cache.
+// Frames that go round the calls, so that no context is in the cache.
 void media_data_round_robin(benchmark::State& state) {
     Sender sender;
     const auto contexts = make_contexts(static_cast<std::size_t>(state.range(0)), nowhere());
@@ -51,8 +51,7 @@ void media_data_round_robin(benchmark::State& state) {
     }
 }
 
-// The read and the write leg of one call on two threads: what they share, they must not
-// write.
+// The read and the write leg of one call on two threads, which must not write to shared data.
 void media_data_two_legs(benchmark::State& state) {
     static Sender sender;
     static const auto contexts = make_contexts(1, nowhere());
@@ -63,8 +62,8 @@ void media_data_two_legs(benchmark::State& state) {
     }
 }
 
-// An iteration is 64 lines. They follow each other, so that the loop around them does not
-// count; the threshold is read anew for each.
+// An iteration is 64 lines without a loop, so that only the lines count; each reads the
+// threshold again.
 constexpr int LINES = 64;
 
 template <log::Level LEVEL>

@@ -1,4 +1,4 @@
-// The text of an address and a port, as a whole and up to its middle.
+// Fuzzes the text of an address and a port, the whole text and its first half.
 #include <arpa/inet.h>
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// API commands, one a line, against two calls: A is tapped, B is not yet. A line "!run A" runs
-// the application on the call, "!hangup B" ends it. After each line A gets a frame. Answers,
+// Fuzzes API commands, one per line, on two calls: A is tapped, B is not yet. A line "!run A"
+// runs the application on the call, "!hangup B" ends it. After each line A gets a frame. Answers,
 // log lines and datagrams are compared with a model of the two calls.
 #include <algorithm>
 #include <cstdint>
@@ -22,11 +22,11 @@ constexpr char USAGE[] =
     "-USAGE: version|dump_events|media_node|default_audio_activity|default_detection || <uuid> "
     "audio_acttivity|detection|features\n";
 
-// What is known of a call, and what is to be seen of it.
+// The model of a call.
 struct CallModel {
     std::string uuid;
     std::string id;         // Its key, decimal.
-    unsigned variables[2];  // Supported and active features that its variables ask for.
+    unsigned variables[2];  // Supported and active features from its variables.
     bool names_reference;   // It has the variable sip_call_id.
     bool alive = true;
     bool context = false;
@@ -133,7 +133,7 @@ class Calls {
         }
         lines_.push_back("media transfer started");
         lines_.push_back("new media bug added");
-        // Where the API asked for something it wins over the variables.
+        // What the API requested overrides the variables.
         const unsigned kept = call.variables[1] & ~call.supported;
         call.active = kept | (call.active & call.supported);
         call.supported |= call.variables[0];
@@ -203,7 +203,7 @@ class Calls {
         return words[0] == "default_detection" ? "\n" : session_answer_to(words);
     }
 
-    // Its form is all that is known beforehand.
+    // Only its form is known beforehand.
     std::string version() {
         std::string text = module_.api("version");
         qv::fuzz::require(text.size() > 32 && text[6] == ':' && text[13] == ' ' &&
@@ -233,7 +233,7 @@ class Calls {
         return "-ERR, unknown command \"" + words[1] + "\"!\n" + USAGE;
     }
 
-    // The call whose session the host finds; notes the line for none.
+    // The call whose session the host finds; without one, expects the log line about that.
     CallModel* find(const std::string& uuid) {
         for (CallModel* call : {&a_, &b_}) {
             if (call->alive && call->uuid == uuid) {
@@ -329,8 +329,8 @@ class Calls {
     CallModel b_;
     std::unique_ptr<qv::host::Call> call_a_;
     std::unique_ptr<qv::host::Call> call_b_;
-    Texts lines_;      // That are to come of the act under way.
-    Texts datagrams_;  // The same.
+    Texts lines_;      // Expected of the present line.
+    Texts datagrams_;  // Expected of the present line.
 };
 
 }  // namespace
@@ -341,7 +341,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::size_t lines = 0;
     for (std::size_t i = 0; i <= size && lines < LINES_MAX; ++i) {
         if (i < size && data[i] != '\n') {
-            // A command has no zero byte.
+            // The host passes commands without zero bytes.
             line += data[i] == 0 ? ' ' : static_cast<char>(data[i]);
             continue;
         }

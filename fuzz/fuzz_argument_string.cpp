@@ -1,4 +1,4 @@
-// The argument string of a load.
+// Fuzzes the argument string of a load.
 #include <cstdint>
 #include <string>
 

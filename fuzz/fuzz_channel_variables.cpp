@@ -1,6 +1,6 @@
-// Channel variables, "name=value" a line, with which the application runs on a call; the
-// call is outbound if the first line is "outbound". The start packet, its destination and
-// the log lines are compared with a model.
+// Fuzzes the channel variables of a call, one "name=value" per line; the call is outbound if
+// the first line is "outbound". The start packet, its destination and the log lines are compared
+// with a model.
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
@@ -50,7 +50,7 @@ Input read(const std::uint8_t* data, std::size_t size) {
     return input;
 }
 
-// What becomes of a call with these variables, told plainly.
+// The model: the expected results of a call with these variables.
 class Model {
   public:
     explicit Model(const Input& input) : outbound_(input.outbound) {
@@ -110,7 +110,7 @@ class Model {
         return text;
     }
 
-    // The names of variables are the same in either case.
+    // The case of the names of variables does not count.
     void set(const std::string& name, const std::string& value) {
         variables_[lower_case(name)] = value;
     }
@@ -255,7 +255,7 @@ void check_start(const Model& model, std::vector<Datagram> datagrams) {
     qv::fuzz::require_equal("destination", datagrams[0].destination(), model.destination());
 }
 
-// One frame a direction, then the end of the call.
+// One frame per direction, then the end of the call.
 void check_rest(ModuleHost& module, qv::host::Call& call, const Model& model, bool outbound) {
     call.feed(qv::host::Direction::READ, "\1\2", 2);
     call.feed(qv::host::Direction::WRITE, "\3\4", 2);

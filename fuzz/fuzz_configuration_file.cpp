@@ -1,4 +1,4 @@
-// The text of a configuration file.
+// Fuzzes the text of a configuration file.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-// A file in memory that has a path.
+// A file in memory with a path.
 class MemoryFile {
   public:
     MemoryFile(const std::uint8_t* data, std::size_t size)

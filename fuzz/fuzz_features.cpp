@@ -1,5 +1,4 @@
-// The texts that switch features on: two bytes of features that are there before, then
-// the text.
+// Fuzzes the texts that switch features on: two bytes with the features before, then the text.
 #include <cstdint>
 #include <string>
 

@@ -1,4 +1,4 @@
-// Hexadecimal text, decoded and written again.
+// Fuzzes hexadecimal text: decodes it and writes it again.
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -29,7 +29,7 @@ std::string encode(const std::vector<unsigned char>& bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    // A block of its own, so that reading past its end is seen.
+    // A separate block, so that a sanitizer reports a read past its end.
     const std::vector<char> block(data, data + size);
     const std::vector<unsigned char> bytes = qv::utils::bytes::decode(block.data(), size);
     const std::string text = lower_case({block.begin(), block.end()});

@@ -1,4 +1,4 @@
-// The text of a host list, read leniently and strictly.
+// Fuzzes the text of a host list, for the lenient and the strict parser.
 #include <arpa/inet.h>
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// Longer results only cost time.
+// Longer results would only take time.
 constexpr std::size_t ENTRIES_MAX = 3000;
 
 std::vector<std::string> pieces(const std::string& text, char delimiter) {
@@ -56,7 +56,7 @@ struct Item {
     std::uint16_t last = 0;
 };
 
-// The items that count, ranges not yet written out.
+// The valid items, with ranges still to be expanded.
 std::vector<Item> model_of(const std::string& text, bool strict) {
     std::vector<Item> items;
     for (const std::string& item : pieces(text, ',')) {
@@ -87,7 +87,7 @@ std::size_t entries_of(const std::vector<Item>& items) {
     return entries;
 }
 
-// Calls `check(entry, host, port)` for every entry next to what it should be.
+// Calls `check(entry, host, port)` for every entry with the expected host and port.
 template <typename Entry, typename Check>
 void compare(const std::list<Entry>& entries, const std::vector<Item>& items, Check check) {
     qv::fuzz::require_equal("number of entries", entries.size(), entries_of(items));

@@ -1,4 +1,4 @@
-// A datagram, decoded as receivers do and written again.
+// Fuzzes a datagram: decodes it as receivers do and writes it again.
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -17,7 +17,7 @@ std::size_t u16_at(const std::vector<std::uint8_t>& data, std::size_t offset) {
     return data[offset] + 256u * data[offset + 1];
 }
 
-// The rules of the format, place by place.
+// The rules of the format, field by field.
 bool is_valid(const std::vector<std::uint8_t>& data) {
     const std::size_t size = data.size();
     if (size < 40 || size > 1376) {

@@ -1,4 +1,4 @@
-// The text of a decimal number.
+// Fuzzes the text of a decimal number.
 #include <cerrno>
 #include <cstdint>
 #include <string>

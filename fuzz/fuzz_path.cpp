@@ -1,4 +1,4 @@
-// The text of a path.
+// Fuzzes the text of a path.
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -43,7 +43,7 @@ bool climbs_above_root(const std::vector<std::string>& components) {
     return false;
 }
 
-// From the last component to the first, counting how many the ".." behind swallow.
+// Goes from the last component to the first; each ".." drops an earlier component.
 std::string absolute(const std::string& text) {
     const char* const blanks = " \t\n\r";
     const std::size_t first = text.find_first_not_of(blanks);

@@ -1,4 +1,4 @@
-// Trimming, replacing and splitting. The input is a delimiter or set of up to three
+// Fuzzes trimming, replacing and splitting. The input is a delimiter or set of up to three
 // bytes, a zero byte, and the text.
 #include <algorithm>
 #include <cstdint>

@@ -1,4 +1,4 @@
-// The text of a UUID, decoded and printed again.
+// Fuzzes the text of a UUID: decodes it and prints it again.
 #include <cstdint>
 #include <cstring>
 #include <string>

@@ -1,4 +1,4 @@
-// How the text of an address and a port is read, told plainly.
+// A second, simple parser for the text of an address and a port.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// The option parser a second time, character by character, and the hooks that both are
-// watched through. Used by the targets for files and for argument strings.
+// A second option parser, which reads character by character, and the hooks that record what
+// both parsers do. For the targets for files and for argument strings.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@
 
 namespace qv::fuzz {
 
-// What the hooks answer: the first character of a name decides.
+// The code that the hooks return, which the first character of the name selects.
 inline int code_of(const std::string& name) {
     switch (name.empty() ? '\0' : name[0]) {
         case 'u':
@@ -29,7 +29,7 @@ inline int code_of(const std::string& name) {
     }
 }
 
-// Notes hook calls and log lines, in their order.
+// Records hook calls and log lines, in their order.
 class WatchedConfiguration : public conf::Configuration {
   public:
     WatchedConfiguration() {
@@ -84,7 +84,7 @@ class ConfigurationModel {
         return true;
     }
 
-    // One pass: ",," and "_;" are commas of the text, a comma on its own ends an item.
+    // One pass: ",," and "_;" are commas within an item, a single comma ends an item.
     bool args(const std::string& text) {
         std::string item;
         unsigned position = 0;

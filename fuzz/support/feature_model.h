@@ -1,4 +1,4 @@
-// How the texts that switch features on are read, told plainly.
+// A second, simple parser for the texts that switch features on.
 #pragma once
 
 #include <cstring>
@@ -17,8 +17,8 @@ inline bool begins(const std::string& text, const char* keyword) {
     return text.size() >= length && std::memcmp(text.data(), keyword, length) == 0;
 }
 
-// Keyword by keyword, the longer forms of a leg included. `orig` and `term` are the bits
-// of the legs.
+// Reads keyword by keyword, with the longer forms of a leg. `orig` and `term` are the bits of
+// the legs.
 inline FeatureModel read_features(const std::string& text, unsigned orig, unsigned term) {
     const std::size_t separator = text.find("::");
     const std::string name = text.substr(0, separator);
@@ -40,7 +40,7 @@ inline FeatureModel read_features(const std::string& text, unsigned orig, unsign
     if (separator == std::string::npos) {
         return {true, leg, leg};
     }
-    // No keyword holds "::", so where the value ends does not matter.
+    // No keyword contains "::", so the end of the value does not matter.
     const std::string value = text.substr(separator + 2);
     const bool active =
         begins(value, "true") || begins(value, "enabled") || begins(value, "active");

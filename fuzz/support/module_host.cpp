@@ -41,7 +41,7 @@ extern "C" __attribute__((visibility("default"))) ssize_t sendto(int /*descripto
     return static_cast<ssize_t>(size);
 }
 
-// The module is there before the fuzzer looks at the first input.
+// Loads the module before the fuzzer runs the first input.
 // NOLINTNEXTLINE(readability-identifier-naming): the name is the fuzzer's.
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     qv::fuzz::ModuleHost::instance();
@@ -57,7 +57,7 @@ std::string Datagram::destination() const {
 }
 
 ModuleHost& ModuleHost::instance() {
-    // Never destroyed: the fuzzer looks at the module's counters until the very end.
+    // Never destroyed, because the fuzzer reads the module's counters until the process ends.
     static auto* const instance = new ModuleHost;
     return *instance;
 }

@@ -1,8 +1,7 @@
-// The module in the embedded host, for targets that run it whole.
+// The module in the embedded host, for targets that run the whole module.
 //
-// A program that links it sends no datagram: what the module hands to the system is kept
-// here. The module runs on the calling thread, except for its event handlers; settle()
-// waits for these.
+// A program that links it sends no datagram: it keeps what the module passes to the system. The
+// module runs on the calling thread, except for its event handlers; settle() waits for these.
 #pragma once
 
 #include <netinet/in.h>
@@ -25,8 +24,8 @@ struct Datagram {
 
 class ModuleHost {
   public:
-    // One for the process; made, and the module loaded, at the first use. Audio activity of
-    // the terminator is the default that the module is configured with.
+    // The process has one; the first use makes it and loads the module, which is configured with
+    // audio activity of the terminator as the default.
     static ModuleHost& instance();
 
     host::EmbeddedHost& host() { return host_; }
@@ -37,7 +36,7 @@ class ModuleHost {
     std::vector<std::string> take_lines();
     std::vector<Datagram> take_datagrams();
 
-    // Nothing of a call is left in the host.
+    // Requires that the host has nothing left of any call.
     void require_clean() const;
 
   private:

@@ -1,5 +1,5 @@
-// How the C library reads decimal numbers, told plainly: the second opinion of the
-// targets that read numbers, ports and addresses.
+// A second, simple parser for decimal numbers as the C library reads them, for the targets that
+// read numbers, ports and addresses.
 #pragma once
 
 #include <cstddef>
@@ -19,11 +19,11 @@ inline bool is_digit(char c) {
 }
 
 struct NumberModel {
-    bool digits = false;          // There is a number at the start.
+    bool digits = false;          // The text begins with a number.
     bool whole = false;           // Nothing follows it.
     bool overflow = false;        // It does not fit 64 bits.
     bool minus = false;           // It has a minus sign.
-    std::uint64_t magnitude = 0;  // Without the sign; the largest if it does not fit.
+    std::uint64_t magnitude = 0;  // Without the sign; the maximum if it does not fit.
 
     // With the wrap-around of an unsigned conversion.
     std::uint64_t value() const { return overflow || !minus ? magnitude : 0 - magnitude; }
@@ -49,7 +49,7 @@ inline NumberModel read_number(const std::string& text) {
     return number;
 }
 
-// A port that has to be a number from end to end; false if it is none.
+// Reads a port; false unless the whole text is a number.
 inline bool read_port(const std::string& text, std::uint16_t& port) {
     const NumberModel number = read_number(text);
     if (!number.whole || number.overflow || number.value() > 65535) {
@@ -59,7 +59,7 @@ inline bool read_port(const std::string& text, std::uint16_t& port) {
     return true;
 }
 
-// "a.b.c.d": four numbers up to 255 without leading zeros. `bytes` gets them.
+// Reads "a.b.c.d", four numbers up to 255 without leading zeros, into `bytes`.
 inline bool read_dotted(const std::string& text, unsigned char (&bytes)[4]) {
     std::size_t at = 0;
     for (int i = 0; i < 4; ++i) {

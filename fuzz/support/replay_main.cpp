@@ -1,5 +1,5 @@
-// Runs files, and all files of folders, through a fuzz target without a fuzzer: the
-// corpora are tests of every build, whatever the compiler.
+// Runs files, and all files of folders, through a fuzz target without a fuzzer, so that the
+// corpora are tests of every build with any compiler.
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -32,10 +32,10 @@ bool replay(const fs::path& path) {
         return false;
     }
     const std::vector<char> content{std::istreambuf_iterator<char>(file), {}};
-    // Named beforehand, so that a crash tells which file it was.
+    // Prints the name first, so that a crash shows which file caused it.
     std::printf("%s\n", path.c_str());
     std::fflush(stdout);
-    // A block of just this size, so that reading past its end is seen.
+    // A block of exactly this size, so that a sanitizer reports a read past its end.
     const std::vector<std::uint8_t> input(content.begin(), content.end());
     LLVMFuzzerTestOneInput(input.data(), input.size());
     return true;

@@ -1,5 +1,5 @@
-// What a fuzz target says about the code under test: a property that does not hold ends
-// the process, so that the fuzzer keeps the input.
+// Checks properties of the code under test. A property that does not hold ends the process, so
+// that the fuzzer keeps the input.
 #pragma once
 
 #include <cstdint>
@@ -43,14 +43,14 @@ void show(std::ostream& out, const Number& number) {
     std::abort();
 }
 
-// `what` holds of every input.
+// Requires that `what` holds for every input.
 inline void require(bool holds, const char* what) {
     if (!holds) {
         fail(std::string("does not hold: ") + what);
     }
 }
 
-// The code under test and the plain second implementation agree on `what`.
+// Requires that the code under test and the second implementation agree on `what`.
 template <typename Actual, typename Expected>
 void require_equal(const char* what, const Actual& actual, const Expected& expected) {
     if (!(actual == expected)) {
@@ -69,5 +69,5 @@ inline std::string as_text(const std::uint8_t* data, std::size_t size) {
 
 }  // namespace qv::fuzz
 
-// Every target defines this one function.
+// Every target defines this function.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);

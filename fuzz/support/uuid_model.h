@@ -1,4 +1,4 @@
-// How the text of a UUID is read, told plainly.
+// A second, simple parser for the text of a UUID.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,10 @@
 
 namespace qv::fuzz {
 
-// Collects up to 32 digits into `digits`, also of a text that is refused. False if the
-// text is no UUID.
+// Appends up to 32 digits to `digits`, also those of an invalid text. False if the text is no
+// UUID.
 inline bool read_uuid(const std::string& text, std::string& digits) {
-    constexpr std::uint64_t dashes = 8659200;  // A bit for each place where one may stand.
+    constexpr std::uint64_t dashes = 8659200;  // One bit per position where a dash is allowed.
     for (std::size_t i = 0; i < text.size() && digits.size() < 32; ++i) {
         if (std::strchr("0123456789abcdefABCDEF", text[i]) != nullptr) {
             digits += text[i];

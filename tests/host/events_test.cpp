@@ -12,7 +12,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-// What the callbacks of the running test have seen.
+// What the callbacks of the running test have recorded.
 Texts g_seen;
 std::thread::id g_thread;
 std::atomic<bool> g_inside{false};

@@ -1,4 +1,4 @@
-// What the tests of the embedded host have in common. One thread.
+// The fixture for tests of the embedded host. One thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@
 
 namespace qv::host {
 
-// A host, and short ways to use it. QUORVANE_PROBE_DIRECTORY holds the probe modules.
+// A host with helpers. QUORVANE_PROBE_DIRECTORY holds the probe modules.
 class HostTest : public ::testing::Test {
   protected:
     static std::string probe_path(const std::string& name) {
@@ -24,7 +24,7 @@ class HostTest : public ::testing::Test {
         ASSERT_TRUE(result.loaded) << result.error;
     }
 
-    // Texts of the module's lines so far, without their "probe: " and line end.
+    // The texts of the module's lines so far, without "probe: " and line end.
     std::vector<std::string> said() {
         std::vector<std::string> texts;
         for (const LogLine& line : host_.log().lines()) {

@@ -149,8 +149,8 @@ TEST_F(LoaderTest, BugsOfAnUnloadedModuleGoWithoutAClose) {
     EXPECT_EQ(host_.report().bugs_closed, 0u);
 }
 
-// An object that is mapped by somebody else too; the real host does not look after its bugs
-// and bindings either, and goes on calling them.
+// The object is also opened elsewhere and stays mapped. Like the real host, this one keeps its
+// bugs and bindings and goes on calling them.
 class LastingObject {
   public:
     explicit LastingObject(const std::string& path) : object_(dlopen(path.c_str(), RTLD_NOW)) {}

@@ -7,7 +7,7 @@ namespace {
 
 using Kinds = std::vector<int>;
 
-// A bug that writes down what it gets and answers as it is told.
+// A bug that records its events and answers as the test says.
 struct Recorder {
     static switch_bool_t on_event(switch_media_bug_t* bug, void* user_data,
                                   switch_abc_type_t type) {

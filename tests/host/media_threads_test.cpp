@@ -1,4 +1,4 @@
-// Calls that play: their threads, their pace, and what races with them.
+// Calls that play media: their threads, their pace, and functions that race with them.
 #include "host/media_threads.h"
 
 #include <atomic>
@@ -106,8 +106,8 @@ class CountingObserver : public FrameObserver {
     }
 
     std::atomic<std::size_t> read_frames{0}, write_frames{0}, bytes{0}, seen_by{0};
-    std::atomic<bool> in_time{true};   // never done before the bugs can have been
-    std::atomic<bool> punctual{true};  // no lateness at all
+    std::atomic<bool> in_time{true};   // never before the bugs were done
+    std::atomic<bool> punctual{true};  // every lateness was 0
 };
 
 TEST_F(MediaThreadsTest, AnObserverHearsOfEveryFrameWithItsLateness) {

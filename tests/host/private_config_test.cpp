@@ -23,7 +23,7 @@ std::string text_of(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// The exit code of `action` in a process of its own: what it does to the process ends there.
+// Runs `action` in a child process, because it changes the whole process. Returns the exit code.
 int in_child(const std::function<int()>& action) {
     const pid_t child = fork();
     if (child == 0) {

@@ -1,7 +1,7 @@
-// What a media node saw of one call, packet after packet, and what is wrong with it.
+// Checks the packets of one call that a media node received.
 //
-// Reads the packets by their offsets on its own, not with the module's constants. A plain
-// value: one thread at a time.
+// Uses its own offsets of the fields, not the module's constants. A plain value: one thread at
+// a time.
 #pragma once
 
 #include <algorithm>
@@ -13,17 +13,17 @@
 
 namespace qv::tests {
 
-// One direction of a call: its data packets, as far as they follow each other.
+// The data packets of one direction of a call.
 struct LegTransfer {
     std::uint32_t packets = 0;  // The last sequence number.
     std::uint32_t samples = 0;  // Up to the end of the last packet.
-    std::uint32_t gaps = 0;     // Packets that do not continue the one before.
+    std::uint32_t gaps = 0;     // Packets that do not continue the previous one.
     Bytes audio;
 };
 
 class CallTransfer {
   public:
-    // A feature set as a packet carries it.
+    // A feature set as in a packet.
     struct Features {
         unsigned supported = 0;
         unsigned active = 0;
@@ -36,8 +36,8 @@ class CallTransfer {
         }
     }
 
-    // What keeps this from being a whole call: one start first, legs without a gap, one
-    // terminate behind which no audio comes. Empty for nothing.
+    // Why this is not a whole call, which begins with one start, has legs without gaps, and has
+    // one terminate with no audio behind it. Empty for a whole call.
     std::string flaws() const {
         std::string text;
         expect(text, starts == 1, std::to_string(starts) + " starts");

@@ -1,7 +1,6 @@
-// Leaves the process without a free file descriptor for as long as it lives. Those that are
-// open stay so.
+// While it exists, the process cannot open a file descriptor. Open ones stay open.
 //
-// The limit is the whole process's: one at a time.
+// One at a time, since the limit is that of the whole process.
 #pragma once
 
 #include <sys/resource.h>

@@ -1,5 +1,5 @@
-// Lets allocations fail: a program that links quorvane_failing_new has its own
-// operator new of the kind that returns null, also for the modules it opens.
+// Lets allocations fail: quorvane_failing_new replaces the operator new that returns null, for
+// the program that links it and for the modules that this opens.
 //
 // Any thread.
 #pragma once
@@ -8,8 +8,8 @@
 
 namespace qv::tests {
 
-// While it lives, `new (std::nothrow)` finds no memory for objects of at least `size`
-// bytes. One at a time.
+// While it exists, `new (std::nothrow)` fails for objects of at least `size` bytes. One at a
+// time.
 class NoMemory {
   public:
     explicit NoMemory(std::size_t size = 0);

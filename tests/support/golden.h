@@ -1,9 +1,9 @@
-// The golden datagrams of tests/data: packets written by hand, for the tests of
-// whoever makes or reads them. tests/data/README.md describes the files.
+// The golden datagrams of tests/data: packets written by hand, for the tests of senders and
+// receivers. tests/data/README.md describes the files.
 //
 // The functions read files and keep no state; any thread may call them. A file
-// that is missing or malformed is a fault of the test and throws
-// std::runtime_error naming the file and the line.
+// that is missing or malformed is an error of the test and throws std::runtime_error, which
+// names the file and the line.
 #pragma once
 
 #include <cctype>

@@ -1,7 +1,7 @@
-// Keeps the log lines of a test: installs itself as the logger's sink, and puts the
-// logger back when it goes.
+// Records the log lines of a test: installs itself as the logger's sink and restores the
+// logger in the end.
 //
-// One at a time; lines may come from any thread, `lines` is read when they are done.
+// One at a time. Any thread may log; `lines` is for use when they have finished.
 #pragma once
 
 #include <mutex>

@@ -2,9 +2,8 @@
 //
 //     LEVEL CHANNEL FILE:FUNCTION TEXT
 //
-// CHANNEL is "log", or "session" and the call's UUID; FUNCTION is "-" where there is
-// none. TEXT is the message; of a line that was not written as "[quorvane]: %s\n" it is
-// all that was written, behind "RAW ".
+// CHANNEL is "log", or "session" and the call's UUID; FUNCTION is "-" if there is none. TEXT is
+// the message. If the format was not "[quorvane]: %s\n", TEXT is "RAW " and the whole text.
 #pragma once
 
 #include <string>

@@ -1,7 +1,7 @@
-// Receives on a media node all the time, in a thread of its own, so that the node's socket
-// does not fill while calls run; keeps what came, by call.
+// Receives on a media node continuously, in its own thread, so that the node's socket does not
+// fill while calls run. Keeps the packets, by call.
 //
-// One thread makes it and takes what it has. The node must outlive it.
+// One thread makes it and takes its packets. The node must outlive it.
 #pragma once
 
 #include <atomic>
@@ -17,8 +17,8 @@ namespace qv::tests {
 
 class MediaListener {
   public:
-    // The packets of each call in the order in which they came, by the 32 digits of the
-    // call's UUID. Under an empty text: what is too short to name a call.
+    // The packets of each call in the order of their arrival, by the 32 digits of the call's
+    // UUID. Packets too short for a UUID are under an empty text.
     using Packets = std::map<std::string, std::vector<Bytes>>;
 
     explicit MediaListener(MediaNode& node) : node_(node), thread_([this] { run(); }) {}
@@ -26,7 +26,7 @@ class MediaListener {
     MediaListener& operator=(const MediaListener&) = delete;
     ~MediaListener() { finish(); }
 
-    // Waits until nothing comes any more.
+    // Waits until no more packets arrive.
     const Packets& finish() {
         finishing_ = true;
         if (thread_.joinable()) {
@@ -50,7 +50,7 @@ class MediaListener {
 
     MediaNode& node_;
     std::atomic<bool> finishing_{false};
-    Packets packets_;     // The thread's until it has ended.
+    Packets packets_;     // Only the thread uses it until it has ended.
     std::thread thread_;  // Last: it uses all above.
 };
 

@@ -1,7 +1,8 @@
-// A media node for tests: a UDP socket on 127.0.0.1 that gives out what it receives, in
-// the order in which it came.
+// A media node for tests: a UDP socket on 127.0.0.1 that returns what it receives, in the
+// order of arrival.
 //
-// One thread at a time receives; any thread may ask how full the socket is and what it lost.
+// One thread at a time receives; any thread may ask how full the socket is and how many
+// datagrams it lost.
 #pragma once
 
 #include <arpa/inet.h>
@@ -26,9 +27,9 @@ namespace qv::tests {
 
 class MediaNode {
   public:
-    // `room` is what the socket may hold, in bytes as the system counts them; enough for what
-    // many calls send at once, though an ordinary user may get less. std::system_error: no
-    // socket to be had.
+    // `room` is the size of the socket's buffer in bytes, as the system counts them. It is enough
+    // for many calls; the system may grant an ordinary user less. Throws std::system_error when
+    // there is no socket.
     explicit MediaNode(int room = 16 << 20) : descriptor_(::socket(AF_INET, SOCK_DGRAM, 0)) {
         sockaddr_in local{};
         local.sin_family = AF_INET;
@@ -51,7 +52,7 @@ class MediaNode {
     std::uint16_t port() const { return port_; }
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
-    // The next datagram; empty when none comes in time.
+    // The next datagram; empty when none arrives in time.
     Bytes receive(std::chrono::milliseconds patience = std::chrono::seconds(2)) {
         pollfd ready{descriptor_, POLLIN, 0};
         if (::poll(&ready, 1, static_cast<int>(patience.count())) != 1) {
@@ -61,7 +62,7 @@ class MediaNode {
         return size > 0 ? Bytes(buffer_.begin(), buffer_.begin() + size) : Bytes();
     }
 
-    // What has come, up to a quiet time.
+    // All datagrams until none arrives for a while.
     std::vector<Bytes> receive_all(
         std::chrono::milliseconds quiet_time = std::chrono::milliseconds(30)) {
         std::vector<Bytes> packets;
@@ -71,7 +72,7 @@ class MediaNode {
         return packets;
     }
 
-    // The type bytes of what has come: "81838382".
+    // The type bytes of all datagrams: "81838382".
     std::string receive_types() {
         std::string types;
         for (const Bytes& packet : receive_all()) {
@@ -80,12 +81,12 @@ class MediaNode {
         return types;
     }
 
-    // Datagrams that found the socket full. While there are none, a packet that did not
-    // come was not sent.
+    // The number of datagrams that were lost because the socket was full. While it is 0, a packet
+    // that did not arrive was not sent.
     std::uint32_t dropped() const { return memory()[SK_MEMINFO_DROPS]; }
 
-    // Waits while the socket is more than a quarter full, for whoever sends faster than the
-    // node reads; false when the node does not catch up in time.
+    // Waits while the socket is more than a quarter full, so that a fast sender does not overrun
+    // the node; false when the node does not catch up in time.
     bool wait_for_room(std::chrono::milliseconds patience = std::chrono::seconds(30)) const {
         const auto give_up = std::chrono::steady_clock::now() + patience;
         while (more_than_a_quarter_full()) {
@@ -100,7 +101,7 @@ class MediaNode {
   private:
     using Memory = std::array<std::uint32_t, SK_MEMINFO_VARS>;
 
-    // What the system tells of the socket's memory. std::system_error: nothing.
+    // The system's figures about the socket's memory. Throws std::system_error.
     Memory memory() const {
         Memory memory{};
         socklen_t size = sizeof(memory);

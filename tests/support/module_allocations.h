@@ -1,9 +1,9 @@
-// Watches what the module under test allocates, and lets one of its allocations fail.
+// Watches the allocations of the module under test and lets one of them fail.
 //
-// A program that links quorvane_module_allocations has its own operator new. An allocation
-// counts as the module's when the innermost caller outside the C++ library lies in the
-// object of which the address given to `watch_object` is a part: the host's own ones, made
-// while it serves the module, are left alone. Not for sanitizer builds.
+// quorvane_module_allocations replaces operator new in the program that links it. An allocation
+// is the module's if the innermost caller outside the C++ library is in the object that
+// `watch_object` names. Those that the host makes while it serves the module do not count. Not
+// for sanitizer builds.
 #pragma once
 
 #include <cstddef>
@@ -17,12 +17,11 @@ void watch_object(const void* address);
 // threads; the others succeed.
 void fail_allocation(std::size_t index);
 
-// No allocation fails any more. Returns how many the module has made since
-// `fail_allocation`.
+// Ends the failing. Returns how many allocations the module has made since `fail_allocation`.
 std::size_t stop_failing();
 
-// How many of the allocations that the module made between the two calls above have not
-// been given back yet.
+// How many of the allocations that the module made between the two calls above are not freed
+// yet.
 std::size_t allocations_kept();
 
 }  // namespace qv::tests

@@ -1,5 +1,5 @@
-// The fixture of the tests of the module as a whole: the built mod_quorvane.so in an
-// embedded host, its configuration in a folder of the test's own, and a media node.
+// The fixture for tests of the whole module: the built mod_quorvane.so in an embedded host, its
+// configuration in a temporary folder, and a media node.
 //
 // The module is the build that reads etc/delmaren/quorvane/freeswitch_mod.conf under the
 // current directory; the fixture makes a temporary folder the current one.
@@ -32,7 +32,7 @@ constexpr const char* KEY = "3813542450166248352";  // 0x34ec6ca7460833a0
 
 constexpr const char* CONFIG_PATH = "etc/delmaren/quorvane/freeswitch_mod.conf";
 
-// Makes a new folder the current one, and removes it at the end.
+// Makes a new folder the current directory, and removes it in the end.
 class TemporaryFolder {
   public:
     TemporaryFolder() : before_(std::filesystem::current_path()) {
@@ -56,7 +56,7 @@ class ModuleTest : public ::testing::Test {
   protected:
     using Variables = std::map<std::string, std::string>;
 
-    // Nothing may be left over, whatever the test did.
+    // Checks that the module has released everything.
     void TearDown() override {
         const host::Report report = host.report();
         EXPECT_EQ(report.read_locks_held, 0U);
@@ -72,11 +72,10 @@ class ModuleTest : public ::testing::Test {
         std::ofstream(path) << text;
     }
 
-    // Loads the module as it is configured.
+    // Loads the module with the present configuration file.
     host::LoadResult try_load() { return host.load_module(QUORVANE_MODULE_PATH); }
 
-    // Loads the module with the test's media node and `options` besides, and forgets what
-    // it logged.
+    // Loads the module with the test's media node and `options`, and clears the log.
     void load(const std::string& options = "") {
         configure("media_node=" + node.address() + "\n" + options);
         const host::LoadResult result = try_load();
@@ -98,7 +97,7 @@ class ModuleTest : public ::testing::Test {
         return host.start_call(std::move(options));
     }
 
-    // A call that has run the application, with nothing in the log and at the node.
+    // Starts a call that has run the application; clears the log and the node.
     std::unique_ptr<host::Call> start_tapped_call(Variables variables = {}) {
         auto call = start_call(std::move(variables));
         EXPECT_TRUE(call->execute("quorvane"));
@@ -107,7 +106,7 @@ class ModuleTest : public ::testing::Test {
         return call;
     }
 
-    // Hangs up, and waits for what the module does then.
+    // Hangs up and waits until the module has handled that.
     void hangup(host::Call& call) {
         call.hangup();
         host.events().wait_drained();
@@ -116,7 +115,7 @@ class ModuleTest : public ::testing::Test {
     std::string api(const std::string& words) { return host.api("quorvane " + words).text; }
     std::string call_api(const std::string& words) { return api(std::string(UUID) + " " + words); }
 
-    // What the module logged since the last look.
+    // The lines that the module has logged since the last call.
     Lines take_log() {
         Lines texts;
         for (const host::LogLine& line : host.log().lines()) {

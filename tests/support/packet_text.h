@@ -1,5 +1,4 @@
-// Packets as text, for comparing: two lower-case hexadecimal digits a byte, without
-// blanks, so that a difference is shown whole.
+// Packets as text for comparisons: two lower-case hexadecimal digits per byte, without blanks.
 //
 // The functions keep no state; any thread may call them.
 #pragma once
@@ -22,7 +21,7 @@ inline std::string to_text(const Bytes& bytes) {
     return text;
 }
 
-// The bytes of a text of hexadecimal digits and blanks.
+// The bytes of a text with hexadecimal digits and blanks.
 inline Bytes from_text(const std::string& text) {
     Bytes bytes;
     if (!append_hex_line(text, bytes)) {
@@ -31,12 +30,12 @@ inline Bytes from_text(const std::string& text) {
     return bytes;
 }
 
-// The same digits without the blanks.
+// The digits of such a text without the blanks.
 inline std::string hex(const std::string& text) {
     return to_text(from_text(text));
 }
 
-// The `size` bytes from `offset` on; empty where the packet is shorter.
+// The `size` bytes at `offset`; empty if the packet is shorter.
 inline std::string field(const Bytes& packet, std::size_t offset, std::size_t size) {
     if (packet.size() < offset + size) {
         return {};
@@ -45,7 +44,7 @@ inline std::string field(const Bytes& packet, std::size_t offset, std::size_t si
     return to_text(Bytes(begin, begin + static_cast<std::ptrdiff_t>(size)));
 }
 
-// The packet with its send time, bytes 32 to 39, as zeros.
+// The packet with zeros for its send time, bytes 32 to 39.
 inline std::string timeless(Bytes packet) {
     if (packet.size() >= 40) {
         std::fill(packet.begin() + 32, packet.begin() + 40, static_cast<unsigned char>(0));

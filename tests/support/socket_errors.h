@@ -1,6 +1,6 @@
-// Every error that the system may give for a UDP socket over IPv4, by the call that gives it:
-// what the manual pages of the call, of ip(7) and of udp(7) name, what comes back as an ICMP
-// message, and what a filter or a limit of the system can add.
+// Every error that the system may report for a UDP socket over IPv4, by system call: those that
+// the manual pages of the call, of ip(7) and of udp(7) name, those that come from ICMP messages,
+// and those of filters and limits of the system.
 //
 // Constants: any thread may read them.
 #pragma once

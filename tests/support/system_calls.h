@@ -1,10 +1,10 @@
-// Watches and disturbs the system calls of a test program.
+// Records the system calls of a test program and lets them fail.
 //
 // A program that links quorvane_system_calls has its own socket, setsockopt, bind, sendto, recv,
 // shutdown, close, connect, getsockname, gethostname, stat, mkdir, and fopen64 and read, by
-// which a stream of the standard library comes to its file. They go on to the system's, unless a
-// SystemCalls object lives: then each call is noted, and the outcomes that the test has lined up
-// for it are taken first. Calls may come from any thread.
+// which a stream of the standard library opens and reads its file. They call the system's own.
+// While a SystemCalls object exists, each call is recorded, and the outcomes that the test has
+// queued for it come first. Any thread may make the calls.
 #pragma once
 
 #include <deque>
@@ -16,14 +16,14 @@
 
 namespace qv::tests {
 
-// What becomes of one call.
+// The outcome of one call.
 struct Outcome {
     enum class Kind {
-        PASS,    // As usual.
-        FAIL,    // Fails with errno `value`; the system is not asked.
-        LIMIT,   // As usual, but with no more than `value` bytes.
-        ANSWER,  // Returns `value`; the system is not asked.
-        STARVE,  // As usual, but without a free file descriptor.
+        PASS,    // Calls the system.
+        FAIL,    // Fails with errno `value` without calling the system.
+        LIMIT,   // Calls the system with at most `value` bytes.
+        ANSWER,  // Returns `value` without calling the system.
+        STARVE,  // Calls the system without a free file descriptor.
     };
     Kind kind = Kind::PASS;
     long value = 0;
@@ -53,13 +53,13 @@ class SystemCalls {
     SystemCalls& operator=(const SystemCalls&) = delete;
     ~SystemCalls();
 
-    // Lines up `outcome` for a next call of `name`.
+    // Queues `outcome` for a later call of `name`.
     void next(const std::string& name, Outcome outcome);
 
-    // Has `action` run before each call of `name`, on the thread that makes the call.
+    // Runs `action` before each call of `name`, on the thread that makes the call.
     void before(const std::string& name, std::function<void()> action);
 
-    // The calls so far, of one name or, in order, the names of all.
+    // The calls of one name so far; the names of all calls in order.
     std::vector<SeenCall> seen(const std::string& name) const;
     std::vector<std::string> names() const;
 

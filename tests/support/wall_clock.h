@@ -1,8 +1,8 @@
-// Steps the wall clock of a test program, as an administrator or a time service would do it.
+// Steps the wall clock of a test program, as an administrator or a time service would.
 //
-// A program that links quorvane_wall_clock has its own clock_gettime, which the clocks of the
-// standard library ask. It adds the step to the wall clock; the steady clock stays as it is.
-// Any thread may step; all threads see it.
+// quorvane_wall_clock replaces clock_gettime in the program that links it. The standard
+// library's clocks call it. It adds the step to the wall clock and leaves the steady clock
+// alone. Any thread may step; all threads see it.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@ class WallClock {
     WallClock& operator=(const WallClock&) = delete;
     ~WallClock() { set_ahead(std::chrono::seconds(0)); }
 
-    // From now on the wall clock is this much ahead of the true time; negative: behind it.
+    // Sets how far the wall clock is ahead of the true time; negative: behind it.
     static void set_ahead(std::chrono::seconds step);
 };
 
