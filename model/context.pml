@@ -96,8 +96,7 @@ byte bugs_lock;          /* AttachedBugs::lock_: who holds it. */
 bit loaded;              /* AttachedBugs::loaded_ */
 bit hook_left;           /* AttachedBugs::hook_left_ */
 bit reference;           /* AttachedBugs::reference_ holds one. */
-bit postponed;           /* A reference that a thread gives back a second later, */
-byte leaving;            /* and those of threads that nobody can hurry any more. */
+byte postponed;          /* References that threads give back when they end. */
 bit hook_bound;          /* g_channel_destroy_hook */
 byte descriptor = NONE;  /* Socket::descriptor_ */
 byte taken = NONE;       /* Socket::taken_number_ */
@@ -241,10 +240,10 @@ inline leave() {
 }
 
 /* code: module/attached_bugs.cpp AttachedBugs::remove: lock_; --count_ > 0; release_number;
- *       !loaded_ && !hook_left_; give_back_after
+ *       !loaded_ && !hook_left_; give_back_at_thread_end
  * code: quorvane_lib/net_socket.cpp Socket::release_number: ::close; taken_number_
- * code: module/object_reference.cpp ObjectReference::give_back_after: handle_ == nullptr;
- *       hurry_postponed(); handle_ = nullptr */
+ * code: module/object_reference.cpp ObjectReference::give_back_at_thread_end:
+ *       handle_ == nullptr; pthread_setspecific; handle_ = nullptr */
 inline count_bug_down() {
 #if RELOADS > 0
     atomic { take(bugs_lock); here; attached_bugs-- }
@@ -264,7 +263,7 @@ inline count_bug_down() {
         :: false ->
 #endif
             reference = 0;
-            postponed = 1  /* An earlier thread has been hurried. */
+            postponed++
         :: else
         fi;
         give(bugs_lock)
@@ -671,7 +670,7 @@ inline load(success) {
  *       unbind(g_channel_destroy_hook); g_bugs.unloaded
  * code: module/attached_bugs.cpp AttachedBugs::unloaded: lock_; loaded_ = false;
  *       hook_left_ = false; count_ > 0; take_reference; lock_; give_back
- * code: module/object_reference.cpp ObjectReference::give_back: hurry_postponed; ::dlclose */
+ * code: module/object_reference.cpp ObjectReference::give_back: handle_ != nullptr; ::dlclose */
 inline shutdown() {
     close_socket();
 #ifdef HOST_UNBINDS_DURING_CALLBACK
@@ -690,7 +689,7 @@ inline shutdown() {
 #endif
     }
     if
-    :: !k -> atomic { bugs_lock == NOBODY -> here; reference = 0; postponed = 0 }
+    :: !k -> atomic { bugs_lock == NOBODY -> here; reference = 0 }
     :: else
     fi;
     k = 0;
@@ -873,7 +872,7 @@ proctype event_thread() {
  * code: module/mod_quorvane.cpp ~LeftContexts: contexts_lock; remove_context */
 inline host_unmap() {
     if
-    :: !host_reference && !reference && !postponed && leaving == 0 ->
+    :: !host_reference && !reference && postponed == 0 ->
         module_mapped = 0;
         assert(!(attached_bugs > 0));
         for (k : 0 .. KEYS - 1) {
@@ -904,16 +903,15 @@ inline host_unmap() {
 
 #define THREADS (2 * CALLS + COMMANDS + 1 + 2 * (RELOADS > 0) + FILES)
 
-/* The threads that give a reference back after a while, if nobody hurries them. Each waits for
- * the lock once more, and has the linker called when it has ended.
- * code: module/object_reference.cpp ObjectReference::wait_and_leave: postponed.wait;
- *       owners_lock; close_at_thread_end */
-proctype waiting_thread() {
+/* The ends of threads that give a reference back: the C library closes the object for them.
+ * A closing thread may end at any time after it has counted the last bug down. The case that it
+ * closes two last bugs counts as two threads.
+ * code: module/object_reference.cpp close_function: dlclose */
+proctype thread_ends() {
     byte k, c;
     do
-    :: atomic { postponed && bugs_lock == NOBODY -> here; postponed = 0; leaving++ }
-    :: atomic { leaving > 0 -> leaving--; host_unmap() }
-    :: atomic { finished == THREADS - 1 && !postponed && leaving == 0 -> break }
+    :: atomic { postponed > 0 -> postponed--; host_unmap() }
+    :: atomic { finished == THREADS - 1 && postponed == 0 -> break }
     od;
     finished++
 }
@@ -979,7 +977,7 @@ init {
         run event_thread();
 #if RELOADS > 0
         run loading_thread();
-        run waiting_thread();
+        run thread_ends();
 #endif
 #if FILES > 0
         for (i : 1 .. FILES) {

@@ -6,11 +6,10 @@ namespace qv::freeswitch {
 
 namespace {
 
-// The thread that has counted the last bug down still has some instructions to go in this
-// object, and nothing that the host offers tells when they are done. These times are some
-// thousand times what they take.
+// The thread that has counted a bug down still has some instructions to go in this object,
+// and nothing that the host offers tells when they are done. This is some thousand times
+// what they take.
 constexpr std::chrono::milliseconds SHUTDOWN_GRACE{100};
-constexpr std::chrono::milliseconds OBJECT_GRACE{1000};
 
 }  // namespace
 
@@ -27,7 +26,7 @@ void AttachedBugs::remove() {
     }
     socket_.release_number();
     if (!loaded_ && !hook_left_) {
-        reference_.give_back_after(OBJECT_GRACE);
+        reference_.give_back_at_thread_end();
     }
 }
 

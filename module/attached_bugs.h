@@ -22,7 +22,7 @@ class AttachedBugs {
 
     void add();
     // The end of the last event: nothing of the module may be used after it. After the last bug
-    // of a module that is unloaded, the object goes away a second later.
+    // of a module that is unloaded, the object goes away when the calling thread ends.
     void remove();
 
     // Open and close the socket beside bugs that send.
@@ -50,7 +50,7 @@ class AttachedBugs {
     int count_ QV_GUARDED_BY(lock_) = 0;
     bool loaded_ QV_GUARDED_BY(lock_) = false;
     bool hook_left_ QV_GUARDED_BY(lock_) = false;
-    ObjectReference reference_ QV_GUARDED_BY(lock_){lock_};
+    ObjectReference reference_ QV_GUARDED_BY(lock_);
 
     // When the last bug was closed, and by whom; and when somebody else last did.
     std::thread::id last_closer_ QV_GUARDED_BY(lock_);

@@ -2,13 +2,7 @@
 
 #include <dlfcn.h>
 
-#include <new>
 #include <utility>
-
-// The C library's own way to have a function called at the end of the thread. It counts the
-// function against the object in which `dso_symbol` lies.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the name is given.
-extern "C" int __cxa_thread_atexit_impl(void (*function)(void*), void* argument, void* dso_symbol);
 
 namespace qv::freeswitch {
 
@@ -17,39 +11,23 @@ namespace {
 // Any address in this object.
 const char here = 0;
 
-// Has the C library call dlclose when this thread has left the object for good. A call of our
-// own would return into code that may be gone.
-void close_at_thread_end(void* handle) {
-    void* const in_the_library = reinterpret_cast<void*>(&::dlclose);
-    const auto close = reinterpret_cast<void (*)(void*)>(in_the_library);
-    __cxa_thread_atexit_impl(close, handle, in_the_library);
+// dlclose itself, so that the C library calls it when the thread has left this object for
+// good. A function of our own would return into code that may be gone.
+using Close = void (*)(void*);
+Close close_function() {
+    return reinterpret_cast<Close>(reinterpret_cast<void*>(&::dlclose));
 }
 
 }  // namespace
 
-// Shared with the thread that waits: whoever comes last deletes it.
-struct ObjectReference::Postponed {
-    Mutex* owners_lock = nullptr;
-    void* handle = nullptr;
-    std::chrono::steady_clock::time_point due{};
+ObjectReference::ObjectReference()
+    : has_key_(::pthread_key_create(&at_thread_end_, close_function()) == 0) {}
 
-    Mutex lock;
-    Condition hurried;
-    bool hurry QV_GUARDED_BY(lock) = false;     // The thread ends at once, and is waited for.
-    bool detached QV_GUARDED_BY(lock) = false;  // The thread ends by itself.
-
-    // Waits for the end of the delay, or to be hurried. True for the first.
-    bool wait() {
-        const LockGuard guard(lock);
-        while (!hurry && hurried.wait_until(lock, due)) {
-        }
-        if (!hurry) {
-            ::pthread_detach(::pthread_self());
-            detached = true;
-        }
-        return detached;
+ObjectReference::~ObjectReference() {
+    if (has_key_) {
+        ::pthread_key_delete(at_thread_end_);
     }
-};
+}
 
 bool ObjectReference::take() {
     Dl_info self{};
@@ -60,58 +38,29 @@ bool ObjectReference::take() {
 }
 
 void ObjectReference::give_back() {
-    hurry_postponed();
     if (handle_ != nullptr) {
         ::dlclose(std::exchange(handle_, nullptr));
     }
+    if (void* const postponed = postponed_by_this_thread()) {
+        ::pthread_setspecific(at_thread_end_, nullptr);
+        ::dlclose(postponed);
+    }
 }
 
-void ObjectReference::give_back_after(std::chrono::milliseconds delay) {
-    if (handle_ == nullptr) {
+void ObjectReference::give_back_at_thread_end() {
+    if (handle_ == nullptr || !has_key_) {
         return;
     }
-    hurry_postponed();  // The reference that is held keeps the object.
-    try {
-        auto postponed = std::make_shared<Postponed>();
-        postponed->owners_lock = &lock_;
-        postponed->handle = handle_;
-        postponed->due = std::chrono::steady_clock::now() + delay;
-        auto argument = std::make_unique<std::shared_ptr<Postponed>>(postponed);
-        if (::pthread_create(&thread_, nullptr, wait_and_leave, argument.get()) == 0) {
-            static_cast<void>(argument.release());  // The thread's now.
-            postponed_ = std::move(postponed);
-            handle_ = nullptr;
-        }
-    } catch (const std::bad_alloc&) {  // As without a thread.
+    if (postponed_by_this_thread() != nullptr) {
+        // One is enough to keep the object until then.
+        ::dlclose(std::exchange(handle_, nullptr));
+    } else if (::pthread_setspecific(at_thread_end_, handle_) == 0) {
+        handle_ = nullptr;
     }
 }
 
-void ObjectReference::hurry_postponed() {
-    const std::shared_ptr<Postponed> postponed = std::exchange(postponed_, nullptr);
-    if (postponed == nullptr) {
-        return;
-    }
-    {
-        const LockGuard guard(postponed->lock);
-        if (postponed->detached) {
-            return;
-        }
-        postponed->hurry = true;
-    }
-    postponed->hurried.notify_all();
-    ::pthread_join(thread_, nullptr);
-}
-
-void* ObjectReference::wait_and_leave(void* argument) {
-    const std::unique_ptr<std::shared_ptr<Postponed>> owned(
-        static_cast<std::shared_ptr<Postponed>*>(argument));
-    Postponed& postponed = **owned;
-    if (postponed.wait()) {
-        // What the threads that closed bugs have written comes before the object's end.
-        const LockGuard closers(*postponed.owners_lock);
-    }
-    close_at_thread_end(postponed.handle);
-    return nullptr;
+void* ObjectReference::postponed_by_this_thread() const {
+    return has_key_ ? ::pthread_getspecific(at_thread_end_) : nullptr;
 }
 
 }  // namespace qv::freeswitch

@@ -1,45 +1,40 @@
 // A reference of the dynamic linker to the module's own shared object. It keeps the object
 // mapped after the host has closed it.
 //
-// Owned by AttachedBugs; every function is called under its lock. Nothing is given back when it
-// is destroyed: that happens when the object goes away, or the process.
+// Owned by AttachedBugs; every function is called under its lock.
 #pragma once
 
 #include <pthread.h>
-
-#include <chrono>
-#include <memory>
-
-#include "quorvane_lib/mutex.h"
 
 namespace qv::freeswitch {
 
 class ObjectReference {
   public:
-    // `lock` is the owner's.
-    explicit ObjectReference(Mutex& lock) : lock_(lock) {}
+    ObjectReference();
+    // The object goes away, or the process ends.
+    ~ObjectReference();
+    ObjectReference(const ObjectReference&) = delete;
+    ObjectReference& operator=(const ObjectReference&) = delete;
 
     // False when the linker gives none. Harmless when the reference is held already.
     bool take();
 
-    // Gives the reference back, and waits for one whose return is postponed. The host's own
-    // reference must keep the object mapped meanwhile.
+    // Gives the reference back at once, and the one that this thread has yet to give back at
+    // its end. The host's own reference must keep the object mapped until this thread has left
+    // it.
     void give_back();
 
-    // Gives the reference back after `delay`, as the last one, too: the object then goes away.
-    // Without a thread for it the reference is held on to.
-    void give_back_after(std::chrono::milliseconds delay);
+    // Gives the reference back when the calling thread ends, as the last one, too: the object
+    // then goes away. Where the C library has no room for that, the reference is held on to.
+    void give_back_at_thread_end();
 
   private:
-    struct Postponed;
+    void* postponed_by_this_thread() const;
 
-    static void* wait_and_leave(void* postponed);
-    void hurry_postponed();
-
-    Mutex& lock_;
     void* handle_ = nullptr;
-    std::shared_ptr<Postponed> postponed_;  // Null unless a return has been postponed.
-    pthread_t thread_{};                    // Of `postponed_`.
+    // What a thread has to close when it ends: the handle of the reference that it gives back.
+    pthread_key_t at_thread_end_{};
+    bool has_key_;
 };
 
 }  // namespace qv::freeswitch

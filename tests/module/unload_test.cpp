@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -49,11 +50,10 @@ class Unload : public ModuleTest {
         return object != nullptr;
     }
 
-    static bool wait_until_unmapped() {
-        for (int i = 0; i < 500 && is_mapped(); ++i) {
-            std::this_thread::sleep_for(10ms);
-        }
-        return !is_mapped();
+    // Ends the call on a thread of its own, as a session's is, which has ended, too, when
+    // this returns.
+    void hangup_on_own_thread(host::Call& call) {
+        std::thread([&] { hangup(call); }).join();
     }
 
     static std::string bug_line(const std::string& level, const std::string& text) {
@@ -248,13 +248,11 @@ TEST_F(Unload, LastTappedCallTakesTheObjectAlong) {
     const auto other = start_call_as(other_call());
     ASSERT_TRUE(other->execute("quorvane"));
     EXPECT_FALSE(unload().left_memory);
-    hangup(*other);
-    std::this_thread::sleep_for(1200ms);
+    hangup_on_own_thread(*other);
     EXPECT_TRUE(is_mapped());
     feed(*call);
-    hangup(*call);
-    EXPECT_TRUE(is_mapped()) << "the thread that closed the bug may not have left it yet";
-    EXPECT_TRUE(wait_until_unmapped());
+    hangup_on_own_thread(*call);
+    EXPECT_FALSE(is_mapped());
 
     load();
     const auto next = start_tapped_call();
@@ -262,20 +260,47 @@ TEST_F(Unload, LastTappedCallTakesTheObjectAlong) {
     EXPECT_TRUE(unload().left_memory);
 }
 
+TEST_F(Unload, ObjectStaysUntilTheThreadThatClosedTheLastBugHasEnded) {
+    load();
+    const auto call = start_tapped_call();
+    unload();
+    std::thread([&] {
+        hangup(*call);
+        EXPECT_TRUE(is_mapped());
+    }).join();
+    EXPECT_FALSE(is_mapped());
+}
+
+TEST_F(Unload, ThreadThatClosesTheLastBugTwiceGivesBothReferencesBack) {
+    load();
+    const auto first = start_tapped_call();
+    unload();
+    std::thread([&] {
+        hangup(*first);
+        load();
+        const auto second = start_call_as(other_call());
+        EXPECT_TRUE(second->execute("quorvane"));
+        EXPECT_FALSE(unload().left_memory);
+        hangup(*second);
+        EXPECT_TRUE(is_mapped());
+    }).join();
+    EXPECT_FALSE(is_mapped());
+}
+
+// The unloaded module's last call has ended, but its thread has not.
 TEST_F(Unload, ObjectThatIsAboutToGoIsLoadedAgain) {
     load();
-    for (int i = 0; i < 3; ++i) {
-        const auto call = start_tapped_call();
-        EXPECT_FALSE(unload().left_memory);
+    const auto call = start_tapped_call();
+    EXPECT_FALSE(unload().left_memory);
+    std::thread([&] {
         hangup(*call);
         load();
         node.receive_all(0ms);
-    }
-    const auto call = start_tapped_call();
-    std::this_thread::sleep_for(1200ms);
-    feed(*call);
+    }).join();
+    const auto next = start_tapped_call();
+    feed(*next);
     EXPECT_EQ(field(node.receive(), 4, 1), "83");
-    hangup(*call);
+    hangup(*next);
     EXPECT_TRUE(unload().left_memory);
 }
 
@@ -283,16 +308,18 @@ TEST_F(Unload, ObjectThatIsAboutToGoStaysForTheNextTappedCall) {
     load();
     const auto first = start_tapped_call();
     unload();
-    hangup(*first);
-    load();
-    node.receive_all(0ms);
-    const auto second = start_tapped_call();
-    EXPECT_FALSE(unload().left_memory);
-    std::this_thread::sleep_for(1200ms);
+    std::unique_ptr<host::Call> second;
+    std::thread([&] {
+        hangup(*first);
+        load();
+        node.receive_all(0ms);
+        second = start_tapped_call();
+        EXPECT_FALSE(unload().left_memory);
+    }).join();
     feed(*second);
     EXPECT_TRUE(is_mapped());
-    hangup(*second);
-    EXPECT_TRUE(wait_until_unmapped());
+    hangup_on_own_thread(*second);
+    EXPECT_FALSE(is_mapped());
 }
 
 TEST_F(Unload, FailedLoadDoesNotKeepTheObjectOfCallsThatHaveEnded) {
@@ -301,8 +328,8 @@ TEST_F(Unload, FailedLoadDoesNotKeepTheObjectOfCallsThatHaveEnded) {
     unload();
     configure("log_level=nonsense\n");
     EXPECT_FALSE(try_load().loaded);
-    hangup(*call);
-    EXPECT_TRUE(wait_until_unmapped());
+    hangup_on_own_thread(*call);
+    EXPECT_FALSE(is_mapped());
 }
 
 // The hook calls into the object as long as the host has it.
@@ -313,8 +340,7 @@ TEST_F(Unload, HookThatAFailedLoadLeftKeepsTheObject) {
     host.faults().set(Fault::BIND_ALL_FAILS);
     EXPECT_FALSE(try_load().loaded);
     host.faults().clear();
-    hangup(*call);
-    std::this_thread::sleep_for(1200ms);
+    hangup_on_own_thread(*call);
     EXPECT_TRUE(is_mapped());
     host.events().fire({SWITCH_EVENT_CHANNEL_DESTROY, {{"Unique-ID", UUID}}, ""});
     host.events().wait_drained();
