@@ -27,10 +27,12 @@ int Application::run() {
         errors_ << "quorvane-node: " << error << std::endl;
         return EXIT_NO_START;
     }
-    signals.wait_for_end([this](const std::string& reason) {
-        outputs_.lines().say(reason, "");
-        loop_.stop();
-    });
+    signals.wait(
+        [this](const std::string& reason) {
+            outputs_.lines().say(reason, "");
+            loop_.stop();
+        },
+        [this] { outputs_.reload(); });
     began_ = steady_now();
     outputs_.begin(figures(began_));
     receiver_.start();

@@ -140,7 +140,7 @@ void add_limit_options(CLI::App& app, Options& options) {
 std::optional<int> parse_options(int argc, char** argv, Options& options) {
     CLI::App app(
         "Receives the audio of calls from mod_quorvane and writes it as WAV files, one a side.\n"
-        "SIGINT and SIGTERM end it with all files complete.",
+        "SIGINT and SIGTERM end it with all files complete; SIGHUP opens the events file again.",
         "quorvane-node");
     app.set_version_flag("--version", "quorvane-node " QUORVANE_VERSION);
     app.footer(

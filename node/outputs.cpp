@@ -69,6 +69,9 @@ std::string Outputs::open_events() {
     events_ = std::make_unique<EventLog>(
         [this](const char* lines, std::size_t size) { return events_file_.write(lines, size); },
         options_.every_packet);
+    if (!events_to_stdout(options_)) {
+        reloads_.add("events file " + options_.events, [this] { return events_file_.reopen(); });
+    }
     return {};
 }
 
@@ -175,6 +178,18 @@ void Outputs::update(NodeFigures figures, Micros now) {
     }
 }
 
+void Outputs::reload() {
+    // What has happened before belongs to the file that is open.
+    flush_events();
+    if (reloads_.empty()) {
+        lines_.say("asked to read again", "there is no file to read or open again");
+    }
+    reloads_.run([this](const std::string& what, const std::string& error) {
+        lines_.say(error.empty() ? "opened again" : "not opened again",
+                   what + (error.empty() ? "" : ": " + error));
+    });
+}
+
 void Outputs::finish(NodeFigures figures) {
     if (live_) {
         terminal_.leave();
@@ -197,6 +212,10 @@ void Outputs::flush_events() {
         return;
     }
     const bool failed = !events_->flush();
+    if (events_file_.replaced() !=
+        std::exchange(reported_new_event_files_, events_file_.replaced())) {
+        lines_.say("events go to a new file", options_.events + " had been moved or removed");
+    }
     if (failed == std::exchange(events_failed_, failed)) {
         return;
     }

@@ -15,6 +15,7 @@
 #include "node/audio/recorder.h"
 #include "node/calls/call_listener.h"
 #include "node/options.h"
+#include "node/reload_list.h"
 #include "node/report/event_file.h"
 #include "node/report/event_log.h"
 #include "node/report/figures.h"
@@ -48,6 +49,10 @@ class Outputs {
     void begin(const NodeFigures& figures);
     // To be called some times a second: shows what has happened. Fills in the figures of files.
     void update(NodeFigures figures, Micros now);
+    // Opens and reads again what SIGHUP is for, and says what came of it.
+    void reload();
+    // What is read at the start and again by reload() is added here.
+    ReloadList& reloads() { return reloads_; }
     // After the calls have ended: writes what still waits, and the summary.
     void finish(NodeFigures figures);
 
@@ -70,6 +75,7 @@ class Outputs {
     LiveView live_view_;
     WavFolder folder_;
     EventFile events_file_;
+    ReloadList reloads_;
     std::unique_ptr<EventLog> events_;  // These are null unless they are asked for.
     std::unique_ptr<Timeline> timeline_;
     std::unique_ptr<Metrics> metrics_;
@@ -81,6 +87,7 @@ class Outputs {
     Micros last_second_{0};  // When the work of once a second was done.
     std::uint64_t saved_timelines_ = 0;
     std::uint64_t reported_lost_events_ = 0;
+    std::uint64_t reported_new_event_files_ = 0;
     bool events_failed_ = false;
     bool failed_ = false;
 };

@@ -1,12 +1,38 @@
 #include "node/signals.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <system_error>
 #include <utility>
 
 namespace qv::node {
 
-Signals::Signals(asio::io_context& loop) : end_signals_(loop) {
+namespace {
+
+// Whether the process has a terminal that can hang up. It has none any more after that.
+bool has_terminal() {
+    const int terminal = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (terminal < 0) {
+        return false;
+    }
+    ::close(terminal);
+    return true;
+}
+
+// As nohup has it.
+bool hangup_is_ignored() {
+    struct sigaction action {};
+    return sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+}  // namespace
+
+Signals::Signals(asio::io_context& loop)
+    : end_signals_(loop),
+      hangup_signal_(loop),
+      ends_with_terminal_(has_terminal() && !hangup_is_ignored()) {
     // A reader of our output that goes away must not end the recordings.
     std::signal(SIGPIPE, SIG_IGN);
     // A file beyond the limit of its size is an error of that file.
@@ -14,13 +40,35 @@ Signals::Signals(asio::io_context& loop) : end_signals_(loop) {
     std::error_code ignored;
     end_signals_.add(SIGINT, ignored);
     end_signals_.add(SIGTERM, ignored);
+    hangup_signal_.add(SIGHUP, ignored);
 }
 
-void Signals::wait_for_end(std::function<void(const std::string& reason)> on_end) {
-    end_signals_.async_wait([on_end = std::move(on_end)](std::error_code error, int number) {
+void Signals::wait(OnEnd on_end, OnReload on_reload) {
+    on_end_ = std::move(on_end);
+    on_reload_ = std::move(on_reload);
+    wait_for_end();
+    wait_for_hangup();
+}
+
+void Signals::wait_for_end() {
+    end_signals_.async_wait([this](std::error_code error, int number) {
         if (!error) {
-            on_end(number == SIGINT ? "interrupted" : "asked to end");
+            on_end_(number == SIGINT ? "interrupted" : "asked to end");
         }
+    });
+}
+
+void Signals::wait_for_hangup() {
+    hangup_signal_.async_wait([this](std::error_code error, int /*number*/) {
+        if (error) {
+            return;
+        }
+        if (ends_with_terminal_ && !has_terminal()) {
+            on_end_("the terminal was closed");
+            return;
+        }
+        on_reload_();
+        wait_for_hangup();
     });
 }
 

@@ -1,6 +1,7 @@
 #include "node/report/event_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,9 +21,7 @@ bool ends_in_a_line(const std::string& path) {
 }  // namespace
 
 EventFile::~EventFile() {
-    if (owned_) {
-        ::close(descriptor_);
-    }
+    close();
 }
 
 std::string EventFile::open(const std::string& path) {
@@ -30,17 +29,55 @@ std::string EventFile::open(const std::string& path) {
         descriptor_ = STDOUT_FILENO;
         return {};
     }
-    descriptor_ = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-    if (descriptor_ < 0) {
+    const int opened = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    struct stat status {};
+    if (opened < 0 || fstat(opened, &status) != 0) {
         return std::generic_category().message(errno);
     }
+    close();
+    descriptor_ = opened;
     owned_ = true;
+    path_ = path;
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
     in_line_ = ends_in_a_line(path);
     return {};
 }
 
+std::string EventFile::reopen() {
+    return owned_ ? open(path_) : std::string();
+}
+
+void EventFile::close() {
+    if (owned_ && descriptor_ >= 0) {
+        ::close(descriptor_);
+        descriptor_ = -1;
+    }
+}
+
+bool EventFile::is_at_path() const {
+    struct stat status {};
+    return descriptor_ >= 0 && stat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&
+           status.st_ino == inode_;
+}
+
+// A file that was moved or removed must not swallow events that nobody finds: they go to the
+// path or nowhere.
+bool EventFile::follow_path() {
+    if (!owned_ || is_at_path()) {
+        return true;
+    }
+    close();
+    error_ = reopen();
+    if (!error_.empty()) {
+        return false;
+    }
+    ++replaced_;
+    return true;
+}
+
 std::size_t EventFile::write(const char* lines, std::size_t size) {
-    if (size == 0 || (in_line_ && put("\n", 1) == 0)) {
+    if (size == 0 || !follow_path() || (in_line_ && put("\n", 1) == 0)) {
         return 0;
     }
     const std::size_t written = put(lines, size);

@@ -3,6 +3,7 @@
 usage: node_end_to_end_test.py QUORVANE_NODE GOLDEN_FOLDER
 """
 import array
+import fcntl
 import json
 import os
 import pathlib
@@ -16,6 +17,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import threading
 import time
 import unittest
@@ -243,17 +245,17 @@ class Node:
     """A running receiver, its folder and its output. With `disk` the folder is a file system
     of that size."""
 
-    def __init__(self, *options, limit=None, disk=None):
+    def __init__(self, *options, limit=None, disk=None, before=None):
         self.home = tempfile.TemporaryDirectory(prefix="quorvane-node-")
         self.folder = pathlib.Path(self.home.name) / "wav"
         self.output = pathlib.Path(self.home.name) / "output"
-        set_limit = (lambda: resource.setrlimit(*limit)) if limit else None
+        before = (lambda: resource.setrlimit(*limit)) if limit else before
         wrapper = ["unshare", "--mount", "sh", "-c", WITH_TMPFS % disk, str(self.folder)]
         with open(self.output, "w") as out:
             self.process = subprocess.Popen(
                 [*(wrapper if disk else []), NODE, "--listen", "127.0.0.1:0", "--output",
                  str(self.folder), *options],
-                stdout=out, stderr=subprocess.STDOUT, preexec_fn=set_limit)
+                stdout=out, stderr=subprocess.STDOUT, preexec_fn=before)
         self.address = ("127.0.0.1", int(self.wait_for(r"127\.0\.0\.1:(\d+)").group(1)))
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 
@@ -408,6 +410,56 @@ class NodeEndToEnd(unittest.TestCase):
                 self.assertEqual(node.stop(number), 0)
                 self.assertEqual(len(samples(node.folder / f"{UUID}-originator.wav")), 16)
                 self.assertRegex(node.text(), "summary +1 call .1 without terminate packet.")
+
+    def test_hangup_opens_the_events_file_again_and_recordings_go_on(self):
+        with tempfile.TemporaryDirectory() as home:
+            path, moved = pathlib.Path(home, "events"), pathlib.Path(home, "events.1")
+            with Node("--events", str(path)) as node:
+                node.send(*map(golden, CALL[:3]))
+                node.wait_for("start +inbound")
+                path.rename(moved)
+                node.process.send_signal(signal.SIGHUP)
+                node.wait_for(f"opened again +events file {path}\n")
+                self.assertEqual(path.read_text(), "")
+                node.send(*map(golden, CALL[3:]))
+                node.wait_for("end +complete")
+                self.assertEqual(node.stop(), 0, node.text())
+                self.assertEqual(len(samples(node.folder / f"{UUID}-originator.wav")), 16)
+            kinds = [[json.loads(line)["event"] for line in file.read_text().splitlines()]
+                     for file in (moved, path)]
+            self.assertEqual(kinds, [["listening", "start"], ["control", "terminate", "end"]])
+
+    def test_moved_events_file_is_noticed_without_a_signal(self):
+        with tempfile.TemporaryDirectory() as home:
+            path = pathlib.Path(home, "events")
+            with Node("--events", str(path)) as node:
+                path.rename(path.with_suffix(".1"))
+                node.send_call()
+                node.wait_for(f"events go to a new file +{path} had been moved or removed")
+                self.assertEqual(node.stop(), 0, node.text())
+            kinds = [json.loads(line)["event"] for line in path.read_text().splitlines()]
+            self.assertEqual(kinds, ["start", "control", "terminate", "end"])
+
+    def test_closed_terminal_ends_the_program_with_its_files_complete(self):
+        for ignored, ends in ((signal.SIG_DFL, True), (signal.SIG_IGN, False)):
+            ours, theirs = os.openpty()
+
+            def take_terminal():
+                os.setsid()
+                fcntl.ioctl(theirs, termios.TIOCSCTTY, 0)
+                signal.signal(signal.SIGHUP, ignored)
+
+            with Node(before=take_terminal) as node:
+                os.close(theirs)
+                node.send(*map(golden, CALL[:5]))
+                node.wait_for("start +inbound")
+                os.close(ours)
+                if not ends:  # As nohup wants it.
+                    node.wait_for("asked to read again")
+                    node.process.terminate()
+                self.assertEqual(node.exit_code(), 0, node.text())
+                self.assertEqual("the terminal was closed" in node.text(), ends)
+                self.assertEqual(len(samples(node.folder / f"{UUID}-originator.wav")), 16)
 
     def test_terminate_that_never_comes_times_out(self):
         with Node("--calls", "1", "--call-timeout", "0.5") as node:
@@ -745,4 +797,4 @@ class NodeEndToEnd(unittest.TestCase):
 if __name__ == "__main__":
     if not may_mount():
         print("The test of a full disk is skipped: no file system can be mounted here.")
-    unittest.main(argv=sys.argv[:1], verbosity=1)
+    unittest.main(argv=[sys.argv[0], *sys.argv[3:]], verbosity=1)

@@ -93,4 +93,68 @@ TEST_F(EventFileTest, DiskThatIsFullBetweenLinesCutsNone) {
     EXPECT_EQ(text(), "one\ntwo\n");
 }
 
+TEST_F(EventFileTest, AMovedFileStaysAsItIsAndTheNextLinesGoToANewOne) {
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    put(file, "one\n");
+    std::filesystem::rename(path_, path_ + ".1");
+    EXPECT_EQ(put(file, "two\n"), 4u);
+    EXPECT_EQ(put(file, "three\n"), 6u);
+    EXPECT_EQ(text(), "two\nthree\n");
+    EXPECT_EQ(std::filesystem::file_size(path_ + ".1"), 4u);
+    EXPECT_EQ(file.replaced(), 1u);
+}
+
+TEST_F(EventFileTest, ARemovedFileIsMadeAnew) {
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    put(file, "one\n");
+    std::filesystem::remove(path_);
+    EXPECT_EQ(put(file, "two\n"), 4u);
+    EXPECT_EQ(text(), "two\n");
+}
+
+TEST_F(EventFileTest, AnotherFileAtThePathIsAppendedTo) {
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    std::filesystem::rename(path_, path_ + ".1");
+    std::ofstream(path_) << "rotated";
+    EXPECT_EQ(put(file, "one\n"), 4u);
+    EXPECT_EQ(text(), "rotated\none\n");
+}
+
+TEST_F(EventFileTest, WhileThePathCannotBeOpenedWritesFailAndSayWhy) {
+    const std::string away = folder_ + "-away";
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    std::filesystem::rename(folder_, away);
+    EXPECT_EQ(put(file, "one\n"), 0u);
+    EXPECT_EQ(file.error(), "No such file or directory");
+    std::filesystem::rename(away, folder_);
+    EXPECT_EQ(put(file, "one\n"), 4u);
+    EXPECT_EQ(text(), "one\n");
+}
+
+TEST_F(EventFileTest, AFileThatCannotBeOpenedAgainStaysInUse) {
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    std::filesystem::rename(path_, path_ + ".1");
+    std::filesystem::create_directory(path_);
+    EXPECT_EQ(file.reopen(), "Is a directory");
+    std::filesystem::remove(path_);
+    std::filesystem::rename(path_ + ".1", path_);
+    EXPECT_EQ(put(file, "one\n"), 4u);
+    EXPECT_EQ(file.replaced(), 0u);
+}
+
+TEST_F(EventFileTest, ThePathIsOpenedAgainOnRequest) {
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    std::filesystem::rename(path_, path_ + ".1");
+    EXPECT_EQ(file.reopen(), "");
+    EXPECT_TRUE(std::filesystem::exists(path_));
+    put(file, "one\n");
+    EXPECT_EQ(text(), "one\n");
+}
+
 }  // namespace
