@@ -123,7 +123,7 @@ def a_call_outlives_the_late_destroy_event_of_one_before_it_with_its_uuid(s):
     uuid = str(uuids.uuid4())
     s.tap(f"origination_uuid={uuid}")
     s.hear(uuid, 0.3)
-    with busy_events(s.host):
+    with busy_events(s.host, slow_events=100):
         s.host.kill(uuid)
         s.host.wait_for_line(mark, "(loopback/far-a) State DESTROY going to sleep")
         s.node.forget()
