@@ -67,10 +67,30 @@ class Host:
         with open(self.folder / "output.txt", "wb") as output:
             self._process = subprocess.Popen(self._command_line(), stdout=output, stderr=output,
                                              stdin=subprocess.DEVNULL, cwd=self.folder / "work")
+        self._connect_and_listen()
+
+    def reconnect(self) -> None:
+        """Waits for a host that starts again by itself."""
+        for connection in (self._connection, self.events):
+            connection.close()
+        self._connect_and_listen()
+
+    def _connect_and_listen(self) -> None:
         self._connection = self._connect()
         while "is ready" not in self.api("status"):
             time.sleep(0.1)
         self.events = EventRecorder(self.ports.event_socket, PASSWORD, CHANNEL_EVENTS)
+
+    def answers(self) -> bool:
+        """Whether the host still listens to its event socket."""
+        try:
+            self.new_connection().close()
+            return True
+        except OSError:
+            return False
+
+    def send_signal(self, number: int) -> None:
+        self._process.send_signal(number)
 
     def stop(self, timeout: float = 40.0) -> int:
         """Orderly stop; returns the exit status (negative: the signal that ended it)."""

@@ -7,7 +7,8 @@ from dataclasses import dataclass
 
 # What the scenarios use; those that an installation lacks are left out.
 MODULES = ("mod_logfile", "mod_event_socket", "mod_commands", "mod_dptools", "mod_dialplan_xml",
-           "mod_loopback", "mod_sndfile", "mod_tone_stream", "mod_spandsp", "mod_opus", "mod_sofia")
+           "mod_loopback", "mod_sndfile", "mod_tone_stream", "mod_spandsp", "mod_opus", "mod_h26x",
+           "mod_sofia")
 
 PASSWORD = "real-host-suite"
 
@@ -60,7 +61,7 @@ def modules_section(installation) -> str:
 def sip_profile(name: str, port: int, **more) -> str:
     values = dict(context="scenarios", dialplan="XML", sip_ip="127.0.0.1", rtp_ip="127.0.0.1",
                   sip_port=port, inbound_codec_negotiation="generous", rtp_timer_name="soft",
-                  codec_prefs="PCMU,PCMA,G722,OPUS,OPUS@16000h,L16@48000h,L16@16000h",
+                  codec_prefs="PCMU,PCMA,G722,OPUS,OPUS@16000h,L16@48000h,L16@16000h,VP8,H264",
                   auth_calls="false", manage_presence="false", **more)
     return f'<profile name="{name}"><settings>{params(**values)}</settings></profile>'
 

@@ -72,6 +72,7 @@ class Suite:
         self.far = KnownSound(folder / "far.wav", seed=1, seconds=25)
         self.near = KnownSound(folder / "near.wav", seed=2, seconds=25)
         self.third = KnownSound(folder / "third.wav", seed=3, seconds=25)
+        self.short = KnownSound(folder / "short.wav", seed=5, seconds=1)
         self.node = MediaNode()
         self.node_program = None  # quorvane-node, where it is built
         self.host = self.make_host("host")
@@ -112,6 +113,14 @@ class Suite:
             extension("tap_twice", "answer", "quorvane", "quorvane", "park"),
             extension("tap_bridge", "answer", "quorvane", "bridge ${far_end}", "park"),
             extension("tap_early", "quorvane", "park"),
+            extension("bow_out", "answer", "bridge loopback/behind_bow_out/scenarios"),
+            extension("behind_bow_out", "answer", "quorvane", "bridge ${far_end}"),
+            # Telephones that are heard before they answer: one never does, the others refuse
+            # or answer in the end.
+            extension("early_long", "pre_answer", f"playback {self.third.path}"),
+            extension("early_busy", "pre_answer", f"playback {self.short.path}", "hangup USER_BUSY"),
+            extension("late_far", "pre_answer", f"playback {self.short.path}", "answer",
+                      f"endless_playback {self.far.path}"),
             extension("tap_proxy", "set proxy_media=true", "set execute_on_answer=quorvane",
                       "bridge ${far_end}"),
             SPREAD))
