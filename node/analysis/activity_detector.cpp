@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 namespace qv::node::analysis {
 
@@ -17,14 +18,14 @@ constexpr float FULL_SCALE = 32768;
 // little more, since the least is below the mean.
 constexpr int BLOCK_FRAMES = 20;
 constexpr float SMOOTHING = 0.7F;
-constexpr float LEAST_TO_MEAN = 1.6F;
+constexpr float LEAST_TO_MEAN = 2.0F;
 // Before anything is known, and for what is quieter: power of all bands together.
 constexpr float QUIETEST_DB = -75;
 
 // Mean over the bands, in decibels above the noise, at which sound begins, and down to
 // which it goes on.
-constexpr float BEGINS_DB = 3.0F;
-constexpr float GOES_ON_DB = 1.6F;
+constexpr float BEGINS_DB = 2.0F;
+constexpr float GOES_ON_DB = 1.0F;
 constexpr float MOST_OF_BAND_DB = 20;
 
 float power_of(double db) {
@@ -152,7 +153,13 @@ void ActivityDetector::add_piece(const float* samples, std::size_t count, Activi
 
 void ActivityDetector::add_frame(ActivityOutput& out) {
     ++frame_;
-    decide(silent_ == window_ ? 0 : excess(), out);
+    if (silent_ == window_) {
+        earlier_ = {};
+        all_ = 0;
+        decide(0, out);
+    } else {
+        decide(excess(), out);
+    }
 }
 
 // How much the sound stands out from the noise: a mean over the bands, in decibels.
@@ -173,11 +180,16 @@ float ActivityDetector::excess() {
         }
         levels[band] = level;
         all += level;
-        const float db = 10 * std::log10(level / noise_[band]);
+        // A mean over three frames, whose middle one is decided about.
+        const float mean = (earlier_[1][band] + 2 * earlier_[0][band] + level) / 4;
+        const float db = 10 * std::log10(std::max(1e-12F, mean) / noise_[band]);
         sum += std::clamp(db, 0.0F, MOST_OF_BAND_DB);
     }
     learn(levels);
-    return all < power_of(options_.level_db) ? 0 : sum / BANDS;
+    earlier_[1] = earlier_[0];
+    earlier_[0] = levels;
+    const float all_before = std::exchange(all_, all);
+    return all_before < power_of(options_.level_db) ? 0 : sum / BANDS;
 }
 
 void ActivityDetector::learn(const Levels& levels) {
@@ -206,10 +218,11 @@ void ActivityDetector::learn(const Levels& levels) {
 }
 
 void ActivityDetector::decide(float excess_db, ActivityOutput& out) {
-    const float smoothed = 0.5F * (excess_db + last_excess_);
-    last_excess_ = excess_db;
-    const bool faint = smoothed > GOES_ON_DB;
-    loud_ = smoothed > BEGINS_DB || (loud_ && faint);
+    if (frame_ < 0) {
+        return;
+    }
+    const bool faint = excess_db > GOES_ON_DB;
+    loud_ = excess_db > BEGINS_DB || (loud_ && faint);
     faint_[static_cast<std::size_t>(frame_) % RECENT] = faint;
     step(loud_, out);
 }

@@ -94,14 +94,15 @@ class ActivityDetector {
     std::vector<float> samples_;  // Of the window.
     std::size_t filled_ = 0;      // Of the next hop.
     std::size_t silent_ = 0;      // Samples that were 0 in a row.
-    std::int64_t frame_ = -1;     // Number of the newest frame.
+    std::int64_t frame_ = -2;     // Number of the frame that was decided about last.
 
     std::array<Levels, BLOCKS> minima_{};  // Of each block of time, newest first.
     Levels smooth_{};
     Levels noise_{};
     int block_frames_ = 0;
     int blocks_ = 0;
-    float last_excess_ = 0;
+    std::array<Levels, 2> earlier_{};  // Of the frames before, the newest first.
+    float all_ = 0;                    // Power of the frame before.
 
     std::array<bool, RECENT> faint_{};  // By frame modulo RECENT: was there a little sound?
     bool loud_ = false;

@@ -25,8 +25,8 @@ constexpr float LOUDNESS_DECAY_DB = 0.3F;  // Per frame.
 // A candidate is reported when its score is at least LEAST_SCORE, and at least ENOUGH together
 // with SPAN_SCORE for each frame that it has agreed: what agrees by chance soon ends, while
 // a reference in noise agrees less and goes on.
-constexpr int ENOUGH = 700;
-constexpr int ENOUGH_IN_NOISE = 500;
+constexpr int ENOUGH = 800;
+constexpr int ENOUGH_IN_NOISE = 450;
 constexpr int SPAN_SCORE = 8;
 constexpr int LEAST_SCORE = 250;
 // Noise makes false candidates as rare as it makes true ones weak. A side is noisy where its
@@ -35,7 +35,7 @@ constexpr float NOISY_RANGE_DB = 22;
 constexpr float RANGE_DECAY_DB = 0.05F;  // Per frame.
 
 constexpr int PROMISING = 140;  // Followed.
-constexpr int MOST = 1000;      // So that what is over ends soon.
+constexpr int MOST = 1100;      // So that what is over ends soon.
 
 // Frames over which the framing of a candidate is chosen.
 constexpr std::int64_t CHOICE = 24;

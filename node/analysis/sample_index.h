@@ -37,10 +37,10 @@ class SampleIndex {
         std::uint32_t faintness;  // Of each peak, three bits from the lowest: 0 is loudest.
     };
     static constexpr std::uint32_t FAINTEST = 7;
+    static constexpr float FAINTNESS_DB = 7;  // Of one step.
     // Of a peak that is so many decibels below the loudest ones.
     static std::uint32_t faintness(float below_db) {
-        constexpr float STEP_DB = 7;
-        return std::min(FAINTEST, static_cast<std::uint32_t>(std::max(0.0F, below_db) / STEP_DB));
+        return std::min(FAINTEST, static_cast<std::uint32_t>(std::max(0.0F, below_db) / FAINTNESS_DB));
     }
 
     struct Reference {

@@ -20,10 +20,10 @@ constexpr std::int64_t MOST_MISSING = 2;  // Frames of a tone that something els
 // Power of all bins, of a sine 60 decibels below full scale.
 constexpr float AUDIBLE = 1.5F * 1e-6F * (FRAME / 4.0F) * (FRAME / 4.0F);
 
-// A tone of the side may be shorter or longer than in the reference.
-constexpr double SHORTEST_PART = 0.6;
-constexpr double LONGEST_PART = 1.15;
-constexpr std::int64_t SLACK = 4;
+// A tone of the side may be this much shorter or longer than in the reference: a part of it,
+// and some frames at its edges.
+constexpr double MOST_OFF = 0.1;
+constexpr std::int64_t SLACK = 3;
 constexpr std::int64_t GAP_SLACK = 8;
 // Frames of sound in a reference, for each frame of tone, that are no tone: edges.
 constexpr double MOST_OTHER = 0.3;
@@ -142,7 +142,7 @@ TonePattern::TonePattern(std::vector<Tone> tones, std::int64_t audible) {
         return tone.sounds_like(tones.front());
     });
     if (is_cadence) {
-        tones.resize(1);
+        tones.resize(std::min<std::size_t>(tones.size(), 2));
     }
     if (tones.size() <= MOST_TONES) {
         tones_ = std::move(tones);
@@ -158,19 +158,18 @@ bool TonePattern::ends(const Tone* heard, std::size_t count, std::int64_t& begin
     misfit = 0;
     for (std::size_t i = 0; i < tones_.size(); ++i) {
         const Tone& expected = tones_[i];
-        const auto length = static_cast<double>(expected.length());
-        const double off = std::abs(static_cast<double>(matched[i].length()) - length);
-        const double shortest = i + 1 == tones_.size() ? SHORTEST_PART : 2 - LONGEST_PART;
+        const std::int64_t off = std::abs(matched[i].length() - expected.length());
+        const double most = MOST_OFF * static_cast<double>(expected.length()) + SLACK;
         if (!matched[i].sounds_like(expected) || expected.length() > LONGEST ||
-            static_cast<double>(matched[i].length()) < shortest * length - SLACK ||
-            static_cast<double>(matched[i].length()) > LONGEST_PART * length + SLACK) {
+            static_cast<double>(off) > most) {
             return false;
         }
         if (i > 0 && std::abs((matched[i].begin - matched[i - 1].end) -
                               (expected.begin - tones_[i - 1].end)) > GAP_SLACK) {
             return false;
         }
-        misfit = std::max(misfit, std::min(1.0, off / length));
+        misfit =
+            std::max(misfit, static_cast<double>(off) / static_cast<double>(expected.length()));
     }
     begin = matched[0].begin - tones_[0].begin;
     return true;

@@ -81,7 +81,7 @@ class TonePattern {
     const Tone& first() const { return tones_.front(); }
 
   private:
-    std::vector<Tone> tones_;  // Of a cadence, which repeats one tone, only the first.
+    std::vector<Tone> tones_;  // Of a cadence, which repeats one tone, only the first two.
 };
 
 }  // namespace qv::node::analysis
