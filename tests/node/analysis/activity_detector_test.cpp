@@ -84,4 +84,65 @@ TEST(activity_detector, refuses_options_and_rates_that_make_no_sense) {
     EXPECT_THROW(ActivityDetector(96'000, {}), std::invalid_argument);
 }
 
+TEST(activity_detector, bridges_pauses_up_to_the_hang_over) {
+    const Sound sound =
+        silence(1) + tone({500}, 0.5) + silence(0.3) + tone({500}, 0.5) + silence(2);
+    ActivityOptions options;
+    options.hang_over_ms = 200;
+    EXPECT_EQ(changes_in(sound, 8000, options).size(), 4u);
+    options.hang_over_ms = 400;
+    EXPECT_EQ(changes_in(sound, 8000, options).size(), 2u);
+}
+
+TEST(activity_detector, reports_nothing_shorter_than_the_minimum) {
+    const Sound sound = silence(1) + tone({500}, 0.3) + silence(2);
+    ActivityOptions options;
+    options.minimum_ms = 500;
+    EXPECT_TRUE(changes_in(sound, 8000, options).empty());
+    options.minimum_ms = 250;
+    EXPECT_EQ(changes_in(sound, 8000, options).size(), 2u);
+}
+
+TEST(activity_detector, reports_nothing_below_its_level) {
+    ActivityOptions options;
+    options.level_db = -40;
+    const Sound sound = silence(1) + tone({500}, 1, 8000, 0.1) + silence(1);
+    EXPECT_EQ(changes_in(sound, 8000, options).size(), 2u);
+    EXPECT_TRUE(changes_in(louder(sound, -30), 8000, options).empty());
+}
+
+TEST(activity_detector, ends_activity_where_a_gap_begins) {
+    const auto samples = pcm(silence(1) + babble(1, 1));
+    ActivityDetector detector(8000, {}, 500);
+    Changes changes;
+    detector.add(samples.data(), samples.size(), changes);
+    const std::uint64_t gap = 8000ull * 3600 * 50;
+    detector.skip(gap, changes);
+    ASSERT_EQ(changes.list.size(), 2u);
+    EXPECT_NEAR(static_cast<double>(changes.list[0].position), 8500, 320);
+    EXPECT_NEAR(static_cast<double>(changes.list[1].position), 16'500, 320);
+    detector.add(samples.data(), samples.size(), changes);
+    ASSERT_EQ(changes.list.size(), 3u);
+    EXPECT_NEAR(static_cast<double>(changes.list[2].position),
+                static_cast<double>(16'500 + gap + 8000), 320);
+    EXPECT_EQ(detector.position(), 500 + gap + 2 * samples.size());
+}
+
+TEST(activity_detector, ends_activity_that_goes_on_when_the_side_ends) {
+    const auto changes = changes_in(silence(1) + babble(1, 1), 8000);
+    ASSERT_EQ(changes.size(), 2u);
+    EXPECT_FALSE(changes[1].active);
+    EXPECT_LE(changes[1].position, 16'000u);
+}
+
+TEST(activity_detector, stands_full_scale_noise_clipping_and_direct_current) {
+    for (const double level : {0.05, 1.0, 4.0}) {
+        for (const ActivityChange& change : changes_in(noise(5, level, 1), 8000)) {
+            EXPECT_LE(change.position, 40'000u);
+        }
+    }
+    EXPECT_TRUE(changes_in(Sound(8000 * 5, 0.9F), 8000).size() <= 2);
+    EXPECT_TRUE(changes_in(Sound(8000 * 5, -1.0F), 8000).size() <= 2);
+}
+
 }  // namespace
