@@ -112,14 +112,15 @@ class SessionApiCommand : public ApiCommand {
     // The session under its read lock; null, with an error in the log, for none.
     switch_core_session* lock() {
         if (uuid_invalid_) {
-            return fail("uuid is not specified");
+            return fail(__LINE__, "uuid is not specified");
         }
         if (session_ != nullptr) {
-            return fail("session already locked");
+            return fail(__LINE__, "session already locked");
         }
         session_ = switch_core_session_perform_locate(
             uuid_text_.c_str(), log::source_base_name(__FILE__), __func__, __LINE__);
-        return session_ != nullptr ? session_ : fail("session is not found: " + uuid_text_);
+        return session_ != nullptr ? session_
+                                   : fail(__LINE__, "session is not found: " + uuid_text_);
     }
 
     void unlock() {
@@ -136,10 +137,10 @@ class SessionApiCommand : public ApiCommand {
     bool uuid_invalid() const { return uuid_invalid_; }
 
   private:
-    static switch_core_session* fail(const std::string& text) {
+    static switch_core_session* fail(int line, const std::string& text) {
         log::ErrorMessage message;
         message.stream << text;
-        QV_LOG_WRITE(message);
+        QV_LOG_WRITE_AT(line, message);
         return nullptr;
     }
 

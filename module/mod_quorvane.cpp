@@ -95,10 +95,10 @@ class ContextConfigurator {
         return switch_channel_get_variable_dup(channel_, name, SWITCH_FALSE, -1);
     }
 
-    void report(const char* name, const char* value, const char* consequence) const {
-        log_session_line<log::ERROR>(session_, QV_PLACE_IN(FUNCTION),
-                                     "failed to parse channel variable \"", name, "\": ", value,
-                                     "; ", consequence);
+    void report(const LogPlace& place, const char* name, const char* value,
+                const char* consequence) const {
+        log_session_line<log::ERROR>(session_, place, "failed to parse channel variable \"", name,
+                                     "\": ", value, "; ", consequence);
     }
 
     bool set_media_node() {
@@ -108,7 +108,7 @@ class ContextConfigurator {
             return true;
         }
         if (!net::parse_addr(value, nullptr, context_.media_node)) {
-            report("quorvane_media_node", value, "discarding!");
+            report(QV_PLACE_IN(FUNCTION), "quorvane_media_node", value, "discarding!");
             return false;
         }
         return true;
@@ -145,7 +145,7 @@ class ContextConfigurator {
         if (utils::str::try_parse_value<std::uint64_t>(value, context_.rule_id)) {
             context_.flags |= media::FLAG_RULE_ID;
         } else {
-            report("quorvane_rule_id", value, "ignored!");
+            report(QV_PLACE_IN(FUNCTION), "quorvane_rule_id", value, "ignored!");
         }
     }
 
@@ -155,7 +155,8 @@ class ContextConfigurator {
                      const std::string& default_text) QV_NO_THREAD_SAFETY_ANALYSIS {
         const char* value = variable(name);
         if (value != nullptr && !parse(value, context_.features)) {
-            report(name, value, default_text.empty() ? "discarding!" : "default used!");
+            report(QV_PLACE_IN(FUNCTION), name, value,
+                   default_text.empty() ? "discarding!" : "default used!");
         }
         const bool configured = (context_.features.supported & media::feature_mask(feature)) != 0;
         if (!configured && !default_text.empty()) {
@@ -172,7 +173,7 @@ class ContextConfigurator {
         }
         sockaddr_in address{};
         if (!net::parse_addr(value, nullptr, address)) {
-            report("quorvane_report_node", value, "ignored!");
+            report(QV_PLACE_IN(FUNCTION), "quorvane_report_node", value, "ignored!");
             return;
         }
         context_.report_node_addr = address.sin_addr.s_addr;

@@ -22,32 +22,33 @@ struct Wording {
     std::string malformed;
 };
 
+// `line` is the caller's.
 template <typename MessageOfLevel, typename... Pieces>
-void write(const Pieces&... pieces) {
+void write(int line, const Pieces&... pieces) {
     MessageOfLevel message;
     ((message.stream << "CONFIGURATION: ") << ... << pieces);
-    QV_LOG_WRITE(message);
+    QV_LOG_WRITE_AT(line, message);
 }
 
 // Logs the outcome that `code` means; returns whether parsing may go on.
 bool report(const Wording& wording, int code, const std::stringstream& error) {
     switch (code) {
         case APPLIED:
-            write<log::SystemMessage>(wording.applied);
+            write<log::SystemMessage>(__LINE__, wording.applied);
             break;
         case UNKNOWN:
-            write<log::WarningMessage>(wording.unknown);
+            write<log::WarningMessage>(__LINE__, wording.unknown);
             break;
         case MALFORMED:
             // Does not log what the hook wrote into `error`. See docs/design.md, Odd on
             // purpose: options.
-            write<log::ErrorMessage>(wording.failed, wording.malformed);
+            write<log::ErrorMessage>(__LINE__, wording.failed, wording.malformed);
             break;
         case FAILED_WITH_EXPLANATION:
-            write<log::ErrorMessage>(wording.failed, ": ", error.str());
+            write<log::ErrorMessage>(__LINE__, wording.failed, ": ", error.str());
             break;
         default:
-            write<log::ErrorMessage>(wording.failed);
+            write<log::ErrorMessage>(__LINE__, wording.failed);
             break;
     }
     // A positive code above UNKNOWN is logged as a failure but does not stop the parser. See
@@ -59,15 +60,15 @@ bool report(const Wording& wording, int code, const std::stringstream& error) {
 
 bool Configuration::parse_file(const std::string& path) {
     if (path.empty()) {
-        write<log::InfoMessage>("file is not specified, default values are used");
+        write<log::InfoMessage>(__LINE__, "file is not specified, default values are used");
         return true;
     }
     std::ifstream file(path);
     if (!file) {
-        write<log::ErrorMessage>("failed to open file [", path, "]");
+        write<log::ErrorMessage>(__LINE__, "failed to open file [", path, "]");
         return false;
     }
-    write<log::SystemMessage>("reading from file [", path, "]");
+    write<log::SystemMessage>(__LINE__, "reading from file [", path, "]");
 
     // Lines count from 0, although the items of an argument string count from 1. See
     // docs/design.md, Odd on purpose: option files.
@@ -82,7 +83,7 @@ bool Configuration::parse_file(const std::string& path) {
 }
 
 bool Configuration::parse_args(const std::string& args) {
-    write<log::SystemMessage>("reading from args: ", args);
+    write<log::SystemMessage>(__LINE__, "reading from args: ", args);
 
     std::vector<std::string> items;
     split(replace(args, ",,", "_;"), ',', items, false);
@@ -102,8 +103,8 @@ bool Configuration::parse_line(const std::string& line, unsigned long line_numbe
     std::vector<std::string> parts;
     split(text, '=', parts, false);
     if (parts.empty() || parts.size() > 2) {
-        write<log::ErrorMessage>("incorrect option format at line ", line_number, ": \"", line,
-                                 "\"");
+        write<log::ErrorMessage>(__LINE__, "incorrect option format at line ", line_number, ": \"",
+                                 line, "\"");
         return false;
     }
     return parse_parts(parts);
@@ -113,7 +114,7 @@ bool Configuration::parse_item(const std::string& item, std::size_t position) {
     std::vector<std::string> parts;
     split(item, '=', parts, true);
     if (parts.empty() || parts.size() > 2) {
-        write<log::ErrorMessage>("incorrect option format at position [", position, "]");
+        write<log::ErrorMessage>(__LINE__, "incorrect option format at position [", position, "]");
         return false;
     }
     return parse_parts(parts);

@@ -130,8 +130,11 @@ constexpr const char* source_base_name(const char* path) {
 
 }  // namespace qv::log
 
-// Hands `message` to the logger with the place of the call.
-#define QV_LOG_WRITE(message)                                                            \
-    ::qv::log::Logger::m_instance.write(::qv::log::Logger::m_instance.context,           \
-                                        ::qv::log::source_base_name(__FILE__), __LINE__, \
-                                        (message))
+// Hands `message` to the logger with the line `line` of this file; functions that write for
+// others pass the line of their caller on.
+#define QV_LOG_WRITE_AT(line, message)                                         \
+    ::qv::log::Logger::m_instance.write(::qv::log::Logger::m_instance.context, \
+                                        ::qv::log::source_base_name(__FILE__), (line), (message))
+
+// The same with the place of the call.
+#define QV_LOG_WRITE(message) QV_LOG_WRITE_AT(__LINE__, message)

@@ -144,10 +144,10 @@ class Descriptor {
     int descriptor_;
 };
 
-// Logs "SOCKET[tag]: what" and the text of the errno value `error`. The pieces are passed as
-// values, so that a caller can keep them in registers.
+// Logs "SOCKET[tag]: what" and the text of the errno value `error`, as from the line `line` of
+// this file. The pieces are passed as values, so that a caller can keep them in registers.
 template <typename... Pieces>
-[[gnu::cold, gnu::noinline]] void log_error(int error, Pieces... pieces) {
+[[gnu::cold, gnu::noinline]] void log_error(int line, int error, Pieces... pieces) {
     log::ErrorMessage message;
     ((message.stream << "SOCKET[") << ... << pieces);
     // Not through a std::string: without memory it would throw, and the stream would swallow
@@ -155,7 +155,7 @@ template <typename... Pieces>
     std::array<char, 128> unknown{};
     message.stream << ", error (" << error
                    << "): " << ::strerror_r(error, unknown.data(), unknown.size());
-    QV_LOG_WRITE(message);
+    QV_LOG_WRITE_AT(line, message);
 }
 
 // Lets a send fail when the send buffer is still full after the shortest time that the system
@@ -165,7 +165,7 @@ template <typename... Pieces>
 void limit_send_wait(int descriptor) {
     const timeval least{0, 1};
     if (::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &least, sizeof(least)) != 0) {
-        log_error(errno, descriptor, "]: failed to limit the wait of a send");
+        log_error(__LINE__, errno, descriptor, "]: failed to limit the wait of a send");
     }
 }
 
@@ -257,7 +257,7 @@ bool Socket::open(int port, unsigned int address) {
     }
     const int created = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     if (created < 0) {
-        log_error(errno, " ]: failed to create a socket");
+        log_error(__LINE__, errno, " ]: failed to create a socket");
         return false;
     }
     limit_send_wait(created);
@@ -273,7 +273,7 @@ bool Socket::open(int port, unsigned int address) {
     const std::int32_t opened = use_taken_number(created);
     descriptor_.store(opened, std::memory_order_relaxed);
     if (!bound) {
-        log_error(error, opened, "]: failed to bind a socket");
+        log_error(__LINE__, error, opened, "]: failed to bind a socket");
         return false;
     }
     return true;
@@ -301,7 +301,7 @@ bool Socket::send(const sockaddr_in& to, const char* data, unsigned long size) {
         if (count < 0) {
             // Logs the address of the data as a decimal number. See docs/design.md, Odd on
             // purpose: socket.
-            log_error(errno, target, "]: failed to send a data (", size, ": ",
+            log_error(__LINE__, errno, target, "]: failed to send a data (", size, ": ",
                       reinterpret_cast<std::uintptr_t>(data), ")");
             return false;
         }
@@ -332,7 +332,7 @@ long Socket::read(unsigned char* buffer, unsigned long size) {
         return 0;
     }
     // A failed read ends the process. See docs/design.md, Odd on purpose: socket.
-    log_error(error, descriptor(), "]: failed to read a data");
+    log_error(__LINE__, error, descriptor(), "]: failed to read a data");
     close();
     std::exit(-1);  // NOLINT(concurrency-mt-unsafe): nothing is worth saving.
 }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fstream>
 #include <map>
+#include <set>
 #include <type_traits>
 
 #include "tests/support/log_recorder.h"
@@ -109,6 +110,20 @@ TEST(ConfigurationLocations, HangFromTheBaseDirectory) {
     EXPECT_EQ(default_base_directory, QUORVANE_BASE_DIRECTORY);
     EXPECT_EQ(default_directory, QUORVANE_BASE_DIRECTORY "/quorvane");
     EXPECT_EQ(default_kafka_config_path, QUORVANE_BASE_DIRECTORY "/quorvane/kafka.conf");
+}
+
+TEST_F(ConfigurationTest, EachLineOfTheLogHasAPlaceOfItsOwnInTheSource) {
+    configuration_.codes = {{"u", UNKNOWN}, {"m", MALFORMED}, {"f", -255}, {"o", 2}};
+    configuration_.parse_file("");
+    configuration_.parse_file("/nowhere");
+    parse_file_of("a=b=c");
+    configuration_.parse_args("a=b=c");
+    for (const char* name : {"a", "u", "m", "f", "o"}) {
+        configuration_.parse_option(name);
+    }
+    // Two lines announce what is read.
+    ASSERT_EQ(log_.places.size(), 11U);
+    EXPECT_EQ(std::set<int>(log_.places.begin(), log_.places.end()).size(), 11U);
 }
 
 TEST_F(ConfigurationTest, FlagCodesBecomeLinesAndResults) {

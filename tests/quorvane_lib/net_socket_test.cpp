@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <set>
 #include <type_traits>
 #include <vector>
 
@@ -450,6 +451,18 @@ TEST_F(SocketTest, ASocketWhoseSendsMayWaitIsBetterThanNone) {
                                                       "error (92): Protocol not available"}}));
     EXPECT_TRUE(send("data"));
     EXPECT_EQ(received(), "data");
+}
+
+TEST_F(SocketTest, EachErrorLineHasAPlaceOfItsOwnInTheSource) {
+    calls_->next("socket", Outcome::fail(EMFILE));
+    socket_.open(0, 0);
+    calls_->next("setsockopt", Outcome::fail(EINVAL));
+    calls_->next("bind", Outcome::fail(EADDRINUSE));
+    socket_.open(0, 0);
+    calls_->next("sendto", Outcome::fail(EPERM));
+    send("abc");
+    ASSERT_EQ(log_.places.size(), 4U);
+    EXPECT_EQ(std::set<int>(log_.places.begin(), log_.places.end()).size(), 4U);
 }
 
 TEST_F(SocketTest, EveryErrorOfBindingIsLoggedAndKeepsTheDescriptor) {

@@ -40,17 +40,19 @@ class LogRecorder {
     }
 
     std::vector<LogLine> lines;
-    std::vector<std::string> files;  // The source file of each line.
+    std::vector<std::string> files;  // The source file of each line, and the place in it.
+    std::vector<int> places;
 
   private:
-    static void record(void* context, const char* file, int /*line*/, const log::Message& message) {
+    static void record(void* context, const char* file, int line, const log::Message& message) {
         auto& recorder = *static_cast<LogRecorder*>(context);
         const std::lock_guard<std::mutex> guard(recorder.mutex_);
         recorder.lines.push_back({message.level, message.stream.str()});
         recorder.files.emplace_back(file);
+        recorder.places.push_back(line);
     }
 
-    std::mutex mutex_;  // Guards the two lists.
+    std::mutex mutex_;  // Guards the lists.
 };
 
 }  // namespace qv::tests
