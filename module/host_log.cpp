@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <new>
+#include <sstream>
 
 namespace qv::freeswitch {
 
@@ -15,14 +16,27 @@ constexpr std::array<std::int32_t, log::LEVEL_COUNT> level_to_fslevel = {
     SWITCH_LOG_INFO,   SWITCH_LOG_DEBUG, SWITCH_LOG_DEBUG1,
 };
 
+// Looks at the room that a string stream has yet.
+class PutArea : public std::stringbuf {
+  public:
+    static bool is_full(const std::stringbuf& buffer) {
+        return (buffer.*(&PutArea::pptr))() == (buffer.*(&PutArea::epptr))();
+    }
+};
+
+// A stream that finds no memory goes bad behind a full buffer, and its text is cut anywhere.
+// One that has gone bad for another reason, as by a null text, ends at that piece.
+bool is_cut(const std::stringstream& stream) {
+    return stream.bad() && PutArea::is_full(*stream.rdbuf());
+}
+
 void print(switch_text_channel_t channel, const void* user_data, const LogPlace& place,
            const log::Message& message) {
     const auto level =
         static_cast<switch_log_level_t>(level_to_fslevel[static_cast<std::size_t>(message.level)]);
     const auto* data = static_cast<const char*>(user_data);
     try {
-        // A stream that finds no memory goes bad; what it has is cut anywhere.
-        if (!message.stream.bad()) {
+        if (!is_cut(message.stream)) {
             switch_log_printf(channel, place.file, place.function, place.line, data, level,
                               "[quorvane]: %s\n", message.stream.str().c_str());
             return;

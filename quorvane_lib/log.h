@@ -39,7 +39,9 @@ inline const std::string default_directory = "/var/log/delmaren/quorvane";
 // logger. The destructor logs nothing.
 class Message {
   public:
-    explicit Message(Level message_level) : level(message_level) {}
+    // The stream gets a text of its own, though an empty one: it then has room from the start, and
+    // a stream that is full when it goes bad is one that found no memory.
+    explicit Message(Level message_level) : level(message_level), stream(std::string()) {}
     Message(const Message&) = delete;
     Message& operator=(const Message&) = delete;
     virtual ~Message() = default;

@@ -86,6 +86,17 @@ TEST_F(HostLog, EmptyTextIsThePrefixAlone) {
     EXPECT_EQ(host.log().lines().front().text, "[quorvane]: \n");
 }
 
+TEST_F(HostLog, TextThatANullTextEndsIsWrittenUpToThere) {
+    for (const std::string& text : {std::string("so far"), std::string(), std::string(600, 'x')}) {
+        host.log().clear();
+        log::ErrorMessage message;
+        message.stream << text << static_cast<const char*>(nullptr) << " and no further";
+        log::Logger::m_instance.write(nullptr, "somewhere.cpp", 42, message);
+        ASSERT_EQ(host.log().lines().size(), 1U);
+        EXPECT_EQ(host.log().lines().front().text, "[quorvane]: " + text + "\n");
+    }
+}
+
 TEST_F(HostLog, SessionLineIsFiledUnderTheCall) {
     const auto call = host.start_call();
     log_session_line<log::WARNING>(call->session(), QV_PLACE_IN("some_function"), "x ", 1);
