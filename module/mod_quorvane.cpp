@@ -1,6 +1,7 @@
 #include "module/mod_quorvane.h"
 
 #include <strings.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -614,8 +615,16 @@ void drop_contexts_of_ended_calls() {
 bool read_configuration() {
     // Where arguments of the module would come from; nothing fills it.
     const std::string arguments;
-    return global.config.parse_file(CONFIG_FILE_PATH) &&
-           (arguments.empty() || global.config.parse_args(arguments));
+    if (!global.config.parse_file(CONFIG_FILE_PATH)) {
+        return false;
+    }
+    // A folder opens like a file, and has no lines.
+    struct stat status {};
+    if (::stat(CONFIG_FILE_PATH.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+        log_line<log::WARNING>(QV_PLACE_IN(LOAD), "config file [", CONFIG_FILE_PATH,
+                               "] is a folder: default values are used");
+    }
+    return arguments.empty() || global.config.parse_args(arguments);
 }
 
 void unbind(switch_event_node_t*& hook) {

@@ -5,9 +5,12 @@
 
 #include <array>
 #include <list>
+#include <string_view>
+#include <vector>
 
 #include "module/app_context.h"
 #include "quorvane_lib/net_socket.h"
+#include "quorvane_lib/utils_str.h"
 
 namespace qv::freeswitch {
 
@@ -28,6 +31,19 @@ sockaddr_in make_address(const std::string& host, std::uint16_t port) {
 int refuse_value(const std::string& name, const std::string& value, std::stringstream& error) {
     error << "[unexpected value \"" << value << "\" for option \"" << name << "\"]";
     return conf::MALFORMED;
+}
+
+// An editor's mark in front of a file becomes part of its first name, and is not to be seen in a
+// log: the line that such a name is unknown would puzzle.
+void warn_of_byte_order_mark(std::string_view name) {
+    for (const std::string_view mark : {"\xEF\xBB\xBF", "\xFF\xFE", "\xFE\xFF"}) {
+        if (name.substr(0, mark.size()) == mark) {
+            log::WarningMessage message;
+            message.stream << "configuration begins with a byte order mark, which hides its first "
+                              "option: save the file as plain text without one";
+            QV_LOG_WRITE(message);
+        }
+    }
 }
 
 // Keeps `value` as the default of a feature if the feature's parser understands it.
@@ -52,6 +68,7 @@ Configuration::Configuration() : media_node_addr(make_address(media_node_host, m
 
 int Configuration::set_flag(const std::string& name, std::stringstream& /*error*/) {
     if (name != "dump_events") {
+        warn_of_byte_order_mark(name);
         return conf::UNKNOWN;
     }
     dump_mode = DumpMode::ALL;
@@ -77,13 +94,19 @@ int Configuration::set_value(const std::string& name, const std::string& value,
     if (name == "log_level") {
         return log::try_parse_level(value, level) ? conf::APPLIED : conf::MALFORMED;
     }
+    warn_of_byte_order_mark(name);
     return conf::UNKNOWN;
 }
 
 int Configuration::set_media_node(const std::string& name, const std::string& value,
                                   std::stringstream& error) {
+    // Item by item: of a list of port ranges no more is kept than its first range.
+    std::vector<std::string> items;
+    utils::str::split(value, ',', items, false);
     std::list<net::Host> hosts;
-    net::parse_hosts(value, hosts);
+    for (auto item = items.begin(); item != items.end() && hosts.size() < 2; ++item) {
+        net::parse_hosts(*item, hosts);
+    }
     if (hosts.size() != 1) {
         error << "[exactly one host must be specified for option \"" << name << "\"]";
         return conf::MALFORMED;

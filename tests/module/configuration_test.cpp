@@ -50,6 +50,34 @@ TEST_F(ModuleOptions, DefaultsAreLoopbackWithoutDumpsAndFeatures) {
     EXPECT_EQ(config.references(), 0);
 }
 
+TEST_F(ModuleOptions, ByteOrderMarkBeforeANameIsWarnedOf) {
+    const LogRecorder log;
+    EXPECT_EQ(set("\xEF\xBB\xBFmedia_node", "192.0.2.1:4000"), 1);
+    EXPECT_EQ(set("\xEF\xBB\xBF# a comment"), 1);
+    EXPECT_EQ(set("\xFF\xFEm"), 1);
+    ASSERT_EQ(log.lines.size(), 3U);
+    for (const tests::LogLine& line : log.lines) {
+        EXPECT_EQ(line.level, log::WARNING);
+        EXPECT_EQ(line.text,
+                  "configuration begins with a byte order mark, which hides its first option: save "
+                  "the file as plain text without one");
+    }
+    EXPECT_EQ(set("medianode", "192.0.2.1:4000"), 1);
+    EXPECT_EQ(log.lines.size(), 3U);
+}
+
+// Each range stands for 65536 hosts; a hundred thousand of them would take half a terabyte.
+TEST_F(ModuleOptions, ListOfPortRangesTakesNoMoreMemoryThanOne) {
+    std::string value;
+    for (int i = 0; i < 100000; ++i) {
+        value += "a:0-65535,";
+    }
+    EXPECT_EQ(set("media_node", value), -1);
+    EXPECT_EQ(media_node_of(config), "127.0.0.1:0");
+    EXPECT_EQ(set("media_node", ",,a, 192.0.2.1:4000 ,b:1:2"), 0);
+    EXPECT_EQ(media_node_of(config), "192.0.2.1:4000");
+}
+
 TEST_F(ModuleOptions, FlagDumpEventsSelectsAll) {
     EXPECT_EQ(set("dump_events"), 0);
     EXPECT_EQ(config.dump_mode, DumpMode::ALL);

@@ -154,6 +154,9 @@ TEST_F(LoadFault, AConfigurationThatIsAFolderIsAnEmptyOne) {
     fs::create_directories(path);
     EXPECT_TRUE(try_load().loaded);
     EXPECT_EQ(api("media_node"), "127.0.0.1:0\n");
+    EXPECT_EQ(take_log().at(2), std::string("WARNING log mod_quorvane.cpp:mod_quorvane_load config "
+                                            "file [") +
+                                    CONFIG_PATH + "] is a folder: default values are used");
 }
 
 // A file ends where it can no longer be read.
