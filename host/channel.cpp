@@ -40,27 +40,27 @@ Channel::Channel(const CallOptions& options, const std::string& uuid)
 }
 
 switch_channel_state_t Channel::state() const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return state_;
 }
 
 switch_call_cause_t Channel::cause() const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return cause_;
 }
 
 void Channel::set_state(switch_channel_state_t state) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     state_ = state;
 }
 
 void Channel::set_cause(switch_call_cause_t cause) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     cause_ = cause;
 }
 
 bool Channel::hang_up(switch_call_cause_t cause) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     if (hung_up_) {
         return false;
     }
@@ -72,7 +72,10 @@ bool Channel::hang_up(switch_call_cause_t cause) {
 }
 
 void Channel::mark_answered() {
-    times_.answered = switch_time_now();
+    {
+        const LockGuard guard(lock_);
+        times_.answered = switch_time_now();
+    }
     set_flag(CF_MEDIA_SET, 1);
     set_flag(CF_ANSWERED, 1);
 }
@@ -96,7 +99,7 @@ bool Channel::ready(bool usable, bool media) const {
     if (!usable) {
         return media;
     }
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return cause_ == SWITCH_CAUSE_NONE && state_ > CS_ROUTING && state_ < CS_HANGUP &&
            state_ != CS_RESET;
 }
@@ -120,13 +123,13 @@ bool Channel::pre_answer() {
 }
 
 void Channel::set_variable(const std::string& name, const std::string& value) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     texts_.push_back(value);
     variables_[name] = texts_.back().c_str();
 }
 
 const char* Channel::variable(const std::string& name) const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     const auto found = variables_.find(name);
     return found == variables_.end() ? nullptr : found->second;
 }

@@ -56,13 +56,13 @@ EmbeddedHost::Parts& current_host() {
 }
 
 void GlobalVariables::set(const std::string& name, const std::string& value) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     texts_.push_back(value);
     values_[name] = texts_.back().c_str();
 }
 
 const char* GlobalVariables::find(const std::string& name) const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     const auto found = values_.find(name);
     return found == values_.end() ? nullptr : found->second;
 }

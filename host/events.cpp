@@ -147,7 +147,7 @@ void EventBus::stop() {
         return;
     }
     {
-        const std::lock_guard<std::mutex> guard(queue_lock_);
+        const LockGuard guard(queue_lock_);
         ending_ = true;
     }
     queued_.notify_one();
@@ -155,7 +155,7 @@ void EventBus::stop() {
 }
 
 bool EventBus::wanted(int id) const {
-    const std::shared_lock<std::shared_mutex> guard(bindings_lock_);
+    const SharedGuard guard(bindings_lock_);
     return std::any_of(bindings_.begin(), bindings_.end(), [id](const Binding& binding) {
         return binding->event == id || binding->event == SWITCH_EVENT_ALL;
     });
@@ -166,7 +166,7 @@ void EventBus::fire(Event event) {
         return;
     }
     {
-        const std::lock_guard<std::mutex> guard(queue_lock_);
+        const LockGuard guard(queue_lock_);
         queue_.push_back(std::move(event));
         ++fired_count_;
     }
@@ -174,23 +174,27 @@ void EventBus::fire(Event event) {
 }
 
 void EventBus::wait_drained() {
-    std::unique_lock<std::mutex> guard(queue_lock_);
+    const LockGuard guard(queue_lock_);
     const std::uint64_t goal = fired_count_;
-    done_.wait(guard, [&] { return done_count_ >= goal; });
+    while (done_count_ < goal) {
+        done_.wait(queue_lock_);
+    }
 }
 
 void EventBus::run() {
-    std::unique_lock<std::mutex> guard(queue_lock_);
+    const LockGuard guard(queue_lock_);
     while (true) {
-        queued_.wait(guard, [this] { return ending_ || !queue_.empty(); });
+        while (!ending_ && queue_.empty()) {
+            queued_.wait(queue_lock_);
+        }
         if (queue_.empty()) {
             return;
         }
         const Event event = std::move(queue_.front());
         queue_.pop_front();
-        guard.unlock();
+        queue_lock_.unlock();
         deliver(event);
-        guard.lock();
+        queue_lock_.lock();
         ++done_count_;
         done_.notify_all();
     }
@@ -198,7 +202,7 @@ void EventBus::run() {
 
 void EventBus::deliver(const Event& event) {
     EventRecord record(event);
-    const std::shared_lock<std::shared_mutex> guard(bindings_lock_);
+    const SharedGuard guard(bindings_lock_);
     deliver_to(event.id, record.get());
     if (event.id != SWITCH_EVENT_ALL) {
         deliver_to(SWITCH_EVENT_ALL, record.get());
@@ -231,7 +235,7 @@ switch_status_t EventBus::bind(const char* owner, switch_event_types_t event,
     binding->event = event;
     binding->callback = callback;
     binding->user_data = user_data;
-    const std::unique_lock<std::shared_mutex> guard(bindings_lock_);
+    const ExclusiveGuard guard(bindings_lock_);
     if (node) {
         *node = binding.get();
     }
@@ -243,7 +247,7 @@ switch_status_t EventBus::unbind(switch_event_node_t** node) {
     if (!*node) {
         return SWITCH_STATUS_FALSE;
     }
-    const std::unique_lock<std::shared_mutex> guard(bindings_lock_);
+    const ExclusiveGuard guard(bindings_lock_);
     const auto found =
         std::find_if(bindings_.begin(), bindings_.end(),
                      [node](const Binding& binding) { return binding.get() == *node; });
@@ -256,7 +260,7 @@ switch_status_t EventBus::unbind(switch_event_node_t** node) {
 }
 
 std::vector<EventBus::Binding> EventBus::take_bindings_of(const void* base) {
-    const std::unique_lock<std::shared_mutex> guard(bindings_lock_);
+    const ExclusiveGuard guard(bindings_lock_);
     const auto first =
         std::stable_partition(bindings_.begin(), bindings_.end(), [base](const Binding& binding) {
             return object_base(code_address(binding->callback)) != base;
@@ -268,12 +272,12 @@ std::vector<EventBus::Binding> EventBus::take_bindings_of(const void* base) {
 }
 
 void EventBus::put_back(std::vector<Binding> bindings) {
-    const std::unique_lock<std::shared_mutex> guard(bindings_lock_);
+    const ExclusiveGuard guard(bindings_lock_);
     std::move(bindings.begin(), bindings.end(), std::back_inserter(bindings_));
 }
 
 std::size_t EventBus::bindings() const {
-    const std::shared_lock<std::shared_mutex> guard(bindings_lock_);
+    const SharedGuard guard(bindings_lock_);
     return bindings_.size();
 }
 

@@ -7,17 +7,16 @@
 #include <switch.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "quorvane_lib/mutex.h"
 
 // A binding; its address is what the binder holds.
 struct switch_event_node {
@@ -93,18 +92,18 @@ class EventBus {
   private:
     void run();
     void deliver(const Event& event);
-    void deliver_to(int bound_id, switch_event_t* record);  // bindings_lock_ held, shared
+    void deliver_to(int bound_id, switch_event_t* record) QV_REQUIRES_SHARED(bindings_lock_);
 
-    mutable std::shared_mutex bindings_lock_;  // shared by a delivery; guards bindings_
-    std::vector<Binding> bindings_;
+    mutable SharedMutex bindings_lock_;  // Shared by a delivery.
+    std::vector<Binding> bindings_ QV_GUARDED_BY(bindings_lock_);
 
-    std::mutex queue_lock_;  // guards all up to ending_
-    std::condition_variable queued_;
-    std::condition_variable done_;
-    std::deque<Event> queue_;
-    std::uint64_t fired_count_ = 0;
-    std::uint64_t done_count_ = 0;
-    bool ending_ = false;
+    Mutex queue_lock_;
+    Condition queued_;
+    Condition done_;
+    std::deque<Event> queue_ QV_GUARDED_BY(queue_lock_);
+    std::uint64_t fired_count_ QV_GUARDED_BY(queue_lock_) = 0;
+    std::uint64_t done_count_ QV_GUARDED_BY(queue_lock_) = 0;
+    bool ending_ QV_GUARDED_BY(queue_lock_) = false;
 
     std::atomic<std::uint64_t> delivered_{0};
     std::thread thread_;  // last: it uses all above

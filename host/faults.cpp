@@ -16,7 +16,7 @@ bool Faults::on(Fault fault) const {
 }
 
 void Faults::hide_header(const std::string& name) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     headers_.insert(name);
     hiding_ = true;
 }
@@ -25,12 +25,12 @@ bool Faults::hidden(const std::string& name) const {
     if (!hiding_) {
         return false;
     }
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return headers_.count(name) > 0;
 }
 
 void Faults::clear() {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     headers_.clear();
     hiding_ = false;
     bits_ = 0;

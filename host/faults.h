@@ -6,9 +6,10 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <set>
 #include <string>
+
+#include "quorvane_lib/mutex.h"
 
 namespace qv::host {
 
@@ -41,8 +42,8 @@ class Faults {
   private:
     std::atomic<std::uint32_t> bits_{0};
     std::atomic<bool> hiding_{false};  // headers_ is not empty
-    mutable std::mutex lock_;          // guards headers_
-    std::set<std::string> headers_;
+    mutable Mutex lock_;
+    std::set<std::string> headers_ QV_GUARDED_BY(lock_);
 };
 
 }  // namespace qv::host

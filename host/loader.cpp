@@ -106,7 +106,7 @@ Loader::Loader() = default;
 Loader::~Loader() = default;
 
 LoadResult Loader::load(const std::string& path) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     auto module = std::make_unique<Module>(path);
     LoadResult result;
     result.name = module->name;
@@ -191,7 +191,7 @@ Loader::Closed Loader::close(Module& module) {
 }
 
 UnloadResult Loader::shutdown(const std::string& name) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     UnloadResult result;
     const auto found = modules_.find(name);
     if (found == modules_.end()) {
@@ -223,7 +223,7 @@ UnloadResult Loader::unload(const std::string& name) {
     if (!result.error.empty() && !result.exception) {
         return result;
     }
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     const auto found = modules_.find(name);
     if (found == modules_.end()) {
         return result;
@@ -247,7 +247,7 @@ UnloadResult Loader::unload(const std::string& name) {
 void Loader::unload_all() {
     std::vector<std::string> names;
     {
-        const std::lock_guard<std::mutex> guard(lock_);
+        const LockGuard guard(lock_);
         for (const auto& [name, module] : modules_) {
             names.push_back(name);
         }
@@ -258,7 +258,7 @@ void Loader::unload_all() {
 }
 
 std::size_t Loader::modules() const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return modules_.size();
 }
 

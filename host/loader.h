@@ -8,10 +8,10 @@
 #include <cstddef>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "host/registry.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::host {
 
@@ -42,8 +42,8 @@ class Loader {
     };
     static Closed close(Module& module);
 
-    mutable std::mutex lock_;  // guards modules_ and what is in them
-    std::map<std::string, std::unique_ptr<Module>> modules_;
+    mutable Mutex lock_;  // Also guards what is in the modules.
+    std::map<std::string, std::unique_ptr<Module>> modules_ QV_GUARDED_BY(lock_);
 };
 
 }  // namespace qv::host

@@ -28,27 +28,27 @@ std::optional<std::string> text_of(const char* text) {
 }  // namespace
 
 void Log::set_recording(bool on) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     recording_ = on;
     formatting_ = recording_ || listener_;
 }
 
 void Log::set_listener(Listener listener) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     listener_ = std::move(listener);
     formatting_ = recording_ || listener_;
 }
 
 std::vector<LogLine> Log::lines() const {
     std::vector<LogLine> found;
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     std::copy_if(lines_.begin(), lines_.end(), std::back_inserter(found),
                  [](const LogLine& line) { return !line.by_host; });
     return found;
 }
 
 std::vector<LogLine> Log::all_lines() const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return lines_;
 }
 
@@ -60,17 +60,23 @@ std::size_t Log::count_locked(const std::string& part) const {
 }
 
 std::size_t Log::count(const std::string& part) const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return count_locked(part);
 }
 
 bool Log::wait_for(const std::string& part, std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> guard(lock_);
-    return added_.wait_for(guard, timeout, [&] { return count_locked(part) > 0; });
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    const LockGuard guard(lock_);
+    while (count_locked(part) == 0) {
+        if (!added_.wait_until(lock_, deadline)) {
+            return count_locked(part) > 0;
+        }
+    }
+    return true;
 }
 
 void Log::clear() {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     lines_.clear();
 }
 
@@ -92,7 +98,7 @@ void Log::note(switch_log_level_t level, const std::string& text) {
 }
 
 void Log::keep(LogLine line) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     if (listener_) {
         listener_(line);
     }

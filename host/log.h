@@ -8,14 +8,14 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstddef>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "quorvane_lib/mutex.h"
 
 namespace qv::host {
 
@@ -61,14 +61,14 @@ class Log {
 
   private:
     void keep(LogLine line);
-    std::size_t count_locked(const std::string& part) const;  // lock_ held
+    std::size_t count_locked(const std::string& part) const QV_REQUIRES(lock_);
 
     std::atomic<bool> formatting_{true};  // recording_, or there is a listener_
-    mutable std::mutex lock_;             // guards all below
-    mutable std::condition_variable added_;
-    bool recording_ = true;
-    Listener listener_;
-    std::vector<LogLine> lines_;
+    mutable Mutex lock_;
+    mutable Condition added_;
+    bool recording_ QV_GUARDED_BY(lock_) = true;
+    Listener listener_ QV_GUARDED_BY(lock_);
+    std::vector<LogLine> lines_ QV_GUARDED_BY(lock_);
 };
 
 }  // namespace qv::host

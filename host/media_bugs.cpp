@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
-#include <mutex>
 #include <utility>
 
 #include "host/code_address.h"
@@ -80,7 +79,7 @@ switch_status_t MediaBugs::add(const BugInfo& wanted, switch_media_bug_t** bug) 
 
 // Once the lock is released, the bug may be called, and even be removed.
 switch_media_bug_t* MediaBugs::append(Bug bug) {
-    const std::unique_lock<std::shared_mutex> guard(lock_);
+    const ExclusiveGuard guard(lock_);
     bugs_.push_back(std::move(bug));
     count_ = bugs_.size();
     return bugs_.back().get();
@@ -88,7 +87,7 @@ switch_media_bug_t* MediaBugs::append(Bug bug) {
 
 std::vector<BugInfo> MediaBugs::infos() const {
     std::vector<BugInfo> all;
-    const std::shared_lock<std::shared_mutex> guard(lock_);
+    const SharedGuard guard(lock_);
     for (const Bug& bug : bugs_) {
         all.push_back({bug->function, bug->target == "N/A" ? "" : bug->target, bug->callback,
                        bug->user_data, bug->stop_time, bug->flags.load()});
@@ -100,7 +99,7 @@ Delivery MediaBugs::deliver(Direction direction, switch_frame_t& frame) {
     Delivery delivery;
     bool pruning = false;
     {
-        const std::shared_lock<std::shared_mutex> guard(lock_);
+        const SharedGuard guard(lock_);
         for (const Bug& bug : bugs_) {
             if (deliver_to(*bug, direction, frame)) {
                 ++delivery.bugs;
@@ -143,7 +142,7 @@ void MediaBugs::mark(switch_media_bug& bug, switch_bool_t answer) {
 bool MediaBugs::raise(switch_abc_type_t type) {
     bool all = true;
     {
-        const std::shared_lock<std::shared_mutex> guard(lock_);
+        const SharedGuard guard(lock_);
         for (const Bug& bug : bugs_) {
             const switch_bool_t answer = bug->callback(bug.get(), bug->user_data, type);
             all = all && answer != SWITCH_FALSE;
@@ -166,7 +165,7 @@ void MediaBugs::prune() {
 
 // Takes a pruned bug out of the list; null when there is none.
 MediaBugs::Bug MediaBugs::take_pruned() {
-    const std::unique_lock<std::shared_mutex> guard(lock_);
+    const ExclusiveGuard guard(lock_);
     const auto found = std::find_if(bugs_.begin(), bugs_.end(),
                                     [](const Bug& bug) { return bug->flags & SMBF_PRUNE; });
     if (found == bugs_.end()) {
@@ -194,7 +193,7 @@ void MediaBugs::retire(Bug bug) {
 void MediaBugs::close_all() {
     std::vector<Bug> closed;
     {
-        const std::unique_lock<std::shared_mutex> guard(lock_);
+        const ExclusiveGuard guard(lock_);
         for (const Bug& bug : bugs_) {
             close(*bug);
         }

@@ -11,11 +11,11 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
 #include "host/call.h"
+#include "quorvane_lib/mutex.h"
 
 // The frame that the current callback may ask for, and whether it has done so.
 struct FrameOffer {
@@ -64,10 +64,11 @@ class MediaBugs {
     // Calls every bug with CLOSE and removes it.
     void close_all();
     // No bug is called while the caller holds this lock.
-    std::unique_lock<std::shared_mutex> pause() { return std::unique_lock(lock_); }
+    std::unique_lock<SharedMutex> pause() { return std::unique_lock(lock_); }
     // Removes the bugs whose callback is unmapped, without CLOSE; returns their number. The
     // caller holds the lock from pause().
-    std::size_t drop_unmapped();
+    std::size_t drop_unmapped()
+        QV_NO_THREAD_SAFETY_ANALYSIS;  // The caller keeps what pause() gave.
 
   private:
     using Bug = std::unique_ptr<switch_media_bug>;
@@ -81,8 +82,8 @@ class MediaBugs {
     Bug take_pruned();
 
     Session& session_;
-    mutable std::shared_mutex lock_;  // guards bugs_
-    std::vector<Bug> bugs_;
+    mutable SharedMutex lock_;
+    std::vector<Bug> bugs_ QV_GUARDED_BY(lock_);
     std::atomic<std::size_t> count_{0};  // size of bugs_
 };
 

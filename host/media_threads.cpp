@@ -37,7 +37,7 @@ MediaThread::MediaThread() : thread_([this] { run(); }) {}
 
 MediaThread::~MediaThread() {
     {
-        const std::lock_guard<std::mutex> guard(lock_);
+        const LockGuard guard(lock_);
         ending_ = true;
     }
     changed_.notify_one();
@@ -46,7 +46,7 @@ MediaThread::~MediaThread() {
 
 void MediaThread::add(Stream stream) {
     {
-        const std::lock_guard<std::mutex> guard(lock_);
+        const LockGuard guard(lock_);
         waiting_.push(std::move(stream));
     }
     changed_.notify_one();
@@ -54,42 +54,44 @@ void MediaThread::add(Stream stream) {
 
 // The stream may stay queued until it is due; the thread then drops it unplayed.
 void MediaThread::remove(const Stream& stream) {
-    std::unique_lock<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     stream->stopped_ = true;
     ++removals_;
-    idle_.wait(guard, [&] { return playing_ != stream; });
+    while (playing_ == stream) {
+        idle_.wait(lock_);
+    }
     --removals_;
 }
 
 void MediaThread::run() {
-    std::unique_lock<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     while (!ending_) {
         if (waiting_.empty()) {
-            changed_.wait(guard);
+            changed_.wait(lock_);
             continue;
         }
         const auto now = MediaStream::Clock::now();
         const auto due = waiting_.top()->due();
         if (due > now) {
-            changed_.wait_until(guard, due);
+            changed_.wait_until(lock_, due);
         } else {
-            play_next(guard, now);
+            play_next(now);
         }
     }
 }
 
-void MediaThread::play_next(std::unique_lock<std::mutex>& guard,
-                            MediaStream::Clock::time_point now) {
-    playing_ = waiting_.top();
+void MediaThread::play_next(MediaStream::Clock::time_point now) {
+    const Stream stream = waiting_.top();
     waiting_.pop();
+    playing_ = stream;
     bool more = false;
-    if (!playing_->stopped_) {
-        guard.unlock();
-        more = playing_->step(now);
-        guard.lock();
+    if (!stream->stopped_) {
+        lock_.unlock();
+        more = stream->step(now);
+        lock_.lock();
     }
-    if (more && !playing_->stopped_) {
-        waiting_.push(playing_);
+    if (more && !stream->stopped_) {
+        waiting_.push(stream);
     }
     playing_.reset();
     if (removals_ > 0) {
@@ -102,7 +104,7 @@ MediaPool::MediaPool(unsigned threads_per_direction)
 
 MediaThread& MediaPool::thread_for(Direction direction) {
     const auto side = static_cast<std::size_t>(direction);
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     auto& threads = threads_[side];
     if (threads.size() < per_direction_) {
         threads.push_back(std::make_unique<MediaThread>());

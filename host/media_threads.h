@@ -2,15 +2,14 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <queue>
 #include <thread>
 #include <vector>
 
 #include "host/call.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::host {
 
@@ -61,16 +60,16 @@ class MediaThread {
     };
 
     void run();
-    // `guard` holds lock_; it is released while the frame plays.
-    void play_next(std::unique_lock<std::mutex>& guard, MediaStream::Clock::time_point now);
+    // The lock is released while the frame plays.
+    void play_next(MediaStream::Clock::time_point now) QV_REQUIRES(lock_);
 
-    std::mutex lock_;  // guards all up to ending_
-    std::condition_variable changed_;
-    std::condition_variable idle_;
-    std::priority_queue<Stream, std::vector<Stream>, Later> waiting_;
-    Stream playing_;
-    std::size_t removals_ = 0;  // threads inside remove()
-    bool ending_ = false;
+    Mutex lock_;
+    Condition changed_;
+    Condition idle_;
+    std::priority_queue<Stream, std::vector<Stream>, Later> waiting_ QV_GUARDED_BY(lock_);
+    Stream playing_ QV_GUARDED_BY(lock_);
+    std::size_t removals_ QV_GUARDED_BY(lock_) = 0;  // threads inside remove()
+    bool ending_ QV_GUARDED_BY(lock_) = false;
     std::thread thread_;  // last: it uses all above
 };
 
@@ -85,9 +84,9 @@ class MediaPool {
 
   private:
     const unsigned per_direction_;
-    std::mutex lock_;  // guards the two below
-    std::vector<std::unique_ptr<MediaThread>> threads_[2];
-    std::size_t next_[2] = {0, 0};
+    Mutex lock_;
+    std::vector<std::unique_ptr<MediaThread>> threads_[2] QV_GUARDED_BY(lock_);
+    std::size_t next_[2] QV_GUARDED_BY(lock_) = {0, 0};
 };
 
 }  // namespace qv::host

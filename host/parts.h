@@ -2,7 +2,6 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -11,6 +10,7 @@
 #include "host/loader.h"
 #include "host/media_threads.h"
 #include "host/session_table.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::host {
 
@@ -23,9 +23,9 @@ class GlobalVariables {
     const char* find(const std::string& name) const;
 
   private:
-    mutable std::mutex lock_;  // guards the two below
-    std::map<std::string, const char*> values_;
-    std::deque<std::string> texts_;
+    mutable Mutex lock_;
+    std::map<std::string, const char*> values_ QV_GUARDED_BY(lock_);
+    std::deque<std::string> texts_ QV_GUARDED_BY(lock_);
 };
 
 struct EmbeddedHost::Parts {

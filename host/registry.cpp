@@ -32,12 +32,12 @@ void* create(std::vector<std::unique_ptr<Interface>>& list, ModuleInterface* par
 }  // namespace
 
 void Registry::add(ModuleInterface& module) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     modules_.push_back(&module);
 }
 
 bool Registry::remove(ModuleInterface& module) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     if (module.users > 0) {
         return false;
     }
@@ -46,7 +46,7 @@ bool Registry::remove(ModuleInterface& module) {
 }
 
 InUse<switch_application_interface_t> Registry::application(const std::string& name) const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     for (const ModuleInterface* module : modules_) {
         if (const auto* found = find(module->applications, name)) {
             return InUse<switch_application_interface_t>(found);
@@ -56,7 +56,7 @@ InUse<switch_application_interface_t> Registry::application(const std::string& n
 }
 
 InUse<switch_api_interface_t> Registry::api(const std::string& name) const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     for (const ModuleInterface* module : modules_) {
         if (const auto* found = find(module->apis, name)) {
             return InUse<switch_api_interface_t>(found);
@@ -67,7 +67,7 @@ InUse<switch_api_interface_t> Registry::api(const std::string& name) const {
 
 std::vector<const switch_application_interface_t*> Registry::applications() const {
     std::vector<const switch_application_interface_t*> all;
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     for (const ModuleInterface* module : modules_) {
         for (const auto& item : module->applications) {
             all.push_back(item.get());
@@ -78,7 +78,7 @@ std::vector<const switch_application_interface_t*> Registry::applications() cons
 
 std::vector<const switch_api_interface_t*> Registry::apis() const {
     std::vector<const switch_api_interface_t*> all;
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     for (const ModuleInterface* module : modules_) {
         for (const auto& item : module->apis) {
             all.push_back(item.get());
@@ -88,12 +88,12 @@ std::vector<const switch_api_interface_t*> Registry::apis() const {
 }
 
 void Registry::add_completion(const std::string& text) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     completions_.push_back(text);
 }
 
 std::vector<std::string> Registry::completions() const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return completions_;
 }
 

@@ -6,9 +6,10 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "quorvane_lib/mutex.h"
 
 // A module's load function fills it; the module holds its address.
 struct switch_loadable_module_interface {
@@ -63,9 +64,9 @@ class Registry {
     std::vector<std::string> completions() const;
 
   private:
-    mutable std::mutex lock_;  // guards the two below
-    std::vector<ModuleInterface*> modules_;
-    std::vector<std::string> completions_;
+    mutable Mutex lock_;
+    std::vector<ModuleInterface*> modules_ QV_GUARDED_BY(lock_);
+    std::vector<std::string> completions_ QV_GUARDED_BY(lock_);
 };
 
 }  // namespace qv::host

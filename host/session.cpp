@@ -49,7 +49,7 @@ const char* answer_state(const Channel& channel) {
 }  // namespace
 
 bool ReadLock::try_lock() {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     if (closed_) {
         return false;
     }
@@ -58,7 +58,7 @@ bool ReadLock::try_lock() {
 }
 
 bool ReadLock::unlock() {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     if (holders_ == 0) {
         return false;
     }
@@ -69,19 +69,21 @@ bool ReadLock::unlock() {
 }
 
 bool ReadLock::close(std::chrono::milliseconds patience) {
-    std::unique_lock<std::mutex> guard(lock_);
-    const bool free = released_.wait_for(guard, patience, [this] { return holders_ == 0; });
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    const LockGuard guard(lock_);
+    while (holders_ > 0 && released_.wait_until(lock_, deadline)) {
+    }
     closed_ = true;
-    return free;
+    return holders_ == 0;
 }
 
 std::size_t ReadLock::holders() const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return holders_;
 }
 
 FrameResult MediaLeg::feed(const void* data, std::size_t size) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     reserve(size);
     if (size > 0) {
         std::memcpy(buffer_.data(), data, size);
@@ -90,13 +92,13 @@ FrameResult MediaLeg::feed(const void* data, std::size_t size) {
 }
 
 FrameResult MediaLeg::feed(switch_frame_t& frame) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return hand_out(frame);
 }
 
 std::optional<FrameResult> MediaLeg::feed_from(FrameSource& source,
                                                std::chrono::nanoseconds lateness) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     reserve(FRAME_CAPACITY);
     const auto size = source.next(buffer_.data(), static_cast<std::uint32_t>(buffer_.size()));
     if (!size) {
@@ -110,7 +112,7 @@ std::optional<FrameResult> MediaLeg::feed_from(FrameSource& source,
 }
 
 MediaStats MediaLeg::stats() const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return stats_;
 }
 
@@ -186,7 +188,7 @@ Session::Session(CallOptions options, std::string uuid)
 Session::~Session() = default;
 
 bool Session::execute(const std::string& application, const std::string& data) {
-    const std::lock_guard<std::mutex> guard(thread_lock_);
+    const LockGuard guard(thread_lock_);
     auto& host = current_host();
     const auto found = host.registry.application(application);
     if (!found || over()) {
@@ -208,10 +210,10 @@ bool Session::hangup(switch_call_cause_t cause) {
     channel_.hang_up(cause);
     fire(SWITCH_EVENT_CHANNEL_HANGUP);
     {
-        const std::lock_guard<std::mutex> plan(plan_lock_);
+        const LockGuard plan(plan_lock_);
         stop_stream(Direction::READ);
     }
-    const std::lock_guard<std::mutex> guard(thread_lock_);
+    const LockGuard guard(thread_lock_);
     bugs_.close_all();
     channel_.set_state(CS_REPORTING);
     fire(SWITCH_EVENT_CHANNEL_HANGUP_COMPLETE);
@@ -239,14 +241,14 @@ void Session::destroy() {
 }
 
 void Session::start_media(MediaPlan plan) {
-    const std::lock_guard<std::mutex> guard(plan_lock_);
+    const LockGuard guard(plan_lock_);
     stop_stream(Direction::READ);
     stop_stream(Direction::WRITE);
     if (over()) {
         return;
     }
     {
-        const std::lock_guard<std::mutex> ends(ends_lock_);
+        const LockGuard ends(ends_lock_);
         streams_left_ = (plan.read ? 1 : 0) + (plan.write ? 1 : 0);
     }
     start_stream(Direction::READ, std::move(plan.read), plan);
@@ -281,23 +283,25 @@ void Session::stop_stream(Direction direction) {
 
 void Session::stop_media() {
     {
-        const std::lock_guard<std::mutex> guard(plan_lock_);
+        const LockGuard guard(plan_lock_);
         stop_stream(Direction::READ);
         stop_stream(Direction::WRITE);
     }
-    const std::lock_guard<std::mutex> ends(ends_lock_);
+    const LockGuard ends(ends_lock_);
     ended_.notify_all();
 }
 
 void Session::media_ended() {
-    const std::lock_guard<std::mutex> guard(ends_lock_);
+    const LockGuard guard(ends_lock_);
     --streams_left_;
     ended_.notify_all();
 }
 
 bool Session::wait_media(std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> guard(ends_lock_);
-    ended_.wait_for(guard, timeout, [this] { return streams_left_ == 0 || over(); });
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    const LockGuard guard(ends_lock_);
+    while (streams_left_ > 0 && !over() && ended_.wait_until(ends_lock_, deadline)) {
+    }
     return streams_left_ == 0;
 }
 

@@ -8,18 +8,17 @@
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "host/call.h"
 #include "host/events.h"
 #include "host/media_bugs.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::host {
 class Session;
@@ -85,15 +84,15 @@ class Channel {
     const switch_call_direction_t direction_;
     const MediaState media_;
     const bool has_times_;
-    switch_channel_timetable_t times_{};
+    switch_channel_timetable_t times_ QV_GUARDED_BY(lock_){};
 
     std::array<std::atomic<std::uint32_t>, FLAGS> flags_{};
-    mutable std::mutex lock_;  // guards all below, and times_
-    bool hung_up_ = false;
-    switch_channel_state_t state_;
-    switch_call_cause_t cause_ = SWITCH_CAUSE_NONE;
-    std::map<std::string, const char*, CaseBlindLess> variables_;
-    std::deque<std::string> texts_;  // every value a variable ever had
+    mutable Mutex lock_;
+    bool hung_up_ QV_GUARDED_BY(lock_) = false;
+    switch_channel_state_t state_ QV_GUARDED_BY(lock_);
+    switch_call_cause_t cause_ QV_GUARDED_BY(lock_) = SWITCH_CAUSE_NONE;
+    std::map<std::string, const char*, CaseBlindLess> variables_ QV_GUARDED_BY(lock_);
+    std::deque<std::string> texts_ QV_GUARDED_BY(lock_);  // every value a variable ever had
 };
 
 // Counts the holders of the session's read lock, and lets its end wait for them. Any thread.
@@ -108,10 +107,10 @@ class ReadLock {
     std::size_t holders() const;
 
   private:
-    mutable std::mutex lock_;  // guards the two below
-    std::condition_variable released_;
-    std::size_t holders_ = 0;
-    bool closed_ = false;
+    mutable Mutex lock_;
+    Condition released_;
+    std::size_t holders_ QV_GUARDED_BY(lock_) = 0;
+    bool closed_ QV_GUARDED_BY(lock_) = false;
 };
 
 // One direction of a session's media: its frame, its buffers, its figures.
@@ -127,18 +126,17 @@ class MediaLeg {
     MediaStats stats() const;
 
   private:
-    // Callers of these hold lock_.
-    FrameResult hand_out_buffer(std::uint32_t size);
-    FrameResult hand_out(switch_frame_t& frame);
-    void reserve(std::size_t size);
+    FrameResult hand_out_buffer(std::uint32_t size) QV_REQUIRES(lock_);
+    FrameResult hand_out(switch_frame_t& frame) QV_REQUIRES(lock_);
+    void reserve(std::size_t size) QV_REQUIRES(lock_);
 
     Session& session_;
     const Direction direction_;
-    mutable std::mutex lock_;  // guards all below; held while the bugs see a frame
-    std::vector<std::uint8_t> buffer_;
-    std::vector<std::uint8_t> original_;
-    switch_frame_t frame_{};
-    MediaStats stats_;
+    mutable Mutex lock_;  // Held while the bugs see a frame.
+    std::vector<std::uint8_t> buffer_ QV_GUARDED_BY(lock_);
+    std::vector<std::uint8_t> original_ QV_GUARDED_BY(lock_);
+    switch_frame_t frame_ QV_GUARDED_BY(lock_){};
+    MediaStats stats_ QV_GUARDED_BY(lock_);
 };
 
 class Session : public std::enable_shared_from_this<Session> {
@@ -172,8 +170,8 @@ class Session : public std::enable_shared_from_this<Session> {
 
   private:
     void start_stream(Direction direction, std::unique_ptr<FrameSource> source,
-                      const MediaPlan& plan);
-    void stop_stream(Direction direction);
+                      const MediaPlan& plan) QV_REQUIRES(plan_lock_);
+    void stop_stream(Direction direction) QV_REQUIRES(plan_lock_);
     void destroy();
 
     const CallOptions options_;
@@ -189,7 +187,7 @@ class Session : public std::enable_shared_from_this<Session> {
     MediaLeg write_;
 
     std::atomic<bool> over_{false};  // hang-up has begun
-    std::mutex thread_lock_;         // held by the function that acts as the session's thread
+    Mutex thread_lock_;              // held by the function that acts as the session's thread
 
     // One direction of a plan: its stream, and the thread that plays it.
     struct Playing {
@@ -198,11 +196,11 @@ class Session : public std::enable_shared_from_this<Session> {
         std::unique_ptr<MediaThread> own_thread;
     };
 
-    std::mutex plan_lock_;  // guards playing_; held while streams start and stop
-    std::array<Playing, 2> playing_;
-    std::mutex ends_lock_;  // guards streams_left_
-    std::condition_variable ended_;
-    int streams_left_ = 0;
+    Mutex plan_lock_;  // Held while streams start and stop.
+    std::array<Playing, 2> playing_ QV_GUARDED_BY(plan_lock_);
+    Mutex ends_lock_;
+    Condition ended_;
+    int streams_left_ QV_GUARDED_BY(ends_lock_) = 0;
 };
 
 }  // namespace qv::host

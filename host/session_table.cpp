@@ -6,18 +6,18 @@
 namespace qv::host {
 
 bool SessionTable::add(const std::shared_ptr<Session>& session) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return sessions_.emplace(session->uuid(), session).second;
 }
 
 void SessionTable::remove(const std::string& uuid) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     sessions_.erase(uuid);
 }
 
 // Held until the read lock is taken, so that the session cannot end in between.
 switch_core_session_t* SessionTable::locate(const std::string& uuid) const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     const std::shared_ptr<Session> session = find(uuid);
     if (session == nullptr || !session->read_lock().try_lock()) {
         return nullptr;
@@ -32,7 +32,7 @@ switch_core_session_t* SessionTable::locate(const std::string& uuid) const {
     return session->handle();
 }
 
-// By its UUID, else by its external id. lock_ held.
+// By its UUID, else by its external id.
 std::shared_ptr<Session> SessionTable::find(const std::string& name) const {
     const auto found = sessions_.find(name);
     if (found != sessions_.end()) {
@@ -48,7 +48,7 @@ std::shared_ptr<Session> SessionTable::find(const std::string& name) const {
 
 std::vector<std::shared_ptr<Session>> SessionTable::all() const {
     std::vector<std::shared_ptr<Session>> sessions;
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     sessions.reserve(sessions_.size());
     for (const auto& [uuid, session] : sessions_) {
         sessions.push_back(session);
@@ -57,12 +57,12 @@ std::vector<std::shared_ptr<Session>> SessionTable::all() const {
 }
 
 std::size_t SessionTable::size() const {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return sessions_.size();
 }
 
 void SessionTable::keep(std::shared_ptr<Session> session) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     kept_.push_back(std::move(session));
 }
 

@@ -6,10 +6,11 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include "quorvane_lib/mutex.h"
 
 namespace qv::host {
 
@@ -31,17 +32,17 @@ class SessionTable {
     // While it exists, no bug of the present sessions is called.
     struct Pause {
         std::vector<std::shared_ptr<Session>> sessions;
-        std::vector<std::unique_lock<std::shared_mutex>>
+        std::vector<std::unique_lock<SharedMutex>>
             locks;  // destroyed before the sessions that they lock
     };
     Pause pause_bugs() const;
 
   private:
-    std::shared_ptr<Session> find(const std::string& name) const;
+    std::shared_ptr<Session> find(const std::string& name) const QV_REQUIRES(lock_);
 
-    mutable std::mutex lock_;  // guards the two below
-    std::unordered_map<std::string, std::shared_ptr<Session>> sessions_;
-    std::vector<std::shared_ptr<Session>> kept_;
+    mutable Mutex lock_;
+    std::unordered_map<std::string, std::shared_ptr<Session>> sessions_ QV_GUARDED_BY(lock_);
+    std::vector<std::shared_ptr<Session>> kept_ QV_GUARDED_BY(lock_);
 };
 
 }  // namespace qv::host

@@ -3,14 +3,14 @@
 namespace qv::tools::call {
 
 void Console::line(const std::string& text) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     erase_status();
     out_ << text << '\n' << std::flush;
     draw_status();
 }
 
 void Console::set_status(const std::string& text) {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     if (!terminal_) {
         return;
     }

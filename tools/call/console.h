@@ -3,9 +3,10 @@
 // Any thread may call.
 #pragma once
 
-#include <mutex>
 #include <ostream>
 #include <string>
+
+#include "quorvane_lib/mutex.h"
 
 namespace qv::tools::call {
 
@@ -26,15 +27,15 @@ class Console {
     void set_status(const std::string& text);
 
   private:
-    void erase_status();  // lock_ held
-    void draw_status();   // lock_ held
+    void erase_status() QV_REQUIRES(lock_);
+    void draw_status() QV_REQUIRES(lock_);
 
-    std::mutex lock_;  // guards all below
-    std::ostream& out_;
-    std::ostream& status_;
+    Mutex lock_;
+    std::ostream& out_ QV_GUARDED_BY(lock_);
+    std::ostream& status_ QV_GUARDED_BY(lock_);
     const bool terminal_;
     const Columns columns_;
-    std::string status_text_;
+    std::string status_text_ QV_GUARDED_BY(lock_);
 };
 
 }  // namespace qv::tools::call

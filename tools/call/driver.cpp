@@ -22,20 +22,21 @@ bool is_failure(const host::ApiAnswer& answer) {
 
 void EndedSides::add(std::size_t call) {
     {
-        const std::lock_guard<std::mutex> guard(lock_);
+        const LockGuard guard(lock_);
         calls_.push_back(call);
     }
     added_.notify_one();
 }
 
 std::vector<std::size_t> EndedSides::take() {
-    const std::lock_guard<std::mutex> guard(lock_);
+    const LockGuard guard(lock_);
     return std::exchange(calls_, {});
 }
 
 void EndedSides::wait_until(std::chrono::steady_clock::time_point time) {
-    std::unique_lock<std::mutex> guard(lock_);
-    added_.wait_until(guard, time, [this] { return !calls_.empty(); });
+    const LockGuard guard(lock_);
+    while (calls_.empty() && added_.wait_until(lock_, time)) {
+    }
 }
 
 Driver::Driver(host::EmbeddedHost& host, const CallPlan& plan, RunListener& listener)

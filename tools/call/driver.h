@@ -5,17 +5,16 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "host/embedded_host.h"
+#include "quorvane_lib/mutex.h"
 #include "tools/call/call_plan.h"
 #include "tools/call/frame_tally.h"
 #include "tools/call/schedule.h"
@@ -84,9 +83,9 @@ class EndedSides {
     void wait_until(std::chrono::steady_clock::time_point time);
 
   private:
-    std::mutex lock_;  // guards calls_
-    std::condition_variable added_;
-    std::vector<std::size_t> calls_;
+    Mutex lock_;
+    Condition added_;
+    std::vector<std::size_t> calls_ QV_GUARDED_BY(lock_);
 };
 
 class Driver {
