@@ -107,9 +107,9 @@ std::vector<std::int16_t> samples(Input& in, std::size_t count) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const auto index = references();
-    static constexpr int RATES[] = {4000, 8000, 11025, 16000, 24000, 32000, 44100, 48000};
+    static constexpr int rates[] = {4000, 8000, 11025, 16000, 24000, 32000, 44100, 48000};
     Input in(data, size);
-    const int rate = RATES[in.take(1) % 8];
+    const int rate = rates[in.take(1) % 8];
     ActivityOptions options;
     options.hang_over_ms = static_cast<int>(in.take(2)) - 100;
     options.minimum_ms = static_cast<int>(in.take(1));
