@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "node/report/text.h"
+#include "node/service_manager.h"
 
 namespace qv::node {
 
@@ -32,11 +33,12 @@ int Application::run() {
             outputs_.lines().say(reason, "");
             loop_.stop();
         },
-        [this] { outputs_.reload(); });
+        [this] { reload(); });
     began_ = steady_now();
     outputs_.begin(figures(began_));
     receiver_.start();
     schedule_tick();
+    notify("READY=1");
     loop_.run();
     return finish();
 }
@@ -122,7 +124,22 @@ NodeFigures Application::figures(Micros now) {
     return figures;
 }
 
+void Application::reload() {
+    // The manager compares the time with that of its request.
+    notify("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(steady_now().count()));
+    outputs_.reload();
+    notify("READY=1");
+}
+
+void Application::notify(const std::string& state) {
+    const std::string error = notify_service_manager(state);
+    if (!error.empty()) {
+        outputs_.lines().say("service manager not told", error);
+    }
+}
+
 int Application::finish() {
+    notify("STOPPING=1");
     receiver_.drain_and_stop();
     calls_->shut_down();
     outputs_.finish(figures(steady_now()));

@@ -28,6 +28,8 @@ class Application {
   private:
     std::string open();
     std::string open_socket();
+    void notify(const std::string& state);
+    void reload();
     void open_calls();
     void schedule_tick();
     void tick();

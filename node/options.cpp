@@ -67,10 +67,14 @@ void add_report_options(CLI::App& app, Options& options) {
     app.add_flag("--live", options.live, "Show the calls on the terminal (lines if it is none)");
     app.add_flag("--timeline", options.timeline,
                  "Draw each call: an SVG file beside its WAV files");
-    app.add_option("--metrics", options.metrics_port,
-                   "Serve Prometheus metrics on this port of 127.0.0.1; 0 takes a free one")
-        ->check(CLI::Range(0, 65535))
-        ->type_name("PORT");
+    app.add_option_function<std::string>(
+           "--metrics",
+           [&options](const std::string& text) {
+               options.metrics = tools::parse_address(text);  // It has been checked.
+           },
+           "Serve Prometheus metrics there; a port alone is of 127.0.0.1; 0 takes a free one")
+        ->check(tools::check_address)
+        ->type_name("ADDRESS:PORT");
 }
 
 void add_exit_options(CLI::App& app, Options& options) {
@@ -85,7 +89,7 @@ void add_exit_options(CLI::App& app, Options& options) {
 
 void add_audio_options(CLI::App& app, Options& options) {
     CallLimits& limits = options.limits;
-    app.add_option("-r,--rate", limits.sample_rate,
+    app.add_option("--rate,--sample-rate", limits.sample_rate,
                    "Sample rate of all calls (else told from sample offset against send time)")
         ->check(CLI::Range(1000, 384000))
         ->type_name("HZ");

@@ -27,12 +27,12 @@ struct Options {
     bool every_packet = false;
     bool live = false;
     bool timeline = false;
-    std::optional<std::uint16_t> metrics_port;
-    bool stereo = false;       // One file of both sides as well.
-    bool no_sides = false;     // No file per side.
-    bool keep_pauses = false;  // In the files of one side.
-    std::uint64_t calls = 0;   // End after so many calls; 0: never.
-    double idle_exit_s = 0;    // End after so long without a packet; 0: never.
+    std::optional<sockaddr_in> metrics;  // Where they are served.
+    bool stereo = false;                 // One file of both sides as well.
+    bool no_sides = false;               // No file per side.
+    bool keep_pauses = false;            // In the files of one side.
+    std::uint64_t calls = 0;             // End after so many calls; 0: never.
+    double idle_exit_s = 0;              // End after so long without a packet; 0: never.
     int receive_buffer_mib = 64;
     std::size_t max_open_files = 0;       // 0: what the system allows.
     std::uint64_t max_files = 1'000'000;  // Of one run; 0: no limit.

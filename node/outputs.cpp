@@ -7,6 +7,7 @@
 #include "node/report/summary.h"
 #include "node/report/text.h"
 #include "node/report/text_file.h"
+#include "tools/address.h"
 
 namespace qv::node {
 
@@ -76,14 +77,14 @@ std::string Outputs::open_events() {
 }
 
 std::string Outputs::open_metrics() {
-    if (!options_.metrics_port.has_value()) {
+    if (!options_.metrics.has_value()) {
         return {};
     }
     try {
-        metrics_ = std::make_unique<Metrics>(*options_.metrics_port);
+        metrics_ = std::make_unique<Metrics>(*options_.metrics);
     } catch (const std::exception&) {  // Its text speaks of the library's insides.
-        return "cannot serve metrics on port " + std::to_string(*options_.metrics_port) +
-               ": it is in use or not permitted";
+        return "cannot serve metrics on " + tools::address_text(*options_.metrics) +
+               ": the port is in use or not permitted, or the address is not of this machine";
     }
     return {};
 }
@@ -147,7 +148,9 @@ void Outputs::begin(const NodeFigures& figures) {
     lines_.say("listening on " + figures.address,
                "writing to " + options_.folder + ", " + buffer_text(granted, wanted));
     if (metrics_ != nullptr) {
-        lines_.say("metrics", "http://127.0.0.1:" + std::to_string(metrics_->port()) + "/metrics");
+        sockaddr_in address = *options_.metrics;
+        address.sin_port = htons(metrics_->port());
+        lines_.say("metrics", "http://" + tools::address_text(address) + "/metrics");
     }
     notices_->listening(figures.address);
     flush_events();

@@ -19,7 +19,7 @@ std::optional<sockaddr_in> parse_address(const std::string& text) {
     // The library's parser would take an address alone for one with port 0.
     const std::string port = text.substr(text.rfind(':') + 1);
     sockaddr_in address{};
-    if (port.empty() || port.find('.') != std::string::npos ||
+    if (port.empty() || port.find('.') != std::string::npos || text.front() == ':' ||
         !net::parse_addr(text.c_str(), nullptr, address)) {
         return std::nullopt;
     }
@@ -28,9 +28,14 @@ std::optional<sockaddr_in> parse_address(const std::string& text) {
 }
 
 std::string check_address(const std::string& text) {
-    return parse_address(text).has_value()
-               ? std::string()
-               : "'" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000";
+    if (parse_address(text).has_value()) {
+        return {};
+    }
+    if (text.size() > 1 && text.front() == ':' && parse_address(text.substr(1)).has_value()) {
+        return "'" + text + "' names no address: write 127.0.0.1" + text +
+               " for this machine only, or 0.0.0.0" + text + " for all its addresses";
+    }
+    return "'" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000";
 }
 
 }  // namespace qv::tools

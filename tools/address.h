@@ -14,8 +14,8 @@ namespace qv::tools {
 std::string address_text(const unsigned char* address, std::uint16_t port);
 std::string address_text(const sockaddr_in& address);
 
-// Reads "a.b.c.d:port", or ":port" and "port" for the loopback. Nothing for any other text;
-// an address without port is one.
+// Reads "a.b.c.d:port", or "port" for the loopback. Nothing for any other text, an address
+// without port included; ":port", too: elsewhere it means all addresses of the machine.
 std::optional<sockaddr_in> parse_address(const std::string& text);
 
 // For the check of an option: why parse_address() refuses the text; empty when it does not.

@@ -44,4 +44,29 @@ constexpr const char* describe(Drop reason) {
     return "unknown reason";
 }
 
+// The reason as a label of a metric.
+constexpr const char* name_of(Drop reason) {
+    switch (reason) {
+        case Drop::TOO_MANY_CALLS:
+            return "too_many_calls";
+        case Drop::AFTER_END:
+            return "after_end";
+        case Drop::OTHER_CALL_KEY:
+            return "other_call_key";
+        case Drop::OTHER_LEG:
+            return "other_leg";
+        case Drop::REPEATED_START:
+            return "repeated_start";
+        case Drop::OLD_CONTROL:
+            return "old_control";
+        case Drop::DUPLICATE:
+            return "duplicate";
+        case Drop::LATE:
+            return "late";
+        case Drop::IMPLAUSIBLE:
+            return "implausible";
+    }
+    return "unknown";
+}
+
 }  // namespace qv::node

@@ -13,6 +13,16 @@ void CallCounter::data(const Call& /*call*/, const media::Packet& packet) {
     totals_.audio_bytes += packet.sample_count * sizeof(std::int16_t);
 }
 
+void CallCounter::rate_decided(const Call& call, Side side) {
+    if (call.side(side).rate_assumed()) {
+        ++totals_.assumed_rates;
+    }
+}
+
+void CallCounter::pause(const Call& /*call*/, Side /*side*/, const Pause& /*pause*/) {
+    ++totals_.pauses;
+}
+
 void CallCounter::gap(const Call& /*call*/, Side /*side*/, const Gap& gap) {
     ++totals_.gaps;
     totals_.lost_packets += gap.lost_packets;

@@ -23,6 +23,8 @@ struct Totals {
     std::uint64_t lost_packets = 0;  // Given up; those that came later are dropped as LATE.
     std::uint64_t reordered = 0;     // Of ended calls.
     std::uint64_t silence_samples = 0;
+    std::uint64_t pauses = 0;         // Of the senders.
+    std::uint64_t assumed_rates = 0;  // Sides whose packets did not tell their sample rate.
     std::uint64_t file_errors = 0;
 
     std::uint64_t all_packets() const { return packets[0] + packets[1] + packets[2] + packets[3]; }
@@ -44,6 +46,8 @@ class CallCounter : public CallListener {
 
     std::unique_ptr<CallListener> begin_call(Call& call) override;
     void data(const Call& call, const media::Packet& packet) override;
+    void rate_decided(const Call& call, Side side) override;
+    void pause(const Call& call, Side side, const Pause& pause) override;
     void gap(const Call& call, Side side, const Gap& gap) override;
     void file_failed(const Call& call, const FileReport& file) override;
     void ended(const Call& call, EndReason reason) override;

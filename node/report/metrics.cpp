@@ -5,6 +5,9 @@
 #include <prometheus/gauge.h>
 #include <prometheus/registry.h>
 
+#include "node/report/process_metrics.h"
+#include "tools/address.h"
+
 namespace qv::node {
 
 namespace {
@@ -14,6 +17,32 @@ using prometheus::Gauge;
 
 constexpr std::array<const char*, 4> TYPE_NAMES = {"start", "terminate", "data", "control"};
 
+constexpr const char* label_of(media::DecodeResult result) {
+    switch (result) {
+        case media::DecodeResult::OK:
+            return "ok";
+        case media::DecodeResult::TOO_SHORT:
+            return "too_short";
+        case media::DecodeResult::TOO_LONG:
+            return "too_long";
+        case media::DecodeResult::BAD_MAGIC:
+            return "bad_magic";
+        case media::DecodeResult::UNKNOWN_VERSION:
+            return "unknown_version";
+        case media::DecodeResult::UNKNOWN_TYPE:
+            return "unknown_type";
+        case media::DecodeResult::WRONG_LENGTH:
+            return "wrong_length";
+        case media::DecodeResult::TOO_MANY_SAMPLES:
+            return "too_many_samples";
+        case media::DecodeResult::NO_CALL_REFERENCE:
+            return "no_call_reference";
+        case media::DecodeResult::UNTERMINATED_CALL_REFERENCE:
+            return "unterminated_call_reference";
+    }
+    return "unknown";
+}
+
 void set(Counter& counter, std::uint64_t value) {
     counter.Increment(static_cast<double>(value) - counter.Value());
 }
@@ -22,9 +51,10 @@ void set(Counter& counter, std::uint64_t value) {
 
 class Metrics::Impl {
   public:
-    explicit Impl(std::uint16_t port)
-        : exposer("127.0.0.1:" + std::to_string(port), 1),
+    explicit Impl(const sockaddr_in& address)
+        : exposer(tools::address_text(address), 1),
           registry(std::make_shared<prometheus::Registry>()),
+          process(std::make_shared<ProcessMetrics>()),
           received(counter("received_packets_total", "Datagrams that came, of any kind")),
           overflowed(counter("socket_dropped_packets_total",
                              "Datagrams that the system dropped: receive buffer full")),
@@ -41,6 +71,9 @@ class Metrics::Impl {
           skipped(counter("skipped_packets_total",
                           "Data packets given up; late ones are counted apart, too")),
           silence(counter("silence_samples_total", "Samples of silence filled in")),
+          pauses(counter("pauses_total", "Pauses of the senders")),
+          assumed_rates(counter("assumed_rates_total",
+                                "Call sides whose packets did not tell their sample rate")),
           file_errors(counter("file_errors_total", "Files that could not be written")),
           calls(gauge("calls", "Calls now")),
           open_files(gauge("open_files", "WAV files open now")),
@@ -50,13 +83,20 @@ class Metrics::Impl {
         }
         for (std::size_t i = 0; i < DROP_COUNT; ++i) {
             dropped[i] = &labelled("unused_packets_total", "Packets that were not used", "reason",
-                                   describe(static_cast<Drop>(i)));
+                                   name_of(static_cast<Drop>(i)));
         }
         for (std::size_t i = 1; i < media::DECODE_RESULT_COUNT; ++i) {
             malformed[i] = &labelled("malformed_packets_total", "Datagrams that are no packets",
-                                     "reason", describe(static_cast<media::DecodeResult>(i)));
+                                     "reason", label_of(static_cast<media::DecodeResult>(i)));
         }
+        prometheus::BuildGauge()
+            .Name("quorvane_node_build_info")
+            .Help("Always 1; its label tells which program this is")
+            .Register(*registry)
+            .Add({{"version", QUORVANE_VERSION}})
+            .Set(1);
         exposer.RegisterCollectable(registry);
+        exposer.RegisterCollectable(process);
     }
 
     Counter& counter(const std::string& name, const std::string& help) {
@@ -86,6 +126,7 @@ class Metrics::Impl {
 
     prometheus::Exposer exposer;
     std::shared_ptr<prometheus::Registry> registry;
+    std::shared_ptr<ProcessMetrics> process;
     Counter& received;
     Counter& overflowed;
     Counter& calls_begun;
@@ -97,6 +138,8 @@ class Metrics::Impl {
     Counter& gaps;
     Counter& skipped;
     Counter& silence;
+    Counter& pauses;
+    Counter& assumed_rates;
     Counter& file_errors;
     Gauge& calls;
     Gauge& open_files;
@@ -106,7 +149,7 @@ class Metrics::Impl {
     std::array<Counter*, media::DECODE_RESULT_COUNT> malformed{};  // The first is unused.
 };
 
-Metrics::Metrics(std::uint16_t port) : impl_(std::make_unique<Impl>(port)) {}
+Metrics::Metrics(const sockaddr_in& address) : impl_(std::make_unique<Impl>(address)) {}
 
 Metrics::~Metrics() = default;
 
@@ -127,6 +170,8 @@ void Metrics::update(const NodeFigures& figures) {
     set(impl_->gaps, totals.gaps);
     set(impl_->skipped, totals.lost_packets);
     set(impl_->silence, totals.silence_samples);
+    set(impl_->pauses, totals.pauses);
+    set(impl_->assumed_rates, totals.assumed_rates);
     set(impl_->file_errors, totals.file_errors);
     impl_->calls.Set(static_cast<double>(figures.calls));
     impl_->open_files.Set(static_cast<double>(figures.open_files));

@@ -1,8 +1,11 @@
-// The receiver's counters for Prometheus, served as text over HTTP on the loopback.
+// The receiver's counters for Prometheus, served as text over HTTP, and beside them the usual
+// figures of a process.
 //
 // The server answers on threads of its own; update() belongs to the event loop's thread
 // and only sets atomic values.
 #pragma once
+
+#include <netinet/in.h>
 
 #include <cstdint>
 #include <memory>
@@ -14,8 +17,8 @@ namespace qv::node {
 
 class Metrics {
   public:
-    // Throws std::exception when the port cannot be used; 0 takes a free one.
-    explicit Metrics(std::uint16_t port);
+    // Throws std::exception when the address cannot be used; port 0 takes a free one.
+    explicit Metrics(const sockaddr_in& address);
     ~Metrics();
 
     std::uint16_t port() const;

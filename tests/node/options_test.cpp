@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/tools/command_line_test.h"
+#include "tools/address.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ TEST_F(NodeOptionsTest, DefaultsAreThoseOfTheDocument) {
     EXPECT_EQ(ntohs(options_.listen.sin_port), 40000);
     EXPECT_EQ(ntohl(options_.listen.sin_addr.s_addr), 0x7F000001u);
     EXPECT_EQ(options_.folder, ".");
-    EXPECT_EQ(options_.metrics_port, std::nullopt);
+    EXPECT_EQ(options_.metrics.has_value(), false);
     EXPECT_EQ(options_.block_kib, 32u);
     EXPECT_EQ(options_.receive_buffer_mib, 64);
     EXPECT_EQ(options_.limits.max_calls, 10'000u);
@@ -76,7 +77,7 @@ TEST_F(NodeOptionsTest, LimitsAreTaken) {
     EXPECT_EQ(options_.max_files, 9u);
     EXPECT_EQ(options_.block_kib, 1u);
     EXPECT_EQ(options_.receive_buffer_mib, 8);
-    EXPECT_EQ(options_.metrics_port, std::uint16_t{0});
+    EXPECT_EQ(qv::tools::address_text(*options_.metrics), "127.0.0.1:0");
     EXPECT_EQ(options_.events, "-");
 }
 
@@ -90,11 +91,26 @@ TEST_F(NodeOptionsTest, RefusalNamesTheOptionAndTheValue) {
                   "--listen: '" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000");
     }
     EXPECT_EQ(refusal_of({"--rate", "999"}), "--rate: Value 999 not in range 1000 to 384000");
-    EXPECT_EQ(refusal_of({"--metrics", "65536"}), "--metrics: Value 65536 not in range 0 to 65535");
+    EXPECT_EQ(refusal_of({"--metrics", "65536"}),
+              "--metrics: '65536' is no IPv4 address and port, such as 127.0.0.1:40000");
     EXPECT_EQ(refusal_of({"--calls", "-1"}), "--calls: Value -1 not in range 0 to 1000000000");
     EXPECT_EQ(refusal_of({"--linger", "soon"}),
               "--linger: 'soon' is no number of seconds from 0 to 60");
     EXPECT_EQ(refusal_of({"--unknown"}), "The following argument was not expected: --unknown");
+}
+
+TEST_F(NodeOptionsTest, MetricsMayBeServedOnAnyAddress) {
+    EXPECT_EQ(parse({"--metrics", "192.0.2.9:9100"}), std::nullopt);
+    EXPECT_EQ(qv::tools::address_text(*options_.metrics), "192.0.2.9:9100");
+    parse({"--metrics", "9100"});
+    EXPECT_EQ(qv::tools::address_text(*options_.metrics), "127.0.0.1:9100");
+}
+
+// In both programs it stands for --read.
+TEST_F(NodeOptionsTest, LetterRIsNotTheSampleRate) {
+    EXPECT_EQ(parse({"-r", "48000"}), EXIT_USAGE);
+    EXPECT_EQ(parse({"--sample-rate", "48000"}), std::nullopt);
+    EXPECT_EQ(options_.limits.sample_rate, 48000);
 }
 
 TEST_F(NodeOptionsTest, ValuesBeyondTheRangesAreRefused) {

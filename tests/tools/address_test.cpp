@@ -23,12 +23,12 @@ TEST(AddressTest, IsReadWithItsPort) {
 
 TEST(AddressTest, PortAloneIsOfTheLoopback) {
     EXPECT_EQ(read("5060"), "127.0.0.1:5060");
-    EXPECT_EQ(read(":5060"), "127.0.0.1:5060");
 }
 
 TEST(AddressTest, OtherTextsAreRefused) {
-    for (const char* text : {"", "nowhere", "192.0.2.7", "192.0.2.7:", "192.0.2:5060",
-                             "192.0.2.7:99999", "localhost:5060", "::1", "192.0.2.7:5060x"}) {
+    for (const char* text :
+         {"", "nowhere", ":", ":5060", ":70000", "192.0.2.7", "192.0.2.7:", "192.0.2:5060",
+          "192.0.2.7:99999", "localhost:5060", "::1", "192.0.2.7:5060x"}) {
         EXPECT_EQ(read(text), "refused") << text;
     }
 }
@@ -37,6 +37,13 @@ TEST(AddressTest, RefusalNamesTheText) {
     EXPECT_EQ(check_address("nowhere"),
               "'nowhere' is no IPv4 address and port, such as 127.0.0.1:40000");
     EXPECT_EQ(check_address("5060"), "");
+    EXPECT_EQ(check_address(":x"), "':x' is no IPv4 address and port, such as 127.0.0.1:40000");
+}
+
+TEST(AddressTest, PortBehindAColonIsRefusedWithTheTwoThatItCouldMean) {
+    EXPECT_EQ(check_address(":5060"),
+              "':5060' names no address: write 127.0.0.1:5060 for this machine only, or "
+              "0.0.0.0:5060 for all its addresses");
 }
 
 }  // namespace

@@ -6,6 +6,10 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <array>
+#include <ctime>
+#include <regex>
+#include <set>
 #include <string>
 
 namespace {
@@ -13,15 +17,20 @@ namespace {
 using namespace qv::node;
 using qv::media::DecodeResult;
 
+sockaddr_in loopback(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
 // Asks the server on that port of the loopback for its text.
 std::string scrape(std::uint16_t port) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     const timeval patience{10, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const sockaddr_in address = loopback(port);
     std::string answer;
     if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         const std::string request = "GET /metrics HTTP/1.0\r\nHost: localhost\r\n\r\n";
@@ -50,7 +59,7 @@ class MetricsTest : public testing::Test {
         return totals_.dropped[static_cast<std::size_t>(reason)];
     }
 
-    Metrics metrics_{0};
+    Metrics metrics_{loopback(0)};
     Totals totals_;
     std::array<std::uint64_t, qv::media::DECODE_RESULT_COUNT> malformed_{};
     std::uint64_t received_ = 0;
@@ -65,7 +74,7 @@ class MetricsTest : public testing::Test {
 TEST_F(MetricsTest, CountersAreThereBeforeAnythingCame) {
     EXPECT_TRUE(shows("quorvane_node_received_packets_total 0"));
     EXPECT_TRUE(shows("quorvane_node_calls 0"));
-    EXPECT_TRUE(shows("quorvane_node_malformed_packets_total{reason=\"bad magic\"} 0"));
+    EXPECT_TRUE(shows("quorvane_node_malformed_packets_total{reason=\"bad_magic\"} 0"));
     EXPECT_TRUE(shows("# TYPE quorvane_node_received_packets_total counter"));
 }
 
@@ -85,13 +94,16 @@ TEST_F(MetricsTest, EachValueHasItsName) {
     totals_.lost_packets = 17;
     totals_.silence_samples = 18;
     totals_.file_errors = 19;
+    totals_.pauses = 20;
+    totals_.assumed_rates = 21;
     update();
     for (const char* line :
          {"received_packets_total 100", "socket_dropped_packets_total 2", "calls 3", "open_files 4",
           "receive_buffer_bytes 5", "calls_not_written_total 6", "calls_begun_total 11",
           "calls_ended_total 12", "calls_not_terminated_total 13", "calls_without_start_total 14",
           "audio_bytes_total 15", "gaps_total 16", "skipped_packets_total 17",
-          "silence_samples_total 18", "file_errors_total 19"}) {
+          "silence_samples_total 18", "file_errors_total 19", "pauses_total 20",
+          "assumed_rates_total 21"}) {
         EXPECT_TRUE(shows(std::string("quorvane_node_") + line)) << line;
     }
 }
@@ -111,15 +123,11 @@ TEST_F(MetricsTest, UnusedAndMalformedPacketsAreCountedByReason) {
     malformed_[static_cast<std::size_t>(DecodeResult::TOO_SHORT)] = 7;
     malformed_[static_cast<std::size_t>(DecodeResult::UNTERMINATED_CALL_REFERENCE)] = 8;
     update();
-    EXPECT_TRUE(shows("quorvane_node_unused_packets_total{reason=\"too many calls at once\"} 5"));
+    EXPECT_TRUE(shows("quorvane_node_unused_packets_total{reason=\"too_many_calls\"} 5"));
+    EXPECT_TRUE(shows("quorvane_node_unused_packets_total{reason=\"implausible\"} 6"));
+    EXPECT_TRUE(shows("quorvane_node_malformed_packets_total{reason=\"too_short\"} 7"));
     EXPECT_TRUE(
-        shows("quorvane_node_unused_packets_total{reason=\"implausible sequence number or sample "
-              "offset\"} 6"));
-    EXPECT_TRUE(
-        shows("quorvane_node_malformed_packets_total{reason=\"too short for its packet type\"} 7"));
-    EXPECT_TRUE(
-        shows("quorvane_node_malformed_packets_total{reason=\"call reference without its final "
-              "zero\"} 8"));
+        shows("quorvane_node_malformed_packets_total{reason=\"unterminated_call_reference\"} 8"));
 }
 
 TEST_F(MetricsTest, AnUpdateShowsTheNewValuesAndNotTheirSum) {
@@ -133,9 +141,57 @@ TEST_F(MetricsTest, AnUpdateShowsTheNewValuesAndNotTheirSum) {
     EXPECT_TRUE(shows("quorvane_node_calls 1"));
 }
 
+TEST_F(MetricsTest, TheProgramIsNamed) {
+    EXPECT_TRUE(shows("quorvane_node_build_info{version=\"" QUORVANE_VERSION "\"} 1"));
+}
+
+TEST_F(MetricsTest, ReasonsAreLabelsInSnakeCase) {
+    shows("");
+    const std::regex reason("reason=\"([^\"]*)\"");
+    const std::regex snake_case("[a-z]+(_[a-z]+)*");
+    std::set<std::string> seen;
+    for (std::sregex_iterator one(told_.begin(), told_.end(), reason), end; one != end; ++one) {
+        EXPECT_TRUE(std::regex_match((*one)[1].str(), snake_case)) << (*one)[1];
+        seen.insert((*one)[1]);
+    }
+    EXPECT_EQ(seen.size(), DROP_COUNT + qv::media::DECODE_RESULT_COUNT - 1);
+    EXPECT_EQ(seen.count("unknown"), 0u);
+}
+
+// The value of a figure that has no labels; nothing when it is not there.
+double value_in(const std::string& text, const std::string& name) {
+    std::smatch found;
+    return std::regex_search(text, found, std::regex("\n" + name + " (\\S+)")) ? std::stod(found[1])
+                                                                               : -1;
+}
+
+TEST_F(MetricsTest, TheProcessHasItsUsualFigures) {
+    shows("");
+    const auto now = static_cast<double>(std::time(nullptr));
+    EXPECT_GT(value_in(told_, "process_cpu_seconds_total"), 0);
+    EXPECT_LT(value_in(told_, "process_cpu_seconds_total"), 600);
+    EXPECT_GT(value_in(told_, "process_resident_memory_bytes"), 1e6);
+    EXPECT_GT(value_in(told_, "process_virtual_memory_bytes"),
+              value_in(told_, "process_resident_memory_bytes"));
+    EXPECT_NEAR(value_in(told_, "process_start_time_seconds"), now, 600);
+    EXPECT_GE(value_in(told_, "process_threads"), 2);  // This one and the server's.
+    EXPECT_EQ(value_in(told_, "process_max_fds"), sysconf(_SC_OPEN_MAX));
+}
+
+TEST_F(MetricsTest, OpenDescriptorsAreCounted) {
+    const double before = value_in(scrape(metrics_.port()), "process_open_fds");
+    const std::array<int, 3> more = {dup(0), dup(0), dup(0)};
+    const double after = value_in(scrape(metrics_.port()), "process_open_fds");
+    for (const int descriptor : more) {
+        close(descriptor);
+    }
+    EXPECT_GT(before, 3);
+    EXPECT_NEAR(after - before, 3, 1);  // The server may not have closed an earlier connection.
+}
+
 TEST(MetricsPortTest, APortInUseIsRefused) {
-    Metrics first(0);
-    EXPECT_THROW(Metrics second(first.port()), std::exception);
+    Metrics first(loopback(0));
+    EXPECT_THROW(Metrics second(loopback(first.port())), std::exception);
 }
 
 }  // namespace

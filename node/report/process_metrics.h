@@ -1,0 +1,19 @@
+// The usual figures of a process for Prometheus, under their usual names: CPU time, memory,
+// open files, start. Read from the system each time that somebody asks, on the thread of the
+// server. Keeps no state that changes.
+#pragma once
+
+#include <prometheus/collectable.h>
+#include <prometheus/metric_family.h>
+
+#include <vector>
+
+namespace qv::node {
+
+class ProcessMetrics : public prometheus::Collectable {
+  public:
+    // Figures that the system does not tell, as when no file can be opened, are left out.
+    std::vector<prometheus::MetricFamily> Collect() const override;
+};
+
+}  // namespace qv::node
