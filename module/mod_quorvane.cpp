@@ -1,10 +1,8 @@
 #include "module/mod_quorvane.h"
 
-#include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>  // The standard streams stand before the objects below, and after them.
@@ -18,13 +16,12 @@
 #include "build_identifier.h"
 #include "module/api_command.h"
 #include "module/attached_bugs.h"
+#include "module/context_configuration.h"
 #include "module/event_text.h"
 #include "module/host_log.h"
 #include "module/module_context.h"
 #include "module/module_interface.h"
-#include "quorvane_lib/utils_bytes.h"
 #include "quorvane_lib/utils_path.h"
-#include "quorvane_lib/utils_str.h"
 
 namespace qv::freeswitch {
 
@@ -38,188 +35,24 @@ const std::string CONFIG_FILE_PATH =
 
 ModuleContext global;
 
-AttachedBugs g_bugs(global.socket);
-
-// Frees what is registered yet when this object goes away: contexts without a media bug.
-struct LeftContexts {
-    LeftContexts() = default;
-    LeftContexts(const LeftContexts&) = delete;
-    LeftContexts& operator=(const LeftContexts&) = delete;
-    ~LeftContexts() {
+// What ties the module to the host while it is loaded, and beyond.
+struct Ties {
+    Ties() = default;
+    Ties(const Ties&) = delete;
+    Ties& operator=(const Ties&) = delete;
+    // The object goes away. What is registered yet has no media bug.
+    ~Ties() {
         const RegistryGuard guard(global.contexts_lock);
         while (!global.contexts.empty()) {
             remove_context(global.contexts, global.contexts.begin()->first);
         }
     }
+
+    AttachedBugs bugs{global.socket};
+    switch_event_node_t* channel_destroy_hook = nullptr;
+    switch_event_node_t* dump_event_hook = nullptr;
 };
-LeftContexts g_left_contexts;
-
-switch_event_node_t* g_channel_destroy_hook = nullptr;
-switch_event_node_t* g_dump_event_hook = nullptr;
-
-// ---- configuration of a call ------------------------------------------------------
-
-// Fills a context from the channel variables of its call and the module's defaults. The
-// context is not shared with another thread yet: no lock is taken.
-class ContextConfigurator {
-  public:
-    ContextConfigurator(AppContext& context, switch_core_session_t* session)
-        : context_(context),
-          session_(session),
-          channel_(switch_core_session_get_channel(session)) {}
-
-    // False only for a media node that cannot be parsed; nothing further is read then.
-    bool configure() {
-        if (!set_media_node()) {
-            return false;
-        }
-        set_recording();
-        set_rule_id();
-        if ((context_.flags & media::FLAG_RULE_ID) != 0) {
-            set_feature("quorvane_detection", AppContext::parse_sample_detection,
-                        media::Features::SampleDetection, global.config.default_detection);
-            set_feature("quorvane_audio_activity", AppContext::parse_audio_activity,
-                        media::Features::AudioActivity, global.config.default_audio_activity);
-        }
-        set_report_node();
-        set_call_id();
-        set_direction();
-        set_times();
-        return true;
-    }
-
-  private:
-    static constexpr const char* FUNCTION = "configure_context";
-
-    // The variable's value, the channel's own text; null when it is not set.
-    const char* variable(const char* name) const {
-        return switch_channel_get_variable_dup(channel_, name, SWITCH_FALSE, -1);
-    }
-
-    void report(const LogPlace& place, const char* name, const char* value,
-                const char* consequence) const {
-        log_session_line<log::ERROR>(session_, place, "failed to parse channel variable \"", name,
-                                     "\": ", value, "; ", consequence);
-    }
-
-    bool set_media_node() {
-        const char* value = variable("quorvane_media_node");
-        if (value == nullptr) {
-            context_.media_node = global.config.media_node_addr;
-            return true;
-        }
-        if (!net::parse_addr(value, nullptr, context_.media_node)) {
-            report(QV_PLACE_IN(FUNCTION), "quorvane_media_node", value, "discarding!");
-            return false;
-        }
-        return true;
-    }
-
-    // More words than the host's own truth test has. See docs/design.md, Odd on purpose:
-    // `quorvane_record`.
-    static bool means_record(const char* value) {
-        constexpr std::array<const char*, 7> words = {"yes",     "on",     "true", "t",
-                                                      "enabled", "active", "allow"};
-        const bool word = std::any_of(words.begin(), words.end(), [value](const char* candidate) {
-            return ::strcasecmp(value, candidate) == 0;
-        });
-        return word || (switch_is_number(value) && std::strtol(value, nullptr, 10) != 0);
-    }
-
-    // No lock: no other thread touches the features before the media bug is attached.
-    void set_recording() QV_NO_THREAD_SAFETY_ANALYSIS {
-        const char* value = variable("quorvane_record");
-        if (value != nullptr && means_record(value)) {
-            media::merge_features(context_.features,
-                                  {media::FEATURE_RECORD, media::FEATURE_RECORD});
-        }
-    }
-
-    void set_rule_id() {
-        context_.rule_id = 0;
-        const char* value = variable("quorvane_rule_id");
-        if (value == nullptr) {
-            return;
-        }
-        // A number with other characters behind it is refused, but stored. See docs/design.md, Odd
-        // on purpose: `quorvane_rule_id`.
-        if (utils::str::try_parse_value<std::uint64_t>(value, context_.rule_id)) {
-            context_.flags |= media::FLAG_RULE_ID;
-        } else {
-            report(QV_PLACE_IN(FUNCTION), "quorvane_rule_id", value, "ignored!");
-        }
-    }
-
-    // The module's default stands in when the variable leaves the feature without a leg.
-    // No lock, as above.
-    void set_feature(const char* name, ParseFeature parse, media::Features feature,
-                     const std::string& default_text) QV_NO_THREAD_SAFETY_ANALYSIS {
-        const char* value = variable(name);
-        if (value != nullptr && !parse(value, context_.features)) {
-            report(QV_PLACE_IN(FUNCTION), name, value,
-                   default_text.empty() ? "discarding!" : "default used!");
-        }
-        const bool configured = (context_.features.supported & media::feature_mask(feature)) != 0;
-        if (!configured && !default_text.empty()) {
-            parse(default_text.c_str(), context_.features);
-        }
-    }
-
-    void set_report_node() {
-        context_.report_node_addr = 0;
-        context_.report_node_port = 0;
-        const char* value = variable("quorvane_report_node");
-        if (value == nullptr) {
-            return;
-        }
-        sockaddr_in address{};
-        if (!net::parse_addr(value, nullptr, address)) {
-            report(QV_PLACE_IN(FUNCTION), "quorvane_report_node", value, "ignored!");
-            return;
-        }
-        context_.report_node_addr = address.sin_addr.s_addr;
-        context_.report_node_port = address.sin_port;
-        context_.flags |= media::FLAG_REPORT_NODE;
-    }
-
-    void set_call_id() {
-        const char* reference = variable("quorvane_call_id_ref");
-        const char* name = reference != nullptr ? reference : "sip_call_id";
-        const char* value = variable(name);
-        if (value != nullptr) {
-            context_.call_id = value;
-        } else {
-            log_session_line<log::ERROR>(session_, QV_PLACE_IN(FUNCTION), "channel variable \"",
-                                         name, "\" is not set; ignoring");
-        }
-    }
-
-    void set_direction() {
-        const bool outbound = switch_channel_direction(channel_) != 0;
-        set_flag(context_.flags, media::FLAG_OUTBOUND, outbound);
-        set_flag(context_.legs[media::READ_LEG].leg_flags, media::LEG_TERMINATOR_SIDE, outbound);
-        set_flag(context_.legs[media::WRITE_LEG].leg_flags, media::LEG_TERMINATOR_SIDE, !outbound);
-    }
-
-    static void set_flag(std::uint16_t& word, std::uint16_t flag, bool value) {
-        word = static_cast<std::uint16_t>(value ? word | flag : word & ~flag);
-    }
-
-    void set_times() {
-        context_.configured_time = static_cast<std::uint64_t>(switch_time_now());
-        const auto clock = std::chrono::steady_clock::now().time_since_epoch();
-        context_.configured_clock_us = static_cast<std::uint64_t>(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(clock).count() / 1000);
-    }
-
-    AppContext& context_;
-    switch_core_session_t* session_;
-    switch_channel_t* channel_;
-};
-
-bool configure_context(AppContext* context, switch_core_session_t* session) {
-    return ContextConfigurator(*context, session).configure();
-}
+Ties ties;
 
 // ---- media bug --------------------------------------------------------------------
 
@@ -276,7 +109,7 @@ bool unregister(const AppContext& context) {
 }
 
 void attach(AppContext& context) {
-    g_bugs.add();
+    ties.bugs.add();
     context.lend_to_bug();
 }
 
@@ -285,7 +118,7 @@ void attach(AppContext& context) {
 ContextReference detach(AppContext& context) {
     ContextReference reference = context.take_back_from_bug();
     if (!reference) {
-        g_bugs.add();
+        ties.bugs.add();
         reference = ContextReference(&context);
     }
     return reference;
@@ -294,7 +127,7 @@ ContextReference detach(AppContext& context) {
 // The bug that the host has refused holds nothing, whether it was closed or not.
 void forget_refused_bug(AppContext& context) {
     if (context.take_back_from_bug()) {
-        g_bugs.remove();
+        ties.bugs.remove();
     }
 }
 
@@ -335,7 +168,7 @@ switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc
             break;
         case SWITCH_ABC_TYPE_CLOSE:
             handle_close(session, detach(*context));
-            g_bugs.remove();
+            ties.bugs.remove();
             break;
         default:
             break;
@@ -438,7 +271,7 @@ void start_application(switch_core_session_t* session) {
     }
     std::copy(std::begin(call.uuid), std::end(call.uuid), context->uuid);
     context->id = call.id;
-    if (!configure_context(context.get(), session)) {
+    if (!configure_context(*context, session, global.config)) {
         log_session_line<log::ERROR>(session, QV_PLACE_IN(APPLICATION),
                                      "failed to configure application context");
         return;
@@ -657,7 +490,7 @@ switch_event_callback_t dump_handler(DumpMode mode) {
 
 bool bind_events() {
     if (!bind("mod_quorvane", SWITCH_EVENT_CHANNEL_DESTROY, channel_destroy_handler,
-              g_channel_destroy_hook)) {
+              ties.channel_destroy_hook)) {
         switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
                           nullptr, SWITCH_LOG_ERROR,
                           "[quorvane]: couldn't bind channel destroy event hook!\n");
@@ -665,11 +498,11 @@ bool bind_events() {
     }
     const switch_event_callback_t dump_callback = dump_handler(global.config.dump_mode);
     if (dump_callback != nullptr &&
-        !bind(modname, SWITCH_EVENT_ALL, dump_callback, g_dump_event_hook)) {
+        !bind(modname, SWITCH_EVENT_ALL, dump_callback, ties.dump_event_hook)) {
         switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
                           nullptr, SWITCH_LOG_ERROR, "[quorvane]: couldn't bind event hook!\n");
         // The first hook stays bound, and the host is about to close this object.
-        g_bugs.load_left_a_hook();
+        ties.bugs.load_left_a_hook();
         return false;
     }
     return true;
@@ -694,7 +527,7 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
     log::Logger::set_level(global.config.level);
     log_line<log::SYSTEM>(QV_PLACE, "configuration loaded");
 
-    if (!g_bugs.open_socket()) {
+    if (!ties.bugs.open_socket()) {
         return SWITCH_STATUS_TERM;
     }
     log_line<log::SYSTEM>(QV_PLACE, "transfer socket opened");
@@ -707,7 +540,7 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
         return SWITCH_STATUS_TERM;
     }
     drop_contexts_of_ended_calls();
-    g_bugs.loaded();
+    ties.bugs.loaded();
     log_line<log::SYSTEM>(QV_PLACE, "module has been loaded");
     return SWITCH_STATUS_SUCCESS;
 }
@@ -715,11 +548,11 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
 // Sends nothing and frees no context: calls that are still tapped end on their own, and
 // this object stays mapped for their sake, no longer than they last.
 switch_status_t mod_quorvane_shutdown() {
-    g_bugs.close_socket();
-    unbind(g_dump_event_hook);
-    unbind(g_channel_destroy_hook);
+    ties.bugs.close_socket();
+    unbind(ties.dump_event_hook);
+    unbind(ties.channel_destroy_hook);
     log_line<log::SYSTEM>(QV_PLACE, "module has been shutdown");
-    g_bugs.unloaded();
+    ties.bugs.unloaded();
     return SWITCH_STATUS_SUCCESS;
 }
 
