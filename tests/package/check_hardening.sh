@@ -26,7 +26,7 @@ fail() {
 check_commands() {
     local flag=$1 lines without
     lines=$(grep '"command":' "$commands" |
-        grep -E -- " -c $source_dir/(quorvane_lib|module|host|tools)/[^ ]*\.cpp\"")
+        grep -E -- " -c $source_dir/(quorvane_lib|module|host|node|tools)/[^ ]*\.cpp\"")
     [ -n "$lines" ] || fail "$commands has none of the sources"
     without=$(grep -vE -- " $flag( |$)" <<< "$lines" | sed 's/.* -c \([^ ]*\.cpp\)".*/\1/' | sort -u)
     [ -z "$without" ] || fail "compiled without $flag: $(echo $without)"
