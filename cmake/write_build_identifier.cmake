@@ -14,11 +14,13 @@ endif()
 
 if(EXISTS ${HEADER})
   file(READ ${HEADER} present)
-  if(present MATCHES " ${revision}@${flavour}\"")
+  if(present MATCHES "QUORVANE_REVISION \"${revision}\".*@${flavour}\"")
     return()
   endif()
 endif()
 
 string(TIMESTAMP moment "%y%m%d:%H%M%S" UTC)
 file(WRITE ${HEADER}
-     "#pragma once\n\n#define QUORVANE_BUILD_IDENTIFIER \"${moment} ${revision}@${flavour}\"\n")
+     "#pragma once\n\n"
+     "#define QUORVANE_REVISION \"${revision}\"\n"
+     "#define QUORVANE_BUILD_IDENTIFIER \"${moment} \" QUORVANE_REVISION \"@${flavour}\"\n")

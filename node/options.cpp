@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/address.h"
+#include "tools/version.h"
 
 namespace qv::node {
 
@@ -146,7 +147,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
         "Receives the audio of calls from mod_quorvane and writes it as WAV files, one a side.\n"
         "SIGINT and SIGTERM end it with all files complete; SIGHUP opens the events file again.",
         "quorvane-node");
-    app.set_version_flag("--version", "quorvane-node " QUORVANE_VERSION);
+    app.set_version_flag("--version", tools::version_text("quorvane-node"));
     app.footer(
         "Exit codes: 0 fine; 1 a file could not be written, or --idle-exit came before --calls;\n"
         "2 wrong command line; 3 the port, the folder or the events file cannot be used.");

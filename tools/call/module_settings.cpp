@@ -68,8 +68,30 @@ std::string program_folder() {
     return failure ? "./" : program.parent_path().string() + "/";
 }
 
+std::vector<std::string> module_folders() {
+    // The folders of the packages, from the prefix that the program is installed in.
+    const std::filesystem::path prefix = program_folder() + "..";
+    return {program_folder(), (prefix / QUORVANE_MODULE_FOLDER).lexically_normal(),
+            (prefix / QUORVANE_DRIVER_MODULE_FOLDER).lexically_normal()};
+}
+
+std::string find_module(const std::vector<std::string>& folders) {
+    std::string places;
+    for (const std::string& folder : folders) {
+        const std::filesystem::path path = std::filesystem::path(folder) / "mod_quorvane.so";
+        if (access(path.c_str(), F_OK) == 0) {
+            return path;
+        }
+        places += (places.empty() ? "" : ", ") + folder;
+    }
+    throw SettingsError("there is no mod_quorvane.so in " + places +
+                        "; the packages freeswitch-mod-quorvane and quorvane-tools have one, "
+                        "and --module names one elsewhere");
+}
+
 PlacedConfig::PlacedConfig(const ModuleSettings& settings, const std::string& text)
-    : module_path_(std::filesystem::absolute(settings.module_path)) {
+    : module_path_(std::filesystem::absolute(
+          settings.module_path.empty() ? find_module(module_folders()) : settings.module_path)) {
     check_readable(module_path_);
     if (settings.place == ConfigPlace::RELOCATED) {
         relocate(text);

@@ -22,7 +22,7 @@ enum class ConfigPlace {
 using ModuleOptions = std::vector<std::pair<std::string, std::string>>;
 
 struct ModuleSettings {
-    std::string module_path;
+    std::string module_path;  // empty: the first that find_module() finds
     std::optional<std::string> config_file;
     ModuleOptions options;  // added to the file's
     ConfigPlace place = ConfigPlace::AUTOMATIC;
@@ -41,6 +41,14 @@ std::string relocated_module(const std::string& module_path);
 
 // The program's own folder, with a final '/'.
 std::string program_folder();
+
+// Where a module may be without an option that names it, the best one first: beside the
+// program, where it was built; in the folder of the module's package; in that of the driver's.
+std::vector<std::string> module_folders();
+
+// The mod_quorvane.so of the first folder that has one. Throws SettingsError, with where it
+// looked and what to do, when none has.
+std::string find_module(const std::vector<std::string>& folders);
 
 // Keeps the configuration in force while it exists, and removes its folder in the end.
 class PlacedConfig {

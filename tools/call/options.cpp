@@ -11,6 +11,7 @@
 #include "quorvane_lib/utils_bytes.h"
 #include "tools/call/log_view.h"
 #include "tools/call/text.h"
+#include "tools/version.h"
 
 namespace qv::tools::call {
 namespace {
@@ -128,7 +129,8 @@ std::string check_feature(const std::string& text) {
 
 void add_module_options(CLI::App& app, Options& options) {
     app.add_option("-m,--module", options.module.module_path,
-                   "The module (default: mod_quorvane.so beside this program)")
+                   "The module (default: mod_quorvane.so beside this program,\n"
+                   "else the installed one)")
         ->type_name("PATH")
         ->group("Module");
     app.add_option("--config", options.module.config_file,
@@ -343,9 +345,6 @@ void complete(const CLI::App& app, Options& options) {
     if (!files && !plan.schedule.length) {
         plan.schedule.length = Span{DEFAULT_TONE_SECONDS, DEFAULT_TONE_SECONDS};
     }
-    if (options.module.module_path.empty()) {
-        options.module.module_path = program_folder() + "mod_quorvane.so";
-    }
     if (!options.module.config_file && !has_option(options.module, "media_node")) {
         options.module.options.emplace_back("media_node", DEFAULT_MEDIA_NODE);
     }
@@ -399,7 +398,7 @@ std::pair<std::string, std::string> parse_variable(const std::string& text) {
 
 std::optional<int> parse_options(int argc, char** argv, Options& options) {
     CLI::App app(ABOUT, "quorvane-call");
-    app.set_version_flag("--version", "quorvane-call " QUORVANE_VERSION);
+    app.set_version_flag("--version", version_text("quorvane-call"));
     app.get_formatter()->column_width(36);
     add_module_options(app, options);
     add_audio_options(app, options);

@@ -20,7 +20,7 @@ TEST_F(OptionsTest, WithoutOptionsTonesGoToTheUsualMediaNode) {
     EXPECT_EQ(options_.module.options, (ModuleOptions{{"media_node", "127.0.0.1:40000"}}));
     EXPECT_EQ(options_.plan.schedule.length->min_s, 5);
     EXPECT_EQ(options_.plan.schedule.calls, 1u);
-    EXPECT_EQ(options_.module.module_path, program_folder() + "mod_quorvane.so");
+    EXPECT_EQ(options_.module.module_path, "");
 }
 
 TEST_F(OptionsTest, FilesPlayAsLongAsTheyLast) {
