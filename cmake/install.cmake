@@ -1,22 +1,24 @@
-# What `cmake --install` puts where, in two components: module and tools.
-include(GNUInstallDirs)
-
-set(QUORVANE_MODULE_DIR "" CACHE STRING
-    "Folder of the module; empty: that of the installed FreeSWITCH, else lib/freeswitch/mod")
-set(module_dir ${QUORVANE_MODULE_DIR})
-if(NOT module_dir AND QUORVANE_REAL_HOST)
-  pkg_get_variable(module_dir freeswitch modulesdir)
-endif()
-if(NOT module_dir)
-  set(module_dir lib/freeswitch/mod)
-endif()
-message(STATUS "Module folder: ${module_dir}")
-
-# The module reads just this file, whatever the prefix is; DESTDIR counts.
-set(QUORVANE_CONFIG_DIR /etc/delmaren/quorvane)
+# What `cmake --install` puts where, in three components: module, tools and dev.
 set(module_package freeswitch-mod-quorvane)
 set(tools_package quorvane-tools)
-set(module_doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/${module_package})
+set(dev_package quorvane-dev)
+
+# Installs the documents of a package, in the folders that they have in the sources: a link
+# from one to another leads there, too.
+function(quorvane_install_documents component package)
+  set(folder ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package})
+  install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md DESTINATION ${folder} COMPONENT ${component})
+  install(DIRECTORY docs DESTINATION ${folder} COMPONENT ${component}
+          FILES_MATCHING PATTERN *.md PATTERN *.ksy)
+  install(DIRECTORY examples DESTINATION ${folder} COMPONENT ${component}
+          FILES_MATCHING PATTERN *.md PATTERN *.py PATTERN *.cpp PATTERN *.xml)
+  install(DIRECTORY tests/data DESTINATION ${folder}/tests COMPONENT ${component}
+          FILES_MATCHING PATTERN *.md PATTERN *.hex PATTERN *.json PATTERN *.txt)
+  install(FILES tools/wireshark/README.md DESTINATION ${folder}/tools/wireshark
+          COMPONENT ${component})
+endfunction()
+
+# ---- module -------------------------------------------------------------------------
 
 install(TARGETS mod_quorvane LIBRARY DESTINATION ${module_dir} COMPONENT module)
 
@@ -30,22 +32,88 @@ install(CODE "
          FILES \"${PROJECT_SOURCE_DIR}/packaging/freeswitch_mod.conf\")
   endif()" COMPONENT module)
 
-file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.ksy)
-install(FILES README.md SECURITY.md ${documents}
-        DESTINATION ${module_doc_dir} COMPONENT module)
+quorvane_install_documents(module ${module_package})
 install(FILES packaging/freeswitch_mod.conf packaging/modules.conf.xml
-        DESTINATION ${module_doc_dir}/examples COMPONENT module)
-install(DIRECTORY examples/dialplan
-        DESTINATION ${module_doc_dir}/examples COMPONENT module FILES_MATCHING PATTERN *.xml)
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${module_package}/examples COMPONENT module)
+
+# ---- tools --------------------------------------------------------------------------
+
+# The manual page of a program: what it says of itself, and packaging/man/PROGRAM.h2m.
+find_program(HELP2MAN help2man)
+if(NOT HELP2MAN)
+  message(STATUS "Manual pages are left out; missing: help2man")
+endif()
+function(quorvane_install_manual program)
+  if(NOT HELP2MAN OR QUORVANE_SANITIZE)
+    return()
+  endif()
+  set(page ${CMAKE_BINARY_DIR}/generated/${program}.1)
+  set(more ${PROJECT_SOURCE_DIR}/packaging/man/${program}.h2m)
+  add_custom_command(OUTPUT ${page}.gz
+    COMMAND ${CMAKE_COMMAND} -E env LC_ALL=C ${HELP2MAN} --no-info --include=${more}
+            --version-string=${PROJECT_VERSION} --output=${page} $<TARGET_FILE:${program}>
+    COMMAND gzip -9 --no-name --force ${page}
+    DEPENDS ${program} ${more} VERBATIM)
+  add_custom_target(${program}_manual ALL DEPENDS ${page}.gz)
+  install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/man/man1 COMPONENT tools)
+endfunction()
 
 set(QUORVANE_HAVE_TOOLS OFF)
 foreach(tool IN ITEMS quorvane-node quorvane-call)
   if(TARGET ${tool})
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    quorvane_install_manual(${tool})
+    install(FILES packaging/bash-completion/quorvane RENAME ${tool}
+            DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tools)
     set(QUORVANE_HAVE_TOOLS ON)
   endif()
 endforeach()
+
 if(QUORVANE_HAVE_TOOLS)
-  install(FILES tools/wireshark/quorvane.lua examples/receiver.py examples/send_call.py
-          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${tools_package}/examples COMPONENT tools)
+  quorvane_install_documents(tools ${tools_package})
+  # Where Wireshark and tshark load every script.
+  if(CMAKE_LIBRARY_ARCHITECTURE)
+    set(wireshark_dir lib/${CMAKE_LIBRARY_ARCHITECTURE}/wireshark/plugins)
+  else()
+    set(wireshark_dir ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins)
+  endif()
+  install(FILES tools/wireshark/quorvane.lua DESTINATION ${wireshark_dir} COMPONENT tools)
+  install(FILES docs/quorvane.ksy DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/quorvane
+          COMPONENT tools)
 endif()
+if(TARGET quorvane-call)
+  install(TARGETS mod_quorvane LIBRARY DESTINATION ${driver_module_dir} COMPONENT tools)
+  install(TARGETS mod_quorvane_relocated
+          LIBRARY DESTINATION ${driver_module_dir}/relocated COMPONENT tools)
+endif()
+if(TARGET quorvane-node)
+  install(FILES packaging/systemd/quorvane-node.service
+          DESTINATION lib/systemd/system COMPONENT tools)
+  install(FILES packaging/systemd/quorvane-node.default RENAME quorvane-node
+          DESTINATION /etc/default COMPONENT tools)
+endif()
+
+# ---- dev ----------------------------------------------------------------------------
+
+include(CMakePackageConfigHelpers)
+set(config_dir ${CMAKE_INSTALL_DATAROOTDIR}/cmake/quorvane)
+install(DIRECTORY include/quorvane DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+
+add_library(quorvane_headers INTERFACE)
+set_target_properties(quorvane_headers PROPERTIES EXPORT_NAME quorvane)
+target_compile_features(quorvane_headers INTERFACE cxx_std_17)
+target_include_directories(quorvane_headers INTERFACE
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+install(TARGETS quorvane_headers EXPORT quorvane COMPONENT dev)
+install(EXPORT quorvane NAMESPACE quorvane:: FILE quorvaneConfig.cmake DESTINATION ${config_dir}
+        COMPONENT dev)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/generated/quorvaneConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion ARCH_INDEPENDENT)
+install(FILES ${CMAKE_BINARY_DIR}/generated/quorvaneConfigVersion.cmake DESTINATION ${config_dir}
+        COMPONENT dev)
+
+configure_file(packaging/quorvane.pc.in ${CMAKE_BINARY_DIR}/generated/quorvane.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/generated/quorvane.pc
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/pkgconfig COMPONENT dev)
+install(FILES examples/receiver.cpp docs/protocol.md docs/quorvane.ksy
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${dev_package}/examples COMPONENT dev)

@@ -1,9 +1,9 @@
 # What `cpack` makes of the installed files: a Debian package and, where rpmbuild is
-# installed, an RPM; each for the module and, if they were built, for the tools.
+# installed, an RPM; each for the module, for the header and, if they were built, the tools.
 set(QUORVANE_MAINTAINER "quorvane maintainers <maintainers@delmaren.example>" CACHE STRING
     "Name and address for the packages")
 
-# The documents that Debian expects of a package. One changelog serves both.
+# The documents that Debian expects of a package. One changelog serves all.
 function(quorvane_debian_documents component package)
   set(folder ${CMAKE_BINARY_DIR}/generated/${package})
   configure_file(packaging/debian/changelog.in ${folder}/changelog @ONLY)
@@ -13,8 +13,9 @@ function(quorvane_debian_documents component package)
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
 endfunction()
 
-set(CPACK_COMPONENTS_ALL module)
+set(CPACK_COMPONENTS_ALL module dev)
 quorvane_debian_documents(module ${module_package})
+quorvane_debian_documents(dev ${dev_package})
 if(QUORVANE_HAVE_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL tools)
   quorvane_debian_documents(tools ${tools_package})
@@ -58,7 +59,13 @@ set(tools_summary "receiver and call driver for the quorvane call audio tap")
 set(tools_description
 "Tools for those who write or run a media node: a receiver of the datagrams
 that mod_quorvane sends, which writes the audio of each call to files, and a
-driver that runs calls through the module without a telephony server.")
+driver that runs calls through the module without a telephony server. With
+them come a Wireshark dissector, a service for systemd, examples and documents.")
+set(dev_summary "header of the quorvane call audio tap's packets")
+set(dev_description
+"The public header of the quorvane call audio tap, for receivers in C++17: the
+constants of its datagrams and their decoding, with files for pkg-config and
+CMake.")
 
 # ---- Debian -------------------------------------------------------------------------
 
@@ -80,7 +87,20 @@ set(CPACK_DEBIAN_MODULE_DESCRIPTION "${module_summary}\n${module_description}")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${tools_package})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "${module_package}, tshark | wireshark")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${tools_summary}\n${tools_description}")
+file(COPY ${PROJECT_SOURCE_DIR}/packaging/debian/tools/
+     DESTINATION ${CMAKE_BINARY_DIR}/generated/debian-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_BINARY_DIR}/generated/debian-tools/conffiles
+    ${CMAKE_BINARY_DIR}/generated/debian-tools/postinst
+    ${CMAKE_BINARY_DIR}/generated/debian-tools/prerm
+    ${CMAKE_BINARY_DIR}/generated/debian-tools/postrm)
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${dev_package})
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DEV_DESCRIPTION "${dev_summary}\n${dev_description}")
 
 # ---- RPM ----------------------------------------------------------------------------
 
@@ -90,7 +110,9 @@ set(CPACK_RPM_PACKAGE_LICENSE "All rights reserved")
 set(CPACK_RPM_PACKAGE_GROUP "Applications/Communications")
 set(CPACK_RPM_SPEC_MORE_DEFINE "%define _build_id_links none")
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
-    /etc /usr/lib/freeswitch /usr/lib/freeswitch/mod /usr/share/doc)
+    /etc /etc/default /usr/lib/freeswitch /usr/lib/freeswitch/mod /usr/lib/systemd
+    /usr/lib/systemd/system /usr/share/bash-completion /usr/share/bash-completion/completions
+    /usr/share/cmake /usr/share/doc /usr/share/man /usr/share/man/man1 /usr/share/pkgconfig)
 
 set(CPACK_RPM_MODULE_PACKAGE_NAME ${module_package})
 set(CPACK_RPM_MODULE_PACKAGE_SUMMARY ${module_summary})
@@ -103,5 +125,11 @@ set(CPACK_RPM_MODULE_USER_FILELIST
 set(CPACK_RPM_TOOLS_PACKAGE_NAME ${tools_package})
 set(CPACK_RPM_TOOLS_PACKAGE_SUMMARY ${tools_summary})
 set(CPACK_RPM_TOOLS_PACKAGE_DESCRIPTION ${tools_description})
+set(CPACK_RPM_TOOLS_USER_FILELIST "%config(noreplace) /etc/default/quorvane-node")
+
+set(CPACK_RPM_DEV_PACKAGE_NAME quorvane-devel)
+set(CPACK_RPM_DEV_PACKAGE_ARCHITECTURE noarch)
+set(CPACK_RPM_DEV_PACKAGE_SUMMARY ${dev_summary})
+set(CPACK_RPM_DEV_PACKAGE_DESCRIPTION ${dev_description})
 
 include(CPack)

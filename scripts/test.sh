@@ -12,7 +12,8 @@
 #   asan      the tests under the address and undefined behaviour sanitizers
 #   tsan      the concurrent tests under the thread sanitizer
 #   fuzz      every fuzz target replays its corpus and fuzzes for some seconds
-#   bare      the demo runs on a minimal Debian 12 that has nothing but the checkout
+#   bare      on a minimal Debian 12 that has nothing else: the demo runs from a checkout, and
+#             the packages can be installed and used
 #
 # Ends with what was skipped and why, what failed and the command that runs just that again,
 # the line "N passed, N failed, N skipped", and exit code 1 if any failed.
@@ -156,8 +157,15 @@ bare_check() {
     check "$name" "$*" test "$status" -eq 0
 }
 
-# The demo on a machine with nothing else, where one can be made.
-stage_bare() { bare_check "demo on a bare machine" scripts/bare_machine.sh; }
+# The demo and the packages on a machine with nothing else, where one can be made.
+stage_bare() {
+    bare_check "demo on a bare machine" scripts/bare_machine.sh
+    if configure_and_build release; then
+        bare_check "packages on a bare machine" tests/package/stand_alone_test.sh build/release
+    else
+        fail "build of release" "cmake --build --preset release"
+    fi
+}
 
 if [ "${1:-}" = --help ]; then
     sed -n '2,/^set/s/^# \{0,1\}//p' "scripts/${BASH_SOURCE[0]##*/}"

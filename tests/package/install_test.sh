@@ -45,8 +45,9 @@ install_into "$work/plain"
 expect "module in lib/freeswitch/mod" test -f "$work/plain/usr/lib/freeswitch/mod/mod_quorvane.so"
 expect "configuration" cmp "$shipped" "$work/plain/$conf"
 documents=$work/plain/usr/share/doc/freeswitch-mod-quorvane
-for file in README.md SECURITY.md docs/protocol.md docs/quorvane.ksy; do
-    expect "document $file" cmp "$source_dir/$file" "$documents/$(basename $file)"
+for file in README.md SECURITY.md docs/protocol.md docs/quorvane.ksy examples/README.md \
+    tools/wireshark/README.md tests/data/README.md; do
+    expect "document $file" cmp "$source_dir/$file" "$documents/$file"
 done
 for sample in packaging/freeswitch_mod.conf packaging/modules.conf.xml; do
     expect "sample $sample" cmp "$source_dir/$sample" "$documents/examples/$(basename $sample)"

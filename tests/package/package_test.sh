@@ -82,13 +82,59 @@ expect "module" grep -q '/freeswitch/mod/mod_quorvane\.so$' <<<"/$module"
 expect "entry of the module" grep -q ' D mod_quorvane_module_interface$' \
     <<<"$(nm -D "$unpacked/$module")"
 expect "configuration that the module reads" grep -qa '/etc/delmaren' "$unpacked/$module"
-for document in copyright changelog.gz README.md SECURITY.md protocol.md quorvane.ksy \
+for document in copyright changelog.gz README.md SECURITY.md docs/protocol.md docs/quorvane.ksy \
     examples/freeswitch_mod.conf examples/modules.conf.xml examples/dialplan/all_calls.xml; do
     expect "$document" test -s "$unpacked/usr/share/doc/$name/$document"
 done
 unexpected=$(find "$unpacked" ! -type d -printf '%P\n' |
     grep -vxE "$conf|$module|usr/share/doc/$name/.*")
 expect "nothing else" same "$unexpected" ""
+
+# ---- links between the documents ----------------------------------------------------
+
+# Prints the links of the documents below $1 that lead nowhere.
+dead_links() {
+    python3 - "$1" <<'END'
+import pathlib, re, sys
+for document in pathlib.Path(sys.argv[1]).rglob("*.md"):
+    for link in re.findall(r"\]\(([^)#\s]+)[^)]*\)", document.read_text()):
+        if "://" not in link and not (document.parent / link).exists():
+            print(f"{document}: {link}")
+END
+}
+expect "links of the module's documents" same "$(dead_links "$unpacked/usr/share/doc")" ""
+
+# ---- the other packages -------------------------------------------------------------
+
+project_version=${version%%+*}
+tools_deb=$(find "$work/DEB" -maxdepth 1 -name 'quorvane-tools_*.deb')
+if [ -n "$tools_deb" ]; then
+    tools=$work/tools
+    dpkg-deb -x "$tools_deb" "$tools"
+    expect "links of the tools' documents" same "$(dead_links "$tools/usr/share/doc")" ""
+    for file in usr/bin/quorvane-call usr/share/quorvane/quorvane.ksy \
+        usr/lib/quorvane/mod_quorvane.so usr/lib/quorvane/relocated/mod_quorvane.so \
+        usr/share/bash-completion/completions/quorvane-call \
+        usr/share/doc/quorvane-tools/examples/receiver.py \
+        usr/share/doc/quorvane-tools/docs/node.md; do
+        expect "$file" test -s "$tools/$file"
+    done
+    expect "dissector" test -n "$(find "$tools/usr/lib" -path '*/wireshark/plugins/quorvane.lua')"
+    said=$("$tools/usr/bin/quorvane-call" --version)
+    expect "version of the driver" same "${said%% (*}" "quorvane-call $project_version"
+    revision=$(grep -oE '[0-9a-f]{16}' <<<"$said")
+    expect "revision of the module" grep -qa " $revision@" "$unpacked/$module"
+    expect "the driver finds its module" grep -q "$tools/usr/lib/quorvane/mod_quorvane.so" \
+        <<<"$("$tools/usr/bin/quorvane-call" --length 0.1 2>&1)"
+fi
+dev=$work/dev
+dpkg-deb -x "$(find "$work/DEB" -maxdepth 1 -name 'quorvane-dev_*.deb')" "$dev"
+expect "header" cmp "$source_dir/include/quorvane/media_packet.h" \
+    "$dev/usr/include/quorvane/media_packet.h"
+if command -v pkg-config >/dev/null; then
+    export PKG_CONFIG_PATH=$dev/usr/share/pkgconfig
+    expect "pkg-config's version" same "$(pkg-config --modversion quorvane)" "$project_version"
+fi
 
 # ---- installation, upgrade, removal, purge ------------------------------------------
 

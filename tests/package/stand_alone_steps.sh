@@ -1,0 +1,140 @@
+#!/usr/bin/env bash
+# What stand_alone_test.sh does on the minimal system, as root, in the folder of the packages.
+# Nothing of the checkout is used: it is removed first.
+set -uo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")"
+rm -rf ../quorvane
+export DEBIAN_FRONTEND=noninteractive
+failures=0
+
+say() { printf '== %s\n' "$*"; }
+fail() {
+    echo "FAILED: $*"
+    failures=$((failures + 1))
+}
+expect() {
+    local what=$1
+    shift
+    "$@" || fail "$what"
+}
+quietly() { "$@" >step.log 2>&1 || { tail -n 20 step.log; return 1; }; }
+contains() { grep -qF -- "$2" <<<"$1" || { printf 'is: %s\nwithout: %s\n' "$1" "$2"; return 1; }; }
+
+say "quorvane-tools alone"
+quietly apt-get update -q || exit 1
+quietly apt-get install -y -q --no-install-recommends ./quorvane-tools_*.deb || exit 1
+version=$(dpkg-query -W -f '${Version}' quorvane-tools)
+said=$(quorvane-node --version)
+expect "version of the receiver" contains "$said" "quorvane-node ${version%%+*} (revision "
+expect "version of the driver" contains "$(quorvane-call --version)" "${said#quorvane-node }"
+revision=${said##* }
+expect "revision of the module" grep -qa "${revision%)}@production" /usr/lib/quorvane/mod_quorvane.so
+
+# A call with the module that comes with the driver, to the receiver.
+quorvane-node --listen 127.0.0.1:40000 --output received --calls 1 --idle-exit 30 >node.log 2>&1 &
+node=$!
+for _ in $(seq 50); do grep -q listening node.log && break; sleep 0.1; done
+expect "a call" quietly quorvane-call --length 1
+expect "the receiver's end" wait "$node"
+expect "a file for each side" test "$(ls received/*.wav | wc -l)" -eq 2
+
+mv /usr/lib/quorvane /usr/lib/quorvane.away
+said=$(quorvane-call --length 1 2>&1)
+expect "no module: where it was looked for" contains "$said" "/usr/lib/freeswitch/mod"
+expect "no module: the packages" contains "$said" "freeswitch-mod-quorvane and quorvane-tools"
+expect "no module: the option" contains "$said" "--module"
+mv /usr/lib/quorvane.away /usr/lib/quorvane
+
+say "documents, completion, dissector, service"
+quietly apt-get install -y -q --no-install-recommends man-db bash-completion python3 tshark systemd ||
+    exit 1
+for program in quorvane-node quorvane-call; do
+    page=$(find / -xdev -name "$program.1*" -path '*man1*' 2>/dev/null)
+    # A minimal system may be set up to leave manual pages out; the package has them.
+    [ -n "$page" ] || { fail "manual page of $program"; continue; }
+    warnings=$(man --warnings -l "$page" 2>&1 >/dev/null)
+    expect "manual page of $program without warnings" test -z "$warnings"
+    expect "manual page of $program" contains "$(man -l "$page" 2>/dev/null)" "OPTIONS"
+done
+
+completed=$(bash -c '
+    . /usr/share/bash-completion/completions/quorvane-node
+    COMP_WORDS=(quorvane-node --li) COMP_CWORD=1
+    _quorvane quorvane-node --li quorvane-node
+    echo "${COMPREPLY[*]}"')
+expect "completion" contains "$completed" "--listen"
+
+links=$(python3 - /usr/share/doc/quorvane-tools <<'END'
+import pathlib, re, sys
+for document in pathlib.Path(sys.argv[1]).rglob("*.md"):
+    for link in re.findall(r"\]\(([^)#\s]+)[^)]*\)", document.read_text()):
+        if "://" not in link and not link.startswith("mailto:") \
+                and not (document.parent / link).exists():
+            print(f"{document}: {link}")
+END
+)
+expect "links lead somewhere: $links" test -z "$links"
+
+# The dissector is loaded without being named.
+expect "dissector" contains "$(tshark -G protocols 2>/dev/null)" "quorvane"
+expect "Kaitai description" grep -q 'id: quorvane' /usr/share/quorvane/quorvane.ksy
+
+unit=quorvane-node.service
+said=$(systemd-analyze verify "/lib/systemd/system/$unit" 2>&1)
+expect "verified service: $said" test -z "$(grep -F "$unit" <<<"$said")"
+exposure=$(systemd-analyze security --offline=true "/lib/systemd/system/$unit" 2>&1 | tail -n 2)
+echo "$exposure" | grep -i exposure
+level=$(grep -oE '[0-9]+\.[0-9]+' <<<"$exposure" | head -n 1)
+expect "exposure of at most 2.0: $level" awk "BEGIN { exit !(\"$level\" != \"\" && $level <= 2.0) }"
+# The line that starts it is one that the receiver takes, and it reports that it is ready.
+. /etc/default/quorvane-node
+command=$(sed -n 's/^ExecStart=//p' "/lib/systemd/system/$unit")
+command=${command/\$QUORVANE_NODE_OPTIONS/$QUORVANE_NODE_OPTIONS}
+ready=$(python3 - $command <<'END'
+import os, signal, socket, subprocess, sys
+with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+    manager.bind("\0quorvane-stand-alone")
+    manager.settimeout(10)
+    node = subprocess.Popen(sys.argv[1:], stdout=subprocess.DEVNULL,
+                            env={**os.environ, "NOTIFY_SOCKET": "@quorvane-stand-alone"})
+    states = [manager.recv(100).decode()]
+    node.send_signal(signal.SIGTERM)
+    states.append(manager.recv(100).decode())
+    print(*states, node.wait(10))
+END
+)
+expect "states of the service" test "$ready" = "READY=1 STOPPING=1 0"
+
+say "quorvane-dev"
+quietly apt-get install -y -q --no-install-recommends ./quorvane-dev_*.deb g++ cmake make pkg-config ||
+    exit 1
+example=/usr/share/doc/quorvane-tools/examples/receiver.cpp
+expect "pkg-config's version" test "$(pkg-config --modversion quorvane)" = "${version%%+*}"
+expect "example with pkg-config" \
+    quietly g++ -std=c++17 $(pkg-config --cflags quorvane) "$example" -o receiver
+mkdir receiver-project
+cat >receiver-project/CMakeLists.txt <<END
+cmake_minimum_required(VERSION 3.25)
+project(receiver LANGUAGES CXX)
+find_package(quorvane ${version%%+*} REQUIRED)
+add_executable(receiver $example)
+target_link_libraries(receiver PRIVATE quorvane::quorvane)
+END
+expect "example with CMake" quietly cmake -S receiver-project -B receiver-build
+expect "example with CMake, built" quietly cmake --build receiver-build
+./receiver-build/receiver 127.0.0.1 40001 >receiver.log 2>&1 &
+receiver=$!
+sleep 1
+expect "a call to the example" quietly quorvane-call --media-node 127.0.0.1:40001 --length 1
+sleep 2
+kill "$receiver"
+wait "$receiver"
+expect "what the example prints of a call" test "$(wc -l <receiver.log)" -ge 2
+
+say "removal"
+expect "removal" quietly apt-get purge -y -q quorvane-tools quorvane-dev
+left=$(find / -xdev -name '*quorvane*' -not -path '/root/*' -not -path '/proc/*' \
+    -not -path '/var/lib/quorvane-node*' -not -path '/var/cache/*')
+expect "nothing is left: $left" test -z "$left"
+echo "$failures failed"
+exit $((failures > 0))
