@@ -76,6 +76,7 @@ void Application::open_calls() {
         *calls_, [this](const Datagram& datagram, media::DecodeResult reason, std::uint64_t count) {
             outputs_.notices().malformed(datagram, reason, count);
         });
+    intake_->allow_only(AllowedNetworks(options_.allowed));
 }
 
 void Application::schedule_tick() {
@@ -115,6 +116,8 @@ NodeFigures Application::figures(Micros now) {
     NodeFigures figures;
     figures.totals = calls_->totals();
     figures.malformed = intake_->malformed();
+    figures.not_allowed = intake_->not_allowed();
+    figures.latest_not_allowed = intake_->latest_not_allowed();
     figures.received = receiver_.received();
     figures.overflowed = receiver_.overflowed();
     figures.calls = calls_->size();

@@ -59,6 +59,23 @@ void add_output_options(CLI::App& app, Options& options) {
     app.add_flag("-q,--quiet", options.quiet, "No line for each packet and call");
 }
 
+void add_sender_options(CLI::App& app, Options& options) {
+    app.add_option_function<std::vector<std::string>>(
+           "--allow",
+           [&options](const std::vector<std::string>& networks) {
+               for (const std::string& network : networks) {
+                   options.allowed.push_back(parse_network(network).value());  // It was checked.
+               }
+           },
+           "Take packets only from senders in this network, as in 192.0.2.0/24; may be repeated")
+        ->check(check_network)
+        ->type_name("NETWORK")
+        ->expected(1)
+        ->take_all();
+    app.add_flag("--any-source", options.limits.any_source,
+                 "Take a call's packets from any address, not only from the one that began it");
+}
+
 void add_report_options(CLI::App& app, Options& options) {
     app.add_option("--events", options.events,
                    "Append events as JSON lines to FILE; - writes them to the standard output, "
@@ -152,6 +169,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
         "Exit codes: 0 fine; 1 a file could not be written, or --idle-exit came before --calls;\n"
         "2 wrong command line; 3 the port, the folder or the events file cannot be used.");
     add_output_options(app, options);
+    add_sender_options(app, options);
     add_report_options(app, options);
     add_exit_options(app, options);
     add_audio_options(app, options);

@@ -6,8 +6,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "node/calls/call_limits.h"
+#include "node/ingest/networks.h"
 #include "tools/exit_codes.h"
 
 namespace qv::node {
@@ -20,6 +22,7 @@ using tools::EXIT_USAGE;
 struct Options {
     std::string listen_text = "127.0.0.1:40000";
     sockaddr_in listen{};
+    std::vector<Network> allowed;  // Senders; empty: all of them.
     std::string folder = ".";
     bool overwrite = false;
     bool quiet = false;

@@ -175,6 +175,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     }
     last_second_ = now;
     // Once a second, so that a flood of calls does not become a flood of lines.
+    notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
     if (metrics_ != nullptr) {
         metrics_->update(figures);
@@ -200,6 +201,7 @@ void Outputs::finish(NodeFigures figures) {
     }
     add_file_figures(figures);
     notices_->overflowed(figures.overflowed);
+    notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
     flush_events();
     failed_ = failed_ || figures.totals.file_errors != 0;
     LostEvents lost;

@@ -8,6 +8,12 @@ namespace qv::node {
 
 namespace {
 
+// Packets that a doubted terminate packet has overtaken come within this time; later ones refute
+// it.
+constexpr Micros STRAGGLING{300'000};
+// A call of which nothing comes for so long after a doubted terminate packet has ended.
+constexpr Micros QUIET{1'000'000};
+
 StartFields start_fields(const media::Packet& packet) {
     StartFields start;
     start.call_flags = packet.leg_word;
@@ -46,6 +52,11 @@ Call::Call(const Uuid& uuid, std::uint64_t call_key, const Arrival& arrival,
 }
 
 std::optional<Drop> Call::receive(const media::Packet& packet, const Arrival& arrival) {
+    if (!belongs_to(arrival.source)) {
+        ++foreign_packets_;
+        for_each_listener([&](CallListener& listener) { listener.foreign(*this, arrival.source); });
+        return Drop::OTHER_ADDRESS;
+    }
     if (packet.call_key != call_key_) {
         return Drop::OTHER_CALL_KEY;
     }
@@ -53,23 +64,30 @@ std::optional<Drop> Call::receive(const media::Packet& packet, const Arrival& ar
         return Drop::REPEATED_START;
     }
     last_seen_ = arrival.time;
+    source_ = arrival.source;
     switch (packet.type) {
         case media::PacketType::START:
+            clock_.note(packet.send_time, arrival.time);
             return on_start(packet);
         case media::PacketType::CONTROL:
-            return on_control(packet);
+            return on_control(packet, arrival.time);
         case media::PacketType::TERMINATE:
             return on_terminate(packet, arrival.time);
         case media::PacketType::DATA:
             break;
     }
-    return mutable_side(packet.terminator_side() ? Side::TERMINATOR : Side::ORIGINATOR)
-        .receive(packet, arrival.time);
+    return on_data(packet, arrival.time);
 }
 
-bool Call::is_replaced_by(const media::Packet& packet) const {
+bool Call::is_replaced_by(const media::Packet& packet, const Arrival& arrival) const {
     return packet.type == media::PacketType::START && packet.call_key == call_key_ &&
-           start_.has_value() && start_->configured_clock != packet.configured_clock;
+           start_.has_value() && start_->configured_clock != packet.configured_clock &&
+           belongs_to(arrival.source);
+}
+
+// A module that is loaded again has another port, not another address.
+bool Call::belongs_to(const sockaddr_in& source) const {
+    return source.sin_addr.s_addr == source_.sin_addr.s_addr || limits_.any_source;
 }
 
 std::optional<Drop> Call::on_start(const media::Packet& packet) {
@@ -83,12 +101,27 @@ std::optional<Drop> Call::on_start(const media::Packet& packet) {
     return std::nullopt;
 }
 
-std::optional<Drop> Call::on_control(const media::Packet& packet) {
+std::optional<Drop> Call::on_data(const media::Packet& packet, Micros now) {
+    clock_.note(packet.send_time, now);
+    if (doubted_end_.has_value() && now - doubted_end_->came > STRAGGLING) {
+        refuse_terminate(doubted_terminate());
+        doubted_end_.reset();
+    }
+    return mutable_side(packet.terminator_side() ? Side::TERMINATOR : Side::ORIGINATOR)
+        .receive(packet, now);
+}
+
+// A send time far ahead must not make later packets look old.
+std::int64_t Call::credible(std::int64_t send_time, Micros now) const {
+    return clock_.is_far_ahead(send_time, now) ? clock_.at(now) : send_time;
+}
+
+std::optional<Drop> Call::on_control(const media::Packet& packet, Micros now) {
     if (control_packets_ != 0 && packet.send_time <= control_time_) {
         return Drop::OLD_CONTROL;
     }
     ++control_packets_;
-    control_time_ = packet.send_time;
+    control_time_ = credible(packet.send_time, now);
     media::merge_features(features_, packet.features);
     for_each_listener([&](CallListener& listener) { listener.features_changed(*this, packet); });
     return std::nullopt;
@@ -98,13 +131,47 @@ std::optional<Drop> Call::on_terminate(const media::Packet& packet, Micros now) 
     if (ending()) {
         return Drop::AFTER_END;
     }
-    ends_at_ = now + limits_.linger;
-    terminate_time_ = packet.send_time;
-    for_each_listener([&](CallListener& listener) { listener.terminated(*this, packet); });
+    if (!clock_.is_far_ahead(packet.send_time, now)) {
+        terminate(packet, now);
+    } else if (clock_.keeps_real_time() || doubted_end_.has_value()) {
+        refuse_terminate(packet);
+    } else {
+        doubted_end_ = DoubtedEnd{packet.send_time, packet.leg_word, now};
+    }
     return std::nullopt;
 }
 
+void Call::terminate(const media::Packet& packet, Micros now) {
+    ends_at_ = now + limits_.linger;
+    terminate_time_ = credible(packet.send_time, now);
+    for_each_listener([&](CallListener& listener) { listener.terminated(*this, packet); });
+}
+
+void Call::refuse_terminate(const media::Packet& packet) {
+    for_each_listener([&](CallListener& listener) { listener.terminate_refused(*this, packet); });
+}
+
+media::Packet Call::doubted_terminate() const {
+    media::Packet packet;
+    packet.type = media::PacketType::TERMINATE;
+    packet.leg_word = doubted_end_->leg_word;
+    packet.call_key = call_key_;
+    packet.call_uuid = uuid_.data();
+    packet.send_time = doubted_end_->send_time;
+    return packet;
+}
+
+void Call::believe_doubted_terminate(Micros now) {
+    const media::Packet packet = doubted_terminate();
+    doubted_end_.reset();
+    ended_in_doubt_ = true;
+    terminate(packet, now);
+}
+
 void Call::tick(Micros now) {
+    if (doubted_end_.has_value() && !ending() && now - last_seen_ >= QUIET) {
+        believe_doubted_terminate(now);
+    }
     for (CallSide& side : sides_) {
         side.give_up_waiting(now);
     }
@@ -127,6 +194,9 @@ std::optional<EndReason> Call::due(Micros now) const {
 void Call::end(EndReason reason) {
     for (CallSide& side : sides_) {
         side.finish();
+    }
+    if (doubted_end_.has_value()) {
+        refuse_terminate(doubted_terminate());
     }
     for (CallSide& side : sides_) {
         if (side.begun()) {

@@ -16,6 +16,7 @@
 #include "node/calls/call_listener.h"
 #include "node/calls/call_side.h"
 #include "node/calls/drop.h"
+#include "node/calls/sender_clock.h"
 #include "node/calls/types.h"
 #include "quorvane/media_packet.h"
 
@@ -55,7 +56,7 @@ class Call {
     std::optional<Drop> receive(const media::Packet& packet, const Arrival& arrival);
     // Whether the packet starts the same call anew, as when its media bug was closed and its
     // terminate packet lost. Such a packet is for another Call.
-    bool is_replaced_by(const media::Packet& packet) const;
+    bool is_replaced_by(const media::Packet& packet, const Arrival& arrival) const;
     // To be called some times a second: gives up what has been waited for too long.
     void tick(Micros now);
     // Why the call is to be ended now, if it is.
@@ -79,8 +80,11 @@ class Call {
 
     const Uuid& uuid() const { return uuid_; }
     std::uint64_t call_key() const { return call_key_; }
-    // Where the call's first packet came from.
+    // Where the packets come from: address and port of the one that was taken in last. The
+    // address changes only where the limits allow any source.
     const sockaddr_in& source() const { return source_; }
+    // Packets from other addresses, which were dropped.
+    std::uint64_t foreign_packets() const { return foreign_packets_; }
     Micros first_seen() const { return first_seen_; }
     Micros last_seen() const { return last_seen_; }
     // Nothing until the start packet comes.
@@ -92,8 +96,12 @@ class Call {
     std::uint64_t control_packets() const { return control_packets_; }
     // The terminate packet has come; the call stays for packets that it has overtaken.
     bool ending() const { return ends_at_.has_value(); }
-    // Send time of the terminate packet, while ending.
+    // Send time of the terminate packet, while ending; no later than the call's other packets
+    // and the time since then allow.
     std::int64_t terminate_time() const { return terminate_time_; }
+    // The terminate packet claims to have been sent far ahead of the call's other packets. It
+    // is believed because nothing came after it.
+    bool ended_in_doubt() const { return ended_in_doubt_; }
     // Send time of the first audio of either side: the beginning of the time axis.
     std::optional<std::int64_t> first_audio_time() const { return first_audio_time_; }
     // Empty when the call is not to have files.
@@ -104,6 +112,13 @@ class Call {
 
   private:
     friend class CallSide;
+
+    // A terminate packet that claims to have been sent far ahead, until it is believed or not.
+    struct DoubtedEnd {
+        std::int64_t send_time;
+        std::uint16_t leg_word;
+        Micros came;
+    };
 
     // Calls `visit` with each listener, in the order of the outputs.
     template <typename Visit>
@@ -117,12 +132,19 @@ class Call {
     std::int64_t axis_begin(std::int64_t send_time);
 
     std::optional<Drop> on_start(const media::Packet& packet);
-    std::optional<Drop> on_control(const media::Packet& packet);
+    std::optional<Drop> on_control(const media::Packet& packet, Micros now);
     std::optional<Drop> on_terminate(const media::Packet& packet, Micros now);
+    std::optional<Drop> on_data(const media::Packet& packet, Micros now);
+    bool belongs_to(const sockaddr_in& source) const;
+    void terminate(const media::Packet& packet, Micros now);
+    void refuse_terminate(const media::Packet& packet);
+    media::Packet doubted_terminate() const;
+    void believe_doubted_terminate(Micros now);
+    std::int64_t credible(std::int64_t send_time, Micros now) const;
 
     const Uuid uuid_;
     const std::uint64_t call_key_;
-    const sockaddr_in source_;
+    sockaddr_in source_;
     const CallLimits& limits_;
     const Micros first_seen_;
     Micros last_seen_;
@@ -131,8 +153,12 @@ class Call {
     media::features16_t features_{};
     std::uint64_t control_packets_ = 0;
     std::int64_t control_time_ = 0;  // Send time of the latest control packet.
+    std::uint64_t foreign_packets_ = 0;
+    SenderClock clock_;
     std::optional<Micros> ends_at_;
     std::int64_t terminate_time_ = 0;
+    std::optional<DoubtedEnd> doubted_end_;
+    bool ended_in_doubt_ = false;
     std::optional<std::int64_t> first_audio_time_;
     std::array<CallSide, SIDE_COUNT> sides_;
     std::string file_stem_;

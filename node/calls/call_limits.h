@@ -15,6 +15,7 @@ struct CallLimits {
     Micros idle{120'000'000};             // Without any packet.
     Micros max_age{12LL * 3600'000'000};  // A WAV file at 48 kHz is nearly full by then.
     Micros remember_ended{60'000'000};
+    bool any_source = false;        // A call's packets may come from any address.
     int sample_rate = 0;            // Hz; 0: found from the packets.
     double max_silence_s = 120;     // For one gap.
     ReorderBuffer::Limits reorder;  // Its gap_samples follows from max_silence_s.

@@ -30,7 +30,7 @@ void CallTable::receive(const media::Packet& packet, const Arrival& arrival) {
     Call* call = find(packet);
     if (call == nullptr) {
         call = add(packet, arrival);
-    } else if (call->is_replaced_by(packet)) {
+    } else if (call->is_replaced_by(packet, arrival)) {
         call = replace(*call, packet, arrival);
     }
     if (call == nullptr) {
@@ -57,6 +57,10 @@ Call* CallTable::add(const media::Packet& packet, const Arrival& arrival) {
         totals_.count_drop(Drop::AFTER_END);
         return nullptr;
     }
+    if (is_foreign(uuid, arrival.source)) {
+        totals_.count_drop(Drop::OTHER_ADDRESS);
+        return nullptr;
+    }
     if (calls_.size() >= limits_.max_calls) {
         totals_.count_drop(Drop::TOO_MANY_CALLS);
         return nullptr;
@@ -71,28 +75,39 @@ Call* CallTable::add(const media::Packet& packet, const Arrival& arrival) {
 // Data that was sent after the terminate packet has overtaken the next start packet. The
 // terminate packet itself may be overtaken by a control packet that was sent after it.
 bool CallTable::is_after_end(const Uuid& uuid, const media::Packet& packet) const {
-    const std::int64_t* const terminated_at = terminated_.find(uuid);
+    const Ended* const ended = terminated_.find(uuid);
     switch (packet.type) {
         case media::PacketType::START:
             return false;
         case media::PacketType::TERMINATE:
             return true;
         case media::PacketType::CONTROL:
-            return terminated_at != nullptr;
+            return ended != nullptr;
         case media::PacketType::DATA:
             break;
     }
-    return terminated_at != nullptr && packet.send_time <= *terminated_at;
+    return ended != nullptr && packet.send_time <= ended->terminate_time;
+}
+
+// A call that has ended still belongs to its sender's address while it is remembered.
+bool CallTable::is_foreign(const Uuid& uuid, const sockaddr_in& source) const {
+    if (limits_.any_source) {
+        return false;
+    }
+    const Ended* const ended = terminated_.find(uuid);
+    const LeftBehind* const left = left_behind_.find(uuid);
+    return (ended != nullptr && ended->address != source.sin_addr.s_addr) ||
+           (left != nullptr && left->address != source.sin_addr.s_addr);
 }
 
 // Continues the sides of an earlier call that was not terminated, unless they start anew.
 void CallTable::continue_earlier(Call& call, const media::Packet& packet) {
-    const SidePlaces* const places = left_behind_.find(call.uuid());
-    if (places == nullptr) {
+    const LeftBehind* const left = left_behind_.find(call.uuid());
+    if (left == nullptr) {
         return;
     }
     if (packet.type != media::PacketType::START) {
-        call.continue_from(*places);
+        call.continue_from(left->places);
     }
     left_behind_.erase(call.uuid());
 }
@@ -140,10 +155,12 @@ void CallTable::end(Call& call, EndReason reason, Micros now) {
 }
 
 void CallTable::remember(const Call& call, EndReason reason, Micros now) {
+    const in_addr_t address = call.source().sin_addr.s_addr;
     if (reason == EndReason::TERMINATED) {
-        terminated_.keep(call.uuid(), call.terminate_time(), now);
-    } else {
-        left_behind_.keep(call.uuid(), call.places(), now);
+        terminated_.keep(call.uuid(), {address, call.terminate_time()}, now);
+    }
+    if (reason != EndReason::TERMINATED || call.ended_in_doubt()) {
+        left_behind_.keep(call.uuid(), {address, call.places()}, now);
     }
 }
 

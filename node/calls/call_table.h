@@ -48,9 +48,20 @@ class CallTable {
   private:
     using Calls = std::unordered_map<Uuid, std::unique_ptr<Call>, UuidHash>;
 
+    // What is remembered of a call that has ended.
+    struct Ended {
+        in_addr_t address;            // That the call belonged to.
+        std::int64_t terminate_time;  // Send time of the terminate packet.
+    };
+    struct LeftBehind {
+        in_addr_t address;
+        SidePlaces places;
+    };
+
     Call* find(const media::Packet& packet);
     Call* add(const media::Packet& packet, const Arrival& arrival);
     bool is_after_end(const Uuid& uuid, const media::Packet& packet) const;
+    bool is_foreign(const Uuid& uuid, const sockaddr_in& source) const;
     Call* replace(Call& call, const media::Packet& packet, const Arrival& arrival);
     void continue_earlier(Call& call, const media::Packet& packet);
     void end(Call& call, EndReason reason, Micros now);
@@ -63,8 +74,8 @@ class CallTable {
     std::vector<CallListener*> outputs_;  // The counter and those of the constructor.
     Calls calls_;
     Call* last_ = nullptr;  // Of the latest packet: packets of a call often come together.
-    ExpiringMap<std::int64_t> terminated_;  // Send time of the terminate packet.
-    ExpiringMap<SidePlaces> left_behind_;   // Of calls that were not terminated.
+    ExpiringMap<Ended> terminated_;
+    ExpiringMap<LeftBehind> left_behind_;  // Calls that were not terminated, or in doubt.
 };
 
 }  // namespace qv::node

@@ -11,14 +11,16 @@ enum class Drop : std::uint8_t {
     AFTER_END,       // The call has ended; also a second terminate packet, or one of an
                      // unknown call.
     OTHER_CALL_KEY,  // The UUID is known with another key.
+    OTHER_ADDRESS,   // The call belongs to another sender's address.
     OTHER_LEG,       // The other leg already carries this call side.
     REPEATED_START,  // The same start packet again.
     OLD_CONTROL,     // A control packet again, or one that a later one has overtaken.
+    FAR_AHEAD,       // A terminate packet whose send time the call's other packets refute.
     DUPLICATE,       // Data packets, as the reorder buffer counts them:
     LATE,
     IMPLAUSIBLE,
 };
-constexpr std::size_t DROP_COUNT = 9;
+constexpr std::size_t DROP_COUNT = 11;
 
 constexpr const char* describe(Drop reason) {
     switch (reason) {
@@ -28,12 +30,16 @@ constexpr const char* describe(Drop reason) {
             return "call has ended";
         case Drop::OTHER_CALL_KEY:
             return "call key differs from the call's";
+        case Drop::OTHER_ADDRESS:
+            return "call belongs to another address";
         case Drop::OTHER_LEG:
             return "call side is carried by the other leg";
         case Drop::REPEATED_START:
             return "repeated start packet";
         case Drop::OLD_CONTROL:
             return "control packet repeated or overtaken";
+        case Drop::FAR_AHEAD:
+            return "terminate packet sent far ahead of its call";
         case Drop::DUPLICATE:
             return "duplicate data packet";
         case Drop::LATE:

@@ -9,6 +9,10 @@ std::unique_ptr<CallListener> CallCounter::begin_call(Call& /*call*/) {
     return nullptr;
 }
 
+void CallCounter::terminate_refused(const Call& /*call*/, const media::Packet& /*packet*/) {
+    totals_.count_drop(Drop::FAR_AHEAD);
+}
+
 void CallCounter::data(const Call& /*call*/, const media::Packet& packet) {
     totals_.audio_bytes += packet.sample_count * sizeof(std::int16_t);
 }

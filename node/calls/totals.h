@@ -45,6 +45,7 @@ class CallCounter : public CallListener {
     explicit CallCounter(Totals& totals) : totals_(totals) {}
 
     std::unique_ptr<CallListener> begin_call(Call& call) override;
+    void terminate_refused(const Call& call, const media::Packet& packet) override;
     void data(const Call& call, const media::Packet& packet) override;
     void rate_decided(const Call& call, Side side) override;
     void pause(const Call& call, Side side, const Pause& pause) override;

@@ -8,6 +8,11 @@ Intake::Intake(CallTable& calls, OnMalformed on_malformed)
     : calls_(calls), on_malformed_(std::move(on_malformed)) {}
 
 void Intake::receive(const Datagram& datagram) {
+    if (!allowed_.allow(datagram.arrival.source)) {
+        ++not_allowed_;
+        latest_not_allowed_ = datagram.arrival.source;
+        return;
+    }
     last_arrival_ = datagram.arrival.time;
     media::Packet packet;
     const media::DecodeResult result = media::decode_packet(datagram.data, datagram.size, packet);

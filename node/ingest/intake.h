@@ -5,9 +5,11 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <utility>
 
 #include "node/calls/call_table.h"
 #include "node/calls/types.h"
+#include "node/ingest/networks.h"
 #include "quorvane/media_packet.h"
 
 namespace qv::node {
@@ -22,16 +24,25 @@ class Intake {
     // The table must outlive this object.
     Intake(CallTable& calls, OnMalformed on_malformed);
 
+    // From now on takes in nothing from other senders.
+    void allow_only(AllowedNetworks networks) { allowed_ = std::move(networks); }
+
     void receive(const Datagram& datagram);
 
     // By DecodeResult.
     const MalformedCounts& malformed() const { return malformed_; }
-    // When the latest datagram came; 0 when none did.
+    // Datagrams of senders that are not allowed, and where the latest of them came from.
+    std::uint64_t not_allowed() const { return not_allowed_; }
+    const sockaddr_in& latest_not_allowed() const { return latest_not_allowed_; }
+    // When the latest datagram of an allowed sender came; 0 when none did.
     Micros last_arrival() const { return last_arrival_; }
 
   private:
     CallTable& calls_;
     OnMalformed on_malformed_;
+    AllowedNetworks allowed_;
+    std::uint64_t not_allowed_ = 0;
+    sockaddr_in latest_not_allowed_{};
     MalformedCounts malformed_{};
     Micros last_arrival_{0};
 };

@@ -78,8 +78,12 @@ void EventLog::listening(const std::string& address) {
     write("listening", {{"address", address}});
 }
 
-void EventLog::malformed(media::DecodeResult reason, std::size_t size) {
-    write("malformed", {{"reason", describe(reason)}, {"size", size}});
+void EventLog::malformed(media::DecodeResult reason, std::size_t size, const std::string& source) {
+    write("malformed", {{"reason", describe(reason)}, {"size", size}, {"source", source}});
+}
+
+void EventLog::not_allowed(std::uint64_t packets, const sockaddr_in& source) {
+    write("not_allowed", {{"packets", packets}, {"source", address_text(source)}});
 }
 
 void EventLog::overflow(std::uint64_t packets) {
@@ -118,6 +122,17 @@ void EventLog::features_changed(const Call& call, const media::Packet& packet) {
 
 void EventLog::terminated(const Call& call, const media::Packet& packet) {
     write("terminate", call, packet_json(packet, Json::object()));
+}
+
+void EventLog::terminate_refused(const Call& call, const media::Packet& packet) {
+    write("terminate_refused", call, packet_json(packet, Json::object()));
+}
+
+// The first one; further ones are counted until the end.
+void EventLog::foreign(const Call& call, const sockaddr_in& source) {
+    if (call.foreign_packets() == 1) {
+        write("foreign", call, {{"foreign_source", address_text(source)}});
+    }
 }
 
 void EventLog::data(const Call& call, const media::Packet& packet) {
@@ -169,6 +184,7 @@ void EventLog::ended(const Call& call, EndReason reason) {
           {{"reason", name_of(reason)},
            {"start_seen", call.start().has_value()},
            {"control_packets", call.control_packets()},
+           {"foreign_packets", call.foreign_packets()},
            {"sides", sides},
            {"files", files}});
 }
@@ -201,7 +217,9 @@ std::uint64_t EventLog::waiting() const {
 }
 
 void EventLog::write(const char* event, const Call& call, const Json& fields) {
-    Json all = {{"call_key", key_text(call.call_key())}, {"call_uuid", uuid_text(call.uuid())}};
+    Json all = {{"call_key", key_text(call.call_key())},
+                {"call_uuid", uuid_text(call.uuid())},
+                {"source", address_text(call.source())}};
     all.update(fields);
     write(event, all);
 }

@@ -27,12 +27,17 @@ class EventLog : public CallListener {
     EventLog(Sink sink, bool every_packet) : sink_(std::move(sink)), every_packet_(every_packet) {}
 
     void listening(const std::string& address);
-    void malformed(media::DecodeResult reason, std::size_t size);
+    // `source` is the sender, "a.b.c.d:port".
+    void malformed(media::DecodeResult reason, std::size_t size, const std::string& source);
+    // Datagrams of senders that are not allowed, the latest of them from `source`.
+    void not_allowed(std::uint64_t packets, const sockaddr_in& source);
     void overflow(std::uint64_t packets);
 
     void started(const Call& call, const media::Packet& packet) override;
     void features_changed(const Call& call, const media::Packet& packet) override;
     void terminated(const Call& call, const media::Packet& packet) override;
+    void terminate_refused(const Call& call, const media::Packet& packet) override;
+    void foreign(const Call& call, const sockaddr_in& source) override;
     void data(const Call& call, const media::Packet& packet) override;
     void pause(const Call& call, Side side, const Pause& pause) override;
     void gap(const Call& call, Side side, const Gap& gap) override;

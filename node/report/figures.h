@@ -17,8 +17,10 @@ struct NodeFigures {
     Totals totals;
     std::array<std::uint64_t, media::DECODE_RESULT_COUNT> malformed{};  // By DecodeResult.
     std::uint64_t received = 0;                                         // Datagrams.
-    std::uint64_t overflowed = 0;  // Datagrams that the system dropped.
-    std::size_t calls = 0;         // Now.
+    std::uint64_t not_allowed = 0;     // Datagrams of senders that are not allowed.
+    sockaddr_in latest_not_allowed{};  // Where the latest of them came from.
+    std::uint64_t overflowed = 0;      // Datagrams that the system dropped.
+    std::size_t calls = 0;             // Now.
     std::size_t open_files = 0;
     int receive_buffer = 0;               // Bytes.
     std::uint64_t calls_not_written = 0;  // Because of --max-files.

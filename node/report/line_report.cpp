@@ -44,6 +44,11 @@ void append_count(std::string& text, std::uint64_t count, const char* what) {
     }
 }
 
+std::string foreign_text(std::uint64_t packets) {
+    return packets == 0 ? std::string()
+                        : ", " + counted(packets, "packet") + " from other addresses dropped";
+}
+
 std::string side_text(const CallSide& side) {
     const ReorderBuffer::Stats& stats = side.stats();
     std::string text =
@@ -87,6 +92,7 @@ void LineReport::line(const Call& call, const std::string& what, const std::stri
 void LineReport::started(const Call& call, const media::Packet& packet) {
     const StartFields& start = *call.start();
     std::string text = start.outbound() ? "outbound" : "inbound";
+    text += ", from " + address_text(call.source());
     text += ", reference " + quoted_text(start.call_reference);
     if (start.rule_id_given()) {
         text += ", rule " + std::to_string(start.rule_id);
@@ -110,6 +116,19 @@ void LineReport::terminated(const Call& call, const media::Packet& packet) {
         text = "after " + duration_text(micros / 1e6);
     }
     line(call, "terminate", text);
+}
+
+void LineReport::terminate_refused(const Call& call, const media::Packet& /*packet*/) {
+    line(call, "terminate", "not believed: sent far ahead of the call's other packets");
+}
+
+// The first one; further ones are counted until the end.
+void LineReport::foreign(const Call& call, const sockaddr_in& source) {
+    if (call.foreign_packets() == 1) {
+        line(call, "foreign",
+             "packet from " + address_text(source) + " dropped: the call belongs to " +
+                 address_text(call.source()));
+    }
 }
 
 void LineReport::gap(const Call& call, Side side, const Gap& gap) {
@@ -137,7 +156,10 @@ void LineReport::ended(const Call& call, EndReason reason) {
     const bool unannounced = !call.start().has_value();
     const std::size_t failed = call.failed_files().size();
     line(call, "end",
-         reason_text(reason) + (unannounced ? ", its start packet never came" : "") +
+         reason_text(reason) +
+             (unannounced ? ", its start packet never came, from " + address_text(call.source())
+                          : "") +
+             foreign_text(call.foreign_packets()) +
              (failed != 0 ? "; " + counted(failed, "file") + " could not be written" : ""));
     for (const Side side : BOTH_SIDES) {
         if (call.side(side).begun()) {

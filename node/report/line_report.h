@@ -17,6 +17,8 @@ class LineReport : public CallListener {
     void started(const Call& call, const media::Packet& packet) override;
     void features_changed(const Call& call, const media::Packet& packet) override;
     void terminated(const Call& call, const media::Packet& packet) override;
+    void terminate_refused(const Call& call, const media::Packet& packet) override;
+    void foreign(const Call& call, const sockaddr_in& source) override;
     void gap(const Call& call, Side side, const Gap& gap) override;
     void file_failed(const Call& call, const FileReport& file) override;
     void ended(const Call& call, EndReason reason) override;

@@ -30,19 +30,22 @@ struct Columns {
     std::size_t uuid = 8;   // The first group of its digits.
     std::size_t cells = 7;  // Of a meter.
     bool packets = false;
+    bool source = false;
     bool reference = false;
 
     std::size_t meter() const { return cells + 7; }
 };
 
 constexpr std::size_t ALL_COLUMNS = 124;
+constexpr std::size_t SOURCE = 23;  // "255.255.255.255:65535", and a space on either side.
 constexpr std::size_t SHORTEST_REFERENCE = 20;
 
 Columns columns_for(std::size_t screen) {
     if (screen < ALL_COLUMNS) {
         return {};
     }
-    return {36, 10, true, screen >= ALL_COLUMNS + SHORTEST_REFERENCE};
+    return {36, 10, true, screen >= ALL_COLUMNS + SOURCE,
+            screen >= ALL_COLUMNS + SOURCE + SHORTEST_REFERENCE};
 }
 
 std::string level_cell(double level, std::size_t cells) {
@@ -66,7 +69,8 @@ std::string heading(const Columns& columns) {
                        left("terminator", columns.meter());
     text += columns.packets ? right("packets", 10) : "";
     text += right("lost", 7);
-    return columns.reference ? left(text, ALL_COLUMNS + 2) + "reference" : text;
+    text = columns.source ? left(text, ALL_COLUMNS + 2) + "source" : text;
+    return columns.reference ? left(text, ALL_COLUMNS + SOURCE + 2) + "reference" : text;
 }
 
 std::string row(const Call& call, const std::array<double, SIDE_COUNT>& levels, Micros now,
@@ -87,8 +91,9 @@ std::string row(const Call& call, const std::array<double, SIDE_COUNT>& levels, 
     text += right(grouped(lost), 7);
     const std::string state = state_of(call);
     text += state.empty() ? "" : "  " + state;
+    text = columns.source ? left(text, ALL_COLUMNS + 2) + address_text(call.source()) : text;
     return columns.reference && call.start().has_value()
-               ? left(text, ALL_COLUMNS + 2) + quoted_text(call.start()->call_reference)
+               ? left(text, ALL_COLUMNS + SOURCE + 2) + quoted_text(call.start()->call_reference)
                : text;
 }
 

@@ -58,6 +58,8 @@ class Metrics::Impl {
           received(counter("received_packets_total", "Datagrams that came, of any kind")),
           overflowed(counter("socket_dropped_packets_total",
                              "Datagrams that the system dropped: receive buffer full")),
+          not_allowed(
+              counter("not_allowed_packets_total", "Datagrams of senders that are not allowed")),
           calls_begun(counter("calls_begun_total", "Calls that began")),
           calls_ended(counter("calls_ended_total", "Calls that ended")),
           calls_not_terminated(counter("calls_not_terminated_total",
@@ -129,6 +131,7 @@ class Metrics::Impl {
     std::shared_ptr<ProcessMetrics> process;
     Counter& received;
     Counter& overflowed;
+    Counter& not_allowed;
     Counter& calls_begun;
     Counter& calls_ended;
     Counter& calls_not_terminated;
@@ -161,6 +164,7 @@ void Metrics::update(const NodeFigures& figures) {
     const Totals& totals = figures.totals;
     set(impl_->received, figures.received);
     set(impl_->overflowed, figures.overflowed);
+    set(impl_->not_allowed, figures.not_allowed);
     set(impl_->calls_begun, totals.calls_begun);
     set(impl_->calls_ended, totals.calls_ended);
     set(impl_->calls_not_terminated, totals.calls_not_terminated);

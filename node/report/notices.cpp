@@ -35,15 +35,17 @@ void Notices::malformed(const Datagram& datagram, media::DecodeResult reason, st
     if (count > MALFORMED_REPORTS_PER_REASON) {
         return;
     }
+    const std::string source = address_text(datagram.arrival.source);
     if (!quiet_lines_) {
         const std::string beginning = hex_of(datagram);
         lines_.say("malformed packet",
                    std::string(describe(reason)) + ": " + counted(datagram.size, "byte") +
+                       " from " + source +
                        (beginning.empty() ? "" : ", beginning with" + beginning) +
                        (count == MALFORMED_REPORTS_PER_REASON ? "; more are only counted" : ""));
     }
     if (events_ != nullptr) {
-        events_->malformed(reason, datagram.size);
+        events_->malformed(reason, datagram.size, source);
     }
 }
 
@@ -57,6 +59,20 @@ void Notices::overflowed(std::uint64_t total) {
     }
     if (events_ != nullptr) {
         events_->overflow(fresh);
+    }
+}
+
+void Notices::not_allowed(std::uint64_t total, const sockaddr_in& source) {
+    const std::uint64_t fresh = total - std::exchange(reported_not_allowed_, total);
+    if (fresh == 0) {
+        return;
+    }
+    if (!quiet_lines_) {
+        lines_.say("sender not allowed", "dropped " + counted(fresh, "packet") +
+                                             ", the latest from " + address_text(source));
+    }
+    if (events_ != nullptr) {
+        events_->not_allowed(fresh, source);
     }
 }
 

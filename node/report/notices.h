@@ -24,6 +24,9 @@ class Notices {
     void malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count);
     // Datagrams that the system dropped since the beginning; reports what is new.
     void overflowed(std::uint64_t total);
+    // Datagrams of senders that are not allowed since the beginning, the latest of them from
+    // `source`; reports what is new.
+    void not_allowed(std::uint64_t total, const sockaddr_in& source);
     // Packets of calls beyond the limit since the beginning; reports what is new.
     void too_many_calls(std::uint64_t total);
 
@@ -32,6 +35,7 @@ class Notices {
     EventLog* events_;
     bool quiet_lines_;
     std::uint64_t reported_overflow_ = 0;
+    std::uint64_t reported_not_allowed_ = 0;
     std::uint64_t reported_too_many_ = 0;
 };
 

@@ -18,6 +18,9 @@ std::string calls_text(const Totals& totals) {
 }
 
 void print_unused(LineReport& lines, const NodeFigures& figures) {
+    if (figures.not_allowed != 0) {
+        lines.say("  not used: " + grouped(figures.not_allowed), "sender is not allowed");
+    }
     for (std::size_t i = 0; i < figures.malformed.size(); ++i) {
         if (figures.malformed[i] != 0) {
             lines.say("  malformed: " + grouped(figures.malformed[i]),

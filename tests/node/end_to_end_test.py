@@ -58,8 +58,8 @@ def listed_event_fields():
         fields = set(re.findall(r"`(\w+)`", plain)) | {"event", "time"}
         fields |= PACKET_FIELDS if "the common fields" in text else set()
         fields |= {"sides"} if kind == "end" else set()
-        if kind not in ("listening", "malformed", "overflow", "events_lost"):
-            fields |= {"call_key", "call_uuid"}
+        if kind not in ("listening", "not_allowed", "malformed", "overflow", "events_lost"):
+            fields |= {"call_key", "call_uuid", "source"}
         listed[kind] = listed["data"] if text.startswith("the same,") else fields
     return listed
 
@@ -328,7 +328,8 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(samples(node.folder / f"{UUID}-originator.wav"), 2 * wave_one)
             self.assertEqual(samples(node.folder / f"{UUID}-terminator.wav"),
                              8 * [0] + 4 * [1000, -1000])
-            for line in (r"start +inbound, reference \"a84b4c76e66710@192.0.2.7\", rule 42",
+            for line in (r"start +inbound, from 127.0.0.1:\d+, "
+                         r"reference \"a84b4c76e66710@192.0.2.7\", rule 42",
                          r"control +audio activity off both", r"terminate ", r"end +complete"):
                 self.assertRegex(node.text(), line)
 
@@ -341,6 +342,32 @@ class NodeEndToEnd(unittest.TestCase):
             left_right = samples(node.folder / f"{UUID}.wav")
             self.assertEqual(left_right[1::2], 8 * [0] + 4 * [1000, -1000])
             self.assertIn("terminate</text>", (node.folder / f"{UUID}.svg").read_text())
+
+    def test_only_allowed_senders_are_heard_and_a_call_belongs_to_its_address(self):
+        def send_from(address, port, *names):
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+                sender.bind((address, 0))
+                for name in names:
+                    sender.sendto(golden(name), ("127.0.0.1", port))
+
+        with Node("--allow", "127.0.0.1", "--allow", "127.0.2.0/24", "--events", "-") as node:
+            port = node.address[1]
+            send_from("127.0.0.1", port, "call_1_start", "call_2_read")
+            send_from("127.0.0.3", port, "call_4_read")
+            send_from("127.0.2.9", port, "call_4_read", "call_7_terminate")
+            send_from("127.0.0.1", port, "call_7_terminate")
+            node.wait_for('"event":"end"')
+            node.process.terminate()
+            node.process.wait()
+            end = node.events("end")[0]
+            self.assertEqual(end["reason"], "terminated")
+            self.assertEqual(end["foreign_packets"], 2)
+            self.assertEqual(end["sides"]["originator"]["packets"], 1)
+            self.assertRegex(end["source"], r"^127\.0\.0\.1:\d+$")
+            foreign = node.events("foreign")[0]
+            self.assertRegex(foreign["foreign_source"], r"^127\.0\.2\.9:\d+$")
+            self.assertRegex(node.text(), "not used: 1 +sender is not allowed")
+            self.assertRegex(node.text(), "not used: 2 +call belongs to another address")
 
     def test_reference_in_utf_8_is_shown_in_the_lines_and_the_timeline(self):
         reference = '日本 <&"\u202e\x9b\uffff'.encode() + b"\xff"
@@ -379,7 +406,8 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(node.exit_code(), 1, node.text())
             listed = listed_event_fields()
             seen = {event["event"]: set(event) for event in node.events()}
-            self.assertEqual(set(listed) - set(seen), {"overflow", "events_lost"})
+            self.assertEqual(set(listed) - set(seen), {"overflow", "events_lost", "not_allowed", "foreign",
+                                                        "terminate_refused"})
             for kind, fields in seen.items():
                 self.assertEqual(fields, listed[kind], kind)
             self.assertEqual(set(node.events("end")[0]["sides"]["originator"]), LISTED_SIDE)

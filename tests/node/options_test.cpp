@@ -53,6 +53,20 @@ TEST_F(NodeOptionsTest, SwitchesAreOffUntilGiven) {
                 options_.overwrite && options_.live && options_.timeline && options_.every_packet);
 }
 
+TEST_F(NodeOptionsTest, NetworksOfSendersAreGathered) {
+    parse({});
+    EXPECT_TRUE(options_.allowed.empty());
+    EXPECT_FALSE(options_.limits.any_source);
+    EXPECT_EQ(parse({"--allow", "192.0.2.0/24", "--any-source", "--allow", "10.0.0.1"}),
+              std::nullopt);
+    ASSERT_EQ(options_.allowed.size(), 2u);
+    EXPECT_EQ(options_.allowed[0].address, 0xC0000200u);
+    EXPECT_EQ(options_.allowed[0].mask, 0xFFFFFF00u);
+    EXPECT_EQ(options_.allowed[1].address, 0x0A000001u);
+    EXPECT_TRUE(options_.limits.any_source);
+    EXPECT_EQ(parse({"--allow", "192.0.2.0/33"}), EXIT_USAGE);
+}
+
 TEST_F(NodeOptionsTest, SecondsMayHaveAFraction) {
     parse({"--linger", "0.25", "--call-timeout", "1.5", "--reorder-wait", "0", "--max-call-age",
            "3600"});

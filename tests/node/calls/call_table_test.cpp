@@ -57,7 +57,7 @@ class CallTableTest : public testing::Test {
         table_ = std::make_unique<CallTable>(limits, outputs);
     }
 
-    void receive(const Packet& packet) { table_->receive(packet, {now_, {}}); }
+    void receive(const Packet& packet) { table_->receive(packet, {now_, source_}); }
 
     Packet packet(PacketType type) {
         Packet made;
@@ -130,6 +130,7 @@ class CallTableTest : public testing::Test {
     std::uint64_t key_ = 7;
     Micros now_{1'000'000};
     Micros sent_{50'000'000};
+    sockaddr_in source_{};
 };
 
 TEST_F(CallTableTest, CallRunsFromStartToTerminate) {
@@ -314,6 +315,61 @@ TEST_F(CallTableTest, SecondTerminateIsDroppedAndDoesNotPutTheEndOff) {
     pass(1ms);
     EXPECT_EQ(diary_.text, "start terminate end:terminated");
     EXPECT_EQ(dropped(Drop::AFTER_END), 1u);
+}
+
+TEST_F(CallTableTest, StrangerTakesNoCallOverThatHasEnded) {
+    start();
+    talk(1, 60);
+    pass(1h);  // The call has timed out, perhaps on hold.
+    source_.sin_addr.s_addr = 1;
+    data(61);
+    start(2);
+    EXPECT_EQ(dropped(Drop::OTHER_ADDRESS), 2u);
+    source_.sin_addr.s_addr = 0;
+    talk(61, 62);
+    terminate();
+    pass(1s);
+    source_.sin_addr.s_addr = 1;
+    data(63);
+    EXPECT_EQ(dropped(Drop::OTHER_ADDRESS), 3u);
+    EXPECT_EQ(diary_.text, "start end:timed_out terminate end:terminated");
+}
+
+TEST_F(CallTableTest, StrangerDoesNotStartACallAnew) {
+    start();
+    source_.sin_addr.s_addr = 1;
+    start(2);
+    EXPECT_EQ(diary_.text, "start");
+    EXPECT_EQ(dropped(Drop::OTHER_ADDRESS), 1u);
+}
+
+TEST_F(CallTableTest, DataGoesOnAfterATerminateThatClaimsToBeSentFarAhead) {
+    start();
+    talk(1, 150);
+    Packet forged = packet(PacketType::TERMINATE);
+    forged.send_time = std::int64_t{1} << 62;
+    receive(forged);
+    talk(151, 250);
+    terminate();
+    pass(1s);
+    EXPECT_EQ(diary_.text, "start terminate end:terminated");
+    EXPECT_EQ(dropped(Drop::FAR_AHEAD), 1u);
+    EXPECT_EQ(dropped(Drop::AFTER_END), 0u);
+    EXPECT_EQ(file(1).samples.size(), 250u * 160);
+}
+
+TEST_F(CallTableTest, CallThatWasEndedByADoubtedTerminateGoesOnWithoutLoss) {
+    start();
+    talk(1, 10);
+    Packet forged = packet(PacketType::TERMINATE);
+    forged.send_time = std::int64_t{1} << 62;
+    receive(forged);
+    pass(1s);
+    pass(1s);
+    talk(11, 60);  // The call was on hold.
+    table_->shut_down();
+    EXPECT_EQ(diary_.text, "start terminate end:terminated end:shutdown");
+    EXPECT_EQ(file(2).samples.size(), 50u * 160);
 }
 
 TEST_F(CallTableTest, EndedCallMayStartAgain) {

@@ -25,6 +25,12 @@ class Diary : public CallListener {
             std::to_string(call.side(Side::ORIGINATOR).position_at(packet.send_time)));
     }
     void terminated(const Call&, const Packet&) override { add("terminate"); }
+    void terminate_refused(const Call&, const Packet& packet) override {
+        add("refused " + std::to_string(packet.send_time));
+    }
+    void foreign(const Call&, const sockaddr_in& source) override {
+        add("foreign " + std::to_string(ntohs(source.sin_port)));
+    }
     void side_begun(const Call&, Side side) override { add(std::string("begun ") + name_of(side)); }
     void file_failed(const Call&, const FileReport& file) override { add("failed " + file.path); }
     void tick(const Call&, Micros) override { add("tick"); }
@@ -83,7 +89,32 @@ class CallTest : public testing::Test {
         made.audio = SILENCE;
         return receive(made);
     }
-    std::optional<Drop> receive(const Packet& packet) { return call_->receive(packet, {now_, {}}); }
+    std::optional<Drop> receive(const Packet& packet) {
+        return call_->receive(packet, {now_, source_});
+    }
+
+    // A packet of 20 ms from each time on, in real time.
+    void talk(std::uint32_t first, std::uint32_t last) {
+        for (std::uint32_t number = first; number <= last; ++number) {
+            data(number);
+            pass(20ms);
+        }
+    }
+    void pass(Micros time) {
+        now_ += time;
+        sent_ += time.count();
+    }
+    static sockaddr_in sender(const char* address, std::uint16_t port) {
+        sockaddr_in made{};
+        made.sin_addr.s_addr = inet_addr(address);
+        made.sin_port = htons(port);
+        return made;
+    }
+    std::optional<Drop> terminate_at(std::int64_t send_time) {
+        Packet made = packet(PacketType::TERMINATE);
+        made.send_time = send_time;
+        return receive(made);
+    }
 
     static constexpr Uuid UUID = {1, 2, 3};
     static constexpr std::uint64_t KEY = 7;
@@ -91,6 +122,7 @@ class CallTest : public testing::Test {
     CallLimits limits_;
     Micros now_{1'000'000};
     std::int64_t sent_ = 50'000'000;
+    sockaddr_in source_{};
     Diary diary_;
     std::unique_ptr<Call> call_ = make_call({&diary_});
 };
@@ -103,13 +135,108 @@ TEST_F(CallTest, StartPacketGivesTheCallItsFields) {
     EXPECT_FALSE(call_->started_late());
 }
 
-TEST_F(CallTest, SenderIsThatOfTheFirstPacket) {
-    sockaddr_in sender{};
-    sender.sin_addr.s_addr = inet_addr("192.0.2.7");
-    sender.sin_port = htons(5060);
-    const Call call(UUID, KEY, {now_, sender}, limits_, {});
-    EXPECT_EQ(call.source().sin_addr.s_addr, inet_addr("192.0.2.7"));
-    EXPECT_EQ(call.source().sin_port, htons(5060));
+TEST_F(CallTest, SenderIsThatOfTheLatestPacket) {
+    call_ = std::make_unique<Call>(UUID, KEY, Arrival{now_, sender("192.0.2.7", 5060)}, limits_,
+                                   std::vector<CallListener*>{});
+    EXPECT_EQ(call_->source().sin_addr.s_addr, inet_addr("192.0.2.7"));
+    EXPECT_EQ(call_->source().sin_port, htons(5060));
+    source_ = sender("192.0.2.7", 5061);  // The module was loaded again.
+    EXPECT_EQ(data(1), std::nullopt);
+    EXPECT_EQ(call_->source().sin_port, htons(5061));
+}
+
+TEST_F(CallTest, PacketsFromAnotherAddressAreDropped) {
+    start();
+    data(1);
+    diary_.take();
+    source_ = sender("192.0.2.66", 40001);
+    now_ += 1min;
+    EXPECT_EQ(data(2), Drop::OTHER_ADDRESS);
+    EXPECT_EQ(control({0xC0, 0x40}), Drop::OTHER_ADDRESS);
+    EXPECT_EQ(terminate(), Drop::OTHER_ADDRESS);
+    EXPECT_EQ(diary_.take(), "foreign 40001; foreign 40001; foreign 40001");
+    EXPECT_EQ(call_->foreign_packets(), 3u);
+    EXPECT_FALSE(call_->ending());
+    EXPECT_EQ(call_->last_seen(), 1s);
+    EXPECT_EQ(call_->source().sin_addr.s_addr, 0u);
+}
+
+TEST_F(CallTest, AnyAddressMaySendWhereThatIsAllowed) {
+    limits_.any_source = true;
+    data(1);
+    source_ = sender("192.0.2.66", 40001);
+    EXPECT_EQ(data(2), std::nullopt);
+    EXPECT_EQ(call_->source().sin_port, htons(40001));
+}
+
+TEST_F(CallTest, TerminateThatClaimsToBeSentFarAheadEndsNothing) {
+    start();
+    talk(1, 150);
+    diary_.take();
+    terminate_at(std::int64_t{1} << 62);
+    EXPECT_EQ(diary_.take(), "refused 4611686018427387904");
+    EXPECT_FALSE(call_->ending());
+    EXPECT_EQ(data(151), std::nullopt);
+    EXPECT_EQ(terminate(), std::nullopt);
+    EXPECT_TRUE(call_->ending());
+    EXPECT_EQ(call_->terminate_time(), sent_);
+}
+
+TEST_F(CallTest, EarlyInACallDataRefutesATerminateThatIsFarAhead) {
+    start();
+    talk(1, 10);
+    diary_.take();
+    terminate_at(sent_ + 3600'000'000);
+    EXPECT_EQ(diary_.take(), "");
+    talk(11, 30);
+    EXPECT_EQ(diary_.take(), "refused 3650200000");
+    call_->tick(now_ + 10s);
+    EXPECT_FALSE(call_->ending());
+}
+
+TEST_F(CallTest, TerminateAfterAPauseOfASenderThatIsFasterThanRealTimeIsBelieved) {
+    start();
+    data(1);
+    diary_.take();
+    terminate_at(sent_ + 300'000'000);
+    call_->tick(now_ + 999ms);
+    EXPECT_FALSE(call_->ending());
+    call_->tick(now_ + 1s);
+    EXPECT_EQ(diary_.take(), "tick; terminate; tick");
+    EXPECT_TRUE(call_->ending());
+    EXPECT_TRUE(call_->ended_in_doubt());
+    EXPECT_EQ(call_->terminate_time(), sent_ + 1'000'000) << "not what the packet claims";
+}
+
+TEST_F(CallTest, DoubtedTerminateIsRefusedWhenAnotherComesOrTheCallEnds) {
+    start();
+    data(1);
+    diary_.take();
+    terminate_at(sent_ + 300'000'000);
+    terminate_at(sent_ + 400'000'000);
+    EXPECT_EQ(diary_.take(), "refused 450000000");
+    call_->end(EndReason::SHUTDOWN);
+    EXPECT_EQ(diary_.take(), "refused 350000000; end shutdown");
+}
+
+TEST_F(CallTest, TerminateAfterAHoldIsBelievedAtOnce) {
+    start();
+    talk(1, 150);
+    pass(1min);
+    terminate();
+    EXPECT_TRUE(call_->ending());
+    EXPECT_FALSE(call_->ended_in_doubt());
+}
+
+TEST_F(CallTest, ControlPacketThatClaimsToBeSentFarAheadDoesNotMakeLaterOnesOld) {
+    start(1, {0xCC, 0x0C});
+    data(1);
+    sent_ += 3600'000'000;
+    control({0xC0, 0x40});
+    sent_ -= 3600'000'000;
+    pass(1s);
+    EXPECT_EQ(control({0xC0, 0x80}), std::nullopt);
+    EXPECT_EQ(call_->features().active, 0x8C);
 }
 
 TEST_F(CallTest, PacketWithAnotherKeyIsDroppedAndDoesNotKeepTheCallAlive) {
@@ -124,12 +251,13 @@ TEST_F(CallTest, PacketWithAnotherKeyIsDroppedAndDoesNotKeepTheCallAlive) {
 
 TEST_F(CallTest, SameStartAgainIsDroppedAndAnotherStartReplacesTheCall) {
     start(1);
-    EXPECT_FALSE(call_->is_replaced_by(start_packet(1)));
+    EXPECT_FALSE(call_->is_replaced_by(start_packet(1), {}));
     EXPECT_EQ(start(1), Drop::REPEATED_START);
-    EXPECT_TRUE(call_->is_replaced_by(start_packet(2)));
+    EXPECT_TRUE(call_->is_replaced_by(start_packet(2), {}));
     Packet forged = start_packet(2);
     forged.call_key = 8;
-    EXPECT_FALSE(call_->is_replaced_by(forged));
+    EXPECT_FALSE(call_->is_replaced_by(forged, {}));
+    EXPECT_FALSE(call_->is_replaced_by(start_packet(2), {now_, sender("192.0.2.66", 40001)}));
 }
 
 TEST_F(CallTest, StartThatOthersOvertookIsLateAndKeepsTheFeaturesOfTheControlPacket) {

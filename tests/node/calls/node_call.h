@@ -16,6 +16,7 @@
 #include "node/calls/call_table.h"
 #include "tests/node/audio/fake_audio_files.h"
 #include "tests/support/golden.h"
+#include "tools/address.h"
 
 namespace qv::tests {
 
@@ -37,7 +38,7 @@ class NodeCallTest : public testing::Test {
         media::Packet packet;
         ASSERT_EQ(media::decode_packet(datagram.data(), datagram.size(), packet),
                   media::DecodeResult::OK);
-        table_->receive(packet, {now_, {}});
+        table_->receive(packet, {now_, source_});
     }
     void send(const std::string& name) { send(golden(name)); }
 
@@ -87,6 +88,7 @@ class NodeCallTest : public testing::Test {
     node::Recorder recorder_{store_, {true, false, {4, false}}};
     std::unique_ptr<node::CallTable> table_;
     node::Micros now_{100'000'000};
+    sockaddr_in source_ = tools::parse_address("192.0.2.1:30000").value();
 };
 
 }  // namespace qv::tests

@@ -16,12 +16,13 @@ using qv::media::DecodeResult;
 class IntakeTest : public testing::Test {
   protected:
     void receive(const qv::tests::Bytes& datagram, Micros now = 1s) {
-        intake_.receive({datagram.data(), datagram.size(), {now, {}}});
+        intake_.receive({datagram.data(), datagram.size(), {now, source_}});
     }
     std::uint64_t malformed(DecodeResult reason) const {
         return intake_.malformed()[static_cast<std::size_t>(reason)];
     }
 
+    sockaddr_in source_{};
     std::vector<std::string> told_;
     CallTable calls_{CallLimits{}, {}};
     Intake intake_{calls_,
@@ -48,6 +49,21 @@ TEST_F(IntakeTest, DatagramsThatAreNoPacketsAreCountedByReason) {
               (std::vector<std::string>{"too short for its packet type 3 1",
                                         "too short for its packet type 0 2", "bad magic 40 1"}));
     EXPECT_EQ(calls_.totals().all_packets(), 0u);
+}
+
+TEST_F(IntakeTest, OnlyAllowedSendersAreTakenIn) {
+    intake_.allow_only(
+        AllowedNetworks({*parse_network("192.0.2.0/24"), *parse_network("10.1.1.1")}));
+    source_.sin_addr.s_addr = htonl(0x0A010102);  // 10.1.1.2
+    receive(qv::tests::golden("call_1_start"));
+    receive({1});
+    EXPECT_EQ(calls_.size(), 0u);
+    EXPECT_TRUE(told_.empty());
+    EXPECT_EQ(intake_.not_allowed(), 2u);
+    EXPECT_EQ(intake_.last_arrival(), 0s);
+    source_.sin_addr.s_addr = htonl(0xC00002FF);  // 192.0.2.255
+    receive(qv::tests::golden("call_1_start"));
+    EXPECT_EQ(calls_.size(), 1u);
 }
 
 TEST_F(IntakeTest, EveryDatagramIsAnArrival) {

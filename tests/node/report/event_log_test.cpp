@@ -86,7 +86,8 @@ TEST_F(EventLogTest, StartHasEveryFieldOfThePacket) {
               R"("late":false,"leg_word":32768,"magic":16711935,"outbound":false,)"
               R"("packet_type":"start","protocol_version":1,"report_node":"0.0.0.0:0",)"
               R"("report_node_address":"0.0.0.0","report_node_given":false,"report_node_port":0,)"
-              R"("rule_id":"42","rule_id_given":true,"send_time":3600000250})");
+              R"("rule_id":"42","rule_id_given":true,"send_time":3600000250,)"
+              R"("source":"192.0.2.1:30000"})");
 }
 
 TEST_F(EventLogTest, LargeNumbersAreTextAndFlagsAreSplit) {
@@ -114,7 +115,8 @@ TEST_F(EventLogTest, ControlHasTheUpdateAndWhatIsInEffect) {
               R"("features":{"active":192,"supported":204},)"
               R"("features_in_effect":{"active":192,"supported":220},)"
               R"("leg_word":128,"magic":16711935,"packet_type":"control","protocol_version":1,)"
-              R"("send_time":3600021900})");
+              R"("send_time":3600021900,)"
+              R"("source":"192.0.2.1:30000"})");
 }
 
 TEST_F(EventLogTest, TerminateHasItsSendTime) {
@@ -124,7 +126,8 @@ TEST_F(EventLogTest, TerminateHasItsSendTime) {
     EXPECT_EQ(lines()[0], R"({"event":"terminate","time":"T","call_key":"0x34ec6ca7460833a0",)"
                           R"("call_uuid":"3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37","leg_word":0,)"
                           R"("magic":16711935,"packet_type":"terminate","protocol_version":1,)"
-                          R"("send_time":3600022600})");
+                          R"("send_time":3600022600,)"
+                          R"("source":"192.0.2.1:30000"})");
 }
 
 TEST_F(EventLogTest, DataPacketsAreEventsOnlyWhenAskedFor) {
@@ -140,7 +143,8 @@ TEST_F(EventLogTest, DataTellsLegAndSideInWordsToo) {
               R"("call_side":"terminator","call_uuid":"3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37",)"
               R"("leg":1,"leg_word":32769,"magic":16711935,"packet_type":"data",)"
               R"("protocol_version":1,"sample_count":8,"sample_offset":0,"send_time":3600020390,)"
-              R"("sequence_number":1})");
+              R"("sequence_number":1,)"
+              R"("source":"192.0.2.1:30000"})");
 }
 
 TEST_F(EventLogTest, PauseTellsHowLongItWasAndWhere) {
@@ -156,7 +160,8 @@ TEST_F(EventLogTest, PauseTellsHowLongItWasAndWhere) {
     EXPECT_EQ(lines().back(),
               R"({"event":"pause","time":"T","call_key":"0x34ec6ca7460833a0",)"
               R"("call_side":"originator","call_uuid":"3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37",)"
-              R"("leg":0,"position":8,"samples":8000})");
+              R"("leg":0,"position":8,"samples":8000,)"
+              R"("source":"192.0.2.1:30000"})");
 }
 
 TEST_F(EventLogTest, GapTellsWhatIsMissingAndWhere) {
@@ -242,11 +247,12 @@ TEST_F(EventLogTest, NoControlCharacterIsWrittenAsItIs) {
 
 TEST_F(EventLogTest, WhatConcernsNoCallIsTold) {
     log_->listening("127.0.0.1:40000");
-    log_->malformed(qv::media::DecodeResult::BAD_MAGIC, 12);
+    log_->malformed(qv::media::DecodeResult::BAD_MAGIC, 12, "192.0.2.7:9");
     log_->overflow(7);
     EXPECT_EQ(lines(), (std::vector<std::string>{
                            R"({"event":"listening","time":"T","address":"127.0.0.1:40000"})",
-                           R"({"event":"malformed","time":"T","reason":"bad magic","size":12})",
+                           R"({"event":"malformed","time":"T","reason":"bad magic","size":12,)"
+                           R"("source":"192.0.2.7:9"})",
                            R"({"event":"overflow","time":"T","packets":7})"}));
 }
 

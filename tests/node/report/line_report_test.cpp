@@ -37,16 +37,16 @@ class LineReportTest : public qv::tests::NodeCallTest {
 
 TEST_F(LineReportTest, CallIsToldFromStartToEnd) {
     send_call();
-    EXPECT_EQ(lines(),
-              (Lines{"start        inbound, reference \"a84b4c76e66710@192.0.2.7\", rule 42, audio "
-                     "activity on both; recording on both",
-                     "control      audio activity off both; recording on both",
-                     "terminate    after 0.0 s",  //
-                     "end          complete",
-                     "  originator 0.0 s at 8000 Hz (assumed), 2 packets, level -49 dB",
-                     "  terminator 0.0 s at 8000 Hz (assumed), 2 packets, level -33 dB",
-                     "  file       3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav",
-                     "  file       3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-terminator.wav"}));
+    EXPECT_EQ(lines(), (Lines{"start        inbound, from 192.0.2.1:30000, reference "
+                              "\"a84b4c76e66710@192.0.2.7\", rule 42, audio "
+                              "activity on both; recording on both",
+                              "control      audio activity off both; recording on both",
+                              "terminate    after 0.0 s",  //
+                              "end          complete",
+                              "  originator 0.0 s at 8000 Hz (assumed), 2 packets, level -49 dB",
+                              "  terminator 0.0 s at 8000 Hz (assumed), 2 packets, level -33 dB",
+                              "  file       3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav",
+                              "  file       3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-terminator.wav"}));
 }
 
 TEST_F(LineReportTest, HeldLinesAreShownWhenReleased) {
@@ -79,7 +79,8 @@ TEST_F(LineReportTest, LineBeginsWithTimeAndCall) {
 TEST_F(LineReportTest, OutboundStartTellsAllThatIsGiven) {
     send("start_outbound_full");
     EXPECT_EQ(lines()[0],
-              "c2d8e1f4-7a06-45b3-a190-9c3d5e7f2b68  start        outbound, reference "
+              "c2d8e1f4-7a06-45b3-a190-9c3d5e7f2b68  start        outbound, from 192.0.2.1:30000, "
+              "reference "
               "\"f81d4fae-7dec-11d0@192.0.2.7\", rule 1234567890123456789, report to "
               "192.0.2.10:5060, audio activity on both; detection off originator; recording on "
               "both");
@@ -88,7 +89,9 @@ TEST_F(LineReportTest, OutboundStartTellsAllThatIsGiven) {
 TEST_F(LineReportTest, ReferenceCannotSteerTheTerminal) {
     send_start("\x1b[2J\n");
     EXPECT_EQ(lines()[0],
-              "start        inbound, reference \"\\x1b[2J\\x0a\", rule 42, audio activity on both; "
+              "start        inbound, from 192.0.2.1:30000, "
+              "reference \"\\x1b[2J\\x0a\", rule 42, "
+              "audio activity on both; "
               "recording on both");
 }
 
@@ -96,7 +99,9 @@ TEST_F(LineReportTest, LateStartSaysSo) {
     send_data(1, 0);
     send("call_1_start");
     EXPECT_EQ(lines()[0],
-              "start        inbound, reference \"a84b4c76e66710@192.0.2.7\", rule 42, audio "
+              "start        inbound, from 192.0.2.1:30000, "
+              "reference \"a84b4c76e66710@192.0.2.7\", "
+              "rule 42, audio "
               "activity on both; recording on both (late: other packets came before)");
 }
 
@@ -155,7 +160,7 @@ TEST_F(LineReportTest, CallWithoutStartAndTerminateSaysSo) {
     pass(120s);
     EXPECT_EQ(lines()[0],
               "end          its terminate packet never came: timed out, its start packet never "
-              "came");
+              "came, from 192.0.2.1:30000");
 }
 
 TEST_F(LineReportTest, EachReasonOfAnEndHasItsWords) {
@@ -196,7 +201,7 @@ TEST_F(LineReportTest, FileThatWasWrittenIsNamedBesideTheOneThatFailed) {
     const Lines last = last_lines(5);
     EXPECT_EQ(last[0],
               "end          its terminate packet never came: timed out, its start packet never "
-              "came; 1 file could not be written");
+              "came, from 192.0.2.1:30000; 1 file could not be written");
     EXPECT_EQ((Lines{last[3], last[4]}),
               (Lines{"  file       3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-terminator.wav",
                      "  failed     3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav: File too "

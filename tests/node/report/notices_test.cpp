@@ -45,14 +45,15 @@ TEST_F(NoticesTest, MalformedDatagramIsShownByItsBeginning) {
     malformed(notices_, 1);
     EXPECT_EQ(lines(),
               "malformed packet                      too short for its packet type: "
-              "9 bytes, beginning with ff 00 1a 04 05 06 07 08|");
+              "9 bytes from 0.0.0.0:0, beginning with ff 00 1a 04 05 06 07 08|");
     EXPECT_EQ(events(), 1u);
 }
 
 TEST_F(NoticesTest, EmptyDatagramHasNoBeginning) {
     notices_.malformed({nullptr, 0, {}}, DecodeResult::TOO_SHORT, 1);
     EXPECT_EQ(lines(),
-              "malformed packet                      too short for its packet type: 0 bytes|");
+              "malformed packet                      too short for its packet type: 0 bytes "
+              "from 0.0.0.0:0|");
 }
 
 TEST_F(NoticesTest, AfterThreeOfAReasonMalformedDatagramsAreOnlyCounted) {
@@ -79,6 +80,19 @@ TEST_F(NoticesTest, PacketsOfTooManyCallsAreLinesOnly) {
     notices_.too_many_calls(2);
     EXPECT_EQ(lines(), "too many calls                        dropped 2 packets of further calls|");
     EXPECT_EQ(events(), 0u);
+}
+
+TEST_F(NoticesTest, SendersThatAreNotAllowedAreReportedByTheLatestOfThem) {
+    sockaddr_in source{};
+    source.sin_addr.s_addr = htonl(0xC0000242);
+    source.sin_port = htons(40001);
+    notices_.not_allowed(0, {});
+    notices_.not_allowed(3, source);
+    notices_.not_allowed(3, source);
+    EXPECT_EQ(lines(),
+              "sender not allowed                    dropped 3 packets, the latest from "
+              "192.0.2.66:40001|");
+    EXPECT_EQ(events(), 1u);
 }
 
 TEST_F(NoticesTest, BesideALiveViewThereAreEventsButNoLines) {

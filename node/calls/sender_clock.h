@@ -1,0 +1,79 @@
+// Where the clock of a call's sender stands, from the send times of its packets: for judging a
+// packet whose send time cannot be true.
+//
+// Between packets the sender's clock goes on as the receiver's does. A send time that is far from
+// both is believed when the next packet confirms it: a single forged packet does not move the
+// clock, and a sender that is faster than real time may leap over a pause. Plain values; belongs
+// to one thread.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+
+#include "node/calls/types.h"
+
+namespace qv::node {
+
+class SenderClock {
+  public:
+    // Send times that are further off cannot be true, or the sender does not keep real time.
+    static constexpr Micros TOLERANCE{2'000'000};
+
+    // A packet of the call's audio came at `now`.
+    void note(std::int64_t send_time, Micros now) {
+        if (!begun_ || is_near(send_time, at(now))) {
+            set(send_time, now);
+        } else if (doubted_ && is_near(send_time, doubted_time_)) {
+            set(send_time, now);
+        } else {
+            doubted_ = true;
+            doubted_time_ = send_time;
+        }
+    }
+
+    // Whether a packet that comes at `now` cannot have been sent so late, unless the sender is
+    // faster than real time.
+    bool is_far_ahead(std::int64_t send_time, Micros now) const {
+        return begun_ && send_time > at(now) && !is_near(send_time, at(now));
+    }
+
+    // The sender has been in step with real time for longer than the tolerance.
+    bool keeps_real_time() const { return latest_came_ - first_came_ > TOLERANCE && !faster_; }
+
+    // What the sender's clock shows at `now`; 0 before any packet.
+    std::int64_t at(Micros now) const { return sum(latest_, (now - latest_came_).count()); }
+
+  private:
+    // Forged times must not overflow.
+    static std::int64_t sum(std::int64_t one, std::int64_t other) {
+        return static_cast<std::int64_t>(static_cast<std::uint64_t>(one) +
+                                         static_cast<std::uint64_t>(other));
+    }
+    static bool is_near(std::int64_t one, std::int64_t other) {
+        const double distance = static_cast<double>(one) - static_cast<double>(other);
+        return std::abs(distance) <= static_cast<double>(TOLERANCE.count());
+    }
+    void set(std::int64_t send_time, Micros now) {
+        if (!begun_) {
+            first_ = send_time;
+            first_came_ = now;
+        }
+        const std::int64_t due = sum(first_, (now - first_came_).count());
+        faster_ = faster_ || (send_time > due && !is_near(send_time, due));
+        begun_ = true;
+        doubted_ = false;
+        latest_ = send_time;
+        latest_came_ = now;
+    }
+
+    bool begun_ = false;
+    bool doubted_ = false;
+    bool faster_ = false;  // Than real time.
+    std::int64_t first_ = 0;
+    Micros first_came_{0};
+    std::int64_t latest_ = 0;
+    Micros latest_came_{0};
+    std::int64_t doubted_time_ = 0;
+};
+
+}  // namespace qv::node

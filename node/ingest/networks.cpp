@@ -1,0 +1,53 @@
+#include "node/ingest/networks.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace qv::node {
+
+namespace {
+
+constexpr unsigned ADDRESS_BITS = 32;
+
+// The number of bits, written in digits alone.
+std::optional<unsigned> parse_prefix(const std::string& text) {
+    unsigned bits = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, bits);
+    return error == std::errc() && stop == end && bits <= ADDRESS_BITS ? std::optional(bits)
+                                                                       : std::nullopt;
+}
+
+// A shift by all bits is not defined.
+std::uint32_t mask_of(unsigned bits) {
+    return bits == 0 ? 0 : ~std::uint32_t{0} << (ADDRESS_BITS - bits);
+}
+
+}  // namespace
+
+std::optional<Network> parse_network(const std::string& text) {
+    const std::size_t slash = text.find('/');
+    const auto bits = slash == std::string::npos ? std::optional(ADDRESS_BITS)
+                                                 : parse_prefix(text.substr(slash + 1));
+    in_addr address{};
+    if (!bits.has_value() || inet_pton(AF_INET, text.substr(0, slash).c_str(), &address) != 1) {
+        return std::nullopt;
+    }
+    const std::uint32_t mask = mask_of(*bits);
+    return Network{ntohl(address.s_addr) & mask, mask};
+}
+
+std::string check_network(const std::string& text) {
+    return parse_network(text).has_value()
+               ? std::string()
+               : "'" + text + "' is no IPv4 address or network, such as 192.0.2.0/24";
+}
+
+bool AllowedNetworks::is_inside(const sockaddr_in& sender) const {
+    return std::any_of(networks_.begin(), networks_.end(),
+                       [&](const Network& network) { return network.contains(sender); });
+}
+
+}  // namespace qv::node

@@ -1,0 +1,44 @@
+// IPv4 networks whose packets are taken in. A plain value; belongs to one thread.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qv::node {
+
+// The addresses that begin with the same bits.
+struct Network {
+    std::uint32_t address = 0;  // Host byte order; the bits outside the mask are 0.
+    std::uint32_t mask = 0;
+
+    bool contains(const sockaddr_in& sender) const {
+        return (ntohl(sender.sin_addr.s_addr) & mask) == address;
+    }
+};
+
+// Reads "a.b.c.d/prefix", or "a.b.c.d" for that address alone. Bits behind the prefix do not
+// matter. Nothing for any other text.
+std::optional<Network> parse_network(const std::string& text);
+
+// For the check of an option: why parse_network() refuses the text; empty when it does not.
+std::string check_network(const std::string& text);
+
+// The senders that are allowed; all of them while there is no network.
+class AllowedNetworks {
+  public:
+    AllowedNetworks() = default;
+    explicit AllowedNetworks(std::vector<Network> networks) : networks_(std::move(networks)) {}
+
+    bool allow(const sockaddr_in& sender) const { return networks_.empty() || is_inside(sender); }
+
+  private:
+    bool is_inside(const sockaddr_in& sender) const;
+
+    std::vector<Network> networks_;
+};
+
+}  // namespace qv::node
