@@ -78,7 +78,8 @@ void CallSide::find_place(const media::Packet& packet) {
     }
     const std::uint64_t reach = limits_.gap_samples(limits_.sample_rate);
     if (packet.sample_offset <= reach && packet.sequence_number <= reach) {
-        buffer_.begin(1, 0);
+        const auto& start = call_.start();
+        buffer_.begin(1, 0, start.has_value() ? std::optional(start->send_time) : std::nullopt);
         return;
     }
     joined_at_ = packet.sample_offset;
@@ -138,6 +139,7 @@ void CallSide::decide_rate() {
 
 void CallSide::set_rate(int rate) {
     sample_rate_ = rate;
+    buffer_.set_rate(rate);
     call_.for_each_listener([&](CallListener& listener) { listener.rate_decided(call_, which_); });
 }
 

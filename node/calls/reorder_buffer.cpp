@@ -1,6 +1,7 @@
 #include "node/calls/reorder_buffer.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace qv::node {
 
@@ -9,9 +10,24 @@ namespace {
 constexpr std::uint64_t MAX_PACKET_SAMPLES = media::MAX_AUDIO_SIZE / 2;
 constexpr std::uint32_t HALF_RANGE = 0x80000000;
 
+// What a sender that was held up may be ahead of the time since its previous packet.
+constexpr double CATCHING_UP_S = 1;
+// While the rate is not known.
+constexpr int HIGH_RATE = 48'000;
+
+// Whether a packet with these numbers can come after one that ends there.
+bool can_follow(std::uint32_t sequence_number, std::uint32_t sample_offset,
+                std::uint32_t next_number, std::uint32_t next_offset) {
+    const std::uint64_t missing_packets = sequence_number - next_number;
+    const std::uint64_t missing_samples = sample_offset - next_offset;
+    return missing_samples <= missing_packets * MAX_PACKET_SAMPLES;
+}
+
 }  // namespace
 
-void ReorderBuffer::begin(std::uint32_t sequence_number, std::uint32_t sample_offset) {
+void ReorderBuffer::begin(std::uint32_t sequence_number, std::uint32_t sample_offset,
+                          std::optional<std::int64_t> not_before) {
+    last_time_ = not_before;
     next_ = sequence_number;
     next_offset_ = sample_offset;
     begun_ = true;
@@ -34,6 +50,7 @@ ReorderBuffer::Verdict ReorderBuffer::receive(const AudioPacket& packet, Micros 
     if (!held_.empty()) {
         ++stats_.reordered;
     }
+    last_in_order_ = stats_.packets;
     deliver(packet, out);
     deliver_held_in_order(out);
     return Verdict::DELIVERED;
@@ -41,21 +58,75 @@ ReorderBuffer::Verdict ReorderBuffer::receive(const AudioPacket& packet, Micros 
 
 void ReorderBuffer::advance(Micros now, OrderedOutput& out) {
     while (!held_.empty() && now - held_.front().arrived >= limits_.wait) {
-        deliver_first_held(out);
+        if (first_held_refuted()) {
+            drop_first_held();
+        } else if (first_held_in_doubt()) {
+            return;
+        } else {
+            deliver_first_held(out);
+        }
         deliver_held_in_order(out);
     }
 }
 
 void ReorderBuffer::finish(OrderedOutput& out) {
     while (!held_.empty()) {
+        release_first_held(out);
+    }
+}
+
+// Delivers or drops it, without waiting for another packet to confirm it.
+void ReorderBuffer::release_first_held(OrderedOutput& out) {
+    if (first_held_refuted() || first_held_in_doubt()) {
+        drop_first_held();
+    } else {
         deliver_first_held(out);
     }
+}
+
+void ReorderBuffer::drop_first_held() {
+    ++stats_.implausible;
+    held_.erase(held_.begin());
+}
+
+// Those before it went on coming, or it leaves no time for what is missing, and no later packet
+// has confirmed it.
+bool ReorderBuffer::first_held_in_doubt() const {
+    const Held& first = held_.front();
+    if (first.sequence_number == next_) {
+        return false;
+    }
+    const std::uint32_t missing = first.sample_offset - next_offset_;
+    const bool doubtful = last_in_order_ > first.number || is_too_much(missing, first.send_time);
+    return doubtful && held_.size() < 2;
+}
+
+// The two that come after it follow each other, but not this one.
+bool ReorderBuffer::first_held_refuted() const {
+    const auto follows = [](const Held& later, const Held& earlier) {
+        return can_follow(
+            later.sequence_number, later.sample_offset, earlier.sequence_number + 1,
+            earlier.sample_offset + static_cast<std::uint32_t>(earlier.samples.size()));
+    };
+    return held_.size() > 1 && !follows(held_[1], held_[0]) &&
+           (held_.size() == 2 || follows(held_[2], held_[1]));
+}
+
+// Whether so much audio cannot have been missed before a packet that was sent then.
+bool ReorderBuffer::is_too_much(std::uint64_t missing_samples, std::int64_t send_time) const {
+    if (!last_time_.has_value()) {
+        return false;
+    }
+    // As floating point: forged times must not overflow.
+    const double passed = (static_cast<double>(send_time) - static_cast<double>(*last_time_)) / 1e6;
+    const int rate = rate_ != 0 ? rate_ : HIGH_RATE;
+    return static_cast<double>(missing_samples) / rate > passed + CATCHING_UP_S;
 }
 
 bool ReorderBuffer::plausible(const AudioPacket& packet) const {
     const std::uint64_t missing_packets = ahead_of_next(packet.sequence_number);
     const std::uint64_t missing_samples = packet.sample_offset - next_offset_;
-    return missing_samples <= missing_packets * MAX_PACKET_SAMPLES &&
+    return can_follow(packet.sequence_number, packet.sample_offset, next_, next_offset_) &&
            missing_samples <= limits_.gap_samples && missing_packets <= limits_.gap_samples;
 }
 
@@ -97,8 +168,15 @@ ReorderBuffer::Verdict ReorderBuffer::hold(const AudioPacket& packet, Micros now
             return ahead_of_next(held.sequence_number) < value;
         });
     if (place != held_.end() && place->sequence_number == packet.sequence_number) {
-        ++stats_.duplicates;
-        return Verdict::DUPLICATE;
+        if (!replaces(packet, place)) {
+            ++stats_.duplicates;
+            return Verdict::DUPLICATE;
+        }
+        ++stats_.implausible;
+        place->sample_offset = packet.sample_offset;
+        place->send_time = packet.send_time;
+        place->samples.assign(packet.samples, packet.samples + packet.sample_count);
+        return Verdict::HELD;
     }
     if (place != held_.end()) {
         ++stats_.reordered;
@@ -107,12 +185,25 @@ ReorderBuffer::Verdict ReorderBuffer::hold(const AudioPacket& packet, Micros now
                              packet.sample_offset,
                              packet.send_time,
                              now,
+                             stats_.packets,
                              {packet.samples, packet.samples + packet.sample_count}});
     while (held_.size() > limits_.packets) {
-        deliver_first_held(out);
+        release_first_held(out);
         deliver_held_in_order(out);
     }
     return Verdict::HELD;
+}
+
+// Whether the packet continues the one held before `place`, where another one with the same
+// sequence number does not.
+bool ReorderBuffer::replaces(const AudioPacket& packet,
+                             std::vector<Held>::const_iterator place) const {
+    if (place == held_.begin() || packet.sample_offset == place->sample_offset) {
+        return false;
+    }
+    const Held& before = *std::prev(place);
+    return before.sequence_number + 1 == packet.sequence_number &&
+           before.sample_offset + before.samples.size() == packet.sample_offset;
 }
 
 // Follows a sender that has jumped: forward over a long loss, or anywhere after it
@@ -140,6 +231,7 @@ void ReorderBuffer::deliver(const AudioPacket& packet, OrderedOutput& out) {
     history_.set(packet.sequence_number % HISTORY);
     next_ = packet.sequence_number + 1;
     next_offset_ = packet.sample_offset + packet.sample_count;
+    last_time_ = packet.send_time;
     stats_.samples += packet.sample_count;
     out.audio(packet.samples, packet.sample_count, packet.send_time);
 }

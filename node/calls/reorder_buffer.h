@@ -6,6 +6,9 @@
 // follow from the ones before (each missing packet holds at most 661 samples) is
 // implausible: it is dropped. When the next packet continues it, the sender has jumped and
 // is followed; so one forged packet does no harm, and a sender may count anew.
+// A packet that waits behind a gap is in doubt while those before it go on coming, or when its
+// send time leaves no time for what is missing. It is delivered only if a later packet confirms
+// it, so that a forged one inserts no silence.
 //
 // Plain values in, calls of an OrderedOutput out: no clock, no file, no network. Belongs
 // to one thread.
@@ -13,6 +16,7 @@
 
 #include <bitset>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "node/calls/types.h"
@@ -74,8 +78,10 @@ class ReorderBuffer {
 
     explicit ReorderBuffer(const Limits& limits) : limits_(limits) {}
 
-    // Says which packet is expected first; the side's own count begins with 1 and 0.
-    void begin(std::uint32_t sequence_number, std::uint32_t sample_offset);
+    // Says which packet is expected first; the side's own count begins with 1 and 0. It was sent
+    // no earlier than `not_before`, if that is known.
+    void begin(std::uint32_t sequence_number, std::uint32_t sample_offset,
+               std::optional<std::int64_t> not_before = std::nullopt);
     bool begun() const { return begun_; }
 
     // Takes in a packet that came at `now`.
@@ -88,6 +94,8 @@ class ReorderBuffer {
     void finish(OrderedOutput& out);
 
     void set_gap_limit(std::uint64_t samples) { limits_.gap_samples = samples; }
+    // In Hz; until then a high rate is assumed where audio is compared with time.
+    void set_rate(int rate) { rate_ = rate; }
     const Stats& stats() const { return stats_; }
     // Samples delivered so far, silence included.
     std::uint64_t position() const { return stats_.samples + stats_.silence; }
@@ -105,6 +113,7 @@ class ReorderBuffer {
         std::uint32_t sample_offset;
         std::int64_t send_time;
         Micros arrived;
+        std::uint64_t number;  // In the order of arrival, as Stats::packets counts.
         std::vector<std::int16_t> samples;
     };
 
@@ -122,6 +131,12 @@ class ReorderBuffer {
     Verdict receive_past(const AudioPacket& packet, OrderedOutput& out);
     Verdict receive_implausible(const AudioPacket& packet, OrderedOutput& out);
     Verdict hold(const AudioPacket& packet, Micros now, OrderedOutput& out);
+    bool replaces(const AudioPacket& packet, std::vector<Held>::const_iterator place) const;
+    bool first_held_in_doubt() const;
+    bool first_held_refuted() const;
+    bool is_too_much(std::uint64_t missing_samples, std::int64_t send_time) const;
+    void drop_first_held();
+    void release_first_held(OrderedOutput& out);
     void resync(const AudioPacket& packet, OrderedOutput& out);
     void deliver(const AudioPacket& packet, OrderedOutput& out);
     void deliver_first_held(OrderedOutput& out);
@@ -134,6 +149,9 @@ class ReorderBuffer {
     std::uint32_t next_ = 1;         // Sequence number of the next packet in order.
     std::uint32_t next_offset_ = 0;  // Its sample offset.
     bool begun_ = false;
+    int rate_ = 0;
+    std::optional<std::int64_t> last_time_;  // Send time of what was delivered last.
+    std::uint64_t last_in_order_ = 0;        // Arrival number of the packet that came in order.
     Continuation continuation_;
     std::vector<Held> held_;        // In order, all ahead of next_.
     std::bitset<HISTORY> history_;  // Bit n: packet n modulo HISTORY before next_ came.

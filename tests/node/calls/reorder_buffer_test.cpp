@@ -48,7 +48,7 @@ class ReorderBufferTest : public testing::Test {
     Verdict send_at(std::uint32_t number, std::uint32_t offset) {
         const std::vector<std::int16_t> samples(4,
                                                 static_cast<std::int16_t>('a' + (number - 1) % 26));
-        return buffer_->receive({number, offset, 4, samples.data(), 0}, now_, tape_);
+        return buffer_->receive({number, offset, 4, samples.data(), sent_}, now_, tape_);
     }
 
     void send_all(std::initializer_list<std::uint32_t> numbers) {
@@ -67,6 +67,7 @@ class ReorderBufferTest : public testing::Test {
     const ReorderBuffer::Stats& stats() const { return buffer_->stats(); }
 
     Micros now_{0};
+    std::int64_t sent_ = 0;
     std::unique_ptr<ReorderBuffer> buffer_;
     Tape tape_;
 };
@@ -235,6 +236,76 @@ TEST_F(ReorderBufferTest, ForgedPacketInTheWindowCostsOnlyItsPlace) {
     finish();
     EXPECT_NE(tape_.text.find("ffff"), std::string::npos);
     EXPECT_GE(stats().implausible, 1u);
+}
+
+TEST_F(ReorderBufferTest, ForgedPacketFarAheadInsertsNoSilenceWhileTheSideGoesOn) {
+    send(1);
+    EXPECT_EQ(send_at(40, 20'000), Verdict::HELD);
+    for (std::uint32_t number = 2; number <= 60; ++number) {
+        EXPECT_EQ(send(number), Verdict::DELIVERED);
+        pass(20ms);
+    }
+    EXPECT_EQ(stats().silence, 0u);
+    EXPECT_EQ(stats().samples, 60u * 4);
+    EXPECT_EQ(stats().implausible, 1u);
+}
+
+TEST_F(ReorderBufferTest, ForgedPacketAtTheEndOfASideIsDropped) {
+    send(1);
+    send_at(40, 20'000);
+    send(2);
+    finish();
+    EXPECT_EQ(tape_.text, "aaaabbbb");
+}
+
+TEST_F(ReorderBufferTest, PacketThatLeavesNoTimeForWhatIsMissingWaitsToBeConfirmed) {
+    buffer_->set_rate(8000);
+    send(1);
+    sent_ = 20'000;
+    send_at(40, 8000 * 2);  // Two seconds of audio in 20 ms.
+    pass(10s);
+    EXPECT_EQ(tape_.text, "aaaa");
+    send_at(41, 8000 * 2 + 4);
+    pass(200ms);
+    EXPECT_EQ(stats().silence, 8000u * 2 - 4);
+    EXPECT_EQ(tape_.gaps.size(), 1u);
+}
+
+TEST_F(ReorderBufferTest, ForgedFirstPacketOfASideWaitsToBeConfirmed) {
+    buffer_->begin(1, 0, 0);
+    sent_ = 30'000;
+    send_at(5000, 900'000);
+    pass(10s);
+    EXPECT_EQ(tape_.text, "");
+    send_all({1, 2, 3});
+    EXPECT_EQ(tape_.text, "aaaabbbbcccc");
+    finish();
+    EXPECT_EQ(stats().silence, 0u);
+}
+
+TEST_F(ReorderBufferTest, LossAfterPacketsThatCameOutOfOrderIsAGapAsEver) {
+    send_all({1, 5, 2});  // 3 and 4 are lost.
+    send_all({6, 7});
+    pass(200ms);
+    EXPECT_EQ(tape_.text, "aaaabbbb........eeeeffffgggg");
+}
+
+TEST_F(ReorderBufferTest, OfTwoHeldPacketsWithOneNumberTheOneThatFitsStays) {
+    send_all({1, 3});  // 2 is lost.
+    send_at(4, 8000);
+    EXPECT_EQ(send(4), Verdict::HELD);
+    send(5);
+    pass(200ms);
+    EXPECT_EQ(tape_.text, "aaaa....ccccddddeeee");
+}
+
+TEST_F(ReorderBufferTest, HeldPacketThatTheNextOnesRefuteIsDropped) {
+    send(1);
+    send_at(3, 600);  // Forged; packet 2 is late, 3 lost.
+    send_all({4, 5});
+    pass(200ms);
+    EXPECT_EQ(tape_.text, "aaaa........ddddeeee");
+    EXPECT_EQ(stats().implausible, 1u);
 }
 
 TEST_F(ReorderBufferTest, JumpThatIsContinuedIsFollowed) {
