@@ -406,8 +406,8 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(node.exit_code(), 1, node.text())
             listed = listed_event_fields()
             seen = {event["event"]: set(event) for event in node.events()}
-            self.assertEqual(set(listed) - set(seen), {"overflow", "events_lost", "not_allowed", "foreign",
-                                                        "terminate_refused"})
+            self.assertEqual(set(listed) - set(seen), {"overflow", "events_lost", "not_allowed",
+                                                       "foreign", "terminate_refused"})
             for kind, fields in seen.items():
                 self.assertEqual(fields, listed[kind], kind)
             self.assertEqual(set(node.events("end")[0]["sides"]["originator"]), LISTED_SIDE)
