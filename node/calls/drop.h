@@ -59,12 +59,16 @@ constexpr const char* name_of(Drop reason) {
             return "after_end";
         case Drop::OTHER_CALL_KEY:
             return "other_call_key";
+        case Drop::OTHER_ADDRESS:
+            return "other_address";
         case Drop::OTHER_LEG:
             return "other_leg";
         case Drop::REPEATED_START:
             return "repeated_start";
         case Drop::OLD_CONTROL:
             return "old_control";
+        case Drop::FAR_AHEAD:
+            return "far_ahead";
         case Drop::DUPLICATE:
             return "duplicate";
         case Drop::LATE:
