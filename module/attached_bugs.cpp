@@ -56,6 +56,11 @@ void AttachedBugs::load_left_a_hook() {
     take_reference();
 }
 
+bool AttachedBugs::may_be_called() {
+    const LockGuard guard(lock_);
+    return loaded_ || hook_left_ || count_ > 0;
+}
+
 void AttachedBugs::unloaded() {
     Clock::time_point safe;
     {

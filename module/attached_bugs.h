@@ -33,6 +33,8 @@ class AttachedBugs {
     void loaded();
     // The load has failed and leaves its hook in the host.
     void load_left_a_hook();
+    // Whether the host may still call the module: it is loaded, or a bug or a hook is left.
+    bool may_be_called();
     // The end of the shutdown. Waits a moment if another thread has just closed a bug.
     void unloaded();
 

@@ -33,26 +33,56 @@ const std::string CONFIG_FILE_PATH =
     conf::default_base_directory + utils::path::LINUX_PATH_SEPARATOR::STR + "quorvane" +
     utils::path::LINUX_PATH_SEPARATOR::STR + "freeswitch_mod" + conf::default_conf_ext;
 
-ModuleContext global;
+// Room for an object that is built with the others and destroyed by its owner, or never.
+template <class Object>
+union Undestroyed {
+    Undestroyed() : object() {}
+    Undestroyed(const Undestroyed&) = delete;
+    Undestroyed& operator=(const Undestroyed&) = delete;
+    // NOLINTNEXTLINE(modernize-use-equals-default): the default would need the object's.
+    ~Undestroyed() {}
+
+    Object object;
+};
+
+Undestroyed<ModuleContext> context_room;
+ModuleContext& global = context_room.object;
 
 // What ties the module to the host while it is loaded, and beyond.
 struct Ties {
-    Ties() = default;
-    Ties(const Ties&) = delete;
-    Ties& operator=(const Ties&) = delete;
-    // The object goes away. What is registered yet has no media bug.
-    ~Ties() {
+    AttachedBugs bugs{global.socket};
+    switch_event_node_t* channel_destroy_hook = nullptr;
+    switch_event_node_t* dump_event_hook = nullptr;
+};
+
+Undestroyed<Ties> ties_room;
+Ties& ties = ties_room.object;
+
+// The end of both, when this object leaves memory. The host may also end the process by
+// exit() while calls are tapped: their threads go on until it is gone, so both stay.
+struct EndOfState {
+    EndOfState() = default;
+    EndOfState(const EndOfState&) = delete;
+    EndOfState& operator=(const EndOfState&) = delete;
+    ~EndOfState() {
+        if (ties.bugs.may_be_called()) {
+            return;
+        }
+        free_left_contexts();
+        ties.~Ties();
+        global.~ModuleContext();
+    }
+
+  private:
+    // What is registered yet has no media bug.
+    static void free_left_contexts() {
         const RegistryGuard guard(global.contexts_lock);
         while (!global.contexts.empty()) {
             remove_context(global.contexts, global.contexts.begin()->first);
         }
     }
-
-    AttachedBugs bugs{global.socket};
-    switch_event_node_t* channel_destroy_hook = nullptr;
-    switch_event_node_t* dump_event_hook = nullptr;
 };
-Ties ties;
+EndOfState end_of_state;
 
 // ---- media bug --------------------------------------------------------------------
 

@@ -1,6 +1,6 @@
 // The module-wide state, shared by the entry points, the media bugs and the API command.
 //
-// It is built when the host opens the module and destroyed when the host closes it. There
+// It is built when the host opens the module and destroyed when the object leaves memory. There
 // is one, `global` in mod_quorvane.cpp; everything else gets a reference to it.
 #pragma once
 
