@@ -40,7 +40,8 @@ else()
   # No stack frame leaps over the guard page; jumps and returns land where they may.
   check_cxx_compiler_flag(-fstack-clash-protection QUORVANE_HAVE_STACK_CLASH_PROTECTION)
   check_cxx_compiler_flag(-fcf-protection QUORVANE_HAVE_CF_PROTECTION)
-  check_cxx_compiler_flag(-mbranch-protection=standard QUORVANE_HAVE_BRANCH_PROTECTION)
+  # Clang takes the flag for any processor, and only warns.
+  check_cxx_compiler_flag("-Werror -mbranch-protection=standard" QUORVANE_HAVE_BRANCH_PROTECTION)
   target_compile_options(quorvane_flags INTERFACE
     $<$<BOOL:${QUORVANE_HAVE_STACK_CLASH_PROTECTION}>:-fstack-clash-protection>
     $<$<BOOL:${QUORVANE_HAVE_CF_PROTECTION}>:-fcf-protection>

@@ -40,7 +40,8 @@ class SampleIndex {
     static constexpr float FAINTNESS_DB = 7;  // Of one step.
     // Of a peak that is so many decibels below the loudest ones.
     static std::uint32_t faintness(float below_db) {
-        return std::min(FAINTEST, static_cast<std::uint32_t>(std::max(0.0F, below_db) / FAINTNESS_DB));
+        return std::min(FAINTEST,
+                        static_cast<std::uint32_t>(std::max(0.0F, below_db) / FAINTNESS_DB));
     }
 
     struct Reference {
