@@ -869,7 +869,7 @@ proctype event_thread() {
 
 /* Without a reference the object goes, and its static objects with it, also what is left in
  * the registry. A load makes them anew.
- * code: module/mod_quorvane.cpp ~Ties: contexts_lock; remove_context */
+ * code: module/mod_quorvane.cpp free_left_contexts: contexts_lock; remove_context */
 inline host_unmap() {
     if
     :: !host_reference && !reference && postponed == 0 ->
