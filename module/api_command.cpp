@@ -19,7 +19,7 @@ using media::Features;
 using media::features16_t;
 using Words = std::vector<std::string>;
 
-// Writes printf-style; the result of the host's write function is of no use here.
+// Writes a printf-style answer. A write that fails is ignored: there is nobody to report it to.
 template <typename... Values>
 void answer(switch_stream_handle_t* stream, const char* format, Values... values) {
     stream->write_function(stream, format, values...);
@@ -92,8 +92,8 @@ class DefaultDetectionApiCommand : public ActionApiCommand {
 
 // ---- session commands -------------------------------------------------------------
 
-// A command aimed at one call. While it holds the call's session, the session cannot go
-// away; the destructor lets go of it on every path.
+// A command for one call. While it holds the session's read lock, the host does not destroy the
+// session. The destructor releases the lock on every path.
 class SessionApiCommand : public ApiCommand {
   public:
     SessionApiCommand(switch_stream_handle_t* stream, ModuleContext& module,
@@ -109,7 +109,8 @@ class SessionApiCommand : public ApiCommand {
     ~SessionApiCommand() override { unlock(); }
 
   protected:
-    // The session under its read lock; null, with an error in the log, for none.
+    // Locates the session and takes its read lock. Logs an error and returns null if there is no
+    // such session.
     switch_core_session* lock() {
         if (uuid_invalid_) {
             return fail(__LINE__, "uuid is not specified");
@@ -152,13 +153,13 @@ class SessionApiCommand : public ApiCommand {
     bool uuid_invalid_ = false;
 };
 
-// One character a feature and leg: `alphabet` is indexed by supported + 2 * active.
+// One character per feature and leg: `alphabet` is indexed by supported + 2 * active.
 struct FeatureCode {
     std::uint8_t bit;
     const char* alphabet;
 };
 
-constexpr const char* RECORD_ALPHABET = "-R-R";  // Says nothing about the active bit.
+constexpr const char* RECORD_ALPHABET = "-R-R";  // Does not show the active bit.
 constexpr const char* DETECTION_ALPHABET = "-s?S";
 constexpr const char* ACTIVITY_ALPHABET = "-a?A";
 
@@ -202,7 +203,7 @@ class FeatureStatusApiCommand : public SessionApiCommand {
     }
 
   private:
-    // False, and an error answered, when the call has no context.
+    // Answers with an error and returns false if the call has no context.
     bool read_features(features16_t& features) {
         const RegistryGuard registry_guard(module().contexts_lock);
         AppContext* context = find_context(module().contexts, id());
@@ -237,7 +238,7 @@ constexpr const char* FEATURE_NAME<Features::AudioActivity> = "audio_activity";
 template <>
 constexpr const char* FEATURE_NAME<Features::SampleDetection> = "detection";
 
-// The bits of the leg that `word` names, 0 for another word. Compares only the first four
+// The bits of the leg that `word` names; 0 for any other word. Compares only the first four
 // letters. See docs/design.md, Odd on purpose: API.
 std::uint8_t parse_leg(std::string_view word, Features feature) {
     const std::string_view beginning = word.substr(0, 4);
@@ -250,7 +251,7 @@ std::uint8_t parse_leg(std::string_view word, Features feature) {
     return beginning == "both" ? media::feature_mask(feature) : std::uint8_t{0};
 }
 
-// "start" and "stop" of one feature, a leg each.
+// Starts and stops one feature per leg.
 template <Features FEATURE>
 class FeatureApiCommandImpl : public FeatureApiCommand {
   public:
@@ -269,7 +270,7 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
     static constexpr std::size_t FIRST_ACTION = 2;
     static constexpr const char* NAME = FEATURE_NAME<FEATURE>;
 
-    // Reads the pairs of an action and a leg, the last leg being optional.
+    // Reads pairs of an action and a leg. The last leg is optional.
     bool parse(features16_t& wanted) const {
         if (words().size() <= FIRST_ACTION) {
             answer(stream(), "-ERR, %s: not enough args (%u), should be at least (3)", NAME,
@@ -313,7 +314,7 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
         }
     }
 
-    // The answers below have no line ends. See docs/design.md, Odd on purpose: texts.
+    // The answers below do not end their lines. See docs/design.md, Odd on purpose: texts.
     AppContext* create_context() QV_REQUIRES(module().contexts_lock) {
         const char* session_uuid = switch_core_session_get_uuid(session());
         note_other_name(session_uuid);
@@ -332,7 +333,7 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
         return context;
     }
 
-    // The host also finds a session by its external id.
+    // The command may name the session by its external id: the host also finds it by that.
     void note_other_name(const char* session_uuid) QV_REQUIRES(module().contexts_lock) {
         CallIdentity session_call;
         if (session_uuid != nullptr && identify(session_uuid, session_call) &&
@@ -341,7 +342,7 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
         }
     }
 
-    // The registry lock is held, too: it keeps the context.
+    // The caller also holds the registry lock, so that the context is not erased meanwhile.
     void update(AppContext& context, bool created, features16_t wanted)
         QV_REQUIRES(context.context_lock) {
         features16_t& requested = context.requested_features;
@@ -377,7 +378,7 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
     void send_update(const AppContext& context) QV_REQUIRES(context.context_lock) {
         module().transfer.media_features_update(session(), context);
         log::SystemMessage message;
-        // No blank between the name and the text. See docs/design.md, Odd on purpose: texts.
+        // The line has no blank after the name. See docs/design.md, Odd on purpose: texts.
         message.stream << NAME << "control packet for feature update was sent";
         QV_LOG_WRITE(message);
         answer(stream(), "%s: control packet for feature update was sent", NAME);
@@ -389,7 +390,7 @@ using DetectionApiCommand = FeatureApiCommandImpl<Features::SampleDetection>;
 
 // ---- choice -----------------------------------------------------------------------
 
-// The global command called `word`; null for none.
+// The global command called `word`; null if there is none.
 std::unique_ptr<ApiCommand> create_global(const std::string& word, Configuration& config,
                                           switch_stream_handle_t* stream) {
     if (word == "version") {
@@ -410,8 +411,8 @@ std::unique_ptr<ApiCommand> create_global(const std::string& word, Configuration
     return nullptr;
 }
 
-// The session command that the second word names, for the UUID in the first; null for
-// none.
+// The session command that the second word names, for the UUID in the first word; null if there
+// is none.
 std::unique_ptr<ApiCommand> create_session(const Words& words, ModuleContext& module,
                                            switch_stream_handle_t* stream) {
     if (words[1] == "audio_activity") {

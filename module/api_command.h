@@ -1,8 +1,8 @@
 // The API command `quorvane`: module settings, and the features of one call.
 //
-// A command lives on the host thread that issued it, for as long as it runs; many may
-// run at once. It answers into the host's stream: "-ERR..." or "+OK..." for a call,
-// the plain value for a setting.
+// A command runs on the host thread that issued it; many may run at once. It writes its
+// answer to the host's stream: "-ERR..." or "+OK..." for a call, the plain value for a
+// setting.
 #pragma once
 
 #include <switch.h>
@@ -15,8 +15,9 @@
 
 namespace qv::freeswitch {
 
-// The words the command takes. The misspelling of "audio_activity" is the text's own and
-// stays; the accepted word is the right one.
+// The words that the command accepts. The misspelling of "audio_activity" is kept for scripts
+// that compare the text; the command accepts the correct spelling only. See docs/design.md,
+// Odd on purpose: texts.
 constexpr const char* API_USAGE =
     "version|dump_events|media_node|default_audio_activity|default_detection || "
     "<uuid> audio_acttivity|detection|features";
@@ -29,11 +30,11 @@ class ApiCommand {
     ApiCommand& operator=(const ApiCommand&) = delete;
     virtual ~ApiCommand() = default;
 
-    // Does what the command is for and writes its answer.
+    // Carries out the command and writes its answer.
     virtual void execute() = 0;
 
-    // The command that `words` name; null, and an error written, for none. `words`,
-    // `module` and `stream` outlive the command.
+    // Returns the command that `words` name. If there is none, writes an error and returns
+    // null. `words`, `module` and `stream` must outlive the command.
     static std::unique_ptr<ApiCommand> create(const std::vector<std::string>& words,
                                               ModuleContext& module,
                                               switch_stream_handle_t* stream);

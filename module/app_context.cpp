@@ -21,7 +21,7 @@ bool begins(std::string_view text, std::string_view keyword) {
     return text.substr(0, keyword.size()) == keyword;
 }
 
-// Cuts `text` at its first separator; the value ends at the next one.
+// The text before the first separator.
 std::string_view cut_name(std::string_view text) {
     return text.substr(0, text.find(VALUE_SEPARATOR));
 }
@@ -54,9 +54,9 @@ bool parse_leg(std::string_view text, Features feature, features16_t& named) {
     return true;
 }
 
-// The whole text is looked at once, up to its second "::". A second word is not read on
-// its own: "orig::true term::true" is the originator with the value "true term". Words
-// count by their beginning, so "trueish" is "true". Both intended.
+// Reads the text only up to its second "::", as one word: "orig::true term::true" is the
+// originator with the value "true term". Compares only the beginning of a word, so "trueish" is
+// "true". See docs/design.md, Odd on purpose: feature texts.
 bool parse_feature(const char* option, Features feature, features16_t& features) {
     if (option == nullptr) {
         return false;

@@ -1,15 +1,15 @@
 // The record of one tapped call, and the registry that holds them all.
 //
-// A context is created by the application, or by an API command that comes first. It lives
-// as long as somebody holds a reference to it: its entry in the registry, the application
-// while it configures the call, and the media bug. The closing media bug erases the entry,
-// or the channel-destroy handler does. The handler may erase it under a live call: it goes
-// by the text of an event that anybody can send, and by a key that two calls can share.
+// The application creates a context, or an API command that runs before it. The context
+// lives as long as a reference to it exists: its registry entry holds one, the application
+// while it configures the call, and the media bug. The media bug erases the entry when it
+// closes; otherwise the channel-destroy handler does. The handler may erase the entry of a
+// live call, because it trusts the text of an event that anybody can send, and a key that
+// two calls can share.
 //
-// Locks, always taken in this order: a session's read lock, the registry lock, a
-// context's own lock; RegistryGuard and ContextGuard let the compiler see to the last two.
-// The registry lock is held for every lookup, insertion and
-// erasure.
+// Locks are always taken in this order: a session's read lock, the registry lock, a
+// context's own lock. RegistryGuard and ContextGuard let the compiler check the order of the
+// last two. Every lookup, insertion and erasure holds the registry lock.
 #pragma once
 
 #include <netinet/in.h>
@@ -27,10 +27,10 @@
 
 namespace qv::freeswitch {
 
-// The sender's state of one direction of a call. Touched only by the thread that
-// delivers this direction's frames, and by the closing media bug after the last one. In
-// a cache line of its own: the two directions come on two threads, which would take the
-// line from each other with every frame.
+// The sender's state for one direction of a call. Only the thread that delivers this
+// direction's frames uses it, and the closing media bug after the last frame. It has its own
+// cache line: the two directions run on two threads, which would otherwise share a line and
+// slow each other down with every frame.
 struct alignas(64) LegStream {
     std::uint32_t bytes_sent = 0;  // Audio only.
     std::uint32_t odd_frames = 0;
@@ -39,8 +39,8 @@ struct alignas(64) LegStream {
     std::uint16_t leg_flags = 0;  // The leg word of the data packets.
 };
 
-// Stand for "a registry lock" and "a context's lock" in the order of locks, which clang
-// checks for names alone, not for members of two classes. Nothing is ever locked here.
+// Represent the registry lock and a context's lock in the lock order. Clang checks the order
+// between named objects, but not between members of two classes. These are never locked.
 class QV_CAPABILITY("lock rank") LockRank {};
 inline LockRank registry_rank;
 inline LockRank context_rank QV_ACQUIRED_AFTER(registry_rank);
@@ -84,39 +84,39 @@ class AppContext {
     AppContext(const AppContext&) = delete;
     AppContext& operator=(const AppContext&) = delete;
 
-    // Takes over the channel's creation time, which marks the context as configured.
-    // False, with an error in the log, when the channel has no timetable. The registry
-    // lock is held.
+    // Copies the channel's creation time, which marks the context as configured. Logs an
+    // error and returns false if the channel has no timetable. The caller holds the registry
+    // lock.
     bool mark_configured(switch_core_session* session);
 
     // For ContextReference.
     void add_reference() { references_.add_reference(); }
     std::int32_t drop_reference() { return references_.drop_reference(); }
 
-    // True while nobody but the registry holds a reference. The registry lock is held: a new
-    // reference comes from the registry only.
+    // True if only the registry holds a reference. The caller holds the registry lock, so no
+    // other thread can get a new reference meanwhile.
     bool is_only_registered() const { return references_.references() == 1; }
 
-    // The UUID of the call's session as the host writes it; empty when unknown or too long.
+    // The UUID of the call's session as the host writes it; empty if unknown or too long.
     // Guarded by the registry lock.
     const char* session_uuid() const { return session_uuid_; }
     void set_session_uuid(const char* text);
 
-    // A media bug's reference. The host keeps a plain pointer for the bug, so the context
-    // counts the bugs itself: `lend_to_bug` before the host gets the pointer,
-    // `take_back_from_bug` when the bug closes or the host has refused it. Taking back gives
-    // nothing when nothing is lent: a host may close a bug that it refused.
+    // The references of media bugs. The host stores a plain pointer with a bug, so the context
+    // counts these references itself. Call `lend_to_bug` before the host gets the pointer, and
+    // `take_back_from_bug` when the bug closes or the host has refused it. If no reference is
+    // lent, `take_back_from_bug` returns null: a host may also close a bug that it refused.
     void lend_to_bug();
     ContextReference take_back_from_bug();
 
-    // Merge the legs that an option text names into `features`: "true", "inactive",
-    // "orig::false" and the like. False, and nothing changed, when the text is null or
-    // names no leg.
+    // Merge the legs that an option text ("true", "inactive", "orig::false" and so on) names
+    // into `features`. If the text is null or names no leg, they return false and change
+    // nothing.
     static bool parse_audio_activity(const char* text, media::features16_t& features);
     static bool parse_sample_detection(const char* text, media::features16_t& features);
 
-    // Identity and options: written by the application before the media bug is
-    // attached, read by any thread after the start packet.
+    // Identity and options. The application writes them before it attaches the media bug; any
+    // thread may read them after the start packet.
     unsigned char uuid[media::UUID_SIZE] = {};
     std::uint64_t id = 0;                   // CRC-64 of `uuid`, the key of the registry.
     std::uint64_t created_time = 0;         // us, wall clock; 0 until configured.
@@ -135,16 +135,16 @@ class AppContext {
 
     LegStream legs[media::LEG_COUNT];  // Indexed by media::READ_LEG, media::WRITE_LEG.
 
-    // Between the media thread and API commands, from the attaching of the media bug on.
+    // The media thread and API commands need it once the media bug is attached.
     Mutex context_lock;
     bool start_sent QV_GUARDED_BY(context_lock) = false;
 
-    // What API commands ask for; from the start packet on, the whole merged set.
+    // What API commands have requested; after the start packet, the complete merged set.
     media::features16_t requested_features QV_GUARDED_BY(context_lock){};
 
   private:
     ReferenceCountable references_;
-    std::atomic<int> lent_{0};  // Of these, what media bugs hold.
+    std::atomic<int> lent_{0};  // How many of these references media bugs hold.
     char session_uuid_[64] = {};
 };
 
@@ -159,20 +159,20 @@ struct CallIdentity {
     std::uint64_t id = 0;
 };
 
-// Decodes the host's UUID text; false, and `call` not to be used, when it is no UUID.
+// Decodes the host's UUID text. If it is not a UUID, returns false; `call` is then undefined.
 bool identify(const char* uuid_text, CallIdentity& call);
 
 // Each entry holds a reference to its context.
 using ContextRegistry = std::unordered_map<std::uint64_t, AppContext*>;
 
-// All with the registry lock held.
-// The context of `id`; null when there is none. It is safe to use under the lock only,
-// unless a reference is added.
+// The caller of these three holds the registry lock.
+// Returns the context of `id`, or null. The pointer is safe to use only under the lock,
+// unless the caller adds a reference.
 AppContext* find_context(const ContextRegistry& contexts, std::uint64_t id);
-// Creates a context under `id`; null, and nothing changed, when there is no memory.
+// Creates a context under `id`. Without memory, returns null and changes nothing.
 AppContext* add_context(ContextRegistry& contexts, std::uint64_t id);
-// Erases the entry of `id` and hands over its reference, which is null for a null entry;
-// nothing when there is no entry.
+// Erases the entry of `id` and returns its reference, which is null for a null entry.
+// Returns nullopt if there is no entry.
 std::optional<ContextReference> remove_context(ContextRegistry& contexts, std::uint64_t id);
 
 }  // namespace qv::freeswitch

@@ -6,9 +6,9 @@ namespace qv::freeswitch {
 
 namespace {
 
-// The thread that has counted a bug down still has some instructions to go in this object,
-// and nothing that the host offers tells when they are done. This is some thousand times
-// what they take.
+// A thread that has counted its bug down still executes a few instructions of the module's
+// shared object, and no host function reports when it has left. This time is about a thousand
+// times longer than those instructions take.
 constexpr std::chrono::milliseconds SHUTDOWN_GRACE{100};
 
 }  // namespace
@@ -94,7 +94,7 @@ void AttachedBugs::note_close() {
     last_close_ = Clock::now();
 }
 
-// A thread that comes here has itself left the handler.
+// A close by the calling thread does not count: that thread has left the handler already.
 AttachedBugs::Clock::time_point AttachedBugs::last_close_by_others() const {
     const bool own = last_closer_ == std::this_thread::get_id();
     return own ? earlier_close_by_another_ : last_close_;

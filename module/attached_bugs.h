@@ -1,9 +1,10 @@
-// The media bugs that the host may still call, and what depends on them: the number of the
-// socket's descriptor, and whether the object stays mapped.
+// Counts the media bugs that the host may still call. As long as there are any, the socket's
+// descriptor number stays reserved and the module's shared object stays mapped.
 //
-// The host unloads a module although its bugs are attached, and it does not wait for the one
-// that it is just closing. A bug counts from before the host gets to know it until its last
-// event is over. One object, owned by the glue; any thread may call it. Its lock is taken last.
+// The host unloads a module even while its bugs are attached, and does not wait for a bug
+// that is closing. A bug is therefore counted from just before it is passed to the host
+// until its last event has been handled. There is one object, owned by mod_quorvane.cpp; any
+// thread may call it. Its lock is taken after all others.
 #pragma once
 
 #include <chrono>
@@ -17,25 +18,27 @@ namespace qv::freeswitch {
 
 class AttachedBugs {
   public:
-    // `socket` outlives it.
+    // `socket` must outlive this object.
     explicit AttachedBugs(net::Socket& socket) : socket_(socket) {}
 
     void add();
-    // The end of the last event: nothing of the module may be used after it. After the last bug
-    // of a module that is unloaded, the object goes away when the calling thread ends.
+    // Call it at the end of a bug's last event; the caller must not use anything of the module
+    // afterwards. After the last bug of an unloaded module, the shared object is unmapped when
+    // the calling thread ends.
     void remove();
 
-    // Open and close the socket beside bugs that send.
+    // Open and close the socket, safely while bugs send.
     bool open_socket();
     void close_socket();
 
     // The load has succeeded.
     void loaded();
-    // The load has failed and leaves its hook in the host.
+    // The load has failed, but its event hook is still bound in the host.
     void load_left_a_hook();
     // Whether the host may still call the module: it is loaded, or a bug or a hook is left.
     bool may_be_called();
-    // The end of the shutdown. Waits a moment if another thread has just closed a bug.
+    // Call it at the end of the shutdown. Waits up to 100 ms if another thread has just closed
+    // a bug.
     void unloaded();
 
   private:
@@ -54,7 +57,7 @@ class AttachedBugs {
     bool hook_left_ QV_GUARDED_BY(lock_) = false;
     ObjectReference reference_ QV_GUARDED_BY(lock_);
 
-    // When the last bug was closed, and by whom; and when somebody else last did.
+    // Which thread closed the last bug and when, and when another thread last closed one.
     std::thread::id last_closer_ QV_GUARDED_BY(lock_);
     Clock::time_point last_close_ QV_GUARDED_BY(lock_){};
     Clock::time_point earlier_close_by_another_ QV_GUARDED_BY(lock_){};

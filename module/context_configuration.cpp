@@ -16,11 +16,11 @@ namespace qv::freeswitch {
 
 namespace {
 
-// The lines name the module's main file, by which filters of the host's log know them.
+// Log lines from here name the module's main file, because users filter the host's log by it.
 constexpr const char* LOG_FILE = "mod_quorvane.cpp";
 
-// Fills a context from the channel variables of its call and the module's defaults. The
-// context is not shared with another thread yet: no lock is taken.
+// Fills a context from the channel variables of its call and the module's defaults. It takes
+// no lock, because no other thread uses the context yet.
 class ContextConfigurator {
   public:
     ContextConfigurator(AppContext& context, switch_core_session_t* session,
@@ -30,7 +30,7 @@ class ContextConfigurator {
           defaults_(defaults),
           channel_(switch_core_session_get_channel(session)) {}
 
-    // False only for a media node that cannot be parsed; nothing further is read then.
+    // Returns false only if the media node cannot be parsed; it reads nothing further then.
     bool configure() {
         if (!set_media_node()) {
             return false;
@@ -53,7 +53,7 @@ class ContextConfigurator {
   private:
     static constexpr const char* FUNCTION = "configure_context";
 
-    // The variable's value, the channel's own text; null when it is not set.
+    // The variable's value, owned by the channel; null if it is not set.
     const char* variable(const char* name) const {
         return switch_channel_get_variable_dup(channel_, name, SWITCH_FALSE, -1);
     }
@@ -78,7 +78,7 @@ class ContextConfigurator {
         return true;
     }
 
-    // More words than the host's own truth test has. See docs/design.md, Odd on purpose:
+    // Accepts more words than the host's own truth test. See docs/design.md, Odd on purpose:
     // `quorvane_record`.
     static bool means_record(const char* value) {
         constexpr std::array<const char*, 7> words = {"yes",     "on",     "true", "t",
@@ -104,7 +104,7 @@ class ContextConfigurator {
         if (value == nullptr) {
             return;
         }
-        // A number with other characters behind it is refused, but stored. See docs/design.md, Odd
+        // If other characters follow a number, it is refused, but stored. See docs/design.md, Odd
         // on purpose: `quorvane_rule_id`.
         if (utils::str::try_parse_value<std::uint64_t>(value, context_.rule_id)) {
             context_.flags |= media::FLAG_RULE_ID;
@@ -113,8 +113,8 @@ class ContextConfigurator {
         }
     }
 
-    // The module's default stands in when the variable leaves the feature without a leg.
-    // No lock, as above.
+    // If the variable names no leg for the feature, the module's default is used. No lock, as
+    // above.
     void set_feature(const char* name, ParseFeature parse, media::Features feature,
                      const std::string& default_text) QV_NO_THREAD_SAFETY_ANALYSIS {
         const char* value = variable(name);

@@ -1,6 +1,6 @@
-// What the channel variables of a call ask for.
+// Configures a call's context from its channel variables.
 //
-// Called by the application, on the thread of the call, before its media bug is attached.
+// The application calls it on the call's thread, before it attaches the media bug.
 #pragma once
 
 #include <switch.h>
@@ -10,9 +10,9 @@
 
 namespace qv::freeswitch {
 
-// Fills the context from the channel variables of the session, and from `defaults` where a
-// variable is not set. False only for a media node that cannot be parsed; the context is not
-// to be used then. Reports each variable that cannot be used in the host's log.
+// Fills the context from the session's channel variables, and from `defaults` where a
+// variable is not set. Logs an error for each variable that it cannot parse. Returns false
+// only if the media node cannot be parsed; the context must not be used then.
 bool configure_context(AppContext& context, switch_core_session_t* session,
                        const Configuration& defaults);
 

@@ -25,8 +25,8 @@ bool is_channel_event(const switch_event_t* event) {
            event->event_id <= SWITCH_EVENT_CHANNEL_UUID;
 }
 
-// Without an event name the line ends after the blank, because a null text ends a stream. See
-// docs/design.md, Odd on purpose: short event dump.
+// If the event has no name, the line ends after the blank: the stream ignores whatever follows
+// a null text. See docs/design.md, Odd on purpose: short event dump.
 std::string short_event_line(switch_event_t* event) {
     log::InfoMessage line;
     line.stream << "[quorvane]: " << header_or_empty(event, "Unique-ID") << " ";

@@ -1,6 +1,6 @@
-// What is read from a host event, and the short line of an event dump.
+// Reads host events and formats the short line of an event dump.
 //
-// No state; any thread may call. The event belongs to the host and is only read.
+// Stateless; any thread may call it. The host owns the event; it is only read.
 #pragma once
 
 #include <switch.h>
@@ -9,13 +9,13 @@
 
 namespace qv::freeswitch {
 
-// The host's own text of the header; null when the event has none of that name.
+// The value of the header `name`, owned by the event; null if the event has no such header.
 const char* event_header(switch_event_t* event, const char* name);
 
 bool is_channel_event(const switch_event_t* event);
 
-// "[quorvane]: UUID NAME: state=..., call-state=...", with the line end. A missing event
-// name ends the line after the UUID. Throws std::bad_alloc.
+// Returns "[quorvane]: UUID NAME: state=..., call-state=..." with the line end. If the event
+// has no name, the line ends after the UUID. Throws std::bad_alloc.
 std::string short_event_line(switch_event_t* event);
 
 }  // namespace qv::freeswitch

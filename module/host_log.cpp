@@ -16,7 +16,7 @@ constexpr std::array<std::int32_t, log::LEVEL_COUNT> level_to_fslevel = {
     SWITCH_LOG_INFO,   SWITCH_LOG_DEBUG, SWITCH_LOG_DEBUG1,
 };
 
-// Looks at the room that a string stream has yet.
+// Gives access to the protected write position of a string buffer.
 class PutArea : public std::stringbuf {
   public:
     static bool is_full(const std::stringbuf& buffer) {
@@ -24,8 +24,9 @@ class PutArea : public std::stringbuf {
     }
 };
 
-// A stream that finds no memory goes bad behind a full buffer, and its text is cut anywhere.
-// One that has gone bad for another reason, as by a null text, ends at that piece.
+// True if the text was cut off because there was no memory: the stream then is bad and its
+// buffer full. A stream can also be bad for another reason, such as a null text; its text then
+// ends where it should.
 bool is_cut(const std::stringstream& stream) {
     return stream.bad() && PutArea::is_full(*stream.rdbuf());
 }
@@ -41,7 +42,7 @@ void print(switch_text_channel_t channel, const void* user_data, const LogPlace&
                               "[quorvane]: %s\n", message.stream.str().c_str());
             return;
         }
-    } catch (const std::bad_alloc&) {  // The same of the text as a string.
+    } catch (const std::bad_alloc&) {  // There was no memory for the copy of the text either.
     }
     switch_log_printf(channel, place.file, place.function, place.line, data, level,
                       "[quorvane]: a line was lost: out of memory\n");

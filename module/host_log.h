@@ -1,8 +1,8 @@
-// The module's log lines on their way into the host's log.
+// Writes the module's log lines to the host's log.
 //
-// Stateless; any thread may call it. Every line reaches the host as "[quorvane]: %s\n".
-// The text is always an argument, so that a "%" in it means nothing. A line that
-// finds no memory is replaced by a fixed one: logging never throws.
+// Stateless; any thread may call it. Every line is passed to the host with the format
+// "[quorvane]: %s\n"; the text is an argument, so the host does not interpret a "%" in it. If
+// there is no memory for a line, a fixed line replaces it: logging never throws.
 #pragma once
 
 #include <switch.h>
@@ -16,30 +16,30 @@ namespace qv::freeswitch {
 
 class Logger {
   public:
-    // The sink that the module installs into qv::log. `context` is not used.
+    // The sink that the module installs in qv::log. `context` is not used.
     static void write(void* context, const char* file, int line, const log::Message& message);
 };
 
-// Where a line comes from, as the host shows it.
+// The source position of a line, as the host shows it.
 struct LogPlace {
     const char* file;  // Base name.
     const char* function;
     int line;
 };
 
-// Hand a finished message to the host, filed under no call or under that of `session`.
-// The caller has seen that its level is admitted.
+// Pass a finished message to the host: without a call, or for the call of `session`. The
+// caller has checked that the log level admits it.
 void write_line(const LogPlace& place, const log::Message& message);
 void write_session_line(switch_core_session_t* session, const LogPlace& place,
                         const log::Message& message);
 
-// How a piece of a line is handed on: numbers and pointers by value, so that they need
-// not stand in memory for a line that is not composed.
+// How a piece of a line is passed: numbers and pointers by value, so that a caller need not
+// store them in memory for a line that is not composed.
 template <typename Piece>
 using PassPiece = std::conditional_t<std::is_scalar_v<Piece>, Piece, const Piece&>;
 
-// Inserts a piece of a line. A null text ends the line, as it does by itself, but not by
-// the stream's bad bit: that one says that there was no memory.
+// Appends a piece of a line. A null text ends the line. It sets the stream's fail bit, not the
+// bad bit as the standard library would: the bad bit means that there was no memory.
 template <typename Piece>
 void insert(std::ostream& stream, const Piece& piece) {
     if constexpr (std::is_same_v<Piece, const char*>) {
@@ -51,7 +51,8 @@ void insert(std::ostream& stream, const Piece& piece) {
     stream << piece;
 }
 
-// Composes a line, out of the way of the code that only asks whether to.
+// Composes a line and writes it. It is a function of its own, so that the code that only checks
+// the log level stays small.
 template <typename... Pieces>
 [[gnu::noinline, gnu::cold]] void compose_line(log::Level level, LogPlace place,
                                                PassPiece<Pieces>... pieces) {
@@ -70,8 +71,8 @@ template <typename... Pieces>
     write_session_line(session, place, message);
 }
 
-// Compose a line of the pieces and write it; with a level that is not admitted, nothing
-// is composed and the call costs one comparison.
+// Compose a line from the pieces and write it. If the log level does not admit it, nothing is
+// composed and the call costs one comparison.
 template <log::Level LEVEL, typename... Pieces>
 void log_line(LogPlace place, const Pieces&... pieces) {
     if (log::Logger::admits(LEVEL)) {
@@ -88,7 +89,8 @@ void log_session_line(switch_core_session_t* session, LogPlace place, const Piec
 
 }  // namespace qv::freeswitch
 
-// The place of this line in the function called `name`, or in the one it stands in.
+// The LogPlace of this source line: under the function name `name`, or that of the enclosing
+// function.
 #define QV_PLACE_IN(name)                                       \
     ::qv::freeswitch::LogPlace {                                \
         ::qv::log::source_base_name(__FILE__), (name), __LINE__ \

@@ -12,7 +12,7 @@ namespace {
 
 using media::PacketType;
 
-// A call's own thread may wait that long, once, before its audio begins to be heard.
+// A call's own thread may wait this long once, before its media starts.
 constexpr std::chrono::milliseconds START_PATIENCE{250};
 
 std::uint64_t steady_time_us() {
@@ -21,11 +21,11 @@ std::uint64_t steady_time_us() {
         std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() / 1000);
 }
 
-// A datagram in the making, on the stack.
+// A datagram under construction, on the stack.
 class Packet {
   public:
     Packet(PacketType type, std::uint16_t leg_word, const AppContext& context) {
-        // The payload behind the fields is left unset: what is sent of it is written.
+        // The payload after the fields stays uninitialized: only written bytes of it are sent.
         std::memset(bytes_, 0, FIELDS_SIZE);
         put_u32(media::MAGIC_OFFSET, media::PACKET_MAGIC);
         bytes_[media::TYPE_OFFSET] = static_cast<unsigned char>(type);
@@ -47,12 +47,12 @@ class Packet {
     void put_features(std::size_t offset, media::features16_t features) {
         media::put_features(bytes_ + offset, features);
     }
-    // As they stand: also for fields that are in network byte order already.
+    // Copies the bytes unchanged; also used for fields that are in network byte order already.
     void put_bytes(std::size_t offset, const void* from, std::size_t size) {
         std::memcpy(bytes_ + offset, from, size);
     }
-    // By the library's memmove: for a memcpy whose size it can bound, the compiler puts
-    // string instructions here, which take longer to start than a frame takes to copy.
+    // Calls memmove, not memcpy: the compiler knows the largest size and replaces a memcpy with
+    // string instructions, which take longer to start than a frame takes to copy.
     void put_audio(const unsigned char* from, std::size_t size) {
         std::memmove(bytes_ + media::AUDIO_OFFSET, from, size);
     }
@@ -63,14 +63,14 @@ class Packet {
     }
 
   private:
-    // Covers the fields of every packet type; a round number is filled quickest.
+    // Covers the fields of every packet type; a multiple of 32 is cleared fastest.
     static constexpr std::size_t FIELDS_SIZE = 96;
     static_assert(FIELDS_SIZE >= media::CALL_REFERENCE_OFFSET);
 
     alignas(16) unsigned char bytes_[media::MAX_PACKET_SIZE];
 };
 
-// The call's direction, as the log tells it: 1 for an outbound call.
+// The call's direction as the log shows it: 1 for an outbound call.
 int direction(const AppContext& context) {
     return context.flags & media::FLAG_OUTBOUND;
 }
@@ -84,7 +84,7 @@ const char* codec_name(const switch_frame_t& frame) {
     return known ? frame.codec->implementation->iananame : nullptr;
 }
 
-// Fills in the next data packet of a leg and counts it; returns the packet's size.
+// Fills in the next data packet of a leg and advances the counters. Returns the packet's size.
 std::size_t put_chunk(Packet& packet, LegStream& stream, const unsigned char* audio,
                       std::size_t chunk) {
     const auto samples = static_cast<std::uint16_t>(chunk / 2);
@@ -99,7 +99,7 @@ std::size_t put_chunk(Packet& packet, LegStream& stream, const unsigned char* au
     return media::AUDIO_OFFSET + chunk;
 }
 
-// A guard that never fires: no packet is larger than its buffer.
+// A check that never fails: no packet is larger than its buffer.
 void check_size(switch_core_session_t* session, std::size_t size, std::size_t chunk,
                 std::size_t left) {
     if (size > media::MAX_PACKET_SIZE) {
@@ -112,8 +112,8 @@ void check_size(switch_core_session_t* session, std::size_t size, std::size_t ch
 
 void warn_of_split(switch_core_session_t* session, std::uint8_t leg, const switch_frame_t& frame,
                    unsigned chunks) {
-    // Without a codec name the text ends after the opening quote, because a null text ends a
-    // stream. See docs/design.md, Odd on purpose: frames.
+    // Without a codec name, the text ends after the opening quote: the stream ignores whatever
+    // follows a null text. See docs/design.md, Odd on purpose: frames.
     log_session_line<log::WARNING>(session, QV_PLACE_IN("media_data"), "MEDIA_TRANSFER: \"",
                                    codec_name(frame), "\" ",
                                    leg == media::READ_LEG ? "read" : "write", " frame of ",
@@ -162,14 +162,14 @@ bool MediaTransfer::media_data(switch_core_session_t* session, AppContext& conte
     LegStream& stream = context.legs[leg];
     Packet packet(PacketType::DATA, stream.leg_flags, context);
 
-    // Half a sample at the end of a frame is dropped.
+    // If the frame's length is odd, its last byte, half a sample, is dropped.
     stream.odd_frames += frame->datalen & 1U;
     const std::size_t usable = frame->datalen & ~1U;
     const auto* audio = static_cast<const unsigned char*>(frame->data);
 
     std::size_t consumed = 0;
     unsigned chunks = 0;
-    do {  // Once at least: a frame without samples makes a packet, too.
+    do {  // At least once: an empty frame is sent as a packet, too.
         const std::size_t chunk = std::min(usable - consumed, media::MAX_AUDIO_SIZE);
         const std::size_t size = put_chunk(packet, stream, audio + consumed, chunk);
         consumed += chunk;

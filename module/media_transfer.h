@@ -1,12 +1,12 @@
 // The sender: turns the events of a call into datagrams to the call's media node.
 //
-// One per module, owned by the module context beside the socket it sends through. It
-// keeps no state of its own: the counters it advances live in the call's context. The
-// host's media threads and API threads call it, many calls at once; it takes no lock,
+// There is one per module; the module context owns it, and the socket that it sends through.
+// It has no state of its own: the counters that it advances are in the call's context. The
+// host's media threads and API threads use it for many calls at once. It takes no lock,
 // allocates nothing for a packet and sends each datagram with one system call.
 //
-// Every operation returns whether its packets left the socket; the socket has logged
-// why not, and nothing is sent again. `session` only files log lines under the call.
+// Every operation returns whether its packets were sent. If not, the socket has logged the
+// reason; nothing is sent again. `session` is used only to assign log lines to the call.
 #pragma once
 
 #include <switch.h>
@@ -20,21 +20,21 @@ namespace qv::freeswitch {
 
 class MediaTransfer {
   public:
-    // `socket` outlives the sender.
+    // `socket` must outlive the sender.
     explicit MediaTransfer(net::Socket* socket) : socket_(socket) {}
 
-    // Waits up to a quarter of a second for room in the send buffer: without its start packet a
-    // call is not tapped, and datagrams to another call's slow media node may fill the buffer.
-    // Call it before `media_start`, without a lock.
+    // Waits up to 250 ms for room in the send buffer. A call is not tapped if its start packet
+    // cannot be sent, and datagrams to another call's slow media node may fill the buffer. Call
+    // it before `media_start`, without holding a lock.
     void wait_to_start() const;
 
-    // Sends the start packet; false also when the call reference is too long for it.
+    // Sends the start packet. Also returns false if the call reference does not fit into it.
     bool media_start(switch_core_session_t* session, const AppContext& context)
         QV_REQUIRES(context.context_lock);
 
-    // Sends one frame of the direction `leg` (media::READ_LEG or media::WRITE_LEG) in as
-    // many data packets as it takes; a null frame is no frame. After a failure the rest
-    // of the frame is dropped. The only writer of the leg's counters.
+    // Sends one frame of the direction `leg` (media::READ_LEG or media::WRITE_LEG) in as many
+    // data packets as it needs. Sends nothing for a null frame and returns true. If a packet
+    // cannot be sent, the rest of the frame is dropped. Nothing else writes the leg's counters.
     bool media_data(switch_core_session_t* session, AppContext& context, std::uint8_t leg,
                     const switch_frame_t* frame);
 

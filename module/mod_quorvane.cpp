@@ -33,13 +33,14 @@ const std::string CONFIG_FILE_PATH =
     conf::default_base_directory + utils::path::LINUX_PATH_SEPARATOR::STR + "quorvane" +
     utils::path::LINUX_PATH_SEPARATOR::STR + "freeswitch_mod" + conf::default_conf_ext;
 
-// Room for an object that is built with the others and destroyed by its owner, or never.
+// Storage for an object that is constructed with the other globals. Nothing destroys it unless
+// EndOfState does.
 template <class Object>
 union Undestroyed {
     Undestroyed() : object() {}
     Undestroyed(const Undestroyed&) = delete;
     Undestroyed& operator=(const Undestroyed&) = delete;
-    // NOLINTNEXTLINE(modernize-use-equals-default): the default would need the object's.
+    // NOLINTNEXTLINE(modernize-use-equals-default): a defaulted one would be deleted.
     ~Undestroyed() {}
 
     Object object;
@@ -48,7 +49,8 @@ union Undestroyed {
 Undestroyed<ModuleContext> context_room;
 ModuleContext& global = context_room.object;
 
-// What ties the module to the host while it is loaded, and beyond.
+// What connects the module to the host: its event hooks, and the media bugs, which may outlive
+// the unloading.
 struct Ties {
     AttachedBugs bugs{global.socket};
     switch_event_node_t* channel_destroy_hook = nullptr;
@@ -58,8 +60,8 @@ struct Ties {
 Undestroyed<Ties> ties_room;
 Ties& ties = ties_room.object;
 
-// The end of both, when this object leaves memory. The host may also end the process by
-// exit() while calls are tapped: their threads go on until it is gone, so both stay.
+// Destroys both objects when the shared object is unmapped. If the host ends the process with
+// exit() while calls are tapped, their threads run until the process is gone, so both are kept.
 struct EndOfState {
     EndOfState() = default;
     EndOfState(const EndOfState&) = delete;
@@ -74,7 +76,7 @@ struct EndOfState {
     }
 
   private:
-    // What is registered yet has no media bug.
+    // No context that is still registered has a media bug at this point.
     static void free_left_contexts() {
         const RegistryGuard guard(global.contexts_lock);
         while (!global.contexts.empty()) {
@@ -91,7 +93,7 @@ constexpr const char* MEDIA_HANDLER = "media_handler";
 bool start_transfer(switch_core_session_t* session, AppContext& context) {
     global.transfer.wait_to_start();
     const ContextGuard guard(context.context_lock);
-    // What the API asked for before the call's media began takes effect now.
+    // Requests that API commands made before the call's media started take effect now.
     media::merge_features(context.features, context.requested_features);
     context.requested_features = context.features;
     context.start_sent = global.transfer.media_start(session, context);
@@ -125,12 +127,12 @@ void report_transfer(switch_core_session_t* session, const AppContext& context) 
         log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER), "detected (", odd_frames,
                                      ") odd frames");
     }
-    // For the spelling of "transfered", see docs/design.md, Odd on purpose: texts.
+    // The spelling of "transfered" is kept. See docs/design.md, Odd on purpose: texts.
     log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER), "transfered ", read.bytes_sent,
                                 "/", write.bytes_sent, " bytes of media");
 }
 
-// False when the call has no entry.
+// Returns false if the call has no registry entry.
 bool unregister(const AppContext& context) {
     std::optional<ContextReference> entry;
     const RegistryGuard guard(global.contexts_lock);
@@ -143,8 +145,9 @@ void attach(AppContext& context) {
     context.lend_to_bug();
 }
 
-// The reference of a bug that closes. One that the host has refused has none any more;
-// the registry keeps its context up to the end of the call.
+// Returns the reference of a closing bug. If the host had refused the bug, its reference was
+// returned already, and the bug is counted again until its event ends. The registry then keeps
+// the context until the end of the call.
 ContextReference detach(AppContext& context) {
     ContextReference reference = context.take_back_from_bug();
     if (!reference) {
@@ -154,14 +157,14 @@ ContextReference detach(AppContext& context) {
     return reference;
 }
 
-// The bug that the host has refused holds nothing, whether it was closed or not.
+// Takes back the reference of a bug that the host refused, unless its close event did.
 void forget_refused_bug(AppContext& context) {
     if (context.take_back_from_bug()) {
         ties.bugs.remove();
     }
 }
 
-// The last event of a bug. Its reference goes with it.
+// Handles the last event of a bug. The caller drops the bug's reference afterwards.
 void handle_close(switch_core_session_t* session, const ContextReference& context) {
     if (global.transfer.media_terminate(session, *context)) {
         log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER),
@@ -178,7 +181,7 @@ void handle_close(switch_core_session_t* session, const ContextReference& contex
     }
 }
 
-// The frames are only read: the call's audio goes on as it is.
+// Only reads the frames: the call's audio stays unchanged.
 switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc_type_t type) {
     if (bug == nullptr || user_data == nullptr) {
         return SWITCH_FALSE;
@@ -208,8 +211,8 @@ switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc
 
 // ---- application ------------------------------------------------------------------
 
-// The host's read-replace and write-replace flags, and bit 30, which has no name in
-// current headers; the host stores it and gives it back.
+// The host's read-replace and write-replace flags, and bit 30. Current host headers have no name
+// for bit 30; the host stores it and does not use it.
 constexpr switch_media_bug_flag_t MEDIA_BUG_FLAGS = 0x4000000C;
 static_assert((MEDIA_BUG_FLAGS & (SMBF_READ_REPLACE | SMBF_WRITE_REPLACE)) == 0xC);
 
@@ -228,9 +231,9 @@ AppContext* create_context(switch_core_session_t* session, std::uint64_t id)
     return context;
 }
 
-// Finds or creates the call's context and marks it as configured; null when the
-// application has run on this call before or there is no memory. The reference keeps the
-// context from now on: anybody's channel-destroy event can take it out of the registry.
+// Finds or creates the call's context and marks it as configured. Returns null if the
+// application has run on this call before or there is no memory. The reference keeps the context
+// alive, because a channel-destroy event, which anybody can send, may erase its registry entry.
 ContextReference claim_context(switch_core_session_t* session, std::uint64_t id) {
     const RegistryGuard guard(global.contexts_lock);
     const auto found = global.contexts.find(id);
@@ -309,7 +312,7 @@ void start_application(switch_core_session_t* session) {
     attach_media_bug(session, channel, *context);
 }
 
-// The argument is not used: every option is a channel variable.
+// The application takes no arguments: its options are channel variables.
 SWITCH_STANDARD_APP(execute_quorvane_app) {
     (void)data;
     try {
@@ -339,7 +342,7 @@ ContextReference take_context(std::uint64_t id) {
     return entry ? std::move(*entry) : ContextReference();
 }
 
-// What the API has added for the session under another name of it ends with the session.
+// API commands may have added contexts under other names of the session. They end with it.
 void remove_contexts_of_other_names(std::uint64_t session_key) {
     const RegistryGuard guard(global.contexts_lock);
     const auto [first, last] = global.other_names.equal_range(session_key);
@@ -352,9 +355,8 @@ void remove_contexts_of_other_names(std::uint64_t session_key) {
     global.other_names.erase(first, last);
 }
 
-// Frees contexts whose bug was never attached, or whose application never ran. The event
-// may also be about another call than it says: a context that is in use only loses its
-// entry, and lives on.
+// Frees contexts whose bug was never attached or whose application never ran. The event's UUID
+// may be wrong: a context that is in use loses only its registry entry.
 void channel_destroy_handler(switch_event_t* event) {
     const char* uuid_text = event_header(event, "Unique-ID");
     if (uuid_text == nullptr) {
@@ -408,7 +410,7 @@ void dump_channel_event_short_handler(switch_event_t* event) {
         return;
     }
     try {
-        // The line is the format, so that the host interprets a "%" in a header. See
+        // The line is passed as the format, so the host interprets a "%" in a header. See
         // docs/design.md, Odd on purpose: short event dump.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
@@ -424,8 +426,8 @@ void dump_channel_event_short_handler(switch_event_t* event) {
 
 constexpr const char* LOAD = "mod_quorvane_load";
 
-// An object that stayed mapped keeps its state: the settings go back to their defaults,
-// contexts and the socket's owner stay what they are.
+// A shared object that stayed mapped after an unload keeps its state. The settings return to
+// their defaults; contexts, hooks and the socket stay as they are.
 void reset_settings() {
     log::Logger::install(Logger::write, nullptr, nullptr);
     log::Logger::set_level(log::INFO);
@@ -449,7 +451,7 @@ void forget_other_names_without_context() {
     }
 }
 
-// The contexts that nobody uses, by their keys, with the UUIDs of their sessions.
+// The contexts that only the registry references: their keys and the UUIDs of their sessions.
 std::map<std::uint64_t, std::string> idle_contexts() {
     std::map<std::uint64_t, std::string> idle;
     const RegistryGuard guard(global.contexts_lock);
@@ -462,10 +464,11 @@ std::map<std::uint64_t, std::string> idle_contexts() {
     return idle;
 }
 
-// An object that stayed mapped has missed the ends of calls while it was unloaded. Those of
-// calls with a media bug need none. The hook is bound again: an end from now on is not missed.
+// A shared object that stayed mapped received no channel-destroy events while the module was
+// unloaded, so contexts of calls without a media bug are left over. Call it once the hook is
+// bound again: later events are not missed.
 void drop_contexts_of_ended_calls() {
-    // A session is looked for without the registry lock: its own lock comes first.
+    // Sessions are located without the registry lock: a session's read lock is taken first.
     for (const auto& [id, session_uuid] : idle_contexts()) {
         if (!is_alive(session_uuid)) {
             const RegistryGuard guard(global.contexts_lock);
@@ -476,12 +479,12 @@ void drop_contexts_of_ended_calls() {
 }
 
 bool read_configuration() {
-    // Where arguments of the module would come from; nothing fills it.
+    // Always empty: the host passes no arguments to a module.
     const std::string arguments;
     if (!global.config.parse_file(CONFIG_FILE_PATH)) {
         return false;
     }
-    // A folder opens like a file, and has no lines.
+    // A folder can be opened like a file, but contains no lines.
     struct stat status {};
     if (::stat(CONFIG_FILE_PATH.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
         log_line<log::WARNING>(QV_PLACE_IN(LOAD), "config file [", CONFIG_FILE_PATH,
@@ -498,7 +501,7 @@ void unbind(switch_event_node_t*& hook) {
 
 bool bind(const char* owner, switch_event_types_t event, switch_event_callback_t callback,
           switch_event_node_t*& hook) {
-    // A load that failed may have left its hook behind.
+    // An earlier load that failed may have left its hook bound.
     unbind(hook);
     return switch_event_bind_removable(owner, event, SWITCH_EVENT_SUBCLASS_ANY, callback, nullptr,
                                        &hook) == SWITCH_STATUS_SUCCESS;
@@ -531,7 +534,7 @@ bool bind_events() {
         !bind(modname, SWITCH_EVENT_ALL, dump_callback, ties.dump_event_hook)) {
         switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
                           nullptr, SWITCH_LOG_ERROR, "[quorvane]: couldn't bind event hook!\n");
-        // The first hook stays bound, and the host is about to close this object.
+        // The first hook stays bound although the host now closes this shared object.
         ties.bugs.load_left_a_hook();
         return false;
     }
@@ -540,7 +543,7 @@ bool bind_events() {
 
 }  // namespace
 
-// The effects of a step remain when a later one fails. See docs/design.md, Odd on purpose: load.
+// A step is not undone when a later one fails. See docs/design.md, Odd on purpose: load.
 switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_interface,
                                   switch_memory_pool_t* pool) {
     reset_settings();
@@ -550,8 +553,7 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
         return SWITCH_STATUS_TERM;
     }
     if (global.config.level < log::ERROR) {
-        // Throws a std::string, which nothing here catches. See docs/design.md, Odd on purpose:
-        // load.
+        // The module does not catch this std::string. See docs/design.md, Odd on purpose: load.
         throw std::string("impossible to set log level stricter than 'error' level");
     }
     log::Logger::set_level(global.config.level);
@@ -575,8 +577,8 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
     return SWITCH_STATUS_SUCCESS;
 }
 
-// Sends nothing and frees no context: calls that are still tapped end on their own, and
-// this object stays mapped for their sake, no longer than they last.
+// Sends nothing and frees no context. Tapped calls end on their own; the shared object stays
+// mapped until the last of them has ended.
 switch_status_t mod_quorvane_shutdown() {
     ties.bugs.close_socket();
     unbind(ties.dump_event_hook);
@@ -588,7 +590,7 @@ switch_status_t mod_quorvane_shutdown() {
 
 }  // namespace qv::freeswitch
 
-// The one symbol that the host looks up; everything else is hidden.
+// The only symbol that the host looks up; all others are hidden.
 extern "C" {
 __attribute__((visibility("default")))
 switch_loadable_module_function_table_t mod_quorvane_module_interface = {

@@ -1,7 +1,7 @@
 // The two entry points that the host finds through `mod_quorvane_module_interface`.
 //
-// Load and shutdown run on the host's module-loading thread; everything that load
-// registers runs on the host's threads.
+// The host calls load and shutdown on its module-loading thread. The functions that load
+// registers run on other threads of the host.
 #pragma once
 
 #include <switch.h>

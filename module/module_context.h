@@ -1,7 +1,7 @@
 // The module-wide state, shared by the entry points, the media bugs and the API command.
 //
-// It is built when the host opens the module and destroyed when the object leaves memory. There
-// is one, `global` in mod_quorvane.cpp; everything else gets a reference to it.
+// It is constructed when the module's shared object is mapped and destroyed when the object is
+// unmapped. There is one, `global` in mod_quorvane.cpp; other units get a reference to it.
 #pragma once
 
 #include <cstdint>
@@ -15,21 +15,21 @@
 
 namespace qv::freeswitch {
 
-// One socket and one sender serve all calls without a lock.
+// One socket and one sender serve all calls; sending takes no lock.
 class ModuleContext {
   public:
     net::Socket socket;
     MediaTransfer transfer{&socket};
     Configuration config;
 
-    // What is still registered when the module goes away is left alone.
     ContextRegistry contexts QV_GUARDED_BY(contexts_lock);
 
     // The registry lock.
     Mutex contexts_lock;
 
-    // The API finds a session by other names than its UUID, too, and its context then has the
-    // key of that name. From the session's own key to those: a session's end names its UUID.
+    // The API also finds a session by other names than its UUID; the context then has the key of
+    // that name. This maps a session's own key to the keys of such names, because the event of a
+    // session's end contains only its UUID.
     std::unordered_multimap<std::uint64_t, std::uint64_t> other_names QV_GUARDED_BY(contexts_lock);
 };
 

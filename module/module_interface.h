@@ -1,8 +1,8 @@
-// What the module shows in the host: its application, its API command and the completions
-// of its console.
+// Registers the module's application, its API command and its console completions with the
+// host.
 //
-// Called once by load, on the host's module-loading thread. The host owns what is
-// registered and drops it when it unloads the module.
+// Load calls these once, on the host's module-loading thread. The host owns what is
+// registered and removes it when it unloads the module.
 #pragma once
 
 #include <switch.h>

@@ -22,8 +22,8 @@ sockaddr_in make_address(const std::string& host, std::uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    // A host name leaves the address 0.0.0.0: only the form of the list is checked. See
-    // docs/design.md, Odd on purpose: options.
+    // For a host name the address stays 0.0.0.0: the option checks only the form of the text.
+    // See docs/design.md, Odd on purpose: options.
     ::inet_pton(AF_INET, host.c_str(), &address.sin_addr);
     return address;
 }
@@ -33,8 +33,8 @@ int refuse_value(const std::string& name, const std::string& value, std::strings
     return conf::MALFORMED;
 }
 
-// An editor's mark in front of a file becomes part of its first name, and is not to be seen in a
-// log: the line that such a name is unknown would puzzle.
+// A byte order mark at the start of the file becomes part of the first option's name. The mark is
+// invisible in a log, so the line that reports the unknown option does not explain the fault.
 void warn_of_byte_order_mark(std::string_view name) {
     for (const std::string_view mark : {"\xEF\xBB\xBF", "\xFF\xFE", "\xFE\xFF"}) {
         if (name.substr(0, mark.size()) == mark) {
@@ -46,7 +46,7 @@ void warn_of_byte_order_mark(std::string_view name) {
     }
 }
 
-// Keeps `value` as the default of a feature if the feature's parser understands it.
+// Stores `value` as the default of a feature if the feature's parser accepts it.
 int set_feature_default(ParseFeature parse, const std::string& name, const std::string& value,
                         std::string& option, std::stringstream& error) {
     media::features16_t unused{};
@@ -100,7 +100,8 @@ int Configuration::set_value(const std::string& name, const std::string& value,
 
 int Configuration::set_media_node(const std::string& name, const std::string& value,
                                   std::stringstream& error) {
-    // Item by item: of a list of port ranges no more is kept than its first range.
+    // Parses item by item and stops at the second host: a list of port ranges stands for a great
+    // many hosts, which would take too much memory.
     std::vector<std::string> items;
     utils::str::split(value, ',', items, false);
     std::list<net::Host> hosts;
@@ -119,8 +120,8 @@ int Configuration::set_media_node(const std::string& name, const std::string& va
 
 int Configuration::set_dump_mode(const std::string& name, const std::string& value,
                                  std::stringstream& error) {
-    // A bad value does not keep the old one, unlike in every other option. See docs/design.md, Odd
-    // on purpose: options.
+    // Unlike with every other option, a bad value does not leave the old one in place. See
+    // docs/design.md, Odd on purpose: options.
     dump_mode = DumpMode::NONE;
     for (std::size_t i = 0; i < DUMP_MODE_NAMES.size(); ++i) {
         if (value == DUMP_MODE_NAMES[i]) {

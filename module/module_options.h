@@ -1,7 +1,7 @@
-// The module's options: what the configuration file can set.
+// The module's options, which the configuration file sets.
 //
-// Written only while the module is being loaded, on the host's module-loading thread; then
-// only read, by any thread.
+// Load writes them on the host's module-loading thread; after that they are only read, by any
+// thread.
 #pragma once
 
 #include <netinet/in.h>
@@ -14,7 +14,7 @@
 
 namespace qv::freeswitch {
 
-// Which host events are copied into the host's log.
+// Which host events are written to the host's log.
 enum class DumpMode : std::int32_t {
     NONE = 0,
     ALL = 1,
@@ -22,7 +22,7 @@ enum class DumpMode : std::int32_t {
     CHANNEL_SHORT = 3,
 };
 
-// The option value that stands for `mode`; "not-specified" for no mode.
+// The option value of `mode`; "not-specified" for a number that is no mode.
 const char* dump_mode_name(DumpMode mode);
 
 class Configuration : public conf::LogExtenstion<conf::Configuration> {
@@ -33,11 +33,11 @@ class Configuration : public conf::LogExtenstion<conf::Configuration> {
     int set_value(const std::string& name, const std::string& value,
                   std::stringstream& error) override;
 
-    std::string media_node_host = "127.0.0.1";  // As written.
+    std::string media_node_host = "127.0.0.1";  // As in the file.
     std::uint16_t media_node_port = 0;          // Host byte order.
-    sockaddr_in media_node_addr{};              // 0.0.0.0 when the host is no dotted address.
+    sockaddr_in media_node_addr{};              // 0.0.0.0 if the host is no dotted address.
     DumpMode dump_mode = DumpMode::NONE;
-    std::string default_detection;       // As written; empty for no default.
+    std::string default_detection;       // As in the file; empty for no default.
     std::string default_audio_activity;  // The same.
 
   private:

@@ -8,11 +8,11 @@ namespace qv::freeswitch {
 
 namespace {
 
-// Any address in this object.
+// Its address identifies this shared object.
 const char here = 0;
 
-// dlclose itself, so that the C library calls it when the thread has left this object for
-// good. A function of our own would return into code that may be gone.
+// The C library calls dlclose directly at the end of the thread. A function of our own would
+// return from dlclose into code that may be unmapped.
 using Close = void (*)(void*);
 Close close_function() {
     return reinterpret_cast<Close>(reinterpret_cast<void*>(&::dlclose));
@@ -52,7 +52,7 @@ void ObjectReference::give_back_at_thread_end() {
         return;
     }
     if (postponed_by_this_thread() != nullptr) {
-        // One is enough to keep the object until then.
+        // One reference is enough to keep the object mapped until the thread ends.
         ::dlclose(std::exchange(handle_, nullptr));
     } else if (::pthread_setspecific(at_thread_end_, handle_) == 0) {
         handle_ = nullptr;

@@ -1,7 +1,7 @@
-// A reference of the dynamic linker to the module's own shared object. It keeps the object
-// mapped after the host has closed it.
+// A dynamic linker's reference to the module's own shared object. It keeps the object mapped
+// after the host has closed it.
 //
-// Owned by AttachedBugs; every function is called under its lock.
+// AttachedBugs owns it and calls every function under its lock.
 #pragma once
 
 #include <pthread.h>
@@ -11,28 +11,27 @@ namespace qv::freeswitch {
 class ObjectReference {
   public:
     ObjectReference();
-    // The object goes away, or the process ends.
+    // Runs when the shared object is unmapped or the process ends.
     ~ObjectReference();
     ObjectReference(const ObjectReference&) = delete;
     ObjectReference& operator=(const ObjectReference&) = delete;
 
-    // False when the linker gives none. Harmless when the reference is held already.
+    // Takes the reference unless it is held already. False if the linker refuses it.
     bool take();
 
-    // Gives the reference back at once, and the one that this thread has yet to give back at
-    // its end. The host's own reference must keep the object mapped until this thread has left
-    // it.
+    // Returns the reference at once, and also the one that this thread would return at its end.
+    // The host's own reference must keep the object mapped until this thread has left it.
     void give_back();
 
-    // Gives the reference back when the calling thread ends, as the last one, too: the object
-    // then goes away. Where the C library has no room for that, the reference is held on to.
+    // Returns the reference when the calling thread ends. If it is the last one, the object is
+    // then unmapped. If the C library cannot store it for the thread, the reference is kept.
     void give_back_at_thread_end();
 
   private:
     void* postponed_by_this_thread() const;
 
     void* handle_ = nullptr;
-    // What a thread has to close when it ends: the handle of the reference that it gives back.
+    // A thread's value is the handle that the C library closes when the thread ends.
     pthread_key_t at_thread_end_{};
     bool has_key_;
 };
