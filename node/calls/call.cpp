@@ -226,11 +226,32 @@ int Call::decide_rate(Side which) {
     return side(which).sample_rate();
 }
 
-std::int64_t Call::axis_begin(std::int64_t send_time) {
-    if (!first_audio_time_.has_value()) {
-        first_audio_time_ = send_time;
+std::int64_t Call::axis_begin(Side which, std::int64_t send_time, std::uint64_t samples) {
+    if (!axis_mark_.has_value()) {
+        axis_mark_ = AxisMark{which, send_time, samples};
     }
-    return *first_audio_time_;
+    return *first_audio_time();
+}
+
+std::optional<std::int64_t> Call::first_audio_time() const {
+    if (!axis_mark_.has_value()) {
+        return std::nullopt;
+    }
+    if (axis_mark_->samples == 0) {
+        return axis_mark_->send_time;
+    }
+    const double before =
+        static_cast<double>(axis_mark_->samples) / side(axis_mark_->side).likely_rate();
+    // As floating point: forged times must not overflow.
+    return static_cast<std::int64_t>(static_cast<double>(axis_mark_->send_time) - before * 1e6);
+}
+
+bool Call::sides_may_be_apart() const {
+    const auto& [one, another] = sides_;
+    const bool joined = one.joined_at() != 0 || another.joined_at() != 0 ||
+                        (axis_mark_.has_value() && axis_mark_->samples != 0);
+    return joined && one.begun() && another.begun() &&
+           (one.rate_assumed() || another.rate_assumed());
 }
 
 }  // namespace qv::node

@@ -102,8 +102,12 @@ class Call {
     // The terminate packet claims to have been sent far ahead of the call's other packets. It
     // is believed because nothing came after it.
     bool ended_in_doubt() const { return ended_in_doubt_; }
-    // Send time of the first audio of either side: the beginning of the time axis.
-    std::optional<std::int64_t> first_audio_time() const { return first_audio_time_; }
+    // The beginning of the time axis, as a send time: when the first sample of the side whose
+    // audio came first was due. That sample may be missing.
+    std::optional<std::int64_t> first_audio_time() const;
+    // The receiver joined the running call, and the rate of a side could not be found: how the
+    // sides lie beside each other could not be told for sure.
+    bool sides_may_be_apart() const;
     // Empty when the call is not to have files.
     const std::string& file_stem() const { return file_stem_; }
     const std::vector<FileReport>& files() const { return files_; }
@@ -120,6 +124,13 @@ class Call {
         Micros came;
     };
 
+    // What fixes the time axis. The rate that tells its beginning may be found later.
+    struct AxisMark {
+        Side side;
+        std::int64_t send_time;
+        std::uint64_t samples;  // Of the side, before the audio sent then.
+    };
+
     // Calls `visit` with each listener, in the order of the outputs.
     template <typename Visit>
     void for_each_listener(Visit visit) {
@@ -128,8 +139,9 @@ class Call {
         }
     }
     CallSide& mutable_side(Side which) { return sides_[index_of(which)]; }
-    // The beginning of the time axis, which is `send_time` if nothing came before.
-    std::int64_t axis_begin(std::int64_t send_time);
+    // The beginning of the time axis. If nothing came before, the axis begins with that side:
+    // its audio after `samples` was sent at `send_time`.
+    std::int64_t axis_begin(Side which, std::int64_t send_time, std::uint64_t samples);
 
     std::optional<Drop> on_start(const media::Packet& packet);
     std::optional<Drop> on_control(const media::Packet& packet, Micros now);
@@ -159,7 +171,7 @@ class Call {
     std::int64_t terminate_time_ = 0;
     std::optional<DoubtedEnd> doubted_end_;
     bool ended_in_doubt_ = false;
-    std::optional<std::int64_t> first_audio_time_;
+    std::optional<AxisMark> axis_mark_;
     std::array<CallSide, SIDE_COUNT> sides_;
     std::string file_stem_;
     std::vector<FileReport> files_;

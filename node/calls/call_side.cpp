@@ -11,6 +11,18 @@ namespace {
 
 constexpr std::uint32_t HALF_RANGE = 0x80000000;
 
+// A lag that has not become less for so long is a pause.
+constexpr Micros STEADY{200'000};
+// What a lag becomes less by when the sender catches up; less is jitter.
+constexpr double CATCHING_UP_S = 0.01;
+// Audio waits for so long at the most, in real time and in packets, until a pause is told.
+constexpr Micros LONGEST_DOUBT{1'000'000};
+constexpr std::size_t MOST_WAITING = 250;
+// So many packets confirm a pause that is longer than the time that has passed: the sender is
+// faster than real time. One of a day is believed.
+constexpr std::size_t ENOUGH_TO_CONFIRM = 5;
+constexpr double MOST_PAUSE_S = 25 * 3600;
+
 // Sequence numbers wrap.
 bool is_before(std::uint32_t sequence_number, const SidePlace& place) {
     return sequence_number - place.sequence_number >= HALF_RANGE;
@@ -74,16 +86,49 @@ void CallSide::find_place(const media::Packet& packet) {
     if (left_at_.has_value() && !is_before(packet.sequence_number, *left_at_)) {
         joined_at_ = left_at_->sample_offset;
         buffer_.begin(left_at_->sequence_number, left_at_->sample_offset);
+        mark_axis(packet, left_at_->sample_offset);
         return;
     }
-    const std::uint64_t reach = limits_.gap_samples(limits_.sample_rate);
-    if (packet.sample_offset <= reach && packet.sequence_number <= reach) {
-        const auto& start = call_.start();
-        buffer_.begin(1, 0, start.has_value() ? std::optional(start->send_time) : std::nullopt);
+    RateEstimator frames;
+    frames.add(packet.sample_offset, packet.sample_count, packet.send_time);
+    const int other_rate = call_.side(other(which_)).sample_rate();
+    const int rate = sample_rate_ != 0 ? sample_rate_
+                     : other_rate != 0 ? other_rate
+                                       : frames.rate_of_20_ms_frames().value_or(0);
+    buffer_.set_gap_limit(limits_.gap_samples(rate));
+    if (is_joined_late(packet, rate)) {
+        joining_ = true;
+        buffer_.join();
+        mark_axis(packet, packet.sample_offset);
         return;
     }
-    joined_at_ = packet.sample_offset;
-    buffer_.begin(packet.sequence_number, packet.sample_offset);
+    const auto& start = call_.start();
+    buffer_.begin(1, 0, start.has_value() ? std::optional(start->send_time) : std::nullopt);
+    mark_axis(packet, 0);
+}
+
+// In a call that is joined, the time axis begins with the side that comes first. The other one
+// needs it to find its place. Otherwise it begins with the first audio, which is not forged.
+void CallSide::mark_axis(const media::Packet& packet, std::uint32_t first_offset) {
+    if (!call_.start().has_value()) {
+        call_.axis_begin(which_, packet.send_time, packet.sample_offset - first_offset);
+    }
+}
+
+// Further in than the longest silence, or so far that its beginning lies before that of the
+// other side, which has been passed on.
+bool CallSide::is_joined_late(const media::Packet& packet, int rate) const {
+    const std::uint64_t reach = limits_.gap_samples(rate);
+    if (packet.sample_offset > reach || packet.sequence_number > reach) {
+        return true;
+    }
+    const auto axis = call_.first_audio_time();
+    if (call_.start().has_value() || !axis.has_value() || packet.sequence_number <= 1) {
+        return false;
+    }
+    const double on_axis =
+        (static_cast<double>(packet.send_time) - static_cast<double>(*axis)) / 1e6;
+    return on_axis + seconds_of(PauseFinder::SHORTEST) < seconds_of(packet.sample_offset, rate);
 }
 
 std::optional<SidePlace> CallSide::place() const {
@@ -155,38 +200,148 @@ ReorderBuffer::Verdict CallSide::put_in_order(const media::Packet& packet, Micro
 
 void CallSide::give_up_waiting(Micros now) {
     buffer_.advance(now, *this);
+    if (!waiting_.empty() && now - waiting_since_ >= LONGEST_DOUBT) {
+        release_waiting(false);
+    }
 }
 
 void CallSide::finish() {
     buffer_.finish(*this);
+    release_waiting(false);
 }
 
 void CallSide::audio(const std::int16_t* samples, std::size_t count, std::int64_t send_time) {
-    add_pause(send_time, count);
-    level_.add(samples, count);
+    if (joining_) {
+        joining_ = false;
+        joined_at_ = buffer_.expected_offset() - static_cast<std::uint32_t>(count);
+    }
     // The buffer has counted these samples already.
-    const Audio audio{samples, count, position() - count, send_time};
-    call_.for_each_listener([&](CallListener& listener) { listener.audio(call_, which_, audio); });
+    waiting_samples_ += count;
+    double lag = lag_s(send_time, count);
+    if (!placed_) {
+        place_first_audio(lag);
+        lag = lag_s(send_time, count);
+    }
+    if (!waiting_.empty() && lag > least_lag_s_ + seconds_of(PauseFinder::SHORTEST)) {
+        release_waiting(true);  // Another pause follows.
+        lag = lag_s(send_time, count);
+    }
+    if (waiting_.empty() && lag < seconds_of(PauseFinder::SHORTEST)) {
+        pass_on(samples, count, send_time);
+    } else {
+        wait(samples, count, send_time, lag);
+    }
 }
 
 void CallSide::gap(const Gap& gap) {
+    waiting_samples_ += gap.filled_samples;
+    if (waiting_.empty()) {
+        pass_on(gap);
+    } else {
+        waiting_.push_back({{}, 0, gap});
+    }
+}
+
+void CallSide::pass_on(const std::int16_t* samples, std::size_t count, std::int64_t send_time) {
+    const Audio audio{samples, count, position(), send_time};
+    waiting_samples_ -= count;
+    pauses_.advance(count);
+    level_.add(samples, count);
+    call_.for_each_listener([&](CallListener& listener) { listener.audio(call_, which_, audio); });
+}
+
+void CallSide::pass_on(const Gap& gap) {
+    waiting_samples_ -= gap.filled_samples;
     pauses_.advance(gap.filled_samples);
     call_.for_each_listener([&](CallListener& listener) { listener.gap(call_, which_, gap); });
 }
 
-void CallSide::add_pause(std::int64_t send_time, std::size_t count) {
-    const std::int64_t axis_begin = call_.axis_begin(send_time);
-    // A side that begins late has no rate of its own yet.
-    const int rate = sample_rate_ != 0 ? sample_rate_ : call_.side(other(which_)).sample_rate();
-    const std::uint64_t samples =
-        pauses_.pause_before(send_time, axis_begin, rate, longest_pause(rate));
-    pauses_.advance(samples + count);
-    if (samples == 0) {
+// How late the audio is that the buffer has delivered last; 0 while there is no rate.
+double CallSide::lag_s(std::int64_t send_time, std::size_t count) {
+    const std::uint64_t ahead = waiting_samples_ - count;
+    const std::int64_t axis_begin = call_.axis_begin(which_, send_time, pauses_.position() + ahead);
+    return pauses_.lag_s(send_time, axis_begin, pause_rate(), ahead);
+}
+
+// Both sides of a call that the receiver joins begin in its midst: there even a short lag of one
+// behind the other is a difference in time. A longer one is handled as a pause.
+void CallSide::place_first_audio(double lag_s) {
+    placed_ = true;
+    const bool joined = joined_at_ != 0 && !left_at_.has_value();
+    if (joined && lag_s > 0 && lag_s < seconds_of(PauseFinder::SHORTEST)) {
+        add_pause(lag_s, lag_s);
+    }
+}
+
+// Keeps audio that comes after a pause, or was held up, until what follows tells which.
+void CallSide::wait(const std::int16_t* samples, std::size_t count, std::int64_t send_time,
+                    double lag_s) {
+    if (waiting_.empty() || lag_s < least_lag_s_ - CATCHING_UP_S) {
+        least_lag_s_ = lag_s;
+        least_lag_time_ = send_time;
+    }
+    if (waiting_.empty()) {
+        waiting_since_ = call_.last_seen();
+    }
+    waiting_.push_back({{samples, samples + count}, send_time, std::nullopt});
+    // As floating point: forged times must not overflow.
+    const double steady =
+        (static_cast<double>(send_time) - static_cast<double>(least_lag_time_)) / 1e6;
+    if (lag_s < seconds_of(PauseFinder::SHORTEST)) {
+        least_lag_s_ = lag_s;
+        release_waiting(false);  // The sender has caught up.
+    } else if (steady >= seconds_of(STEADY) || waiting_.size() >= MOST_WAITING) {
+        release_waiting(true);
+    }
+}
+
+// Passes on what waits, after a pause of the least lag that was seen. With `confirmed` it is
+// believed, however long it is.
+void CallSide::release_waiting(bool confirmed) {
+    if (waiting_.empty()) {
         return;
     }
-    // The buffer has counted what ends the pause already.
-    const Pause pause{samples, position() - count};
+    std::vector<Waiting> waiting;
+    waiting.swap(waiting_);
+    if (least_lag_s_ >= seconds_of(PauseFinder::SHORTEST)) {
+        const double longest = longest_pause(pause_rate());
+        add_pause(least_lag_s_, confirmed && waiting.size() >= ENOUGH_TO_CONFIRM
+                                    ? std::max(longest, MOST_PAUSE_S)
+                                    : longest);
+    }
+    for (const Waiting& part : waiting) {
+        if (part.gap.has_value()) {
+            pass_on(*part.gap);
+        } else {
+            pass_on(part.samples.data(), part.samples.size(), part.send_time);
+        }
+    }
+}
+
+// At the position of what is passed on next.
+void CallSide::add_pause(double lag_s, double longest_s) {
+    const std::uint64_t samples = pauses_.begin_pause(lag_s, pause_rate(), longest_s);
+    const Pause pause{samples, position()};
     call_.for_each_listener([&](CallListener& listener) { listener.pause(call_, which_, pause); });
+}
+
+// 0 when no rate is known. A side that begins late has no rate of its own yet.
+int CallSide::pause_rate() const {
+    if (sample_rate_ != 0) {
+        return sample_rate_;
+    }
+    const int other_rate = call_.side(other(which_)).sample_rate();
+    return other_rate != 0 || call_.start().has_value() ? other_rate : likely_rate();
+}
+
+int CallSide::likely_rate() const {
+    const int other_rate = call_.side(other(which_)).sample_rate_;
+    if (sample_rate_ != 0 || other_rate != 0) {
+        return sample_rate_ != 0 ? sample_rate_ : other_rate;
+    }
+    const auto guess = estimator_.best_guess();
+    return guess.has_value() ? *guess
+                             : estimator_.rate_of_20_ms_frames().value_or(DEFAULT_SAMPLE_RATE);
 }
 
 // The time that really passed explains any pause; forged send times explain a short one only.

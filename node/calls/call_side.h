@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "node/audio/level_meter.h"
 #include "node/calls/call_limits.h"
@@ -56,8 +57,10 @@ class CallSide : private OrderedOutput {
     int sample_rate() const { return sample_rate_; }
     // The rate could not be found from the packets.
     bool rate_assumed() const { return rate_assumed_; }
+    // The rate, or the likeliest one while it is not known; above 0.
+    int likely_rate() const;
     // Samples passed on so far: audio and the silence of gaps.
-    std::uint64_t position() const { return buffer_.position(); }
+    std::uint64_t position() const { return buffer_.position() - waiting_samples_; }
     // The same, with pauses.
     std::uint64_t position_with_pauses() const { return pauses_.position(); }
     // The position of the sample that was due at that send time: the next one for a time after
@@ -68,22 +71,41 @@ class CallSide : private OrderedOutput {
     const LevelMeter& level() const { return level_; }
     // Of audio that came, repeated audio included.
     std::uint64_t bytes() const { return bytes_; }
-    // The sample offset at which the side began: 0 unless the receiver joined the call late.
+    // The sample offset at which the side began: 0 unless the receiver joined the call late. Known
+    // with the side's first audio.
     std::uint64_t joined_at() const { return joined_at_; }
-    // The sample offset of the next packet in order.
-    std::uint32_t expected_offset() const { return buffer_.expected_offset(); }
+    // The sample offset of the audio that is passed on next.
+    std::uint32_t expected_offset() const {
+        return buffer_.expected_offset() - static_cast<std::uint32_t>(waiting_samples_);
+    }
 
   private:
     void audio(const std::int16_t* samples, std::size_t count, std::int64_t send_time) override;
     void gap(const Gap& gap) override;
 
+    // Audio or a gap that waits until it is known whether there is a pause before it.
+    struct Waiting {
+        std::vector<std::int16_t> samples;
+        std::int64_t send_time;
+        std::optional<Gap> gap;
+    };
+
     void begin(const media::Packet& packet);
+    bool is_joined_late(const media::Packet& packet, int rate) const;
     void find_place(const media::Packet& packet);
+    void mark_axis(const media::Packet& packet, std::uint32_t first_offset);
     void note_newest(const media::Packet& packet);
     void measure_rate(const media::Packet& packet);
     void set_rate(int rate);
     ReorderBuffer::Verdict put_in_order(const media::Packet& packet, Micros now);
-    void add_pause(std::int64_t send_time, std::size_t count);
+    void pass_on(const std::int16_t* samples, std::size_t count, std::int64_t send_time);
+    void pass_on(const Gap& gap);
+    double lag_s(std::int64_t send_time, std::size_t count);
+    void place_first_audio(double lag_s);
+    void wait(const std::int16_t* samples, std::size_t count, std::int64_t send_time, double lag_s);
+    void release_waiting(bool confirmed);
+    void add_pause(double lag_s, double longest_s);
+    int pause_rate() const;
     double longest_pause(int rate) const;
 
     Call& call_;
@@ -99,6 +121,13 @@ class CallSide : private OrderedOutput {
     bool rate_assumed_ = false;
     std::uint64_t bytes_ = 0;
     std::uint64_t joined_at_ = 0;
+    bool joining_ = false;  // Until the first audio.
+    bool placed_ = false;   // The first audio has its place in time.
+    std::vector<Waiting> waiting_;
+    std::uint64_t waiting_samples_ = 0;  // Audio and the silence of gaps.
+    Micros waiting_since_{0};
+    double least_lag_s_ = 0;             // Of the audio that waits,
+    std::int64_t least_lag_time_ = 0;    // and the send time at which it was reached.
     std::int64_t newest_send_time_ = 0;  // Of the packet sent last,
     std::uint32_t newest_end_ = 0;       // and the sample offset at its end.
 };

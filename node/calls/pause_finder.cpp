@@ -5,22 +5,24 @@
 
 namespace qv::node {
 
-std::uint64_t PauseFinder::pause_before(std::int64_t send_time, std::int64_t axis_begin,
-                                        int sample_rate, double longest_s) {
+double PauseFinder::lag_s(std::int64_t send_time, std::int64_t axis_begin, int sample_rate,
+                          std::uint64_t ahead) const {
     if (sample_rate == 0) {
         return 0;
     }
     // As floating point: forged times must not overflow.
     const double on_axis =
         (static_cast<double>(send_time) - static_cast<double>(axis_begin)) / 1e6 - cut_s_;
-    const double lag = on_axis - static_cast<double>(position_) / sample_rate;
-    if (lag < seconds_of(SHORTEST)) {
-        return 0;
-    }
-    const double pause = std::min(lag, longest_s);
-    cut_s_ += lag - pause;
+    return on_axis - static_cast<double>(position_ + ahead) / sample_rate;
+}
+
+std::uint64_t PauseFinder::begin_pause(double lag_s, int sample_rate, double longest_s) {
+    const double pause = std::min(lag_s, longest_s);
+    cut_s_ += lag_s - pause;
     ++pauses_;
-    return static_cast<std::uint64_t>(std::llround(pause * sample_rate));
+    const auto samples = static_cast<std::uint64_t>(std::llround(pause * sample_rate));
+    position_ += samples;
+    return samples;
 }
 
 }  // namespace qv::node

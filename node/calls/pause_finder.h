@@ -3,6 +3,9 @@
 // sent later than the audio before it lasts. Both sides of a call stay in time with each other
 // only if pauses are put back.
 //
+// A sender that was held up sends late as well, but catches up with the packets that follow.
+// So whoever asks for the lag looks at those before he takes it for a pause.
+//
 // Plain values; belongs to one thread.
 #pragma once
 
@@ -23,13 +26,16 @@ class PauseFinder {
     // Shorter ones are jitter.
     static constexpr Micros SHORTEST{250'000};
 
-    // The pause, in samples, before audio sent at `send_time`, on a time axis that begins at
-    // `axis_begin`; 0 for none and while `sample_rate` is 0. A pause is cut to `longest_s`
-    // seconds; the rest is left out of the axis.
-    std::uint64_t pause_before(std::int64_t send_time, std::int64_t axis_begin, int sample_rate,
-                               double longest_s);
+    // How many seconds later than its place audio is sent that comes `ahead` samples after the
+    // position, on a time axis that begins at `axis_begin`; 0 while `sample_rate` is 0.
+    double lag_s(std::int64_t send_time, std::int64_t axis_begin, int sample_rate,
+                 std::uint64_t ahead) const;
 
-    // Counts samples of audio, silence and pauses.
+    // Takes a lag for a pause at the position; returns its length in samples. It is cut to
+    // `longest_s` seconds; the rest is left out of the axis.
+    std::uint64_t begin_pause(double lag_s, int sample_rate, double longest_s);
+
+    // Counts samples of audio and silence.
     void advance(std::uint64_t samples) { position_ += samples; }
 
     // On the time axis, in samples.

@@ -37,6 +37,9 @@ ReorderBuffer::Verdict ReorderBuffer::receive(const AudioPacket& packet, Micros 
                                               OrderedOutput& out) {
     begun_ = true;
     ++stats_.packets;
+    if (joining_) {
+        return receive_joining(packet, now, out);
+    }
     if (ahead_of_next(packet.sequence_number) >= HALF_RANGE) {
         return receive_past(packet, out);
     }
@@ -56,7 +59,38 @@ ReorderBuffer::Verdict ReorderBuffer::receive(const AudioPacket& packet, Micros 
     return Verdict::DELIVERED;
 }
 
+ReorderBuffer::Verdict ReorderBuffer::receive_joining(const AudioPacket& packet, Micros now,
+                                                      OrderedOutput& out) {
+    if (held_.empty()) {
+        joined_ = now;
+        // Earlier ones may follow.
+        next_ = packet.sequence_number - HISTORY;
+    }
+    if (ahead_of_next(packet.sequence_number) >= 2 * HISTORY) {
+        return receive_implausible(packet, out);
+    }
+    const Verdict verdict = hold(packet, now, out);
+    return joining_ ? verdict : Verdict::DELIVERED;
+}
+
+// Begins with the first of the packets that have come.
+void ReorderBuffer::settle(OrderedOutput& out) {
+    joining_ = false;
+    while (held_.size() > 2 && first_held_refuted()) {
+        drop_first_held();
+    }
+    next_ = held_.front().sequence_number;
+    next_offset_ = held_.front().sample_offset;
+    deliver_held_in_order(out);
+}
+
 void ReorderBuffer::advance(Micros now, OrderedOutput& out) {
+    if (is_settling() && now - joined_ >= limits_.wait) {
+        settle(out);
+    }
+    if (joining_) {
+        return;
+    }
     while (!held_.empty() && now - held_.front().arrived >= limits_.wait) {
         if (first_held_refuted()) {
             drop_first_held();
@@ -70,6 +104,9 @@ void ReorderBuffer::advance(Micros now, OrderedOutput& out) {
 }
 
 void ReorderBuffer::finish(OrderedOutput& out) {
+    if (is_settling()) {
+        settle(out);
+    }
     while (!held_.empty()) {
         release_first_held(out);
     }
@@ -187,6 +224,9 @@ ReorderBuffer::Verdict ReorderBuffer::hold(const AudioPacket& packet, Micros now
                              now,
                              stats_.packets,
                              {packet.samples, packet.samples + packet.sample_count}});
+    if (joining_ && held_.size() > limits_.packets) {
+        settle(out);
+    }
     while (held_.size() > limits_.packets) {
         release_first_held(out);
         deliver_held_in_order(out);
@@ -209,8 +249,18 @@ bool ReorderBuffer::replaces(const AudioPacket& packet,
 // Follows a sender that has jumped: forward over a long loss, or anywhere after it
 // began to count anew.
 void ReorderBuffer::resync(const AudioPacket& packet, OrderedOutput& out) {
-    finish(out);
     ++stats_.resyncs;
+    if (joining_) {
+        // What came first was not of the stream that is here.
+        joining_ = false;
+        stats_.implausible += held_.size();
+        held_.clear();
+        next_ = packet.sequence_number;
+        next_offset_ = packet.sample_offset;
+        deliver(packet, out);
+        return;
+    }
+    finish(out);
     const std::uint32_t ahead = ahead_of_next(packet.sequence_number);
     const std::uint32_t missing = packet.sample_offset - next_offset_;
     const bool forward = ahead < HALF_RANGE && missing < HALF_RANGE;

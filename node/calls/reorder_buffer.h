@@ -82,6 +82,9 @@ class ReorderBuffer {
     // no earlier than `not_before`, if that is known.
     void begin(std::uint32_t sequence_number, std::uint32_t sample_offset,
                std::optional<std::int64_t> not_before = std::nullopt);
+    // Says that the packets before are of no concern: the earliest of those that come within the
+    // wait is the first.
+    void join() { joining_ = true; }
     bool begun() const { return begun_; }
 
     // Takes in a packet that came at `now`.
@@ -100,8 +103,12 @@ class ReorderBuffer {
     // Samples delivered so far, silence included.
     std::uint64_t position() const { return stats_.samples + stats_.silence; }
     // What the next packet in order carries.
-    std::uint32_t expected_sequence_number() const { return next_; }
-    std::uint32_t expected_offset() const { return next_offset_; }
+    std::uint32_t expected_sequence_number() const {
+        return is_settling() ? held_.front().sequence_number : next_;
+    }
+    std::uint32_t expected_offset() const {
+        return is_settling() ? held_.front().sample_offset : next_offset_;
+    }
     std::size_t held() const { return held_.size(); }
 
   private:
@@ -127,6 +134,9 @@ class ReorderBuffer {
     std::uint32_t ahead_of_next(std::uint32_t sequence_number) const {
         return sequence_number - next_;
     }
+    bool is_settling() const { return joining_ && !held_.empty(); }
+    Verdict receive_joining(const AudioPacket& packet, Micros now, OrderedOutput& out);
+    void settle(OrderedOutput& out);
     bool plausible(const AudioPacket& packet) const;
     Verdict receive_past(const AudioPacket& packet, OrderedOutput& out);
     Verdict receive_implausible(const AudioPacket& packet, OrderedOutput& out);
@@ -149,6 +159,8 @@ class ReorderBuffer {
     std::uint32_t next_ = 1;         // Sequence number of the next packet in order.
     std::uint32_t next_offset_ = 0;  // Its sample offset.
     bool begun_ = false;
+    bool joining_ = false;  // Until it is known which packet is the first.
+    Micros joined_{0};      // When the first of them came.
     int rate_ = 0;
     std::optional<std::int64_t> last_time_;  // Send time of what was delivered last.
     std::uint64_t last_in_order_ = 0;        // Arrival number of the packet that came in order.

@@ -185,6 +185,7 @@ void EventLog::ended(const Call& call, EndReason reason) {
            {"start_seen", call.start().has_value()},
            {"control_packets", call.control_packets()},
            {"foreign_packets", call.foreign_packets()},
+           {"sides_may_be_apart", call.sides_may_be_apart()},
            {"sides", sides},
            {"files", files}});
 }

@@ -160,6 +160,7 @@ void LineReport::ended(const Call& call, EndReason reason) {
              (unannounced ? ", its start packet never came, from " + address_text(call.source())
                           : "") +
              foreign_text(call.foreign_packets()) +
+             (call.sides_may_be_apart() ? "; its sides may be apart in time" : "") +
              (failed != 0 ? "; " + counted(failed, "file") + " could not be written" : ""));
     for (const Side side : BOTH_SIDES) {
         if (call.side(side).begun()) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -176,15 +177,141 @@ TEST_F(CallSideTest, PauseOfTheSenderComesBeforeTheAudioThatEndsIt) {
     data(1);
     diary_.take();
     held_up_ = 1'000'000;
-    data(2);
-    EXPECT_EQ(diary_.take(), "pause8000@160 audio160@160");
-    EXPECT_EQ(side().position(), 320u);
-    EXPECT_EQ(side().position_with_pauses(), 8320u);
+    talk(2, 11);
+    EXPECT_EQ(diary_.take(), "") << "the sender may still catch up";
+    EXPECT_EQ(side().position(), 160u);
+    data(12);
+    EXPECT_EQ(diary_.take().substr(0, 41), "pause8000@160 audio160@160 audio160@320 a");
+    EXPECT_EQ(side().position(), 12u * 160);
+    EXPECT_EQ(side().position_with_pauses(), 12u * 160 + 8000);
+}
+
+TEST_F(CallSideTest, StallThatTheSenderCatchesUpWithIsNoPause) {
+    for (const std::uint32_t stall : {21u, 50u}) {  // 420 ms and 1 s.
+        restart(8000);
+        talk(1, 100);
+        for (std::uint32_t number = 101; number <= 100 + stall; ++number) {
+            Packet made = packet(number);
+            made.send_time = packet(100 + stall).send_time + number;  // All at once.
+            receive(made);
+        }
+        talk(101 + stall, 300);
+        EXPECT_EQ(side().pauses(), 0u);
+        EXPECT_EQ(diary_.take().find("pause"), std::string::npos);
+        EXPECT_EQ(side().position(), 300u * 160);
+    }
+}
+
+TEST_F(CallSideTest, StallThatIsCaughtUpWithSlowlyIsNoPause) {
+    talk(1, 100);
+    for (std::uint32_t number = 101; number <= 200; ++number) {  // Twice as fast as real time.
+        held_up_ = std::max<std::int64_t>(0, 1'000'000 - 10'000 * (number - 101));
+        data(number);
+    }
+    talk(201, 250);
+    EXPECT_EQ(side().pauses(), 0u);
+    EXPECT_EQ(side().position(), 250u * 160);
+}
+
+TEST_F(CallSideTest, PauseIsAsLongAsThePunctualPacketsBehindItSay) {
+    talk(1, 100);
+    held_up_ = 1'600'000;
+    data(101);
+    held_up_ = 1'500'000;
+    talk(102, 130);
+    EXPECT_NE(diary_.take().find("pause12000@16000 audio160@16000"), std::string::npos);
+}
+
+TEST_F(CallSideTest, PauseAtTheEndIsToldAfterASecond) {
+    talk(1, 100);
+    held_up_ = 500'000;
+    data(101);
+    diary_.take();
+    pass(999ms);
+    EXPECT_EQ(diary_.take(), "");
+    pass(1ms);
+    EXPECT_EQ(diary_.take(), "pause4000@16000 audio160@16000");
+}
+
+TEST_F(CallSideTest, LongPauseOfASenderFasterThanRealTimeHasItsLength) {
+    for (const std::int64_t seconds : {300, 86'400}) {
+        restart(8000);
+        held_up_ = 0;
+        talk(1, 100);
+        held_up_ = seconds * 1'000'000;
+        talk(101, 150);
+        EXPECT_NE(diary_.take().find("pause" + std::to_string(seconds * 8000) + "@16000 "),
+                  std::string::npos);
+    }
+}
+
+TEST_F(CallSideTest, OneForgedSendTimeIsNoPause) {
+    talk(1, 100);
+    held_up_ = 90'000'000;
+    data(101);
+    held_up_ = 0;
+    talk(102, 150);
+    EXPECT_EQ(side().pauses(), 0u);
+    EXPECT_EQ(side().position(), 150u * 160);
+}
+
+// Both sides of a call that has been running for those times, joined at the same instant.
+TEST_F(CallSideTest, SidesOfAJoinedCallBeginAtTheirPlaceInTime) {
+    struct Case {
+        int rate;
+        std::uint32_t originator_s;
+        std::uint32_t terminator_s;
+    };
+    for (const Case& one :
+         {Case{8000, 60, 40}, Case{8000, 40, 60}, Case{8000, 300, 290}, Case{8000, 130, 110},
+          Case{0, 60, 40}, Case{0, 40, 60}, Case{0, 300, 290}, Case{0, 130, 110}, Case{0, 500, 3},
+          Case{0, 3, 500}, Case{8000, 1, 30}}) {
+        restart(one.rate);
+        const std::uint32_t ahead[2] = {one.originator_s * 50, one.terminator_s * 50};
+        for (std::uint32_t number = 1; number <= 200; ++number) {
+            for (const std::uint32_t side : {0u, 1u}) {
+                Packet made = packet(number + ahead[side]);
+                made.send_time = 5'000'000'000 + 20'000 * std::int64_t{number};
+                made.leg_word = side == 0 ? 0x0000 : 0x8001;
+                receive(made);
+            }
+            pass(20ms);
+        }
+        call_->end(EndReason::SHUTDOWN);
+        EXPECT_EQ(side(Side::ORIGINATOR).position_with_pauses(),
+                  side(Side::TERMINATOR).position_with_pauses())
+            << one.rate << ' ' << one.originator_s << ' ' << one.terminator_s;
+        EXPECT_FALSE(call_->sides_may_be_apart());
+    }
+}
+
+TEST_F(CallSideTest, SideThatBeginsLaterInAJoinedCallIsPlacedToTheMillisecond) {
+    talk(1'000'000, 1'000'001);
+    Packet made = packet(2'000'000);
+    made.leg_word = 0x8001;
+    made.send_time = packet(1'000'000).send_time + 100'000;
+    receive(made);
+    diary_.take();
+    pass(200ms);
+    EXPECT_EQ(diary_.take(), "audio160@0 audio160@160 pause800@0 audio160@0");
+}
+
+TEST_F(CallSideTest, JoiningIsToldToBeUnsureWhereNoRateIsFound) {
+    restart(0);
+    data(1'000'000);
+    Packet made = packet(2'000'000);
+    made.leg_word = 0x8001;
+    receive(made);
+    call_->end(EndReason::SHUTDOWN);
+    EXPECT_TRUE(call_->sides_may_be_apart());
 }
 
 TEST_F(CallSideTest, ReceiverThatJoinsLateBeginsWithTheFirstPacket) {
-    data(1'000'000);
-    EXPECT_EQ(diary_.take(), "originator@159999840 rate8000 audio160@0");
+    data(1'000'001);
+    data(1'000'000);  // The first two were swapped.
+    pass(200ms);
+    EXPECT_EQ(diary_.take(), "originator@0 rate8000 audio160@0 audio160@160");
+    EXPECT_EQ(side().joined_at(), 159'999'840u);
 }
 
 TEST_F(CallSideTest, LevelIsThatOfTheAudio) {

@@ -505,16 +505,16 @@ TEST_F(CallTableTest, LossIsFilledAndTold) {
 }
 
 TEST_F(CallTableTest, PauseOfTheSenderIsTold) {
-    talk(1, 40);
+    talk(1, 60);
     pass(1s);
-    talk(41, 42);
-    EXPECT_EQ(diary_.text, "pause8000@6400");
+    talk(61, 72);
+    EXPECT_EQ(diary_.text, "pause8000@9600");
 }
 
 TEST_F(CallTableTest, SideThatBeginsLaterIsPlacedInTime) {
-    talk(1, 50);
-    data(1, Side::TERMINATOR);
-    EXPECT_EQ(diary_.text, "pause8000@0");
+    talk(1, 60);
+    talk(1, 12, Side::TERMINATOR);
+    EXPECT_EQ(diary_.text, "pause9600@0");
 }
 
 TEST_F(CallTableTest, ReceiverThatComesLateBeginsWithTheFirstPacket) {

@@ -8,65 +8,66 @@ using qv::node::PauseFinder;
 
 class PauseFinderTest : public testing::Test {
   protected:
-    // One frame of 20 ms at 8 kHz; returns the pause before it.
-    std::uint64_t frame() {
-        const std::uint64_t pause = finder_.pause_before(sent_, 0, 8000, 30);
-        finder_.advance(pause + 160);
+    // One frame of 20 ms at 8 kHz; returns how late it is.
+    double frame() {
+        const double lag = finder_.lag_s(sent_, 0, 8000, 0);
+        finder_.advance(160);
         sent_ += 20'000;
-        return pause;
+        return lag;
     }
 
     PauseFinder finder_;
     std::int64_t sent_ = 0;
 };
 
-TEST_F(PauseFinderTest, SteadyAudioHasNoPause) {
+TEST_F(PauseFinderTest, SteadyAudioIsNeverLate) {
     for (int i = 0; i < 1000; ++i) {
-        EXPECT_EQ(frame(), 0u);
+        EXPECT_NEAR(frame(), 0, 1e-9);
     }
 }
 
-TEST_F(PauseFinderTest, JitterIsNoPause) {
-    frame();
-    sent_ += 249'000;
-    EXPECT_EQ(frame(), 0u);
-}
-
-TEST_F(PauseFinderTest, PauseHasItsLengthOnce) {
+TEST_F(PauseFinderTest, LagIsWhatTheSenderIsLate) {
     frame();
     sent_ += 500'000;
-    EXPECT_EQ(frame(), 4000u);
-    EXPECT_EQ(frame(), 0u);
+    EXPECT_NEAR(frame(), 0.5, 1e-9);
+    EXPECT_NEAR(frame(), 0.5, 1e-9) << "as long as it is not taken for a pause";
+}
+
+TEST_F(PauseFinderTest, AudioThatWaitsCounts) {
+    frame();
+    EXPECT_NEAR(finder_.lag_s(1'020'000, 0, 8000, 4000), 0.5, 1e-9);
+}
+
+TEST_F(PauseFinderTest, PauseTakesTheLagAway) {
+    frame();
+    sent_ += 500'000;
+    EXPECT_EQ(finder_.begin_pause(0.5, 8000, 30), 4000u);
+    EXPECT_NEAR(frame(), 0, 1e-9);
     EXPECT_EQ(finder_.pauses(), 1u);
+    EXPECT_EQ(finder_.position(), 4320u);
 }
 
-TEST_F(PauseFinderTest, SideThatBeginsLaterHasAPauseFirst) {
-    sent_ = 2'000'000;
-    EXPECT_EQ(frame(), 16000u);
-}
-
-TEST_F(PauseFinderTest, SenderFasterThanRealTimeHasNoPause) {
+TEST_F(PauseFinderTest, SenderFasterThanRealTimeIsNotLate) {
     for (int i = 0; i < 100; ++i) {
-        EXPECT_EQ(frame(), 0u);
+        EXPECT_LE(frame(), 1e-9);
         sent_ -= 19'000;
     }
 }
 
-TEST_F(PauseFinderTest, ForgedTimeCostsTheLongestPauseAtMost) {
-    frame();
-    EXPECT_EQ(finder_.pause_before(INT64_MAX, 0, 8000, 30), 30u * 8000);
-    EXPECT_EQ(finder_.pause_before(INT64_MIN, INT64_MAX, 8000, 30), 0u);
-}
-
-TEST_F(PauseFinderTest, CutPauseIsNotTakenUpAgain) {
+TEST_F(PauseFinderTest, LongestPauseIsNotExceededAndTheRestNotTakenUpAgain) {
     frame();
     sent_ += 100'000'000;
-    EXPECT_EQ(frame(), 30u * 8000);
-    EXPECT_EQ(frame(), 0u);
+    EXPECT_EQ(finder_.begin_pause(100, 8000, 30), 30u * 8000);
+    EXPECT_NEAR(frame(), 0, 1e-9);
 }
 
-TEST_F(PauseFinderTest, UnknownRateHasNoPause) {
-    EXPECT_EQ(finder_.pause_before(5'000'000, 0, 0, 30), 0u);
+TEST_F(PauseFinderTest, ForgedTimesDoNotOverflow) {
+    EXPECT_GT(finder_.lag_s(INT64_MAX, INT64_MIN, 8000, 0), 1e12);
+    EXPECT_LT(finder_.lag_s(INT64_MIN, INT64_MAX, 8000, 0), -1e12);
+}
+
+TEST_F(PauseFinderTest, WithoutARateNothingIsLate) {
+    EXPECT_EQ(finder_.lag_s(5'000'000, 0, 0, 0), 0);
 }
 
 }  // namespace

@@ -308,6 +308,37 @@ TEST_F(ReorderBufferTest, HeldPacketThatTheNextOnesRefuteIsDropped) {
     EXPECT_EQ(stats().implausible, 1u);
 }
 
+TEST_F(ReorderBufferTest, FirstTwoPacketsOfAJoinedSideMayBeSwapped) {
+    buffer_ = std::make_unique<ReorderBuffer>(ReorderBuffer::Limits{});
+    buffer_->join();
+    EXPECT_EQ(send(1002), Verdict::HELD);
+    EXPECT_EQ(send(1001), Verdict::HELD);
+    pass(200ms);
+    send(1003);
+    EXPECT_EQ(stats().samples, 3u * 4);
+    EXPECT_EQ(stats().late, 0u);
+    EXPECT_EQ(stats().gaps, 0u);
+    EXPECT_EQ(buffer_->expected_offset(), 1003u * 4);
+}
+
+TEST_F(ReorderBufferTest, JoinedSideOfOnePacketIsDeliveredAtTheEnd) {
+    buffer_ = std::make_unique<ReorderBuffer>(ReorderBuffer::Limits{});
+    buffer_->join();
+    send(1001);
+    EXPECT_EQ(buffer_->expected_offset(), 4000u);
+    finish();
+    EXPECT_EQ(stats().samples, 4u);
+}
+
+TEST_F(ReorderBufferTest, JoinedSideIsWhereItsPacketsAreNotWhereAForgedOneWas) {
+    buffer_ = std::make_unique<ReorderBuffer>(ReorderBuffer::Limits{});
+    buffer_->join();
+    send(900'000);
+    send_all({1001, 1002, 1003});
+    EXPECT_EQ(stats().samples, 2u * 4) << "the first of them only made the next one credible";
+    EXPECT_EQ(stats().silence, 0u);
+}
+
 TEST_F(ReorderBufferTest, JumpThatIsContinuedIsFollowed) {
     ReorderBuffer::Limits limits;
     limits.gap_samples = 8;

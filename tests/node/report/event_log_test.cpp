@@ -157,6 +157,7 @@ TEST_F(EventLogTest, PauseTellsHowLongItWasAndWhere) {
     const unsigned char send_time[] = {0x7e, 0x39, 0xa3, 0xd6};  // A second more.
     std::copy(std::begin(send_time), std::end(send_time), later.begin() + 32);
     send(later);
+    pass(1s);
     EXPECT_EQ(lines().back(),
               R"({"event":"pause","time":"T","call_key":"0x34ec6ca7460833a0",)"
               R"("call_side":"originator","call_uuid":"3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37",)"
