@@ -1,4 +1,4 @@
-// Every answer of the API command, byte for byte, with what it does besides.
+// Every answer of the API command, byte for byte, and the effects of each command.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -16,7 +16,7 @@ namespace {
 
 using host::Fault;
 
-// The misspelling is the text's own; the word that the command takes is the right one.
+// The usage text keeps its misspelling; the command accepts the correct spelling only.
 const std::string USAGE =
     "version|dump_events|media_node|default_audio_activity|default_detection || <uuid> "
     "audio_acttivity|detection|features";
@@ -25,7 +25,7 @@ class Api : public ModuleTest {
   protected:
     void SetUp() override { load(); }
 
-    // The command without the host's trimming of its text.
+    // Runs the command without the host's trimming of its text.
     std::string api_raw(const char* text) {
         host::AnswerStream stream;
         EXPECT_EQ(host.call_api("quorvane", text, nullptr, stream.get()), SWITCH_STATUS_SUCCESS);
@@ -36,7 +36,7 @@ class Api : public ModuleTest {
         return level + " log api_command.cpp:- " + text;
     }
 
-    // What every command that locks a session must have done.
+    // Every command that locks a session must have released its locks.
     void expect_locks_balanced(std::uint64_t taken) {
         EXPECT_EQ(host.report().read_locks_taken, taken);
         EXPECT_EQ(host.report().read_locks_held, 0U);
@@ -252,7 +252,7 @@ TEST_F(Api, OneLegReadsAsTheRunTogetherAnswerOfNew4) {
               "audio_activity" + added + "+OK, audio_activity: updated: old = 0, new = 4");
 }
 
-// A new context is told as updated even where no bit of it changed.
+// For a new context the command answers "updated", although no bit of it changed.
 TEST_F(Api, StopOnACallWithoutAContextCreatesOne) {
     const auto call = start_call();
     EXPECT_EQ(call_api("detection stop"),
@@ -282,8 +282,8 @@ TEST_F(Api, SameCommandTwiceHasNothingToUpdate) {
               "+OK, audio_activity: nothing to update: old = 12, new = 12");
 }
 
-// Only the active byte is compared: a leg that becomes supported without starting is told
-// as nothing, and yet it is.
+// The command compares only the active byte. It answers "nothing to update" for a leg that
+// becomes supported without starting, although the leg is then supported.
 TEST_F(Api, LegThatOnlyBecomesSupportedIsToldAsNothing) {
     const auto call = start_call();
     call_api("audio_activity start orig");
@@ -350,7 +350,7 @@ TEST_F(ApiAfterStart, StopOfBothLegsSendsAControlPacket) {
     expect_locks_balanced(1);
 }
 
-// Nothing stands between the feature's name and the text of the log line.
+// The log line has no blank between the feature's name and the text.
 TEST_F(ApiAfterStart, ControlPacketIsToldInTheLog) {
     call_api("audio_activity stop");
     EXPECT_EQ(take_log(), (Lines{api_line("NOTICE",
@@ -427,7 +427,7 @@ TEST_F(Api, FeaturesOfACallWithoutAContext) {
                                         UUID + "/" + KEY);
     EXPECT_EQ(call_api("features more words").rfind("-ERR, features: session", 0), 0U);
     expect_locks_balanced(2);
-    // Asking has not created one.
+    // The query has not created a context.
     hangup(*call);
     EXPECT_TRUE(take_log().empty());
 }

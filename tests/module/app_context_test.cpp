@@ -16,8 +16,8 @@ namespace {
 using media::features16_t;
 using tests::hex;
 
-// What a parser makes of `text`: the two bytes of the features, or "refused". A refused
-// text must leave the features alone.
+// The result of a parser for `text`: the two bytes of the features, or "refused". A refused text
+// must not change the features.
 template <typename Parse>
 std::string parsed(Parse parse, const char* text, features16_t features) {
     const features16_t before = features;
@@ -48,7 +48,7 @@ TEST(FeatureParser, InactiveSupportsBothLegsAndStartsNone) {
     EXPECT_EQ(detection("inactive"), hex("30 00"));
 }
 
-// The merge step takes a named leg's active bit from the text, so a leg that ran stops.
+// Merging sets the active bit of each named leg as the text says, so an active leg stops.
 TEST(FeatureParser, InactiveStopsLegsThatWereActive) {
     EXPECT_EQ(activity("inactive", {0x0C, 0x0C}), hex("0c 00"));
 }
@@ -190,8 +190,8 @@ TEST(ContextRegistryRules, AnAddedContextIsFound) {
     delete added;
 }
 
-// A null entry cannot come about through the module's entry points; the rule for it is
-// kept all the same, and only this test reaches it.
+// The module's entry points never create a null entry. The code handles one nevertheless, and
+// only this test reaches that code.
 TEST(ContextRegistryRules, NullEntryIsReplacedInItsPlace) {
     ContextRegistry contexts;
     contexts[7] = nullptr;

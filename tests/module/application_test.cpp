@@ -1,7 +1,6 @@
 // The application's paths, from the dialplan's call to the media bug.
 //
-// One path is left out: a registry entry that holds a null pointer cannot come about
-// through anything that the host can call.
+// One path is left out: no function that the host can call creates a null registry entry.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -30,7 +29,7 @@ class Application : public ModuleTest {
     const std::string transfer_started =
         session_line("INFO", "media_handler", "media transfer started");
     const std::string bug_added = app_line("INFO", "new media bug added");
-    // Every call of these tests has this variable: without it there is one more line.
+    // Every call of these tests has this variable; without it the module logs one more line.
     const Variables call_id{{"sip_call_id", "x"}};
 };
 
@@ -75,7 +74,7 @@ TEST_F(Application, ContextOfAnApiCommandIsFoundAndConfigured) {
     call->execute("quorvane");
     EXPECT_EQ(take_log(), (Lines{started, app_line("NOTICE", "app context found; configuring"),
                                  transfer_started, bug_added}));
-    // What the API asked for is in the start packet, and the key and the UUID are filled in.
+    // The start packet has the features that the API requested, the key and the UUID.
     const Bytes start = node.receive();
     EXPECT_EQ(field(start, 8, 24), hex("a0 33 08 46 a7 6c ec 34 3b 9f 6a 52 7c 1e 4d 80"
                                        "9f 2b e4 a1 c0 5d 8e 37"));
@@ -117,7 +116,7 @@ TEST_F(Application, UuidThatDoesNotDecodeStopsTheRun) {
                                                    "MAGIC: failed to parse session uuid: "
                                                    "not-a-uuid")}));
     EXPECT_TRUE(call->bugs().empty());
-    // The registry is as it was: the call is not known.
+    // The registry is unchanged: it has no entry for the call.
     host.faults().clear();
     EXPECT_EQ(call_api("features").rfind("-ERR, features: session context not found", 0), 0U);
 }
@@ -240,12 +239,12 @@ TEST_F(Application, NoMemoryForTheContextStopsTheRun) {
                                                    "app context allocation failure (is there "
                                                    "enough memory?)")}));
     EXPECT_TRUE(call->bugs().empty());
-    // The registry lock is free again, and the call can be tapped later.
+    // The registry lock has been released, and the call can be tapped later.
     call->execute("quorvane");
     EXPECT_EQ(take_log(), (Lines{started, added, transfer_started, bug_added}));
 }
 
-// The result of marking the context is not looked at: the run goes on.
+// The application ignores the failure to mark the context, and goes on.
 TEST_F(Application, ChannelWithoutATimetableIsTappedAllTheSame) {
     const auto call = start_call(call_id);
     host.faults().set(Fault::NO_TIMETABLE);

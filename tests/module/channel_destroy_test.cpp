@@ -1,4 +1,4 @@
-// What the module does when the host tells it of a channel's end.
+// What the module does when the host reports the end of a channel.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -102,7 +102,7 @@ TEST_F(ChannelDestroy, EmptyUniqueIdIsNoUuid) {
     EXPECT_EQ(take_log(), (Lines{destroy_line("ERROR", "MAGIC: failed to parse session uuid: ")}));
 }
 
-// The line tells the UUID as the event writes it.
+// The log line shows the UUID as the event spells it.
 TEST_F(ChannelDestroy, UuidInUpperCaseIsTheSameCall) {
     const auto call = start_call();
     call_api("detection stop");
@@ -123,7 +123,7 @@ TEST_F(ChannelDestroy, ContextThatWasFreedIsUnknownToTheApi) {
                                         UUID + "/" + KEY);
 }
 
-// The API finds a session by its external id as well; the event names the UUID only.
+// The API also finds a session by its external id; the event names only its UUID.
 TEST_F(ChannelDestroy, ContextUnderAnExternalIdEndsWithItsSession) {
     const std::string external_id = "0123456789abcdef0123456789abcdef";
     host::CallOptions options;
@@ -143,7 +143,7 @@ TEST_F(ChannelDestroy, ContextUnderAnExternalIdEndsWithItsSession) {
               0U);
 }
 
-// A call has the other's external id as its UUID, and is tapped.
+// A tapped call has another call's external id as its UUID.
 TEST_F(ChannelDestroy, ContextUnderAnExternalIdStaysWithTheCallThatHasItAsUuid) {
     host::CallOptions options;
     options.uuid = "c2d8e1f4-7a06-45b3-a190-9c3d5e7f2b68";

@@ -1,4 +1,4 @@
-// What each channel variable of a call does, seen in the start packet and in the log.
+// The effect of each channel variable of a call on the start packet and on the log.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace {
 
 class ChannelVariables : public ModuleTest {
   protected:
-    // The start packet of a call with these variables, and sip_call_id besides.
+    // The start packet of a call with these variables and sip_call_id.
     Bytes start(Variables variables,
                 switch_call_direction_t direction = SWITCH_CALL_DIRECTION_INBOUND) {
         host::CallOptions options;
@@ -34,7 +34,7 @@ class ChannelVariables : public ModuleTest {
     // The features, supported and active, of a call with these variables.
     std::string features(const Variables& variables) { return field(start(variables), 78, 2); }
 
-    // What the variables were complained of.
+    // The lines that report faulty variables.
     Lines complaints() {
         Lines lines;
         for (const host::LogLine& line : host.log().lines()) {
@@ -152,7 +152,7 @@ TEST_F(ChannelVariables, RuleIdZeroIsARuleId) {
     EXPECT_EQ(field(packet, 6, 2), hex("00 80"));
 }
 
-// The number in front is stored although the flag stays clear.
+// The number before the other characters is stored although the flag stays clear.
 TEST_F(ChannelVariables, RuleIdWithSomethingBehindItIsIgnoredYetStored) {
     load("default_detection=true\ndefault_audio_activity=true\n");
     const Bytes packet = start({{"quorvane_rule_id", "12x"},

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks what the built module asks of the process that loads it and what it shows to it.
+# Checks which symbols the built module imports from the host, and which it exports.
 #
 #     check_symbols.sh PATH/mod_quorvane.so
 set -u
@@ -11,8 +11,8 @@ fail() {
     failures=$((failures + 1))
 }
 
-# The host functions that the module may use. Any other one would tie it to a host that
-# has it.
+# The host functions that the module may use. Any other function would restrict it to hosts that
+# have that function.
 allowed='
 switch_channel_direction
 switch_channel_get_cause
@@ -53,7 +53,7 @@ shown=$(nm --dynamic --defined-only --format=posix "$module" | awk '{ print $1 }
 [ "$shown" = mod_quorvane_module_interface ] ||
     fail "exports $(echo $shown), instead of mod_quorvane_module_interface alone"
 
-# A unique symbol would keep the module in memory for ever.
+# The dynamic linker never unmaps an object with a unique symbol.
 unique=$(readelf --dyn-syms --wide "$module" | awk '$5 == "UNIQUE" { print $8 }')
 [ -z "$unique" ] || fail "has unique symbols: $(echo $unique)"
 

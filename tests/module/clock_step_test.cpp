@@ -1,5 +1,5 @@
-// The wall clock jumps by hours, back and forth, while calls are made and tapped. The start
-// packet tells the wall clock as it was at its moments; nothing else depends on it.
+// The wall clock jumps back and forth by hours while calls are made and tapped. Only two fields
+// of the start packet depend on it: the times of creation and of configuration.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -21,7 +21,7 @@ namespace {
 using namespace std::chrono_literals;
 using host::Direction;
 
-// How far ahead of the true time the clock is, one after the other.
+// How far ahead of the true time the clock is, step by step.
 constexpr std::chrono::hours STEPS[] = {5h, -7h, 24h, -48h, 0h, 1h, -1h, 10000h};
 
 template <typename Clock>
@@ -42,7 +42,7 @@ std::int64_t send_time(const Bytes& packet) {
     return time_at(packet, 32);
 }
 
-// What a clock showed before and after something; its time must lie between.
+// The times of a clock before and after an action. The action's time must be between them.
 template <typename Clock>
 class Span {
   public:
@@ -71,7 +71,7 @@ class ClockStep : public ModuleTest {
         EXPECT_FALSE(call.feed(direction, samples.data(), 320).altered);
     }
 
-    // The packets' send times never go back, and none is outside the time of the test.
+    // The packets' send times never decrease, and all are within the time of the test.
     static void expect_steady(const std::vector<Bytes>& packets, const SteadySpan& whole) {
         std::int64_t before = 0;
         for (const Bytes& packet : packets) {
@@ -88,7 +88,7 @@ class ClockStep : public ModuleTest {
         }
     }
 
-    // Makes a call and taps it while the clock is ahead by so much.
+    // Creates and taps a call while the clock is ahead by these amounts.
     void expect_start_packet(std::chrono::hours at_creation, std::chrono::hours at_configuration) {
         WallClock::set_ahead(at_creation);
         WallSpan creation;
@@ -115,7 +115,7 @@ class ClockStep : public ModuleTest {
     WallClock clock;
 };
 
-// Without it the tests below would show nothing.
+// If the step did not work, the tests below would prove nothing.
 TEST_F(ClockStep, StepsTheWallClockAlone) {
     const std::int64_t wall = now_us<std::chrono::system_clock>();
     const std::int64_t steady = now_us<std::chrono::steady_clock>();
@@ -132,7 +132,7 @@ TEST_F(ClockStep, StartPacketTellsTheClockOfItsMoments) {
     load();
     expect_start_packet(0h, 0h);
     expect_start_packet(-3h, 2h);
-    expect_start_packet(3h, -2h);  // Configured before it was created.
+    expect_start_packet(3h, -2h);  // The time of configuration is before that of creation.
     expect_start_packet(10000h, 10000h);
     expect_start_packet(0h, 0h);
 }

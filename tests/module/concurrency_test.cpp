@@ -47,7 +47,7 @@ class Concurrency : public ModuleTest {
         return host.start_call(std::move(options));
     }
 
-    // Both legs on threads of the call's own, at 10 ms a frame.
+    // Plays both legs on the call's own threads, with 10 ms per frame.
     static void play(host::Call& call) {
         host::MediaPlan plan;
         plan.read = host::play_silence(FRAMES, SAMPLES);
@@ -56,7 +56,7 @@ class Concurrency : public ModuleTest {
         call.start_media(std::move(plan));
     }
 
-    // Issues commands for call after call until told to stop.
+    // Issues commands for one call after the other until `stop` is set.
     void command(const std::atomic<bool>& stop, const std::vector<std::string>& commands) {
         for (unsigned i = 0; !stop; ++i) {
             const std::string& words = commands[(i / CALLS) % commands.size()];
@@ -65,7 +65,7 @@ class Concurrency : public ModuleTest {
         }
     }
 
-    // Waits for the end of the packets; every call is whole.
+    // Waits for the last packet and checks that every call is complete.
     std::map<std::string, CallTransfer> finish() {
         std::map<std::string, CallTransfer> calls;
         for (const auto& [uuid, packets] : listener->finish()) {
@@ -77,7 +77,7 @@ class Concurrency : public ModuleTest {
         return calls;
     }
 
-    // The API finds no call, the ends of their channels find no context.
+    // The API finds no call, and the channel-destroy handler finds no context.
     void expect_empty_registry() {
         host.events().wait_drained();
         host.log().clear();
@@ -150,7 +150,7 @@ TEST_F(Concurrency, HangupsRaceWithMediaAndCommands) {
     for (int i = 0; i < 2; ++i) {
         operators.emplace_back([&] { command(stop, COMMANDS); });
     }
-    // Four threads run their calls one after the other: start, media, hang-up in between.
+    // Each of four threads runs its calls one after the other: start, media, hang-up.
     std::vector<std::thread> dialplans;
     dialplans.reserve(4);
     for (unsigned first = 0; first < 4; ++first) {
@@ -176,8 +176,8 @@ TEST_F(Concurrency, HangupsRaceWithMediaAndCommands) {
     expect_balance();
 }
 
-// The start packet and the commands before it meet on the context's lock: a request is in
-// the start packet or in a control packet, and none is lost.
+// The start packet and API commands compete for the context's lock. Each request is in the start
+// packet or in a control packet; none is lost.
 TEST_F(Concurrency, RequestsRaceWithTheStartPacket) {
     load();
     for (unsigned i = 0; i < CALLS; ++i) {

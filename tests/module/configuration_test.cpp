@@ -66,7 +66,7 @@ TEST_F(ModuleOptions, ByteOrderMarkBeforeANameIsWarnedOf) {
     EXPECT_EQ(log.lines.size(), 3U);
 }
 
-// Each range stands for 65536 hosts; a hundred thousand of them would take half a terabyte.
+// Each range stands for 65536 hosts. A hundred thousand ranges would take half a terabyte.
 TEST_F(ModuleOptions, ListOfPortRangesTakesNoMoreMemoryThanOne) {
     std::string value;
     for (int i = 0; i < 100000; ++i) {
@@ -192,7 +192,7 @@ TEST_F(ModuleOptions, LineWithoutAValueIsTheFlag) {
     EXPECT_EQ(config.dump_mode, DumpMode::CHANNEL_SHORT);
 }
 
-// The hook explains, but for this code the parser tells only that the format was wrong.
+// The hook gives an explanation, but for its code the parser logs only that the format is wrong.
 TEST_F(ModuleOptions, ExplanationOfABadValueDoesNotReachTheLog) {
     LogRecorder recorder;
     EXPECT_FALSE(config.parse_line("dump_events=Channel", 0));

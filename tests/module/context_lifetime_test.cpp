@@ -1,8 +1,9 @@
-// How long a call's context lives, whatever the order in which the host and others act.
+// The lifetime of a call's context, for every order in which the host and others act.
 //
-// A channel-destroy event takes the call's context out of the registry. The event can be
-// about another call than it seems, or about none: the context must outlive it while its
-// media bug is attached or its application runs. Run it under the address sanitizer, too.
+// A channel-destroy event erases the registry entry of the call's context. The event may name
+// another call's UUID, or no call may have ended. The context must therefore outlive the event
+// while its media bug is attached or its application runs. Run it under the address sanitizer,
+// too.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -34,7 +35,7 @@ class ContextLifetime : public ModuleTest {
         host.events().wait_drained();
     }
 
-    // Another call with this UUID, started and ended.
+    // Starts and ends another call with this UUID.
     void live_and_die(const std::string& uuid) {
         host::CallOptions options;
         options.uuid = uuid;
@@ -52,7 +53,7 @@ class ContextLifetime : public ModuleTest {
                "logic error!";
     }
 
-    // The call has lost its registry entry, with the line that says so, and nothing else.
+    // The call has lost only its registry entry, which the log reports.
     void expect_only_the_entry_lost(host::Call& call, const std::string& event_uuid) {
         EXPECT_EQ(take_log(), (Lines{found_configured(event_uuid)}));
         const Bytes frame(320);
@@ -90,7 +91,7 @@ TEST_F(ContextLifetime, CallOutlivesOneWithTheSameUuidWithoutDashes) {
     expect_only_the_entry_lost(*call, "3b9f6a527c1e4d809f2be4a1c05d8e37");
 }
 
-// As when the host takes the Call-ID of a plain SIP caller as the UUID.
+// This happens if the host uses the Call-ID of a SIP caller as the UUID.
 TEST_F(ContextLifetime, CallOutlivesOneWithTheSameUuidAndAHostNameBehindIt) {
     const auto call = start_tapped_call();
     const std::string call_id = std::string(UUID) + "@192.0.2.7";
@@ -132,7 +133,7 @@ TEST_F(ContextLifetime, DestroyEventCanComeAgainAndAgain) {
 
 // ---- an event that comes late -----------------------------------------------------
 
-// Holds the thread that delivers the events up to its end.
+// Blocks the thread that delivers events until it is destroyed.
 class HeldEvents {
   public:
     explicit HeldEvents(host::EmbeddedHost& host) : host_(host) {
@@ -186,7 +187,7 @@ TEST_F(ContextLifetime, StartOutlivesADestroyEvent) {
     EXPECT_TRUE(unload().left_memory);
 }
 
-// The API adds a context anew, under the key of the one that lost its entry; both end.
+// The API adds a new context under the key of the one that lost its entry. Both are freed.
 TEST_F(ContextLifetime, EntryAddedAnewEndsWithTheCall) {
     const auto call = start_tapped_call();
     fire_destroy({{"Unique-ID", UUID}});
@@ -201,7 +202,7 @@ TEST_F(ContextLifetime, EntryAddedAnewEndsWithTheCall) {
     EXPECT_TRUE(unload().left_memory);
 }
 
-// The application of every call races with events about all of them.
+// The application of every call races with destroy events about all calls.
 TEST_F(ContextLifetime, ApplicationsRaceWithDestroyEvents) {
     constexpr unsigned CALLS = 200;
     const auto uuid_of = [](unsigned number) {
@@ -290,8 +291,8 @@ TEST_F(ContextLifetime, BugThatIsLostBehindItsStartHoldsNothing) {
     EXPECT_TRUE(unload().left_memory);
 }
 
-// Without its timetable a call does not become configured, and the application runs again
-// on the same context, for a second bug.
+// Without its timetable a call is not marked as configured, so the application can run on the
+// same context again and attach a second bug.
 TEST_F(ContextLifetime, TwoBugsOfOneContextEndOneAfterTheOther) {
     host.faults().set(Fault::NO_TIMETABLE);
     const auto call = start_call();

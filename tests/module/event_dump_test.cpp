@@ -13,7 +13,7 @@ class EventDump : public ModuleTest {
   protected:
     using Headers = std::vector<std::pair<std::string, std::string>>;
 
-    // What an event makes the module write.
+    // The lines that the module writes for an event.
     Lines dump(int id, const Headers& headers, const std::string& body = "") {
         host.log().clear();
         host.events().fire({id, headers, body});
@@ -119,7 +119,7 @@ TEST_F(EventDump, ShortLineWithoutAnEventNameStopsBehindTheBlank) {
     EXPECT_EQ(dump(2, {}), (Lines{brief("[quorvane]:  ")}));
 }
 
-// The line is the format: what stands behind a "%" in a header is read by the host.
+// The short line is passed as the format, so the host interprets a "%" in a header.
 TEST_F(EventDump, PercentSignInAHeaderIsReadByTheHostInTheShortLineAlone) {
     load("dump_events=channel-short\n");
     EXPECT_EQ(dump(2, {{"Event-Name", "E"}, {"Unique-ID", "100%%"}}),

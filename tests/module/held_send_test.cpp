@@ -1,9 +1,8 @@
-// The module is unloaded and loaded while sends of live calls are on their way, and other
-// parts of the process open files and connections all the time: no byte of a call's audio may
-// reach one of those.
+// The module is unloaded and loaded while live calls are sending, and other parts of the process
+// keep opening files and connections. No byte of a call's audio may reach one of those.
 //
-// A send is held between the moment when it knows the descriptor's number and the system
-// call. Run it under the thread sanitizer, too.
+// The test holds a send between reading the descriptor's number and the system call. Run it
+// under the thread sanitizer, too.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -31,7 +30,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Opens TCP connections and files, as any part of the switch does, and looks at what came.
+// Opens TCP connections and files, as any part of the switch does, and checks what they receive.
 class Bystander {
   public:
     Bystander() : listener_(::socket(AF_INET, SOCK_STREAM, 0)) {
@@ -170,7 +169,7 @@ TEST_F(HeldSend, NoByteOfItReachesAnotherConnectionOrFileOfTheProcess) {
         call->hangup();
     }
 
-    // Every send either failed or is at the media node.
+    // Every send either failed or reached the media node.
     long sent = 0;
     std::size_t failed = 0;
     for (const SeenCall& call : system_calls.seen("sendto")) {

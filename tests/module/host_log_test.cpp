@@ -109,7 +109,7 @@ TEST_F(HostLog, LineOfTheGlueNamesItsFunction) {
     EXPECT_EQ(lines(), (tests::Lines{"NOTICE log host_log_test.cpp:some_function x"}));
 }
 
-// Notes that it was put into a line.
+// Records that it was inserted into a line.
 struct Piece {
     bool& composed;
 };

@@ -1,5 +1,5 @@
-// The system fails the module while it is loaded: what is told, that the load is refused
-// where it has to be, and that the host lives and loads the module once the fault is gone.
+// System calls fail while the module is loaded. The tests check what is logged, that the load
+// fails where it has to, and that the host survives and loads the module once the fault is gone.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/fsuid.h>
@@ -35,8 +35,8 @@ std::string load_line(const std::string& level, const std::string& text) {
 const std::string LOAD_FAILED =
     load_line("ERROR", std::string("failed to load config file [") + CONFIG_PATH + "]");
 
-// Has the file system deny the calling thread what it denies to nobody in particular; the
-// superuser is denied nothing.
+// Makes the calling thread an ordinary user for the file system, because the superuser may open
+// every file.
 class Nobody {
   public:
     Nobody() : before_(::setfsuid(65534)) {}
@@ -50,7 +50,7 @@ class Nobody {
 
 class LoadFault : public ModuleTest {
   protected:
-    // The lines of a load that is refused, behind the one that tells the build.
+    // The lines of a load that fails, after the line with the build version.
     Lines refused_load() {
         host.log().clear();
         const host::LoadResult result = try_load();
@@ -65,7 +65,7 @@ class LoadFault : public ModuleTest {
 
     void expect_not_opened() { EXPECT_EQ(refused_load(), (Lines{FAILED_TO_OPEN, LOAD_FAILED})); }
 
-    // The fault is gone: the module loads, and taps a call.
+    // Checks that the module loads and taps a call once the fault is gone.
     void expect_to_load_now() {
         load();
         const auto call = start_tapped_call();
@@ -84,7 +84,7 @@ class LoadFault : public ModuleTest {
 
 // ---- the configuration file -----------------------------------------------------------
 
-// What the manual page of open(2) names for a file that is only read.
+// The errors that open(2) lists for a file that is only read.
 TEST_F(LoadFault, EveryErrorOfOpeningTheConfigurationFailsTheLoad) {
     for (const int error : {EPERM,  ENOENT, EINTR,   EIO,          ENXIO,   EAGAIN,   ENOMEM,
                             EACCES, EFAULT, EBUSY,   ENODEV,       ENOTDIR, EISDIR,   EINVAL,
@@ -159,7 +159,7 @@ TEST_F(LoadFault, AConfigurationThatIsAFolderIsAnEmptyOne) {
                                     CONFIG_PATH + "] is a folder: default values are used");
 }
 
-// A file ends where it can no longer be read.
+// A file that can no longer be read ends there.
 TEST_F(LoadFault, EveryErrorOfReadingTheConfigurationEndsItThere) {
     for (const int error : {EIO, EBADF, EAGAIN, EINVAL, EFAULT, EISDIR, ENOMEM}) {
         SCOPED_TRACE(error);
@@ -235,7 +235,7 @@ TEST_F(LoadFault, EveryErrorOfBindingTheSocketFailsTheLoad) {
         EXPECT_EQ(lines, (Lines{READING, load_line("NOTICE", "configuration loaded"),
                                 "ERROR log net_socket.cpp:- SOCKET[" + std::to_string(descriptor) +
                                     "]: failed to bind a socket, " + error.text}));
-        // The object is gone again, and its socket with it.
+        // The shared object was unmapped again, and its socket closed.
         ASSERT_EQ(calls.seen("close").size(), 1U);
         EXPECT_EQ(calls.seen("close")[0].numbers, (std::vector<long>{descriptor}));
     }

@@ -1,4 +1,4 @@
-// Load and shutdown of the module as a whole, in all orders and failures.
+// Load and shutdown of the complete module, in every order and with every failure.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -34,7 +34,7 @@ const std::string CONFIG_FAILED =
 
 class ModuleLoad : public ModuleTest {
   protected:
-    // The lines behind the first one, which must tell the build.
+    // The lines after the first one, which must have the build version.
     Lines take_load_log() {
         Lines lines = take_log();
         if (lines.empty() || !std::regex_match(lines.front(), std::regex(BUILD_VERSION))) {
@@ -79,7 +79,7 @@ TEST_F(ModuleLoad, EmptyFileLoadsWithTheDefaults) {
     EXPECT_EQ(api("default_detection"), "\n");
 }
 
-// Notices and what is worse pass every level that the file can set.
+// Every level that the file can set admits notices and more severe lines.
 TEST_F(ModuleLoad, LevelErrorLoadsAndStillTellsTheBuildAndTheSteps) {
     configure("log_level=ERROR\n");
     EXPECT_TRUE(try_load().loaded);
@@ -97,7 +97,7 @@ TEST_F(ModuleLoad, LevelOfTheFileRulesFromThenOn) {
                                               std::string("app context added, id: ") + KEY)}));
 }
 
-// While the file is read the default level still holds.
+// The default level still applies while the file is read.
 TEST_F(ModuleLoad, LevelOfTheFileDoesNotSilenceTheFilesOwnWarnings) {
     configure("log_level=ERROR\nfoo=1\n");
     EXPECT_TRUE(try_load().loaded);
@@ -115,7 +115,7 @@ TEST_F(ModuleLoad, ApplicationHasItsTexts) {
     EXPECT_EQ(application.flags, 0U);
 }
 
-// The misspelling in the syntax is the text's own.
+// The syntax text keeps its misspelling.
 TEST_F(ModuleLoad, ApiHasItsTexts) {
     load();
     ASSERT_EQ(host.apis().size(), 1U);
@@ -263,7 +263,7 @@ TEST_F(ModuleLoad, FailedBindingOfTheDumpFailsTheLoadAndLeavesTheOtherBound) {
     expect_refused(result);
     EXPECT_EQ(take_load_log().back(),
               load_line("RAW [quorvane]: couldn't bind event hook!\n", "ERROR"));
-    // The hook points into the object, which therefore stays.
+    // The hook points into the shared object, which therefore stays mapped.
     EXPECT_FALSE(result.left_memory);
 }
 
@@ -289,8 +289,8 @@ TEST_F(ModuleLoad, LoadSucceedsOnceTheFaultIsGone) {
 
 // ---- without the host's loader ----------------------------------------------------
 
-// Opens the module and calls its functions itself, so that a test can look at what a
-// failed load leaves before the object is closed.
+// Opens the module and calls its functions directly, so that a test can check what a failed
+// load leaves behind before the object is closed.
 class LoadByHand : public ModuleLoad {
   protected:
     LoadByHand() {
@@ -374,7 +374,7 @@ TEST_F(LoadByHand, ShutdownAfterAFailedSocketIsHarmless) {
     EXPECT_TRUE(calls.seen("close").empty());
 }
 
-// What an earlier failure left behind does not come twice.
+// A later load replaces the hook that a failed load left, so that there are not two of it.
 TEST_F(LoadByHand, LoadAfterAFailedSecondBindingLeavesTwoBindings) {
     configure("dump_events=all\n");
     host.faults().set(Fault::BIND_ALL_FAILS);
@@ -384,7 +384,7 @@ TEST_F(LoadByHand, LoadAfterAFailedSecondBindingLeavesTwoBindings) {
     EXPECT_EQ(host.report().bindings_alive, 2U);
 }
 
-// A bind that failed keeps its descriptor, so that the next load finds an open socket.
+// The socket keeps its descriptor after a failed bind, so the next load finds it open.
 TEST_F(LoadByHand, LoadAfterAFailedBindOfTheSocketTakesTheSocketThatIsThere) {
     configure("");
     SystemCalls calls;

@@ -50,7 +50,7 @@ TEST_F(MediaBug, WholeCallGoesOutByteForByte) {
               "+OK, audio_activity: updated: old = 204, new = 192");
     hangup(*call);
 
-    // The start packet's times of configuration, bytes 48 to 63, are of this run.
+    // Bytes 48 to 63 of the start packet, the times of configuration, differ in every run.
     Bytes start = node.receive();
     const Bytes golden_start = golden("call_1_start");
     ASSERT_GE(start.size(), 64U);
@@ -108,7 +108,7 @@ TEST_F(MediaBug, EndedCallIsNotRegisteredAnyMore) {
     const auto call = start_tapped_call();
     hangup(*call);
     take_log();
-    // A second end of the channel finds nothing.
+    // A second channel-destroy event finds no context.
     host.events().fire({SWITCH_EVENT_CHANNEL_DESTROY, {{"Unique-ID", UUID}}, ""});
     host.events().wait_drained();
     EXPECT_TRUE(take_log().empty());
@@ -210,7 +210,7 @@ TEST_F(MediaBug, OtherEventsDoNothingAndKeepTheBug) {
 TEST_F(MediaBug, WithoutABugOrUserDataEveryEventIsRefusedAndDoesNothing) {
     const auto call = start_tapped_call();
     const host::BugInfo bug = call->bugs().front();
-    // Any address will do: it must not be looked at.
+    // Any address will do: the module must not use it.
     auto* const some_bug = reinterpret_cast<switch_media_bug_t*>(&node);
     for (int type = 0; type <= 8; ++type) {
         const auto event = static_cast<switch_abc_type_t>(type);
@@ -255,8 +255,8 @@ TEST_F(MediaBug, RequestsOfTheApiAreMergedIntoTheStartPacket) {
     call_api("audio_activity stop orig");
     call_api("detection start term");
     call->execute("quorvane");
-    // Recording and audio activity of the terminator as they were, the originator's
-    // stopped, sample detection of the terminator added.
+    // Recording and the terminator's audio activity are unchanged, the originator's audio activity
+    // has stopped, and the terminator's sample detection is added.
     EXPECT_EQ(field(node.receive(), 78, 2), hex("ec e8"));
     EXPECT_EQ(call_api("features"), "RRS-Aa\n");
 }
@@ -267,7 +267,7 @@ TEST_F(MediaBug, FailedStartLeavesTheFeaturesOpenToRequests) {
     calls.next("sendto", Outcome::fail(ENETUNREACH));
     call_api("audio_activity start orig");
     call->execute("quorvane");
-    // No start packet has gone: the supported legs may still change, nothing is sent.
+    // No start packet was sent, so the supported legs may still change and nothing is sent.
     EXPECT_EQ(call_api("audio_activity start term"),
               "+OK, audio_activity: updated: old = 4, new = 12");
     EXPECT_TRUE(node.receive_all().empty());

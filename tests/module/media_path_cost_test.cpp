@@ -1,7 +1,7 @@
-// What a frame may cost: no allocation, no lock, no wait, one copy, one system call for
-// each datagram. The calls that would break this are counted as the module makes them.
+// The cost limits of a frame: no allocation, no lock, no wait, and one copy and one system call
+// per datagram. The tests count the calls of the module that would exceed them.
 
-// The checking forms of the calls would be defined a second time.
+// Fortified headers define these functions inline, which would conflict with the ones below.
 #undef _FORTIFY_SOURCE
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -92,7 +92,7 @@ class MediaPathCostTest : public ::testing::Test {
         context.media_node.sin_family = AF_INET;
         context.media_node.sin_port = htons(node.port());
         context.media_node.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        send(320);  // What is looked up at the first use is there from now on.
+        send(320);  // The first use also does one-time work, which is not to be counted.
     }
 
     Counts send(std::uint32_t size) {
@@ -139,7 +139,7 @@ TEST_F(MediaPathCostTest, AFrameIsOneSendAndNothingElse) {
 }
 
 TEST_F(MediaPathCostTest, ASplitFrameIsOneSendAChunk) {
-    // The warning of the split would allocate; with warnings off nothing does.
+    // The warning about the split would allocate memory, so warnings are switched off.
     const log::Level before = log::Logger::m_instance.level;
     log::Logger::set_level(log::ERROR);
     const Counts cost = send(3000);

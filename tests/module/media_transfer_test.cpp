@@ -38,7 +38,7 @@ Bytes counting(int first, std::size_t samples) {
     return bytes;
 }
 
-// A frame as the host hands it out.
+// A frame as the host passes it to the module.
 class Frame {
   public:
     explicit Frame(Bytes bytes, const char* codec_name = "PCMU") : bytes_(std::move(bytes)) {

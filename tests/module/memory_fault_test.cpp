@@ -1,5 +1,5 @@
-// Memory runs out in the module, one allocation after the other: the call goes on, the
-// module answers and logs, and nothing is left over.
+// Each allocation of the module fails in turn: the call goes on, the module answers and logs,
+// and nothing is left over.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -24,7 +24,7 @@ class MemoryFaultTest : public ModuleTest {
   protected:
     static constexpr std::size_t MANY = 500;
 
-    // One call has run already: what the module and its library keep for later is there.
+    // Runs one call first, so that the module and its library have allocated what they keep.
     void load_and_watch(const std::string& options = "") {
         load(options);
         hangup(*start_tapped_call());
@@ -36,8 +36,8 @@ class MemoryFaultTest : public ModuleTest {
         ::dlclose(module);
     }
 
-    // Runs `act` with allocation 0, 1, 2... failing until it makes no further one, and
-    // `after` behind each run. Returns the number of runs with a failure.
+    // Runs `act` again and again, with allocation 0, 1, 2... failing, until it makes fewer
+    // allocations. Runs `after` after each run. Returns the number of runs with a failure.
     template <typename Act, typename After>
     std::size_t fail_each(Act act, After after) {
         for (std::size_t index = 0; index < MANY; ++index) {
@@ -67,7 +67,7 @@ class MemoryFaultTest : public ModuleTest {
 
     void forget_packets() { node.receive_all(std::chrono::milliseconds(0)); }
 
-    // The call's audio, never the same twice, passes unaltered whether it is tapped or not.
+    // Feeds different audio each time and checks that the call gets it unchanged, tapped or not.
     void feed(host::Call& call) {
         for (const host::Direction direction : {host::Direction::READ, host::Direction::WRITE}) {
             for (std::int16_t& sample : samples) {
@@ -77,7 +77,7 @@ class MemoryFaultTest : public ModuleTest {
         }
     }
 
-    // Nothing is left of the call: the next one is tapped as usual.
+    // Checks that nothing is left of the call: the next one is tapped as usual.
     void expect_next_call_is_tapped() {
         forget_packets();
         auto call = start_tapped_call();
@@ -86,7 +86,7 @@ class MemoryFaultTest : public ModuleTest {
         host.log().clear();
     }
 
-    // What was logged: each line whole, or the one that stands for it.
+    // Checks that each logged line is complete, or is the fixed line that replaces it.
     void expect_whole_lines(const std::vector<std::string>& whole) {
         for (const std::string& line : take_log()) {
             const std::string text =
@@ -195,8 +195,8 @@ TEST_F(MemoryFaultTest, AFrameNeedsNoMemory) {
     EXPECT_EQ(node.receive_types(), "8383");
 }
 
-// Memory and the network are short at the same time: nothing may come out of the module but
-// its results, for the host's own functions stand between it and anybody who could catch it.
+// An allocation and a send fail at the same time. No exception may leave the module: it would
+// have to pass through the host's C functions.
 TEST_F(MemoryFaultTest, ASendThatFailsIsToldWithoutMemoryOrInOneFixedLine) {
     load_and_watch();
     std::unique_ptr<host::Call> call;

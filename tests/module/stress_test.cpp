@@ -1,7 +1,7 @@
-// Hundreds of calls that start, end and are destroyed while API threads send commands of
-// all kinds to calls that live, die, are dead or never were; contexts that the API makes
-// first, applications run twice, starts that fail. Nothing is left behind, and what each
-// call sent is whole, in order and its own. Run it under the sanitizers.
+// Hundreds of calls start and end while API threads send commands of all kinds to calls that are
+// running, ending, over or unknown. The API creates some contexts first, some applications run
+// twice, some starts fail. Nothing may be left behind, and what each call sends must be complete,
+// in order and its own. Run it under the sanitizers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -39,14 +39,14 @@ const std::vector<std::string> WORDS = {
     "detection start", "audio_activity start orig", "detection stop term start orig",
     "detection",       "audio_activity halt",       "nonsense"};
 
-// The calls' UUIDs are counted through, so that any thread can name any of them.
+// The calls' UUIDs are numbered, so that any thread can name any call.
 std::string uuid_of(unsigned number) {
     char text[37];
     std::snprintf(text, sizeof(text), "57e55000-0000-4000-8000-%012x", number);
     return text;
 }
 
-// The same as the packets carry it.
+// The same UUID as it is in the packets.
 std::string packet_uuid_of(unsigned number) {
     std::string text = uuid_of(number);
     text.erase(std::remove(text.begin(), text.end(), '-'), text.end());
@@ -70,7 +70,7 @@ Bytes audio(unsigned call, std::size_t leg, std::size_t samples) {
     return bytes;
 }
 
-// The samples of one leg of a call, in frames of several sizes: one of them empty, one too
+// The samples of one leg of a call, in frames of several sizes: one is empty, and one is too
 // large for a packet.
 class NumberedFrames : public host::FrameSource {
   public:
@@ -98,9 +98,9 @@ class NumberedFrames : public host::FrameSource {
     std::size_t position_ = 0;
 };
 
-// ---- what was done to a call --------------------------------------------------------
+// ---- the record of a call -----------------------------------------------------------
 
-// What the host handed to the module's bug on one leg, as packets should show it.
+// What the host passed to the module's bug on one leg, as the packets should show it.
 struct Delivered {
     std::uint32_t packets = 0;
     std::uint32_t samples = 0;
@@ -124,19 +124,19 @@ class DeliveryCounter : public host::FrameObserver {
     Delivered legs[2];
 };
 
-// A command that the API said it had carried out: the active features before and after.
+// A command that the API confirmed: the active features before and after.
 using Switch = std::pair<unsigned, unsigned>;
 
 struct CallRecord {
     bool tapped = false;
-    unsigned configured = 0;  // The active features that its variables ask for.
+    unsigned configured = 0;  // The active features that its variables request.
     Delivered legs[2];        // Once the call is over.
 
     std::atomic<bool> ending{false};
-    std::mutex lock;                 // Guards all below.
-    std::vector<unsigned> requests;  // Active features after those that sent no packet.
-    std::vector<Switch> switches;    // Those that sent a control packet.
-    unsigned late_switches = 0;      // Of these: answered when the call was already ending.
+    std::mutex lock;                 // Guards the members below.
+    std::vector<unsigned> requests;  // Active features after commands that sent no packet.
+    std::vector<Switch> switches;    // Commands that sent a control packet.
+    unsigned late_switches = 0;      // How many of these were answered after the end began.
 };
 
 // ---- the test -----------------------------------------------------------------------
@@ -145,7 +145,7 @@ class Stress : public ModuleTest {
   protected:
     Stress() : records(CALLS), listener(std::make_unique<MediaListener>(node)) {}
 
-    // One call after the other, of all kinds.
+    // Runs calls of all kinds, one after the other.
     void run_calls(unsigned thread) {
         std::minstd_rand random(thread + 1);
         for (unsigned i = 0; i < CALLS_A_THREAD; ++i) {
@@ -170,14 +170,14 @@ class Stress : public ModuleTest {
             options.variables["quorvane_media_node"] = "no address";
         }
         if (kind == 1) {
-            options.variables["sip_call_id"] = std::string(2000, 'x');  // Its start fails.
+            options.variables["sip_call_id"] = std::string(2000, 'x');  // Makes its start fail.
         }
         newest = number;
         const auto call = host.start_call(std::move(options));
         if (kind == 2) {
             command(number, "audio_activity start");
         }
-        if (kind != 3) {  // Of this kind only the API may speak.
+        if (kind != 3) {  // Calls of kind 3 get API commands only.
             call->execute("quorvane");
         }
         if (kind == 4) {
@@ -186,8 +186,8 @@ class Stress : public ModuleTest {
         play(*call, number, static_cast<unsigned>(random() % 40));
     }
 
-    // Both legs at once, on threads of the call's own, and then the end; every other call
-    // ends in the middle.
+    // Plays both legs at the same time, on the call's own threads, and then hangs up. Every other
+    // call is hung up while it plays.
     void play(host::Call& call, unsigned number, unsigned frames) {
         const auto counter = std::make_shared<DeliveryCounter>();
         host::MediaPlan plan;
@@ -206,7 +206,7 @@ class Stress : public ModuleTest {
         std::copy(std::begin(counter->legs), std::end(counter->legs), std::begin(record.legs));
     }
 
-    // Mostly to calls that are alive or just gone.
+    // Sends most commands to calls that are running or have just ended.
     void run_commands(unsigned seed) {
         std::minstd_rand random(100 + seed);
         while (threads_left > 0) {
@@ -217,7 +217,7 @@ class Stress : public ModuleTest {
         }
     }
 
-    // Sends a command and keeps what came of it.
+    // Sends a command and records its result.
     void command(unsigned number, const std::string& words) {
         const std::string answer = api(uuid_of(number) + " " + words);
         const std::size_t result = answer.find(": old = ");
@@ -237,7 +237,7 @@ class Stress : public ModuleTest {
         }
     }
 
-    // ---- afterwards: no other thread runs any more
+    // ---- afterwards, when no other thread runs
 
     void expect_nothing_left_behind() {
         const host::Report report = host.report();
@@ -247,7 +247,7 @@ class Stress : public ModuleTest {
         EXPECT_GT(report.bugs_refused, 0U);
         EXPECT_EQ(report.sessions_alive, 0U);
         EXPECT_EQ(report.frames_altered, 0U);
-        // The end of a channel would find a context that is left in the registry.
+        // The channel-destroy handler would have reported a context that was left over.
         host.events().wait_drained();
         host.log().clear();
         host.log().set_recording(true);
@@ -257,11 +257,11 @@ class Stress : public ModuleTest {
         }
         host.events().wait_drained();
         EXPECT_FALSE(host.log().contains("on channel destroy"));
-        // A module with a media bug that it still counts would stay mapped.
+        // The module would stay mapped if it still counted a media bug.
         EXPECT_TRUE(unload().left_memory);
     }
 
-    // Calls that were not tapped sent nothing, all others all of it.
+    // Checks that calls that were not tapped sent nothing, and all others all of their audio.
     void expect_whole_transfers() {
         const MediaListener::Packets& packets = listener->finish();
         ASSERT_EQ(node.dropped(), 0U)
@@ -296,8 +296,8 @@ class Stress : public ModuleTest {
         expect_accepted_controls(record, transfer);
     }
 
-    // What no request brought is as the variables say. A request may also only take away:
-    // "nothing to update" is then the answer.
+    // Checks that each active feature of the start was requested, by a command or by the
+    // variables. If there were commands, some may be missing: a command may also stop features.
     static void expect_requested_start(const CallRecord& record, const CallTransfer& transfer) {
         unsigned asked_for = record.configured;
         for (const unsigned request : record.requests) {
@@ -309,9 +309,9 @@ class Stress : public ModuleTest {
         }
     }
 
-    // A control packet for each switch and none besides: each takes up where the one before
-    // left off. The API may still carry out a command while the call ends; only the packet
-    // of such a one may come behind the terminate.
+    // Checks that there is one control packet for each switch and no other, and that each starts
+    // from the features of the previous one. The API may carry out a command while the call ends;
+    // only such a command's packet may follow the terminate packet.
     void expect_accepted_controls(const CallRecord& record, const CallTransfer& transfer) {
         std::vector<Switch> sent;
         unsigned active = transfer.start.active;
@@ -329,7 +329,7 @@ class Stress : public ModuleTest {
         late_seen += transfer.controls_after_terminate;
     }
 
-    std::vector<CallRecord> records;  // Of each call, by its number.
+    std::vector<CallRecord> records;  // Indexed by the number of the call.
     std::unique_ptr<MediaListener> listener;
     std::atomic<unsigned> threads_left{CALL_THREADS};
     std::atomic<unsigned> newest{0};

@@ -1,5 +1,5 @@
-// The system fails the module while a call is tapped: what is told, what the call's audio
-// feels of it (nothing), and that the next packet is tried as if nothing had been.
+// System calls fail while a call is tapped. The tests check what is logged, that the call's audio
+// is not affected, and that the module tries to send the next packet as usual.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -29,7 +29,7 @@ using host::Direction;
 
 class SystemFault : public ModuleTest {
   protected:
-    // A frame of 160 samples, other ones each time; the call gets every sample back as it was.
+    // Feeds 160 samples, different ones each time, and checks that the call gets them unchanged.
     void feed(host::Call& call, Direction direction) {
         std::vector<std::int16_t> samples(160);
         for (std::int16_t& sample : samples) {
@@ -45,8 +45,8 @@ class SystemFault : public ModuleTest {
         EXPECT_EQ(handed_out, samples);
     }
 
-    // Lets the first send fail while `act` runs. It is made once and told in one line; the
-    // other lines are given back.
+    // Makes the first send fail while `act` runs. Checks that the module sends once and logs one
+    // line about it. Returns the other lines.
     template <typename Act>
     Lines fail_to_send(const SystemError& error, std::size_t size, Act act) {
         SystemCalls calls;
@@ -63,7 +63,7 @@ class SystemFault : public ModuleTest {
             ADD_FAILURE() << "the error was not told";
             return lines;
         }
-        // The address of the data is a number that only the sender knows.
+        // The address of the data differs in every run.
         EXPECT_EQ(std::regex_replace(*told, std::regex(": [0-9]+\\)"), ": ADDRESS)"),
                   "ERROR log net_socket.cpp:- SOCKET[" + std::to_string(descriptor) +
                       "]: failed to send a data (" + std::to_string(size) + ": ADDRESS), " +
@@ -99,7 +99,7 @@ TEST_F(SystemFault, EveryErrorOfSendingCostsOneFrameAndTwoLines) {
                 (Lines{bug_line("ERROR", "media transfer failed to send " + name + " frame")}));
 
             feed(*call, direction);
-            sequence_number += 2;  // The lost packet has counted.
+            sequence_number += 2;  // The lost packet has a number, too.
             const Bytes packet = node.receive();
             ASSERT_EQ(packet.size(), 370U);
             EXPECT_EQ(packet[40], sequence_number);
@@ -133,7 +133,7 @@ TEST_F(SystemFault, EveryErrorOfSendingTheStartLeavesTheCallUntapped) {
     start_tapped_call();
 }
 
-// What becomes of the packet is not asked for: the switch itself has been carried out.
+// The command ignores whether its packet was sent: the features are switched in any case.
 TEST_F(SystemFault, EveryErrorOfSendingAControlPacketLeavesTheSwitchCarriedOut) {
     load();
     const auto call = start_tapped_call(
@@ -168,7 +168,7 @@ TEST_F(SystemFault, EveryErrorOfSendingTheTerminateStillEndsTheTap) {
         feed(*call, Direction::READ);
         EXPECT_EQ(node.receive_types(), "83");
         const Lines lines = fail_to_send(error, 40, [&] { hangup(*call); });
-        // Nothing more: the context was not left to the end of the channel.
+        // No line of the channel-destroy handler: the context was freed before.
         EXPECT_EQ(lines, (Lines{bug_line("ERROR", "media transfer termination failed"),
                                 bug_line("INFO", "transfered 320/0 bytes of media")}));
         EXPECT_TRUE(node.receive_all(std::chrono::milliseconds(0)).empty());
@@ -221,7 +221,7 @@ TEST_F(SystemFault, AnErrorBehindAPartialCountLosesTheRestOfThePacket) {
 
 TEST_F(SystemFault, AMediaNodeThatIsAwayCostsTheCallNothing) {
     load();
-    // Nobody listens there any more.
+    // The address of a node that no longer exists.
     const std::string address = MediaNode().address();
     const auto call = start_call({{"quorvane_media_node", address}});
     ASSERT_TRUE(call->execute("quorvane"));
@@ -235,7 +235,7 @@ TEST_F(SystemFault, AMediaNodeThatIsAwayCostsTheCallNothing) {
     EXPECT_TRUE(host.log().contains("bytes of media"));
 }
 
-// ---- a network that does not take the datagrams ---------------------------------------
+// ---- a network that refuses datagrams --------------------------------------------------
 
 // The node is at 127.0.0.1, in the test's own network.
 class NetworkFault : public OwnNetwork, public SystemFault {
@@ -247,8 +247,8 @@ class NetworkFault : public OwnNetwork, public SystemFault {
         load();
     }
 
-    // The lines of what the module tells while `act` runs, without the numbers that only the
-    // system knows. `act` does not wait.
+    // The lines that the module logs while `act` runs, without the numbers that differ in every
+    // run. `act` must not wait.
     template <typename Act>
     Lines lines_of(Act act) {
         host.log().clear();
@@ -269,8 +269,8 @@ class NetworkFault : public OwnNetwork, public SystemFault {
                std::to_string(size) + ": ADDRESS), " + error;
     }
 
-    // A tapped call, every packet of which the system refuses from now on, feels nothing and
-    // is told of each; another one is not tapped.
+    // The system refuses every packet from now on. Checks that the audio of a tapped call is not
+    // affected, that each failure is logged for it, and that another call is not tapped.
     void expect_refusals(host::Call& call, const std::string& error) {
         for (const Direction direction : {Direction::READ, Direction::WRITE}) {
             const std::string name = direction == Direction::READ ? "read" : "write";
@@ -329,7 +329,7 @@ class FullSendBuffer : public NetworkFault {
         FAIL() << "there was room for all";
     }
 
-    // The media nodes answer, and what waited for them leaves.
+    // Makes the media nodes answer, so that the datagrams that waited for them are sent.
     void empty_the_buffer() {
         for (std::size_t i = 0; i < waiting.size(); ++i) {
             answer_from(static_cast<int>(i) + 2);
@@ -351,7 +351,7 @@ TEST_F(FullSendBuffer, CostsPacketsButNoTime) {
     EXPECT_EQ(lines_of([&] { feed(*call, Direction::READ); }), Lines{});
     Bytes packet = node.receive();
     ASSERT_EQ(packet.size(), 370U);
-    EXPECT_EQ(packet[40], 3U);  // The lost one has counted.
+    EXPECT_EQ(packet[40], 3U);  // The lost packet has a number, too.
     EXPECT_EQ(field(packet, 44, 4), "40010000");
     feed(*call, Direction::WRITE);
     packet = node.receive();
@@ -361,7 +361,7 @@ TEST_F(FullSendBuffer, CostsPacketsButNoTime) {
     EXPECT_EQ(node.receive_types(), "82");
 }
 
-// The start waits for the room that a frame does not wait for.
+// The start packet waits for room in the buffer; a frame does not.
 TEST_F(FullSendBuffer, DoesNotKeepACallFromBeingTappedWhenThereIsRoomInTime) {
     fill_the_buffer();
     const auto call = start_call(variables);
@@ -429,7 +429,7 @@ TEST_F(NetworkFault, AMediaNodeWithoutARouteIsToldAndFoundAgain) {
         EXPECT_EQ(lines_of([&] { feed(*call, Direction::READ); }), Lines{});
         const Bytes packet = node.receive();
         ASSERT_EQ(packet.size(), 370U);
-        EXPECT_EQ(packet[40], sequence_number += 2);  // The lost one has counted.
+        EXPECT_EQ(packet[40], sequence_number += 2);  // The lost packet has a number, too.
     }
 }
 
@@ -460,7 +460,8 @@ class NoDescriptorLeft : public SystemFault {
         }
     }
 
-    // What came, by call, is whole: so many frames on each leg, and so many switches.
+    // Checks that the call's packets are complete, with this many frames on each leg and this many
+    // switches.
     void expect_whole(MediaListener& listener, const std::string& packet_uuid, unsigned frames,
                       std::size_t switches) {
         const MediaListener::Packets& calls = listener.finish();
@@ -551,7 +552,7 @@ TEST_F(NoDescriptorLeft, AnUnloadStillKeepsTheModuleForItsCalls) {
 TEST_F(SystemFault, AWallClockThatStepsBackIsPassedOnAsItIs) {
     load();
     host::CallOptions options;
-    options.created = 4102444800000000;  // In the year 2100: the clock has stepped since.
+    options.created = 4102444800000000;  // In the year 2100, as if the clock had been set back.
     const auto call = start_call_as(std::move(options));
     call->execute("quorvane");
     const Bytes start = node.receive();

@@ -1,5 +1,5 @@
-// The host unloads the module while the last tapped call is just ending: its context is in
-// the registry no more, but the handler has not returned yet.
+// The host unloads the module while the last tapped call ends: the call's context is no longer
+// in the registry, but the handler has not returned yet.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -11,13 +11,13 @@
 
 namespace {
 
-// Run once when the next context is given back, on the thread that does so.
+// Called once, when the next context is freed, on the thread that frees it.
 std::function<void()> on_release;
 
 }  // namespace
 
-// A context is the one thing that the module aligns: its directions have cache lines of
-// their own.
+// Only contexts use the aligned operator delete: each of their directions has its own cache
+// line.
 __attribute__((visibility("default"))) void operator delete(void* memory, std::size_t /*size*/,
                                                             std::align_val_t /*a*/) noexcept {
     if (on_release) {

@@ -1,7 +1,7 @@
 // Unloading, with and without calls, and loading again.
 //
-// The host counts no media bug as a use of the module: it unloads one whose calls are
-// still tapped. The object must stay in memory for them, and must not stay otherwise.
+// The host unloads a module even while its media bugs are attached. The shared object must stay
+// mapped while calls are tapped, and must be unmapped otherwise.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -12,9 +12,9 @@
 
 #include "tests/support/module_test.h"
 
-// The object ends at the end of a thread, and the next load maps a new one at the same place.
-// The dynamic linker has a lock between the two, which the thread sanitizer does not see: it takes
-// the new object's construction and first accesses for races with the old one's end.
+// The shared object is unmapped at the end of a thread, and the next load may map it at the same
+// address. A lock of the dynamic linker orders the two, but the thread sanitizer does not see it
+// and reports the new object's first accesses as races with the old object's destruction.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the name is given.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
     return "race:__call_tls_dtors\nrace:call_init\n";
@@ -35,7 +35,7 @@ class Unload : public ModuleTest {
         call.feed(Direction::READ, frame.data(), frame.size());
     }
 
-    // Another call than the usual one.
+    // A second call beside the usual one.
     static host::CallOptions other_call() {
         host::CallOptions options;
         options.uuid = "c2d8e1f4-7a06-45b3-a190-9c3d5e7f2b68";
@@ -50,8 +50,8 @@ class Unload : public ModuleTest {
         return object != nullptr;
     }
 
-    // Ends the call on a thread of its own, as a session's is, which has ended, too, when
-    // this returns.
+    // Ends the call on a thread of its own, as a session has one. The thread has ended when this
+    // function returns.
     void hangup_on_own_thread(host::Call& call) {
         std::thread([&] { hangup(call); }).join();
     }
@@ -92,7 +92,7 @@ TEST_F(Unload, ModuleIsGoneForTheHost) {
     EXPECT_FALSE(call->execute("quorvane"));
     EXPECT_EQ(host.report().bindings_alive, 0U);
     hangup(*call);
-    EXPECT_EQ(host.log().lines().size(), 1U);  // the shutdown's
+    EXPECT_EQ(host.log().lines().size(), 1U);  // The line of the shutdown.
 }
 
 TEST_F(Unload, LoadUnloadManyTimesLeavesNothing) {
@@ -153,7 +153,7 @@ TEST_F(Unload, LaterLoadStreamsTheCallOn) {
     feed(*call);
     EXPECT_EQ(field(node.receive(), 40, 8), hex("01 00 00 00 00 00 00 00"));
     unload();
-    feed(*call);  // lost, but counted
+    feed(*call);  // Lost, but numbered.
     load();
     feed(*call);
     EXPECT_EQ(field(node.receive(), 40, 8), hex("03 00 00 00 40 01 00 00"));
@@ -182,12 +182,12 @@ TEST_F(Unload, LaterLoadBeginsWithTheDefaultsThoughTheObjectStayed) {
     EXPECT_EQ(host.report().bindings_alive, 1U);
     host.log().clear();
     hangup(*call);
-    // The level is back at INFO: no line at DEBUG about the terminate packet.
+    // The level is INFO again, so there is no DEBUG line about the terminate packet.
     EXPECT_EQ(take_log(), (Lines{bug_line("INFO", "media transfer terminated"),
                                  bug_line("INFO", "transfered 0/0 bytes of media")}));
 }
 
-// The file is read at the default level again, whatever level the last one had set.
+// Each load reads its file at the default level, whatever level an earlier file had set.
 TEST_F(Unload, LaterLoadReadsItsFileAtTheDefaultLevelThoughTheObjectStayed) {
     load("log_level=ERROR\n");
     const auto call = start_tapped_call();
@@ -206,7 +206,7 @@ TEST_F(Unload, UnloadAfterTheTappedCallsHaveEndedLeavesMemory) {
     EXPECT_TRUE(unload().left_memory);
 }
 
-// What the API has asked for a call that is not tapped yet goes with the module.
+// Features that the API requested for a call that is not tapped yet are lost with the module.
 TEST_F(Unload, ContextOfAnApiCommandDoesNotKeepTheModule) {
     load();
     const auto call = start_call();
@@ -332,7 +332,7 @@ TEST_F(Unload, FailedLoadDoesNotKeepTheObjectOfCallsThatHaveEnded) {
     EXPECT_FALSE(is_mapped());
 }
 
-// The hook calls into the object as long as the host has it.
+// The hook calls into the shared object as long as it is bound.
 TEST_F(Unload, HookThatAFailedLoadLeftKeepsTheObject) {
     load("dump_events=all\n");
     const auto call = start_tapped_call();
@@ -348,8 +348,8 @@ TEST_F(Unload, HookThatAFailedLoadLeftKeepsTheObject) {
     EXPECT_TRUE(unload().left_memory);
 }
 
-// The end of a call without a bug is missed while the module is unloaded. Its UUID is free
-// for another call then.
+// The unloaded module receives no event about the end of a call without a bug. Another call may
+// then get the same UUID.
 TEST_F(Unload, CallThatEndedMeanwhileLeavesNoContextBehind) {
     load();
     const auto tapped = start_call_as(other_call());

@@ -17,7 +17,7 @@ using tests::LogLine;
 using tests::LogRecorder;
 using Lines = std::vector<LogLine>;
 
-// Notes what the parser hands to its hooks and answers with the codes of the test.
+// Records what the parser passes to its hooks, and returns the codes that the test has set.
 class NotingConfiguration : public Configuration {
   public:
     int set_flag(const std::string& name, std::stringstream& error) override {
@@ -31,7 +31,7 @@ class NotingConfiguration : public Configuration {
     }
 
     std::vector<std::string> calls;
-    std::map<std::string, int> codes;  // By name; 0 for the others.
+    std::map<std::string, int> codes;  // By option name; 0 for all others.
 
   private:
     int answer(const std::string& name, std::stringstream& error) {
@@ -104,7 +104,7 @@ TEST(ConfigurationClasses, TheHooksOfTheBaseKnowNothing) {
     EXPECT_EQ(error.str(), "");
 }
 
-// Builds for tests may have another base directory; below it the names are fixed.
+// Test builds may have another base directory; the names below it are fixed.
 TEST(ConfigurationLocations, HangFromTheBaseDirectory) {
     EXPECT_EQ(default_conf_ext, ".conf");
     EXPECT_EQ(default_base_directory, QUORVANE_BASE_DIRECTORY);
@@ -121,7 +121,7 @@ TEST_F(ConfigurationTest, EachLineOfTheLogHasAPlaceOfItsOwnInTheSource) {
     for (const char* name : {"a", "u", "m", "f", "o"}) {
         configuration_.parse_option(name);
     }
-    // Two lines announce what is read.
+    // Two of the lines announce the file and the arguments.
     ASSERT_EQ(log_.places.size(), 11U);
     EXPECT_EQ(std::set<int>(log_.places.begin(), log_.places.end()).size(), 11U);
 }

@@ -16,7 +16,7 @@ std::uint64_t crc_of_text(const std::string& text) {
     return crc({text.begin(), text.end()});
 }
 
-// The same sum without a table: one bit of the text after the other.
+// The same CRC computed bit by bit, without a table.
 std::uint64_t crc_bit_by_bit(const std::vector<unsigned char>& bytes) {
     std::uint64_t remainder = 0;
     for (const unsigned char byte : bytes) {

@@ -16,7 +16,7 @@ timeval clock_reads{};
 
 }  // namespace
 
-// The clock of this program stands at `clock_reads`.
+// This program's clock always shows `clock_reads`.
 extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept {
     *now = clock_reads;
     return 0;
@@ -212,7 +212,7 @@ TEST(FormatMessage, TheLineIsDecimalWhateverTheStreamWrites) {
     EXPECT_EQ(out.str(), "INFO    | a.cpp:97 | ");
 }
 
-// The clock stands still in a zone of one's own.
+// Sets the clock to a fixed time, in a time zone of the test's choice.
 class FormatTime : public testing::Test {
   protected:
     static std::string at(const char* zone, long seconds, long microseconds) {

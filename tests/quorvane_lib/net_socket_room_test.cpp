@@ -1,4 +1,4 @@
-// A send that finds the socket's send buffer really full.
+// Sends into a socket whose send buffer is really full.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -39,8 +39,8 @@ class SendBuffer : public tests::OwnNetwork, public ::testing::Test {
         return sent;
     }
 
-    // Sends to ever more hosts that do not answer, until a send fails; false when there was
-    // room for all, or a send has waited.
+    // Sends to more and more hosts that do not answer, until a send fails. Returns false if none
+    // failed, or if a send waited.
     bool fill() {
         for (last_host_ = 2; last_host_ <= 254; ++last_host_) {
             for (int i = 0; i < 400; ++i) {
@@ -62,7 +62,8 @@ class SendBuffer : public tests::OwnNetwork, public ::testing::Test {
     steady_clock::duration longest_{};
 };
 
-// A media thread carries its call's audio: it must not wait for other calls' media nodes.
+// A media thread must not wait for other calls' media nodes, because its call's audio would wait,
+// too.
 TEST_F(SendBuffer, ASendThatFindsItFullFailsWithinAMoment) {
     ASSERT_TRUE(fill());
     EXPECT_LT(longest_, std::chrono::seconds(1));
@@ -75,8 +76,8 @@ TEST_F(SendBuffer, ASendThatFindsItFullFailsWithinAMoment) {
         << log_.lines[0].text;
 }
 
-// Fifty frames are one second of a call's side. Each may take a tick or two of the kernel's
-// clock, which is 4 to 10 ms; the rest is for a machine that is busy.
+// Fifty frames are one second of one side of a call. Each send may take one or two ticks of the
+// kernel's clock, 4 to 10 ms each; the rest of the limit allows for a busy machine.
 TEST_F(SendBuffer, FiftySendsThatFindItFullFailInATickOrTwoEach) {
     ASSERT_TRUE(fill());
     const auto begin = steady_clock::now();

@@ -39,7 +39,7 @@ std::string text_of(const sockaddr_in& address) {
     return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
-// Parses into an address full of 0x77, so that what stays untouched is seen.
+// Parses into an address filled with 0x77, so that tests see which bytes stay unchanged.
 struct Parsed {
     explicit Parsed(const char* text, const char* end = nullptr) {
         std::memset(&address, 0x77, sizeof(address));
@@ -255,7 +255,7 @@ TEST(ParseAddrs, EntriesAreAppended) {
 class HostIp : public testing::Test {
   protected:
     static constexpr std::uint32_t NO_PEER = 0;
-    // The calls but for the first `count`.
+    // The names of all calls except the first `count`.
     Texts names_from(std::size_t count) const {
         const Texts names = calls_.names();
         return {names.begin() + static_cast<std::ptrdiff_t>(count), names.end()};
@@ -311,7 +311,7 @@ TEST_F(HostIp, AfterAFailureTheNextIsTriedNormally) {
     EXPECT_EQ(get_host_ip(loopback_, "fallback"), "127.0.0.1");
 }
 
-// The name of the machine as the system would tell it.
+// The system's own name of the machine.
 TEST(HostName, IsTheSystemsName) {
     char name[256] = "";
     ASSERT_EQ(::gethostname(name, sizeof(name)), 0);
@@ -362,7 +362,7 @@ class SocketTest : public testing::Test {
         char byte = 0;
         return ::recv(peer_, &byte, 1, MSG_DONTWAIT) < 0;
     }
-    // Has the test's end send to the address that the library's socket is bound to.
+    // Sends from the test's socket to the address that the library's socket is bound to.
     void send_back(const std::string& data) {
         ASSERT_TRUE(send("where from"));
         char buffer[64];
@@ -440,7 +440,7 @@ TEST_F(SocketTest, OnlySendsAreKeptFromWaiting) {
     socklen_t size = sizeof(patience);
     ASSERT_EQ(
         ::getsockopt(static_cast<int>(descriptor()), SOL_SOCKET, SO_RCVTIMEO, &patience, &size), 0);
-    EXPECT_EQ(patience.tv_sec, 0);  // For ever.
+    EXPECT_EQ(patience.tv_sec, 0);  // Zero means that it waits for ever.
     EXPECT_EQ(patience.tv_usec, 0);
 }
 
@@ -491,8 +491,8 @@ TEST_F(SocketTest, TheMessageNamesWhateverErrorItIs) {
               "SOCKET[ ]: failed to create a socket, error (4711): Unknown error 4711");
 }
 
-// A call that outlived an unload sends while the module is loaded again. The system binds a
-// socket at its first send, and refuses to bind it then.
+// A call that outlived an unload may send while the module is loaded again. The system binds an
+// unbound socket at its first send, and then refuses a later bind.
 TEST_F(SocketTest, ASendBesideTheOpeningDoesNotTakeTheSocketBeforeItIsBound) {
     calls_->before("bind", [this] { EXPECT_FALSE(send("early")); });
     EXPECT_TRUE(socket_.open(0, 0));
@@ -562,7 +562,7 @@ TEST_F(SocketTest, AfterAFailedSendTheNextIsTriedNormally) {
     broadcast.sin_family = AF_INET;
     broadcast.sin_port = peer_address_.sin_port;
     broadcast.sin_addr.s_addr = 0xFFFFFFFF;
-    // The system itself refuses: the socket has no leave to broadcast.
+    // The system refuses this send, because broadcasting is not enabled on the socket.
     EXPECT_FALSE(socket_.send(broadcast, "abc", 3));
     ASSERT_EQ(log_.lines.size(), 1u);
     EXPECT_NE(log_.lines[0].text.find("), error (13): Permission denied"), std::string::npos);
@@ -605,7 +605,7 @@ TEST_F(SocketTest, AnInterruptedReadReturnsZeroWithALine) {
     EXPECT_TRUE(calls_->seen("close").empty());
 }
 
-// Tells at the end of the process what happened since its construction.
+// At the end of the process, prints what happened since its construction.
 class Epilogue {
   public:
     Epilogue(const LogRecorder& log, const SystemCalls& calls) {

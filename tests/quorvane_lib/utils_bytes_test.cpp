@@ -20,7 +20,7 @@ Bytes decode_text(const std::string& text) {
 const Bytes COUNTING{0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07,
                      0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F};
 
-// Decodes into a buffer of 0xEE, so that what stays untouched is seen.
+// Decodes into a buffer filled with 0xEE, so that tests see which bytes stay unchanged.
 struct Uuid {
     explicit Uuid(const std::string& text) : bytes(17, 0xEE) {
         valid = decode_uuid(text.c_str(), bytes.data(), qv::tag::direct_update_t{});
@@ -80,7 +80,8 @@ TEST(DecodeUuid, UpperAndLowerCaseAreTheSame) {
 }
 
 TEST(DecodeUuid, SomeOfTheFourDashesMayBeLeftOut) {
-    // A dash counts in the index, so a later one keeps its place only behind all earlier.
+    // A dash is accepted at fixed indexes of the text, and earlier dashes count in the index.
+    // Dashes of the usual form can therefore be left out only from the last one on.
     for (const char* text :
          {"00010203-0405060708090a0b0c0d0e0f", "00010203-0405-060708090a0b0c0d0e0f",
           "00010203-0405-0607-08090a0b0c0d0e0f"}) {

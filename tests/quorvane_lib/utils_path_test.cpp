@@ -19,7 +19,7 @@ using tests::SystemCalls;
 
 namespace fs = std::filesystem;
 
-// A folder of its own for each test, and the current directory put back afterwards.
+// Gives each test a folder of its own, and restores the current directory afterwards.
 class PathTest : public testing::Test {
   protected:
     PathTest() : before_(fs::current_path()) {
@@ -234,7 +234,7 @@ TEST_F(PathTest, TheLastDirectoryMayAppearMeanwhile) {
 }
 
 TEST_F(PathTest, AnyOtherFailureOfCreationIsReturnedWithItsError) {
-    // What the manual page of the call names but for EEXIST, and an interruption.
+    // The errors that the manual page of the call lists, except EEXIST, and EINTR.
     for (const int error : {EACCES, EBADF, EDQUOT, EFAULT, EINTR, EINVAL, EIO, ELOOP, EMLINK,
                             ENAMETOOLONG, ENOENT, ENOMEM, ENOSPC, ENOTDIR, EPERM, EROFS}) {
         SystemCalls calls;

@@ -10,7 +10,7 @@
 
 namespace {
 
-// What strtoul sets errno to besides its own work; 0 for nothing.
+// The value that strtoul sets errno to, in addition to its work; 0 leaves errno alone.
 int injected_error = 0;
 
 }  // namespace
@@ -38,7 +38,7 @@ Pieces split_at(const std::string& s, char delimiter, bool keep_empty) {
     return out;
 }
 
-// Both forms with a text for delimiter have to agree.
+// Checks that both overloads with a text as delimiter agree.
 Pieces split_at(const std::string& s, const std::string& delimiter, bool keep_empty) {
     Pieces out;
     split(s, delimiter, out, keep_empty);
@@ -199,7 +199,7 @@ TEST(Split, EveryFormAppends) {
     EXPECT_EQ(out, (Pieces{"before", "a", "b", "c", "d"}));
 }
 
-// Parsing starts from 7777, so that what stays untouched is seen.
+// The parsed variable starts as 7777, so that tests see whether it stays unchanged.
 template <typename T>
 struct Parsed {
     explicit Parsed(const char* text) : status(try_parse_value<T, 10>(text, value).status) {}
