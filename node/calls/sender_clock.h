@@ -21,9 +21,8 @@ class SenderClock {
 
     // A packet of the call's audio came at `now`.
     void note(std::int64_t send_time, Micros now) {
-        if (!begun_ || is_near(send_time, at(now))) {
-            set(send_time, now);
-        } else if (doubted_ && is_near(send_time, doubted_time_)) {
+        const bool confirmed = doubted_ && is_near(send_time, doubted_time_);
+        if (!begun_ || confirmed || is_near(send_time, at(now))) {
             set(send_time, now);
         } else {
             doubted_ = true;
