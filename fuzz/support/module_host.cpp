@@ -12,8 +12,8 @@
 #include "host/answer_stream.h"
 #include "host/private_config.h"
 
-#ifndef QUORVANE_FUZZ_MODULE
-#error "QUORVANE_FUZZ_MODULE must name the relocated module"
+#ifndef QUORVANE_RELOCATED_MODULE
+#error "QUORVANE_RELOCATED_MODULE must name the relocated module"
 #endif
 
 namespace {
@@ -70,7 +70,7 @@ ModuleHost::ModuleHost() {
     if (const auto error = host::use_relocated_config(folder, CONFIGURATION)) {
         fail(*error);
     }
-    const host::LoadResult loaded = host_.load_module(QUORVANE_FUZZ_MODULE);
+    const host::LoadResult loaded = host_.load_module(QUORVANE_RELOCATED_MODULE);
     fs::current_path(before);
     fs::remove_all(folder);
     if (!loaded.loaded) {

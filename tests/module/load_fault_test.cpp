@@ -76,7 +76,7 @@ class LoadFault : public ModuleTest {
 
     // Maps the module, so that the host finds it without opening its file.
     static std::shared_ptr<void> map_module() {
-        return {::dlopen(QUORVANE_MODULE_PATH, RTLD_NOW | RTLD_LOCAL), ::dlclose};
+        return {::dlopen(QUORVANE_RELOCATED_MODULE, RTLD_NOW | RTLD_LOCAL), ::dlclose};
     }
 
     const fs::path path = CONFIG_PATH;

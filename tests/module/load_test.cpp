@@ -294,7 +294,7 @@ TEST_F(ModuleLoad, LoadSucceedsOnceTheFaultIsGone) {
 class LoadByHand : public ModuleLoad {
   protected:
     LoadByHand() {
-        object_ = ::dlopen(QUORVANE_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+        object_ = ::dlopen(QUORVANE_RELOCATED_MODULE, RTLD_NOW | RTLD_LOCAL);
         table = static_cast<switch_loadable_module_function_table_t*>(
             ::dlsym(object_, "mod_quorvane_module_interface"));
     }

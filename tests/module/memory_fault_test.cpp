@@ -30,7 +30,7 @@ class MemoryFaultTest : public ModuleTest {
         hangup(*start_tapped_call());
         forget_packets();
         host.log().clear();
-        void* module = ::dlopen(QUORVANE_MODULE_PATH, RTLD_NOW | RTLD_NOLOAD);
+        void* module = ::dlopen(QUORVANE_RELOCATED_MODULE, RTLD_NOW | RTLD_NOLOAD);
         ASSERT_NE(module, nullptr);
         watch_object(::dlsym(module, "mod_quorvane_module_interface"));
         ::dlclose(module);

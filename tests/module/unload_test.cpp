@@ -43,7 +43,7 @@ class Unload : public ModuleTest {
     }
 
     static bool is_mapped() {
-        void* const object = ::dlopen(QUORVANE_MODULE_PATH, RTLD_LAZY | RTLD_NOLOAD);
+        void* const object = ::dlopen(QUORVANE_RELOCATED_MODULE, RTLD_LAZY | RTLD_NOLOAD);
         if (object != nullptr) {
             ::dlclose(object);
         }

@@ -20,8 +20,8 @@
 #include "tests/support/log_text.h"
 #include "tests/support/media_node.h"
 
-#ifndef QUORVANE_MODULE_PATH
-#error "QUORVANE_MODULE_PATH must name the module under test"
+#ifndef QUORVANE_RELOCATED_MODULE
+#error "QUORVANE_RELOCATED_MODULE must name the module under test"
 #endif
 
 namespace qv::tests {
@@ -73,7 +73,7 @@ class ModuleTest : public ::testing::Test {
     }
 
     // Loads the module with the present configuration file.
-    host::LoadResult try_load() { return host.load_module(QUORVANE_MODULE_PATH); }
+    host::LoadResult try_load() { return host.load_module(QUORVANE_RELOCATED_MODULE); }
 
     // Loads the module with the test's media node and `options`, and clears the log.
     void load(const std::string& options = "") {
