@@ -6,21 +6,21 @@
 #   scripts/bare_machine.sh                        runs scripts/demo.sh, as root
 #   scripts/bare_machine.sh [OPTION...] COMMAND [ARGUMENT...]
 #
-#   --user        as an ordinary user who may use sudo
-#   --add FOLDER  a copy of FOLDER, beside the checkout and under its own name
-#   --renew       makes the base again instead of using the one that is kept
-#   --check       only says whether such a system can be made here
+#   --user        runs the command as an ordinary user who may use sudo
+#   --add FOLDER  copies FOLDER beside the checkout, under its own name
+#   --renew       makes the base again instead of using the one in the cache
+#   --check       only reports whether such a system can be made on this machine
 #
 # Needs root, debootstrap, and the right to mount. The base and the downloaded packages are
-# kept in ${XDG_CACHE_HOME:-~/.cache}/quorvane/bare; what the command changes is removed
-# with the system. Everything is mounted in a mount namespace of its own, which ends with
-# the command. The system has the network and the package sources of this machine.
+# kept in ${XDG_CACHE_HOME:-~/.cache}/quorvane/bare. The system and all changes to it are
+# removed at the end. All mounts are in a mount namespace of their own, which ends with the
+# command. The system uses the network and the package sources of this machine.
 #
-# Ends with the exit code of the command, or with 77 and the reason where such a system
-# cannot be made.
+# Exits with the code of the command. If such a system cannot be made, prints the reason and
+# exits with 77.
 set -euo pipefail
 
-# debootstrap and pivot_root are in the folders that a user's path may lack.
+# debootstrap and pivot_root are in folders that a user's PATH may lack.
 PATH=$PATH:/usr/sbin:/sbin
 SUITE=bookworm
 cache=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/quorvane/bare
@@ -49,7 +49,7 @@ check_possible() {
         cannot "mounting is not allowed here"
 }
 
-# Makes the base, unless the one that is kept was made from the same package source.
+# Makes the base, unless the cache has one from the same package source.
 make_base() {
     local base=$1 mirror log=$cache/debootstrap.log
     mirror=$(package_sources | awk -v suite="$SUITE" '$2 == suite { print $1; exit }')
@@ -67,7 +67,7 @@ make_base() {
         tail -n 20 "$log" >&2
         cannot "debootstrap failed"
     }
-    # As in any image: apt has yet to read what there is to install.
+    # As in any image, the package lists are missing: apt has to update them first.
     rm -rf "$base"/var/lib/apt/lists/* "$base"/var/cache/apt/*
     echo "$mirror" >"$base.made"
 }
@@ -88,7 +88,7 @@ run_outside() {
     [ "$only_check" = no ] || { say "can be made here"; return 0; }
     mkdir -p "$cache/archives/partial" "$cache/runs"
     [ "$renew" = no ] || rm -f "$base.made"
-    # Two at once would make the same base.
+    # Two runs at the same time must not both make the base.
     exec 9>"$cache/lock"
     flock 9
     make_base "$base"
@@ -103,7 +103,7 @@ run_outside() {
         cp -a "$add" "$run/added/"
     fi
     package_sources | sed 's/^/deb /' >"$run/apt/sources.list"
-    # How apt reaches its sources; not the hooks, which call programs of this machine.
+    # Copies how apt reaches its sources, but not the hooks, which call programs of this machine.
     apt-config dump | grep '^Acquire::' | grep -v '^Acquire::IndexTargets' >"$run/apt/acquire" || true
 
     local status=0
@@ -114,7 +114,7 @@ run_outside() {
 
 # ---- Inside: in the new namespaces ----------------------------------------------------
 
-# The root of the system: the base with a layer of its own above it, or else a copy.
+# Makes the root of the system: an overlay on the base, or a copy of it if there are no overlays.
 mount_root() {
     local run=$1 base=$2
     mount -t overlay overlay -o "lowerdir=$base,upperdir=$run/upper,workdir=$run/work" \
@@ -148,7 +148,7 @@ mount_kernel_folders() {
     mkdir -m 1777 "$root/run/lock"
 }
 
-# What reaches the network as this machine does: names, sources, their keys, certificates.
+# Copies what network access needs: names, package sources, their keys, certificates.
 copy_network_settings() {
     local root=$1 apt=$2
     cp -L /etc/resolv.conf /etc/hosts "$root/etc/"
@@ -161,12 +161,12 @@ copy_network_settings() {
         mkdir -p "$root$folder"
         cp -a "$folder/." "$root$folder/"
     done
-    # Packages are downloaded once for all runs.
+    # All runs share the downloaded packages.
     mkdir -p "$root/var/cache/apt/archives"
     mount --bind "$cache/archives" "$root/var/cache/apt/archives"
 }
 
-# The environment of a login, and what leads to package registries.
+# The environment of a login shell, and the variables that configure package registries.
 login_environment() {
     local name
     printf '%s\n' "HOME=$1" "USER=$2" "LOGNAME=$2" "SHELL=/bin/bash" "TERM=${TERM:-dumb}" \
@@ -186,7 +186,7 @@ run_inside() {
     mkdir "$root/.outside"
     cd "$root"
     pivot_root . .outside
-    # bash still has the old root's folders open by name only.
+    # bash uses folders of the old root by name only, so the root can be unmounted.
     cd /
 
     if [ "$as_user" = yes ]; then
@@ -207,13 +207,13 @@ run_inside() {
     exec "${become[@]}" env -i "${environment[@]}" "$@"
 }
 
-# Adds a user who may use sudo; minbase has neither.
+# Adds sudo and a user who may use it; minbase has neither.
 add_user() {
     {
         apt-get update -q
         DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends sudo
     } >/dev/null 2>&1 || fail "sudo could not be installed"
-    # apt has yet to read what there is to install, as without --user.
+    # The package lists have to be missing here, too, as they are without --user.
     rm -rf /var/lib/apt/lists/*
     useradd --create-home --shell /bin/bash "$1"
     echo "$1 ALL=(ALL) NOPASSWD: ALL" >"/etc/sudoers.d/$1"

@@ -1,16 +1,17 @@
 #!/usr/bin/env bash
-# Builds and runs the benchmarks, prints one table with the goals that the project has
-# set itself, and writes everything as JSON to build/bench/results.json.
+# Builds and runs the benchmarks, prints one table with the results and the project's goals,
+# and writes the results as JSON to build/bench/results.json.
 #
-#   scripts/bench.sh           all
-#   scripts/bench.sh --quick   shorter runs, for a look
+#   scripts/bench.sh           all benchmarks
+#   scripts/bench.sh --quick   shorter runs, for a first look
 #
-# Every benchmark runs several times and the middle of its runs counts. Those without a
-# host are mixed: what disturbs the machine for a while then touches a few runs of each. A
-# host of 10,000 calls leaves the heap in pieces for the next, so hosts come in order.
+# Every benchmark runs several times; the median of its runs counts. The runs of benchmarks
+# without a host are interleaved, so that a short disturbance affects only a few runs of each.
+# Those with a host run in order of size, because a host with 10,000 calls fragments the heap
+# for the runs after it.
 #
-# A goal that is missed is told, not punished: machines are noisy. Run it on a machine
-# that does nothing else.
+# A missed goal is reported, but is not an error, because timings vary between machines. Run
+# the benchmarks on an otherwise idle machine.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -42,7 +43,7 @@ for program in bench_media_path bench_without_system_call bench_host; do
         >"$build/$program.log" 2>&1 || { cat "$build/$program.log"; exit 1; }
 done
 
-# Two runs that differ by 1000 frames, so that what surrounds the frames falls out.
+# Two runs differ by 1000 frames, so that their difference contains only the cost of frames.
 instructions=
 if command -v valgrind >/dev/null; then
     echo "counting instructions"

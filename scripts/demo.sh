@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# One spoken call through the real module: installs what is missing, builds, lets a
-# caller and an agent speak, taps their call and proves that the media node's files
-# hold, to the bit, what was spoken.
+# Demonstrates one spoken call through the real module. Installs missing packages, builds,
+# synthesizes the speech of a caller and an agent, taps their call, and checks that the media
+# node's files are bit for bit what was spoken.
 #
-#   scripts/demo.sh            leaves its files in build/demo
+#   scripts/demo.sh            keeps its files in build/demo
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -36,8 +36,8 @@ sndfile-info "$folder/caller.wav" | grep -E '^(Sample Rate|Duration)' | sed 's/^
 rate=$(sndfile-info "$folder/caller.wav" | awk '$1 == "Sample" { print $4; exit }')
 
 step "3. A media node listens"
-# The rate is told: on a busy machine frames leave late, and so do the times from which
-# the node would find it.
+# The rate is given, because the node would estimate it from the times of the packets, and on a
+# busy machine frames are sent late.
 build/quorvane-node --listen 127.0.0.1:0 --output "$folder/received" --calls 1 --rate "$rate" \
     >"$folder/node.log" 2>&1 &
 node_pid=$!

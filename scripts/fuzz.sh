@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Builds a fuzz target and fuzzes for a while. It goes on from the inputs that earlier runs
-# found (build/fuzz/found/TARGET) and from the committed ones (fuzz/corpus/TARGET). An input
-# that fails is kept in build/fuzz/failed/TARGET; docs/fuzzing.md says what to do with it.
+# Builds a fuzz target and fuzzes it for the given time. It starts from the inputs that earlier
+# runs found (build/fuzz/found/TARGET) and from the committed ones (fuzz/corpus/TARGET). An
+# input that fails is kept in build/fuzz/failed/TARGET; docs/fuzzing.md says what to do with it.
 #
 #   scripts/fuzz.sh TARGET MINUTES            one target, such as "address"
 #   scripts/fuzz.sh all MINUTES               every target, one after the other
-#   scripts/fuzz.sh --seconds SECONDS TARGET  the same by the second
-#   scripts/fuzz.sh --built ...               any of these without building first
-#   scripts/fuzz.sh --list                    names the targets
+#   scripts/fuzz.sh --seconds SECONDS TARGET  one target or all, with the time in seconds
+#   scripts/fuzz.sh --built ...               any of these, without building first
+#   scripts/fuzz.sh --list                    prints the names of the targets
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -47,7 +47,7 @@ build() {
         { tail -n 40 build/fuzz-build.log; return 1; }
 }
 
-# Fuzzes target $1 and prints what came of it.
+# Fuzzes target $1 and prints the result.
 fuzz() {
     local name=$1 folder=$PWD/build/fuzz log=$PWD/build/fuzz/$1.log
     local found=$folder/found/$name failed=$folder/failed/$name program=$folder/fuzz/fuzz_$name

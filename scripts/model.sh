@@ -3,13 +3,13 @@
 #
 #   scripts/model.sh                 all configurations
 #   scripts/model.sh NAME...         only these
-#   scripts/model.sh --list          the names
-#   scripts/model.sh --trail NAME    the steps that break a rule, the last one last
-#   --configurations FILE            instead of model/configurations.txt
+#   scripts/model.sh --list          prints their names
+#   scripts/model.sh --trail NAME    prints the steps that break a rule, in their order
+#   --configurations FILE            reads FILE instead of model/configurations.txt
 #
-# Says of each configuration what was found and how many states were visited. Ends with
-# exit code 0 when every configuration gave what its line says, 1 when one did not, and 77
-# when spin is not installed.
+# Prints the result of each configuration and the number of states that were visited. Exits
+# with 0 if every configuration gave the result in its line, with 1 if one did not, and with
+# 77 if spin is not installed.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -66,13 +66,13 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 
-# What the checker found: "holds", or the rule that is broken.
+# The checker's result: "holds", or the rule that is broken.
 found_by_checker() {
     local broken
     broken=$(sed -n 's/^pan:1: //p' pan.log)
     case $broken in
         "")
-            # A search that ran out of memory has found no error either.
+            # A search that ran out of memory reports no error either.
             if grep -q 'errors: 0' pan.log && ! grep -q 'not completed' pan.log; then
                 echo holds
             else
@@ -96,15 +96,15 @@ found_by_checker() {
     esac
 }
 
-# Builds and runs the checker of one configuration; its words go to pan.log.
+# Builds and runs the checker of one configuration; its output goes to pan.log.
 check() {
     local expected=$1
     shift
     rm -f pan pan.* ./*.trail
-    # A fault is found at once; a search that visits everything is worth the optimizer.
+    # A fault is found at once; only a search of all states is worth optimizing for.
     local optimize=-O1
     [ "$expected" = holds ] || optimize=-O0
-    # Not finished means not proven: too deep a search must fail, not be cut off.
+    # A search that is too deep must fail, not be cut off: without all states nothing is proven.
     spin "$@" -a context.pml >spin.log 2>&1 &&
         $compiler $optimize -w -DSAFETY -DVECTORSZ=512 -c pan.c -o pan.o &&
         cc pan.o -o pan &&
@@ -123,14 +123,14 @@ while read -r name expected switches; do
         continue
     fi
     started=$(date +%s%N)
-    # shellcheck disable=SC2086  # The switches are words.
+    # shellcheck disable=SC2086  # The variable holds several switches.
     check "$expected" $switches || { echo "model: $name could not be run" >&2; exit 1; }
     found=$(found_by_checker)
     states=$(awk '/states, stored/ {print $1}' pan.log)
     depth=$(sed -n 's/.*depth reached \([0-9]*\).*/\1/p' pan.log)
     if [ "$mode" = trail ]; then
         echo "$name: $found"
-        # The steps themselves: not the questions asked at a step, nor jumps.
+        # Prints only the steps, without the conditions that a step tests and without jumps.
         # shellcheck disable=SC2086
         [ "$found" = holds ] || spin $switches -p -t context.pml |
             grep -E '^spin:|^ *[0-9]+:.*\[' | grep -vE '\[(assert|goto|else|printf|\.|\(1\)|IF|DO)'

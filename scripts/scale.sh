@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# How many calls one machine carries: paced calls of quorvane-call, both directions at
-# 20 ms, to quorvane-node on loopback; prints a row of a table for each number of calls.
+# Measures how many calls one machine carries. quorvane-call sends calls in real time, both
+# directions with frames of 20 ms, to quorvane-node on loopback. Prints a table with a row for
+# each number of calls.
 #
 #   scripts/scale.sh [--build FOLDER] [--seconds N] [CALLS...]     (1000 2000 4000; 30 s each)
 #
-# For a quiet machine: whatever else runs makes frames late.
+# Run it on an otherwise idle machine, because other programs delay frames.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -33,8 +34,8 @@ work=$(mktemp -d /tmp/quorvane-scale-XXXXXX)
 node=
 trap '[ -z "$node" ] || kill "$node" 2>/dev/null || true; rm -rf "$work"' EXIT
 
-# All calls begin within 5 seconds. The receiver writes no audio, which would cost the
-# processors more than receiving it.
+# All calls start within 5 seconds. The receiver writes no audio, because that would take more
+# processor time than receiving it.
 run_calls() {
     local calls=$1
     "$build/quorvane-node" --listen 127.0.0.1:0 --output "$work" --no-sides --quiet \

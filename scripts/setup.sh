@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that the project builds and tests with, where they are
-# missing: as root, else with sudo; where neither is possible it names them and stops.
+# Installs the missing ones of the Debian packages that the project is built and tested with.
+# Installs as root or with sudo; if neither is possible, prints their names and stops.
 #
 #   scripts/setup.sh            all packages of scripts/packages.txt
 #   scripts/setup.sh build      without those marked [test], which only the tests need
@@ -17,7 +17,7 @@ esac
 missing=()
 while read -r package; do
     status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
-    # A tool that came from elsewhere, such as npm with its node, will do.
+    # A tool from another source, such as npm together with its own node, will do.
     [ "$status" = installed ] || command -v "$package" >/dev/null || missing+=("$package")
 done < <(sed 's/#.*//' <<<"$lines" | awk 'NF { print $1 }')
 
@@ -40,7 +40,7 @@ install() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get -o DPkg::Lock::Timeout=120 install -y -q --no-install-recommends "${missing[@]}" >"$log" 2>&1
 }
-# The list of packages may be older than the archive: it is read anew once.
+# The package lists may be older than the archive, so they are updated once.
 if ! install; then
     "${as_root[@]}" apt-get update -q >>"$log" 2>&1 || true
     install || { echo "setup: apt-get failed:" >&2; tail -n 20 "$log" >&2; exit 1; }

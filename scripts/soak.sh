@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
 # Runs calls of random length with API traffic through the module in the embedded host for
-# some minutes, and tells whether anything grows: resident memory, descriptors and threads
-# of the process and the calls in the module's registry, each with a fitted slope; calls
-# without an end, gaps in the audio. Takes 9 minutes or more to tell: a process that has just
-# started grows until as many calls have been up at once as ever will be.
+# some minutes, and reports whether anything grows or is lost: resident memory, descriptors and
+# threads of the process and calls in the module's registry, each with a fitted slope; calls
+# without an end; gaps in the audio. Growth can be judged after 9 minutes or more, because a
+# process that has just started grows until its number of simultaneous calls has peaked.
 #
 #   scripts/soak.sh MINUTES [CALLS_A_SECOND]      default: 3 calls a second
 #   scripts/soak.sh MINUTES real                  in an installed FreeSWITCH instead
 #
-# Ends with exit code 1 if something grows, is missing or is left over, and 3 if the calls
-# are whole but the run was too short for the rest. Figures and samples are kept in
+# Exits with 1 if something grows, is missing or is left over, and with 3 if the calls are
+# complete, but the run was too short to judge growth. Figures and samples are kept in
 # build/soak, or in build/soak-real.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -24,7 +24,7 @@ pids=()
 trap 'kill "${pids[@]}" 2>/dev/null || true' EXIT
 
 scripts/setup.sh
-# What is shipped, with the debug information that tells where the registry is.
+# Builds what is shipped, with debug information to find the registry.
 programs=build/soak-programs
 mkdir -p build
 {
@@ -40,7 +40,7 @@ if [ "$rate" = real ]; then
     python3 tests/real_host/soak.py --module "$programs/mod_quorvane.so" \
         --relocated "$programs/relocated/mod_quorvane.so" --node "$programs/quorvane-node" \
         --minutes "$minutes" "$folder" | tee build/soak-real.log
-    # The memory of the switch wavers by more than the module takes.
+    # The memory of the switch varies by more than the module uses.
     exec python3 scripts/soak_report.py "$folder" "$(tail -n 1 build/soak-real.log)" \
         --wavers-by 2048 --registry 3
 fi
@@ -81,5 +81,5 @@ pids=()
 
 cat "$folder/calls.log"
 [ "$outcome" -eq 0 ] || { echo "soak: quorvane-call ended with exit code $outcome" >&2; exit 1; }
-# Of a call that is never given back there would remain some 400 bytes at least.
+# A call that is never freed would leave at least some 400 bytes.
 python3 scripts/soak_report.py "$folder" "$calls" --bytes-a-call 64 --registry 10

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the tests of the project, from any folder.
 #
-#   scripts/test.sh                the release build, which is what is shipped: all of its
-#                                  tests, packages and documents included
+#   scripts/test.sh                the release stage: all tests of the build that is shipped,
+#                                  including those of the packages and the documents
 #   scripts/test.sh --all          all stages, which is what CI runs
 #   scripts/test.sh STAGE...       only these: format tidy release asan tsan fuzz bare
 #
@@ -15,8 +15,8 @@
 #   bare      on a minimal Debian 12 that has nothing else: the demo runs from a checkout, and
 #             the packages can be installed and used
 #
-# Ends with what was skipped and why, what failed and the command that runs just that again,
-# the line "N passed, N failed, N skipped", and exit code 1 if any failed.
+# At the end, prints what was skipped and why, what failed with the command that runs just that
+# again, and the line "N passed, N failed, N skipped". Exits with 1 if anything failed.
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -24,11 +24,11 @@ ALL_STAGES=(format tidy release asan tsan fuzz bare)
 FUZZ_SECONDS=${FUZZ_SECONDS:-5}
 jobs=$(nproc)
 
-# Another clone of the project on this machine has compiled the same before; its path in
-# the debug information does no harm here.
+# Lets ccache reuse what another clone on this machine compiled. The debug information then has
+# the path of that clone, which does no harm here.
 export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=true
 passed=0 failed=0 skipped=0
-failures=()  # What failed and, in the next line, the command that runs just that again.
+failures=()  # What failed; on the next line, the command that runs just that again.
 skips=()     # What was skipped, and why.
 
 say() { printf '\n== %s\n' "$*"; }
@@ -62,7 +62,7 @@ cxx_files() { git ls-files '*.h' '*.cpp'; }
 
 format_clean() { cxx_files | xargs clang-format --dry-run -Werror; }
 
-# Copies the output of a build to the file $1, and to the terminal a line for each tenth.
+# Copies the output of a build to the file $1, and a line for each tenth of it to the terminal.
 with_progress() {
     awk -v log_file="$1" '
         { print > log_file }
@@ -125,7 +125,7 @@ fuzz_succeeded() {
     [ "$(cat "build/fuzz-$1.status")" = 0 ] || { cat "build/fuzz-$1.log"; return 1; }
 }
 
-# The targets are fuzzed side by side, one on each processor.
+# The targets are fuzzed in parallel, one on each processor.
 stage_fuzz() {
     if ! configure_and_build fuzz; then
         fail "build of fuzz" "cmake --build --preset fuzz"
@@ -143,8 +143,8 @@ stage_fuzz() {
     done
 }
 
-# bare_check NAME COMMAND...: counts a check that needs a bare machine; exit code 77 says that
-# none can be made here.
+# bare_check NAME COMMAND...: counts a check that needs a bare machine. Exit code 77 means that
+# none can be made on this machine.
 bare_check() {
     local name=$1 status=0 log="build/${1// /-}.log"
     shift
@@ -157,7 +157,7 @@ bare_check() {
     check "$name" "$*" test "$status" -eq 0
 }
 
-# The demo and the packages on a machine with nothing else, where one can be made.
+# Tries the demo and the packages on a bare machine, if one can be made.
 stage_bare() {
     bare_check "demo on a bare machine" scripts/bare_machine.sh
     if configure_and_build release; then

@@ -23,7 +23,7 @@ NoMemory::~NoMemory() {
 
 }  // namespace qv::tests
 
-// The usual operators new give the memory, so that the usual operators delete take it.
+// Allocates with the usual operators new, so that the usual operators delete can free the memory.
 template <typename... Alignment>
 static void* allocate(std::size_t size, Alignment... alignment) noexcept {
     if (size >= smallest_failing) {

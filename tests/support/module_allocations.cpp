@@ -59,7 +59,7 @@ Range object_of(const void* address) {
 }
 
 struct Walk {
-    std::uintptr_t caller;  // Of operator new: where the walk begins.
+    std::uintptr_t caller;  // The caller of operator new, where the walk begins.
     bool begun = false;
     bool module_called = false;
 };
@@ -81,7 +81,7 @@ bool called_by_module(const void* caller) {
     return walk.module_called;
 }
 
-// The module's allocations that have not been given back. In place, for it must not allocate.
+// The module's allocations that have not been freed. A fixed array, because it must not allocate.
 class Kept {
   public:
     void add(void* memory) {
@@ -103,7 +103,7 @@ class Kept {
     std::size_t count() const { return count_; }
 
   private:
-    std::mutex mutex_;  // Guards `memory_`, the last of which stays null.
+    std::mutex mutex_;  // Guards `memory_`, whose last element stays null.
     std::array<void*, 4096> memory_{};
     std::atomic<std::size_t> count_{0};
 };
@@ -120,7 +120,7 @@ void* allocate(std::size_t size, std::align_val_t alignment) {
                                                                                      : nullptr;
 }
 
-// Allocates for the caller of operator new, unless it is the allocation that fails.
+// Allocates for the caller of operator new, unless this is the allocation that has to fail.
 template <typename... Arguments>
 void* serve(const void* caller, Arguments... arguments) {
     if (!armed.load(std::memory_order_relaxed) || !called_by_module(caller)) {

@@ -24,7 +24,7 @@ bool run(const std::string& command) {
     return std::system(("{ " + command + "; } >/dev/null 2>&1").c_str()) == 0;
 }
 
-// An ordinary user may have a network only as the root of user names of their own.
+// An ordinary user may create a network only as root of a user namespace of their own.
 bool become_root_of_own_users() {
     const std::string user = std::to_string(::geteuid());
     const std::string group = std::to_string(::getegid());
@@ -44,7 +44,7 @@ OwnNetwork::OwnNetwork() : before_(::open("/proc/thread-self/ns/net", O_RDONLY |
                !run("ip link set link1 up && ip route add unreachable default table 7")) {
         why_not_ = "no link in a network of its own: 'ip' (iproute2) or the kernel refuses";
     } else if (!write_to("/proc/sys/net/ipv4/neigh/link0/retrans_time_ms", "10000")) {
-        // By itself the kernel would give up, and empty the send buffer, after three seconds.
+        // Otherwise the kernel would give up after three seconds and empty the send buffer.
         why_not_ = "a neighbour's patience cannot be set in a network of its own";
     }
 }
@@ -64,7 +64,7 @@ void OwnNetwork::answer_from(int host) const {
 }
 
 void OwnNetwork::bar_loopback(const std::string& kind) const {
-    // The rule for addresses of the machine is the first, unless it is put behind another.
+    // The rule for local addresses comes first by default; it has to follow the rules of the test.
     if (!run("ip rule add pref 100 lookup local && ip rule del pref 0") ||
         !run("ip rule add pref 10 to 127.0.0.1 " + kind)) {
         throw std::runtime_error("the loopback cannot be barred by '" + kind + "'");

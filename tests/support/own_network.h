@@ -24,8 +24,8 @@ class OwnNetwork {
     // buffer; afterwards it leaves the buffer and is lost.
     void answer_from(int host) const;
 
-    // Refuses every packet to 127.0.0.1 by a rule of `kind`, see ip-rule(8), until the loopback is
-    // opened again. The route in table 7 leads nowhere.
+    // Refuses every packet to 127.0.0.1 with a rule of `kind`, see ip-rule(8), until the loopback
+    // is opened again. The route in table 7 leads nowhere.
     void bar_loopback(const std::string& kind) const;
     void open_loopback() const;
 

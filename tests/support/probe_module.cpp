@@ -1,5 +1,5 @@
-// A module that tries out the embedded host. Built several times: PROBE_NAME is the
-// name of the module, and one more definition may give it a fault.
+// A module for tests of the embedded host. It is built several times: PROBE_NAME is the name of
+// the module, and one more definition may give it a fault.
 //
 //   PROBE_VERSION=N     the version in its table
 //   PROBE_LOAD_STATUS=N what its load function returns
@@ -7,10 +7,10 @@
 //   PROBE_NO_INTERFACE  its load function leaves no interface
 //   PROBE_NO_LOAD       its table has no load function
 //
-// Its application "probe" attaches a bug that counts what it gets; the channel variable
-// probe_refuse names an event kind by number that the bug answers with false, and
-// probe_alter makes it write into every frame. Its API command "probe" answers the
-// arguments between brackets; "wait" makes it sleep for 0.3 seconds first.
+// Its application "probe" attaches a bug that counts its events. The channel variable
+// probe_refuse is the number of an event kind for which the bug returns false; probe_alter makes
+// the bug write into every frame. Its API command "probe" answers with the arguments between
+// brackets; with "wait" it sleeps for 0.3 seconds first.
 #include <switch.h>
 
 #include <atomic>
@@ -41,7 +41,7 @@ void say(const std::string& text) {
                       SWITCH_LOG_NOTICE, "probe: %s\n", text.c_str());
 }
 
-// Tells when the object comes and goes.
+// Reports when the shared object is mapped and unmapped.
 struct Lifetime {
     Lifetime() { say("constructed"); }
     ~Lifetime() { say("destroyed"); }
@@ -60,7 +60,8 @@ struct Seen {
     std::thread::id write_thread;
 };
 
-// Of all bugs; an entry goes at CLOSE, what never gets one with the module.
+// What all bugs have seen. CLOSE removes an entry; bugs that never get CLOSE keep theirs until the
+// module is unloaded.
 std::mutex g_lock;
 std::map<const Seen*, std::unique_ptr<Seen>> g_seen;  // guarded by g_lock
 

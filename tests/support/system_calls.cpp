@@ -24,7 +24,7 @@ namespace {
 
 std::atomic<SystemCalls*> watcher{nullptr};
 
-// The system's own function, behind ours of the same name.
+// The system's own function, which the wrapper of the same name hides.
 template <typename Function>
 Function* system_function(const char* name) {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
@@ -38,8 +38,8 @@ std::string address_text(const sockaddr* address) {
     return std::string(text) + ":" + std::to_string(ntohs(inet.sin_port));
 }
 
-// Lets `call` happen as the watcher wants it; `size` is how many bytes it is about.
-// `go_on(size)` asks the system.
+// Carries out `call` with the outcome that the test has queued. `size` is the number of bytes to
+// transfer; `go_on(size)` calls the system.
 template <typename Result, typename GoOn>
 Result perform(SeenCall call, std::size_t size, GoOn go_on) {
     SystemCalls* const watching = watcher.load();
@@ -229,7 +229,7 @@ EXPORTED int mkdir(const char* path, mode_t mode) noexcept {
                         [=](std::size_t) { return next(path, mode); });
 }
 
-// How the standard library opens the file of a stream, and reads it.
+// The standard library opens a stream's file with fopen64, and reads it with read.
 EXPORTED FILE* fopen64(const char* path, const char* mode) {
     static auto* const next = system_function<FILE*(const char*, const char*)>("fopen64");
     const auto file = perform<std::intptr_t>({"fopen64", {}, path, {}, 0}, 0, [=](std::size_t) {
