@@ -1,9 +1,11 @@
 // The effect of each channel variable of a call on the start packet and on the log.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
+#include "tests/support/clocks.h"
 #include "tests/support/module_test.h"
 
 namespace qv::tests {
@@ -365,12 +367,6 @@ std::int64_t little_endian(const Bytes& packet, std::size_t offset) {
         value = value << 8 | packet.at(offset + i - 1);
     }
     return static_cast<std::int64_t>(value);
-}
-
-template <typename Clock>
-std::int64_t now_us() {
-    const auto now = Clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
 }
 
 TEST_F(ChannelVariables, TimesOfTheConfigurationAreOfThisMoment) {

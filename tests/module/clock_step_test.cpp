@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/support/call_transfer.h"
+#include "tests/support/clocks.h"
 #include "tests/support/media_listener.h"
 #include "tests/support/module_test.h"
 #include "tests/support/wall_clock.h"
@@ -23,12 +24,6 @@ using host::Direction;
 
 // How far ahead of the true time the clock is, step by step.
 constexpr std::chrono::hours STEPS[] = {5h, -7h, 24h, -48h, 0h, 1h, -1h, 10000h};
-
-template <typename Clock>
-std::int64_t now_us() {
-    const auto now = Clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
 
 // The microseconds in the eight bytes from `offset` on, least significant first.
 std::int64_t time_at(const Bytes& packet, std::size_t offset) {

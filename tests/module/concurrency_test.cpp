@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "tests/support/call_transfer.h"
+#include "tests/support/call_uuids.h"
 #include "tests/support/media_listener.h"
 #include "tests/support/module_test.h"
 
@@ -29,12 +29,6 @@ class Concurrency : public ModuleTest {
     static constexpr std::uint32_t SAMPLES = 160;
 
     Concurrency() : ModuleTest(), listener(std::make_unique<MediaListener>(node)) {}
-
-    static std::string uuid_of(unsigned number) {
-        char text[37];
-        std::snprintf(text, sizeof(text), "c0ffee00-0000-4000-8000-%012x", number);
-        return text;
-    }
 
     std::unique_ptr<host::Call> start(unsigned number) {
         host::CallOptions options;

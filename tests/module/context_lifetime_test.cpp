@@ -8,12 +8,12 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/call_uuids.h"
 #include "tests/support/module_test.h"
 #include "tests/support/system_calls.h"
 
@@ -205,11 +205,6 @@ TEST_F(ContextLifetime, EntryAddedAnewEndsWithTheCall) {
 // The application of every call races with destroy events about all calls.
 TEST_F(ContextLifetime, ApplicationsRaceWithDestroyEvents) {
     constexpr unsigned CALLS = 200;
-    const auto uuid_of = [](unsigned number) {
-        char text[37];
-        std::snprintf(text, sizeof(text), "c0ffee00-0000-4000-8000-%012x", number);
-        return std::string(text);
-    };
     std::atomic<unsigned> current{0};
     std::atomic<bool> stop{false};
     std::thread others([&] {

@@ -11,6 +11,7 @@
 
 #include "host/embedded_host.h"
 #include "module/host_log.h"
+#include "tests/support/clocks.h"
 #include "tests/support/golden.h"
 #include "tests/support/log_text.h"
 #include "tests/support/media_node.h"
@@ -25,6 +26,7 @@ using tests::field;
 using tests::golden;
 using tests::hex;
 using tests::Lines;
+using tests::now_us;
 using tests::timeless;
 
 // 16-bit samples that count up from `first`, as bytes.
@@ -450,18 +452,13 @@ TEST_F(Sender, EveryOperationReturnsWhatTheSocketSays) {
 
 // ---- all packets ------------------------------------------------------------------
 
-std::int64_t steady_now_us() {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
-
 TEST_F(Sender, SendTimeIsTheSteadyClockInMicroseconds) {
-    const std::int64_t before = steady_now_us();
+    const std::int64_t before = now_us<std::chrono::steady_clock>();
     transfer.media_start(session, context);
     transfer.media_features_update(session, context);
     transfer.media_terminate(session, context);
     send(0, Bytes(3000));
-    const std::int64_t after = steady_now_us();
+    const std::int64_t after = now_us<std::chrono::steady_clock>();
     std::int64_t last = before;
     const std::vector<Bytes> packets = node.receive_all();
     ASSERT_EQ(packets.size(), 6U);

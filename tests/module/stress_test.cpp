@@ -8,7 +8,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "tests/support/call_transfer.h"
+#include "tests/support/call_uuids.h"
 #include "tests/support/media_listener.h"
 #include "tests/support/module_test.h"
 
@@ -39,14 +39,7 @@ const std::vector<std::string> WORDS = {
     "detection start", "audio_activity start orig", "detection stop term start orig",
     "detection",       "audio_activity halt",       "nonsense"};
 
-// The calls' UUIDs are numbered, so that any thread can name any call.
-std::string uuid_of(unsigned number) {
-    char text[37];
-    std::snprintf(text, sizeof(text), "57e55000-0000-4000-8000-%012x", number);
-    return text;
-}
-
-// The same UUID as it is in the packets.
+// The UUID of a call as its packets carry it.
 std::string packet_uuid_of(unsigned number) {
     std::string text = uuid_of(number);
     text.erase(std::remove(text.begin(), text.end(), '-'), text.end());
