@@ -28,12 +28,16 @@ std::optional<sockaddr_in> parse_address(const std::string& text) {
 }
 
 std::string check_address(const std::string& text) {
-    if (parse_address(text).has_value()) {
-        return {};
-    }
     if (text.size() > 1 && text.front() == ':' && parse_address(text.substr(1)).has_value()) {
         return "'" + text + "' names no address: write 127.0.0.1" + text +
                " for this machine only, or 0.0.0.0" + text + " for all its addresses";
+    }
+    return check_destination(text);
+}
+
+std::string check_destination(const std::string& text) {
+    if (parse_address(text).has_value()) {
+        return {};
     }
     return "'" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000";
 }

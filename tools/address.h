@@ -19,6 +19,8 @@ std::string address_text(const sockaddr_in& address);
 std::optional<sockaddr_in> parse_address(const std::string& text);
 
 // For the check of an option: why parse_address() refuses the text; empty when it does not.
+// check_address() is for an address to listen on, and explains what ":port" could mean there.
 std::string check_address(const std::string& text);
+std::string check_destination(const std::string& text);
 
 }  // namespace qv::tools

@@ -40,6 +40,13 @@ TEST(AddressTest, RefusalNamesTheText) {
     EXPECT_EQ(check_address(":x"), "':x' is no IPv4 address and port, such as 127.0.0.1:40000");
 }
 
+TEST(AddressTest, DestinationIsRefusedWithoutAskingWhatItCouldMean) {
+    EXPECT_EQ(check_destination("192.0.2.7:5060"), "");
+    EXPECT_EQ(check_destination("5060"), "");
+    EXPECT_EQ(check_destination(":5060"),
+              "':5060' is no IPv4 address and port, such as 127.0.0.1:40000");
+}
+
 TEST(AddressTest, PortBehindAColonIsRefusedWithTheTwoThatItCouldMean) {
     EXPECT_EQ(check_address(":5060"),
               "':5060' names no address: write 127.0.0.1:5060 for this machine only, or "

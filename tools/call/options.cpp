@@ -7,8 +7,9 @@
 #include <stdexcept>
 #include <vector>
 
-#include "quorvane_lib/net_socket.h"
+#include "quorvane/media_packet.h"
 #include "quorvane_lib/utils_bytes.h"
+#include "tools/address.h"
 #include "tools/call/log_view.h"
 #include "tools/call/text.h"
 #include "tools/version.h"
@@ -95,17 +96,8 @@ CLI::Validator between(Number least, Number most) {
     return CLI::Range(least, most).description("");
 }
 
-std::string check_address(const std::string& text) {
-    sockaddr_in address{};
-    const bool both = text.find(':') != std::string::npos && text.find(':') > 0;
-    if (!both || !net::parse_addr(text.c_str(), nullptr, address)) {
-        return "'" + text + "' is no IPv4 address and port, such as " + DEFAULT_MEDIA_NODE;
-    }
-    return {};
-}
-
 std::string check_uuid(const std::string& text) {
-    unsigned char bytes[16];
+    unsigned char bytes[media::UUID_SIZE];
     if (!utils::bytes::decode_uuid(text.c_str(), bytes, tag::direct_update_t())) {
         return "'" + text + "' is no UUID";
     }
@@ -140,7 +132,7 @@ void add_module_options(CLI::App& app, Options& options) {
     add_module_option(app, options, "-n,--media-node", "media_node",
                       "Where the audio goes (default: 127.0.0.1:40000,\n"
                       "or what the configuration file says)")
-        ->check(check_address)
+        ->check(check_destination)
         ->type_name("ADDRESS:PORT");
     add_module_option(app, options, "--log-level", "log_level",
                       "What the module logs at the most: ERROR, WARNING,\nINFO, DEBUG or TRACE")

@@ -36,6 +36,11 @@ TEST_F(OptionsTest, AConfigurationFileNamesTheMediaNodeItself) {
     EXPECT_EQ(options_.module.options, (ModuleOptions{{"media_node", "10.0.0.1:5"}}));
 }
 
+TEST_F(OptionsTest, APortAloneIsAMediaNodeOnTheLoopback) {
+    EXPECT_FALSE(parse({"--media-node", "40001"}));
+    EXPECT_EQ(options_.module.options, (ModuleOptions{{"media_node", "40001"}}));
+}
+
 TEST_F(OptionsTest, ModuleOptionsGoToTheModule) {
     EXPECT_FALSE(parse({"-n", "10.0.0.1:5", "--log-level", "TRACE", "--dump-events", "channel",
                         "--default-detection", "orig", "--default-audio-activity", "true"}));
@@ -91,6 +96,8 @@ TEST_F(OptionsTest, FaultsAndLevelsAreKnownByName) {
 TEST_F(OptionsTest, WrongValuesAreNamedWithTheirOption) {
     EXPECT_EQ(refusal_of({"--media-node", "localhost"}),
               "--media-node: 'localhost' is no IPv4 address and port, such as 127.0.0.1:40000");
+    EXPECT_EQ(refusal_of({"--media-node", ":40000"}),
+              "--media-node: ':40000' is no IPv4 address and port, such as 127.0.0.1:40000");
     EXPECT_EQ(refusal_of({"--set", "novalue"}), "--set: 'novalue' is not NAME=VALUE");
     EXPECT_EQ(refusal_of({"--set", "=x"}), "--set: '=x' is not NAME=VALUE");
     EXPECT_EQ(refusal_of({"--uuid", "12"}), "--uuid: '12' is no UUID");
