@@ -61,7 +61,7 @@ int Application::run() {
     } catch (const PlanError& error) {
         return fail(error, EXIT_USAGE);
     } catch (const SettingsError& error) {
-        return fail(error, EXIT_NO_MODULE);
+        return fail(error, EXIT_NO_START);
     }
 }
 
@@ -116,7 +116,7 @@ int Application::run_with_module(const PlacedConfig& config) {
     if (!loaded.loaded) {
         errors_ << "quorvane-call: " << config.module_path()
                 << " could not be loaded: " << loaded.error << std::endl;
-        return EXIT_NO_MODULE;
+        return EXIT_NO_START;
     }
     tell_begin(config, host.api("quorvane media_node").text);
     return tell_end(run_calls(host, log, loaded.name));

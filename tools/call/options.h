@@ -9,14 +9,9 @@
 
 #include "tools/call/call_plan.h"
 #include "tools/call/module_settings.h"
+#include "tools/exit_codes.h"
 
 namespace qv::tools::call {
-
-// Exit codes.
-constexpr int EXIT_FINE = 0;
-constexpr int EXIT_TROUBLE = 1;    // Something failed during the calls.
-constexpr int EXIT_USAGE = 2;      // The command line, or a file that it names.
-constexpr int EXIT_NO_MODULE = 3;  // The module cannot be read, configured or loaded.
 
 // Whether lines are printed for each call.
 enum class CallLines { FEW_CALLS, ALWAYS, NEVER };

@@ -7,6 +7,7 @@
 
 #include "tools/call/application.h"
 #include "tools/call/options.h"
+#include "tools/exit_codes.h"
 
 namespace {
 
@@ -33,6 +34,6 @@ int main(int argc, char** argv) {
         return Application(std::move(options), std::cout, std::cerr, stop).run();
     } catch (const std::exception& error) {
         std::cerr << "quorvane-call: " << error.what() << std::endl;
-        return EXIT_TROUBLE;
+        return qv::tools::EXIT_TROUBLE;
     }
 }
