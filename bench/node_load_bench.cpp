@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "node/calls/types.h"
 #include "quorvane/media_packet.h"
 #include "quorvane_lib/hash_crc64.h"
 #include "quorvane_lib/net_socket.h"
@@ -47,11 +48,6 @@ std::array<unsigned char, media::UUID_SIZE> uuid_of(unsigned call) {
 // Sample `at` of a side. Never zero, so that it differs from inserted silence.
 std::int16_t sample(unsigned call, unsigned side, std::uint32_t at) {
     return static_cast<std::int16_t>(((at * 7 + call * 13 + side * 5) & 0x7FFE) | 1);
-}
-
-std::int64_t now_us() {
-    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
-        .count();
 }
 
 using Buffer = std::array<unsigned char, PACKET_SIZE>;
@@ -130,7 +126,8 @@ class Sender {
         media::put_u64(out + media::CALL_KEY_OFFSET,
                        hash::CRC64::compute(uuid.data(), uuid.size()));
         std::memcpy(out + media::CALL_UUID_OFFSET, uuid.data(), uuid.size());
-        media::put_u64(out + media::SEND_TIME_OFFSET, static_cast<std::uint64_t>(now_us()));
+        media::put_u64(out + media::SEND_TIME_OFFSET,
+                       static_cast<std::uint64_t>(node::steady_now().count()));
         return out;
     }
 
