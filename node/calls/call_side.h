@@ -7,9 +7,9 @@
 #include <optional>
 #include <vector>
 
-#include "node/audio/level_meter.h"
 #include "node/calls/call_limits.h"
 #include "node/calls/drop.h"
+#include "node/calls/level_meter.h"
 #include "node/calls/pause_finder.h"
 #include "node/calls/rate_estimator.h"
 #include "node/calls/reorder_buffer.h"

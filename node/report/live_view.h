@@ -11,8 +11,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "node/audio/level_meter.h"
 #include "node/calls/call_listener.h"
+#include "node/calls/level_meter.h"
 #include "node/calls/types.h"
 #include "node/report/figures.h"
 

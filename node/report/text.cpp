@@ -3,7 +3,7 @@
 #include <cmath>
 #include <ctime>
 
-#include "node/audio/level_meter.h"
+#include "node/calls/level_meter.h"
 #include "tools/format.h"
 #include "tools/utf8.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "node/audio/level_meter.h"
+#include "node/calls/level_meter.h"
 #include "node/report/text.h"
 #include "node/report/timeline.h"
 #include "tools/format.h"

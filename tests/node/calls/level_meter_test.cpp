@@ -1,4 +1,4 @@
-#include "node/audio/level_meter.h"
+#include "node/calls/level_meter.h"
 
 #include <gtest/gtest.h>
 
