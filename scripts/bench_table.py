@@ -3,7 +3,7 @@
 Usage: bench_table.py FOLDER INSTRUCTIONS
 
 FOLDER holds the JSON files that scripts/bench.sh makes; results.json is written there.
-INSTRUCTIONS is the number of instructions a frame, or empty where it was not counted.
+INSTRUCTIONS is the number of instructions per frame, or empty if it was not counted.
 """
 
 import json
@@ -11,11 +11,11 @@ import pathlib
 import sys
 
 PROGRAMS = ("bench_media_path", "bench_without_system_call", "bench_host")
-LINES = 64  # of one iteration of dropped_line
+LINES = 64  # Lines per iteration of dropped_line.
 
 
 def read(folder):
-    """The middle of each benchmark's runs, by program and name."""
+    """The median of each benchmark's runs, by program and name."""
     results = {}
     for program in PROGRAMS:
         document = json.loads((folder / f"{program}.json").read_text())
@@ -29,12 +29,12 @@ def short_name(name):
 
 
 def cost(run):
-    """Nanoseconds a frame where the benchmark counts them itself, else of an iteration."""
+    """Nanoseconds per frame if the benchmark reports them itself, otherwise per iteration."""
     return run.get("ns_frame", run["cpu_time"])
 
 
 def goals(results, instructions):
-    """Rows of what, value, unit, limit, and whether the limit is a least value."""
+    """Rows of name, value, unit, limit, and whether the limit is a minimum."""
     path, cpu, host = (results[program] for program in PROGRAMS)
     one = cpu["media_data_round_robin/1"]["cpu_time"]
     many = cpu["media_data_round_robin/10000"]["cpu_time"]

@@ -1,17 +1,19 @@
-"""Judges a soak: what the samples of the process and the events of the media node say.
+"""Judges a soak test by the samples of the process and the events of the media node.
 
 Usage: soak_report.py FOLDER CALLS (--bytes-a-call BYTES | --wavers-by KIB) --registry CALLS
 
-FOLDER holds samples.txt of soak_samples.py and events.jsonl of quorvane-node; CALLS were placed.
-Growth is that of the straight line that fits the samples best, over the steady part of the run.
+FOLDER has samples.txt of soak_samples.py and events.jsonl of quorvane-node. CALLS is the number
+of calls that were placed. Growth is that of the straight line that fits the samples best, over the
+steady part of the run.
 
---bytes-a-call  resident memory may grow by that for each call that ended in the steady part
---wavers-by     instead, of a process whose own memory wavers by that much, calls or no calls
---registry      the registry may grow by so many calls: how many there are at once wavers with
-                their random lengths
+--bytes-a-call  resident memory may grow by BYTES for each call that ended in the steady part
+--wavers-by     resident memory may grow by KIB in total, for a process whose own memory varies by
+                that much even without calls
+--registry      the registry may grow by CALLS calls, because the number of simultaneous calls
+                varies with their random lengths
 
-Exit code 0: all is well; 1: something grows or is missing; 3: all calls are whole, but the run
-was too short to tell whether anything grows.
+Exit code 0: all is well; 1: something grows or is missing; 3: all calls are complete, but the run
+was too short to judge growth.
 """
 
 import argparse
@@ -22,14 +24,14 @@ import pathlib
 import sys
 import typing
 
-# Calls come and go at their usual number, and the process has the memory that so many take,
-# neither at first nor at the end.
+# The beginning and the end of a run are left out: the number of calls and the memory that they
+# take are not yet, or no longer, at their usual level.
 WARM_UP = 1 / 3
 WARM_UP_S = 180
 LAST_CALLS_S = 32
 STEADY_S = 300
-# Resident memory of a process that does not grow goes up and down by a page. What is allowed must
-# be far more, or chance would decide.
+# The resident memory of a process that does not grow still goes up and down by a page. The limit
+# must be far above that, or chance would decide.
 PAGE_KIB = 4
 PAGES_ALLOWED = 8
 
@@ -37,7 +39,7 @@ GOOD, BAD, TOO_SHORT = 0, 1, 3
 
 
 class Bounds(typing.NamedTuple):
-    """Growth over the whole steady part that is still no growth."""
+    """The limits of growth over the whole steady part."""
 
     bytes_a_call: typing.Optional[int]
     wavers_by_kib: typing.Optional[int]
@@ -56,7 +58,7 @@ class Sample(typing.NamedTuple):
 
 
 def growth(points):
-    """Of the straight line that fits the points best, from the first to the last."""
+    """The growth of the best fitting straight line from the first to the last point."""
     n = len(points)
     mean_x = sum(x for x, _ in points) / n
     mean_y = sum(y for _, y in points) / n
@@ -66,7 +68,7 @@ def growth(points):
 
 
 def steady_part(samples):
-    """Empty when the run was too short to have one."""
+    """The samples of the steady part; empty if the run was too short to have one."""
     if not samples:
         return []
     last = samples[-1].seconds
@@ -77,8 +79,8 @@ def steady_part(samples):
 
 
 def ended_between(events, begin, end):
-    """How many calls ended between these seconds after the first call's start, which is when
-    the samples begin, give or take a second."""
+    """The number of calls that ended between `begin` and `end`, in seconds after the first call's
+    start. The samples start within a second of that."""
     moments = {"start": [], "end": []}
     for event in events:
         if event["event"] in moments:
@@ -114,7 +116,7 @@ def judge_memory(steady, ended, bounds):
 
 
 def judge_samples(samples, events, bounds):
-    """GOOD, BAD or TOO_SHORT."""
+    """Returns GOOD, BAD or TOO_SHORT."""
     steady = steady_part(samples)
     if not steady:
         print(f"growth        not judged: after {WARM_UP_S} s of warming up, or a third of the run,"
@@ -135,7 +137,7 @@ def judge_samples(samples, events, bounds):
 
 
 def judge_events(events, calls):
-    """GOOD or BAD."""
+    """Returns GOOD or BAD."""
     kinds = collections.Counter(event["event"] for event in events)
     ends = [event for event in events if event["event"] == "end"]
     terminated = sum(event["reason"] == "terminated" for event in ends)

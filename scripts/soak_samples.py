@@ -1,10 +1,10 @@
-"""Samples what a process of a soak holds, while it runs.
+"""Samples the resources of a process during a soak test.
 
 Usage: soak_samples.py FILE MODULE COMMAND...
 
-Runs the command, which loads MODULE, and ends with its exit status. A line of FILE: seconds,
-resident KiB, descriptors, threads, calls in the module's registry. The registry is read in
-the process's memory, which goes on meanwhile; the module needs debug information (-g) for it.
+Runs the command, which loads MODULE, and exits with its status. Each line of FILE has seconds,
+resident KiB, descriptors, threads, and calls in the module's registry. The size of the registry
+is read from the memory of the running process; MODULE needs debug information (-g) for that.
 """
 
 import pathlib
@@ -19,7 +19,7 @@ REGISTRY_SIZE = ("(unsigned long)&'qv::freeswitch::(anonymous namespace)::global
 
 
 def address_in_file(module: pathlib.Path) -> int:
-    """Where the registry keeps its size, from the beginning of the module."""
+    """The offset of the registry's size from the beginning of the module."""
     answer = subprocess.run(["gdb", "-batch", "-nx", "-ex", f"output/x {REGISTRY_SIZE}", module],
                             capture_output=True, text=True, check=True)
     if not re.fullmatch("0x[0-9a-f]+", answer.stdout):
@@ -28,7 +28,7 @@ def address_in_file(module: pathlib.Path) -> int:
 
 
 class Samples:
-    """Writes samples of one process to a file. `module` is the file that it has loaded."""
+    """Writes samples of one process to a file. `module` is the module file that it loads."""
 
     def __init__(self, path: pathlib.Path, pid: int, module: pathlib.Path):
         self._module = module
@@ -41,7 +41,7 @@ class Samples:
         self._file.close()
 
     def take(self) -> bool:
-        """Writes one line; False, and nothing written, when the module is not loaded."""
+        """Writes one line. If the module is not loaded, writes nothing and returns False."""
         status = (self._process / "status").read_text()
         if (registered := self.registered()) is None or "VmRSS" not in status:
             return False
@@ -53,7 +53,7 @@ class Samples:
         return True
 
     def registered(self):
-        """How many calls the module has in its registry; None when it is not loaded."""
+        """The number of calls in the module's registry; None if the module is not loaded."""
         for line in (self._process / "maps").read_text().splitlines():
             columns = line.split()
             if columns[2] == "00000000" and columns[-1].endswith("/" + self._module.name):
@@ -73,7 +73,7 @@ def main() -> None:
             try:
                 samples.take()
             except (FileNotFoundError, ProcessLookupError):
-                pass  # It has just ended.
+                pass  # The process has just ended.
             try:
                 command.wait(PERIOD_S)
             except subprocess.TimeoutExpired:

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Counts what a run of ctest did, case by case, for scripts/test.sh.
+"""Counts the results of a run of ctest, case by case, for scripts/test.sh.
 
     test_results.py PRESET
 
-Reads build/PRESET-results.xml and, for the programs whose cases were run one by one, their
-results in build/PRESET/cases. Prints fields with tabs between them: "failed", what, the command
-that runs just that again; "skipped", what, the reason; at the end "counts", passed, failed and
-skipped.
+Reads build/PRESET-results.xml and, for the programs whose cases are reported one by one, their
+results in build/PRESET/cases. Prints lines of fields separated by tabs: "failed", the name, the
+command that runs just that again; "skipped", the name, the reason; at the end "counts" and the
+numbers of passed, failed and skipped cases.
 """
 import json
 import pathlib
@@ -15,7 +15,7 @@ import xml.etree.ElementTree
 
 
 def reason(text):
-    """The reason that a skipped test gives: its last line, without the word "skipped"."""
+    """The reason that a skipped test printed: its last line, without the word "skipped"."""
     lines = [line.strip() for line in (text or "").splitlines() if line.strip()]
     last = lines[-1] if lines else "no reason is given"
     head, _, tail = last.partition(": ")

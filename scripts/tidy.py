@@ -2,13 +2,13 @@
 """Runs clang-tidy on the sources that changed since they were last found clean.
 
     scripts/tidy.py                  every source of the product
-    scripts/tidy.py FILE...          these
-    scripts/tidy.py --fresh ...      without what earlier runs found
+    scripts/tidy.py FILE...          only these files
+    scripts/tidy.py --fresh ...      ignores the results of earlier runs
 
 What clang-tidy finds in a file depends on the file, on what it includes, on how it is compiled,
-on .clang-tidy, and on the versions of clang-tidy and of the libraries. A file for which none of
-these has changed is clean still; the stamps of clean files are kept in
-${XDG_CACHE_HOME:-~/.cache}/quorvane/tidy. Ends with 1 if a file is not clean.
+on .clang-tidy, and on the versions of clang-tidy and of the libraries. If none of these has
+changed, a clean file is still clean; stamps of clean files are kept in
+${XDG_CACHE_HOME:-~/.cache}/quorvane/tidy. Exits with 1 if a file is not clean.
 """
 import argparse
 import concurrent.futures
@@ -24,8 +24,8 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "tidy"
-# The programs are read without the analyzer: their libraries' headers would keep it busy for
-# most of the time that all tests take.
+# The programs are checked without the analyzer: on their libraries' headers it would spend most
+# of the time that all tests take.
 ANALYZED = ("quorvane_lib", "module", "host")
 NOT_ANALYZED = ("node", "tools")
 INCLUDE = re.compile(r'^\s*#\s*include\s*[<"]([^>"]+)[>"]', re.MULTILINE)
@@ -43,7 +43,7 @@ def output_of(*command):
 
 
 def configure():
-    """Writes how each file is compiled, and the header that the build generates."""
+    """Writes the compile commands of all files and the header that the build generates."""
     for command in (["cmake", "--preset", "tidy"],
                     ["cmake", "--build", BUILD, "--target", "build_identifier"]):
         result = subprocess.run(command, cwd=ROOT, stdout=subprocess.PIPE,
@@ -53,7 +53,7 @@ def configure():
 
 
 class Includes:
-    """The files of the project that a file includes, itself among them."""
+    """The project's files that a file includes, and the file itself."""
 
     def __init__(self):
         self.direct = {}
@@ -77,7 +77,7 @@ class Includes:
 
 
 def environment_hash():
-    """Of everything outside the project that an outcome depends on."""
+    """The hash of everything outside the project that a result depends on."""
     packages = shutil.which("dpkg-query")
     versions = output_of("dpkg-query", "-W", "-f", "${Package} ${Version}\\n",
                          "*-dev") if packages else str(time.time())

@@ -1,5 +1,5 @@
-"""Runs quorvane-call and quorvane-node as processes: calls go through the module that was
-built and come out as WAV files.
+"""Runs quorvane-call and quorvane-node as processes: calls go through the built module and end
+as WAV files.
 
 usage: call_to_node_test.py QUORVANE_CALL QUORVANE_NODE MODULE [unittest options]
 """
@@ -19,11 +19,11 @@ import uuid
 import wave
 
 CALL, NODE, MODULE = sys.argv[1:4]
-PATIENCE = 60  # seconds; every program here ends by itself much earlier
+PATIENCE = 60  # Seconds. Every program here ends by itself much earlier.
 
 
 def noise(count, seed):
-    """Samples that no mistake leaves as they are."""
+    """Random samples, which any mistake would change."""
     chooser = random.Random(seed)
     return array.array("h", (chooser.randint(-32768, 32767) for _ in range(count)))
 
@@ -43,7 +43,7 @@ def read_wav(path):
 
 
 class Node:
-    """A receiver that ends after so many calls."""
+    """A receiver that ends after the given number of calls."""
 
     def __init__(self, folder, calls, *options):
         self.wavs = folder / "received"
@@ -65,7 +65,7 @@ class Node:
         raise AssertionError("no address: " + self.output.read_text())
 
     def finish(self):
-        """Its lines, once it has ended by itself."""
+        """Waits until it has ended by itself; returns its lines."""
         code = self.process.wait(PATIENCE)
         text = self.output.read_text()
         if code != 0:

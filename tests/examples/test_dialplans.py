@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Checks the dialplan samples: well-formed, of the host's structure, and of nothing but the
-channel variables that the module reads.
+"""Checks the dialplan samples: they are well-formed, have the structure that the host expects,
+and set only channel variables that the module reads.
 
-Ends with 77, which CTest counts as skipped, where xmllint is missing.
+Exits with 77, which CTest counts as skipped, if xmllint is missing.
 """
 
 import ipaddress

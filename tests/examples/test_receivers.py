@@ -3,8 +3,8 @@
 
     test_receivers.py PROGRAM [QUORVANE_CALL MODULE]
 
-PROGRAM is examples/receiver.cpp, built; with the call driver and the module the receivers also
-take calls that went through the module.
+PROGRAM is the program built from examples/receiver.cpp. With the call driver and the module, the
+receivers also get calls that went through the module.
 """
 
 import json
@@ -48,14 +48,14 @@ def data(sequence_number, sample_offset, samples):
 
 
 def start_of_tap(number):
-    """The start packet of the first, second... tap on the golden call."""
+    """The start packet of the golden call's first, second... tap."""
     packet = bytearray(datagram("call_1_start"))
     packet[56:64] = (3600000000 + number * 1000000).to_bytes(8, "little")
     return bytes(packet)
 
 
 def damaged(chance):
-    """A golden datagram with some bytes changed, and cut at times."""
+    """A golden datagram with some bytes changed, and sometimes cut short."""
     packet = bytearray(datagram(chance.choice(sorted(set(GOLDEN) - {"malformed_empty"}))))
     for _ in range(chance.randrange(8)):
         packet[chance.randrange(len(packet))] = chance.randrange(256)
@@ -70,7 +70,7 @@ def samples_of(path):
 
 
 def readme_command(pattern):
-    """A command as the README shows it."""
+    """A command as it is in the README."""
     return next(line.strip() for line in README.splitlines() if re.match(" {4,}" + pattern, line))
 
 
@@ -105,8 +105,8 @@ class ReceiverTest(unittest.TestCase):
 
 
     def send_damaged(self, count):
-        """Sends them a few at a time, so that the socket holds them all: behind each batch comes
-        a datagram whose refusal shows that the batch was taken."""
+        """Sends them in batches that fit into the socket's buffer. After each batch comes a
+        malformed datagram, whose refusal shows that the receiver has read the batch."""
         chance = random.Random(1)
         for size in range(1, 1 + count // 20):
             self.send(*[damaged(chance) for _ in range(20)], bytes(size))
@@ -115,7 +115,7 @@ class ReceiverTest(unittest.TestCase):
 
 
     def place_calls(self, *options):
-        """Calls through the module, a second long: 50 frames a side."""
+        """Places calls of one second through the module, 50 frames per side."""
         if not CALL_DRIVER:
             self.skipTest("no call driver given")
         names = []
@@ -135,7 +135,7 @@ class PythonReceiver(ReceiverTest):
                     "--output", "FOLDER"])
 
     def event(self, line):
-        """An event without its time, which no test knows."""
+        """An event without its time, which differs in every run."""
         event = json.loads(line)
         self.assertRegex(event.pop("time"), r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z$")
         return event
@@ -144,11 +144,11 @@ class PythonReceiver(ReceiverTest):
         return [self.event(line) for line in self.lines(count)]
 
     def end(self):
-        """The events that are left, after an interrupt."""
+        """Interrupts the receiver; returns the remaining events."""
         return [self.event(line) for line in self.stop()]
 
     def written_samples(self, end, side="originator"):
-        """The samples of a side's file, found by the `end` event."""
+        """The samples of a side's file, which the `end` event names."""
         path = next(file["path"] for file in end["files"] if side in file["path"])
         return samples_of(path)
 
@@ -200,7 +200,7 @@ class PythonReceiver(ReceiverTest):
         self.assertEqual(self.written_samples(self.end_after_packets()), WAVE_SAMPLES * 2)
 
     def end_after_packets(self):
-        """The `end` event, once a malformed datagram shows that all before it were taken."""
+        """The `end` event. First a malformed datagram shows that all before it were read."""
         self.send(b"end")
         self.assertEqual(self.events(1)[0]["event"], "malformed")
         events = self.end()
@@ -444,7 +444,7 @@ class CppReceiver(ReceiverTest):
 class Sender(unittest.TestCase):
     def test_key_is_that_of_the_document(self):
         sys.path.insert(0, str(ROOT / "examples"))
-        import send_call  # The example is a program; it is taken as a module here only.
+        import send_call  # The example is a program; only this test imports it.
         uuid_bytes = bytes.fromhex(UUID.replace("-", ""))
         key = f"0x{send_call.call_key(uuid_bytes):016x}"
         self.assertEqual(key, GOLDEN["call_1_start"]["call_key"])

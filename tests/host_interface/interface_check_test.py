@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Tests host/check/interface_check.cpp: it knows all of host/include/switch.h, and a
-difference on either side stops the compiler.
+"""Tests host/check/interface_check.cpp: it covers all of host/include/switch.h, and any
+difference between the headers is a compiler error.
 
     interface_check_test.py COMPILER [REAL_INCLUDE_FOLDER]
 """
@@ -19,14 +19,14 @@ HEADER = ROOT / "host" / "include" / "switch.h"
 COMPILER = sys.argv[1] if len(sys.argv) > 1 else "c++"
 REAL_HEADERS = pathlib.Path(sys.argv[2]) if len(sys.argv) > 2 else None
 
-# Of the header's macros, those that are its own and not the host's.
+# Macros of our header that the host does not have.
 OWN_MACROS = {"QUORVANE_SWITCH_EVENT_ALL", "QUORVANE_CF_MEDIA_SET"}
-# A slot of a codec's record has no counterpart: there each has a type of its own.
+# The slots of our codec record have this type; in the host each slot has a type of its own.
 OWN_TYPES = {"switch_codec_slot_t"}
 
 
 def compile_check(include, *definitions):
-    """What the compiler says about the check with the headers in INCLUDE; "" if all is well."""
+    """The compiler's messages for the check with the headers in INCLUDE; "" if it succeeds."""
     run = subprocess.run(
         [COMPILER, "-std=c++17", "-fsyntax-only", "-isystem", str(include), *definitions, str(CHECK)],
         capture_output=True, text=True, check=False)
@@ -99,7 +99,7 @@ class Completeness(unittest.TestCase):
 
 
 class ChangedHeaders(unittest.TestCase):
-    """Compiles the check with headers that were changed in a folder of their own."""
+    """Compiles the check with changed copies of the headers."""
 
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp())
@@ -112,7 +112,7 @@ class ChangedHeaders(unittest.TestCase):
 
 
 class Differences(ChangedHeaders):
-    """Each change of our header has to be found."""
+    """The check finds each change of our header."""
 
     def changed(self, before, after):
         copy = self.folder / "switch.h"
@@ -164,7 +164,7 @@ class Differences(ChangedHeaders):
 
 @unittest.skipUnless(REAL_HEADERS, "no FreeSWITCH is installed")
 class RealHeaders(ChangedHeaders):
-    """The same with the host's own headers, in a copy."""
+    """The check finds each change of a copy of the host's own headers."""
 
     def changed(self, file, before, after):
         copy = self.folder / "include"

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Parses every golden datagram with a parser made of docs/quorvane.ksy: each field must have the
-value that golden.json gives, and each malformed datagram must be refused.
+"""Parses every golden datagram with a parser generated from docs/quorvane.ksy. Each field must
+have the value in golden.json, and each malformed datagram must be refused.
 
-    parse_golden.py FOLDER   with the parser in Python that is in FOLDER
-    parse_golden.py PROGRAM  with the one in C++: PROGRAM is cpp/parse_golden.cpp, built
+    parse_golden.py FOLDER   uses the Python parser in FOLDER
+    parse_golden.py PROGRAM  uses the C++ parser in PROGRAM, built from cpp/parse_golden.cpp
 """
 
 import importlib
@@ -29,7 +29,7 @@ FLAGS = {"start": ("is_outbound", "has_report_node", "has_rule_id"),
          "data": ("is_terminator", "is_write_leg")}
 RUNNING = [f"{feature}_{side}" for feature in ("audio_activity", "sample_detection", "recording")
            for side in ("originator", "terminator")]
-# The features that run, in the order of RUNNING; from the bit table of docs/protocol.md.
+# The active features in the order of RUNNING, from the bit table of docs/protocol.md.
 RUNNING_IN = {"start_outbound_full": [1, 1, 0, 0, 1, 1], "control_detection": [1, 1, 1, 0, 1, 1],
               "call_6_control": [0, 0, 0, 0, 1, 1]}
 FLAG_BITS = {"start": (0x0001, 0x4000, 0x8000), "data": (0x0001, 0x8000)}
@@ -46,7 +46,7 @@ def datagram(name):
 
 
 def parse_in_python(folder, datagrams):
-    """The fields of each datagram as the generated parser in Python has them; None: refused."""
+    """The fields of each datagram from the generated Python parser; None if it refuses it."""
     sys.path.insert(0, folder)
     quorvane = importlib.import_module("quorvane").Quorvane
     return [plain_fields(quorvane, bytes_) for bytes_ in datagrams]
@@ -55,9 +55,9 @@ def parse_in_python(folder, datagrams):
 def plain_fields(quorvane, bytes_):
     try:
         packet = quorvane.from_bytes(bytes_)
-    except Exception as error:  # Which ones the parsers raise differs between runtimes.
+    except Exception as error:  # The types of exceptions differ between runtime versions.
         if isinstance(error, (AttributeError, NameError, TypeError)):
-            raise  # These are faults of the parser.
+            raise  # These types are faults of the parser.
         return None
     kind = TYPES[packet.packet_type.value]
     values = {name: getattr(packet, name) for name in HEADER}
@@ -82,7 +82,7 @@ def parse_in_cpp(program, datagrams):
 
 
 def differences(name, expected, values):
-    """What is wrong with a parsed datagram, a text each."""
+    """The faults of a parsed datagram, one text each."""
     if "malformed" in expected:
         return [] if values is None else [f"{name}: parsed, although malformed"]
     if values is None:
@@ -101,7 +101,7 @@ def differences(name, expected, values):
 
 
 def not_utf8():
-    """A start packet whose call reference is legal and no UTF-8."""
+    """A start packet whose call reference is legal, but is not UTF-8."""
     packet = bytearray(datagram("call_1_start"))
     packet[82:84] = b"\xff\xc3"
     reference = "\udcff\udcc3" + GOLDEN["call_1_start"]["call_reference"][2:]

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""What run.sh makes of a package registry that it cannot use: skipped with the reason where
-the registry cannot be reached, failed where it answers with something else than the packages."""
+"""Tests run.sh with a package registry that it cannot use. If it cannot reach the registry, it
+skips and gives the reason; if the registry sends anything but the packages, it fails."""
 import http.server
 import json
 import os
@@ -47,7 +47,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
 
 def closed_port():
-    """A port of loopback on which nothing listens."""
+    """A loopback port on which nothing listens."""
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         return probe.getsockname()[1]

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Holds docs/design.md against the sources: its picture of layers against their includes.
+"""Checks docs/design.md against the sources: its picture of layers against their includes.
 
-Each line of the picture is a folder and, behind an arrow, the folders that it includes. A
-folder includes only what stands below it, the picture has every folder with C++ sources, and
-every arrow of the picture is drawn by some include.
+Each line of the picture is a folder and, after an arrow, the folders that it includes. A folder
+may include only folders below it, the picture must have every folder with C++ sources, and each
+arrow must have at least one include.
 
-Comments about what is odd on purpose point to a row of a table there: the row has to exist.
+Comments about deliberate oddities point to a row of a table there. The row has to exist.
 """
 
 import os
@@ -55,7 +55,7 @@ def arrows_of(files):
 
 
 def layer_of(path, rows):
-    """The row that is nearest above the file, or None."""
+    """The row of the innermost folder that contains the file, or None."""
     folder = os.path.dirname(path)
     while folder and folder not in rows:
         folder = os.path.dirname(folder)

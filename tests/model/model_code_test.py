@@ -1,5 +1,5 @@
-"""The model's functions are the module's: each "code:" comment of model/context.pml names a
-file, a function and pieces of its text, which stand in the function in this order."""
+"""Checks that the model follows the code: each "code:" comment of model/context.pml names a file,
+a function and pieces of its text, which the function must contain in this order."""
 
 import pathlib
 import re

@@ -1,4 +1,4 @@
-"""scripts/model.sh passes what its configurations say, and nothing else."""
+"""Checks that scripts/model.sh accepts only the results that its configurations state."""
 
 import os
 import pathlib

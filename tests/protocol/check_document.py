@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Holds docs/protocol.md against the golden datagrams.
+"""Checks docs/protocol.md against the golden datagrams.
 
-Its tables decode every datagram to the fields of golden.json, its Python examples print what
-it says they print, its hex dump is the golden call, its table of refusals names real files.
+Its tables must decode every datagram to the fields of golden.json, its Python examples must print
+what it says they print, its hex dump must be the golden call, and its table of refusals must name
+existing files.
 """
 
 import contextlib
@@ -67,7 +68,7 @@ def decode_field(raw, kind, order):
 
 
 def decode(data):
-    """Decodes a datagram by nothing but the document's tables."""
+    """Decodes a datagram using only the document's tables."""
     title = TYPES[data[4]].capitalize() + " packet"
     values = {}
     for offset, width, kind, order, name in fields("Common header") + fields(title):
@@ -97,7 +98,7 @@ class Document(unittest.TestCase):
         for code, shown in examples:
             printed = io.StringIO()
             with contextlib.redirect_stdout(printed):
-                exec(code, {})  # The document's own code, to be run as a reader would.
+                exec(code, {})  # Runs the document's code as a reader would.
             self.assertEqual(printed.getvalue(), shown)
 
     def test_hex_dump_is_the_golden_call(self):
@@ -112,7 +113,7 @@ class Document(unittest.TestCase):
         for name, expected in GOLDEN.items():
             if "malformed" in expected:
                 continue
-            # Such as "82 + L, 83 to 1376" or "42".
+            # The text is like "82 + L, 83 to 1376" or "42".
             bound = bounds[expected["packet_type"]].split(",")[-1].split(" to ")
             with self.subTest(name):
                 self.assertLessEqual(len(datagram(name)), int(bound[-1]))
