@@ -11,7 +11,7 @@
 
 #include "bench/bench_support.h"
 #include "host/embedded_host.h"
-#include "host/private_config.h"
+#include "tools/private_config.h"
 
 namespace qv::bench {
 
@@ -142,7 +142,7 @@ BENCHMARK(api_feature_switch)->Arg(1)->Arg(100)->Arg(10000);
 
 int main(int argc, char** argv) {
     const auto folder = std::filesystem::temp_directory_path() / "quorvane-bench";
-    if (const auto error = qv::host::use_relocated_config(folder.string(), "log_level=ERROR\n")) {
+    if (const auto error = qv::tools::use_relocated_config(folder.string(), "log_level=ERROR\n")) {
         std::fprintf(stderr, "bench: %s\n", error->c_str());
         return 1;
     }

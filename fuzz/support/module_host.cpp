@@ -10,7 +10,7 @@
 
 #include "fuzz/support/require.h"
 #include "host/answer_stream.h"
-#include "host/private_config.h"
+#include "tools/private_config.h"
 
 #ifndef QUORVANE_RELOCATED_MODULE
 #error "QUORVANE_RELOCATED_MODULE must name the relocated module"
@@ -67,7 +67,7 @@ ModuleHost::ModuleHost() {
     const fs::path before = fs::current_path();
     std::string folder = (fs::temp_directory_path() / "quorvane_fuzz_XXXXXX").string();
     require(::mkdtemp(folder.data()) != nullptr, "a folder for the configuration can be made");
-    if (const auto error = host::use_relocated_config(folder, CONFIGURATION)) {
+    if (const auto error = tools::use_relocated_config(folder, CONFIGURATION)) {
         fail(*error);
     }
     const host::LoadResult loaded = host_.load_module(QUORVANE_RELOCATED_MODULE);

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "host/embedded_host.h"
-#include "host/private_config.h"
+#include "tools/private_config.h"
 
 namespace qv::host {
 namespace {
@@ -46,7 +46,7 @@ class ShippedConfiguration : public ::testing::Test {
     }
 
     void load_with(const std::string& content) {
-        ASSERT_EQ(use_relocated_config(directory_, content), std::nullopt);
+        ASSERT_EQ(tools::use_relocated_config(directory_, content), std::nullopt);
         const LoadResult result = host_.load_module(QUORVANE_RELOCATED_MODULE);
         ASSERT_TRUE(result.loaded) << result.error;
     }

@@ -9,8 +9,8 @@
 #include <sstream>
 #include <system_error>
 
-#include "host/private_config.h"
 #include "tools/call/file_error.h"
+#include "tools/private_config.h"
 
 namespace qv::tools::call {
 namespace {
@@ -97,7 +97,7 @@ PlacedConfig::PlacedConfig(const ModuleSettings& settings, const std::string& te
         relocate(text);
         return;
     }
-    const auto refused = host::use_private_config(text);
+    const auto refused = use_private_config(text);
     if (!refused) {
         description_ = "a private /etc";
         return;
@@ -118,7 +118,7 @@ void PlacedConfig::relocate(const std::string& text) {
     const std::string path = relocated_module(module_path_);
     check_readable(path);
     folder_ = make_folder();
-    if (const auto error = host::use_relocated_config(folder_, text)) {
+    if (const auto error = use_relocated_config(folder_, text)) {
         remove_folder();
         throw SettingsError(*error);
     }

@@ -1,4 +1,4 @@
-#include "host/private_config.h"
+#include "tools/private_config.h"
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -11,7 +11,7 @@
 #include <fstream>
 #include <system_error>
 
-namespace qv::host {
+namespace qv::tools {
 namespace {
 
 using Error = std::optional<std::string>;
@@ -114,4 +114,4 @@ Error use_relocated_config(const std::string& directory, const std::string& cont
     return std::nullopt;
 }
 
-}  // namespace qv::host
+}  // namespace qv::tools

@@ -1,4 +1,4 @@
-#include "host/private_config.h"
+#include "tools/private_config.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,7 +12,7 @@
 #include <iterator>
 #include <string>
 
-namespace qv::host {
+namespace qv::tools {
 namespace {
 
 constexpr char CONFIG[] = "/etc/delmaren/quorvane/freeswitch_mod.conf";
@@ -85,4 +85,4 @@ TEST(RelocatedConfig, AFolderThatCannotBeMadeIsNamed) {
 }
 
 }  // namespace
-}  // namespace qv::host
+}  // namespace qv::tools

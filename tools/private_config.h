@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-namespace qv::host {
+namespace qv::tools {
 
 // From here on /etc/delmaren/quorvane/freeswitch_mod.conf holds `content`, for this
 // process and what it starts; all else under /etc stays readable, nothing of it
@@ -22,4 +22,4 @@ std::optional<std::string> use_private_config(const std::string& content);
 std::optional<std::string> use_relocated_config(const std::string& directory,
                                                 const std::string& content);
 
-}  // namespace qv::host
+}  // namespace qv::tools
