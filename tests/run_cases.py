@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
 """Runs a GoogleTest program and reports each of its cases.
 
-All cases run in one process, one after the other. When a case ends the process, or does not
-end in time, it has failed, and the cases behind it run in a new process. What a case printed
-is shown only if it failed, followed by the command that runs just this case again.
+All cases run in one process, one after the other. A case that ends the process, or does not end
+in time, has failed; the cases after it run in a new process. The output of a case is shown only
+if it failed, followed by the command that runs just this case again.
 
     run_cases.py [--results FILE] [--timeout SECONDS] PROGRAM
 
 --results writes an object for each case: name, status (passed, failed or skipped), seconds,
-text, command. Ends with 1 if a case failed.
+text, command. Exits with 1 if a case failed.
 """
 import argparse
 import json
@@ -23,7 +23,7 @@ import sys
 import tempfile
 import time
 
-# GoogleTest's line at the start and the end of a case. Other output may stand before it.
+# GoogleTest's line at the start and the end of a case. Other output may precede it on the line.
 MARK = re.compile(r"\[ +(RUN|OK|FAILED|SKIPPED) +\] ([^\s,]+)(?:,.*)?(?: \(\d+ ms\))?$")
 STATUS = {"OK": "passed", "FAILED": "failed", "SKIPPED": "skipped"}
 AT_END = "after the last case"
@@ -80,10 +80,10 @@ class Run:
         self.left = list(cases)
         self.done = []
         self.current = None
-        self.outside = []  # What was printed before, between and after the cases.
+        self.outside = []  # The output before, between and after the cases.
 
     def execute(self):
-        """Returns when the process has ended; self.left are the cases that it did not reach."""
+        """Returns when the process has ended; self.left has the cases that it did not reach."""
         with tempfile.NamedTemporaryFile("w", suffix=".flags") as flags:
             flags.write("--gtest_filter=" + ":".join(self.left) + "\n--gtest_color=no\n")
             flags.flush()
@@ -108,7 +108,7 @@ class Run:
                 self.left = []
 
     def read(self, process):
-        """Reads the output; False if nothing of it tells of a next case for too long."""
+        """Reads the output; returns False if no next case is reported for too long."""
         rest = b""
         with selectors.DefaultSelector() as selector:
             selector.register(process.stdout, selectors.EVENT_READ)
@@ -129,7 +129,7 @@ class Run:
         return True
 
     def take(self, line):
-        """Takes a line of output; True if a case began or ended with it."""
+        """Handles a line of output; returns True if it begins or ends a case."""
         mark = MARK.search(line)
         word, name = mark.groups() if mark else (None, None)
         if word == "RUN" and name in self.left:
@@ -165,7 +165,7 @@ def run_all(program, timeout):
             case.end("failed", "The program did not begin the case.")
             run.done, run.left = [case], left[1:]
         cases += run.done
-        # A process that ended by itself has begun all of its cases, unless one ended it.
+        # A process that ended by itself has started all of its cases, unless a case ended it.
         left = run.left
     return cases
 
@@ -177,7 +177,7 @@ def main():
     parser.add_argument("program", type=pathlib.Path)
     options = parser.parse_args()
 
-    # The results of an earlier run must not pass for those of this one.
+    # The results of an earlier run must not be mistaken for those of this one.
     if options.results:
         options.results.unlink(missing_ok=True)
     cases = run_all(options.program.resolve(), options.timeout)

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""What the tap costs the host: processor time of bridged SIP calls, with and without it.
+"""Measures the processor time of bridged SIP calls in the host, with and without the tap.
 
-Two private hosts: one makes and takes the calls, the other, the measured one, bridges them
-without changing the codec. Printed is the measured host's processor time for one call, as a
+There are two private hosts. One places and answers the calls; the other one is measured and
+bridges them without transcoding. Prints the processor time per call of the measured host as a
 share of one core, the median of the rounds.
 """
 
@@ -40,7 +40,7 @@ def through(name: str, ends_port: int, *applications) -> str:
 
 
 class Bench:
-    """The two hosts, and calls through them."""
+    """The two hosts and the calls through them."""
 
     def __init__(self, arguments, folder: pathlib.Path):
         installation = find_installation() or sys.exit("no FreeSWITCH is installed")
@@ -72,7 +72,7 @@ class Bench:
             self.node.close()
 
     def cost(self, codec: str, extension_name: str, calls: int, seconds: float) -> float:
-        """Share of a core, in percent, that one call costs the measured host."""
+        """The share of a core, in percent, that the measured host uses for one call."""
         target = f"sofia/suite/{extension_name}@127.0.0.1:{self.middle.ports.sip}"
         for _ in range(calls):
             self.ends.originate(f"{{absolute_codec_string={codec}}}{target} near XML scenarios")
@@ -87,7 +87,7 @@ class Bench:
         return 100 * used / passed / calls
 
     def check_codec(self, codec: str, calls: int) -> None:
-        """Every leg of the measured host uses the codec: nothing but the tap may cost."""
+        """Checks that all legs of the measured host use the codec: transcoding would cost, too."""
         name = codec.partition("@")[0].lower()
         shown = self.middle.api("show channels").lower().count(f",{name},")
         if shown < 2 * calls:

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Calls through the module in a real FreeSWITCH, on loopback, in folders of its own.
+"""Runs calls through the module in a real FreeSWITCH, on loopback, in folders of its own.
 
-Exit status: 0 all scenarios passed, 1 some failed, 2 the suite could not begin, 77 skipped
+Exit status: 0 all scenarios passed, 1 some failed, 2 the suite could not start, 77 skipped
 because there is no FreeSWITCH. The environment variable FREESWITCH_PREFIX names the installation
-to use; FREESWITCH_PREFIXES names several, with colons between, and each gets a module of its own.
+to use. FREESWITCH_PREFIXES names several, separated by colons; the module is built for each.
 """
 
 import argparse
@@ -65,17 +65,17 @@ def run_one(function, suite) -> tuple:
         return "ok", ""
     except Skipped as reason:
         return "skipped", str(reason)
-    except Exception as fault:  # whatever it is, the next scenario has its turn
+    except Exception as fault:  # Whatever it is, the next scenario has to run.
         where = traceback.extract_tb(fault.__traceback__)[-1]
         return "FAILED", f"{fault or type(fault).__name__} ({where.name}, line {where.lineno})"
 
 
 def clean_up_after(suite) -> None:
-    """The next scenario finds the host running, without calls, the module loaded."""
+    """Prepares for the next scenario: the host runs without calls and the module is loaded."""
     try:
         if suite.host.is_running():
             suite.host.hang_up_everything()
-    except OSError:  # It is about to end.
+    except OSError:  # The host is about to end.
         suite.host.wait_for_end(20)
     if not suite.host.is_running():
         suite.host.close()
@@ -105,7 +105,7 @@ def run_all(suite, chosen: list) -> dict:
 
 
 def last_words(suite) -> bool:
-    """What only the end of the shared host shows: its exit status, all datagrams, all reports."""
+    """Checks at the end of the shared host: its exit status, all datagrams, all reports."""
     clean_up_after(suite)
     status = suite.host.stop()
     report = suite.reports.take_new()
@@ -116,7 +116,7 @@ def last_words(suite) -> bool:
 
 
 def test_host(installation, module: Module, arguments) -> tuple:
-    """Runs the scenarios in one host: whether all is well, and the line that sums it up."""
+    """Runs the scenarios in one host; returns whether all passed, and the line with the result."""
     folder = pathlib.Path(tempfile.mkdtemp(prefix="quorvane-real-host-"))
     suite = Suite(installation, folder, module,
                   Sanitizer(arguments.sanitize) if arguments.sanitize else None)
@@ -147,7 +147,7 @@ def installations() -> list:
 
 
 def module_for(installation, arguments) -> Module:
-    """The module that was given, or one that is built for this host."""
+    """The module that was given, or a module built for this host."""
     given = arguments.module and arguments.relocated and not arguments.sanitize
     if given and not os.environ.get("FREESWITCH_PREFIXES"):
         return Module(arguments.module.resolve(), arguments.relocated.resolve())

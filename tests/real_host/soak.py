@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Calls of random length with API traffic in a real FreeSWITCH, for some minutes.
+"""Runs calls of random length with API traffic in a real FreeSWITCH for some minutes.
 
-The host, in folders of its own, makes the calls; quorvane-node receives them. What the host's
-process holds is written to FOLDER/samples.txt, what the receiver sees to FOLDER/events.jsonl:
+The host, in folders of its own, places the calls; quorvane-node receives them. The resources of
+the host's process are written to FOLDER/samples.txt, the receiver's events to FOLDER/events.jsonl;
 scripts/soak_report.py judges both. The last line printed is the number of calls that were tapped.
 """
 
@@ -48,7 +48,7 @@ class Receiver:
 
 
 class Calls:
-    """Places calls, one after the other on each of some threads, until told to stop."""
+    """Places calls on several threads, on each one after the other, until it is stopped."""
 
     def __init__(self, host: Host):
         self.host = host

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What run_cases.py reports of cases that fail, crash, hang or are skipped.
+"""Tests what run_cases.py reports about cases that fail, crash, hang or are skipped.
 
     run_cases_test.py PROGRAM        the program of misbehaving_cases.cpp
 """

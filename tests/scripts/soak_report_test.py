@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""What the judge of a soak says of runs that are made up: of one without a fault, and of ones
-that each have just one."""
+"""Tests the report of a soak test with synthetic runs: one without a fault, and runs with one
+fault each."""
 
 import bisect
 import contextlib
@@ -26,7 +26,7 @@ BEGIN = datetime.datetime(2026, 1, 2, 3, 4, 5, 678901)
 
 
 class Run:
-    """Calls of 1 to 30 seconds, and what a process that has them holds."""
+    """Calls of 1 to 30 seconds, and the resources of the process that has them."""
 
     def __init__(self, minutes=20, calls_a_second=3, leak_bytes=0, kept=0.0):
         generator = random.Random(1)

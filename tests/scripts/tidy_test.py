@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""When scripts/tidy.py takes a file for one that has not changed."""
+"""Tests when scripts/tidy.py considers a file unchanged."""
 import importlib.util
 import pathlib
 import tempfile

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Runs tools/wireshark/quorvane.lua in tshark over captures made of the golden datagrams.
+"""Runs tools/wireshark/quorvane.lua in tshark on captures made from the golden datagrams.
 
-Ends with 77, which CTest counts as skipped, where tshark is missing.
+Exits with 77, which CTest counts as skipped, if tshark is missing.
 """
 
 import datetime
@@ -34,7 +34,7 @@ def datagram(name):
 
 def data(sequence_number, sample_offset, samples=8, leg=0x0000, uuid=None, key=None,
          send_time=None, value=0):
-    """A data packet of the golden call with other counters; `value` is that of all samples."""
+    """A data packet of the golden call with other counters; all samples have the value `value`."""
     audio = value.to_bytes(2, "little", signed=True) * samples
     packet = bytearray(datagram("call_2_read"))[:50] + audio
     packet[6:8] = leg.to_bytes(2, "little")
@@ -51,7 +51,7 @@ def data(sequence_number, sample_offset, samples=8, leg=0x0000, uuid=None, key=N
 
 
 def frames(count, rate=8000, leg=0x0000, begin=0, paused=lambda index: 0):
-    """Packets of 20 ms in real time; `paused` says how late each is, in microseconds."""
+    """Packets of 20 ms in real time; `paused` gives the delay of each in microseconds."""
     samples = rate // 50
     return [data(index + 1, samples * index, samples, leg=leg, value=index + 1,
                  send_time=3600020310 + begin + 20000 * index + paused(index))
@@ -68,7 +68,7 @@ def second_start():
 
 
 def damaged(chance):
-    """A golden datagram with some bytes changed behind the magic, and cut at times."""
+    """A golden datagram with some bytes after the magic changed, and sometimes cut short."""
     packet = bytearray(datagram(chance.choice(sorted(set(GOLDEN) - {"malformed_empty"}))))
     for _ in range(chance.randrange(8)):
         packet[chance.randrange(4, len(packet))] = chance.randrange(256)
@@ -106,9 +106,9 @@ class Dissector(unittest.TestCase):
         self.folder = pathlib.Path(folder.name)
 
     def tshark(self, payloads, *arguments, port=5090, cut_to=None, times=None):
-        """What tshark prints about a capture of these datagrams.
+        """The output of tshark for a capture of these datagrams.
 
-        They come 20 ms apart, or at `times`, in microseconds.
+        They are 20 ms apart, or arrive at `times`, in microseconds.
         """
         file = self.folder / "capture.pcap"
         times = [1767225600000000 + time
@@ -124,7 +124,7 @@ class Dissector(unittest.TestCase):
         return result.stdout
 
     def fields(self, payloads, names, *arguments, **options):
-        """Rows with the values of some fields, one row a packet."""
+        """The values of some fields, one row per packet."""
         columns = [part for name in names for part in ("-e", name)]
         text = self.tshark(payloads, "-T", "fields", "-E", "occurrence=f", *columns, *arguments,
                            **options)
@@ -263,7 +263,7 @@ class Dissector(unittest.TestCase):
         self.assertEqual(rows, [
             ["", "", ""],
             ["20", "20", "0"],
-            ["36", "20", "1"],  # 16 ms late: a sixteenth of it.
+            ["36", "20", "1"],  # 16 ms late; the jitter is a sixteenth of that.
             ["4", "20", "1.938"],  # (1 + (16 - 1) / 16), rounded.
             ["", "", ""]])
 
@@ -314,13 +314,13 @@ class Dissector(unittest.TestCase):
                          [("-", "0", "2")])
 
     def exported_lines(self, packets, option="", **options):
-        """The folder of an export and what it prints."""
+        """The folder of an export and the lines that it prints."""
         folder = self.folder / "audio"
         text = self.tshark(packets, "-q", "-z", f"quorvane,audio,{folder}{option}", **options)
         return folder, text.replace(f"{folder}/", "").split("\n\n")[0].splitlines()
 
     def exported(self, packets, option="", **options):
-        """The samples of the files that an export makes, and its lines."""
+        """The samples of the files that an export writes, and its lines."""
         folder, lines = self.exported_lines(packets, option, **options)
         files = {}
         for path in folder.iterdir():
@@ -363,7 +363,7 @@ class Dissector(unittest.TestCase):
         self.assertEqual(list(files.values()), [(8000, [5] * 8 + [6] * 8)])
 
     def refusal(self, option):
-        """What tshark says about a -z option with which it does not run."""
+        """The message of tshark about a -z option that it refuses."""
         file = self.folder / "capture.pcap"
         capture.write(file, [(0, packet) for packet in frames(2)])
         result = subprocess.run(
@@ -392,7 +392,7 @@ class Dissector(unittest.TestCase):
             f"{uuid}-terminator.wav: 480 samples at 8000 Hz (assumed)"])
 
     def test_field_that_a_filter_asks_for_is_there_without_the_rest(self):
-        """A packet of which only some fields are needed has the same as one shown whole."""
+        """If a filter needs only some fields of a packet, they have the same values as usual."""
         packets = [datagram(name) for name in CALL] + [data(1, 0), data(5, 32)]
         fields = [f"quorvane.{name}" for name in (
             "outbound", "leg", "seq", "audio", "created_time", "call_reference", "features.words",
@@ -460,7 +460,7 @@ class Dissector(unittest.TestCase):
             "malformed_type": "Unknown packet type 0x85",
             "malformed_version": "Unknown protocol version 2",
         }
-        # A datagram without a byte never gets as far as a dissector.
+        # Wireshark never passes an empty datagram to a dissector.
         malformed = {name for name, entry in GOLDEN.items() if "malformed" in entry}
         self.assertEqual(set(reasons), malformed - {"malformed_empty"})
         packets = [datagram("call_1_start")] + [datagram(name) for name in reasons]

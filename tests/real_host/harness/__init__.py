@@ -1,1 +1,1 @@
-"""What the scenarios stand on: a private host, its event socket, a media node, known audio."""
+"""The harness of the scenarios: a private host, its event socket, a media node, known audio."""

@@ -1,7 +1,7 @@
-"""Known audio: sounds of which every stretch of a few samples tells its place.
+"""Known audio: sounds in which any few consecutive samples identify their position.
 
-All samples are values that G.711 (mu-law) can carry, so a call in that codec keeps them to
-the bit as well as one without any coding.
+All samples are values that G.711 (mu-law) can represent, so a call in that codec keeps them bit
+for bit, like a call without coding.
 """
 
 import pathlib
@@ -18,7 +18,7 @@ def ulaw_decode(code: int) -> int:
 
 
 def make_codes(seed: int, count: int) -> bytes:
-    """`count` mu-law codes; loud and quiet values mixed, neither zero nor its twin."""
+    """`count` mu-law codes: loud and quiet values mixed, without the two codes of zero."""
     audible = [code for code in range(256) if code not in (0x7F, 0xFF)]
     return bytes(random.Random(seed).choices(audible, k=count))
 
@@ -37,7 +37,7 @@ def write_wav(path: pathlib.Path, rate: int, linear: bytes) -> None:
 
 
 class KnownSound:
-    """A wav file for the host to play, and the samples in it."""
+    """A WAV file for the host to play, and its samples."""
 
     def __init__(self, path: pathlib.Path, seed: int, rate: int = 8000, seconds: int = 4):
         self.path = path
@@ -47,9 +47,9 @@ class KnownSound:
         write_wav(path, rate, self.linear)
 
     def longest_match(self, heard: bytes, probe: int = 64) -> int:
-        """The number of samples of the longest unbroken stretch of this sound in `heard`.
+        """The length in samples of the longest unbroken stretch of this sound in `heard`.
 
-        The sound may repeat without a break; the stretch begins wherever it is first met.
+        The sound may repeat without a break, and the stretch may begin anywhere in it.
         """
         best = position = 0
         while position + probe <= len(heard):

@@ -1,18 +1,18 @@
-"""Keeps the host's thread that delivers events busy, so that what happens is told late."""
+"""Keeps the host's thread that delivers events busy, so that events arrive late."""
 
 import contextlib
 
 SUBCLASS = "suite::busy"
 
-# A filter of a subscriber that takes the host some hundredths of a second to find out that it
-# does not match: each of the letters may belong to the inner or to the outer repetition.
+# A subscriber's filter that does not match, which takes the host some hundredths of a second to
+# find out: each of the letters may belong to the inner or to the outer repetition.
 SLOW_FILTER = "/^(a+)+$/"
 SLOW_VALUE = "a" * 19 + "b"
 
 
 @contextlib.contextmanager
 def busy_events(host, slow_events: int = 60):
-    """Events that are fired inside wait behind slow ones, for some seconds."""
+    """For some seconds, events that are fired in this context wait behind slow ones."""
     with contextlib.closing(host.new_connection()) as subscriber, \
             contextlib.closing(host.new_connection()) as sender:
         subscriber.command(f"filter slow {SLOW_FILTER}")

@@ -16,13 +16,13 @@ class Connection:
     def __init__(self, port: int, password: str, timeout: float = 15.0):
         self._socket = socket.create_connection(("127.0.0.1", port), timeout=timeout)
         self._input = self._socket.makefile("rb")
-        self._read_message()  # auth/request
+        self._read_message()  # The host's auth/request.
         answer, _ = self.command(f"auth {password}")
         if not answer.get("Reply-Text", "").startswith("+OK"):
             raise EventSocketError(f"the host refused the password: {answer}")
 
     def close(self) -> None:
-        # A reader blocked in another thread would keep a plain close from ending it.
+        # A plain close would not end the connection while another thread is blocked reading.
         try:
             self._socket.shutdown(socket.SHUT_RDWR)
         except OSError:
@@ -30,12 +30,12 @@ class Connection:
         self._socket.close()
 
     def command(self, text: str):
-        """Sends a command, returns the headers and the body of its answer."""
+        """Sends a command; returns the headers and the body of its answer."""
         self.post(text)
         return self.read_answer()
 
     def post(self, text: str) -> None:
-        """Sends a command, whose answer has to be read later."""
+        """Sends a command; the caller has to read its answer later."""
         self._socket.sendall(f"{text}\n\n".encode())
 
     def read_answer(self):
@@ -45,11 +45,11 @@ class Connection:
                 return headers, body
 
     def api(self, text: str) -> str:
-        """The answer of an API command, as the host gave it."""
+        """Runs an API command; returns the host's answer unchanged."""
         return self.command(f"api {text}")[1].decode(errors="replace")
 
     def read_event(self) -> dict:
-        """Waits for an event subscribed to in the form `json`."""
+        """Waits for an event of a subscription in JSON form."""
         while True:
             headers, body = self._read_message()
             if headers.get("Content-Type") == "text/event-json":
@@ -95,7 +95,8 @@ class EventRecorder:
             return [event for event in self._events if event["Event-Name"] == name]
 
     def wait_for(self, name: str, uuid: str, timeout: float = 10.0, **headers) -> dict:
-        """The first such event of the channel `uuid` with these headers, past or to come."""
+        """Returns the first such event of the channel `uuid` with these headers. Looks at recorded
+        events first, then waits for new ones."""
         wanted = {"Event-Name": name, "Unique-ID": uuid, **headers}
         deadline = time.monotonic() + timeout
         with self._changed:

@@ -21,11 +21,11 @@ class Installation:
 
 
 class NoInstallation(Exception):
-    """A folder that was named as an installation is none."""
+    """The folder that was named is not an installation."""
 
 
 def pkg_config(variable: str) -> str:
-    """A variable of the package `freeswitch`; empty when pkg-config does not know it."""
+    """A variable of the package `freeswitch`; empty if pkg-config does not know the package."""
     try:
         answer = subprocess.run(
             ["pkg-config", f"--variable={variable}", "freeswitch"],
@@ -37,7 +37,7 @@ def pkg_config(variable: str) -> str:
 
 def candidate_programs() -> list:
     prefix = os.environ.get("FREESWITCH_PREFIX")
-    if prefix:  # who names one wants that one and no other
+    if prefix:  # If the user names one, no other is tried.
         return [pathlib.Path(prefix) / "bin" / "freeswitch"]
     found = [shutil.which("freeswitch")]
     if pkg_config("prefix"):

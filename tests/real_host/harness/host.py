@@ -33,8 +33,8 @@ def private_mounts():
 
 
 class Host:
-    """One private host. The module is the shipped one where a private /etc can be had; else the
-    one built to read its configuration under the current folder."""
+    """One private host. It loads the shipped module if a private /etc is possible; otherwise the
+    module that reads its configuration under the current folder."""
 
     def __init__(self, installation, folder: pathlib.Path, module: pathlib.Path,
                  relocated: pathlib.Path, dialplan: str, sanitizer=None):
@@ -52,7 +52,7 @@ class Host:
         self.events = None
         for name in ("log", "db", "run", "storage", "recordings", "temp", "delmaren/quorvane"):
             (folder / name).mkdir(parents=True)
-        # Where the relocated module looks; harmless beside the private /etc.
+        # The relocated module reads this folder; with a private /etc it is not used.
         (folder / "work/etc").mkdir(parents=True)
         os.symlink(folder / "delmaren", folder / "work/etc/delmaren")
         write_host_files(folder / "conf", installation, self.ports, dialplan)
@@ -61,7 +61,7 @@ class Host:
     def pid(self) -> int:
         return self._process.pid
 
-    # ---- life
+    # ---- start and stop
 
     def start(self) -> None:
         with open(self.folder / "output.txt", "wb") as output:
@@ -70,7 +70,7 @@ class Host:
         self._connect_and_listen()
 
     def reconnect(self) -> None:
-        """Waits for a host that starts again by itself."""
+        """Connects again to a host that restarts by itself."""
         for connection in (self._connection, self.events):
             connection.close()
         self._connect_and_listen()
@@ -82,7 +82,7 @@ class Host:
         self.events = EventRecorder(self.ports.event_socket, PASSWORD, CHANNEL_EVENTS)
 
     def answers(self) -> bool:
-        """Whether the host still listens to its event socket."""
+        """Whether the host still answers on its event socket."""
         try:
             self.new_connection().close()
             return True
@@ -93,7 +93,8 @@ class Host:
         self._process.send_signal(number)
 
     def stop(self, timeout: float = 40.0) -> int:
-        """Orderly stop; returns the exit status (negative: the signal that ended it)."""
+        """Stops the host in an orderly way. Returns its exit status; a negative status is the
+        signal that ended it."""
         if self._process.poll() is None:
             try:
                 self.api("fsctl shutdown")
@@ -110,7 +111,7 @@ class Host:
             raise
 
     def close(self) -> None:
-        """Leaves nothing running, whatever happened before."""
+        """Ends all processes, whatever happened before."""
         if self._process is not None and self._process.poll() is None:
             self._process.kill()
             self._process.wait()
@@ -192,7 +193,7 @@ class Host:
     # ---- log
 
     def log_mark(self) -> int:
-        """The end of the log; all that was written before this call is before it."""
+        """The position of the end of the log. All lines logged before this call are before it."""
         self.flush_log()
         return self._log_size()
 
@@ -205,7 +206,7 @@ class Host:
             return log.read().decode(errors="replace").splitlines()
 
     def flush_log(self) -> None:
-        """Waits until the host's log thread has written all lines up to now."""
+        """Waits until the host's log thread has written all lines logged so far."""
         mark, text = self._log_size(), f"flushed {next(self._numbers)}"
         self.api(f"log notice {text}.")
         self.wait_for_line(mark, f"{text}.")

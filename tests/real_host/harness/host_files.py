@@ -5,7 +5,7 @@ import re
 import socket
 from dataclasses import dataclass
 
-# What the scenarios use; those that an installation lacks are left out.
+# The modules that the scenarios use. Those that an installation lacks are left out.
 MODULES = ("mod_logfile", "mod_event_socket", "mod_commands", "mod_dptools", "mod_dialplan_xml",
            "mod_loopback", "mod_sndfile", "mod_tone_stream", "mod_spandsp", "mod_opus", "mod_h26x",
            "mod_sofia")
@@ -19,10 +19,10 @@ SAMPLES = pathlib.Path(__file__).resolve().parents[3] / "examples" / "dialplan"
 class Ports:
     event_socket: int
     sip: int
-    sip_callid: int  # Of the profile that takes the Call-ID for the UUID.
+    sip_callid: int  # Of the profile that uses the Call-ID as the UUID.
     rtp_first: int
     rtp_last: int
-    media_nodes: tuple  # Those of the dialplan sample with several.
+    media_nodes: tuple  # For the dialplan sample with several media nodes.
 
 
 def free_port(kind: int) -> int:
@@ -32,7 +32,7 @@ def free_port(kind: int) -> int:
 
 
 def choose_ports() -> Ports:
-    # Below the range that the system gives to unbound sockets.
+    # Below the range from which the system chooses ports for unbound sockets.
     rtp = 20000 + free_port(socket.SOCK_DGRAM) % 40 * 300
     return Ports(free_port(socket.SOCK_STREAM), free_port(socket.SOCK_DGRAM),
                  free_port(socket.SOCK_DGRAM), rtp, rtp + 298,
@@ -91,8 +91,8 @@ def extension(name: str, *actions) -> str:
 
 
 def sample_contexts(ports: Ports) -> str:
-    """The dialplan samples, each in a context of its name, with what their calls lead to behind
-    them. Their addresses are replaced: nothing leaves this machine."""
+    """The dialplan samples, each in a context of its name, followed by the destinations of their
+    calls. Addresses are replaced, so that nothing is sent to other machines."""
     rest = ('<extension name="rest"><condition><action application="answer"/>'
             '<action application="playback" data="tone_stream://%(10000,0,440)"/>'
             '</condition></extension>\n')

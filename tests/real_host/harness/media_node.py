@@ -1,6 +1,6 @@
-"""A media node for tests: receives datagrams and takes them apart by the protocol's layout.
+"""A media node for tests, which receives and decodes datagrams.
 
-The decoder is written from the protocol document alone and shares nothing with the module.
+The decoder is written from the protocol document alone and shares no code with the module.
 """
 
 import socket
@@ -33,7 +33,7 @@ def uuid_text(raw: bytes) -> str:
 
 @dataclass(frozen=True)
 class Packet:
-    """One datagram; `fields` holds what its kind adds to the common header."""
+    """One datagram; `fields` has the fields that its kind adds to the common header."""
 
     kind: int
     word: int
@@ -46,7 +46,7 @@ class Packet:
 
 
 class Malformed(Exception):
-    """A datagram that is not of the protocol."""
+    """The datagram does not conform to the protocol."""
 
 
 def decode_start(datagram: bytes) -> dict:
@@ -98,7 +98,7 @@ def decode(datagram: bytes, arrival: float = 0.0) -> Packet:
 
 @dataclass
 class Stream:
-    """What came of one call, in the order of arrival."""
+    """The received packets of one call, in the order of arrival."""
 
     packets: list = field(default_factory=list)
 
@@ -116,7 +116,7 @@ class Stream:
         return self.of_kind(START)[0]
 
     def gaps(self, leg: int) -> list:
-        """Where sequence numbers or sample offsets do not continue; empty when gap-free."""
+        """The places where sequence numbers or sample offsets do not continue; empty if none."""
         found, offset = [], 0
         for position, packet in enumerate(self.data(leg), start=1):
             at = (packet.fields["sequence"], packet.fields["offset"])
@@ -127,7 +127,7 @@ class Stream:
 
 
 class MediaNode:
-    """Receives on a loopback port, one that is free if none is given, until closed."""
+    """Receives on a loopback port until closed; chooses a free port if none is given."""
 
     def __init__(self, port: int = 0):
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -165,7 +165,7 @@ class MediaNode:
             self._streams.clear()
 
     def wait_until(self, condition, timeout: float = 10.0, what: str = "packets") -> None:
-        """Waits until `condition()` holds, looked at after every datagram."""
+        """Waits until `condition()` holds; checks it after every datagram."""
         deadline = time.monotonic() + timeout
         with self._changed:
             while not condition():

@@ -15,7 +15,7 @@ class Module:
 
 
 class BuildFailed(Exception):
-    """The text names the log of the build."""
+    """The build failed; the text names its log."""
 
 
 def environment_for(installation) -> dict:
@@ -26,7 +26,7 @@ def environment_for(installation) -> dict:
 
 
 def build_module(installation, sanitizer, folder: pathlib.Path) -> Module:
-    """Builds in a folder of its own below `folder`, anew only what has changed."""
+    """Builds in a folder of its own below `folder`; rebuilds only what has changed."""
     name = str(installation.prefix).strip("/").replace("/", "-")
     build = folder / (f"{name}-{sanitizer.name}" if sanitizer else name)
     build.mkdir(parents=True, exist_ok=True)

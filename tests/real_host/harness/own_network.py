@@ -1,4 +1,4 @@
-"""A network of the suite's own, with a link on which nobody answers: 10.9.0.0/24."""
+"""A private network of the suite, with a link on which no host answers: 10.9.0.0/24."""
 
 import os
 import subprocess
@@ -11,7 +11,7 @@ LINK = ("ip link set lo up && ip link add link0 type veth peer name link1 && "
 
 
 def enter() -> None:
-    """Starts this program again in such a network, where that is allowed."""
+    """Restarts this program in such a network, if that is allowed."""
     if MARK not in os.environ and subprocess.run(
             [*NAMESPACES, "sh", "-c", LINK], capture_output=True, check=False).returncode == 0:
         os.execvpe("unshare", [*NAMESPACES, "sh", "-c", f'{LINK} && exec "$0" "$@"',
@@ -23,6 +23,6 @@ def is_there() -> bool:
 
 
 def answer_from(number: int) -> None:
-    """What waits in send buffers for an answer from 10.9.0.`number` leaves."""
+    """Makes 10.9.0.`number` answer, so that datagrams for it leave the send buffers."""
     subprocess.run(["ip", "neighbour", "replace", f"10.9.0.{number}", "lladdr",
                     "02:00:00:00:00:01", "dev", "link0"], check=True)

@@ -1,9 +1,9 @@
-"""Runs a program that sees a folder of its own at /etc/delmaren; the machine's is not touched.
+"""Runs a program with a private folder at /etc/delmaren; the machine's own is not changed.
 
     private_etc.py FOLDER DELMAREN PROGRAM ARGUMENT...
 
-To be started in a mount namespace of its own (`unshare --mount`). A copy of /etc made of links
-is put together in FOLDER, with DELMAREN in it, and mounted over /etc of this namespace.
+Start it in a mount namespace of its own (`unshare --mount`). It makes a copy of /etc from links in
+FOLDER, adds DELMAREN to it, and mounts it over the /etc of this namespace.
 """
 
 import os

@@ -9,15 +9,15 @@ import pathlib
 import subprocess
 from dataclasses import dataclass
 
-# What the project is compiled with (-fsanitize=), the library that must come first, and the
-# words for the host's command line.
+# For each kind: the argument of -fsanitize=, the library that must be loaded first, the options of
+# the sanitizer, and the options of the host's command line.
 KINDS = {
-    # The host gives back little of what it allocates when it ends: leaks are not looked for.
-    # Memory of the host that is compared or copied by the C library is checked, too.
+    # The host does not free much of its memory at its end, so leaks are not detected. The host's
+    # memory is also checked where the C library compares or copies it.
     "address": ("address,undefined", "libasan.so", ("detect_leaks=0",), ()),
-    # The host's threads of real-time priority would starve the sanitizer's own (-lp). Its
-    # deadlock detector does not hold as many locks as the host takes, and ends the process.
-    # Code that is not compiled for it is not judged.
+    # With real-time priority the host's threads would starve the sanitizer's own, hence -lp. The
+    # deadlock detector has room for fewer locks than the host takes, and would end the process.
+    # Code that is not compiled for the sanitizer is not checked.
     "thread": ("thread", "libtsan.so", ("detect_deadlocks=0", "ignore_noninstrumented_modules=1"),
                ("-lp",)),
 }
@@ -36,7 +36,7 @@ class Sanitizer:
         return list(KINDS[self.name][3])
 
     def command_prefix(self, folder: pathlib.Path) -> list:
-        """What goes before the host's program: it reports into files of `folder`."""
+        """The words before the host's program on its command line. Reports go to `folder`."""
         options = ":".join((f"log_path={folder / 'sanitizer'}", "print_stacktrace=1",
                             *KINDS[self.name][2]))
         first = f"{library(KINDS[self.name][1])}:{early_lookup(folder)}"
@@ -53,7 +53,7 @@ def library(name: str) -> str:
 
 
 def early_lookup(folder: pathlib.Path) -> pathlib.Path:
-    """Builds early_lookup.c, which says what it is good for."""
+    """Builds early_lookup.c, which explains its purpose."""
     built = folder / "early_lookup.so"
     source = pathlib.Path(__file__).with_name("early_lookup.c")
     subprocess.run(["g++", "-x", "c", "-shared", "-fPIC", "-o", str(built), str(source)], check=True)
@@ -61,14 +61,14 @@ def early_lookup(folder: pathlib.Path) -> pathlib.Path:
 
 
 class Reports:
-    """The reports that hosts below a folder have written, each told once."""
+    """The reports that hosts below a folder have written; each is returned once."""
 
     def __init__(self, folder: pathlib.Path):
         self._folder = folder
         self._told = {}
 
     def take_new(self) -> str:
-        """The summaries of what was reported since the last call; empty when nothing was."""
+        """The summaries of the reports since the last call; empty if there were none."""
         summaries = []
         for path in sorted(self._folder.glob("*/sanitizer.*")):
             text = path.read_text(errors="replace")

@@ -68,8 +68,8 @@ def is_installed() -> bool:
     return shutil.which("sipp") is not None
 
 
-# Below the range that the system gives to unbound sockets, and the RTP ports of the hosts; two
-# callers may run at once.
+# Below the range from which the system chooses ports for unbound sockets, and below the hosts'
+# RTP ports. Two callers may run at the same time.
 MEDIA_PORTS = itertools.cycle(range(16000, 20000, 200))
 
 

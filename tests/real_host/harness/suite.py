@@ -1,4 +1,4 @@
-"""What a scenario gets: a running host with the module loaded, a media node, known sounds."""
+"""The environment of a scenario: a running host with the module, a media node, known sounds."""
 
 import contextlib
 import itertools
@@ -13,7 +13,7 @@ from harness.sanitizer import Reports
 
 SCENARIOS = []
 
-# Half of the calls to one media node, half to the other, by the last digit of their UUID.
+# Divides the calls between two media nodes by the last digit of their UUID.
 SPREAD = """
 <extension name="spread"><condition field="destination_number" expression="^tap_spread$">
   <condition field="${uuid}" expression="[02468ace]$" break="never">
@@ -34,7 +34,7 @@ class Skipped(Exception):
 
 
 def scenario(function):
-    """Registers a scenario; its name is the sentence that the table shows."""
+    """Registers a scenario. The table shows its name as a sentence."""
     SCENARIOS.append(function)
     return function
 
@@ -45,7 +45,7 @@ def check(condition, complaint: str) -> None:
 
 
 def eventually(condition, timeout: float = 5.0) -> bool:
-    """Whether `condition()` comes true in time."""
+    """Whether `condition()` becomes true in time."""
     deadline = time.monotonic() + timeout
     while not condition():
         if time.monotonic() > deadline:
@@ -59,7 +59,7 @@ def check_equal(found, expected, what: str) -> None:
 
 
 class Suite:
-    """Owns the host, the media node and the sounds; scenarios run one after another."""
+    """Owns the host, the media node and the sounds. Scenarios run one after the other."""
 
     def __init__(self, installation, folder: pathlib.Path, module, sanitizer=None):
         self.installation = installation
@@ -74,7 +74,7 @@ class Suite:
         self.third = KnownSound(folder / "third.wav", seed=3, seconds=25)
         self.short = KnownSound(folder / "short.wav", seed=5, seconds=1)
         self.node = MediaNode()
-        self.node_program = None  # quorvane-node, where it is built
+        self.node_program = None  # The quorvane-node program, if it is built.
         self.host = self.make_host("host")
 
     def make_host(self, name: str) -> Host:
@@ -115,8 +115,8 @@ class Suite:
             extension("tap_early", "quorvane", "park"),
             extension("bow_out", "answer", "bridge loopback/behind_bow_out/scenarios"),
             extension("behind_bow_out", "answer", "quorvane", "bridge ${far_end}"),
-            # Telephones that are heard before they answer: one never does, the others refuse
-            # or answer in the end.
+            # Phones that send audio before they answer. The first one never answers, the second
+            # refuses the call, the third answers it.
             extension("early_long", "pre_answer", f"playback {self.third.path}"),
             extension("early_busy", "pre_answer", f"playback {self.short.path}", "hangup USER_BUSY"),
             extension("late_far", "pre_answer", f"playback {self.short.path}", "answer",
@@ -125,10 +125,10 @@ class Suite:
                       "bridge ${far_end}"),
             SPREAD))
 
-    # ---- calls: each returns the UUID of the tapped leg
+    # ---- calls
 
     def tap(self, variables: str = "", far: str = "far", run: str = "tap", host=None) -> str:
-        """A loopback call whose near leg runs an extension of the dialplan."""
+        """A loopback call whose near leg runs the extension `run`; returns that leg's UUID."""
         settings = ",".join(filter(None, ("loopback_bowout=false", variables)))
         return (host or self.host).originate(
             f"{{{settings}}}loopback/{far}/scenarios {run} XML scenarios")
@@ -142,7 +142,7 @@ class Suite:
         return f"sofia/suite/{extension_name}@127.0.0.1:{(host or self.host).ports.sip}"
 
     def tap_bridge(self, variables: str = "") -> tuple:
-        """A SIP leg that is tapped and bridged to another; returns both UUIDs.
+        """A SIP leg that is tapped and bridged to another leg; returns both UUIDs.
 
         The tapped leg hears `third` (its write direction) and says `far`.
         """
@@ -154,12 +154,12 @@ class Suite:
         return tapped, bridge["Other-Leg-Unique-ID"]
 
     def hear(self, uuid: str, seconds: float = 2.0):
-        """Lets the call go on for a while; returns its stream so far."""
+        """Lets the call continue for a while; returns its stream so far."""
         time.sleep(seconds)
         return self.node.stream(uuid)
 
     def end(self, uuid: str):
-        """Hangs the call up; returns its whole stream."""
+        """Hangs up the call; returns its complete stream."""
         self.host.kill(uuid)
         return self.ended(uuid)
 
@@ -169,7 +169,7 @@ class Suite:
         return stream
 
     def reload_module(self, **options) -> None:
-        """Loads the module anew with these options instead of the usual ones."""
+        """Reloads the module with these options instead of the usual ones."""
         self.host.hang_up_everything()
         check_equal(self.host.unload_module(), "+OK", "unload")
         usual = {"media_node": self.node.address, "log_level": "DEBUG"}
@@ -177,7 +177,7 @@ class Suite:
         check(self.host.load_module().endswith("+OK"), "the module does not load")
 
 
-# ---- statements about streams
+# ---- checks of streams
 
 def check_one_life(stream) -> None:
     check_equal((len(stream.of_kind(START)), len(stream.of_kind(TERMINATE))), (1, 1),
@@ -191,9 +191,9 @@ def check_gap_free(stream, *legs) -> None:
 
 
 def check_heard(stream, leg: int, sound: KnownSound, seconds: float) -> None:
-    """An unbroken stretch of the sound, exact to the bit, of at least this length.
+    """Checks for an unbroken stretch of the sound, bit for bit, of at least this length.
 
-    Callers ask for less than was played: a host on a busy machine skips frames by itself.
+    Callers ask for less than was played, because a host on a busy machine skips frames.
     """
     samples = sound.longest_match(stream.audio(leg))
     check(samples >= seconds * sound.rate,

@@ -1,4 +1,4 @@
-"""The tap beside other users of a call's media, and calls whose media passes the host by."""
+"""The tap beside other users of a call's media, and calls whose media bypasses the host."""
 
 import time
 
@@ -7,7 +7,7 @@ from harness.suite import check, check_equal, check_gap_free, check_heard, scena
 
 
 def recorded_samples(path) -> bytes:
-    """The samples of a wav file that the host wrote, whatever else is in its header."""
+    """The samples of a WAV file that the host wrote; additional header chunks are skipped."""
     content = path.read_bytes()
     return content[content.index(b"data") + 8:]
 
@@ -39,7 +39,7 @@ def an_eavesdropper_beside_the_tap_hears_and_disturbs_nothing(s):
 
 
 def displaced(s, uuid: str) -> None:
-    """Replaces what the leg says by the third sound, as another bug of the host does."""
+    """Replaces what the leg says with the third sound, through another media bug of the host."""
     s.host.api(f"uuid_displace {uuid} start {s.third.path} 0 r")
 
 

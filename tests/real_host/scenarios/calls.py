@@ -1,4 +1,4 @@
-"""What is sent of a call: the audio to the bit, the start packet, the channel variables."""
+"""What is sent for a call: its audio bit for bit, the start packet, the channel variables."""
 
 import re
 

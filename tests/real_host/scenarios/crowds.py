@@ -1,4 +1,4 @@
-"""Other threads of the host at work on a call while it is tapped, and events that come late."""
+"""Other threads of the host work on a call while it is tapped, and events arrive late."""
 
 import contextlib
 import threading
@@ -39,7 +39,7 @@ class Meddling:
 
 @scenario
 def variables_that_others_set_while_the_tap_starts_do_no_harm(s):
-    """Variables that the module does not read: the host's list of them changes all the time."""
+    """The module does not read these variables, but the host's list of variables changes."""
     commands = [f"uuid_setvar {{uuid}} other_{number} value_{number}" for number in range(6)]
     commands += [f"uuid_setvar {{uuid}} other_{number}" for number in range(6)]
     with Meddling(s.host, commands) as others:
@@ -48,7 +48,7 @@ def variables_that_others_set_while_the_tap_starts_do_no_harm(s):
             s.tap(f"origination_uuid={others.uuid},quorvane_rule_id=7,"
                   "quorvane_call_id_ref=ticket,ticket=4711")
         check(others.count > 100, f"only {others.count} commands were sent")
-    # Now and then the host loses a state change and leaves such a call where it is.
+    # Occasionally the host loses a state change, and such a call stays in its state.
     s.node.wait_until(lambda: len(s.node.streams()) > 20, what="the starts of the calls")
     for stream in s.node.streams().values():
         fields = stream.start.fields

@@ -1,4 +1,4 @@
-"""The dialplan samples of examples/dialplan, loaded as they stand."""
+"""The dialplan samples of examples/dialplan, loaded unchanged but for their addresses."""
 
 import contextlib
 
@@ -9,13 +9,13 @@ NO_REPORT_NODE = "0.0.0.0:0"
 
 
 def call(s, sample: str, number: str, caller: str = "") -> str:
-    """A call to a number of the sample's context; returns the UUID of the calling end."""
+    """Calls a number in the sample's context; returns the UUID of the calling end."""
     settings = f"{{origination_caller_id_number={caller}}}" if caller else ""
     return s.host.originate(f"{settings}loopback/{number}/{sample} &park")
 
 
 def tapped(node) -> str:
-    """The UUID of the one call that the node hears of."""
+    """The UUID of the only call that is tapped to the node."""
     def starts():
         return [uuid for uuid, stream in node.streams().items() if stream.of_kind(START)]
     node.wait_until(starts, what="a start packet")
@@ -87,7 +87,7 @@ def sample_several_media_nodes_spreads_the_calls(s):
 
 @scenario
 def sample_called_party_taps_the_outbound_channel(s):
-    s.sip_address("far")  # Skips the scenario where there is no SIP.
+    s.sip_address("far")  # Skips the scenario if the host has no SIP.
     call(s, "called_party", "1001")
     uuid = tapped(s.node)
     stream = s.node.stream(uuid)

@@ -1,4 +1,4 @@
-"""How calls end: from either side, by storms, together with the host's other work."""
+"""Ends of calls: from either side, in storms, and during other work of the host."""
 
 import random
 import threading
@@ -128,13 +128,13 @@ def media_nodes_that_do_not_answer_hold_no_other_call_up(s):
         own_network.answer_from(number)
     for leg in (READ, WRITE):
         packets = stream.data(leg)
-        # A lost packet has counted: whatever came, its number tells when it was due.
+        # Lost packets have numbers, too, so a packet's number shows when it was due.
         late = max(packet.sent_us - packets[0].sent_us
                    - 20000 * (packet.fields["sequence"] - packets[0].fields["sequence"])
                    for packet in packets)
         check(late < 500000, f"leg {leg}: frames were {late / 1e6:.1f} s late")
     check(full, "the send buffer was never full")
-    uuid = s.tap()  # With room in the buffer again, calls are tapped as ever.
+    uuid = s.tap()  # The buffer has room again, so calls are tapped as usual.
     s.hear(uuid, 0.5)
     check_gap_free(s.end(uuid), READ, WRITE)
 

@@ -1,4 +1,4 @@
-"""Features: from channel variables, by command before and after the start, control packets."""
+"""Features: set by channel variables, by commands before and after the start; control packets."""
 
 from harness.media_node import CONTROL, START, call_key_of
 from harness.suite import check, check_equal, scenario

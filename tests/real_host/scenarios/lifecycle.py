@@ -1,4 +1,5 @@
-"""What may happen to the module and the host while calls are tapped. Each with its own host."""
+"""What may happen to the module and the host while calls are tapped. Each scenario has its own
+host."""
 
 import time
 
@@ -61,7 +62,7 @@ def code_kept_for_tapped_calls_goes_with_the_last_of_them(s):
         check(is_mapped(host), "the code is gone although a call is tapped")
         host.kill(last)
         host.events.wait_for("CHANNEL_DESTROY", last)
-        # The host keeps a session's thread for further calls until it was idle for 5 to 10 s.
+        # The host keeps a session's thread for later calls until it has been idle for 5 to 10 s.
         deadline = time.monotonic() + 30
         while is_mapped(host) and time.monotonic() < deadline:
             time.sleep(0.1)

@@ -78,7 +78,7 @@ def a_configuration_that_does_not_parse_refuses_the_load(s):
 
 
 def dumped_by(s, mode: str) -> list:
-    """The log's lines of a short call with this dump mode."""
+    """The lines that the log gets from a short call with this dump mode."""
     s.reload_module(dump_events=mode)
     mark = s.host.log_mark()
     uuid = s.tap()

@@ -15,7 +15,7 @@ def sizes_in(packets) -> set:
 
 
 def packets_of_a_second(s, uuid: str) -> tuple:
-    """Data packets of the read and of the write side in a second from now."""
+    """The numbers of data packets of the read and write side in the next second."""
     before = s.node.stream(uuid)
     after = s.hear(uuid, 1)
     return tuple(len(after.data(leg)) - len(before.data(leg)) for leg in (READ, WRITE))
@@ -57,7 +57,7 @@ def after_its_bug_was_removed_the_application_starts_a_second_stream(s):
 @scenario
 def media_that_leaves_the_host_and_comes_back_is_one_stream_with_a_pause(s):
     uuid, partner = s.tap_bridge()
-    for leg in (uuid, partner):  # The host takes both legs' media, whichever is named.
+    for leg in (uuid, partner):  # The command affects both legs' media, whichever it names.
         s.hear(uuid, 0.7)
         s.host.api(f"uuid_media off {leg}")
         time.sleep(0.3)

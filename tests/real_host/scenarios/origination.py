@@ -1,4 +1,4 @@
-"""Taps that begin before there is an answer, and legs that go away while a call is set up."""
+"""Taps that begin before the answer, and legs that end while a call is set up."""
 
 import time
 
@@ -10,7 +10,7 @@ ON_MEDIA = "execute_on_media=quorvane"
 
 
 def originate(s, settings: str, targets: str, run: str = "&park") -> str:
-    """The host's answer; it comes when the call is answered or has failed."""
+    """Places a call; returns the host's answer when the call is answered or has failed."""
     return s.host.api(f"originate {{absolute_codec_string=PCMU,{settings}}}{targets} {run}").strip()
 
 

@@ -1,4 +1,4 @@
-"""Calls that have video or text beside their audio: the tap is of the audio alone."""
+"""Calls with video or text beside their audio: only the audio is tapped."""
 
 import socket
 import struct
@@ -10,7 +10,7 @@ VIDEO_FRAME = b"\x10" + bytes(200)
 
 
 def send_video(port: int, payload_type: int, frames: int) -> None:
-    """RTP packets for the video port of a leg, each a frame of its own."""
+    """Sends RTP packets to the video port of a leg, each a frame of its own."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
         for number in range(frames):
             header = struct.pack(">BBHII", 0x80, 0x80 | payload_type, number, number * 3000, 1)
@@ -18,7 +18,7 @@ def send_video(port: int, payload_type: int, frames: int) -> None:
 
 
 def check_only_audio(s, uuid: str) -> dict:
-    """Ends the call; returns what the host told of its end."""
+    """Ends the call and checks its stream; returns the host's event about the end."""
     stream = s.end(uuid)
     check_one_life(stream)
     check_gap_free(stream, READ, WRITE)

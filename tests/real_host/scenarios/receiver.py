@@ -21,7 +21,7 @@ class Receiver:
             [s.node_program, "--listen", self.address, "--output", self._folder, "--quiet",
              "--calls", "1", "--idle-exit", "20"],
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        self._process.stdout.readline()  # told once it listens
+        self._process.stdout.readline()  # It prints this line once it listens.
 
     def finish(self) -> None:
         try:

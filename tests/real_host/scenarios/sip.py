@@ -1,4 +1,4 @@
-"""Calls with RTP: by SIPp, and by the host calling itself in wideband codecs."""
+"""Calls with RTP: from SIPp, and from the host to itself in wideband codecs."""
 
 import pathlib
 import random
@@ -93,7 +93,7 @@ def twenty_sipp_calls_at_once_are_twenty_whole_streams(s):
 
 
 def wideband(s, codec: str, rate: int, seconds: float = 2):
-    """A SIP call of the host to itself in this codec: its stream and the module's lines."""
+    """A SIP call of the host to itself in this codec; returns its stream and the module's lines."""
     mark = s.host.log_mark()
     arguments = f"{{absolute_codec_string={codec}}}{s.sip_address('far')} tap XML scenarios"
     answer = s.host.api(f"originate {arguments}").strip()

@@ -1,4 +1,4 @@
-"""All ways to stop the host, while calls are made and ended without a pause."""
+"""All ways to stop the host while calls are placed and ended without a pause."""
 
 import contextlib
 import random
@@ -12,7 +12,7 @@ from harness.suite import check, check_equal, eventually, scenario
 
 
 class Load:
-    """Makes tapped calls from several connections and ends them, until the host refuses."""
+    """Places and ends tapped calls on several connections until the host refuses them."""
 
     def __init__(self, host, longest_s: float = 0.5):
         self._host, self._longest_s = host, longest_s
@@ -47,7 +47,7 @@ class Load:
 
 
 def check_all_ended(s) -> None:
-    """Every call that began was ended by a terminate packet, once."""
+    """Checks that every call with a start packet has exactly one terminate packet."""
     def open_calls():
         return [uuid for uuid, stream in s.node.streams().items()
                 if len(stream.of_kind(START)) != len(stream.of_kind(TERMINATE))]
@@ -58,7 +58,7 @@ def check_all_ended(s) -> None:
 
 
 def stop_under_load(s, stop, timeout: float = 40) -> None:
-    """`stop(host, load)` sets off the end of a host that is busy; it must end in order."""
+    """`stop(host, load)` starts the shutdown of a busy host, which must end in an orderly way."""
     with s.own_host() as host:
         with Load(host) as load:
             time.sleep(1.5)
@@ -68,7 +68,7 @@ def stop_under_load(s, stop, timeout: float = 40) -> None:
 
 
 def command(words: str):
-    """Sends a command that is answered late or never: when the host is about to end."""
+    """Sends a command that the host may answer late or never, because it is about to end."""
     def send(host, load) -> None:
         host.new_connection().post(f"api {words}")
         load.stop_calling()
@@ -87,7 +87,7 @@ def fsctl_shutdown_elegant_waits_for_the_calls_to_end(s):
 
 @scenario
 def fsctl_shutdown_asap_takes_no_more_calls_and_waits_for_the_rest(s):
-    def stop(host, _load) -> None:  # The callers go on and are refused.
+    def stop(host, _load) -> None:  # The callers continue and are refused.
         host.new_connection().post("api fsctl shutdown asap")
     stop_under_load(s, stop)
 

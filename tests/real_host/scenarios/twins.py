@@ -1,7 +1,7 @@
-"""The end of a call is told for a UUID whose context belongs to a call that goes on.
+"""A channel-destroy event names a UUID whose context belongs to a call that continues.
 
-The module takes the context out of its registry, as it does for every ended channel, and says
-so. The call that goes on keeps it: it is tapped to its end.
+The module erases the context's registry entry, as for every ended channel, and logs that. The
+call that continues keeps the context and is tapped to its end.
 """
 
 import contextlib
@@ -17,18 +17,19 @@ from harness.suite import (Skipped, check, check_equal, check_gap_free, check_he
 TAKEN = "found configured app context on channel destroy: possible memory leak or logic error!"
 NOT_FOUND = "ERR MAGIC: app context is not found on media transfer termination"
 
-# The generator of the call key's CRC-64. Two UUIDs that differ by a multiple have one key.
+# The generator polynomial of the call key's CRC-64. UUIDs that differ by a multiple of it have the
+# same key.
 KEY_GENERATOR = 0x142F0E1EBA9EA3693
 
 
 def same_key(uuid: str) -> str:
-    """Another UUID, of the same form, with the same call key."""
+    """Another UUID of the same form that has the same call key."""
     digits = f"{int(uuid.replace('-', ''), 16) ^ KEY_GENERATOR:032x}"
     return "-".join((digits[:8], digits[8:12], digits[12:16], digits[16:20], digits[20:]))
 
 
 def check_outlived(s, uuid: str, mark: int, end=None) -> None:
-    """The context was taken from the registry; the call is tapped from then to its end."""
+    """Checks that the context's entry was erased, and that the call is tapped to its end."""
     s.host.wait_for_line(mark, TAKEN)
     before = len(s.node.stream(uuid).packets)
     s.hear(uuid, 1)
@@ -44,7 +45,7 @@ def check_outlived(s, uuid: str, mark: int, end=None) -> None:
 
 
 def end_of_another(s, twin_of) -> None:
-    """A call is tapped; a channel named `twin_of(its UUID)`, which is not, ends."""
+    """Taps a call; then ends an untapped channel with the UUID `twin_of(uuid)`."""
     mark = s.host.log_mark()
     uuid = s.tap()
     s.hear(uuid, 0.5)
@@ -78,7 +79,7 @@ def a_call_outlives_another_whose_uuid_has_the_same_key(s):
 def a_call_outlives_another_sip_caller_with_the_same_call_id_in_capitals(s):
     if not sipp.is_installed():
         raise Skipped("sipp is not installed")
-    s.sip_address("tap")  # Skips the scenario where there is no SIP.
+    s.sip_address("tap")  # Skips the scenario if the host has no SIP.
     uuid = "5e1f0c2a-9b7d-4e83-a6c4-d01b2f3e4a5c"
     media = s.folder / "twin_media"
     media.write_bytes(s.far.codes)
@@ -111,7 +112,8 @@ def a_call_outlives_a_destroy_event_sent_on_the_event_socket(s):
     mark = s.host.log_mark()
     uuid = s.tap()
     s.hear(uuid, 0.5)
-    # The host gives an event for a channel that it knows to that channel: another spelling.
+    # The UUID is spelled in upper case, because the host would hand an event with a UUID that it
+    # knows to that channel.
     with contextlib.closing(s.host.new_connection()) as connection:
         connection.command(f"sendevent CHANNEL_DESTROY\nUnique-ID: {uuid.upper()}")
     check_outlived(s, uuid, mark)
