@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Makes parsers of the packets from docs/quorvane.ksy and runs them over the golden
-# datagrams. The packages that this needs are installed into the folder given (made
-# if missing). With a language (javascript, python, cpp) behind it, only that one
-# runs; otherwise all run, and those that cannot are skipped with the reason. Ends
-# with 77, which CTest counts as skipped, where none can run: Node or npm is missing
-# or the package registry cannot be reached.
+# Generates parsers of the packets from docs/quorvane.ksy and runs them on the golden
+# datagrams. Installs the packages that it needs into the given folder, which it makes
+# if necessary. If a language (javascript, python, cpp) follows, only that one runs;
+# otherwise all run, and those that cannot are skipped with the reason. Exits with 77,
+# which CTest counts as skipped, if none can run, because Node or npm is missing or the
+# package registry cannot be reached.
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -26,8 +26,8 @@ npm_error() {
   echo " ($code)"
 }
 
-# Whether the registry answers for the package that is wanted. What npm has stored says
-# nothing about that, hence the empty cache.
+# Whether the registry has the required package. The cache is empty, because npm would
+# otherwise answer from it.
 registry_answers() {
   local empty
   empty=$(mktemp -d)
@@ -48,7 +48,7 @@ mkdir -p "$folder"
 folder=$(cd "$folder" && pwd)
 stamp=$(cat "$here/package.json" "$here/package-lock.json" | sha256sum)
 
-# The packages are installed once and again when the lock file has changed.
+# The packages are installed once, and again when the lock file has changed.
 if [ "$(cat "$folder/installed" 2>/dev/null || true)" != "$stamp" ]; then
   rm -rf "$folder/installed" "$folder/node_modules"
   cp "$here/package.json" "$here/package-lock.json" "$here/.npmrc" "$folder/"
@@ -63,13 +63,13 @@ if [ "$(cat "$folder/installed" 2>/dev/null || true)" != "$stamp" ]; then
   echo "$stamp" >"$folder/installed"
 fi
 
-# The golden datagrams with each of these.
+# Generates each parser and parses the golden datagrams with it.
 compile() { # compile LANGUAGE OUTPUT [VERSION]
   rm -rf "$2"
   node "$here/compile.js" "$folder" "$@" >/dev/null
 }
 
-# A Python that has the runtime library: the one in the path need not be Debian's.
+# Finds a Python with the runtime library; the one in PATH need not be Debian's.
 python_with_runtime() {
   local python
   for python in python3 /usr/bin/python3; do
@@ -96,8 +96,8 @@ test_python() {
   "$python" "$here/parse_golden.py" "$folder/python-$version"
 }
 
-# Debian has no runtime library for C++. cpp/kaitai/ stands in for it, unless
-# KAITAI_CPP_RUNTIME names the folder of the real one's sources.
+# Debian has no runtime library for C++. cpp/kaitai/ replaces it, unless KAITAI_CPP_RUNTIME
+# names the source folder of the real one.
 test_cpp() {
   command -v c++ >/dev/null || {
     echo "cpp: skipped: no C++ compiler (Debian: apt-get install g++)"

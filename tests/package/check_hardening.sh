@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Checks that what is shipped was compiled and linked with the protections that are meant to
-# be in it.
+# Checks that the shipped programs and the module have the intended compiler and linker
+# protections.
 #
 #     check_hardening.sh [--unfortified] BUILD_FOLDER PROGRAM_OR_MODULE...
 #
-# --unfortified: of a build without optimization, which cannot have fortified functions.
+# --unfortified: for a build without optimization, which cannot have fortified functions.
 set -u
 fortified=yes
 if [ "$1" = --unfortified ]; then
@@ -21,7 +21,7 @@ fail() {
     failures=$((failures + 1))
 }
 
-# One function that is protected does not show that all are: so each source is asked too.
+# One protected function does not prove that all are, so each source is checked, too.
 # The folder of the sources may hold that of the build.
 check_commands() {
     local flag=$1 lines without

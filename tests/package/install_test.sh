@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Tries `cmake --install` into folders of its own: what goes where, and that an
+# Tests `cmake --install` into temporary folders: where each file goes, and that an
 # operator's settings are kept.
 #
 #   install_test.sh COMPILER

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Makes the packages of a build and tries them: contents, control data, installation,
-# upgrade, removal and purge in a root folder of their own, lintian, and an RPM where
-# rpmbuild is installed. Nothing outside a temporary folder is touched.
+# Makes the packages of a build and tests them: contents, control data, installation,
+# upgrade, removal and purge in a root folder of their own, lintian, and an RPM if
+# rpmbuild is installed. Changes nothing outside a temporary folder.
 #
 #   package_test.sh BUILD_FOLDER
 set -uo pipefail
@@ -92,7 +92,7 @@ expect "nothing else" same "$unexpected" ""
 
 # ---- links between the documents ----------------------------------------------------
 
-# Prints the links of the documents below $1 that lead nowhere.
+# Prints the broken links of the documents below $1.
 dead_links() {
     python3 - "$1" <<'END'
 import pathlib, re, sys
@@ -141,7 +141,7 @@ fi
 root=$work/root
 mkdir -p "$root"/var/lib/dpkg/{info,updates,triggers}
 touch "$root"/var/lib/dpkg/{status,available}
-# The host is not in that root: its absence is the one thing that is passed over.
+# That root has no host, so only the missing host is ignored.
 dpkg_here() {
     "${as_root[@]}" dpkg --root="$root" --log=/dev/null --force-depends --force-not-root \
         --force-bad-path "$@" >"$work/dpkg.log" 2>&1 </dev/null || {
@@ -192,7 +192,7 @@ expect "no folder of ours is left" absent "$root/etc/delmaren"
 # ---- lintian ------------------------------------------------------------------------
 
 if command -v lintian >/dev/null; then
-    # A host that was built by hand lives in /opt, and so then does its module.
+    # A host that was built by hand is in /opt, and so is its module.
     suppress=()
     [[ $module != opt/* ]] || suppress=(--suppress-tags dir-or-file-in-opt)
     lintian --fail-on error "${suppress[@]}" "$work"/DEB/*.deb 2>&1 | grep -v 'root privileges'

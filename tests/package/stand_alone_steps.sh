@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What stand_alone_test.sh does on the minimal system, as root, in the folder of the packages.
-# Nothing of the checkout is used: it is removed first.
+# The steps of stand_alone_test.sh on the minimal system, as root, in the folder of the packages.
+# They remove the checkout first, so that nothing of it is used.
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 rm -rf ../quorvane
@@ -30,7 +30,7 @@ expect "version of the driver" contains "$(quorvane-call --version)" "${said#quo
 revision=${said##* }
 expect "revision of the module" grep -qa "${revision%)}@production" /usr/lib/quorvane/mod_quorvane.so
 
-# A call with the module that comes with the driver, to the receiver.
+# Sends a call to the receiver, with the module that is packaged with the driver.
 quorvane-node --listen 127.0.0.1:40000 --output received --calls 1 --idle-exit 30 >node.log 2>&1 &
 node=$!
 for _ in $(seq 50); do grep -q listening node.log && break; sleep 0.1; done
@@ -50,7 +50,7 @@ quietly apt-get install -y -q --no-install-recommends man-db bash-completion pyt
     exit 1
 for program in quorvane-node quorvane-call; do
     page=$(find / -xdev -name "$program.1*" -path '*man1*' 2>/dev/null)
-    # A minimal system may be set up to leave manual pages out; the package has them.
+    # A minimal system may be configured without manual pages; the package has them.
     [ -n "$page" ] || { fail "manual page of $program"; continue; }
     warnings=$(man --warnings -l "$page" 2>&1 >/dev/null)
     expect "manual page of $program without warnings" test -z "$warnings"
@@ -75,7 +75,7 @@ END
 )
 expect "links lead somewhere: $links" test -z "$links"
 
-# The dissector is loaded without being named.
+# tshark loads the dissector by itself.
 expect "dissector" contains "$(tshark -G protocols 2>/dev/null)" "quorvane"
 expect "Kaitai description" grep -q 'id: quorvane' /usr/share/quorvane/quorvane.ksy
 
@@ -86,7 +86,7 @@ exposure=$(systemd-analyze security --offline=true "/lib/systemd/system/$unit" 2
 echo "$exposure" | grep -i exposure
 level=$(grep -oE '[0-9]+\.[0-9]+' <<<"$exposure" | head -n 1)
 expect "exposure of at most 2.0: $level" awk "BEGIN { exit !(\"$level\" != \"\" && $level <= 2.0) }"
-# The line that starts it is one that the receiver takes, and it reports that it is ready.
+# The receiver accepts the unit's command line, and reports that it is ready.
 . /etc/default/quorvane-node
 command=$(sed -n 's/^ExecStart=//p' "/lib/systemd/system/$unit")
 command=${command/\$QUORVANE_NODE_OPTIONS/$QUORVANE_NODE_OPTIONS}

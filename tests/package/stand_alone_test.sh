@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the built packages quorvane-tools and quorvane-dev on a minimal Debian 12 and uses
-# them there as their users do. Skipped (77) where such a system cannot be made.
+# them there as their users do. Skipped (77) if such a system cannot be made.
 #
 #   stand_alone_test.sh BUILD_FOLDER
 set -uo pipefail

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Compiles the small programs beside this script with clang's thread safety analysis. The
-# first line of each says what must become of it: "accepted", or "refused:" and what the
-# compiler must say. A program that is refused for another reason is a failure, too.
+# first line of each states the expected result: "accepted", or "refused:" and the compiler's
+# message. A program that is refused for another reason is a failure, too.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 
