@@ -151,6 +151,11 @@ void add_limit_options(CLI::App& app, Options& options) {
         ->check(CLI::Range(1, 4096))
         ->type_name("KIB")
         ->capture_default_str();
+    app.add_option("--sync", options.sync_s,
+                   "Have what was written brought to the disk so often; 0 when the system likes")
+        ->check(seconds_between(0, 86400))
+        ->type_name("SECONDS")
+        ->capture_default_str();
     app.add_option("--receive-buffer", options.receive_buffer_mib, "Receive buffer of the socket")
         ->check(CLI::Range(1, 1024))
         ->type_name("MIB")

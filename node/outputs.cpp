@@ -45,6 +45,9 @@ Outputs::Outputs(const Options& options, std::ostream& out, std::ostream& errors
 
 std::string Outputs::open_folder() {
     const std::string error = folder_.prepare();
+    if (error.empty()) {
+        leftovers_ = folder_.recover();
+    }
     return error.empty() ? error : "cannot write to folder " + options_.folder + ": " + error;
 }
 
@@ -101,6 +104,11 @@ void Outputs::build() {
         });
     call_listeners_.push_back(file_names_.get());
 
+    if (options_.sync_s > 0) {
+        disk_sync_ =
+            std::make_unique<DiskSync>(std::chrono::duration<double>(options_.sync_s),
+                                       [folder = options_.folder] { return sync_folder(folder); });
+    }
     const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
                                      options_.keep_pauses};
     recorder_ = std::make_unique<Recorder>(
@@ -153,6 +161,7 @@ void Outputs::begin(const NodeFigures& figures) {
         lines_.say("metrics", "http://" + tools::address_text(address) + "/metrics");
     }
     notices_->listening(figures.address);
+    notices_->left_behind(leftovers_);
     flush_events();
     lines_.flush();
     if (live_) {
@@ -174,6 +183,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
         return;
     }
     last_second_ = now;
+    report_sync();
     // Once a second, so that a flood of calls does not become a flood of lines.
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
@@ -232,6 +242,15 @@ void Outputs::flush_events() {
     const std::uint64_t lost = events_->dropped();
     lines_.say("events are written again",
                grouped(lost - std::exchange(reported_lost_events_, lost)) + " lost");
+}
+
+// Once: while a folder is away it fails each time.
+void Outputs::report_sync() {
+    const std::string error = disk_sync_ != nullptr ? disk_sync_->take_error() : std::string();
+    if (!error.empty() && !std::exchange(sync_failed_, true)) {
+        failed_ = true;
+        lines_.say("not brought to the disk", options_.folder + ": " + error);
+    }
 }
 
 void Outputs::add_file_figures(NodeFigures& figures) const {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "node/audio/audio_files.h"
+#include "node/audio/disk_sync.h"
 #include "node/audio/file_names.h"
 #include "node/audio/recorder.h"
 #include "node/calls/call_listener.h"
@@ -66,6 +67,7 @@ class Outputs {
     FileNames::Options file_name_options() const;
     FileReport save_timeline(const std::string& name, const std::string& svg);
     void flush_events();
+    void report_sync();
     void add_file_figures(NodeFigures& figures) const;
 
     const Options& options_;
@@ -74,6 +76,9 @@ class Outputs {
     LineReport lines_;
     LiveView live_view_;
     WavFolder folder_;
+    std::vector<LeftoverFile> leftovers_;  // Of runs that were killed.
+    std::unique_ptr<DiskSync> disk_sync_;  // Null unless asked for.
+    bool sync_failed_ = false;
     EventFile events_file_;
     ReloadList reloads_;
     std::unique_ptr<EventLog> events_;  // These are null unless they are asked for.

@@ -1,14 +1,13 @@
 #include "node/audio/audio_files.h"
 
 #include <fcntl.h>
-#include <sndfile.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <string_view>
+#include <cstdio>
 #include <system_error>
 #include <utility>
 
@@ -18,30 +17,16 @@ namespace qv::node {
 
 namespace {
 
-// The lengths in the header are updated after so many blocks: the program may be killed.
-constexpr unsigned BLOCKS_PER_HEADER = 8;
-
-// A WAV file counts its bytes with 32 bits.
-constexpr std::uint64_t MAX_FILE_BYTES = 0xFFFFFFFF - 4096;
-
 // For the socket, the events file and what the libraries open.
 constexpr std::size_t SPARE_DESCRIPTORS = 64;
 
 constexpr const char* REMOVED = "the file was removed";
 
+// Samples go to the file as they are in memory.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "WAV samples are little-endian");
+
 std::string system_text(int error) {
     return std::generic_category().message(error);
-}
-
-// The library's error text; for an error of the system, the system's own text.
-std::string library_text(const char* text) {
-    static constexpr std::string_view prefix = "System error : ";
-    std::string words = text;
-    if (words.rfind(prefix, 0) == 0) {
-        words.erase(0, prefix.size());
-        words.erase(words.find_last_not_of('.') + 1);
-    }
-    return words;
 }
 
 }  // namespace
@@ -61,12 +46,12 @@ std::size_t raise_open_file_limit() {
 
 class WavFile : public AudioFile {
   public:
-    WavFile(WavFolder& folder, std::string path, int sample_rate, int channels)
-        : folder_(folder), path_(std::move(path)) {
-        format_.samplerate = sample_rate;
-        format_.channels = channels;
-        format_.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-        open(O_CREAT | (folder.overwrite_ ? O_TRUNC : O_EXCL));
+    WavFile(WavFolder& folder, const std::string& name, const WavFormat& format)
+        : folder_(folder), name_(name), path_(folder.path_ + '/' + name), format_(format) {
+        folder_.list_.add(name_, format_);
+        if (!make()) {
+            folder_.list_.remove(name_);
+        }
     }
     ~WavFile() override { WavFile::close(); }
 
@@ -74,33 +59,28 @@ class WavFile : public AudioFile {
         if (!error_.empty()) {
             return false;
         }
-        if ((written_ + count) * sizeof *samples > MAX_FILE_BYTES) {
+        const std::uint64_t size = count * sizeof *samples;
+        if (size_ + size > MAX_WAV_DATA_SIZE) {
             return fail("a WAV file holds no more than 4 GB");
         }
-        if (handle_ == nullptr && !open(0)) {
+        if (descriptor_ < 0 && !open()) {
             return false;
         }
         if (removed()) {
             return fail(REMOVED);
         }
         folder_.open_.splice(folder_.open_.end(), folder_.open_, place_);
-        errno = 0;
-        const auto wanted = static_cast<sf_count_t>(count);
-        if (sf_write_short(handle_, samples, wanted) != wanted) {
-            return fail(errno != 0 ? system_text(errno) : library_text(sf_strerror(handle_)));
-        }
-        written_ += count;
-        if (++blocks_ % BLOCKS_PER_HEADER == 0) {
-            sf_command(handle_, SFC_UPDATE_HEADER_NOW, nullptr, 0);
-        }
-        return true;
+        return append(samples, size);
     }
 
     bool close() override {
-        if (!std::exchange(closed_, true) && error_.empty()) {
-            error_ = what_became_of_it();
+        if (!std::exchange(closed_, true)) {
+            if (error_.empty()) {
+                error_ = what_became_of_it();
+            }
+            release();
+            folder_.list_.remove(name_);
         }
-        release();
         return error_.empty();
     }
 
@@ -109,42 +89,98 @@ class WavFile : public AudioFile {
 
     // Closes the descriptor; a later write opens the file again.
     void release() {
-        if (handle_ == nullptr) {
+        if (descriptor_ < 0) {
             return;
         }
         folder_.open_.erase(place_);
         if (error_.empty() && removed()) {
             error_ = REMOVED;
         }
-        errno = 0;
-        const int result = sf_close(std::exchange(handle_, nullptr));
-        if (result != 0 && error_.empty()) {
-            error_ = errno != 0 ? system_text(errno) : library_text(sf_error_number(result));
+        if (::close(std::exchange(descriptor_, -1)) != 0 && error_.empty()) {
+            error_ = system_text(errno);
         }
     }
 
   private:
-    bool open(int how) {
+    // Makes the file with its header, which it has when it gets its name: there is no moment at
+    // which it could not be played.
+    bool make() {
+        const std::string unfinished = unfinished_path(folder_.path_, name_);
+        const WavHeader header = wav_header(format_, 0);
+        if (!open_descriptor(unfinished, O_CREAT | O_TRUNC)) {
+            return false;
+        }
+        const int error =
+            write_all(header.data(), header.size(), 0) < header.size() ? errno : name(unfinished);
+        if (error == 0) {
+            return true;
+        }
+        ::unlink(unfinished.c_str());
+        return fail(system_text(error));
+    }
+
+    // Gives the new file its name; returns 0, or why it cannot have it.
+    int name(const std::string& unfinished) const {
+        const unsigned how = folder_.overwrite_ ? 0 : RENAME_NOREPLACE;
+        if (::renameat2(AT_FDCWD, unfinished.c_str(), AT_FDCWD, path_.c_str(), how) == 0) {
+            return 0;
+        }
+        if (errno != EINVAL) {
+            return errno;
+        }
+        // A file system that does not know how to keep an existing file.
+        if (folder_.exists(name_)) {
+            return EEXIST;
+        }
+        return ::rename(unfinished.c_str(), path_.c_str()) == 0 ? 0 : errno;
+    }
+
+    bool open() { return open_descriptor(path_, 0); }
+
+    bool open_descriptor(const std::string& path, int how) {
         folder_.make_room();
-        descriptor_ = ::open(path_.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
+        descriptor_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
         while (descriptor_ < 0 && (errno == EMFILE || errno == ENFILE) && !folder_.open_.empty()) {
             folder_.open_.front()->release();
-            descriptor_ = ::open(path_.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
+            descriptor_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
         }
         if (descriptor_ < 0) {
             return fail(system_text(errno));
         }
-        const bool fresh = how != 0;
-        handle_ = sf_open_fd(descriptor_, fresh ? SFM_WRITE : SFM_RDWR, &format_, SF_TRUE);
-        if (handle_ == nullptr) {
-            ::close(descriptor_);
-            return fail(library_text(sf_strerror(nullptr)));
-        }
         place_ = folder_.open_.insert(folder_.open_.end(), this);
-        if (!fresh && sf_seek(handle_, 0, SEEK_END) < 0) {
-            return fail(library_text(sf_strerror(handle_)));
-        }
         return true;
+    }
+
+    // Writes samples, then the header that counts them: whenever the program is killed, the
+    // header fits what is there. Of a disk that becomes full the file keeps what had room.
+    bool append(const std::int16_t* samples, std::uint64_t size) {
+        const std::uint64_t written = write_all(samples, size, WAV_HEADER_SIZE + size_);
+        const int error = errno;
+        size_ += written - written % format_.frame_size();
+        const WavHeader header = wav_header(format_, size_);
+        const bool counted = write_all(header.data(), header.size(), 0) == header.size();
+        if (written == size) {
+            return counted || fail(system_text(errno));
+        }
+        // Half a frame may stand there.
+        [[maybe_unused]] const int ignored =
+            ::ftruncate(descriptor_, static_cast<off_t>(WAV_HEADER_SIZE + size_));
+        return fail(system_text(error));
+    }
+
+    // Returns how many bytes were written; errno says why they are fewer.
+    std::uint64_t write_all(const void* data, std::uint64_t size, std::uint64_t place) const {
+        std::uint64_t done = 0;
+        while (done < size) {
+            const ssize_t written = ::pwrite(descriptor_, static_cast<const char*>(data) + done,
+                                             size - done, static_cast<off_t>(place + done));
+            if (written > 0) {
+                done += static_cast<std::uint64_t>(written);
+            } else if (written == 0 || errno != EINTR) {
+                break;
+            }
+        }
+        return done;
     }
 
     // A file without a name is lost when it is closed.
@@ -161,7 +197,7 @@ class WavFile : public AudioFile {
         if (!there && errno != ENOENT && errno != ENOTDIR) {
             return {};
         }
-        if (handle_ == nullptr) {
+        if (descriptor_ < 0) {
             return there ? "" : REMOVED;
         }
         struct stat file {};
@@ -179,19 +215,18 @@ class WavFile : public AudioFile {
     }
 
     WavFolder& folder_;
+    std::string name_;
     std::string path_;
-    SF_INFO format_{};
-    sf_private_tag* handle_ = nullptr;     // Null while closed.
-    int descriptor_ = -1;                  // Of the handle, which owns it.
+    WavFormat format_;
+    int descriptor_ = -1;                  // Negative while closed.
     bool closed_ = false;                  // For good.
     std::list<WavFile*>::iterator place_;  // In the folder's list of open files, while open.
-    std::uint64_t written_ = 0;
-    unsigned blocks_ = 0;
+    std::uint64_t size_ = 0;               // Of the samples, in bytes.
     std::string error_;
 };
 
 WavFolder::WavFolder(std::string path, std::size_t max_open, bool overwrite)
-    : path_(std::move(path)), max_open_(max_open), overwrite_(overwrite) {}
+    : path_(std::move(path)), max_open_(max_open), overwrite_(overwrite), list_(path_) {}
 
 WavFolder::~WavFolder() = default;
 
@@ -212,7 +247,7 @@ bool WavFolder::exists(const std::string& name) const {
 
 std::unique_ptr<AudioFile> WavFolder::create(const std::string& name, int sample_rate,
                                              int channels) {
-    auto file = std::make_unique<WavFile>(*this, path_ + '/' + name, sample_rate, channels);
+    auto file = std::make_unique<WavFile>(*this, name, WavFormat{sample_rate, channels});
     created_ += file->error().empty() ? 1 : 0;
     return file;
 }

@@ -4,18 +4,19 @@
 // and open it again later, when more files are wanted than may be open. A failure (full disk,
 // vanished folder, too many open files) ends the file, not the program: the text of the error
 // stays with the file. A file that is removed while it grows has failed. One that is moved away
-// is completed where it is, but reported as an error: its path does not lead to it. Belongs to
-// one thread.
+// is completed where it is, but reported as an error: its path does not lead to it. Whatever
+// ends the program, and at whatever instruction, each file can be played: its header counts
+// what was written before. Belongs to one thread.
 #pragma once
 
 #include <cstdint>
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "node/audio/open_list.h"
 #include "node/calls/types.h"
-
-struct sf_private_tag;
 
 namespace qv::node {
 
@@ -66,6 +67,8 @@ class WavFolder : public AudioStore {
     // Creates the folder if it is missing. Returns why files cannot be written there, or
     // nothing.
     std::string prepare();
+    // Repairs what a run that was killed has left in the folder; see open_list.h.
+    std::vector<LeftoverFile> recover() { return recover_leftovers(path_); }
 
     bool exists(const std::string& name) const override;
     std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
@@ -84,6 +87,7 @@ class WavFolder : public AudioStore {
     std::size_t max_open_;
     bool overwrite_;
     std::uint64_t created_ = 0;
+    OpenList list_;
     std::list<WavFile*> open_;  // Not owned; the one written last comes last.
 };
 

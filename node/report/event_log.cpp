@@ -90,6 +90,15 @@ void EventLog::overflow(std::uint64_t packets) {
     write("overflow", {{"packets", packets}});
 }
 
+void EventLog::left_behind(const LeftoverFile& file) {
+    write("leftover", {{"path", file.path},
+                       {"sample_rate", file.format.sample_rate},
+                       {"channels", file.format.channels},
+                       {"samples", file.frames},
+                       {"recovered_samples", file.recovered},
+                       {"error", file.error}});
+}
+
 void EventLog::started(const Call& call, const media::Packet& packet) {
     const StartFields& start = *call.start();
     const std::string report_node =

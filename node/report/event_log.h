@@ -13,6 +13,7 @@
 #include <string>
 #include <utility>
 
+#include "node/audio/open_list.h"
 #include "node/calls/call_listener.h"
 
 namespace qv::node {
@@ -32,6 +33,7 @@ class EventLog : public CallListener {
     // Datagrams of senders that are not allowed, the latest of them from `source`.
     void not_allowed(std::uint64_t packets, const sockaddr_in& source);
     void overflow(std::uint64_t packets);
+    void left_behind(const LeftoverFile& file);
 
     void started(const Call& call, const media::Packet& packet) override;
     void features_changed(const Call& call, const media::Packet& packet) override;

@@ -31,6 +31,27 @@ void Notices::listening(const std::string& address) {
     }
 }
 
+void Notices::left_behind(const std::vector<LeftoverFile>& files) {
+    if (files.empty()) {
+        return;
+    }
+    std::uint64_t failed = 0;
+    for (const LeftoverFile& file : files) {
+        if (!file.error.empty()) {
+            ++failed;
+            lines_.say("not repaired", file.path + ": " + file.error);
+        }
+        if (events_ != nullptr) {
+            events_->left_behind(file);
+        }
+    }
+    if (failed < files.size()) {
+        lines_.say("repaired", counted(files.size() - failed, "file") +
+                                   " of an earlier run that was killed, in " +
+                                   files[0].path.substr(0, files[0].path.rfind('/')));
+    }
+}
+
 void Notices::malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count) {
     if (count > MALFORMED_REPORTS_PER_REASON) {
         return;

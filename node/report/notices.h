@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "node/audio/open_list.h"
 #include "node/calls/types.h"
 #include "node/report/event_log.h"
 #include "node/report/line_report.h"
@@ -20,6 +22,8 @@ class Notices {
         : lines_(lines), events_(events), quiet_lines_(quiet_lines) {}
 
     void listening(const std::string& address);
+    // Files that a run that was killed has left, and that have been repaired.
+    void left_behind(const std::vector<LeftoverFile>& files);
     // The `count`th datagram that is malformed for that reason; the first few are reported.
     void malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count);
     // Datagrams that the system dropped since the beginning; reports what is new.

@@ -3,6 +3,7 @@
 usage: node_end_to_end_test.py QUORVANE_NODE GOLDEN_FOLDER
 """
 import array
+import concurrent.futures
 import fcntl
 import json
 import os
@@ -58,7 +59,8 @@ def listed_event_fields():
         fields = set(re.findall(r"`(\w+)`", plain)) | {"event", "time"}
         fields |= PACKET_FIELDS if "the common fields" in text else set()
         fields |= {"sides"} if kind == "end" else set()
-        if kind not in ("listening", "not_allowed", "malformed", "overflow", "events_lost"):
+        if kind not in ("listening", "not_allowed", "malformed", "overflow", "events_lost",
+                        "leftover"):
             fields |= {"call_key", "call_uuid", "source"}
         listed[kind] = listed["data"] if text.startswith("the same,") else fields
     return listed
@@ -245,9 +247,9 @@ class Node:
     """A running receiver, its folder and its output. With `disk` the folder is a file system
     of that size."""
 
-    def __init__(self, *options, limit=None, disk=None, before=None):
+    def __init__(self, *options, limit=None, disk=None, before=None, folder=None):
         self.home = tempfile.TemporaryDirectory(prefix="quorvane-node-")
-        self.folder = pathlib.Path(self.home.name) / "wav"
+        self.folder = folder or pathlib.Path(self.home.name) / "wav"
         self.output = pathlib.Path(self.home.name) / "output"
         before = (lambda: resource.setrlimit(*limit)) if limit else before
         wrapper = ["unshare", "--mount", "sh", "-c", WITH_TMPFS % disk, str(self.folder)]
@@ -317,6 +319,34 @@ class Node:
     def stop(self, number=signal.SIGTERM):
         self.process.send_signal(number)
         return self.exit_code()
+
+
+def killed_run(moment):
+    """Kills a receiver that takes in calls as fast as it can, at that moment of them (0 to 1).
+    Opens its files and returns how many samples they have."""
+    heard = 0
+    with Node("--block", "1", "--rate", "8000", "--stereo", "--quiet") as node:
+        packets = [of_call(call, golden("call_1_start")) for call in (1, 2, 3)]
+        packets += [data(call, number) for number in range(1, 60) for call in (1, 2, 3)]
+        packets += [of_call(call, golden("call_7_terminate")) for call in (1, 2, 3)]
+        kill_at = int(moment * len(packets))
+        node.send(*packets[:kill_at])
+        node.process.kill()
+        node.process.wait()
+        for path in node.folder.glob("*.wav"):
+            with wave.open(str(path)) as file:
+                frames, channels = file.getnframes(), file.getnchannels()
+                there = array.array("h", file.readframes(frames))
+            assert len(there) == frames * channels, f"{path}: {frames} counted, {len(there)} there"
+            call = int(path.name[34:36], 16)
+            expected = sum((audio(call, number) for number in range(1, 60)), [])
+            assert list(there[::channels]) == expected[:frames], path
+            uncounted = path.stat().st_size - 44 - 2 * len(there)
+            # Of the stereo file four blocks of each side are written at once while one is silent.
+            block = 1024 + 320 if channels == 1 else 4 * (8 * 512 + 160) // 2
+            assert 0 <= uncounted <= block, f"{path}: {uncounted} bytes not counted"
+            heard += frames
+    return heard
 
 
 class NodeEndToEnd(unittest.TestCase):
@@ -407,7 +437,7 @@ class NodeEndToEnd(unittest.TestCase):
             listed = listed_event_fields()
             seen = {event["event"]: set(event) for event in node.events()}
             self.assertEqual(set(listed) - set(seen), {"overflow", "events_lost", "not_allowed",
-                                                       "foreign", "terminate_refused"})
+                                                       "foreign", "terminate_refused", "leftover"})
             for kind, fields in seen.items():
                 self.assertEqual(fields, listed[kind], kind)
             self.assertEqual(set(node.events("end")[0]["sides"]["originator"]), LISTED_SIDE)
@@ -488,6 +518,35 @@ class NodeEndToEnd(unittest.TestCase):
                 self.assertEqual(node.exit_code(), 0, node.text())
                 self.assertEqual("the terminal was closed" in node.text(), ends)
                 self.assertEqual(len(samples(node.folder / f"{UUID}-originator.wav")), 16)
+
+    def test_files_of_a_killed_run_are_repaired_and_told_at_the_next_start(self):
+        with Node("--block", "1", "--rate", "8000") as node:
+            node.talk([1], 20)
+            path = node.folder / (uuid_of(1) + "-originator.wav")
+            while not path.exists() or path.stat().st_size < 5000:
+                time.sleep(0.02)
+            node.stop(signal.SIGKILL)
+            # As if it had been killed between the audio and the header that counts it.
+            with open(path, "r+b") as file:
+                for place, size in ((4, 320 + 36), (40, 320)):
+                    file.seek(place)
+                    file.write(struct.pack("<I", size))
+            with Node("--events", "-", folder=node.folder) as next_run:
+                next_run.wait_for("repaired +1 file of an earlier run that was killed")
+                (event,) = next_run.events("leftover")
+                audio = samples(node.folder / path.name)
+                self.assertEqual((event["path"], event["samples"], event["error"]),
+                                 (str(node.folder / path.name), len(audio), ""))
+                self.assertEqual(event["recovered_samples"], len(audio) - 160)
+                self.assertEqual(event["sample_rate"], 8000)
+                self.assertGreater(len(audio), 2000)
+
+    def test_killed_at_any_of_200_moments_it_leaves_files_that_can_be_played(self):
+        choice = random.Random(20)
+        moments = [choice.random() for _ in range(200)]
+        with concurrent.futures.ThreadPoolExecutor(8) as killers:
+            audio = sum(killers.map(killed_run, moments))
+        self.assertGreater(audio, 0)
 
     def test_terminate_that_never_comes_times_out(self):
         with Node("--calls", "1", "--call-timeout", "0.5") as node:

@@ -80,7 +80,9 @@ TEST_F(NodeOptionsTest, LimitsAreTaken) {
     parse({"--calls",          "3", "--idle-exit",   "2.5", "--rate",           "48000",
            "--max-reorder",    "0", "--max-silence", "0",   "--max-calls",      "5",
            "--max-open-files", "7", "--block",       "1",   "--receive-buffer", "8",
-           "--metrics",        "0", "--events",      "-",   "--max-files",      "9"});
+           "--metrics",        "0", "--events",      "-",   "--max-files",      "9",
+           "--sync",           "2"});
+    EXPECT_EQ(options_.sync_s, 2.0);
     EXPECT_EQ(options_.calls, 3u);
     EXPECT_EQ(options_.idle_exit_s, 2.5);
     EXPECT_EQ(options_.limits.sample_rate, 48000);
@@ -143,6 +145,7 @@ TEST_F(NodeOptionsTest, ValuesBeyondTheRangesAreRefused) {
                                                           {"--block", "0"},
                                                           {"--receive-buffer", "0"},
                                                           {"--idle-exit", "-1"},
+                                                          {"--sync", "-1"},
                                                           {"--idle-exit", "nan"}}) {
         EXPECT_EQ(parse({option, value}), EXIT_USAGE) << option << ' ' << value;
     }

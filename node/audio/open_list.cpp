@@ -1,0 +1,209 @@
+#include "node/audio/open_list.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+namespace qv::node {
+
+namespace {
+
+constexpr const char* LIST_PREFIX = ".quorvane-node-open-";
+
+// A list with more lines is written anew when most of them are of files that are complete.
+constexpr std::size_t FEW_LINES = 1000;
+
+// Closes the descriptor when it goes.
+class Descriptor {
+  public:
+    explicit Descriptor(int number) : number_(number) {}
+    ~Descriptor() {
+        if (number_ >= 0) {
+            ::close(number_);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int number() const { return number_; }
+
+  private:
+    int number_;
+};
+
+std::vector<std::string> lists_in(const std::string& folder) {
+    std::vector<std::string> lists;
+    std::error_code error;
+    const std::filesystem::directory_iterator end;
+    for (std::filesystem::directory_iterator entry(folder, error); !error && entry != end;
+         entry.increment(error)) {
+        if (entry->path().filename().string().rfind(LIST_PREFIX, 0) == 0) {
+            lists.push_back(entry->path());
+        }
+    }
+    std::sort(lists.begin(), lists.end());
+    return lists;
+}
+
+// Writes the header that fits the size of the file. Leaves alone what is not of this program.
+void repair(int file, std::uint64_t size, LeftoverFile& leftover) {
+    WavHeader header{};
+    const bool whole =
+        ::pread(file, header.data(), header.size(), 0) == static_cast<ssize_t>(header.size());
+    // After a power cut a file may be empty, or long enough but without what was written.
+    const bool blank = !whole || header == WavHeader{};
+    const auto fields = parse_wav_header(header);
+    if (!blank && !fields.has_value()) {
+        leftover.error = "it is no WAV file of this program any more";
+        return;
+    }
+    if (fields.has_value()) {
+        leftover.format = fields->format;
+    }
+    const std::size_t frame = leftover.format.frame_size();
+    const std::uint64_t there =
+        size < WAV_HEADER_SIZE ? 0 : std::min(size - WAV_HEADER_SIZE, MAX_WAV_DATA_SIZE);
+    leftover.frames = there / frame;
+    const std::uint64_t data_size = leftover.frames * frame;
+    const std::uint64_t counted = fields.has_value() ? fields->data_size : 0;
+    leftover.recovered = data_size > counted ? (data_size - counted) / frame : 0;
+    header = wav_header(leftover.format, data_size);
+    if (::pwrite(file, header.data(), header.size(), 0) != static_cast<ssize_t>(header.size()) ||
+        ::ftruncate(file, static_cast<off_t>(WAV_HEADER_SIZE + data_size)) != 0) {
+        leftover.error = std::generic_category().message(errno);
+    }
+}
+
+// Adds the file to `leftovers` if it is there.
+void recover(const std::string& folder, const std::string& name, const WavFormat& format,
+             std::vector<LeftoverFile>& leftovers) {
+    ::unlink(unfinished_path(folder, name).c_str());
+    LeftoverFile leftover{folder + '/' + name, format, 0, 0, {}};
+    const Descriptor file(::open(leftover.path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    struct stat status {};
+    if (file.number() < 0 || ::fstat(file.number(), &status) != 0) {
+        if (errno == ENOENT) {
+            return;
+        }
+        leftover.error = std::generic_category().message(errno);
+    } else {
+        repair(file.number(), static_cast<std::uint64_t>(status.st_size), leftover);
+    }
+    leftovers.push_back(std::move(leftover));
+}
+
+void recover_list(const std::string& folder, const std::string& list,
+                  std::vector<LeftoverFile>& leftovers) {
+    std::ifstream lines(list);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::istringstream words(line);
+        WavFormat format;
+        std::string name;
+        // The last line may have been cut off, and anyone may have put a list there.
+        if (words >> format.sample_rate >> format.channels >> name && format.sample_rate > 0 &&
+            (format.channels == 1 || format.channels == 2) && name.find('/') == std::string::npos) {
+            recover(folder, name, format, leftovers);
+        }
+    }
+}
+
+}  // namespace
+
+OpenList::~OpenList() {
+    if (descriptor_ >= 0) {
+        end();
+    }
+}
+
+void OpenList::add(const std::string& name, const WavFormat& format) {
+    struct stat status {};
+    if (descriptor_ >= 0 && ::fstat(descriptor_, &status) == 0 && status.st_nlink == 0) {
+        end();  // Removed with its folder, which may have come back.
+    }
+    std::string& line = lines_[name];
+    line = std::to_string(format.sample_rate) + ' ' + std::to_string(format.channels) + ' ' + name +
+           '\n';
+    if (descriptor_ < 0) {
+        rewrite();
+    } else {
+        write(line);
+    }
+}
+
+void OpenList::remove(const std::string& name) {
+    lines_.erase(name);
+    if (descriptor_ < 0) {
+        return;
+    }
+    if (lines_.empty()) {
+        end();
+    } else if (written_lines_ > FEW_LINES && written_lines_ > 4 * lines_.size()) {
+        rewrite();
+    }
+}
+
+// Makes an empty list; false when it cannot be made.
+bool OpenList::begin() {
+    path_ = folder_ + '/' + LIST_PREFIX + "XXXXXX";
+    descriptor_ = ::mkostemp(path_.data(), O_CLOEXEC | O_APPEND);
+    written_lines_ = 0;
+    if (descriptor_ >= 0) {
+        ::flock(descriptor_, LOCK_EX | LOCK_NB);
+    }
+    return descriptor_ >= 0;
+}
+
+void OpenList::end() {
+    ::unlink(path_.c_str());
+    ::close(std::exchange(descriptor_, -1));
+}
+
+void OpenList::write(const std::string& lines) {
+    // What does not fit on a full disk is missing from the list, no more.
+    [[maybe_unused]] const ssize_t written = ::write(descriptor_, lines.data(), lines.size());
+    ++written_lines_;
+}
+
+// The new list is complete before the old one goes.
+void OpenList::rewrite() {
+    const int old = descriptor_;
+    const std::string old_path = path_;
+    if (begin()) {
+        for (const auto& [name, line] : lines_) {
+            write(line);
+        }
+    }
+    if (old >= 0) {
+        ::unlink(old_path.c_str());
+        ::close(old);
+    }
+}
+
+std::string unfinished_path(const std::string& folder, const std::string& name) {
+    return folder + "/." + name + ".new";
+}
+
+std::vector<LeftoverFile> recover_leftovers(const std::string& folder) {
+    std::vector<LeftoverFile> leftovers;
+    for (const std::string& list : lists_in(folder)) {
+        const Descriptor file(::open(list.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+        if (file.number() < 0 || ::flock(file.number(), LOCK_EX | LOCK_NB) != 0) {
+            continue;  // Its run goes on.
+        }
+        recover_list(folder, list, leftovers);
+        ::unlink(list.c_str());
+    }
+    return leftovers;
+}
+
+}  // namespace qv::node

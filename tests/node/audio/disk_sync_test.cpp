@@ -1,0 +1,56 @@
+#include "node/audio/disk_sync.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+
+namespace {
+
+using namespace qv::node;
+using namespace std::chrono_literals;
+
+TEST(DiskSyncTest, WorksAgainAndAgain) {
+    std::atomic<int> rounds{0};
+    const DiskSync sync(1ms, [&rounds] {
+        ++rounds;
+        return std::string();
+    });
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (rounds < 3 && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_GE(rounds, 3);
+}
+
+TEST(DiskSyncTest, EndsAtOnceAndWorksOnceMore) {
+    std::atomic<int> rounds{0};
+    {
+        const DiskSync sync(1h, [&rounds] {
+            ++rounds;
+            return std::string();
+        });
+    }
+    EXPECT_EQ(rounds, 1);
+}
+
+TEST(DiskSyncTest, ErrorIsTakenOnce) {
+    std::atomic<bool> failing{true};
+    DiskSync sync(
+        1ms, [&failing] { return failing.exchange(false) ? "Input/output error" : std::string(); });
+    std::string error;
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (error.empty() && std::chrono::steady_clock::now() < end) {
+        error = sync.take_error();
+    }
+    EXPECT_EQ(error, "Input/output error");
+    EXPECT_EQ(sync.take_error(), "");
+}
+
+TEST(DiskSyncTest, FolderThatIsThereCanBeSynced) {
+    const std::string folder = std::filesystem::temp_directory_path();
+    EXPECT_EQ(sync_folder(folder), "");
+    EXPECT_EQ(sync_folder(folder + "/no-such-folder"), "No such file or directory");
+}
+
+}  // namespace
