@@ -1,6 +1,8 @@
 #include "node/options.h"
 
 #include <CLI/CLI.hpp>
+#include <iterator>
+#include <sstream>
 
 #include "tools/address.h"
 #include "tools/version.h"
@@ -74,6 +76,28 @@ void add_sender_options(CLI::App& app, Options& options) {
         ->take_all();
     app.add_flag("--any-source", options.limits.any_source,
                  "Take a call's packets from any address, not only from the one that began it");
+}
+
+// The words of a text, which blanks separate.
+std::vector<std::string> words_of(const std::string& text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+void add_end_options(CLI::App& app, Options& options) {
+    app.add_option_function<std::string>(
+           "--on-end", [&options](const std::string& text) { options.on_end = words_of(text); },
+           "Run this after each call, with the call's files as further arguments; without a "
+           "shell: blanks separate its words, and quotes mean nothing")
+        ->check([](const std::string& text) {
+            return words_of(text).empty() ? "a command needs a name" : std::string();
+        })
+        ->type_name("COMMAND");
+    app.add_option("--on-end-running", options.on_end_running,
+                   "So many of these commands at once; the calls after them wait")
+        ->check(CLI::Range(1, 1000))
+        ->type_name("N")
+        ->capture_default_str();
 }
 
 void add_report_options(CLI::App& app, Options& options) {
@@ -176,6 +200,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     add_output_options(app, options);
     add_sender_options(app, options);
     add_report_options(app, options);
+    add_end_options(app, options);
     add_exit_options(app, options);
     add_audio_options(app, options);
     add_limit_options(app, options);

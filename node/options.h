@@ -40,6 +40,8 @@ struct Options {
     std::size_t max_open_files = 0;       // 0: what the system allows.
     std::uint64_t max_files = 1'000'000;  // Of one run; 0: no limit.
     std::size_t block_kib = 32;
+    std::vector<std::string> on_end;  // Command after each call; empty for none.
+    std::size_t on_end_running = 4;   // So many of them at once.
     double sync_s = 0;  // How often the disk is to have all that was written; 0: as it likes.
     CallLimits limits;
 };

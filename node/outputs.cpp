@@ -15,6 +15,7 @@ namespace {
 
 constexpr Micros FRAME{250'000};
 constexpr Micros SECOND{1'000'000};
+constexpr std::chrono::seconds PATIENCE_WITH_COMMANDS{10};
 constexpr std::size_t USUAL_OPEN_FILES = 8192;
 
 bool events_to_stdout(const Options& options) {
@@ -130,6 +131,12 @@ void Outputs::build() {
     if (events_ != nullptr) {
         call_listeners_.push_back(events_.get());
     }
+    if (!options_.on_end.empty()) {
+        end_command_ = std::make_unique<EndCommand>(
+            EndCommand::Options{options_.on_end, options_.on_end_running},
+            [this](const std::string& what) { lines_.say("command failed", what); });
+        call_listeners_.push_back(end_command_.get());
+    }
     notices_ = std::make_unique<Notices>(lines_, events_.get(), live_);
 }
 
@@ -173,6 +180,9 @@ void Outputs::begin(const NodeFigures& figures) {
 void Outputs::update(NodeFigures figures, Micros now) {
     add_file_figures(figures);
     notices_->overflowed(figures.overflowed);
+    if (end_command_ != nullptr) {
+        end_command_->poll();
+    }
     lines_.flush();
     flush_events();
     if (live_ && now - last_frame_ >= FRAME) {
@@ -213,6 +223,7 @@ void Outputs::finish(NodeFigures figures) {
     notices_->overflowed(figures.overflowed);
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
     flush_events();
+    finish_commands();
     failed_ = failed_ || figures.totals.file_errors != 0;
     LostEvents lost;
     if (events_ != nullptr) {
@@ -242,6 +253,18 @@ void Outputs::flush_events() {
     const std::uint64_t lost = events_->dropped();
     lines_.say("events are written again",
                grouped(lost - std::exchange(reported_lost_events_, lost)) + " lost");
+}
+
+void Outputs::finish_commands() {
+    if (end_command_ == nullptr) {
+        return;
+    }
+    const std::uint64_t left = end_command_->finish(PATIENCE_WITH_COMMANDS);
+    const EndCommand::Counts& counts = end_command_->counts();
+    if (left + counts.skipped != 0) {
+        lines_.say("command not run", "after " + counted(left + counts.skipped, "call"));
+    }
+    failed_ = failed_ || left + counts.skipped + counts.failed != 0;
 }
 
 // Once: while a folder is away it fails each time.

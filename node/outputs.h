@@ -17,6 +17,7 @@
 #include "node/calls/call_listener.h"
 #include "node/options.h"
 #include "node/reload_list.h"
+#include "node/report/end_command.h"
 #include "node/report/event_file.h"
 #include "node/report/event_log.h"
 #include "node/report/figures.h"
@@ -68,6 +69,7 @@ class Outputs {
     FileReport save_timeline(const std::string& name, const std::string& svg);
     void flush_events();
     void report_sync();
+    void finish_commands();
     void add_file_figures(NodeFigures& figures) const;
 
     const Options& options_;
@@ -86,6 +88,7 @@ class Outputs {
     std::unique_ptr<Metrics> metrics_;
     std::unique_ptr<FileNames> file_names_;
     std::unique_ptr<Recorder> recorder_;
+    std::unique_ptr<EndCommand> end_command_;
     std::unique_ptr<Notices> notices_;
     std::vector<CallListener*> call_listeners_;
     Micros last_frame_{0};

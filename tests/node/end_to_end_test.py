@@ -548,6 +548,17 @@ class NodeEndToEnd(unittest.TestCase):
             audio = sum(killers.map(killed_run, moments))
         self.assertGreater(audio, 0)
 
+    def test_command_runs_after_each_call_with_its_files(self):
+        with Node("--calls", "1", "--on-end", "touch -d 2001-06-01") as node:
+            node.send_call()
+            self.assertEqual(node.exit_code(), 0, node.text())
+            for path in node.folder.iterdir():
+                self.assertEqual(time.gmtime(path.stat().st_mtime).tm_year, 2001, path)
+        with Node("--calls", "1", "--on-end", "false") as node:
+            node.send_call()
+            self.assertEqual(node.exit_code(), 1, node.text())
+            self.assertRegex(node.text(), f"command failed +false after call {UUID}: exit code 1")
+
     def test_terminate_that_never_comes_times_out(self):
         with Node("--calls", "1", "--call-timeout", "0.5") as node:
             node.send(*(golden(name) for name in CALL[:3]))

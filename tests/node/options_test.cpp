@@ -97,6 +97,13 @@ TEST_F(NodeOptionsTest, LimitsAreTaken) {
     EXPECT_EQ(options_.events, "-");
 }
 
+TEST_F(NodeOptionsTest, CommandIsSplitAtBlanks) {
+    parse({"--on-end", "  python3 /opt/a.py  'x", "--on-end-running", "2"});
+    EXPECT_EQ(options_.on_end, (std::vector<std::string>{"python3", "/opt/a.py", "'x"}));
+    EXPECT_EQ(options_.on_end_running, 2u);
+    EXPECT_EQ(refusal_of({"--on-end", " "}), "--on-end: a command needs a name");
+}
+
 TEST_F(NodeOptionsTest, RefusalNamesTheOptionAndTheValue) {
     EXPECT_EQ(refusal_of({"--listen", "nowhere"}),
               "--listen: 'nowhere' is no IPv4 address and port, such as 127.0.0.1:40000");

@@ -1,0 +1,157 @@
+#include "node/report/end_command.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "node/calls/call.h"
+#include "node/report/text.h"
+
+namespace qv::node {
+
+namespace {
+
+constexpr std::chrono::milliseconds LOOK_AGAIN{20};
+
+// What a command finds around it: nothing on its standard input, our standard error as its
+// output (the standard output may carry events), none of our sockets and files, and signals as
+// they usually are.
+class Surroundings {
+  public:
+    Surroundings() {
+        posix_spawn_file_actions_init(&files_);
+        posix_spawn_file_actions_addopen(&files_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_adddup2(&files_, STDERR_FILENO, STDOUT_FILENO);
+        posix_spawn_file_actions_addclosefrom_np(&files_, STDERR_FILENO + 1);
+        posix_spawnattr_init(&attributes_);
+        sigset_t all;
+        sigfillset(&all);
+        posix_spawnattr_setsigdefault(&attributes_, &all);
+        sigset_t none;
+        sigemptyset(&none);
+        posix_spawnattr_setsigmask(&attributes_, &none);
+        posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    }
+    ~Surroundings() {
+        posix_spawn_file_actions_destroy(&files_);
+        posix_spawnattr_destroy(&attributes_);
+    }
+    Surroundings(const Surroundings&) = delete;
+    Surroundings& operator=(const Surroundings&) = delete;
+
+    const posix_spawn_file_actions_t* files() const { return &files_; }
+    const posix_spawnattr_t* attributes() const { return &attributes_; }
+
+  private:
+    posix_spawn_file_actions_t files_{};
+    posix_spawnattr_t attributes_{};
+};
+
+// The strings as a program is given them; valid as long as they are.
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+    std::vector<char*> all;
+    all.reserve(strings.size() + 1);
+    for (std::string& string : strings) {
+        all.push_back(string.data());
+    }
+    all.push_back(nullptr);
+    return all;
+}
+
+std::string exit_text(int status) {
+    return WIFSIGNALED(status) ? "killed by signal " + std::to_string(WTERMSIG(status))
+                               : "exit code " + std::to_string(WEXITSTATUS(status));
+}
+
+}  // namespace
+
+void EndCommand::ended(const Call& call, EndReason reason) {
+    if (waiting_.size() >= options_.most_waiting) {
+        ++counts_.skipped;
+        return;
+    }
+    Run run{options_.words, {}, uuid_text(call.uuid())};
+    for (const FileReport& file : call.files()) {
+        if (file.error.empty()) {
+            run.arguments.push_back(file.path);
+        }
+    }
+    run.environment = {"QUORVANE_CALL_UUID=" + run.call,
+                       "QUORVANE_CALL_KEY=" + key_text(call.call_key()),
+                       std::string("QUORVANE_END_REASON=") + name_of(reason)};
+    if (call.start().has_value()) {
+        // A zero byte would end the variable.
+        run.environment.push_back("QUORVANE_CALL_REFERENCE=" +
+                                  std::string(call.start()->call_reference.c_str()));
+    }
+    waiting_.push_back(std::move(run));
+}
+
+void EndCommand::poll() {
+    reap();
+    while (!waiting_.empty() && running_.size() < options_.most_running) {
+        start(waiting_.front());
+        waiting_.pop_front();
+    }
+}
+
+std::size_t EndCommand::finish(std::chrono::milliseconds patience) {
+    const auto end = std::chrono::steady_clock::now() + patience;
+    poll();
+    while ((!running_.empty() || !waiting_.empty()) && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(LOOK_AGAIN);
+        poll();
+    }
+    return waiting_.size();
+}
+
+void EndCommand::start(const Run& run) {
+    static const Surroundings surroundings;
+    std::vector<std::string> arguments = run.arguments;
+    std::vector<std::string> added = run.environment;
+    std::vector<char*> environment = pointers(added);
+    environment.pop_back();
+    for (char** variable = ::environ; *variable != nullptr; ++variable) {
+        environment.push_back(*variable);
+    }
+    environment.push_back(nullptr);
+    pid_t process = 0;
+    const int error =
+        ::posix_spawnp(&process, arguments[0].c_str(), surroundings.files(),
+                       surroundings.attributes(), pointers(arguments).data(), environment.data());
+    if (error != 0) {
+        fail(run.call, std::generic_category().message(error));
+    } else {
+        running_.push_back({process, run.call});
+    }
+}
+
+void EndCommand::reap() {
+    for (std::size_t i = 0; i < running_.size();) {
+        int status = 0;
+        const pid_t ended = ::waitpid(running_[i].process, &status, WNOHANG);
+        if (ended == 0) {
+            ++i;
+            continue;
+        }
+        if (ended > 0 && status != 0) {
+            fail(running_[i].call, exit_text(status));
+        }
+        running_[i] = running_.back();
+        running_.pop_back();
+    }
+}
+
+void EndCommand::fail(const std::string& call, const std::string& why) {
+    ++counts_.failed;
+    report_(options_.words[0] + " after call " + call + ": " + why);
+}
+
+}  // namespace qv::node
