@@ -1,5 +1,6 @@
 # The libraries that bring no CMake package of their own, where they are installed:
-# quorvane::sndfile, quorvane::fftw, quorvane::speexdsp, quorvane::asio.
+# quorvane::sndfile, quorvane::fftw, quorvane::speexdsp, quorvane::asio,
+# quorvane::pcap.
 
 # Headers are looked for by one of them, HEADER; the library, if there is one, by its name.
 function(quorvane_find_library name header)
@@ -24,6 +25,7 @@ endfunction()
 quorvane_find_library(sndfile sndfile.h sndfile)
 quorvane_find_library(fftw fftw3.h fftw3f)
 quorvane_find_library(speexdsp speex/speex_resampler.h speexdsp)
+quorvane_find_library(pcap pcap/pcap.h pcap)
 quorvane_find_library(asio asio.hpp)
 if(TARGET quorvane::asio)
   target_compile_definitions(quorvane::asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)

@@ -34,20 +34,77 @@ int Application::run() {
             loop_.stop();
         },
         [this] { reload(); });
+    if (capture_.has_value()) {
+        read_capture();
+    } else {
+        listen();
+    }
+    return finish();
+}
+
+void Application::listen() {
     began_ = steady_now();
     outputs_.begin(figures(began_));
     receiver_.start();
     schedule_tick();
     notify("READY=1");
     loop_.run();
-    return finish();
+}
+
+// Takes the datagrams as if they came now: the clock of the calls and of the reports is that of
+// the capture.
+void Application::read_capture() {
+    std::optional<Datagram> datagram = capture_->next();
+    began_ = datagram.has_value() ? datagram->arrival.time : Micros{0};
+    now_ = began_;
+    report_as_of(now_);
+    outputs_.begin(figures(began_));
+    notify("READY=1");
+    for (; datagram.has_value() && !loop_.stopped(); datagram = capture_->next()) {
+        pass_time(datagram->arrival.time);
+        if (enough_calls()) {
+            break;
+        }
+        report_as_of(datagram->arrival.time);
+        intake_->receive(*datagram);
+        loop_.poll();
+    }
+    // What waits for later packets is given up, and calls with a terminate packet end.
+    pass_time(now_ + options_.limits.linger + options_.limits.reorder.wait + 2 * TICK);
+    report_capture();
+}
+
+void Application::pass_time(Micros until) {
+    // Without calls nothing happens, however long it lasts.
+    while (now_ + TICK <= until && calls_->size() != 0) {
+        now_ += TICK;
+        report_as_of(now_);
+        calls_->tick(now_);
+        outputs_.update(figures(now_), now_);
+    }
+    now_ = calls_->size() != 0 ? now_ : until;
+}
+
+void Application::report_capture() {
+    const std::uint64_t unusable = capture_->cut() + capture_->incomplete();
+    outputs_.lines().say(
+        "capture read",
+        counted(capture_->frames(), "frame") + ", " + counted(capture_->taken(), "datagram") +
+            " taken" +
+            (unusable == 0 ? ""
+                           : ", " + grouped(capture_->cut()) + " cut short, " +
+                                 grouped(capture_->incomplete()) + " with fragments missing"));
+    if (!capture_->error().empty()) {
+        outputs_.lines().say("capture damaged", options_.read + ": " + capture_->error());
+        waited_in_vain_ = true;
+    }
 }
 
 // Returns what keeps the program from starting, or nothing.
 std::string Application::open() {
     std::string error = outputs_.open_folder();
     if (error.empty()) {
-        error = open_socket();
+        error = options_.read.empty() ? open_socket() : open_capture();
     }
     if (error.empty()) {
         error = outputs_.open_reports();
@@ -68,6 +125,12 @@ std::string Application::open_socket() {
     address.sin_port = htons(receiver_.port());
     address_ = address_text(address);
     return {};
+}
+
+std::string Application::open_capture() {
+    capture_.emplace(options_.listen_given ? std::optional(options_.listen) : std::nullopt);
+    const std::string error = capture_->open(options_.read);
+    return error.empty() ? error : "cannot read capture " + options_.read + ": " + error;
 }
 
 void Application::open_calls() {
@@ -118,7 +181,7 @@ NodeFigures Application::figures(Micros now) {
     figures.malformed = intake_->malformed();
     figures.not_allowed = intake_->not_allowed();
     figures.latest_not_allowed = intake_->latest_not_allowed();
-    figures.received = receiver_.received();
+    figures.received = capture_.has_value() ? capture_->taken() : receiver_.received();
     figures.overflowed = receiver_.overflowed();
     figures.calls = calls_->size();
     figures.receive_buffer = receiver_.granted_buffer();
@@ -143,9 +206,11 @@ void Application::notify(const std::string& state) {
 
 int Application::finish() {
     notify("STOPPING=1");
-    receiver_.drain_and_stop();
+    if (!capture_.has_value()) {
+        receiver_.drain_and_stop();
+    }
     calls_->shut_down();
-    outputs_.finish(figures(steady_now()));
+    outputs_.finish(figures(capture_.has_value() ? now_ : steady_now()));
     return outputs_.failed() || waited_in_vain_ ? EXIT_TROUBLE : EXIT_FINE;
 }
 

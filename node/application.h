@@ -4,10 +4,12 @@
 
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
+#include <optional>
 #include <ostream>
 #include <string>
 
 #include "node/calls/call_table.h"
+#include "node/ingest/capture.h"
 #include "node/ingest/intake.h"
 #include "node/ingest/receiver.h"
 #include "node/options.h"
@@ -31,6 +33,11 @@ class Application {
     void notify(const std::string& state);
     void reload();
     void open_calls();
+    std::string open_capture();
+    void listen();
+    void read_capture();
+    void pass_time(Micros until);
+    void report_capture();
     void schedule_tick();
     void tick();
     bool idle_too_long(Micros now) const;
@@ -46,9 +53,11 @@ class Application {
     std::unique_ptr<CallTable> calls_;
     std::unique_ptr<Intake> intake_;
     Receiver receiver_;
+    std::optional<Capture> capture_;  // That is read in place of listening.
+    Micros now_{0};                   // Of the capture, as far as the calls know.
     std::string address_;
     Micros began_{0};
-    bool waited_in_vain_ = false;  // For calls that never came.
+    bool waited_in_vain_ = false;  // For calls that never came, or a capture's end.
 };
 
 }  // namespace qv::node

@@ -45,6 +45,10 @@ void add_output_options(CLI::App& app, Options& options) {
         ->check(tools::check_address)
         ->type_name("ADDRESS:PORT")
         ->capture_default_str();
+    app.add_option("-r,--read", options.read,
+                   "Read a network capture, pcap or pcapng, in place of listening; - reads the "
+                   "standard input; with --listen takes only datagrams to that address and port")
+        ->type_name("FILE");
     app.add_option("-o,--output", options.folder, "Folder of the WAV files, made if it is missing")
         ->check([](const std::string& text) {
             return text.empty() ? "a folder needs a name" : std::string();
@@ -209,6 +213,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_FINE : EXIT_USAGE;
     }
+    options.listen_given = app.count("--listen") != 0;
     options.listen = tools::parse_address(options.listen_text).value();  // It has been checked.
     return std::nullopt;
 }

@@ -23,6 +23,8 @@ struct Options {
     std::string listen_text = "127.0.0.1:40000";
     sockaddr_in listen{};
     std::vector<Network> allowed;  // Senders; empty: all of them.
+    bool listen_given = false;
+    std::string read;  // A capture to read in place of listening; "-" for the standard input.
     std::string folder = ".";
     bool overwrite = false;
     bool quiet = false;

@@ -39,7 +39,8 @@ std::string buffer_text(std::uint64_t granted, std::uint64_t wanted) {
 
 Outputs::Outputs(const Options& options, std::ostream& out, std::ostream& errors)
     : options_(options),
-      live_(options.live && !events_to_stdout(options) && Terminal::present()),
+      live_(options.live && options.read.empty() && !events_to_stdout(options) &&
+            Terminal::present()),
       terminal_(out),
       lines_(events_to_stdout(options) ? errors : out),
       folder_(options.folder, open_files(options), options.overwrite) {}
@@ -160,14 +161,18 @@ FileReport Outputs::save_timeline(const std::string& name, const std::string& sv
 void Outputs::begin(const NodeFigures& figures) {
     const auto granted = static_cast<std::uint64_t>(figures.receive_buffer);
     const auto wanted = static_cast<std::uint64_t>(options_.receive_buffer_mib) * 1024 * 1024;
-    lines_.say("listening on " + figures.address,
-               "writing to " + options_.folder + ", " + buffer_text(granted, wanted));
+    if (options_.read.empty()) {
+        lines_.say("listening on " + figures.address,
+                   "writing to " + options_.folder + ", " + buffer_text(granted, wanted));
+        notices_->listening(figures.address);
+    } else {
+        lines_.say("reading " + options_.read, "writing to " + options_.folder);
+    }
     if (metrics_ != nullptr) {
         sockaddr_in address = *options_.metrics;
         address.sin_port = htons(metrics_->port());
         lines_.say("metrics", "http://" + tools::address_text(address) + "/metrics");
     }
-    notices_->listening(figures.address);
     notices_->left_behind(leftovers_);
     flush_events();
     lines_.flush();

@@ -57,6 +57,20 @@ std::string shown_text(std::string_view bytes, char32_t code) {
     return out;
 }
 
+// Nothing for the system's.
+thread_local std::optional<Micros> reported_time;
+
+timespec wall_clock() {
+    timespec now{};
+    if (reported_time.has_value()) {
+        now.tv_sec = reported_time->count() / 1'000'000;
+        now.tv_nsec = reported_time->count() % 1'000'000 * 1000;
+    } else {
+        clock_gettime(CLOCK_REALTIME, &now);
+    }
+    return now;
+}
+
 }  // namespace
 
 std::string key_text(std::uint64_t call_key) {
@@ -98,9 +112,12 @@ std::string features_text(media::features16_t features) {
     return out.empty() ? "no features" : out;
 }
 
+void report_as_of(std::optional<Micros> time) {
+    reported_time = time;
+}
+
 std::string utc_time() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
+    const timespec now = wall_clock();
     tm utc{};
     gmtime_r(&now.tv_sec, &utc);
     return tools::format("%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900, utc.tm_mon + 1,
@@ -108,8 +125,7 @@ std::string utc_time() {
 }
 
 std::string time_of_day() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
+    const timespec now = wall_clock();
     tm local{};
     localtime_r(&now.tv_sec, &local);
     return tools::format("%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min, local.tm_sec,

@@ -1,7 +1,8 @@
-// Words for what the receiver reports, beside those of tools/text.h. No state; any thread may
-// call.
+// Words for what the receiver reports, beside those of tools/text.h. No state but the time of
+// report_as_of(), which each thread has of its own; any thread may call.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -32,6 +33,10 @@ std::string quoted_text(std::string_view text, std::size_t columns = 200);
 
 // "audio activity on originator, off terminator; recording on both", or "no features".
 std::string features_text(media::features16_t features);
+
+// From now on it is this time, since 1970, for the two functions below: while a capture is read,
+// the time of its packets. Without a time it is the system's again.
+void report_as_of(std::optional<Micros> time);
 
 // "2026-01-31T23:59:59.123456Z", of now.
 std::string utc_time();

@@ -349,6 +349,128 @@ def killed_run(moment):
     return heard
 
 
+def ipv4(payload, number=1, offset=0, more=False):
+    place = offset // 8 | (0x2000 if more else 0)
+    return struct.pack(">BBHHHBBH4s4s", 0x45, 0, 20 + len(payload), number, place, 64, 17, 0,
+                       bytes([192, 0, 2, 1]), bytes([192, 0, 2, 2])) + payload
+
+
+def udp(datagram, port=40000):
+    return struct.pack(">HHHH", 5000, port, 8 + len(datagram), 0) + datagram
+
+
+ETHERNET = bytes(12) + b"\x08\x00"
+QINQ = bytes(12) + b"\x88\xa8\x00\x05\x81\x00\x00\x06\x08\x00"
+COOKED_1 = b"\0\0\0\1\0\6" + bytes(8) + b"\x08\x00"
+COOKED_2 = b"\x08\x00" + bytes(18)
+
+
+def pcap(link, frames, first=1_700_000_000, step=0.02):
+    file = struct.pack("<IHHiIII", 0xa1b2c3d4, 2, 4, 0, 0, 65535, link)
+    for number, frame in enumerate(frames):
+        micros = round((first + number * step) * 1e6)
+        file += struct.pack("<IIII", *divmod(micros, 1_000_000), len(frame), len(frame)) + frame
+    return file
+
+
+def pcapng(link, frames, first=1_700_000_000):
+    def block(kind, body):
+        body += bytes(-len(body) % 4)
+        return struct.pack("<II", kind, 12 + len(body)) + body + struct.pack("<I", 12 + len(body))
+
+    file = block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1))
+    file += block(1, struct.pack("<HHI", link, 0, 65535))
+    for frame in frames:
+        micros = first * 1_000_000
+        file += block(6, struct.pack("<IIIII", 0, micros >> 32, micros & 0xFFFFFFFF, len(frame),
+                                     len(frame)) + frame)
+    return file
+
+
+class ReadsCaptures(unittest.TestCase):
+    def read(self, capture, *options, code=0):
+        home = tempfile.TemporaryDirectory(prefix="quorvane-node-")
+        self.addCleanup(home.cleanup)
+        done = subprocess.run([NODE, "--read", "-", "--output", home.name, "--events", "-",
+                               *options], input=capture, capture_output=True, timeout=20)
+        self.assertEqual(done.returncode, code, done.stderr.decode())
+        self.said = done.stderr.decode()
+        return pathlib.Path(home.name), [json.loads(x) for x in done.stdout.splitlines()]
+
+    def check_golden_call(self, folder):
+        wave_one = [0, 100, 200, 100, 0, -100, -200, -100]
+        self.assertEqual(samples(folder / f"{UUID}-originator.wav"), 2 * wave_one)
+        self.assertEqual(samples(folder / f"{UUID}-terminator.wav"), 8 * [0] + 4 * [1000, -1000])
+
+    def test_each_link_layer_gives_the_files_of_the_live_call(self):
+        packets = [ipv4(udp(golden(name))) for name in CALL]
+        for link, head in ((1, ETHERNET), (1, QINQ), (113, COOKED_1), (276, COOKED_2), (101, b""),
+                           (0, struct.pack("<I", 2)), (108, struct.pack(">I", 2))):
+            with self.subTest(link=link, head=head):
+                folder, events = self.read(pcap(link, [head + packet for packet in packets]))
+                self.check_golden_call(folder)
+                self.assertEqual([event["event"] for event in events],
+                                 ["start", "control", "terminate", "end"])
+                self.assertEqual(events[-1]["reason"], "terminated")
+
+    def test_pcapng_is_read(self):
+        folder, _ = self.read(pcapng(1, [ETHERNET + ipv4(udp(golden(name))) for name in CALL]))
+        self.check_golden_call(folder)
+
+    def test_times_are_those_of_the_capture(self):
+        _, events = self.read(pcap(1, [ETHERNET + ipv4(udp(golden(name))) for name in CALL]))
+        self.assertEqual(events[0]["time"], "2023-11-14T22:13:20.000000Z")
+        self.assertEqual(events[2]["time"], "2023-11-14T22:13:20.120000Z")
+
+    def test_fragments_are_put_together_in_any_order(self):
+        frames = []
+        for number, name in enumerate(CALL):
+            whole = udp(golden(name))
+            cuts = [(0, whole[:24], True), (24, whole[24:48], True), (48, whole[48:], False)]
+            cuts = [cut for cut in cuts if cut[1]]
+            for offset, piece, more in reversed(cuts):
+                frames.append(ETHERNET + ipv4(piece, number, offset,
+                                              more and offset + 24 < len(whole)))
+        folder, _ = self.read(pcap(1, frames, step=0.001))
+        self.check_golden_call(folder)
+
+    def test_missing_fragments_and_cut_frames_are_reported(self):
+        frames = [ETHERNET + ipv4(udp(golden(name))) for name in CALL]
+        frames.append(ETHERNET + ipv4(udp(golden(CALL[1]))[:24], 77, 0, True))
+        frames.append((ETHERNET + ipv4(udp(golden(CALL[1]))))[:60])
+        folder, _ = self.read(pcap(1, frames))
+        self.check_golden_call(folder)
+        self.assertIn("9 frames, 7 datagrams taken, 1 cut short, 1 with fragments missing",
+                      self.said)
+
+    def test_call_that_times_out_in_the_capture_ends_there(self):
+        frames = [ETHERNET + ipv4(udp(golden(name))) for name in CALL[:2]]
+        _, events = self.read(pcap(1, frames + frames[:1], step=500))
+        self.assertEqual([event["reason"] for event in events if event["event"] == "end"],
+                         ["timed_out", "timed_out", "shutdown"])
+
+    def test_other_traffic_is_left_out(self):
+        frames = [ETHERNET + ipv4(udp(b"something else")), b"", bytes(60), ETHERNET + b"\x45"]
+        frames += [ETHERNET + ipv4(udp(golden(name), 5000)) for name in CALL]
+        folder, _ = self.read(pcap(1, frames))
+        self.check_golden_call(folder)
+        folder, events = self.read(pcap(1, frames), "--listen", "0.0.0.0:40000")
+        self.assertEqual([event["event"] for event in events], ["malformed"])
+        self.assertEqual(list(folder.iterdir()), [])
+
+    def test_damaged_capture_is_used_up_to_the_damage(self):
+        whole = pcap(1, [ETHERNET + ipv4(udp(golden(name))) for name in CALL])
+        folder, _ = self.read(whole + b"\1\2\3", code=1)
+        self.check_golden_call(folder)
+        self.assertRegex(self.said, "capture damaged +-: ")
+
+    def test_what_is_no_capture_is_refused(self):
+        self.read(b"no capture, but long enough for its header", code=3)
+        self.assertRegex(self.said, "quorvane-node: cannot read capture -: ")
+        self.read(pcap(105, []), code=3)
+        self.assertIn("link type IEEE802_11 is not understood", self.said)
+
+
 class NodeEndToEnd(unittest.TestCase):
     def test_golden_call_becomes_two_files(self):
         with Node("--calls", "1") as node:

@@ -131,7 +131,10 @@ TEST_F(NodeOptionsTest, MetricsMayBeServedOnAnyAddress) {
 
 // In both programs it stands for --read.
 TEST_F(NodeOptionsTest, LetterRIsNotTheSampleRate) {
-    EXPECT_EQ(parse({"-r", "48000"}), EXIT_USAGE);
+    EXPECT_EQ(parse({"-r", "trunk.pcap"}), std::nullopt);
+    EXPECT_EQ(options_.read, "trunk.pcap");
+    EXPECT_EQ(options_.limits.sample_rate, 0);
+    EXPECT_FALSE(options_.listen_given);
     EXPECT_EQ(parse({"--sample-rate", "48000"}), std::nullopt);
     EXPECT_EQ(options_.limits.sample_rate, 48000);
 }
