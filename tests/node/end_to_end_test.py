@@ -948,6 +948,7 @@ class NodeEndToEnd(unittest.TestCase):
                 flood.send(mixed(calls, noise))
             bystander.end()
             sent = flood.sent + bystander.sent
+            time.sleep(2)  # By then every terminate packet in doubt is believed or refused.
             seen = counters_after(url, sent)
             memory_kib = int(re.search(r"VmHWM:\s+(\d+)", pathlib.Path(
                 f"/proc/{node.process.pid}/status").read_text()).group(1))

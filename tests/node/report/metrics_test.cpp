@@ -47,8 +47,16 @@ std::string scrape(std::uint16_t port) {
 class MetricsTest : public testing::Test {
   protected:
     void update() {
-        metrics_.update({totals_, malformed_, received_, overflowed_, calls_, open_files_,
-                         receive_buffer_, calls_not_written_, "", Micros{0}});
+        NodeFigures figures;
+        figures.totals = totals_;
+        figures.malformed = malformed_;
+        figures.received = received_;
+        figures.overflowed = overflowed_;
+        figures.calls = calls_;
+        figures.open_files = open_files_;
+        figures.receive_buffer = receive_buffer_;
+        figures.calls_not_written = calls_not_written_;
+        metrics_.update(figures);
     }
     // In what the server told last, or tells now.
     bool shows(const std::string& line) {
