@@ -148,7 +148,7 @@ void CallSide::note_newest(const media::Packet& packet) {
 std::uint64_t CallSide::position_at(std::int64_t send_time) const {
     // What is held, or missing before it.
     const std::uint32_t ahead = newest_end_ - buffer_.expected_offset();
-    const std::uint64_t end = position() + (ahead < HALF_RANGE ? ahead : 0);
+    const std::uint64_t end = buffer_.position() + (ahead < HALF_RANGE ? ahead : 0);
     if (send_time >= newest_send_time_) {
         return end;
     }

@@ -332,6 +332,14 @@ TEST_F(CallSideTest, PositionCountsPacketsThatAreHeld) {
     EXPECT_EQ(side().position_at(60'000'000), 480u);
 }
 
+TEST_F(CallSideTest, PositionCountsAudioThatWaitsUntilAPauseIsCertain) {
+    talk(1, 2);
+    held_up_ = 1'000'000;
+    data(3);
+    EXPECT_EQ(side().position(), 320u);
+    EXPECT_EQ(side().position_at(60'000'000), 480u);
+}
+
 TEST_F(CallSideTest, PositionAtAnEarlierTimeIsEarlier) {
     talk(1, 3);  // The last one is sent at 50.060 s.
     EXPECT_EQ(side().position_at(50'040'000), 320u);
