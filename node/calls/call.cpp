@@ -1,5 +1,6 @@
 #include "node/calls/call.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "tools/address.h"
@@ -13,6 +14,8 @@ namespace {
 constexpr Micros STRAGGLING{300'000};
 // A call of which nothing comes for so long after a doubted terminate packet has ended.
 constexpr Micros QUIET{1'000'000};
+// For what outputs still work on at the end of a call.
+constexpr Micros LONGEST_WORK{2'000'000};
 
 StartFields start_fields(const media::Packet& packet) {
     StartFields start;
@@ -98,6 +101,7 @@ std::optional<Drop> Call::on_start(const media::Packet& packet) {
         features_ = packet.features;
     }
     for_each_listener([&](CallListener& listener) { listener.started(*this, packet); });
+    run_features(packet.send_time);
     return std::nullopt;
 }
 
@@ -124,7 +128,14 @@ std::optional<Drop> Call::on_control(const media::Packet& packet, Micros now) {
     control_time_ = credible(packet.send_time, now);
     media::merge_features(features_, packet.features);
     for_each_listener([&](CallListener& listener) { listener.features_changed(*this, packet); });
+    run_features(packet.send_time);
     return std::nullopt;
+}
+
+void Call::run_features(std::int64_t send_time) {
+    for (const Side which : BOTH_SIDES) {
+        mutable_side(which).run_from(send_time, running_of(features_, which, limits_.services));
+    }
 }
 
 std::optional<Drop> Call::on_terminate(const media::Packet& packet, Micros now) {
@@ -175,10 +186,44 @@ void Call::tick(Micros now) {
     for (CallSide& side : sides_) {
         side.give_up_waiting(now);
     }
+    if (reason_to_end(now).has_value()) {
+        wrap_up(now);
+    } else {
+        wrapped_up_.reset();
+    }
     for_each_listener([&](CallListener& listener) { listener.tick(*this, now); });
 }
 
+void Call::wrap_up(Micros now) {
+    if (wrapped_up_.has_value()) {
+        return;
+    }
+    wrapped_up_ = now;
+    for (CallSide& side : sides_) {
+        side.finish();
+    }
+    for (CallSide& side : sides_) {
+        if (side.begun()) {
+            side.decide_rate();
+        }
+    }
+    for_each_listener([&](CallListener& listener) { listener.wrapping_up(*this); });
+}
+
+bool Call::working() const {
+    return std::any_of(listeners_.begin(), listeners_.end(),
+                       [this](const CallListener* listener) { return listener->working(*this); });
+}
+
 std::optional<EndReason> Call::due(Micros now) const {
+    const std::optional<EndReason> reason = reason_to_end(now);
+    if (reason.has_value() && working() && now - wrapped_up_.value_or(now) < LONGEST_WORK) {
+        return std::nullopt;
+    }
+    return reason;
+}
+
+std::optional<EndReason> Call::reason_to_end(Micros now) const {
     if (ends_at_.has_value() && now >= *ends_at_) {
         return EndReason::TERMINATED;
     }
@@ -192,16 +237,10 @@ std::optional<EndReason> Call::due(Micros now) const {
 }
 
 void Call::end(EndReason reason) {
-    for (CallSide& side : sides_) {
-        side.finish();
-    }
+    wrapped_up_.reset();  // Packets may have come since.
+    wrap_up(last_seen_);
     if (doubted_end_.has_value()) {
         refuse_terminate(doubted_terminate());
-    }
-    for (CallSide& side : sides_) {
-        if (side.begun()) {
-            side.decide_rate();
-        }
     }
     for_each_listener([&](CallListener& listener) { listener.ended(*this, reason); });
 }
@@ -214,6 +253,18 @@ void Call::continue_from(const SidePlaces& places) {
 
 SidePlaces Call::places() const {
     return {side(Side::ORIGINATOR).place(), side(Side::TERMINATOR).place()};
+}
+
+void Call::report_activity(Side side, const Activity& activity) {
+    for_each_listener([&](CallListener& listener) { listener.activity(*this, side, activity); });
+}
+
+void Call::report_sample(Side side, const FoundSample& sample) {
+    for_each_listener([&](CallListener& listener) { listener.sample_found(*this, side, sample); });
+}
+
+void Call::report_skipped(Side side, std::uint64_t samples) {
+    for_each_listener([&](CallListener& listener) { listener.skipped(*this, side, samples); });
 }
 
 void Call::report_failed_file(const FileReport& file) {

@@ -59,7 +59,8 @@ class Call {
     bool is_replaced_by(const media::Packet& packet, const Arrival& arrival) const;
     // To be called some times a second: gives up what has been waited for too long.
     void tick(Micros now);
-    // Why the call is to be ended now, if it is.
+    // Why the call is to be ended now, if it is. What outputs still work on delays that, for
+    // two seconds at most.
     std::optional<EndReason> due(Micros now) const;
     // Delivers what is held and reports the end.
     void end(EndReason reason);
@@ -73,6 +74,10 @@ class Call {
     void set_file_stem(std::string stem) { file_stem_ = std::move(stem); }
     // Adds a file of the call's audio to those that reports name at its end.
     void add_file(FileReport file) { files_.push_back(std::move(file)); }
+    // Pass on what an analysis noticed; see call_listener.h.
+    void report_activity(Side side, const Activity& activity);
+    void report_sample(Side side, const FoundSample& sample);
+    void report_skipped(Side side, std::uint64_t samples);
     // Passes on that a file of the call could not be written.
     void report_failed_file(const FileReport& file);
     // The side's sample rate in Hz; decides on one from what is known, if none has been found.
@@ -143,6 +148,11 @@ class Call {
     // its audio after `samples` was sent at `send_time`.
     std::int64_t axis_begin(Side which, std::int64_t send_time, std::uint64_t samples);
 
+    void run_features(std::int64_t send_time);
+    std::optional<EndReason> reason_to_end(Micros now) const;
+    void wrap_up(Micros now);
+    bool working() const;
+
     std::optional<Drop> on_start(const media::Packet& packet);
     std::optional<Drop> on_control(const media::Packet& packet, Micros now);
     std::optional<Drop> on_terminate(const media::Packet& packet, Micros now);
@@ -168,6 +178,7 @@ class Call {
     std::uint64_t foreign_packets_ = 0;
     SenderClock clock_;
     std::optional<Micros> ends_at_;
+    std::optional<Micros> wrapped_up_;  // When; nothing while the call goes on.
     std::int64_t terminate_time_ = 0;
     std::optional<DoubtedEnd> doubted_end_;
     bool ended_in_doubt_ = false;

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "node/calls/reorder_buffer.h"
+#include "node/calls/running.h"
 #include "node/calls/types.h"
 
 namespace qv::node {
@@ -18,6 +19,7 @@ struct CallLimits {
     bool any_source = false;        // A call's packets may come from any address.
     int sample_rate = 0;            // Hz; 0: found from the packets.
     double max_silence_s = 120;     // For one gap.
+    Services services;              // What is done when a call asks for it.
     ReorderBuffer::Limits reorder;  // Its gap_samples follows from max_silence_s.
 
     // The longest silence for one gap, in samples; 0 Hz is a rate that is not known.

@@ -12,9 +12,15 @@
 // Neither the call table nor Call changes.
 //
 // Order of a call: begin_call; then started (if the start packet comes), features_changed,
-// terminated, and for each side side_begun, rate_decided, and data, pause, gap, audio and
-// late as packets come; last ended. rate_decided comes once for each side of which a packet
-// came, at the latest before ended; until then the side's sample_rate() is 0.
+// terminated, and for each side side_begun, rate_decided, and data, pause, gap, audio,
+// running_changed and late as packets come; wrapping_up; last ended. rate_decided comes once
+// for each side of which a packet came, at the latest before ended; until then the side's
+// sample_rate() is 0.
+//
+// activity, sample_found and skipped are what an analysis reports of a side (Call::report_...).
+// They come at any time between the side's first audio and ended, each later than the audio
+// that it is about. Those of one side come in the order in which they were noticed: the
+// position of a sample may lie before that of an activity reported earlier.
 //
 // Positions are in samples of their side, counted from its beginning: audio and the silence
 // of gaps, without pauses.
@@ -68,6 +74,22 @@ struct Audio {
     std::int64_t send_time;  // Of the packet that brought it.
 };
 
+// Sound of a side that began or ended.
+struct Activity {
+    bool active;
+    std::uint64_t position;  // First sample that is active, or no more so.
+    std::uint64_t noticed;   // Position up to which the side had been heard.
+};
+
+// A reference that was recognised.
+struct FoundSample {
+    std::string name;
+    // Where the reference begins in the side. Below 0 where the side began in its midst.
+    std::int64_t position;
+    std::uint64_t noticed;  // As above.
+    double score;           // 0 to 1.
+};
+
 // What became of a file.
 struct FileReport {
     std::string path;
@@ -108,6 +130,15 @@ class CallListener {
     virtual void gap(const Call&, Side, const Gap&) {}
     // The sender had been silent; comes before the audio that ends the pause.
     virtual void pause(const Call&, Side, const Pause&) {}
+    // What is done with the side's audio from `position` on has changed: CallSide::running().
+    // Comes between the audio before that position and the audio after it.
+    virtual void running_changed(const Call&, Side, std::uint64_t /*position*/) {}
+    // An analysis noticed that activity began or ended.
+    virtual void activity(const Call&, Side, const Activity&) {}
+    // An analysis recognised a reference.
+    virtual void sample_found(const Call&, Side, const FoundSample&) {}
+    // Samples that an analysis could not keep up with, and left out.
+    virtual void skipped(const Call&, Side, std::uint64_t /*samples*/) {}
     // A data packet came after its place had been given up.
     virtual void late(const Call&, Side, const media::Packet&) {}
 
@@ -115,6 +146,13 @@ class CallListener {
     virtual void file_failed(const Call&, const FileReport&) {}
     // Some times a second, whether packets come or not.
     virtual void tick(const Call&, Micros) {}
+    // The call is about to end: all its audio has come. May be followed by more packets, and
+    // come again, when the call was given up for lack of packets and goes on after all.
+    virtual void wrapping_up(const Call&) {}
+    // Something that the output will still report of the call is being worked on. The end waits
+    // for that after wrapping_up, for a while; not when the receiver ends or the call starts
+    // anew.
+    virtual bool working(const Call&) const { return false; }
     // The call is over. Nothing comes after it but file_failed, of a later output's files.
     virtual void ended(const Call&, EndReason) {}
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 
 #include "node/calls/call.h"
 
@@ -41,6 +42,7 @@ CallSide::CallSide(Call& call, Side which, const CallLimits& limits)
       which_(which),
       limits_(limits),
       buffer_(reorder_limits(limits)),
+      running_(running_of({}, which, limits.services)),
       sample_rate_(limits.sample_rate) {}
 
 std::optional<Drop> CallSide::receive(const media::Packet& packet, Micros now) {
@@ -233,6 +235,33 @@ void CallSide::audio(const std::int16_t* samples, std::size_t count, std::int64_
     }
 }
 
+void CallSide::run_from(std::int64_t send_time, Running running) {
+    std::uint64_t from = position_at(send_time);
+    if (!changes_.empty()) {
+        from = std::max(from, changes_.back().position);
+    }
+    if (changes_.size() == MOST_CHANGES) {
+        changes_.back().running = running;
+    } else {
+        changes_.push_back({from, running});
+    }
+    change_at(position());
+}
+
+// Makes the changes that are due at that position; returns where the next one is due.
+std::uint64_t CallSide::change_at(std::uint64_t position) {
+    while (!changes_.empty() && changes_.front().position <= position) {
+        const Running running = changes_.front().running;
+        changes_.erase(changes_.begin());
+        if (running != running_) {
+            running_ = running;
+            call_.for_each_listener(
+                [&](CallListener& listener) { listener.running_changed(call_, which_, position); });
+        }
+    }
+    return changes_.empty() ? std::numeric_limits<std::uint64_t>::max() : changes_.front().position;
+}
+
 void CallSide::gap(const Gap& gap) {
     waiting_samples_ += gap.filled_samples;
     if (waiting_.empty()) {
@@ -243,11 +272,19 @@ void CallSide::gap(const Gap& gap) {
 }
 
 void CallSide::pass_on(const std::int16_t* samples, std::size_t count, std::int64_t send_time) {
-    const Audio audio{samples, count, position(), send_time};
-    waiting_samples_ -= count;
-    pauses_.advance(count);
-    level_.add(samples, count);
-    call_.for_each_listener([&](CallListener& listener) { listener.audio(call_, which_, audio); });
+    do {
+        const std::uint64_t begin = position();
+        const std::uint64_t until = change_at(begin) - begin;
+        const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(until, count));
+        const Audio audio{samples, part, begin, send_time};
+        waiting_samples_ -= part;
+        pauses_.advance(part);
+        level_.add(samples, part);
+        call_.for_each_listener(
+            [&](CallListener& listener) { listener.audio(call_, which_, audio); });
+        samples += part;
+        count -= part;
+    } while (count > 0);
 }
 
 void CallSide::pass_on(const Gap& gap) {

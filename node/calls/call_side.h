@@ -43,6 +43,9 @@ class CallSide : private OrderedOutput {
     void finish();
     // Decides on a sample rate from what is known, if none has been found.
     void decide_rate();
+    // From the sample sent at that time on, this is done with the audio; at once where that
+    // sample has been passed on already. To be called in the order of the times.
+    void run_from(std::int64_t send_time, Running running);
     // The side goes on from that place, which an earlier call has left; before any packet.
     void continue_from(const std::optional<SidePlace>& place) { left_at_ = place; }
     // Where a later call goes on; nothing when no packet ever came.
@@ -66,6 +69,8 @@ class CallSide : private OrderedOutput {
     // The position of the sample that was due at that send time: the next one for a time after
     // all packets that came, even if they are still held.
     std::uint64_t position_at(std::int64_t send_time) const;
+    // What is done with the audio that comes next, or that is being passed on.
+    Running running() const { return running_; }
     std::uint64_t pauses() const { return pauses_.pauses(); }
     const ReorderBuffer::Stats& stats() const { return buffer_.stats(); }
     const LevelMeter& level() const { return level_; }
@@ -80,6 +85,13 @@ class CallSide : private OrderedOutput {
     }
 
   private:
+    // A change of what is done, at a position that audio has not come to.
+    struct Change {
+        std::uint64_t position;
+        Running running;
+    };
+    static constexpr std::size_t MOST_CHANGES = 64;  // That wait; forged ones must not pile up.
+
     void audio(const std::int16_t* samples, std::size_t count, std::int64_t send_time) override;
     void gap(const Gap& gap) override;
 
@@ -107,6 +119,7 @@ class CallSide : private OrderedOutput {
     void add_pause(double lag_s, double longest_s);
     int pause_rate() const;
     double longest_pause(int rate) const;
+    std::uint64_t change_at(std::uint64_t position);
 
     Call& call_;
     const Side which_;
@@ -115,6 +128,8 @@ class CallSide : private OrderedOutput {
     RateEstimator estimator_;
     PauseFinder pauses_;
     LevelMeter level_;
+    Running running_;
+    std::vector<Change> changes_;  // By position.
     std::optional<std::uint8_t> leg_;
     std::optional<SidePlace> left_at_;  // By an earlier call, which this one continues.
     int sample_rate_ = 0;

@@ -37,6 +37,10 @@ class SideDiary : public CallListener {
     void pause(const Call&, Side, const Pause& pause) override {
         add("pause" + std::to_string(pause.samples) + '@' + std::to_string(pause.position));
     }
+    void running_changed(const Call& call, Side which, std::uint64_t position) override {
+        const bool on = call.side(which).running().activity;
+        add((on ? "on@" : "off@") + std::to_string(position));
+    }
     void late(const Call&, Side, const Packet& packet) override {
         add("late" + std::to_string(packet.sequence_number));
     }
@@ -84,6 +88,15 @@ class CallSideTest : public testing::Test {
         for (std::uint32_t number = first; number <= last; ++number) {
             data(number);
         }
+    }
+    // Has the audio of the originator analysed for activity, or no more so.
+    void switch_activity(bool on, std::int64_t send_time) {
+        Packet made;
+        made.type = PacketType::CONTROL;
+        made.call_key = 7;
+        made.send_time = send_time;
+        made.features = {0x04, static_cast<std::uint8_t>(on ? 0x04 : 0)};
+        receive(made);
     }
     void pass(Micros time) {
         now_ += time;
@@ -312,6 +325,43 @@ TEST_F(CallSideTest, ReceiverThatJoinsLateBeginsWithTheFirstPacket) {
     pass(200ms);
     EXPECT_EQ(diary_.take(), "originator@0 rate8000 audio160@0 audio160@160");
     EXPECT_EQ(side().joined_at(), 159'999'840u);
+}
+
+TEST_F(CallSideTest, AudioIsSplitWhereAFeatureIsSwitched) {
+    limits_.services.activity = true;
+    restart(8000);
+    data(1);
+    data(3);  // Sent at 50.060 s; it is held.
+    diary_.take();
+    switch_activity(true, 50'045'000);
+    switch_activity(false, 50'050'000);
+    EXPECT_EQ(diary_.take(), "");
+    data(2);
+    EXPECT_EQ(diary_.take(), "audio160@160 audio40@320 on@360 audio40@360 off@400 audio80@400");
+    EXPECT_EQ(side().position(), 480u);
+    EXPECT_EQ(side().position_with_pauses(), 480u);
+}
+
+TEST_F(CallSideTest, FeatureIsSwitchedAtOnceWhenAllAudioBeforeHasBeenPassedOn) {
+    limits_.services.activity = true;
+    restart(8000);
+    talk(1, 2);
+    diary_.take();
+    switch_activity(true, 50'045'000);
+    EXPECT_EQ(diary_.take(), "on@320");
+}
+
+TEST_F(CallSideTest, FeatureIsSwitchedBehindTheAudioThatWaitsUntilAPauseIsCertain) {
+    limits_.services.activity = true;
+    restart(8000);
+    talk(1, 2);
+    diary_.take();
+    held_up_ = 1'000'000;
+    data(3);
+    switch_activity(true, 51'065'000);
+    EXPECT_EQ(diary_.take(), "");
+    talk(4, 13);
+    EXPECT_EQ(diary_.take().substr(0, 46), "pause8000@320 audio160@320 on@480 audio160@480");
 }
 
 TEST_F(CallSideTest, LevelIsThatOfTheAudio) {
