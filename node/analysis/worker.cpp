@@ -1,0 +1,235 @@
+#include "node/analysis/worker.h"
+
+#include <utility>
+
+namespace qv::node::analysis {
+
+namespace {
+
+constexpr std::size_t MOST_SPARE = 4;
+
+}  // namespace
+
+// The detectors of one side; writes down what they notice.
+class Worker::Detectors : private ActivityOutput, private SampleOutput {
+  public:
+    Detectors(std::uint64_t side, int sample_rate, const ActivityOptions& options,
+              std::vector<Noticed>& noticed)
+        : side_(side), sample_rate_(sample_rate), options_(options), noticed_(noticed) {}
+
+    int sample_rate() const { return sample_rate_; }
+
+    void run(Wanted wanted, const std::shared_ptr<const SampleIndex>& index,
+             std::uint64_t position) {
+        run_activity(wanted.activity, position);
+        run_detection(wanted.detection, index, position);
+    }
+
+    void add(const std::int16_t* samples, std::size_t count) {
+        if (activity_ != nullptr) {
+            activity_->add(samples, count, *this);
+        }
+        if (detection_ != nullptr) {
+            detection_->add(samples, count, *this);
+        }
+    }
+
+    // Reports the end of activity that goes on.
+    void finish() {
+        if (activity_ != nullptr) {
+            activity_->finish(*this);
+            activity_.reset();
+        }
+    }
+
+  private:
+    void run_activity(bool wanted, std::uint64_t position) {
+        if (activity_ != nullptr && position > activity_->position()) {
+            activity_->skip(position - activity_->position(), *this);
+        }
+        if (!wanted) {
+            finish();
+        } else if (activity_ == nullptr) {
+            activity_ = std::make_unique<ActivityDetector>(sample_rate_, options_, position);
+        }
+    }
+
+    void run_detection(bool wanted, const std::shared_ptr<const SampleIndex>& index,
+                       std::uint64_t position) {
+        if (!wanted || index == nullptr) {
+            detection_.reset();
+        } else if (detection_ == nullptr || index_ != index) {
+            detection_ = std::make_unique<SampleDetector>(index, sample_rate_, position);
+            index_ = index;
+        } else if (position > detection_->position()) {
+            detection_->skip(position - detection_->position(), *this);
+        }
+    }
+
+    void activity(const ActivityChange& change) override {
+        noticed_.push_back({side_,
+                            change.active ? Noticed::Kind::ACTIVE : Noticed::Kind::INACTIVE,
+                            static_cast<std::int64_t>(change.position),
+                            change.heard,
+                            0,
+                            {}});
+    }
+
+    void sample(const SampleFound& found) override {
+        noticed_.push_back(
+            {side_, Noticed::Kind::SAMPLE, found.position, found.heard, found.score, found.name});
+    }
+
+    const std::uint64_t side_;
+    const int sample_rate_;
+    const ActivityOptions& options_;
+    std::vector<Noticed>& noticed_;
+    std::shared_ptr<const SampleIndex> index_;  // That detection_ uses.
+    std::unique_ptr<ActivityDetector> activity_;
+    std::unique_ptr<SampleDetector> detection_;
+};
+
+Worker::Worker(Settings settings) : settings_(std::move(settings)), thread_([this] { run(); }) {
+    gathered_.index = settings_.samples;
+}
+
+Worker::~Worker() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+}
+
+bool Worker::can_analyse(int sample_rate) {
+    return sample_rate >= ActivityDetector::LOWEST_RATE &&
+           sample_rate <= ActivityDetector::HIGHEST_RATE;
+}
+
+bool Worker::add(std::uint64_t side, int sample_rate, Wanted wanted, std::uint64_t position,
+                 const std::int16_t* samples, std::size_t count) {
+    if (waiting_ + count + ITEM_SIZE > settings_.most_waiting) {
+        return false;
+    }
+    append({side, position, count, sample_rate, wanted}, samples);
+    if (gathered_.samples.size() >= BATCH_SAMPLES) {
+        send();
+    }
+    return true;
+}
+
+void Worker::append(const Item& item, const std::int16_t* samples) {
+    gathered_.items.push_back(item);
+    gathered_.samples.insert(gathered_.samples.end(), samples, samples + item.count);
+    waiting_ += item.count + ITEM_SIZE;
+}
+
+void Worker::finish(std::uint64_t side) {
+    append({side, 0, 0, 0, {}}, nullptr);
+}
+
+void Worker::set_samples(std::shared_ptr<const SampleIndex> samples) {
+    send();
+    gathered_.index = std::move(samples);
+}
+
+void Worker::send() {
+    if (gathered_.items.empty()) {
+        return;
+    }
+    std::shared_ptr<const SampleIndex> index = gathered_.index;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        queue_.push_back(std::exchange(gathered_, {}));
+        if (!spare_.empty()) {
+            gathered_ = std::move(spare_.back());
+            spare_.pop_back();
+        }
+    }
+    gathered_.index = std::move(index);
+    changed_.notify_all();
+}
+
+std::vector<Noticed> Worker::take() {
+    if (!any_noticed_) {
+        return {};
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    any_noticed_ = false;
+    return std::exchange(noticed_, {});
+}
+
+void Worker::drain() {
+    send();
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return queue_.empty() && !busy_; });
+}
+
+void Worker::run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (true) {
+        changed_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+        if (stopping_) {
+            return;
+        }
+        Batch batch = std::move(queue_.front());
+        queue_.pop_front();
+        busy_ = true;
+        lock.unlock();
+        hear(batch);
+        waiting_ -= batch.size();
+        batch.items.clear();
+        batch.samples.clear();
+        batch.index.reset();
+        lock.lock();
+        busy_ = false;
+        publish();
+        if (spare_.size() < MOST_SPARE) {
+            spare_.push_back(std::move(batch));
+        }
+        changed_.notify_all();
+    }
+}
+
+void Worker::publish() {
+    for (Noticed& each : fresh_) {
+        noticed_.push_back(std::move(each));
+    }
+    any_noticed_ = !noticed_.empty();
+    fresh_.clear();
+}
+
+void Worker::hear(const Batch& batch) {
+    const std::int16_t* samples = batch.samples.data();
+    for (const Item& item : batch.items) {
+        hear(item, samples, batch);
+        samples += item.count;
+    }
+}
+
+void Worker::hear(const Item& item, const std::int16_t* samples, const Batch& batch) {
+    std::unique_ptr<Detectors>& detectors = sides_[item.side];
+    if (detectors != nullptr && detectors->sample_rate() != item.sample_rate) {
+        detectors->finish();
+        detectors.reset();
+    }
+    if (!item.wanted.any()) {
+        if (detectors != nullptr) {
+            detectors->run(item.wanted, batch.index, item.position);
+        }
+        sides_.erase(item.side);
+        if (item.sample_rate == 0) {
+            fresh_.push_back({item.side, Noticed::Kind::FINISHED, 0, 0, 0, {}});
+        }
+        return;
+    }
+    if (detectors == nullptr) {
+        detectors =
+            std::make_unique<Detectors>(item.side, item.sample_rate, settings_.activity, fresh_);
+    }
+    detectors->run(item.wanted, batch.index, item.position);
+    detectors->add(samples, item.count);
+}
+
+}  // namespace qv::node::analysis
