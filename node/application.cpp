@@ -134,7 +134,9 @@ std::string Application::open_capture() {
 }
 
 void Application::open_calls() {
-    calls_ = std::make_unique<CallTable>(options_.limits, outputs_.call_listeners());
+    CallLimits limits = options_.limits;
+    limits.services = outputs_.services();
+    calls_ = std::make_unique<CallTable>(limits, outputs_.call_listeners());
     intake_ = std::make_unique<Intake>(
         *calls_, [this](const Datagram& datagram, media::DecodeResult reason, std::uint64_t count) {
             outputs_.notices().malformed(datagram, reason, count);

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <iterator>
+#include <map>
 #include <sstream>
 
 #include "tools/address.h"
@@ -16,18 +17,21 @@ Micros micros_of(double seconds) {
 }
 
 // Unlike CLI::Range it refuses "nan".
-CLI::Validator seconds_between(double least, double most) {
+CLI::Validator number_between(double least, double most, const std::string& unit) {
     const std::string bounds =
         CLI::detail::to_string(least) + " to " + CLI::detail::to_string(most);
-    return {
-        [least, most, bounds](const std::string& text) -> std::string {
-            double seconds = 0;
-            if (CLI::detail::lexical_cast(text, seconds) && seconds >= least && seconds <= most) {
-                return {};
-            }
-            return "'" + text + "' is no number of seconds from " + bounds;
-        },
-        bounds};
+    return {[least, most, bounds, unit](const std::string& text) -> std::string {
+                double number = 0;
+                if (CLI::detail::lexical_cast(text, number) && number >= least && number <= most) {
+                    return {};
+                }
+                return "'" + text + "' is no number of " + unit + " from " + bounds;
+            },
+            bounds};
+}
+
+CLI::Validator seconds_between(double least, double most) {
+    return number_between(least, most, "seconds");
 }
 
 void add_span(CLI::App& app, const std::string& name, Micros& into, const std::string& help,
@@ -152,6 +156,41 @@ void add_audio_options(CLI::App& app, Options& options) {
         ->capture_default_str();
 }
 
+void add_analysis_options(CLI::App& app, Options& options) {
+    using Recording = Services::Recording;
+    static const std::map<std::string, Recording> recordings = {
+        {"all", Recording::ALL}, {"requested", Recording::REQUESTED}, {"none", Recording::NONE}};
+    app.add_option_function<std::string>(
+           "--record",
+           [&options](const std::string& text) {
+               options.limits.services.recording = recordings.at(text);
+           },
+           "Which sides are recorded: all, requested by the call, or none")
+        ->check(CLI::IsMember(recordings))
+        ->type_name("SIDES")
+        ->default_str("all");
+    app.add_option("--samples", options.samples,
+                   "Recognise the WAV files of this folder where sample detection is on")
+        ->check([](const std::string& text) {
+            return text.empty() ? "a folder needs a name" : std::string();
+        })
+        ->type_name("FOLDER");
+    analysis::ActivityOptions& activity = options.activity;
+    app.add_option("--activity-level", activity.level_db, "Quieter sound is no audio activity")
+        ->check(number_between(-90, 0, "dB"))
+        ->type_name("DB")
+        ->capture_default_str();
+    app.add_option("--activity-hang-over", activity.hang_over_ms,
+                   "Pauses up to this long belong to the activity around them")
+        ->check(CLI::Range(0, 10'000))
+        ->type_name("MS")
+        ->capture_default_str();
+    app.add_option("--activity-minimum", activity.minimum_ms, "Shorter activity is not reported")
+        ->check(CLI::Range(0, 10'000))
+        ->type_name("MS")
+        ->capture_default_str();
+}
+
 void add_limit_options(CLI::App& app, Options& options) {
     CallLimits& limits = options.limits;
     app.add_option("--max-calls", limits.max_calls, "Calls at once; packets of others are dropped")
@@ -207,6 +246,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     add_end_options(app, options);
     add_exit_options(app, options);
     add_audio_options(app, options);
+    add_analysis_options(app, options);
     add_limit_options(app, options);
     try {
         app.parse(argc, argv);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "node/analysis/activity_detector.h"
 #include "node/calls/call_limits.h"
 #include "node/ingest/networks.h"
 #include "tools/exit_codes.h"
@@ -44,7 +45,9 @@ struct Options {
     std::size_t block_kib = 32;
     std::vector<std::string> on_end;  // Command after each call; empty for none.
     std::size_t on_end_running = 4;   // So many of them at once.
-    double sync_s = 0;  // How often the disk is to have all that was written; 0: as it likes.
+    double sync_s = 0;    // How often the disk is to have all that was written; 0: as it likes.
+    std::string samples;  // Folder of references, empty for none.
+    analysis::ActivityOptions activity;
     CallLimits limits;
 };
 

@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "node/analysis/sample_folder.h"
 #include "node/report/summary.h"
 #include "node/report/text.h"
 #include "node/report/text_file.h"
@@ -59,9 +60,55 @@ std::string Outputs::open_reports() {
         error = open_metrics();
     }
     if (error.empty()) {
+        error = open_samples();
+    }
+    if (error.empty()) {
         build();
     }
     return error;
+}
+
+std::string Outputs::open_samples() {
+    if (options_.samples.empty()) {
+        return {};
+    }
+    std::string error;
+    samples_ = load_samples(error);
+    reloads_.add("folder of samples " + options_.samples, [this] { return reload_samples(); });
+    return error;
+}
+
+// Names the files that are refused. Returns null and says why if there is nothing to look for.
+std::shared_ptr<const analysis::SampleIndex> Outputs::load_samples(std::string& error) {
+    try {
+        analysis::SampleFolder folder = analysis::load_folder(options_.samples);
+        for (const analysis::SampleFolder::Refusal& refusal : folder.refused) {
+            lines_.say("sample refused", quoted_text(refusal.file) + ": " + refusal.reason);
+        }
+        if (folder.index->size() != 0) {
+            lines_.say("samples", counted(folder.index->size(), "sample") + " of " +
+                                      options_.samples + " to look for");
+            return folder.index;
+        }
+        error = "no sample to look for in " + options_.samples +
+                (folder.refused.empty() ? ": it holds no WAV file" : ": every file was refused");
+    } catch (const std::runtime_error& failure) {
+        error = failure.what();
+    }
+    return nullptr;
+}
+
+std::string Outputs::reload_samples() {
+    std::string error;
+    const auto samples = load_samples(error);
+    if (samples != nullptr) {
+        analyser_->set_samples(samples);
+    }
+    return error;
+}
+
+Services Outputs::services() const {
+    return {true, samples_ != nullptr, options_.limits.services.recording};
 }
 
 std::string Outputs::open_events() {
@@ -111,6 +158,13 @@ void Outputs::build() {
             std::make_unique<DiskSync>(std::chrono::duration<double>(options_.sync_s),
                                        [folder = options_.folder] { return sync_folder(folder); });
     }
+
+    analysis::Worker::Settings analysis;
+    analysis.activity = options_.activity;
+    analysis.samples = samples_;
+    analyser_ = std::make_unique<Analyser>(std::move(analysis));
+    call_listeners_.push_back(analyser_.get());
+
     const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
                                      options_.keep_pauses};
     recorder_ = std::make_unique<Recorder>(
@@ -188,6 +242,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     if (end_command_ != nullptr) {
         end_command_->poll();
     }
+    analyser_->update();
     lines_.flush();
     flush_events();
     if (live_ && now - last_frame_ >= FRAME) {

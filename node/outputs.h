@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "node/analysis/analyser.h"
 #include "node/audio/audio_files.h"
 #include "node/audio/disk_sync.h"
 #include "node/audio/file_names.h"
@@ -41,6 +42,9 @@ class Outputs {
     std::string open_folder();
     std::string open_reports();
 
+    // What the node does when calls ask for it; to be asked once all is open.
+    Services services() const;
+
     // What listens to calls, in the order in which it is called.
     const std::vector<CallListener*>& call_listeners() const { return call_listeners_; }
     // For what concerns no call.
@@ -64,6 +68,9 @@ class Outputs {
   private:
     std::string open_events();
     std::string open_metrics();
+    std::string open_samples();
+    std::string reload_samples();
+    std::shared_ptr<const analysis::SampleIndex> load_samples(std::string& error);
     void build();
     FileNames::Options file_name_options() const;
     FileReport save_timeline(const std::string& name, const std::string& svg);
@@ -87,6 +94,8 @@ class Outputs {
     std::unique_ptr<Timeline> timeline_;
     std::unique_ptr<Metrics> metrics_;
     std::unique_ptr<FileNames> file_names_;
+    std::shared_ptr<const analysis::SampleIndex> samples_;  // Null without a folder.
+    std::unique_ptr<Analyser> analyser_;
     std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<EndCommand> end_command_;
     std::unique_ptr<Notices> notices_;

@@ -1,6 +1,7 @@
 #include "node/audio/recorder.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 #include <vector>
 
@@ -17,19 +18,27 @@ class RecordedCall : public CallListener {
     RecordedCall(Call& call, std::vector<std::unique_ptr<Recording>> recordings)
         : call_(call), recordings_(std::move(recordings)) {}
 
-    void audio(const Call& /*call*/, Side side, const Audio& audio) override {
+    void audio(const Call& call, Side side, const Audio& audio) override {
+        if (!call.side(side).running().recording) {
+            silence(side, audio.count);
+            return;
+        }
+        begin(side);
         for (const auto& recording : recordings_) {
             recording->audio(side, audio.samples, audio.count);
         }
     }
 
     void gap(const Call& /*call*/, Side side, const Gap& gap) override {
-        for (const auto& recording : recordings_) {
-            recording->silence(side, gap.filled_samples);
-        }
+        silence(side, gap.filled_samples);
     }
 
     void pause(const Call& /*call*/, Side side, const Pause& pause) override {
+        Unrecorded& unrecorded = unrecorded_[index_of(side)];
+        if (!unrecorded.over) {
+            unrecorded.pauses += pause.samples;
+            return;
+        }
         for (const auto& recording : recordings_) {
             recording->pause(side, pause.samples);
         }
@@ -48,6 +57,39 @@ class RecordedCall : public CallListener {
     }
 
   private:
+    // What a side brought before it was recorded for the first time: a side that never is has
+    // no file.
+    struct Unrecorded {
+        bool over = false;
+        std::uint64_t silence = 0;
+        std::uint64_t pauses = 0;
+    };
+
+    // Stands for audio that is missing or not to be recorded, so that sample n of a file is
+    // sample n of its side.
+    void silence(Side side, std::uint64_t count) {
+        Unrecorded& unrecorded = unrecorded_[index_of(side)];
+        if (!unrecorded.over) {
+            unrecorded.silence += count;
+            return;
+        }
+        for (const auto& recording : recordings_) {
+            recording->silence(side, count);
+        }
+    }
+
+    void begin(Side side) {
+        Unrecorded& unrecorded = unrecorded_[index_of(side)];
+        if (unrecorded.over) {
+            return;
+        }
+        unrecorded.over = true;
+        for (const auto& recording : recordings_) {
+            recording->silence(side, unrecorded.silence);
+            recording->pause(side, unrecorded.pauses);
+        }
+    }
+
     std::vector<FileReport> files() const {
         std::vector<FileReport> all;
         for (const auto& recording : recordings_) {
@@ -77,6 +119,7 @@ class RecordedCall : public CallListener {
 
     Call& call_;
     std::vector<std::unique_ptr<Recording>> recordings_;
+    std::array<Unrecorded, SIDE_COUNT> unrecorded_;
     std::vector<std::string> reported_;  // Paths of failed files.
 };
 

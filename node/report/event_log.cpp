@@ -174,6 +174,39 @@ void EventLog::late(const Call& call, Side, const media::Packet& packet) {
     write("late", call, data_json(packet));
 }
 
+void EventLog::running_changed(const Call& call, Side side, std::uint64_t position) {
+    const Running running = call.side(side).running();
+    write("running", call,
+          {{"call_side", name_of(side)},
+           {"position", position},
+           {"audio_activity", running.activity},
+           {"sample_detection", running.detection},
+           {"recording", running.recording}});
+}
+
+void EventLog::activity(const Call& call, Side side, const Activity& activity) {
+    write("activity", call,
+          {{"call_side", name_of(side)},
+           {"active", activity.active},
+           {"position", activity.position},
+           {"noticed", activity.noticed},
+           {"sample_rate", call.side(side).sample_rate()}});
+}
+
+void EventLog::sample_found(const Call& call, Side side, const FoundSample& sample) {
+    write("sample", call,
+          {{"call_side", name_of(side)},
+           {"sample", sample.name},
+           {"position", sample.position},
+           {"score", sample.score},
+           {"noticed", sample.noticed},
+           {"sample_rate", call.side(side).sample_rate()}});
+}
+
+void EventLog::skipped(const Call& call, Side side, std::uint64_t samples) {
+    write("analysis_skipped", call, {{"call_side", name_of(side)}, {"samples", samples}});
+}
+
 void EventLog::file_failed(const Call& call, const FileReport& file) {
     write("file_error", call, {{"path", file.path}, {"error", file.error}});
 }

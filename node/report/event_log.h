@@ -44,6 +44,10 @@ class EventLog : public CallListener {
     void pause(const Call& call, Side side, const Pause& pause) override;
     void gap(const Call& call, Side side, const Gap& gap) override;
     void late(const Call& call, Side side, const media::Packet& packet) override;
+    void running_changed(const Call& call, Side side, std::uint64_t position) override;
+    void activity(const Call& call, Side side, const Activity& activity) override;
+    void sample_found(const Call& call, Side side, const FoundSample& sample) override;
+    void skipped(const Call& call, Side side, std::uint64_t samples) override;
     void file_failed(const Call& call, const FileReport& file) override;
     void ended(const Call& call, EndReason reason) override;
 

@@ -6,6 +6,7 @@
 
 #include "node/calls/call.h"
 #include "node/report/text.h"
+#include "tools/format.h"
 
 namespace qv::node {
 
@@ -47,6 +48,24 @@ void append_count(std::string& text, std::uint64_t count, const char* what) {
 std::string foreign_text(std::uint64_t packets) {
     return packets == 0 ? std::string()
                         : ", " + counted(packets, "packet") + " from other addresses dropped";
+}
+
+std::string running_text(Running running) {
+    std::string text;
+    const auto append = [&text](bool runs, const char* what) {
+        if (runs) {
+            text += (text.empty() ? "" : ", ") + std::string(what);
+        }
+    };
+    append(running.activity, "audio activity");
+    append(running.detection, "sample detection");
+    append(running.recording, "recording");
+    return text.empty() ? "nothing" : text;
+}
+
+// "1.234 s"
+std::string place_text(std::uint64_t position, int sample_rate) {
+    return tools::format("%.3f s", seconds_of(position, sample_rate));
 }
 
 std::string side_text(const CallSide& side) {
@@ -146,6 +165,31 @@ void LineReport::gap(const Call& call, Side side, const Gap& gap) {
         text += " in part only";
     }
     line(call, "gap", text + (gaps == GAP_LINES_PER_SIDE ? "; further gaps are counted" : ""));
+}
+
+void LineReport::running_changed(const Call& call, Side side, std::uint64_t position) {
+    const CallSide& state = call.side(side);
+    line(call, "running",
+         std::string(name_of(side)) + ": " + running_text(state.running()) + " from " +
+             place_text(position, state.sample_rate()));
+}
+
+void LineReport::activity(const Call& call, Side side, const Activity& activity) {
+    line(call, "activity",
+         std::string(name_of(side)) + (activity.active ? ": begins at " : ": ends at ") +
+             place_text(activity.position, call.side(side).sample_rate()));
+}
+
+void LineReport::sample_found(const Call& call, Side side, const FoundSample& sample) {
+    const std::uint64_t before =
+        sample.position < 0 ? -static_cast<std::uint64_t>(sample.position) : 0;
+    const int rate = call.side(side).sample_rate();
+    const std::string place = before != 0
+                                  ? place_text(before, rate) + " before the beginning"
+                                  : place_text(static_cast<std::uint64_t>(sample.position), rate);
+    line(call, "sample",
+         std::string(name_of(side)) + ": " + quoted_text(sample.name) + " at " + place +
+             tools::format(", score %.2f", sample.score));
 }
 
 void LineReport::file_failed(const Call& call, const FileReport& file) {

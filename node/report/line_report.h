@@ -20,6 +20,9 @@ class LineReport : public CallListener {
     void terminate_refused(const Call& call, const media::Packet& packet) override;
     void foreign(const Call& call, const sockaddr_in& source) override;
     void gap(const Call& call, Side side, const Gap& gap) override;
+    void running_changed(const Call& call, Side side, std::uint64_t position) override;
+    void activity(const Call& call, Side side, const Activity& activity) override;
+    void sample_found(const Call& call, Side side, const FoundSample& sample) override;
     void file_failed(const Call& call, const FileReport& file) override;
     void ended(const Call& call, EndReason reason) override;
 

@@ -1,0 +1,273 @@
+"""What quorvane-node hears in calls whose sound is known: activity, samples, recordings.
+
+usage: node_hearing_test.py QUORVANE_NODE GOLDEN_FOLDER
+"""
+import array
+import math
+import pathlib
+import random
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+import wave
+
+from end_to_end_test import (NODE, Node, golden, listed_event_fields, of_call, samples,
+                             uuid_of)
+
+RATE = 8000
+FRAME = 160
+# The features' bits: originator, terminator.
+ACTIVITY, DETECTION, RECORDING = (0x04, 0x08), (0x10, 0x20), (0x40, 0x80)
+ALL_FEATURES = 0xFC
+ORIGINATOR, TERMINATOR = 0, 1
+
+
+def silence(seconds):
+    return [0] * round(seconds * RATE)
+
+
+def buzz(seconds, seed=1, amplitude=6000):
+    """Syllables of a voice without words, others for each seed."""
+    choice = random.Random(seed)
+    sound = []
+    while len(sound) < seconds * RATE:
+        pitch, high = choice.uniform(90, 220), choice.uniform(900, 2800)
+        low, length = choice.uniform(300, 800), choice.uniform(0.08, 0.2)
+        glide = choice.uniform(-0.3, 0.3)
+        for i in range(round(length * RATE)):
+            t = i / RATE
+            turn = 2 * math.pi * t * (1 + glide * t / length)
+            voice = sum(math.sin(turn * pitch * n) / n for n in (1, 2, 3))
+            formants = math.sin(turn * low) + 0.6 * math.sin(turn * high)
+            shape = math.sin(math.pi * min(1, (t + 0.01) / length)) + 0.1
+            sound.append(round(amplitude * shape * (0.5 * voice + formants) / 4))
+    return sound[:round(seconds * RATE)]
+
+
+def write_wav(path, sound, rate=RATE, channels=1):
+    with wave.open(str(path), "wb") as file:
+        file.setnchannels(channels)
+        file.setsampwidth(2)
+        file.setframerate(rate)
+        file.writeframes(array.array("h", sound).tobytes())
+
+
+class SentCall:
+    """A call whose datagrams are sent faster than real time, with the send times of real time:
+    a frame is sent when its last sample has been spoken."""
+
+    def __init__(self, node, number, supported=ALL_FEATURES, active=0, report_node=None):
+        self.node, self.number = node, number
+        self.time = 1_000_000
+        self.sent = [0, 0]  # Packets of each side.
+        start = bytearray(self.timed(golden("call_1_start")))
+        start[78:80] = bytes([supported, active])
+        flags, = struct.unpack_from("<H", start, 6)
+        struct.pack_into("<H", start, 6, flags & ~0x4000 | (0x4000 if report_node else 0))
+        if report_node:
+            start[72:76] = bytes(map(int, report_node[0].split(".")))
+            start[76:78] = struct.pack(">H", report_node[1])
+        self.send(start)
+
+    def timed(self, datagram):
+        datagram = bytearray(of_call(self.number, datagram))
+        struct.pack_into("<q", datagram, 32, self.time)
+        return bytes(datagram)
+
+    def send(self, datagram):
+        self.node.send(bytes(datagram))
+
+    def data(self, side, sound):
+        self.sent[side] += 1
+        number = self.sent[side]
+        head = self.timed(golden(("call_2_read", "call_3_write")[side]))[:40]
+        return (head + struct.pack("<IIH", number, (number - 1) * FRAME, len(sound)) +
+                struct.pack(f"<{len(sound)}h", *sound))
+
+    def speak(self, *sounds):
+        """The sounds of the sides at once, in frames of 20 ms."""
+        for begin in range(0, max(map(len, sounds)), FRAME):
+            self.time += 20_000
+            for side, sound in enumerate(sounds):
+                frame = sound[begin:begin + FRAME]
+                if frame:
+                    self.send(self.data(side, frame))
+
+    def switch(self, supported, active):
+        control = bytearray(self.timed(golden("call_6_control")))
+        control[40:42] = bytes([supported, active])
+        self.send(control)
+
+    def end(self):
+        self.send(self.timed(golden("call_7_terminate")))
+        uuid = uuid_of(self.number)
+        self.node.wait_for(uuid + "  end ")
+        if self.node.events():  # They are written after the lines.
+            self.node.wait_for(f'"event":"end".*{uuid}|{uuid}.*"event":"end"')
+
+
+def events_of(node, kind, number, side="originator"):
+    """Those events of a side; they have the fields that the document lists."""
+    found = [event for event in node.events(kind)
+             if event["call_uuid"] == uuid_of(number) and event["call_side"] == side]
+    for event in found:
+        if set(event) != listed_event_fields()[kind]:
+            raise AssertionError(f"fields of {event}")
+    return found
+
+
+class Hearing(unittest.TestCase):
+    def near(self, position, expected, milliseconds=50):
+        self.assertLessEqual(abs(position - expected), milliseconds * RATE // 1000,
+                             f"{position}, not {expected}")
+
+    def test_activity_is_heard_where_the_call_asks_for_it(self):
+        with Node("--rate", str(RATE), "--events", "-") as node:
+            call = SentCall(node, 1, active=ACTIVITY[ORIGINATOR])
+            sound = silence(1) + buzz(1.5) + silence(1)
+            call.speak(sound, sound)
+            call.end()
+            began, ended = events_of(node, "activity", 1)
+            self.assertEqual([began["active"], ended["active"]], [True, False])
+            self.near(began["position"], 1 * RATE)
+            self.near(ended["position"], 2.5 * RATE)
+            self.assertGreaterEqual(began["noticed"], began["position"])
+            self.assertEqual(events_of(node, "activity", 1, "terminator"), [])
+            kinds = [event["event"] for event in node.events()]
+            self.assertLess(kinds.index("activity"), kinds.index("end"))
+            self.assertRegex(node.text(), r"activity +originator: begins at (1\.0|0\.9)\d\d s")
+
+    def test_activity_runs_from_one_control_packet_to_the_other(self):
+        with Node("--rate", str(RATE), "--events", "-") as node:
+            call = SentCall(node, 1)
+            call.speak(buzz(1, 1))
+            call.switch(ACTIVITY[ORIGINATOR], ACTIVITY[ORIGINATOR])
+            call.speak(buzz(1, 2))
+            call.switch(ACTIVITY[ORIGINATOR], 0)
+            call.speak(buzz(1, 3))
+            call.end()
+            changes = events_of(node, "running", 1)
+            self.assertEqual([(change["audio_activity"], change["position"])
+                              for change in changes], [(True, RATE), (False, 2 * RATE)])
+            began, ended = events_of(node, "activity", 1)
+            self.assertGreaterEqual(began["position"], RATE)
+            self.near(began["position"], RATE)
+            self.assertLessEqual(ended["position"], 2 * RATE)
+            self.near(ended["position"], 2 * RATE)
+
+    def test_activity_ends_in_a_pause_of_the_sender(self):
+        with Node("--rate", str(RATE), "--events", "-") as node:
+            call = SentCall(node, 1, active=ACTIVITY[ORIGINATOR])
+            call.speak(buzz(1, 1))
+            call.time += 2_000_000
+            call.speak(buzz(1, 2))
+            call.end()
+            self.assertEqual([event["samples"] for event in node.events("pause")], [2 * RATE])
+            changes = events_of(node, "activity", 1)
+            self.assertEqual([change["active"] for change in changes], [True, False, True, False])
+            for change, expected in zip(changes, (0, RATE, RATE, 2 * RATE)):
+                self.near(change["position"], expected)
+
+    def test_sample_is_recognised_where_it_begins(self):
+        with tempfile.TemporaryDirectory() as folder:
+            folder = pathlib.Path(folder)
+            write_wav(folder / "greeting.wav", buzz(2, 42))
+            write_wav(folder / "other.wav", buzz(2, 43))
+            write_wav(folder / "short.wav", buzz(0.2, 44))
+            write_wav(folder / "wide.wav", buzz(2, 45), channels=2)
+            (folder / "noise.wav").write_bytes(b"RIFF")
+            with Node("--rate", str(RATE), "--events", "-", "--samples", str(folder)) as node:
+                for name in ("short.wav", "wide.wav", "noise.wav"):
+                    node.wait_for(f'sample refused +"{name}": ')
+                node.wait_for("samples +2 samples of ")
+                call = SentCall(node, 1, active=DETECTION[TERMINATOR])
+                sound = buzz(2, 3) + buzz(2, 42, amplitude=3000) + buzz(1, 4)
+                call.speak(sound, sound)
+                call.end()
+                self.assertEqual(events_of(node, "sample", 1), [])
+                found, = events_of(node, "sample", 1, "terminator")
+                self.assertEqual(found["sample"], "greeting")
+                self.near(found["position"], 2 * RATE)
+                self.assertGreater(found["score"], 0.3)
+                self.assertLessEqual(found["score"], 1)
+                self.assertEqual(node.events("activity"), [])
+
+    def test_folder_of_samples_is_read_again_when_the_node_is_asked_to(self):
+        with tempfile.TemporaryDirectory() as folder:
+            write_wav(pathlib.Path(folder) / "old.wav", buzz(2, 41))
+            with Node("--rate", str(RATE), "--events", "-", "--samples", folder) as node:
+                call = SentCall(node, 1, active=DETECTION[ORIGINATOR])
+                call.speak(buzz(1, 3))
+                write_wav(pathlib.Path(folder) / "new.wav", buzz(2, 42))
+                node.process.send_signal(signal.SIGHUP)
+                node.wait_for("samples +2 samples of ")
+                call.speak(buzz(2, 42))
+                call.end()
+                found, = events_of(node, "sample", 1)
+                self.assertEqual(found["sample"], "new")
+                self.near(found["position"], RATE)
+
+    def test_folder_without_a_usable_sample_is_refused(self):
+        with tempfile.TemporaryDirectory() as folder:
+            write_wav(pathlib.Path(folder) / "short.wav", buzz(0.2, 44))
+            for samples_folder, reason in ((folder, "every file was refused"),
+                                           (folder + "/none", "No such file or directory")):
+                bad = subprocess.run([NODE, "--listen", "127.0.0.1:0", "--output", folder,
+                                      "--samples", samples_folder],
+                                     capture_output=True, text=True, timeout=20)
+                self.assertEqual(bad.returncode, 3)
+                self.assertIn(reason, bad.stderr)
+
+    def test_options_that_make_no_sense_are_refused(self):
+        for option, value in (("--record", "some"), ("--activity-level", "3"),
+                              ("--activity-level", "nan"), ("--activity-hang-over", "-1"),
+                              ("--activity-minimum", "10001"), ("--samples", "")):
+            bad = subprocess.run([NODE, option, value], capture_output=True, text=True, timeout=20)
+            self.assertEqual(bad.returncode, 2, option)
+            self.assertIn(option, bad.stderr)
+
+    def test_side_is_recorded_where_the_call_asks_for_it(self):
+        with Node("--rate", str(RATE), "--events", "-", "--record", "requested") as node:
+            call = SentCall(node, 1)
+            sound = buzz(3)
+            call.speak(sound[:RATE], sound[:RATE])
+            call.switch(RECORDING[ORIGINATOR], RECORDING[ORIGINATOR])
+            call.speak(sound[RATE:2 * RATE], sound[RATE:2 * RATE])
+            call.switch(RECORDING[ORIGINATOR], 0)
+            call.speak(sound[2 * RATE:], sound[2 * RATE:])
+            call.end()
+            recorded = samples(node.folder / f"{uuid_of(1)}-originator.wav")
+            self.assertEqual(recorded, silence(1) + sound[RATE:2 * RATE] + silence(1))
+            self.assertFalse((node.folder / f"{uuid_of(1)}-terminator.wav").exists())
+
+    def test_control_packet_acts_on_audio_that_is_held_when_it_comes(self):
+        with Node("--rate", str(RATE), "--record", "requested", "--reorder-wait", "5") as node:
+            call = SentCall(node, 1, active=RECORDING[ORIGINATOR])
+            sound = buzz(0.1)
+            for number in range(5):
+                call.time += 20_000
+                frame = call.data(ORIGINATOR, sound[number * FRAME:][:FRAME])
+                if number == 0:
+                    first = frame
+                else:
+                    call.send(frame)  # Waits for the first.
+                if number == 2:
+                    call.switch(RECORDING[ORIGINATOR], 0)
+            call.send(first)
+            call.end()
+            recorded = samples(node.folder / f"{uuid_of(1)}-originator.wav")
+            self.assertEqual(recorded, sound[:3 * FRAME] + 2 * FRAME * [0])
+
+    def test_nothing_is_recorded_when_that_is_asked_for(self):
+        with Node("--rate", str(RATE), "--record", "none") as node:
+            call = SentCall(node, 1, active=RECORDING[ORIGINATOR])
+            call.speak(buzz(0.5))
+            call.end()
+            self.assertEqual(list(node.folder.iterdir()), [])
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=1)
