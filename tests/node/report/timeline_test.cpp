@@ -123,6 +123,7 @@ TEST_F(TimelineOfCallTest, RingingStandsBeforeTheAudio) {
     send_at(10, "call_6_control");
     send_at(15, "call_2_read");
     send_at(17, "call_7_terminate");
+    pass(Micros{1'000'000});
     table_->shut_down();
     EXPECT_TRUE(shows("recording on both at 0.0 s</title>"));
     EXPECT_TRUE(shows("audio activity off both; recording on both at 10.0 s</title>"));
@@ -155,6 +156,7 @@ TEST_F(TimelineOfCallTest, OfALongLineTheReferenceIsCut) {
 TEST_F(TimelineOfCallTest, CallThatIsNeverAnsweredLastsAsLongAsItRang) {
     send_at(0, "call_1_start");
     send_at(30, "call_7_terminate");
+    pass(Micros{1'000'000});
     table_->shut_down();
     EXPECT_TRUE(shows("terminate at 30.0 s</title>"));
 }
