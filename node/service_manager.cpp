@@ -13,6 +13,7 @@
 namespace qv::node {
 
 std::string notify_service_manager(const std::string& state) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment.
     const char* variable = std::getenv("NOTIFY_SOCKET");
     const std::string path = variable != nullptr ? variable : "";
     if (path.empty()) {

@@ -307,7 +307,7 @@ class Analyser::AnalysedCall : public CallListener {
     std::array<AnalysedSide, SIDE_COUNT> sides_;
 };
 
-Analyser::Analyser(analysis::Worker::Settings settings) : worker_(settings) {
+Analyser::Analyser(const analysis::Worker::Settings& settings) : worker_(settings) {
     figures_.samples = settings.samples != nullptr ? settings.samples->size() : 0;
 }
 

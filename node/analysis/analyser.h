@@ -36,7 +36,7 @@ class Analyser : public CallListener {
         std::map<std::string, std::uint64_t> found;  // Occurrences by the sample's name.
     };
 
-    explicit Analyser(analysis::Worker::Settings settings);
+    explicit Analyser(const analysis::Worker::Settings& settings);
     ~Analyser() override;
 
     std::unique_ptr<CallListener> begin_call(Call& call) override;

@@ -121,7 +121,9 @@ bool Worker::add(std::uint64_t side, int sample_rate, Wanted wanted, std::uint64
 
 void Worker::append(const Item& item, const std::int16_t* samples) {
     gathered_.items.push_back(item);
-    gathered_.samples.insert(gathered_.samples.end(), samples, samples + item.count);
+    if (samples != nullptr) {
+        gathered_.samples.insert(gathered_.samples.end(), samples, samples + item.count);
+    }
     waiting_ += item.count + ITEM_SIZE;
 }
 

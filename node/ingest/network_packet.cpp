@@ -82,13 +82,13 @@ std::optional<UdpDatagram> UdpReader::read(ByteView packet, Micros now) {
 }
 
 std::optional<UdpReader::Header> UdpReader::parse(ByteView packet) {
-    constexpr std::size_t LEAST_HEADER = 20;
-    if (packet.size < LEAST_HEADER || packet.data[0] >> 4 != 4) {
+    constexpr std::size_t least_header = 20;
+    if (packet.size < least_header || packet.data[0] >> 4 != 4) {
         return std::nullopt;
     }
-    const std::size_t header_size = (packet.data[0] & 15U) * 4U;
+    const std::size_t header_size = std::size_t{4} * (packet.data[0] & 15U);
     const std::size_t size = get_u16(packet.data + 2);
-    if (packet.data[9] != IPPROTO_UDP || header_size < LEAST_HEADER || size < header_size) {
+    if (packet.data[9] != IPPROTO_UDP || header_size < least_header || size < header_size) {
         return std::nullopt;
     }
     if (size > packet.size) {
