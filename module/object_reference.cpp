@@ -9,7 +9,7 @@ namespace qv::freeswitch {
 namespace {
 
 // Its address identifies this shared object.
-const char here = 0;
+const char ANCHOR = 0;
 
 // The C library calls dlclose directly at the end of the thread. A function of our own would
 // return from dlclose into code that may be unmapped.
@@ -31,7 +31,7 @@ ObjectReference::~ObjectReference() {
 
 bool ObjectReference::take() {
     Dl_info self{};
-    if (handle_ == nullptr && ::dladdr(&here, &self) != 0) {
+    if (handle_ == nullptr && ::dladdr(&ANCHOR, &self) != 0) {
         handle_ = ::dlopen(self.dli_fname, RTLD_NOW | RTLD_NOLOAD);
     }
     return handle_ != nullptr;
