@@ -43,6 +43,23 @@ void add_span(CLI::App& app, const std::string& name, Micros& into, const std::s
         ->default_str(CLI::detail::to_string(seconds_of(into)));
 }
 
+CLI::Option* add_networks(CLI::App& app, const std::string& name, std::vector<Network>& into,
+                          const std::string& help) {
+    return app
+        .add_option_function<std::vector<std::string>>(
+            name,
+            [&into](const std::vector<std::string>& networks) {
+                for (const std::string& network : networks) {
+                    into.push_back(parse_network(network).value());  // It was checked.
+                }
+            },
+            help)
+        ->check(check_network)
+        ->type_name("NETWORK")
+        ->expected(1)
+        ->take_all();
+}
+
 void add_output_options(CLI::App& app, Options& options) {
     app.add_option("-l,--listen", options.listen_text,
                    "UDP address and port; port 0 takes a free one and prints it")
@@ -70,18 +87,9 @@ void add_output_options(CLI::App& app, Options& options) {
 }
 
 void add_sender_options(CLI::App& app, Options& options) {
-    app.add_option_function<std::vector<std::string>>(
-           "--allow",
-           [&options](const std::vector<std::string>& networks) {
-               for (const std::string& network : networks) {
-                   options.allowed.push_back(parse_network(network).value());  // It was checked.
-               }
-           },
-           "Take packets only from senders in this network, as in 192.0.2.0/24; may be repeated")
-        ->check(check_network)
-        ->type_name("NETWORK")
-        ->expected(1)
-        ->take_all();
+    add_networks(app, "--allow", options.allowed,
+                 "Take packets only from senders in this network, as in 192.0.2.0/24; may be "
+                 "repeated");
     app.add_flag("--any-source", options.limits.any_source,
                  "Take a call's packets from any address, not only from the one that began it");
 }
@@ -114,6 +122,13 @@ void add_report_options(CLI::App& app, Options& options) {
                    "and all else to the standard error")
         ->type_name("FILE");
     app.add_flag("--packets", options.every_packet, "Data packets are events, too");
+    CLI::Option* reports =
+        app.add_flag("--reports", options.reports,
+                     "Send start, activity, sample and end events to the report node of the call");
+    add_networks(app, "--report-to", options.reported_to,
+                 "Send reports only to this network, as in 192.0.2.0/24; may be repeated (else "
+                 "only to this machine, 127.0.0.0/8)")
+        ->needs(reports);
     app.add_flag("--live", options.live, "Show the calls on the terminal (lines if it is none)");
     app.add_flag("--timeline", options.timeline,
                  "Draw each call: an SVG file beside its WAV files");

@@ -31,6 +31,8 @@ struct Options {
     bool quiet = false;
     std::string events;  // File, "-" for the standard output, empty for none.
     bool every_packet = false;
+    bool reports = false;              // To the report nodes of calls,
+    std::vector<Network> reported_to;  // in these networks; empty: on this machine.
     bool live = false;
     bool timeline = false;
     std::optional<sockaddr_in> metrics;  // Where they are served.

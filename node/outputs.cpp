@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 #include "node/analysis/sample_folder.h"
@@ -58,6 +59,9 @@ std::string Outputs::open_reports() {
     std::string error = open_events();
     if (error.empty()) {
         error = open_metrics();
+    }
+    if (error.empty()) {
+        error = open_sender();
     }
     if (error.empty()) {
         error = open_samples();
@@ -141,6 +145,20 @@ std::string Outputs::open_metrics() {
     return {};
 }
 
+std::string Outputs::open_sender() {
+    if (!options_.reports) {
+        return {};
+    }
+    const std::vector<Network> this_machine = {parse_network("127.0.0.0/8").value()};
+    try {
+        reports_ = std::make_unique<ReportSender>(
+            options_.reported_to.empty() ? this_machine : options_.reported_to);
+    } catch (const std::system_error& error) {
+        return std::string("cannot open a socket for reports: ") + error.code().message();
+    }
+    return {};
+}
+
 // At the end of a call each output knows which files those before it have written: first come
 // the names of the files, then what writes files, then what reports them.
 void Outputs::build() {
@@ -185,6 +203,9 @@ void Outputs::build() {
     }
     if (events_ != nullptr) {
         call_listeners_.push_back(events_.get());
+    }
+    if (reports_ != nullptr) {
+        call_listeners_.push_back(reports_.get());
     }
     if (!options_.on_end.empty()) {
         end_command_ = std::make_unique<EndCommand>(
@@ -237,7 +258,7 @@ void Outputs::begin(const NodeFigures& figures) {
 }
 
 void Outputs::update(NodeFigures figures, Micros now) {
-    add_file_figures(figures);
+    add_figures(figures);
     notices_->overflowed(figures.overflowed);
     if (end_command_ != nullptr) {
         end_command_->poll();
@@ -256,6 +277,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     report_sync();
     // Once a second, so that a flood of calls does not become a flood of lines.
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
+    notices_->reports_not_allowed(figures.reports);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
     if (metrics_ != nullptr) {
         metrics_->update(figures);
@@ -279,9 +301,10 @@ void Outputs::finish(NodeFigures figures) {
         terminal_.leave();
         lines_.release();
     }
-    add_file_figures(figures);
+    add_figures(figures);
     notices_->overflowed(figures.overflowed);
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
+    notices_->reports_not_allowed(figures.reports);
     flush_events();
     finish_commands();
     failed_ = failed_ || figures.totals.file_errors != 0;
@@ -336,9 +359,12 @@ void Outputs::report_sync() {
     }
 }
 
-void Outputs::add_file_figures(NodeFigures& figures) const {
+void Outputs::add_figures(NodeFigures& figures) const {
     figures.open_files = folder_.open_files();
     figures.calls_not_written = file_names_->refused_calls();
+    if (reports_ != nullptr) {
+        figures.reports = reports_->figures();
+    }
 }
 
 }  // namespace qv::node

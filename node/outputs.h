@@ -26,6 +26,7 @@
 #include "node/report/live_view.h"
 #include "node/report/metrics.h"
 #include "node/report/notices.h"
+#include "node/report/report_sender.h"
 #include "node/report/terminal.h"
 #include "node/report/timeline.h"
 
@@ -53,7 +54,7 @@ class Outputs {
 
     // Says that the receiver is ready; from then on the live view has the terminal.
     void begin(const NodeFigures& figures);
-    // To be called some times a second: shows what has happened. Fills in the figures of files.
+    // To be called some times a second: shows what has happened. Fills in the figures of outputs.
     void update(NodeFigures figures, Micros now);
     // Opens and reads again what SIGHUP is for, and says what came of it.
     void reload();
@@ -68,6 +69,7 @@ class Outputs {
   private:
     std::string open_events();
     std::string open_metrics();
+    std::string open_sender();
     std::string open_samples();
     std::string reload_samples();
     std::shared_ptr<const analysis::SampleIndex> load_samples(std::string& error);
@@ -77,7 +79,7 @@ class Outputs {
     void flush_events();
     void report_sync();
     void finish_commands();
-    void add_file_figures(NodeFigures& figures) const;
+    void add_figures(NodeFigures& figures) const;
 
     const Options& options_;
     const bool live_;  // The live view has the terminal.
@@ -91,6 +93,7 @@ class Outputs {
     EventFile events_file_;
     ReloadList reloads_;
     std::unique_ptr<EventLog> events_;  // These are null unless they are asked for.
+    std::unique_ptr<ReportSender> reports_;
     std::unique_ptr<Timeline> timeline_;
     std::unique_ptr<Metrics> metrics_;
     std::unique_ptr<FileNames> file_names_;

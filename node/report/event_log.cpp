@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "node/calls/call.h"
+#include "node/report/event_json.h"
 #include "node/report/text.h"
 
 namespace qv::node {
@@ -11,66 +12,6 @@ namespace qv::node {
 namespace {
 
 using Json = nlohmann::json;
-
-Json features_json(media::features16_t features) {
-    return {{"supported", features.supported}, {"active", features.active}};
-}
-
-const char* name_of(media::PacketType type) {
-    switch (type) {
-        case media::PacketType::START:
-            return "start";
-        case media::PacketType::TERMINATE:
-            return "terminate";
-        case media::PacketType::DATA:
-            return "data";
-        case media::PacketType::CONTROL:
-            return "control";
-    }
-    return "unknown";
-}
-
-// The fields that every packet has; write() adds those that name the call.
-Json packet_json(const media::Packet& packet, Json fields) {
-    fields.update({{"magic", media::PACKET_MAGIC},
-                   {"packet_type", name_of(packet.type)},
-                   {"protocol_version", media::PROTOCOL_VERSION},
-                   {"leg_word", packet.leg_word},
-                   {"send_time", packet.send_time}});
-    return fields;
-}
-
-Json data_json(const media::Packet& packet) {
-    return packet_json(
-        packet,
-        {{"leg", packet.leg()},
-         {"call_side", name_of(packet.terminator_side() ? Side::TERMINATOR : Side::ORIGINATOR)},
-         {"sequence_number", packet.sequence_number},
-         {"sample_offset", packet.sample_offset},
-         {"sample_count", packet.sample_count}});
-}
-
-Json side_json(const CallSide& side) {
-    const ReorderBuffer::Stats& stats = side.stats();
-    return {{"leg", side.leg().value_or(0)},
-            {"sample_rate", side.sample_rate()},
-            {"sample_rate_assumed", side.rate_assumed()},
-            {"packets", stats.packets},
-            {"bytes", side.bytes()},
-            {"samples", stats.samples},
-            {"silence_samples", stats.silence},
-            {"unfilled_samples", stats.unfilled},
-            {"pauses", side.pauses()},
-            {"gaps", stats.gaps},
-            {"lost_packets", stats.lost()},
-            {"late_packets", stats.late},
-            {"reordered_packets", stats.reordered},
-            {"duplicated_packets", stats.duplicates},
-            {"implausible_packets", stats.implausible},
-            {"joined_at", side.joined_at()},
-            {"level_db", side.level().level_db()},
-            {"peak_db", side.level().peak_db()}};
-}
 
 }  // namespace
 
@@ -100,27 +41,7 @@ void EventLog::left_behind(const LeftoverFile& file) {
 }
 
 void EventLog::started(const Call& call, const media::Packet& packet) {
-    const StartFields& start = *call.start();
-    const std::string report_node =
-        address_text(packet.report_node_address, packet.report_node_port);
-    write("start", call,
-          packet_json(
-              packet,
-              {{"outbound", packet.outbound()},
-               {"report_node_given", packet.report_node_given()},
-               {"rule_id_given", packet.rule_id_given()},
-               {"created_time", packet.created_time},
-               {"configured_time", packet.configured_time},
-               {"configured_clock", packet.configured_clock},
-               // As text: readers that keep numbers as floating point would change it.
-               {"rule_id", std::to_string(packet.rule_id)},
-               {"report_node", report_node},
-               {"report_node_address", report_node.substr(0, report_node.find(':'))},
-               {"report_node_port", packet.report_node_port},
-               {"features", features_json(packet.features)},
-               {"call_reference_length", start.call_reference.size() + 1},  // With its zero byte.
-               {"call_reference", start.call_reference},
-               {"late", call.started_late()}}));
+    write("start", call, start_json(call, packet));
 }
 
 void EventLog::features_changed(const Call& call, const media::Packet& packet) {
@@ -185,22 +106,11 @@ void EventLog::running_changed(const Call& call, Side side, std::uint64_t positi
 }
 
 void EventLog::activity(const Call& call, Side side, const Activity& activity) {
-    write("activity", call,
-          {{"call_side", name_of(side)},
-           {"active", activity.active},
-           {"position", activity.position},
-           {"noticed", activity.noticed},
-           {"sample_rate", call.side(side).sample_rate()}});
+    write("activity", call, activity_json(call, side, activity));
 }
 
 void EventLog::sample_found(const Call& call, Side side, const FoundSample& sample) {
-    write("sample", call,
-          {{"call_side", name_of(side)},
-           {"sample", sample.name},
-           {"position", sample.position},
-           {"score", sample.score},
-           {"noticed", sample.noticed},
-           {"sample_rate", call.side(side).sample_rate()}});
+    write("sample", call, sample_json(call, side, sample));
 }
 
 void EventLog::skipped(const Call& call, Side side, std::uint64_t samples) {
@@ -212,24 +122,7 @@ void EventLog::file_failed(const Call& call, const FileReport& file) {
 }
 
 void EventLog::ended(const Call& call, EndReason reason) {
-    Json sides = Json::object();
-    for (const Side side : BOTH_SIDES) {
-        if (call.side(side).begun()) {
-            sides[name_of(side)] = side_json(call.side(side));
-        }
-    }
-    Json files = Json::array();
-    for (const FileReport& file : call.files()) {
-        files.push_back({{"path", file.path}, {"error", file.error}});
-    }
-    write("end", call,
-          {{"reason", name_of(reason)},
-           {"start_seen", call.start().has_value()},
-           {"control_packets", call.control_packets()},
-           {"foreign_packets", call.foreign_packets()},
-           {"sides_may_be_apart", call.sides_may_be_apart()},
-           {"sides", sides},
-           {"files", files}});
+    write("end", call, end_json(call, reason));
 }
 
 bool EventLog::flush() {
@@ -260,11 +153,7 @@ std::uint64_t EventLog::waiting() const {
 }
 
 void EventLog::write(const char* event, const Call& call, const Json& fields) {
-    Json all = {{"call_key", key_text(call.call_key())},
-                {"call_uuid", uuid_text(call.uuid())},
-                {"source", address_text(call.source())}};
-    all.update(fields);
-    write(event, all);
+    write(event, of_call(call, fields));
 }
 
 void EventLog::write(const char* event, const Json& fields) {
@@ -273,12 +162,7 @@ void EventLog::write(const char* event, const Json& fields) {
         return;
     }
     report_loss();
-    nlohmann::ordered_json line = {{"event", event}, {"time", utc_time()}};
-    for (const auto& [name, value] : fields.items()) {
-        line[name] = value;
-    }
-    // A call reference need not be valid UTF-8.
-    waiting_ += line.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+    waiting_ += event_text(event, fields) + '\n';
     if (!failing_ && waiting_.size() >= BLOCK) {
         write_out();
     }

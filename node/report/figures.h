@@ -13,6 +13,14 @@
 
 namespace qv::node {
 
+// Reports to the report nodes of calls.
+struct ReportFigures {
+    std::uint64_t sent = 0;
+    std::uint64_t failed = 0;          // That the system did not take.
+    std::uint64_t not_allowed = 0;     // To addresses outside the networks for reports.
+    sockaddr_in latest_not_allowed{};  // The latest of these addresses.
+};
+
 struct NodeFigures {
     Totals totals;
     std::array<std::uint64_t, media::DECODE_RESULT_COUNT> malformed{};  // By DecodeResult.
@@ -24,7 +32,8 @@ struct NodeFigures {
     std::size_t open_files = 0;
     int receive_buffer = 0;               // Bytes.
     std::uint64_t calls_not_written = 0;  // Because of --max-files.
-    std::string address;                  // That the receiver listens on.
+    ReportFigures reports;
+    std::string address;  // That the receiver listens on.
     Micros uptime{0};
 
     std::uint64_t all_malformed() const {

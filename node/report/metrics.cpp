@@ -17,6 +17,8 @@ using prometheus::Gauge;
 
 constexpr std::array<const char*, 4> TYPE_NAMES = {"start", "terminate", "data", "control"};
 
+constexpr std::array<const char*, 3> REPORT_RESULTS = {"sent", "failed", "not_allowed"};
+
 constexpr const char* label_of(media::DecodeResult result) {
     switch (result) {
         case media::DecodeResult::OK:
@@ -83,6 +85,10 @@ class Metrics::Impl {
         for (std::size_t i = 0; i < packets.size(); ++i) {
             packets[i] = &labelled("packets_total", "Packets of each type", "type", TYPE_NAMES[i]);
         }
+        for (std::size_t i = 0; i < reports.size(); ++i) {
+            reports[i] = &labelled("reports_total", "Reports to the report nodes of calls",
+                                   "result", REPORT_RESULTS[i]);
+        }
         for (std::size_t i = 0; i < DROP_COUNT; ++i) {
             dropped[i] = &labelled("unused_packets_total", "Packets that were not used", "reason",
                                    name_of(static_cast<Drop>(i)));
@@ -148,6 +154,7 @@ class Metrics::Impl {
     Gauge& open_files;
     Gauge& receive_buffer;
     std::array<Counter*, 4> packets{};
+    std::array<Counter*, REPORT_RESULTS.size()> reports{};
     std::array<Counter*, DROP_COUNT> dropped{};
     std::array<Counter*, media::DECODE_RESULT_COUNT> malformed{};  // The first is unused.
 };
@@ -177,6 +184,9 @@ void Metrics::update(const NodeFigures& figures) {
     set(impl_->pauses, totals.pauses);
     set(impl_->assumed_rates, totals.assumed_rates);
     set(impl_->file_errors, totals.file_errors);
+    set(*impl_->reports[0], figures.reports.sent);
+    set(*impl_->reports[1], figures.reports.failed);
+    set(*impl_->reports[2], figures.reports.not_allowed);
     impl_->calls.Set(static_cast<double>(figures.calls));
     impl_->open_files.Set(static_cast<double>(figures.open_files));
     impl_->receive_buffer.Set(figures.receive_buffer);

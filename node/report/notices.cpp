@@ -97,6 +97,16 @@ void Notices::not_allowed(std::uint64_t total, const sockaddr_in& source) {
     }
 }
 
+void Notices::reports_not_allowed(const ReportFigures& figures) {
+    const std::uint64_t fresh =
+        figures.not_allowed - std::exchange(reported_refused_reports_, figures.not_allowed);
+    if (fresh != 0 && !quiet_lines_) {
+        lines_.say("report node not allowed",
+                   "did not send " + counted(fresh, "report") + ", the latest to " +
+                       address_text(figures.latest_not_allowed) + " (see --report-to)");
+    }
+}
+
 void Notices::too_many_calls(std::uint64_t total) {
     const std::uint64_t fresh = total - std::exchange(reported_too_many_, total);
     if (fresh != 0 && !quiet_lines_) {

@@ -9,6 +9,7 @@
 #include "node/audio/open_list.h"
 #include "node/calls/types.h"
 #include "node/report/event_log.h"
+#include "node/report/figures.h"
 #include "node/report/line_report.h"
 #include "quorvane/media_packet.h"
 
@@ -31,6 +32,8 @@ class Notices {
     // Datagrams of senders that are not allowed since the beginning, the latest of them from
     // `source`; reports what is new.
     void not_allowed(std::uint64_t total, const sockaddr_in& source);
+    // Reports to addresses that are not allowed since the beginning; reports what is new.
+    void reports_not_allowed(const ReportFigures& figures);
     // Packets of calls beyond the limit since the beginning; reports what is new.
     void too_many_calls(std::uint64_t total);
 
@@ -41,6 +44,7 @@ class Notices {
     std::uint64_t reported_overflow_ = 0;
     std::uint64_t reported_not_allowed_ = 0;
     std::uint64_t reported_too_many_ = 0;
+    std::uint64_t reported_refused_reports_ = 0;
 };
 
 }  // namespace qv::node

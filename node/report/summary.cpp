@@ -36,6 +36,19 @@ void print_unused(LineReport& lines, const NodeFigures& figures) {
     }
 }
 
+void print_reports(LineReport& lines, const ReportFigures& reports) {
+    if (reports.sent != 0) {
+        lines.say("  reports sent: " + grouped(reports.sent), "");
+    }
+    if (reports.failed != 0) {
+        lines.say("  reports not sent: " + grouped(reports.failed), "the system refused them");
+    }
+    if (reports.not_allowed != 0) {
+        lines.say("  reports not sent: " + grouped(reports.not_allowed),
+                  "report node is not allowed");
+    }
+}
+
 }  // namespace
 
 void print_summary(LineReport& lines, const NodeFigures& figures, const LostEvents& lost_events) {
@@ -44,6 +57,7 @@ void print_summary(LineReport& lines, const NodeFigures& figures, const LostEven
                              grouped(totals.audio_bytes) + " bytes of audio, " +
                              counted(totals.gaps, "gap"));
     print_unused(lines, figures);
+    print_reports(lines, figures.reports);
     if (totals.file_errors != 0) {
         lines.say("  not written: " + counted(totals.file_errors, "file"), "");
     }

@@ -3,10 +3,12 @@
 usage: node_hearing_test.py QUORVANE_NODE GOLDEN_FOLDER
 """
 import array
+import json
 import math
 import pathlib
 import random
 import signal
+import socket
 import struct
 import subprocess
 import sys
@@ -17,6 +19,7 @@ import wave
 from end_to_end_test import (NODE, Node, golden, listed_event_fields, of_call, samples,
                              uuid_of)
 
+LISTENER = pathlib.Path(__file__).resolve().parents[2] / "examples" / "report_listener.py"
 RATE = 8000
 FRAME = 160
 # The features' bits: originator, terminator.
@@ -267,6 +270,98 @@ class Hearing(unittest.TestCase):
             call.speak(buzz(0.5))
             call.end()
             self.assertEqual(list(node.folder.iterdir()), [])
+
+
+class Reports(unittest.TestCase):
+    """What the report node of a call gets."""
+
+    def setUp(self):
+        self.receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(self.receiver.close)
+        self.receiver.bind(("127.0.0.1", 0))
+        self.address = self.receiver.getsockname()
+
+    def reports(self):
+        """What came by now, each in one datagram; the time is checked and taken out."""
+        self.receiver.setblocking(False)
+        found = []
+        while True:
+            try:
+                datagram = self.receiver.recv(65536)
+            except BlockingIOError:
+                return found
+            self.assertLessEqual(len(datagram), 1200)
+            found.append(json.loads(datagram))
+            self.assertRegex(found[-1].pop("time"), r"^\d{4}-\d\d-\d\dT[\d:.]+Z$")
+
+    def heard_call(self, *options, report_node=None):
+        """A call with a sample; returns the events of the kinds that are reported, and the text."""
+        with tempfile.TemporaryDirectory() as folder:
+            write_wav(pathlib.Path(folder) / "greeting.wav", buzz(2, 42))
+            with Node("--rate", str(RATE), "--events", "-", "--samples", folder,
+                      *options) as node:
+                call = SentCall(node, 1, active=ACTIVITY[ORIGINATOR] | DETECTION[ORIGINATOR],
+                                report_node=report_node or self.address)
+                call.speak(silence(1) + buzz(2, 42) + silence(1), silence(4))
+                call.end()
+                self.assertEqual(node.stop(), 0)
+                kinds = ("start", "activity", "sample", "end")
+                events = [event for event in node.events() if event["event"] in kinds]
+                for event in events:
+                    del event["time"]
+                return events, node.text()
+
+    def test_report_node_gets_the_events_of_its_call(self):
+        events, text = self.heard_call("--reports")
+        reports = self.reports()
+        self.assertEqual([report["event"] for report in reports],
+                         ["start", "activity", "sample", "activity", "end"])
+        end, reported_end = events.pop(), reports.pop()
+        self.assertEqual(reports, events)
+        for name in reported_end.pop("shortened", []):
+            del end[name]
+        self.assertEqual(reported_end, end)
+        self.assertRegex(text, r"reports sent: 5\n")
+
+    def test_nothing_is_reported_unless_asked_for(self):
+        self.heard_call()
+        self.assertEqual(self.reports(), [])
+
+    def test_report_node_outside_the_networks_gets_nothing(self):
+        _, text = self.heard_call("--reports", "--report-to", "192.0.2.0/24")
+        self.assertEqual(self.reports(), [])
+        self.assertRegex(text, r"reports not sent: 5 +report node is not allowed")
+        self.assertRegex(text, r"report node not allowed .*127\.0\.0\.1:%d" % self.address[1])
+
+    def test_report_node_in_one_of_the_networks_gets_reports(self):
+        self.heard_call("--reports", "--report-to", "192.0.2.0/24", "--report-to", "127.0.0.1")
+        self.assertEqual(len(self.reports()), 5)
+
+    def test_example_prints_the_reports(self):
+        self.receiver.close()
+        listener = subprocess.Popen(
+            [sys.executable, LISTENER, "--listen", "127.0.0.1:0"], stdout=subprocess.PIPE,
+            text=True)
+        self.addCleanup(listener.stdout.close)
+        self.addCleanup(listener.wait)
+        self.addCleanup(listener.kill)
+        port = int(listener.stdout.readline().rpartition(":")[2])
+        self.heard_call("--reports", report_node=("127.0.0.1", port))
+        lines = [listener.stdout.readline().rstrip("\n").split(uuid_of(1) + "  ")[1]
+                 for _ in range(5)]
+        self.assertRegex(lines[0], "^begins, reference '")
+        self.assertRegex(lines[1], r"^activity begins at (1\.0|0\.9)\d\d s of the originator$")
+        self.assertRegex(lines[2], r"^sample 'greeting' at (1\.0|0\.9)\d\d s of the originator, ")
+        self.assertRegex(lines[3], r"^activity ends at (3\.0|2\.9)\d\d s of the originator$")
+        self.assertEqual(lines[4],
+                         "ends: terminated, originator 4.0 s, terminator 4.0 s")
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
+            for datagram in (b"\x1b[2J", b"[1]", b'{"event":"\\u001b[2J"}', b"\xff", b"",
+                             b'{"time":"\\u001b[2J","call_uuid":[],"event":"end","reason":"x"}',
+                             100_000 * b"["[:1]):
+                stranger.sendto(datagram[:60_000], ("127.0.0.1", port))
+                line = listener.stdout.readline().rstrip("\n")
+                self.assertTrue(line.isprintable(), repr(line))
 
 
 if __name__ == "__main__":

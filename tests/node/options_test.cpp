@@ -53,6 +53,17 @@ TEST_F(NodeOptionsTest, SwitchesAreOffUntilGiven) {
                 options_.overwrite && options_.live && options_.timeline && options_.every_packet);
 }
 
+TEST_F(NodeOptionsTest, NetworksForReportsNeedReports) {
+    EXPECT_EQ(parse({}), std::nullopt);
+    EXPECT_FALSE(options_.reports);
+    EXPECT_EQ(parse({"--reports", "--report-to", "192.0.2.0/24", "--report-to", "10.0.0.1"}),
+              std::nullopt);
+    EXPECT_TRUE(options_.reports);
+    EXPECT_EQ(options_.reported_to.size(), 2u);
+    EXPECT_EQ(parse({"--report-to", "192.0.2.0/24"}), EXIT_USAGE);
+    EXPECT_EQ(parse({"--reports", "--report-to", "192.0.2.0/33"}), EXIT_USAGE);
+}
+
 TEST_F(NodeOptionsTest, NetworksOfSendersAreGathered) {
     parse({});
     EXPECT_TRUE(options_.allowed.empty());

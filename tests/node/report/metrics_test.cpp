@@ -56,6 +56,7 @@ class MetricsTest : public testing::Test {
         figures.open_files = open_files_;
         figures.receive_buffer = receive_buffer_;
         figures.calls_not_written = calls_not_written_;
+        figures.reports = reports_;
         metrics_.update(figures);
     }
     // In what the server told last, or tells now.
@@ -76,6 +77,7 @@ class MetricsTest : public testing::Test {
     std::size_t open_files_ = 0;
     int receive_buffer_ = 0;
     std::uint64_t calls_not_written_ = 0;
+    ReportFigures reports_;
     std::string told_;
 };
 
@@ -200,6 +202,14 @@ TEST_F(MetricsTest, OpenDescriptorsAreCounted) {
 TEST(MetricsPortTest, APortInUseIsRefused) {
     Metrics first(loopback(0));
     EXPECT_THROW(Metrics second(loopback(first.port())), std::exception);
+}
+
+TEST_F(MetricsTest, ReportsAreCountedByWhatBecameOfThem) {
+    reports_ = {5, 2, 1, {}};
+    update();
+    EXPECT_TRUE(shows("quorvane_node_reports_total{result=\"sent\"} 5"));
+    EXPECT_TRUE(shows("quorvane_node_reports_total{result=\"failed\"} 2"));
+    EXPECT_TRUE(shows("quorvane_node_reports_total{result=\"not_allowed\"} 1"));
 }
 
 }  // namespace

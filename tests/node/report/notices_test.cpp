@@ -1,5 +1,6 @@
 #include "node/report/notices.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -111,6 +112,20 @@ TEST_F(NoticesTest, WithoutAnEventLogThereAreLines) {
     plain.overflowed(1);
     EXPECT_EQ(events(), 0u);
     EXPECT_NE(lines(), "");
+}
+
+TEST_F(NoticesTest, ReportNodeThatIsNotAllowedIsNamedOnceForAllThatIsNew) {
+    ReportFigures figures;
+    notices_.reports_not_allowed(figures);
+    EXPECT_EQ(lines(), "");
+    figures.not_allowed = 3;
+    inet_pton(AF_INET, "192.0.2.7", &figures.latest_not_allowed.sin_addr);
+    figures.latest_not_allowed.sin_port = htons(9);
+    notices_.reports_not_allowed(figures);
+    notices_.reports_not_allowed(figures);
+    EXPECT_EQ(lines(),
+              "report node not allowed               did not send 3 reports, the latest to "
+              "192.0.2.7:9 (see --report-to)|");
 }
 
 }  // namespace

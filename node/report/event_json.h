@@ -1,0 +1,32 @@
+// Events as JSON objects, for all that writes or sends them. docs/node.md lists the events and
+// their fields. No state; any thread that may use the call may call.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "node/calls/call.h"
+#include "node/calls/call_listener.h"
+#include "quorvane/media_packet.h"
+
+namespace qv::node {
+
+nlohmann::json features_json(media::features16_t features);
+
+// These fields, and those that every packet has.
+nlohmann::json packet_json(const media::Packet& packet, nlohmann::json fields);
+nlohmann::json data_json(const media::Packet& packet);
+
+// The fields of the events of these names.
+nlohmann::json start_json(const Call& call, const media::Packet& packet);
+nlohmann::json activity_json(const Call& call, Side side, const Activity& activity);
+nlohmann::json sample_json(const Call& call, Side side, const FoundSample& sample);
+nlohmann::json end_json(const Call& call, EndReason reason);
+
+// These fields, and those that name the call.
+nlohmann::json of_call(const Call& call, const nlohmann::json& fields);
+
+// The event on one line, without the line's end. Bytes that are not UTF-8 are replaced.
+std::string event_text(const char* event, const nlohmann::json& fields);
+
+}  // namespace qv::node

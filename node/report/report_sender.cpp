@@ -1,0 +1,158 @@
+#include "node/report/report_sender.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "node/calls/call.h"
+#include "node/report/event_json.h"
+#include "tools/utf8.h"
+
+namespace qv::node {
+
+namespace {
+
+using Json = nlohmann::json;
+
+int open_socket() {
+    const int descriptor = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        throw std::system_error(errno, std::generic_category());
+    }
+    return descriptor;
+}
+
+sockaddr_in report_node_of(const media::Packet& packet) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(packet.report_node_port);
+    std::memcpy(&address.sin_addr, packet.report_node_address, sizeof address.sin_addr);
+    return address;
+}
+
+// Without the quotation marks.
+std::size_t json_size(std::string_view text) {
+    return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace).size() - 2;
+}
+
+// The beginning of the text, whole characters, that takes at most `room` bytes in JSON.
+std::string beginning_of(std::string_view text, std::size_t room) {
+    std::size_t size = 0;
+    while (size < text.size()) {
+        const std::size_t next = tools::first_character(text.substr(size)).size;
+        const std::size_t taken = json_size(text.substr(size, next));
+        if (taken > room) {
+            break;
+        }
+        room -= taken;
+        size += next;
+    }
+    return std::string(text.substr(0, size));
+}
+
+void cut_text(const char* event, Json& fields, const char* name) {
+    const std::string text = std::exchange(fields[name], "").get<std::string>();
+    const std::size_t others = event_text(event, fields).size();
+    fields[name] =
+        beginning_of(text, ReportSender::LONGEST - std::min(others, ReportSender::LONGEST));
+}
+
+}  // namespace
+
+std::string report_text(const char* event, Json fields) {
+    constexpr std::array<const char*, 4> may_go = {"files", "sides", "call_reference", "sample"};
+    std::string text = event_text(event, fields);
+    for (const char* name : may_go) {
+        if (text.size() <= ReportSender::LONGEST) {
+            break;
+        }
+        if (!fields.contains(name)) {
+            continue;
+        }
+        fields["shortened"].push_back(name);
+        if (fields[name].is_string()) {
+            cut_text(event, fields, name);
+        } else {
+            fields.erase(name);
+        }
+        text = event_text(event, fields);
+    }
+    return text;
+}
+
+// Reports nothing before the start packet has named a report node.
+class ReportSender::ReportedCall : public CallListener {
+  public:
+    explicit ReportedCall(ReportSender& sender) : sender_(sender) {}
+
+    void started(const Call& call, const media::Packet& packet) override {
+        if (packet.report_node_given()) {
+            to_ = report_node_of(packet);
+            report("start", call, start_json(call, packet));
+        }
+    }
+
+    void activity(const Call& call, Side side, const Activity& activity) override {
+        if (to_.has_value()) {
+            report("activity", call, activity_json(call, side, activity));
+        }
+    }
+
+    void sample_found(const Call& call, Side side, const FoundSample& sample) override {
+        if (to_.has_value()) {
+            report("sample", call, sample_json(call, side, sample));
+        }
+    }
+
+    void ended(const Call& call, EndReason reason) override {
+        if (to_.has_value()) {
+            report("end", call, end_json(call, reason));
+        }
+    }
+
+  private:
+    void report(const char* event, const Call& call, const Json& fields) {
+        sender_.send(*to_, report_text(event, of_call(call, fields)));
+    }
+
+    ReportSender& sender_;
+    std::optional<sockaddr_in> to_;
+};
+
+ReportSender::ReportSender(std::vector<Network> networks)
+    : networks_(std::move(networks)), socket_(open_socket()) {}
+
+ReportSender::~ReportSender() {
+    ::close(socket_);
+}
+
+std::unique_ptr<CallListener> ReportSender::begin_call(Call& /*call*/) {
+    return std::make_unique<ReportedCall>(*this);
+}
+
+bool ReportSender::is_allowed(const sockaddr_in& address) const {
+    return std::any_of(networks_.begin(), networks_.end(),
+                       [&](const Network& network) { return network.contains(address); });
+}
+
+void ReportSender::send(const sockaddr_in& to, const std::string& text) {
+    if (!is_allowed(to)) {
+        ++figures_.not_allowed;
+        figures_.latest_not_allowed = to;
+        return;
+    }
+    const ssize_t sent = ::sendto(socket_, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    ++(sent == static_cast<ssize_t>(text.size()) ? figures_.sent : figures_.failed);
+}
+
+}  // namespace qv::node
