@@ -544,8 +544,8 @@ inline run_api_command(s, k) {
 
 /* ---- events ------------------------------------------------------------------------ */
 
-/* code: module/mod_quorvane.cpp take_context: contexts_lock; remove_context
- * code: module/mod_quorvane.cpp remove_contexts_of_other_names: contexts_lock; find_context;
+/* code: module/leftover_contexts.cpp take_context: contexts_lock; remove_context
+ * code: module/leftover_contexts.cpp remove_contexts_of_other_names: contexts_lock; find_context;
  *       created_time == 0; remove_context; other_names.erase
  * code: module/mod_quorvane.cpp channel_destroy_handler: take_context;
  *       remove_contexts_of_other_names; created_time != 0 */
@@ -586,8 +586,8 @@ inline channel_destroy_handler(k) {
 /* ---- load and shutdown ------------------------------------------------------------- */
 
 /* An object that stayed mapped has missed the end of calls.
- * code: module/mod_quorvane.cpp idle_contexts: contexts_lock; is_only_registered
- * code: module/mod_quorvane.cpp drop_contexts_of_ended_calls: idle_contexts(; is_alive;
+ * code: module/leftover_contexts.cpp idle_contexts: contexts_lock; is_only_registered
+ * code: module/leftover_contexts.cpp drop_contexts_of_ended_calls: idle_contexts(; is_alive;
  *       contexts_lock; remove_context */
 inline drop_contexts_of_ended_calls() {
     for (k : 0 .. KEYS - 1) {
@@ -869,7 +869,7 @@ proctype event_thread() {
 
 /* Without a reference the object goes, and its static objects with it, also what is left in
  * the registry. A load makes them anew.
- * code: module/mod_quorvane.cpp free_left_contexts: contexts_lock; remove_context */
+ * code: module/leftover_contexts.cpp free_left_contexts: contexts_lock; remove_context */
 inline host_unmap() {
     if
     :: !host_reference && !reference && postponed == 0 ->

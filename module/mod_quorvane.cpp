@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <iostream>  // The standard streams stand before the objects below, and after them.
 #include <iterator>
-#include <map>
 #include <new>
 #include <optional>
 #include <string>
@@ -19,8 +18,10 @@
 #include "module/context_configuration.h"
 #include "module/event_text.h"
 #include "module/host_log.h"
+#include "module/leftover_contexts.h"
 #include "module/module_context.h"
 #include "module/module_interface.h"
+#include "module/undestroyed.h"
 #include "quorvane_lib/utils_path.h"
 
 namespace qv::freeswitch {
@@ -32,19 +33,6 @@ namespace {
 const std::string CONFIG_FILE_PATH =
     conf::default_base_directory + utils::path::LINUX_PATH_SEPARATOR::STR + "quorvane" +
     utils::path::LINUX_PATH_SEPARATOR::STR + "freeswitch_mod" + conf::default_conf_ext;
-
-// Storage for an object that is constructed with the other globals. Nothing destroys it unless
-// EndOfState does.
-template <class Object>
-union Undestroyed {
-    Undestroyed() : object() {}
-    Undestroyed(const Undestroyed&) = delete;
-    Undestroyed& operator=(const Undestroyed&) = delete;
-    // NOLINTNEXTLINE(modernize-use-equals-default): a defaulted one would be deleted.
-    ~Undestroyed() {}
-
-    Object object;
-};
 
 Undestroyed<ModuleContext> context_room;
 ModuleContext& global = context_room.object;
@@ -70,18 +58,10 @@ struct EndOfState {
         if (ties.bugs.may_be_called()) {
             return;
         }
-        free_left_contexts();
+        // No context that is still registered has a media bug at this point.
+        free_left_contexts(global);
         ties.~Ties();
         global.~ModuleContext();
-    }
-
-  private:
-    // No context that is still registered has a media bug at this point.
-    static void free_left_contexts() {
-        const RegistryGuard guard(global.contexts_lock);
-        while (!global.contexts.empty()) {
-            remove_context(global.contexts, global.contexts.begin()->first);
-        }
     }
 };
 EndOfState end_of_state;
@@ -336,25 +316,6 @@ SWITCH_STANDARD_API(execute_quorvane_api) {
 
 // ---- events -----------------------------------------------------------------------
 
-ContextReference take_context(std::uint64_t id) {
-    const RegistryGuard guard(global.contexts_lock);
-    std::optional<ContextReference> entry = remove_context(global.contexts, id);
-    return entry ? std::move(*entry) : ContextReference();
-}
-
-// API commands may have added contexts under other names of the session. They end with it.
-void remove_contexts_of_other_names(std::uint64_t session_key) {
-    const RegistryGuard guard(global.contexts_lock);
-    const auto [first, last] = global.other_names.equal_range(session_key);
-    for (auto name = first; name != last; ++name) {
-        const AppContext* context = find_context(global.contexts, name->second);
-        if (context != nullptr && context->created_time == 0) {
-            remove_context(global.contexts, name->second);
-        }
-    }
-    global.other_names.erase(first, last);
-}
-
 // Frees contexts whose bug was never attached or whose application never ran. The event's UUID
 // may be wrong: a context that is in use loses only its registry entry.
 void channel_destroy_handler(switch_event_t* event) {
@@ -369,8 +330,8 @@ void channel_destroy_handler(switch_event_t* event) {
         log_line<log::ERROR>(QV_PLACE, "MAGIC: failed to parse session uuid: ", uuid_text);
         return;
     }
-    const ContextReference context = take_context(call.id);
-    remove_contexts_of_other_names(call.id);
+    const ContextReference context = take_context(global, call.id);
+    remove_contexts_of_other_names(global, call.id);
     if (!context) {
         return;
     }
@@ -432,50 +393,6 @@ void reset_settings() {
     log::Logger::install(Logger::write, nullptr, nullptr);
     log::Logger::set_level(log::INFO);
     global.config = Configuration();
-}
-
-bool is_alive(const std::string& session_uuid) {
-    switch_core_session_t* session = switch_core_session_perform_locate(
-        session_uuid.c_str(), log::source_base_name(__FILE__), LOAD, __LINE__);
-    if (session != nullptr) {
-        switch_core_session_rwunlock(session);
-    }
-    return session != nullptr;
-}
-
-void forget_other_names_without_context() {
-    const RegistryGuard guard(global.contexts_lock);
-    for (auto name = global.other_names.begin(); name != global.other_names.end();) {
-        const bool gone = find_context(global.contexts, name->second) == nullptr;
-        name = gone ? global.other_names.erase(name) : std::next(name);
-    }
-}
-
-// The contexts that only the registry references: their keys and the UUIDs of their sessions.
-std::map<std::uint64_t, std::string> idle_contexts() {
-    std::map<std::uint64_t, std::string> idle;
-    const RegistryGuard guard(global.contexts_lock);
-    for (const auto& [id, context] : global.contexts) {
-        if (context != nullptr && context->is_only_registered() &&
-            *context->session_uuid() != '\0') {
-            idle.emplace(id, context->session_uuid());
-        }
-    }
-    return idle;
-}
-
-// A shared object that stayed mapped received no channel-destroy events while the module was
-// unloaded, so contexts of calls without a media bug are left over. Call it once the hook is
-// bound again: later events are not missed.
-void drop_contexts_of_ended_calls() {
-    // Sessions are located without the registry lock: a session's read lock is taken first.
-    for (const auto& [id, session_uuid] : idle_contexts()) {
-        if (!is_alive(session_uuid)) {
-            const RegistryGuard guard(global.contexts_lock);
-            remove_context(global.contexts, id);
-        }
-    }
-    forget_other_names_without_context();
 }
 
 bool read_configuration() {
@@ -571,7 +488,7 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
     if (!bind_events()) {
         return SWITCH_STATUS_TERM;
     }
-    drop_contexts_of_ended_calls();
+    drop_contexts_of_ended_calls(global, QV_PLACE);
     ties.bugs.loaded();
     log_line<log::SYSTEM>(QV_PLACE, "module has been loaded");
     return SWITCH_STATUS_SUCCESS;
