@@ -48,148 +48,114 @@ struct Ties {
 Undestroyed<Ties> ties_room;
 Ties& ties = ties_room.object;
 
-// Destroys both objects when the shared object is unmapped. If the host ends the process with
-// exit() while calls are tapped, their threads run until the process is gone, so both are kept.
-struct EndOfState {
-    EndOfState() = default;
-    EndOfState(const EndOfState&) = delete;
-    EndOfState& operator=(const EndOfState&) = delete;
-    ~EndOfState() {
-        if (ties.bugs.may_be_called()) {
-            return;
-        }
-        // No context that is still registered has a media bug at this point.
-        free_left_contexts(global);
-        ties.~Ties();
-        global.~ModuleContext();
-    }
-};
-EndOfState end_of_state;
+// What load gives to the host, in the order in which the host calls it.
+SWITCH_STANDARD_APP(execute_quorvane_app);
+switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc_type_t type);
+SWITCH_STANDARD_API(execute_quorvane_api);
+void channel_destroy_handler(switch_event_t* event);
+// The handler of every event in this mode; null if there is none.
+switch_event_callback_t dump_handler(DumpMode mode);
 
-// ---- media bug --------------------------------------------------------------------
+// ---- load -------------------------------------------------------------------------
 
-constexpr const char* MEDIA_HANDLER = "media_handler";
+constexpr const char* LOAD = "mod_quorvane_load";
 
-bool start_transfer(switch_core_session_t* session, AppContext& context) {
-    global.transfer.wait_to_start();
-    const ContextGuard guard(context.context_lock);
-    // Requests that API commands made before the call's media started take effect now.
-    media::merge_features(context.features, context.requested_features);
-    context.requested_features = context.features;
-    context.start_sent = global.transfer.media_start(session, context);
-    return context.start_sent;
+// A shared object that stayed mapped after an unload keeps its state. The settings return to
+// their defaults; contexts, hooks and the socket stay as they are.
+void reset_settings() {
+    log::Logger::install(Logger::write, nullptr, nullptr);
+    log::Logger::set_level(log::INFO);
+    global.config = Configuration();
 }
 
-switch_bool_t handle_init(switch_core_session_t* session, AppContext& context) {
-    if (!start_transfer(session, context)) {
-        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
-                                     "media transfer start failed");
-        return SWITCH_FALSE;
+bool read_configuration() {
+    // Always empty: the host passes no arguments to a module.
+    const std::string arguments;
+    if (!global.config.parse_file(CONFIG_FILE_PATH)) {
+        return false;
     }
-    log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER), "media transfer started");
-    return SWITCH_TRUE;
+    // A folder can be opened like a file, but contains no lines.
+    struct stat status {};
+    if (::stat(CONFIG_FILE_PATH.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+        log_line<log::WARNING>(QV_PLACE_IN(LOAD), "config file [", CONFIG_FILE_PATH,
+                               "] is a folder: default values are used");
+    }
+    return arguments.empty() || global.config.parse_args(arguments);
 }
 
-void handle_frame(switch_core_session_t* session, AppContext& context, std::uint8_t leg,
-                  const switch_frame_t* frame) {
-    if (!global.transfer.media_data(session, context, leg, frame)) {
-        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
-                                     "media transfer failed to send ",
-                                     leg == media::READ_LEG ? "read" : "write", " frame");
+void unbind(switch_event_node_t*& hook) {
+    if (hook != nullptr) {
+        switch_event_unbind(&hook);
     }
 }
 
-void report_transfer(switch_core_session_t* session, const AppContext& context) {
-    const LegStream& read = context.legs[media::READ_LEG];
-    const LegStream& write = context.legs[media::WRITE_LEG];
-    const std::uint32_t odd_frames = read.odd_frames + write.odd_frames;
-    if (odd_frames != 0) {
-        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER), "detected (", odd_frames,
-                                     ") odd frames");
-    }
-    // The spelling of "transfered" is kept. See docs/design.md, Odd on purpose: texts.
-    log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER), "transfered ", read.bytes_sent,
-                                "/", write.bytes_sent, " bytes of media");
+bool bind(const char* owner, switch_event_types_t event, switch_event_callback_t callback,
+          switch_event_node_t*& hook) {
+    // An earlier load that failed may have left its hook bound.
+    unbind(hook);
+    return switch_event_bind_removable(owner, event, SWITCH_EVENT_SUBCLASS_ANY, callback, nullptr,
+                                       &hook) == SWITCH_STATUS_SUCCESS;
 }
 
-// Returns false if the call has no registry entry.
-bool unregister(const AppContext& context) {
-    std::optional<ContextReference> entry;
-    const RegistryGuard guard(global.contexts_lock);
-    entry = remove_context(global.contexts, context.id);
-    return entry.has_value();
+bool bind_events() {
+    if (!bind("mod_quorvane", SWITCH_EVENT_CHANNEL_DESTROY, channel_destroy_handler,
+              ties.channel_destroy_hook)) {
+        switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
+                          nullptr, SWITCH_LOG_ERROR,
+                          "[quorvane]: couldn't bind channel destroy event hook!\n");
+        return false;
+    }
+    const switch_event_callback_t dump_callback = dump_handler(global.config.dump_mode);
+    if (dump_callback != nullptr &&
+        !bind(modname, SWITCH_EVENT_ALL, dump_callback, ties.dump_event_hook)) {
+        switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
+                          nullptr, SWITCH_LOG_ERROR, "[quorvane]: couldn't bind event hook!\n");
+        // The first hook stays bound although the host now closes this shared object.
+        ties.bugs.load_left_a_hook();
+        return false;
+    }
+    return true;
 }
 
-void attach(AppContext& context) {
-    ties.bugs.add();
-    context.lend_to_bug();
-}
+}  // namespace
 
-// Returns the reference of a closing bug. If the host had refused the bug, its reference was
-// returned already, and the bug is counted again until its event ends. The registry then keeps
-// the context until the end of the call.
-ContextReference detach(AppContext& context) {
-    ContextReference reference = context.take_back_from_bug();
-    if (!reference) {
-        ties.bugs.add();
-        reference = ContextReference(&context);
+// A step is not undone when a later one fails. See docs/design.md, Odd on purpose: load.
+switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_interface,
+                                  switch_memory_pool_t* pool) {
+    reset_settings();
+    log_line<log::SYSTEM>(QV_PLACE, "build version: \"", QUORVANE_BUILD_IDENTIFIER, "\"");
+    if (!read_configuration()) {
+        log_line<log::ERROR>(QV_PLACE, "failed to load config file [", CONFIG_FILE_PATH, "]");
+        return SWITCH_STATUS_TERM;
     }
-    return reference;
-}
+    if (global.config.level < log::ERROR) {
+        // The module does not catch this std::string. See docs/design.md, Odd on purpose: load.
+        throw std::string("impossible to set log level stricter than 'error' level");
+    }
+    log::Logger::set_level(global.config.level);
+    log_line<log::SYSTEM>(QV_PLACE, "configuration loaded");
 
-// Takes back the reference of a bug that the host refused, unless its close event did.
-void forget_refused_bug(AppContext& context) {
-    if (context.take_back_from_bug()) {
-        ties.bugs.remove();
+    if (!ties.bugs.open_socket()) {
+        return SWITCH_STATUS_TERM;
     }
-}
+    log_line<log::SYSTEM>(QV_PLACE, "transfer socket opened");
 
-// Handles the last event of a bug. The caller drops the bug's reference afterwards.
-void handle_close(switch_core_session_t* session, const ContextReference& context) {
-    if (global.transfer.media_terminate(session, *context)) {
-        log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER),
-                                    "media transfer terminated");
-    } else {
-        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
-                                     "media transfer termination failed");
+    *module_interface = switch_loadable_module_create_module_interface(pool, modname);
+    register_application(*module_interface, execute_quorvane_app);
+    register_api(*module_interface, execute_quorvane_api);
+    register_completions();
+    if (!bind_events()) {
+        return SWITCH_STATUS_TERM;
     }
-    report_transfer(session, *context);
-    if (!unregister(*context)) {
-        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
-                                     "MAGIC: app context is not found on media transfer "
-                                     "termination");
-    }
-}
-
-// Only reads the frames: the call's audio stays unchanged.
-switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc_type_t type) {
-    if (bug == nullptr || user_data == nullptr) {
-        return SWITCH_FALSE;
-    }
-    auto* context = static_cast<AppContext*>(user_data);
-    switch_core_session_t* session = switch_core_media_bug_get_session(bug);
-    switch (type) {
-        case SWITCH_ABC_TYPE_INIT:
-            return handle_init(session, *context);
-        case SWITCH_ABC_TYPE_WRITE_REPLACE:
-            handle_frame(session, *context, media::WRITE_LEG,
-                         switch_core_media_bug_get_write_replace_frame(bug));
-            break;
-        case SWITCH_ABC_TYPE_READ_REPLACE:
-            handle_frame(session, *context, media::READ_LEG,
-                         switch_core_media_bug_get_read_replace_frame(bug));
-            break;
-        case SWITCH_ABC_TYPE_CLOSE:
-            handle_close(session, detach(*context));
-            ties.bugs.remove();
-            break;
-        default:
-            break;
-    }
-    return SWITCH_TRUE;
+    drop_contexts_of_ended_calls(global, QV_PLACE);
+    ties.bugs.loaded();
+    log_line<log::SYSTEM>(QV_PLACE, "module has been loaded");
+    return SWITCH_STATUS_SUCCESS;
 }
 
 // ---- application ------------------------------------------------------------------
+
+namespace {
 
 // The host's read-replace and write-replace flags, and bit 30. Current host headers have no name
 // for bit 30; the host stores it and does not use it.
@@ -250,6 +216,18 @@ void report_refused_bug(switch_core_session_t* session, switch_channel_t* channe
                                  ", CF_MEDIA: ", media, ", state: ", state, ", cause: ", cause);
 }
 
+void attach(AppContext& context) {
+    ties.bugs.add();
+    context.lend_to_bug();
+}
+
+// Takes back the reference of a bug that the host refused, unless its close event did.
+void forget_refused_bug(AppContext& context) {
+    if (context.take_back_from_bug()) {
+        ties.bugs.remove();
+    }
+}
+
 void attach_media_bug(switch_core_session_t* session, switch_channel_t* channel,
                       AppContext& context) {
     if (!switch_channel_test_ready(channel, SWITCH_TRUE, SWITCH_TRUE)) {
@@ -300,6 +278,117 @@ SWITCH_STANDARD_APP(execute_quorvane_app) {
     } catch (const std::bad_alloc&) {
         log_session_line<log::ERROR>(session, QV_PLACE, "out of memory: call is not tapped");
     }
+}
+
+// ---- media bug --------------------------------------------------------------------
+
+constexpr const char* MEDIA_HANDLER = "media_handler";
+
+bool start_transfer(switch_core_session_t* session, AppContext& context) {
+    global.transfer.wait_to_start();
+    const ContextGuard guard(context.context_lock);
+    // Requests that API commands made before the call's media started take effect now.
+    media::merge_features(context.features, context.requested_features);
+    context.requested_features = context.features;
+    context.start_sent = global.transfer.media_start(session, context);
+    return context.start_sent;
+}
+
+switch_bool_t handle_init(switch_core_session_t* session, AppContext& context) {
+    if (!start_transfer(session, context)) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
+                                     "media transfer start failed");
+        return SWITCH_FALSE;
+    }
+    log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER), "media transfer started");
+    return SWITCH_TRUE;
+}
+
+void handle_frame(switch_core_session_t* session, AppContext& context, std::uint8_t leg,
+                  const switch_frame_t* frame) {
+    if (!global.transfer.media_data(session, context, leg, frame)) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
+                                     "media transfer failed to send ",
+                                     leg == media::READ_LEG ? "read" : "write", " frame");
+    }
+}
+
+void report_transfer(switch_core_session_t* session, const AppContext& context) {
+    const LegStream& read = context.legs[media::READ_LEG];
+    const LegStream& write = context.legs[media::WRITE_LEG];
+    const std::uint32_t odd_frames = read.odd_frames + write.odd_frames;
+    if (odd_frames != 0) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER), "detected (", odd_frames,
+                                     ") odd frames");
+    }
+    // The spelling of "transfered" is kept. See docs/design.md, Odd on purpose: texts.
+    log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER), "transfered ", read.bytes_sent,
+                                "/", write.bytes_sent, " bytes of media");
+}
+
+// Returns false if the call has no registry entry.
+bool unregister(const AppContext& context) {
+    std::optional<ContextReference> entry;
+    const RegistryGuard guard(global.contexts_lock);
+    entry = remove_context(global.contexts, context.id);
+    return entry.has_value();
+}
+
+// Returns the reference of a closing bug. If the host had refused the bug, its reference was
+// returned already, and the bug is counted again until its event ends. The registry then keeps
+// the context until the end of the call.
+ContextReference detach(AppContext& context) {
+    ContextReference reference = context.take_back_from_bug();
+    if (!reference) {
+        ties.bugs.add();
+        reference = ContextReference(&context);
+    }
+    return reference;
+}
+
+// Handles the last event of a bug. The caller drops the bug's reference afterwards.
+void handle_close(switch_core_session_t* session, const ContextReference& context) {
+    if (global.transfer.media_terminate(session, *context)) {
+        log_session_line<log::INFO>(session, QV_PLACE_IN(MEDIA_HANDLER),
+                                    "media transfer terminated");
+    } else {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
+                                     "media transfer termination failed");
+    }
+    report_transfer(session, *context);
+    if (!unregister(*context)) {
+        log_session_line<log::ERROR>(session, QV_PLACE_IN(MEDIA_HANDLER),
+                                     "MAGIC: app context is not found on media transfer "
+                                     "termination");
+    }
+}
+
+// Only reads the frames: the call's audio stays unchanged.
+switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc_type_t type) {
+    if (bug == nullptr || user_data == nullptr) {
+        return SWITCH_FALSE;
+    }
+    auto* context = static_cast<AppContext*>(user_data);
+    switch_core_session_t* session = switch_core_media_bug_get_session(bug);
+    switch (type) {
+        case SWITCH_ABC_TYPE_INIT:
+            return handle_init(session, *context);
+        case SWITCH_ABC_TYPE_WRITE_REPLACE:
+            handle_frame(session, *context, media::WRITE_LEG,
+                         switch_core_media_bug_get_write_replace_frame(bug));
+            break;
+        case SWITCH_ABC_TYPE_READ_REPLACE:
+            handle_frame(session, *context, media::READ_LEG,
+                         switch_core_media_bug_get_read_replace_frame(bug));
+            break;
+        case SWITCH_ABC_TYPE_CLOSE:
+            handle_close(session, detach(*context));
+            ties.bugs.remove();
+            break;
+        default:
+            break;
+    }
+    return SWITCH_TRUE;
 }
 
 // ---- API --------------------------------------------------------------------------
@@ -383,47 +472,6 @@ void dump_channel_event_short_handler(switch_event_t* event) {
     }
 }
 
-// ---- load -------------------------------------------------------------------------
-
-constexpr const char* LOAD = "mod_quorvane_load";
-
-// A shared object that stayed mapped after an unload keeps its state. The settings return to
-// their defaults; contexts, hooks and the socket stay as they are.
-void reset_settings() {
-    log::Logger::install(Logger::write, nullptr, nullptr);
-    log::Logger::set_level(log::INFO);
-    global.config = Configuration();
-}
-
-bool read_configuration() {
-    // Always empty: the host passes no arguments to a module.
-    const std::string arguments;
-    if (!global.config.parse_file(CONFIG_FILE_PATH)) {
-        return false;
-    }
-    // A folder can be opened like a file, but contains no lines.
-    struct stat status {};
-    if (::stat(CONFIG_FILE_PATH.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
-        log_line<log::WARNING>(QV_PLACE_IN(LOAD), "config file [", CONFIG_FILE_PATH,
-                               "] is a folder: default values are used");
-    }
-    return arguments.empty() || global.config.parse_args(arguments);
-}
-
-void unbind(switch_event_node_t*& hook) {
-    if (hook != nullptr) {
-        switch_event_unbind(&hook);
-    }
-}
-
-bool bind(const char* owner, switch_event_types_t event, switch_event_callback_t callback,
-          switch_event_node_t*& hook) {
-    // An earlier load that failed may have left its hook bound.
-    unbind(hook);
-    return switch_event_bind_removable(owner, event, SWITCH_EVENT_SUBCLASS_ANY, callback, nullptr,
-                                       &hook) == SWITCH_STATUS_SUCCESS;
-}
-
 switch_event_callback_t dump_handler(DumpMode mode) {
     switch (mode) {
         case DumpMode::ALL:
@@ -438,61 +486,9 @@ switch_event_callback_t dump_handler(DumpMode mode) {
     return nullptr;
 }
 
-bool bind_events() {
-    if (!bind("mod_quorvane", SWITCH_EVENT_CHANNEL_DESTROY, channel_destroy_handler,
-              ties.channel_destroy_hook)) {
-        switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
-                          nullptr, SWITCH_LOG_ERROR,
-                          "[quorvane]: couldn't bind channel destroy event hook!\n");
-        return false;
-    }
-    const switch_event_callback_t dump_callback = dump_handler(global.config.dump_mode);
-    if (dump_callback != nullptr &&
-        !bind(modname, SWITCH_EVENT_ALL, dump_callback, ties.dump_event_hook)) {
-        switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
-                          nullptr, SWITCH_LOG_ERROR, "[quorvane]: couldn't bind event hook!\n");
-        // The first hook stays bound although the host now closes this shared object.
-        ties.bugs.load_left_a_hook();
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
 
-// A step is not undone when a later one fails. See docs/design.md, Odd on purpose: load.
-switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_interface,
-                                  switch_memory_pool_t* pool) {
-    reset_settings();
-    log_line<log::SYSTEM>(QV_PLACE, "build version: \"", QUORVANE_BUILD_IDENTIFIER, "\"");
-    if (!read_configuration()) {
-        log_line<log::ERROR>(QV_PLACE, "failed to load config file [", CONFIG_FILE_PATH, "]");
-        return SWITCH_STATUS_TERM;
-    }
-    if (global.config.level < log::ERROR) {
-        // The module does not catch this std::string. See docs/design.md, Odd on purpose: load.
-        throw std::string("impossible to set log level stricter than 'error' level");
-    }
-    log::Logger::set_level(global.config.level);
-    log_line<log::SYSTEM>(QV_PLACE, "configuration loaded");
-
-    if (!ties.bugs.open_socket()) {
-        return SWITCH_STATUS_TERM;
-    }
-    log_line<log::SYSTEM>(QV_PLACE, "transfer socket opened");
-
-    *module_interface = switch_loadable_module_create_module_interface(pool, modname);
-    register_application(*module_interface, execute_quorvane_app);
-    register_api(*module_interface, execute_quorvane_api);
-    register_completions();
-    if (!bind_events()) {
-        return SWITCH_STATUS_TERM;
-    }
-    drop_contexts_of_ended_calls(global, QV_PLACE);
-    ties.bugs.loaded();
-    log_line<log::SYSTEM>(QV_PLACE, "module has been loaded");
-    return SWITCH_STATUS_SUCCESS;
-}
+// ---- shutdown ---------------------------------------------------------------------
 
 // Sends nothing and frees no context. Tapped calls end on their own; the shared object stays
 // mapped until the last of them has ended.
@@ -504,6 +500,30 @@ switch_status_t mod_quorvane_shutdown() {
     ties.bugs.unloaded();
     return SWITCH_STATUS_SUCCESS;
 }
+
+// ---- unmapping --------------------------------------------------------------------
+
+namespace {
+
+// Destroys the state when the shared object is unmapped. If the host ends the process with
+// exit() while calls are tapped, their threads run until the process is gone, so the state is kept.
+struct EndOfState {
+    EndOfState() = default;
+    EndOfState(const EndOfState&) = delete;
+    EndOfState& operator=(const EndOfState&) = delete;
+    ~EndOfState() {
+        if (ties.bugs.may_be_called()) {
+            return;
+        }
+        // No context that is still registered has a media bug at this point.
+        free_left_contexts(global);
+        ties.~Ties();
+        global.~ModuleContext();
+    }
+};
+EndOfState end_of_state;
+
+}  // namespace
 
 }  // namespace qv::freeswitch
 
