@@ -4,13 +4,19 @@
 
 #include <algorithm>
 #include <map>
-#include <mutex>
 #include <new>
 #include <stdexcept>
+
+#include "quorvane_lib/mutex.h"
 
 namespace qv::node::analysis {
 
 namespace {
+
+struct Transforms {
+    Mutex lock;  // Also held while one is planned: FFTW plans on one thread at a time.
+    std::map<std::size_t, const Transform*> by_size QV_GUARDED_BY(lock);
+};
 
 constexpr std::size_t BINS = Transform::LONGEST / 2 + 1;
 
@@ -22,15 +28,13 @@ struct Scratch {
 }  // namespace
 
 const Transform& Transform::of_size(std::size_t size) {
-    // FFTW plans on one thread at a time. The transforms are never freed: a side may end
-    // after static objects have gone.
-    static std::mutex& mutex = *new std::mutex;
-    static auto& transforms = *new std::map<std::size_t, const Transform*>;
+    // The transforms are never freed: a side may end after static objects have gone.
+    static auto& transforms = *new Transforms;
     if (size < 2 || size > LONGEST || size % 2 != 0) {
         throw std::invalid_argument("no transform of this size");
     }
-    const std::lock_guard<std::mutex> lock(mutex);
-    const Transform*& transform = transforms[size];
+    const LockGuard guard(transforms.lock);
+    const Transform*& transform = transforms.by_size[size];
     if (transform == nullptr) {
         transform = new Transform(size);
     }

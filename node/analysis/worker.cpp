@@ -1,5 +1,6 @@
 #include "node/analysis/worker.h"
 
+#include <iterator>
 #include <utility>
 
 namespace qv::node::analysis {
@@ -95,7 +96,7 @@ Worker::Worker(Settings settings) : settings_(std::move(settings)), thread_([thi
 
 Worker::~Worker() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const LockGuard guard(mutex_);
         stopping_ = true;
     }
     changed_.notify_all();
@@ -142,7 +143,7 @@ void Worker::send() {
     }
     std::shared_ptr<const SampleIndex> index = gathered_.index;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const LockGuard guard(mutex_);
         queue_.push_back(std::exchange(gathered_, {}));
         if (!spare_.empty()) {
             gathered_ = std::move(spare_.back());
@@ -157,49 +158,57 @@ std::vector<Noticed> Worker::take() {
     if (!any_noticed_) {
         return {};
     }
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const LockGuard guard(mutex_);
     any_noticed_ = false;
     return std::exchange(noticed_, {});
 }
 
 void Worker::drain() {
     send();
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return queue_.empty() && !busy_; });
+    const LockGuard guard(mutex_);
+    while (!queue_.empty() || busy_) {
+        changed_.wait(mutex_);
+    }
 }
 
 void Worker::run() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (true) {
-        changed_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-        if (stopping_) {
-            return;
-        }
-        Batch batch = std::move(queue_.front());
-        queue_.pop_front();
-        busy_ = true;
-        lock.unlock();
-        hear(batch);
-        waiting_ -= batch.size();
-        batch.items.clear();
-        batch.samples.clear();
-        batch.index.reset();
-        lock.lock();
-        busy_ = false;
-        publish();
-        if (spare_.size() < MOST_SPARE) {
-            spare_.push_back(std::move(batch));
-        }
-        changed_.notify_all();
+    while (std::optional<Batch> batch = next_batch()) {
+        hear(*batch);
+        waiting_ -= batch->size();
+        publish(std::move(*batch));
     }
 }
 
-void Worker::publish() {
-    for (Noticed& each : fresh_) {
-        noticed_.push_back(std::move(each));
+std::optional<Worker::Batch> Worker::next_batch() {
+    const LockGuard guard(mutex_);
+    while (!stopping_ && queue_.empty()) {
+        changed_.wait(mutex_);
     }
-    any_noticed_ = !noticed_.empty();
+    if (stopping_) {
+        return std::nullopt;
+    }
+    std::optional<Batch> batch = std::move(queue_.front());
+    queue_.pop_front();
+    busy_ = true;
+    return batch;
+}
+
+void Worker::publish(Batch batch) {
+    batch.items.clear();
+    batch.samples.clear();
+    batch.index.reset();
+    {
+        const LockGuard guard(mutex_);
+        busy_ = false;
+        noticed_.insert(noticed_.end(), std::make_move_iterator(fresh_.begin()),
+                        std::make_move_iterator(fresh_.end()));
+        any_noticed_ = !noticed_.empty();
+        if (spare_.size() < MOST_SPARE) {
+            spare_.push_back(std::move(batch));
+        }
+    }
     fresh_.clear();
+    changed_.notify_all();
 }
 
 void Worker::hear(const Batch& batch) {

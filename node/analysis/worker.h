@@ -10,12 +10,11 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -24,6 +23,7 @@
 #include "node/analysis/activity_detector.h"
 #include "node/analysis/sample_detector.h"
 #include "node/analysis/sample_index.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::node::analysis {
 
@@ -113,10 +113,15 @@ class Worker {
     static constexpr std::size_t BATCH_SAMPLES = 65'536;  // Is sent at once.
 
     void append(const Item& item, const std::int16_t* samples);
-    void run();
+
+    // These run on the worker's thread.
+    void run() QV_EXCLUDES(mutex_);
+    // Waits for the next batch and marks the worker as busy; nullopt when the worker stops.
+    std::optional<Batch> next_batch() QV_EXCLUDES(mutex_);
     void hear(const Batch& batch);
     void hear(const Item& item, const std::int16_t* samples, const Batch& batch);
-    void publish();
+    // Hands out what was noticed of the batch and keeps its memory.
+    void publish(Batch batch) QV_EXCLUDES(mutex_);
 
     const Settings settings_;
 
@@ -126,13 +131,13 @@ class Worker {
     std::atomic<std::size_t> waiting_{0};  // Of what was gathered and not heard yet.
     std::atomic<bool> any_noticed_{false};
 
-    std::mutex mutex_;  // Guards these:
-    std::condition_variable changed_;
-    std::deque<Batch> queue_;
-    std::vector<Batch> spare_;  // Their memory is used again.
-    std::vector<Noticed> noticed_;
-    bool busy_ = false;
-    bool stopping_ = false;
+    Mutex mutex_;
+    Condition changed_;
+    std::deque<Batch> queue_ QV_GUARDED_BY(mutex_);
+    std::vector<Batch> spare_ QV_GUARDED_BY(mutex_);  // Their memory is used again.
+    std::vector<Noticed> noticed_ QV_GUARDED_BY(mutex_);
+    bool busy_ QV_GUARDED_BY(mutex_) = false;
+    bool stopping_ QV_GUARDED_BY(mutex_) = false;
 
     // The worker's.
     std::unordered_map<std::uint64_t, std::unique_ptr<Detectors>> sides_;
