@@ -9,10 +9,10 @@ namespace qv::node {
 
 namespace {
 
-// Packets that a doubted terminate packet has overtaken come within this time; later ones refute
-// it.
+// Packets that an implausible terminate packet has overtaken come within this time; later ones
+// refute it.
 constexpr Micros STRAGGLING{300'000};
-// A call of which nothing comes for so long after a doubted terminate packet has ended.
+// A call of which nothing comes for so long after an implausible terminate packet has ended.
 constexpr Micros QUIET{1'000'000};
 // For what outputs still work on at the end of a call.
 constexpr Micros LONGEST_WORK{2'000'000};
@@ -107,9 +107,9 @@ std::optional<Drop> Call::on_start(const media::Packet& packet) {
 
 std::optional<Drop> Call::on_data(const media::Packet& packet, Micros now) {
     clock_.note(packet.send_time, now);
-    if (doubted_end_.has_value() && now - doubted_end_->came > STRAGGLING) {
-        refuse_terminate(doubted_terminate());
-        doubted_end_.reset();
+    if (implausible_end_.has_value() && now - implausible_end_->came > STRAGGLING) {
+        refuse_terminate(implausible_terminate());
+        implausible_end_.reset();
     }
     return mutable_side(packet.terminator_side() ? Side::TERMINATOR : Side::ORIGINATOR)
         .receive(packet, now);
@@ -144,10 +144,10 @@ std::optional<Drop> Call::on_terminate(const media::Packet& packet, Micros now) 
     }
     if (!clock_.is_far_ahead(packet.send_time, now)) {
         terminate(packet, now);
-    } else if (clock_.keeps_real_time() || doubted_end_.has_value()) {
+    } else if (clock_.keeps_real_time() || implausible_end_.has_value()) {
         refuse_terminate(packet);
     } else {
-        doubted_end_ = DoubtedEnd{packet.send_time, packet.leg_word, now};
+        implausible_end_ = ImplausibleEnd{packet.send_time, packet.leg_word, now};
     }
     return std::nullopt;
 }
@@ -162,26 +162,26 @@ void Call::refuse_terminate(const media::Packet& packet) {
     for_each_listener([&](CallListener& listener) { listener.terminate_refused(*this, packet); });
 }
 
-media::Packet Call::doubted_terminate() const {
+media::Packet Call::implausible_terminate() const {
     media::Packet packet;
     packet.type = media::PacketType::TERMINATE;
-    packet.leg_word = doubted_end_->leg_word;
+    packet.leg_word = implausible_end_->leg_word;
     packet.call_key = call_key_;
     packet.call_uuid = uuid_.data();
-    packet.send_time = doubted_end_->send_time;
+    packet.send_time = implausible_end_->send_time;
     return packet;
 }
 
-void Call::believe_doubted_terminate(Micros now) {
-    const media::Packet packet = doubted_terminate();
-    doubted_end_.reset();
-    ended_in_doubt_ = true;
+void Call::accept_implausible_terminate(Micros now) {
+    const media::Packet packet = implausible_terminate();
+    implausible_end_.reset();
+    ended_implausibly_ = true;
     terminate(packet, now);
 }
 
 void Call::tick(Micros now) {
-    if (doubted_end_.has_value() && !ending() && now - last_seen_ >= QUIET) {
-        believe_doubted_terminate(now);
+    if (implausible_end_.has_value() && !ending() && now - last_seen_ >= QUIET) {
+        accept_implausible_terminate(now);
     }
     for (CallSide& side : sides_) {
         side.give_up_waiting(now);
@@ -239,8 +239,8 @@ std::optional<EndReason> Call::reason_to_end(Micros now) const {
 void Call::end(EndReason reason) {
     wrapped_up_.reset();  // Packets may have come since.
     wrap_up(last_seen_);
-    if (doubted_end_.has_value()) {
-        refuse_terminate(doubted_terminate());
+    if (implausible_end_.has_value()) {
+        refuse_terminate(implausible_terminate());
     }
     for_each_listener([&](CallListener& listener) { listener.ended(*this, reason); });
 }

@@ -105,8 +105,8 @@ class Call {
     // and the time since then allow.
     std::int64_t terminate_time() const { return terminate_time_; }
     // The terminate packet claims to have been sent far ahead of the call's other packets. It
-    // is believed because nothing came after it.
-    bool ended_in_doubt() const { return ended_in_doubt_; }
+    // is accepted because nothing came after it.
+    bool ended_implausibly() const { return ended_implausibly_; }
     // The beginning of the time axis, as a send time: when the first sample of the side whose
     // audio came first was due. That sample may be missing.
     std::optional<std::int64_t> first_audio_time() const;
@@ -122,8 +122,8 @@ class Call {
   private:
     friend class CallSide;
 
-    // A terminate packet that claims to have been sent far ahead, until it is believed or not.
-    struct DoubtedEnd {
+    // A terminate packet that claims to have been sent far ahead, until it is accepted or refused.
+    struct ImplausibleEnd {
         std::int64_t send_time;
         std::uint16_t leg_word;
         Micros came;
@@ -160,8 +160,8 @@ class Call {
     bool belongs_to(const sockaddr_in& source) const;
     void terminate(const media::Packet& packet, Micros now);
     void refuse_terminate(const media::Packet& packet);
-    media::Packet doubted_terminate() const;
-    void believe_doubted_terminate(Micros now);
+    media::Packet implausible_terminate() const;
+    void accept_implausible_terminate(Micros now);
     std::int64_t credible(std::int64_t send_time, Micros now) const;
 
     const Uuid uuid_;
@@ -180,8 +180,8 @@ class Call {
     std::optional<Micros> ends_at_;
     std::optional<Micros> wrapped_up_;  // When; nothing while the call goes on.
     std::int64_t terminate_time_ = 0;
-    std::optional<DoubtedEnd> doubted_end_;
-    bool ended_in_doubt_ = false;
+    std::optional<ImplausibleEnd> implausible_end_;
+    bool ended_implausibly_ = false;
     std::optional<AxisMark> axis_mark_;
     std::array<CallSide, SIDE_COUNT> sides_;
     std::string file_stem_;

@@ -159,7 +159,7 @@ void CallTable::remember(const Call& call, EndReason reason, Micros now) {
     if (reason == EndReason::TERMINATED) {
         terminated_.keep(call.uuid(), {address, call.terminate_time()}, now);
     }
-    if (reason != EndReason::TERMINATED || call.ended_in_doubt()) {
+    if (reason != EndReason::TERMINATED || call.ended_implausibly()) {
         left_behind_.keep(call.uuid(), {address, call.places()}, now);
     }
 }

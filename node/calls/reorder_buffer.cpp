@@ -94,7 +94,7 @@ void ReorderBuffer::advance(Micros now, OrderedOutput& out) {
     while (!held_.empty() && now - held_.front().arrived >= limits_.wait) {
         if (first_held_refuted()) {
             drop_first_held();
-        } else if (first_held_in_doubt()) {
+        } else if (first_held_implausible()) {
             return;
         } else {
             deliver_first_held(out);
@@ -114,7 +114,7 @@ void ReorderBuffer::finish(OrderedOutput& out) {
 
 // Delivers or drops it, without waiting for another packet to confirm it.
 void ReorderBuffer::release_first_held(OrderedOutput& out) {
-    if (first_held_refuted() || first_held_in_doubt()) {
+    if (first_held_refuted() || first_held_implausible()) {
         drop_first_held();
     } else {
         deliver_first_held(out);
@@ -128,14 +128,14 @@ void ReorderBuffer::drop_first_held() {
 
 // Those before it went on coming, or it leaves no time for what is missing, and no later packet
 // has confirmed it.
-bool ReorderBuffer::first_held_in_doubt() const {
+bool ReorderBuffer::first_held_implausible() const {
     const Held& first = held_.front();
     if (first.sequence_number == next_) {
         return false;
     }
     const std::uint32_t missing = first.sample_offset - next_offset_;
-    const bool doubtful = last_in_order_ > first.number || is_too_much(missing, first.send_time);
-    return doubtful && held_.size() < 2;
+    const bool implausible = last_in_order_ > first.number || is_too_much(missing, first.send_time);
+    return implausible && held_.size() < 2;
 }
 
 // The two that come after it follow each other, but not this one.

@@ -6,7 +6,7 @@
 // follow from the ones before (each missing packet holds at most 661 samples) is
 // implausible: it is dropped. When the next packet continues it, the sender has jumped and
 // is followed; so one forged packet does no harm, and a sender may count anew.
-// A packet that waits behind a gap is in doubt while those before it go on coming, or when its
+// A packet that waits behind a gap is implausible while those before it go on coming, or when its
 // send time leaves no time for what is missing. It is delivered only if a later packet confirms
 // it, so that a forged one inserts no silence.
 //
@@ -142,7 +142,7 @@ class ReorderBuffer {
     Verdict receive_implausible(const AudioPacket& packet, OrderedOutput& out);
     Verdict hold(const AudioPacket& packet, Micros now, OrderedOutput& out);
     bool replaces(const AudioPacket& packet, std::vector<Held>::const_iterator place) const;
-    bool first_held_in_doubt() const;
+    bool first_held_implausible() const;
     bool first_held_refuted() const;
     bool is_too_much(std::uint64_t missing_samples, std::int64_t send_time) const;
     void drop_first_held();

@@ -2,7 +2,7 @@
 // packet whose send time cannot be true.
 //
 // Between packets the sender's clock goes on as the receiver's does. A send time that is far from
-// both is believed when the next packet confirms it: a single forged packet does not move the
+// both is implausible until the next packet confirms it: a single forged packet does not move the
 // clock, and a sender that is faster than real time may leap over a pause. Plain values; belongs
 // to one thread.
 #pragma once
@@ -21,12 +21,12 @@ class SenderClock {
 
     // A packet of the call's audio came at `now`.
     void note(std::int64_t send_time, Micros now) {
-        const bool confirmed = doubted_ && is_near(send_time, doubted_time_);
+        const bool confirmed = implausible_ && is_near(send_time, implausible_time_);
         if (!begun_ || confirmed || is_near(send_time, at(now))) {
             set(send_time, now);
         } else {
-            doubted_ = true;
-            doubted_time_ = send_time;
+            implausible_ = true;
+            implausible_time_ = send_time;
         }
     }
 
@@ -60,19 +60,19 @@ class SenderClock {
         const std::int64_t due = sum(first_, (now - first_came_).count());
         faster_ = faster_ || (send_time > due && !is_near(send_time, due));
         begun_ = true;
-        doubted_ = false;
+        implausible_ = false;
         latest_ = send_time;
         latest_came_ = now;
     }
 
     bool begun_ = false;
-    bool doubted_ = false;
+    bool implausible_ = false;
     bool faster_ = false;  // Than real time.
     std::int64_t first_ = 0;
     Micros first_came_{0};
     std::int64_t latest_ = 0;
     Micros latest_came_{0};
-    std::int64_t doubted_time_ = 0;
+    std::int64_t implausible_time_ = 0;
 };
 
 }  // namespace qv::node

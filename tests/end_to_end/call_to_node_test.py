@@ -221,7 +221,7 @@ class Commands(EndToEnd):
         first = json.loads(path.read_text())["commands"]["first_failed"]
         self.assertEqual(first["command"][-5:], "d\ufffdnce")
 
-    def test_a_command_after_the_end_is_told(self):
+    def test_a_command_after_the_end_is_reported(self):
         done = self.call("--duration", "0.2", "--api", "5 quorvane version")
         self.assertEqual(done.returncode, 1)
         self.assertIn("Problem   1 API command too late for the call", done.stdout)

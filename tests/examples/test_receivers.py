@@ -171,7 +171,7 @@ class PythonReceiver(ReceiverTest):
         self.assertEqual(samples_of(self.folder / f"{UUID}-terminator.wav"),
                          [0] * 8 + [1000, -1000] * 4)
 
-    def test_gap_is_told_and_becomes_silence(self):
+    def test_gap_is_reported_and_becomes_silence(self):
         self.send(data(1, 0, [1, 2]), data(4, 6, [7, 8]))
         self.assertEqual(self.events(1), [{
             "event": "gap", "call_key": KEY, "call_uuid": UUID, "call_side": "originator",
@@ -264,7 +264,7 @@ class PythonReceiver(ReceiverTest):
         self.assertEqual(end["files"], [{"path": path, "error": "No such file or directory"}])
         self.assertEqual(self.written_samples(self.end_after_packets()), [7])
 
-    def test_vanished_folder_is_told_and_the_receiver_goes_on(self):
+    def test_vanished_folder_is_reported_and_the_receiver_goes_on(self):
         self.send(start_of_tap(1), data(1, 0, [1]), start_of_tap(2))
         self.events(3)
         for path in self.folder.iterdir():
@@ -346,7 +346,7 @@ class CppReceiver(ReceiverTest):
             self.skipTest("no program given")
         self.start([PROGRAM, "127.0.0.1", "0"])
 
-    def test_call_is_told_line_by_line(self):
+    def test_call_is_reported_line_by_line(self):
         self.send(*[datagram(name) for name in CALL])
         self.assertEqual(self.lines(4), [
             f"{UUID} start: inbound reference=a84b4c76e66710@192.0.2.7 features=cccc",
@@ -355,7 +355,7 @@ class CppReceiver(ReceiverTest):
             f"{UUID} end: terminator packets=2 samples=16 lost_packets=0 peak=1000"])
         self.assertEqual(self.stop(), [])
 
-    def test_call_through_the_module_is_told(self):
+    def test_call_through_the_module_is_reported(self):
         call = "0d1f7c5e-2b64-4c39-8f0a-6f2d9f3b1a77"
         self.place_calls("--uuid", call)
         self.assertEqual(self.lines(3), [
@@ -363,7 +363,7 @@ class CppReceiver(ReceiverTest):
             f"{call} end: originator packets=50 samples=8000 lost_packets=0 peak=1099",
             f"{call} end: terminator packets=50 samples=8000 lost_packets=0 peak=2000"])
 
-    def test_gap_and_late_packet_are_told(self):
+    def test_gap_and_late_packet_are_reported(self):
         self.send(data(1, 0, [1, 2]), data(3, 4, [5, 6]), data(2, 2, [3, 4]))
         self.assertEqual(self.lines(2), [
             f"{UUID} gap: originator lost_packets=1 missing_samples=2",
@@ -380,7 +380,7 @@ class CppReceiver(ReceiverTest):
             f"{UUID} end: terminator packets=0 samples=0 lost_packets=0 peak=0"])
         self.assertEqual(self.stop(), [])
 
-    def test_terminate_packet_of_an_unknown_call_is_not_told(self):
+    def test_terminate_packet_of_an_unknown_call_is_not_reported(self):
         self.send(datagram("call_7_terminate"), datagram("call_7_terminate"), b"end")
         self.assertEqual(self.lines(1), ["refused: too short for its packet type (3 bytes)"])
         self.assertEqual(self.stop(), [])

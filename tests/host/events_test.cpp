@@ -83,7 +83,7 @@ TEST_F(EventsTest, ABindingToAllComesAfterThoseToTheEvent) {
     EXPECT_EQ(g_seen, (Texts{"API", "all API", "all OTHER"}));
 }
 
-TEST_F(EventsTest, ACallIsToldFromItsStartToItsEnd) {
+TEST_F(EventsTest, ACallIsReportedFromItsStartToItsEnd) {
     bind(SWITCH_EVENT_ALL, note_name);
     load_probe();
     const auto call = host_.start_call();

@@ -120,7 +120,7 @@ TEST_F(Api, VersionIsTheBuildAndALineEnd) {
         << api("version");
 }
 
-TEST_F(Api, VersionIsTheOneThatTheLoadTold) {
+TEST_F(Api, VersionIsTheOneThatTheLoadLogged) {
     unload();
     host.log().clear();
     try_load();
@@ -168,7 +168,7 @@ TEST_F(Api, GlobalCommandsLogNothing) {
 
 // ---- sessions that cannot be locked -----------------------------------------------
 
-TEST_F(Api, CallThatDoesNotExistIsToldInTheLogAlone) {
+TEST_F(Api, CallThatDoesNotExistIsOnlyLogged) {
     for (const char* words : {"features", "audio_activity start", "detection stop both"}) {
         EXPECT_EQ(call_api(words), "") << words;
         EXPECT_EQ(take_log(), (Lines{not_found_line})) << words;
@@ -207,7 +207,7 @@ TEST_F(Api, ActionIsExactlyStartOrStop) {
     }
 }
 
-TEST_F(Api, LegIsToldWithItsPosition) {
+TEST_F(Api, LegIsReportedWithItsPosition) {
     for (const std::string word : {"xy", "ori", "bot", "ter", "Orig", "left", "start"}) {
         EXPECT_EQ(call_api("detection start " + word),
                   "-ERR, detection: unknown arg \"" + word + "\" at pos (3)");
@@ -284,7 +284,7 @@ TEST_F(Api, SameCommandTwiceHasNothingToUpdate) {
 
 // The command compares only the active byte. It answers "nothing to update" for a leg that
 // becomes supported without starting, although the leg is then supported.
-TEST_F(Api, LegThatOnlyBecomesSupportedIsToldAsNothing) {
+TEST_F(Api, LegThatOnlyBecomesSupportedIsReportedAsNothing) {
     const auto call = start_call();
     call_api("audio_activity start orig");
     EXPECT_EQ(call_api("audio_activity stop term"),
@@ -307,7 +307,7 @@ TEST_F(Api, BeforeTheStartTheFeaturesAreThoseOfTheApiAlone) {
     EXPECT_EQ(call_api("features"), "RR-S--\n");
 }
 
-TEST_F(Api, NoMemoryForAContextIsToldInTheLogAlone) {
+TEST_F(Api, NoMemoryForAContextIsOnlyLogged) {
     const auto call = start_call();
     {
         const NoMemory no_memory(100);
@@ -351,7 +351,7 @@ TEST_F(ApiAfterStart, StopOfBothLegsSendsAControlPacket) {
 }
 
 // The log line has no blank between the feature's name and the text.
-TEST_F(ApiAfterStart, ControlPacketIsToldInTheLog) {
+TEST_F(ApiAfterStart, ControlPacketIsLogged) {
     call_api("audio_activity stop");
     EXPECT_EQ(take_log(), (Lines{api_line("NOTICE",
                                           "audio_activitycontrol packet for feature "
@@ -395,7 +395,7 @@ TEST_F(ApiAfterStart, OneLegOfTheSupportedOnesStopsWhileTheOtherStarts) {
     EXPECT_EQ(call_api("features"), "----aA\n");
 }
 
-TEST_F(ApiAfterStart, ControlPacketThatCannotBeSentIsToldAsSent) {
+TEST_F(ApiAfterStart, ControlPacketThatCannotBeSentIsReportedAsSent) {
     SystemCalls calls;
     calls.next("sendto", Outcome::fail(ENETUNREACH));
     EXPECT_EQ(call_api("audio_activity stop"),
@@ -405,7 +405,7 @@ TEST_F(ApiAfterStart, ControlPacketThatCannotBeSentIsToldAsSent) {
     EXPECT_EQ(lines[0].rfind("ERROR log net_socket.cpp:- SOCKET[", 0), 0U) << lines[0];
 }
 
-TEST_F(ApiAfterStart, ControlPacketIsToldAtDebugUnderTheCall) {
+TEST_F(ApiAfterStart, ControlPacketIsReportedAtDebugUnderTheCall) {
     call.reset();
     host.events().wait_drained();
     node.receive_all();
@@ -432,7 +432,7 @@ TEST_F(Api, FeaturesOfACallWithoutAContext) {
     EXPECT_TRUE(take_log().empty());
 }
 
-TEST_F(Api, UuidIsToldAsItWasGivenAndMayLackItsDashes) {
+TEST_F(Api, UuidIsReportedAsItWasGivenAndMayLackItsDashes) {
     host::CallOptions options;
     options.uuid = "3B9F6A527C1E4D809F2BE4A1C05D8E37";
     const auto call = start_call_as(options);

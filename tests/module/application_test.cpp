@@ -81,7 +81,7 @@ TEST_F(Application, ContextOfAnApiCommandIsFoundAndConfigured) {
     EXPECT_EQ(field(start, 78, 2), hex("04 04"));
 }
 
-TEST_F(Application, IdAboveTheSignedRangeIsToldUnsigned) {
+TEST_F(Application, IdAboveTheSignedRangeIsLoggedUnsigned) {
     host::CallOptions options;
     options.uuid = "ffffffff-ffff-ffff-ffff-ffffffffffff";
     const auto call = start_call_as(options);

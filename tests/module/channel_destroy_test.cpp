@@ -91,7 +91,7 @@ TEST_F(ChannelDestroy, EventWithoutAUniqueIdIsAnError) {
                   "ERROR", "MAGIC: unable to extract \"Unique-ID\" from channel destroy event")}));
 }
 
-TEST_F(ChannelDestroy, UniqueIdThatIsNoUuidIsToldAsItStands) {
+TEST_F(ChannelDestroy, UniqueIdThatIsNoUuidIsReportedAsItStands) {
     fire({{"Unique-ID", "no-uuid %s"}});
     EXPECT_EQ(take_log(),
               (Lines{destroy_line("ERROR", "MAGIC: failed to parse session uuid: no-uuid %s")}));

@@ -319,7 +319,7 @@ TEST_F(ChannelVariables, EmptyCallReferenceIsSet) {
     EXPECT_TRUE(complaints().empty());
 }
 
-TEST_F(ChannelVariables, PercentSignsInAValueAreToldAsTheyStand) {
+TEST_F(ChannelVariables, PercentSignsInAValueAreReportedAsTheyStand) {
     load();
     start({{"quorvane_report_node", "%s%n"}});
     EXPECT_EQ(complaints(), (Lines{parse_complaint("quorvane_report_node", "%s%n; ignored!")}));

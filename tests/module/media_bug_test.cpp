@@ -80,7 +80,7 @@ TEST_F(MediaBug, EndOfACallTellsTheBytesOfBothLegs) {
               (Lines{terminated, bug_line("INFO", "transfered 640/160 bytes of media")}));
 }
 
-TEST_F(MediaBug, OddFramesOfBothLegsAreAddedUpAndTold) {
+TEST_F(MediaBug, OddFramesOfBothLegsAreAddedUpAndReported) {
     const auto call = start_tapped_call();
     feed(*call, Direction::READ, Bytes(321));
     feed(*call, Direction::WRITE, Bytes(1));
@@ -163,7 +163,7 @@ TEST_F(MediaBug, MissingFrameIsNoFailure) {
     EXPECT_EQ(call->bugs().size(), 1U);
 }
 
-TEST_F(MediaBug, FrameThatCannotBeSentIsToldAndTheBugKept) {
+TEST_F(MediaBug, FrameThatCannotBeSentIsReportedAndTheBugKept) {
     const auto call = start_tapped_call();
     SystemCalls calls;
     calls.next("sendto", Outcome::fail(ENETUNREACH));
@@ -221,7 +221,7 @@ TEST_F(MediaBug, WithoutABugOrUserDataEveryEventIsRefusedAndDoesNothing) {
     EXPECT_TRUE(node.receive_all().empty());
 }
 
-TEST_F(MediaBug, CloseThatCannotBeSentIsToldAndEndsTheCallAllTheSame) {
+TEST_F(MediaBug, CloseThatCannotBeSentIsReportedAndEndsTheCallAllTheSame) {
     const auto call = start_tapped_call();
     SystemCalls calls;
     calls.next("sendto", Outcome::fail(ENETUNREACH));
@@ -232,7 +232,7 @@ TEST_F(MediaBug, CloseThatCannotBeSentIsToldAndEndsTheCallAllTheSame) {
     EXPECT_EQ(lines[2], bug_line("INFO", "transfered 0/0 bytes of media"));
 }
 
-TEST_F(MediaBug, CloseOfACallThatIsNotRegisteredIsToldAndFreesTheContext) {
+TEST_F(MediaBug, CloseOfACallThatIsNotRegisteredIsReportedAndFreesTheContext) {
     const auto call = start_tapped_call();
     host.events().fire({SWITCH_EVENT_CHANNEL_DESTROY, {{"Unique-ID", UUID}}, ""});
     host.events().wait_drained();

@@ -470,7 +470,7 @@ TEST_F(Sender, SendTimeIsTheSteadyClockInMicroseconds) {
     }
 }
 
-TEST_F(Sender, EveryPacketIsTracedOrToldAtDebug) {
+TEST_F(Sender, EveryPacketIsTracedOrLoggedAtDebug) {
     log::Logger::set_level(log::TRACE);
     transfer.media_start(session, context);
     send(0, Bytes(321));
@@ -513,7 +513,7 @@ TEST_F(Sender, LinesOfAnOutboundCallTellLegOne) {
                           "MEDIA_TRANSFER: send terminate packet for leg (1)")}));
 }
 
-TEST_F(Sender, StartThatIsTooLongIsNotToldAsSent) {
+TEST_F(Sender, StartThatIsTooLongIsNotLoggedAsSent) {
     log::Logger::set_level(log::TRACE);
     context.call_id.assign(2000, 'x');
     EXPECT_FALSE(transfer.media_start(session, context));

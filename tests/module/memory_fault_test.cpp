@@ -118,7 +118,7 @@ TEST_F(MemoryFaultTest, AnApplicationWithoutMemoryLeavesTheCallAlone) {
     EXPECT_GE(failures, 5U);
 }
 
-TEST_F(MemoryFaultTest, WhatMemoryDidNotSufficeForIsToldInTheLog) {
+TEST_F(MemoryFaultTest, WhatMemoryDidNotSufficeForIsLogged) {
     load_and_watch();
     std::unique_ptr<host::Call> call;
     std::map<std::string, int> told;
@@ -197,7 +197,7 @@ TEST_F(MemoryFaultTest, AFrameNeedsNoMemory) {
 
 // An allocation and a send fail at the same time. No exception may leave the module: it would
 // have to pass through the host's C functions.
-TEST_F(MemoryFaultTest, ASendThatFailsIsToldWithoutMemoryOrInOneFixedLine) {
+TEST_F(MemoryFaultTest, ASendThatFailsIsReportedWithoutMemoryOrInOneFixedLine) {
     load_and_watch();
     std::unique_ptr<host::Call> call;
     const std::size_t failures = fail_each(
@@ -236,7 +236,7 @@ TEST_F(MemoryFaultTest, ASendThatFailsIsToldWithoutMemoryOrInOneFixedLine) {
     EXPECT_GE(failures, 10U);
 }
 
-TEST_F(MemoryFaultTest, AStartThatCannotBeSentIsToldWithoutMemoryOrInOneFixedLine) {
+TEST_F(MemoryFaultTest, AStartThatCannotBeSentIsReportedWithoutMemoryOrInOneFixedLine) {
     load_and_watch();
     std::unique_ptr<host::Call> call;
     const std::size_t failures = fail_each(

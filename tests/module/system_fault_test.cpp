@@ -407,7 +407,7 @@ TEST_F(FullSendBuffer, StillEndsTheTap) {
     EXPECT_TRUE(unload().left_memory);
 }
 
-TEST_F(NetworkFault, AMediaNodeWithoutARouteIsToldAndFoundAgain) {
+TEST_F(NetworkFault, AMediaNodeWithoutARouteIsReportedAndFoundAgain) {
     struct Row {
         const char* rule;
         const char* error;

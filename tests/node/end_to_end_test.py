@@ -649,7 +649,7 @@ class NodeEndToEnd(unittest.TestCase):
                 self.assertEqual("the terminal was closed" in node.text(), ends)
                 self.assertEqual(len(samples(node.folder / f"{UUID}-originator.wav")), 16)
 
-    def test_files_of_a_killed_run_are_repaired_and_told_at_the_next_start(self):
+    def test_files_of_a_killed_run_are_repaired_and_reported_at_the_next_start(self):
         with Node("--block", "1", "--rate", "8000") as node:
             node.talk([1], 20)
             path = node.folder / (uuid_of(1) + "-originator.wav")
@@ -699,7 +699,7 @@ class NodeEndToEnd(unittest.TestCase):
         with Node("--calls", "1", "--idle-exit", "0.3") as node:
             self.assertEqual(node.exit_code(), 1)
 
-    def test_port_in_use_is_told(self):
+    def test_port_in_use_is_reported(self):
         with Node() as node:
             second = subprocess.run([NODE, "--listen", "127.0.0.1:%d" % node.address[1],
                                      "--output", str(node.folder)],
@@ -707,7 +707,7 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(second.returncode, 3)
             self.assertIn("Address already in use", second.stderr)
 
-    def test_metrics_port_in_use_is_told(self):
+    def test_metrics_port_in_use_is_reported(self):
         with socket.socket() as taken:
             taken.bind(("127.0.0.1", 0))
             taken.listen()
@@ -720,7 +720,7 @@ class NodeEndToEnd(unittest.TestCase):
             3, f"quorvane-node: cannot serve metrics on 127.0.0.1:{port}: the port is in use or "
                "not permitted, or the address is not of this machine\n"))
 
-    def test_unusable_folder_and_command_line_are_told(self):
+    def test_unusable_folder_and_command_line_are_reported(self):
         bad = subprocess.run([NODE, "--listen", "127.0.0.1:0", "--output", "/dev/null/x"],
                              capture_output=True, text=True, timeout=20)
         self.assertEqual((bad.returncode, bad.stderr),
@@ -743,7 +743,7 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(sorted(p.name for p in pathlib.Path(node.home.name).iterdir()),
                              ["output", "wav"])
 
-    def test_full_disk_is_told_and_the_receiver_goes_on(self):
+    def test_full_disk_is_reported_and_the_receiver_goes_on(self):
         with Node("--block", "1", limit=(resource.RLIMIT_FSIZE, (2000, 2000))) as node:
             node.send(golden("call_1_start"))
             audio = golden("call_2_read")
@@ -838,7 +838,7 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(len(samples(node.folder / f"{uuid_of(3)}-originator.wav")), 3200)
             self.assertEqual(node.stop(), 1)
 
-    def test_folder_removed_in_the_midst_of_calls_is_told_call_by_call(self):
+    def test_folder_removed_in_the_midst_of_calls_is_reported_call_by_call(self):
         with Node("--block", "1", "--events", "-") as node:
             node.talk([1, 2], 20)
             node.wait_for(uuid_of(2) + "  start ")
@@ -864,7 +864,7 @@ class NodeEndToEnd(unittest.TestCase):
                                  sum((audio(call, number) for number in range(1, 41)), []))
 
     @needs_no_descriptor_of_its_own
-    def test_no_file_that_may_be_opened_is_told_call_by_call(self):
+    def test_no_file_that_may_be_opened_is_reported_call_by_call(self):
         with Node("--block", "1", limit=(resource.RLIMIT_NOFILE, (9, 9))) as node:
             node.talk([1, 2], 40)
             node.end([1, 2])
@@ -875,7 +875,7 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(node.stop(), 1)
 
     @needs_no_descriptor_of_its_own
-    def test_limit_too_low_for_the_receiver_itself_is_told(self):
+    def test_limit_too_low_for_the_receiver_itself_is_reported(self):
         for limit in (6, 8):
             bad = subprocess.run(
                 [NODE, "--listen", "127.0.0.1:0", "--output", "/tmp"], capture_output=True,
@@ -884,7 +884,7 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertIn(bad.returncode, (1, 3))
             self.assertIn("Too many open files", bad.stderr)
 
-    def test_vanished_folder_is_told(self):
+    def test_vanished_folder_is_reported(self):
         with Node() as node:
             node.folder.rmdir()
             node.send_call()
@@ -1001,7 +1001,7 @@ class NodeEndToEnd(unittest.TestCase):
                          sorted(map(str, node.folder.iterdir())))
         return files
 
-    def test_calls_beyond_the_limit_of_files_are_told_but_not_written(self):
+    def test_calls_beyond_the_limit_of_files_are_reported_but_not_written(self):
         with Node("--max-files", "7", "--timeline", "--events", "-", "--metrics", "0") as node:
             url = node.wait_for(r"http://\S+").group(0)
             for call in (1, 2, 3, 4):

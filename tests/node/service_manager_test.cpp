@@ -62,7 +62,7 @@ TEST_F(ServiceManagerTest, WithoutTheVariableThereIsNoneToTell) {
     EXPECT_EQ(notify_service_manager("READY=1"), "");
 }
 
-TEST_F(ServiceManagerTest, AManagerThatCannotBeReachedIsTold) {
+TEST_F(ServiceManagerTest, AManagerThatCannotBeReachedIsReported) {
     setenv("NOTIFY_SOCKET", "/nowhere/socket", 1);
     EXPECT_EQ(notify_service_manager("READY=1"), "/nowhere/socket: No such file or directory");
     setenv("NOTIFY_SOCKET", std::string(200, 'x').c_str(), 1);

@@ -314,7 +314,7 @@ TEST_F(ConfigurationTest, APositiveFailureIsLoggedButDoesNotStopAFile) {
                      {log::SYSTEM, "CONFIGURATION: option [b] is set to [2]"}}));
 }
 
-TEST_F(ConfigurationTest, ALineNumberIsOnlyTold) {
+TEST_F(ConfigurationTest, ALineNumberIsOnlyReported) {
     EXPECT_FALSE(configuration_.parse_line("a=b=c", 18446744073709551615u));
     EXPECT_EQ(log_.lines,
               (Lines{{log::ERROR,

@@ -164,7 +164,7 @@ class Dissector(unittest.TestCase):
         self.assertGreater(len(filters), 20)
         self.tshark([datagram("call_1_start")], "-Y", " || ".join(f"({code})" for code in filters))
 
-    def test_leg_and_side_are_told_apart(self):
+    def test_leg_and_side_are_distinguished(self):
         packets = [datagram(name) for name in ("data_read_first", "data_write_second",
                                                "data_read_outbound", "data_write_outbound")]
         rows = self.fields(packets, ["quorvane.leg", "quorvane.call_side"])
@@ -221,7 +221,7 @@ class Dissector(unittest.TestCase):
         packets = [datagram("call_1_start"), data(0xFFFFFFFF, 0xFFFFFFF8), data(2, 16)]
         self.assertEqual(self.experts(packets)[2], "Gap: 2 packets and 16 samples missing")
 
-    def test_late_packet_is_told_from_a_copy(self):
+    def test_late_packet_is_distinguished_from_a_copy(self):
         packets = [datagram("call_1_start"), data(1, 0), data(3, 16), data(2, 8), data(2, 8),
                    data(4, 24)]
         self.assertEqual(self.experts(packets)[3:],

@@ -88,7 +88,7 @@ TEST_F(AudioFilesTest, FilesTakeTurnsWhenOnlyOneMayBeOpen) {
     EXPECT_EQ(read("two.wav"), (Samples{0, -1, -2, -3, -4}));
 }
 
-TEST_F(AudioFilesTest, ExistingFileIsKeptUnlessToldOtherwise) {
+TEST_F(AudioFilesTest, ExistingFileIsKeptUnlessAskedOtherwise) {
     put(*folder_->create("a.wav", 8000, 1), {1});
     EXPECT_EQ(folder_->create("a.wav", 8000, 1)->error(), "File exists");
     EXPECT_EQ(read("a.wav"), (Samples{1}));

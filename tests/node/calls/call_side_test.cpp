@@ -235,7 +235,7 @@ TEST_F(CallSideTest, PauseIsAsLongAsThePunctualPacketsBehindItSay) {
     EXPECT_NE(diary_.take().find("pause12000@16000 audio160@16000"), std::string::npos);
 }
 
-TEST_F(CallSideTest, PauseAtTheEndIsToldAfterASecond) {
+TEST_F(CallSideTest, PauseAtTheEndIsReportedAfterASecond) {
     talk(1, 100);
     held_up_ = 500'000;
     data(101);
@@ -309,7 +309,7 @@ TEST_F(CallSideTest, SideThatBeginsLaterInAJoinedCallIsPlacedToTheMillisecond) {
     EXPECT_EQ(diary_.take(), "audio160@0 audio160@160 pause800@0 audio160@0");
 }
 
-TEST_F(CallSideTest, JoiningIsToldToBeUnsureWhereNoRateIsFound) {
+TEST_F(CallSideTest, JoiningIsReportedAsUnsureWhereNoRateIsFound) {
     restart(0);
     data(1'000'000);
     Packet made = packet(2'000'000);

@@ -196,7 +196,7 @@ TEST_F(CallTableTest, CallThatWasOnHoldBeyondTheTimeoutGoesOnInAFileOfItsOwn) {
     EXPECT_EQ(dropped(Drop::AFTER_END), 0u);
 }
 
-TEST_F(CallTableTest, LossAtTheBeginningOfAContinuationIsTold) {
+TEST_F(CallTableTest, LossAtTheBeginningOfAContinuationIsReported) {
     start();
     talk(1, 60);
     pass(1h);
@@ -358,7 +358,7 @@ TEST_F(CallTableTest, DataGoesOnAfterATerminateThatClaimsToBeSentFarAhead) {
     EXPECT_EQ(file(1).samples.size(), 250u * 160);
 }
 
-TEST_F(CallTableTest, CallThatWasEndedByADoubtedTerminateGoesOnWithoutLoss) {
+TEST_F(CallTableTest, CallThatWasEndedByAnImplausibleTerminateGoesOnWithoutLoss) {
     start();
     talk(1, 10);
     Packet forged = packet(PacketType::TERMINATE);
@@ -471,7 +471,7 @@ TEST_F(CallTableTest, ManyCallsWithOneUuidAreOneCall) {
     EXPECT_EQ(dropped(Drop::OTHER_CALL_KEY), 999u);
 }
 
-TEST_F(CallTableTest, RateIsToldFromOffsetsAndTimes) {
+TEST_F(CallTableTest, RateIsFoundFromOffsetsAndTimes) {
     start();
     talk(1, 40);
     table_->shut_down();
@@ -495,7 +495,7 @@ TEST_F(CallTableTest, RateOfTheOptionsHolds) {
     EXPECT_EQ(store_.files.begin()->second.sample_rate, 48000);
 }
 
-TEST_F(CallTableTest, LossIsFilledAndTold) {
+TEST_F(CallTableTest, LossIsFilledAndReported) {
     talk(1, 2);
     talk(4, 20);
     table_->shut_down();
@@ -504,7 +504,7 @@ TEST_F(CallTableTest, LossIsFilledAndTold) {
     EXPECT_EQ(table_->totals().silence_samples, 160u);
 }
 
-TEST_F(CallTableTest, PauseOfTheSenderIsTold) {
+TEST_F(CallTableTest, PauseOfTheSenderIsReported) {
     talk(1, 60);
     pass(1s);
     talk(61, 72);
@@ -524,7 +524,7 @@ TEST_F(CallTableTest, ReceiverThatComesLateBeginsWithTheFirstPacket) {
     EXPECT_EQ(store_.files.begin()->second.samples.size(), 320u);
 }
 
-TEST_F(CallTableTest, FullDiskIsToldOnceAndOtherCallsGoOn) {
+TEST_F(CallTableTest, FullDiskIsReportedOnceAndOtherCallsGoOn) {
     store_.error = "No space left on device";
     talk(1, 40);
     store_.error.clear();
@@ -535,7 +535,7 @@ TEST_F(CallTableTest, FullDiskIsToldOnceAndOtherCallsGoOn) {
     EXPECT_EQ(table_->totals().file_errors, 1u);
 }
 
-TEST_F(CallTableTest, EachFileThatFailsIsToldOnceWhenItFails) {
+TEST_F(CallTableTest, EachFileThatFailsIsReportedOnceWhenItFails) {
     CallLimits limits;
     limits.sample_rate = 8000;
     restart(limits);
@@ -577,7 +577,7 @@ class FailingWriter : public CallListener {
     };
 };
 
-TEST_F(CallTableTest, FileOfAnOutputThatFailsIsToldAndCountedLikeOthers) {
+TEST_F(CallTableTest, FileOfAnOutputThatFailsIsReportedAndCountedLikeOthers) {
     FailingWriter writer;
     restart({}, {&writer, &diary_});
     start();

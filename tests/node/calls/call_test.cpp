@@ -194,7 +194,7 @@ TEST_F(CallTest, EarlyInACallDataRefutesATerminateThatIsFarAhead) {
     EXPECT_FALSE(call_->ending());
 }
 
-TEST_F(CallTest, TerminateAfterAPauseOfASenderThatIsFasterThanRealTimeIsBelieved) {
+TEST_F(CallTest, TerminateAfterAPauseOfASenderThatIsFasterThanRealTimeIsAccepted) {
     start();
     data(1);
     diary_.take();
@@ -204,11 +204,11 @@ TEST_F(CallTest, TerminateAfterAPauseOfASenderThatIsFasterThanRealTimeIsBelieved
     call_->tick(now_ + 1s);
     EXPECT_EQ(diary_.take(), "tick; terminate; tick");
     EXPECT_TRUE(call_->ending());
-    EXPECT_TRUE(call_->ended_in_doubt());
+    EXPECT_TRUE(call_->ended_implausibly());
     EXPECT_EQ(call_->terminate_time(), sent_ + 1'000'000) << "not what the packet claims";
 }
 
-TEST_F(CallTest, DoubtedTerminateIsRefusedWhenAnotherComesOrTheCallEnds) {
+TEST_F(CallTest, ImplausibleTerminateIsRefusedWhenAnotherComesOrTheCallEnds) {
     start();
     data(1);
     diary_.take();
@@ -219,13 +219,13 @@ TEST_F(CallTest, DoubtedTerminateIsRefusedWhenAnotherComesOrTheCallEnds) {
     EXPECT_EQ(diary_.take(), "refused 350000000; end shutdown");
 }
 
-TEST_F(CallTest, TerminateAfterAHoldIsBelievedAtOnce) {
+TEST_F(CallTest, TerminateAfterAHoldIsAcceptedAtOnce) {
     start();
     talk(1, 150);
     pass(1min);
     terminate();
     EXPECT_TRUE(call_->ending());
-    EXPECT_FALSE(call_->ended_in_doubt());
+    EXPECT_FALSE(call_->ended_implausibly());
 }
 
 TEST_F(CallTest, ControlPacketThatClaimsToBeSentFarAheadDoesNotMakeLaterOnesOld) {
@@ -304,7 +304,7 @@ TEST_F(CallTest, SilentCallTimesOutAndALongOneBecomesTooOld) {
     EXPECT_EQ(call_->due(now_), EndReason::TOO_OLD);
 }
 
-TEST_F(CallTest, EndIsToldAfterEverythingElse) {
+TEST_F(CallTest, EndIsReportedAfterEverythingElse) {
     data(1);
     call_->end(EndReason::SHUTDOWN);
     EXPECT_EQ(diary_.take(), "begun originator; end shutdown");
@@ -315,7 +315,7 @@ TEST_F(CallTest, TickReachesEveryListener) {
     EXPECT_EQ(diary_.take(), "tick");
 }
 
-TEST_F(CallTest, FailedFileOfOneOutputIsToldToAll) {
+TEST_F(CallTest, FailedFileOfOneOutputIsReportedToAll) {
     call_->report_failed_file({"x.wav", "No space left on device"});
     EXPECT_EQ(diary_.take(), "failed x.wav");
     ASSERT_EQ(call_->failed_files().size(), 1u);
@@ -353,7 +353,7 @@ class Library : public CallListener {
     Diary* latest = nullptr;  // Owned by its call.
 };
 
-TEST_F(CallTest, WhatAnOutputKeepsForACallIsToldInPlaceOfTheOutput) {
+TEST_F(CallTest, WhatAnOutputKeepsForACallIsCalledInPlaceOfTheOutput) {
     Library library;
     const auto other = make_call({&library});
     call_ = make_call({&library});
@@ -362,7 +362,7 @@ TEST_F(CallTest, WhatAnOutputKeepsForACallIsToldInPlaceOfTheOutput) {
     EXPECT_EQ(diary->take(), "start ref");
 }
 
-TEST_F(CallTest, ListenersAreToldInTheOrderOfTheOutputs) {
+TEST_F(CallTest, ListenersAreCalledInTheOrderOfTheOutputs) {
     struct Writer : CallListener {
         explicit Writer(std::string& text, char name) : text_(text), name_(name) {}
         void started(const Call&, const Packet&) override { text_ += name_; }

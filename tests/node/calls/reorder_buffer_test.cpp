@@ -154,7 +154,7 @@ TEST_F(ReorderBufferTest, FinishDeliversWhatIsHeld) {
     EXPECT_EQ(buffer_->held(), 0u);
 }
 
-TEST_F(ReorderBufferTest, LatePacketIsToldFromADuplicate) {
+TEST_F(ReorderBufferTest, LatePacketIsDistinguishedFromADuplicate) {
     send_all({1, 3});
     pass(200ms);
     EXPECT_EQ(send(2), Verdict::LATE);

@@ -226,7 +226,7 @@ TEST_F(EventLogTest, SideThatNeverCameIsLeftOutOfTheEnd) {
     EXPECT_FALSE(event("end")["sides"].contains("terminator"));
 }
 
-TEST_F(EventLogTest, FailedFileIsToldOnceAndAgainAtTheEnd) {
+TEST_F(EventLogTest, FailedFileIsReportedOnceAndAgainAtTheEnd) {
     store_.error = "No space left on device";
     send_call();
     EXPECT_EQ(kinds(), "start control terminate file_error file_error end");
@@ -246,7 +246,7 @@ TEST_F(EventLogTest, NoControlCharacterIsWrittenAsItIs) {
     EXPECT_EQ(out_.find('\x1b'), std::string::npos);
 }
 
-TEST_F(EventLogTest, WhatConcernsNoCallIsTold) {
+TEST_F(EventLogTest, WhatConcernsNoCallIsReported) {
     log_->listening("127.0.0.1:40000");
     log_->malformed(qv::media::DecodeResult::BAD_MAGIC, 12, "192.0.2.7:9");
     log_->overflow(7);
@@ -278,7 +278,7 @@ TEST_F(EventLogTest, WhatAFullDiskDidNotTakeIsWrittenWhenThereIsRoom) {
     EXPECT_EQ(lines()[3], R"({"event":"overflow","time":"T","packets":3})");
 }
 
-TEST_F(EventLogTest, EventsBeyondAMegabyteThatWaitsAreCountedAndToldOnce) {
+TEST_F(EventLogTest, EventsBeyondAMegabyteThatWaitsAreCountedAndReportedOnce) {
     room_ = 0;
     constexpr std::uint64_t EVENTS = 30'000;
     for (std::uint64_t event = 0; event < EVENTS; ++event) {
@@ -296,7 +296,7 @@ TEST_F(EventLogTest, EventsBeyondAMegabyteThatWaitsAreCountedAndToldOnce) {
     EXPECT_EQ(lines().back(), R"({"event":"overflow","time":"T","packets":8})");
 }
 
-TEST_F(EventLogTest, LossIsToldWhereTheEventsAreMissing) {
+TEST_F(EventLogTest, LossIsReportedWhereTheEventsAreMissing) {
     room_ = 0;
     for (int event = 0; event < 30'000; ++event) {
         log_->overflow(1);

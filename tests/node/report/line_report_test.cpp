@@ -35,7 +35,7 @@ class LineReportTest : public qv::tests::NodeCallTest {
     LineReport report_{out_};
 };
 
-TEST_F(LineReportTest, CallIsToldFromStartToEnd) {
+TEST_F(LineReportTest, CallIsReportedFromStartToEnd) {
     send_call();
     EXPECT_EQ(lines(), (Lines{"start        inbound, from 192.0.2.1:30000, reference "
                               "\"a84b4c76e66710@192.0.2.7\", rule 42, audio "
@@ -176,7 +176,7 @@ TEST_F(LineReportTest, EachReasonOfAnEndHasItsWords) {
     EXPECT_EQ(last_lines(1)[0], "end          cut short: the receiver ends");
 }
 
-TEST_F(LineReportTest, FailedFilesAreToldWithTheirReasonAndNamedAtTheEnd) {
+TEST_F(LineReportTest, FailedFilesAreReportedWithTheirReasonAndNamedAtTheEnd) {
     store_.error = "No space left on device";
     send_call();
     EXPECT_EQ(last_lines(7),

@@ -97,7 +97,7 @@ TEST_F(LiveViewTest, LevelIsThatSinceTheLastFrame) {
                               NO_LEVEL_7 + "      0");
 }
 
-TEST_F(LiveViewTest, StateOfACallIsTold) {
+TEST_F(LiveViewTest, StateOfACallIsReported) {
     send_data(1, 0);
     EXPECT_EQ(frame()[5].substr(frame()[5].size() - 11), " 0  no start");
     send("call_1_start");

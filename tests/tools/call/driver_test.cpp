@@ -127,7 +127,7 @@ TEST_F(DriverTest, TheFirstFailedCommandIsKeptWithItsAnswer) {
     EXPECT_EQ(totals.first_failed->answer, "INVALID COMMAND!\n");
 }
 
-TEST_F(DriverTest, ACommandThatComesTooLateIsTold) {
+TEST_F(DriverTest, ACommandThatComesTooLateIsReported) {
     plan_.commands = {{0, "early"}, {60, "late"}};
     const RunTotals totals = run();
     EXPECT_EQ(totals.commands_missed, 1u);

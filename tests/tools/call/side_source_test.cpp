@@ -57,7 +57,7 @@ TEST_F(SideSourceTest, ACallShorterThanItsAudioIsCut) {
     EXPECT_EQ(frames(), (std::vector<Frame>{{1, 2, 3, 4}, {5}}));
 }
 
-TEST_F(SideSourceTest, TheEndIsToldOnceAndNotBefore) {
+TEST_F(SideSourceTest, TheEndIsReportedOnceAndNotBefore) {
     play({1, 2, 3, 4}, 4);
     std::uint8_t buffer[100];
     EXPECT_EQ(source_->next(buffer, sizeof(buffer)), 8u);
