@@ -62,7 +62,7 @@ build/quorvane-call --module build/mod_quorvane.so --media-node "127.0.0.1:$port
 wait "$node_pid" || { cat "$folder/node.log"; fail "the media node failed"; }
 node_pid=
 
-step "5. What the media node heard"
+step "5. What the media node received"
 sed 's/^/   /' "$folder/node.log"
 
 step "6. The proof: samples spoken against samples received"
