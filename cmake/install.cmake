@@ -115,5 +115,4 @@ install(FILES ${CMAKE_BINARY_DIR}/generated/quorvaneConfigVersion.cmake DESTINAT
 configure_file(packaging/quorvane.pc.in ${CMAKE_BINARY_DIR}/generated/quorvane.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/generated/quorvane.pc
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/pkgconfig COMPONENT dev)
-install(FILES examples/receiver.cpp docs/protocol.md docs/quorvane.ksy
-        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${dev_package}/examples COMPONENT dev)
+quorvane_install_documents(dev ${dev_package})

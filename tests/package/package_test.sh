@@ -131,6 +131,7 @@ dev=$work/dev
 dpkg-deb -x "$(find "$work/DEB" -maxdepth 1 -name 'quorvane-dev_*.deb')" "$dev"
 expect "header" cmp "$source_dir/include/quorvane/media_packet.h" \
     "$dev/usr/include/quorvane/media_packet.h"
+expect "links of the header's documents" same "$(dead_links "$dev/usr/share/doc")" ""
 if command -v pkg-config >/dev/null; then
     export PKG_CONFIG_PATH=$dev/usr/share/pkgconfig
     expect "pkg-config's version" same "$(pkg-config --modversion quorvane)" "$project_version"

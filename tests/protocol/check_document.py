@@ -134,16 +134,6 @@ class Document(unittest.TestCase):
         used = {name for entry in GOLDEN.values() if "malformed" not in entry for name in entry}
         self.assertEqual(used, documented)
 
-    def test_links_lead_somewhere(self):
-        anchors = {re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-")
-                   for title in re.findall(r"^#+ (.*)$", DOCUMENT, re.M)}
-        for target in re.findall(r"\]\(([^)]+)\)", DOCUMENT):
-            with self.subTest(target):
-                if target.startswith("#"):
-                    self.assertIn(target[1:], anchors)
-                else:
-                    self.assertTrue((ROOT / "docs" / target).exists())
-
 
 if __name__ == "__main__":
     sys.exit(unittest.main())
