@@ -141,7 +141,7 @@ void Application::open_calls() {
         *calls_, [this](const Datagram& datagram, media::DecodeResult reason, std::uint64_t count) {
             outputs_.notices().malformed(datagram, reason, count);
         });
-    intake_->allow_only(AllowedNetworks(options_.allowed));
+    intake_->allow_only(tools::AllowedNetworks(options_.allowed));
 }
 
 void Application::schedule_tick() {

@@ -43,18 +43,18 @@ void add_span(CLI::App& app, const std::string& name, Micros& into, const std::s
         ->default_str(CLI::detail::to_string(seconds_of(into)));
 }
 
-CLI::Option* add_networks(CLI::App& app, const std::string& name, std::vector<Network>& into,
+CLI::Option* add_networks(CLI::App& app, const std::string& name, std::vector<tools::Network>& into,
                           const std::string& help) {
     return app
         .add_option_function<std::vector<std::string>>(
             name,
             [&into](const std::vector<std::string>& networks) {
                 for (const std::string& network : networks) {
-                    into.push_back(parse_network(network).value());  // It was checked.
+                    into.push_back(tools::parse_network(network).value());  // It was checked.
                 }
             },
             help)
-        ->check(check_network)
+        ->check(tools::check_network)
         ->type_name("NETWORK")
         ->expected(1)
         ->take_all();

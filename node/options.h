@@ -10,8 +10,8 @@
 
 #include "node/analysis/activity_detector.h"
 #include "node/calls/call_limits.h"
-#include "node/ingest/networks.h"
 #include "tools/exit_codes.h"
+#include "tools/networks.h"
 
 namespace qv::node {
 
@@ -23,7 +23,7 @@ using tools::EXIT_USAGE;
 struct Options {
     std::string listen_text = "127.0.0.1:40000";
     sockaddr_in listen{};
-    std::vector<Network> allowed;  // Senders; empty: all of them.
+    std::vector<tools::Network> allowed;  // Senders; empty: all of them.
     bool listen_given = false;
     std::string read;  // A capture to read in place of listening; "-" for the standard input.
     std::string folder = ".";
@@ -31,8 +31,8 @@ struct Options {
     bool quiet = false;
     std::string events;  // File, "-" for the standard output, empty for none.
     bool every_packet = false;
-    bool reports = false;              // To the report nodes of calls,
-    std::vector<Network> reported_to;  // in these networks; empty: on this machine.
+    bool reports = false;                     // To the report nodes of calls,
+    std::vector<tools::Network> reported_to;  // in these networks; empty: on this machine.
     bool live = false;
     bool timeline = false;
     std::optional<sockaddr_in> metrics;  // Where they are served.

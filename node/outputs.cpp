@@ -149,7 +149,7 @@ std::string Outputs::open_sender() {
     if (!options_.reports) {
         return {};
     }
-    const std::vector<Network> this_machine = {parse_network("127.0.0.0/8").value()};
+    const std::vector<tools::Network> this_machine = {tools::parse_network("127.0.0.0/8").value()};
     try {
         reports_ = std::make_unique<ReportSender>(
             options_.reported_to.empty() ? this_machine : options_.reported_to);

@@ -9,10 +9,10 @@ namespace qv::node {
 
 namespace {
 
-// Packets that an implausible terminate packet has overtaken come within this time; later ones
+// An implausible terminate packet may overtake packets by this much. Packets that come later
 // refute it.
 constexpr Micros STRAGGLING{300'000};
-// A call of which nothing comes for so long after an implausible terminate packet has ended.
+// If nothing comes for this long after an implausible terminate packet, the call has ended.
 constexpr Micros QUIET{1'000'000};
 // For what outputs still work on at the end of a call.
 constexpr Micros LONGEST_WORK{2'000'000};

@@ -111,7 +111,7 @@ class CallListener {
     virtual void features_changed(const Call&, const media::Packet&) {}
     // The terminate packet came.
     virtual void terminated(const Call&, const media::Packet&) {}
-    // A terminate packet is not believed: it claims to have been sent far ahead of the call's
+    // A terminate packet is refused: it claims to have been sent far ahead of the call's
     // other packets, and those refute it. The call goes on.
     virtual void terminate_refused(const Call&, const media::Packet&) {}
     // A packet of the call came from an address that the call does not belong to, and is

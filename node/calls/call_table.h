@@ -75,8 +75,8 @@ class CallTable {
     Calls calls_;
     Call* last_ = nullptr;  // Of the latest packet: packets of a call often come together.
     ExpiringMap<Ended> terminated_;
-    ExpiringMap<LeftBehind>
-        left_behind_;  // Calls that ended otherwise than by a plausible terminate packet.
+    // Calls that ended without a terminate packet, or with an implausible one.
+    ExpiringMap<LeftBehind> left_behind_;
 };
 
 }  // namespace qv::node

@@ -9,8 +9,8 @@
 
 #include "node/calls/call_table.h"
 #include "node/calls/types.h"
-#include "node/ingest/networks.h"
 #include "quorvane/media_packet.h"
+#include "tools/networks.h"
 
 namespace qv::node {
 
@@ -25,7 +25,7 @@ class Intake {
     Intake(CallTable& calls, OnMalformed on_malformed);
 
     // From now on takes in nothing from other senders.
-    void allow_only(AllowedNetworks networks) { allowed_ = std::move(networks); }
+    void allow_only(tools::AllowedNetworks networks) { allowed_ = std::move(networks); }
 
     void receive(const Datagram& datagram);
 
@@ -40,7 +40,7 @@ class Intake {
   private:
     CallTable& calls_;
     OnMalformed on_malformed_;
-    AllowedNetworks allowed_;
+    tools::AllowedNetworks allowed_;
     std::uint64_t not_allowed_ = 0;
     sockaddr_in latest_not_allowed_{};
     MalformedCounts malformed_{};

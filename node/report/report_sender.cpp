@@ -128,7 +128,7 @@ class ReportSender::ReportedCall : public CallListener {
     std::optional<sockaddr_in> to_;
 };
 
-ReportSender::ReportSender(std::vector<Network> networks)
+ReportSender::ReportSender(std::vector<tools::Network> networks)
     : networks_(std::move(networks)), socket_(open_socket()) {}
 
 ReportSender::~ReportSender() {
@@ -141,7 +141,7 @@ std::unique_ptr<CallListener> ReportSender::begin_call(Call& /*call*/) {
 
 bool ReportSender::is_allowed(const sockaddr_in& address) const {
     return std::any_of(networks_.begin(), networks_.end(),
-                       [&](const Network& network) { return network.contains(address); });
+                       [&](const tools::Network& network) { return network.contains(address); });
 }
 
 void ReportSender::send(const sockaddr_in& to, const std::string& text) {

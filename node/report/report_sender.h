@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "node/calls/call_listener.h"
-#include "node/ingest/networks.h"
 #include "node/report/figures.h"
+#include "tools/networks.h"
 
 namespace qv::node {
 
@@ -27,7 +27,7 @@ class ReportSender : public CallListener {
     static constexpr std::size_t LONGEST = 1200;  // Bytes of a datagram.
 
     // Throws std::system_error where no socket can be had.
-    explicit ReportSender(std::vector<Network> networks);
+    explicit ReportSender(std::vector<tools::Network> networks);
     ~ReportSender() override;
     ReportSender(const ReportSender&) = delete;
     ReportSender& operator=(const ReportSender&) = delete;
@@ -42,7 +42,7 @@ class ReportSender : public CallListener {
     bool is_allowed(const sockaddr_in& address) const;
     void send(const sockaddr_in& to, const std::string& text);
 
-    const std::vector<Network> networks_;
+    const std::vector<tools::Network> networks_;
     const int socket_;
     ReportFigures figures_;
 };

@@ -284,7 +284,7 @@ TEST_F(Api, SameCommandTwiceHasNothingToUpdate) {
 
 // The command compares only the active byte. It answers "nothing to update" for a leg that
 // becomes supported without starting, although the leg is then supported.
-TEST_F(Api, LegThatOnlyBecomesSupportedIsReportedAsNothing) {
+TEST_F(Api, LegThatOnlyBecomesSupportedIsReportedAsNothingToUpdate) {
     const auto call = start_call();
     call_api("audio_activity start orig");
     EXPECT_EQ(call_api("audio_activity stop term"),

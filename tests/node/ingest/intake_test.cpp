@@ -12,6 +12,8 @@ namespace {
 using namespace qv::node;
 using namespace std::chrono_literals;
 using qv::media::DecodeResult;
+using qv::tools::AllowedNetworks;
+using qv::tools::parse_network;
 
 class IntakeTest : public testing::Test {
   protected:

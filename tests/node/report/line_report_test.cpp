@@ -120,7 +120,7 @@ TEST_F(LineReportTest, GapBeyondTheLimitIsFilledInPart) {
     limits.max_silence_s = 0.001;
     watch({&report_}, limits);
     send_data(1, 0);
-    // So long a gap is believed when the next packet goes on behind it.
+    // A gap of this length is accepted when the next packet continues behind it.
     send_data(4, 24);
     send_data(5, 32);
     EXPECT_EQ(lines(), (Lines{"gap          originator: 3 packets lost at 0.0 s, 3 ms filled with "

@@ -85,7 +85,7 @@ class ReportSenderTest : public qv::tests::NodeCallTest {
     };
 
     ReportNode node_;
-    ReportSender sender_{{parse_network("127.0.0.0/8").value()}};
+    ReportSender sender_{{qv::tools::parse_network("127.0.0.0/8").value()}};
     Catcher catcher_;
 };
 

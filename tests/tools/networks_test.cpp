@@ -1,11 +1,11 @@
-#include "node/ingest/networks.h"
+#include "tools/networks.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 namespace {
 
-using namespace qv::node;
+using namespace qv::tools;
 
 bool is_inside(const char* network, const char* address) {
     sockaddr_in sender{};

@@ -1,4 +1,5 @@
-// IPv4 networks whose packets are taken in. A plain value; belongs to one thread.
+// IPv4 networks: which addresses a program accepts or sends to. A plain value; belongs to one
+// thread.
 #pragma once
 
 #include <netinet/in.h>
@@ -8,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace qv::node {
+namespace qv::tools {
 
 // The addresses that begin with the same bits.
 struct Network {
@@ -41,4 +42,4 @@ class AllowedNetworks {
     std::vector<Network> networks_;
 };
 
-}  // namespace qv::node
+}  // namespace qv::tools

@@ -1,11 +1,11 @@
-#include "node/ingest/networks.h"
+#include "tools/networks.h"
 
 #include <arpa/inet.h>
 
 #include <algorithm>
 #include <charconv>
 
-namespace qv::node {
+namespace qv::tools {
 
 namespace {
 
@@ -50,4 +50,4 @@ bool AllowedNetworks::is_inside(const sockaddr_in& sender) const {
                        [&](const Network& network) { return network.contains(sender); });
 }
 
-}  // namespace qv::node
+}  // namespace qv::tools
