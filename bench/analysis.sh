@@ -28,7 +28,10 @@ parts=("${@:-}")
 for part in "${parts[@]}"; do
     case $part in
         samples | tones | false | activity | cost) ;;
-        *) echo "analysis: unknown part $part: samples, tones, false, activity or cost" >&2; exit 2 ;;
+        *)
+            echo "analysis: unknown part $part: samples, tones, false, activity or cost" >&2
+            exit 2
+            ;;
     esac
 done
 

@@ -51,7 +51,8 @@ cpu_ticks() { awk '{ print $14 + $15, $14 }' "/proc/$node_pid/stat"; }
 read -r before before_user <<<"$(cpu_ticks)"
 taskset -c "$(($(nproc) > 1))" "$build/bench/node_load" send "127.0.0.1:$port" "$calls" "$seconds"
 read -r after after_user <<<"$(cpu_ticks)"
-grep -E 'VmHWM' "/proc/$node_pid/status" | awk '{ printf "receiver: %d MiB at most, ", $2 / 1024 }' || true
+grep -E 'VmHWM' "/proc/$node_pid/status" |
+    awk '{ printf "receiver: %d MiB at most, ", $2 / 1024 }' || true
 awk -v t="$((after - before))" -v u="$((after_user - before_user))" -v hz="$(getconf CLK_TCK)" \
     -v seconds="$seconds" \
     'BEGIN { printf "%.0f %% of its core, %.0f %% outside the kernel\n",

@@ -76,7 +76,8 @@ list(GET embedded_values 1 QUORVANE_CF_MEDIA_SET)
 
 # quorvane_embedded_headers: our own declaration of the host's interface.
 add_library(quorvane_embedded_headers INTERFACE)
-target_include_directories(quorvane_embedded_headers SYSTEM INTERFACE ${PROJECT_SOURCE_DIR}/host/include)
+target_include_directories(quorvane_embedded_headers SYSTEM INTERFACE
+  ${PROJECT_SOURCE_DIR}/host/include)
 target_compile_definitions(quorvane_embedded_headers INTERFACE
   QUORVANE_SWITCH_EVENT_ALL=${QUORVANE_SWITCH_EVENT_ALL}
   QUORVANE_CF_MEDIA_SET=${QUORVANE_CF_MEDIA_SET})
@@ -84,7 +85,8 @@ target_compile_definitions(quorvane_embedded_headers INTERFACE
 # quorvane_freeswitch_headers: the real ones, where they are installed.
 if(FREESWITCH_FOUND)
   add_library(quorvane_freeswitch_headers INTERFACE)
-  target_include_directories(quorvane_freeswitch_headers SYSTEM INTERFACE ${FREESWITCH_INCLUDE_DIRS})
+  target_include_directories(quorvane_freeswitch_headers SYSTEM INTERFACE
+    ${FREESWITCH_INCLUDE_DIRS})
   target_compile_options(quorvane_freeswitch_headers INTERFACE ${FREESWITCH_CFLAGS_OTHER})
 endif()
 

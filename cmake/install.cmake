@@ -7,7 +7,8 @@ set(dev_package quorvane-dev)
 # from one to another leads there, too.
 function(quorvane_install_documents component package)
   set(folder ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package})
-  install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md DESTINATION ${folder} COMPONENT ${component})
+  install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md
+          DESTINATION ${folder} COMPONENT ${component})
   install(DIRECTORY docs DESTINATION ${folder} COMPONENT ${component}
           FILES_MATCHING PATTERN *.md PATTERN *.ksy)
   install(DIRECTORY examples DESTINATION ${folder} COMPONENT ${component}

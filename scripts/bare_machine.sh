@@ -104,7 +104,8 @@ run_outside() {
     fi
     package_sources | sed 's/^/deb /' >"$run/apt/sources.list"
     # Copies how apt reaches its sources, but not the hooks, which call programs of this machine.
-    apt-config dump | grep '^Acquire::' | grep -v '^Acquire::IndexTargets' >"$run/apt/acquire" || true
+    apt-config dump | grep '^Acquire::' |
+        grep -v '^Acquire::IndexTargets' >"$run/apt/acquire" || true
 
     local status=0
     unshare --mount --pid --ipc --fork --kill-child --propagation private \

@@ -42,7 +42,8 @@ target=${target#fuzz_}
 build() {
     command -v clang++ >/dev/null || fail "clang is missing: scripts/setup.sh installs it"
     mkdir -p build
-    cmake --preset fuzz >build/fuzz-configure.log 2>&1 || { cat build/fuzz-configure.log; return 1; }
+    cmake --preset fuzz >build/fuzz-configure.log 2>&1 ||
+        { cat build/fuzz-configure.log; return 1; }
     cmake --build --preset fuzz -j "$(nproc)" --target "$@" >build/fuzz-build.log 2>&1 ||
         { tail -n 40 build/fuzz-build.log; return 1; }
 }
@@ -67,7 +68,8 @@ fuzz() {
                                                if ($i == "ft:") ft = $(i + 1) } }
          /number_of_executed_units/ { runs = $2 }
          /peak_rss_mb/ { rss = $2 }
-         END { printf "fuzz: %s executions, coverage %s edges (%s features), %s MB\n", runs, cov, ft, rss }' \
+         END { printf "fuzz: %s executions, coverage %s edges (%s features), %s MB\n",
+                      runs, cov, ft, rss }' \
         "$log"
 }
 

@@ -63,7 +63,8 @@ log = open(sys.argv[3]).read()
 sent = figures["data_packets_expected"] + 2 * figures["calls"]["tapped"]
 came = int(re.search(r"([\d,]+) packets", log.split("summary")[-1]).group(1).replace(",", ""))
 late = figures["lateness"]
-times = " | ".join(f"{late[key] * 1000:.2f}" for key in ("p50_s", "p90_s", "p99_s", "p99.9_s", "max_s"))
+columns = ("p50_s", "p90_s", "p99_s", "p99.9_s", "max_s")
+times = " | ".join(f"{late[key] * 1000:.2f}" for key in columns)
 cpu = figures["cpu"]
 print(f"| {calls:,} | {times} | {figures['handling']['p50_s'] * 1e6:.1f} "
       f"| {(cpu['user_s'] + cpu['system_s']) / figures['elapsed_s'] * 100:.0f} "
@@ -73,9 +74,12 @@ PY
 }
 
 load=$(cut -d' ' -f1 /proc/loadavg)
-echo "$(nproc) processors ($(awk -F': ' '/model name/ { print $2; exit }' /proc/cpuinfo)), Linux $(uname -r), load $load before"
+model=$(awk -F': ' '/model name/ { print $2; exit }' /proc/cpuinfo)
+echo "$(nproc) processors ($model), Linux $(uname -r), load $load before"
 echo
-echo "| calls | late by, ms: 50 % | 90 % | 99 % | 99.9 % | most | module a frame, us | CPU, % of a core | CPU a call, ms/s | memory a call, KiB | packets sent | received |"
+echo -n "| calls | late by, ms: 50 % | 90 % | 99 % | 99.9 % | most | module a frame, us "
+echo -n "| CPU, % of a core | CPU a call, ms/s | memory a call, KiB "
+echo "| packets sent | received |"
 echo "|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|"
 for calls in "$@"; do
     run_calls "$calls"

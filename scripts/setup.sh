@@ -38,7 +38,8 @@ export DEBIAN_FRONTEND=noninteractive
 log=$(mktemp)
 install() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get -o DPkg::Lock::Timeout=120 install -y -q --no-install-recommends "${missing[@]}" >"$log" 2>&1
+        apt-get -o DPkg::Lock::Timeout=120 install -y -q --no-install-recommends \
+        "${missing[@]}" >"$log" 2>&1
 }
 # The package lists may be older than the archive, so they are updated once.
 if ! install; then

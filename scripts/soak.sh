@@ -57,7 +57,11 @@ for _ in $(seq 100); do
     [ -z "$port" ] || break
     sleep 0.1
 done
-[ -n "$port" ] || { cat "$folder/node.log" >&2; echo "soak: the media node did not start" >&2; exit 1; }
+if [ -z "$port" ]; then
+    cat "$folder/node.log" >&2
+    echo "soak: the media node did not start" >&2
+    exit 1
+fi
 
 calls=$((minutes * 60 * rate))
 echo "soak: $calls calls in $minutes minutes, of 1 to 30 seconds, each with four API commands"

@@ -49,7 +49,8 @@ class Samples:
         threads = re.search(r"Threads:\s+(\d+)", status).group(1)
         descriptors = len(list((self._process / "fd").iterdir()))
         seconds = time.monotonic() - self._begin
-        print(f"{seconds:.0f}", resident, descriptors, threads, registered, file=self._file, flush=True)
+        print(f"{seconds:.0f}", resident, descriptors, threads, registered,
+              file=self._file, flush=True)
         return True
 
     def registered(self):

@@ -285,7 +285,8 @@ class WrongUse(EndToEnd):
     def test_a_stereo_file(self):
         path = self.wav("stereo.wav", noise(100, 1), 8000, channels=2)
         self.assertEqual(self.refused(2, "--read", path),
-                         f"quorvane-call: {path}: has 2 channels; a side of a call has one (mono)\n")
+                         f"quorvane-call: {path}: has 2 channels;"
+                         " a side of a call has one (mono)\n")
 
     def test_two_sample_rates(self):
         read, write = (self.wav(f"{rate}.wav", noise(100, 1), rate) for rate in (8000, 16000))

@@ -49,7 +49,8 @@ for release in 1.10.0 1.10.2 1.10 1.11; do
         echo "FreeSWITCH $(pkg-config --modversion freeswitch) is $release"
         accepted=$((accepted + 1))
     else
-        grep -q 'as in the release of QUORVANE_HOST_VERSION' "$build/log" || fail "no word on $release"
+        grep -q 'as in the release of QUORVANE_HOST_VERSION' "$build/log" ||
+            fail "no word on $release"
     fi
 done
 [ "$accepted" -le 1 ] || fail "the real headers are accepted for $accepted releases"

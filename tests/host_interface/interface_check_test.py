@@ -28,7 +28,8 @@ OWN_TYPES = {"switch_codec_slot_t"}
 def compile_check(include, *definitions):
     """The compiler's messages for the check with the headers in INCLUDE; "" if it succeeds."""
     run = subprocess.run(
-        [COMPILER, "-std=c++17", "-fsyntax-only", "-isystem", str(include), *definitions, str(CHECK)],
+        [COMPILER, "-std=c++17", "-fsyntax-only", "-isystem", str(include), *definitions,
+         str(CHECK)],
         capture_output=True, text=True, check=False)
     return run.stderr if run.returncode else ""
 
@@ -158,7 +159,8 @@ class Differences(ChangedHeaders):
 
     def test_value_that_moves_between_releases(self):
         said = compile_check(HEADER.parent, "-DQUORVANE_SWITCH_EVENT_ALL=92",
-                             "-DQUORVANE_EXPECTED_EVENT_ALL=93", "-DQUORVANE_EXPECTED_CF_MEDIA_SET=55")
+                             "-DQUORVANE_EXPECTED_EVENT_ALL=93",
+                             "-DQUORVANE_EXPECTED_CF_MEDIA_SET=55")
         self.assertIn("SWITCH_EVENT_ALL is not 93", said)
 
 
@@ -180,7 +182,8 @@ class RealHeaders(ChangedHeaders):
         self.assertIn("switch_frame_t.buflen lies elsewhere", said)
 
     def test_real_enumerator(self):
-        said = self.changed("switch_types.h", "\tSMBF_PRUNE = (1 << 9),", "\tSMBF_PRUNE = (1 << 28),")
+        said = self.changed("switch_types.h", "\tSMBF_PRUNE = (1 << 9),",
+                            "\tSMBF_PRUNE = (1 << 28),")
         self.assertIn("SMBF_PRUNE is not 1 << 9", said)
 
     def test_real_value_that_moves_between_releases(self):

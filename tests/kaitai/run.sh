@@ -39,7 +39,8 @@ registry_answers() {
 }
 
 for program in node npm; do
-  command -v "$program" >/dev/null || skip "$program is not installed (Debian: apt-get install nodejs npm)"
+  command -v "$program" >/dev/null ||
+    skip "$program is not installed (Debian: apt-get install nodejs npm)"
 done
 major=$(node -p 'process.versions.node.split(".")[0]')
 [ "$major" -ge 18 ] || skip "Node 18 or later is needed, this is $(node --version)"
@@ -55,7 +56,8 @@ if [ "$(cat "$folder/installed" 2>/dev/null || true)" != "$stamp" ]; then
   log=$folder/install.log
   if ! (cd "$folder" && timeout 120 npm ci --ignore-scripts --prefer-offline "${patience[@]}") \
     >"$log" 2>&1; then
-    registry_answers || skip "the package registry cannot be reached$(npm_error "$log"), so the Kaitai Struct compiler could not be fetched"
+    why="the package registry cannot be reached$(npm_error "$log")"
+    registry_answers || skip "$why, so the Kaitai Struct compiler could not be fetched"
     cat "$log" >&2
     echo "npm ci failed, though the package registry answers" >&2
     exit 1

@@ -132,7 +132,8 @@ class ThePicture(unittest.TestCase):
     ARROWS = [("top/a.cpp", "middle/b.h"), ("middle/b.h", "bottom/deep/c.h")]
 
     def test_is_read_from_the_document(self):
-        document = "x\n## Layers\n\n```\n top/   ──▶ low/ other/\n low/\n```\n\n## Next\n```\n no/\n```\n"
+        document = ("x\n## Layers\n\n```\n top/   ──▶ low/ other/\n low/\n```\n\n"
+                    "## Next\n```\n no/\n```\n")
         self.assertEqual(picture_of(document), {"top": ["low", "other"], "low": []})
 
     def test_is_right_when_all_arrows_are_drawn(self):
@@ -144,7 +145,8 @@ class ThePicture(unittest.TestCase):
 
     def test_must_have_every_arrow(self):
         said = complaints(self.ROWS, self.FILES, self.ARROWS + [("bottom/deep/c.h", "top/a.cpp")])
-        self.assertEqual(said, ["bottom/deep/c.h includes top/a.cpp: no arrow from bottom/ to top/"])
+        self.assertEqual(
+            said, ["bottom/deep/c.h includes top/a.cpp: no arrow from bottom/ to top/"])
 
     def test_must_not_have_an_arrow_that_no_source_draws(self):
         said = complaints(self.ROWS, self.FILES, self.ARROWS[:1])

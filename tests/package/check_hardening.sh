@@ -28,13 +28,15 @@ check_commands() {
     lines=$(grep '"command":' "$commands" |
         grep -E -- " -c $source_dir/(quorvane_lib|module|host|node|tools)/[^ ]*\.cpp\"")
     [ -n "$lines" ] || fail "$commands has none of the sources"
-    without=$(grep -vE -- " $flag( |$)" <<< "$lines" | sed 's/.* -c \([^ ]*\.cpp\)".*/\1/' | sort -u)
+    without=$(grep -vE -- " $flag( |$)" <<< "$lines" |
+        sed 's/.* -c \([^ ]*\.cpp\)".*/\1/' | sort -u)
     [ -z "$without" ] || fail "compiled without $flag: $(echo $without)"
 }
 
 check_file() {
     local file=$1 used dynamic segments stack
-    used=$(nm --dynamic --undefined-only --format=posix "$file" | awk '{ print $1 }' | sed 's/@.*//')
+    used=$(nm --dynamic --undefined-only --format=posix "$file" |
+        awk '{ print $1 }' | sed 's/@.*//')
     grep -qx '__stack_chk_fail' <<< "$used" || fail "$file: no stack protector"
     if [ "$fortified" = yes ]; then
         grep -qE '^__[a-z]+_chk$' <<< "$used" || fail "$file: no fortified function"

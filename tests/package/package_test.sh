@@ -150,7 +150,9 @@ dpkg_here() {
         fail "dpkg $*"
     }
 }
-status() { dpkg-query --admindir="$root/var/lib/dpkg" -W -f '${Status} ${Version}' $name 2>/dev/null; }
+status() {
+    dpkg-query --admindir="$root/var/lib/dpkg" -W -f '${Status} ${Version}' $name 2>/dev/null
+}
 
 # The same package with another version ($1) and a configuration with one line more.
 later_package() {

@@ -28,7 +28,8 @@ said=$(quorvane-node --version)
 expect "version of the receiver" contains "$said" "quorvane-node ${version%%+*} (revision "
 expect "version of the driver" contains "$(quorvane-call --version)" "${said#quorvane-node }"
 revision=${said##* }
-expect "revision of the module" grep -qa "${revision%)}@production" /usr/lib/quorvane/mod_quorvane.so
+expect "revision of the module" \
+    grep -qa "${revision%)}@production" /usr/lib/quorvane/mod_quorvane.so
 
 # Sends a call to the receiver, with the module that is packaged with the driver.
 quorvane-node --listen 127.0.0.1:40000 --output received --calls 1 --idle-exit 30 >node.log 2>&1 &
@@ -46,8 +47,8 @@ expect "no module: the option" contains "$said" "--module"
 mv /usr/lib/quorvane.away /usr/lib/quorvane
 
 say "documents, completion, dissector, service"
-quietly apt-get install -y -q --no-install-recommends man-db bash-completion python3 tshark systemd ||
-    exit 1
+quietly apt-get install -y -q --no-install-recommends \
+    man-db bash-completion python3 tshark systemd || exit 1
 for program in quorvane-node quorvane-call; do
     page=$(find / -xdev -name "$program.1*" -path '*man1*' 2>/dev/null)
     # A minimal system may be configured without manual pages; the package has them.
@@ -106,8 +107,8 @@ END
 expect "states of the service" test "$ready" = "READY=1 STOPPING=1 0"
 
 say "quorvane-dev"
-quietly apt-get install -y -q --no-install-recommends ./quorvane-dev_*.deb g++ cmake make pkg-config ||
-    exit 1
+quietly apt-get install -y -q --no-install-recommends \
+    ./quorvane-dev_*.deb g++ cmake make pkg-config || exit 1
 example=/usr/share/doc/quorvane-tools/examples/receiver.cpp
 expect "pkg-config's version" test "$(pkg-config --modversion quorvane)" = "${version%%+*}"
 expect "example with pkg-config" \

@@ -42,5 +42,6 @@ def build_module(installation, sanitizer, folder: pathlib.Path) -> Module:
         for command in commands:
             if subprocess.run(command, stdout=output, stderr=output, check=False,
                               env=environment_for(installation)).returncode != 0:
-                raise BuildFailed(f"the module cannot be built for {installation.prefix}: see {log}")
+                raise BuildFailed(
+                    f"the module cannot be built for {installation.prefix}: see {log}")
     return Module(build / "mod_quorvane.so", build / "relocated" / "mod_quorvane.so")

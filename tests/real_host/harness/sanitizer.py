@@ -56,7 +56,8 @@ def early_lookup(folder: pathlib.Path) -> pathlib.Path:
     """Builds early_lookup.c, which explains its purpose."""
     built = folder / "early_lookup.so"
     source = pathlib.Path(__file__).with_name("early_lookup.c")
-    subprocess.run(["g++", "-x", "c", "-shared", "-fPIC", "-o", str(built), str(source)], check=True)
+    subprocess.run(["g++", "-x", "c", "-shared", "-fPIC", "-o", str(built), str(source)],
+                   check=True)
     return built
 
 

@@ -118,7 +118,8 @@ class Suite:
             # Phones that send audio before they answer. The first one never answers, the second
             # refuses the call, the third answers it.
             extension("early_long", "pre_answer", f"playback {self.third.path}"),
-            extension("early_busy", "pre_answer", f"playback {self.short.path}", "hangup USER_BUSY"),
+            extension("early_busy", "pre_answer", f"playback {self.short.path}",
+                      "hangup USER_BUSY"),
             extension("late_far", "pre_answer", f"playback {self.short.path}", "answer",
                       f"endless_playback {self.far.path}"),
             extension("tap_proxy", "set proxy_media=true", "set execute_on_answer=quorvane",
