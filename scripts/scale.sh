@@ -77,8 +77,8 @@ load=$(cut -d' ' -f1 /proc/loadavg)
 model=$(awk -F': ' '/model name/ { print $2; exit }' /proc/cpuinfo)
 echo "$(nproc) processors ($model), Linux $(uname -r), load $load before"
 echo
-echo -n "| calls | late by, ms: 50 % | 90 % | 99 % | 99.9 % | most | module a frame, us "
-echo -n "| CPU, % of a core | CPU a call, ms/s | memory a call, KiB "
+echo -n "| calls | late by, ms: 50 % | 90 % | 99 % | 99.9 % | most | module per frame, us "
+echo -n "| CPU, % of a core | CPU per call, ms/s | memory per call, KiB "
 echo "| packets sent | received |"
 echo "|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|"
 for calls in "$@"; do
