@@ -21,16 +21,17 @@ struct Named {
 constexpr Named NAMES[] = {
     {Fault::BIND_CHANNEL_DESTROY_FAILS, "bind-channel-destroy-fails",
      "the module cannot bind the channel-destroy event"},
-    {Fault::BIND_ALL_FAILS, "bind-all-fails", "nor all events"},
+    {Fault::BIND_ALL_FAILS, "bind-all-fails", "the module cannot bind all events"},
     {Fault::NO_TIMETABLE, "no-timetable", "a channel has no times"},
-    {Fault::MEDIA_NOT_READY, "media-not-ready", "a channel's media are not ready"},
+    {Fault::MEDIA_NOT_READY, "media-not-ready", "the media of a channel are not ready"},
     {Fault::BUG_REFUSED, "bug-refused", "no media bug can be added"},
     {Fault::SESSION_NOT_FOUND, "session-not-found", "no session is found by its UUID"},
-    {Fault::UUID_GARBAGE, "uuid-garbage", "a session's UUID is no UUID"},
-    {Fault::OUT_OF_MEMORY, "out-of-memory", "the host finds no memory for bugs and bindings"},
-    {Fault::NULL_FRAME, "null-frame", "a bug's frame is null"},
+    {Fault::UUID_GARBAGE, "uuid-garbage", "the UUID of a session is not a UUID"},
+    {Fault::OUT_OF_MEMORY, "out-of-memory", "the host has no memory for bugs and event bindings"},
+    {Fault::NULL_FRAME, "null-frame", "the frame of a media bug is null"},
     {Fault::COMPLETION_FAILS, "completion-fails", "no console completion can be added"},
-    {Fault::REFUSED_BUG_CLOSED, "refused-bug-closed", "a bug that refuses to start is closed"},
+    {Fault::REFUSED_BUG_CLOSED, "refused-bug-closed",
+     "the host closes a bug that refused to start"},
     {Fault::BUG_LOST, "bug-lost", "a bug that has started cannot be added"},
 };
 

@@ -22,8 +22,8 @@ constexpr double DEFAULT_TONE_SECONDS = 5;
 constexpr double LONGEST_SECONDS = 30 * 86400.0;
 
 constexpr char ABOUT[] =
-    "Places calls through mod_quorvane.so without a telephone switch: loads the module into a\n"
-    "small host of its own, plays WAV files as the two sides of each call, hangs up, and tells\n"
+    "Places calls through mod_quorvane.so without a telephone switch: it loads the module into a\n"
+    "small host of its own, plays WAV files as the two sides of each call, hangs up, and reports\n"
     "what happened. The audio goes to a media node, such as quorvane-node.";
 
 constexpr char EXAMPLES[] =
@@ -35,22 +35,22 @@ constexpr char EXAMPLES[] =
     "    quorvane-call --set quorvane_rule_id=7 --set quorvane_audio_activity=true \\\n"
     "        --api \"1.5 quorvane {uuid} audio_activity stop both\" \\\n"
     "        --api \"2.5 quorvane {uuid} features\"\n"
-    "  2,000 calls, 50 begun each second, each of 20 to 40 seconds:\n"
+    "  2,000 calls of 20 to 40 seconds; 50 begin each second:\n"
     "    quorvane-call --calls 2000 --rate 50 --duration 20-40 --repeat \\\n"
     "        --read caller.wav --write agent.wav --json figures.json\n"
-    "  Frames that need several datagrams, with what the module logs about them:\n"
+    "  Frames that need several datagrams, and the warnings that the module logs:\n"
     "    quorvane-call --sample-rate 48000 --frame-ms 40 --duration 1 --show-log WARNING\n"
-    "  How the module takes a host that refuses its media bug:\n"
+    "  A host that refuses the module's media bug:\n"
     "    quorvane-call --fault bug-refused --show-log DEBUG\n";
 
 constexpr char EXIT_CODES[] =
     "Exit codes:\n"
-    "  0  all well\n"
-    "  1  something failed during the calls: one was not tapped or was cut short by a signal, an\n"
-    "     API command failed or came too late, the module logged an error, altered a frame or\n"
-    "     left something behind\n"
-    "  2  wrong command line, or a file that cannot be used\n"
-    "  3  the module cannot be read, given its configuration, or loaded\n";
+    "  0  success\n"
+    "  1  something failed during the calls: a call was not tapped, or was cut short by a signal;\n"
+    "     an API command failed or came too late; the module logged an error, altered a frame,\n"
+    "     or did not release something\n"
+    "  2  the command line is wrong, or a file cannot be used\n"
+    "  3  the module cannot be read, configured or loaded\n";
 
 using Parser = std::function<void(const std::string&)>;
 
@@ -126,26 +126,29 @@ void add_module_options(CLI::App& app, Options& options) {
         ->type_name("PATH")
         ->group("Module");
     app.add_option("--config", options.module.config_file,
-                   "Its configuration file; the options below are added to it")
+                   "Its configuration file; the options below override it")
         ->type_name("FILE")
         ->group("Module");
     add_module_option(app, options, "-n,--media-node", "media_node",
-                      "Where the audio goes (default: 127.0.0.1:40000,\n"
-                      "or what the configuration file says)")
+                      "Media node that receives the audio (default:\n"
+                      "that of the configuration file, or 127.0.0.1:40000\n"
+                      "without such a file)")
         ->check(check_destination)
         ->type_name("ADDRESS:PORT");
-    add_module_option(app, options, "--log-level", "log_level",
-                      "What the module logs at the most: ERROR, WARNING,\nINFO, DEBUG or TRACE")
+    add_module_option(
+        app, options, "--log-level", "log_level",
+        "Most detailed level that the module logs: ERROR,\nWARNING, INFO, DEBUG or TRACE")
         ->check(CLI::IsMember({"ERROR", "WARNING", "INFO", "DEBUG", "TRACE"}).description(""))
         ->type_name("LEVEL");
     add_module_option(app, options, "--default-audio-activity", "default_audio_activity",
-                      "Audio activity detection for calls that do not say")
+                      "Audio activity detection of calls that do not set\n"
+                      "quorvane_audio_activity")
         ->check(check_feature);
     add_module_option(app, options, "--default-detection", "default_detection",
-                      "Sample detection for calls that do not say")
+                      "Sample detection of calls that do not set\nquorvane_detection")
         ->check(check_feature);
     add_module_option(app, options, "--dump-events", "dump_events",
-                      "Host events in the log: none, all, channel or channel-short")
+                      "Host events copied into the log: none, all, channel\nor channel-short")
         ->check(CLI::IsMember({"none", "all", "channel", "channel-short"}).description(""));
     static const std::map<std::string, ConfigPlace> places = {
         {"auto", ConfigPlace::AUTOMATIC},
@@ -156,10 +159,10 @@ void add_module_options(CLI::App& app, Options& options) {
     app.add_option_function<std::string>(
            "--config-place",
            [&options](const std::string& name) { options.module.place = places.at(name); },
-           "Where the module finds its configuration: private,\n"
-           "in a private view of /etc; relocated, in a folder\n"
-           "by the build of it in relocated/ beside it; auto,\n"
-           "what works (default)")
+           "Where the module finds its configuration. private:\n"
+           "in a private view of /etc; relocated: in a folder\n"
+           "that the build in relocated/ beside the module reads;\n"
+           "auto: private if possible, else relocated (default)")
         ->check(CLI::IsMember({"auto", "private", "relocated"}).description(""))
         ->type_name("PLACE")
         ->group("Module");
@@ -168,29 +171,32 @@ void add_module_options(CLI::App& app, Options& options) {
 void add_audio_options(CLI::App& app, Options& options) {
     CallPlan& plan = options.plan;
     app.add_option("-r,--read", options.read_path,
-                   "What the call's party says: a mono PCM WAV file of\n8 to 48 kHz")
+                   "Read leg, what the party on the channel says: a mono\n"
+                   "PCM WAV file of 8 to 48 kHz")
         ->type_name("WAV")
         ->group("Audio");
     app.add_option("-w,--write", options.write_path,
-                   "What is said to the party. A side without a file has\n"
-                   "no frames; without both, each side is a tone of 5 s")
+                   "Write leg, what that party hears. A leg without a file\n"
+                   "has no frames; without both files, each leg is a tone\n"
+                   "of 5 s")
         ->type_name("WAV")
         ->group("Audio");
     add_parsed(app, "-t,--duration,--length",
-               "Length of each call's audio; MIN-MAX: a random one\n(default: each file once)",
+               "Length of each call's audio; MIN-MAX draws a random\nlength per call (default: "
+               "each file once)",
                [&plan](const std::string& text) { plan.schedule.length = parse_span(text); })
         ->type_name("SECONDS")
         ->group("Audio");
     app.add_flag_callback(
            "--repeat", [&plan] { plan.afterwards = Afterwards::REPEAT; },
-           "Begin a file again where --duration is longer\n(else: silence)")
+           "Repeat a file that is shorter than --duration\n(without it: silence follows)")
         ->group("Audio");
     app.add_option("--frame-ms", plan.frame_ms, "Length of a frame, 10 to 120")
         ->check(between(10, 120))
         ->type_name("MS")
         ->capture_default_str()
         ->group("Audio");
-    app.add_option("--sample-rate", options.tone_rate, "Of the tones, 8000 to 48000")
+    app.add_option("--sample-rate", options.tone_rate, "Sample rate of the tones, 8000 to 48000")
         ->check(between(MIN_SAMPLE_RATE, MAX_SAMPLE_RATE))
         ->type_name("HZ")
         ->capture_default_str()
@@ -199,7 +205,7 @@ void add_audio_options(CLI::App& app, Options& options) {
 
 void add_call_options(CLI::App& app, Options& options) {
     CallPlan& plan = options.plan;
-    app.add_option("-d,--direction", "As the switch sees them: inbound or outbound")
+    app.add_option("-d,--direction", "Direction as the switch sees it: inbound or outbound")
         ->check(CLI::IsMember({"inbound", "outbound"}).description(""))
         ->each([&plan](const std::string& text) { plan.outbound = text == "outbound"; })
         ->type_name("WAY")
@@ -207,36 +213,36 @@ void add_call_options(CLI::App& app, Options& options) {
         ->group("Calls");
     add_repeated(
         app, "-s,--set",
-        "A channel variable; {uuid} and {n} in it stand for\n"
-        "the call's UUID and number. sip_call_id is\n"
-        "{uuid}@quorvane-call unless it is set here. A\n"
-        "variable without a value is not set at all. Audio\n"
-        "activity and sample detection, the defaults above\n"
-        "included, have no effect without quorvane_rule_id=N",
+        "Set a channel variable; {uuid} and {n} stand for the\n"
+        "call's UUID and number. sip_call_id is\n"
+        "{uuid}@quorvane-call unless you set it here. An empty\n"
+        "value leaves the variable unset. Audio activity and\n"
+        "sample detection, including the defaults above, have\n"
+        "no effect without quorvane_rule_id=N",
         [&plan](const std::string& text) { plan.variables.push_back(parse_variable(text)); })
         ->type_name("NAME=VALUE")
         ->group("Calls");
-    app.add_option("-u,--uuid", plan.uuid, "Of a single call (default: a random one)")
+    app.add_option("-u,--uuid", plan.uuid, "UUID of a single call (default: a random one)")
         ->check(check_uuid)
         ->type_name("UUID")
         ->group("Calls");
-    app.add_option("-c,--calls", plan.schedule.calls, "How many calls")
+    app.add_option("-c,--calls", plan.schedule.calls, "Number of calls")
         ->check(between(1, 1'000'000))
         ->type_name("N")
         ->capture_default_str()
         ->group("Calls");
-    app.add_option("--rate", plan.schedule.rate, "How many of them begin each second")
+    app.add_option("--rate", plan.schedule.rate, "Number of calls that begin each second")
         ->check(between(0.001, 100'000.0))
         ->type_name("N")
         ->capture_default_str()
         ->group("Calls");
-    app.add_option("--concurrent", plan.concurrent, "At most so many at once; the others wait")
+    app.add_option("--concurrent", plan.concurrent, "Most calls at once; the others wait")
         ->check(between(1, 1'000'000))
         ->type_name("N")
         ->group("Calls");
-    app.add_option(
-           "--seed", plan.schedule.seed,
-           "Of the random lengths, and of the moments at which\nthe frames of many calls fall due")
+    app.add_option("--seed", plan.schedule.seed,
+                   "Seed of the random lengths and of the moments at\nwhich the frames of many "
+                   "calls fall due")
         ->type_name("N")
         ->capture_default_str()
         ->group("Calls");
@@ -245,24 +251,25 @@ void add_call_options(CLI::App& app, Options& options) {
 void add_event_options(CLI::App& app, Options& options) {
     CallPlan& plan = options.plan;
     add_repeated(app, "-a,--api",
-                 "An API command for each call, so many seconds after\n"
-                 "its beginning; may hold {uuid} and {n}",
+                 "Run an API command for each call, SECONDS after the\n"
+                 "call begins; it may contain {uuid} and {n}",
                  [&plan](const std::string& text) { plan.commands.push_back(parse_command(text)); })
         ->type_name("\"SECONDS COMMAND\"")
         ->group("Events");
-    app.add_option("--hangup", plan.hangup_s, "Hang up then, whatever is left of the audio")
+    app.add_option("--hangup", plan.hangup_s, "Hang up after this time, even if audio is left")
         ->check(between(0.0, LONGEST_SECONDS))
         ->type_name("SECONDS")
         ->group("Events");
     app.add_option("--tap-after", plan.tap_after_s,
-                   "Run the module's application, and begin the audio, so\n"
-                   "long after the call begins: API commands can come first")
+                   "Run the module's application and begin the audio this\n"
+                   "long after the call begins, so that API commands can\n"
+                   "come first")
         ->check(between(0.0, LONGEST_SECONDS))
         ->type_name("SECONDS")
         ->group("Events");
     add_repeated(app, "-f,--fault",
-                 "A fault of the host, see below: from before the module\n"
-                 "is loaded, or for some seconds of the run",
+                 "Make the host fail, see below: from before the module\n"
+                 "is loaded, or from and until some seconds of the run",
                  [&plan](const std::string& text) { plan.faults.push_back(parse_fault(text)); })
         ->type_name("NAME[@FROM[-UNTIL]]")
         ->group("Events");
@@ -270,22 +277,22 @@ void add_event_options(CLI::App& app, Options& options) {
 
 void add_pace_options(CLI::App& app, Options& options) {
     app.add_flag("--free-running", options.plan.free_running,
-                 "Frames as fast as the module takes them")
+                 "Play frames as fast as the module takes them")
         ->group("Pace");
-    app.add_option("--threads", options.threads, "Media threads for each direction")
+    app.add_option("--threads", options.threads, "Media threads per direction")
         ->check(between(1, 256))
         ->type_name("N")
         ->capture_default_str()
         ->group("Pace");
     app.add_flag("--own-threads", options.plan.own_threads,
-                 "Two media threads for each call instead")
+                 "Use two media threads per call instead")
         ->group("Pace");
 }
 
 void add_output_options(CLI::App& app, Options& options) {
     add_parsed(app, "--show-log",
                "Show the log up to this level: CRIT, ERR, WARNING,\n"
-               "NOTICE, INFO or DEBUG (default: the first errors)",
+               "NOTICE, INFO or DEBUG (default: the first 10 errors)",
                [&options](const std::string& text) {
                    options.show_log = level_of(text);
                    if (!options.show_log) {
@@ -294,14 +301,15 @@ void add_output_options(CLI::App& app, Options& options) {
                })
         ->type_name("LEVEL")
         ->group("Output");
-    app.add_option("--json", options.json_path, "Write the figures to this file, too")
+    app.add_option("--json", options.json_path, "Also write the figures to this file")
         ->type_name("FILE")
         ->group("Output");
     auto* verbose = app.add_flag_callback(
         "-v,--verbose", [&options] { options.call_lines = CallLines::ALWAYS; },
-        "Lines for each call (default: for up to 10 calls)");
+        "Print lines for each call (default: for up to 10 calls)");
     auto* quiet = app.add_flag_callback(
-        "-q,--quiet", [&options] { options.call_lines = CallLines::NEVER; }, "Only the figures");
+        "-q,--quiet", [&options] { options.call_lines = CallLines::NEVER; },
+        "Print only the figures");
     verbose->group("Output");
     quiet->group("Output")->excludes(verbose);
 }

@@ -59,7 +59,7 @@ std::string frames_line(const RunReport& report) {
 
 std::string packets_line(const RunReport& report) {
     return grouped(data_packets(report)) + " of audio, " + grouped(least_packets(report)) +
-           " with start and terminate: so many belong at the media node";
+           " with start and terminate packets: the media node should receive these";
 }
 
 std::string distribution_line(const Distribution& times) {
@@ -75,14 +75,14 @@ std::string cpu_line(const RunTotals& totals) {
            " s system): " + fixed(divided(cpu, totals.elapsed_s) * 100, 1) + " % of a core, " +
            short_time(std::chrono::nanoseconds(
                static_cast<std::int64_t>(divided(cpu, totals.call_seconds) * 1e9))) +
-           " for each second of a call";
+           " per second of a call";
 }
 
 std::string memory_line(const RunTotals& totals) {
     const auto growth = static_cast<double>(memory_growth(totals));
-    return size_text(static_cast<double>(totals.memory_most)) + " at the most; " +
-           size_text(growth) + " more than before the calls, " +
-           size_text(divided(growth, static_cast<double>(totals.most_at_once))) + " a call";
+    return size_text(static_cast<double>(totals.memory_most)) + " at most; " + size_text(growth) +
+           " more than before the calls, " +
+           size_text(divided(growth, static_cast<double>(totals.most_at_once))) + " per call";
 }
 
 std::string commands_line(const RunTotals& totals) {
@@ -126,7 +126,7 @@ std::vector<std::string> left_over(const RunReport& report) {
     add_if(left, report.host.bindings_alive + report.unload.bindings_dropped, "event binding",
            "still there");
     add_if(left, report.host.sessions_destroyed_locked, "call", "ended under a lock");
-    add_if(left, report.host.unlocks_without_lock, "lock", "given back without being held");
+    add_if(left, report.host.unlocks_without_lock, "lock", "released without being held");
     add_if(left, report.host.frames_altered, "frame", "altered by the module");
     if (report.unload.unloaded && !report.unload.left_memory) {
         left.push_back("the module stayed in memory: it still counts media bugs");
@@ -226,7 +226,7 @@ std::vector<std::string> problems_of(const RunReport& report) {
     add_if(problems, totals.calls_begun - totals.calls_tapped, "call", "not tapped");
     add_if(problems, totals.commands_failed, "API command",
            "failed" + first_failed_text(totals.first_failed));
-    add_if(problems, totals.commands_missed, "API command", "too late for the call");
+    add_if(problems, totals.commands_missed, "API command", "too late for their calls");
     add_if(problems, report.log.errors, "error", "in the log");
     for (const std::string& thing : left_over(report)) {
         problems.push_back(thing);

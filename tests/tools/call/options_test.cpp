@@ -139,10 +139,10 @@ TEST_F(OptionsTest, OptionsThatContradictEachOtherAreRefused) {
 TEST_F(OptionsTest, TheHelpNamesExamplesFaultsAndExitCodes) {
     EXPECT_EQ(parse({"--version"}), EXIT_FINE);
     EXPECT_EQ(parse({"--help"}), EXIT_FINE);
-    EXPECT_NE(help_.find("Examples:"), std::string::npos);
+    EXPECT_NE(help_.find("quorvane-call --calls 2000"), std::string::npos);
     EXPECT_NE(help_.find("bug-refused "), std::string::npos);
-    EXPECT_NE(help_.find("Exit codes:"), std::string::npos);
-    EXPECT_NE(help_.find("without quorvane_rule_id"), std::string::npos);
+    EXPECT_NE(help_.find("\n  3  "), std::string::npos);
+    EXPECT_NE(help_.find("quorvane_rule_id=N"), std::string::npos);
 }
 
 }  // namespace
