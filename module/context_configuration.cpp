@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdlib>
 #include <string>
 
 #include "module/host_log.h"
+#include "module/steady_time.h"
 #include "quorvane_lib/net_socket.h"
 #include "quorvane_lib/utils_str.h"
 
@@ -171,9 +171,7 @@ class ContextConfigurator {
 
     void set_times() {
         context_.configured_time = static_cast<std::uint64_t>(switch_time_now());
-        const auto clock = std::chrono::steady_clock::now().time_since_epoch();
-        context_.configured_clock_us = static_cast<std::uint64_t>(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(clock).count() / 1000);
+        context_.configured_clock_us = steady_time_us();
     }
 
     AppContext& context_;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "module/host_log.h"
+#include "module/steady_time.h"
 
 namespace qv::freeswitch {
 
@@ -14,12 +15,6 @@ using media::PacketType;
 
 // A call's own thread may wait this long once, before its media starts.
 constexpr std::chrono::milliseconds START_PATIENCE{250};
-
-std::uint64_t steady_time_us() {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() / 1000);
-}
 
 // A datagram under construction, on the stack.
 class Packet {

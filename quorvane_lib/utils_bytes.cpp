@@ -1,13 +1,11 @@
 #include "quorvane_lib/utils_bytes.h"
 
 #include <array>
-#include <cstddef>
 
 namespace qv::utils::bytes {
 
 namespace {
 
-constexpr std::size_t UUID_SIZE = 16;
 constexpr signed char NO_DIGIT = -1;
 
 constexpr signed char digit_value(unsigned c) {

@@ -7,12 +7,13 @@
 #include <limits>
 #include <sstream>
 
+#include "quorvane_lib/utils_bytes.h"
+
 namespace qv::utils::str {
 
 namespace {
 
 constexpr const char* WHITESPACE = " \t\n\r";
-constexpr std::size_t UUID_SIZE = 16;
 
 void split_at(const std::string& s, const char* delimiter, std::size_t length,
               std::vector<std::string>& out, bool keep_empty) {
@@ -144,7 +145,7 @@ void print_uuid(std::ostream& out, const unsigned char* uuid) {
     const std::ios_base::fmtflags flags = out.flags();
     const char fill = out.fill('0');
     out << std::hex << std::nouppercase << std::right << std::noshowbase;
-    for (std::size_t i = 0; i < UUID_SIZE; ++i) {
+    for (std::size_t i = 0; i < bytes::UUID_SIZE; ++i) {
         if (i == 4 || i == 6 || i == 8 || i == 10) {
             out << '-';
         }

@@ -4,10 +4,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <iterator>
 #include <new>
 #include <utility>
+
+#include "tools/format.h"
 
 namespace qv::node::analysis {
 
@@ -81,9 +82,7 @@ double seconds_of_sound(const std::vector<float>& sound) {
 }
 
 std::string seconds_text(double seconds) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.2f s", seconds);
-    return text;
+    return tools::format("%.2f s", seconds);
 }
 
 using Changes = std::array<Fingerprint::Change, Fingerprint::BITS>;

@@ -10,12 +10,7 @@ source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 compiler=$1
 build=$(mktemp -d)
 trap 'rm -rf "$build"' EXIT
-failures=0
-
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
+. "$source_dir/tests/support/checks.sh"
 
 # Configures for a host ($1) and a release of it ($2).
 configure() {

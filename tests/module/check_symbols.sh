@@ -4,12 +4,7 @@
 #     check_symbols.sh PATH/mod_quorvane.so
 set -u
 module=$1
-failures=0
-
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
+. "$(dirname "${BASH_SOURCE[0]}")/../support/checks.sh"
 
 # The host functions that the module may use. Any other function would restrict it to hosts that
 # have that function.

@@ -50,6 +50,19 @@ class Concurrency : public ModuleTest {
         call.start_media(std::move(plan));
     }
 
+    // Two threads that issue commands until `stop` is set.
+    std::vector<std::thread> start_operators(const std::atomic<bool>& stop) {
+        std::vector<std::thread> operators;
+        operators.reserve(2);
+        for (int i = 0; i < 2; ++i) {
+            operators.emplace_back([this, &stop] {
+                command(stop, {"audio_activity stop", "features", "audio_activity start",
+                               "detection start"});
+            });
+        }
+        return operators;
+    }
+
     // Issues commands for one call after the other until `stop` is set.
     void command(const std::atomic<bool>& stop, const std::vector<std::string>& commands) {
         for (unsigned i = 0; !stop; ++i) {
@@ -97,17 +110,10 @@ class Concurrency : public ModuleTest {
     std::unique_ptr<MediaListener> listener;
 };
 
-const std::vector<std::string> COMMANDS = {"audio_activity stop", "features",
-                                           "audio_activity start", "detection start"};
-
 TEST_F(Concurrency, CallsThatPlayToTheirEndArriveWhole) {
     load();
     std::atomic<bool> stop{false};
-    std::vector<std::thread> operators;
-    operators.reserve(2);
-    for (int i = 0; i < 2; ++i) {
-        operators.emplace_back([&] { command(stop, COMMANDS); });
-    }
+    std::vector<std::thread> operators = start_operators(stop);
     std::vector<std::unique_ptr<host::Call>> calls;
     calls.reserve(CALLS);
     for (unsigned i = 0; i < CALLS; ++i) {
@@ -139,11 +145,7 @@ TEST_F(Concurrency, CallsThatPlayToTheirEndArriveWhole) {
 TEST_F(Concurrency, HangupsRaceWithMediaAndCommands) {
     load();
     std::atomic<bool> stop{false};
-    std::vector<std::thread> operators;
-    operators.reserve(2);
-    for (int i = 0; i < 2; ++i) {
-        operators.emplace_back([&] { command(stop, COMMANDS); });
-    }
+    std::vector<std::thread> operators = start_operators(stop);
     // Each of four threads runs its calls one after the other: start, media, hang-up.
     std::vector<std::thread> dialplans;
     dialplans.reserve(4);

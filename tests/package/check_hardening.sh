@@ -14,12 +14,7 @@ fi
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 commands=$1/compile_commands.json
 shift
-failures=0
-
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
+. "$(dirname "${BASH_SOURCE[0]}")/../support/checks.sh"
 
 # One protected function does not prove that all are, so each source is checked, too.
 # The folder of the sources may hold that of the build.

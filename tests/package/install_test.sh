@@ -10,17 +10,7 @@ conf=etc/delmaren/quorvane/freeswitch_mod.conf
 shipped=$source_dir/packaging/freeswitch_mod.conf
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-failures=0
-
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
-expect() {
-    local what=$1
-    shift
-    "$@" || fail "$what"
-}
+. "$source_dir/tests/support/checks.sh"
 
 # Configures a build; where its module goes does not depend on what is in the file.
 configure() {

@@ -12,17 +12,8 @@ conf=etc/delmaren/quorvane/freeswitch_mod.conf
 shipped=$source_dir/packaging/freeswitch_mod.conf
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-failures=0
+. "$source_dir/tests/support/checks.sh"
 
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
-expect() {
-    local what=$1
-    shift
-    "$@" || fail "$what"
-}
 same() { [ "$1" = "$2" ] || { printf 'is:       %s\nexpected: %s\n' "$1" "$2" && false; }; }
 absent() { [ ! -e "$1" ] && [ ! -L "$1" ]; }
 

@@ -5,18 +5,9 @@ set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 rm -rf ../quorvane
 export DEBIAN_FRONTEND=noninteractive
-failures=0
+. ./checks.sh
 
 say() { printf '== %s\n' "$*"; }
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
-expect() {
-    local what=$1
-    shift
-    "$@" || fail "$what"
-}
 quietly() { "$@" >step.log 2>&1 || { tail -n 20 step.log; return 1; }; }
 contains() { grep -qF -- "$2" <<<"$1" || { printf 'is: %s\nwithout: %s\n' "$1" "$2"; return 1; }; }
 

@@ -14,5 +14,6 @@ mkdir "$work/packages"
 cpack --config "$build/CPackConfig.cmake" -G DEB -B "$work/packages" >"$work/cpack.log" 2>&1 ||
     { cat "$work/cpack.log"; exit 1; }
 rm -rf "$work/packages/_CPack_Packages"
-cp "$source_dir/tests/package/stand_alone_steps.sh" "$work/packages"
+cp "$source_dir/tests/package/stand_alone_steps.sh" "$source_dir/tests/support/checks.sh" \
+    "$work/packages"
 "$source_dir/scripts/bare_machine.sh" --add "$work/packages" bash ../packages/stand_alone_steps.sh

@@ -8,16 +8,7 @@ source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 compiler=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-failures=0
-
-expect() {
-    local what=$1
-    shift
-    "$@" || {
-        echo "FAILED: $what"
-        failures=$((failures + 1))
-    }
-}
+. "$source_dir/tests/support/checks.sh"
 nothing_in() { [ -z "$(find "$1" -type f 2>/dev/null)" ]; }
 
 mkdir "$work/outer"
