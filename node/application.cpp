@@ -51,8 +51,8 @@ void Application::listen() {
     loop_.run();
 }
 
-// Takes the datagrams as if they came now: the clock of the calls and of the reports is that of
-// the capture.
+// Handles each datagram as if it came at the time of its capture: that is the clock of the calls
+// and of the reports.
 void Application::read_capture() {
     std::optional<Datagram> datagram = capture_->next();
     began_ = datagram.has_value() ? datagram->arrival.time : Micros{0};
@@ -69,13 +69,13 @@ void Application::read_capture() {
         intake_->receive(*datagram);
         loop_.poll();
     }
-    // What waits for later packets is given up, and calls with a terminate packet end.
+    // Stops waiting for late packets, and ends the calls that have a terminate packet.
     pass_time(now_ + options_.limits.linger + options_.limits.reorder.wait + 2 * TICK);
     report_capture();
 }
 
 void Application::pass_time(Micros until) {
-    // Without calls nothing happens, however long it lasts.
+    // Without calls, the rest of the time needs no ticks.
     while (now_ + TICK <= until && calls_->size() != 0) {
         now_ += TICK;
         report_as_of(now_);
@@ -100,7 +100,7 @@ void Application::report_capture() {
     }
 }
 
-// Returns what keeps the program from starting, or nothing.
+// Returns why the program cannot start, or an empty text.
 std::string Application::open() {
     std::string error = outputs_.open_folder();
     if (error.empty()) {
@@ -193,7 +193,7 @@ NodeFigures Application::figures(Micros now) {
 }
 
 void Application::reload() {
-    // The manager compares the time with that of its request.
+    // The service manager compares this time with the time of its request.
     notify("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(steady_now().count()));
     outputs_.reload();
     notify("READY=1");

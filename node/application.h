@@ -1,5 +1,5 @@
-// The receiver as a whole: wires socket, calls and outputs together and runs them on one event
-// loop until there is a reason to end.
+// The media node as a whole: connects socket, calls and outputs, and runs them on one event loop
+// until there is a reason to end.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -20,11 +20,11 @@ namespace qv::node {
 
 class Application {
   public:
-    // `out` gets lines or events, `errors` what keeps the program from starting, and the
-    // lines when `out` gets events.
+    // `out` receives the lines or the events. `errors` receives what keeps the program from
+    // starting, and the lines when `out` receives events.
     Application(const Options& options, std::ostream& out, std::ostream& errors);
 
-    // Runs until a signal or until the options say so; returns the exit code.
+    // Runs until a signal arrives or an option ends the run. Returns the exit code.
     int run();
 
   private:
@@ -53,11 +53,11 @@ class Application {
     std::unique_ptr<CallTable> calls_;
     std::unique_ptr<Intake> intake_;
     Receiver receiver_;
-    std::optional<Capture> capture_;  // That is read in place of listening.
-    Micros now_{0};                   // Of the capture, as far as the calls know.
+    std::optional<Capture> capture_;  // Read instead of a socket.
+    Micros now_{0};                   // The time of the capture that the calls have reached.
     std::string address_;
     Micros began_{0};
-    bool waited_in_vain_ = false;  // For calls that never came, or a capture's end.
+    bool waited_in_vain_ = false;  // No calls came, or the capture did not end properly.
 };
 
 }  // namespace qv::node

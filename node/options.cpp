@@ -16,7 +16,7 @@ Micros micros_of(double seconds) {
     return std::chrono::duration_cast<Micros>(std::chrono::duration<double>(seconds));
 }
 
-// Unlike CLI::Range it refuses "nan".
+// Unlike CLI::Range, it refuses "nan".
 CLI::Validator number_between(double least, double most, const std::string& unit) {
     const std::string bounds =
         CLI::detail::to_string(least) + " to " + CLI::detail::to_string(most);
@@ -50,7 +50,7 @@ CLI::Option* add_networks(CLI::App& app, const std::string& name, std::vector<to
             name,
             [&into](const std::vector<std::string>& networks) {
                 for (const std::string& network : networks) {
-                    into.push_back(tools::parse_network(network).value());  // It was checked.
+                    into.push_back(tools::parse_network(network).value());  // The check has passed.
                 }
             },
             help)
@@ -94,7 +94,7 @@ void add_sender_options(CLI::App& app, Options& options) {
                  "Take a call's packets from any address, not only from the one that began it");
 }
 
-// The words of a text, which blanks separate.
+// Returns the words of a text, separated by blanks.
 std::vector<std::string> words_of(const std::string& text) {
     std::istringstream stream(text);
     return {std::istream_iterator<std::string>(stream), {}};
@@ -135,7 +135,7 @@ void add_report_options(CLI::App& app, Options& options) {
     app.add_option_function<std::string>(
            "--metrics",
            [&options](const std::string& text) {
-               options.metrics = tools::parse_address(text);  // It has been checked.
+               options.metrics = tools::parse_address(text);  // The check has passed.
            },
            "Serve Prometheus metrics there; a port alone is of 127.0.0.1; 0 takes a free one")
         ->check(tools::check_address)
@@ -269,7 +269,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
         return app.exit(error) == 0 ? EXIT_FINE : EXIT_USAGE;
     }
     options.listen_given = app.count("--listen") != 0;
-    options.listen = tools::parse_address(options.listen_text).value();  // It has been checked.
+    options.listen = tools::parse_address(options.listen_text).value();  // The check has passed.
     return std::nullopt;
 }
 

@@ -1,4 +1,4 @@
-// The receiver's command line.
+// The command line of the media node.
 #pragma once
 
 #include <netinet/in.h>
@@ -23,7 +23,7 @@ using tools::EXIT_USAGE;
 struct Options {
     std::string listen_text = "127.0.0.1:40000";
     sockaddr_in listen{};
-    std::vector<tools::Network> allowed;  // Senders; empty: all of them.
+    std::vector<tools::Network> allowed;  // Allowed senders. Empty: all of them.
     bool listen_given = false;
     std::string read;  // A capture to read in place of listening; "-" for the standard input.
     std::string folder = ".";
@@ -31,30 +31,30 @@ struct Options {
     bool quiet = false;
     std::string events;  // File, "-" for the standard output, empty for none.
     bool every_packet = false;
-    bool reports = false;                     // To the report nodes of calls,
-    std::vector<tools::Network> reported_to;  // in these networks; empty: on this machine.
+    bool reports = false;                     // Send reports to the report nodes of calls
+    std::vector<tools::Network> reported_to;  // in these networks. Empty: on this machine.
     bool live = false;
     bool timeline = false;
-    std::optional<sockaddr_in> metrics;  // Where they are served.
-    bool stereo = false;                 // One file of both sides as well.
-    bool no_sides = false;               // No file per side.
-    bool keep_pauses = false;            // In the files of one side.
-    std::uint64_t calls = 0;             // End after so many calls; 0: never.
-    double idle_exit_s = 0;              // End after so long without a packet; 0: never.
+    std::optional<sockaddr_in> metrics;  // The address where metrics are served.
+    bool stereo = false;                 // Also one file of both sides.
+    bool no_sides = false;               // No files of one side.
+    bool keep_pauses = false;            // In files of one side.
+    std::uint64_t calls = 0;             // End after this many calls. 0: never.
+    double idle_exit_s = 0;              // End after this long without a packet. 0: never.
     int receive_buffer_mib = 64;
     std::size_t max_open_files = 0;       // 0: what the system allows.
-    std::uint64_t max_files = 1'000'000;  // Of one run; 0: no limit.
+    std::uint64_t max_files = 1'000'000;  // Of one run. 0: no limit.
     std::size_t block_kib = 32;
-    std::vector<std::string> on_end;  // Command after each call; empty for none.
-    std::size_t on_end_running = 4;   // So many of them at once.
-    double sync_s = 0;    // How often the disk is to have all that was written; 0: as it likes.
-    std::string samples;  // Folder of references, empty for none.
+    std::vector<std::string> on_end;  // Command after each call. Empty: none.
+    std::size_t on_end_running = 4;   // How many of them run at the same time.
+    double sync_s = 0;                // Interval between flushes to the disk. 0: none.
+    std::string samples;              // Folder of references. Empty: none.
     analysis::ActivityOptions activity;
     CallLimits limits;
 };
 
-// Fills `options`. Returns the exit code when the program is to end at once (after
-// --help, or with an error, which has been printed).
+// Fills `options`. Returns the exit code if the program must end at once: after --help, or after an
+// error, which has been printed.
 std::optional<int> parse_options(int argc, char** argv, Options& options);
 
 }  // namespace qv::node

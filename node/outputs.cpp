@@ -82,7 +82,7 @@ std::string Outputs::open_samples() {
     return error;
 }
 
-// Names the files that are refused. Returns null and says why if there is nothing to look for.
+// Names the files that are refused. If no reference is left, it returns null and says why.
 std::shared_ptr<const analysis::SampleIndex> Outputs::load_samples(std::string& error) {
     try {
         analysis::SampleFolder folder = analysis::load_folder(options_.samples);
@@ -138,7 +138,7 @@ std::string Outputs::open_metrics() {
     }
     try {
         metrics_ = std::make_unique<Metrics>(*options_.metrics);
-    } catch (const std::exception&) {  // Its text speaks of the library's insides.
+    } catch (const std::exception&) {  // Its text would describe the internals of the library.
         return "cannot serve metrics on " + tools::address_text(*options_.metrics) +
                ": the port is in use or not permitted, or the address is not of this machine";
     }
@@ -159,8 +159,8 @@ std::string Outputs::open_sender() {
     return {};
 }
 
-// At the end of a call each output knows which files those before it have written: first come
-// the names of the files, then what writes files, then what reports them.
+// When a call ends, each output knows the files that the outputs before it have written. The order
+// is therefore: file names, then what writes files, then what reports them.
 void Outputs::build() {
     file_names_ = std::make_unique<FileNames>(
         folder_, file_name_options(), [this] { return folder_.created_files() + saved_timelines_; },
@@ -226,7 +226,7 @@ FileReport Outputs::save_timeline(const std::string& name, const std::string& sv
     const std::string path = options_.folder + '/' + name;
     ++saved_timelines_;
     const std::string error = write_text_file(path, svg);
-    // Otherwise the lines report it with its call.
+    // Without events, the lines report it with its call.
     if (!error.empty() && (options_.quiet || live_)) {
         lines_.say("timeline not written", path + ": " + error);
     }
@@ -275,7 +275,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     }
     last_second_ = now;
     report_sync();
-    // Once a second, so that a flood of calls does not become a flood of lines.
+    // Once a second, so that a flood of calls does not cause a flood of lines.
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
     notices_->reports_not_allowed(figures.reports);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
@@ -285,7 +285,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
 }
 
 void Outputs::reload() {
-    // What has happened before belongs to the file that is open.
+    // Earlier events belong to the file that is open now.
     flush_events();
     if (reloads_.empty()) {
         lines_.say("asked to read again", "there is no file to read or open again");
@@ -350,7 +350,7 @@ void Outputs::finish_commands() {
     failed_ = failed_ || left + counts.skipped + counts.failed != 0;
 }
 
-// Once: while a folder is away it fails each time.
+// Reported once, because every write fails while a folder is missing.
 void Outputs::report_sync() {
     const std::string error = disk_sync_ != nullptr ? disk_sync_->take_error() : std::string();
     if (!error.empty() && !std::exchange(sync_failed_, true)) {

@@ -1,8 +1,8 @@
-// All that is made of calls: files, lines, events, pictures, the live view, metrics. Builds
-// the outputs that the options ask for, keeps them running, and says what became of them.
+// Builds the outputs that the options ask for (files, lines, events, pictures, live view, metrics),
+// keeps them running, and reports their failures.
 //
-// A new output is built in build() and added to the list there; call_listener.h says what it
-// is. Belongs to one thread.
+// To add an output, construct it in build() and add it to the list there; call_listener.h explains
+// what an output is. Belongs to one thread.
 #pragma once
 
 #include <memory>
@@ -34,36 +34,37 @@ namespace qv::node {
 
 class Outputs {
   public:
-    // `out` gets lines or events; `errors` gets the lines when `out` gets events. All arguments
-    // must outlive this object.
+    // `out` receives the lines or the events. `errors` receives the lines when `out` receives
+    // events. All arguments must outlive this object.
     Outputs(const Options& options, std::ostream& out, std::ostream& errors);
 
-    // To be called in this order before anything else. Each returns what cannot be used and
-    // why, or nothing.
+    // Call these in this order before anything else. Each returns what cannot be used and why, or
+    // an empty text.
     std::string open_folder();
     std::string open_reports();
 
-    // What the node does when calls ask for it; to be asked once all is open.
+    // What the node does when calls ask for it. Valid after all outputs are open.
     Services services() const;
 
-    // What listens to calls, in the order in which it is called.
+    // The outputs, in the order in which they are called.
     const std::vector<CallListener*>& call_listeners() const { return call_listeners_; }
-    // For what concerns no call.
+    // Reports what concerns no call.
     Notices& notices() { return *notices_; }
     LineReport& lines() { return lines_; }
 
-    // Says that the receiver is ready; from then on the live view has the terminal.
+    // Reports that the node is ready. From then on the live view owns the terminal.
     void begin(const NodeFigures& figures);
-    // To be called some times a second: shows what has happened. Fills in the figures of outputs.
+    // Call it several times a second. Shows what has happened, and completes `figures` with those
+    // of the outputs.
     void update(NodeFigures figures, Micros now);
-    // Opens and reads again what SIGHUP is for, and says what came of it.
+    // Reopens and rereads what SIGHUP is for, and reports the results.
     void reload();
-    // What is read at the start and again by reload() is added here.
+    // Add to it whatever is read at the start and again by reload().
     ReloadList& reloads() { return reloads_; }
-    // After the calls have ended: writes what still waits, and the summary.
+    // Call it after all calls have ended. Writes everything that is still waiting, and the summary.
     void finish(NodeFigures figures);
 
-    // A file or an event could not be written.
+    // Whether a file or an event could not be written.
     bool failed() const { return failed_; }
 
   private:
@@ -82,17 +83,17 @@ class Outputs {
     void add_figures(NodeFigures& figures) const;
 
     const Options& options_;
-    const bool live_;  // The live view has the terminal.
+    const bool live_;  // The live view owns the terminal.
     Terminal terminal_;
     LineReport lines_;
     LiveView live_view_;
     WavFolder folder_;
-    std::vector<LeftoverFile> leftovers_;  // Of runs that were killed.
-    std::unique_ptr<DiskSync> disk_sync_;  // Null unless asked for.
+    std::vector<LeftoverFile> leftovers_;  // Files of killed runs.
+    std::unique_ptr<DiskSync> disk_sync_;  // Null unless requested.
     bool sync_failed_ = false;
     EventFile events_file_;
     ReloadList reloads_;
-    std::unique_ptr<EventLog> events_;  // These are null unless they are asked for.
+    std::unique_ptr<EventLog> events_;  // These are null unless requested.
     std::unique_ptr<ReportSender> reports_;
     std::unique_ptr<Timeline> timeline_;
     std::unique_ptr<Metrics> metrics_;
@@ -104,7 +105,7 @@ class Outputs {
     std::unique_ptr<Notices> notices_;
     std::vector<CallListener*> call_listeners_;
     Micros last_frame_{0};
-    Micros last_second_{0};  // When the work of once a second was done.
+    Micros last_second_{0};  // When the work that is done once a second was done last.
     std::uint64_t saved_timelines_ = 0;
     std::uint64_t reported_lost_events_ = 0;
     std::uint64_t reported_new_event_files_ = 0;

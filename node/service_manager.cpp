@@ -25,7 +25,7 @@ std::string notify_service_manager(const std::string& state) {
         return "NOTIFY_SOCKET: the path is too long";
     }
     std::memcpy(address.sun_path, path.data(), path.size());
-    // Names of abstract sockets are written with an @ in place of their zero byte.
+    // The name of an abstract socket is written with an @ in place of its zero byte.
     if (path.front() == '@') {
         address.sun_path[0] = '\0';
     }

@@ -11,7 +11,7 @@ namespace qv::node {
 
 namespace {
 
-// Whether the process has a terminal that can hang up. It has none any more after that.
+// Returns whether the process has a terminal that can hang up. After a hang-up it has none.
 bool has_terminal() {
     const int terminal = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (terminal < 0) {
@@ -21,7 +21,7 @@ bool has_terminal() {
     return true;
 }
 
-// As nohup has it.
+// nohup has set this.
 bool hangup_is_ignored() {
     struct sigaction action {};
     return sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
@@ -33,9 +33,9 @@ Signals::Signals(asio::io_context& loop)
     : end_signals_(loop),
       hangup_signal_(loop),
       ends_with_terminal_(has_terminal() && !hangup_is_ignored()) {
-    // A reader of our output that goes away must not end the recordings.
+    // When the reader of our output goes away, recording continues.
     std::signal(SIGPIPE, SIG_IGN);
-    // A file beyond the limit of its size is an error of that file.
+    // If a file exceeds the limit of its size, only that file fails.
     std::signal(SIGXFSZ, SIG_IGN);
     std::error_code ignored;
     end_signals_.add(SIGINT, ignored);

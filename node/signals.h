@@ -1,9 +1,9 @@
-// The signals that the receiver takes: SIGINT and SIGTERM ask it to end, SIGHUP asks it to read
-// its files again. Those that would kill it for what one file or reader did are ignored. Belongs
-// to the thread of the event loop.
+// The signals of the media node: SIGINT and SIGTERM ask it to end, SIGHUP asks it to reread its
+// files. Signals that would kill it because of one file or one reader are ignored. Belongs to the
+// thread of the event loop.
 //
-// The system sends SIGHUP also when the terminal is closed from which the program was started.
-// That ends it, unless it was started with nohup.
+// The system also sends SIGHUP when the terminal closes from which the program was started. This
+// ends the program, unless it was started with nohup.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -18,11 +18,11 @@ class Signals {
     using OnEnd = std::function<void(const std::string& reason)>;
     using OnReload = std::function<void()>;
 
-    // From now on the signals do not end the process.
+    // From now on, these signals do not end the process.
     explicit Signals(asio::io_context& loop);
 
-    // Calls `on_end` once, on the loop, with the reason in words, and `on_reload` each time
-    // that SIGHUP asks for it.
+    // Calls `on_end` once, on the event loop, with the reason in words. Calls `on_reload` each time
+    // SIGHUP asks for it.
     void wait(OnEnd on_end, OnReload on_reload);
 
   private:

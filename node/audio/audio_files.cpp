@@ -17,12 +17,12 @@ namespace qv::node {
 
 namespace {
 
-// For the socket, the events file and what the libraries open.
+// Left free for the socket, the events file and the files that libraries open.
 constexpr std::size_t SPARE_DESCRIPTORS = 64;
 
 constexpr const char* REMOVED = "the file was removed";
 
-// Samples go to the file as they are in memory.
+// Samples are written to the file as they are in memory.
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "WAV samples are little-endian");
 
 std::string system_text(int error) {
@@ -87,7 +87,7 @@ class WavFile : public AudioFile {
     const std::string& path() const override { return path_; }
     const std::string& error() const override { return error_; }
 
-    // Closes the descriptor; a later write opens the file again.
+    // Closes the descriptor. A later write opens the file again.
     void release() {
         if (descriptor_ < 0) {
             return;
@@ -102,8 +102,8 @@ class WavFile : public AudioFile {
     }
 
   private:
-    // Makes the file with its header, which it has when it gets its name: there is no moment at
-    // which it could not be played.
+    // Creates the file and writes its header before the file gets its name. A file that can be seen
+    // can therefore always be played.
     bool make() {
         const std::string unfinished = unfinished_path(folder_.path_, name_);
         const WavHeader header = wav_header(format_, 0);
@@ -119,7 +119,7 @@ class WavFile : public AudioFile {
         return fail(system_text(error));
     }
 
-    // Gives the new file its name; returns 0, or why it cannot have it.
+    // Gives the new file its name. Returns 0 or the error number.
     int name(const std::string& unfinished) const {
         const unsigned how = folder_.overwrite_ ? 0 : RENAME_NOREPLACE;
         if (::renameat2(AT_FDCWD, unfinished.c_str(), AT_FDCWD, path_.c_str(), how) == 0) {
@@ -128,7 +128,7 @@ class WavFile : public AudioFile {
         if (errno != EINVAL) {
             return errno;
         }
-        // A file system that does not know how to keep an existing file.
+        // This file system does not support a rename that keeps an existing file.
         if (folder_.exists(name_)) {
             return EEXIST;
         }
@@ -151,8 +151,9 @@ class WavFile : public AudioFile {
         return true;
     }
 
-    // Writes samples, then the header that counts them: whenever the program is killed, the
-    // header fits what is there. Of a disk that becomes full the file keeps what had room.
+    // Writes samples, then the header that counts them. If the program is killed in between, the
+    // header still fits the samples before. When the disk becomes full, the file keeps what was
+    // written.
     bool append(const std::int16_t* samples, std::uint64_t size) {
         const std::uint64_t written = write_all(samples, size, WAV_HEADER_SIZE + size_);
         const int error = errno;
@@ -162,13 +163,13 @@ class WavFile : public AudioFile {
         if (written == size) {
             return counted || fail(system_text(errno));
         }
-        // Half a frame may stand there.
+        // An incomplete frame may stand at the end.
         [[maybe_unused]] const int ignored =
             ::ftruncate(descriptor_, static_cast<off_t>(WAV_HEADER_SIZE + size_));
         return fail(system_text(error));
     }
 
-    // Returns how many bytes were written; errno says why they are fewer.
+    // Returns how many bytes were written. If they are fewer than requested, errno says why.
     std::uint64_t write_all(const void* data, std::uint64_t size, std::uint64_t place) const {
         std::uint64_t done = 0;
         while (done < size) {
@@ -183,13 +184,13 @@ class WavFile : public AudioFile {
         return done;
     }
 
-    // A file without a name is lost when it is closed.
+    // A file that has lost its name is gone when it is closed.
     bool removed() const {
         struct stat file {};
         return ::fstat(descriptor_, &file) == 0 && file.st_nlink == 0;
     }
 
-    // Why the path does not lead to the audio; empty when it does, or when that cannot be found
+    // Returns why the path does not lead to the audio. Empty if it does, or if this cannot be found
     // out.
     std::string what_became_of_it() const {
         struct stat named {};
@@ -218,10 +219,11 @@ class WavFile : public AudioFile {
     std::string name_;
     std::string path_;
     WavFormat format_;
-    int descriptor_ = -1;                  // Negative while closed.
-    bool closed_ = false;                  // For good.
-    std::list<WavFile*>::iterator place_;  // In the folder's list of open files, while open.
-    std::uint64_t size_ = 0;               // Of the samples, in bytes.
+    int descriptor_ = -1;  // Negative while closed.
+    bool closed_ = false;  // Finally; it is not opened again.
+    // Its place in the folder's list of open files, while open.
+    std::list<WavFile*>::iterator place_;
+    std::uint64_t size_ = 0;  // Bytes of samples.
     std::string error_;
 };
 

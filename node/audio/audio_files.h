@@ -1,12 +1,12 @@
-// WAV files on disk, with a bound on how many are open at once.
+// WAV files on disk. Limits how many are open at the same time.
 //
-// The owner of an AudioFile writes it in large blocks. Between blocks the folder may close it
-// and open it again later, when more files are wanted than may be open. A failure (full disk,
-// vanished folder, too many open files) ends the file, not the program: the text of the error
-// stays with the file. A file that is removed while it grows has failed. One that is moved away
-// is completed where it is, but reported as an error: its path does not lead to it. Whatever
-// ends the program, and at whatever instruction, each file can be played: its header counts
-// what was written before. Belongs to one thread.
+// The owner of an AudioFile writes it in large blocks. Between blocks, the folder may close the
+// file and open it again later, because more files may be wanted than may be open. A failure (full
+// disk, missing folder, too many open files) ends the file, not the program; the file keeps the
+// text of the error. A file that is removed while it grows has failed. A file that is moved is
+// completed where it is, but reported as an error because its path no longer leads to it. However
+// the program ends, each file can be played: its header counts what was written before. Belongs to
+// one thread.
 #pragma once
 
 #include <cstdint>
@@ -25,15 +25,15 @@ class AudioFile {
   public:
     virtual ~AudioFile() = default;
 
-    // Appends `count` samples (of all channels together); false when the file has
-    // failed, now or before.
+    // Appends `count` samples, of all channels together. Returns false if the file has failed, now
+    // or earlier.
     virtual bool write(const std::int16_t* samples, std::size_t count) = 0;
 
-    // Brings the file into its final form; false when that or an earlier write failed.
+    // Completes the file. Returns false if this or an earlier write failed.
     virtual bool close() = 0;
 
     virtual const std::string& path() const = 0;
-    // Empty while all is well.
+    // Empty if the file has not failed.
     virtual const std::string& error() const = 0;
 };
 
@@ -42,17 +42,17 @@ class AudioStore {
   public:
     virtual ~AudioStore() = default;
 
-    // Whether there is a file of that name (without folder).
+    // Whether a file of that name (without folder) exists.
     virtual bool exists(const std::string& name) const = 0;
 
-    // Creates the file; never null, but it may have failed at once. The store must
+    // Creates the file. Never returns null, but the file may have failed already. The store must
     // outlive it.
     virtual std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
                                               int channels) = 0;
 };
 
-// Raises the limit of open files as far as the system allows; returns how many audio files
-// may be open at once then, at least 1.
+// Raises the limit of open files as far as the system allows. Returns how many audio files may then
+// be open at the same time; at least 1.
 std::size_t raise_open_file_limit();
 
 class WavFile;
@@ -60,14 +60,14 @@ class WavFile;
 // A folder of WAV files.
 class WavFolder : public AudioStore {
   public:
-    // `max_open` is at least 1. With `overwrite` a file that exists is replaced.
+    // `max_open` is at least 1. With `overwrite`, an existing file is replaced.
     WavFolder(std::string path, std::size_t max_open, bool overwrite);
     ~WavFolder() override;
 
-    // Creates the folder if it is missing. Returns why files cannot be written there, or
-    // nothing.
+    // Creates the folder if it is missing. Returns why files cannot be written there, or an empty
+    // text.
     std::string prepare();
-    // Repairs what a run that was killed has left in the folder; see open_list.h.
+    // Repairs the files that a killed run has left in the folder; see open_list.h.
     std::vector<LeftoverFile> recover() { return recover_leftovers(path_); }
 
     bool exists(const std::string& name) const override;
@@ -75,7 +75,7 @@ class WavFolder : public AudioStore {
                                       int channels) override;
 
     std::size_t open_files() const { return open_.size(); }
-    // Files made since the beginning.
+    // Files created by this object.
     std::uint64_t created_files() const { return created_; }
 
   private:
@@ -88,7 +88,7 @@ class WavFolder : public AudioStore {
     bool overwrite_;
     std::uint64_t created_ = 0;
     OpenList list_;
-    std::list<WavFile*> open_;  // Not owned; the one written last comes last.
+    std::list<WavFile*> open_;  // Not owned. The file that was written last comes last.
 };
 
 }  // namespace qv::node

@@ -40,7 +40,7 @@ void DiskSync::run() {
     }
 }
 
-// Waits until that time; true when the end comes first.
+// Waits until that time. Returns true if the object is destroyed first.
 bool DiskSync::ended_after(std::chrono::steady_clock::time_point time) {
     const LockGuard lock(mutex_);
     while (!end_ && ending_.wait_until(mutex_, time)) {

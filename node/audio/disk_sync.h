@@ -1,8 +1,8 @@
-// Has what was written to a folder's file system brought to the disk every so often, so that a
-// power cut takes no more than that.
+// Flushes the file system of a folder to the disk at regular intervals, so that a power cut loses
+// no more than one interval.
 //
-// Works on a thread of its own, since the disk may take its time; nobody waits for it but the
-// destructor.
+// The work runs on a thread of its own because the disk may be slow. Only the destructor waits for
+// it.
 #pragma once
 
 #include <chrono>
@@ -16,16 +16,16 @@ namespace qv::node {
 
 class DiskSync {
   public:
-    // Brings all to the disk; returns why it could not, or nothing.
+    // Flushes. Returns why it failed, or an empty text.
     using Work = std::function<std::string()>;
 
-    // Begins at once; `work` runs on the thread, after each `interval`, and once more at the end.
+    // Begins at once. `work` runs on the thread after each `interval`, and once more at the end.
     DiskSync(std::chrono::duration<double> interval, Work work);
     ~DiskSync();
     DiskSync(const DiskSync&) = delete;
     DiskSync& operator=(const DiskSync&) = delete;
 
-    // The latest error that was not taken yet, or nothing. Any thread.
+    // Returns the latest error that was not taken yet, or an empty text. Any thread may call it.
     std::string take_error() QV_EXCLUDES(mutex_);
 
   private:
@@ -38,10 +38,10 @@ class DiskSync {
     Condition ending_;
     bool end_ QV_GUARDED_BY(mutex_) = false;
     std::string error_ QV_GUARDED_BY(mutex_);
-    std::thread thread_;  // Last: it uses the others.
+    std::thread thread_;  // The last member, because the thread uses the others.
 };
 
-// Writes the file system of that folder to the disk; returns why it could not, or nothing.
+// Flushes the file system of that folder to the disk. Returns why it failed, or an empty text.
 std::string sync_folder(const std::string& path);
 
 }  // namespace qv::node

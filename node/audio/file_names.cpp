@@ -32,8 +32,8 @@ std::string timeline_file_name(const std::string& stem) {
     return stem + ".svg";
 }
 
-// Numbers are tried by doubling and then by halving: a sender may begin a call anew as
-// often as it likes, and trying one after the other would make each time dearer.
+// Doubles the number until it is free, then halves the interval. A sender may restart a call as
+// often as it likes; trying every number would take longer each time.
 std::string free_stem(const AudioStore& store, const Uuid& uuid) {
     const std::string first = uuid_text(uuid);
     std::uint64_t used_number = 0;
@@ -71,8 +71,8 @@ void FileNames::ended(const Call& /*call*/, EndReason /*reason*/) {
     --calls_;
 }
 
-// Whether there could be too many files if each call that is there made as many as it may:
-// which of them it makes shows only later.
+// Assumes that every present call writes as many files as it may: how many it writes is known only
+// later.
 bool FileNames::used_up() const {
     return options_.max_files != 0 &&
            files_made_() + calls_ * options_.files_per_call > options_.max_files;

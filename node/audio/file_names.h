@@ -1,8 +1,8 @@
-// The names of a call's files, and how many files one run may write.
+// Names the files of a call, and limits how many files one run may write.
 //
-// Files are named by the call's UUID; nothing that a sender chooses freely becomes part of a
-// path. FileNames is the first of the outputs: it gives each call its file stem, which the
-// outputs that write files read. Belongs to one thread.
+// Files are named after the call's UUID. No text that a sender chooses freely becomes part of a
+// path. FileNames is the first of the outputs: it gives each call its file stem, which the outputs
+// that write files read. Belongs to one thread.
 #pragma once
 
 #include <cstdint>
@@ -23,21 +23,21 @@ std::string stereo_file_name(const std::string& stem);
 // STEM.svg
 std::string timeline_file_name(const std::string& stem);
 
-// The UUID's text, with "-2", "-3"... when the store has files of that call already: the
-// next number, or one between them that has become free. The store is asked a few times for
-// each doubling of their count.
+// Returns the UUID's text. If the store already has files of that call, it adds "-2", "-3" and so
+// on: the next number, or a lower one that has become free. It asks the store a few times for each
+// doubling of their count.
 std::string free_stem(const AudioStore& store, const Uuid& uuid);
 
 class FileNames : public CallListener {
   public:
     struct Options {
-        bool overwrite = false;            // Files of earlier runs.
-        std::uint64_t max_files = 0;       // Of this run; 0: no limit.
-        std::uint64_t files_per_call = 0;  // That a call may make at the most.
+        bool overwrite = false;            // Files of earlier runs may be overwritten.
+        std::uint64_t max_files = 0;       // Of this run. 0: no limit.
+        std::uint64_t files_per_call = 0;  // The most files that one call may write.
     };
 
-    // `files_made` counts the files of this run so far, `on_first_refusal` is called when the
-    // first call is refused files. The store must outlive this object.
+    // `files_made` returns how many files this run has written so far. `on_first_refusal` is called
+    // when a call gets no files for the first time. The store must outlive this object.
     FileNames(const AudioStore& store, const Options& options,
               std::function<std::uint64_t()> files_made, std::function<void()> on_first_refusal);
 
@@ -54,7 +54,7 @@ class FileNames : public CallListener {
     Options options_;
     std::function<std::uint64_t()> files_made_;
     std::function<void()> on_first_refusal_;
-    std::uint64_t calls_ = 0;  // Now.
+    std::uint64_t calls_ = 0;  // Present calls.
     std::uint64_t refused_calls_ = 0;
 };
 

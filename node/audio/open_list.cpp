@@ -20,10 +20,10 @@ namespace {
 
 constexpr const char* LIST_PREFIX = ".quorvane-node-open-";
 
-// A list with more lines is written anew when most of them are of files that are complete.
+// A longer list is rewritten when most of its lines name completed files.
 constexpr std::size_t FEW_LINES = 1000;
 
-// Closes the descriptor when it goes.
+// Closes the descriptor when it is destroyed.
 class Descriptor {
   public:
     explicit Descriptor(int number) : number_(number) {}
@@ -54,12 +54,12 @@ std::vector<std::string> lists_in(const std::string& folder) {
     return lists;
 }
 
-// Writes the header that fits the size of the file. Leaves alone what is not of this program.
+// Writes the header that matches the size of the file. Leaves files of other programs unchanged.
 void repair(int file, std::uint64_t size, LeftoverFile& leftover) {
     WavHeader header{};
     const bool whole =
         ::pread(file, header.data(), header.size(), 0) == static_cast<ssize_t>(header.size());
-    // After a power cut a file may be empty, or long enough but without what was written.
+    // After a power cut, a file may be empty, or have its full length without its contents.
     const bool blank = !whole || header == WavHeader{};
     const auto fields = parse_wav_header(header);
     if (!blank && !fields.has_value()) {
@@ -109,7 +109,7 @@ void recover_list(const std::string& folder, const std::string& list,
         std::istringstream words(line);
         WavFormat format;
         std::string name;
-        // The last line may have been cut off, and anyone may have put a list there.
+        // The last line may have been cut off, and any user may have put a list there.
         if (words >> format.sample_rate >> format.channels >> name && format.sample_rate > 0 &&
             (format.channels == 1 || format.channels == 2) && name.find('/') == std::string::npos) {
             recover(folder, name, format, leftovers);
@@ -128,7 +128,7 @@ OpenList::~OpenList() {
 void OpenList::add(const std::string& name, const WavFormat& format) {
     struct stat status {};
     if (descriptor_ >= 0 && ::fstat(descriptor_, &status) == 0 && status.st_nlink == 0) {
-        end();  // Removed with its folder, which may have come back.
+        end();  // The list was removed with its folder, which may exist again.
     }
     std::string& line = lines_[name];
     line = std::to_string(format.sample_rate) + ' ' + std::to_string(format.channels) + ' ' + name +
@@ -152,7 +152,7 @@ void OpenList::remove(const std::string& name) {
     }
 }
 
-// Makes an empty list; false when it cannot be made.
+// Creates an empty list. Returns false if this fails.
 bool OpenList::begin() {
     path_ = folder_ + '/' + LIST_PREFIX + "XXXXXX";
     descriptor_ = ::mkostemp(path_.data(), O_CLOEXEC | O_APPEND);
@@ -169,12 +169,12 @@ void OpenList::end() {
 }
 
 void OpenList::write(const std::string& lines) {
-    // What does not fit on a full disk is missing from the list, no more.
+    // On a full disk the list lacks this name. Nothing else is lost.
     [[maybe_unused]] const ssize_t written = ::write(descriptor_, lines.data(), lines.size());
     ++written_lines_;
 }
 
-// The new list is complete before the old one goes.
+// The new list is complete before it replaces the old one.
 void OpenList::rewrite() {
     const int old = descriptor_;
     const std::string old_path = path_;
@@ -198,7 +198,7 @@ std::vector<LeftoverFile> recover_leftovers(const std::string& folder) {
     for (const std::string& list : lists_in(folder)) {
         const Descriptor file(::open(list.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
         if (file.number() < 0 || ::flock(file.number(), LOCK_EX | LOCK_NB) != 0) {
-            continue;  // Its run goes on.
+            continue;  // That run is still active.
         }
         recover_list(folder, list, leftovers);
         ::unlink(list.c_str());

@@ -1,8 +1,8 @@
-// The list, on disk, of the audio files that are being written, and what a later run makes of it.
+// A list on disk of the audio files that are being written, and their repair by a later run.
 //
-// While files are open a hidden file in their folder names them. A run that ends properly leaves
-// none. After a run that was killed, or a power cut, the next run finds the list and repairs the
-// files on it. Several runs may share a folder: each locks its own list while it lives.
+// While files are open, a hidden file in their folder names them. A run that ends properly removes
+// it. After a killed run or a power cut, the next run finds the list and repairs the files on it.
+// Several runs may share a folder: each locks its own list while it runs.
 #pragma once
 
 #include <cstdint>
@@ -22,10 +22,10 @@ class OpenList {
     OpenList(const OpenList&) = delete;
     OpenList& operator=(const OpenList&) = delete;
 
-    // Names a file (without folder) before it is made. A list that cannot be written is no
-    // error: the files can be played without it.
+    // Adds a file name (without folder) before the file is created. It is no error if the list
+    // cannot be written: the files can be played without it.
     void add(const std::string& name, const WavFormat& format);
-    // The file is complete. Without files there is no list.
+    // The file is complete. The list is removed when it names no more files.
     void remove(const std::string& name);
 
   private:
@@ -37,7 +37,7 @@ class OpenList {
     std::string folder_;
     std::string path_;
     int descriptor_ = -1;
-    std::unordered_map<std::string, std::string> lines_;  // By name, of the files now.
+    std::unordered_map<std::string, std::string> lines_;  // By name; the files that are open now.
     std::size_t written_lines_ = 0;
 };
 
@@ -45,16 +45,17 @@ class OpenList {
 struct LeftoverFile {
     std::string path;
     WavFormat format;
-    std::uint64_t frames = 0;     // Samples of each channel, that the file has now.
-    std::uint64_t recovered = 0;  // Of these, that its header did not count.
-    std::string error;            // Why it could not be repaired; else empty.
+    std::uint64_t frames = 0;     // Samples per channel that the file now has.
+    std::uint64_t recovered = 0;  // How many of them its header did not count.
+    std::string error;            // Why it could not be repaired. Otherwise empty.
 };
 
-// Where a file is made before it gets its name: nobody sees a file without a header.
+// The path under which a file is created before it gets its name, so that nobody sees a file
+// without a header.
 std::string unfinished_path(const std::string& folder, const std::string& name);
 
-// Repairs the files on the lists of runs that live no more, and removes these lists. Returns
-// the files that are there.
+// Repairs the files on the lists of runs that are no longer active, and removes these lists.
+// Returns the files that exist.
 std::vector<LeftoverFile> recover_leftovers(const std::string& folder);
 
 }  // namespace qv::node

@@ -57,16 +57,16 @@ class RecordedCall : public CallListener {
     }
 
   private:
-    // What a side brought before it was recorded for the first time: a side that never is has
-    // no file.
+    // Silence and pauses of a side before it is recorded for the first time. They are kept back,
+    // because a side that is never recorded has no file.
     struct Unrecorded {
         bool over = false;
         std::uint64_t silence = 0;
         std::uint64_t pauses = 0;
     };
 
-    // Stands for audio that is missing or not to be recorded, so that sample n of a file is
-    // sample n of its side.
+    // Silence takes the place of audio that is missing or must not be recorded. Sample n of a file
+    // is therefore sample n of its side.
     void silence(Side side, std::uint64_t count) {
         Unrecorded& unrecorded = unrecorded_[index_of(side)];
         if (!unrecorded.over) {
@@ -99,7 +99,7 @@ class RecordedCall : public CallListener {
         return all;
     }
 
-    // Once for each file.
+    // Each file is reported once.
     void report_failures() {
         std::size_t failed = 0;
         for (const auto& recording : recordings_) {

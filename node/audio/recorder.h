@@ -1,5 +1,5 @@
-// Writes the audio of each call that has a file stem to files: one per side, one of both
-// sides, or all of them. An output. Belongs to one thread.
+// Writes the audio of each call that has a file stem: one file per side, one file of both sides, or
+// both kinds. An output. Belongs to one thread.
 #pragma once
 
 #include <memory>

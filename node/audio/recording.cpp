@@ -9,7 +9,7 @@ namespace qv::node {
 
 namespace {
 
-// A block grows to so many times its size while the rate of its side is not known.
+// A block may grow to this many times its size while the sample rate of its side is unknown.
 constexpr std::size_t PATIENCE = 4;
 
 }  // namespace

@@ -1,8 +1,7 @@
-// The audio of one call on its way to files: gathers each side's samples into large
-// blocks and writes those, to one file per side.
+// Writes the audio of one call to one file per side, in large blocks.
 //
-// A file is created when its first block is due, by when the sample rate is known. Belongs
-// to one thread.
+// A file is created when its first block is due; the sample rate is known by then. Belongs to one
+// thread.
 #pragma once
 
 #include <algorithm>
@@ -19,30 +18,30 @@
 
 namespace qv::node {
 
-// Takes the audio of a call, in order per side.
+// Receives the audio of a call, in order within each side.
 class Recording {
   public:
     virtual ~Recording() = default;
     virtual void audio(Side side, const std::int16_t* samples, std::size_t count) = 0;
     // Audio that was lost.
     virtual void silence(Side side, std::uint64_t count) = 0;
-    // Time in which the sender sent nothing, though no audio is missing.
+    // Time in which the sender sent nothing, although no audio is missing.
     virtual void pause(Side side, std::uint64_t count) = 0;
-    // Writes what has been gathered and closes the files. No audio may follow.
+    // Writes the collected samples and closes the files. No audio may follow.
     virtual void finish() = 0;
-    // How many files could not be written; files() says which and why.
+    // How many files could not be written. files() says which ones and why.
     virtual std::size_t failed_files() const = 0;
     // The files so far.
     virtual std::vector<FileReport> files() const = 0;
 };
 
-// Returns the sample rate of a side in Hz, 0 while it is not known; with `last` it decides on
-// one.
+// Returns the sample rate of a side in Hz, or 0 if it is unknown. With `last`, it decides on a
+// rate.
 using RateSource = std::function<int(Side side, bool last)>;
 
 struct RecordingOptions {
     std::size_t block_samples = std::size_t{16} * 1024;
-    bool keep_pauses = false;  // In one-side files; stereo files always keep them.
+    bool keep_pauses = false;  // In files of one side. Stereo files always keep them.
 };
 
 // One file per side: STEM-originator.wav and STEM-terminator.wav.
@@ -77,7 +76,7 @@ class SideRecording : public Recording {
     std::array<Track, SIDE_COUNT> tracks_;
 };
 
-// Calls `use(zeros, size)` with zeros until `count` of them have been used.
+// Calls `use(zeros, size)` until `count` zeros have been used.
 template <typename Use>
 void for_each_silent_part(std::uint64_t count, Use use) {
     static constexpr std::array<std::int16_t, 4096> zeros{};

@@ -9,7 +9,7 @@ namespace qv::node {
 
 namespace {
 
-// One side waits for the other until it has so many blocks.
+// A side waits for the other side until it has this many blocks.
 constexpr std::size_t PATIENCE = 8;
 
 }  // namespace
@@ -22,7 +22,7 @@ void StereoRecording::audio(Side side, const std::int16_t* samples, std::size_t 
     if (track(side).apart) {
         return split_->audio(side, samples, count);
     }
-    // Audio is written even where padding stands in its place: the side is late from then on.
+    // Audio is also written if padding has taken its place. The side is late from then on.
     track(side).padding = 0;
     append(track(side), samples, count);
 }
@@ -65,7 +65,7 @@ void StereoRecording::write_what_is_due() {
     }
 }
 
-// Writes `count` samples of each side and pads a side that has fewer.
+// Writes `count` samples of each side. Pads a side that has fewer.
 void StereoRecording::write_frames(std::size_t count) {
     frames_.resize(SIDE_COUNT * count);
     for (std::size_t channel = 0; channel < SIDE_COUNT; ++channel) {
@@ -83,9 +83,9 @@ void StereoRecording::write_frames(std::size_t count) {
     file_->write(frames_.data(), frames_.size());
 }
 
-// Makes the file if need be and sets sides apart whose rate differs from the file's. Returns
-// whether samples wait for the file: false while a rate is not known (with `last` one is
-// decided on), and when both sides are apart.
+// Creates the file if necessary, and splits off sides whose rate differs from the file's. Returns
+// whether samples may go to the file: false while a rate is unknown (with `last`, one is decided
+// on) and when both sides are split off.
 bool StereoRecording::ready(bool last) {
     std::array<int, SIDE_COUNT> rates{};
     for (const Side side : BOTH_SIDES) {

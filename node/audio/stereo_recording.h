@@ -1,9 +1,9 @@
-// A call in one file: originator left, terminator right, side by side in time.
+// Writes a call to one file, the originator left and the terminator right, aligned in time.
 //
-// A side of which nothing comes while the other goes on is padded with silence, which counts
-// as the beginning of a gap or pause that follows. Sides of different sample rates cannot
-// share a file: each gets its own. So does a side that begins after the file was made, if its
-// rate differs from the file's. Belongs to one thread.
+// If one side sends nothing while the other goes on, it is padded with silence. A gap or pause that
+// follows is shortened by this padding. Sides with different sample rates cannot share a file: each
+// gets a file of its own. So does a side that begins after the file was created, if its rate
+// differs from the file's. Belongs to one thread.
 #pragma once
 
 #include <array>
@@ -30,9 +30,9 @@ class StereoRecording : public Recording {
 
   private:
     struct Track {
-        std::vector<std::int16_t> waiting;  // For the other side.
-        std::uint64_t padding = 0;          // Silence written in advance of what the side has sent.
-        bool apart = false;                 // Goes to `split_`.
+        std::vector<std::int16_t> waiting;  // Samples that wait for the other side.
+        std::uint64_t padding = 0;  // Silence written ahead of the audio that the side has sent.
+        bool apart = false;         // Its samples go to `split_`.
     };
 
     Track& track(Side side) { return tracks_[index_of(side)]; }
@@ -50,10 +50,10 @@ class StereoRecording : public Recording {
     RateSource rate_;
     RecordingOptions options_;
     std::array<Track, SIDE_COUNT> tracks_;
-    std::vector<std::int16_t> frames_;  // Scratch.
+    std::vector<std::int16_t> frames_;  // Reused buffer.
     std::unique_ptr<AudioFile> file_;
     int file_rate_ = 0;
-    std::unique_ptr<SideRecording> split_;  // Takes the sides that are apart.
+    std::unique_ptr<SideRecording> split_;  // Takes the sides that are split off.
 };
 
 }  // namespace qv::node

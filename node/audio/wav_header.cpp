@@ -56,7 +56,7 @@ WavHeader wav_header(const WavFormat& format, std::uint64_t data_size) {
         .little_endian(rate, 4)
         .little_endian(rate * format.frame_size(), 4)
         .little_endian(format.frame_size(), 2)
-        .little_endian(16, 2)  // Bits a sample.
+        .little_endian(16, 2)  // Bits per sample.
         .text("data")
         .little_endian(data_size, 4)
         .header();
@@ -67,7 +67,7 @@ std::optional<WavHeaderFields> parse_wav_header(const WavHeader& header) {
     fields.format.sample_rate = static_cast<int>(little_endian(header, RATE_PLACE, 4));
     fields.format.channels = static_cast<int>(little_endian(header, CHANNELS_PLACE, 2));
     fields.data_size = little_endian(header, DATA_SIZE_PLACE, 4);
-    // The bytes a second of a higher rate would not fit into their field.
+    // The byte rate of a higher sample rate would not fit into its field.
     if (fields.format.sample_rate > MAX_RATE || fields.data_size > MAX_WAV_DATA_SIZE ||
         header != wav_header(fields.format, fields.data_size)) {
         return std::nullopt;

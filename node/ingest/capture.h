@@ -1,5 +1,5 @@
-// Reads the UDP datagrams of a network capture, a pcap or pcapng file, with the times at which
-// they were captured. Belongs to one thread.
+// Reads the UDP datagrams of a network capture (pcap or pcapng), with the times at which they were
+// captured. Belongs to one thread.
 #pragma once
 
 #include <cstdint>
@@ -16,18 +16,20 @@ namespace qv::node {
 
 class Capture {
   public:
-    // With `to` takes only datagrams to that port, and to that address unless it is 0.0.0.0;
-    // without it those that begin as packets of the protocol do.
+    // With `to`, only datagrams to that port are read, and to that address unless it is 0.0.0.0.
+    // Without it, all datagrams that begin like packets of the protocol are read.
     explicit Capture(std::optional<sockaddr_in> to) : to_(to) {}
 
-    // Opens the file, or the standard input for "-". Returns why it cannot be read, or nothing.
+    // Opens the file, or the standard input for "-". Returns why it cannot be read, or an empty
+    // text.
     std::string open(const std::string& path);
 
-    // The next datagram, which is valid until the next call; its time is in microseconds since
-    // 1970 and never before that of an earlier one. Nothing at the end, also at a damaged place.
+    // Returns the next datagram, which is valid until the next call. Its time is in microseconds
+    // since 1970, and never before the time of an earlier one. Returns nullopt at the end, and
+    // where the file is damaged.
     std::optional<Datagram> next();
 
-    // What kept the file from being read to its end; empty when nothing did.
+    // Why the file was not read to its end. Empty if it was.
     const std::string& error() const { return error_; }
     std::uint64_t frames() const { return frames_; }
     // Datagrams that next() returned.

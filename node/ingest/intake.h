@@ -1,5 +1,5 @@
-// The road of a datagram behind the socket: decodes it and hands the packet to the call table;
-// counts those that are no packets. Belongs to one thread, as the table does.
+// Decodes each datagram and passes the packet to the call table. Counts datagrams that are no
+// packets. Belongs to the same thread as the table.
 #pragma once
 
 #include <array>
@@ -16,7 +16,8 @@ namespace qv::node {
 
 class Intake {
   public:
-    // Called for each datagram that is no packet, the `count`th for that reason.
+    // Called for each datagram that is no packet. `count` is the number of datagrams refused for
+    // that reason so far.
     using OnMalformed = std::function<void(const Datagram& datagram, media::DecodeResult reason,
                                            std::uint64_t count)>;
     using MalformedCounts = std::array<std::uint64_t, media::DECODE_RESULT_COUNT>;
@@ -24,17 +25,17 @@ class Intake {
     // The table must outlive this object.
     Intake(CallTable& calls, OnMalformed on_malformed);
 
-    // From now on takes in nothing from other senders.
+    // From now on, datagrams of other senders are refused.
     void allow_only(tools::AllowedNetworks networks) { allowed_ = std::move(networks); }
 
     void receive(const Datagram& datagram);
 
-    // By DecodeResult.
+    // Indexed by DecodeResult.
     const MalformedCounts& malformed() const { return malformed_; }
-    // Datagrams of senders that are not allowed, and where the latest of them came from.
+    // Datagrams of senders that are not allowed, and the sender of the latest one.
     std::uint64_t not_allowed() const { return not_allowed_; }
     const sockaddr_in& latest_not_allowed() const { return latest_not_allowed_; }
-    // When the latest datagram of an allowed sender came; 0 when none did.
+    // When the latest datagram of an allowed sender came. 0 if there was none.
     Micros last_arrival() const { return last_arrival_; }
 
   private:

@@ -21,13 +21,13 @@ bool is_vlan(std::uint16_t ethertype) {
     return ethertype == 0x8100 || ethertype == 0x88A8 || ethertype == 0x9100;
 }
 
-// What follows `header` bytes whose EtherType is at `type_at`.
+// Returns the payload behind a header of `header` bytes whose EtherType is at `type_at`.
 std::optional<ByteView> behind_ethertype(ByteView frame, std::size_t type_at, std::size_t header) {
     if (frame.size < header) {
         return std::nullopt;
     }
     std::uint16_t type = get_u16(frame.data + type_at);
-    // A tag holds its value and the EtherType of what follows.
+    // A tag consists of its value and the EtherType of the data behind it.
     while (is_vlan(type) && frame.size >= header + 4) {
         type = get_u16(frame.data + header + 2);
         header += 4;
@@ -102,7 +102,7 @@ std::optional<UdpReader::Header> UdpReader::parse(ByteView packet) {
     const std::uint16_t place = get_u16(packet.data + 6);
     header.offset = (place & 0x1FFFU) * FRAGMENT_BLOCK;
     header.more = (place & 0x2000U) != 0;
-    // What follows the packet only fills the frame.
+    // Bytes behind the packet are padding of the frame.
     header.payload = {packet.data + header_size, size - header_size};
     return header;
 }
@@ -125,7 +125,7 @@ std::optional<UdpDatagram> UdpReader::add_fragment(const Header& header, Micros 
     return udp_datagram(first_seen, {assembled_.data(), assembled_.size()});
 }
 
-// The datagram that the fragment belongs to, which may be a new one.
+// Returns the datagram that the fragment belongs to; creates it if it is new.
 std::list<UdpReader::Fragmented>::iterator UdpReader::find(const Header& header, Micros now) {
     while (!waiting_.empty() && now - waiting_.front().began > PATIENCE) {
         ++given_up_;
@@ -146,8 +146,8 @@ std::list<UdpReader::Fragmented>::iterator UdpReader::find(const Header& header,
     return waiting_.insert(waiting_.end(), Fragmented{header, now, {}, {}, std::nullopt});
 }
 
-// Whether the fragment fits beside the others. The same one again does; one that overlaps
-// others does not, because it is not known which of them is right.
+// Returns whether the fragment fits the others. A repeated fragment does. One that overlaps others
+// does not, because it is unknown which of them is right.
 bool UdpReader::add_bytes(Fragmented& whole, const Header& header) {
     const std::size_t end = header.offset + header.payload.size;
     const bool ends_in_block = header.payload.size % FRAGMENT_BLOCK == 0;

@@ -1,5 +1,5 @@
-// Finds the UDP datagrams in the frames of a network capture: takes off the link layer and VLAN
-// tags, puts fragments of IPv4 together. Plain bytes in and out; belongs to one thread.
+// Finds the UDP datagrams in the frames of a network capture: removes the link layer and VLAN tags,
+// and reassembles IPv4 fragments. Plain bytes in and out. Belongs to one thread.
 #pragma once
 
 #include <netinet/in.h>
@@ -20,17 +20,17 @@ struct ByteView {
     std::size_t size;
 };
 
-// The link layers that are understood.
+// The supported link layers.
 enum class LinkLayer : std::uint8_t {
     ETHERNET,
     LINUX_COOKED_1,
     LINUX_COOKED_2,
     LOOPBACK,  // Four bytes with the address family, in either byte order.
-    IP,        // None.
+    IP,        // No link layer.
 };
 
-// The IPv4 packet of a frame, with what may follow it; nothing when the frame holds none. Any
-// number of VLAN tags is skipped.
+// Returns the IPv4 packet of a frame, including any bytes behind it. Nullopt if the frame holds
+// none. Skips any number of VLAN tags.
 std::optional<ByteView> ipv4_packet(LinkLayer link, ByteView frame);
 
 // A UDP datagram; `payload` is valid until the next call of UdpReader::read().
@@ -42,17 +42,17 @@ struct UdpDatagram {
 
 class UdpReader {
   public:
-    // Fragments wait for so long, and those of so many datagrams: the oldest are given up.
+    // How long fragments wait, and of how many datagrams. The oldest are dropped first.
     static constexpr Micros PATIENCE{30'000'000};
     static constexpr std::size_t MOST_WAITING = 256;
 
-    // Takes in an IPv4 packet that came at `now`. Returns the UDP datagram that it holds or
-    // completes; nothing when it is of another kind, damaged, cut or a fragment.
+    // Handles an IPv4 packet that came at `now`. Returns the UDP datagram that it holds or
+    // completes. Nullopt if it is of another kind, damaged, truncated or a fragment.
     std::optional<UdpDatagram> read(ByteView packet, Micros now);
 
-    // Packets whose end the capture does not hold.
+    // Packets that the capture holds only in part.
     std::uint64_t cut() const { return cut_; }
-    // Datagrams of which a fragment never came; those that still wait are among them.
+    // Datagrams that lack a fragment, including those that still wait for one.
     std::uint64_t incomplete() const { return given_up_ + waiting_.size(); }
 
   private:
@@ -60,15 +60,15 @@ class UdpReader {
         sockaddr_in source{};
         sockaddr_in destination{};
         std::uint16_t identification = 0;
-        std::size_t offset = 0;  // Of this fragment, in bytes.
-        bool more = false;       // Fragments.
+        std::size_t offset = 0;  // Bytes.
+        bool more = false;       // More fragments follow.
         ByteView payload{};
     };
     struct Fragmented {
         Header first_seen;
         Micros began;
         std::vector<unsigned char> bytes;
-        std::vector<bool> present;       // Blocks of 8 bytes.
+        std::vector<bool> present;       // One entry per block of 8 bytes.
         std::optional<std::size_t> end;  // Known once the last fragment came.
     };
 
@@ -78,7 +78,7 @@ class UdpReader {
     static bool add_bytes(Fragmented& whole, const Header& header);
     std::optional<UdpDatagram> udp_datagram(Header header, ByteView payload);
 
-    std::list<Fragmented> waiting_;  // The oldest first.
+    std::list<Fragmented> waiting_;  // Oldest first.
     std::vector<unsigned char> assembled_;
     std::uint64_t cut_ = 0;
     std::uint64_t given_up_ = 0;

@@ -39,7 +39,7 @@ std::string Receiver::open(const sockaddr_in& address, int buffer_bytes) {
     if (error) {
         return error.message();
     }
-    // The forced form exceeds the system's limit; it needs a privilege.
+    // SO_RCVBUFFORCE may exceed the system's limit, but needs a privilege.
     const int descriptor = socket_.native_handle();
     if (setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &buffer_bytes, sizeof buffer_bytes) !=
         0) {
@@ -72,7 +72,7 @@ void Receiver::pause() {
 void Receiver::take() {
     ++wake_ups_;
     const std::uint64_t before = received_;
-    // Bounded, so that timers and signals get their turn under a flood.
+    // The number of batches is limited, so that timers and signals get their turn under a flood.
     unsigned turn = 0;
     while (turn < BATCHES_PER_TURN && receive_batch() == BATCH) {
         ++turn;
@@ -112,7 +112,7 @@ unsigned Receiver::receive_batch() {
     return count;
 }
 
-// Asks the system. The counter that comes with each datagram would miss those that were dropped
+// Asks the system. The counter that comes with each datagram would miss datagrams that were dropped
 // after the last one.
 std::uint64_t Receiver::overflowed() {
     std::array<std::uint32_t, SK_MEMINFO_VARS> figures{};

@@ -1,7 +1,7 @@
-// The UDP socket of the receiver: takes datagrams out of the kernel in batches.
+// The UDP socket of the media node. Reads datagrams from the kernel in batches.
 //
-// While datagrams are few, each is taken as it comes. While they are many, the socket is read
-// once a millisecond instead: waking up for each would cost more than reading it.
+// If there are few datagrams, each is read as it comes. If there are many, the socket is read once
+// a millisecond, because waking up for each datagram would cost more than reading it.
 //
 // Belongs to the thread that runs the event loop.
 #pragma once
@@ -23,28 +23,28 @@ namespace qv::node {
 
 class Receiver {
   public:
-    // Called for each datagram, which is valid until it returns. The time of its arrival is
-    // when its batch was taken. Datagrams longer than LARGEST come cut to that.
+    // Called for each datagram, which is valid until the function returns. Its time is when its
+    // batch was read. A datagram longer than LARGEST is truncated.
     using OnDatagram = std::function<void(const Datagram& datagram)>;
 
     static constexpr std::size_t LARGEST = 2048;
 
     Receiver(asio::io_context& loop, OnDatagram on_datagram);
 
-    // Binds to `address` and asks the system for `buffer_bytes` of room. Returns what
-    // went wrong, empty for success.
+    // Binds to `address` and asks the system for a buffer of `buffer_bytes`. Returns what went
+    // wrong, or an empty text.
     std::string open(const sockaddr_in& address, int buffer_bytes);
 
-    // Begins to call `on_datagram`.
+    // Starts to call `on_datagram`.
     void start();
 
-    // Takes the datagrams that have come already, without waiting, and stops.
+    // Reads the datagrams that have come already, without waiting, and stops.
     void drain_and_stop();
 
     std::uint16_t port() const;
-    // What the system granted, in bytes.
+    // The size that the system granted, in bytes.
     int granted_buffer() const;
-    // Datagrams that the system dropped because the buffer was full; asks the system.
+    // Asks the system how many datagrams it dropped because the buffer was full.
     std::uint64_t overflowed();
     std::uint64_t received() const { return received_; }
     // How often the socket was read.
@@ -53,7 +53,8 @@ class Receiver {
   private:
     static constexpr unsigned BATCH = 128;
     static constexpr unsigned BATCHES_PER_TURN = 16;
-    static constexpr unsigned LAST_BATCHES = 4096;  // At the end: a sender may never stop.
+    // The limit at the end of a run: a sender may never stop.
+    static constexpr unsigned LAST_BATCHES = 4096;
     static constexpr Micros PAUSE{1000};
 
     void wait();
