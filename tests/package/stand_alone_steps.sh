@@ -78,24 +78,29 @@ exposure=$(systemd-analyze security --offline=true "/lib/systemd/system/$unit" 2
 echo "$exposure" | grep -i exposure
 level=$(grep -oE '[0-9]+\.[0-9]+' <<<"$exposure" | head -n 1)
 expect "exposure of at most 2.0: $level" awk "BEGIN { exit !(\"$level\" != \"\" && $level <= 2.0) }"
-# The receiver accepts the unit's command line, and reports that it is ready.
+# The receiver accepts the unit's commands, and reports its states.
 . /etc/default/quorvane-node
 command=$(sed -n 's/^ExecStart=//p' "/lib/systemd/system/$unit")
 command=${command/\$QUORVANE_NODE_OPTIONS/$QUORVANE_NODE_OPTIONS}
-ready=$(python3 - $command <<'END'
-import os, signal, socket, subprocess, sys
+reload=$(sed -n 's/^ExecReload=//p' "/lib/systemd/system/$unit")
+states=$(python3 - "$reload" $command <<'END'
+import os, shlex, signal, socket, subprocess, sys
 with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
     manager.bind("\0quorvane-stand-alone")
     manager.settimeout(10)
-    node = subprocess.Popen(sys.argv[1:], stdout=subprocess.DEVNULL,
+    node = subprocess.Popen(sys.argv[2:], stdout=subprocess.DEVNULL,
                             env={**os.environ, "NOTIFY_SOCKET": "@quorvane-stand-alone"})
     states = [manager.recv(100).decode()]
+    # The service manager puts the process's number in place of the name, and runs no shell.
+    subprocess.run(shlex.split(sys.argv[1].replace("$MAINPID", str(node.pid))), check=True)
+    states += [manager.recv(100).decode().splitlines()[0] for _ in range(2)]
     node.send_signal(signal.SIGTERM)
     states.append(manager.recv(100).decode())
     print(*states, node.wait(10))
 END
 )
-expect "states of the service" test "$ready" = "READY=1 STOPPING=1 0"
+expect "states of the service: $states" \
+    test "$states" = "READY=1 RELOADING=1 READY=1 STOPPING=1 0"
 
 say "quorvane-dev"
 quietly apt-get install -y -q --no-install-recommends \
