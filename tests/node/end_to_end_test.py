@@ -853,6 +853,7 @@ class NodeEndToEnd(unittest.TestCase):
                              2 * ["the file was removed"])
             self.assertNotRegex(node.text(), "  file  ")
 
+    @needs_no_descriptor_of_its_own
     def test_more_calls_than_files_may_be_open_lose_nothing(self):
         calls = range(1, 31)
         with Node("--block", "1", limit=(resource.RLIMIT_NOFILE, (16, 16))) as node:
