@@ -14,16 +14,17 @@ constexpr double LOWEST_HZ = 100;
 constexpr double HIGHEST_HZ = 7600;
 constexpr float FULL_SCALE = 32768;
 
-// The noise of a band is its least level within BLOCKS blocks of this many frames, and a
-// little more, since the least is below the mean.
+// The noise of a band is estimated from its lowest level within BLOCKS blocks of this many frames.
+// It is multiplied by LEAST_TO_MEAN, because the lowest level is below the mean.
 constexpr int BLOCK_FRAMES = 20;
 constexpr float SMOOTHING = 0.7F;
 constexpr float LEAST_TO_MEAN = 2.0F;
-// Before anything is known, and for what is quieter: power of all bands together.
+// The lower limit of the noise, which also stands for it before anything is known: power of all
+// bands together.
 constexpr float QUIETEST_DB = -75;
 
-// Mean over the bands, in decibels above the noise, at which sound begins, and down to
-// which it goes on.
+// Mean over the bands, in decibels above the noise: sound begins at the first level and continues
+// down to the second.
 constexpr float BEGINS_DB = 2.0F;
 constexpr float GOES_ON_DB = 1.0F;
 constexpr float MOST_OF_BAND_DB = 20;
@@ -39,7 +40,7 @@ std::int64_t frames_of(int milliseconds) {
 }  // namespace
 
 std::string ActivityOptions::complaint() const {
-    // Written so that a level that is no number is refused.
+    // The comparison is also false for NaN, so NaN is refused.
     if (!(level_db >= -90 && level_db <= 0)) {
         return "the activity level must be from -90 to 0 dB";
     }
@@ -87,7 +88,7 @@ ActivityDetector::ActivityDetector(int sample_rate, const ActivityOptions& optio
                                  static_cast<double>(window_)));
         squares += static_cast<double>(shape_[i]) * static_cast<double>(shape_[i]);
     }
-    // So that the powers of all bins add up to the mean square of the samples.
+    // With this gain, the powers of all bins add up to the mean square of the samples.
     const auto gain = static_cast<float>(std::sqrt(2 / (squares * static_cast<double>(window_))));
     for (float& each : shape_) {
         each *= gain / FULL_SCALE;
@@ -114,7 +115,7 @@ void ActivityDetector::add(const std::int16_t* samples, std::size_t count, Activ
 
 void ActivityDetector::skip(std::uint64_t samples, ActivityOutput& out) {
     static constexpr std::array<float, 256> silence{};
-    // Silence that ends all activity; of the rest whole frames are left out.
+    // This much silence ends all activity. Of the rest, whole frames are left out.
     const auto heard = static_cast<std::uint64_t>(sample_rate_) *
                            static_cast<std::uint64_t>(options_.hang_over_ms) / 1000 +
                        static_cast<std::uint64_t>(RECENT * hop_ + 2 * window_);
@@ -162,7 +163,7 @@ void ActivityDetector::add_frame(ActivityOutput& out) {
     }
 }
 
-// How much the sound stands out from the noise: a mean over the bands, in decibels.
+// Returns how far the sound is above the noise: the mean over the bands, in decibels.
 float ActivityDetector::excess() {
     std::array<float, Transform::LONGEST> windowed;
     std::array<float, Transform::LONGEST / 2 + 1> power;
@@ -180,7 +181,7 @@ float ActivityDetector::excess() {
         }
         levels[band] = level;
         all += level;
-        // A mean over three frames, whose middle one is decided about.
+        // The levels are averaged over three frames. The decision is about the middle one.
         const float mean = (earlier_[1][band] + 2 * earlier_[0][band] + level) / 4;
         const float db = 10 * std::log10(std::max(1e-12F, mean) / noise_[band]);
         sum += std::clamp(db, 0.0F, MOST_OF_BAND_DB);
@@ -203,7 +204,7 @@ void ActivityDetector::learn(const Levels& levels) {
         for (std::size_t block = 1; block < BLOCKS; ++block) {
             least = std::min(least, minima_[block][band]);
         }
-        // Too little has been heard at first to know the noise.
+        // At the beginning too little audio has been heard to estimate the noise.
         if (blocks_ >= static_cast<int>(BLOCKS) / 2) {
             noise_[band] = std::max(quietest, least * LEAST_TO_MEAN);
         }
@@ -232,7 +233,7 @@ void ActivityDetector::step(bool active, ActivityOutput& out) {
         if (begin_ < 0) {
             begin_ = frame_;
             sound_ = 0;
-            // What led up to it belongs to it.
+            // The faint sound just before belongs to the activity.
             const auto least = std::max<std::int64_t>(
                 {0, last_ + 1, frame_ - static_cast<std::int64_t>(RECENT) + 1});
             while (begin_ > least && faint_[static_cast<std::size_t>(begin_ - 1) % RECENT]) {

@@ -1,10 +1,10 @@
-// Finds where the sound of one side is active: speech, music, tones; whatever stands out
-// from the noise around it.
+// Finds where the audio of one side is active: speech, music, tones, or anything else above the
+// noise around it.
 //
-// Compares the level of each band with the noise that was there lately, every 10 ms.
-// Positions are those of the sound itself: an onset is reported once the sound has lasted
-// for the minimum length, an end once the hang-over has passed without sound. All memory is
-// taken at construction, about 12 KiB. Belongs to one thread.
+// Compares the level of each band with the recent noise, every 10 ms. Positions are those of the
+// sound itself: an onset is reported when the sound has lasted for the minimum length, an end when
+// the hang-over has passed without sound. All memory, about 12 KiB, is allocated at construction.
+// Belongs to one thread.
 #pragma once
 
 #include <array>
@@ -18,22 +18,23 @@
 namespace qv::node::analysis {
 
 struct ActivityOptions {
-    // Sound below this level is no activity: decibels relative to a full-scale square wave,
-    // -90 to 0.
+    // Sound below this level is no activity. Decibels relative to a full-scale square wave, -90 to
+    // 0.
     double level_db = -55;
-    // Pauses up to this long belong to the activity around them: 0 to 10,000.
+    // Pauses up to this length belong to the activity around them. 0 to 10,000.
     int hang_over_ms = 200;
-    // Shorter activity is not reported: 0 to 10,000.
+    // Shorter activity is not reported. 0 to 10,000.
     int minimum_ms = 50;
 
-    // An empty text, or which option makes no sense and why.
+    // Returns which option is invalid and why, or an empty text.
     std::string complaint() const;
 };
 
 struct ActivityChange {
     bool active;
-    std::uint64_t position;  // First sample of the side that is active, or no more so.
-    std::uint64_t heard;     // Sample of the side up to which sound had been heard.
+    // First sample of the side that is active, or that is no longer active.
+    std::uint64_t position;
+    std::uint64_t heard;  // Position up to which the side had been heard.
 };
 
 class ActivityOutput {
@@ -47,18 +48,18 @@ class ActivityDetector {
     static constexpr int LOWEST_RATE = 4000;
     static constexpr int HIGHEST_RATE = 48'000;
 
-    // A side of `sample_rate` Hz, whose next sample has the number `position`. Throws
-    // std::invalid_argument for a rate that is out of range and options with a complaint.
+    // For a side of `sample_rate` Hz whose next sample is at `position`. Throws
+    // std::invalid_argument for a rate that is out of range and for options with a complaint.
     ActivityDetector(int sample_rate, const ActivityOptions& options, std::uint64_t position = 0);
 
-    // The next samples of the side, any number of them.
+    // Processes the next samples of the side, any number of them.
     void add(const std::int16_t* samples, std::size_t count, ActivityOutput& out);
 
-    // The next samples were not heard: a gap, a pause or silence, of any length.
+    // The next samples are not available: a gap, a pause or silence of any length.
     void skip(std::uint64_t samples, ActivityOutput& out);
 
-    // Reports the end of activity that goes on, at the last sample heard at the latest. The
-    // detector then begins anew.
+    // Ends activity that is still going on, at the last sample heard or before it, and reports
+    // this. The detector then starts again.
     void finish(ActivityOutput& out);
 
     bool active() const { return active_; }
@@ -66,8 +67,8 @@ class ActivityDetector {
 
   private:
     static constexpr std::size_t BANDS = 20;
-    static constexpr std::size_t BLOCKS = 8;   // Of the time over which noise is the minimum.
-    static constexpr std::size_t RECENT = 32;  // Frames that an onset can lie back.
+    static constexpr std::size_t BLOCKS = 8;  // Blocks of time over which the noise is the minimum.
+    static constexpr std::size_t RECENT = 32;  // How many frames before now an onset may lie.
 
     using Levels = std::array<float, BANDS>;
 
@@ -84,27 +85,27 @@ class ActivityDetector {
     int sample_rate_;
     std::size_t hop_;
     std::size_t window_;
-    std::int64_t hang_over_;  // In frames, as the next one.
+    std::int64_t hang_over_;  // In frames, like the next one.
     std::int64_t minimum_;
     std::array<std::size_t, BANDS + 1> edges_{};
 
     std::uint64_t origin_;  // Sample of the side at which frame 0 begins.
     std::uint64_t position_;
-    std::vector<float> shape_;    // Of the window.
-    std::vector<float> samples_;  // Of the window.
-    std::size_t filled_ = 0;      // Of the next hop.
-    std::size_t silent_ = 0;      // Samples that were 0 in a row.
-    std::int64_t frame_ = -2;     // Number of the frame that was decided about last.
+    std::vector<float> shape_;    // Of the analysis window.
+    std::vector<float> samples_;  // Of the analysis window.
+    std::size_t filled_ = 0;      // Samples of the next hop so far.
+    std::size_t silent_ = 0;      // Consecutive zero samples.
+    std::int64_t frame_ = -2;     // Number of the last frame that was decided.
 
-    std::array<Levels, BLOCKS> minima_{};  // Of each block of time, newest first.
+    std::array<Levels, BLOCKS> minima_{};  // One for each block of time, newest first.
     Levels smooth_{};
     Levels noise_{};
     int block_frames_ = 0;
     int blocks_ = 0;
-    std::array<Levels, 2> earlier_{};  // Of the frames before, the newest first.
-    float all_ = 0;                    // Power of the frame before.
+    std::array<Levels, 2> earlier_{};  // Of the previous frames, newest first.
+    float all_ = 0;                    // Power of the previous frame.
 
-    std::array<bool, RECENT> faint_{};  // By frame modulo RECENT: was there a little sound?
+    std::array<bool, RECENT> faint_{};  // Whether there was faint sound; by frame modulo RECENT.
     bool loud_ = false;
     bool active_ = false;
     std::int64_t begin_ = -1;  // First frame of sound that may become activity.

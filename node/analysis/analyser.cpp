@@ -15,15 +15,16 @@ namespace {
 using analysis::Noticed;
 using analysis::Wanted;
 
-// Audio that waits for the rate of its side: two seconds at the highest rate, and of all sides.
+// The most audio that may wait for the sample rate of its side: two seconds at the highest rate,
+// and the total of all sides.
 constexpr std::size_t MOST_HELD = 96'000;
 constexpr std::size_t MOST_HELD_IN_ALL = 32'000'000;
 
-// Pauses that are remembered. What is noticed lies seconds back at most, but for the beginning
-// of a long sample.
+// The number of pauses that are remembered. Detections lie at most seconds back, except for the
+// beginning of a long sample.
 constexpr std::size_t MOST_PAUSES = 64;
 
-// Between two reports of one side.
+// Time between two reports of the same side.
 constexpr Micros SKIPS_REPORTED{1'000'000};
 
 Wanted wanted_of(Running running) {
@@ -32,9 +33,9 @@ Wanted wanted_of(Running running) {
 
 }  // namespace
 
-// One side of one call, on its way to the worker.
+// One side of one call, between the call and the worker.
 //
-// The worker's positions count the sender's pauses as well, so that activity ends in a pause.
+// The worker's positions include the sender's pauses, so that activity ends in a pause.
 class Analyser::AnalysedSide {
   public:
     AnalysedSide(Analyser& analyser, Call& call, Side which)
@@ -92,7 +93,7 @@ class Analyser::AnalysedSide {
         }
     }
 
-    // Nothing more is to come for now.
+    // No more audio comes for now.
     void finish() {
         if (number_ != 0 && !finishing_) {
             finishing_ = true;
@@ -144,7 +145,7 @@ class Analyser::AnalysedSide {
         std::uint64_t position;
         std::vector<std::int16_t> samples;
     };
-    // Where a pause begins, on the worker's axis: less than all pauses up to its end.
+    // Returns where a pause begins on the worker's axis: without the pauses up to its end.
     struct Paused {
         std::uint64_t end;
         std::uint64_t total;
@@ -157,7 +158,7 @@ class Analyser::AnalysedSide {
         return static_cast<std::uint64_t>(side_position(static_cast<std::int64_t>(noticed.heard)));
     }
 
-    // The side's position of a place on the worker's axis.
+    // Returns the side's position for a place on the worker's axis.
     std::int64_t side_position(std::int64_t placed) const {
         std::uint64_t before = pauses_.empty() ? paused_ : 0;
         for (const Paused& pause : pauses_) {
@@ -166,7 +167,7 @@ class Analyser::AnalysedSide {
             if (placed >= end) {
                 before = pause.total;
             } else if (placed - static_cast<std::int64_t>(before) > position) {
-                return position;  // Within the pause.
+                return position;  // The place is within the pause.
             }
         }
         return placed - static_cast<std::int64_t>(before);
@@ -238,13 +239,14 @@ class Analyser::AnalysedSide {
     Analyser& analyser_;
     Call& call_;
     const Side which_;
-    std::uint64_t number_ = 0;  // The worker's; 0 before it got anything.
+    // The worker's number for this side. 0 before the worker has received anything.
+    std::uint64_t number_ = 0;
     Running counted_;
     std::uint64_t paused_ = 0;
-    std::deque<Paused> pauses_;  // The latest.
-    std::vector<Held> held_;     // Until the rate is known.
+    std::deque<Paused> pauses_;  // The latest pauses.
+    std::vector<Held> held_;     // Audio that waits until the rate is known.
     std::size_t held_samples_ = 0;
-    std::uint64_t skipped_ = 0;  // Since the latest report.
+    std::uint64_t skipped_ = 0;  // Samples left out since the latest report.
     Micros skips_reported_{0};
     bool switch_refused_ = false;
     bool finishing_ = false;
@@ -290,7 +292,7 @@ class Analyser::AnalysedCall : public CallListener {
     }
 
     void ended(const Call& call, EndReason reason) override {
-        // No packets wait meanwhile.
+        // The receiver ends, so waiting here delays no packets.
         if (reason == EndReason::SHUTDOWN && working(call)) {
             analyser_.worker_.drain();
         }

@@ -1,11 +1,11 @@
-// Does for each side what its call asks for: looks for audio activity and for samples, from the
-// sample at which a feature is switched on to the one at which it is switched off. What is
-// noticed is reported to the call, so that all outputs get it.
+// Runs the analysis that each call asks for: detects audio activity and samples on a side, from the
+// sample at which a feature is switched on to the sample at which it is switched off. Detections
+// are reported to the call, so that all outputs receive them.
 //
 // An output. The detectors run on the thread of a Worker; this object only copies audio into its
-// queue and belongs to the thread of the calls. What the worker cannot keep up with is left out,
-// reported and counted. Comes before the outputs that are to report what was noticed at the end
-// of a call before they report the end.
+// queue, and belongs to the thread of the calls. Audio that the worker cannot keep up with is left
+// out, reported and counted. The analyser must come before those outputs that report detections at
+// the end of a call ahead of the end itself.
 #pragma once
 
 #include <cstddef>
@@ -22,16 +22,16 @@ namespace qv::node {
 
 class Analyser : public CallListener {
   public:
-    // Further names of samples are counted together, under OTHER_SAMPLES.
+    // The names of further samples are counted together, under OTHER_SAMPLES.
     static constexpr std::size_t MOST_COUNTED_NAMES = 1000;
     static constexpr const char* OTHER_SAMPLES = "(others)";
 
     struct Figures {
-        std::size_t activity_sides = 0;   // On which activity runs now.
-        std::size_t detection_sides = 0;  // That are searched for samples now.
+        std::size_t activity_sides = 0;   // Sides on which activity detection runs now.
+        std::size_t detection_sides = 0;  // Sides on which sample detection runs now.
         std::size_t recorded_sides = 0;
-        std::size_t samples = 0;                     // References that are looked for.
-        std::uint64_t onsets = 0;                    // Of activity.
+        std::size_t samples = 0;                     // References that are searched for.
+        std::uint64_t onsets = 0;                    // Onsets of activity.
         std::uint64_t skipped = 0;                   // Samples of audio that were left out.
         std::map<std::string, std::uint64_t> found;  // Occurrences by the sample's name.
     };
@@ -41,10 +41,12 @@ class Analyser : public CallListener {
 
     std::unique_ptr<CallListener> begin_call(Call& call) override;
 
-    // To be called some times a second: hands audio to the worker and reports what it noticed.
+    // Call it several times a second. Passes audio to the worker and reports what the worker
+    // detected.
     void update();
 
-    // From now on these samples are looked for. A sample that is being heard is looked for anew.
+    // From now on these samples are searched for. The search for a sample that is playing now
+    // starts again.
     void set_samples(std::shared_ptr<const analysis::SampleIndex> samples);
 
     const Figures& figures() const { return figures_; }
@@ -58,7 +60,7 @@ class Analyser : public CallListener {
 
     Figures figures_;
     std::uint64_t next_side_ = 1;
-    std::size_t held_ = 0;  // Samples of sides whose rate is not known.
+    std::size_t held_ = 0;  // Samples held for sides whose rate is unknown.
     std::unordered_map<std::uint64_t, AnalysedSide*> sides_;
     analysis::Worker worker_;
 };

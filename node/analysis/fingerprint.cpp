@@ -10,12 +10,12 @@ namespace {
 
 constexpr std::size_t HOPS = FRAME / HOP;
 
-// Power that the transform gives for a full-scale sine: (FRAME / 2 / 2)^2.
+// The power that the transform gives for a full-scale sine: (FRAME / 2 / 2)^2.
 constexpr float FULL_SCALE_POWER = (FRAME / 4.0F) * (FRAME / 4.0F);
 
-constexpr float PEAK_TO_MEAN = 4;  // Power of a peak over the mean of its region.
+constexpr float PEAK_TO_MEAN = 4;  // Power of a peak relative to the mean of its region.
 
-// Peaks are paired over 2 to LONGEST_PAIR frames and less than WIDEST_PAIR bins.
+// Peaks are paired if they are 2 to LONGEST_PAIR frames and fewer than WIDEST_PAIR bins apart.
 constexpr std::size_t SHORTEST_PAIR = 2;
 constexpr std::size_t LONGEST_PAIR = 10;
 constexpr int WIDEST_PAIR = 32;
@@ -32,7 +32,7 @@ const std::array<float, FRAME>& hann_window() {
     return window;
 }
 
-// Bins where the bands begin, equally spaced in mels, counted from FIRST_BIN.
+// The bins at which the bands begin, equally spaced in mels, counted from FIRST_BIN.
 template <std::size_t N>
 std::array<std::size_t, N + 1> band_edges() {
     const auto mel = [](double hz) { return std::log(1 + hz / 700); };
@@ -51,7 +51,7 @@ std::array<std::size_t, N + 1> band_edges() {
 constexpr std::array<std::size_t, Fingerprint::REGIONS + 1> REGION_EDGES{
     0, 15, 31, 48, 68, 94, 124, 160, Fingerprint::BINS};
 
-// Ten times the decimal logarithm, right to 0.02.
+// Ten times the decimal logarithm, with an error of at most 0.02.
 float decibels(float power) {
     std::uint32_t word = 0;
     std::memcpy(&word, &power, sizeof word);
@@ -149,8 +149,8 @@ void Fingerprint::find_peaks() {
     pair_peaks(peaks);
 }
 
-// The strongest bin of a region in the middle one of the kept frames, where no frame
-// around has more at that frequency.
+// Returns the strongest bin of a region in the middle kept frame, if no neighbouring frame is
+// stronger at that frequency.
 std::uint8_t Fingerprint::peak_of(std::size_t region) const {
     static const float floor = FULL_SCALE_POWER * std::pow(10.0F, QUIETEST_DB / 10);
     const auto& middle = spectra_[(frames_ + KEPT - REACH) % KEPT];
@@ -169,7 +169,7 @@ std::uint8_t Fingerprint::peak_of(std::size_t region) const {
     const std::size_t low = peak == 0 ? 0 : peak - 1;
     const std::size_t high = std::min(peak + 1, BINS - 1);
     if (middle[low] > power || middle[high] > power) {
-        return NO_PEAK;  // A slope from the next region.
+        return NO_PEAK;  // The slope of a peak in the next region.
     }
     for (const auto& spectrum : spectra_) {
         if (std::max({spectrum[low], spectrum[peak], spectrum[high]}) > power) {

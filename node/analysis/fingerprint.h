@@ -1,8 +1,8 @@
-// What makes a piece of sound recognisable: of every frame, which of its bands have become
-// louder against their neighbours, and its landmarks, pairs of peaks in the spectrum.
+// Computes what makes audio recognisable: for every frame, which bands have become louder relative
+// to their neighbours; and its landmarks, which are pairs of peaks in the spectrum.
 //
-// The same code reads references and sides. Works at ANALYSIS_RATE; 64 ms long frames begin
-// every 16 ms. Belongs to one thread; allocates nothing.
+// The same code processes references and sides. It works at ANALYSIS_RATE, with frames of 64 ms
+// that begin every 16 ms. Belongs to one thread; allocates nothing.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@ constexpr int ANALYSIS_RATE = 8000;
 constexpr std::size_t FRAME = 512;
 constexpr std::size_t HOP = 128;
 
-// Two peaks near each other: their frequencies and the time between them.
+// Two neighbouring peaks: their frequencies and the time between them.
 struct Landmark {
     static constexpr std::uint32_t KINDS = 1u << 18;
 
@@ -27,7 +27,7 @@ struct Landmark {
 
 class Fingerprint {
   public:
-    // Level of digital silence: what is quieter does not count.
+    // The level of digital silence. Lower levels are ignored.
     static constexpr float QUIETEST_DB = -78;
 
     static constexpr std::size_t BITS = 32;
@@ -37,50 +37,51 @@ class Fingerprint {
 
     Fingerprint();
 
-    // Takes in the next HOP samples. A frame is complete from the fourth hop on.
+    // Processes the next HOP samples. The first frame is complete after the fourth hop.
     void add(const float* samples);
 
-    // The frames so far; the newest one has the number frames() - 1 and begins at the
-    // sample that is its number times HOP.
+    // The number of frames so far. The newest one has the number frames() - 1 and begins at sample
+    // (frames() - 1) * HOP.
     std::uint64_t frames() const { return frames_; }
 
-    // Of the newest frame: bit n is set where band n has grown more than band n + 1.
+    // Of the newest frame: bit n is set if band n has grown more than band n + 1.
     std::uint32_t bits() const { return bits_; }
 
-    // What bit n of the newest frame was taken from, in decibels: how much more the one band
-    // has grown or shrunk than the other, and how loud the quieter of the two was.
+    // The values behind bit n of the newest frame, in decibels: how much more one band has grown or
+    // shrunk than the other, and the level of the quieter one.
     struct Change {
         float difference;  // Not negative.
         float level;       // Relative to a full-scale sine.
     };
     Change change(std::size_t n) const;
-    // Of the newest frame, relative to a full-scale sine.
+    // The level of the newest frame, relative to a full-scale sine.
     float level_db() const { return level_; }
     const std::array<float, FRAME / 2 + 1>& power() const { return power_; }
 
     // The strongest peak of each region of the spectrum, as a bin counted from FIRST_BIN, or
-    // NO_PEAK. A peak is known REACH frames late: these are those of an earlier frame, and so
-    // they are in references and sides alike.
+    // NO_PEAK. A peak is known only REACH frames later, so these belong to an earlier frame; this
+    // is the same for references and sides.
     static constexpr std::size_t REGIONS = 8;
     static constexpr std::uint8_t NO_PEAK = 0xFF;
     using Peaks = std::array<std::uint8_t, REGIONS>;
-    // Which regions have a peak, a bit for each.
+    // Which regions have a peak, one bit each.
     static std::uint8_t regions_of(const Peaks& peaks);
     const Peaks& peaks() const { return peaks_[frames_ % RING]; }
-    // Of a region with a peak; relative to a full-scale sine.
+    // The level of the peak of a region that has one, relative to a full-scale sine.
     float peak_level(std::size_t region) const;
 
-    // Landmarks that the newest frame completed.
+    // The landmarks that the newest frame completed.
     const Landmark* landmarks() const { return landmarks_.data(); }
     std::size_t landmark_count() const { return landmark_count_; }
 
-    // Forgets what was heard; frames are counted on from `frames`.
+    // Forgets the audio so far. Frame numbers continue from `frames`.
     void reset(std::uint64_t frames);
 
   private:
     static constexpr std::size_t BANDS = BITS + 1;
-    static constexpr std::size_t BACK = 2;   // Frames back that bits compare with.
-    static constexpr std::size_t REACH = 2;  // Frames on both sides that a peak exceeds.
+    static constexpr std::size_t BACK = 2;  // How many frames back the bits compare with.
+    // A peak is higher than this many frames on both sides of it.
+    static constexpr std::size_t REACH = 2;
     static constexpr std::size_t KEPT = 2 * REACH + 1;
     static constexpr std::size_t RING = 16;  // Frames whose peaks are kept for pairs.
 
@@ -92,7 +93,7 @@ class Fingerprint {
 
     const Transform& transform_;
     std::uint64_t frames_ = 0;
-    std::size_t heard_ = 0;  // Hops since the last reset, up to what fills all memories.
+    std::size_t heard_ = 0;  // Hops since the last reset, up to the number that fills all buffers.
     std::array<float, FRAME> samples_{};
     std::array<float, FRAME / 2 + 1> power_{};
     std::array<std::array<float, BANDS>, BACK + 1> bands_{};  // Decibels; newest first.

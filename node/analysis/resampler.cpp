@@ -9,8 +9,8 @@ namespace qv::node::analysis {
 
 namespace {
 
-// Of 0 to 10. Its filter is 0.9 of the band wide, which reaches beyond what the analysis
-// uses, and short enough for thousands of sides.
+// Speex quality, 0 to 10. The filter passes 0.9 of the band, which covers what the analysis uses,
+// and is short enough for thousands of sides.
 constexpr int QUALITY = 3;
 constexpr float FULL_SCALE = 32768;
 

@@ -1,6 +1,6 @@
-// Brings the samples of one side to another rate, by speexdsp. Sample n of the result is
-// the sound at the time of sample n * from / to of the input: the filter's delay is taken
-// out. Belongs to one thread.
+// Converts the samples of one side to another rate, with speexdsp. Sample n of the result is the
+// sound at sample n * from / to of the input: the delay of the filter is removed. Belongs to one
+// thread.
 #pragma once
 
 #include <cstddef>
@@ -19,15 +19,15 @@ class Resampler {
     Resampler(Resampler&&) noexcept;
     Resampler& operator=(Resampler&&) noexcept;
 
-    // Most samples that one call of convert() takes.
+    // The most samples that one call of convert() takes.
     static constexpr std::size_t PIECE = 256;
 
-    // Converts up to PIECE samples; returns how many were written to `out`, which has room
-    // for room_for(count). Samples are -1 to 1 in the result.
+    // Converts up to PIECE samples to values from -1 to 1. Returns how many were written to `out`,
+    // which has room for room_for(count) of them.
     std::size_t convert(const std::int16_t* samples, std::size_t count, float* out);
     std::size_t room_for(std::size_t count) const;
 
-    // Forgets what was heard.
+    // Forgets the audio so far.
     void reset();
 
   private:
@@ -35,7 +35,7 @@ class Resampler {
         void operator()(SpeexResamplerState_* state) const;
     };
 
-    std::unique_ptr<SpeexResamplerState_, Destroy> state_;  // Null where rates are equal.
+    std::unique_ptr<SpeexResamplerState_, Destroy> state_;  // Null if the rates are equal.
     int from_;
     int to_;
 };

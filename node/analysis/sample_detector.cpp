@@ -7,56 +7,58 @@ namespace qv::node::analysis {
 
 namespace {
 
-// Landmarks that must agree, within how many frames, before frames are compared.
+// How many landmarks must agree, and within how many frames, before frames are compared.
 constexpr std::uint32_t VOTES_WANTED = 2;
 constexpr std::uint32_t VOTE_LIFE = 64;
 
-// Bits count less than each would alone: those of frames that overlap go together.
+// Bits count less than their probability alone suggests, because the bits of overlapping frames
+// depend on each other.
 constexpr int BIT_GAIN = 1;
-constexpr int BIT_LOSS = 3;  // Besides what it would have gained.
-// By faintness: where a loud peak is missing, the reference does not play; a faint one may be
+constexpr int BIT_LOSS = 3;  // In addition to the gain that is missed.
+// Indexed by faintness. If a loud peak is missing, the reference is not playing; a faint one may be
 // covered by noise.
 constexpr int PEAK_GAIN[SampleIndex::FAINTEST + 1] = {26, 26, 26, 26, 26, 24, 20, 0};
 constexpr int PEAK_LOSS[SampleIndex::FAINTEST + 1] = {17, 17, 15, 11, 7, 4, 2, 0};
-// A loud peak of the side that the reference does not have, by its faintness in the side.
+// The loss for a loud peak of the side that the reference lacks, indexed by its faintness in the
+// side.
 constexpr int STRANGE_LOSS[SampleIndex::FAINTEST + 1] = {8, 7, 5, 2, 0, 0, 0, 0};
 constexpr float LOUDNESS_DECAY_DB = 0.3F;  // Per frame.
 
-// A candidate is reported when its score is at least LEAST_SCORE, and at least ENOUGH together
-// with SPAN_SCORE for each frame that it has agreed: what agrees by chance soon ends, while
-// a reference in noise agrees less and goes on.
+// A candidate is reported if its score is at least LEAST_SCORE, and at least ENOUGH when SPAN_SCORE
+// is added for each frame that it has agreed. Chance agreement soon ends, while a reference in
+// noise agrees less but continues.
 constexpr int ENOUGH = 800;
 constexpr int ENOUGH_IN_NOISE = 450;
 constexpr int SPAN_SCORE = 8;
 constexpr int LEAST_SCORE = 250;
-// Noise makes false candidates as rare as it makes true ones weak. A side is noisy where its
-// level does not fall further than this below that of its loudest sound.
+// In noise, true candidates score less, but false candidates are rarer. A side is noisy if its
+// level never falls further than this below the level of its loudest sound.
 constexpr float NOISY_RANGE_DB = 22;
 constexpr float RANGE_DECAY_DB = 0.05F;  // Per frame.
 
-constexpr int PROMISING = 140;  // Followed.
-constexpr int MOST = 1100;      // So that what is over ends soon.
+constexpr int PROMISING = 140;  // A candidate with this score is followed.
+constexpr int MOST = 1100;  // Limits the score, so that a candidate ends soon after its reference.
 
-// Frames over which the framing of a candidate is chosen.
+// The framing of a candidate is chosen over this many frames.
 constexpr std::int64_t CHOICE = 24;
 
-// Two alignments of a reference closer than this are one.
+// Alignments of a reference that are closer than this count as one.
 constexpr std::int64_t SAME_FRAMES = 3;
 
-// Silence that is heard of a longer one; the rest is left out by steps that are whole
-// numbers of frames and of samples at every rate.
+// Of a longer silence, only this much is processed. The rest is skipped in steps that are whole
+// numbers of frames and, at every rate, of samples.
 constexpr std::uint64_t SILENCE_HEARD_S = 1;
 constexpr std::uint64_t STEP_S = 2;
 constexpr std::int64_t STEP_FRAMES = STEP_S * ANALYSIS_RATE / HOP;
 
-// Without an instruction that not every processor has.
+// Not written with the processor's instruction, which not every processor has.
 int bits_set(std::uint32_t word) {
     word -= (word >> 1) & 0x55555555u;
     word = (word & 0x33333333u) + ((word >> 2) & 0x33333333u);
     return static_cast<int>((((word + (word >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24);
 }
 
-// NO_PEAK is near no bin.
+// Nothing is near NO_PEAK.
 bool near(int peak, int bin) {
     return peak - bin <= 1 && bin - peak <= 1;
 }
@@ -113,7 +115,7 @@ void SampleDetector::skip(std::uint64_t samples, SampleOutput& out) {
 }
 
 void SampleDetector::add_heard(const std::int16_t* samples, std::size_t count, SampleOutput& out) {
-    // At most twice as many as came in: rates below 4 kHz do not occur in calls.
+    // The result has at most twice as many samples, because calls do not have rates below 4 kHz.
     std::array<float, 4 * Resampler::PIECE> converted;
     const std::size_t size = resampler_.convert(samples, count, converted.data());
     position_ += count;
@@ -202,7 +204,7 @@ bool SampleDetector::is_tracked(std::uint32_t reference, std::int64_t begin) con
     });
 }
 
-// Finds the framing that fits best, and follows the candidate if it fits at all.
+// Chooses the framing that fits best, and follows the candidate if it fits well enough.
 void SampleDetector::consider(std::uint32_t reference, std::int64_t begin) {
     if (is_tracked(reference, begin)) {
         return;
@@ -259,15 +261,15 @@ int SampleDetector::agreement(std::uint32_t reference, std::size_t shift,
     return most;
 }
 
-// What a frame of the side says for a frame of a reference, in tenths of the logarithm of how
-// much more likely it is where the reference plays.
+// Returns how much a frame of the side supports a frame of a reference: ten times the logarithm of
+// how much more likely it is if the reference plays.
 int SampleDetector::gain(const Frames& frames, std::int64_t at, std::int64_t frame) const {
     const auto i = static_cast<std::size_t>(at);
     const SampleIndex::Frame& expected = frames[i];
     const Heard& now = heard(frame);
     int gain = BIT_GAIN * bits_set(expected.mask) -
                BIT_LOSS * bits_set((now.bits ^ expected.bits) & expected.mask);
-    // Peaks may lie a frame and a bin beside.
+    // A peak matches within one frame and one bin.
     if (expected.regions != 0) {
         const auto& before = heard(std::max(first_, frame - 1)).peaks;
         const auto& after = heard(std::min(frame_, frame + 1)).peaks;
@@ -296,7 +298,7 @@ int SampleDetector::gain(const Frames& frames, std::int64_t at, std::int64_t fra
     return gain;
 }
 
-// Returns whether the reference goes on after this frame of the side.
+// Returns whether the reference continues after this frame of the side.
 bool SampleDetector::compare(Track& track, std::int64_t frame) const {
     const auto& frames = index_->reference(track.reference).frames[track.shift];
     const std::int64_t at = frame - track.begin;
@@ -346,7 +348,7 @@ void SampleDetector::follow(SampleOutput& out) {
 }
 
 void SampleDetector::report(Track& track, SampleOutput& out) {
-    // The same sound at another place of the same reference is no second occurrence.
+    // A match of the same sound at another place of the same reference is not a second occurrence.
     for (Track& other : tracks_) {
         if (&other != &track && other.used && other.reference == track.reference &&
             (!other.reported || other.agreed_to >= track.agreed_from)) {
@@ -403,7 +405,7 @@ void SampleDetector::find_tones(SampleOutput& out) {
 
 void SampleDetector::report_tone(std::uint32_t reference, std::int64_t begin, double score,
                                  SampleOutput& out) {
-    // The repetitions of a cadence that the reference holds are one occurrence.
+    // If the reference contains several repetitions of a cadence, they are one occurrence.
     if (reference == reported_tone_ && begin < reported_tone_end_) {
         return;
     }

@@ -1,8 +1,8 @@
-// Finds the references of an index in the sound of one side.
+// Finds the references of an index in the audio of one side.
 //
-// Landmarks of the sound that a reference has too, twice at the same distance, make it a
-// candidate; a candidate is compared frame by frame, and reported once enough agrees. All
-// memory is taken at construction, about 20 KiB. Belongs to one thread.
+// If two landmarks of the audio also occur in a reference at the same distance, the reference
+// becomes a candidate. A candidate is compared frame by frame, and reported when enough frames
+// agree. All memory, about 20 KiB, is allocated at construction. Belongs to one thread.
 #pragma once
 
 #include <array>
@@ -17,17 +17,17 @@
 namespace qv::node::analysis {
 
 struct SampleFound {
-    // Number of the reference in the index, and its name, which lives as long as the index.
+    // The number of the reference in the index, and its name, which is valid as long as the index.
     std::size_t reference;
     const std::string& name;
-    // Sample of the side at which the reference's recording begins. It may lie before the
-    // first sample that the detector was given, even below 0, where a side, or the search in
-    // it, began in the midst of the recording.
+    // The sample of the side at which the recording of the reference begins. It may lie before the
+    // first sample that the detector received, and even below 0, if the side or the search began in
+    // the middle of the recording.
     std::int64_t position;
-    // Sample of the side up to which sound had been heard when this was decided.
+    // Position up to which the side had been heard when this was decided.
     std::uint64_t heard;
-    // How well the sound agrees with the reference: 1 is without any difference; 0 is what
-    // two other sounds have in common.
+    // How well the audio agrees with the reference. 1: no difference. 0: as much as unrelated
+    // audio.
     double score;
 };
 
@@ -39,40 +39,40 @@ class SampleOutput {
 
 class SampleDetector {
   public:
-    // A side of `sample_rate` Hz, whose next sample has the number `position`.
+    // For a side of `sample_rate` Hz whose next sample is at `position`.
     SampleDetector(std::shared_ptr<const SampleIndex> index, int sample_rate,
                    std::uint64_t position = 0);
 
-    // The next samples of the side, any number of them.
+    // Processes the next samples of the side, any number of them.
     void add(const std::int16_t* samples, std::size_t count, SampleOutput& out);
 
-    // The next samples were not heard: a gap, a pause or silence, of any length.
+    // The next samples are not available: a gap, a pause or silence of any length.
     void skip(std::uint64_t samples, SampleOutput& out);
 
-    // Sample of the side that comes next.
+    // The position of the next sample of the side.
     std::uint64_t position() const { return position_; }
 
   private:
-    static constexpr std::size_t HISTORY = 128;  // Frames that a new candidate is compared with.
+    static constexpr std::size_t HISTORY = 128;  // Frames with which a new candidate is compared.
     static constexpr std::size_t TRACKS = 24;
     static constexpr std::size_t VOTES = 256;
 
-    // Landmarks that agree in where a reference begins.
+    // Landmarks that agree on where a reference begins.
     struct Vote {
         std::uint32_t key = 0;
-        std::uint32_t frame = 0;  // When the last of them was heard.
+        std::uint32_t frame = 0;  // When the last one was heard.
         std::uint32_t count = 0;
     };
 
-    // What is kept of a frame of the side.
+    // What is kept of each frame of the side.
     struct Heard {
         std::uint32_t bits = 0;
         Fingerprint::Peaks peaks{};
-        std::uint8_t loud = 0;        // Regions with a peak that must not be strange.
-        std::uint32_t faintness = 0;  // As in references, relative to the sound lately.
+        std::uint8_t loud = 0;        // Regions whose peak the reference must have, too.
+        std::uint32_t faintness = 0;  // As in references, relative to the recent audio.
     };
 
-    // A reference that may be playing: frame n of the side is its frame n - begin.
+    // A reference that may be playing. Frame n of the side is its frame n - begin.
     struct Track {
         std::int64_t begin = 0;
         std::uint32_t reference = 0;
@@ -80,8 +80,8 @@ class SampleDetector {
         bool used = false;
         bool reported = false;
         std::int32_t score = 0;
-        std::uint32_t bits = 0;       // Compared since the score was last 0 ...
-        std::uint32_t different = 0;  // ... and how many of them were different.
+        std::uint32_t bits = 0;       // Bits compared since the score was last 0.
+        std::uint32_t different = 0;  // How many of them were different.
         std::int64_t agreed_from = 0;
         std::int64_t agreed_to = 0;  // Last frame of the side that agreed.
     };
@@ -115,17 +115,18 @@ class SampleDetector {
     Fingerprint fingerprint_;
     std::array<float, HOP> hop_{};
     std::size_t hop_size_ = 0;
-    std::int64_t frame_ = -1;                         // Number of the newest frame.
-    std::int64_t first_ = 0;                          // Oldest frame that is in the history.
-    std::array<Heard, HISTORY> history_{};            // By frame modulo HISTORY.
-    float loudness_ = Fingerprint::QUIETEST_DB;       // Of the loudest peak lately.
-    float loudest_frame_ = Fingerprint::QUIETEST_DB;  // Of the last seconds, and the quietest.
+    std::int64_t frame_ = -1;                    // Number of the newest frame.
+    std::int64_t first_ = 0;                     // Oldest frame that is in the history.
+    std::array<Heard, HISTORY> history_{};       // By frame modulo HISTORY.
+    float loudness_ = Fingerprint::QUIETEST_DB;  // Level of the loudest recent peak.
+    // Levels of the loudest and quietest frame of the last seconds.
+    float loudest_frame_ = Fingerprint::QUIETEST_DB;
     float quietest_frame_ = 0;
     std::array<Vote, VOTES> votes_{};
     std::array<Track, TRACKS> tracks_{};
 
     ToneFinder tone_finder_;
-    std::array<Tone, TonePattern::MOST_TONES> heard_tones_{};  // The newest last.
+    std::array<Tone, TonePattern::MOST_TONES> heard_tones_{};  // Newest last.
     std::size_t heard_tone_count_ = 0;
     std::uint32_t reported_tone_ = 0;      // The reference reported last, and the frame at which
     std::int64_t reported_tone_end_ = -1;  // it ends.

@@ -53,7 +53,7 @@ std::string add_file(const fs::path& path, SampleIndexBuilder& builder) {
     if (info.channels != 1) {
         return std::to_string(info.channels) + " channels, not 1";
     }
-    // The header may promise more than the file holds.
+    // The header may promise more samples than the file contains.
     const double most = SampleIndexBuilder::LONGEST_S * info.samplerate + 1;
     const auto wanted = static_cast<sf_count_t>(
         std::min(most, static_cast<double>(std::max<sf_count_t>(info.frames, 0))));

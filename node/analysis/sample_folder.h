@@ -1,4 +1,4 @@
-// Reads the recordings of a folder into an index, by libsndfile.
+// Reads the recordings of a folder into an index, with libsndfile.
 #pragma once
 
 #include <filesystem>
@@ -12,7 +12,7 @@ namespace qv::node::analysis {
 
 struct SampleFolder {
     struct Refusal {
-        std::string file;    // Without the folder.
+        std::string file;    // File name without folder.
         std::string reason;  // Such as "2 channels, not 1".
     };
 
@@ -20,9 +20,9 @@ struct SampleFolder {
     std::vector<Refusal> refused;              // In the order of their names.
 };
 
-// Every file NAME.wav (in any case) of the folder, not of those within, is the reference
-// NAME; files are taken in the order of their names. Throws std::runtime_error, which says
-// why, where the folder cannot be read.
+// Every file NAME.wav (in upper or lower case) in the folder itself becomes the reference NAME.
+// Subfolders are ignored. The files are read in the order of their names. Throws std::runtime_error
+// with the reason if the folder cannot be read.
 SampleFolder load_folder(const std::filesystem::path& folder);
 
 }  // namespace qv::node::analysis

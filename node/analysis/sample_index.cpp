@@ -19,14 +19,15 @@ constexpr int LOWEST_RATE = 4000;
 constexpr int HIGHEST_RATE = 384'000;
 constexpr double SILENCE = 0.001;        // Amplitude, -60 decibels.
 constexpr double SILENT_RANGE = 0.0178;  // Of the loudest piece: -35 decibels.
-constexpr std::size_t PIECE = 80;        // Samples of which the level is taken.
-// What a bit must have changed by to be reliable, which is more where it is less loud.
+constexpr std::size_t PIECE = 80;        // The level is measured over this many samples.
+// A bit is reliable if it has changed by at least this much; where it is quieter, by more.
 constexpr float LEAST_CHANGE_DB = 2.5F;
-constexpr float LOUD_DB = 14;           // Below the loudest band of the reference.
-constexpr float CHANGE_PER_DB = 0.25F;  // For each decibel further below.
+constexpr float LOUD_DB = 14;           // Decibels below the loudest band of the reference.
+constexpr float CHANGE_PER_DB = 0.25F;  // For each decibel below that.
 constexpr float RANGE_DB = 45;
 constexpr float NO_LEVEL = -200;
-// A landmark in more places than this says little, and following all would take long.
+// A landmark that occurs in more places than this is left out: it says little, and following all
+// places would take too long.
 constexpr std::size_t MOST_PLACES = 48;
 
 std::vector<float> at_analysis_rate(const float* samples, std::size_t count, int rate) {
@@ -44,7 +45,8 @@ std::vector<float> at_analysis_rate(const float* samples, std::size_t count, int
     }
     speex_resampler_skip_zeros(state);
     const std::size_t wanted = count * std::size_t{ANALYSIS_RATE} / static_cast<std::size_t>(rate);
-    sound.resize(count + static_cast<std::size_t>(rate) / 10, 0.0F);  // Pushes the end out.
+    // Flushes the end through the filter.
+    sound.resize(count + static_cast<std::size_t>(rate) / 10, 0.0F);
     std::vector<float> result(wanted);
     std::size_t read = 0;
     std::size_t written = 0;
@@ -95,8 +97,8 @@ Changes changes_of(const Fingerprint& fingerprint) {
     return changes;
 }
 
-// Marks the bits that noise, coding and another voice leave as they are: those of loud bands
-// that change much. In white noise 10 dB below the reference, seven in eight of them stay.
+// Marks the bits that survive noise, coding and another voice: bits of loud bands that change much.
+// In white noise 10 dB below the reference, seven of eight remain.
 void mark_reliable(const std::vector<Changes>& changes, std::vector<SampleIndex::Frame>& frames) {
     float loudest = -200;
     for (const Changes& each : changes) {
@@ -127,7 +129,7 @@ PeakLevels peak_levels_of(const Fingerprint& fingerprint) {
     return levels;
 }
 
-// Level that few peaks exceed.
+// A level that few peaks exceed.
 float loud_level(const std::vector<PeakLevels>& levels) {
     std::vector<float> all;
     for (const PeakLevels& each : levels) {
@@ -153,13 +155,13 @@ void mark_faintness(const std::vector<PeakLevels>& levels,
     }
 }
 
-// The frames that hold the last sound, and their peaks, are complete some hops later.
+// Silence that completes the frames with the last sound, and their peaks.
 std::vector<float> with_silence_behind(std::vector<float> sound) {
     sound.resize(sound.size() + FRAME + 4 * HOP, 0.0F);
     return sound;
 }
 
-// Empty unless the sound is a tone, or some one after the other.
+// Empty unless the recording is a tone or a sequence of tones.
 TonePattern tone_pattern(const std::vector<float>& sound) {
     const std::vector<float> padded = with_silence_behind(sound);
     Fingerprint fingerprint;

@@ -1,7 +1,7 @@
-// The references that sides are searched for: recordings, each with a name.
+// The references that sides are searched for: recordings with names.
 //
-// An index is built once and never changes; any number of detectors on any threads share
-// it. A changed folder is read into a new index.
+// An index is built once and never changes. Any number of detectors may share it, on any threads. A
+// changed folder is read into a new index.
 #pragma once
 
 #include <algorithm>
@@ -19,7 +19,7 @@ namespace qv::node::analysis {
 
 class SampleIndex {
   public:
-    // Framings of a reference: frames of a side begin somewhere in a hop.
+    // The number of framings of a reference, because frames of a side may begin anywhere in a hop.
     static constexpr std::size_t SHIFTS = 4;
 
     // A place in a reference that has a landmark.
@@ -28,17 +28,18 @@ class SampleIndex {
         std::uint16_t frame;
     };
 
-    // One frame of a reference, see Fingerprint.
+    // One frame of a reference; see Fingerprint.
     struct Frame {
         std::uint32_t bits;
-        std::uint32_t mask;  // Of the bits that are reliable.
+        std::uint32_t mask;  // The reliable bits.
         Fingerprint::Peaks peaks;
-        std::uint8_t regions;     // That have a peak, a bit for each.
-        std::uint32_t faintness;  // Of each peak, three bits from the lowest: 0 is loudest.
+        std::uint8_t regions;  // Regions that have a peak, one bit each.
+        // Faintness of each peak, three bits each from the lowest. 0 is loudest.
+        std::uint32_t faintness;
     };
     static constexpr std::uint32_t FAINTEST = 7;
-    static constexpr float FAINTNESS_DB = 7;  // Of one step.
-    // Of a peak that is so many decibels below the loudest ones.
+    static constexpr float FAINTNESS_DB = 7;  // Decibels per step.
+    // Returns the faintness of a peak that is this many decibels below the loudest ones.
     static std::uint32_t faintness(float below_db) {
         return std::min(FAINTEST,
                         static_cast<std::uint32_t>(std::max(0.0F, below_db) / FAINTNESS_DB));
@@ -47,10 +48,10 @@ class SampleIndex {
     struct Reference {
         std::string name;
         double seconds = 0;
-        std::array<std::vector<Frame>, SHIFTS> frames;  // Empty where it is a tone.
+        std::array<std::vector<Frame>, SHIFTS> frames;  // Empty if the reference is a tone.
     };
 
-    // How many references there are, and each of them.
+    // The number of references, and the reference with a number.
     std::size_t size() const { return references_.size(); }
     const Reference& reference(std::size_t number) const { return references_[number]; }
 
@@ -70,7 +71,7 @@ class SampleIndex {
         return {places_.data() + starts_[kind], places_.data() + starts_[kind + 1]};
     }
 
-    // Memory of it, about.
+    // Approximate memory of the index, in bytes.
     std::size_t bytes() const;
 
   private:
@@ -78,27 +79,27 @@ class SampleIndex {
     SampleIndex() = default;
 
     std::vector<Reference> references_;
-    std::vector<std::uint32_t> starts_;  // By kind of landmark, and the end of the last.
+    std::vector<std::uint32_t> starts_;  // By kind of landmark. The last entry is the end.
     std::vector<Place> places_;
     std::vector<ToneReference> tones_;
 };
 
-// Collects references; belongs to one thread.
+// Collects references. Belongs to one thread.
 class SampleIndexBuilder {
   public:
-    static constexpr double SHORTEST_S = 0.5;     // Of sound, without silence around it.
-    static constexpr double LONGEST_S = 15 * 60;  // Of the recording.
+    static constexpr double SHORTEST_S = 0.5;     // Of sound, without silence before and after it.
+    static constexpr double LONGEST_S = 15 * 60;  // Of the whole recording.
     static constexpr std::size_t MOST = 65'000;   // References.
 
     SampleIndexBuilder();
     ~SampleIndexBuilder();
 
-    // Takes one recording, -1 to 1, of `sample_rate` Hz. Returns an empty text, or why the
-    // reference is refused: it is then not in the index.
+    // Adds a recording of `sample_rate` Hz, with samples from -1 to 1. Returns why the reference is
+    // refused, or an empty text. A refused reference is not in the index.
     std::string add(const std::string& name, const float* samples, std::size_t count,
                     int sample_rate);
 
-    // The index of all that was taken; the builder is empty afterwards.
+    // Returns the index of everything that was added. The builder is then empty.
     std::shared_ptr<const SampleIndex> build();
 
   private:

@@ -9,26 +9,27 @@ namespace qv::node::analysis {
 namespace {
 
 constexpr std::size_t FIRST = 8;   // Bin of the lowest tone, 125 Hz.
-constexpr std::size_t LAST = 230;  // And of the highest, 3590 Hz.
-constexpr std::size_t LOBE = 2;    // Bins on both sides that belong to a sine.
+constexpr std::size_t LAST = 230;  // Bin of the highest tone, 3590 Hz.
+constexpr std::size_t LOBE = 2;    // Bins on each side that belong to a sine.
 constexpr float BIN_HZ = static_cast<float>(ANALYSIS_RATE) / FRAME;
 
-constexpr float LEAST_SHARE = 0.8F;  // Of the power, in the sines.
-constexpr float LEAST_SINE = 0.05F;  // Power of a sine over that of the strongest.
+constexpr float LEAST_SHARE = 0.8F;  // Share of the power that the sines must have.
+constexpr float LEAST_SINE = 0.05F;  // Power of a sine relative to the strongest one.
 constexpr float SAME_HZ = 14;
-constexpr std::int64_t MOST_MISSING = 2;  // Frames of a tone that something else covers.
-// Power of all bins, of a sine 60 decibels below full scale.
+constexpr std::int64_t MOST_MISSING = 2;  // Frames of a tone that another sound may cover.
+// Power of all bins for a sine 60 decibels below full scale.
 constexpr float AUDIBLE = 1.5F * 1e-6F * (FRAME / 4.0F) * (FRAME / 4.0F);
 
-// A tone of the side may be this much shorter or longer than in the reference: a part of it,
-// and some frames at its edges.
+// How much shorter or longer a tone of the side may be than in the reference: a fraction of its
+// length, and some frames at its edges.
 constexpr double MOST_OFF = 0.1;
 constexpr std::int64_t SLACK = 3;
 constexpr std::int64_t GAP_SLACK = 8;
-// Frames of sound in a reference, for each frame of tone, that are no tone: edges.
+// How many frames of a reference may have sound without a tone, per frame with a tone: the edges of
+// tones.
 constexpr double MOST_OTHER = 0.3;
 
-// The frequency of a peak, between bins, from its power and that beside it.
+// Returns the frequency of a peak, interpolated between bins.
 float frequency_of(const ToneFinder::Power& power, std::size_t bin) {
     const auto level = [&](std::size_t i) { return std::log(power[i] + 1e-20F); };
     const float below = level(bin - 1);
@@ -78,7 +79,7 @@ Tone ToneFinder::tone_of(const Power& power) {
                 peak = bin;
             }
         }
-        // The side of a stronger sine is no peak.
+        // The slope of a stronger sine is no peak.
         if (peak == 0 || most < strongest * LEAST_SINE || power[peak - 1] > most ||
             power[peak + 1] > most) {
             break;
@@ -90,7 +91,7 @@ Tone ToneFinder::tone_of(const Power& power) {
         }
         tone.hz[tone.sines++] = frequency_of(power, peak);
         if (sines < all / 4) {
-            break;  // Speech and noise, mostly.
+            break;  // Usually speech or noise.
         }
     }
     if (sines < LEAST_SHARE * all) {

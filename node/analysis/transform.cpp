@@ -14,7 +14,7 @@ namespace qv::node::analysis {
 namespace {
 
 struct Transforms {
-    Mutex lock;  // Also held while one is planned: FFTW plans on one thread at a time.
+    Mutex lock;  // Also held while a transform is planned: FFTW must plan on one thread at a time.
     std::map<std::size_t, const Transform*> by_size QV_GUARDED_BY(lock);
 };
 
@@ -28,7 +28,7 @@ struct Scratch {
 }  // namespace
 
 const Transform& Transform::of_size(std::size_t size) {
-    // The transforms are never freed: a side may end after static objects have gone.
+    // The transforms are never freed, because a side may end after static objects were destroyed.
     static auto& transforms = *new Transforms;
     if (size < 2 || size > LONGEST || size % 2 != 0) {
         throw std::invalid_argument("no transform of this size");
@@ -43,7 +43,7 @@ const Transform& Transform::of_size(std::size_t size) {
 
 Transform::Transform(std::size_t size) : size_(size) {
     Scratch scratch;
-    // Estimated plans are the same in every run, and so are the results.
+    // Estimated plans are the same in every run. So are the results.
     plan_ = fftwf_plan_dft_r2c_1d(static_cast<int>(size), scratch.samples, scratch.bins,
                                   FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
     if (plan_ == nullptr) {

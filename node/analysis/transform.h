@@ -1,7 +1,7 @@
-// The power spectrum of a piece of sound, by FFTW.
+// The power spectrum of a piece of audio, computed with FFTW.
 //
-// One Transform serves every side: it keeps no state between calls, and any thread may
-// use it. Transforms live until the program ends.
+// One Transform serves all sides: it keeps no state between calls, and any thread may use it.
+// Transforms exist until the program ends.
 #pragma once
 
 #include <cstddef>
@@ -14,13 +14,13 @@ class Transform {
   public:
     static constexpr std::size_t LONGEST = 2048;
 
-    // The transform of `size` samples: even, 2 to LONGEST. Takes a lock, and plans the first
-    // time that a size is asked for; meant for constructors.
+    // Returns the transform of `size` samples: an even number from 2 to LONGEST. Takes a lock, and
+    // plans a size when it is used for the first time; call it from constructors.
     static const Transform& of_size(std::size_t size);
 
-    // Writes the power of the bins 0 to size / 2, which are size / 2 + 1, to `power`. A sine
-    // of amplitude A in the middle of a bin gives (A * S / 2)^2, S being the sum of the
-    // window that the samples were multiplied by.
+    // Writes the power of the bins 0 to size / 2 to `power`, which are size / 2 + 1 values. A sine
+    // of amplitude A in the middle of a bin gives (A * S / 2)^2, where S is the sum of the window
+    // by which the samples were multiplied.
     void power(const float* samples, float* power) const;
 
     Transform(const Transform&) = delete;

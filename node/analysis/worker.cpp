@@ -11,7 +11,7 @@ constexpr std::size_t MOST_SPARE = 4;
 
 }  // namespace
 
-// The detectors of one side; writes down what they notice.
+// The detectors of one side. Stores what they detect.
 class Worker::Detectors : private ActivityOutput, private SampleOutput {
   public:
     Detectors(std::uint64_t side, int sample_rate, const ActivityOptions& options,
@@ -35,7 +35,7 @@ class Worker::Detectors : private ActivityOutput, private SampleOutput {
         }
     }
 
-    // Reports the end of activity that goes on.
+    // Ends activity that is still going on, and reports this.
     void finish() {
         if (activity_ != nullptr) {
             activity_->finish(*this);
@@ -85,7 +85,7 @@ class Worker::Detectors : private ActivityOutput, private SampleOutput {
     const int sample_rate_;
     const ActivityOptions& options_;
     std::vector<Noticed>& noticed_;
-    std::shared_ptr<const SampleIndex> index_;  // That detection_ uses.
+    std::shared_ptr<const SampleIndex> index_;  // The index that detection_ uses.
     std::unique_ptr<ActivityDetector> activity_;
     std::unique_ptr<SampleDetector> detection_;
 };

@@ -1,10 +1,10 @@
-// Runs the detectors of many sides on a thread of its own, so that analysis never delays its
-// owner: audio goes in by a bounded queue, what was heard comes out by a list.
+// Runs the detectors of many sides on a thread of its own, so that analysis never delays its owner.
+// Audio goes in through a bounded queue; detections come out as a list.
 //
-// A side is a number of the owner's choice. Its audio is copied once, into the batch that is
-// being gathered; send() hands the batch over. What does not fit is refused. Each piece of
-// audio says where it belongs and which detectors are to run, so whatever was refused before
-// it is made good: detectors are told how much they did not hear.
+// A side is a number that the owner chooses. Its audio is copied once, into the current batch;
+// send() passes the batch to the thread. Audio that does not fit is refused. Each piece of audio
+// carries its position and the detectors to run, so the detectors notice how much was refused
+// before it.
 //
 // Knows nothing of calls. The public functions belong to the owner's thread.
 #pragma once
@@ -39,15 +39,15 @@ struct Wanted {
     bool operator!=(Wanted other) const { return !(*this == other); }
 };
 
-// What was noticed of a side. Positions are those that the audio was given.
+// Something detected on a side. Positions are those that were given with the audio.
 struct Noticed {
     enum class Kind : std::uint8_t { ACTIVE, INACTIVE, SAMPLE, FINISHED };
 
     std::uint64_t side;
     Kind kind;
     std::int64_t position;
-    std::uint64_t heard;  // Position up to which sound had been heard.
-    double score;         // Of a sample, as its name.
+    std::uint64_t heard;  // Position up to which the side had been heard.
+    double score;         // Of a sample, like its name.
     std::string name;
 };
 
@@ -55,14 +55,14 @@ class Worker {
   public:
     struct Settings {
         ActivityOptions activity;
-        std::shared_ptr<const SampleIndex> samples;  // Null for none.
-        // Samples of audio that wait at most, about: 16 MiB.
+        std::shared_ptr<const SampleIndex> samples;  // Null: none.
+        // The most samples of audio that may wait, approximately: 16 MiB.
         std::size_t most_waiting = 8'000'000;
     };
 
-    // The options of activity must have no complaint.
+    // The activity options must have no complaint.
     explicit Worker(Settings settings);
-    // Does not wait for what is queued.
+    // Does not wait for queued audio.
     ~Worker();
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
@@ -70,35 +70,34 @@ class Worker {
     // Whether sides of that rate in Hz can be analysed.
     static bool can_analyse(int sample_rate);
 
-    // From `position` on these detectors run over the side, and this audio comes, of any number
-    // of samples. Positions do not go back. Returns false where the queue is full: nothing was
-    // taken then.
+    // Adds the audio of a side from `position` on, any number of samples, for these detectors.
+    // Positions must not decrease. Returns false, and adds nothing, if the queue is full.
     bool add(std::uint64_t side, int sample_rate, Wanted wanted, std::uint64_t position,
              const std::int16_t* samples, std::size_t count);
 
-    // The side is over; is never refused. FINISHED is the last that is noticed of it, unless
-    // more audio of that number is added.
+    // The side has ended. This is never refused. FINISHED is its last detection, unless more audio
+    // is added under its number.
     void finish(std::uint64_t side);
 
     // Sides are searched for these samples from the next send() on.
     void set_samples(std::shared_ptr<const SampleIndex> samples);
 
-    // Hands over what was added; to be called some times a second.
+    // Passes the added audio to the thread. Call it several times a second.
     void send();
 
-    // What was noticed since the last time, in order for each side.
+    // Returns the detections since the last call, in order for each side.
     std::vector<Noticed> take();
 
-    // Sends, and waits until all of it has been heard.
+    // Sends the added audio and waits until all of it has been heard.
     void drain();
 
   private:
-    // One piece of audio of a side; its samples follow those of the items before it.
+    // A piece of audio of a side. Its samples follow those of the items before it.
     struct Item {
         std::uint64_t side;
         std::uint64_t position;
         std::size_t count;
-        int sample_rate;  // 0: the side is over.
+        int sample_rate;  // 0: the side has ended.
         Wanted wanted;
     };
     struct Batch {
@@ -109,41 +108,42 @@ class Worker {
     };
     class Detectors;
 
-    static constexpr std::size_t ITEM_SIZE = 24;          // As much as so many samples.
-    static constexpr std::size_t BATCH_SAMPLES = 65'536;  // Is sent at once.
+    static constexpr std::size_t ITEM_SIZE = 24;          // An item counts as this many samples.
+    static constexpr std::size_t BATCH_SAMPLES = 65'536;  // A batch of this size is sent at once.
 
     void append(const Item& item, const std::int16_t* samples);
 
     // These run on the worker's thread.
     void run() QV_EXCLUDES(mutex_);
-    // Waits for the next batch and marks the worker as busy; nullopt when the worker stops.
+    // Waits for the next batch and marks the worker as busy. Returns nullopt if the worker must
+    // stop.
     std::optional<Batch> next_batch() QV_EXCLUDES(mutex_);
     void hear(const Batch& batch);
     void hear(const Item& item, const std::int16_t* samples, const Batch& batch);
-    // Hands out what was noticed of the batch and keeps its memory.
+    // Publishes what was detected in the batch, and keeps the memory of the batch.
     void publish(Batch batch) QV_EXCLUDES(mutex_);
 
     const Settings settings_;
 
-    // The owner's.
+    // Used only by the owner's thread.
     Batch gathered_;
 
-    std::atomic<std::size_t> waiting_{0};  // Of what was gathered and not heard yet.
+    std::atomic<std::size_t> waiting_{0};  // Samples that were added but not heard yet.
     std::atomic<bool> any_noticed_{false};
 
     Mutex mutex_;
     Condition changed_;
     std::deque<Batch> queue_ QV_GUARDED_BY(mutex_);
-    std::vector<Batch> spare_ QV_GUARDED_BY(mutex_);  // Their memory is used again.
+    std::vector<Batch> spare_ QV_GUARDED_BY(mutex_);  // Kept to reuse their memory.
     std::vector<Noticed> noticed_ QV_GUARDED_BY(mutex_);
     bool busy_ QV_GUARDED_BY(mutex_) = false;
     bool stopping_ QV_GUARDED_BY(mutex_) = false;
 
-    // The worker's.
+    // Used only by the worker's thread.
     std::unordered_map<std::uint64_t, std::unique_ptr<Detectors>> sides_;
     std::vector<Noticed> fresh_;
 
-    std::thread thread_;  // Last: it begins to run when all else is there.
+    std::thread thread_;  // The last member, because the thread uses the others.
 };
 
 }  // namespace qv::node::analysis

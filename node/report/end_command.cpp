@@ -20,9 +20,8 @@ namespace {
 
 constexpr std::chrono::milliseconds LOOK_AGAIN{20};
 
-// What a command finds around it: nothing on its standard input, our standard error as its
-// output (the standard output may carry events), none of our sockets and files, and signals as
-// they usually are.
+// The environment of a command: an empty standard input, our standard error as its output (the
+// standard output may carry events), none of our sockets and files, and default signal handling.
 class Surroundings {
   public:
     Surroundings() {
@@ -54,7 +53,7 @@ class Surroundings {
     posix_spawnattr_t attributes_{};
 };
 
-// The strings as a program is given them; valid as long as they are.
+// Pointers to the strings, as a new program expects them. Valid as long as the strings.
 std::vector<char*> pointers(std::vector<std::string>& strings) {
     std::vector<char*> all;
     all.reserve(strings.size() + 1);
@@ -87,7 +86,7 @@ void EndCommand::ended(const Call& call, EndReason reason) {
                        "QUORVANE_CALL_KEY=" + key_text(call.call_key()),
                        std::string("QUORVANE_END_REASON=") + name_of(reason)};
     if (call.start().has_value()) {
-        // A zero byte would end the variable.
+        // A zero byte would cut the variable short.
         run.environment.push_back("QUORVANE_CALL_REFERENCE=" +
                                   std::string(call.start()->call_reference.c_str()));
     }

@@ -1,8 +1,8 @@
 // Runs the user's command after each call, with the call's files as arguments.
 //
-// The command is run without a shell, so nothing that a sender chooses is ever read as a
-// command. So many run at once; the calls after them wait for their turn, and beyond a bound
-// they go without. An output, and the last of them: the files of the call are complete then.
+// The command runs without a shell, so nothing that a sender chooses is interpreted as a command. A
+// limited number run at the same time; further calls wait for their turn, and beyond a limit they
+// get no command. An output, and the last of them, because the files of the call are complete then.
 // Belongs to one thread.
 #pragma once
 
@@ -27,10 +27,10 @@ class EndCommand : public CallListener {
         std::size_t most_waiting = 10'000;
     };
     struct Counts {
-        std::uint64_t failed = 0;   // Could not be started, or ended with another code than 0.
-        std::uint64_t skipped = 0;  // Calls without the command: too many waited.
+        std::uint64_t failed = 0;   // Could not be started, or returned a code other than 0.
+        std::uint64_t skipped = 0;  // Calls without the command, because too many were waiting.
     };
-    // Gets what went wrong with a command; called from poll() and finish().
+    // Receives what went wrong with a command. Called from poll() and finish().
     using Report = std::function<void(const std::string& what)>;
 
     EndCommand(const Options& options, Report report)
@@ -38,11 +38,10 @@ class EndCommand : public CallListener {
 
     void ended(const Call& call, EndReason reason) override;
 
-    // Takes note of commands that have ended and starts those that wait. To be called some
-    // times a second.
+    // Collects commands that have ended and starts those that wait. Call it several times a second.
     void poll();
-    // Waits until all have run, for so long at most; what runs then goes on by itself. Returns
-    // how many calls are left without the command.
+    // Waits until all commands have run, at most for `patience`. Commands that are still running
+    // then continue on their own. Returns how many calls got no command.
     std::size_t finish(std::chrono::milliseconds patience);
 
     const Counts& counts() const { return counts_; }
@@ -51,7 +50,7 @@ class EndCommand : public CallListener {
   private:
     struct Run {
         std::vector<std::string> arguments;
-        std::vector<std::string> environment;  // Beside the program's own.
+        std::vector<std::string> environment;  // In addition to the program's own.
         std::string call;                      // Its UUID.
     };
     struct Child {

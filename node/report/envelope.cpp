@@ -38,7 +38,7 @@ void Envelope::add_silence(std::uint64_t count) {
     }
 }
 
-// Samples that the last span can still take; begins a new span when it is full.
+// Returns how many samples the last span can still take. Starts a new span when it is full.
 std::uint64_t Envelope::room() {
     if (samples_ == spans_.size() * samples_per_span_) {
         if (spans_.size() == max_spans_) {

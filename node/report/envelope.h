@@ -1,6 +1,6 @@
-// The outline of a long signal in little memory: the lowest and highest sample, and the
-// power, of each of a limited number of equal spans. When the spans are used up, neighbours are
-// joined and each span is twice as long. Belongs to one thread.
+// The outline of a long signal in little memory: a limited number of equal spans, each with the
+// lowest and highest sample and the power. When all spans are used, neighbours are merged, and each
+// span is twice as long. Belongs to one thread.
 #pragma once
 
 #include <cstdint>
@@ -16,14 +16,14 @@ class Envelope {
         float squares;  // Sum over the samples.
     };
 
-    // At most `max_spans` spans, an even number.
+    // `max_spans` must be even.
     explicit Envelope(std::size_t max_spans) : max_spans_(max_spans) {}
 
     void add(const std::int16_t* samples, std::size_t count);
     void add_silence(std::uint64_t count);
 
     const std::vector<Span>& spans() const { return spans_; }
-    // Length of a span, the last one may be shorter.
+    // Samples per span. The last span may have fewer.
     std::uint64_t samples_per_span() const { return samples_per_span_; }
     std::uint64_t samples() const { return samples_; }
 

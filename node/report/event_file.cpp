@@ -14,7 +14,7 @@ namespace {
 
 bool ends_in_a_line(const std::string& path) {
     std::ifstream file(path, std::ios::binary | std::ios::ate);
-    // Empty files have no line; other kinds of files cannot be read backwards.
+    // Empty files have no lines. Files that are not regular files cannot be read backwards.
     return file && file.tellg() > 0 && file.seekg(-1, std::ios::end) && file.get() != '\n' && file;
 }
 
@@ -61,8 +61,8 @@ bool EventFile::is_at_path() const {
            status.st_ino == inode_;
 }
 
-// A file that was moved or removed must not swallow events that nobody finds: they go to the
-// path or nowhere.
+// If the file was moved or removed, events must not be written where nobody finds them: they go to
+// the path, or nowhere.
 bool EventFile::follow_path() {
     if (!owned_ || is_at_path()) {
         return true;

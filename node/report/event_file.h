@@ -1,8 +1,8 @@
-// Where events are written: a file that they are appended to, or the standard output.
+// The destination of events: a file that they are appended to, or the standard output.
 //
-// A file may end in the middle of a line, because the disk was full: what follows begins on
-// a new line. When the file is moved or removed, as by a rotation of logs, what follows goes to
-// a new file at its path. Belongs to one thread.
+// A file may end in the middle of a line, because the disk was full. New events then begin on a new
+// line. If the file is moved or removed, for example by log rotation, new events go to a new file
+// at its path. Belongs to one thread.
 #pragma once
 
 #include <sys/types.h>
@@ -20,20 +20,20 @@ class EventFile {
     EventFile(const EventFile&) = delete;
     EventFile& operator=(const EventFile&) = delete;
 
-    // Opens the file, or the standard output for "-". Returns why it cannot be used, or nothing.
+    // Opens the file, or the standard output for "-". Returns why it cannot be used, or an empty
+    // text.
     std::string open(const std::string& path);
 
-    // Opens the path again. Returns why it cannot be opened, or nothing. On failure the file
-    // that was open stays in use. Does nothing to the standard output.
+    // Opens the path again. Returns why this failed, or an empty text; after a failure the file
+    // that was open stays in use. Does nothing for the standard output.
     std::string reopen();
 
-    // Writes lines and returns how many of their bytes were written: fewer than `size` on
-    // failure.
+    // Writes lines. Returns how many bytes were written; fewer than `size` after a failure.
     std::size_t write(const char* lines, std::size_t size);
 
     // Why the latest write failed.
     const std::string& error() const { return error_; }
-    // How often a write found the file moved or removed and made a new one.
+    // How often a write found the file moved or removed, and created a new one.
     std::uint64_t replaced() const { return replaced_; }
 
   private:
@@ -44,8 +44,8 @@ class EventFile {
 
     std::string path_;
     int descriptor_ = -1;
-    bool owned_ = false;  // Not the standard output.
-    dev_t device_ = 0;    // These name the file that is open.
+    bool owned_ = false;  // False for the standard output.
+    dev_t device_ = 0;    // Together with the next, identifies the open file.
     ino_t inode_ = 0;
     std::uint64_t replaced_ = 0;
     bool in_line_ = false;  // The file ends in the middle of a line.

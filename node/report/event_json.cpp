@@ -73,22 +73,24 @@ Json start_json(const Call& call, const media::Packet& packet) {
     const StartFields& start = *call.start();
     const std::string report_node =
         address_text(packet.report_node_address, packet.report_node_port);
-    return packet_json(
-        packet, {{"outbound", packet.outbound()},
-                 {"report_node_given", packet.report_node_given()},
-                 {"rule_id_given", packet.rule_id_given()},
-                 {"created_time", packet.created_time},
-                 {"configured_time", packet.configured_time},
-                 {"configured_clock", packet.configured_clock},
-                 // As text: readers that keep numbers as floating point would change it.
-                 {"rule_id", std::to_string(packet.rule_id)},
-                 {"report_node", report_node},
-                 {"report_node_address", report_node.substr(0, report_node.find(':'))},
-                 {"report_node_port", packet.report_node_port},
-                 {"features", features_json(packet.features)},
-                 {"call_reference_length", start.call_reference.size() + 1},  // With its zero byte.
-                 {"call_reference", start.call_reference},
-                 {"late", call.started_late()}});
+    return packet_json(packet,
+                       {{"outbound", packet.outbound()},
+                        {"report_node_given", packet.report_node_given()},
+                        {"rule_id_given", packet.rule_id_given()},
+                        {"created_time", packet.created_time},
+                        {"configured_time", packet.configured_time},
+                        {"configured_clock", packet.configured_clock},
+                        // Written as text, because readers that store numbers as floating point
+                        // would change it.
+                        {"rule_id", std::to_string(packet.rule_id)},
+                        {"report_node", report_node},
+                        {"report_node_address", report_node.substr(0, report_node.find(':'))},
+                        {"report_node_port", packet.report_node_port},
+                        {"features", features_json(packet.features)},
+                        // Includes its zero byte.
+                        {"call_reference_length", start.call_reference.size() + 1},
+                        {"call_reference", start.call_reference},
+                        {"late", call.started_late()}});
 }
 
 Json activity_json(const Call& call, Side side, const Activity& activity) {
@@ -138,7 +140,7 @@ std::string event_text(const char* event, const Json& fields) {
     for (const auto& [name, value] : fields.items()) {
         line[name] = value;
     }
-    // Text of packets and names of files need not be valid UTF-8.
+    // Texts of packets and names of files may contain invalid UTF-8.
     return line.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 

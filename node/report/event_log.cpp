@@ -58,7 +58,7 @@ void EventLog::terminate_refused(const Call& call, const media::Packet& packet) 
     write("terminate_refused", call, packet_json(packet, Json::object()));
 }
 
-// The first one; further ones are counted until the end.
+// Only the first one is reported at once. The end of the call reports the number.
 void EventLog::foreign(const Call& call, const sockaddr_in& source) {
     if (call.foreign_packets() == 1) {
         write("foreign", call, {{"foreign_source", address_text(source)}});

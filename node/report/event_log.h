@@ -1,9 +1,9 @@
-// Writes what happens as JSON lines, one object a line, for programs. docs/node.md lists
-// the events and their fields; fields of packets have the names of docs/protocol.md.
+// Writes events as JSON lines, one object per line, for programs. docs/node.md lists the events and
+// their fields; fields of packets have the names of docs/protocol.md.
 //
-// While events cannot be written, as on a full disk, they wait and are tried again. When a
-// megabyte of them waits, further events are dropped and counted; an event of its own reports
-// the loss where they are missing. Belongs to one thread.
+// While events cannot be written, for example on a full disk, they wait and are retried. When a
+// megabyte of events waits, further events are dropped and counted; an event of its own reports the
+// loss where they are missing. Belongs to one thread.
 #pragma once
 
 #include <cstddef>
@@ -20,17 +20,17 @@ namespace qv::node {
 
 class EventLog : public CallListener {
   public:
-    // Writes lines and returns how many bytes were written: fewer than it got when writing
-    // fails. A line that was written in part comes again from its beginning.
+    // Writes lines and returns how many bytes were written; fewer than given if writing failed. A
+    // line that was written only in part is passed again from its beginning.
     using Sink = std::function<std::size_t(const char* lines, std::size_t size)>;
 
-    // With `every_packet` data packets are events, too.
+    // With `every_packet`, data packets are events, too.
     EventLog(Sink sink, bool every_packet) : sink_(std::move(sink)), every_packet_(every_packet) {}
 
     void listening(const std::string& address);
     // `source` is the sender, "a.b.c.d:port".
     void malformed(media::DecodeResult reason, std::size_t size, const std::string& source);
-    // Datagrams of senders that are not allowed, the latest of them from `source`.
+    // Datagrams of senders that are not allowed. `source` is the sender of the latest.
     void not_allowed(std::uint64_t packets, const sockaddr_in& source);
     void overflow(std::uint64_t packets);
     void left_behind(const LeftoverFile& file);
@@ -51,10 +51,10 @@ class EventLog : public CallListener {
     void file_failed(const Call& call, const FileReport& file) override;
     void ended(const Call& call, EndReason reason) override;
 
-    // Writes all events that wait; false while that fails. To be called some times a second.
+    // Writes all waiting events. Returns false while this fails. Call it several times a second.
     bool flush();
 
-    // Events that were dropped, and those that still wait to be written.
+    // Events that were dropped, and those that are still waiting.
     std::uint64_t dropped() const { return dropped_; }
     std::uint64_t waiting() const;
 
@@ -69,10 +69,10 @@ class EventLog : public CallListener {
 
     Sink sink_;
     bool every_packet_;
-    bool failing_ = false;  // The latest attempt to write.
+    bool failing_ = false;  // Whether the latest attempt to write failed.
     std::string waiting_;   // Whole lines.
     std::uint64_t dropped_ = 0;
-    std::uint64_t reported_ = 0;  // Dropped events that an event has reported.
+    std::uint64_t reported_ = 0;  // Dropped events that an event has reported already.
 };
 
 }  // namespace qv::node

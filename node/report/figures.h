@@ -1,4 +1,4 @@
-// The figures of the whole receiver, for the summary, the live view and the metrics. Plain
+// The figures of the whole media node, for the summary, the live view and the metrics. Plain
 // values.
 #pragma once
 
@@ -13,11 +13,11 @@
 
 namespace qv::node {
 
-// Reports to the report nodes of calls.
+// Figures about the reports to the report nodes of calls.
 struct ReportFigures {
     std::uint64_t sent = 0;
-    std::uint64_t failed = 0;          // That the system did not take.
-    std::uint64_t not_allowed = 0;     // To addresses outside the networks for reports.
+    std::uint64_t failed = 0;          // The system did not accept them.
+    std::uint64_t not_allowed = 0;     // Their addresses are outside the networks for reports.
     sockaddr_in latest_not_allowed{};  // The latest of these addresses.
 };
 
@@ -26,14 +26,14 @@ struct NodeFigures {
     std::array<std::uint64_t, media::DECODE_RESULT_COUNT> malformed{};  // By DecodeResult.
     std::uint64_t received = 0;                                         // Datagrams.
     std::uint64_t not_allowed = 0;     // Datagrams of senders that are not allowed.
-    sockaddr_in latest_not_allowed{};  // Where the latest of them came from.
+    sockaddr_in latest_not_allowed{};  // The sender of the latest one.
     std::uint64_t overflowed = 0;      // Datagrams that the system dropped.
-    std::size_t calls = 0;             // Now.
+    std::size_t calls = 0;             // Present calls.
     std::size_t open_files = 0;
     int receive_buffer = 0;               // Bytes.
-    std::uint64_t calls_not_written = 0;  // Because of --max-files.
+    std::uint64_t calls_not_written = 0;  // Calls without files because of --max-files.
     ReportFigures reports;
-    std::string address;  // That the receiver listens on.
+    std::string address;  // The address that the node listens on.
     Micros uptime{0};
 
     std::uint64_t all_malformed() const {

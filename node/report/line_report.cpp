@@ -12,10 +12,10 @@ namespace qv::node {
 
 namespace {
 
-// Further gaps of a side are only counted at the end of its call.
+// After this many gaps of a side, gaps are only counted until the end of the call.
 constexpr std::uint64_t GAP_LINES_PER_SIDE = 10;
 
-// `what`, and `text` in the column at `width`.
+// Returns `what`, and `text` in the column at `width`.
 std::string in_columns(std::string what, std::size_t width, const std::string& text) {
     if (!text.empty()) {
         what.resize(std::max(what.size(), width), ' ');
@@ -141,7 +141,7 @@ void LineReport::terminate_refused(const Call& call, const media::Packet& /*pack
     line(call, "terminate", "not believed: sent far ahead of the call's other packets");
 }
 
-// The first one; further ones are counted until the end.
+// Only the first one is reported at once. The end of the call reports the number.
 void LineReport::foreign(const Call& call, const sockaddr_in& source) {
     if (call.foreign_packets() == 1) {
         line(call, "foreign",

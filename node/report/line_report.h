@@ -11,7 +11,7 @@ namespace qv::node {
 
 class LineReport : public CallListener {
   public:
-    // `out` must outlive the report; flush() shows the lines.
+    // `out` must outlive the report. flush() makes the lines visible.
     explicit LineReport(std::ostream& out) : out_(out) {}
 
     void started(const Call& call, const media::Packet& packet) override;
@@ -26,11 +26,11 @@ class LineReport : public CallListener {
     void file_failed(const Call& call, const FileReport& file) override;
     void ended(const Call& call, EndReason reason) override;
 
-    // A line that concerns no call.
+    // Writes a line that concerns no call.
     void say(const std::string& what, const std::string& text);
 
-    // From now on keeps the lines of say(), the first hundred, until release() shows them:
-    // while a live view has the screen.
+    // From now on, the first hundred lines of say() are kept until release() writes them: the live
+    // view owns the screen meanwhile.
     void hold() { holding_ = true; }
     void release();
 

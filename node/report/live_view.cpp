@@ -25,10 +25,10 @@ std::string right(const std::string& text, std::size_t width) {
     return std::string(width - std::min(width, tools::columns_of(text)), ' ') + text;
 }
 
-// What of a call fits beside each other.
+// The columns of a call that fit the width of the screen.
 struct Columns {
     std::size_t uuid = 8;   // The first group of its digits.
-    std::size_t cells = 7;  // Of a meter.
+    std::size_t cells = 7;  // Of a level meter.
     bool packets = false;
     bool source = false;
     bool reference = false;
@@ -97,7 +97,7 @@ std::string row(const Call& call, const std::array<double, SIDE_COUNT>& levels, 
                : text;
 }
 
-// What fits of the lines; the rest of each line on the screen is cleared.
+// Returns the lines that fit the screen. The rest of each screen line is cleared.
 std::string joined(const std::vector<std::string>& lines, ScreenSize size) {
     std::string text;
     for (std::size_t i = 0; i < lines.size() && i < size.rows; ++i) {

@@ -1,7 +1,7 @@
-// The receiver as one screen of a terminal: its calls with age, features, a level meter per
-// side and loss, and the totals. A wide screen also shows the whole UUID, packets and the
-// call's reference. An output. It makes text only; the owner of the terminal shows it.
-// Belongs to one thread.
+// Shows the media node on one screen of a terminal: each call with age, features, a level meter per
+// side and loss, and the totals. A wide screen also shows the whole UUID, the packets and the call
+// reference. An output. It only composes text; the owner of the terminal displays it. Belongs to
+// one thread.
 #pragma once
 
 #include <array>
@@ -27,7 +27,7 @@ class LiveView : public CallListener {
   public:
     std::unique_ptr<CallListener> begin_call(Call& call) override;
 
-    // One frame: lines that fit the screen, each closed by "\r\n" but the last one. The
+    // Returns a frame: lines that fit the screen, each except the last one followed by "\r\n". The
     // levels are those since the last frame.
     std::string frame(const NodeFigures& figures, Micros now, ScreenSize size);
 
@@ -37,17 +37,17 @@ class LiveView : public CallListener {
     std::vector<LiveCall*> oldest_first() const;
     std::vector<std::string> head(const NodeFigures& figures, Micros now);
 
-    std::unordered_set<LiveCall*> calls_;  // Each takes itself out when its call is over.
+    std::unordered_set<LiveCall*> calls_;  // Each removes itself when its call has ended.
     std::string last_file_error_;
     std::uint64_t last_received_ = 0;
     Micros last_time_{0};
 };
 
-// "AdR": A, D, R for audio activity, detection, recording where active, small letters
-// where supported only, '-' where neither.
+// For example "AdR". A, D and R stand for audio activity, detection and recording: a capital if
+// active, a small letter if only supported, '-' if neither.
 std::string feature_letters(media::features16_t features, Side side);
 
-// A bar of `cells` cells: none filled at -60 dB, all at 0 dB.
+// Returns a bar of `cells` cells: none is filled at -60 dB, all at 0 dB.
 std::string level_meter(double level_db, std::size_t cells);
 
 }  // namespace qv::node

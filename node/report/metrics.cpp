@@ -156,7 +156,7 @@ class Metrics::Impl {
     std::array<Counter*, 4> packets{};
     std::array<Counter*, REPORT_RESULTS.size()> reports{};
     std::array<Counter*, DROP_COUNT> dropped{};
-    std::array<Counter*, media::DECODE_RESULT_COUNT> malformed{};  // The first is unused.
+    std::array<Counter*, media::DECODE_RESULT_COUNT> malformed{};  // The first one is unused.
 };
 
 Metrics::Metrics(const sockaddr_in& address) : impl_(std::make_unique<Impl>(address)) {}

@@ -1,8 +1,8 @@
-// The receiver's counters for Prometheus, served as text over HTTP, and beside them the usual
+// The counters of the media node for Prometheus, served as text over HTTP, together with the usual
 // figures of a process.
 //
-// The server answers on threads of its own; update() belongs to the event loop's thread
-// and only sets atomic values.
+// The server answers on threads of its own. update() belongs to the event loop's thread and only
+// sets atomic values.
 #pragma once
 
 #include <netinet/in.h>
@@ -17,7 +17,7 @@ namespace qv::node {
 
 class Metrics {
   public:
-    // Throws std::exception when the address cannot be used; port 0 takes a free one.
+    // Throws std::exception if the address cannot be used. Port 0 selects a free port.
     explicit Metrics(const sockaddr_in& address);
     ~Metrics();
 

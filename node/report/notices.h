@@ -1,5 +1,5 @@
-// What happens to the receiver beside its calls, in lines and as events: that it listens,
-// datagrams that are no packets, packets that were lost or are too many. Belongs to one thread.
+// Reports what concerns no single call, as lines and as events: that the node listens, malformed
+// datagrams, lost packets, calls beyond the limit. Belongs to one thread.
 #pragma once
 
 #include <cstdint>
@@ -17,24 +17,24 @@ namespace qv::node {
 
 class Notices {
   public:
-    // Both must outlive this object; `events` is null when none are written. With `quiet_lines`
-    // only what the user must know becomes lines: while a live view shows the rest.
+    // Both must outlive this object. `events` is null if no events are written. With `quiet_lines`,
+    // only what the user must know is written as lines, because the live view shows the rest.
     Notices(LineReport& lines, EventLog* events, bool quiet_lines)
         : lines_(lines), events_(events), quiet_lines_(quiet_lines) {}
 
     void listening(const std::string& address);
-    // Files that a run that was killed has left, and that have been repaired.
+    // Files that a killed run left behind and that have been repaired.
     void left_behind(const std::vector<LeftoverFile>& files);
-    // The `count`th datagram that is malformed for that reason; the first few are reported.
+    // The `count`th datagram that is malformed for that reason. Only the first few are reported.
     void malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count);
-    // Datagrams that the system dropped since the beginning; reports what is new.
+    // The number of datagrams that the system has dropped so far. Reports the increase.
     void overflowed(std::uint64_t total);
-    // Datagrams of senders that are not allowed since the beginning, the latest of them from
-    // `source`; reports what is new.
+    // The number of datagrams so far from senders that are not allowed; `source` is the sender of
+    // the latest. Reports the increase.
     void not_allowed(std::uint64_t total, const sockaddr_in& source);
-    // Reports to addresses that are not allowed since the beginning; reports what is new.
+    // The number of reports so far to addresses that are not allowed. Reports the increase.
     void reports_not_allowed(const ReportFigures& figures);
-    // Packets of calls beyond the limit since the beginning; reports what is new.
+    // The number of packets so far of calls beyond the limit. Reports the increase.
     void too_many_calls(std::uint64_t total);
 
   private:

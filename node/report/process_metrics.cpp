@@ -18,7 +18,7 @@ namespace {
 using prometheus::MetricFamily;
 using prometheus::MetricType;
 
-// Of /proc/self/stat, counted from the field behind the program's name.
+// Fields of /proc/self/stat, counted from the field after the program's name.
 constexpr std::size_t THREADS = 17;
 constexpr std::size_t START_TIME = 19;
 constexpr std::size_t VIRTUAL_BYTES = 20;
@@ -40,11 +40,11 @@ std::string text_of(const char* path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// The numbers behind the name of the program, which may hold blanks and brackets.
+// Returns the numbers after the program's name, which may contain blanks and brackets.
 std::vector<double> stat_fields() {
     const std::string text = text_of("/proc/self/stat");
     const std::size_t name_end = text.rfind(')');
-    // The state, one letter, is the first field behind it.
+    // The first field is the state, a letter.
     if (name_end == std::string::npos || name_end + 3 > text.size()) {
         return {};
     }
@@ -54,7 +54,7 @@ std::vector<double> stat_fields() {
     return fields;
 }
 
-// When the system was started, in seconds since 1970; 0 when it does not say.
+// Returns when the system was started, in seconds since 1970. 0 if it does not say.
 double boot_time() {
     std::ifstream file("/proc/stat");
     for (std::string word; file >> word;) {
@@ -95,7 +95,7 @@ void add_open_files(std::vector<MetricFamily>& families) {
     std::error_code error;
     std::filesystem::directory_iterator entries("/proc/self/fd", error);
     if (!error) {
-        // The folder itself is open while it is read.
+        // Does not count the descriptor of the folder that is being read.
         add(families, "open_fds", "Open file descriptors",
             static_cast<double>(std::distance(begin(entries), end(entries)) - 1));
     }

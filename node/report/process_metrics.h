@@ -1,6 +1,6 @@
-// The usual figures of a process for Prometheus, under their usual names: CPU time, memory,
-// open files, start. Read from the system each time that somebody asks, on the thread of the
-// server. Keeps no state that changes.
+// The usual figures of a process for Prometheus, under their usual names: CPU time, memory, open
+// files, start time. They are read from the system for each request, on the thread of the server.
+// No state that changes.
 #pragma once
 
 #include <prometheus/collectable.h>
@@ -12,7 +12,8 @@ namespace qv::node {
 
 class ProcessMetrics : public prometheus::Collectable {
   public:
-    // Figures that the system does not tell, as when no file can be opened, are left out.
+    // Figures that the system does not provide, for example when no file can be opened, are left
+    // out.
     std::vector<prometheus::MetricFamily> Collect() const override;
 };
 

@@ -39,12 +39,12 @@ sockaddr_in report_node_of(const media::Packet& packet) {
     return address;
 }
 
-// Without the quotation marks.
+// The quotation marks are not counted.
 std::size_t json_size(std::string_view text) {
     return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace).size() - 2;
 }
 
-// The beginning of the text, whole characters, that takes at most `room` bytes in JSON.
+// Returns the beginning of the text, in whole characters, that takes at most `room` bytes in JSON.
 std::string beginning_of(std::string_view text, std::size_t room) {
     std::size_t size = 0;
     while (size < text.size()) {
@@ -89,7 +89,7 @@ std::string report_text(const char* event, Json fields) {
     return text;
 }
 
-// Reports nothing before the start packet has named a report node.
+// Sends nothing before the start packet has named a report node.
 class ReportSender::ReportedCall : public CallListener {
   public:
     explicit ReportedCall(ReportSender& sender) : sender_(sender) {}

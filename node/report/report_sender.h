@@ -1,10 +1,9 @@
-// Sends what happens in a call to the report node that its start packet names: each start,
-// activity, sample and end event as one datagram with one JSON object, as docs/node.md lists
-// them.
+// Sends the events of a call to the report node that its start packet names: each start, activity,
+// sample and end event as one datagram with one JSON object, as listed in docs/node.md.
 //
-// A start packet can name any address, so reports go to the given networks only. They are sent
-// without waiting: what the system does not take at once is lost, and counted. An output. Belongs
-// to one thread.
+// A start packet can name any address, so reports are sent only to the given networks. Sending
+// never waits: a report that the system does not accept at once is lost and counted. An output.
+// Belongs to one thread.
 #pragma once
 
 #include <netinet/in.h>
@@ -26,7 +25,7 @@ class ReportSender : public CallListener {
   public:
     static constexpr std::size_t LONGEST = 1200;  // Bytes of a datagram.
 
-    // Throws std::system_error where no socket can be had.
+    // Throws std::system_error if no socket can be created.
     explicit ReportSender(std::vector<tools::Network> networks);
     ~ReportSender() override;
     ReportSender(const ReportSender&) = delete;
@@ -47,9 +46,9 @@ class ReportSender : public CallListener {
     ReportFigures figures_;
 };
 
-// The event as text of at most ReportSender::LONGEST bytes. If it would be longer, it loses the
-// fields "files" and "sides" and the ends of "call_reference" and "sample", in this order, as
-// far as need be. The field "shortened" lists those that were left out or cut.
+// Returns the event as text of at most ReportSender::LONGEST bytes. If it is too long, the fields
+// "files" and "sides" are left out and "call_reference" and "sample" are cut, in this order, as far
+// as necessary. The field "shortened" lists the fields that were left out or cut.
 std::string report_text(const char* event, nlohmann::json fields);
 
 }  // namespace qv::node

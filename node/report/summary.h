@@ -1,5 +1,5 @@
-// The lines at the end of a run: calls, packets, and what was lost and why. No state; any
-// thread may call.
+// The lines at the end of a run: calls, packets, losses and their reasons. No state; any thread may
+// call it.
 #pragma once
 
 #include <string>

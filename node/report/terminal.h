@@ -1,5 +1,5 @@
-// The terminal on the standard output, while the live view has it: its alternate screen, which
-// leaves what was there before untouched. Belongs to one thread.
+// The terminal on the standard output while the live view owns it. Uses the alternate screen, so
+// that the previous contents remain. Belongs to one thread.
 #pragma once
 
 #include <ostream>
@@ -16,7 +16,7 @@ class Terminal {
 
     // Whether the standard output is a terminal.
     static bool present();
-    // Of the terminal; the usual size where it does not say.
+    // The size of the terminal; the usual size if the terminal does not report one.
     static ScreenSize size();
 
     void enter();

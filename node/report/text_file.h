@@ -1,11 +1,11 @@
-// Small files that are written at once.
+// Writes a small file in one go.
 #pragma once
 
 #include <string>
 
 namespace qv::node {
 
-// Writes all of the text or leaves no file behind; returns why it could not, or nothing.
+// Writes the whole text, or leaves no file behind. Returns why this failed, or an empty text.
 std::string write_text_file(const std::string& path, const std::string& text);
 
 }  // namespace qv::node
