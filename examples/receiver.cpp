@@ -1,12 +1,12 @@
-// A media node to start from: decodes the packets, follows both sides of every
-// call and hands their samples to on_audio(), which is yours to write.
+// A media node to start from: decodes the packets, follows both sides of each call and
+// passes their samples to on_audio(). Put your own code there.
 //
 //   g++ -std=c++17 -O2 -Iinclude examples/receiver.cpp -o receiver
 //   ./receiver 127.0.0.1 5090
 //
-// Prints a line for each event; ends on SIGINT or SIGTERM. A call ends a second
-// after its terminate packet, for data may overtake that, or after a minute without
-// packets. docs/protocol.md describes the packets and the rules.
+// Prints a line for each event and ends on SIGINT or SIGTERM. A call ends one second after its
+// terminate packet, because data may arrive after it, or after one minute without packets.
+// docs/protocol.md describes the packets and the rules.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -31,7 +31,7 @@ using qv::media::PacketType;
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds LATE_TIME{1};   // A call stays so long after its terminate packet,
+constexpr std::chrono::seconds LATE_TIME{1};  // How long to keep a call after its terminate packet,
 constexpr std::chrono::seconds IDLE_TIME{60};  // and without packets.
 constexpr std::chrono::milliseconds LOOK_AROUND{200};
 
@@ -71,7 +71,7 @@ std::string uuid_text(const unsigned char* uuid) {
     return text;
 }
 
-// What came from the network, fit for a terminal.
+// Text from the network without the characters that control a terminal.
 std::string printable(std::string text) {
     for (char& c : text) {
         c = std::iscntrl(static_cast<unsigned char>(c)) != 0 ? '?' : c;
@@ -83,8 +83,8 @@ const char* side_name(const Packet& packet) {
     return packet.terminator_side() ? "terminator" : "originator";
 }
 
-// The place for your own code: the samples of a packet, which belong
-// `packet.sample_offset` samples after the beginning of this side.
+// Put your own code here. The samples of the packet begin `packet.sample_offset` samples after
+// the beginning of this side.
 void on_audio(const Packet& packet, Side& side) {
     for (std::size_t i = 0; i < packet.sample_count; ++i) {
         const auto sample = static_cast<std::int16_t>(qv::media::get_u16(packet.audio + 2 * i));
@@ -94,12 +94,12 @@ void on_audio(const Packet& packet, Side& side) {
 
 void take_data(const std::string& uuid, Call& call, const Packet& packet) {
     Side& side = call.sides[packet.terminator_side() ? 1 : 0];
-    if (!side.begun && packet.sequence_number > 1000) {  // The call is joined in its middle.
+    if (!side.begun && packet.sequence_number > 1000) {  // The receiver joins a running call.
         side.next_sequence_number = packet.sequence_number;
         side.next_sample_offset = packet.sample_offset;
     }
     side.begun = true;
-    // As signed numbers the differences need no special case where the counters wrap.
+    // Signed differences need no special case for counters that wrap.
     const auto ahead =
         static_cast<std::int32_t>(packet.sequence_number - side.next_sequence_number);
     if (ahead < 0) {
@@ -159,7 +159,7 @@ void take_start(const std::string& uuid, Call& call, const Packet& packet) {
 void take_packet(const Packet& packet) {
     const std::string uuid = uuid_text(packet.call_uuid);
     if (packet.type == PacketType::TERMINATE && calls.count(uuid) == 0) {
-        return;  // A copy, behind the end of its call.
+        return;  // A copy that arrives after the end of its call.
     }
     Call& call = calls[uuid];
     switch (packet.type) {
@@ -208,7 +208,7 @@ int listen_on(const char* address, const char* port) {
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     const int buffer = 4 << 20;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof(buffer));
-    // A signal or the end of a call is noticed no later than that.
+    // The longest time until a signal or the end of a call is noticed.
     const timeval patience{0, std::chrono::microseconds(LOOK_AROUND).count()};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) {

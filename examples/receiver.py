@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""A media node to start from: one WAV file per side of each call, one JSON line per event.
+"""A media node to start from: a WAV file per side of each call, a JSON line per event.
 
-Needs Python 3.10 and nothing else; docs/protocol.md describes the packets and the rules. Events
-have the names and fields of quorvane-node's; only `dropped`, a data packet that is not used, is its
-own. A call is held in memory until it ends; quorvane-node is the receiver to leave running.
+Needs only Python 3.10. docs/protocol.md describes the packets and the rules. The events have the
+names and fields of quorvane-node's; only `dropped`, for a data packet that is not used, is new.
+Each call is held in memory until it ends; for permanent use there is quorvane-node.
 """
 import argparse, datetime, json, pathlib, select, signal, socket, struct, sys, time, uuid, wave
 
@@ -13,21 +13,21 @@ BODIES = {"start": ("<QQqQ4s2s2sH", "created_time configured_time configured_clo
                     "report_node_address report_node_port features call_reference_length"),
           "data": ("<IIH", "sequence_number sample_offset sample_count"),
           "control": ("<2s", "features"), "terminate": ("<", "")}
-FORMS = {  # How a field is shown, where it is not a plain number.
+FORMS = {  # How to show a field that is not a plain number.
     "packet_type": TYPES.get, "call_key": "0x{:016x}".format, "rule_id": str,
     "call_uuid": lambda raw: str(uuid.UUID(bytes=raw)), "report_node_address": socket.inet_ntoa,
     "report_node_port": lambda raw: int.from_bytes(raw, "big"),
     "features": lambda raw: {"supported": raw[0], "active": raw[1]}}
 SIDES = ("originator", "terminator")
-LATE_TIME, IDLE_TIME = 1, 60  # Seconds that a call stays after its end, without packets.
-LONGEST_GAP = 4800000  # Samples; an offset further ahead is not to be believed.
+LATE_TIME, IDLE_TIME = 1, 60  # Seconds that a call is kept: after its end, without packets.
+LONGEST_GAP = 4800000  # Samples; an offset further ahead is implausible.
 
 def refuse_if(is_bad, reason):
     if is_bad:
         raise ValueError(reason)
 
 def take(packet, layout, datagram):
-    """Takes the fields of a layout into the packet; returns the bytes behind them."""
+    """Reads the fields of a layout into the packet; returns the bytes after them."""
     size = struct.calcsize(layout[0])
     refuse_if(len(datagram) < size, "too short for its packet type")
     for name, value in zip(layout[1].split(), struct.unpack_from(layout[0], datagram)):
@@ -35,7 +35,7 @@ def take(packet, layout, datagram):
     return datagram[size:]
 
 def decode(datagram):
-    """The fields of a packet under the names of docs/protocol.md; the audio stays bytes."""
+    """Returns the fields of a packet, named as in docs/protocol.md, and the audio as bytes."""
     packet = {}
     rest = take(packet, HEADER, datagram)
     refuse_if(packet["magic"] != 0x00FF00FF, "bad magic")
@@ -58,16 +58,16 @@ def difference(a, b):
     return (a - b + 2**31) % 2**32 - 2**31
 
 class Side:
-    """The audio of one side of a call; every packet is put at its place."""
+    """The audio of one side of a call; each packet is put at its place."""
     def __init__(self, packet):
         self.leg = packet["leg_word"] >> 15
         self.audio, self.packets, self.missing = bytearray(), 0, set()
-        self.number, self.offset = 1, 0  # Those of the packet to come next.
-        if packet["sequence_number"] > 1000:  # The call is joined in its middle.
+        self.number, self.offset = 1, 0  # Those of the next packet.
+        if packet["sequence_number"] > 1000:  # The receiver joins a running call.
             self.number, self.offset = packet["sequence_number"], packet["sample_offset"]
 
     def add(self, packet, audio):
-        """Takes a packet; returns the event of a gap before it or of its refusal, or None."""
+        """Adds a packet; returns the event for a gap before it or for its refusal, or None."""
         number = packet["sequence_number"]
         ahead = difference(number, self.number)
         gap = difference(packet["sample_offset"], self.offset)
@@ -102,13 +102,13 @@ class Call:
     def __init__(self, packet):
         self.names = {name: packet[name] for name in ("call_key", "call_uuid")}
         self.clock, self.controls, self.sides = None, 0, {}
-        self.reason, self.stays = "timed_out", IDLE_TIME  # How it ends if nothing comes any more.
+        self.reason, self.stays = "timed_out", IDLE_TIME  # The end if no further packet comes.
 
     def tell(self, event, **more):
         tell(event, **self.names, **more)
 
     def paths(self, folder):
-        """The sides with their files; a further tap on the same call gets a number in them."""
+        """The sides and their files; the files of a second tap on a call have a number."""
         number = 1
         while True:
             stem = self.names["call_uuid"] + (f"-{number}" if number > 1 else "")
@@ -124,7 +124,7 @@ class Call:
             files.append({"path": str(path), "error": ""})
             try:
                 side.write(path, rate)
-            except (OSError, struct.error) as error:  # The latter: too long for a WAV file.
+            except (OSError, struct.error) as error:  # struct.error: too long for a WAV file.
                 files[-1]["error"] = getattr(error, "strerror", None) or str(error)
                 self.tell("file_error", **files[-1])
         return files
@@ -169,10 +169,10 @@ def address_and_port(text):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--listen", default="127.0.0.1:5090", type=address_and_port,
-                        metavar="ADDRESS:PORT")
+                        metavar="ADDRESS:PORT", help="UDP address to receive on (%(default)s)")
     parser.add_argument("--output", default=".", type=pathlib.Path, help="folder of the WAV files")
-    parser.add_argument("--rate", default=8000, type=int, help="samples a second of the calls")
-    parser.add_argument("--calls", default=-1, type=int, help="end after so many calls")
+    parser.add_argument("--rate", default=8000, type=int, help="sample rate (%(default)s)")
+    parser.add_argument("--calls", default=-1, type=int, help="end after this number of calls")
     options = parser.parse_args()
     try:
         options.output.mkdir(parents=True, exist_ok=True)

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Sends a call to a media node without a switch: two tones, one a side, in real time.
+"""Sends a call to a media node without a switch: two tones, one per side, in real time.
 
-Needs Python 3 and nothing else; docs/protocol.md describes the packets.
+Needs only Python 3. docs/protocol.md describes the packets.
 """
 
 import argparse
@@ -15,7 +15,7 @@ import uuid
 START, TERMINATE, DATA, CONTROL = 0x81, 0x82, 0x83, 0x84
 READ_ORIGINATOR, WRITE_TERMINATOR = 0x0000, 0x8001  # An inbound call.
 RULE_ID_GIVEN, CONTROL_LEG_WORD = 0x8000, 0x0080
-RATE, FRAME = 8000, 160  # Samples a second, samples in a frame of 20 ms.
+RATE, FRAME = 8000, 160  # Samples per second, samples per frame of 20 ms.
 
 
 def call_key(data):
@@ -65,10 +65,11 @@ def address_and_port(text):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--to", default="127.0.0.1:5090", type=address_and_port,
-                        metavar="ADDRESS:PORT")
-    parser.add_argument("--seconds", default=2.0, type=float)
+                        metavar="ADDRESS:PORT", help="media node to send to (%(default)s)")
+    parser.add_argument("--seconds", default=2.0, type=float,
+                        help="length of the call (%(default)s)")
     parser.add_argument("--lose", default=[], type=int, nargs="*", metavar="N",
-                        help="sequence numbers of the read leg that are not sent")
+                        help="leave out these sequence numbers of the read leg")
     options = parser.parse_args()
     try:
         print(send_call(options))
