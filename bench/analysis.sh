@@ -1,14 +1,17 @@
 #!/usr/bin/env bash
-# Measures what the media node hears, on recordings of Debian's packages: hundreds of prompts
-# in English, Spanish, Italian, French and Russian, and music on hold. The detectors were
-# tuned on English ones, between Russian speech; the other languages show what is left of it.
+# Measures the detectors of the media node with recordings from Debian packages: hundreds of
+# prompts in English, Spanish, Italian, French and Russian, and music on hold. The detectors were
+# tuned with English prompts between Russian speech; the other languages show how well the result
+# carries over.
 #
 #   bench/analysis.sh [--build FOLDER] [--cache FOLDER] [--hours N] [PART...]
 #
-# PART is samples, tones, false, activity or cost; all of them without one. The packages (110
-# MB) are downloaded and unpacked once, into --cache, build/sounds by default, and used from
-# there. Without --build it builds what it needs in build/analysis. False detections are
-# looked for in --hours of other speech and music, 10 by default.
+#   --build FOLDER   a build to use; without it, builds what it needs in build/analysis
+#   --cache FOLDER   where the packages (110 MB) are downloaded to and unpacked once
+#                    (build/sounds)
+#   --hours N        length of the other speech and music in which false detections are
+#                    counted (10)
+#   PART             samples, tones, false, activity or cost (all)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -18,7 +21,7 @@ while [[ ${1:-} == --* ]]; do
         --build) build=$2 ;;
         --cache) cache=$2 ;;
         --hours) hours=$2 ;;
-        --help) sed -n '2,/^set/s/^# \{0,1\}//p' "bench/${BASH_SOURCE[0]##*/}" | sed '$d'; exit 0 ;;
+        --help) sed -n '2,/^set/s/^# \{0,1\}//p' "bench/${BASH_SOURCE[0]##*/}"; exit 0 ;;
         *) echo "analysis: unknown option $1" >&2; exit 2 ;;
     esac
     shift 2

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Shows what the receiver takes on one core: node_load offers CALLS calls (100 packets a
-# second each) for SECONDS, the receiver runs on one core, the sender on another. All
-# that the socket delivered must be in the files; what the socket itself threw away is
-# told apart and fails the run.
+# Measures how much the receiver can take on one core. The program node_load sends calls, each
+# with 100 packets per second, from another core. Everything that the socket delivered must be in
+# the files. Packets that the socket itself dropped are reported separately and fail the run.
 #
 #   bench/node_load.sh [--build FOLDER] [--output FOLDER] [CALLS [SECONDS]]
 #
-# 3,000 calls and 10 seconds by default, which are 960 MB of audio: a folder in memory
-# (/dev/shm/...) leaves the disk out of it. Without --build it builds what it needs in
-# build/load.
+#   --build FOLDER    a build to use; without it, builds what it needs in build/load
+#   --output FOLDER   folder of the WAV files; one in memory (/dev/shm/...) avoids the disk
+#   CALLS, SECONDS    number of calls (3000) and length of the run (10), which make 960 MB of
+#                     audio
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

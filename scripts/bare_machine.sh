@@ -26,7 +26,7 @@ SUITE=bookworm
 cache=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/quorvane/bare
 
 say() { echo "bare_machine: $*"; }
-usage() { sed -n '2,/^set/s/^# \{0,1\}//p' "$0" | sed '$d'; }
+usage() { sed -n '2,/^set/s/^# \{0,1\}//p' "$0"; }
 fail() { say "$*" >&2; exit 2; }
 cannot() { say "cannot make a bare system: $*" >&2; exit 77; }
 

@@ -1,11 +1,17 @@
 #!/usr/bin/env bash
 # Demonstrates one spoken call through the real module. Installs missing packages, builds,
-# synthesizes the speech of a caller and an agent, taps their call, and checks that the media
-# node's files are bit for bit what was spoken.
+# synthesizes the speech of a caller and an agent, taps their call, and checks that the files of
+# the media node are bit for bit what was spoken.
 #
 #   scripts/demo.sh            keeps its files in build/demo
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+case ${1:-} in
+    "") ;;
+    --help) sed -n '2,/^set/s/^# \{0,1\}//p' "scripts/${BASH_SOURCE[0]##*/}"; exit 0 ;;
+    *) echo "demo: unknown argument '$1'; see --help" >&2; exit 2 ;;
+esac
 
 folder=build/demo
 node_pid=

@@ -3,7 +3,11 @@
 # directions with frames of 20 ms, to quorvane-node on loopback. Prints a table with a row for
 # each number of calls.
 #
-#   scripts/scale.sh [--build FOLDER] [--seconds N] [CALLS...]     (1000 2000 4000; 30 s each)
+#   scripts/scale.sh [--build FOLDER] [--seconds N] [CALLS...]
+#
+#   --build FOLDER    folder of the two programs (build)
+#   --seconds N       length of each call (30)
+#   CALLS             numbers of calls, one run each (1000 2000 4000)
 #
 # Run it on an otherwise idle machine, because other programs delay frames.
 set -euo pipefail
@@ -15,7 +19,7 @@ refuse() { echo "scale: $*" >&2; usage >&2; exit 2; }
 build=build seconds=30
 while [[ ${1:-} == --* ]]; do
     case $1 in
-        --help) usage; exit 0 ;;
+        --help) sed -n '2,/^set/s/^# \{0,1\}//p' "scripts/${BASH_SOURCE[0]##*/}"; exit 0 ;;
         --build) build=${2:?--build wants a folder} ;;
         --seconds) seconds=${2:?--seconds wants a number} ;;
         *) refuse "unknown option '$1'" ;;

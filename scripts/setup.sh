@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the missing ones of the Debian packages that the project is built and tested with.
-# Installs as root or with sudo; if neither is possible, prints their names and stops.
+# Installs the Debian packages that are needed to build and test the project and are missing.
+# Installs as root or with sudo. If neither is possible, prints their names and stops.
 #
 #   scripts/setup.sh            all packages of scripts/packages.txt
 #   scripts/setup.sh build      without those marked [test], which only the tests need
@@ -9,6 +9,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 wanted=${1:-all}
 case $wanted in
+    --help) sed -n '2,/^set/s/^# \{0,1\}//p' "scripts/${BASH_SOURCE[0]##*/}"; exit 0 ;;
     all) lines=$(cat scripts/packages.txt) ;;
     build) lines=$(grep -v '\[test\]' scripts/packages.txt) ;;
     *) echo "setup: unknown set of packages '$wanted': all or build" >&2; exit 2 ;;

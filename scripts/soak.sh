@@ -5,19 +5,23 @@
 # without an end; gaps in the audio. Growth can be judged after 9 minutes or more, because a
 # process that has just started grows until its number of simultaneous calls has peaked.
 #
-#   scripts/soak.sh MINUTES [CALLS_A_SECOND]      default: 3 calls a second
-#   scripts/soak.sh MINUTES real                  in an installed FreeSWITCH instead
+#   scripts/soak.sh MINUTES [CALLS]      CALLS begin each second (3)
+#   scripts/soak.sh MINUTES real         in an installed FreeSWITCH instead
 #
 # Exits with 1 if something grows, is missing or is left over, and with 3 if the calls are
-# complete, but the run was too short to judge growth. Figures and samples are kept in
+# complete but the run was too short to judge growth. Figures and samples are kept in
 # build/soak, or in build/soak-real.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
+if [ "${1:-}" = --help ]; then
+    sed -n '2,/^set/s/^# \{0,1\}//p' "scripts/${BASH_SOURCE[0]##*/}"
+    exit 0
+fi
 minutes=${1:-}
 rate=${2:-3}
 [[ $minutes =~ ^[0-9]+$ && $minutes -gt 0 && $rate =~ ^([1-9][0-9]*|real)$ ]] ||
-    { echo "usage: soak.sh MINUTES [CALLS_A_SECOND|real]" >&2; exit 2; }
+    { echo "usage: scripts/soak.sh MINUTES [CALLS|real]" >&2; exit 2; }
 
 folder=build/soak
 pids=()

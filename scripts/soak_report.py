@@ -166,12 +166,15 @@ def judge(samples, events, calls, bounds):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("folder", type=pathlib.Path)
-    parser.add_argument("calls", type=int)
+    parser.add_argument("folder", type=pathlib.Path, help="folder of the samples and events")
+    parser.add_argument("calls", type=int, help="number of calls that were placed")
     memory = parser.add_mutually_exclusive_group(required=True)
-    memory.add_argument("--bytes-a-call", type=int)
-    memory.add_argument("--wavers-by", type=int, metavar="KIB")
-    parser.add_argument("--registry", type=int, metavar="CALLS", required=True)
+    memory.add_argument("--bytes-a-call", type=int, metavar="BYTES",
+                        help="growth of resident memory allowed per call that ended")
+    memory.add_argument("--wavers-by", type=int, metavar="KIB",
+                        help="growth of resident memory allowed in all")
+    parser.add_argument("--registry", type=int, metavar="CALLS", required=True,
+                        help="growth allowed of the calls in the module's registry")
     options = parser.parse_args()
     samples = [Sample(*map(int, line.split()))
                for line in (options.folder / "samples.txt").read_text().splitlines()]

@@ -119,8 +119,10 @@ def check(path, arguments):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--fresh", action="store_true")
-    parser.add_argument("files", nargs="*", type=pathlib.Path)
+    parser.add_argument("--fresh", action="store_true",
+                        help="check everything, whatever was found clean before")
+    parser.add_argument("files", nargs="*", type=pathlib.Path,
+                        help="check only these files (default: all sources)")
     options = parser.parse_args()
 
     configure()

@@ -172,9 +172,11 @@ def run_all(program, timeout):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--results", type=pathlib.Path)
-    parser.add_argument("--timeout", type=float, default=120)
-    parser.add_argument("program", type=pathlib.Path)
+    parser.add_argument("--results", type=pathlib.Path, metavar="FILE",
+                        help="write the result of each case to this JSON file")
+    parser.add_argument("--timeout", type=float, default=120, metavar="SECONDS",
+                        help="longest time that a case may take (%(default)s)")
+    parser.add_argument("program", type=pathlib.Path, help="the test program")
     options = parser.parse_args()
 
     # The results of an earlier run must not be mistaken for those of this one.

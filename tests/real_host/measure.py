@@ -96,13 +96,17 @@ class Bench:
 
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--module", type=pathlib.Path, required=True)
-    parser.add_argument("--relocated", type=pathlib.Path, required=True)
-    parser.add_argument("--calls", type=int, default=20)
-    parser.add_argument("--seconds", type=float, default=6)
-    parser.add_argument("--rounds", type=int, default=3)
-    parser.add_argument("--codecs", nargs="*", default=CODECS)
-    parser.add_argument("--kinds", nargs="*", default=["plain", "tapped", "recorded"])
+    parser.add_argument("--module", type=pathlib.Path, required=True, help="mod_quorvane.so")
+    parser.add_argument("--relocated", type=pathlib.Path, required=True,
+                        help="the module that reads its configuration under the current folder")
+    parser.add_argument("--calls", type=int, default=20,
+                        help="calls at a time (%(default)s)")
+    parser.add_argument("--seconds", type=float, default=6,
+                        help="length of the calls (%(default)s)")
+    parser.add_argument("--rounds", type=int, default=3, help="rounds (%(default)s)")
+    parser.add_argument("--codecs", nargs="*", default=CODECS, metavar="CODEC")
+    parser.add_argument("--kinds", nargs="*", default=["plain", "tapped", "recorded"],
+                        metavar="KIND", help="of plain, tapped, recorded (all)")
     arguments = parser.parse_args()
     arguments.module = arguments.module.resolve()
     arguments.relocated = arguments.relocated.resolve()

@@ -93,11 +93,12 @@ class Calls:
 
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--module", type=pathlib.Path, required=True)
-    parser.add_argument("--relocated", type=pathlib.Path, required=True)
-    parser.add_argument("--node", type=pathlib.Path, required=True)
-    parser.add_argument("--minutes", type=float, required=True)
-    parser.add_argument("folder", type=pathlib.Path)
+    parser.add_argument("--module", type=pathlib.Path, required=True, help="mod_quorvane.so")
+    parser.add_argument("--relocated", type=pathlib.Path, required=True,
+                        help="the module that reads its configuration under the current folder")
+    parser.add_argument("--node", type=pathlib.Path, required=True, help="quorvane-node")
+    parser.add_argument("--minutes", type=float, required=True, help="length of the run")
+    parser.add_argument("folder", type=pathlib.Path, help="folder of the samples and events")
     arguments = parser.parse_args()
     installation = find_installation() or sys.exit("no FreeSWITCH is installed")
     folder = arguments.folder.resolve()
