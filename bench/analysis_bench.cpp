@@ -1,10 +1,10 @@
 // Measures the analysis of the media node on recordings; bench/analysis.sh downloads them
 // and calls this program.
 //
-//   analysis_bench samples NAME REFERENCES OTHERS...  what is found of the references
-//   analysis_bench tones OTHERS...                    what is found of tones
-//   analysis_bench false HOURS REFERENCES OTHERS...   what is found where nothing is
-//   analysis_bench activity NAME SPEECH               the detectors of activity, compared
+//   analysis_bench samples NAME REFERENCES OTHERS...  how many references are found
+//   analysis_bench tones OTHERS...                    how many tones are found
+//   analysis_bench false HOURS REFERENCES OTHERS...   what is found by mistake
+//   analysis_bench activity NAME SPEECH               activity detectors, compared
 //   analysis_bench cost OTHERS...                     processor time and memory
 //
 // Folders hold WAV files of 8 kHz, at any depth.
@@ -40,7 +40,7 @@ using Sound = std::vector<float>;
 constexpr int RATE = 8000;
 constexpr std::size_t PACKET = 160;
 constexpr std::size_t TEN_MS = 80;
-constexpr double CLEAN = 99;  // As a signal to noise ratio.
+constexpr double CLEAN = 99;  // Decibels of signal to noise.
 
 struct Recording {
     std::string name;
@@ -60,7 +60,7 @@ Sound read_sound(const fs::path& path) {
     return sound;
 }
 
-// In the order of their names. Sounds that come in every language are left out: effects,
+// In the order of their names. Sounds that are the same in every language are left out: effects,
 // tones and silence.
 std::vector<Recording> read_recordings(const fs::path& folder) {
     static const std::set<std::string> everywhere{"tt-monkeys", "tt-allbusy", "tt-somethingwrong",
@@ -78,7 +78,7 @@ std::vector<Recording> read_recordings(const fs::path& folder) {
     return list;
 }
 
-// Speech and music that plays on and on.
+// Speech and music that repeat without end.
 class Others {
   public:
     Others(char** begin, char** end) {
@@ -115,7 +115,7 @@ std::vector<double> powers(const Sound& sound) {
     return list;
 }
 
-// Mean power of what is less than 20 dB below the loudest.
+// Returns the mean power of the pieces that are less than 20 dB below the loudest one.
 double loud_power(const Sound& sound) {
     const std::vector<double> list = powers(sound);
     const double loudest = list.empty() ? 0 : *std::max_element(list.begin(), list.end());
@@ -145,7 +145,7 @@ void append(Sound& sound, const Sound& more) {
     sound.insert(sound.end(), more.begin(), more.end());
 }
 
-// White noise so many decibels below `power`.
+// Returns white noise this many decibels below `power`.
 void add_noise(Sound& sound, double power, double snr_db, std::mt19937& random) {
     std::normal_distribution<float> noise(
         0, static_cast<float>(std::sqrt(power * std::pow(10, -snr_db / 10))));
@@ -154,7 +154,7 @@ void add_noise(Sound& sound, double power, double snr_db, std::mt19937& random) 
     }
 }
 
-// A sample as it comes out of a mu-law line.
+// Returns a sample as a mu-law line transmits it.
 std::int16_t mu_law(float value) {
     const int linear = static_cast<int>(std::lround(std::clamp(value, -1.0F, 1.0F) * 32767.0F));
     const int magnitude = std::min(std::abs(linear), 32635) + 132;
@@ -205,7 +205,7 @@ struct Condition {
     double shortest_s, longest_s;  // Of the references that are played.
     double gain_db, snr_db;
     double from, to;  // The part that is played.
-    double talk_db;   // Another voice at the same time; 0 is as loud.
+    double talk_db;   // Level of another voice at the same time. 0: equally loud.
 };
 
 class Tally {
@@ -251,7 +251,7 @@ void print_head(const char* title) {
                 "oth.", "heard for: median, 99 %");
 }
 
-// One reference, between others' speech; what has been found of it.
+// One reference among others' speech, and what was found of it.
 void play(const Condition& condition, std::size_t number, const Sound& reference,
           const std::shared_ptr<const SampleIndex>& index, Others& others, std::mt19937& random,
           Tally& tally) {
@@ -405,7 +405,8 @@ void measure_false(double hours, const fs::path& folder, Others others) {
         builder.add(each.name, each.sound.data(), each.sound.size(), RATE);
     }
     const auto index = builder.build();
-    // Once as it is, then faster and slower, which are other voices and other keys.
+    // Plays the recording as it is, then faster and slower, which sounds like other voices and
+    // other keys.
     const double speeds[] = {1, 0.93, 1.07, 0.97, 1.04, 0.89, 1.11, 0.95, 1.02};
     double heard_s = 0;
     std::size_t count = 0;
@@ -424,10 +425,10 @@ void measure_false(double hours, const fs::path& folder, Others others) {
                 index->size());
 }
 
-using Truth = std::vector<bool>;  // Of every 10 ms.
+using Truth = std::vector<bool>;  // One entry for every 10 ms.
 
-// Sound less than 25 dB below the recording's loud parts; pauses up to 200 ms between belong
-// to it, and what is shorter than 30 ms does not count.
+// Sound is what is less than 25 dB below the loud parts of the recording, including pauses up to
+// 200 ms. Sound shorter than 30 ms does not count.
 Truth truth_of(const Sound& sound) {
     const std::vector<double> list = powers(sound);
     const double least = loud_power(sound) * std::pow(10, -2.5);
@@ -518,8 +519,8 @@ double share_right(const Truth& result, const Truth& truth) {
     return 100.0 * static_cast<double>(right) / static_cast<double>(size);
 }
 
-// A library decides on frames of its own; late or early by up to 100 ms is not held against
-// it, and neither is that it keeps no hang-over: the pauses that the truth fills are filled.
+// A library decides on frames of its own, so up to 100 ms too early or too late counts as right. It
+// has no hang-over, so the pauses that the truth fills are filled here, too.
 double best_share(Truth result, const Truth& truth) {
     for (std::size_t at = 0; at < result.size();) {
         std::size_t end = at;
@@ -541,7 +542,7 @@ double best_share(Truth result, const Truth& truth) {
     return best;
 }
 
-// Milliseconds from each change of the truth to the nearest one of the result.
+// Returns the milliseconds from each change of the truth to the nearest change of the result.
 double median_error_ms(const Truth& result, const Truth& truth, bool onset) {
     const auto changes = [onset](const Truth& list) {
         std::vector<double> at;
@@ -608,7 +609,7 @@ double cpu_seconds() {
     return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 }
 
-// As many references as wanted: recordings, faster and slower ones when they run out.
+// Returns as many references as wanted: first recordings, then faster and slower copies of them.
 std::shared_ptr<const SampleIndex> index_of(const std::vector<Recording>& recordings,
                                             std::size_t wanted) {
     SampleIndexBuilder builder;

@@ -17,7 +17,7 @@
 namespace qv::bench {
 
 // A UDP socket on loopback that nobody reads. When its buffer is full, the system drops the
-// datagrams after it has done all the work of the sender.
+// datagrams only after it has done the whole work of sending.
 class Sink {
   public:
     Sink();
@@ -32,7 +32,7 @@ class Sink {
     sockaddr_in address_{};
 };
 
-// A frame of `size` bytes as the host hands it out, with a codec.
+// A frame of `size` bytes as the host delivers it, with a codec.
 class Frame {
   public:
     explicit Frame(std::uint32_t size);

@@ -1,5 +1,5 @@
-// Sends as many frames of 320 bytes as the argument says, into a sendto that does nothing. The
-// difference between two runs under callgrind gives the instructions per frame.
+// Sends the number of frames that the argument gives, each of 320 bytes, into a sendto that does
+// nothing. The difference between two runs under callgrind gives the instructions per frame.
 #include <cstdlib>
 
 #include "bench/bench_support.h"

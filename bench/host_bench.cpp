@@ -48,7 +48,7 @@ class TappedHost {
     host::EmbeddedHost host_;
 };
 
-// Calls that are tapped, the first of them with frames flowing on both legs.
+// Tapped calls. On the first of them, frames flow on both legs.
 class StreamingCalls {
   public:
     explicit StreamingCalls(std::size_t count) {
@@ -62,7 +62,7 @@ class StreamingCalls {
         calls_.front()->start_media(std::move(plan));
     }
 
-    // Goes through the calls, so that none is in the processor's cache.
+    // Uses each call in turn, so that none is in the processor's cache.
     host::ApiAnswer command(const std::string& words) { return command(next(), words); }
 
     // Uses the same call every time.
@@ -70,7 +70,7 @@ class StreamingCalls {
         return command(calls_.front()->uuid(), words);
     }
 
-    // Measures what the host does for every command of any module.
+    // Measures what the host does for a command of any module.
     void locate_session() {
         switch_core_session_rwunlock(
             switch_core_session_perform_locate(next().c_str(), __FILE__, __func__, __LINE__));
@@ -119,7 +119,7 @@ void locate_session(benchmark::State& state) {
     }
 }
 
-// Switches a feature on and off: every second command of a call sends a control packet.
+// Switches a feature on and off. Every second command of a call sends a control packet.
 void api_feature_switch(benchmark::State& state) {
     StreamingCalls calls(static_cast<std::size_t>(state.range(0)));
     bool start = false;

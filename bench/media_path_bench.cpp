@@ -1,5 +1,5 @@
-// Measures the media path with its system call against a loop of bare sendto calls with the
-// same bytes to the same socket, in turns within one run.
+// Measures the media path, with its system call, against a loop of bare sendto calls that send the
+// same bytes to the same socket. The two run alternately.
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -54,7 +54,7 @@ class BareSender {
     char packet_[PACKET_SIZE] = {};
 };
 
-// One turn of the module; the frames go round the calls.
+// One run of the module. The frames go to the calls in turn.
 class ModuleSender {
   public:
     ModuleSender(std::size_t calls, const sockaddr_in& to, std::uint32_t frame_size = FRAME_SIZE)
@@ -84,8 +84,8 @@ class ModuleSender {
     std::size_t next_ = 0;
 };
 
-// Runs `a` and `b` in turns and reports the cost of a frame in each, and the median of the
-// ratios a/b of neighbouring turns, since load on the machine slows both.
+// Runs `a` and `b` alternately. Reports the cost of a frame in each, and the median of the ratios
+// a/b of neighbouring runs, because load on the machine slows both.
 template <typename A, typename B>
 void compare(benchmark::State& state, A a, B b) {
     std::vector<double> costs_a;
@@ -135,7 +135,7 @@ class Eviction {
     std::vector<unsigned char> room_ = std::vector<unsigned char>(std::size_t{4} << 20U);
 };
 
-// Single frames with cold caches, each next to a bare sendto with cold caches.
+// Single frames with cold caches, each beside a bare sendto with cold caches.
 void cold_media_data_over_bare_sendto(benchmark::State& state) {
     const Sink sink;
     const BareSender bare(sink.address());
@@ -174,7 +174,7 @@ void frame_size(benchmark::State& state) {
     state.counters["ns_frame"] = median(costs);
 }
 
-// How much more two threads send than one in the same time.
+// Measures how much more two threads send than one in the same time.
 template <typename Turn>
 void scale(benchmark::State& state, Turn turn) {
     constexpr int TURNS = 10;
@@ -215,8 +215,7 @@ void two_threads_two_legs(benchmark::State& state) {
     scale(state, [&](int thread) { module.turn_of(0, static_cast<std::uint8_t>(thread)); });
 }
 
-// Two threads send bare through one socket, as in the module: what they lose is the system's
-// share.
+// Two threads send bare through one socket, like the module. What they lose is due to the system.
 void two_threads_bare_sendto(benchmark::State& state) {
     const Sink sink;
     const BareSender sender(sink.address());

@@ -1,5 +1,5 @@
-// node_load: sends the media node the packets of many calls, evenly spread over time, and
-// afterwards compares the files with what was sent.
+// node_load: sends the packets of many calls to the media node, evenly spread over time, and
+// compares the files with what was sent.
 //
 //   node_load send  127.0.0.1:PORT CALLS SECONDS    3,000 calls are 300,000 packets/s
 //   node_load check FOLDER CALLS                    every sample of every file
@@ -36,7 +36,7 @@ constexpr unsigned FRAMES_PER_SECOND = 50;
 constexpr unsigned SAMPLES = 160;
 constexpr std::size_t PACKET_SIZE = media::AUDIO_OFFSET + 2 * SAMPLES;
 constexpr std::size_t START_SIZE = media::CALL_REFERENCE_OFFSET + 1;
-constexpr unsigned BATCH = 64;  // The system's limit is 64 or more.
+constexpr unsigned BATCH = 64;  // The system allows at least 64.
 
 std::array<unsigned char, media::UUID_SIZE> uuid_of(unsigned call) {
     std::array<unsigned char, media::UUID_SIZE> uuid{};
@@ -93,8 +93,8 @@ class Sender {
         push(PACKET_SIZE);
     }
 
-    // Sends all gathered datagrams, which have one size, in one call; the system cuts it into
-    // datagrams (UDP_SEGMENT). One core cannot send enough datagrams one by one.
+    // Sends all collected datagrams, which have the same size, in one call; the system splits it
+    // into datagrams (UDP_SEGMENT). One core cannot send enough datagrams one by one.
     void flush() {
         if (filled_ == 0) {
             return;
@@ -146,7 +146,7 @@ class Sender {
     Buffer scratch_{};
     std::array<unsigned char, BATCH * PACKET_SIZE> bytes_{};
     unsigned filled_ = 0;
-    std::size_t size_ = 0;  // Of each gathered datagram.
+    std::size_t size_ = 0;  // Of each collected datagram.
     std::uint64_t total_ = 0;
 };
 

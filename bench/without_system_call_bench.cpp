@@ -23,7 +23,7 @@ sockaddr_in nowhere() {
     return address;
 }
 
-// The cost of reading the clock, which the module does once per packet.
+// Measures reading the clock, which the module does once per packet.
 void steady_clock(benchmark::State& state) {
     for (auto _ : state) {
         benchmark::DoNotOptimize(std::chrono::steady_clock::now());
@@ -39,7 +39,7 @@ void media_data(benchmark::State& state) {
     }
 }
 
-// Frames that go round the calls, so that no context is in the cache.
+// The frames go to the calls in turn, so that no context is in the cache.
 void media_data_round_robin(benchmark::State& state) {
     Sender sender;
     const auto contexts = make_contexts(static_cast<std::size_t>(state.range(0)), nowhere());
@@ -51,7 +51,8 @@ void media_data_round_robin(benchmark::State& state) {
     }
 }
 
-// The read and the write leg of one call on two threads, which must not write to shared data.
+// The read leg and the write leg of one call run on two threads, which must not write to shared
+// data.
 void media_data_two_legs(benchmark::State& state) {
     static Sender sender;
     static const auto contexts = make_contexts(1, nowhere());
@@ -62,8 +63,8 @@ void media_data_two_legs(benchmark::State& state) {
     }
 }
 
-// An iteration is 64 lines without a loop, so that only the lines count; each reads the
-// threshold again.
+// An iteration has 64 lines without a loop, so that only the lines are measured. Each line reads
+// the threshold again.
 constexpr int LINES = 64;
 
 template <log::Level LEVEL>

@@ -1,4 +1,4 @@
-// Fuzzes the text of an address and a port, the whole text and its first half.
+// Fuzzes the text of an address and a port: the whole text, and its first half.
 #include <arpa/inet.h>
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// Packets of any size and content, gaps and pauses, into the detectors of a side. The bytes
-// say which: an operation, a length and what the samples are made of.
+// Feeds packets of any size and content, gaps and pauses to the detectors of a side. The bytes
+// select an operation, a length and the kind of samples.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -14,7 +14,8 @@ namespace {
 
 using namespace qv::node::analysis;
 
-constexpr std::uint64_t LONGEST = 1u << 16;  // Samples of one input, so that it ends soon.
+// Limits the samples of one input, so that it ends soon.
+constexpr std::uint64_t LONGEST = 1u << 16;
 
 class Input {
   public:
@@ -53,7 +54,7 @@ std::shared_ptr<const SampleIndex> references() {
     return builder.build();
 }
 
-// What is reported makes sense, whatever was heard.
+// Requires that every report makes sense, for any audio.
 class Checks : public ActivityOutput, public SampleOutput {
   public:
     void activity(const ActivityChange& change) override {

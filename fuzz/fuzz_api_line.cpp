@@ -329,8 +329,8 @@ class Calls {
     CallModel b_;
     std::unique_ptr<qv::host::Call> call_a_;
     std::unique_ptr<qv::host::Call> call_b_;
-    Texts lines_;      // Expected of the present line.
-    Texts datagrams_;  // Expected of the present line.
+    Texts lines_;      // Expected for the current line.
+    Texts datagrams_;  // Expected for the current line.
 };
 
 }  // namespace

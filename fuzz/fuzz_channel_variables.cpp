@@ -110,7 +110,7 @@ class Model {
         return text;
     }
 
-    // The case of the names of variables does not count.
+    // Names of variables are compared without regard to case.
     void set(const std::string& name, const std::string& value) {
         variables_[lower_case(name)] = value;
     }

@@ -16,7 +16,7 @@ std::string address_text(const sockaddr_in& address) {
 }
 
 std::optional<sockaddr_in> parse_address(const std::string& text) {
-    // The library's parser would take an address alone for one with port 0.
+    // The library's parser would read an address alone as one with port 0.
     const std::string port = text.substr(text.rfind(':') + 1);
     sockaddr_in address{};
     if (port.empty() || port.find('.') != std::string::npos || text.front() == ':' ||

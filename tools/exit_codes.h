@@ -1,11 +1,11 @@
-// The exit codes of all programs; each program's help says what leads to them.
+// The exit codes of all programs. The help of each program says what causes them.
 #pragma once
 
 namespace qv::tools {
 
 constexpr int EXIT_FINE = 0;
 constexpr int EXIT_TROUBLE = 1;   // Something failed during the run.
-constexpr int EXIT_USAGE = 2;     // The command line, or a file that it names.
-constexpr int EXIT_NO_START = 3;  // What the program needs for its work cannot be used.
+constexpr int EXIT_USAGE = 2;     // Wrong command line, or a wrong file that it names.
+constexpr int EXIT_NO_START = 3;  // A resource that the program needs cannot be used.
 
 }  // namespace qv::tools

@@ -1,4 +1,4 @@
-// Values put into a text by a pattern of printf. No state; any thread may call.
+// Formats values like printf. No state; any thread may call.
 #pragma once
 
 #include <cstdio>
@@ -6,7 +6,7 @@
 
 namespace qv::tools {
 
-// The text that printf would write, of at most 127 bytes.
+// Returns the text that printf would write, cut after 127 bytes.
 template <typename... Values>
 std::string format(const char* pattern, Values... values) {
     char text[128];

@@ -11,7 +11,7 @@ namespace {
 
 constexpr unsigned ADDRESS_BITS = 32;
 
-// The number of bits, written in digits alone.
+// Reads the number of bits, which must consist of digits only.
 std::optional<unsigned> parse_prefix(const std::string& text) {
     unsigned bits = 0;
     const char* const end = text.data() + text.size();
@@ -20,7 +20,7 @@ std::optional<unsigned> parse_prefix(const std::string& text) {
                                                                        : std::nullopt;
 }
 
-// A shift by all bits is not defined.
+// A shift by all 32 bits is undefined.
 std::uint32_t mask_of(unsigned bits) {
     return bits == 0 ? 0 : ~std::uint32_t{0} << (ADDRESS_BITS - bits);
 }

@@ -21,14 +21,14 @@ struct Network {
     }
 };
 
-// Reads "a.b.c.d/prefix", or "a.b.c.d" for that address alone. Bits behind the prefix do not
-// matter. Nothing for any other text.
+// Reads "a.b.c.d/prefix", or "a.b.c.d" for that single address. Bits after the prefix are ignored.
+// Returns nullopt for any other text.
 std::optional<Network> parse_network(const std::string& text);
 
-// For the check of an option: why parse_network() refuses the text; empty when it does not.
+// For the check of an option: returns why parse_network() refuses the text, or an empty text.
 std::string check_network(const std::string& text);
 
-// The senders that are allowed; all of them while there is no network.
+// The allowed senders. Without any network, all senders are allowed.
 class AllowedNetworks {
   public:
     AllowedNetworks() = default;

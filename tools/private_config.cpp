@@ -33,7 +33,7 @@ Error write_text(const std::string& path, const std::string& text) {
     return std::nullopt;
 }
 
-// Writes BASE/delmaren/quorvane/freeswitch_mod.conf and makes its folders.
+// Writes BASE/delmaren/quorvane/freeswitch_mod.conf and creates its folders.
 Error write_config(const std::string& base, const std::string& content) {
     const std::string folder = base + "/" + FOLDER;
     std::error_code failure;
@@ -90,7 +90,7 @@ Error mount_over_etc(const std::string& layer, const std::string& content) {
 
 }  // namespace
 
-// The folder of the layer is only a mount point; it is removed at once.
+// The folder of the layer is only a mount point, so it is removed at once.
 Error use_private_config(const std::string& content) {
     char layer[] = "/tmp/quorvane-etc-XXXXXX";
     if (!mkdtemp(layer)) {

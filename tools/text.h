@@ -1,4 +1,5 @@
-// Numbers and times as people read them, for all tools. No state; any thread may call.
+// Numbers and times as people read them, for all tools. No state; any thread may call these
+// functions.
 #pragma once
 
 #include <cstdint>

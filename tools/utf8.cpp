@@ -17,19 +17,19 @@ constexpr Range UNPRINTABLE[] = {
     {0x00, 0x1F},        // Control characters.
     {0x7F, 0x9F},        // More of them.
     {0xAD, 0xAD},        // Soft hyphen.
-    {0x61C, 0x61C},      // Turns the direction, of Arabic letters.
+    {0x61C, 0x61C},      // Changes the direction, in Arabic text.
     {0x180B, 0x180F},    // Mongolian marks without width.
-    {0x200B, 0x200F},    // Without width, and marks of direction.
-    {0x2028, 0x202E},    // Line and paragraph separators, turns of direction.
-    {0x2060, 0x206F},    // Invisible operators, turns of direction.
-    {0xD800, 0xDFFF},    // Halves of characters in UTF-16.
-    {0xFDD0, 0xFDEF},    // No characters.
+    {0x200B, 0x200F},    // Without width, and direction marks.
+    {0x2028, 0x202E},    // Line and paragraph separators, direction changes.
+    {0x2060, 0x206F},    // Invisible operators, direction changes.
+    {0xD800, 0xDFFF},    // Halves of UTF-16 characters.
+    {0xFDD0, 0xFDEF},    // Not characters.
     {0xFEFF, 0xFEFF},    // Byte order mark.
     {0xFFF0, 0xFFFB},    // Invisible annotations.
     {0xE0000, 0xE0FFF},  // Invisible tags.
 };
 
-// Those that are wide in part are taken as a whole.
+// Blocks that are only partly wide are listed whole.
 constexpr Range WIDE[] = {
     {0x1100, 0x115F},    // Hangul letters.
     {0x231A, 0x23FF},    // Clocks and keys, some of them emoji.
@@ -54,7 +54,7 @@ bool is_in(const Range (&ranges)[count], char32_t code) {
     });
 }
 
-// Of a character that begins with that byte; 0 where none does.
+// The size of a character that begins with this byte. 0 if none does.
 std::size_t size_after(unsigned char first) {
     if (first < 0x80) {
         return 1;

@@ -90,7 +90,7 @@ void Application::load_audio() {
     plan.afterwards = Afterwards::REPEAT;
 }
 
-// Is called before the run, so that a wrong path does not waste the run.
+// Called before the run, so that a wrong path does not waste the run.
 void Application::open_json() {
     if (options_.json_path.empty()) {
         return;

@@ -17,7 +17,7 @@ namespace qv::tools::call {
 
 class Application {
   public:
-    // `out` gets the lines; `errors` gets what keeps the program from running and, on a
+    // `out` receives the lines. `errors` receives what keeps the program from running and, on a
     // terminal, the status line. Setting `stop` ends the run.
     Application(Options options, std::ostream& out, std::ostream& errors,
                 const std::atomic<bool>& stop);

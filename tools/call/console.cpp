@@ -29,7 +29,7 @@ void Console::draw_status() {
     if (status_text_.empty()) {
         return;
     }
-    // The last column stays free, since some terminals wrap when it is written.
+    // The last column stays free, because some terminals wrap when it is written.
     const std::size_t columns = columns_();
     status_ << (columns > 1 ? status_text_.substr(0, columns - 1) : status_text_) << std::flush;
 }

@@ -229,7 +229,7 @@ void Driver::hang_up(std::size_t index, std::size_t RunTotals::*counted_as) {
     waiting_.pop_front();
 }
 
-// Commands run in the order of their times, so the last ones are left.
+// Commands run in the order of their times, so the remaining ones are the last.
 void Driver::miss_commands(std::size_t index) {
     const std::size_t left = calls_[index].commands_left;
     totals_.commands_missed += left;

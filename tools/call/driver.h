@@ -56,7 +56,7 @@ struct Progress {
     std::uint64_t frames = 0;
 };
 
-// Is called for what happens in a run. Calls are counted from 1.
+// Called for what happens in a run. Calls are counted from 1.
 class RunListener {
   public:
     RunListener() = default;
@@ -74,12 +74,12 @@ class RunListener {
     virtual void progress(const Progress& progress) = 0;  // several times a second
 };
 
-// Calls of which a side has ended. Media threads add, the driver takes.
+// Calls of which a side has ended. Media threads add them, the driver takes them.
 class EndedSides {
   public:
     void add(std::size_t call);
     std::vector<std::size_t> take();
-    // Returns when a side has ended, at `time` at the latest.
+    // Returns when a side has ended, or at `time`.
     void wait_until(std::chrono::steady_clock::time_point time);
 
   private:

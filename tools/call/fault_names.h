@@ -11,7 +11,7 @@
 
 namespace qv::tools::call {
 
-// A fault and when it is on.
+// A fault and the time in which it is on.
 struct FaultSpan {
     std::optional<host::Fault> fault;  // none: a header is hidden
     std::string header;                // name of the hidden header

@@ -1,6 +1,6 @@
 // Counts the frames of all calls as they are played.
 //
-// A run has one. The media threads add while any thread may read. No locks.
+// A run has one tally. The media threads add while any thread may read. No locks.
 #pragma once
 
 #include <array>
@@ -34,7 +34,7 @@ class FrameTally : public host::FrameObserver {
     Side side(host::Direction direction) const;
     std::uint64_t frames() const;
 
-    // The time from when a frame is due until the module has sent it; only of paced frames.
+    // The time from when a frame is due until the module has sent it. Only for paced frames.
     const LatencyHistogram& lateness() const { return lateness_; }
     // The time that the module takes for a frame, with its system calls.
     const LatencyHistogram& handling() const { return handling_; }

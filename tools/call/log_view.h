@@ -37,7 +37,7 @@ class LogView {
     LogView(Console& console, std::optional<switch_log_level_t> most_detailed)
         : console_(console), most_detailed_(most_detailed) {}
 
-    // Becomes the log's listener. The view must outlive the use of the log.
+    // Becomes the listener of the log. The view must live as long as the log is used.
     void listen(host::Log& log);
     Counts counts() const { return {lines_.load(), warnings_.load(), errors_.load()}; }
 

@@ -69,7 +69,7 @@ std::string program_folder() {
 }
 
 std::vector<std::string> module_folders() {
-    // The folders of the packages, from the prefix that the program is installed in.
+    // The folders of the packages, derived from the prefix in which the program is installed.
     const std::filesystem::path prefix = program_folder() + "..";
     return {program_folder(), (prefix / QUORVANE_MODULE_FOLDER).lexically_normal(),
             (prefix / QUORVANE_DRIVER_MODULE_FOLDER).lexically_normal()};

@@ -1,6 +1,6 @@
 // The module to load, and the configuration that it reads.
 //
-// Changes the whole process: to be used at the start of main(), before any thread runs.
+// Changes the whole process: use it at the start of main(), before any thread runs.
 #pragma once
 
 #include <optional>
@@ -42,15 +42,15 @@ std::string relocated_module(const std::string& module_path);
 // The program's own folder, with a final '/'.
 std::string program_folder();
 
-// Where a module may be without an option that names it, the best one first: beside the
-// program, where it was built; in the folder of the module's package; in that of the driver's.
+// Where a module may be if no option names it, the best place first: beside the program, where it
+// was built; the folder of the module's package; the folder of the driver's package.
 std::vector<std::string> module_folders();
 
-// The mod_quorvane.so of the first folder that has one. Throws SettingsError, with where it
-// looked and what to do, when none has.
+// Returns the mod_quorvane.so of the first folder that has one. If there is none, throws
+// SettingsError with the searched folders and advice.
 std::string find_module(const std::vector<std::string>& folders);
 
-// Keeps the configuration in force while it exists, and removes its folder in the end.
+// Keeps the configuration in effect while the object exists, and removes its folder at the end.
 class PlacedConfig {
   public:
     // Throws SettingsError with the reason when no place can be used.

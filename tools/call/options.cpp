@@ -90,7 +90,7 @@ CLI::Option* add_module_option(CLI::App& app, Options& options, const std::strin
     return add_parsed(app, flag, help, add)->type_name("TEXT")->group("Module");
 }
 
-// Adds an option with bounds, which the help shows with their units.
+// Adds an option with limits, which the help shows with their units.
 template <typename Number>
 CLI::Validator between(Number least, Number most) {
     return CLI::Range(least, most).description("");

@@ -28,8 +28,8 @@ struct Options {
     CallLines call_lines = CallLines::FEW_CALLS;
 };
 
-// Fills `options`. Returns the exit code when the program has to end at once: after --help
-// and after an error, which it has printed.
+// Fills `options`. Returns the exit code if the program must end at once: after --help, or after an
+// error, which has been printed.
 std::optional<int> parse_options(int argc, char** argv, Options& options);
 
 // Each of the functions below throws std::invalid_argument, whose text says what is wrong.

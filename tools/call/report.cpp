@@ -122,7 +122,7 @@ std::vector<std::string> left_over(const RunReport& report) {
     std::vector<std::string> left;
     add_if(left, report.host.read_locks_held, "session lock", "still held");
     add_if(left, report.host.bugs_attached, "media bug", "still attached");
-    // The host drops those of a module that is unmapped.
+    // The host drops what an unmapped module has registered.
     add_if(left, report.host.bindings_alive + report.unload.bindings_dropped, "event binding",
            "still there");
     add_if(left, report.host.sessions_destroyed_locked, "call", "ended under a lock");

@@ -44,7 +44,7 @@ struct RunReport {
     host::Report host;  // after the unload
 };
 
-// The problems of a run, one sentence each; empty when all is well.
+// The problems of a run, one sentence each. Empty if there are none.
 std::vector<std::string> problems_of(const RunReport& report);
 
 // Lines for people, without the problems.

@@ -24,8 +24,8 @@ double part_done(const Progress& progress) {
     const double by_time = progress.expected_s > 0 ? progress.elapsed_s / progress.expected_s : 1;
     const double by_calls = static_cast<double>(progress.calls_over) /
                             static_cast<double>(std::max<std::size_t>(progress.calls_planned, 1));
-    // A run whose calls wait for others takes longer than expected; its progress is then the
-    // share of calls that are over.
+    // If calls wait for others, the run takes longer than expected; its progress is then the share
+    // of calls that have ended.
     return std::min(by_time < 1 ? by_time : by_calls, 1.0);
 }
 

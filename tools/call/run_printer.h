@@ -13,7 +13,7 @@ namespace qv::tools::call {
 
 // "[#####.....]  50 %  15.0 of 30.0 s, 1,000 calls up, 3 of 2,000 over, 1,500,000 frames"
 std::string progress_bar(const Progress& progress);
-// The same without the bar, for outputs on which no line can be rewritten.
+// The same without the bar, for outputs that cannot rewrite a line.
 std::string progress_line(const Progress& progress);
 // Between 0 and 1.
 double part_done(const Progress& progress);

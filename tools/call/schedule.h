@@ -37,9 +37,9 @@ struct CallTimes {
     std::optional<double> length_s;  // none: as long as the audio
 };
 
-// In the order in which they begin. Each call has a random phase, unless it is the only one:
-// as in a switch, the frames of many calls are not all due at the same time. The same plan
-// gives the same times.
+// In the order in which they begin. Each call has a random phase, unless it is the only one: as in
+// a switch, the frames of many calls are not all due at the same time. The same plan results in the
+// same times.
 std::vector<CallTimes> plan_calls(const SchedulePlan& plan);
 
 struct Step {
@@ -57,7 +57,7 @@ class TimerQueue {
     void add(Time at, Step step);
     // When the next step is due.
     std::optional<Time> next() const;
-    // Takes out the next step if it is due by `now`.
+    // Removes and returns the next step if it is due by `now`.
     std::optional<Step> take(Time now);
 
   private:

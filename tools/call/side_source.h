@@ -10,8 +10,8 @@
 
 namespace qv::tools::call {
 
-// The sizes of a side's frames. If the frame time is no whole number of samples, frames of
-// two sizes alternate, so that the average keeps the rate.
+// The sizes of a side's frames. If the frame time is not a whole number of samples, frames of two
+// sizes alternate, so that the average matches the rate.
 class FrameSizes {
   public:
     FrameSizes(std::uint32_t rate, std::uint32_t frame_ms) : rate_(rate), frame_ms_(frame_ms) {}
@@ -33,9 +33,9 @@ enum class Afterwards { SILENCE, REPEAT };
 
 class SideSource : public host::FrameSource {
   public:
-    // Plays `total` samples of the audio and, behind its end, of what `afterwards` says. Calls
-    // `ended` once, on the media thread, one frame time after the last frame; `ended` must not
-    // block. Throws std::invalid_argument without samples.
+    // Plays `total` samples of the audio, and then what `afterwards` says. Calls `ended` once, on
+    // the media thread, one frame time after the last frame; `ended` must not block. Throws
+    // std::invalid_argument without samples.
     SideSource(host::Samples samples, FrameSizes sizes, std::uint64_t total, Afterwards afterwards,
                std::function<void()> ended);
 
