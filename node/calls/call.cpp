@@ -14,7 +14,7 @@ namespace {
 constexpr Micros STRAGGLING{300'000};
 // If nothing comes for this long after an implausible terminate packet, the call has ended.
 constexpr Micros QUIET{1'000'000};
-// For what outputs still work on at the end of a call.
+// How long outputs may still work at the end of a call.
 constexpr Micros LONGEST_WORK{2'000'000};
 
 StartFields start_fields(const media::Packet& packet) {
@@ -88,7 +88,7 @@ bool Call::is_replaced_by(const media::Packet& packet, const Arrival& arrival) c
            belongs_to(arrival.source);
 }
 
-// A module that is loaded again has another port, not another address.
+// A module that was loaded again sends from another port, but from the same address.
 bool Call::belongs_to(const sockaddr_in& source) const {
     return source.sin_addr.s_addr == source_.sin_addr.s_addr || limits_.any_source;
 }
@@ -293,7 +293,7 @@ std::optional<std::int64_t> Call::first_audio_time() const {
     }
     const double before =
         static_cast<double>(axis_mark_->samples) / side(axis_mark_->side).likely_rate();
-    // As floating point: forged times must not overflow.
+    // Computed as floating point, because forged times could overflow.
     return static_cast<std::int64_t>(static_cast<double>(axis_mark_->send_time) - before * 1e6);
 }
 

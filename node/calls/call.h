@@ -1,8 +1,8 @@
-// One call: handles its packets and passes on what becomes of them.
+// One call: handles its packets and reports the results.
 //
-// start, control and terminate packets are handled here, data packets by the two sides. What
-// happens goes to the listeners that the outputs chose when the call began; see
-// call_listener.h. Owned by the call table; belongs to one thread.
+// start, control and terminate packets are handled here, data packets by the two sides. Results go
+// to the listeners that the outputs chose when the call began; see call_listener.h. Owned by the
+// call table; belongs to one thread.
 #pragma once
 
 #include <array>
@@ -22,7 +22,7 @@
 
 namespace qv::node {
 
-// The start packet's fields, kept.
+// A copy of the start packet's fields.
 struct StartFields {
     std::uint16_t call_flags = 0;
     std::int64_t send_time = 0;
@@ -30,7 +30,7 @@ struct StartFields {
     std::uint64_t configured_time = 0;
     std::int64_t configured_clock = 0;
     std::uint64_t rule_id = 0;
-    std::string report_node;  // Empty when not given.
+    std::string report_node;  // Empty if not given.
     media::features16_t features{};
     std::string call_reference;
 
@@ -38,13 +38,13 @@ struct StartFields {
     bool rule_id_given() const { return (call_flags & media::FLAG_RULE_ID) != 0; }
 };
 
-// Where each side of a call goes on; nothing for a side of which no packet came.
+// Where each side of a call continues. Nullopt for a side without packets.
 using SidePlaces = std::array<std::optional<SidePlace>, SIDE_COUNT>;
 
 class Call {
   public:
-    // `arrival` is that of the call's first packet. The outputs are asked what listens to
-    // the call. `limits` and `outputs` must outlive the call.
+    // `arrival` is that of the call's first packet. Each output returns its listener for the call.
+    // `limits` and `outputs` must outlive the call.
     Call(const Uuid& uuid, std::uint64_t call_key, const Arrival& arrival, const CallLimits& limits,
          const std::vector<CallListener*>& outputs);
     Call(const Call&) = delete;
@@ -52,19 +52,19 @@ class Call {
 
     // For the call table.
 
-    // Takes in a packet of this call's UUID; returns why it is dropped, if it is.
+    // Handles a packet with this call's UUID. Returns why it is dropped, or nullopt.
     std::optional<Drop> receive(const media::Packet& packet, const Arrival& arrival);
-    // Whether the packet starts the same call anew, as when its media bug was closed and its
-    // terminate packet lost. Such a packet is for another Call.
+    // Whether the packet starts the same call again, for example because its media bug was closed
+    // and the terminate packet lost. Such a packet belongs to a new Call.
     bool is_replaced_by(const media::Packet& packet, const Arrival& arrival) const;
-    // To be called some times a second: gives up what has been waited for too long.
+    // Call it several times a second. Gives up waiting for packets that are too late.
     void tick(Micros now);
-    // Why the call is to be ended now, if it is. What outputs still work on delays that, for
-    // two seconds at most.
+    // Why the call must end now, or nullopt. The work of outputs delays the end by at most two
+    // seconds.
     std::optional<EndReason> due(Micros now) const;
-    // Delivers what is held and reports the end.
+    // Delivers everything that is held and reports the end.
     void end(EndReason reason);
-    // Begins the sides where an earlier call left them; before the first packet.
+    // Makes the sides continue where an earlier call left them. Call it before the first packet.
     void continue_from(const SidePlaces& places);
     SidePlaces places() const;
 
@@ -72,48 +72,49 @@ class Call {
 
     // Sets the beginning of the names of the call's files.
     void set_file_stem(std::string stem) { file_stem_ = std::move(stem); }
-    // Adds a file of the call's audio to those that reports name at its end.
+    // Adds a file of the call's audio, so that the reports at the end name it.
     void add_file(FileReport file) { files_.push_back(std::move(file)); }
-    // Pass on what an analysis noticed; see call_listener.h.
+    // Report what an analysis detected; see call_listener.h.
     void report_activity(Side side, const Activity& activity);
     void report_sample(Side side, const FoundSample& sample);
     void report_skipped(Side side, std::uint64_t samples);
-    // Passes on that a file of the call could not be written.
+    // Reports that a file of the call could not be written.
     void report_failed_file(const FileReport& file);
-    // The side's sample rate in Hz; decides on one from what is known, if none has been found.
+    // The sample rate of the side in Hz. If none has been found, decides on one from what is known.
     int decide_rate(Side which);
 
     const Uuid& uuid() const { return uuid_; }
     std::uint64_t call_key() const { return call_key_; }
-    // Where the packets come from: address and port of the one that was taken in last. The
-    // address changes only where the limits allow any source.
+    // The sender: address and port of the last packet that was accepted. The address changes only
+    // if the limits allow any source.
     const sockaddr_in& source() const { return source_; }
-    // Packets from other addresses, which were dropped.
+    // Dropped packets from other addresses.
     std::uint64_t foreign_packets() const { return foreign_packets_; }
     Micros first_seen() const { return first_seen_; }
     Micros last_seen() const { return last_seen_; }
-    // Nothing until the start packet comes.
+    // Nullopt until the start packet comes.
     const std::optional<StartFields>& start() const { return start_; }
-    // Other packets came before the start packet.
+    // Whether other packets came before the start packet.
     bool started_late() const { return started_late_; }
-    // In effect: those of the start packet, and what control packets changed.
+    // The features in effect: those of the start packet, as changed by control packets.
     media::features16_t features() const { return features_; }
     std::uint64_t control_packets() const { return control_packets_; }
-    // The terminate packet has come; the call stays for packets that it has overtaken.
+    // Whether the terminate packet has come. The call waits a moment for packets that were sent
+    // earlier.
     bool ending() const { return ends_at_.has_value(); }
-    // Send time of the terminate packet, while ending; no later than the call's other packets
-    // and the time since then allow.
+    // Send time of the terminate packet, while ending. Limited to what the call's other packets and
+    // the time since then allow.
     std::int64_t terminate_time() const { return terminate_time_; }
-    // The terminate packet claims to have been sent far ahead of the call's other packets. It
-    // is accepted because nothing came after it.
+    // Whether the terminate packet claims to have been sent far ahead of the call's other packets.
+    // It was accepted because nothing came after it.
     bool ended_implausibly() const { return ended_implausibly_; }
-    // The beginning of the time axis, as a send time: when the first sample of the side whose
-    // audio came first was due. That sample may be missing.
+    // The beginning of the time axis, as a send time: when the first sample of the side that came
+    // first was due. That sample itself may be missing.
     std::optional<std::int64_t> first_audio_time() const;
-    // The receiver joined the running call, and the rate of a side could not be found: how the
-    // sides lie beside each other could not be told for sure.
+    // Whether the alignment of the sides is uncertain: the receiver joined the running call, and
+    // the rate of a side could not be found.
     bool sides_may_be_apart() const;
-    // Empty when the call is not to have files.
+    // Empty if the call gets no files.
     const std::string& file_stem() const { return file_stem_; }
     const std::vector<FileReport>& files() const { return files_; }
     const std::vector<FileReport>& failed_files() const { return failed_files_; }
@@ -129,11 +130,12 @@ class Call {
         Micros came;
     };
 
-    // What fixes the time axis. The rate that tells its beginning may be found later.
+    // Fixes the time axis. The sample rate, and with it the beginning of the axis, may be found
+    // later.
     struct AxisMark {
         Side side;
         std::int64_t send_time;
-        std::uint64_t samples;  // Of the side, before the audio sent then.
+        std::uint64_t samples;  // Samples of the side before the audio sent then.
     };
 
     // Calls `visit` with each listener, in the order of the outputs.
@@ -144,8 +146,8 @@ class Call {
         }
     }
     CallSide& mutable_side(Side which) { return sides_[index_of(which)]; }
-    // The beginning of the time axis. If nothing came before, the axis begins with that side:
-    // its audio after `samples` was sent at `send_time`.
+    // Returns the beginning of the time axis. If nothing came before, the axis begins with that
+    // side, whose audio after `samples` was sent at `send_time`.
     std::int64_t axis_begin(Side which, std::int64_t send_time, std::uint64_t samples);
 
     void run_features(std::int64_t send_time);
@@ -178,7 +180,7 @@ class Call {
     std::uint64_t foreign_packets_ = 0;
     SenderClock clock_;
     std::optional<Micros> ends_at_;
-    std::optional<Micros> wrapped_up_;  // When; nothing while the call goes on.
+    std::optional<Micros> wrapped_up_;  // When this happened. Nullopt while the call goes on.
     std::int64_t terminate_time_ = 0;
     std::optional<ImplausibleEnd> implausible_end_;
     bool ended_implausibly_ = false;
@@ -187,7 +189,7 @@ class Call {
     std::string file_stem_;
     std::vector<FileReport> files_;
     std::vector<FileReport> failed_files_;
-    std::vector<std::unique_ptr<CallListener>> own_listeners_;  // Those made for this call.
+    std::vector<std::unique_ptr<CallListener>> own_listeners_;  // Those created for this call.
     std::vector<CallListener*> listeners_;
 };
 

@@ -50,7 +50,7 @@ Call* CallTable::find(const media::Packet& packet) {
     return found != calls_.end() ? last_ = found->second.get() : nullptr;
 }
 
-// Null when the packet is dropped.
+// Returns null if the packet is dropped.
 Call* CallTable::add(const media::Packet& packet, const Arrival& arrival) {
     const Uuid uuid = uuid_of(packet);
     if (is_after_end(uuid, packet)) {
@@ -72,8 +72,8 @@ Call* CallTable::add(const media::Packet& packet, const Arrival& arrival) {
     return last_;
 }
 
-// Data that was sent after the terminate packet has overtaken the next start packet. The
-// terminate packet itself may be overtaken by a control packet that was sent after it.
+// Data sent after the terminate packet has overtaken the next start packet. A control packet may
+// have been sent after the terminate packet and come before it.
 bool CallTable::is_after_end(const Uuid& uuid, const media::Packet& packet) const {
     const Ended* const ended = terminated_.find(uuid);
     switch (packet.type) {
@@ -89,7 +89,7 @@ bool CallTable::is_after_end(const Uuid& uuid, const media::Packet& packet) cons
     return ended != nullptr && packet.send_time <= ended->terminate_time;
 }
 
-// A call that has ended still belongs to its sender's address while it is remembered.
+// While an ended call is remembered, it still belongs to its sender's address.
 bool CallTable::is_foreign(const Uuid& uuid, const sockaddr_in& source) const {
     if (limits_.any_source) {
         return false;
@@ -100,7 +100,7 @@ bool CallTable::is_foreign(const Uuid& uuid, const sockaddr_in& source) const {
            (left != nullptr && left->address != source.sin_addr.s_addr);
 }
 
-// Continues the sides of an earlier call that was not terminated, unless they start anew.
+// Continues the sides of an earlier call that was not terminated, unless they start again.
 void CallTable::continue_earlier(Call& call, const media::Packet& packet) {
     const LeftBehind* const left = left_behind_.find(call.uuid());
     if (left == nullptr) {

@@ -1,14 +1,14 @@
-// All calls that the receiver knows: finds the call of a packet, adds and ends calls, and
-// remembers those that have ended. What a packet does to its call is the call's affair.
+// All calls that the node knows: finds the call of a packet, adds and ends calls, and remembers
+// ended calls. Call handles the effect of a packet.
 //
-// A call is known by its UUID; its call key must stay the same.
-// After its terminate packet a call stays a moment for packets that were overtaken; after that
-// its UUID is remembered for a while, so that a straggler does not look like a new call.
-// A call that timed out, perhaps on hold, or became too old may go on as another call,
-// without start packet: where its sides were is remembered for as long as a call may last.
+// A call is identified by its UUID; its call key must stay the same. After its terminate packet, a
+// call waits a moment for packets that were sent earlier. Its UUID is then remembered for some
+// time, so that a late packet does not look like a new call. A call that timed out (it may be on
+// hold) or became too old may continue as another call without a start packet. For this, the places
+// of its sides are remembered for as long as a call may last.
 //
-// The caller passes the time. Belongs to one thread; two tables share nothing but the outputs
-// that both are given.
+// The caller passes the time. Belongs to one thread. Two tables share nothing but the outputs that
+// both receive.
 #pragma once
 
 #include <cstdint>
@@ -33,10 +33,10 @@ class CallTable {
     CallTable(const CallTable&) = delete;
     CallTable& operator=(const CallTable&) = delete;
 
-    // Takes in a decoded packet.
+    // Handles a decoded packet.
     void receive(const media::Packet& packet, const Arrival& arrival);
 
-    // Ends what is due; to be called some times a second.
+    // Ends calls that are due. Call it several times a second.
     void tick(Micros now);
 
     // Ends all calls.
@@ -48,9 +48,9 @@ class CallTable {
   private:
     using Calls = std::unordered_map<Uuid, std::unique_ptr<Call>, UuidHash>;
 
-    // What is remembered of a call that has ended.
+    // What is remembered of an ended call.
     struct Ended {
-        in_addr_t address;            // That the call belonged to.
+        in_addr_t address;            // The address that the call belonged to.
         std::int64_t terminate_time;  // Send time of the terminate packet.
     };
     struct LeftBehind {
@@ -71,9 +71,10 @@ class CallTable {
     const CallLimits limits_;
     Totals totals_;
     CallCounter counter_{totals_};
-    std::vector<CallListener*> outputs_;  // The counter and those of the constructor.
+    std::vector<CallListener*> outputs_;  // The counter, then those of the constructor.
     Calls calls_;
-    Call* last_ = nullptr;  // Of the latest packet: packets of a call often come together.
+    // Call of the latest packet, because packets of a call often come together.
+    Call* last_ = nullptr;
     ExpiringMap<Ended> terminated_;
     // Calls that ended without a terminate packet, or with an implausible one.
     ExpiringMap<LeftBehind> left_behind_;

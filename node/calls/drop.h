@@ -8,15 +8,15 @@ namespace qv::node {
 
 enum class Drop : std::uint8_t {
     TOO_MANY_CALLS,
-    AFTER_END,       // The call has ended; also a second terminate packet, or one of an
-                     // unknown call.
-    OTHER_CALL_KEY,  // The UUID is known with another key.
+    // The call has ended. Also for a second terminate packet, or one of an unknown call.
+    AFTER_END,
+    OTHER_CALL_KEY,  // The UUID belongs to a call with another key.
     OTHER_ADDRESS,   // The call belongs to another sender's address.
-    OTHER_LEG,       // The other leg already carries this call side.
-    REPEATED_START,  // The same start packet again.
-    OLD_CONTROL,     // A control packet again, or one that a later one has overtaken.
+    OTHER_LEG,       // The other leg already carries this side of the call.
+    REPEATED_START,  // A repeated start packet.
+    OLD_CONTROL,     // A repeated control packet, or one sent before the latest.
     FAR_AHEAD,       // A terminate packet whose send time the call's other packets refute.
-    DUPLICATE,       // Data packets, as the reorder buffer counts them:
+    DUPLICATE,       // Data packets, as counted by the reorder buffer:
     LATE,
     IMPLAUSIBLE,
 };
@@ -50,7 +50,7 @@ constexpr const char* describe(Drop reason) {
     return "unknown reason";
 }
 
-// The reason as a label of a metric.
+// The reason as the label of a metric.
 constexpr const char* name_of(Drop reason) {
     switch (reason) {
         case Drop::TOO_MANY_CALLS:

@@ -1,5 +1,5 @@
-// A map from calls' UUIDs to values that expire after a time; beyond a number of them the
-// oldest expire sooner. It remembers calls that have ended. Belongs to one thread.
+// A map from UUIDs of calls to values that expire after a time. Above a limited number, the oldest
+// expire sooner. It remembers ended calls. Belongs to one thread.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@
 
 namespace qv::node {
 
-// Seeded, so that a sender cannot choose UUIDs that collide.
+// Seeded, so that a sender cannot choose colliding UUIDs.
 class UuidHash {
   public:
     UuidHash() : seed_(std::uint64_t{std::random_device()()} << 32 | std::random_device()()) {}
@@ -36,16 +36,16 @@ class UuidHash {
 template <typename Value>
 class ExpiringMap {
   public:
-    // Holds the latest `most` values, each for `time`.
+    // Keeps the latest `most` values, each for `time`.
     ExpiringMap(std::size_t most, Micros time) : most_(most), time_(time) {}
 
-    // Replaces the call's value, if it has one.
+    // Replaces the call's earlier value.
     void keep(const Uuid& uuid, Value value, Micros now) {
         kept_.insert_or_assign(uuid, Kept{std::move(value), ++count_});
         order_.push_back({uuid, count_, now});
     }
 
-    // Null when the call has no value. Valid until the map changes.
+    // Returns null if the call has no value. The pointer is valid until the map changes.
     const Value* find(const Uuid& uuid) const {
         const auto found = kept_.find(uuid);
         return found != kept_.end() ? &found->second.value : nullptr;
@@ -53,7 +53,7 @@ class ExpiringMap {
 
     void erase(const Uuid& uuid) { kept_.erase(uuid); }
 
-    // Removes what has expired.
+    // Removes expired values.
     void expire(Micros now) {
         while (!order_.empty() && (now - order_.front().since >= time_ || order_.size() > most_)) {
             const auto found = kept_.find(order_.front().uuid);

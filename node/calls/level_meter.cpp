@@ -7,7 +7,7 @@ namespace qv::node {
 
 namespace {
 
-// Of so many samples the lower halves of the squares do not overflow 32 bits.
+// For this many samples, the sum of the lower halves of the squares fits 32 bits.
 constexpr std::size_t LONGEST_PART = 65'536;
 
 double root_mean(double squares, std::uint64_t count) {
@@ -29,8 +29,8 @@ void LevelMeter::add(const std::int16_t* samples, std::size_t count) {
     }
 }
 
-// The lower and upper halves of the squares are summed apart: so 32 bits hold each sum, and the
-// compiler takes many samples at once.
+// The lower and upper halves of the squares are summed separately. Each sum then fits 32 bits, and
+// the compiler can process many samples at the same time.
 void LevelMeter::add_part(const std::int16_t* samples, std::size_t count) {
     std::uint32_t lower_halves = 0;
     std::uint32_t upper_halves = 0;

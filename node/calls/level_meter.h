@@ -1,5 +1,5 @@
-// Measures how loud one side is: since the beginning, and since the last question. Belongs to
-// one thread.
+// Measures the level of one side: since the beginning, and since the last call. Belongs to one
+// thread.
 #pragma once
 
 #include <cstddef>
@@ -7,10 +7,10 @@
 
 namespace qv::node {
 
-// Decibels relative to a full-scale square wave; SILENCE_DB stands for digital silence.
+// Decibels relative to a full-scale square wave. SILENCE_DB means digital silence.
 constexpr double SILENCE_DB = -96.0;
 
-// The level of that amplitude, full scale being 32768.
+// The level of an amplitude, with a full scale of 32768.
 double decibels(double amplitude);
 
 class LevelMeter {
@@ -29,7 +29,7 @@ class LevelMeter {
 
     std::uint64_t count_ = 0;
     std::uint64_t recent_count_ = 0;
-    double squares_ = 0;  // Up to the last question.
+    double squares_ = 0;  // Up to the last call of that function.
     std::uint64_t recent_squares_ = 0;
     int peak_ = 0;
 };

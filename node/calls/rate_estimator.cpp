@@ -11,24 +11,25 @@ namespace qv::node {
 
 namespace {
 
-constexpr Micros LONGEST_INTERVAL{250'000};  // Frames are shorter; more is a pause.
-constexpr Micros SHORTEST_INTERVAL{5'000};   // Less is catching up, or a split frame.
+constexpr Micros LONGEST_INTERVAL{250'000};  // Frames are shorter. A longer interval is a pause.
+// A shorter interval means catching up, or a split frame.
+constexpr Micros SHORTEST_INTERVAL{5'000};
 constexpr Micros ENOUGH{1'000'000};
 constexpr Micros LITTLE{60'000};
 constexpr std::uint32_t LARGEST_PACKET = media::MAX_AUDIO_SIZE / 2;
 constexpr int USUAL_RATES[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000, 96000};
 
-// Neighbours such as 11025 and 12000 Hz differ by 9 %, all others by a fourth and more: where
-// the frame length decides between neighbours, a larger error of the measurement is harmless.
+// Neighbours such as 11025 and 12000 Hz differ by 9 %, all others by at least a fourth. If the
+// frame length decides between neighbours, a larger error of the measurement is therefore harmless.
 constexpr double LARGEST_ERROR = 0.04;
 constexpr double LARGEST_ERROR_WITH_FRAME = 0.15;
 
-// A packet at the beginning or end of the span may have been late by the longest interval. The
-// span must be so many times longer for the errors above to hold.
+// The packets at the beginning and the end of the span may have been late by the longest interval.
+// For the errors above to hold, the span must be this many times longer.
 constexpr int SPAN_IN_INTERVALS = 25;
 constexpr int SPAN_IN_INTERVALS_WITH_FRAME = 8;
 
-// `earlier` must not be later; forged times must not overflow.
+// `earlier` must not be later. Forged times must not overflow.
 Micros time_between(std::int64_t earlier, std::int64_t later) {
     const auto time = static_cast<std::uint64_t>(later) - static_cast<std::uint64_t>(earlier);
     constexpr std::uint64_t pause = 3600'000'000;
@@ -39,7 +40,7 @@ double milliseconds(std::uint32_t samples, int rate) {
     return samples * 1000.0 / rate;
 }
 
-// Whether a frame of that length lasts 10 to 120 ms and a multiple of `step_ms`. Frames at
+// Returns whether a frame of that length lasts 10 to 120 ms, in multiples of `step_ms`. Frames at
 // 11025 Hz are rounded to whole samples.
 bool goes_with(std::uint32_t frame, int rate, int step_ms) {
     const double length = milliseconds(frame, rate);
@@ -50,7 +51,7 @@ double error_of(double measured, int rate) {
     return std::abs(measured - rate) / rate;
 }
 
-// The nearest rate within the error that `suits`, or nothing.
+// Returns the nearest rate within the error that `suits`, or nullopt.
 template <typename Suits>
 std::optional<int> nearest_usual_rate(double measured, double largest_error, Suits suits) {
     std::optional<int> nearest;
@@ -64,7 +65,7 @@ std::optional<int> nearest_usual_rate(double measured, double largest_error, Sui
     return nearest;
 }
 
-// Multiples of 10 ms first: 661 samples are 60 ms at 11025 Hz and 55 ms at 12000 Hz.
+// Tries multiples of 10 ms first: 661 samples are 60 ms at 11025 Hz and 55 ms at 12000 Hz.
 std::optional<int> rate_by_frame(double measured, std::uint32_t frame) {
     for (const int step_ms : {10, 5}) {
         const auto found = nearest_usual_rate(
@@ -110,7 +111,7 @@ void RateEstimator::add(std::uint32_t sample_offset, std::uint16_t sample_count,
     last_time_ = send_time;
 }
 
-// A full packet may be a part of its frame, whose rest follows.
+// A full packet may be the first part of a split frame.
 void RateEstimator::count_packet(std::uint16_t sample_count) {
     unfinished_ += sample_count;
     if (sample_count != LARGEST_PACKET || unfinished_ >= 20 * LARGEST_PACKET) {

@@ -10,12 +10,12 @@ namespace {
 constexpr std::uint64_t MAX_PACKET_SAMPLES = media::MAX_AUDIO_SIZE / 2;
 constexpr std::uint32_t HALF_RANGE = 0x80000000;
 
-// What a sender that was held up may be ahead of the time since its previous packet.
+// How far a delayed sender may be ahead of the time since its previous packet.
 constexpr double CATCHING_UP_S = 1;
-// While the rate is not known.
+// Used while the rate is unknown.
 constexpr int HIGH_RATE = 48'000;
 
-// Whether a packet with these numbers can come after one that ends there.
+// Returns whether a packet with these numbers can follow a packet that ends there.
 bool can_follow(std::uint32_t sequence_number, std::uint32_t sample_offset,
                 std::uint32_t next_number, std::uint32_t next_offset) {
     const std::uint64_t missing_packets = sequence_number - next_number;
@@ -63,7 +63,7 @@ ReorderBuffer::Verdict ReorderBuffer::receive_joining(const AudioPacket& packet,
                                                       OrderedOutput& out) {
     if (held_.empty()) {
         joined_ = now;
-        // Earlier ones may follow.
+        // Earlier packets may still come.
         next_ = packet.sequence_number - HISTORY;
     }
     if (ahead_of_next(packet.sequence_number) >= 2 * HISTORY) {
@@ -73,7 +73,7 @@ ReorderBuffer::Verdict ReorderBuffer::receive_joining(const AudioPacket& packet,
     return joining_ ? verdict : Verdict::DELIVERED;
 }
 
-// Begins with the first of the packets that have come.
+// Starts with the first of the packets that have come.
 void ReorderBuffer::settle(OrderedOutput& out) {
     joining_ = false;
     while (held_.size() > 2 && first_held_refuted()) {
@@ -112,7 +112,7 @@ void ReorderBuffer::finish(OrderedOutput& out) {
     }
 }
 
-// Delivers or drops it, without waiting for another packet to confirm it.
+// Delivers or drops it without waiting for a packet that confirms it.
 void ReorderBuffer::release_first_held(OrderedOutput& out) {
     if (first_held_refuted() || first_held_implausible()) {
         drop_first_held();
@@ -126,8 +126,8 @@ void ReorderBuffer::drop_first_held() {
     held_.erase(held_.begin());
 }
 
-// Those before it went on coming, or it leaves no time for what is missing, and no later packet
-// has confirmed it.
+// Packets before the gap kept coming, or the send time leaves no time for what is missing; and no
+// later packet has confirmed the first held one.
 bool ReorderBuffer::first_held_implausible() const {
     const Held& first = held_.front();
     if (first.sequence_number == next_) {
@@ -138,7 +138,7 @@ bool ReorderBuffer::first_held_implausible() const {
     return implausible && held_.size() < 2;
 }
 
-// The two that come after it follow each other, but not this one.
+// The next two packets follow each other, but not this one.
 bool ReorderBuffer::first_held_refuted() const {
     const auto follows = [](const Held& later, const Held& earlier) {
         return can_follow(
@@ -149,12 +149,12 @@ bool ReorderBuffer::first_held_refuted() const {
            (held_.size() == 2 || follows(held_[2], held_[1]));
 }
 
-// Whether so much audio cannot have been missed before a packet that was sent then.
+// Returns whether this much audio cannot have been missed before a packet with that send time.
 bool ReorderBuffer::is_too_much(std::uint64_t missing_samples, std::int64_t send_time) const {
     if (!last_time_.has_value()) {
         return false;
     }
-    // As floating point: forged times must not overflow.
+    // Computed as floating point, because forged times could overflow.
     const double passed = (static_cast<double>(send_time) - static_cast<double>(*last_time_)) / 1e6;
     const int rate = rate_ != 0 ? rate_ : HIGH_RATE;
     return static_cast<double>(missing_samples) / rate > passed + CATCHING_UP_S;
@@ -234,7 +234,7 @@ ReorderBuffer::Verdict ReorderBuffer::hold(const AudioPacket& packet, Micros now
     return Verdict::HELD;
 }
 
-// Whether the packet continues the one held before `place`, where another one with the same
+// Returns whether the packet continues the one held before `place`, while another one with the same
 // sequence number does not.
 bool ReorderBuffer::replaces(const AudioPacket& packet,
                              std::vector<Held>::const_iterator place) const {
@@ -246,12 +246,12 @@ bool ReorderBuffer::replaces(const AudioPacket& packet,
            before.sample_offset + before.samples.size() == packet.sample_offset;
 }
 
-// Follows a sender that has jumped: forward over a long loss, or anywhere after it
-// began to count anew.
+// Follows a sender that has jumped: forward after a long loss, or to any place after it restarted
+// its counters.
 void ReorderBuffer::resync(const AudioPacket& packet, OrderedOutput& out) {
     ++stats_.resyncs;
     if (joining_) {
-        // What came first was not of the stream that is here.
+        // The packets that came first did not belong to this stream.
         joining_ = false;
         stats_.implausible += held_.size();
         held_.clear();
@@ -292,7 +292,7 @@ void ReorderBuffer::deliver_first_held(OrderedOutput& out) {
     const AudioPacket packet{held.sequence_number, held.sample_offset,
                              static_cast<std::uint16_t>(held.samples.size()), held.samples.data(),
                              held.send_time};
-    // What was plausible when it came may contradict what was delivered since.
+    // A packet that was plausible when it came may contradict what was delivered since.
     if (!plausible(packet)) {
         ++stats_.implausible;
         return;
@@ -317,7 +317,7 @@ void ReorderBuffer::report_gap(std::uint32_t lost_packets, std::uint64_t missing
     out.gap(gap);
 }
 
-// The packets from next_ on have not come: makes their bits of the history say so.
+// Records in the history that the packets from next_ on have not come.
 void ReorderBuffer::forget_skipped(std::uint32_t count) {
     const std::uint32_t bits = std::min(count, HISTORY);
     for (std::uint32_t i = 0; i < bits; ++i) {

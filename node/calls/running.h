@@ -1,5 +1,5 @@
-// What the node does with the audio of a side: what the call asks for, as far as the node does
-// it. Plain values; any thread may use them.
+// What the node does with the audio of a side: what the call asks for and the node offers. Plain
+// values; any thread may use them.
 #pragma once
 
 #include <cstdint>
@@ -9,16 +9,16 @@
 
 namespace qv::node {
 
-// What the node does when a call asks for it.
+// What the node does if a call asks for it.
 struct Services {
     enum class Recording : std::uint8_t {
-        ALL,        // Every side, asked for or not.
-        REQUESTED,  // The sides for which the call asks for it.
+        ALL,        // Every side, requested or not.
+        REQUESTED,  // The sides for which the call requests it.
         NONE,
     };
 
     bool activity = false;
-    bool detection = false;  // There are samples to look for.
+    bool detection = false;  // Whether there are samples to search for.
     Recording recording = Recording::ALL;
 };
 

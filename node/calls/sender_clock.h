@@ -1,10 +1,10 @@
-// Where the clock of a call's sender stands, from the send times of its packets: for judging a
-// packet whose send time cannot be true.
+// The present time of the clock of a call's sender, derived from the send times of its packets. It
+// shows whether the send time of a packet can be true.
 //
-// Between packets the sender's clock goes on as the receiver's does. A send time that is far from
-// both is implausible until the next packet confirms it: a single forged packet does not move the
-// clock, and a sender that is faster than real time may leap over a pause. Plain values; belongs
-// to one thread.
+// Between packets, the sender's clock advances like the receiver's. A send time that is far from
+// both is implausible until the next packet confirms it. A single forged packet therefore does not
+// move the clock, and a sender that is faster than real time may skip a pause. Plain values;
+// belongs to one thread.
 #pragma once
 
 #include <cmath>
@@ -16,7 +16,7 @@ namespace qv::node {
 
 class SenderClock {
   public:
-    // Send times that are further off cannot be true, or the sender does not keep real time.
+    // A send time that differs by more cannot be true, unless the sender does not keep real time.
     static constexpr Micros TOLERANCE{2'000'000};
 
     // A packet of the call's audio came at `now`.
@@ -30,16 +30,16 @@ class SenderClock {
         }
     }
 
-    // Whether a packet that comes at `now` cannot have been sent so late, unless the sender is
-    // faster than real time.
+    // Whether a packet that comes at `now` claims a send time in the future, which is possible only
+    // if the sender is faster than real time.
     bool is_far_ahead(std::int64_t send_time, Micros now) const {
         return begun_ && send_time > at(now) && !is_near(send_time, at(now));
     }
 
-    // The sender has been in step with real time for longer than the tolerance.
+    // Whether the sender has kept real time for longer than the tolerance.
     bool keeps_real_time() const { return latest_came_ - first_came_ > TOLERANCE && !faster_; }
 
-    // What the sender's clock shows at `now`; 0 before any packet.
+    // The time on the sender's clock at `now`. 0 before any packet.
     std::int64_t at(Micros now) const { return sum(latest_, (now - latest_came_).count()); }
 
   private:
@@ -67,7 +67,7 @@ class SenderClock {
 
     bool begun_ = false;
     bool implausible_ = false;
-    bool faster_ = false;  // Than real time.
+    bool faster_ = false;  // Faster than real time.
     std::int64_t first_ = 0;
     Micros first_came_{0};
     std::int64_t latest_ = 0;

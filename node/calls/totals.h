@@ -1,4 +1,4 @@
-// Counters of all calls since the receiver began. Belongs to one thread.
+// Counters of all calls since the node started. Belongs to one thread.
 #pragma once
 
 #include <array>
@@ -12,19 +12,21 @@
 namespace qv::node {
 
 struct Totals {
-    std::array<std::uint64_t, 4> packets{};  // Start, terminate, data, control: type - 0x81.
+    // Start, terminate, data, control. Indexed by type - 0x81.
+    std::array<std::uint64_t, 4> packets{};
     std::array<std::uint64_t, DROP_COUNT> dropped{};
     std::uint64_t calls_begun = 0;
     std::uint64_t calls_ended = 0;
-    std::uint64_t calls_not_terminated = 0;  // Ended without their terminate packet.
+    std::uint64_t calls_not_terminated = 0;  // Ended without a terminate packet.
     std::uint64_t calls_without_start = 0;
     std::uint64_t audio_bytes = 0;
     std::uint64_t gaps = 0;
-    std::uint64_t lost_packets = 0;  // Given up; those that came later are dropped as LATE.
-    std::uint64_t reordered = 0;     // Of ended calls.
+    // No longer waited for. Those that came later are dropped as LATE.
+    std::uint64_t lost_packets = 0;
+    std::uint64_t reordered = 0;  // Of ended calls.
     std::uint64_t silence_samples = 0;
     std::uint64_t pauses = 0;         // Of the senders.
-    std::uint64_t assumed_rates = 0;  // Sides whose packets did not tell their sample rate.
+    std::uint64_t assumed_rates = 0;  // Sides whose packets did not show their sample rate.
     std::uint64_t file_errors = 0;
 
     std::uint64_t all_packets() const { return packets[0] + packets[1] + packets[2] + packets[3]; }
@@ -38,7 +40,7 @@ struct Totals {
     }
 };
 
-// Counts what happens to calls; an output of the call table's own.
+// Counts the events of calls. An output that the call table owns.
 class CallCounter : public CallListener {
   public:
     // `totals` must outlive the counter.

@@ -1,4 +1,4 @@
-// Words that all units of the receiver share: call UUIDs, times, sides, datagrams.
+// Types that all units of the node share: call UUIDs, times, sides, datagrams.
 #pragma once
 
 #include <netinet/in.h>
@@ -16,20 +16,20 @@ namespace qv::node {
 
 using Uuid = std::array<unsigned char, media::UUID_SIZE>;
 
-// The 36-character form.
+// Returns the form with 36 characters.
 inline std::string uuid_text(const Uuid& uuid) {
     return utils::str::print_uuid(uuid.data());
 }
 
-// A moment on the receiver's steady clock, or a span of time. Units that need the time get it
-// as an argument, so that tests own the clock.
+// A moment on the node's steady clock, or a span of time. Units that need the time receive it as an
+// argument, so that tests control the clock.
 using Micros = std::chrono::microseconds;
 
 inline Micros steady_now() {
     return std::chrono::duration_cast<Micros>(std::chrono::steady_clock::now().time_since_epoch());
 }
 
-// When a datagram came, and where from.
+// When and from where a datagram came.
 struct Arrival {
     Micros time{0};
     sockaddr_in source{};
@@ -56,10 +56,10 @@ constexpr const char* name_of(Side side) {
     return side == Side::ORIGINATOR ? "originator" : "terminator";
 }
 
-// The rate that audio gets when neither an option nor its packets say.
+// The rate for audio if neither an option nor its packets determine one.
 constexpr int DEFAULT_SAMPLE_RATE = 8000;
 
-// 0 Hz is a rate that is not known.
+// A rate of 0 Hz is unknown.
 inline double seconds_of(std::uint64_t samples, int sample_rate) {
     return static_cast<double>(samples) / (sample_rate != 0 ? sample_rate : DEFAULT_SAMPLE_RATE);
 }
