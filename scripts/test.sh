@@ -4,23 +4,23 @@
 #   scripts/test.sh                the release stage: all tests of the build that is shipped,
 #                                  including those of the packages and the documents
 #   scripts/test.sh --all          all stages, which is what CI runs
-#   scripts/test.sh STAGE...       only these: format tidy release asan tsan fuzz bare
+#   scripts/test.sh STAGE...       only these: format tidy release bare asan tsan fuzz
 #
 #   format    the sources are formatted as .clang-format says
 #   tidy      the checks of .clang-tidy find nothing
 #   release   what is shipped
+#   bare      on a minimal Debian 12 that has nothing else: the demo runs from a checkout, and
+#             the packages can be installed and used; runs beside the stages that follow
 #   asan      the tests under the address and undefined behaviour sanitizers
 #   tsan      the concurrent tests under the thread sanitizer
 #   fuzz      every fuzz target replays its corpus and fuzzes for some seconds
-#   bare      on a minimal Debian 12 that has nothing else: the demo runs from a checkout, and
-#             the packages can be installed and used
 #
 # At the end, prints what was skipped and why, what failed with the command that runs just that
 # again, and the line "N passed, N failed, N skipped". Exits with 1 if anything failed.
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-ALL_STAGES=(format tidy release asan tsan fuzz bare)
+ALL_STAGES=(format tidy release bare asan tsan fuzz)
 FUZZ_SECONDS=${FUZZ_SECONDS:-5}
 jobs=$(nproc)
 
@@ -28,6 +28,7 @@ jobs=$(nproc)
 # the path of that clone, which does no harm here.
 export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=true
 passed=0 failed=0 skipped=0
+bare_process=  # Runs the checks on a bare machine, if they were started.
 failures=()  # What failed; on the next line, the command that runs just that again.
 skips=()     # What was skipped, and why.
 
@@ -132,40 +133,66 @@ stage_fuzz() {
         fail "build of fuzz" "cmake --build --preset fuzz"
         return
     fi
-    local names name
+    local names name running=()
     mapfile -t names < <(scripts/fuzz.sh --list)
     for name in "${names[@]}"; do
-        while [ "$(jobs -rp | wc -l)" -ge "$jobs" ]; do wait -n; done
+        while [ "${#running[@]}" -ge "$jobs" ]; do
+            wait "${running[0]}"
+            running=("${running[@]:1}")
+        done
         fuzz_target "$name" &
+        running+=($!)
     done
-    wait
+    wait "${running[@]}"
     for name in "${names[@]}"; do
         check "fuzz_$name" "scripts/fuzz.sh --seconds $FUZZ_SECONDS $name" fuzz_succeeded "$name"
     done
 }
 
-# bare_check NAME COMMAND...: counts a check that needs a bare machine. Exit code 77 means that
-# none can be made on this machine.
-bare_check() {
-    local name=$1 status=0 log="build/${1// /-}.log"
+# try_bare NAME COMMAND...: runs the command, with its output and its exit code in files.
+try_bare() {
+    local file="build/${1// /-}" status=0
     shift
-    "$@" >"$log" 2>&1 || status=$?
+    "$@" >"$file.log" 2>&1 || status=$?
+    echo "$status" >"$file.status"
+}
+
+# Counts what try_bare ran. Exit code 77 means that no bare machine can be made here.
+count_bare() {
+    local name=$1 file="build/${1// /-}" status
+    shift
+    status=$(cat "$file.status")
     if [ "$status" -eq 77 ]; then
-        skip "$name" "$(tail -n 1 "$log")"
+        skip "$name" "$(tail -n 1 "$file.log")"
         return
     fi
-    [ "$status" -eq 0 ] || tail -n 40 "$log"
+    [ "$status" -eq 0 ] || tail -n 40 "$file.log"
     check "$name" "$*" test "$status" -eq 0
 }
 
-# Tries the demo and the packages on a bare machine, if one can be made.
+DEMO_ON_A_BARE_MACHINE=(scripts/bare_machine.sh)
+PACKAGES_ON_A_BARE_MACHINE=(tests/package/stand_alone_test.sh build/release)
+
+# Starts to try the demo and the packages on a bare machine. Most of that is waiting for
+# packages, so it runs beside the stages that follow, and is counted after the last of them.
 stage_bare() {
-    bare_check "demo on a bare machine" scripts/bare_machine.sh
-    if configure_and_build release; then
-        bare_check "packages on a bare machine" tests/package/stand_alone_test.sh build/release
-    else
+    if ! configure_and_build release; then
         fail "build of release" "cmake --build --preset release"
+        return
     fi
+    {
+        try_bare "packages on a bare machine" "${PACKAGES_ON_A_BARE_MACHINE[@]}"
+        try_bare "demo on a bare machine" "${DEMO_ON_A_BARE_MACHINE[@]}"
+    } &
+    bare_process=$!
+}
+
+count_bare_machines() {
+    [ -n "$bare_process" ] || return 0
+    say "bare, which ran beside the others"
+    wait "$bare_process"
+    count_bare "packages on a bare machine" "${PACKAGES_ON_A_BARE_MACHINE[@]}"
+    count_bare "demo on a bare machine" "${DEMO_ON_A_BARE_MACHINE[@]}"
 }
 
 if [ "${1:-}" = --help ]; then
@@ -192,6 +219,8 @@ for stage in "${stages[@]}"; do
     "stage_$stage"
     echo "$stage took $((SECONDS - started)) s"
 done
+count_bare_machines
+echo "all took $SECONDS s"
 
 echo
 [ "${#skips[@]}" -eq 0 ] || printf 'SKIPPED  %s\n' "${skips[@]}"
