@@ -54,7 +54,7 @@ def listed_event_fields():
     listed = {}
     table = DOCUMENT.split("## Events")[1].split("|---|---|")[1].split("\n## ")[0]
     for kind, text in re.findall(r"^\| `(\w+)`[^|]*\| (.*) \|$", table, re.M):
-        # What stands in brackets explains the field before it.
+        # Text in brackets explains the field before it.
         plain = re.sub(r"\([^()]*\)", "", text.split(", and under")[0])
         fields = set(re.findall(r"`(\w+)`", plain)) | {"event", "time"}
         fields |= PACKET_FIELDS if "the common fields" in text else set()
@@ -86,7 +86,7 @@ def audio(call, number):
     return [100 * call + number % 100] * 160
 
 
-# Mounts a small file system of its own, which nobody else sees, over the new folder $0.
+# Mounts a small private file system over the new folder $0; no other process sees it.
 WITH_TMPFS = 'mkdir "$0" && mount -t tmpfs -o size=%s tmpfs "$0" && exec "$@"'
 
 
@@ -238,7 +238,7 @@ def counted_in_summary(text, what):
             for count, reason in re.findall(what + r": ([\d,]+) +(\S.*)", text)}
 
 
-# Its check of an object's type opens a pipe, which must not fail.
+# The check of an object's type opens a pipe, which must not fail.
 needs_no_descriptor_of_its_own = unittest.skipIf(
     watched_by_a_sanitizer(), "the undefined behaviour sanitizer needs descriptors itself")
 
@@ -342,7 +342,8 @@ def killed_run(moment):
             expected = sum((audio(call, number) for number in range(1, 60)), [])
             assert list(there[::channels]) == expected[:frames], path
             uncounted = path.stat().st_size - 44 - 2 * len(there)
-            # Of the stereo file four blocks of each side are written at once while one is silent.
+            # While one side is silent, four blocks of each side are written to the stereo file at
+            # once.
             block = 1024 + 320 if channels == 1 else 4 * (8 * 512 + 160) // 2
             assert 0 <= uncounted <= block, f"{path}: {uncounted} bytes not counted"
             heard += frames
@@ -656,7 +657,8 @@ class NodeEndToEnd(unittest.TestCase):
             while not path.exists() or path.stat().st_size < 5000:
                 time.sleep(0.02)
             node.stop(signal.SIGKILL)
-            # As if it had been killed between the audio and the header that counts it.
+            # As if the node had been killed after it wrote the audio and before it counted it in
+            # the header.
             with open(path, "r+b") as file:
                 for place, size in ((4, 320 + 36), (40, 320)):
                     file.seek(place)
@@ -818,8 +820,8 @@ class NodeEndToEnd(unittest.TestCase):
                 node.send(*(of_call(call, golden("call_1_start")) for call in range(10)))
                 self.assertEqual(node.stop(), 1, node.text())
                 self.assertRegex(node.text(), "events not written +.*: File too large")
-                # One of the starts at most found room, and none of the ends. With each start
-                # audio activity begins to run on both sides.
+                # At most one of the starts found room, and none of the ends. Each start also starts
+                # the audio activity on both sides.
                 lost = int(re.search(r"events lost: (\d+) ", node.text()).group(1))
                 written = (pathlib.Path(home) / "events").read_text().count("\n") - 1
                 self.assertEqual(written + lost, 40)
@@ -951,7 +953,7 @@ class NodeEndToEnd(unittest.TestCase):
             for part in range(10):
                 calls = of_distinct_calls([start, audio, terminate], part * 6000, 6000 // scale)
                 flood.send(mixed(calls, noise))
-            # These never end: the calls that there may be are soon taken.
+            # These calls never end, so the limit of calls is soon reached.
             for part in range(10, 20):
                 calls = of_distinct_calls([(start, audio)[part % 2]], part * 15000,
                                           15000 // scale)
@@ -969,7 +971,7 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertGreater(seen.by_label("unused_packets_total")["too_many_calls"],
                                100_000 // scale)
             files = self.check_files(node, events)
-            # Room is kept for both sides of each of the 100 calls that may be there.
+            # Room is kept for both sides of each of the 100 calls that may exist.
             self.assertLessEqual(len(files), 400)
             self.assertGreater(len(files), 400 - 2 * 100)
             self.assertGreater(seen["calls_not_written_total"], 0)
@@ -1011,7 +1013,8 @@ class NodeEndToEnd(unittest.TestCase):
             sent = 4 * (1 + 2 + 1)
             seen = counters_after(url, sent)
             self.assertEqual(node.stop(signal.SIGINT), 0, node.text())
-            # Each may have three files and makes two: the third call would fit, the fourth not.
+            # Each call may have three files and writes two. A third call would fit, a fourth would
+            # not.
             written = {f"{uuid_of(call)}{kind}" for call in (1, 2, 3)
                        for kind in ("-originator.wav", ".svg")}
             self.assertEqual({path.name for path in node.folder.iterdir()}, written)

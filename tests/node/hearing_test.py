@@ -22,7 +22,7 @@ from end_to_end_test import (NODE, Node, golden, listed_event_fields, of_call, s
 LISTENER = pathlib.Path(__file__).resolve().parents[2] / "examples" / "report_listener.py"
 RATE = 8000
 FRAME = 160
-# The features' bits: originator, terminator.
+# The bits of the features: originator, terminator.
 ACTIVITY, DETECTION, RECORDING = (0x04, 0x08), (0x10, 0x20), (0x40, 0x80)
 ALL_FEATURES = 0xFC
 ORIGINATOR, TERMINATOR = 0, 1

@@ -119,7 +119,7 @@ TEST_F(NodeOptionsTest, RefusalNamesTheOptionAndTheValue) {
     EXPECT_EQ(refusal_of({"--listen", "nowhere"}),
               "--listen: 'nowhere' is no IPv4 address and port, such as 127.0.0.1:40000");
     EXPECT_EQ(refusal_of({"--output", ""}), "--output: a folder needs a name");
-    // Without a port the system would choose one, which nobody wants by mistake.
+    // Without a port, the system would choose one, which nobody wants.
     for (const std::string text : {"", "192.0.2.9", "192.0.2.9:", ":"}) {
         EXPECT_EQ(refusal_of({"--listen", text}),
                   "--listen: '" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000");
@@ -140,7 +140,7 @@ TEST_F(NodeOptionsTest, MetricsMayBeServedOnAnyAddress) {
     EXPECT_EQ(qv::tools::address_text(*options_.metrics), "127.0.0.1:9100");
 }
 
-// In both programs it stands for --read.
+// In both programs, -r is the short form of --read.
 TEST_F(NodeOptionsTest, LetterRIsNotTheSampleRate) {
     EXPECT_EQ(parse({"-r", "trunk.pcap"}), std::nullopt);
     EXPECT_EQ(options_.read, "trunk.pcap");

@@ -15,7 +15,7 @@ namespace {
 
 using qv::node::notify_service_manager;
 
-// A socket of a service manager. In a name, '@' stands for the zero byte of an abstract one.
+// A service manager's socket. In a name, '@' stands for the zero byte of an abstract socket.
 class ServiceManagerTest : public testing::Test {
   protected:
     ~ServiceManagerTest() override {

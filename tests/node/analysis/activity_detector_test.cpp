@@ -31,7 +31,7 @@ std::vector<ActivityChange> changes_in(const Sound& sound, int rate,
     return changes.list;
 }
 
-// Two pieces of sound, from 1 to 2 and from 3 to 3.5 seconds, in faint noise.
+// Sound from 1 to 2 and from 3 to 3.5 seconds, in faint noise.
 Sound two_pieces(int rate) {
     const Sound sound = silence(1, rate) + babble(1, 1, rate) + silence(1, rate) +
                         babble(0.5, 2, rate) + silence(1, rate);

@@ -111,7 +111,7 @@ TEST(sample_detector, finds_tones_by_frequency_and_length) {
     const struct {
         std::string name;
         Sound sound;
-        double begin;  // Of the reference, before the sound.
+        double begin;  // Time before the sound in the reference.
     } cases[] = {
         {"beep", tone({1000}, 0.6), 0.2}, {"busy", busy(), 0},
         {"dial", tone({425}, 4), 0},      {"ring back", tone({440, 480}, 2), 0},

@@ -1,4 +1,4 @@
-// Sounds whose truth is known, for the tests of the analysis: always the same ones.
+// Sounds with known properties for the tests of the analysis. Every run uses the same ones.
 #pragma once
 
 #include <algorithm>
@@ -34,12 +34,13 @@ inline Sound tone(const std::vector<double>& frequencies, double seconds, int ra
     return sound;
 }
 
-// White, of this root mean square.
+// White noise with this root mean square.
 inline Sound noise(double seconds, double level, unsigned seed, int rate = 8000) {
     std::mt19937 random(seed);
     Sound sound(samples_in(seconds, rate));
     for (float& each : sound) {
-        // A sum of four is near enough to a normal distribution, and the same everywhere.
+        // The sum of four values is close enough to a normal distribution, and the same on every
+        // machine.
         double sum = 0;
         for (int i = 0; i < 4; ++i) {
             sum += static_cast<double>(random()) / 4294967295.0 - 0.5;
@@ -49,8 +50,8 @@ inline Sound noise(double seconds, double level, unsigned seed, int rate = 8000)
     return sound;
 }
 
-// Like somebody who speaks without words: syllables of a buzz with two wandering formants,
-// others for each seed, with short pauses between words.
+// Similar to speech without words: syllables of a buzz with two moving formants, which differ for
+// each seed, and short pauses between words.
 inline Sound babble(double seconds, unsigned seed, int rate = 8000, double level = 0.1) {
     std::mt19937 random(seed);
     const auto between = [&](double low, double high) {

@@ -35,7 +35,7 @@ class WorkerTest : public testing::Test {
         return worker_.add(side, RATE, wanted, position, samples.data(), samples.size());
     }
 
-    // Everything that is noticed of the audio so far.
+    // Returns everything detected in the audio so far.
     std::vector<Noticed> noticed() {
         worker_.drain();
         return worker_.take();

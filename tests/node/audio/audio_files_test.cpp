@@ -47,7 +47,7 @@ class AudioFilesTest : public testing::Test {
     std::unique_ptr<WavFolder> folder_;
 };
 
-// Puts a resource limit back when it goes.
+// Restores a resource limit when it is destroyed.
 class LimitGuard {
   public:
     LimitGuard(__rlimit_resource what, rlim_t value) : what_(what) {
@@ -99,7 +99,7 @@ TEST_F(AudioFilesTest, ExistingFileIsKeptUnlessAskedOtherwise) {
 
 TEST_F(AudioFilesTest, FilesThatWereMadeAreCounted) {
     put(*folder_->create("a.wav", 8000, 1), {1});
-    folder_->create("a.wav", 8000, 1);  // Fails: it exists.
+    folder_->create("a.wav", 8000, 1);  // Fails, because the file exists.
     folder_->create("b.wav", 8000, 1);
     EXPECT_EQ(folder_->created_files(), 2u);
 }

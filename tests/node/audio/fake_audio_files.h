@@ -1,4 +1,4 @@
-// An audio store in memory, whose files can be made to fail.
+// An audio store in memory. Its files can be made to fail.
 #pragma once
 
 #include <map>
@@ -31,8 +31,8 @@ class FakeAudioStore : public node::AudioStore {
     }
 
     std::map<std::string, FakeFile> files;
-    std::string error;                          // Set: every write fails with it.
-    std::map<std::string, std::string> errors;  // By name: writes of that file fail with it.
+    std::string error;                          // If set, every write fails with it.
+    std::map<std::string, std::string> errors;  // By name: writes to that file fail with the text.
 
   private:
     class Handle : public node::AudioFile {

@@ -16,7 +16,7 @@ using qv::tests::FakeAudioStore;
 constexpr Uuid CALL = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07,
                        0x08, 0x09, 0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f};
 
-// Counts how often it is asked for a file.
+// Counts how often it is asked whether a file exists.
 class AskedStore : public FakeAudioStore {
   public:
     bool exists(const std::string& name) const override {
@@ -84,7 +84,7 @@ TEST_F(FreeStemTest, IsFreeAlsoWhenFilesWereTakenAway) {
     }
 }
 
-// Calls that may make two files each, of four that one run may make.
+// Each call may create two files; one run may create four.
 class FileNamesTest : public testing::Test {
   protected:
     const std::string& begin(unsigned char last_byte) {

@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t BLOCK = 700;
 
-// The sample at that place of every file.
+// Returns the sample at that place, the same for every file.
 std::int16_t sample_at(std::size_t place) {
     return static_cast<std::int16_t>(place * 31 + 7);
 }
@@ -44,7 +44,7 @@ class OpenListTest : public testing::Test {
     void put(const std::string& name, const std::string& bytes) const {
         std::ofstream(path(name), std::ios::binary) << bytes;
     }
-    // As a run leaves it that was killed.
+    // Leaves the file as a killed run would.
     void put_list(const std::string& lines) const { put(".quorvane-node-open-abcdef", lines); }
 
     static std::string header_text(const WavFormat& format, std::uint64_t data_size) {
@@ -60,7 +60,7 @@ class OpenListTest : public testing::Test {
         return count;
     }
 
-    // Frames by an independent reader, which must like the file.
+    // Returns the number of frames that an independent reader finds. It must accept the file.
     static std::vector<std::int16_t> read(const std::string& path) {
         SF_INFO info{};
         SNDFILE* const file = sf_open(path.c_str(), SFM_READ, &info);
@@ -132,7 +132,7 @@ TEST_F(OpenListTest, HalfAFrameIsCutOff) {
     EXPECT_EQ(fs::file_size(path("a.wav")), 48u);
 }
 
-// A power cut may take what the system had not written.
+// A power cut may lose what the system had not written to the disk.
 TEST_F(OpenListTest, FileWithoutHeaderGetsThatOfTheList) {
     put("empty.wav", "");
     put("zeros.wav", std::string(50, '\0'));
@@ -167,13 +167,14 @@ TEST_F(OpenListTest, FilesOfARunThatLivesAreLeftAlone) {
     EXPECT_EQ(hidden_files(), 1u);
 }
 
-// The writer is another process, which is killed in the midst of making and writing files.
+// The writer is another process. It is killed while it creates and writes files.
 class KilledWriter : public OpenListTest {
   protected:
     static constexpr std::size_t FILES = 4;
 
     [[noreturn]] void write_until_killed() const {
-        WavFolder folder(folder_, 2, false);  // So that files are closed and opened, too.
+        // Two open files at most, so that files are also closed and opened again.
+        WavFolder folder(folder_, 2, false);
         std::vector<std::unique_ptr<AudioFile>> files;
         for (std::size_t i = 0; i < FILES; ++i) {
             files.push_back(folder.create("call-" + std::to_string(i) + ".wav", 16000,

@@ -13,7 +13,7 @@ using Samples = std::vector<std::int16_t>;
 constexpr Side ORIGINATOR = Side::ORIGINATOR;
 constexpr Side TERMINATOR = Side::TERMINATOR;
 
-// Blocks of four samples; so 32 samples of one side are what waits for the other side.
+// Blocks have four samples, so up to 32 samples of one side wait for the other side.
 class StereoRecordingTest : public testing::Test {
   protected:
     void put(Side side, const Samples& samples) {
@@ -82,7 +82,7 @@ TEST_F(StereoRecordingTest, LostAudioIsSilence) {
 TEST_F(StereoRecordingTest, ASideThatIsAwayIsPaddedWithSilence) {
     put(ORIGINATOR, Samples(32, 7));
     EXPECT_EQ(frames(), 16u);
-    // The pause has been written already; what follows stands at its place.
+    // The padding has taken the place of the pause, so the next audio follows directly.
     recording_.pause(TERMINATOR, 16);
     put(TERMINATOR, {9});
     recording_.finish();

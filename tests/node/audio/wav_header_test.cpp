@@ -7,15 +7,15 @@ namespace {
 using namespace qv::node;
 
 // Stereo, 48,000 Hz, 8 bytes of samples.
-constexpr WavHeader STEREO = {'R',  'I',  'F', 'F', 0x2c, 0, 0, 0,  // What follows: 44 bytes.
+constexpr WavHeader STEREO = {'R',  'I',  'F', 'F', 0x2c, 0, 0, 0,  // 44 bytes follow.
                               'W',  'A',  'V', 'E',                 //
                               'f',  'm',  't', ' ', 16,   0, 0, 0,  //
-                              1,    0,                              // Plain samples.
+                              1,    0,                              // PCM.
                               2,    0,                              // Channels.
                               0x80, 0xbb, 0,   0,                   // Rate.
-                              0x00, 0xee, 2,   0,                   // 192,000 bytes a second.
+                              0x00, 0xee, 2,   0,                   // 192,000 bytes per second.
                               4,    0,  // Bytes of one sample of both channels.
-                              16,   0,  // Bits a sample.
+                              16,   0,  // Bits per sample.
                               'd',  'a',  't', 'a', 8,    0, 0, 0};
 
 TEST(WavHeaderTest, BytesAreThoseOfTheFormat) {

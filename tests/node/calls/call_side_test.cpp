@@ -15,8 +15,7 @@ using namespace std::chrono_literals;
 using qv::media::Packet;
 using qv::media::PacketType;
 
-// Writes down what a side passes on, one word each: "audio160@0" are 160 samples from
-// position 0.
+// Records what a side passes on, one word each: "audio160@0" means 160 samples from position 0.
 class SideDiary : public CallListener {
   public:
     void side_begun(const Call& call, Side which) override {
@@ -45,7 +44,7 @@ class SideDiary : public CallListener {
         add("late" + std::to_string(packet.sequence_number));
     }
 
-    // What was told since the last time.
+    // What was reported since the last call.
     std::string take() { return std::exchange(text_, {}); }
 
     std::int16_t last_sample = 0;
@@ -57,7 +56,7 @@ class SideDiary : public CallListener {
     std::string text_;
 };
 
-// The originator's side of a call whose packets hold 160 samples of 20 ms.
+// The originator's side of a call. Each packet holds 160 samples, which are 20 ms.
 class CallSideTest : public testing::Test {
   protected:
     CallSideTest() { restart(8000); }
@@ -89,7 +88,7 @@ class CallSideTest : public testing::Test {
             data(number);
         }
     }
-    // Has the audio of the originator analysed for activity, or no more so.
+    // Starts or stops the activity analysis of the originator's audio.
     void switch_activity(bool on, std::int64_t send_time) {
         Packet made;
         made.type = PacketType::CONTROL;
@@ -105,7 +104,7 @@ class CallSideTest : public testing::Test {
 
     CallLimits limits_;
     Micros now_{1'000'000};
-    std::int64_t held_up_ = 0;  // The sender, in microseconds.
+    std::int64_t held_up_ = 0;  // Delay of the sender, in microseconds.
     SideDiary diary_;
     std::unique_ptr<Call> call_;
 };
@@ -268,7 +267,7 @@ TEST_F(CallSideTest, OneForgedSendTimeIsNoPause) {
     EXPECT_EQ(side().position(), 150u * 160);
 }
 
-// Both sides of a call that has been running for those times, joined at the same instant.
+// Both sides of a call that has been running for these times and is joined at the same moment.
 TEST_F(CallSideTest, SidesOfAJoinedCallBeginAtTheirPlaceInTime) {
     struct Case {
         int rate;
@@ -331,7 +330,7 @@ TEST_F(CallSideTest, AudioIsSplitWhereAFeatureIsSwitched) {
     limits_.services.activity = true;
     restart(8000);
     data(1);
-    data(3);  // Sent at 50.060 s; it is held.
+    data(3);  // Sent at 50.060 s. The packet is held.
     diary_.take();
     switch_activity(true, 50'045'000);
     switch_activity(false, 50'050'000);

@@ -18,7 +18,7 @@ using qv::media::Packet;
 using qv::media::PacketType;
 using qv::tests::FakeAudioStore;
 
-// Writes down what it is told, one word each.
+// Records what is reported, one word each.
 class Diary : public CallListener {
   public:
     void started(const Call& call, const Packet&) override {
@@ -92,7 +92,7 @@ class CallTableTest : public testing::Test {
         receive(made);
     }
 
-    // In real time: 20 ms a packet.
+    // In real time, 20 ms per packet.
     void talk(std::uint32_t first, std::uint32_t last, Side side = Side::ORIGINATOR) {
         for (std::uint32_t number = first; number <= last; ++number) {
             data(number, side);
@@ -113,7 +113,7 @@ class CallTableTest : public testing::Test {
         return table_->totals().dropped[static_cast<std::size_t>(reason)];
     }
 
-    // Of the originator's file of the call's first or later part.
+    // Of the originator's file of the first or a later part of the call.
     const qv::tests::FakeFile& file(int part) const {
         const std::string number = part == 1 ? "" : "-" + std::to_string(part);
         return store_.files.at(uuid_text(uuid_) + number + "-originator.wav");
@@ -289,7 +289,7 @@ TEST_F(CallTableTest, StragglersDoNotBringACallBack) {
     pass(1s);
     sent_ = ended;
     data(2);
-    sent_ += 1ms;  // A feature switched while the call was hung up.
+    sent_ += 1ms;  // A feature was switched while the call ended.
     control();
     terminate();
     EXPECT_EQ(table_->size(), 0u);
@@ -300,9 +300,9 @@ TEST_F(CallTableTest, OfTwoControlPacketsTheOneSentLaterHolds) {
     start();
     pass(1s);
     control();
-    control();  // The same again.
+    control();  // A copy.
     sent_ -= 500ms;
-    control();  // Overtaken by the first.
+    control();  // Sent before the first one.
     EXPECT_EQ(diary_.text, "start control");
     EXPECT_EQ(dropped(Drop::OLD_CONTROL), 2u);
 }
@@ -320,7 +320,7 @@ TEST_F(CallTableTest, SecondTerminateIsDroppedAndDoesNotPutTheEndOff) {
 TEST_F(CallTableTest, StrangerTakesNoCallOverThatHasEnded) {
     start();
     talk(1, 60);
-    pass(1h);  // The call has timed out, perhaps on hold.
+    pass(1h);  // The call has timed out. It may be on hold.
     source_.sin_addr.s_addr = 1;
     data(61);
     start(2);
@@ -459,7 +459,7 @@ TEST_F(CallTableTest, AMillionCallKeysStayWithinTheLimits) {
     }
     EXPECT_LE(table_->size(), 1000u);
     EXPECT_EQ(table_->totals().calls_begun + dropped(Drop::TOO_MANY_CALLS), 1'000'000u);
-    // A thousand more each time that the calls before have timed out, after 120 s.
+    // A thousand calls more, each time after the earlier ones have timed out (120 s).
     EXPECT_LE(store_.files.size(), (1000u / 120 + 1) * 1000);
 }
 
@@ -553,7 +553,7 @@ TEST_F(CallTableTest, EachFileThatFailsIsReportedOnceWhenItFails) {
     EXPECT_EQ(table_->totals().file_errors, 2u);
 }
 
-// Writes a file of its own at the end of each call, in vain.
+// Fails to write a file of its own at the end of each call.
 class FailingWriter : public CallListener {
   public:
     std::unique_ptr<CallListener> begin_call(Call& call) override {
@@ -587,7 +587,7 @@ TEST_F(CallTableTest, FileOfAnOutputThatFailsIsReportedAndCountedLikeOthers) {
     EXPECT_EQ(writer.failed, 1u);
 }
 
-// Every field random, the identity mostly kept: nothing may crash, hang or fill up.
+// Every field is random; the identity is kept in most packets. Nothing may crash, hang or fill up.
 TEST_F(CallTableTest, RandomPacketsAreSurvived) {
     CallLimits limits;
     limits.max_calls = 50;

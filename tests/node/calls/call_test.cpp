@@ -14,7 +14,7 @@ using qv::media::features16_t;
 using qv::media::Packet;
 using qv::media::PacketType;
 
-// Writes down what it is told, one word each.
+// Records what is reported, one word each.
 class Diary : public CallListener {
   public:
     void started(const Call& call, const Packet&) override {
@@ -38,7 +38,7 @@ class Diary : public CallListener {
         add(std::string("end ") + name_of(reason));
     }
 
-    // What was told since the last time.
+    // What was reported since the last call.
     std::string take() { return std::exchange(text_, {}); }
 
   private:
@@ -47,7 +47,7 @@ class Diary : public CallListener {
     std::string text_;
 };
 
-// Calls of one UUID and key, without a table.
+// Calls with the same UUID and key, without a table.
 class CallTest : public testing::Test {
   protected:
     std::unique_ptr<Call> make_call(const std::vector<CallListener*>& outputs) {
@@ -93,7 +93,7 @@ class CallTest : public testing::Test {
         return call_->receive(packet, {now_, source_});
     }
 
-    // A packet of 20 ms from each time on, in real time.
+    // Sends a packet of 20 ms at each of these times, in real time.
     void talk(std::uint32_t first, std::uint32_t last) {
         for (std::uint32_t number = first; number <= last; ++number) {
             data(number);
@@ -338,7 +338,7 @@ TEST_F(CallTest, LaterCallGoesOnWhereTheSidesWereLeft) {
     EXPECT_EQ(call_->side(Side::ORIGINATOR).position(), 160u);
 }
 
-// An output that keeps a diary for each call.
+// An output that keeps a record for each call.
 class Library : public CallListener {
   public:
     std::unique_ptr<CallListener> begin_call(Call&) override {

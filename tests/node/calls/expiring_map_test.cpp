@@ -17,7 +17,7 @@ class ExpiringMapTest : public testing::Test {
 
     void keep(unsigned char last_byte, int what) { map_.keep(call(last_byte), what, now_); }
 
-    // What is remembered of the call; 0 for nothing.
+    // The value that is remembered for the call, or 0.
     int of(unsigned char last_byte) const {
         const int* const what = map_.find(call(last_byte));
         return what != nullptr ? *what : 0;

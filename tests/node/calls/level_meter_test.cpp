@@ -65,7 +65,7 @@ TEST_F(LevelMeterTest, LevelOfTheCallKeepsWhatWasTaken) {
     hear(16384, 100);
     meter_.take_recent_db();
     hear(0, 100);
-    // Half of the power: three decibels less.
+    // Half of the power is three decibels less.
     EXPECT_NEAR(meter_.level_db(), -9.03, 0.005);
 }
 

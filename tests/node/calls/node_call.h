@@ -1,7 +1,7 @@
-// Lets a listener of the receiver watch calls made of the golden datagrams.
+// Feeds calls made of the golden datagrams to a listener of the media node.
 //
-// The verbs send datagrams through a real call table that writes into memory; time
-// passes only when the test says so. Belongs to the test's thread.
+// The verbs send datagrams through a real call table that writes into memory. Time passes only when
+// the test says so. Belongs to the test's thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,8 +22,8 @@ namespace qv::tests {
 
 class NodeCallTest : public testing::Test {
   protected:
-    // A derived test calls it first, with what it watches; the files of the calls are written,
-    // too. What the listener writes to must live as long as the test.
+    // A derived test calls this first, with the listeners to test. The files of the calls are
+    // written, too. Everything that the listeners write to must live as long as the test.
     void watch(const std::vector<node::CallListener*>& listeners,
                const node::CallLimits& limits = {}) {
         std::vector<node::CallListener*> outputs = {&file_names_, &recorder_};
@@ -31,7 +31,7 @@ class NodeCallTest : public testing::Test {
         table_ = std::make_unique<node::CallTable>(limits, outputs);
     }
 
-    // Before the listeners of a derived test go.
+    // Call it before the listeners of a derived test are destroyed.
     void TearDown() override { table_.reset(); }
 
     void send(const Bytes& datagram) {
@@ -42,7 +42,7 @@ class NodeCallTest : public testing::Test {
     }
     void send(const std::string& name) { send(golden(name)); }
 
-    // The whole short call, without the named datagram, up to its end.
+    // Sends the whole short call, without the named datagrams, until it has ended.
     void send_call(const std::string& lost = {}) {
         for (const std::string& name : golden_call()) {
             if (name != lost) {
@@ -52,7 +52,7 @@ class NodeCallTest : public testing::Test {
         pass(node::Micros{1'000'000});
     }
 
-    // The first packet of the golden call's originator, with these numbers in its place.
+    // The first packet of the golden call's originator, with these numbers instead of its own.
     void send_data(unsigned char sequence_number, unsigned char sample_offset) {
         Bytes datagram = golden("call_2_read");
         datagram[40] = sequence_number;
@@ -60,7 +60,7 @@ class NodeCallTest : public testing::Test {
         send(datagram);
     }
 
-    // The golden start packet, with that call reference of less than 1294 bytes.
+    // The golden start packet with that call reference, which must be shorter than 1294 bytes.
     void send_start(const std::string& reference) {
         Bytes datagram = golden("call_1_start");
         datagram.resize(82);
@@ -71,7 +71,7 @@ class NodeCallTest : public testing::Test {
         send(datagram);
     }
 
-    // Another call: the same start packet with a UUID that ends in that byte.
+    // The same start packet for another call, whose UUID ends in that byte.
     void send_start_of_call(unsigned char last_byte) {
         Bytes datagram = golden("call_1_start");
         datagram[31] = last_byte;

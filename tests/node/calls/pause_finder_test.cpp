@@ -8,7 +8,7 @@ using qv::node::PauseFinder;
 
 class PauseFinderTest : public testing::Test {
   protected:
-    // One frame of 20 ms at 8 kHz; returns how late it is.
+    // Sends a frame of 20 ms at 8 kHz. Returns how late it is.
     double frame() {
         const double lag = finder_.lag_s(sent_, 0, 8000, 0);
         finder_.advance(160);

@@ -15,8 +15,8 @@ using qv::node::RateEstimator;
 
 class RateEstimatorTest : public testing::Test {
   protected:
-    // Sends `frames` frames of `samples`, one each `interval_us`, sent up to `jitter_us`
-    // late in turn.
+    // Sends `frames` frames of `samples`, one every `interval_us`, each up to `jitter_us` late, in
+    // turn.
     void send(int frames, std::uint32_t samples, std::int64_t interval_us,
               std::int64_t jitter_us = 0) {
         for (int i = 0; i < frames; ++i) {
@@ -30,7 +30,7 @@ class RateEstimatorTest : public testing::Test {
         estimator_.add(offset, static_cast<std::uint16_t>(samples), time);
     }
 
-    // Sends frames that were held up for so long, all at once.
+    // Sends all frames of a time in which the sender was delayed, at once.
     void hold_up_and_catch_up(int frames, std::uint32_t samples, std::int64_t interval_us) {
         time_ += frames * interval_us;
         for (int i = 0; i < frames; ++i) {
@@ -72,7 +72,7 @@ TEST_F(RateEstimatorTest, JitterDoesNotMatter) {
     EXPECT_EQ(estimator_.rate(), 8000);
 }
 
-// 441 samples are 20 ms at 22050 Hz, and no whole tens of milliseconds at 24000 Hz.
+// 441 samples are 20 ms at 22050 Hz, but not a multiple of 10 ms at 24000 Hz.
 TEST_F(RateEstimatorTest, LengthOfAFrameTellsNeighboursApart) {
     send(60, 441, 18'500);
     EXPECT_EQ(estimator_.rate(), 22050);
@@ -171,18 +171,18 @@ TEST_F(RateEstimatorTest, ForgedTimesAreHarmless) {
     EXPECT_FALSE(estimator_.best_guess().has_value());
 }
 
-// Every usual rate and frame length, sent as the switch does: split into packets of 661
-// samples at most. At some rates a frame is a fraction of a sample short.
+// Every usual rate and frame length, sent like the switch does: split into packets of at most 661
+// samples. At some rates a frame is a fraction of a sample too short.
 class RateAndFrameTest : public testing::TestWithParam<std::tuple<int, int>> {
   protected:
     static constexpr int FRAMES_MS = 4'000;
-    // How late the frame with that index is, in microseconds, for frames of that length.
+    // Returns how late the frame with that index is, in microseconds.
     using Lateness = std::function<std::int64_t(int frame, std::int64_t frame_us)>;
 
     int rate() const { return std::get<0>(GetParam()); }
     std::int64_t frame_us() const { return std::get<1>(GetParam()) * 1000; }
 
-    // No other rate may be told on the way, and the right one in the end.
+    // No other rate may be reported on the way, and the right one at the end.
     void expect_rate_is_found(const Lateness& lateness) {
         for (int frame = 0; frame * frame_us() < FRAMES_MS * 1000; ++frame) {
             send_frame(frame * frame_us() + lateness(frame, frame_us()));
@@ -204,7 +204,7 @@ class RateAndFrameTest : public testing::TestWithParam<std::tuple<int, int>> {
         }
     }
 
-    // All frames due while the sender is held up leave when it goes on.
+    // All frames that are due while the sender is delayed are sent when it continues.
     static std::int64_t held_up(std::int64_t due_us, std::int64_t from_us, std::int64_t length_us) {
         return due_us >= from_us && due_us < from_us + length_us ? from_us + length_us - due_us : 0;
     }

@@ -15,7 +15,7 @@ using qv::node::OrderedOutput;
 using qv::node::ReorderBuffer;
 using Verdict = qv::node::ReorderBuffer::Verdict;
 
-// Writes down what is delivered: a letter for each sample, '.' for silence.
+// Records what is delivered: a letter for each sample, '.' for silence.
 class Tape : public OrderedOutput {
   public:
     void audio(const std::int16_t* samples, std::size_t count, std::int64_t) override {
@@ -32,7 +32,7 @@ class Tape : public OrderedOutput {
     std::vector<Gap> gaps;
 };
 
-// Packets of four samples, all the same letter: packet 1 is "aaaa", 2 "bbbb"...
+// Packets of four samples with the same letter: packet 1 is "aaaa", 2 is "bbbb" and so on.
 class ReorderBufferTest : public testing::Test {
   protected:
     ReorderBufferTest() { restart({}); }
@@ -230,7 +230,7 @@ TEST_F(ReorderBufferTest, ForgedSequenceNumberDoesNotStopTheSide) {
 
 TEST_F(ReorderBufferTest, ForgedPacketInTheWindowCostsOnlyItsPlace) {
     send(1);
-    send_at(3, 4);  // Its offset denies packet 2.
+    send_at(3, 4);  // Its offset leaves no room for packet 2.
     send(2);
     send_all({4, 5, 6});
     finish();
@@ -262,7 +262,7 @@ TEST_F(ReorderBufferTest, PacketThatLeavesNoTimeForWhatIsMissingWaitsToBeConfirm
     buffer_->set_rate(8000);
     send(1);
     sent_ = 20'000;
-    send_at(40, 8000 * 2);  // Two seconds of audio in 20 ms.
+    send_at(40, 8000 * 2);  // Two seconds of audio sent in 20 ms.
     pass(10s);
     EXPECT_EQ(tape_.text, "aaaa");
     send_at(41, 8000 * 2 + 4);
@@ -301,7 +301,7 @@ TEST_F(ReorderBufferTest, OfTwoHeldPacketsWithOneNumberTheOneThatFitsStays) {
 
 TEST_F(ReorderBufferTest, HeldPacketThatTheNextOnesRefuteIsDropped) {
     send(1);
-    send_at(3, 600);  // Forged; packet 2 is late, 3 lost.
+    send_at(3, 600);  // Forged. Packet 2 comes later, 3 is lost.
     send_all({4, 5});
     pass(200ms);
     EXPECT_EQ(tape_.text, "aaaa........ddddeeee");

@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 
 using Octets = std::vector<unsigned char>;
 
-// An IPv4 packet from 192.0.2.1 to 192.0.2.2; `place` is the field of flags and offset.
+// An IPv4 packet from 192.0.2.1 to 192.0.2.2. `place` is the field with flags and offset.
 Octets packet(const Octets& payload, unsigned char identification = 1, unsigned place = 0) {
     Octets bytes = {0x45,
                     0,
@@ -59,7 +59,7 @@ class UdpReaderTest : public testing::Test {
 
 TEST_F(UdpReaderTest, DatagramHasItsAddressesAndPayload) {
     Octets bytes = packet(UDP);
-    bytes.resize(60);  // The frame's filling.
+    bytes.resize(60);  // Padding of the frame.
     const auto datagram = reader_.read({bytes.data(), bytes.size()}, 1s);
     ASSERT_TRUE(datagram.has_value());
     EXPECT_EQ(ntohl(datagram->source.sin_addr.s_addr), 0xC0000201u);

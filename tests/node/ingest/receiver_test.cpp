@@ -91,7 +91,7 @@ TEST_F(ReceiverTest, AnOverlongDatagramIsCut) {
     EXPECT_EQ(taken_[0], std::string(2048, 'x'));
 }
 
-// The last ones: nothing comes after them that could tell.
+// No datagram comes after these, so their own counter cannot report the loss.
 TEST_F(ReceiverTest, DatagramsThatTheSystemDroppedAtTheEndAreCounted) {
     open(8192);
     for (int i = 0; i < 1000; ++i) {
@@ -138,7 +138,7 @@ TEST_F(ReceiverTest, WhatIsThereIsTakenBeforeStopping) {
     EXPECT_EQ(taken_, std::vector<std::string>{"last"});
 }
 
-// Not more than once a millisecond: waking would cost more than the datagrams.
+// At most once a millisecond, because waking up costs more than reading the datagrams.
 TEST_F(ReceiverTest, ASteadyStreamIsTakenInGroups) {
     open(1 << 20);
     receiver_.start();

@@ -22,7 +22,7 @@ class EventLogTest : public qv::tests::NodeCallTest {
         watch({log_.get()}, limits);
     }
 
-    // The disk has room for so many bytes.
+    // As if the disk had room for this many bytes.
     std::size_t put(const char* lines, std::size_t size) {
         const std::size_t written = std::min(size, room_);
         out_.append(lines, written);
@@ -35,7 +35,7 @@ class EventLogTest : public qv::tests::NodeCallTest {
         out_.clear();
     }
 
-    // The lines so far, the time of writing replaced by T.
+    // The lines so far, with T in place of the time of writing.
     std::vector<std::string> lines() const {
         log_->flush();
         static const std::regex time(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
@@ -47,7 +47,7 @@ class EventLogTest : public qv::tests::NodeCallTest {
         return all;
     }
 
-    // The one event of that kind.
+    // Returns the only event of that kind.
     Json event(const std::string& kind) const {
         Json found;
         for (const std::string& line : lines()) {
@@ -154,7 +154,7 @@ TEST_F(EventLogTest, PauseTellsHowLongItWasAndWhere) {
     send("call_2_read");
     pass(1s);
     qv::tests::Bytes later = qv::tests::golden("call_4_read");
-    const unsigned char send_time[] = {0x7e, 0x39, 0xa3, 0xd6};  // A second more.
+    const unsigned char send_time[] = {0x7e, 0x39, 0xa3, 0xd6};  // One second later.
     std::copy(std::begin(send_time), std::end(send_time), later.begin() + 32);
     send(later);
     pass(1s);
@@ -265,7 +265,7 @@ TEST_F(EventLogTest, WhatAFullDiskDidNotTakeIsWrittenWhenThereIsRoom) {
     }
     EXPECT_FALSE(log_->flush());
     EXPECT_FALSE(log_->flush());
-    // One is written, another cut off.
+    // One line is written, another is cut off.
     EXPECT_EQ(std::count(out_.begin(), out_.end(), '\n'), 1);
     EXPECT_EQ(log_->waiting(), 2u);
     room_ = std::string::npos;

@@ -14,7 +14,7 @@ class LineReportTest : public qv::tests::NodeCallTest {
   protected:
     LineReportTest() { watch({&report_}); }
 
-    // The lines since the last call, without the time of day and the call's UUID.
+    // The lines since the last call of this function, without the time of day and the call's UUID.
     Lines lines() {
         std::istringstream text(out_.str());
         out_.str("");

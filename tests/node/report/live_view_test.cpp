@@ -25,7 +25,7 @@ class LiveViewTest : public qv::tests::NodeCallTest {
         return view_.frame(figures_, now_, {columns, rows});
     }
 
-    // The frame's lines, without what clears the rest of each.
+    // The lines of the frame, without the sequences that clear the rest of each line.
     Lines frame(std::size_t columns = 80, std::size_t rows = 24) {
         std::string rest = text(columns, rows);
         Lines lines;
@@ -141,7 +141,7 @@ TEST_F(LiveViewTest, CallsThatDoNotFitAreCounted) {
     ASSERT_EQ(lines.size(), 24u);
     EXPECT_EQ(lines[1].substr(0, 12), "30 calls now");
     EXPECT_EQ(lines[22], "and 13 more calls");
-    // The oldest come first.
+    // The oldest calls come first.
     EXPECT_EQ(lines[5].substr(14, 6), "30.0 s");
     EXPECT_EQ(lines[21].substr(14, 6), "14.0 s");
 }

@@ -25,7 +25,7 @@ sockaddr_in loopback(std::uint16_t port) {
     return address;
 }
 
-// Asks the server on that port of the loopback for its text.
+// Requests the text from the server on that port of the loopback interface.
 std::string scrape(std::uint16_t port) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     const timeval patience{10, 0};
@@ -59,7 +59,7 @@ class MetricsTest : public testing::Test {
         figures.reports = reports_;
         metrics_.update(figures);
     }
-    // In what the server told last, or tells now.
+    // Search the text that was requested last, or request it now.
     bool shows(const std::string& line) {
         told_ = told_.empty() ? scrape(metrics_.port()) : told_;
         return told_.find("\n" + line + "\n") != std::string::npos;
@@ -168,7 +168,7 @@ TEST_F(MetricsTest, ReasonsAreLabelsInSnakeCase) {
     EXPECT_EQ(seen.count("unknown"), 0u);
 }
 
-// The value of a figure that has no labels; nothing when it is not there.
+// Returns the value of a figure without labels, or nullopt if there is none.
 double value_in(const std::string& text, const std::string& name) {
     std::smatch found;
     return std::regex_search(text, found, std::regex("\n" + name + " (\\S+)")) ? std::stod(found[1])
@@ -184,7 +184,7 @@ TEST_F(MetricsTest, TheProcessHasItsUsualFigures) {
     EXPECT_GT(value_in(told_, "process_virtual_memory_bytes"),
               value_in(told_, "process_resident_memory_bytes"));
     EXPECT_NEAR(value_in(told_, "process_start_time_seconds"), now, 600);
-    EXPECT_GE(value_in(told_, "process_threads"), 2);  // This one and the server's.
+    EXPECT_GE(value_in(told_, "process_threads"), 2);  // This thread and the server's.
     EXPECT_EQ(value_in(told_, "process_max_fds"), sysconf(_SC_OPEN_MAX));
 }
 
@@ -196,7 +196,7 @@ TEST_F(MetricsTest, OpenDescriptorsAreCounted) {
         close(descriptor);
     }
     EXPECT_GT(before, 3);
-    EXPECT_NEAR(after - before, 3, 1);  // The server may not have closed an earlier connection.
+    EXPECT_NEAR(after - before, 3, 1);  // The server may not have closed an earlier connection yet.
 }
 
 TEST(MetricsPortTest, APortInUseIsRefused) {

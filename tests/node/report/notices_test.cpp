@@ -12,7 +12,8 @@ using qv::media::DecodeResult;
 
 class NoticesTest : public testing::Test {
   protected:
-    // The lines since the last call, without the time of day, each closed by '|'.
+    // The lines since the last call of this function, without the time of day, each followed by
+    // '|'.
     std::string lines() {
         std::istringstream text(out_.str());
         out_.str("");

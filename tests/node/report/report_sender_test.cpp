@@ -16,7 +16,7 @@ using namespace qv::node;
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
 
-// A report node on the loopback.
+// A report node on the loopback interface.
 class ReportNode {
   public:
     ReportNode() : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
@@ -32,7 +32,7 @@ class ReportNode {
 
     std::uint16_t port() const { return port_; }
 
-    // On the loopback what was sent is there at once.
+    // On the loopback interface, a datagram can be read as soon as it was sent.
     std::vector<Json> reports() {
         std::vector<Json> all;
         char datagram[65536];
@@ -53,17 +53,17 @@ class ReportSenderTest : public qv::tests::NodeCallTest {
   protected:
     ReportSenderTest() { watch({&sender_}); }
 
-    // The golden start packet, with that report node.
+    // The golden start packet with that report node.
     void start_reported_to(const std::string& address, std::uint16_t port) {
         qv::tests::Bytes datagram = qv::tests::golden("call_1_start");
         const in_addr host = qv::tools::parse_address(address + ":1").value().sin_addr;
         std::memcpy(&datagram[72], &host, sizeof host);
-        datagram[7] |= 0x40;  // A report node is given.
+        datagram[7] |= 0x40;  // Sets the flag for a report node.
         datagram[76] = static_cast<unsigned char>(port >> 8);
         datagram[77] = static_cast<unsigned char>(port & 0xFF);
         send(datagram);
     }
-    // As an analysis reports it.
+    // In the form in which an analysis reports it.
     void find(const std::string& sample) {
         call().report_sample(Side::TERMINATOR, {sample, -80, 9000, 0.75});
     }

@@ -9,7 +9,7 @@ namespace {
 using namespace qv::node;
 using qv::media::DecodeResult;
 
-// The lines without the time of day.
+// The lines, without the time of day.
 std::string summary_of(const NodeFigures& figures, const LostEvents& lost_events = {}) {
     std::ostringstream out;
     LineReport lines(out);

@@ -91,7 +91,7 @@ TEST(TimelineTest, AudioIsDrawnWhereItBegan) {
     EXPECT_TRUE(contains(svg, "<title>gap: 0.2 s at 6.0 s, 10 packets</title>"));
 }
 
-// What the receiver draws of a call. Times are seconds after the golden start packet.
+// What the node draws of a call. Times are seconds after the golden start packet.
 class TimelineOfCallTest : public qv::tests::NodeCallTest {
   protected:
     TimelineOfCallTest() {
