@@ -149,8 +149,8 @@ TEST_F(LoaderTest, BugsOfAnUnloadedModuleGoWithoutAClose) {
     EXPECT_EQ(host_.report().bugs_closed, 0u);
 }
 
-// The object is also opened elsewhere and stays mapped. Like the real host, this one keeps its
-// bugs and bindings and goes on calling them.
+// The object is also opened elsewhere, so it stays mapped. Like the real host, this one keeps the
+// object's bugs and bindings and continues to call them.
 class LastingObject {
   public:
     explicit LastingObject(const std::string& path) : object_(dlopen(path.c_str(), RTLD_NOW)) {}

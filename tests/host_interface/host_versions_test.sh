@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Configures the project for each release of the host that it can be built for.
 #
-#   host_versions_test.sh COMPILER
+# host_versions_test.sh COMPILER
 #
-# The real headers, where there are any, have to be accepted for their own release and
-# refused for every other.
+# Real headers, if there are any, must be accepted for their own release and refused for every
+# other.
 set -uo pipefail
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 compiler=$1

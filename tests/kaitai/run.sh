@@ -71,7 +71,7 @@ compile() { # compile LANGUAGE OUTPUT [VERSION]
   node "$here/compile.js" "$folder" "$@" >/dev/null
 }
 
-# Finds a Python with the runtime library; the one in PATH need not be Debian's.
+# Finds a Python with the runtime library, because the one in PATH may not be Debian's.
 python_with_runtime() {
   local python
   for python in python3 /usr/bin/python3; do

@@ -102,7 +102,7 @@ TEST_F(ShippedConfiguration, EveryExampleIsAccepted) {
     EXPECT_NE(answer("media_node").find("192.0.2.10"), std::string::npos);
 }
 
-// A file that the module objects to has to be seen by the tests above.
+// If the module objects to a file, the tests above must notice it.
 TEST_F(ShippedConfiguration, AnUnknownOptionWouldBeSeen) {
     load_with(shipped_file() + "no_such_option = 1\n");
     EXPECT_NE(complaints(), "");

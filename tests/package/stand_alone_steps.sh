@@ -91,7 +91,7 @@ with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
     node = subprocess.Popen(sys.argv[2:], stdout=subprocess.DEVNULL,
                             env={**os.environ, "NOTIFY_SOCKET": "@quorvane-stand-alone"})
     states = [manager.recv(100).decode()]
-    # The service manager puts the process's number in place of the name, and runs no shell.
+    # The service manager replaces the name by the process's number, and runs no shell.
     subprocess.run(shlex.split(sys.argv[1].replace("$MAINPID", str(node.pid))), check=True)
     states += [manager.recv(100).decode().splitlines()[0] for _ in range(2)]
     node.send_signal(signal.SIGTERM)

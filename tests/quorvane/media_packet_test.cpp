@@ -64,7 +64,7 @@ const Bytes TERMINATE = common(0x82, 0x00, 0x00);
 class MediaPacketDecoder : public testing::Test {
   protected:
     DecodeResult decode(const Bytes& bytes) {
-        // A block of exactly this size, so that a sanitizer sees a read behind it.
+        // A block of exactly this size, so that a sanitizer reports a read past its end.
         const std::vector<unsigned char> block(bytes);
         return decode_packet(block.data(), block.size(), packet_);
     }

@@ -10,7 +10,7 @@
 
 namespace {
 
-// The value that strtoul sets errno to, in addition to its work; 0 leaves errno alone.
+// The value to which strtoul sets errno in addition to its work. 0: errno stays unchanged.
 int injected_error = 0;
 
 }  // namespace

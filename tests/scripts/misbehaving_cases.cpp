@@ -1,4 +1,4 @@
-// Cases that do what cases should not; for run_cases_test.py, which runs them by run_cases.py.
+// Cases that misbehave, for run_cases_test.py, which runs them with run_cases.py.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 // Checks the packets of one call that a media node received.
 //
-// Uses its own offsets of the fields, not the module's constants. A plain value: one thread at
-// a time.
+// Uses its own offsets of the fields, not the module's constants. A plain value; one thread at a
+// time.
 #pragma once
 
 #include <algorithm>
@@ -36,8 +36,8 @@ class CallTransfer {
         }
     }
 
-    // Why this is not a whole call, which begins with one start, has legs without gaps, and has
-    // one terminate with no audio behind it. Empty for a whole call.
+    // Returns why this is not a complete call: one with one start packet, legs without gaps, and
+    // one terminate packet with no audio after it. Empty for a complete call.
     std::string flaws() const {
         std::string text;
         expect(text, starts == 1, std::to_string(starts) + " starts");

@@ -11,7 +11,7 @@ namespace qv::tests {
 
 namespace {
 
-// The packets of the golden call, for tests to spoil.
+// The packets of the golden call, which tests change.
 class GoldenCall : public ::testing::Test {
   protected:
     enum : std::size_t { START, READ_1, WRITE_1, READ_2, WRITE_2, CONTROL, TERMINATE };

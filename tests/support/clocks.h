@@ -1,4 +1,4 @@
-// Clocks as the packets carry them.
+// Clocks in the form of the packets' times.
 //
 // The function keeps no state; any thread may call it.
 #pragma once

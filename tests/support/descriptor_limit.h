@@ -1,6 +1,6 @@
 // While it exists, the process cannot open a file descriptor. Open ones stay open.
 //
-// One at a time, since the limit is that of the whole process.
+// One at a time, because the limit is that of the whole process.
 #pragma once
 
 #include <sys/resource.h>

@@ -31,8 +31,8 @@ inline int hex_digit(char c) {
     return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
-// Appends the bytes of one line, whose comment and blanks do not count. False
-// when it holds anything but whole pairs of hexadecimal digits.
+// Appends the bytes of one line; comments and blanks are ignored. Returns false if the line
+// contains anything but whole pairs of hexadecimal digits.
 inline bool append_hex_line(const std::string& line, Bytes& bytes) {
     const std::string text = line.substr(0, line.find('#'));
     std::size_t at = 0;

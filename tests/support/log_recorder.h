@@ -1,7 +1,7 @@
-// Records the log lines of a test: installs itself as the logger's sink and restores the
-// logger in the end.
+// Records the log lines of a test: becomes the sink of the logger, and restores the previous state
+// at the end.
 //
-// One at a time. Any thread may log; `lines` is for use when they have finished.
+// One at a time. Any thread may log; read `lines` when they have finished.
 #pragma once
 
 #include <mutex>

@@ -1,7 +1,7 @@
-// Receives on a media node continuously, in its own thread, so that the node's socket does not
-// fill while calls run. Keeps the packets, by call.
+// Receives on a media node continuously, in its own thread, so that the node's socket does not fill
+// while calls run. Keeps the packets, by call.
 //
-// One thread makes it and takes its packets. The node must outlive it.
+// One thread creates it and takes its packets. The node must outlive it.
 #pragma once
 
 #include <atomic>
@@ -51,7 +51,7 @@ class MediaListener {
     MediaNode& node_;
     std::atomic<bool> finishing_{false};
     Packets packets_;     // Only the thread uses it until it has ended.
-    std::thread thread_;  // Last: it uses all above.
+    std::thread thread_;  // The last member, because the thread uses the others.
 };
 
 }  // namespace qv::tests

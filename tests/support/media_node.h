@@ -28,8 +28,8 @@ namespace qv::tests {
 class MediaNode {
   public:
     // `room` is the size of the socket's buffer in bytes, as the system counts them. It is enough
-    // for many calls; the system may grant an ordinary user less. Throws std::system_error when
-    // there is no socket.
+    // for many calls; the system may grant an ordinary user less. Throws std::system_error if there
+    // is no socket.
     explicit MediaNode(int room = 16 << 20) : descriptor_(::socket(AF_INET, SOCK_DGRAM, 0)) {
         sockaddr_in local{};
         local.sin_family = AF_INET;
@@ -86,7 +86,7 @@ class MediaNode {
     std::uint32_t dropped() const { return memory()[SK_MEMINFO_DROPS]; }
 
     // Waits while the socket is more than a quarter full, so that a fast sender does not overrun
-    // the node; false when the node does not catch up in time.
+    // the node. Returns false if the node does not catch up in time.
     bool wait_for_room(std::chrono::milliseconds patience = std::chrono::seconds(30)) const {
         const auto give_up = std::chrono::steady_clock::now() + patience;
         while (more_than_a_quarter_full()) {

@@ -120,7 +120,7 @@ void* allocate(std::size_t size, std::align_val_t alignment) {
                                                                                      : nullptr;
 }
 
-// Allocates for the caller of operator new, unless this is the allocation that has to fail.
+// Allocates for the caller of operator new, unless this is the allocation that must fail.
 template <typename... Arguments>
 void* serve(const void* caller, Arguments... arguments) {
     if (!armed.load(std::memory_order_relaxed) || !called_by_module(caller)) {

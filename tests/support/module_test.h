@@ -32,7 +32,7 @@ constexpr const char* KEY = "3813542450166248352";  // 0x34ec6ca7460833a0
 
 constexpr const char* CONFIG_PATH = "etc/delmaren/quorvane/freeswitch_mod.conf";
 
-// Makes a new folder the current directory, and removes it in the end.
+// Makes a new folder the current directory, and removes it at the end.
 class TemporaryFolder {
   public:
     TemporaryFolder() : before_(std::filesystem::current_path()) {
@@ -106,7 +106,7 @@ class ModuleTest : public ::testing::Test {
         return call;
     }
 
-    // Hangs up and waits until the module has handled that.
+    // Hangs up and waits until the module has handled the hang-up.
     void hangup(host::Call& call) {
         call.hangup();
         host.events().wait_drained();

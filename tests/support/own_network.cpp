@@ -64,7 +64,8 @@ void OwnNetwork::answer_from(int host) const {
 }
 
 void OwnNetwork::bar_loopback(const std::string& kind) const {
-    // The rule for local addresses comes first by default; it has to follow the rules of the test.
+    // By default the rule for local addresses comes first. It must come after the rules of the
+    // test.
     if (!run("ip rule add pref 100 lookup local && ip rule del pref 0") ||
         !run("ip rule add pref 10 to 127.0.0.1 " + kind)) {
         throw std::runtime_error("the loopback cannot be barred by '" + kind + "'");

@@ -1,8 +1,8 @@
 // A private network of the test program: the loopback, and a link 10.9.0.1/24 on which no host
 // answers unless the test adds it. Nothing sent there leaves the machine.
 //
-// It is the network of the thread that makes it and of those that this thread starts
-// afterwards. Needs the right to make network namespaces, or user namespaces, and iproute2.
+// It is the network of the thread that creates it, and of the threads that this thread starts
+// afterwards. Needs the right to create network namespaces, or user namespaces, and iproute2.
 #pragma once
 
 #include <string>
@@ -17,11 +17,11 @@ class OwnNetwork {
     // Returns to the previous network, where that is allowed.
     ~OwnNetwork();
 
-    // Why this machine has no such network; empty when there is one.
+    // Why this machine has no such network. Empty if it has one.
     const std::string& why_not() const { return why_not_; }
 
-    // Adds the host 10.9.0.`host`, 2 to 254. Before, what is sent to it waits in the sender's send
-    // buffer; afterwards it leaves the buffer and is lost.
+    // Adds the host 10.9.0.`host`, 2 to 254. Data to a host that was not added waits in the
+    // sender's send buffer; afterwards it leaves the buffer and is lost.
     void answer_from(int host) const;
 
     // Refuses every packet to 127.0.0.1 with a rule of `kind`, see ip-rule(8), until the loopback

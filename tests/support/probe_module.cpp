@@ -50,7 +50,7 @@ const Lifetime LIFETIME;
 
 switch_event_node_t* g_destroy_node = nullptr;
 
-// What the bug of one call has seen.
+// What the bug of one call has recorded.
 struct Seen {
     int refused_event = -1;
     bool alter = false;
@@ -60,8 +60,8 @@ struct Seen {
     std::thread::id write_thread;
 };
 
-// What all bugs have seen. CLOSE removes an entry; bugs that never get CLOSE keep theirs until the
-// module is unloaded.
+// What all bugs have recorded. CLOSE removes an entry; bugs that never get CLOSE keep theirs until
+// the module is unloaded.
 std::mutex g_lock;
 std::map<const Seen*, std::unique_ptr<Seen>> g_seen;  // guarded by g_lock
 

@@ -38,7 +38,7 @@ std::string address_text(const sockaddr* address) {
     return std::string(text) + ":" + std::to_string(ntohs(inet.sin_port));
 }
 
-// Carries out `call` with the outcome that the test has queued. `size` is the number of bytes to
+// Executes `call` with the outcome that the test has queued. `size` is the number of bytes to
 // transfer; `go_on(size)` calls the system.
 template <typename Result, typename GoOn>
 Result perform(SeenCall call, std::size_t size, GoOn go_on) {

@@ -69,7 +69,7 @@ class SystemCalls {
     void note(SeenCall call);
 
   private:
-    mutable std::mutex mutex_;  // Guards all below.
+    mutable std::mutex mutex_;  // Guards the members below.
     std::map<std::string, std::function<void()>> actions_;
     std::map<std::string, std::deque<Outcome>> outcomes_;
     std::vector<SeenCall> seen_;

@@ -31,7 +31,7 @@ class CommandLineTest : public testing::Test {
         return code;
     }
 
-    // The first line that a wrong command line gets.
+    // The first line of the answer to a wrong command line.
     std::string refusal_of(std::vector<std::string> arguments) {
         const auto code = parse(std::move(arguments));
         return code == EXIT_USAGE ? error_.substr(0, error_.find('\n')) : "accepted";

@@ -6,7 +6,7 @@ namespace {
 
 using namespace qv::tools;
 
-// The size and the code, or 0 for what is no character.
+// The size and the code, or 0 if it is no character.
 std::pair<std::size_t, char32_t> first(const std::string& text) {
     const Character character = first_character(text);
     return {character.size, character.code};

@@ -1,5 +1,5 @@
-// The driver on an embedded host without a module: what is planned happens, and is told
-// and counted.
+// The driver on an embedded host without a module. What is planned must happen, and be reported and
+// counted.
 #include "tools/call/driver.h"
 
 #include <gtest/gtest.h>

@@ -16,7 +16,7 @@ class LogViewTest : public ::testing::Test {
         view_->listen(log_);
     }
 
-    // As a module would log.
+    // In the form in which a module logs.
     void write(switch_log_level_t level, ...) {
         host::LogLine line;
         line.level = level;

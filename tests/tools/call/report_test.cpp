@@ -11,7 +11,7 @@ namespace {
 
 using std::chrono::microseconds;
 
-// The numbers of a text for people, whose words may change.
+// The numbers in a text for people. The words may change.
 std::vector<std::string> numbers_of(const std::string& text) {
     static const std::regex number("[0-9][0-9,.]*[0-9]|[0-9]");
     return {std::sregex_token_iterator(text.begin(), text.end(), number), {}};

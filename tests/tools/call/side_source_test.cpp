@@ -13,7 +13,7 @@ using Frame = std::vector<std::int16_t>;
 
 class SideSourceTest : public ::testing::Test {
   protected:
-    // 4 samples a frame.
+    // 4 samples per frame.
     void play(std::vector<std::int16_t> samples, std::uint64_t total,
               Afterwards afterwards = Afterwards::SILENCE) {
         source_ = std::make_unique<SideSource>(

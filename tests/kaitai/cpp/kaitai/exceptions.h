@@ -1,4 +1,4 @@
-// Stands in for the errors of Kaitai Struct's runtime library, see kaitaistruct.h.
+// Replaces the errors of Kaitai Struct's runtime library; see kaitaistruct.h.
 #pragma once
 
 #include <stdexcept>
@@ -8,7 +8,7 @@
 
 namespace kaitai {
 
-// What a value is that the description does not allow: at which place of it.
+// The place of a value that the description does not allow.
 class validation_error : public std::runtime_error {
   public:
     explicit validation_error(const std::string& place) : std::runtime_error("invalid: " + place) {}

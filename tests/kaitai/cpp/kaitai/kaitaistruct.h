@@ -1,7 +1,7 @@
-// Stands in for Kaitai Struct's runtime library for C++, which Debian 12 has no
-// package of: as much of its interface as the parser of the packets uses, on a
-// block of bytes instead of a stream. For the test of the parser only; a program
-// of its own takes the real library. parse_golden.cpp compiles with either.
+// Replaces Kaitai Struct's runtime library for C++, of which Debian 12 has no package: only the
+// part of its interface that the parser of the packets uses, on a block of bytes instead of a
+// stream. It is only for the test of the parser; other programs use the real library.
+// parse_golden.cpp compiles with either.
 #pragma once
 
 #include <cstddef>
