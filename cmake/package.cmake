@@ -49,23 +49,23 @@ set(CPACK_VERBATIM_VARIABLES ON)
 
 set(module_summary "call audio tap for FreeSWITCH")
 set(module_description
-"A FreeSWITCH module that taps the audio of calls, both directions and
-unaltered, and streams it as it flows to a media node as UDP datagrams of its
-own protocol. A dialplan application starts it for a call; an API command
-switches detection on and off while the call runs.
+"This FreeSWITCH module taps the audio of calls and streams both directions,
+unaltered, to a media node. It sends UDP datagrams of its own protocol. A
+dialplan application starts the tap of a call. An API command switches
+detection on and off while the call runs.
 
 This package is for FreeSWITCH ${QUORVANE_HOST_FIRST} and later, before ${QUORVANE_HOST_BEFORE}.")
 set(tools_summary "receiver and call driver for the quorvane call audio tap")
 set(tools_description
-"Tools for those who write or run a media node: a receiver of the datagrams
-that mod_quorvane sends, which writes the audio of each call to files, and a
-driver that runs calls through the module without a telephony server. With
-them come a Wireshark dissector, a service for systemd, examples and documents.")
+"Tools for writing and running media nodes. The receiver takes the datagrams
+of mod_quorvane and writes the audio of each call to files. The driver runs
+calls through the module without a telephony server. The package also has a
+Wireshark dissector, a service for systemd, examples and documents.")
 set(dev_summary "header of the quorvane call audio tap's packets")
 set(dev_description
-"The public header of the quorvane call audio tap, for receivers in C++17: the
-constants of its datagrams and their decoding, with files for pkg-config and
-CMake.")
+"The public header of the quorvane call audio tap, for receivers in C++17. It
+has the constants of the datagrams and decodes them. The package also has
+files for pkg-config and CMake.")
 
 # ---- Debian -------------------------------------------------------------------------
 
