@@ -226,7 +226,7 @@ std::vector<std::string> problems_of(const RunReport& report) {
     add_if(problems, totals.calls_begun - totals.calls_tapped, "call", "not tapped");
     add_if(problems, totals.commands_failed, "API command",
            "failed" + first_failed_text(totals.first_failed));
-    add_if(problems, totals.commands_missed, "API command", "too late for their calls");
+    add_if(problems, totals.commands_missed, "API command", "too late for the call");
     add_if(problems, report.log.errors, "error", "in the log");
     for (const std::string& thing : left_over(report)) {
         problems.push_back(thing);
