@@ -90,6 +90,10 @@ bool Call::raise(switch_abc_type_t type) {
     return session_->bugs().raise(type);
 }
 
+void Call::remove_bugs() {
+    session_->bugs().close_all();
+}
+
 bool Call::hangup(switch_call_cause_t cause) {
     return session_->hangup(cause);
 }

@@ -156,6 +156,8 @@ class Call {
     // Calls the bugs with an event of any kind and without a frame, on the calling thread.
     // False when a callback returned SWITCH_FALSE.
     bool raise(switch_abc_type_t type);
+    // Removes the bugs, each with a CLOSE, as a command from outside does. The call goes on.
+    void remove_bugs();
 
     // Ends the call on the calling thread, in the host's order: state and cause, hang-up
     // event, CLOSE to every bug, end of the media, wait for read locks, channel-destroy

@@ -199,6 +199,14 @@ TEST_F(MediaBugsTest, AnyEventCanBeRaised) {
     EXPECT_EQ(recorder_.kinds.back(), SWITCH_ABC_TYPE_CLOSE);
 }
 
+TEST_F(MediaBugsTest, BugsCanBeRemovedWhileTheCallGoesOn) {
+    add(*call_, recorder_);
+    call_->remove_bugs();
+    EXPECT_EQ(recorder_.kinds.back(), SWITCH_ABC_TYPE_CLOSE);
+    EXPECT_EQ(host_.report().bugs_attached, 0u);
+    EXPECT_TRUE(call_->alive());
+}
+
 TEST_F(MediaBugsTest, MediaOnDemandComesUpWithTheBug) {
     CallOptions options;
     options.media = MediaState::ON_DEMAND;
