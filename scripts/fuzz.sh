@@ -54,6 +54,8 @@ fuzz() {
     local found=$folder/found/$name failed=$folder/failed/$name program=$folder/fuzz/fuzz_$name
     local words=()
     [ ! -f "fuzz/fuzz_$name.dict" ] || words=("-dict=$PWD/fuzz/fuzz_$name.dict")
+    [ ! -f "fuzz/fuzz_$name.options" ] ||
+        mapfile -t -O "${#words[@]}" words <"fuzz/fuzz_$name.options"
     mkdir -p "$found" "$failed"
     echo "fuzz: $name for $seconds s"
     if ! (cd "$folder/fuzz" && "$program" "$found" "$OLDPWD/fuzz/corpus/$name" \
