@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Configures the project for each release of the host that it can be built for.
 #
-# host_versions_test.sh COMPILER
+#   host_versions_test.sh COMPILER
 #
 # Real headers, if there are any, must be accepted for their own release and refused for every
 # other.
