@@ -2,7 +2,7 @@
 # quorvane::sndfile, quorvane::fftw, quorvane::speexdsp, quorvane::asio,
 # quorvane::pcap.
 
-# Headers are looked for by one of them, HEADER; the library, if there is one, by its name.
+# Finds a library by one of its headers, HEADER, and by its name, if it is not header-only.
 function(quorvane_find_library name header)
   string(TOUPPER ${name} prefix)
   find_path(${prefix}_INCLUDE_DIR ${header})

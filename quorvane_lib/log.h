@@ -132,11 +132,11 @@ constexpr const char* source_base_name(const char* path) {
 
 }  // namespace qv::log
 
-// Hands `message` to the logger with the line `line` of this file; functions that write for
-// others pass the line of their caller on.
+// Passes `message` to the logger with the line number `line` of this file. Functions that log for
+// others pass the line of their caller.
 #define QV_LOG_WRITE_AT(line, message)                                         \
     ::qv::log::Logger::m_instance.write(::qv::log::Logger::m_instance.context, \
                                         ::qv::log::source_base_name(__FILE__), (line), (message))
 
-// The same with the place of the call.
+// The same with the number of the calling source line.
 #define QV_LOG_WRITE(message) QV_LOG_WRITE_AT(__LINE__, message)

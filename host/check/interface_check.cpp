@@ -435,7 +435,7 @@ SWITCH_MODULE_SHUTDOWN_FUNCTION(declared_shutdown);
     static_cast<void>(stream);
     return SWITCH_STATUS_SUCCESS;
 }
-// Only where a function may be declared do these two mean anything.
+// These two macros are valid only in declarations.
 SWITCH_DECLARE(void) declared_by_host();
 extern SWITCH_MOD_DECLARE_DATA switch_loadable_module_function_table_t declared_data;
 

@@ -44,8 +44,8 @@ constexpr std::uint8_t terminator_bit(Features feature) {
     return feature_mask(feature) & TERMINATOR_BITS;
 }
 
-// Takes `update` over into `features`: the features that `update` supports
-// become supported and get its active bits; the others stay as they are.
+// Merges `update` into `features`: features that `update` supports become supported and take its
+// active bits. The others do not change.
 constexpr void merge_features(features16_t& features, features16_t update) {
     const auto mask = static_cast<unsigned>(update.supported);
     const unsigned kept = features.active & ~mask;

@@ -48,7 +48,7 @@ TEST(FeatureParser, InactiveSupportsBothLegsAndStartsNone) {
     EXPECT_EQ(detection("inactive"), hex("30 00"));
 }
 
-// Merging sets the active bit of each named leg as the text says, so an active leg stops.
+// For each named leg, the text decides whether the feature runs, so it can stop a running one.
 TEST(FeatureParser, InactiveStopsLegsThatWereActive) {
     EXPECT_EQ(activity("inactive", {0x0C, 0x0C}), hex("0c 00"));
 }

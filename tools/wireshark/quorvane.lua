@@ -24,7 +24,7 @@ local START_SIZE = 82 -- Without the call reference.
 local DATA_SIZE = 50 -- Without the audio.
 local MAX_SIZE = 1376
 local MAX_SAMPLES = 661
--- How much of a packet is looked at to follow its call.
+-- The number of bytes of a packet that are read to follow its call.
 local FOLLOWED_SIZES = {
     [START] = 64, [TERMINATE] = HEADER_SIZE, [DATA] = DATA_SIZE, [CONTROL] = HEADER_SIZE,
 }
@@ -260,14 +260,13 @@ local function uuid_text(uuid)
     return (hexadecimal(uuid):gsub("^(........)(....)(....)(....)", "%1-%2-%3-%4-"))
 end
 
--- The digits of a call key, which stands with its lowest byte first.
+-- The digits of a call key, whose lowest byte comes first.
 local function key_text(key)
     return "0x" .. hexadecimal(key:reverse())
 end
 
--- The length of a packet of a fixed part and what its length field counts. A
--- packet too short to hold that field asks for its fixed part; nil where only
--- the capture is too short.
+-- The length of a packet: its fixed part and what its length field counts. For a packet too short
+-- for that field it is the fixed part; nil if only the capture is too short.
 local function length_with(packet, fixed_size, unit)
     if packet.count then
         return fixed_size + unit * packet.count
@@ -275,7 +274,7 @@ local function length_with(packet, fixed_size, unit)
     return packet.sent < fixed_size and fixed_size or nil
 end
 
--- The length that the packet's own fields ask for; nil if it cannot be told.
+-- The length that the packet's own fields require; nil if it cannot be determined.
 local function expected_length(packet)
     local kind = packet.kind
     if kind == DATA then
@@ -313,7 +312,7 @@ local function feature_state(feature, side, supported, active)
     return has_bit(active, feature[side]) and "running" or "stopped"
 end
 
--- What a feature does on the two sides, such as "originator running".
+-- What a feature does on both sides, such as "originator running".
 local function feature_words(feature, supported, active)
     local originator = feature_state(feature, "originator", supported, active)
     local terminator = feature_state(feature, "terminator", supported, active)
@@ -361,7 +360,7 @@ local function follow_start(call, packet, number)
     return call
 end
 
--- Of two control packets the one that was sent later holds.
+-- Of two control packets, the one sent later applies.
 local function follow_control(call, packet)
     local is_captured = packet.captured >= HEADER_SIZE + 2
     if is_captured and (not call.update_time or packet.send_time > call.update_time) then
@@ -386,7 +385,7 @@ local function find_range(ranges, number)
     return nil
 end
 
--- Takes a number out of the ranges. Returns the range that it was in, or nil.
+-- Removes a number from the ranges. Returns the range that contained it, or nil.
 local function take_number(ranges, number)
     local index = find_range(ranges, number)
     if not index then
@@ -404,8 +403,8 @@ local function take_number(ranges, number)
     return range
 end
 
--- The numbers of a leg go on counting where the counters of the packets wrap.
--- `position` counts samples, in order to place the audio in a file.
+-- The numbers of a leg continue where the packets' counters wrap. `position` counts samples, to
+-- place the audio in a file.
 local function begin_leg(packet)
     local number, offset = packet.sequence_number, packet.sample_offset
     local is_from_beginning = number <= MAX_MISSED_PACKETS and offset <= number * MAX_SAMPLES
@@ -438,8 +437,8 @@ local function old_packet(leg, number)
     return { copy = true, is_left_out = true }
 end
 
--- What is odd about a packet, given how far its counters are ahead of those
--- expected; nil if nothing is.
+-- What is odd about a packet whose counters are this far ahead of the expected ones; nil if nothing
+-- is.
 local function compare_with_expected(leg, ahead, samples)
     if ahead == 0 and samples == 0 then
         return nil
@@ -455,7 +454,7 @@ local function compare_with_expected(leg, ahead, samples)
             first = leg.next_number, last = leg.next_number + ahead - 1, is_gap = true,
         }
     end
-    -- Missing packets take the offset forward, never back.
+    -- Missing packets move the offset forward, never back.
     if samples < 0 or ahead == 0 and samples ~= 0 then
         oddity.offset_jump = samples
         leg.odd = leg.odd + 1
@@ -484,8 +483,7 @@ local function follow_jitter(leg, packet, number, time)
     leg.arrival_send_time = packet.send_time
 end
 
--- The samples a second that were sent between the pauses; nil where there is
--- too little audio to tell.
+-- The samples per second that were sent between the pauses; nil if there is too little audio.
 local function measured_rate(samples, microseconds)
     return microseconds >= 200000 and samples > 0 and 1000000 * samples / microseconds or nil
 end
@@ -592,8 +590,8 @@ end
 
 -- Statistics ---------------------------------------------------------------
 
--- How long a pause really was, in microseconds: the time that the audio does not
--- take up, seen from a second later.
+-- The true length of a pause in microseconds: the time not filled by audio, as known a second
+-- later.
 local function length_of_pause(leg, pause, rate)
     local time = (pause.to_time or leg.send_time) - pause.from_time
     local samples = (pause.to_position or leg.send_position) - pause.from_position
@@ -623,7 +621,7 @@ local function nearest_rate(measured)
     return best
 end
 
--- The sample rate of a leg, which no packet carries; nil if it cannot be told.
+-- The sample rate of a leg. No packet contains it; nil if it cannot be determined.
 local function sample_rate_of(leg)
     if not leg.first_time then
         return nil
@@ -634,8 +632,8 @@ local function sample_rate_of(leg)
     if not rough then
         return nil
     end
-    -- A sender that caught up made the rough rate too high: what it sent then
-    -- belongs to the time that was left out.
+    -- If the sender caught up, the rough rate is too high, because the audio sent then belongs to
+    -- the time that was left out.
     local _, paused = count_pauses(leg, nearest_rate(rough))
     local measured = measured_rate(samples, time - paused)
     return measured and nearest_rate(measured)
@@ -735,8 +733,8 @@ local function begin_export(folder)
     return nil
 end
 
--- The path without the side and ending, of which no file is there yet; a further
--- tap on the same call gets a number.
+-- The path without side and ending. If a file of that name exists, because the call was tapped
+-- again, a number is added.
 local function free_stem(call)
     local stem = export.folder .. "/" .. uuid_text(call.uuid)
     local numbered, number = stem, 1
@@ -842,7 +840,7 @@ local function line_of(wav, rate)
     return text
 end
 
--- Completes the files; returns what was written, line by line.
+-- Completes the files. Returns a line about each.
 local function end_export()
     local lines = {}
     for _, wav in ipairs(export.order) do
@@ -857,8 +855,8 @@ end
 
 -- Showing a packet ---------------------------------------------------------
 
--- Whether a field can be seen: all of a packet whose details are shown or
--- printed, otherwise those that a filter or a column asks for.
+-- Whether a field is visible. If the packet's details are shown or printed, all fields are;
+-- otherwise only those that a filter or a column uses.
 local function is_wanted(tree, field)
     return is_shown_whole or is_shown_in_part and tree:referenced(field)
 end
@@ -1137,8 +1135,8 @@ local function show_findings(tree, packet, number)
     end
 end
 
--- Malformed packets do not take part in following the calls, nor do those of
--- which the capture holds too little.
+-- Malformed packets are not used to follow the calls, and neither are packets that the capture
+-- contains only in part.
 local function is_followed(packet, tvb)
     local kind = packet.kind
     local needed = FOLLOWED_SIZES[kind]
@@ -1222,8 +1220,8 @@ this_dissector = Dissector.get("quorvane")
 
 -- Registration -------------------------------------------------------------
 
--- The later datagrams between the same two ports are the protocol's as well, so
--- that one with a bad magic among them is shown as such.
+-- Later datagrams between the same two ports belong to the protocol as well, so one with a bad
+-- magic is shown as such.
 local function dissect_if_magic(tvb, pinfo, root)
     if tvb:len() < 4 or tvb:raw(0, 4) ~= MAGIC then
         return false
@@ -1243,8 +1241,8 @@ local function argument_of(option, name)
     return argument ~= "" and argument or nil
 end
 
--- A listener that hears of every packet which passes the filter; or nil and why
--- there cannot be one.
+-- A listener that receives every packet that passes the filter; or nil and the reason why there is
+-- none.
 local function listen(filter)
     local is_made, listener = pcall(Listener.new, "frame",
         filter and "quorvane && (" .. filter .. ")" or nil)
@@ -1254,14 +1252,14 @@ local function listen(filter)
     return listener
 end
 
--- tshark goes on after an error in Lua, but not after one in its options.
+-- tshark continues after an error in Lua, but not after one in its options.
 local function end_for_option(option, why)
     io.stderr:write("tshark: -z ", option, ": ", why, "\n")
     os.exit(1)
 end
 
--- tshark -z quorvane,calls[,FILTER]: with a filter, the calls of the packets that
--- pass it, each with all of its packets.
+-- tshark -z quorvane,calls[,FILTER]. With a filter, lists the calls of which at least one packet
+-- passes it, each with all of its packets.
 local function print_calls_at_the_end(option)
     local filter = argument_of(option, "quorvane,calls")
     local chosen = filter and {}
