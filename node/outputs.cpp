@@ -45,7 +45,9 @@ Outputs::Outputs(const Options& options, std::ostream& out, std::ostream& errors
             Terminal::present()),
       terminal_(out),
       lines_(events_to_stdout(options) ? errors : out),
-      folder_(options.folder, open_files(options), options.overwrite) {}
+      folder_(options.folder, open_files(options), options.overwrite) {
+    lines_.show_dates();
+}
 
 std::string Outputs::open_folder() {
     const std::string error = folder_.prepare();

@@ -88,11 +88,26 @@ std::string side_text(const CallSide& side) {
 }  // namespace
 
 void LineReport::say(const std::string& what, const std::string& text) {
-    std::string line = time_of_day() + "  " + in_columns(what, 38, text) + '\n';
+    tell_date();
+    put(time_of_day() + "  " + in_columns(what, 38, text) + '\n');
+}
+
+void LineReport::put(std::string line) {
     if (!holding_) {
         out_ << line;
     } else if (held_.size() < MOST_HELD) {
         held_.push_back(std::move(line));
+    }
+}
+
+void LineReport::tell_date() {
+    if (!dates_) {
+        return;
+    }
+    const Micros now = wall_time();
+    const std::string date = local_date(now);
+    if (std::exchange(told_date_, date) != date) {
+        put(time_of_day() + "  " + in_columns("date", 38, date + ' ' + zone_text(now)) + '\n');
     }
 }
 
@@ -104,6 +119,7 @@ void LineReport::release() {
 }
 
 void LineReport::line(const Call& call, const std::string& what, const std::string& text) {
+    tell_date();
     out_ << time_of_day() << "  " << uuid_text(call.uuid()) << "  " << in_columns(what, 13, text)
          << '\n';
 }

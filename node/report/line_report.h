@@ -29,6 +29,10 @@ class LineReport : public CallListener {
     // Writes a line that concerns no call.
     void say(const std::string& what, const std::string& text);
 
+    // From now on the date has a line of its own, before the first line and before the first line
+    // of each further day.
+    void show_dates() { dates_ = true; }
+
     // From now on, the first hundred lines of say() are kept until release() writes them: the live
     // view owns the screen meanwhile.
     void hold() { holding_ = true; }
@@ -38,11 +42,14 @@ class LineReport : public CallListener {
 
   private:
     void line(const Call& call, const std::string& what, const std::string& text);
-    void side_line(const Call& call, Side side);
+    void put(std::string line);
+    void tell_date();
 
     static constexpr std::size_t MOST_HELD = 100;
 
     std::ostream& out_;
+    bool dates_ = false;
+    std::string told_date_;
     bool holding_ = false;
     std::vector<std::string> held_;
 };

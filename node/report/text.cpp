@@ -1,6 +1,7 @@
 #include "node/report/text.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <ctime>
 
 #include "node/calls/level_meter.h"
@@ -60,15 +61,19 @@ std::string shown_text(std::string_view bytes, char32_t code) {
 // Nothing for the system's.
 thread_local std::optional<Micros> reported_time;
 
-timespec wall_clock() {
-    timespec now{};
-    if (reported_time.has_value()) {
-        now.tv_sec = reported_time->count() / 1'000'000;
-        now.tv_nsec = reported_time->count() % 1'000'000 * 1000;
-    } else {
-        clock_gettime(CLOCK_REALTIME, &now);
-    }
-    return now;
+constexpr std::int64_t SECOND = 1'000'000;
+
+struct LocalMoment {
+    tm time{};
+    long micros;  // Of the second.
+};
+
+LocalMoment local_moment(Micros time) {
+    const std::time_t seconds = time.count() / SECOND - (time.count() % SECOND < 0 ? 1 : 0);
+    LocalMoment moment{};
+    localtime_r(&seconds, &moment.time);
+    moment.micros = time.count() - seconds * SECOND;
+    return moment;
 }
 
 }  // namespace
@@ -117,19 +122,47 @@ void report_as_of(std::optional<Micros> time) {
 }
 
 std::string utc_time() {
-    const timespec now = wall_clock();
+    const Micros now = wall_time();
+    const std::time_t seconds = now.count() / SECOND;
     tm utc{};
-    gmtime_r(&now.tv_sec, &utc);
+    gmtime_r(&seconds, &utc);
     return tools::format("%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900, utc.tm_mon + 1,
-                         utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, now.tv_nsec / 1000);
+                         utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, now.count() % SECOND);
 }
 
 std::string time_of_day() {
-    const timespec now = wall_clock();
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    return tools::format("%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min, local.tm_sec,
-                         now.tv_nsec / 1'000'000);
+    const LocalMoment now = local_moment(wall_time());
+    return tools::format("%02d:%02d:%02d.%03ld", now.time.tm_hour, now.time.tm_min, now.time.tm_sec,
+                         now.micros / 1000);
+}
+
+Micros wall_time() {
+    if (reported_time.has_value()) {
+        return *reported_time;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return Micros(now.tv_sec * SECOND + now.tv_nsec / 1000);
+}
+
+std::string local_date(Micros time) {
+    const tm local = local_moment(time).time;
+    return tools::format("%04d-%02d-%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
+}
+
+std::string local_time(Micros time) {
+    const tm local = local_moment(time).time;
+    return tools::format("%02d:%02d:%02d", local.tm_hour, local.tm_min, local.tm_sec);
+}
+
+std::string local_time_tenths(Micros time) {
+    return local_time(time) + tools::format(".%ld", local_moment(time).micros / 100'000);
+}
+
+std::string zone_text(Micros time) {
+    const long minutes = local_moment(time).time.tm_gmtoff / 60;
+    const long ahead = std::labs(minutes);
+    return tools::format("UTC%c%02ld:%02ld", minutes < 0 ? '-' : '+', ahead / 60, ahead % 60);
 }
 
 }  // namespace qv::node

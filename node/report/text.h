@@ -41,6 +41,16 @@ void report_as_of(std::optional<Micros> time);
 // "2026-01-31T23:59:59.123456Z", of now.
 std::string utc_time();
 
+// Now, since 1970.
+Micros wall_time();
+
+// "2026-01-31", "hh:mm:ss", "hh:mm:ss.t": local time of a moment since 1970, rounded down.
+std::string local_date(Micros time);
+std::string local_time(Micros time);
+std::string local_time_tenths(Micros time);
+// "UTC+01:00", of the local time then.
+std::string zone_text(Micros time);
+
 // "hh:mm:ss.mmm", local time, of now.
 std::string time_of_day();
 

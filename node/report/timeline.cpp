@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <deque>
 #include <limits>
 
 #include "node/audio/file_names.h"
@@ -43,6 +44,14 @@ std::string subtitle_of(const Call& call, EndReason reason) {
                                     : "the start packet never came" + end;
 }
 
+std::vector<std::string> places_of(const Call& call) {
+    std::vector<std::string> places = {"from " + address_text(call.source())};
+    if (call.start().has_value() && !call.start()->report_node.empty()) {
+        places.push_back("report node " + call.start()->report_node);
+    }
+    return places;
+}
+
 std::string summary_of(const CallSide& side) {
     const ReorderBuffer::Stats& stats = side.stats();
     if (!side.begun()) {
@@ -63,14 +72,21 @@ class TimelineOfCall : public CallListener {
     TimelineOfCall(Call& call, const Timeline::Save& save) : call_(call), save_(save) {}
 
     void started(const Call& /*call*/, const media::Packet& packet) override {
+        note_clock(packet.send_time);
         note(packet.send_time, "start: " + features_text(packet.features));
     }
 
+    void data(const Call& /*call*/, const media::Packet& packet) override {
+        note_clock(packet.send_time);
+    }
+
     void features_changed(const Call& /*call*/, const media::Packet& packet) override {
+        note_clock(packet.send_time);
         note(packet.send_time, features_text(packet.features));
     }
 
     void terminated(const Call& /*call*/, const media::Packet& packet) override {
+        note_clock(packet.send_time);
         note(packet.send_time, "terminate");
         data_.terminated = true;
     }
@@ -81,6 +97,7 @@ class TimelineOfCall : public CallListener {
 
     void pause(const Call& /*call*/, Side side, const Pause& pause) override {
         TimelineData::SideTrace& into = trace(side);
+        note_pause(side, pause);
         add_mark(into.pauses, TimelineData::Stretch{into.outline.samples(), pause.samples, 0});
         into.outline.add_silence(pause.samples);
     }
@@ -99,15 +116,37 @@ class TimelineOfCall : public CallListener {
         add_mark(into.late, back <= head ? head - back : 0);
     }
 
+    void running_changed(const Call& call, Side side, std::uint64_t position) override {
+        switch_stretch(side, trace(side).heard, heard_since_[index_of(side)],
+                       call.side(side).running().activity, position);
+    }
+
+    void activity(const Call& /*call*/, Side side, const Activity& activity) override {
+        switch_stretch(side, trace(side).active, active_since_[index_of(side)], activity.active,
+                       activity.position);
+    }
+
+    void sample_found(const Call& /*call*/, Side side, const FoundSample& sample) override {
+        auto& samples = trace(side).samples;
+        if (samples.size() < TimelineData::MAX_SAMPLES) {
+            const std::uint64_t begin =
+                sample.position < 0 ? 0 : static_cast<std::uint64_t>(sample.position);
+            samples.push_back({place_of(side, begin), sample.name, sample.score});
+        }
+    }
+
     void ended(const Call& call, EndReason reason) override {
         data_.title = uuid_text(call.uuid());
         data_.subtitle = subtitle_of(call, reason);
         for (const Side side : BOTH_SIDES) {
             trace(side).sample_rate = call.side(side).sample_rate();
             trace(side).summary = summary_of(call.side(side));
+            end_stretches(side);
         }
         const std::int64_t begin = axis_begin();
         data_.audio_begin = seconds_between(begin, call.first_audio_time().value_or(begin));
+        data_.places = places_of(call);
+        place_clock(begin);
         place_events(begin);
         const FileReport file = save_(timeline_file_name(call.file_stem()), render_timeline(data_));
         if (!file.error.empty()) {
@@ -130,6 +169,88 @@ class TimelineOfCall : public CallListener {
                                    {trace(Side::ORIGINATOR).outline.samples(),
                                     trace(Side::TERMINATOR).outline.samples()},
                                    std::move(label)});
+    }
+
+    // The first packet tells what time it was.
+    void note_clock(std::int64_t send_time) {
+        if (!clock_.has_value()) {
+            clock_ = ClockMark{send_time, wall_time()};
+        }
+    }
+
+    void place_clock(std::int64_t axis_begin) {
+        const double before =
+            clock_.has_value() ? seconds_between(axis_begin, clock_->send_time) : 0;
+        // A forged send time is too far away from the others to be true.
+        if (clock_.has_value() && before < LONGEST_CLOCK_S) {
+            data_.wall_begin = clock_->time - Micros(static_cast<std::int64_t>(before * 1e6));
+        }
+    }
+
+    // Where a position of the side lies in its outline, which has the pauses. The end of a
+    // stretch lies before a pause that begins there.
+    std::uint64_t place_of(Side side, std::uint64_t position, bool is_end = false) const {
+        std::uint64_t paused = 0;
+        for (const Paused& pause : pauses_[index_of(side)]) {
+            if (pause.position > position || (is_end && pause.position == position)) {
+                return position + pause.before;
+            }
+            paused = pause.before + pause.samples;
+        }
+        return position + paused;
+    }
+
+    void note_pause(Side side, const Pause& pause) {
+        std::deque<Paused>& pauses = pauses_[index_of(side)];
+        const std::uint64_t before =
+            pauses.empty() ? 0 : pauses.back().before + pauses.back().samples;
+        pauses.push_back({pause.position, pause.samples, before});
+        if (pauses.size() > MOST_PAUSES) {
+            pauses.pop_front();
+        }
+    }
+
+    // Begins or ends a stretch.
+    void switch_stretch(Side side, std::vector<TimelineData::Stretch>& stretches,
+                        std::optional<std::uint64_t>& since, bool on, std::uint64_t position) {
+        if (on && !since.has_value()) {
+            since = place_of(side, position);
+        } else if (!on && since.has_value()) {
+            add_stretch(side, stretches, *since, place_of(side, position, true));
+            since.reset();
+        }
+    }
+
+    // So that all of a long call is drawn, stretches are joined that are too close to each other
+    // to be seen apart.
+    void add_stretch(Side side, std::vector<TimelineData::Stretch>& stretches, std::uint64_t begin,
+                     std::uint64_t end) {
+        if (stretches.size() == TimelineData::MAX_MARKS) {
+            join_closer_than(trace(side).outline.samples() / NARROW, stretches);
+        }
+        add_mark(stretches, TimelineData::Stretch{begin, std::max(begin, end) - begin, 0});
+    }
+
+    static void join_closer_than(std::uint64_t distance,
+                                 std::vector<TimelineData::Stretch>& stretches) {
+        std::vector<TimelineData::Stretch> joined;
+        for (const TimelineData::Stretch& next : stretches) {
+            if (joined.empty() ||
+                next.begin > joined.back().begin + joined.back().length + distance) {
+                joined.push_back(next);
+            } else {
+                const std::uint64_t end =
+                    std::max(joined.back().begin + joined.back().length, next.begin + next.length);
+                joined.back().length = end - joined.back().begin;
+            }
+        }
+        stretches = std::move(joined);
+    }
+
+    void end_stretches(Side side) {
+        const std::uint64_t end = call_.side(side).position();
+        switch_stretch(side, trace(side).heard, heard_since_[index_of(side)], false, end);
+        switch_stretch(side, trace(side).active, active_since_[index_of(side)], false, end);
     }
 
     // The send time of the first packet, usually the start packet.
@@ -155,9 +276,31 @@ class TimelineOfCall : public CallListener {
         }
     }
 
+    // Parts of the outline that can be told apart.
+    static constexpr std::uint64_t NARROW = 1000;
+    static constexpr double LONGEST_CLOCK_S = 1e8;
+
+    struct ClockMark {
+        std::int64_t send_time;
+        Micros time;  // Since 1970.
+    };
+
+    // What an analysis notices lies behind most of the pauses.
+    static constexpr std::size_t MOST_PAUSES = 64;
+
+    struct Paused {
+        std::uint64_t position;
+        std::uint64_t samples;
+        std::uint64_t before;  // Samples of the pauses before it.
+    };
+
     Call& call_;
     const Timeline::Save& save_;
     TimelineData data_;
+    std::optional<ClockMark> clock_;
+    std::array<std::deque<Paused>, SIDE_COUNT> pauses_;  // The latest.
+    std::array<std::optional<std::uint64_t>, SIDE_COUNT> heard_since_;
+    std::array<std::optional<std::uint64_t>, SIDE_COUNT> active_since_;
     std::vector<RawEvent> events_;
 };
 

@@ -1,12 +1,13 @@
 // A picture of one call: the outlines of both sides over one time axis, with silence,
-// gaps, late parts, pauses, and what happened when. Written as one SVG file per call when
-// the call has ended. Belongs to one thread.
+// gaps, late parts, pauses, audio activity, recognised samples, and what happened when. Written as
+// one SVG file per call when the call has ended. Belongs to one thread.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,13 +21,20 @@ namespace qv::node {
 // counts them: audio, filled silence and pauses.
 struct TimelineData {
     static constexpr std::size_t MAX_SPANS = 2048;
-    static constexpr std::size_t SUBTITLE_COLUMNS = 150;  // What fits.
+    static constexpr std::size_t SUBTITLE_COLUMNS = 150;  // What fits, about.
     static constexpr std::size_t MAX_MARKS = 2000;        // Of each kind; more are not drawn.
+    static constexpr std::size_t MAX_SAMPLES = 500;       // Recognised, of a side.
 
     struct Stretch {
         std::uint64_t begin;
         std::uint64_t length;
         std::uint64_t packets;  // Lost ones, of a gap.
+    };
+    // A sample that was recognised.
+    struct Sample {
+        std::uint64_t place;
+        std::string name;
+        double score;
     };
     struct SideTrace {
         Envelope outline{MAX_SPANS};
@@ -34,6 +42,9 @@ struct TimelineData {
         std::vector<Stretch> gaps;
         std::vector<Stretch> pauses;
         std::vector<std::uint64_t> late;
+        std::vector<Stretch> heard;   // Where audio activity was looked for,
+        std::vector<Stretch> active;  // and where there was some.
+        std::vector<Sample> samples;
         std::string summary;
     };
     struct Event {
@@ -43,6 +54,8 @@ struct TimelineData {
 
     std::string title;
     std::string subtitle;
+    std::vector<std::string> places;   // Addresses of the call, in words.
+    std::optional<Micros> wall_begin;  // Since 1970, when the axis begins.
     double audio_begin = 0;  // Where both sides begin: a call rings before it is answered.
     std::array<SideTrace, SIDE_COUNT> sides;
     std::vector<Event> events;  // In order.

@@ -2,71 +2,71 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "node/calls/level_meter.h"
+#include "node/report/svg_canvas.h"
 #include "node/report/text.h"
 #include "node/report/timeline.h"
 #include "tools/format.h"
-#include "tools/utf8.h"
 
 namespace qv::node {
 
 namespace {
 
+using Anchor = SvgCanvas::Anchor;
+using Font = SvgCanvas::Font;
+using Layer = SvgCanvas::Layer;
+
 constexpr double WIDTH = 1280;
 constexpr double LEFT = 24;
 constexpr double PLOT = WIDTH - 2 * LEFT;
-constexpr double EVENT_TOP = 76;
-constexpr double EVENT_ROW = 17;
-constexpr std::size_t EVENT_ROWS = 4;
+constexpr double LABELS_TOP = 90;  // The base of the first row of labels.
+constexpr double LABEL_ROW = 17;
+constexpr std::size_t MOST_EVENT_ROWS = 12;
+constexpr std::size_t MOST_SAMPLE_ROWS = 6;
 constexpr double LANE = 130;
-constexpr double LANE_TITLE = 22;
-constexpr double FIRST_LANE = EVENT_TOP + EVENT_ROWS * EVENT_ROW + 14;
-constexpr double SECOND_LANE = FIRST_LANE + LANE + LANE_TITLE + 8;
-constexpr double AXIS = SECOND_LANE + LANE + LANE_TITLE + 6;
-constexpr double HEIGHT = AXIS + 62;
+constexpr double LANE_TITLE = 28;
+constexpr double BAND = 8;  // Of audio activity.
 constexpr std::size_t COLUMNS = 1232;
-constexpr double CHARACTER = 6.3;            // Roughly, of the label font.
 constexpr double QUIETEST_SCALE = 1000;      // An outline is not magnified beyond this peak.
 constexpr int SILENCE_PEAK = 104;            // -50 dB.
 constexpr std::size_t SILENCE_COLUMNS = 12;  // Shorter silence is not marked.
-constexpr std::size_t LONGEST_LABEL = 100;
+constexpr double LONGEST_CLOCK_S = 1e8;      // Forged send times make no wall clock.
+constexpr std::size_t MOST_HINTS = 10;       // Of labels that found no room.
 
 constexpr std::array<const char*, SIDE_COUNT> LANE_COLOUR = {"#2563eb", "#0f766e"};
+constexpr Font TITLE_FONT = {18, "#0f172a", true};
+constexpr Font TEXT_FONT = {13, "#475569", false};
+constexpr Font SMALL_FONT = {12, "#475569", false};
 
-std::string escaped(const std::string& text) {
-    std::string out;
-    for (const char c : text) {
-        switch (c) {
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '&':
-                out += "&amp;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
-}
+// Labels of moments, and how they look.
+struct LabelStyle {
+    Font font;
+    const char* mark;  // Attributes of the mark that stands before the label.
+    const char* line;
+};
+constexpr LabelStyle EVENT_STYLE = {
+    {11.5, "#5b21b6", false},
+    "fill=\"#7c3aed\"",
+    "stroke=\"#7c3aed\" stroke-dasharray=\"4 3\" stroke-opacity=\"0.8\""};
+constexpr LabelStyle SAMPLE_STYLE = {
+    {11.5, "#9a3412", false}, "fill=\"#c2410c\"", "stroke=\"#c2410c\" stroke-width=\"1.4\""};
 
-std::string number(double value) {
-    return tools::format("%.1f", value);
-}
+constexpr const char* HEARD_STYLE = "fill=\"#dcfce7\"";
+constexpr const char* ACTIVE_STYLE = "fill=\"#16a34a\"";
 
-// "1:23:45", "3:20" or "12.5 s".
+// "1:23:45", "3:20" or "12 s"; with tenths for steps below a second: "3:20.5", "12.5 s".
 std::string clock_text(double seconds, double step) {
-    if (step < 1) {
+    if (step < 1 && seconds < 59.95) {
         return tools::format("%.1f s", seconds);
+    }
+    if (step < 1) {
+        const double minutes = std::floor((seconds + 0.05) / 60);
+        return tools::format("%.0f:%04.1f", minutes, std::max(0.0, seconds - 60 * minutes));
     }
     const long whole = std::lround(seconds);
     if (seconds < 60) {
@@ -89,23 +89,110 @@ double tick_step(double seconds) {
     return 3600 * std::ceil(seconds / 14 / 3600);
 }
 
+// A moment with a label.
+struct Moment {
+    double x;
+    std::string words;
+    std::string hint;
+};
+
+// Moments whose labels have found their places, above or below each other.
+struct PlacedLabels {
+    struct Label {
+        double x;
+        std::size_t row;
+        std::string words;
+        std::string hint;
+        bool leftwards;  // From the moment.
+    };
+    std::vector<Label> labels;
+    // All of them; those without a label of their own have the last row.
+    struct Place {
+        double x;
+        std::size_t row;
+    };
+    std::vector<Place> moments;
+    std::size_t rows = 0;
+};
+
+constexpr double MARK_ROOM = 6;  // Of the mark before a label, and of the space behind it.
+
+// In the last row, of labels that found no room: "+3". Their hint lists the first of them.
+void add_hidden(PlacedLabels& placed, const std::vector<Moment>& hidden, double font_size) {
+    const double room = 2 * MARK_ROOM + text_width("+9,999", font_size);
+    const std::size_t row = placed.rows;
+    std::size_t first = placed.labels.size();
+    std::size_t count = 0;
+    for (const Moment& moment : hidden) {
+        const double x = std::min(moment.x, WIDTH - room);
+        if (first == placed.labels.size() || x >= placed.labels.back().x + room) {
+            placed.labels.push_back({x, row, {}, {}, false});
+            first = std::min(first, placed.labels.size() - 1);
+            count = 0;
+        }
+        ++count;
+        PlacedLabels::Label& label = placed.labels.back();
+        label.words = "+" + grouped(count);
+        if (count <= MOST_HINTS) {
+            label.hint += (count > 1 ? "; " : "") + moment.hint;
+        } else if (count == MOST_HINTS + 1) {
+            label.hint += "; ...";
+        }
+    }
+    placed.rows += hidden.empty() ? 0 : 1;
+}
+
+// Each label stands behind its moment, or before it near the right edge, in the first row in
+// which there is room. A label that is longer than that is cut.
+PlacedLabels place_labels(const std::vector<Moment>& moments, std::size_t most_rows,
+                          double font_size) {
+    LabelRows rows(most_rows);
+    PlacedLabels placed;
+    std::vector<Moment> hidden;
+    for (const Moment& moment : moments) {
+        const double behind = WIDTH - 4 - moment.x - MARK_ROOM;
+        const double before = moment.x - MARK_ROOM - 4;
+        const std::string words = cut_to_width(moment.words, std::max(behind, before), font_size);
+        const double width = text_width(words, font_size);
+        const bool leftwards = width > behind;
+        const double begin = leftwards ? moment.x - MARK_ROOM - width : moment.x - MARK_ROOM;
+        const auto row = rows.place(begin, begin + width + 3 * MARK_ROOM);
+        placed.moments.push_back({moment.x, row.value_or(most_rows)});
+        if (row.has_value()) {
+            placed.labels.push_back({moment.x, *row, words, moment.hint, leftwards});
+        } else {
+            hidden.push_back(moment);
+        }
+    }
+    placed.rows = rows.rows();
+    std::sort(hidden.begin(), hidden.end(),
+              [](const Moment& one, const Moment& two) { return one.x < two.x; });
+    add_hidden(placed, hidden, font_size);
+    return placed;
+}
+
 class Picture {
   public:
-    explicit Picture(const TimelineData& data) : data_(data), seconds_(length()) {}
+    explicit Picture(const TimelineData& data) : data_(data), seconds_(length()) { lay_out(); }
 
+    // All texts come first, because upright lines leave them out.
     std::string draw() {
-        open();
+        draw_head();
+        draw_labels(events_, LABELS_TOP, EVENT_STYLE);
+        for (const Side side : BOTH_SIDES) {
+            draw_lane_title(side);
+            draw_labels(lane(side).samples, lane(side).labels, SAMPLE_STYLE);
+        }
         draw_axis();
+        const double end = draw_legend();
+        draw_grid();
+        for (const auto& [x, row] : events_.moments) {
+            canvas_.upright(Layer::MARKS, x, base_of(row, LABELS_TOP), axis_, EVENT_STYLE.line);
+        }
         for (const Side side : BOTH_SIDES) {
             draw_lane(side);
         }
-        draw_events();
-        for (const Side side : BOTH_SIDES) {
-            draw_lane_title(side);
-        }
-        draw_legend();
-        out_ += "</svg>\n";
-        return std::move(out_);
+        return canvas_.document(WIDTH, end + 14);
     }
 
   private:
@@ -116,6 +203,17 @@ class Picture {
         bool present = false;
     };
     using Columns = std::vector<Column>;
+
+    // Where a side is drawn: heights of the picture.
+    struct Lane {
+        double title = 0;
+        double top = 0;
+        double band = 0;    // Of audio activity; its top.
+        double labels = 0;  // The base of the first row.
+        double bottom = 0;
+        bool has_band = false;
+        PlacedLabels samples;
+    };
 
     double length() const {
         double longest = 0.1;
@@ -135,62 +233,141 @@ class Picture {
 
     double x(double seconds) const { return LEFT + PLOT * seconds / seconds_; }
 
-    void text(double left, double base, const std::string& style, const std::string& words) {
-        out_ += "<text x=\"" + number(left) + "\" y=\"" + number(base) + "\" " + style + ">" +
-                escaped(words) + "</text>\n";
+    const TimelineData::SideTrace& trace(Side which) const { return data_.sides[index_of(which)]; }
+    const Lane& lane(Side which) const { return lanes_[index_of(which)]; }
+
+    void lay_out() {
+        std::vector<Moment> moments;
+        for (const TimelineData::Event& event : data_.events) {
+            moments.push_back({x(event.seconds), event.label,
+                               event.label + " at " + clock_text(event.seconds, 0)});
+        }
+        events_ = place_labels(moments, MOST_EVENT_ROWS, EVENT_STYLE.font.size);
+        double top =
+            LABELS_TOP + LABEL_ROW * static_cast<double>(std::max<std::size_t>(events_.rows, 1));
+        for (const Side side : BOTH_SIDES) {
+            top = lay_out_lane(side, top);
+        }
+        axis_ = top;
     }
 
-    void line(double x1, double y1, double x2, double y2, const std::string& style) {
-        out_ += "<line x1=\"" + number(x1) + "\" y1=\"" + number(y1) + "\" x2=\"" + number(x2) +
-                "\" y2=\"" + number(y2) + "\" " + style + "/>\n";
+    // Returns where it ends.
+    double lay_out_lane(Side which, double top) {
+        const TimelineData::SideTrace& side = trace(which);
+        std::vector<Moment> moments;
+        for (const TimelineData::Sample& sample : side.samples) {
+            const double seconds = at(side, sample.place);
+            moments.push_back({x(seconds), quoted_text(sample.name, 60),
+                               "sample " + quoted_text(sample.name) + " at " +
+                                   clock_text(seconds, 0) +
+                                   tools::format(", score %.2f", sample.score)});
+        }
+        Lane& lane = lanes_[index_of(which)];
+        lane.samples = place_labels(moments, MOST_SAMPLE_ROWS, SAMPLE_STYLE.font.size);
+        lane.title = top + 18;
+        lane.top = top + LANE_TITLE;
+        lane.band = lane.top + LANE + 3;
+        lane.has_band = !side.heard.empty() || !side.active.empty();
+        lane.bottom = lane.top + LANE + (lane.has_band ? BAND + 3 : 0);
+        lane.labels = lane.bottom + 16;
+        return lane.bottom + 6 +
+               (lane.samples.rows == 0 ? 0
+                                       : LABEL_ROW * static_cast<double>(lane.samples.rows) + 4);
     }
 
-    // Browsers show the hint under the pointer.
-    void box(double left, double top, double width, double height, const std::string& style,
-             const std::string& hint = {}) {
-        out_ += "<rect x=\"" + number(left) + "\" y=\"" + number(top) + "\" width=\"" +
-                number(width) + "\" height=\"" + number(height) + "\" " + style;
-        out_ += hint.empty() ? "/>\n" : "><title>" + escaped(hint) + "</title></rect>\n";
+    void draw_head() {
+        const std::string length = duration_text(seconds_);
+        canvas_.text(LEFT, 30, "Call " + data_.title, TITLE_FONT);
+        canvas_.text(WIDTH - LEFT, 30, length, TITLE_FONT, Anchor::END);
+        canvas_.text(LEFT, 50, cut_to_width(data_.subtitle, PLOT, TEXT_FONT.size), TEXT_FONT);
+        canvas_.text(LEFT, 68, cut_to_width(when_and_where(), PLOT, TEXT_FONT.size), TEXT_FONT);
     }
 
-    void open() {
-        out_ =
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-            "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " +
-            number(WIDTH) + ' ' + number(HEIGHT) + "\" width=\"" + number(WIDTH) + "\" height=\"" +
-            number(HEIGHT) +
-            "\" font-family=\"Inter, 'DejaVu Sans', Arial, sans-serif\" font-size=\"12\">\n"
-            "<defs><pattern id=\"pause\" width=\"6\" height=\"6\" "
-            "patternUnits=\"userSpaceOnUse\" patternTransform=\"rotate(45)\">"
-            "<rect width=\"6\" height=\"6\" fill=\"#f1f5f9\"/>"
-            "<line x1=\"0\" y1=\"0\" x2=\"0\" y2=\"6\" stroke=\"#94a3b8\" "
-            "stroke-width=\"1.5\"/></pattern></defs>\n";
-        box(0, 0, WIDTH, HEIGHT, "fill=\"#ffffff\"");
-        text(LEFT, 30, "font-size=\"18\" font-weight=\"600\" fill=\"#0f172a\"",
-             "Call " + data_.title);
-        text(LEFT, 50, "fill=\"#475569\" font-size=\"13\"",
-             tools::truncate_to_columns(data_.subtitle, TimelineData::SUBTITLE_COLUMNS));
-        text(WIDTH - LEFT, 30,
-             "font-size=\"18\" font-weight=\"600\" fill=\"#0f172a\" text-anchor=\"end\"",
-             duration_text(seconds_));
+    bool has_clock() const { return data_.wall_begin.has_value() && seconds_ < LONGEST_CLOCK_S; }
+
+    Micros wall_time_at(double seconds) const {
+        return *data_.wall_begin + Micros(static_cast<std::int64_t>(seconds * 1e6));
     }
 
-    void draw_axis() {
+    std::string when_and_where() const {
+        std::string text;
+        if (has_clock()) {
+            const Micros begin = *data_.wall_begin;
+            const Micros end = wall_time_at(seconds_);
+            const std::string last_day = local_date(end);
+            text = local_date(begin) + ' ' + local_time(begin) + " to " +
+                   (last_day == local_date(begin) ? "" : last_day + ' ') + local_time(end) + " (" +
+                   zone_text(begin) + ")";
+        }
+        for (const std::string& place : data_.places) {
+            text += (text.empty() ? "" : ", ") + place;
+        }
+        return text;
+    }
+
+    static double base_of(std::size_t row, double first_base) {
+        return first_base + LABEL_ROW * static_cast<double>(row);
+    }
+
+    void draw_labels(const PlacedLabels& placed, double first_base, const LabelStyle& style) {
+        for (const PlacedLabels::Label& label : placed.labels) {
+            const double base = base_of(label.row, first_base);
+            canvas_.path(Layer::TEXT,
+                         "M" + svg_number(label.x - 3) + ' ' + svg_number(base - 4) +
+                             "a3 3 0 1 0 6 0a3 3 0 1 0 -6 0z",
+                         style.mark, label.hint);
+            canvas_.text(label.leftwards ? label.x - MARK_ROOM : label.x + MARK_ROOM, base,
+                         label.words, style.font, label.leftwards ? Anchor::END : Anchor::START);
+        }
+    }
+
+    void draw_lane_title(Side which) {
+        const double base = lane(which).title;
+        canvas_.text(LEFT, base, name_of(which), {13, LANE_COLOUR[index_of(which)], true});
+        canvas_.text(LEFT + 92, base, trace(which).summary, SMALL_FONT);
+    }
+
+    // Calls `visit` with each place of the axis that gets a figure, in seconds, and the distance
+    // of these places.
+    template <typename Visit>
+    void for_each_tick(Visit visit) const {
         const double step = tick_step(seconds_);
         const auto ticks = static_cast<int>(seconds_ * 1.0001 / step);
         for (int i = 0; i <= ticks; ++i) {
-            const double tick = i * step;
-            line(x(tick), FIRST_LANE + LANE_TITLE, x(tick), AXIS, "stroke=\"#e2e8f0\"");
-            const bool near_end = x(tick) > WIDTH - LEFT - 20;
-            text(x(tick), AXIS + 16,
-                 std::string("fill=\"#475569\" text-anchor=\"") +
-                     (tick == 0  ? "start"
-                      : near_end ? "end"
-                                 : "middle") +
-                     "\"",
-                 clock_text(tick, step));
+            visit(i * step, step);
         }
-        line(LEFT, AXIS, WIDTH - LEFT, AXIS, "stroke=\"#64748b\"");
+    }
+
+    void draw_axis() {
+        LabelRows elapsed(1);
+        LabelRows clock(1);
+        for_each_tick([&](double tick, double step) {
+            draw_figure(tick, axis_ + 16, clock_text(tick, step), SMALL_FONT, elapsed);
+            if (has_clock()) {
+                const Micros time = wall_time_at(tick);
+                draw_figure(tick, axis_ + 31, step < 1 ? local_time_tenths(time) : local_time(time),
+                            {11, "#64748b", false}, clock);
+            }
+        });
+        canvas_.line(Layer::GRID, LEFT, axis_, WIDTH - LEFT, axis_, "stroke=\"#64748b\"");
+    }
+
+    // Figures for which there is no room are left out.
+    void draw_figure(double tick, double base, const std::string& words, const Font& font,
+                     LabelRows& row) {
+        const double width = text_width(words, font.size);
+        const double left =
+            std::clamp(x(tick) - width / 2, LEFT, std::max(LEFT, WIDTH - LEFT - width));
+        if (row.place(left, left + width + 8).has_value()) {
+            canvas_.text(left, base, words, font);
+        }
+    }
+
+    void draw_grid() {
+        for_each_tick([&](double tick, double /*step*/) {
+            canvas_.upright(Layer::GRID, x(tick), lanes_[0].title - 14, axis_,
+                            "stroke=\"#e2e8f0\"");
+        });
     }
 
     Columns columns_of(const TimelineData::SideTrace& side) const {
@@ -236,33 +413,27 @@ class Picture {
         return peak;
     }
 
-    static double lane_title(Side which) {
-        return which == Side::ORIGINATOR ? FIRST_LANE : SECOND_LANE;
-    }
-
-    // After the lines of the events, and with a white seam to stand out from them.
-    void draw_lane_title(Side which) {
-        const std::string seam = "paint-order=\"stroke\" stroke=\"#ffffff\" stroke-width=\"4\" ";
-        const double base = lane_title(which) + 14;
-        text(LEFT, base,
-             seam + "font-weight=\"600\" font-size=\"13\" fill=\"" + LANE_COLOUR[index_of(which)] +
-                 "\"",
-             name_of(which));
-        text(LEFT + 84, base, seam + "fill=\"#475569\"", data_.sides[index_of(which)].summary);
-    }
-
     void draw_lane(Side which) {
-        const TimelineData::SideTrace& side = data_.sides[index_of(which)];
-        const double top = lane_title(which) + LANE_TITLE;
+        const TimelineData::SideTrace& side = trace(which);
+        const double top = lane(which).top;
         const Columns columns = columns_of(side);
-        const std::string colour = LANE_COLOUR[index_of(which)];
-        box(LEFT, top, PLOT, LANE, "fill=\"none\" stroke=\"#cbd5e1\"");
+        canvas_.box(Layer::GROUND, LEFT, top, PLOT, LANE, "fill=\"none\" stroke=\"#cbd5e1\"");
         draw_silence(columns, top);
-        draw_stretches(side, side.pauses, top, "fill=\"url(#pause)\"", "pause of the sender: ");
-        draw_stretches(side, side.gaps, top, "fill=\"#dc2626\" fill-opacity=\"0.45\"", "gap: ");
-        draw_outline(columns, top, colour);
+        draw_stretches(Layer::GROUND, side, side.pauses, top, LANE, "fill=\"url(#pause)\"",
+                       "pause of the sender: ");
+        draw_stretches(Layer::GROUND, side, side.gaps, top, LANE,
+                       "fill=\"#dc2626\" fill-opacity=\"0.45\"", "gap: ");
+        draw_outline(columns, top, LANE_COLOUR[index_of(which)]);
         draw_gap_flags(side, top);
         draw_late(side, top);
+        draw_stretches(Layer::AUDIO, side, side.heard, lane(which).band, BAND, HEARD_STYLE,
+                       "looked for audio activity: ");
+        draw_stretches(Layer::AUDIO, side, side.active, lane(which).band, BAND, ACTIVE_STYLE,
+                       "audio activity: ");
+        for (const auto& [x, row] : lane(which).samples.moments) {
+            canvas_.upright(Layer::MARKS, x, top, base_of(row, lane(which).labels) - 4,
+                            SAMPLE_STYLE.line);
+        }
     }
 
     void draw_silence(const Columns& columns, double top) {
@@ -273,8 +444,8 @@ class Picture {
                 ++end;
             }
             if (end - begin >= SILENCE_COLUMNS) {
-                box(column_x(begin), top, column_x(end) - column_x(begin), LANE, "fill=\"#f1f5f9\"",
-                    "silence");
+                canvas_.box(Layer::GROUND, column_x(begin), top, column_x(end) - column_x(begin),
+                            LANE, "fill=\"#f1f5f9\"", "silence");
             }
             begin = std::max(end, begin + 1);
         }
@@ -293,20 +464,20 @@ class Picture {
             // At least a hair line, so that silence differs from no audio.
             const double high = std::min(middle - 0.4, middle - columns[c].highest * factor);
             const double low = std::max(middle + 0.4, middle - columns[c].lowest * factor);
-            path += "M" + number(left) + ' ' + number(high) + 'V' + number(low);
+            path += "M" + svg_number(left) + ' ' + svg_number(high) + 'V' + svg_number(low);
             const double mean = columns[c].mean * factor;
             core += mean < 1 ? std::string()
-                             : "M" + number(left) + ' ' + number(middle - mean) + 'V' +
-                                   number(middle + mean);
+                             : "M" + svg_number(left) + ' ' + svg_number(middle - mean) + 'V' +
+                                   svg_number(middle + mean);
         }
-        out_ += "<path d=\"" + path + "\" stroke=\"" + colour + "\" stroke-opacity=\"0.5\"/>\n";
-        out_ += "<path d=\"" + core + "\" stroke=\"" + colour + "\"/>\n";
+        canvas_.path(Layer::AUDIO, path, "stroke=\"" + colour + "\" stroke-opacity=\"0.5\"");
+        canvas_.path(Layer::AUDIO, core, "stroke=\"" + colour + "\"");
     }
 
     // Marks that fall on the same place are drawn once.
-    void draw_stretches(const TimelineData::SideTrace& side,
+    void draw_stretches(Layer layer, const TimelineData::SideTrace& side,
                         const std::vector<TimelineData::Stretch>& stretches, double top,
-                        const std::string& style, const std::string& what) {
+                        double height, const std::string& style, const std::string& what) {
         double drawn_to = -1;
         for (const TimelineData::Stretch& stretch : stretches) {
             const double left = x(at(side, stretch.begin));
@@ -318,7 +489,7 @@ class Picture {
             std::string hint = what + duration_text(seconds_of(stretch.length, side.sample_rate)) +
                                " at " + clock_text(at(side, stretch.begin), 0);
             hint += stretch.packets != 0 ? ", " + counted(stretch.packets, "packet") : "";
-            box(left, top, right - left, LANE, style, hint);
+            canvas_.box(layer, left, top, right - left, height, style, hint);
         }
     }
 
@@ -331,8 +502,9 @@ class Picture {
                 continue;
             }
             last = middle;
-            out_ += "<path d=\"M" + number(middle - 4) + ' ' + number(top - 6) + "h8l-4 7z\" " +
-                    "fill=\"#dc2626\"/>\n";
+            canvas_.path(Layer::MARKS,
+                         "M" + svg_number(middle - 3.5) + ' ' + svg_number(top - 5) + "h7l-3.5 6z",
+                         "fill=\"#dc2626\"");
         }
     }
 
@@ -344,71 +516,59 @@ class Picture {
                 continue;
             }
             last = place;
-            box(place - 1, top + LANE - 16, 3, 16, "fill=\"#f59e0b\"",
-                "came too late, at " + clock_text(at(side, late), 0));
+            canvas_.box(Layer::MARKS, place - 1, top + LANE - 16, 3, 16, "fill=\"#f59e0b\"",
+                        "came too late, at " + clock_text(at(side, late), 0));
         }
     }
 
-    // Each label takes the first row in which it does not run into the one before.
-    void draw_events() {
-        std::array<double, EVENT_ROWS> row_end{};
-        for (const TimelineData::Event& event : data_.events) {
-            const std::string label = event.label.size() <= LONGEST_LABEL
-                                          ? event.label
-                                          : event.label.substr(0, LONGEST_LABEL - 3) + "...";
-            const double place = x(event.seconds);
-            const double width = CHARACTER * static_cast<double>(label.size()) + 8;
-            const bool leftwards = place + width > WIDTH - 4;
-            const double begin = leftwards ? place - width : place;
-            const auto row = static_cast<std::size_t>(
-                std::find_if(row_end.begin(), row_end.end(),
-                             [begin](double end) { return end <= begin; }) -
-                row_end.begin());
-            const double top =
-                EVENT_TOP + EVENT_ROW * static_cast<double>(std::min(row, EVENT_ROWS - 1));
-            line(place, top - 10, place, AXIS,
-                 "stroke=\"#7c3aed\" stroke-dasharray=\"4 3\" stroke-opacity=\"0.8\"");
-            out_ += "<circle cx=\"" + number(place) + "\" cy=\"" + number(top - 6) +
-                    "\" r=\"3\" fill=\"#7c3aed\"><title>" +
-                    escaped(event.label + " at " + clock_text(event.seconds, 0)) +
-                    "</title></circle>\n";
-            if (row == EVENT_ROWS) {
-                continue;
-            }
-            row_end[row] = begin + width + 6;
-            text(leftwards ? place - 6 : place + 6, top - 2,
-                 std::string("font-size=\"11.5\" fill=\"#5b21b6\"") +
-                     (leftwards ? " text-anchor=\"end\"" : ""),
-                 label);
-        }
-    }
-
-    void draw_legend() {
+    // What the marks mean, only of those that may be there. Returns where it ends.
+    double draw_legend() {
         struct Entry {
             const char* style;
             const char* words;
         };
-        constexpr Entry entries[] = {
+        std::vector<Entry> entries = {
             {"fill=\"#f1f5f9\" stroke=\"#cbd5e1\"", "silence"},
             {"fill=\"#dc2626\" fill-opacity=\"0.45\"", "gap: lost audio, filled with silence"},
             {"fill=\"#f59e0b\"", "packet came too late"},
             {"fill=\"url(#pause)\"", "pause of the sender"},
-            {"fill=\"#7c3aed\"", "start, feature change, terminate"},
+            {EVENT_STYLE.mark, "start, feature change, terminate"},
         };
-        double left = LEFT;
-        for (const Entry& entry : entries) {
-            box(left, AXIS + 34, 14, 12, entry.style);
-            text(left + 20, AXIS + 44, "fill=\"#475569\"", entry.words);
-            left += 44 + CHARACTER * static_cast<double>(std::string(entry.words).size());
+        if (lanes_[0].has_band || lanes_[1].has_band) {
+            entries.push_back({ACTIVE_STYLE, "audio activity"});
+            entries.push_back({HEARD_STYLE, "none, where it was looked for"});
         }
-        text(WIDTH - LEFT, AXIS + 44, "fill=\"#475569\" text-anchor=\"end\"",
-             "height: " + decibel_text(decibels(scale())) +
-                 " of full scale; light: peak, dark: power");
+        if (lanes_[0].samples.rows + lanes_[1].samples.rows != 0) {
+            entries.push_back({SAMPLE_STYLE.mark, "recognised sample"});
+        }
+        double left = LEFT;
+        double base = axis_ + 58;
+        const auto make_room = [&](double width) {
+            if (left > LEFT && left + width > WIDTH - LEFT) {
+                left = LEFT;
+                base += 20;
+            }
+        };
+        for (const Entry& entry : entries) {
+            const double width = 20 + text_width(entry.words, SMALL_FONT.size);
+            make_room(width);
+            canvas_.box(Layer::TEXT, left, base - 10, 14, 12, entry.style);
+            canvas_.text(left + 20, base, entry.words, SMALL_FONT);
+            left += width + 24;
+        }
+        const std::string height = "height: " + decibel_text(decibels(scale())) +
+                                   " of full scale; light: peak, dark: power";
+        make_room(text_width(height, SMALL_FONT.size));
+        canvas_.text(left, base, height, SMALL_FONT);
+        return base;
     }
 
     const TimelineData& data_;
     double seconds_;
-    std::string out_;
+    SvgCanvas canvas_;
+    PlacedLabels events_;
+    std::array<Lane, SIDE_COUNT> lanes_;
+    double axis_ = 0;
 };
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <sstream>
 
+#include "node/report/text.h"
 #include "tests/node/calls/node_call.h"
 
 namespace {
@@ -225,6 +226,29 @@ TEST_F(LineReportTest, LineWithoutTextEndsWithItsWords) {
     send("call_2_read");
     send("call_7_terminate");
     EXPECT_EQ(lines(), Lines{"terminate"});
+}
+
+TEST_F(LineReportTest, DateIsToldAtTheBeginningAndOnEachFurtherDay) {
+    setenv("TZ", "XST-1", 1);
+    tzset();
+    report_.show_dates();
+    report_as_of(Micros{1'767'221'950'000'000});  // 2025-12-31, 22:59:10 UTC.
+    report_.say("listening", "");
+    send("call_1_start");
+    report_as_of(Micros{1'767'222'005'000'000});
+    send("call_7_terminate");
+    report_.say("idle", "");
+    report_as_of(std::nullopt);
+    unsetenv("TZ");
+    tzset();
+    Lines all = lines();
+    for (std::string& line : all) {
+        line.resize(std::min(line.size(), std::size_t{58}));
+    }
+    EXPECT_EQ(all, (Lines{"date                                  2025-12-31 UTC+01:00", "listening",
+                          "start        inbound, from 192.0.2.1:30000, reference \"a84",
+                          "date                                  2026-01-01 UTC+01:00",
+                          "terminate    after 0.0 s", "idle"}));
 }
 
 }  // namespace

@@ -60,4 +60,17 @@ TEST(NodeTextTest, SamplesOfAnUnknownRateLastAsLongAsThoseOf8000Hz) {
     EXPECT_EQ(seconds_of(4000, 0), 0.5);
 }
 
+TEST(NodeTextTest, TimesAreRoundedDownAndHaveTheirZone) {
+    setenv("TZ", "XST3:30", 1);
+    tzset();
+    const Micros time{1'767'225'550'987'654};  // 2025-12-31, 23:59:10.987654 UTC.
+    EXPECT_EQ(local_date(time), "2025-12-31");
+    EXPECT_EQ(local_time(time), "20:29:10");
+    EXPECT_EQ(local_time_tenths(time), "20:29:10.9");
+    EXPECT_EQ(zone_text(time), "UTC-03:30");
+    EXPECT_EQ(local_time_tenths(Micros{-100'000}), "20:29:59.9");
+    unsetenv("TZ");
+    tzset();
+}
+
 }  // namespace
