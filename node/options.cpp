@@ -80,6 +80,14 @@ void add_output_options(CLI::App& app, Options& options) {
                  "Replace files of earlier runs (else the new ones get a number)");
     app.add_flag("--stereo", options.stereo,
                  "Also one file of both sides: originator left, terminator right");
+    app.add_option_function<std::string>(
+           "--stereo-rates",
+           [&options](const std::string& text) { options.resample = text == "resample"; },
+           "Sides of different sample rates, and those whose rate changes, in that file: resample "
+           "one of them, or split them into files of their own")
+        ->check(CLI::IsMember({"resample", "split"}))
+        ->type_name("HOW")
+        ->default_str("resample");
     app.add_flag("--no-sides", options.no_sides, "No file for each side");
     app.add_flag("--keep-pauses", options.keep_pauses,
                  "Keep the sender's pauses in the files of one side, as the stereo file does");

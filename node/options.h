@@ -37,6 +37,7 @@ struct Options {
     bool timeline = false;
     std::optional<sockaddr_in> metrics;  // The address where metrics are served.
     bool stereo = false;                 // Also one file of both sides.
+    bool resample = true;                // Sides with different rates share that file.
     bool no_sides = false;               // No files of one side.
     bool keep_pauses = false;            // In files of one side.
     std::uint64_t calls = 0;             // End after this many calls. 0: never.

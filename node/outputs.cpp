@@ -186,7 +186,10 @@ void Outputs::build() {
     call_listeners_.push_back(analyser_.get());
 
     const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
-                                     options_.keep_pauses};
+                                     options_.keep_pauses, options_.resample};
+    if (options_.max_files != 0) {
+        folder_.limit_files(options_.max_files);
+    }
     recorder_ = std::make_unique<Recorder>(
         folder_, Recorder::Options{!options_.no_sides, options_.stereo, recording});
     call_listeners_.push_back(recorder_.get());

@@ -48,6 +48,10 @@ class WavFile : public AudioFile {
   public:
     WavFile(WavFolder& folder, const std::string& name, const WavFormat& format)
         : folder_(folder), name_(name), path_(folder.path_ + '/' + name), format_(format) {
+        if (folder_.created_ >= folder_.most_files_) {
+            fail("too many files");
+            return;
+        }
         folder_.list_.add(name_, format_);
         if (!make()) {
             folder_.list_.remove(name_);

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <list>
 #include <memory>
 #include <string>
@@ -70,6 +71,9 @@ class WavFolder : public AudioStore {
     // Repairs the files that a killed run has left in the folder; see open_list.h.
     std::vector<LeftoverFile> recover() { return recover_leftovers(path_); }
 
+    // Files beyond so many are not made: they fail at once.
+    void limit_files(std::uint64_t most) { most_files_ = most; }
+
     bool exists(const std::string& name) const override;
     std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
                                       int channels) override;
@@ -87,6 +91,7 @@ class WavFolder : public AudioStore {
     std::size_t max_open_;
     bool overwrite_;
     std::uint64_t created_ = 0;
+    std::uint64_t most_files_ = std::numeric_limits<std::uint64_t>::max();
     OpenList list_;
     std::list<WavFile*> open_;  // Not owned. The file that was written last comes last.
 };

@@ -20,8 +20,8 @@ std::string numbered(const std::string& stem, std::uint64_t number) {
 
 }  // namespace
 
-std::string side_file_name(const std::string& stem, Side side) {
-    return stem + '-' + name_of(side) + ".wav";
+std::string side_file_name(const std::string& stem, Side side, std::size_t part) {
+    return stem + '-' + name_of(side) + (part > 1 ? "-part" + std::to_string(part) : "") + ".wav";
 }
 
 std::string stereo_file_name(const std::string& stem) {

@@ -16,8 +16,9 @@
 
 namespace qv::node {
 
-// STEM-originator.wav, STEM-terminator.wav
-std::string side_file_name(const std::string& stem, Side side);
+// STEM-originator.wav, STEM-terminator.wav; further parts, which begin where the side's sample
+// rate changed, are called STEM-originator-part2.wav, and so on.
+std::string side_file_name(const std::string& stem, Side side, std::size_t part = 1);
 // STEM.wav
 std::string stereo_file_name(const std::string& stem);
 // STEM.svg

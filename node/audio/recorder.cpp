@@ -44,6 +44,23 @@ class RecordedCall : public CallListener {
         }
     }
 
+    void rate_changed(const Call& /*call*/, Side side, const RateChange& change) override {
+        Unrecorded& unrecorded = unrecorded_[index_of(side)];
+        if (!unrecorded.over) {
+            // The first file has the new rate, and the same time before its audio.
+            const auto scaled = [&change](std::uint64_t count) {
+                return static_cast<std::uint64_t>(static_cast<double>(count) / change.old_rate *
+                                                  change.new_rate);
+            };
+            unrecorded.silence = scaled(unrecorded.silence);
+            unrecorded.pauses = scaled(unrecorded.pauses);
+            return;
+        }
+        for (const auto& recording : recordings_) {
+            recording->rate_changed(side, change.old_rate);
+        }
+    }
+
     void tick(const Call& /*call*/, Micros /*now*/) override { report_failures(); }
 
     void ended(const Call& /*call*/, EndReason /*reason*/) override {

@@ -42,6 +42,16 @@ void SideRecording::pause(Side side, std::uint64_t count) {
     }
 }
 
+// Audio may have waited for a file until now.
+void SideRecording::rate_changed(Side side, int former_rate) {
+    Track& changed = track(side);
+    if (std::exchange(changed.used, false)) {
+        write_block(side, former_rate);
+        changed.file->close();
+        changed.complete.push_back(std::move(changed.file));
+    }
+}
+
 void SideRecording::finish() {
     for (const Side side : BOTH_SIDES) {
         Track& ending = track(side);
@@ -53,14 +63,17 @@ void SideRecording::finish() {
 }
 
 std::size_t SideRecording::failed_files() const {
+    const std::vector<FileReport> all = files();
     return static_cast<std::size_t>(std::count_if(
-        tracks_.begin(), tracks_.end(),
-        [](const Track& track) { return track.file != nullptr && !track.file->error().empty(); }));
+        all.begin(), all.end(), [](const FileReport& file) { return !file.error.empty(); }));
 }
 
 std::vector<FileReport> SideRecording::files() const {
     std::vector<FileReport> reports;
     for (const Track& track : tracks_) {
+        for (const auto& file : track.complete) {
+            reports.push_back({file->path(), file->error()});
+        }
         if (track.file != nullptr) {
             reports.push_back({track.file->path(), track.file->error()});
         }
@@ -70,20 +83,24 @@ std::vector<FileReport> SideRecording::files() const {
 
 void SideRecording::write_block(Side side, bool last) {
     Track& from = track(side);
+    if (from.file != nullptr) {
+        return write_block(side, 0);
+    }
+    const int rate = rate_(side, last || from.block.size() >= PATIENCE * options_.block_samples);
+    if (rate != 0) {
+        write_block(side, rate);
+    }
+}
+
+// The rate is that of a file that is still to be made.
+void SideRecording::write_block(Side side, int sample_rate) {
+    Track& from = track(side);
     if (from.file == nullptr) {
-        const int rate =
-            rate_(side, last || from.block.size() >= PATIENCE * options_.block_samples);
-        if (rate == 0) {
-            return;
-        }
-        create_file(side, rate);
+        const std::size_t part = from.complete.size() + 1;
+        from.file = store_.create(side_file_name(stem_, side, part), sample_rate, 1);
     }
     from.file->write(from.block.data(), from.block.size());
     from.block.clear();
-}
-
-void SideRecording::create_file(Side side, int sample_rate) {
-    track(side).file = store_.create(side_file_name(stem_, side), sample_rate, 1);
 }
 
 }  // namespace qv::node

@@ -1,7 +1,7 @@
 // Writes the audio of one call to one file per side, in large blocks.
 //
-// A file is created when its first block is due; the sample rate is known by then. Belongs to one
-// thread.
+// A file is created when its first block is due; the sample rate is known by then. A side whose
+// rate changes continues in a new file. Belongs to one thread.
 #pragma once
 
 #include <algorithm>
@@ -27,6 +27,9 @@ class Recording {
     virtual void silence(Side side, std::uint64_t count) = 0;
     // Time in which the sender sent nothing, although no audio is missing.
     virtual void pause(Side side, std::uint64_t count) = 0;
+    // The side's audio had a sample rate of so many Hz up to here, and has another from here on:
+    // that of the RateSource.
+    virtual void rate_changed(Side side, int former_rate) = 0;
     // Writes the collected samples and closes the files. No audio may follow.
     virtual void finish() = 0;
     // How many files could not be written. files() says which ones and why.
@@ -42,9 +45,10 @@ using RateSource = std::function<int(Side side, bool last)>;
 struct RecordingOptions {
     std::size_t block_samples = std::size_t{16} * 1024;
     bool keep_pauses = false;  // In files of one side. Stereo files always keep them.
+    bool resample = true;      // Sides of different rates share a stereo file.
 };
 
-// One file per side: STEM-originator.wav and STEM-terminator.wav.
+// One file per side and sample rate: STEM-originator.wav and STEM-terminator.wav.
 class SideRecording : public Recording {
   public:
     // The store must outlive the recording.
@@ -54,6 +58,7 @@ class SideRecording : public Recording {
     void audio(Side side, const std::int16_t* samples, std::size_t count) override;
     void silence(Side side, std::uint64_t count) override;
     void pause(Side side, std::uint64_t count) override;
+    void rate_changed(Side side, int former_rate) override;
     void finish() override;
     std::size_t failed_files() const override;
     std::vector<FileReport> files() const override;
@@ -62,12 +67,13 @@ class SideRecording : public Recording {
     struct Track {
         std::vector<std::int16_t> block;
         std::unique_ptr<AudioFile> file;
-        bool used = false;
+        std::vector<std::unique_ptr<AudioFile>> complete;  // Of former rates.
+        bool used = false;                                 // Since the rate changed.
     };
 
     Track& track(Side side) { return tracks_[index_of(side)]; }
     void write_block(Side side, bool last);
-    void create_file(Side side, int sample_rate);
+    void write_block(Side side, int sample_rate);
 
     AudioStore& store_;
     std::string stem_;

@@ -22,21 +22,69 @@ void StereoRecording::audio(Side side, const std::int16_t* samples, std::size_t 
     if (track(side).apart) {
         return split_->audio(side, samples, count);
     }
+    Track& into = placed_track(side);
     // Audio is also written if padding has taken its place. The side is late from then on.
-    track(side).padding = 0;
-    append(track(side), samples, count);
+    into.padding = 0;
+    if (into.converter == nullptr) {
+        append(into, samples, count);
+        return;
+    }
+    into.converter->convert(samples, count, into.waiting);
+    write_what_is_due();
 }
 
 void StereoRecording::silence(Side side, std::uint64_t count) {
     if (track(side).apart) {
         return split_->silence(side, count);
     }
-    Track& into = track(side);
-    const std::uint64_t written = std::min(count, into.padding);
-    into.padding -= written;
+    Track& into = placed_track(side);
+    if (into.converter != nullptr) {
+        into.converter->flush(into.waiting);
+        count = into.converter->convert_silence(count);
+    }
+    append_silence(into, count);
+}
+
+// A side that begins after the file was made gets the file's rate as soon as its own is known.
+StereoRecording::Track& StereoRecording::placed_track(Side side) {
+    Track& placed = track(side);
+    if (options_.resample && file_ != nullptr && !placed.placed) {
+        const int rate = rate_(side, false);
+        if (rate != 0) {
+            place(placed, rate);
+        }
+    }
+    return placed;
+}
+
+void StereoRecording::append_silence(Track& track, std::uint64_t count) {
+    const std::uint64_t written = std::min(count, track.padding);
+    track.padding -= written;
     for_each_silent_part(count - written, [&](const std::int16_t* zeros, std::size_t part) {
-        append(into, zeros, part);
+        append(track, zeros, part);
     });
+}
+
+void StereoRecording::rate_changed(Side side, int former_rate) {
+    Track& changed = track(side);
+    if (!options_.resample) {
+        split_off(side, former_rate);
+        return;
+    }
+    const int rate = rate_(side, true);
+    if (file_ == nullptr) {
+        RateConverter converter(former_rate, rate);
+        const auto waiting = std::exchange(changed.waiting, {});
+        converter.convert(waiting.data(), waiting.size(), changed.waiting);
+        converter.flush(changed.waiting);
+        return;
+    }
+    place(changed, former_rate);
+    if (changed.converter != nullptr) {
+        changed.converter->flush(changed.waiting);
+    }
+    changed.converter =
+        rate != file_rate_ ? std::make_unique<RateConverter>(rate, file_rate_) : nullptr;
 }
 
 std::size_t StereoRecording::longest() const {
@@ -89,22 +137,49 @@ void StereoRecording::write_frames(std::size_t count) {
 bool StereoRecording::ready(bool last) {
     std::array<int, SIDE_COUNT> rates{};
     for (const Side side : BOTH_SIDES) {
-        if (!track(side).waiting.empty()) {
+        if (!track(side).waiting.empty() && !track(side).apart) {
             rates[index_of(side)] = rate_(side, last);
             if (rates[index_of(side)] == 0) {
                 return false;
             }
         }
     }
-    if (file_ != nullptr) {
+    if (!options_.resample && file_ != nullptr) {
         set_others_apart(rates, file_rate_);
-    } else if (rates[0] != 0 && rates[1] != 0 && rates[0] != rates[1]) {
+    } else if (!options_.resample && rates[0] != 0 && rates[1] != 0 && rates[0] != rates[1]) {
         set_others_apart(rates, 0);
-    } else {
+    } else if (file_ == nullptr) {
         file_rate_ = std::max(rates[0], rates[1]);
         file_ = store_.create(stereo_file_name(stem_), file_rate_, SIDE_COUNT);
     }
+    place(rates);
     return longest() > 0;
+}
+
+void StereoRecording::place(const std::array<int, SIDE_COUNT>& rates) {
+    for (const Side side : BOTH_SIDES) {
+        if (rates[index_of(side)] != 0 && file_ != nullptr) {
+            place(track(side), rates[index_of(side)]);
+        }
+    }
+}
+
+// What waits, and what follows, has that rate and gets the file's.
+void StereoRecording::place(Track& track, int rate) {
+    if (std::exchange(track.placed, true) || rate == file_rate_) {
+        return;
+    }
+    track.converter = std::make_unique<RateConverter>(rate, file_rate_);
+    const std::vector<std::int16_t> waiting = std::exchange(track.waiting, {});
+    track.converter->convert(waiting.data(), waiting.size(), track.waiting);
+}
+
+void StereoRecording::flush_converters() {
+    for (Track& track : tracks_) {
+        if (track.converter != nullptr) {
+            track.converter->flush(track.waiting);
+        }
+    }
 }
 
 void StereoRecording::set_others_apart(const std::array<int, SIDE_COUNT>& rates, int rate) {
@@ -115,17 +190,42 @@ void StereoRecording::set_others_apart(const std::array<int, SIDE_COUNT>& rates,
     }
 }
 
-void StereoRecording::set_apart(Side side) {
-    if (split_ == nullptr) {
-        split_ = std::make_unique<SideRecording>(store_, stem_ + "-split", rate_, options_);
+// What waits is of the former rate, and stays in the file if there is one.
+void StereoRecording::split_off(Side side, int former_rate) {
+    Track& changed = track(side);
+    if (changed.apart) {
+        split_->rate_changed(side, former_rate);
+    } else if (file_ != nullptr) {
+        make_split();
+        changed.apart = true;
+    } else if (!changed.waiting.empty()) {
+        former_rate_ = former_rate;
+        set_apart(side);
+        former_rate_ = 0;
+        split_->rate_changed(side, former_rate);
     }
+}
+
+void StereoRecording::make_split() {
+    if (split_ == nullptr) {
+        const RateSource rate = [this](Side of, bool last) {
+            return former_rate_ != 0 ? former_rate_ : rate_(of, last);
+        };
+        split_ = std::make_unique<SideRecording>(store_, stem_ + "-split", rate, options_);
+    }
+}
+
+void StereoRecording::set_apart(Side side) {
+    make_split();
     track(side).apart = true;
     const std::vector<std::int16_t> waiting = std::exchange(track(side).waiting, {});
     split_->audio(side, waiting.data(), waiting.size());
 }
 
 void StereoRecording::finish() {
+    flush_converters();
     if (longest() > 0 && ready(true)) {
+        flush_converters();
         write_frames(longest());
     }
     if (split_ != nullptr) {

@@ -1,9 +1,10 @@
 // Writes a call to one file, the originator left and the terminator right, aligned in time.
 //
 // If one side sends nothing while the other goes on, it is padded with silence. A gap or pause that
-// follows is shortened by this padding. Sides with different sample rates cannot share a file: each
-// gets a file of its own. So does a side that begins after the file was created, if its rate
-// differs from the file's. Belongs to one thread.
+// follows is shortened by this padding. The file has the highest rate that the sides have before
+// its first block. A side with a different rate, or whose rate changes, is converted to the rate of
+// the file. If the options say so, it is split off instead and gets files of its own. Belongs to one
+// thread.
 #pragma once
 
 #include <array>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "node/audio/rate_converter.h"
 #include "node/audio/recording.h"
 
 namespace qv::node {
@@ -24,6 +26,7 @@ class StereoRecording : public Recording {
     void audio(Side side, const std::int16_t* samples, std::size_t count) override;
     void silence(Side side, std::uint64_t count) override;
     void pause(Side side, std::uint64_t count) override { silence(side, count); }
+    void rate_changed(Side side, int former_rate) override;
     void finish() override;
     std::size_t failed_files() const override;
     std::vector<FileReport> files() const override;
@@ -32,18 +35,27 @@ class StereoRecording : public Recording {
     struct Track {
         std::vector<std::int16_t> waiting;  // Samples that wait for the other side.
         std::uint64_t padding = 0;  // Silence written ahead of the audio that the side has sent.
-        bool apart = false;         // Its samples go to `split_`.
+        bool placed = false;        // The waiting samples have the rate of the file.
+        std::unique_ptr<RateConverter> converter;  // Null if the rates are the same.
+        bool apart = false;                        // Its samples go to `split_`.
     };
 
     Track& track(Side side) { return tracks_[index_of(side)]; }
     std::size_t longest() const;
     std::size_t shorter() const;
+    Track& placed_track(Side side);
     void append(Track& track, const std::int16_t* samples, std::size_t count);
+    void append_silence(Track& track, std::uint64_t count);
     void write_what_is_due();
     void write_frames(std::size_t count);
     bool ready(bool last);
+    void place(const std::array<int, SIDE_COUNT>& rates);
+    void place(Track& track, int rate);
+    void flush_converters();
     void set_others_apart(const std::array<int, SIDE_COUNT>& rates, int rate);
     void set_apart(Side side);
+    void split_off(Side side, int former_rate);
+    void make_split();
 
     AudioStore& store_;
     std::string stem_;
@@ -53,6 +65,7 @@ class StereoRecording : public Recording {
     std::vector<std::int16_t> frames_;  // Reused buffer.
     std::unique_ptr<AudioFile> file_;
     int file_rate_ = 0;
+    int former_rate_ = 0;                   // Of samples that are split off as their rate changes.
     std::unique_ptr<SideRecording> split_;  // Takes the sides that are split off.
 };
 

@@ -12,9 +12,9 @@
 //
 // Order of the functions for a call: begin_call; started, if the start packet comes;
 // features_changed and terminated; for each side side_begun, rate_decided, and then data, pause,
-// gap, audio, running_changed and late as packets come; wrapping_up; finally ended. rate_decided
-// comes once for each side with packets, before ended at the latest. Until then the side's
-// sample_rate() is 0.
+// gap, audio, running_changed, rate_changed and late as packets come; wrapping_up; finally ended.
+// rate_decided comes once for each side with packets, before ended at the latest. Until then the
+// side's sample_rate() is 0. Any rate_changed comes after it.
 //
 // activity, sample_found and skipped are the results of an analysis of a side
 // (Call::report_...). They come at any time between the side's first audio and ended, but always
@@ -32,6 +32,7 @@
 #include <string>
 
 #include "node/calls/pause_finder.h"
+#include "node/calls/rate_change_finder.h"
 #include "node/calls/reorder_buffer.h"
 #include "node/calls/types.h"
 #include "quorvane/media_packet.h"
@@ -120,6 +121,9 @@ class CallListener {
     virtual void side_begun(const Call&, Side) {}
     // From now on the sample rate of a side is known, or assumed (CallSide::rate_assumed()).
     virtual void rate_decided(const Call&, Side) {}
+    // The side continues at another rate, which CallSide::sample_rate() already returns. Called
+    // between the audio before the change and the audio after it.
+    virtual void rate_changed(const Call&, Side, const RateChange&) {}
     // A data packet came, whether it is used or dropped.
     virtual void data(const Call&, const media::Packet&) {}
     // The next audio of a side.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <utility>
 
 #include "node/calls/call.h"
 
@@ -19,6 +20,8 @@ constexpr double CATCHING_UP_S = 0.01;
 // Audio waits for so long at the most, in real time and in packets, until a pause is told.
 constexpr Micros LONGEST_DOUBT{1'000'000};
 constexpr std::size_t MOST_WAITING = 250;
+// Without packets that tell more, a doubt about the rate lasts no longer, in real time.
+constexpr Micros LONGEST_RATE_DOUBT{5'000'000};
 // So many packets confirm a pause that is longer than the time that has passed: the sender is
 // faster than real time. One of a day is believed.
 constexpr std::size_t ENOUGH_TO_CONFIRM = 5;
@@ -162,7 +165,7 @@ std::uint64_t CallSide::position_at(std::int64_t send_time) const {
 }
 
 void CallSide::measure_rate(const media::Packet& packet) {
-    if (sample_rate_ != 0) {
+    if (sample_rate_ != 0 || rate_change_finder_.in_doubt()) {
         return;
     }
     estimator_.add(packet.sample_offset, packet.sample_count, packet.send_time);
@@ -202,6 +205,10 @@ ReorderBuffer::Verdict CallSide::put_in_order(const media::Packet& packet, Micro
 
 void CallSide::give_up_waiting(Micros now) {
     buffer_.advance(now, *this);
+    if (!held_.empty() && now - held_since_ >= LONGEST_RATE_DOUBT) {
+        rate_change_finder_.settle(sample_rate_);
+        settle_rate();
+    }
     if (!waiting_.empty() && now - waiting_since_ >= LONGEST_DOUBT) {
         release_waiting(false);
     }
@@ -209,6 +216,8 @@ void CallSide::give_up_waiting(Micros now) {
 
 void CallSide::finish() {
     buffer_.finish(*this);
+    rate_change_finder_.settle(sample_rate_);
+    settle_rate();
     release_waiting(false);
 }
 
@@ -218,6 +227,87 @@ void CallSide::audio(const std::int16_t* samples, std::size_t count, std::int64_
         joined_at_ = buffer_.expected_offset() - static_cast<std::uint32_t>(count);
     }
     // The buffer has counted these samples already.
+    held_samples_ += count;
+    const auto finding = look_for_rate_change(count, send_time);
+    if (finding == RateChangeFinder::Finding::USUAL) {
+        take(samples, count, send_time);
+        return;
+    }
+    if (held_.empty()) {
+        held_since_ = call_.last_seen();
+    }
+    held_.push_back({{samples, samples + count}, send_time, std::nullopt});
+    if (finding == RateChangeFinder::Finding::SETTLED) {
+        settle_rate();
+    }
+}
+
+// A rate that the user has set stays.
+RateChangeFinder::Finding CallSide::look_for_rate_change(std::size_t count,
+                                                         std::int64_t send_time) {
+    if (limits_.sample_rate != 0 || rate_changes_.size() == MOST_RATE_CHANGES) {
+        return RateChangeFinder::Finding::USUAL;
+    }
+    return rate_change_finder_.add(static_cast<std::uint16_t>(count), send_time, sample_rate_);
+}
+
+// Passes on what was held while the rate was in doubt.
+void CallSide::settle_rate() {
+    if (held_.empty()) {
+        return;
+    }
+    const auto found = rate_change_finder_.found();
+    if (found.has_value() && *found != sample_rate_) {
+        change_rate(*found);
+    }
+    for (const Waiting& part : std::exchange(held_, {})) {
+        if (part.gap.has_value()) {
+            take(*part.gap);
+        } else {
+            take(part.samples.data(), part.samples.size(), part.send_time);
+        }
+    }
+}
+
+// The audio that is held has that rate.
+void CallSide::change_rate(int rate) {
+    release_waiting(false);
+    if (sample_rate_ == 0) {
+        // The rate of the audio before the change has not been found yet, and its packets are
+        // all that tells it.
+        const auto former = estimator_.best_guess();
+        set_rate(former.value_or(rate));
+    }
+    if (sample_rate_ == rate) {
+        return;
+    }
+    const RateChange change{position(), sample_rate_, rate};
+    rate_changes_.push_back(change);
+    pauses_.change_rate(sample_rate_);
+    sample_rate_ = rate;
+    rate_assumed_ = false;
+    buffer_.set_rate(rate);
+    buffer_.set_gap_limit(limits_.gap_samples(rate));
+    call_.for_each_listener(
+        [&](CallListener& listener) { listener.rate_changed(call_, which_, change); });
+}
+
+int CallSide::sample_rate_at(std::uint64_t position) const {
+    for (const RateChange& change : rate_changes_) {
+        if (position < change.position) {
+            return change.old_rate;
+        }
+    }
+    return sample_rate_;
+}
+
+double CallSide::seconds_at(std::uint64_t position) const {
+    return node::seconds_at(position, rate_changes_, sample_rate_);
+}
+
+// Finds the audio its place in time.
+void CallSide::take(const std::int16_t* samples, std::size_t count, std::int64_t send_time) {
+    held_samples_ -= count;
     waiting_samples_ += count;
     double lag = lag_s(send_time, count);
     if (!placed_) {
@@ -263,6 +353,17 @@ std::uint64_t CallSide::change_at(std::uint64_t position) {
 }
 
 void CallSide::gap(const Gap& gap) {
+    held_samples_ += gap.filled_samples;
+    rate_change_finder_.gap(gap.missing_samples);
+    if (rate_change_finder_.in_doubt()) {
+        held_.push_back({{}, 0, gap});
+    } else {
+        take(gap);
+    }
+}
+
+void CallSide::take(const Gap& gap) {
+    held_samples_ -= gap.filled_samples;
     waiting_samples_ += gap.filled_samples;
     if (waiting_.empty()) {
         pass_on(gap);
@@ -372,6 +473,9 @@ int CallSide::pause_rate() const {
 }
 
 int CallSide::likely_rate() const {
+    if (!rate_changes_.empty()) {
+        return first_sample_rate();
+    }
     const int other_rate = call_.side(other(which_)).sample_rate_;
     if (sample_rate_ != 0 || other_rate != 0) {
         return sample_rate_ != 0 ? sample_rate_ : other_rate;
@@ -387,7 +491,7 @@ double CallSide::longest_pause(int rate) const {
         return 0;
     }
     const double lasted = seconds_of(call_.last_seen() - call_.first_seen());
-    const double placed = static_cast<double>(pauses_.position()) / rate;
+    const double placed = pauses_.position_s(rate);
     return std::max(limits_.max_silence_s, lasted - placed + limits_.max_silence_s);
 }
 

@@ -1,5 +1,5 @@
-// One side of a call: takes in its data packets, puts them in order, finds the sample rate
-// and the sender's pauses, meters the audio, and passes it on to the call's listeners.
+// One side of a call: takes in its data packets, puts them in order, finds the sample rate, its
+// changes, and the sender's pauses, meters the audio, and passes it on to the call's listeners.
 // Owned by its call; belongs to one thread.
 #pragma once
 
@@ -11,6 +11,7 @@
 #include "node/calls/drop.h"
 #include "node/calls/level_meter.h"
 #include "node/calls/pause_finder.h"
+#include "node/calls/rate_change_finder.h"
 #include "node/calls/rate_estimator.h"
 #include "node/calls/reorder_buffer.h"
 #include "node/calls/types.h"
@@ -56,16 +57,25 @@ class CallSide : private OrderedOutput {
     bool begun() const { return leg_.has_value(); }
     // The leg that carries the side, set by its first packet.
     std::optional<std::uint8_t> leg() const { return leg_; }
-    // In Hz; 0 while it is not known.
+    // In Hz, of the audio that comes next; 0 while it is not known.
     int sample_rate() const { return sample_rate_; }
+    // Of the sample at that position.
+    int sample_rate_at(std::uint64_t position) const;
+    // Of the side's beginning.
+    int first_sample_rate() const { return sample_rate_at(0); }
+    // The time of a position since the side's beginning, in seconds, without pauses.
+    double seconds_at(std::uint64_t position) const;
+    // How often the rate has changed.
+    std::uint64_t rate_changes() const { return rate_changes_.size(); }
     // The rate could not be found from the packets.
     bool rate_assumed() const { return rate_assumed_; }
-    // The rate, or the likeliest one while it is not known; above 0.
+    // The rate of the side's beginning, or the likeliest one while it is not known; above 0.
     int likely_rate() const;
     // Samples passed on so far: audio and the silence of gaps.
-    std::uint64_t position() const { return buffer_.position() - waiting_samples_; }
+    std::uint64_t position() const { return buffer_.position() - samples_behind(); }
     // The same, with pauses.
     std::uint64_t position_with_pauses() const { return pauses_.position(); }
+    double seconds_with_pauses() const { return pauses_.position_s(sample_rate_); }
     // The position of the sample that was due at that send time: the next one for a time after
     // all packets that came, even if they are still held.
     std::uint64_t position_at(std::int64_t send_time) const;
@@ -81,7 +91,7 @@ class CallSide : private OrderedOutput {
     std::uint64_t joined_at() const { return joined_at_; }
     // The sample offset of the audio that is passed on next.
     std::uint32_t expected_offset() const {
-        return buffer_.expected_offset() - static_cast<std::uint32_t>(waiting_samples_);
+        return buffer_.expected_offset() - static_cast<std::uint32_t>(samples_behind());
     }
 
   private:
@@ -91,11 +101,13 @@ class CallSide : private OrderedOutput {
         Running running;
     };
     static constexpr std::size_t MOST_CHANGES = 64;  // That wait; forged ones must not pile up.
+    static constexpr std::size_t MOST_RATE_CHANGES = 50;  // Each may begin a file.
 
     void audio(const std::int16_t* samples, std::size_t count, std::int64_t send_time) override;
     void gap(const Gap& gap) override;
 
-    // Audio or a gap that waits until it is known whether there is a pause before it.
+    // Audio or a gap that waits until it is known whether there is a pause before it, or what
+    // its sample rate is.
     struct Waiting {
         std::vector<std::int16_t> samples;
         std::int64_t send_time;
@@ -110,6 +122,13 @@ class CallSide : private OrderedOutput {
     void measure_rate(const media::Packet& packet);
     void set_rate(int rate);
     ReorderBuffer::Verdict put_in_order(const media::Packet& packet, Micros now);
+    // Samples that the buffer has delivered and that are not passed on yet.
+    std::uint64_t samples_behind() const { return held_samples_ + waiting_samples_; }
+    RateChangeFinder::Finding look_for_rate_change(std::size_t count, std::int64_t send_time);
+    void settle_rate();
+    void change_rate(int rate);
+    void take(const std::int16_t* samples, std::size_t count, std::int64_t send_time);
+    void take(const Gap& gap);
     void pass_on(const std::int16_t* samples, std::size_t count, std::int64_t send_time);
     void pass_on(const Gap& gap);
     double lag_s(std::int64_t send_time, std::size_t count);
@@ -134,6 +153,11 @@ class CallSide : private OrderedOutput {
     std::optional<SidePlace> left_at_;  // By an earlier call, which this one continues.
     int sample_rate_ = 0;
     bool rate_assumed_ = false;
+    std::vector<RateChange> rate_changes_;
+    RateChangeFinder rate_change_finder_;
+    std::vector<Waiting> held_;  // While the rate is in doubt; before what is in waiting_.
+    std::uint64_t held_samples_ = 0;
+    Micros held_since_{0};
     std::uint64_t bytes_ = 0;
     std::uint64_t joined_at_ = 0;
     bool joining_ = false;  // Until the first audio.

@@ -13,7 +13,12 @@ double PauseFinder::lag_s(std::int64_t send_time, std::int64_t axis_begin, int s
     // As floating point: forged times must not overflow.
     const double on_axis =
         (static_cast<double>(send_time) - static_cast<double>(axis_begin)) / 1e6 - cut_s_;
-    return on_axis - static_cast<double>(position_ + ahead) / sample_rate;
+    return on_axis - position_s(sample_rate) - static_cast<double>(ahead) / sample_rate;
+}
+
+void PauseFinder::change_rate(int former_rate) {
+    changed_at_s_ = position_s(former_rate);
+    changed_at_ = position_;
 }
 
 std::uint64_t PauseFinder::begin_pause(double lag_s, int sample_rate, double longest_s) {

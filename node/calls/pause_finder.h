@@ -35,15 +35,24 @@ class PauseFinder {
     // `longest_s` seconds; the rest is left out of the axis.
     std::uint64_t begin_pause(double lag_s, int sample_rate, double longest_s);
 
+    // From the position on samples have another rate; until now it was that one.
+    void change_rate(int former_rate);
+
     // Counts samples of audio and silence.
     void advance(std::uint64_t samples) { position_ += samples; }
 
     // On the time axis, in samples.
     std::uint64_t position() const { return position_; }
+    // The same in seconds, at that rate since it changed last.
+    double position_s(int sample_rate) const {
+        return changed_at_s_ + seconds_of(position_ - changed_at_, sample_rate);
+    }
     std::uint64_t pauses() const { return pauses_; }
 
   private:
     std::uint64_t position_ = 0;
+    std::uint64_t changed_at_ = 0;  // Position at which the rate changed last,
+    double changed_at_s_ = 0;       // in seconds as well.
     std::uint64_t pauses_ = 0;
     double cut_s_ = 0;  // The sum of what was cut off pauses.
 };

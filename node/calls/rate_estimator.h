@@ -25,6 +25,9 @@ class RateEstimator {
     // Returns the best guess from what has been measured, for a side that has ended.
     std::optional<int> best_guess() const;
 
+    // Returns how much time has been measured.
+    Micros measured_span() const { return span_; }
+
     // Returns the usual rate at which a frame lasts 20 ms, regardless of the send times. Nullopt if
     // there is none.
     std::optional<int> rate_of_20_ms_frames() const;

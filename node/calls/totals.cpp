@@ -23,6 +23,10 @@ void CallCounter::rate_decided(const Call& call, Side side) {
     }
 }
 
+void CallCounter::rate_changed(const Call& /*call*/, Side /*side*/, const RateChange& /*change*/) {
+    ++totals_.rate_changes;
+}
+
 void CallCounter::pause(const Call& /*call*/, Side /*side*/, const Pause& /*pause*/) {
     ++totals_.pauses;
 }

@@ -27,6 +27,7 @@ struct Totals {
     std::uint64_t silence_samples = 0;
     std::uint64_t pauses = 0;         // Of the senders.
     std::uint64_t assumed_rates = 0;  // Sides whose packets did not show their sample rate.
+    std::uint64_t rate_changes = 0;   // Sample rates that changed in mid-call.
     std::uint64_t file_errors = 0;
 
     std::uint64_t all_packets() const { return packets[0] + packets[1] + packets[2] + packets[3]; }
@@ -50,6 +51,7 @@ class CallCounter : public CallListener {
     void terminate_refused(const Call& call, const media::Packet& packet) override;
     void data(const Call& call, const media::Packet& packet) override;
     void rate_decided(const Call& call, Side side) override;
+    void rate_changed(const Call& call, Side side, const RateChange& change) override;
     void pause(const Call& call, Side side, const Pause& pause) override;
     void gap(const Call& call, Side side, const Gap& gap) override;
     void file_failed(const Call& call, const FileReport& file) override;

@@ -1,5 +1,7 @@
 #include "node/report/event_json.h"
 
+#include <algorithm>
+
 #include "node/report/text.h"
 
 namespace qv::node {
@@ -27,6 +29,7 @@ Json side_json(const CallSide& side) {
     return {{"leg", side.leg().value_or(0)},
             {"sample_rate", side.sample_rate()},
             {"sample_rate_assumed", side.rate_assumed()},
+            {"rate_changes", side.rate_changes()},
             {"packets", stats.packets},
             {"bytes", side.bytes()},
             {"samples", stats.samples},
@@ -98,13 +101,16 @@ Json activity_json(const Call& call, Side side, const Activity& activity) {
             {"active", activity.active},
             {"position", activity.position},
             {"noticed", activity.noticed},
-            {"sample_rate", call.side(side).sample_rate()}};
+            {"sample_rate", call.side(side).sample_rate_at(activity.position)}};
 }
 
 Json sample_json(const Call& call, Side side, const FoundSample& sample) {
-    return {{"call_side", name_of(side)},  {"sample", sample.name},
-            {"position", sample.position}, {"score", sample.score},
-            {"noticed", sample.noticed},   {"sample_rate", call.side(side).sample_rate()}};
+    // A sample may have begun before its side.
+    const auto position = static_cast<std::uint64_t>(std::max<std::int64_t>(sample.position, 0));
+    return {
+        {"call_side", name_of(side)},  {"sample", sample.name},
+        {"position", sample.position}, {"score", sample.score},
+        {"noticed", sample.noticed},   {"sample_rate", call.side(side).sample_rate_at(position)}};
 }
 
 Json end_json(const Call& call, EndReason reason) {

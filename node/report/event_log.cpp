@@ -71,6 +71,15 @@ void EventLog::data(const Call& call, const media::Packet& packet) {
     }
 }
 
+void EventLog::rate_changed(const Call& call, Side side, const RateChange& change) {
+    write("rate_change", call,
+          {{"call_side", name_of(side)},
+           {"leg", call.side(side).leg().value_or(0)},
+           {"position", change.position},
+           {"old_sample_rate", change.old_rate},
+           {"new_sample_rate", change.new_rate}});
+}
+
 void EventLog::pause(const Call& call, Side side, const Pause& pause) {
     write("pause", call,
           {{"call_side", name_of(side)},

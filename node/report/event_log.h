@@ -41,6 +41,7 @@ class EventLog : public CallListener {
     void terminate_refused(const Call& call, const media::Packet& packet) override;
     void foreign(const Call& call, const sockaddr_in& source) override;
     void data(const Call& call, const media::Packet& packet) override;
+    void rate_changed(const Call& call, Side side, const RateChange& change) override;
     void pause(const Call& call, Side side, const Pause& pause) override;
     void gap(const Call& call, Side side, const Gap& gap) override;
     void late(const Call& call, Side side, const media::Packet& packet) override;

@@ -64,14 +64,14 @@ std::string running_text(Running running) {
 }
 
 // "1.234 s"
-std::string place_text(std::uint64_t position, int sample_rate) {
-    return tools::format("%.3f s", seconds_of(position, sample_rate));
+std::string place_text(double seconds) {
+    return tools::format("%.3f s", seconds);
 }
 
 std::string side_text(const CallSide& side) {
     const ReorderBuffer::Stats& stats = side.stats();
     std::string text =
-        duration_text(seconds_of(side.position(), side.sample_rate())) + " at " +
+        duration_text(side.seconds_at(side.position())) + " at " +
         std::to_string(side.sample_rate()) + " Hz" + (side.rate_assumed() ? " (assumed)" : "") +
         ", " + counted(stats.packets, "packet") + ", level " + level_text(side.level().level_db());
     if (stats.gaps != 0) {
@@ -174,8 +174,8 @@ void LineReport::gap(const Call& call, Side side, const Gap& gap) {
     }
     const double lost_ms = 1000 * seconds_of(gap.missing_samples, state.sample_rate());
     std::string text = std::string(name_of(side)) + ": " + counted(gap.lost_packets, "packet") +
-                       " lost at " + duration_text(seconds_of(gap.position, state.sample_rate())) +
-                       ", " + grouped(static_cast<std::uint64_t>(std::lround(lost_ms))) +
+                       " lost at " + duration_text(state.seconds_at(gap.position)) + ", " +
+                       grouped(static_cast<std::uint64_t>(std::lround(lost_ms))) +
                        " ms filled with silence";
     if (gap.filled_samples < gap.missing_samples) {
         text += " in part only";
@@ -183,26 +183,34 @@ void LineReport::gap(const Call& call, Side side, const Gap& gap) {
     line(call, "gap", text + (gaps == GAP_LINES_PER_SIDE ? "; further gaps are counted" : ""));
 }
 
+void LineReport::rate_changed(const Call& call, Side side, const RateChange& change) {
+    line(call, "rate change",
+         std::string(name_of(side)) + ": from " + std::to_string(change.old_rate) + " to " +
+             std::to_string(change.new_rate) + " Hz at " +
+             place_text(call.side(side).seconds_at(change.position)));
+}
+
 void LineReport::running_changed(const Call& call, Side side, std::uint64_t position) {
     const CallSide& state = call.side(side);
     line(call, "running",
          std::string(name_of(side)) + ": " + running_text(state.running()) + " from " +
-             place_text(position, state.sample_rate()));
+             place_text(state.seconds_at(position)));
 }
 
 void LineReport::activity(const Call& call, Side side, const Activity& activity) {
     line(call, "activity",
          std::string(name_of(side)) + (activity.active ? ": begins at " : ": ends at ") +
-             place_text(activity.position, call.side(side).sample_rate()));
+             place_text(call.side(side).seconds_at(activity.position)));
 }
 
 void LineReport::sample_found(const Call& call, Side side, const FoundSample& sample) {
+    const CallSide& state = call.side(side);
     const std::uint64_t before =
         sample.position < 0 ? -static_cast<std::uint64_t>(sample.position) : 0;
-    const int rate = call.side(side).sample_rate();
-    const std::string place = before != 0
-                                  ? place_text(before, rate) + " before the beginning"
-                                  : place_text(static_cast<std::uint64_t>(sample.position), rate);
+    const std::string place =
+        before != 0
+            ? place_text(seconds_of(before, state.first_sample_rate())) + " before the beginning"
+            : place_text(state.seconds_at(static_cast<std::uint64_t>(sample.position)));
     line(call, "sample",
          std::string(name_of(side)) + ": " + quoted_text(sample.name) + " at " + place +
              tools::format(", score %.2f", sample.score));

@@ -19,6 +19,7 @@ class LineReport : public CallListener {
     void terminated(const Call& call, const media::Packet& packet) override;
     void terminate_refused(const Call& call, const media::Packet& packet) override;
     void foreign(const Call& call, const sockaddr_in& source) override;
+    void rate_changed(const Call& call, Side side, const RateChange& change) override;
     void gap(const Call& call, Side side, const Gap& gap) override;
     void running_changed(const Call& call, Side side, std::uint64_t position) override;
     void activity(const Call& call, Side side, const Activity& activity) override;

@@ -78,6 +78,8 @@ class Metrics::Impl {
           pauses(counter("pauses_total", "Pauses of the senders")),
           assumed_rates(counter("assumed_rates_total",
                                 "Call sides whose packets did not tell their sample rate")),
+          rate_changes(
+              counter("rate_changes_total", "Sample rates of call sides that changed in mid-call")),
           file_errors(counter("file_errors_total", "Files that could not be written")),
           calls(gauge("calls", "Calls now")),
           open_files(gauge("open_files", "WAV files open now")),
@@ -149,6 +151,7 @@ class Metrics::Impl {
     Counter& silence;
     Counter& pauses;
     Counter& assumed_rates;
+    Counter& rate_changes;
     Counter& file_errors;
     Gauge& calls;
     Gauge& open_files;
@@ -183,6 +186,7 @@ void Metrics::update(const NodeFigures& figures) {
     set(impl_->silence, totals.silence_samples);
     set(impl_->pauses, totals.pauses);
     set(impl_->assumed_rates, totals.assumed_rates);
+    set(impl_->rate_changes, totals.rate_changes);
     set(impl_->file_errors, totals.file_errors);
     set(*impl_->reports[0], figures.reports.sent);
     set(*impl_->reports[1], figures.reports.failed);

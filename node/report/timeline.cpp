@@ -57,8 +57,8 @@ std::string summary_of(const CallSide& side) {
     if (!side.begun()) {
         return "no audio";
     }
-    std::string text = duration_text(seconds_of(side.position_with_pauses(), side.sample_rate())) +
-                       ", " + std::to_string(side.sample_rate()) + " Hz, " +
+    std::string text = duration_text(side.seconds_with_pauses()) + ", " +
+                       std::to_string(side.sample_rate()) + " Hz, " +
                        level_text(side.level().level_db());
     text += stats.gaps == 0 ? ", no gap" : ", " + counted(stats.gaps, "gap");
     text += stats.lost() != 0 ? ", " + counted(stats.lost(), "packet") + " lost" : "";
@@ -100,6 +100,11 @@ class TimelineOfCall : public CallListener {
         note_pause(side, pause);
         add_mark(into.pauses, TimelineData::Stretch{into.outline.samples(), pause.samples, 0});
         into.outline.add_silence(pause.samples);
+    }
+
+    void rate_changed(const Call& /*call*/, Side side, const RateChange& change) override {
+        TimelineData::SideTrace& into = trace(side);
+        into.rate_changes.push_back({into.outline.samples(), change.old_rate, change.new_rate});
     }
 
     void gap(const Call& /*call*/, Side side, const Gap& gap) override {
@@ -268,8 +273,7 @@ class TimelineOfCall : public CallListener {
             double at = seconds_between(axis_begin, event.send_time);
             for (std::size_t i = 0; i < SIDE_COUNT; ++i) {
                 // When the sender is faster than real time, its audio shows the time.
-                const double head =
-                    data_.audio_begin + seconds_of(event.heads[i], data_.sides[i].sample_rate);
+                const double head = data_.audio_begin + data_.sides[i].seconds_at(event.heads[i]);
                 at = event.heads[i] != 0 && head > at + 1 ? head : at;
             }
             data_.events.push_back({at, std::move(event.label)});

@@ -37,8 +37,14 @@ struct TimelineData {
         double score;
     };
     struct SideTrace {
+        // The time of a sample of the outline.
+        double seconds_at(std::uint64_t sample) const {
+            return node::seconds_at(sample, rate_changes, sample_rate);
+        }
+
         Envelope outline{MAX_SPANS};
         int sample_rate = 0;
+        std::vector<RateChange> rate_changes;  // Before; placed as the outline counts.
         std::vector<Stretch> gaps;
         std::vector<Stretch> pauses;
         std::vector<std::uint64_t> late;

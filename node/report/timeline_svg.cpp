@@ -228,7 +228,7 @@ class Picture {
 
     // The place of a sample on the axis.
     double at(const TimelineData::SideTrace& side, std::uint64_t sample) const {
-        return data_.audio_begin + seconds_of(sample, side.sample_rate);
+        return data_.audio_begin + side.seconds_at(sample);
     }
 
     double x(double seconds) const { return LEFT + PLOT * seconds / seconds_; }
@@ -486,7 +486,9 @@ class Picture {
                 continue;
             }
             drawn_to = right;
-            std::string hint = what + duration_text(seconds_of(stretch.length, side.sample_rate)) +
+            std::string hint = what +
+                               duration_text(side.seconds_at(stretch.begin + stretch.length) -
+                                             side.seconds_at(stretch.begin)) +
                                " at " + clock_text(at(side, stretch.begin), 0);
             hint += stretch.packets != 0 ? ", " + counted(stretch.packets, "packet") : "";
             canvas_.box(layer, left, top, right - left, height, style, hint);

@@ -474,7 +474,57 @@ class ReadsCaptures(unittest.TestCase):
         self.assertIn("link type IEEE802_11 is not understood", self.said)
 
 
+def timed(datagram, micros):
+    """The datagram, sent so long after the golden start packet."""
+    return datagram[:32] + struct.pack("<Q", 3600000250 + micros) + datagram[40:]
+
+
+def side_of_two_rates(terminator=False):
+    """Two seconds of frames of 160 samples, two of 320; one each 20 ms."""
+    head = golden("call_3_write" if terminator else "call_2_read")[:40]
+    datagrams, offset = [], 0
+    for number in range(1, 201):
+        count = 160 if number <= 100 or terminator else 320
+        fixed = struct.pack("<IIH", number, offset, count)
+        packet = head + fixed + struct.pack(f"<{count}h", *[number] * count)
+        datagrams.append(timed(packet, 20000 * number))
+        offset += count
+    return datagrams
+
+
 class NodeEndToEnd(unittest.TestCase):
+    def test_side_whose_rate_changes_goes_on_in_another_file(self):
+        with Node("--events", "-", "--stereo", "--calls", "1", "--timeline") as node:
+            node.send(golden("call_1_start"))
+            for both in zip(side_of_two_rates(), side_of_two_rates(terminator=True)):
+                node.send(*both)
+            node.send(timed(golden("call_7_terminate"), 4100000))
+            self.assertEqual(node.exit_code(), 0)
+            change, = node.events("rate_change")
+            self.assertEqual((change["call_side"], change["position"], change["old_sample_rate"],
+                              change["new_sample_rate"]), ("originator", 16000, 8000, 16000))
+            self.assertEqual(set(change), listed_event_fields()["rate_change"])
+            self.assertIn("originator: from 8000 to 16000 Hz at 2.000 s", node.text())
+            end, = node.events("end")
+            self.assertEqual([pathlib.Path(file["path"]).name for file in end["files"]],
+                             [UUID + "-originator.wav", UUID + "-originator-part2.wav",
+                              UUID + "-terminator.wav", UUID + ".wav"])
+            self.assertEqual(end["sides"]["originator"]["pauses"], 0)
+            expected = {"-originator.wav": (8000, range(1, 101), 160),
+                        "-originator-part2.wav": (16000, range(101, 201), 320),
+                        "-terminator.wav": (8000, range(1, 201), 160)}
+            for name, (rate, numbers, count) in expected.items():
+                path = node.folder / (UUID + name)
+                with wave.open(str(path)) as file:
+                    self.assertEqual(file.getframerate(), rate)
+                self.assertEqual(samples(path), [n for n in numbers for _ in range(count)])
+            with wave.open(str(node.folder / (UUID + ".wav"))) as file:
+                self.assertEqual((file.getframerate(), file.getnframes()), (16000, 64000))
+                frames = array.array("h", file.readframes(64000))
+            for second in (0.5, 1.5, 2.5, 3.5):  # Both sides count their frames of 20 ms.
+                left, right = frames[int(32000 * second):][:2]
+                self.assertLess(abs(left - right), 3)
+
     def test_golden_call_becomes_two_files(self):
         with Node("--calls", "1") as node:
             node.send_call()

@@ -56,6 +56,56 @@ TEST_F(RecordingTest, SideWithoutAudioHasNoFile) {
     EXPECT_EQ(store_.files.size(), 1u);
 }
 
+TEST_F(RecordingTest, SideWhoseRateChangesGoesOnInAnotherFile) {
+    SideRecording recording = sides();
+    put(recording, ORIGINATOR, {1, 2, 3, 4, 5});
+    rates_[0] = 16000;
+    recording.rate_changed(ORIGINATOR, 8000);
+    put(recording, ORIGINATOR, {6, 7});
+    rates_[0] = 8000;
+    recording.rate_changed(ORIGINATOR, 16000);
+    put(recording, ORIGINATOR, {8});
+    recording.finish();
+    EXPECT_EQ(samples_of("call-originator.wav"), (Samples{1, 2, 3, 4, 5}));
+    EXPECT_EQ(samples_of("call-originator-part2.wav"), (Samples{6, 7}));
+    EXPECT_EQ(samples_of("call-originator-part3.wav"), (Samples{8}));
+    EXPECT_EQ(store_.files.at("call-originator.wav").sample_rate, 8000);
+    EXPECT_EQ(store_.files.at("call-originator-part2.wav").sample_rate, 16000);
+    EXPECT_EQ(store_.files.at("call-originator-part3.wav").sample_rate, 8000);
+    EXPECT_TRUE(store_.files.at("call-originator.wav").closed);
+    ASSERT_EQ(recording.files().size(), 3u);
+    EXPECT_EQ(recording.files()[1].path, "call-originator-part2.wav");
+}
+
+TEST_F(RecordingTest, RateThatChangesBeforeAnyAudioMakesNoFile) {
+    SideRecording recording = sides();
+    rates_[0] = 16000;
+    recording.rate_changed(ORIGINATOR, 8000);
+    put(recording, ORIGINATOR, {1});
+    recording.finish();
+    EXPECT_EQ(store_.files.size(), 1u);
+    EXPECT_EQ(store_.files.at("call-originator.wav").sample_rate, 16000);
+}
+
+TEST_F(RecordingTest, SideWhoseRateChangesLastMakesNoFurtherFile) {
+    SideRecording recording = sides();
+    put(recording, ORIGINATOR, {1});
+    recording.rate_changed(ORIGINATOR, 8000);
+    recording.finish();
+    EXPECT_EQ(store_.files.size(), 1u);
+}
+
+TEST_F(RecordingTest, FailedFileOfAFormerRateIsReported) {
+    store_.errors["call-originator.wav"] = "No space left on device";
+    SideRecording recording = sides();
+    put(recording, ORIGINATOR, {1});
+    recording.rate_changed(ORIGINATOR, 8000);
+    put(recording, ORIGINATOR, {2});
+    recording.finish();
+    EXPECT_EQ(recording.failed_files(), 1u);
+    EXPECT_EQ(recording.files()[0].error, "No space left on device");
+}
+
 TEST_F(RecordingTest, FileWaitsUntilTheRateIsKnown) {
     rates_ = {0, 0};
     SideRecording recording = sides();

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
 #include "tests/node/audio/fake_audio_files.h"
 
 namespace {
@@ -32,7 +36,7 @@ class StereoRecordingTest : public testing::Test {
         [this](Side side, bool last) {
             return rates_[index_of(side)] == 0 && last ? 8000 : rates_[index_of(side)];
         },
-        RecordingOptions{4, false}};
+        RecordingOptions{4, false, false}};
 };
 
 TEST_F(StereoRecordingTest, OriginatorIsLeft) {
@@ -205,6 +209,137 @@ TEST_F(StereoRecordingTest, FailedFilesOfSplitSidesAreReported) {
     recording_.finish();
     EXPECT_EQ(recording_.failed_files(), 2u);
     EXPECT_EQ(recording_.files()[1].error, "No space left on device");
+}
+
+TEST_F(StereoRecordingTest, SideWhoseRateChangesIsSetApart) {
+    put(ORIGINATOR, {1, 2, 3, 4, 5});
+    put(TERMINATOR, {-1, -2, -3, -4, -5});
+    set_rates(16000, 8000);
+    recording_.rate_changed(ORIGINATOR, 8000);
+    put(ORIGINATOR, {6, 7});
+    put(TERMINATOR, {-6});
+    recording_.finish();
+    EXPECT_EQ(written(), (Samples{1, -1, 2, -2, 3, -3, 4, -4, 5, -5, 0, -6}));
+    EXPECT_EQ(store_.files.at("call-split-originator.wav").samples, (Samples{6, 7}));
+    EXPECT_EQ(store_.files.at("call-split-originator.wav").sample_rate, 16000);
+}
+
+// Both sides in one file, whatever their rates; blocks of 400 samples.
+class ResampledStereoTest : public testing::Test {
+  protected:
+    // A tone of 400 Hz at that rate, which goes on where it ended.
+    void play(Side side, int rate, double seconds) {
+        Samples samples(static_cast<std::size_t>(std::lround(seconds * rate)));
+        double& time = times_[index_of(side)];
+        for (std::int16_t& sample : samples) {
+            sample = tone(time);
+            time += 1.0 / rate;
+        }
+        recording_.audio(side, samples.data(), samples.size());
+    }
+    static std::int16_t tone(double time) {
+        return static_cast<std::int16_t>(std::lround(8000 * std::sin(2 * M_PI * 400 * time)));
+    }
+    // Both sides at once, for a multiple of 40 ms, which are whole samples at all rates here.
+    void play_both(double seconds) {
+        for (double time = 0; time < seconds - 0.02; time += 0.04) {
+            play(ORIGINATOR, rates_[0], 0.04);
+            play(TERMINATOR, rates_[1], 0.04);
+        }
+    }
+    void change_rate(Side side, int rate) {
+        const int former = std::exchange(rates_[index_of(side)], rate);
+        recording_.rate_changed(side, former);
+    }
+    std::size_t frames() { return store_.files.at("call.wav").samples.size() / 2; }
+    // The largest difference from the tone, over so many seconds of the file.
+    int error(Side side, double begin, double end) {
+        const Samples& written = store_.files.at("call.wav").samples;
+        const int rate = store_.files.at("call.wav").sample_rate;
+        int largest = 0;
+        for (double time = begin; time < end; time += 1.0 / rate) {
+            const auto frame = static_cast<std::size_t>(std::lround(time * rate));
+            const int there = written.at(2 * frame + index_of(side));
+            largest = std::max(largest, std::abs(there - tone(static_cast<double>(frame) / rate)));
+        }
+        return largest;
+    }
+
+    FakeAudioStore store_;
+    std::array<int, SIDE_COUNT> rates_ = {8000, 8000};
+    std::array<double, SIDE_COUNT> times_{};
+    StereoRecording recording_{store_, "call",
+                               [this](Side side, bool) { return rates_[index_of(side)]; },
+                               RecordingOptions{400, false}};
+};
+
+TEST_F(ResampledStereoTest, SidesOfDifferentRatesShareAFileOfTheHigherOne) {
+    rates_ = {8000, 16000};
+    play_both(2);
+    recording_.finish();
+    EXPECT_EQ(store_.files.size(), 1u);
+    EXPECT_EQ(store_.files.at("call.wav").sample_rate, 16000);
+    EXPECT_EQ(frames(), 32'000u);
+    EXPECT_LT(error(ORIGINATOR, 0.01, 1.99), 80);
+    EXPECT_EQ(error(TERMINATOR, 0, 1.99), 0);
+}
+
+TEST_F(ResampledStereoTest, SideWhoseRateChangesStaysInItsPlace) {
+    for (const int rate : {8000, 16000, 48000, 11025, 8000}) {
+        if (rate != rates_[0]) {
+            change_rate(ORIGINATOR, rate);
+        }
+        play_both(4);
+    }
+    recording_.finish();
+    EXPECT_EQ(store_.files.size(), 1u);
+    EXPECT_NEAR(static_cast<double>(frames()), 20 * 8000, 4);
+    for (const double begin : {0.0, 4.0, 8.0, 12.0, 16.0}) {
+        EXPECT_LT(error(ORIGINATOR, begin + 0.05, begin + 3.95), 80) << begin;
+    }
+    EXPECT_EQ(error(TERMINATOR, 0, 19.9), 0);
+}
+
+TEST_F(ResampledStereoTest, SilenceIsAsLongAtTheOtherRate) {
+    rates_ = {8000, 16000};
+    play_both(1);
+    recording_.silence(ORIGINATOR, 4000);
+    recording_.silence(TERMINATOR, 8000);
+    times_ = {1.5, 1.5};
+    play_both(1);
+    recording_.finish();
+    EXPECT_EQ(frames(), 40'000u);
+    EXPECT_LT(error(ORIGINATOR, 0.05, 0.95), 80);
+    EXPECT_LT(error(ORIGINATOR, 1.55, 2.45), 80);
+    EXPECT_EQ(store_.files.at("call.wav").samples.at(std::size_t{2} * 20'000), 0);
+}
+
+TEST_F(ResampledStereoTest, RateThatChangesBeforeTheFileIsMadeIsThatOfTheFile) {
+    play(ORIGINATOR, 8000, 0.04);
+    play(TERMINATOR, 8000, 0.04);
+    EXPECT_TRUE(store_.files.empty());
+    change_rate(ORIGINATOR, 16000);
+    play_both(0.96);
+    recording_.finish();
+    EXPECT_EQ(store_.files.at("call.wav").sample_rate, 16000);
+    EXPECT_EQ(frames(), 16'000u);
+    EXPECT_LT(error(ORIGINATOR, 0.06, 0.99), 80);
+    EXPECT_LT(error(TERMINATOR, 0.02, 0.98), 80);
+}
+
+TEST_F(ResampledStereoTest, SideOfAnotherRateThatBeginsLaterIsConverted) {
+    rates_ = {8000, 16000};
+    for (int i = 0; i < 50; ++i) {
+        play(ORIGINATOR, 8000, 0.02);
+    }
+    EXPECT_GT(frames(), 0u);
+    recording_.silence(TERMINATOR, 16'000);
+    times_[1] = 1;
+    play_both(1);
+    recording_.finish();
+    EXPECT_EQ(store_.files.at("call.wav").sample_rate, 8000);
+    EXPECT_EQ(frames(), 16'000u);
+    EXPECT_LT(error(TERMINATOR, 1.05, 1.95), 80);
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include "node/calls/call.h"
@@ -35,6 +37,10 @@ class SideDiary : public CallListener {
     }
     void pause(const Call&, Side, const Pause& pause) override {
         add("pause" + std::to_string(pause.samples) + '@' + std::to_string(pause.position));
+    }
+    void rate_changed(const Call&, Side, const RateChange& change) override {
+        add("rate" + std::to_string(change.old_rate) + '>' + std::to_string(change.new_rate) + '@' +
+            std::to_string(change.position));
     }
     void running_changed(const Call& call, Side which, std::uint64_t position) override {
         const bool on = call.side(which).running().activity;
@@ -361,6 +367,212 @@ TEST_F(CallSideTest, FeatureIsSwitchedBehindTheAudioThatWaitsUntilAPauseIsCertai
     EXPECT_EQ(diary_.take(), "");
     talk(4, 13);
     EXPECT_EQ(diary_.take().substr(0, 46), "pause8000@320 audio160@320 on@480 audio160@480");
+}
+
+// The originator's side of a call whose sample rate is found from its packets.
+class RateChangeTest : public CallSideTest {
+  protected:
+    RateChangeTest() { restart(0); }
+
+    // Sends frames of that many samples, one each 20 ms, in packets of at most 661 samples.
+    void speak(int frames, int samples, std::int64_t frame_us = 20'000) {
+        for (int i = 0; i < frames; ++i) {
+            time_ += frame_us;
+            for (int left = samples; left > 0; left -= 661) {
+                send(std::min(left, 661));
+            }
+        }
+    }
+    void send(int samples) {
+        static constexpr unsigned char AUDIO[1322] = {0x34, 0x12};
+        Packet made = packet(++number_);
+        made.send_time = time_;
+        made.sample_offset = offset_;
+        made.sample_count = static_cast<std::uint16_t>(samples);
+        made.audio = AUDIO;
+        offset_ += static_cast<std::uint32_t>(samples);
+        receive(made);
+    }
+    // The rates of the side and where they changed, as "8000 16000@160".
+    std::string rates() {
+        std::string text;
+        std::string diary = diary_.take();
+        std::istringstream words(diary);
+        for (std::string word; words >> word;) {
+            if (word.rfind("rate", 0) == 0) {
+                const std::size_t before = word.find('>');
+                text += (text.empty() ? "" : " ") +
+                        word.substr(before == std::string::npos ? 4 : before + 1);
+            }
+        }
+        return text;
+    }
+
+    std::uint32_t number_ = 0;
+    std::uint32_t offset_ = 0;
+    std::int64_t time_ = 50'000'000;
+};
+
+TEST_F(RateChangeTest, ChangeLiesAtTheFirstPacketOfTheNewRate) {
+    speak(100, 160);
+    speak(100, 320);
+    EXPECT_EQ(rates(), "8000 16000@16000");
+    EXPECT_EQ(side().sample_rate(), 16000);
+    EXPECT_EQ(side().position(), 16'000u + 32'000);
+    EXPECT_EQ(side().pauses(), 0u);
+    EXPECT_DOUBLE_EQ(side().seconds_at(16'000), 2);
+    EXPECT_DOUBLE_EQ(side().seconds_at(48'000), 4);
+    EXPECT_DOUBLE_EQ(side().seconds_with_pauses(), 4);
+    EXPECT_EQ(side().sample_rate_at(15'999), 8000);
+    EXPECT_EQ(side().sample_rate_at(16'000), 16000);
+    EXPECT_EQ(side().first_sample_rate(), 8000);
+}
+
+TEST_F(RateChangeTest, EveryUsualRateIsFoundAfterEveryOther) {
+    constexpr std::array<int, 9> FRAMES = {160, 240, 320, 441, 480, 640, 882, 960, 1920};
+    for (const int before : FRAMES) {
+        for (const int after : FRAMES) {
+            if (before == after) {
+                continue;
+            }
+            restart(0);
+            number_ = 0;
+            offset_ = 0;
+            speak(75, before);
+            speak(75, after);
+            // Full packets could still be part of a frame as before.
+            const int shared = std::min(before, after) / 661 * 661;
+            EXPECT_EQ(rates(), std::to_string(before * 50) + " " + std::to_string(after * 50) +
+                                   "@" + std::to_string(75 * before + shared));
+        }
+    }
+}
+
+TEST_F(RateChangeTest, ChangesBackAndForthAreFollowed) {
+    speak(100, 160);
+    speak(100, 320);
+    speak(100, 160);
+    EXPECT_EQ(rates(), "8000 16000@16000 8000@48000");
+    EXPECT_DOUBLE_EQ(side().seconds_at(64'000), 6);
+    EXPECT_EQ(side().rate_changes(), 2u);
+}
+
+TEST_F(RateChangeTest, ChangeInTheFirstSecondIsFound) {
+    speak(20, 160);
+    speak(100, 320);
+    EXPECT_EQ(rates(), "8000 16000@3200");
+}
+
+TEST_F(RateChangeTest, ChangeShortlyBeforeTheEndIsFound) {
+    speak(100, 160);
+    speak(20, 320);
+    EXPECT_EQ(rates(), "8000");
+    call_->end(EndReason::TERMINATED);
+    EXPECT_EQ(rates(), "16000@16000");
+}
+
+TEST_F(RateChangeTest, OtherLengthOfFramesIsNoChange) {
+    speak(100, 160);
+    speak(100, 320, 40'000);
+    speak(100, 240, 30'000);
+    speak(100, 160);
+    EXPECT_EQ(rates(), "8000");
+    EXPECT_EQ(side().position(), 100u * (160 + 320 + 240 + 160));
+}
+
+TEST_F(RateChangeTest, SameLengthOfFramesCanHaveAnotherRate) {
+    speak(100, 320, 20'000);
+    diary_.take();
+    speak(200, 320, 40'000);
+    const std::string changes = rates();
+    EXPECT_EQ(changes.substr(0, 5), "8000@");
+    EXPECT_NEAR(std::stoi(changes.substr(5)), 100 * 320, 3 * 320);
+    EXPECT_EQ(side().pauses(), 0u);
+    speak(300, 320, 20'000);
+    EXPECT_EQ(rates().substr(0, 6), "16000@");
+}
+
+TEST_F(RateChangeTest, FewOddPacketsChangeNothing) {
+    speak(100, 160);
+    for (const int odd : {320, 80, 1, 661, 240}) {
+        speak(10, odd);
+        speak(50, 160);
+    }
+    EXPECT_EQ(rates(), "8000");
+    EXPECT_EQ(side().position(), offset_);
+}
+
+TEST_F(RateChangeTest, ForgedPacketsChangeNothing) {
+    speak(100, 160);
+    for (int i = 0; i < 20; ++i) {
+        Packet forged = packet(number_ + 1 + static_cast<std::uint32_t>(i) % 3);
+        forged.send_time = time_ + 20'000;
+        forged.sample_offset = offset_;
+        forged.sample_count = static_cast<std::uint16_t>(100 + i);
+        receive(forged);
+        speak(10, 160);
+        pass(200ms);
+    }
+    call_->end(EndReason::TERMINATED);
+    EXPECT_EQ(rates(), "8000");
+}
+
+TEST_F(RateChangeTest, LostPacketsChangeNothing) {
+    for (int i = 1; i <= 300; ++i) {
+        speak(1, 960);
+        if (i % 7 == 0) {
+            time_ += 20'000;
+            send(661);
+            ++number_;  // The other part of the frame is lost.
+            offset_ += 299;
+        } else if (i % 11 == 0) {
+            time_ += 20'000;
+            ++number_;
+            offset_ += 661;
+            send(299);
+        }
+        pass(200ms);
+    }
+    call_->end(EndReason::TERMINATED);
+    EXPECT_EQ(rates(), "48000");
+}
+
+TEST_F(RateChangeTest, SenderThatCatchesUpIsNotFaster) {
+    speak(100, 160);
+    for (const std::int64_t frame_us : {0, 1'000, 5'000, 10'000, 14'000}) {
+        time_ += 1'000'000;
+        const auto behind = static_cast<int>(1'000'000 / (20'000 - frame_us));
+        speak(behind, 160, frame_us);
+        speak(200, 160);
+    }
+    EXPECT_EQ(rates(), "8000");
+}
+
+TEST_F(RateChangeTest, RateThatTheUserSetStays) {
+    restart(8000);
+    speak(100, 160);
+    speak(100, 320);
+    EXPECT_EQ(rates(), "8000");
+}
+
+TEST_F(RateChangeTest, AudioIsHeldNoLongerThanSecondsWhenNothingMoreComes) {
+    speak(100, 160);
+    speak(2, 320);
+    EXPECT_EQ(side().position(), 16'000u);
+    pass(5s);
+    EXPECT_EQ(side().position(), 16'640u);
+    EXPECT_EQ(rates(), "8000");
+}
+
+TEST_F(RateChangeTest, PausesAfterAChangeAreMeasuredAtTheNewRate) {
+    speak(100, 160);
+    speak(100, 320);
+    diary_.take();
+    time_ += 2'000'000;
+    pass(2s);
+    speak(100, 320);
+    EXPECT_NE(diary_.take().find("pause32000@48000 "), std::string::npos);
+    EXPECT_DOUBLE_EQ(side().seconds_with_pauses(), 8);
 }
 
 TEST_F(CallSideTest, LevelIsThatOfTheAudio) {

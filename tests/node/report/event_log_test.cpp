@@ -212,6 +212,7 @@ TEST_F(EventLogTest, EndSumsUpTheCall) {
     side.erase("level_db");
     side.erase("peak_db");
     EXPECT_EQ(side, Json::parse(R"({"leg": 1, "sample_rate": 8000, "sample_rate_assumed": true,
+        "rate_changes": 0,
         "packets": 2, "bytes": 32, "samples": 16, "silence_samples": 0, "unfilled_samples": 0,
         "pauses": 0, "gaps": 0, "lost_packets": 0, "late_packets": 0, "reordered_packets": 0,
         "duplicated_packets": 0, "implausible_packets": 0, "joined_at": 0})"));

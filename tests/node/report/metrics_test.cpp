@@ -106,6 +106,7 @@ TEST_F(MetricsTest, EachValueHasItsName) {
     totals_.file_errors = 19;
     totals_.pauses = 20;
     totals_.assumed_rates = 21;
+    totals_.rate_changes = 22;
     update();
     for (const char* line :
          {"received_packets_total 100", "socket_dropped_packets_total 2", "calls 3", "open_files 4",
@@ -113,7 +114,7 @@ TEST_F(MetricsTest, EachValueHasItsName) {
           "calls_ended_total 12", "calls_not_terminated_total 13", "calls_without_start_total 14",
           "audio_bytes_total 15", "gaps_total 16", "skipped_packets_total 17",
           "silence_samples_total 18", "file_errors_total 19", "pauses_total 20",
-          "assumed_rates_total 21"}) {
+          "assumed_rates_total 21", "rate_changes_total 22"}) {
         EXPECT_TRUE(shows(std::string("quorvane_node_") + line)) << line;
     }
 }

@@ -1,0 +1,48 @@
+// Brings audio to another sample rate, by speexdsp, for a file that both sides of a call share.
+// Sample n of the result is the sound at the time of sample n * from / to, over any length. The
+// first samples come out once so many have gone in that the filter has what it needs. Belongs to
+// one thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+struct SpeexResamplerState_;
+
+namespace qv::node {
+
+class RateConverter {
+  public:
+    // Rates in Hz, above 0.
+    RateConverter(int from, int to);
+    ~RateConverter();
+    RateConverter(const RateConverter&) = delete;
+    RateConverter& operator=(const RateConverter&) = delete;
+
+    // Converts samples and appends what has come out to `out`.
+    void convert(const std::int16_t* samples, std::size_t count, std::vector<std::int16_t>& out);
+
+    // Appends what is still in the filter. More audio may follow, as if after silence.
+    void flush(std::vector<std::int16_t>& out);
+
+    // How many samples stand for so many of silence. To be called after flush().
+    std::uint64_t convert_silence(std::uint64_t count);
+
+  private:
+    struct Destroy {
+        void operator()(SpeexResamplerState_* state) const;
+    };
+
+    std::uint64_t due() const;
+    void process(const std::int16_t* samples, std::size_t count, std::vector<std::int16_t>& out);
+
+    std::unique_ptr<SpeexResamplerState_, Destroy> state_;
+    const std::uint64_t from_;
+    const std::uint64_t to_;
+    std::uint64_t taken_ = 0;
+    std::uint64_t given_ = 0;
+};
+
+}  // namespace qv::node
