@@ -616,7 +616,7 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(set(listed) - set(seen),
                              {"overflow", "events_lost", "not_allowed", "foreign",
                               "terminate_refused", "leftover", "activity", "sample",
-                              "analysis_skipped"})
+                              "analysis_skipped", "rate_change"})
             for kind, fields in seen.items():
                 self.assertEqual(fields, listed[kind], kind)
             self.assertEqual(set(node.events("end")[0]["sides"]["originator"]), LISTED_SIDE)
