@@ -23,6 +23,12 @@ std::map<std::uint64_t, std::string> idle_contexts(ModuleContext& state) {
     return idle;
 }
 
+// The name may have been used for another session since.
+bool was_made_for(const AppContext& context, std::uint64_t session_key) {
+    CallIdentity session;
+    return identify(context.session_uuid(), session) && session.id == session_key;
+}
+
 bool is_alive(const std::string& session_uuid, const LogPlace& caller) {
     switch_core_session_t* session = switch_core_session_perform_locate(
         session_uuid.c_str(), caller.file, caller.function, caller.line);
@@ -53,7 +59,8 @@ void remove_contexts_of_other_names(ModuleContext& state, std::uint64_t session_
     const auto [first, last] = state.other_names.equal_range(session_key);
     for (auto name = first; name != last; ++name) {
         const AppContext* context = find_context(state.contexts, name->second);
-        if (context != nullptr && context->created_time == 0) {
+        if (context != nullptr && context->created_time == 0 &&
+            was_made_for(*context, session_key)) {
             remove_context(state.contexts, name->second);
         }
     }

@@ -158,6 +158,20 @@ TEST_F(ChannelDestroy, ContextUnderAnExternalIdStaysWithTheCallThatHasItAsUuid) 
     EXPECT_FALSE(host.log().contains("MAGIC"));
 }
 
+// A command once used the external id, but the context under it was made for another call since.
+TEST_F(ChannelDestroy, ContextOfACallStaysThoughAnotherCallHadItsUuidAsExternalId) {
+    host::CallOptions options;
+    options.uuid = "c2d8e1f4-7a06-45b3-a190-9c3d5e7f2b68";
+    options.external_id = UUID;
+    const auto other = start_call_as(std::move(options));
+    call_api("audio_activity start");
+    fire({{"Unique-ID", UUID}});
+    const auto call = start_call();
+    call_api("audio_activity start orig");
+    hangup(*other);
+    EXPECT_EQ(call_api("features"), "-----A\n");
+}
+
 }  // namespace
 
 }  // namespace qv::tests
