@@ -143,9 +143,12 @@ class AppContext {
     media::features16_t requested_features QV_GUARDED_BY(context_lock){};
 
   private:
+    // The host cuts longer UUIDs; with the terminating zero.
+    static constexpr std::size_t SESSION_UUID_SIZE = 257;
+
     ReferenceCountable references_;
     std::atomic<int> lent_{0};  // How many of these references media bugs hold.
-    char session_uuid_[64] = {};
+    char session_uuid_[SESSION_UUID_SIZE] = {};
 };
 
 // AppContext::parse_audio_activity or AppContext::parse_sample_detection.

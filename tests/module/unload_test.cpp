@@ -368,6 +368,24 @@ TEST_F(Unload, CallThatEndedMeanwhileLeavesNoContextBehind) {
     EXPECT_EQ(field(node.receive(), 4, 1), "81");
 }
 
+// The host may use the Call-ID of a SIP caller as the UUID, up to 256 characters of it.
+TEST_F(Unload, CallWithALongUuidThatEndedMeanwhileLeavesNoContextBehind) {
+    load();
+    const auto tapped = start_call_as(other_call());
+    tapped->execute("quorvane");
+    host::CallOptions options;
+    options.uuid = UUID + std::string("@") + std::string(219, 'a');
+    ASSERT_EQ(options.uuid.size(), 256U);
+    {
+        const auto call = start_call_as(options);
+        api(options.uuid + " audio_activity start");
+        EXPECT_FALSE(unload().left_memory);
+    }
+    load();
+    const auto call = start_call_as(options);
+    EXPECT_EQ(api(options.uuid + " features").rfind("-ERR, features: session context", 0), 0U);
+}
+
 TEST_F(Unload, CallThatIsAliveKeepsWhatTheApiAskedFor) {
     load();
     const auto tapped = start_call_as(other_call());
