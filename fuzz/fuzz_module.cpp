@@ -20,6 +20,7 @@
 //   H SLOT        the call ends
 //   J SLOT        the counters of the call's last bug stand shortly before they wrap
 //   A TEXT        an API command; "a SLOT TEXT": one that begins with the call's UUID
+//   O NUMBER TEXT an API command during which the module's allocation of this number fails
 //   D UUID        somebody sends a channel-destroy event; "E SLOT": of this call, "d": without
 //                 a UUID
 //   e NUMBER[,][ UUID]   somebody sends another event, with the comma without its name
@@ -44,6 +45,7 @@
 #include <utility>
 #include <vector>
 
+#include "fuzz/support/failing_allocation.h"
 #include "fuzz/support/module_model.h"
 #include "fuzz/support/require.h"
 #include "fuzz/support/system_double.h"
@@ -70,6 +72,7 @@ using qv::host::Fault;
 constexpr std::size_t STEPS_MAX = 60;
 constexpr std::size_t FRAME_MAX = 9000;
 constexpr unsigned REFERENCE_MAX = 1400;
+constexpr std::size_t UUID_MAX = 256;
 constexpr std::size_t SLOTS = 4;
 
 // The second decodes to the same 16 bytes as the first; the third has the same CRC-64.
@@ -102,6 +105,8 @@ class Stage {
         return stream.text();
     }
 
+    const void* code_of_module() const { return code_; }
+
     void settle() { host_.events().wait_drained(); }
 
     // Lines and datagrams of this thread, in their order; lines of other threads; events.
@@ -126,8 +131,9 @@ class Stage {
         };
         load();
         // The fuzzer's counters are in the module's object, so it stays mapped.
-        qv::fuzz::require(::dlopen(QUORVANE_RELOCATED_MODULE, RTLD_NOW) != nullptr,
-                          "the module can be loaded");
+        void* const module = ::dlopen(QUORVANE_RELOCATED_MODULE, RTLD_NOW);
+        qv::fuzz::require(module != nullptr, "the module can be loaded");
+        code_ = ::dlsym(module, "mod_quorvane_module_interface");
         build_ = api("version");
         qv::fuzz::require(build_.size() > 32 && build_[6] == ':' && build_[13] == ' ' &&
                               build_[30] == '@' && build_.back() == '\n',
@@ -179,6 +185,7 @@ class Stage {
     Texts event_lines_;  // By the thread of the events; settle() waits for it.
     std::vector<EventModel> events_;
     switch_event_node_t* watcher_ = nullptr;
+    const void* code_ = nullptr;
     std::string build_;
     qv::host::EmbeddedHost host_;
 };
@@ -276,6 +283,9 @@ class Run {
                 break;
             case 'A':
                 api(rest);
+                break;
+            case 'O':
+                api_without_memory(rest);
                 break;
             case 'D':
                 send_destroy(rest);
@@ -397,6 +407,8 @@ class Run {
         if (uuid.empty()) {
             uuid = UUIDS[slot];
         }
+        // As the host does.
+        uuid.resize(std::min(uuid.size(), UUID_MAX));
         for (const CallModel& other : model_.calls) {
             if (other.alive && (other.uuid == uuid || &other == &model_.calls[slot])) {
                 return;
@@ -499,6 +511,27 @@ class Run {
         const std::string answer = stage_.api(arguments);
         std::string expected;
         compare([&] { expected = model_.api(arguments); });
+        qv::fuzz::require_equal("answer", answer, expected);
+    }
+
+    // The command either fails as a whole and says so, or it is carried out.
+    void api_without_memory(const std::string& rest) {
+        const std::size_t blank = rest.find(' ');
+        if (!model_.loaded() || blank == std::string::npos) {
+            return;
+        }
+        const std::string arguments = rest.substr(blank + 1);
+        qv::fuzz::fail_allocation(number_of(rest, 20), stage_.code_of_module());
+        const std::string answer = stage_.api(arguments);
+        const bool failed = qv::fuzz::stop_failing();
+        std::string expected = answer;
+        compare([&] {
+            if (failed && answer.empty()) {
+                model_.report_missing_memory();
+            } else if (!failed || answer != "-ERR, out of memory\n") {
+                expected = model_.api(arguments);
+            }
+        });
         qv::fuzz::require_equal("answer", answer, expected);
     }
 

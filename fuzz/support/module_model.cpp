@@ -34,8 +34,6 @@ constexpr int STATE_EXECUTE = 4;
 constexpr int STATE_HANGUP = 10;
 constexpr int CAUSE_INCOMPATIBLE_DESTINATION = 88;
 
-constexpr std::size_t SESSION_NAME_MAX = 63;
-
 unsigned value_of_digit(char c) {
     const char digits[] = "0123456789abcdef";
     const char lower = c >= 'A' && c <= 'F' ? static_cast<char>(c + ('a' - 'A')) : c;
@@ -192,13 +190,8 @@ void ModuleModel::drop_taps_of_ended_calls() {
         for (const CallModel& call : calls) {
             in_use = in_use || std::count(call.bugs.begin(), call.bugs.end(), entry->second) > 0;
         }
-        const std::string& session = entry->second->session;
-        const bool known = !session.empty() && session.size() <= SESSION_NAME_MAX;
-        const bool gone = !in_use && known && find_session(session) == nullptr;
+        const bool gone = !in_use && find_session(entry->second->session) == nullptr;
         entry = gone ? registry_.erase(entry) : std::next(entry);
-    }
-    for (auto name = other_names_.begin(); name != other_names_.end();) {
-        name = registry_.count(name->second) == 0 ? other_names_.erase(name) : std::next(name);
     }
 }
 
@@ -406,15 +399,13 @@ void ModuleModel::destroy_event(const std::optional<std::string>& uuid) {
     const auto found = registry_.find(identity.key);
     const Tap tap = found == registry_.end() ? nullptr : found->second;
     registry_.erase(identity.key);
-    // What commands added under the session's other names ends with the session.
-    const auto [first, last] = other_names_.equal_range(identity.key);
-    for (auto name = first; name != last; ++name) {
-        const auto other = registry_.find(name->second);
-        if (other != registry_.end() && other->second->created_us == 0) {
-            registry_.erase(other);
-        }
+    // What commands added under other names of the session ends with it.
+    for (auto entry = registry_.begin(); entry != registry_.end();) {
+        const IdentityModel session = identity_of(entry->second->session);
+        const bool ends =
+            entry->second->created_us == 0 && session.valid && session.key == identity.key;
+        entry = ends ? registry_.erase(entry) : std::next(entry);
     }
-    other_names_.erase(identity.key);
     if (tap == nullptr) {
         return;
     }

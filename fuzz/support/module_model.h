@@ -150,6 +150,8 @@ class ModuleModel {
     void dumped_event(const EventModel& event);
     // The answer.
     std::string api(const std::string& line);
+    // A command that would add something finds no memory for it, and answers nothing.
+    void report_missing_memory();
 
   private:
     // ---- output: lines and packets
@@ -204,9 +206,6 @@ class ModuleModel {
     int reserved_number_ = -1;  // Kept for calls that are tapped while the module is unloaded.
 
     std::map<std::uint64_t, Tap> registry_;
-    // From the key of a session to those of its other names, under which commands added a tap.
-    std::multimap<std::uint64_t, std::uint64_t> other_names_;
-
     // The clock may show any time between the two: a start packet may have waited.
     std::int64_t earliest_us_ = 0;
     std::int64_t latest_us_ = 0;

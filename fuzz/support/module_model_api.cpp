@@ -125,10 +125,6 @@ std::string ModuleModel::switch_feature(const Texts& words, std::uint64_t key) {
     std::string answer;
     if (created) {
         const std::string session_name = faults.uuid_garbage ? "not-a-uuid" : session->uuid;
-        const IdentityModel own = identity_of(session_name);
-        if (own.valid && own.key != key) {
-            other_names_.emplace(own.key, key);
-        }
         const auto tap = std::make_shared<TapModel>();
         tap->legs[1].word = 0x8000;
         tap->name = words[0];
@@ -138,6 +134,10 @@ std::string ModuleModel::switch_feature(const Texts& words, std::uint64_t key) {
         answer = name + ": app context added, id: " + number(key);
     }
     return answer + update(*session, *registry_[key], created, name, wanted, orig | term);
+}
+
+void ModuleModel::report_missing_memory() {
+    line(Level::ERROR, nullptr, "app context allocation failure (is there enough memory?)");
 }
 
 std::string ModuleModel::update(const CallModel& session, TapModel& tap, bool created,
