@@ -2,8 +2,8 @@
 include(CheckCXXCompilerFlag)
 
 add_library(quorvane_flags INTERFACE)
-target_include_directories(quorvane_flags INTERFACE
-  ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+target_include_directories(quorvane_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_link_libraries(quorvane_flags INTERFACE quorvane::quorvane)
 target_compile_options(quorvane_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow)
 if(QUORVANE_WERROR)
   target_compile_options(quorvane_flags INTERFACE -Werror)

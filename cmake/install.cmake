@@ -100,11 +100,6 @@ include(CMakePackageConfigHelpers)
 set(config_dir ${CMAKE_INSTALL_DATAROOTDIR}/cmake/quorvane)
 install(DIRECTORY include/quorvane DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
-add_library(quorvane_headers INTERFACE)
-set_target_properties(quorvane_headers PROPERTIES EXPORT_NAME quorvane)
-target_compile_features(quorvane_headers INTERFACE cxx_std_17)
-target_include_directories(quorvane_headers INTERFACE
-  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 install(TARGETS quorvane_headers EXPORT quorvane COMPONENT dev)
 install(EXPORT quorvane NAMESPACE quorvane:: FILE quorvaneConfig.cmake DESTINATION ${config_dir}
         COMPONENT dev)
