@@ -97,7 +97,7 @@ bit loaded;              /* AttachedBugs::loaded_ */
 bit hook_left;           /* AttachedBugs::hook_left_ */
 bit reference;           /* AttachedBugs::reference_ holds one. */
 byte postponed;          /* References that threads give back when they end. */
-bit hook_bound;          /* ties.channel_destroy_hook */
+bit hook_bound;          /* module_state.channel_destroy_hook */
 byte descriptor = NONE;  /* Socket::descriptor_ */
 byte taken = NONE;       /* Socket::taken_number_ */
 
@@ -378,8 +378,9 @@ inline unregister(c) {
     fi
 }
 
-/* code: module/mod_quorvane.cpp media_handler: handle_close(session, detach(; ties.bugs.remove
- * code: module/mod_quorvane.cpp detach: take_back_from_bug; ties.bugs.add;
+/* code: module/mod_quorvane.cpp media_handler: handle_close(session, detach(;
+ *       module_state.bugs.remove
+ * code: module/mod_quorvane.cpp detach: take_back_from_bug; module_state.bugs.add;
  *       ContextReference(&context)
  * code: module/mod_quorvane.cpp handle_close: media_terminate; report_transfer; unregister */
 inline handle_close(c) {
@@ -441,8 +442,8 @@ inline claim_context(s, k, c) {
 #endif
 }
 
-/* code: module/mod_quorvane.cpp attach: ties.bugs.add; lend_to_bug
- * code: module/mod_quorvane.cpp forget_refused_bug: take_back_from_bug; ties.bugs.remove
+/* code: module/mod_quorvane.cpp attach: module_state.bugs.add; lend_to_bug
+ * code: module/mod_quorvane.cpp forget_refused_bug: take_back_from_bug; module_state.bugs.remove
  * code: module/mod_quorvane.cpp attach_media_bug: attach(; switch_core_media_bug_add;
  *       forget_refused_bug */
 inline attach_media_bug(s, c) {
@@ -631,8 +632,8 @@ inline drop_contexts_of_ended_calls() {
 }
 
 /* code: module/mod_quorvane.cpp mod_quorvane_load: open_socket; register_application;
- *       bind_events; drop_contexts_of_ended_calls; ties.bugs.loaded
- * code: module/mod_quorvane.cpp bind_events: bind(; bind(; ties.bugs.load_left_a_hook
+ *       bind_events; drop_contexts_of_ended_calls; module_state.bugs.loaded
+ * code: module/mod_quorvane.cpp bind_events: bind(; bind(; module_state.bugs.load_left_a_hook
  * code: module/attached_bugs.cpp AttachedBugs::load_left_a_hook: lock_; hook_left_ = true;
  *       take_reference
  * code: module/attached_bugs.cpp AttachedBugs::loaded: lock_; loaded_ = true;
@@ -667,7 +668,7 @@ inline load(success) {
 }
 
 /* code: module/mod_quorvane.cpp mod_quorvane_shutdown: close_socket;
- *       unbind(ties.channel_destroy_hook); ties.bugs.unloaded
+ *       unbind(module_state.channel_destroy_hook); module_state.bugs.unloaded
  * code: module/attached_bugs.cpp AttachedBugs::unloaded: lock_; loaded_ = false;
  *       hook_left_ = false; count_ > 0; take_reference; lock_; give_back
  * code: module/object_reference.cpp ObjectReference::give_back: handle_ != nullptr; ::dlclose */

@@ -315,7 +315,7 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
     }
 
     // The answers below do not end their lines. See docs/design.md, Odd on purpose: texts.
-    AppContext* create_context() QV_REQUIRES(module().contexts_lock) {
+    AppContext* create_context() QV_REQUIRES(module().contexts_lock, registry_rank) {
         const char* session_uuid = switch_core_session_get_uuid(session());
         note_other_name(session_uuid);
         AppContext* context = add_context(module().contexts, id());
@@ -334,7 +334,8 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
     }
 
     // The command may name the session by its external id: the host also finds it by that.
-    void note_other_name(const char* session_uuid) QV_REQUIRES(module().contexts_lock) {
+    void note_other_name(const char* session_uuid)
+        QV_REQUIRES(module().contexts_lock, registry_rank) {
         CallIdentity session_call;
         if (session_uuid != nullptr && identify(session_uuid, session_call) &&
             session_call.id != id()) {
@@ -342,9 +343,9 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
         }
     }
 
-    // The caller also holds the registry lock, so that the context is not erased meanwhile.
+    // Under the registry lock, the context cannot be erased meanwhile.
     void update(AppContext& context, bool created, features16_t wanted)
-        QV_REQUIRES(context.context_lock) {
+        QV_REQUIRES(registry_rank, context.context_lock) {
         features16_t& requested = context.requested_features;
         const std::uint8_t supported = requested.supported & media::feature_mask(FEATURE);
         if (context.start_sent && supported != wanted.supported) {

@@ -9,7 +9,7 @@
 //
 // Locks are always taken in this order: a session's read lock, the registry lock, a
 // context's own lock. RegistryGuard and ContextGuard let the compiler check the order of the
-// last two. Every lookup, insertion and erasure holds the registry lock.
+// last two.
 #pragma once
 
 #include <netinet/in.h>
@@ -39,8 +39,9 @@ struct alignas(64) LegStream {
     std::uint16_t leg_flags = 0;  // The leg word of the data packets.
 };
 
-// Represent the registry lock and a context's lock in the lock order. Clang checks the order
-// between named objects, but not between members of two classes. These are never locked.
+// Represent the registry lock and a context's lock: in the lock order, which clang checks between
+// named objects but not between members of two classes, and for functions that know only one
+// context or the map of a registry. The guards acquire them together with the real locks.
 class QV_CAPABILITY("lock rank") LockRank {};
 inline LockRank registry_rank;
 inline LockRank context_rank QV_ACQUIRED_AFTER(registry_rank);
@@ -85,22 +86,22 @@ class AppContext {
     AppContext& operator=(const AppContext&) = delete;
 
     // Copies the channel's creation time, which marks the context as configured. Logs an
-    // error and returns false if the channel has no timetable. The caller holds the registry
-    // lock.
-    bool mark_configured(switch_core_session* session);
+    // error and returns false if the channel has no timetable.
+    bool mark_configured(switch_core_session* session) QV_REQUIRES(registry_rank);
 
     // For ContextReference.
     void add_reference() { references_.add_reference(); }
     std::int32_t drop_reference() { return references_.drop_reference(); }
 
-    // True if only the registry holds a reference. The caller holds the registry lock, so no
-    // other thread can get a new reference meanwhile.
-    bool is_only_registered() const { return references_.references() == 1; }
+    // True if only the registry holds a reference. Under the registry lock, no other thread can
+    // get a new reference.
+    bool is_only_registered() const QV_REQUIRES(registry_rank) {
+        return references_.references() == 1;
+    }
 
     // The UUID of the call's session as the host writes it; empty if unknown or too long.
-    // Guarded by the registry lock.
-    const char* session_uuid() const { return session_uuid_; }
-    void set_session_uuid(const char* text);
+    const char* session_uuid() const QV_REQUIRES(registry_rank) { return session_uuid_; }
+    void set_session_uuid(const char* text) QV_REQUIRES(registry_rank);
 
     // The references of media bugs. The host stores a plain pointer with a bug, so the context
     // counts these references itself. Call `lend_to_bug` before the host gets the pointer, and
@@ -148,7 +149,7 @@ class AppContext {
 
     ReferenceCountable references_;
     std::atomic<int> lent_{0};  // How many of these references media bugs hold.
-    char session_uuid_[SESSION_UUID_SIZE] = {};
+    char session_uuid_[SESSION_UUID_SIZE] QV_GUARDED_BY(registry_rank) = {};
 };
 
 // AppContext::parse_audio_activity or AppContext::parse_sample_detection.
@@ -168,14 +169,15 @@ bool identify(const char* uuid_text, CallIdentity& call);
 // Each entry holds a reference to its context.
 using ContextRegistry = std::unordered_map<std::uint64_t, AppContext*>;
 
-// The caller of these three holds the registry lock.
 // Returns the context of `id`, or null. The pointer is safe to use only under the lock,
 // unless the caller adds a reference.
-AppContext* find_context(const ContextRegistry& contexts, std::uint64_t id);
+AppContext* find_context(const ContextRegistry& contexts, std::uint64_t id)
+    QV_REQUIRES(registry_rank);
 // Creates a context under `id`. Without memory, returns null and changes nothing.
-AppContext* add_context(ContextRegistry& contexts, std::uint64_t id);
+AppContext* add_context(ContextRegistry& contexts, std::uint64_t id) QV_REQUIRES(registry_rank);
 // Erases the entry of `id` and returns its reference, which is null for a null entry.
 // Returns nullopt if there is no entry.
-std::optional<ContextReference> remove_context(ContextRegistry& contexts, std::uint64_t id);
+std::optional<ContextReference> remove_context(ContextRegistry& contexts, std::uint64_t id)
+    QV_REQUIRES(registry_rank);
 
 }  // namespace qv::freeswitch

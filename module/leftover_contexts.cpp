@@ -24,7 +24,7 @@ std::map<std::uint64_t, std::string> idle_contexts(ModuleContext& state) {
 }
 
 // The name may have been used for another session since.
-bool was_made_for(const AppContext& context, std::uint64_t session_key) {
+bool was_made_for(const AppContext& context, std::uint64_t session_key) QV_REQUIRES(registry_rank) {
     CallIdentity session;
     return identify(context.session_uuid(), session) && session.id == session_key;
 }

@@ -34,19 +34,17 @@ const std::string CONFIG_FILE_PATH =
     conf::default_base_directory + utils::path::LINUX_PATH_SEPARATOR::STR + "quorvane" +
     utils::path::LINUX_PATH_SEPARATOR::STR + "freeswitch_mod" + conf::default_conf_ext;
 
-Undestroyed<ModuleContext> context_room;
-ModuleContext& global = context_room.object;
-
-// What connects the module to the host: its event hooks, and the media bugs, which may outlive
-// the unloading.
-struct Ties {
-    AttachedBugs bugs{global.socket};
+// Everything that the module keeps while it is mapped. The media bugs may outlive the unloading.
+struct ModuleState {
+    ModuleContext context;
+    AttachedBugs bugs{context.socket};
     switch_event_node_t* channel_destroy_hook = nullptr;
     switch_event_node_t* dump_event_hook = nullptr;
 };
 
-Undestroyed<Ties> ties_room;
-Ties& ties = ties_room.object;
+Undestroyed<ModuleState> state_room;
+ModuleState& module_state = state_room.object;
+ModuleContext& global = state_room.object.context;
 
 // What load gives to the host, in the order in which the host calls it.
 SWITCH_STANDARD_APP(execute_quorvane_app);
@@ -99,7 +97,7 @@ bool bind(const char* owner, switch_event_types_t event, switch_event_callback_t
 
 bool bind_events() {
     if (!bind("mod_quorvane", SWITCH_EVENT_CHANNEL_DESTROY, channel_destroy_handler,
-              ties.channel_destroy_hook)) {
+              module_state.channel_destroy_hook)) {
         switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
                           nullptr, SWITCH_LOG_ERROR,
                           "[quorvane]: couldn't bind channel destroy event hook!\n");
@@ -107,11 +105,11 @@ bool bind_events() {
     }
     const switch_event_callback_t dump_callback = dump_handler(global.config.dump_mode);
     if (dump_callback != nullptr &&
-        !bind(modname, SWITCH_EVENT_ALL, dump_callback, ties.dump_event_hook)) {
+        !bind(modname, SWITCH_EVENT_ALL, dump_callback, module_state.dump_event_hook)) {
         switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
                           nullptr, SWITCH_LOG_ERROR, "[quorvane]: couldn't bind event hook!\n");
         // The first hook stays bound although the host now closes this shared object.
-        ties.bugs.load_left_a_hook();
+        module_state.bugs.load_left_a_hook();
         return false;
     }
     return true;
@@ -135,7 +133,7 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
     log::Logger::set_level(global.config.level);
     log_line<log::SYSTEM>(QV_PLACE, "configuration loaded");
 
-    if (!ties.bugs.open_socket()) {
+    if (!module_state.bugs.open_socket()) {
         return SWITCH_STATUS_TERM;
     }
     log_line<log::SYSTEM>(QV_PLACE, "transfer socket opened");
@@ -148,7 +146,7 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
         return SWITCH_STATUS_TERM;
     }
     drop_contexts_of_ended_calls(global, QV_PLACE);
-    ties.bugs.loaded();
+    module_state.bugs.loaded();
     log_line<log::SYSTEM>(QV_PLACE, "module has been loaded");
     return SWITCH_STATUS_SUCCESS;
 }
@@ -166,7 +164,7 @@ constexpr const char* APPLICATION = "execute_quorvane_app";
 
 // Creates the context of the call `id`.
 AppContext* create_context(switch_core_session_t* session, std::uint64_t id)
-    QV_REQUIRES(global.contexts_lock) {
+    QV_REQUIRES(global.contexts_lock, registry_rank) {
     AppContext* context = add_context(global.contexts, id);
     if (context == nullptr) {
         log_session_line<log::ERROR>(session, QV_PLACE_IN(APPLICATION),
@@ -217,14 +215,14 @@ void report_refused_bug(switch_core_session_t* session, switch_channel_t* channe
 }
 
 void attach(AppContext& context) {
-    ties.bugs.add();
+    module_state.bugs.add();
     context.lend_to_bug();
 }
 
 // Takes back the reference of a bug that the host refused, unless its close event did.
 void forget_refused_bug(AppContext& context) {
     if (context.take_back_from_bug()) {
-        ties.bugs.remove();
+        module_state.bugs.remove();
     }
 }
 
@@ -340,7 +338,7 @@ bool unregister(const AppContext& context) {
 ContextReference detach(AppContext& context) {
     ContextReference reference = context.take_back_from_bug();
     if (!reference) {
-        ties.bugs.add();
+        module_state.bugs.add();
         reference = ContextReference(&context);
     }
     return reference;
@@ -383,7 +381,7 @@ switch_bool_t media_handler(switch_media_bug_t* bug, void* user_data, switch_abc
             break;
         case SWITCH_ABC_TYPE_CLOSE:
             handle_close(session, detach(*context));
-            ties.bugs.remove();
+            module_state.bugs.remove();
             break;
         default:
             break;
@@ -493,11 +491,11 @@ switch_event_callback_t dump_handler(DumpMode mode) {
 // Sends nothing and frees no context. Tapped calls end on their own; the shared object stays
 // mapped until the last of them has ended.
 switch_status_t mod_quorvane_shutdown() {
-    ties.bugs.close_socket();
-    unbind(ties.dump_event_hook);
-    unbind(ties.channel_destroy_hook);
+    module_state.bugs.close_socket();
+    unbind(module_state.dump_event_hook);
+    unbind(module_state.channel_destroy_hook);
     log_line<log::SYSTEM>(QV_PLACE, "module has been shutdown");
-    ties.bugs.unloaded();
+    module_state.bugs.unloaded();
     return SWITCH_STATUS_SUCCESS;
 }
 
@@ -512,13 +510,12 @@ struct EndOfState {
     EndOfState(const EndOfState&) = delete;
     EndOfState& operator=(const EndOfState&) = delete;
     ~EndOfState() {
-        if (ties.bugs.may_be_called()) {
+        if (module_state.bugs.may_be_called()) {
             return;
         }
         // No context that is still registered has a media bug at this point.
         free_left_contexts(global);
-        ties.~Ties();
-        global.~ModuleContext();
+        module_state.~ModuleState();
     }
 };
 EndOfState end_of_state;

@@ -182,6 +182,8 @@ TEST(CallKey, IsTheCrcOfTheSixteenBytes) {
 }
 
 TEST(ContextRegistryRules, AnAddedContextIsFound) {
+    Mutex contexts_lock;
+    const RegistryGuard guard(contexts_lock);
     ContextRegistry contexts;
     AppContext* const added = add_context(contexts, 7);
     ASSERT_NE(added, nullptr);
@@ -193,6 +195,8 @@ TEST(ContextRegistryRules, AnAddedContextIsFound) {
 // The module's entry points never create a null entry. The code handles one nevertheless, and
 // only this test reaches that code.
 TEST(ContextRegistryRules, NullEntryIsReplacedInItsPlace) {
+    Mutex contexts_lock;
+    const RegistryGuard guard(contexts_lock);
     ContextRegistry contexts;
     contexts[7] = nullptr;
     EXPECT_EQ(find_context(contexts, 7), nullptr);
@@ -213,16 +217,19 @@ class MarkConfigured : public ::testing::Test {
 
     host::EmbeddedHost host;
     std::unique_ptr<host::Call> call;
+    Mutex contexts_lock;
     AppContext context;
 };
 
 TEST_F(MarkConfigured, TakesTheCreationTimeOfTheChannel) {
+    const RegistryGuard guard(contexts_lock);
     EXPECT_TRUE(context.mark_configured(call->session()));
     EXPECT_EQ(context.created_time, 1767225600123456U);
     EXPECT_TRUE(host.log().lines().empty());
 }
 
 TEST_F(MarkConfigured, SessionWithoutATimetableLeavesTheContextUnconfigured) {
+    const RegistryGuard guard(contexts_lock);
     host.faults().set(host::Fault::NO_TIMETABLE);
     EXPECT_FALSE(context.mark_configured(call->session()));
     EXPECT_EQ(context.created_time, 0U);
