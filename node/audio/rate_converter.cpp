@@ -9,7 +9,7 @@ namespace qv::node {
 
 namespace {
 
-// Of 0 to 10: speech keeps all that it has.
+// Speex quality, 0 to 10. This one keeps the full band of speech.
 constexpr int QUALITY = 5;
 
 }  // namespace
@@ -37,12 +37,12 @@ void RateConverter::convert(const std::int16_t* samples, std::size_t count,
     process(samples, count, out);
 }
 
-// In parts: the remainder of the division must not overflow.
+// Computed in parts, because the product of the remainder must not overflow.
 std::uint64_t RateConverter::due() const {
     return taken_ / from_ * to_ + taken_ % from_ * to_ / from_;
 }
 
-// Never gives more than is due for what was taken.
+// Never returns more samples than are due for the input.
 void RateConverter::process(const std::int16_t* samples, std::size_t count,
                             std::vector<std::int16_t>& out) {
     while (count > 0) {

@@ -1,7 +1,6 @@
-// Brings audio to another sample rate, by speexdsp, for a file that both sides of a call share.
-// Sample n of the result is the sound at the time of sample n * from / to, over any length. The
-// first samples come out once so many have gone in that the filter has what it needs. Belongs to
-// one thread.
+// Converts audio to another sample rate, with speexdsp, for a file that both sides of a call share.
+// Sample n of the result is the sound at sample n * from / to of the input, over any length. The
+// first samples come out when enough have gone in for the filter. Belongs to one thread.
 #pragma once
 
 #include <cstddef>
@@ -21,13 +20,13 @@ class RateConverter {
     RateConverter(const RateConverter&) = delete;
     RateConverter& operator=(const RateConverter&) = delete;
 
-    // Converts samples and appends what has come out to `out`.
+    // Converts samples and appends the result to `out`.
     void convert(const std::int16_t* samples, std::size_t count, std::vector<std::int16_t>& out);
 
     // Appends what is still in the filter. More audio may follow, as if after silence.
     void flush(std::vector<std::int16_t>& out);
 
-    // How many samples stand for so many of silence. To be called after flush().
+    // Returns how many samples replace this much silence. Call it after flush().
     std::uint64_t convert_silence(std::uint64_t count);
 
   private:

@@ -47,7 +47,7 @@ class RecordedCall : public CallListener {
     void rate_changed(const Call& /*call*/, Side side, const RateChange& change) override {
         Unrecorded& unrecorded = unrecorded_[index_of(side)];
         if (!unrecorded.over) {
-            // The first file has the new rate, and the same time before its audio.
+            // The first file will have the new rate, so these times are counted at it.
             const auto scaled = [&change](std::uint64_t count) {
                 return static_cast<std::uint64_t>(static_cast<double>(count) / change.old_rate *
                                                   change.new_rate);

@@ -92,7 +92,7 @@ void SideRecording::write_block(Side side, bool last) {
     }
 }
 
-// The rate is that of a file that is still to be made.
+// The rate is that of a file that has yet to be created.
 void SideRecording::write_block(Side side, int sample_rate) {
     Track& from = track(side);
     if (from.file == nullptr) {

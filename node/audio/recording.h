@@ -27,8 +27,8 @@ class Recording {
     virtual void silence(Side side, std::uint64_t count) = 0;
     // Time in which the sender sent nothing, although no audio is missing.
     virtual void pause(Side side, std::uint64_t count) = 0;
-    // The side's audio had a sample rate of so many Hz up to here, and has another from here on:
-    // that of the RateSource.
+    // The side's audio had `former_rate` Hz up to here. From here on its rate is that of the
+    // RateSource.
     virtual void rate_changed(Side side, int former_rate) = 0;
     // Writes the collected samples and closes the files. No audio may follow.
     virtual void finish() = 0;
@@ -45,7 +45,7 @@ using RateSource = std::function<int(Side side, bool last)>;
 struct RecordingOptions {
     std::size_t block_samples = std::size_t{16} * 1024;
     bool keep_pauses = false;  // In files of one side. Stereo files always keep them.
-    bool resample = true;      // Sides of different rates share a stereo file.
+    bool resample = true;      // Whether sides of different rates share a stereo file.
 };
 
 // One file per side and sample rate: STEM-originator.wav and STEM-terminator.wav.
@@ -67,8 +67,8 @@ class SideRecording : public Recording {
     struct Track {
         std::vector<std::int16_t> block;
         std::unique_ptr<AudioFile> file;
-        std::vector<std::unique_ptr<AudioFile>> complete;  // Of former rates.
-        bool used = false;                                 // Since the rate changed.
+        std::vector<std::unique_ptr<AudioFile>> complete;  // Files of former rates.
+        bool used = false;  // Whether audio came since the rate changed.
     };
 
     Track& track(Side side) { return tracks_[index_of(side)]; }

@@ -45,7 +45,7 @@ void StereoRecording::silence(Side side, std::uint64_t count) {
     append_silence(into, count);
 }
 
-// A side that begins after the file was made gets the file's rate as soon as its own is known.
+// A side that begins after the file was created gets the file's rate when its own is known.
 StereoRecording::Track& StereoRecording::placed_track(Side side) {
     Track& placed = track(side);
     if (options_.resample && file_ != nullptr && !placed.placed) {
@@ -164,7 +164,7 @@ void StereoRecording::place(const std::array<int, SIDE_COUNT>& rates) {
     }
 }
 
-// What waits, and what follows, has that rate and gets the file's.
+// The waiting samples, and those that follow, have this rate. They are converted to the file's.
 void StereoRecording::place(Track& track, int rate) {
     if (std::exchange(track.placed, true) || rate == file_rate_) {
         return;
@@ -190,7 +190,7 @@ void StereoRecording::set_others_apart(const std::array<int, SIDE_COUNT>& rates,
     }
 }
 
-// What waits is of the former rate, and stays in the file if there is one.
+// The waiting samples have the former rate, and stay in the file if there is one.
 void StereoRecording::split_off(Side side, int former_rate) {
     Track& changed = track(side);
     if (changed.apart) {

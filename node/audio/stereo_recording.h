@@ -3,8 +3,8 @@
 // If one side sends nothing while the other goes on, it is padded with silence. A gap or pause that
 // follows is shortened by this padding. The file has the highest rate that the sides have before
 // its first block. A side with a different rate, or whose rate changes, is converted to the rate of
-// the file. If the options say so, it is split off instead and gets files of its own. Belongs to one
-// thread.
+// the file. If the options say so, it is split off instead and gets files of its own. Belongs to
+// one thread.
 #pragma once
 
 #include <array>
@@ -35,7 +35,7 @@ class StereoRecording : public Recording {
     struct Track {
         std::vector<std::int16_t> waiting;  // Samples that wait for the other side.
         std::uint64_t padding = 0;  // Silence written ahead of the audio that the side has sent.
-        bool placed = false;        // The waiting samples have the rate of the file.
+        bool placed = false;        // Whether the waiting samples have the rate of the file.
         std::unique_ptr<RateConverter> converter;  // Null if the rates are the same.
         bool apart = false;                        // Its samples go to `split_`.
     };
@@ -65,7 +65,7 @@ class StereoRecording : public Recording {
     std::vector<std::int16_t> frames_;  // Reused buffer.
     std::unique_ptr<AudioFile> file_;
     int file_rate_ = 0;
-    int former_rate_ = 0;                   // Of samples that are split off as their rate changes.
+    int former_rate_ = 0;  // Of samples that are split off when their rate changes.
     std::unique_ptr<SideRecording> split_;  // Takes the sides that are split off.
 };
 

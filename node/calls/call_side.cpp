@@ -13,17 +13,17 @@ namespace {
 
 constexpr std::uint32_t HALF_RANGE = 0x80000000;
 
-// A lag that has not become less for so long is a pause.
+// A lag that has not decreased for this long is a pause.
 constexpr Micros STEADY{200'000};
-// What a lag becomes less by when the sender catches up; less is jitter.
+// How much a lag decreases if the sender catches up. A smaller decrease is jitter.
 constexpr double CATCHING_UP_S = 0.01;
-// Audio waits for so long at the most, in real time and in packets, until a pause is told.
+// The longest that audio waits, in real time and in packets, until a pause is reported.
 constexpr Micros LONGEST_DOUBT{1'000'000};
 constexpr std::size_t MOST_WAITING = 250;
-// Without packets that tell more, a doubt about the rate lasts no longer, in real time.
+// If no further packets decide it, a doubt about the rate ends after this real time.
 constexpr Micros LONGEST_RATE_DOUBT{5'000'000};
-// So many packets confirm a pause that is longer than the time that has passed: the sender is
-// faster than real time. One of a day is believed.
+// If a pause is longer than the time that has passed, this many packets confirm it: the sender is
+// faster than real time. A pause of up to a day is accepted.
 constexpr std::size_t ENOUGH_TO_CONFIRM = 5;
 constexpr double MOST_PAUSE_S = 25 * 3600;
 
@@ -85,8 +85,8 @@ void CallSide::begin(const media::Packet& packet) {
     }
 }
 
-// A side that goes on begins where it was left. One whose beginning is within reach begins
-// there. Otherwise this receiver came late to the call, and the side begins with the packet.
+// A side that continues an earlier call begins where it was left. A side whose beginning is within
+// reach begins there. Otherwise the node joined the call late, and the side begins with the packet.
 void CallSide::find_place(const media::Packet& packet) {
     if (left_at_.has_value() && !is_before(packet.sequence_number, *left_at_)) {
         joined_at_ = left_at_->sample_offset;
@@ -112,16 +112,17 @@ void CallSide::find_place(const media::Packet& packet) {
     mark_axis(packet, 0);
 }
 
-// In a call that is joined, the time axis begins with the side that comes first. The other one
-// needs it to find its place. Otherwise it begins with the first audio, which is not forged.
+// In a call that the node joins, the time axis begins with the side that comes first. The other
+// side needs the axis to find its place. Otherwise the axis begins with the first audio, which is
+// not forged.
 void CallSide::mark_axis(const media::Packet& packet, std::uint32_t first_offset) {
     if (!call_.start().has_value()) {
         call_.axis_begin(which_, packet.send_time, packet.sample_offset - first_offset);
     }
 }
 
-// Further in than the longest silence, or so far that its beginning lies before that of the
-// other side, which has been passed on.
+// The packet is further in than the longest silence allows, or its side began before the part of
+// the other side that has already been passed on.
 bool CallSide::is_joined_late(const media::Packet& packet, int rate) const {
     const std::uint64_t reach = limits_.gap_samples(rate);
     if (packet.sample_offset > reach || packet.sequence_number > reach) {
@@ -151,13 +152,13 @@ void CallSide::note_newest(const media::Packet& packet) {
 }
 
 std::uint64_t CallSide::position_at(std::int64_t send_time) const {
-    // What is held, or missing before it.
+    // Includes what is held, and what is missing before it.
     const std::uint32_t ahead = newest_end_ - buffer_.expected_offset();
     const std::uint64_t end = buffer_.position() + (ahead < HALF_RANGE ? ahead : 0);
     if (send_time >= newest_send_time_) {
         return end;
     }
-    // As floating point: forged times must not overflow.
+    // Computed as floating point, because forged times could overflow.
     const double later_s =
         (static_cast<double>(newest_send_time_) - static_cast<double>(send_time)) / 1e6;
     const double later = later_s * sample_rate_;
@@ -242,7 +243,7 @@ void CallSide::audio(const std::int16_t* samples, std::size_t count, std::int64_
     }
 }
 
-// A rate that the user has set stays.
+// A rate that the user has set does not change.
 RateChangeFinder::Finding CallSide::look_for_rate_change(std::size_t count,
                                                          std::int64_t send_time) {
     if (limits_.sample_rate != 0 || rate_changes_.size() == MOST_RATE_CHANGES) {
@@ -269,12 +270,12 @@ void CallSide::settle_rate() {
     }
 }
 
-// The audio that is held has that rate.
+// The held audio has that rate.
 void CallSide::change_rate(int rate) {
     release_waiting(false);
     if (sample_rate_ == 0) {
-        // The rate of the audio before the change has not been found yet, and its packets are
-        // all that tells it.
+        // The rate of the audio before the change is not known yet, and only its packets can show
+        // it.
         const auto former = estimator_.best_guess();
         set_rate(former.value_or(rate));
     }
@@ -305,7 +306,7 @@ double CallSide::seconds_at(std::uint64_t position) const {
     return node::seconds_at(position, rate_changes_, sample_rate_);
 }
 
-// Finds the audio its place in time.
+// Finds the place of the audio in time.
 void CallSide::take(const std::int16_t* samples, std::size_t count, std::int64_t send_time) {
     held_samples_ -= count;
     waiting_samples_ += count;
@@ -338,7 +339,7 @@ void CallSide::run_from(std::int64_t send_time, Running running) {
     change_at(position());
 }
 
-// Makes the changes that are due at that position; returns where the next one is due.
+// Makes the changes that are due at that position. Returns where the next one is due.
 std::uint64_t CallSide::change_at(std::uint64_t position) {
     while (!changes_.empty() && changes_.front().position <= position) {
         const Running running = changes_.front().running;
@@ -394,15 +395,15 @@ void CallSide::pass_on(const Gap& gap) {
     call_.for_each_listener([&](CallListener& listener) { listener.gap(call_, which_, gap); });
 }
 
-// How late the audio is that the buffer has delivered last; 0 while there is no rate.
+// How late the audio is that the buffer delivered last. 0 while the rate is unknown.
 double CallSide::lag_s(std::int64_t send_time, std::size_t count) {
     const std::uint64_t ahead = waiting_samples_ - count;
     const std::int64_t axis_begin = call_.axis_begin(which_, send_time, pauses_.position() + ahead);
     return pauses_.lag_s(send_time, axis_begin, pause_rate(), ahead);
 }
 
-// Both sides of a call that the receiver joins begin in its midst: there even a short lag of one
-// behind the other is a difference in time. A longer one is handled as a pause.
+// Both sides of a call that the node joins begin in the middle. A short lag between them is
+// therefore a difference in time; a longer one is handled as a pause.
 void CallSide::place_first_audio(double lag_s) {
     placed_ = true;
     const bool joined = joined_at_ != 0 && !left_at_.has_value();
@@ -411,7 +412,7 @@ void CallSide::place_first_audio(double lag_s) {
     }
 }
 
-// Keeps audio that comes after a pause, or was held up, until what follows tells which.
+// Holds audio that comes after a pause or a delay, until later packets show which it was.
 void CallSide::wait(const std::int16_t* samples, std::size_t count, std::int64_t send_time,
                     double lag_s) {
     if (waiting_.empty() || lag_s < least_lag_s_ - CATCHING_UP_S) {
@@ -422,7 +423,7 @@ void CallSide::wait(const std::int16_t* samples, std::size_t count, std::int64_t
         waiting_since_ = call_.last_seen();
     }
     waiting_.push_back({{samples, samples + count}, send_time, std::nullopt});
-    // As floating point: forged times must not overflow.
+    // Computed as floating point, because forged times could overflow.
     const double steady =
         (static_cast<double>(send_time) - static_cast<double>(least_lag_time_)) / 1e6;
     if (lag_s < seconds_of(PauseFinder::SHORTEST)) {
@@ -433,8 +434,8 @@ void CallSide::wait(const std::int16_t* samples, std::size_t count, std::int64_t
     }
 }
 
-// Passes on what waits, after a pause of the least lag that was seen. With `confirmed` it is
-// believed, however long it is.
+// Passes on the waiting audio, after a pause of the smallest lag seen. With `confirmed`, a pause of
+// any length is accepted.
 void CallSide::release_waiting(bool confirmed) {
     if (waiting_.empty()) {
         return;
@@ -456,14 +457,14 @@ void CallSide::release_waiting(bool confirmed) {
     }
 }
 
-// At the position of what is passed on next.
+// At the position of the audio that is passed on next.
 void CallSide::add_pause(double lag_s, double longest_s) {
     const std::uint64_t samples = pauses_.begin_pause(lag_s, pause_rate(), longest_s);
     const Pause pause{samples, position()};
     call_.for_each_listener([&](CallListener& listener) { listener.pause(call_, which_, pause); });
 }
 
-// 0 when no rate is known. A side that begins late has no rate of its own yet.
+// 0 if no rate is known. A side that begins late has no rate of its own yet.
 int CallSide::pause_rate() const {
     if (sample_rate_ != 0) {
         return sample_rate_;
@@ -485,7 +486,7 @@ int CallSide::likely_rate() const {
                              : estimator_.rate_of_20_ms_frames().value_or(DEFAULT_SAMPLE_RATE);
 }
 
-// The time that really passed explains any pause; forged send times explain a short one only.
+// The real time that passed explains any pause. Forged send times explain only a short one.
 double CallSide::longest_pause(int rate) const {
     if (rate == 0) {
         return 0;

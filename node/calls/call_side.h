@@ -1,6 +1,6 @@
-// One side of a call: takes in its data packets, puts them in order, finds the sample rate, its
-// changes, and the sender's pauses, meters the audio, and passes it on to the call's listeners.
-// Owned by its call; belongs to one thread.
+// One side of a call: handles its data packets, puts them in order, finds the sample rate, its
+// changes and the sender's pauses, measures the level of the audio, and passes it on to the call's
+// listeners. Owned by its call; belongs to one thread.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ namespace qv::node {
 
 class Call;
 
-// Where a side goes on.
+// Where a side continues.
 struct SidePlace {
     std::uint32_t sequence_number;
     std::uint32_t sample_offset;
@@ -36,20 +36,20 @@ class CallSide : private OrderedOutput {
 
     // For the call that owns the side.
 
-    // Takes in a data packet of this side; returns why it is dropped, if it is.
+    // Handles a data packet of this side. Returns why it is dropped, or nullopt.
     std::optional<Drop> receive(const media::Packet& packet, Micros now);
-    // Gives up packets that have been waited for too long.
+    // Gives up waiting for packets that are too late.
     void give_up_waiting(Micros now);
     // Delivers everything that is held.
     void finish();
-    // Decides on a sample rate from what is known, if none has been found.
+    // If no sample rate has been found, decides on one from what is known.
     void decide_rate();
-    // From the sample sent at that time on, this is done with the audio; at once where that
-    // sample has been passed on already. To be called in the order of the times.
+    // Applies these features to the audio from the sample sent at that time on, or at once if that
+    // sample has been passed on already. Call it in the order of the times.
     void run_from(std::int64_t send_time, Running running);
-    // The side goes on from that place, which an earlier call has left; before any packet.
+    // The side continues from that place, where an earlier call left it. Call it before any packet.
     void continue_from(const std::optional<SidePlace>& place) { left_at_ = place; }
-    // Where a later call goes on; nothing when no packet ever came.
+    // Where a later call continues. Nullopt if no packet came.
     std::optional<SidePlace> place() const;
 
     // For outputs.
@@ -57,37 +57,37 @@ class CallSide : private OrderedOutput {
     bool begun() const { return leg_.has_value(); }
     // The leg that carries the side, set by its first packet.
     std::optional<std::uint8_t> leg() const { return leg_; }
-    // In Hz, of the audio that comes next; 0 while it is not known.
+    // Hz, of the audio that comes next. 0 while it is unknown.
     int sample_rate() const { return sample_rate_; }
-    // Of the sample at that position.
+    // The rate of the sample at that position.
     int sample_rate_at(std::uint64_t position) const;
-    // Of the side's beginning.
+    // The rate at the beginning of the side.
     int first_sample_rate() const { return sample_rate_at(0); }
-    // The time of a position since the side's beginning, in seconds, without pauses.
+    // The time of a position since the beginning of the side, in seconds, without pauses.
     double seconds_at(std::uint64_t position) const;
     // How often the rate has changed.
     std::uint64_t rate_changes() const { return rate_changes_.size(); }
-    // The rate could not be found from the packets.
+    // Whether the rate could not be found from the packets.
     bool rate_assumed() const { return rate_assumed_; }
-    // The rate of the side's beginning, or the likeliest one while it is not known; above 0.
+    // The rate at the beginning of the side, or the likeliest one while it is unknown. Above 0.
     int likely_rate() const;
     // Samples passed on so far: audio and the silence of gaps.
     std::uint64_t position() const { return buffer_.position() - samples_behind(); }
     // The same, with pauses.
     std::uint64_t position_with_pauses() const { return pauses_.position(); }
     double seconds_with_pauses() const { return pauses_.position_s(sample_rate_); }
-    // The position of the sample that was due at that send time: the next one for a time after
-    // all packets that came, even if they are still held.
+    // The position of the sample that was due at that send time. For a time after all packets so
+    // far, it is the next position, including held packets.
     std::uint64_t position_at(std::int64_t send_time) const;
-    // What is done with the audio that comes next, or that is being passed on.
+    // The features that run on the audio that comes next or is being passed on.
     Running running() const { return running_; }
     std::uint64_t pauses() const { return pauses_.pauses(); }
     const ReorderBuffer::Stats& stats() const { return buffer_.stats(); }
     const LevelMeter& level() const { return level_; }
-    // Of audio that came, repeated audio included.
+    // Packets of audio, including repeated ones.
     std::uint64_t bytes() const { return bytes_; }
-    // The sample offset at which the side began: 0 unless the receiver joined the call late. Known
-    // with the side's first audio.
+    // The sample offset at which the side began. 0 unless the node joined the call late. Known with
+    // the side's first audio.
     std::uint64_t joined_at() const { return joined_at_; }
     // The sample offset of the audio that is passed on next.
     std::uint32_t expected_offset() const {
@@ -95,19 +95,20 @@ class CallSide : private OrderedOutput {
     }
 
   private:
-    // A change of what is done, at a position that audio has not come to.
+    // A change of features at a position that the audio has not reached.
     struct Change {
         std::uint64_t position;
         Running running;
     };
-    static constexpr std::size_t MOST_CHANGES = 64;  // That wait; forged ones must not pile up.
-    static constexpr std::size_t MOST_RATE_CHANGES = 50;  // Each may begin a file.
+    // Limits the changes that wait, because forged ones must not accumulate.
+    static constexpr std::size_t MOST_CHANGES = 64;
+    static constexpr std::size_t MOST_RATE_CHANGES = 50;  // Each change may create a file.
 
     void audio(const std::int16_t* samples, std::size_t count, std::int64_t send_time) override;
     void gap(const Gap& gap) override;
 
-    // Audio or a gap that waits until it is known whether there is a pause before it, or what
-    // its sample rate is.
+    // Audio or a gap that waits until it is known whether there is a pause before it, or what its
+    // sample rate is.
     struct Waiting {
         std::vector<std::int16_t> samples;
         std::int64_t send_time;
@@ -122,7 +123,7 @@ class CallSide : private OrderedOutput {
     void measure_rate(const media::Packet& packet);
     void set_rate(int rate);
     ReorderBuffer::Verdict put_in_order(const media::Packet& packet, Micros now);
-    // Samples that the buffer has delivered and that are not passed on yet.
+    // Samples that the buffer has delivered but that have not been passed on.
     std::uint64_t samples_behind() const { return held_samples_ + waiting_samples_; }
     RateChangeFinder::Finding look_for_rate_change(std::size_t count, std::int64_t send_time);
     void settle_rate();
@@ -150,24 +151,25 @@ class CallSide : private OrderedOutput {
     Running running_;
     std::vector<Change> changes_;  // By position.
     std::optional<std::uint8_t> leg_;
-    std::optional<SidePlace> left_at_;  // By an earlier call, which this one continues.
+    std::optional<SidePlace> left_at_;  // Set by an earlier call that this one continues.
     int sample_rate_ = 0;
     bool rate_assumed_ = false;
     std::vector<RateChange> rate_changes_;
     RateChangeFinder rate_change_finder_;
-    std::vector<Waiting> held_;  // While the rate is in doubt; before what is in waiting_.
+    // While the rate is in doubt. Comes before the contents of waiting_.
+    std::vector<Waiting> held_;
     std::uint64_t held_samples_ = 0;
     Micros held_since_{0};
     std::uint64_t bytes_ = 0;
     std::uint64_t joined_at_ = 0;
     bool joining_ = false;  // Until the first audio.
-    bool placed_ = false;   // The first audio has its place in time.
+    bool placed_ = false;   // Whether the first audio has its place in time.
     std::vector<Waiting> waiting_;
     std::uint64_t waiting_samples_ = 0;  // Audio and the silence of gaps.
     Micros waiting_since_{0};
-    double least_lag_s_ = 0;             // Of the audio that waits,
+    double least_lag_s_ = 0;             // Of the waiting audio,
     std::int64_t least_lag_time_ = 0;    // and the send time at which it was reached.
-    std::int64_t newest_send_time_ = 0;  // Of the packet sent last,
+    std::int64_t newest_send_time_ = 0;  // Of the packet that was sent last,
     std::uint32_t newest_end_ = 0;       // and the sample offset at its end.
 };
 

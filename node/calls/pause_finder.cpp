@@ -10,7 +10,7 @@ double PauseFinder::lag_s(std::int64_t send_time, std::int64_t axis_begin, int s
     if (sample_rate == 0) {
         return 0;
     }
-    // As floating point: forged times must not overflow.
+    // Computed as floating point, because forged times could overflow.
     const double on_axis =
         (static_cast<double>(send_time) - static_cast<double>(axis_begin)) / 1e6 - cut_s_;
     return on_axis - position_s(sample_rate) - static_cast<double>(ahead) / sample_rate;

@@ -12,27 +12,27 @@ namespace {
 
 constexpr std::uint32_t LARGEST_PACKET = media::MAX_AUDIO_SIZE / 2;
 
-// Packets of one frame are sent at once.
+// Packets of one frame are sent together.
 constexpr std::int64_t SHORTEST_FRAME_US = 5'000;
-// More is a pause.
+// A longer interval is a pause.
 constexpr std::int64_t LONGEST_FRAME_US = 250'000;
 
-// So many frames in a row show which length is the side's.
+// This many frames in a row determine the usual length.
 constexpr unsigned FRAMES_TO_LEARN = 5;
-// So many usual frames in a row end a doubt about the length, or the duration.
+// This many usual frames in a row end a doubt about the length or the duration.
 constexpr unsigned USUAL_LENGTHS = 2;
 constexpr unsigned USUAL_DURATIONS = 3;
-// So many odd durations in a row are a reason to doubt.
+// This many odd durations in a row cause a doubt.
 constexpr int ODD_DURATIONS = 3;
 constexpr double LONGER = 1.4;
 constexpr double SHORTER = 0.7;
 
-// A sender that catches up may look for a while as if its frames were shorter.
+// The frames of a sender that catches up may look shorter for some time.
 constexpr std::int64_t ENOUGH_DURATION_US = 3'000'000;
 constexpr std::int64_t LONGEST_DURATION_DOUBT_US = 4'000'000;
 constexpr std::int64_t PATIENCE_US = 30'000'000;
 
-// With less no rate is guessed at the end.
+// If less was measured, no rate is guessed at the end.
 constexpr Micros LEAST_MEASURED{200'000};
 
 // Forged times must not overflow.
@@ -68,7 +68,7 @@ RateChangeFinder::Finding RateChangeFinder::add(std::uint16_t sample_count, std:
     unfinished_ += sample_count;
     last_time_ = send_time;
     odd = is_too_long() || odd;
-    // A full packet may be a part of its frame, whose rest follows.
+    // A full packet may be the first part of a split frame.
     if (sample_count != LARGEST_PACKET) {
         odd = finish_frame() || odd;
     }
@@ -108,7 +108,7 @@ void RateChangeFinder::begin_frame(std::int64_t send_time, int rate) {
     patient_ = patient_ && time_between(send_time, patient_until_) > 0;
 }
 
-// Packets that a sender sends at once after it was held up say nothing.
+// Packets that a delayed sender sends together carry no information.
 void RateChangeFinder::count_duration(std::int64_t duration_us, int rate) {
     const double share = static_cast<double>(duration_us) * rate / 1e6 / frame_;
     const bool tells = duration_us >= SHORTEST_FRAME_US && duration_us <= LONGEST_FRAME_US;
@@ -122,7 +122,7 @@ void RateChangeFinder::count_duration(std::int64_t duration_us, int rate) {
     usual_durations_ = odd_durations_ == 0 ? usual_durations_ + 1 : 0;
 }
 
-// Returns whether the frame has a length that the side's frames do not have.
+// Returns whether the frame has a length that is not usual for the side.
 bool RateChangeFinder::finish_frame() {
     const std::uint32_t frame = std::exchange(unfinished_, 0);
     if (std::exchange(after_gap_, false)) {

@@ -43,7 +43,7 @@ std::string feature_text(media::features16_t features, const FeatureName& featur
     return name + ' ' + first + (!first.empty() && !second.empty() ? ", " : "") + second;
 }
 
-// A character, of those bytes, between quotation marks.
+// Returns the character of these bytes as it is shown between quotation marks.
 std::string shown_text(std::string_view bytes, char32_t code) {
     if (code == '"' || code == '\\') {
         return '\\' + std::string(bytes);
@@ -58,7 +58,7 @@ std::string shown_text(std::string_view bytes, char32_t code) {
     return out;
 }
 
-// Nothing for the system's.
+// Nullopt: the system's time.
 thread_local std::optional<Micros> reported_time;
 
 constexpr std::int64_t SECOND = 1'000'000;

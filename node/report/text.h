@@ -1,5 +1,5 @@
-// Words for what the receiver reports, beside those of tools/text.h. No state but the time of
-// report_as_of(), which each thread has of its own; any thread may call.
+// Words and times for what the node reports, in addition to tools/text.h. The only state is the
+// time of report_as_of(), which each thread has for itself; any thread may call these functions.
 #pragma once
 
 #include <optional>
@@ -26,32 +26,32 @@ std::string decibel_text(double level);
 // The same, or "silent" for digital silence.
 std::string level_text(double level);
 
-// Foreign text made safe for a terminal and for XML: in quotation marks, with a backslash before
-// quotation marks and backslashes. Bytes that are not UTF-8 or belong to characters that are not
-// printable become \xNN. A text of more than `columns` columns is cut and ends in "..."
+// Makes foreign text safe for a terminal and for XML: adds quotation marks, and puts a backslash
+// before quotation marks and backslashes. Bytes that are not UTF-8 or belong to unprintable
+// characters become \xNN. A text of more than `columns` columns is cut and ends in "...".
 std::string quoted_text(std::string_view text, std::size_t columns = 200);
 
 // "audio activity on originator, off terminator; recording on both", or "no features".
 std::string features_text(media::features16_t features);
 
-// From now on it is this time, since 1970, for the two functions below: while a capture is read,
-// the time of its packets. Without a time it is the system's again.
+// From now on, the functions below use this time, since 1970, as the present: the time of the
+// packets while a capture is read. Without a time they use the system's again.
 void report_as_of(std::optional<Micros> time);
 
-// "2026-01-31T23:59:59.123456Z", of now.
+// The present time, as "2026-01-31T23:59:59.123456Z".
 std::string utc_time();
 
-// Now, since 1970.
+// The present time since 1970.
 Micros wall_time();
 
-// "2026-01-31", "hh:mm:ss", "hh:mm:ss.t": local time of a moment since 1970, rounded down.
+// The local time of a moment since 1970, rounded down: "2026-01-31", "hh:mm:ss", "hh:mm:ss.t".
 std::string local_date(Micros time);
 std::string local_time(Micros time);
 std::string local_time_tenths(Micros time);
-// "UTC+01:00", of the local time then.
+// The time zone at that moment, as "UTC+01:00".
 std::string zone_text(Micros time);
 
-// "hh:mm:ss.mmm", local time, of now.
+// The present local time, as "hh:mm:ss.mmm".
 std::string time_of_day();
 
 }  // namespace qv::node

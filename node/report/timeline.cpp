@@ -13,7 +13,7 @@ namespace qv::node {
 
 namespace {
 
-// As floating point: the difference of forged send times could overflow.
+// Computed as floating point, because the difference of forged send times could overflow.
 double seconds_between(std::int64_t begin, std::int64_t end) {
     return (static_cast<double>(end) - static_cast<double>(begin)) / 1e6;
 }
@@ -25,7 +25,7 @@ void add_mark(Marks& marks, Mark mark) {
     }
 }
 
-// If the line is too long, the reference is cut, not what follows it.
+// If the line is too long, the reference is cut, but not the text behind it.
 std::string start_text(const StartFields& start, const std::string& end) {
     const std::string direction = start.outbound() ? "outbound, reference " : "inbound, reference ";
     const std::string rule =
@@ -66,7 +66,7 @@ std::string summary_of(const CallSide& side) {
     return text;
 }
 
-// Gathers what the picture of one call is drawn from.
+// Collects the data for the picture of one call.
 class TimelineOfCall : public CallListener {
   public:
     TimelineOfCall(Call& call, const Timeline::Save& save) : call_(call), save_(save) {}
@@ -160,10 +160,10 @@ class TimelineOfCall : public CallListener {
     }
 
   private:
-    // An event that is placed on the axis at the end, when the rates are known.
+    // An event that is placed on the axis at the end of the call, when the rates are known.
     struct RawEvent {
         std::int64_t send_time;
-        std::array<std::uint64_t, SIDE_COUNT> heads;  // How far the sides were, in samples.
+        std::array<std::uint64_t, SIDE_COUNT> heads;  // Positions of the sides, in samples.
         std::string label;
     };
 
@@ -176,7 +176,7 @@ class TimelineOfCall : public CallListener {
                                    std::move(label)});
     }
 
-    // The first packet tells what time it was.
+    // The first packet determines the wall clock time.
     void note_clock(std::int64_t send_time) {
         if (!clock_.has_value()) {
             clock_ = ClockMark{send_time, wall_time()};
@@ -186,14 +186,14 @@ class TimelineOfCall : public CallListener {
     void place_clock(std::int64_t axis_begin) {
         const double before =
             clock_.has_value() ? seconds_between(axis_begin, clock_->send_time) : 0;
-        // A forged send time is too far away from the others to be true.
+        // A forged send time is too far from the others to be true.
         if (clock_.has_value() && before < LONGEST_CLOCK_S) {
             data_.wall_begin = clock_->time - Micros(static_cast<std::int64_t>(before * 1e6));
         }
     }
 
-    // Where a position of the side lies in its outline, which has the pauses. The end of a
-    // stretch lies before a pause that begins there.
+    // Returns the place of a position in the outline, which includes the pauses. A stretch ends
+    // before a pause that begins at its end.
     std::uint64_t place_of(Side side, std::uint64_t position, bool is_end = false) const {
         std::uint64_t paused = 0;
         for (const Paused& pause : pauses_[index_of(side)]) {
@@ -226,8 +226,8 @@ class TimelineOfCall : public CallListener {
         }
     }
 
-    // So that all of a long call is drawn, stretches are joined that are too close to each other
-    // to be seen apart.
+    // Stretches that are too close to be distinguished are joined, so that a long call is drawn
+    // completely.
     void add_stretch(Side side, std::vector<TimelineData::Stretch>& stretches, std::uint64_t begin,
                      std::uint64_t end) {
         if (stretches.size() == TimelineData::MAX_MARKS) {
@@ -258,7 +258,7 @@ class TimelineOfCall : public CallListener {
         switch_stretch(side, trace(side).active, active_since_[index_of(side)], false, end);
     }
 
-    // The send time of the first packet, usually the start packet.
+    // Send time of the first packet, usually the start packet.
     std::int64_t axis_begin() const {
         std::int64_t begin =
             call_.first_audio_time().value_or(std::numeric_limits<std::int64_t>::max());
@@ -272,7 +272,7 @@ class TimelineOfCall : public CallListener {
         for (RawEvent& event : events_) {
             double at = seconds_between(axis_begin, event.send_time);
             for (std::size_t i = 0; i < SIDE_COUNT; ++i) {
-                // When the sender is faster than real time, its audio shows the time.
+                // If the sender is faster than real time, the audio is the only measure of time.
                 const double head = data_.audio_begin + data_.sides[i].seconds_at(event.heads[i]);
                 at = event.heads[i] != 0 && head > at + 1 ? head : at;
             }
@@ -280,7 +280,7 @@ class TimelineOfCall : public CallListener {
         }
     }
 
-    // Parts of the outline that can be told apart.
+    // Parts of the outline that can be distinguished.
     static constexpr std::uint64_t NARROW = 1000;
     static constexpr double LONGEST_CLOCK_S = 1e8;
 
@@ -289,7 +289,7 @@ class TimelineOfCall : public CallListener {
         Micros time;  // Since 1970.
     };
 
-    // What an analysis notices lies behind most of the pauses.
+    // Detections lie after all pauses except the latest ones, so it is enough to remember these.
     static constexpr std::size_t MOST_PAUSES = 64;
 
     struct Paused {
@@ -302,7 +302,7 @@ class TimelineOfCall : public CallListener {
     const Timeline::Save& save_;
     TimelineData data_;
     std::optional<ClockMark> clock_;
-    std::array<std::deque<Paused>, SIDE_COUNT> pauses_;  // The latest.
+    std::array<std::deque<Paused>, SIDE_COUNT> pauses_;  // The latest pauses.
     std::array<std::optional<std::uint64_t>, SIDE_COUNT> heard_since_;
     std::array<std::optional<std::uint64_t>, SIDE_COUNT> active_since_;
     std::vector<RawEvent> events_;

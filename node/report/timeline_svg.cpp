@@ -24,29 +24,30 @@ using Layer = SvgCanvas::Layer;
 constexpr double WIDTH = 1280;
 constexpr double LEFT = 24;
 constexpr double PLOT = WIDTH - 2 * LEFT;
-constexpr double LABELS_TOP = 90;  // The base of the first row of labels.
+constexpr double LABELS_TOP = 90;  // Baseline of the first row of labels.
 constexpr double LABEL_ROW = 17;
 constexpr std::size_t MOST_EVENT_ROWS = 12;
 constexpr std::size_t MOST_SAMPLE_ROWS = 6;
 constexpr double LANE = 130;
 constexpr double LANE_TITLE = 28;
-constexpr double BAND = 8;  // Of audio activity.
+constexpr double BAND = 8;  // Height of the band of audio activity.
 constexpr std::size_t COLUMNS = 1232;
-constexpr double QUIETEST_SCALE = 1000;      // An outline is not magnified beyond this peak.
+constexpr double QUIETEST_SCALE = 1000;      // Outlines are not magnified beyond this peak.
 constexpr int SILENCE_PEAK = 104;            // -50 dB.
 constexpr std::size_t SILENCE_COLUMNS = 12;  // Shorter silence is not marked.
-constexpr double LONGEST_CLOCK_S = 1e8;      // Forged send times make no wall clock.
-constexpr std::size_t MOST_HINTS = 10;       // Of labels that found no room.
+// Longer times are due to forged send times and get no wall clock.
+constexpr double LONGEST_CLOCK_S = 1e8;
+constexpr std::size_t MOST_HINTS = 10;  // Of labels that did not fit.
 
 constexpr std::array<const char*, SIDE_COUNT> LANE_COLOUR = {"#2563eb", "#0f766e"};
 constexpr Font TITLE_FONT = {18, "#0f172a", true};
 constexpr Font TEXT_FONT = {13, "#475569", false};
 constexpr Font SMALL_FONT = {12, "#475569", false};
 
-// Labels of moments, and how they look.
+// The labels of events, and how they look.
 struct LabelStyle {
     Font font;
-    const char* mark;  // Attributes of the mark that stands before the label.
+    const char* mark;  // Attributes of the mark before the label.
     const char* line;
 };
 constexpr LabelStyle EVENT_STYLE = {
@@ -78,7 +79,7 @@ std::string clock_text(double seconds, double step) {
     return tools::format("%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60, whole % 60);
 }
 
-// The distance of ticks, in seconds, that gives about ten of them.
+// Returns the distance of ticks, in seconds, that gives about ten ticks.
 double tick_step(double seconds) {
     for (const double step : {0.1, 0.2, 0.5, 1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0,
                               600.0, 900.0, 1800.0, 3600.0, 7200.0}) {
@@ -96,17 +97,17 @@ struct Moment {
     std::string hint;
 };
 
-// Moments whose labels have found their places, above or below each other.
+// Moments whose labels have their places in rows.
 struct PlacedLabels {
     struct Label {
         double x;
         std::size_t row;
         std::string words;
         std::string hint;
-        bool leftwards;  // From the moment.
+        bool leftwards;  // The label is to the left of the moment.
     };
     std::vector<Label> labels;
-    // All of them; those without a label of their own have the last row.
+    // All moments. Those without a label of their own have the last row.
     struct Place {
         double x;
         std::size_t row;
@@ -115,9 +116,10 @@ struct PlacedLabels {
     std::size_t rows = 0;
 };
 
-constexpr double MARK_ROOM = 6;  // Of the mark before a label, and of the space behind it.
+constexpr double MARK_ROOM = 6;  // Width of the mark before a label and of the space after it.
 
-// In the last row, of labels that found no room: "+3". Their hint lists the first of them.
+// The last row shows the number of labels that did not fit, as "+3". Its title lists the first of
+// them.
 void add_hidden(PlacedLabels& placed, const std::vector<Moment>& hidden, double font_size) {
     const double room = 2 * MARK_ROOM + text_width("+9,999", font_size);
     const std::size_t row = placed.rows;
@@ -142,8 +144,8 @@ void add_hidden(PlacedLabels& placed, const std::vector<Moment>& hidden, double 
     placed.rows += hidden.empty() ? 0 : 1;
 }
 
-// Each label stands behind its moment, or before it near the right edge, in the first row in
-// which there is room. A label that is longer than that is cut.
+// Each label follows its moment, or precedes it near the right edge, in the first row with enough
+// space. A label that is too long for every row is cut.
 PlacedLabels place_labels(const std::vector<Moment>& moments, std::size_t most_rows,
                           double font_size) {
     LabelRows rows(most_rows);
@@ -175,7 +177,7 @@ class Picture {
   public:
     explicit Picture(const TimelineData& data) : data_(data), seconds_(length()) { lay_out(); }
 
-    // All texts come first, because upright lines leave them out.
+    // The texts are placed first, because vertical lines leave them out.
     std::string draw() {
         draw_head();
         draw_labels(events_, LABELS_TOP, EVENT_STYLE);
@@ -204,12 +206,12 @@ class Picture {
     };
     using Columns = std::vector<Column>;
 
-    // Where a side is drawn: heights of the picture.
+    // Where a side is drawn: vertical positions in the picture.
     struct Lane {
         double title = 0;
         double top = 0;
-        double band = 0;    // Of audio activity; its top.
-        double labels = 0;  // The base of the first row.
+        double band = 0;    // Top of the band of audio activity.
+        double labels = 0;  // Baseline of the first row.
         double bottom = 0;
         bool has_band = false;
         PlacedLabels samples;
@@ -226,7 +228,7 @@ class Picture {
         return longest;
     }
 
-    // The place of a sample on the axis.
+    // Returns the place of a sample on the axis.
     double at(const TimelineData::SideTrace& side, std::uint64_t sample) const {
         return data_.audio_begin + side.seconds_at(sample);
     }
@@ -251,7 +253,7 @@ class Picture {
         axis_ = top;
     }
 
-    // Returns where it ends.
+    // Returns the vertical position of its end.
     double lay_out_lane(Side which, double top) {
         const TimelineData::SideTrace& side = trace(which);
         std::vector<Moment> moments;
@@ -327,8 +329,8 @@ class Picture {
         canvas_.text(LEFT + 92, base, trace(which).summary, SMALL_FONT);
     }
 
-    // Calls `visit` with each place of the axis that gets a figure, in seconds, and the distance
-    // of these places.
+    // Calls `visit` with each place of the axis that gets a number, in seconds, and the distance of
+    // these places.
     template <typename Visit>
     void for_each_tick(Visit visit) const {
         const double step = tick_step(seconds_);
@@ -352,7 +354,7 @@ class Picture {
         canvas_.line(Layer::GRID, LEFT, axis_, WIDTH - LEFT, axis_, "stroke=\"#64748b\"");
     }
 
-    // Figures for which there is no room are left out.
+    // Numbers that do not fit are left out.
     void draw_figure(double tick, double base, const std::string& words, const Font& font,
                      LabelRows& row) {
         const double width = text_width(words, font.size);
@@ -401,7 +403,7 @@ class Picture {
         return LEFT + PLOT * static_cast<double>(column) / static_cast<double>(COLUMNS);
     }
 
-    // The peak of both sides, so that their heights can be compared.
+    // The peak of both sides together, so that their heights can be compared.
     double scale() const {
         double peak = QUIETEST_SCALE;
         for (const TimelineData::SideTrace& side : data_.sides) {
@@ -461,7 +463,7 @@ class Picture {
                 continue;
             }
             const double left = column_x(c) + 0.5;
-            // At least a hair line, so that silence differs from no audio.
+            // At least a hairline, so that silence differs from missing audio.
             const double high = std::min(middle - 0.4, middle - columns[c].highest * factor);
             const double low = std::max(middle + 0.4, middle - columns[c].lowest * factor);
             path += "M" + svg_number(left) + ' ' + svg_number(high) + 'V' + svg_number(low);
@@ -474,7 +476,7 @@ class Picture {
         canvas_.path(Layer::AUDIO, core, "stroke=\"" + colour + "\"");
     }
 
-    // Marks that fall on the same place are drawn once.
+    // Marks at the same place are drawn once.
     void draw_stretches(Layer layer, const TimelineData::SideTrace& side,
                         const std::vector<TimelineData::Stretch>& stretches, double top,
                         double height, const std::string& style, const std::string& what) {
@@ -495,7 +497,7 @@ class Picture {
         }
     }
 
-    // A small triangle over each gap: a narrow band would be overlooked.
+    // A small triangle above each gap, because a narrow band would be overlooked.
     void draw_gap_flags(const TimelineData::SideTrace& side, double top) {
         double last = -100;
         for (const TimelineData::Stretch& gap : side.gaps) {
@@ -523,7 +525,7 @@ class Picture {
         }
     }
 
-    // What the marks mean, only of those that may be there. Returns where it ends.
+    // Draws the legend, only of marks that may occur. Returns the vertical position of its end.
     double draw_legend() {
         struct Entry {
             const char* style;
