@@ -68,7 +68,7 @@ class MediaBugs {
     // Removes the bugs whose callback is unmapped, without CLOSE; returns their number. The
     // caller holds the lock from pause().
     std::size_t drop_unmapped()
-        QV_NO_THREAD_SAFETY_ANALYSIS;  // The caller keeps what pause() gave.
+        QV_NO_THREAD_SAFETY_ANALYSIS;  // It cannot follow the lock that pause() returns.
 
   private:
     using Bug = std::unique_ptr<switch_media_bug>;

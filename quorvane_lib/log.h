@@ -102,8 +102,8 @@ class Logger {
         __atomic_store_n(&m_instance.level, level, __ATOMIC_RELAXED);
     }
 
-    // Installs a sink, before other threads log. Installing the present sink again changes
-    // nothing, so that threads may be logging through it.
+    // Installs a sink. No other thread may be logging, unless the sink is installed already: then
+    // nothing changes.
     static void install(LoggerImpl::Write write, LoggerImpl::Release release, void* context);
 };
 

@@ -1,5 +1,4 @@
-// What outputs learn of calls: the one interface between calls and all that is made of
-// them - files, lines, events, pictures, counters.
+// The interface through which outputs follow calls: files, lines, events, pictures, counters.
 //
 // To add an output:
 //   1. Derive a class from CallListener and override the functions that it needs.
