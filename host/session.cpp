@@ -272,7 +272,6 @@ void Session::start_stream(Direction direction, std::unique_ptr<FrameSource> sou
     playing.thread->add(playing.stream);
 }
 
-// The caller holds plan_lock_.
 void Session::stop_stream(Direction direction) {
     Playing& playing = playing_[static_cast<std::size_t>(direction)];
     if (playing.stream) {
