@@ -6,7 +6,7 @@ meta:
 doc: |
   One UDP datagram of the media transfer protocol: a start, data, control or
   terminate packet. A switch sends them to a media node and expects no answer.
-  protocol.md beside this file tells what a receiver does with them.
+  protocol.md beside this file describes what a receiver does with them.
 
   A datagram that a receiver must refuse does not parse.
 doc-ref: protocol.md
@@ -55,7 +55,7 @@ seq:
     valid:
       min: 1
       max: 0
-    doc: Nothing follows the packet; no byte has a value that is allowed here.
+    doc: Nothing follows the packet: no value of a byte is valid here.
 types:
   start_body:
     seq:
@@ -81,7 +81,7 @@ types:
         valid:
           min: 1
           max: 1294
-        doc: Length of the call reference, its zero byte counted.
+        doc: Length of the call reference, including its zero byte.
       - id: call_reference
         size: call_reference_length - 1
         doc: In practice UTF-8, but any bytes are allowed.
@@ -129,7 +129,7 @@ types:
         doc: To which sides a feature applies.
       - id: active
         type: u1
-        doc: On which sides it runs; has meaning only where supported.
+        doc: On which sides it runs; valid only where supported.
     instances:
       audio_activity_originator:
         value: (supported & active & 0x04) != 0

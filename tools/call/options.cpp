@@ -406,7 +406,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     add_event_options(app, options);
     add_pace_options(app, options);
     add_output_options(app, options);
-    app.footer(std::string(EXAMPLES) + "\n" + fault_text() + "\n" + EXIT_CODES);
+    app.footer(fault_text() + "\n" + EXIT_CODES + "\n" + EXAMPLES);
     try {
         app.parse(argc, argv);
         complete(app, options);
