@@ -111,7 +111,8 @@ def judge_memory(steady, ended, bounds):
         hidden = bounds.wavers_by_kib * 1024 / max(ended, 1)
         print(f"              the switch's own memory wavers: {hidden:.0f} bytes for each of"
               f" {ended} calls that ended could hide in it;\n"
-              "              only the registry and the matched starts and ends speak for the module")
+              "              only the registry and the matched starts and ends speak for"
+              " the module")
     return fine
 
 
