@@ -3,14 +3,18 @@
 #include <CLI/CLI.hpp>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <sstream>
 
 #include "tools/address.h"
+#include "tools/help_formatter.h"
 #include "tools/version.h"
 
 namespace qv::node {
 
 namespace {
+
+constexpr std::size_t HELP_COLUMN = 34;
 
 Micros micros_of(double seconds) {
     return std::chrono::duration_cast<Micros>(std::chrono::duration<double>(seconds));
@@ -27,7 +31,13 @@ CLI::Validator number_between(double least, double most, const std::string& unit
                 }
                 return "'" + text + "' is no number of " + unit + " from " + bounds;
             },
-            bounds};
+            ""};
+}
+
+// Bounds that the help does not show; the message about a wrong value names them.
+template <typename Number>
+CLI::Validator between(Number least, Number most) {
+    return CLI::Range(least, most).description("");
 }
 
 CLI::Validator seconds_between(double least, double most) {
@@ -61,45 +71,48 @@ CLI::Option* add_networks(CLI::App& app, const std::string& name, std::vector<to
 }
 
 void add_output_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("Input and files");
     app.add_option("-l,--listen", options.listen_text,
-                   "UDP address and port; port 0 takes a free one and prints it")
+                   "UDP address and port to receive on; port 0 takes a free port and prints it")
         ->check(tools::check_address)
         ->type_name("ADDRESS:PORT")
         ->capture_default_str();
     app.add_option("-r,--read", options.read,
-                   "Read a network capture, pcap or pcapng, in place of listening; - reads the "
-                   "standard input; with --listen takes only datagrams to that address and port")
+                   "Read a network capture (pcap or pcapng) instead of listening; - reads the "
+                   "standard input; with --listen, take only datagrams to that address and port")
         ->type_name("FILE");
-    app.add_option("-o,--output", options.folder, "Folder of the WAV files, made if it is missing")
+    app.add_option("-o,--output", options.folder,
+                   "Folder of the files; it is made if it is missing")
         ->check([](const std::string& text) {
             return text.empty() ? "a folder needs a name" : std::string();
         })
         ->type_name("FOLDER")
         ->capture_default_str();
     app.add_flag("--overwrite", options.overwrite,
-                 "Replace files of earlier runs (else the new ones get a number)");
+                 "Replace existing files (default: new files get a number)");
     app.add_flag("--stereo", options.stereo,
-                 "Also one file of both sides: originator left, terminator right");
+                 "Also write a file of both sides: originator left, terminator right");
     app.add_option_function<std::string>(
            "--stereo-rates",
            [&options](const std::string& text) { options.resample = text == "resample"; },
-           "Sides of different sample rates, and those whose rate changes, in that file: resample "
-           "one of them, or split them into files of their own")
-        ->check(CLI::IsMember({"resample", "split"}))
+           "What to do in that file with sides of different sample rates: resample one of them, or "
+           "split them into files of their own")
+        ->check(CLI::IsMember({"resample", "split"}).description(""))
         ->type_name("HOW")
         ->default_str("resample");
-    app.add_flag("--no-sides", options.no_sides, "No file for each side");
+    app.add_flag("--no-sides", options.no_sides, "Write no file per side");
     app.add_flag("--keep-pauses", options.keep_pauses,
-                 "Keep the sender's pauses in the files of one side, as the stereo file does");
-    app.add_flag("-q,--quiet", options.quiet, "No line for each packet and call");
+                 "Keep pauses in the files of one side, as in the stereo file");
+    app.add_flag("-q,--quiet", options.quiet, "Print no lines about packets and calls");
 }
 
 void add_sender_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("Senders");
     add_networks(app, "--allow", options.allowed,
-                 "Take packets only from senders in this network, as in 192.0.2.0/24; may be "
-                 "repeated");
-    app.add_flag("--any-source", options.limits.any_source,
-                 "Take a call's packets from any address, not only from the one that began it");
+                 "Accept packets only from this network, such as 192.0.2.0/24; may be repeated");
+    app.add_flag(
+        "--any-source", options.limits.any_source,
+        "Accept a call's packets from any address, not only from the one that began the call");
 }
 
 // Returns the words of a text, separated by blanks.
@@ -109,77 +122,84 @@ std::vector<std::string> words_of(const std::string& text) {
 }
 
 void add_end_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("After a call");
     app.add_option_function<std::string>(
            "--on-end", [&options](const std::string& text) { options.on_end = words_of(text); },
-           "Run this after each call, with the call's files as further arguments; without a "
-           "shell: blanks separate its words, and quotes mean nothing")
+           "Run this command after each call, with the call's files as further arguments. There is "
+           "no shell: blanks separate its words, and quotes have no meaning")
         ->check([](const std::string& text) {
             return words_of(text).empty() ? "a command needs a name" : std::string();
         })
         ->type_name("COMMAND");
     app.add_option("--on-end-running", options.on_end_running,
-                   "So many of these commands at once; the calls after them wait")
-        ->check(CLI::Range(1, 1000))
+                   "Most of these commands at once; further calls wait")
+        ->check(between(1, 1000))
         ->type_name("N")
         ->capture_default_str();
 }
 
 void add_report_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("Reports");
     app.add_option("--events", options.events,
-                   "Append events as JSON lines to FILE; - writes them to the standard output, "
-                   "and all else to the standard error")
+                   "Append events to FILE as JSON lines; - writes them to the standard output, and "
+                   "all lines to the standard error")
         ->type_name("FILE");
-    app.add_flag("--packets", options.every_packet, "Data packets are events, too");
+    app.add_flag("--packets", options.every_packet, "Also write an event per data packet");
     CLI::Option* reports =
         app.add_flag("--reports", options.reports,
                      "Send start, activity, sample and end events to the report node of the call");
-    add_networks(app, "--report-to", options.reported_to,
-                 "Send reports only to this network, as in 192.0.2.0/24; may be repeated (else "
-                 "only to this machine, 127.0.0.0/8)")
+    add_networks(
+        app, "--report-to", options.reported_to,
+        "Send reports only to this network, such as 192.0.2.0/24; may be repeated (default: "
+        "127.0.0.0/8, this machine)")
         ->needs(reports);
-    app.add_flag("--live", options.live, "Show the calls on the terminal (lines if it is none)");
-    app.add_flag("--timeline", options.timeline,
-                 "Draw each call: an SVG file beside its WAV files");
+    app.add_flag("--live", options.live,
+                 "Show all calls on one screen (prints lines if the output is not a terminal)");
+    app.add_flag("--timeline", options.timeline, "Draw an SVG file per call");
     app.add_option_function<std::string>(
            "--metrics",
            [&options](const std::string& text) {
                options.metrics = tools::parse_address(text);  // The check has passed.
            },
-           "Serve Prometheus metrics there; a port alone is of 127.0.0.1; 0 takes a free one")
+           "Serve Prometheus metrics at this address; a port alone belongs to 127.0.0.1; port 0 "
+           "takes a free port")
         ->check(tools::check_address)
         ->type_name("ADDRESS:PORT");
 }
 
 void add_exit_options(CLI::App& app, Options& options) {
-    app.add_option("--calls", options.calls, "End after N calls have ended; 0 never")
-        ->check(CLI::Range(0, 1'000'000'000))
+    app.option_defaults()->group("End of the program");
+    app.add_option("--calls", options.calls, "End after N calls have ended; 0 means never")
+        ->check(between(0, 1'000'000'000))
         ->type_name("N");
     app.add_option("--idle-exit", options.idle_exit_s,
-                   "End after so long without any packet, the wait for the first one included")
+                   "End after this time without a packet, also before the first one")
         ->check(seconds_between(0, 1'000'000))
         ->type_name("SECONDS");
 }
 
 void add_audio_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("Audio");
     CallLimits& limits = options.limits;
     app.add_option("--rate,--sample-rate", limits.sample_rate,
-                   "Sample rate of all calls (else told from sample offset against send time)")
-        ->check(CLI::Range(1000, 384000))
+                   "Sample rate of all calls (default: derived from the packets)")
+        ->check(between(1000, 384000))
         ->type_name("HZ");
     app.add_option("--max-reorder", limits.reorder.packets,
-                   "Packets a side that wait for an earlier one")
-        ->check(CLI::Range(0, 1000))
+                   "Packets per side that wait for an earlier one")
+        ->check(between(0, 1000))
         ->type_name("N")
         ->capture_default_str();
-    add_span(app, "--reorder-wait", limits.reorder.wait, "How long they wait",
+    add_span(app, "--reorder-wait", limits.reorder.wait, "How long packets wait for an earlier one",
              seconds_between(0, 10));
-    app.add_option("--max-silence", limits.max_silence_s, "Longest silence for one gap")
+    app.add_option("--max-silence", limits.max_silence_s, "Longest silence in place of one gap")
         ->check(seconds_between(0, 3600))
         ->type_name("SECONDS")
         ->capture_default_str();
 }
 
 void add_analysis_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("Analysis");
     using Recording = Services::Recording;
     static const std::map<std::string, Recording> recordings = {
         {"all", Recording::ALL}, {"requested", Recording::REQUESTED}, {"none", Recording::NONE}};
@@ -188,66 +208,72 @@ void add_analysis_options(CLI::App& app, Options& options) {
            [&options](const std::string& text) {
                options.limits.services.recording = recordings.at(text);
            },
-           "Which sides are recorded: all, requested by the call, or none")
-        ->check(CLI::IsMember(recordings))
+           "Sides to record: all, requested (by the call), or none")
+        ->check(CLI::IsMember(recordings).description(""))
         ->type_name("SIDES")
         ->default_str("all");
     app.add_option("--samples", options.samples,
-                   "Recognise the WAV files of this folder where sample detection is on")
+                   "Recognise the WAV files of this folder where sample detection runs")
         ->check([](const std::string& text) {
             return text.empty() ? "a folder needs a name" : std::string();
         })
         ->type_name("FOLDER");
     analysis::ActivityOptions& activity = options.activity;
-    app.add_option("--activity-level", activity.level_db, "Quieter sound is no audio activity")
+    app.add_option("--activity-level", activity.level_db,
+                   "Sound below this level is not audio activity")
         ->check(number_between(-90, 0, "dB"))
         ->type_name("DB")
         ->capture_default_str();
     app.add_option("--activity-hang-over", activity.hang_over_ms,
-                   "Pauses up to this long belong to the activity around them")
-        ->check(CLI::Range(0, 10'000))
+                   "Pauses up to this length belong to the activity around them")
+        ->check(between(0, 10'000))
         ->type_name("MS")
         ->capture_default_str();
     app.add_option("--activity-minimum", activity.minimum_ms, "Shorter activity is not reported")
-        ->check(CLI::Range(0, 10'000))
+        ->check(between(0, 10'000))
         ->type_name("MS")
         ->capture_default_str();
 }
 
 void add_limit_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("Limits");
     CallLimits& limits = options.limits;
-    app.add_option("--max-calls", limits.max_calls, "Calls at once; packets of others are dropped")
-        ->check(CLI::Range(1, 10'000'000))
+    app.add_option("--max-calls", limits.max_calls,
+                   "Most calls at once; packets of further calls are dropped")
+        ->check(between(1, 10'000'000))
         ->type_name("N")
         ->capture_default_str();
-    add_span(app, "--call-timeout", limits.idle, "End a call after so long without a packet",
+    add_span(app, "--call-timeout", limits.idle, "End a call after this time without a packet",
              seconds_between(0.1, 86400));
-    add_span(app, "--max-call-age", limits.max_age, "End a call that is older",
+    add_span(app, "--max-call-age", limits.max_age,
+             "End a call that is older; later packets start a continuation",
              seconds_between(0.1, 7 * 86400));
-    add_span(app, "--linger", limits.linger, "Wait for late packets after a terminate packet",
-             seconds_between(0, 60));
+    add_span(app, "--linger", limits.linger,
+             "How long to wait for late packets after a terminate packet", seconds_between(0, 60));
     app.add_option("--max-open-files", options.max_open_files,
-                   "Files open at once; others are closed and opened again (default: what the "
+                   "Most files open at once; others are closed and opened again (default: what the "
                    "system allows)")
-        ->check(CLI::Range(1, 1'000'000))
+        ->check(between(1, 1'000'000))
         ->type_name("N");
-    app.add_option("--max-files", options.max_files,
-                   "Files of one run; calls with which there could be more are not written; 0 "
-                   "for no limit")
-        ->check(CLI::Range(0, 1'000'000'000))
+    app.add_option(
+           "--max-files", options.max_files,
+           "Most files of one run; calls that could exceed it are not written; 0 means no limit")
+        ->check(between(0, 1'000'000'000))
         ->type_name("N")
         ->capture_default_str();
-    app.add_option("--block", options.block_kib, "Audio gathered before it is written, a side")
-        ->check(CLI::Range(1, 4096))
+    app.add_option("--block", options.block_kib,
+                   "Audio per side that is gathered before it is written")
+        ->check(between(1, 4096))
         ->type_name("KIB")
         ->capture_default_str();
-    app.add_option("--sync", options.sync_s,
-                   "Have what was written brought to the disk so often; 0 when the system likes")
+    app.add_option(
+           "--sync", options.sync_s,
+           "Write the folder's file system to the disk at this interval; 0 leaves it to the system")
         ->check(seconds_between(0, 86400))
         ->type_name("SECONDS")
         ->capture_default_str();
     app.add_option("--receive-buffer", options.receive_buffer_mib, "Receive buffer of the socket")
-        ->check(CLI::Range(1, 1024))
+        ->check(between(1, 1024))
         ->type_name("MIB")
         ->capture_default_str();
 }
@@ -256,13 +282,18 @@ void add_limit_options(CLI::App& app, Options& options) {
 
 std::optional<int> parse_options(int argc, char** argv, Options& options) {
     CLI::App app(
-        "Receives the audio of calls from mod_quorvane and writes it as WAV files, one a side.\n"
+        "Receives the audio of calls from mod_quorvane and writes it as WAV files, one per side.\n"
         "SIGINT and SIGTERM end it with all files complete; SIGHUP opens the events file again.",
         "quorvane-node");
     app.set_version_flag("--version", tools::version_text("quorvane-node"));
+    app.formatter(std::make_shared<tools::HelpFormatter>(HELP_COLUMN));
     app.footer(
-        "Exit codes: 0 fine; 1 a file could not be written, or --idle-exit came before --calls;\n"
-        "2 wrong command line; 3 the port, the folder or the events file cannot be used.");
+        "Exit codes:\n"
+        "  0  success\n"
+        "  1  a file or an event could not be written, a command after a call failed, a capture\n"
+        "     was damaged, or --idle-exit came before --calls\n"
+        "  2  the command line is wrong\n"
+        "  3  the port, the folder or the events file cannot be used");
     add_output_options(app, options);
     add_sender_options(app, options);
     add_report_options(app, options);

@@ -176,11 +176,9 @@ TEST_F(NodeOptionsTest, HelpTellsDefaultsAndExitCodes) {
     EXPECT_EQ(parse({"--version"}), EXIT_FINE);
     EXPECT_EQ(parse({"--help"}), EXIT_FINE);
     EXPECT_NE(help_.find("--listen ADDRESS:PORT=127.0.0.1:40000"), std::string::npos);
-    EXPECT_NE(help_.find("Exit codes: 0 fine; 1 a file could not be written"), std::string::npos);
-    EXPECT_NE(
-        help_.find(
-            "2 wrong command line; 3 the port, the folder or the events file cannot be used."),
-        std::string::npos);
+    for (const char* code : {"\n  0  ", "\n  1  ", "\n  2  ", "\n  3  "}) {
+        EXPECT_NE(help_.find(code), std::string::npos) << code;
+    }
 }
 
 }  // namespace
