@@ -45,8 +45,7 @@ def samples(path):
 UUID_END = 0x37  # The last byte of UUID.
 DOCUMENT = (pathlib.Path(__file__).resolve().parents[2] / "docs" / "node.md").read_text()
 PACKET_FIELDS = {"magic", "packet_type", "protocol_version", "leg_word", "send_time"}
-LISTED_SIDE = set(re.findall(r"`(\w+)`", DOCUMENT.split("for each side that came:")[1]
-                             .split("|")[0]))
+LISTED_SIDE = set(re.findall(r"`(\w+)`", re.search(r"under `sides`[^:|]*:([^|]*)", DOCUMENT)[1]))
 
 
 def listed_event_fields():
