@@ -285,7 +285,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     notices_->reports_not_allowed(figures.reports);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
     if (metrics_ != nullptr) {
-        metrics_->update(figures);
+        metrics_->update(figures, analyser_->figures());
     }
 }
 

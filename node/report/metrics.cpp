@@ -6,6 +6,7 @@
 #include <prometheus/registry.h>
 
 #include "node/report/process_metrics.h"
+#include "node/report/text.h"
 #include "tools/address.h"
 
 namespace qv::node {
@@ -17,6 +18,8 @@ using prometheus::Gauge;
 
 constexpr std::array<const char*, 4> TYPE_NAMES = {"start", "terminate", "data", "control"};
 
+constexpr std::array<const char*, 3> RUNNING_NAMES = {"audio_activity", "sample_detection",
+                                                      "recording"};
 constexpr std::array<const char*, 3> REPORT_RESULTS = {"sent", "failed", "not_allowed"};
 
 constexpr const char* label_of(media::DecodeResult result) {
@@ -83,7 +86,22 @@ class Metrics::Impl {
           file_errors(counter("file_errors_total", "Files that could not be written")),
           calls(gauge("calls", "Calls now")),
           open_files(gauge("open_files", "WAV files open now")),
-          receive_buffer(gauge("receive_buffer_bytes", "Room that the system granted")) {
+          receive_buffer(gauge("receive_buffer_bytes", "Room that the system granted")),
+          sample_references(gauge("sample_references", "Samples that are looked for")),
+          onsets(counter("activity_onsets_total", "Beginnings of audio activity")),
+          not_analysed(counter("analysis_skipped_samples_total",
+                               "Samples of audio that the analysis left out")),
+          found(prometheus::BuildCounter()
+                    .Name("quorvane_node_samples_found_total")
+                    .Help("Recognised samples by their name")
+                    .Register(*registry)) {
+        for (std::size_t i = 0; i < running.size(); ++i) {
+            running[i] = &prometheus::BuildGauge()
+                              .Name("quorvane_node_running_sides")
+                              .Help("Call sides now on which this runs")
+                              .Register(*registry)
+                              .Add({{"feature", RUNNING_NAMES[i]}});
+        }
         for (std::size_t i = 0; i < packets.size(); ++i) {
             packets[i] = &labelled("packets_total", "Packets of each type", "type", TYPE_NAMES[i]);
         }
@@ -156,6 +174,11 @@ class Metrics::Impl {
     Gauge& calls;
     Gauge& open_files;
     Gauge& receive_buffer;
+    Gauge& sample_references;
+    Counter& onsets;
+    Counter& not_analysed;
+    prometheus::Family<Counter>& found;
+    std::array<Gauge*, RUNNING_NAMES.size()> running{};
     std::array<Counter*, 4> packets{};
     std::array<Counter*, REPORT_RESULTS.size()> reports{};
     std::array<Counter*, DROP_COUNT> dropped{};
@@ -170,7 +193,8 @@ std::uint16_t Metrics::port() const {
     return static_cast<std::uint16_t>(impl_->exposer.GetListeningPorts().at(0));
 }
 
-void Metrics::update(const NodeFigures& figures) {
+void Metrics::update(const NodeFigures& figures, const Analyser::Figures& analysis) {
+    update(analysis);
     const Totals& totals = figures.totals;
     set(impl_->received, figures.received);
     set(impl_->overflowed, figures.overflowed);
@@ -202,6 +226,18 @@ void Metrics::update(const NodeFigures& figures) {
     }
     for (std::size_t i = 1; i < figures.malformed.size(); ++i) {
         set(*impl_->malformed[i], figures.malformed[i]);
+    }
+}
+
+void Metrics::update(const Analyser::Figures& analysis) {
+    impl_->running[0]->Set(static_cast<double>(analysis.activity_sides));
+    impl_->running[1]->Set(static_cast<double>(analysis.detection_sides));
+    impl_->running[2]->Set(static_cast<double>(analysis.recorded_sides));
+    impl_->sample_references.Set(static_cast<double>(analysis.samples));
+    set(impl_->onsets, analysis.onsets);
+    set(impl_->not_analysed, analysis.skipped);
+    for (const auto& [name, count] : analysis.found) {
+        set(impl_->found.Add({{"sample", utf8_text(name)}}), count);
     }
 }
 

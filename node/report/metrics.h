@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "node/analysis/analyser.h"
 #include "node/report/figures.h"
 
 namespace qv::node {
@@ -22,9 +23,11 @@ class Metrics {
     ~Metrics();
 
     std::uint16_t port() const;
-    void update(const NodeFigures& figures);
+    void update(const NodeFigures& figures, const Analyser::Figures& analysis);
 
   private:
+    void update(const Analyser::Figures& analysis);
+
     class Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -107,6 +107,17 @@ std::string quoted_text(std::string_view text, std::size_t columns) {
     return out + '"';
 }
 
+std::string utf8_text(std::string_view text) {
+    std::string out;
+    while (!text.empty()) {
+        const tools::Character next = tools::first_character(text);
+        const bool is_broken = next.code == 0 && text[0] != 0;
+        out += is_broken ? "\uFFFD" : std::string(text.substr(0, next.size));
+        text.remove_prefix(next.size);
+    }
+    return out;
+}
+
 std::string features_text(media::features16_t features) {
     std::string out;
     for (const FeatureName& feature : FEATURE_NAMES) {

@@ -31,6 +31,9 @@ std::string level_text(double level);
 // characters become \xNN. A text of more than `columns` columns is cut and ends in "...".
 std::string quoted_text(std::string_view text, std::size_t columns = 200);
 
+// Returns the text with U+FFFD in place of each byte that is not UTF-8.
+std::string utf8_text(std::string_view text);
+
 // "audio activity on originator, off terminator; recording on both", or "no features".
 std::string features_text(media::features16_t features);
 

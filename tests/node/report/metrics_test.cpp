@@ -57,7 +57,7 @@ class MetricsTest : public testing::Test {
         figures.receive_buffer = receive_buffer_;
         figures.calls_not_written = calls_not_written_;
         figures.reports = reports_;
-        metrics_.update(figures);
+        metrics_.update(figures, analysis_);
     }
     // Search the text that was requested last, or request it now.
     bool shows(const std::string& line) {
@@ -78,6 +78,7 @@ class MetricsTest : public testing::Test {
     int receive_buffer_ = 0;
     std::uint64_t calls_not_written_ = 0;
     ReportFigures reports_;
+    Analyser::Figures analysis_;
     std::string told_;
 };
 
@@ -211,6 +212,27 @@ TEST_F(MetricsTest, ReportsAreCountedByWhatBecameOfThem) {
     EXPECT_TRUE(shows("quorvane_node_reports_total{result=\"sent\"} 5"));
     EXPECT_TRUE(shows("quorvane_node_reports_total{result=\"failed\"} 2"));
     EXPECT_TRUE(shows("quorvane_node_reports_total{result=\"not_allowed\"} 1"));
+}
+
+TEST_F(MetricsTest, AnalysisIsCountedBySampleAndFeature) {
+    analysis_.activity_sides = 3;
+    analysis_.detection_sides = 2;
+    analysis_.recorded_sides = 4;
+    analysis_.samples = 500;
+    analysis_.onsets = 7;
+    analysis_.skipped = 160;
+    analysis_.found = {{"greeting", 5}, {"(others)", 1}, {"a\xff\"\n", 2}};
+    update();
+    update();
+    EXPECT_TRUE(shows("quorvane_node_running_sides{feature=\"audio_activity\"} 3"));
+    EXPECT_TRUE(shows("quorvane_node_running_sides{feature=\"sample_detection\"} 2"));
+    EXPECT_TRUE(shows("quorvane_node_running_sides{feature=\"recording\"} 4"));
+    EXPECT_TRUE(shows("quorvane_node_sample_references 500"));
+    EXPECT_TRUE(shows("quorvane_node_activity_onsets_total 7"));
+    EXPECT_TRUE(shows("quorvane_node_analysis_skipped_samples_total 160"));
+    EXPECT_TRUE(shows("quorvane_node_samples_found_total{sample=\"greeting\"} 5"));
+    EXPECT_TRUE(shows("quorvane_node_samples_found_total{sample=\"(others)\"} 1"));
+    EXPECT_TRUE(shows("quorvane_node_samples_found_total{sample=\"a\uFFFD\\\"\\n\"} 2"));
 }
 
 }  // namespace
