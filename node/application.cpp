@@ -157,7 +157,10 @@ void Application::tick() {
     const Micros now = steady_now();
     calls_->tick(now);
     outputs_.update(figures(now), now);
-    if (enough_calls()) {
+    if (outputs_.quit()) {
+        outputs_.lines().say("asked to end", "by a key");
+        loop_.stop();
+    } else if (enough_calls()) {
         loop_.stop();
     } else if (idle_too_long(now)) {
         outputs_.lines().say("idle for " + duration_text(options_.idle_exit_s), "");

@@ -259,6 +259,8 @@ void Outputs::begin(const NodeFigures& figures) {
     if (live_) {
         lines_.hold();
         terminal_.enter();
+        live_view_.use_keys(terminal_.has_keys());
+        live_view_.use_colour(Terminal::has_colour());
     }
 }
 
@@ -271,9 +273,8 @@ void Outputs::update(NodeFigures figures, Micros now) {
     analyser_->update();
     lines_.flush();
     flush_events();
-    if (live_ && now - last_frame_ >= FRAME) {
-        last_frame_ = now;
-        terminal_.show(live_view_.frame(figures, now, Terminal::size()));
+    if (live_) {
+        show_live(figures, now);
     }
     if (now - last_second_ < SECOND) {
         return;
@@ -286,6 +287,18 @@ void Outputs::update(NodeFigures figures, Micros now) {
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
     if (metrics_ != nullptr) {
         metrics_->update(figures, analyser_->figures());
+    }
+}
+
+// A key is answered at once.
+void Outputs::show_live(const NodeFigures& figures, Micros now) {
+    const std::vector<Key> pressed = keys_.read(terminal_.read_keys());
+    for (const Key& key : pressed) {
+        live_view_.press(key);
+    }
+    if (!pressed.empty() || now - last_frame_ >= FRAME) {
+        last_frame_ = now;
+        terminal_.show(live_view_.frame(figures, now, Terminal::size()));
     }
 }
 

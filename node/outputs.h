@@ -58,6 +58,8 @@ class Outputs {
     // of the outputs.
     void update(NodeFigures figures, Micros now);
     // Reopens and rereads what SIGHUP is for, and reports the results.
+    // A key of the live view asked for the end of the program.
+    bool quit() const { return live_view_.quit(); }
     void reload();
     // Add to it whatever is read at the start and again by reload().
     ReloadList& reloads() { return reloads_; }
@@ -77,6 +79,7 @@ class Outputs {
     void build();
     FileNames::Options file_name_options() const;
     FileReport save_timeline(const std::string& name, const std::string& svg);
+    void show_live(const NodeFigures& figures, Micros now);
     void flush_events();
     void report_sync();
     void finish_commands();
@@ -87,6 +90,7 @@ class Outputs {
     Terminal terminal_;
     LineReport lines_;
     LiveView live_view_;
+    KeyReader keys_;
     WavFolder folder_;
     std::vector<LeftoverFile> leftovers_;  // Files of killed runs.
     std::unique_ptr<DiskSync> disk_sync_;  // Null unless requested.

@@ -2,11 +2,17 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cmath>
+#include <deque>
+#include <iterator>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "node/calls/call.h"
 #include "node/report/text.h"
+#include "tools/format.h"
 #include "tools/utf8.h"
 
 namespace qv::node {
@@ -15,6 +21,8 @@ namespace {
 
 constexpr std::size_t HEAD_LINES = 5;
 constexpr double METER_BOTTOM = -60;
+constexpr std::ptrdiff_t FAR = 1'000'000'000;  // Beyond all calls.
+constexpr std::size_t LONGEST_FILTER = 40;
 
 std::string left(std::string text, std::size_t width) {
     text.append(width - std::min(width, tools::columns_of(text)), ' ');
@@ -53,6 +61,24 @@ std::string level_cell(double level, std::size_t cells) {
     return level_meter(level, cells) + right(figure, 7);
 }
 
+std::uint64_t lost_of(const Call& call) {
+    return call.side(Side::ORIGINATOR).stats().lost() + call.side(Side::TERMINATOR).stats().lost();
+}
+
+// How badly a call needs to be looked at; 0 for not at all.
+int trouble_of(const Call& call) {
+    if (!call.failed_files().empty()) {
+        return 4;
+    }
+    if (lost_of(call) != 0) {
+        return 3;
+    }
+    if (!call.start().has_value()) {
+        return 2;
+    }
+    return call.foreign_packets() != 0 ? 1 : 0;
+}
+
 std::string state_of(const Call& call) {
     if (!call.failed_files().empty()) {
         return "file error";
@@ -60,7 +86,32 @@ std::string state_of(const Call& call) {
     if (call.ending()) {
         return "ending";
     }
-    return call.start().has_value() ? "" : "no start";
+    return call.foreign_packets() != 0 ? "strangers" : "";
+}
+
+// The features of both sides, which nobody knows before the start packet.
+std::string features_cell(const Call& call) {
+    return call.start().has_value() ? feature_letters(call.features(), Side::ORIGINATOR) + ' ' +
+                                          feature_letters(call.features(), Side::TERMINATOR) + ' '
+                                    : "no start";
+}
+
+bool contains_ignoring_case(const std::string& text, const std::string& part) {
+    const auto same = [](char one, char two) {
+        return std::tolower(static_cast<unsigned char>(one)) ==
+               std::tolower(static_cast<unsigned char>(two));
+    };
+    return std::search(text.begin(), text.end(), part.begin(), part.end(), same) != text.end();
+}
+
+bool matches(const Call& call, const std::string& filter) {
+    const std::array<std::string, 5> texts = {
+        uuid_text(call.uuid()), address_text(call.source()), state_of(call),
+        call.start().has_value() ? call.start()->call_reference : "no start",
+        lost_of(call) != 0 ? "lost" : ""};
+    return std::any_of(texts.begin(), texts.end(), [&](const std::string& text) {
+        return contains_ignoring_case(text, filter);
+    });
 }
 
 std::string heading(const Columns& columns) {
@@ -73,23 +124,33 @@ std::string heading(const Columns& columns) {
     return columns.reference ? left(text, ALL_COLUMNS + SOURCE + 2) + "reference" : text;
 }
 
-std::string row(const Call& call, const std::array<double, SIDE_COUNT>& levels, Micros now,
-                const Columns& columns) {
-    std::uint64_t lost = 0;
+// What stands in the row of a call, beside what the call itself says.
+struct Heard {
+    std::array<double, SIDE_COUNT> levels{};
+    std::array<bool, SIDE_COUNT> active{};
+    std::string sample;  // The latest one that was recognised.
+};
+
+const char* activity_mark(bool active) {
+    return active ? "\u25cf" : " ";
+}
+
+std::string row(const Call& call, const Heard& heard, Micros now, const Columns& columns) {
     std::uint64_t packets = 0;
     for (const Side side : BOTH_SIDES) {
-        lost += call.side(side).stats().lost();
         packets += call.side(side).stats().packets;
     }
     std::string text = tools::truncate_to_columns(uuid_text(call.uuid()), columns.uuid) +
                        right(duration_text(seconds_of(now - call.first_seen())), 12) + "  " +
-                       feature_letters(call.features(), Side::ORIGINATOR) + ' ' +
-                       feature_letters(call.features(), Side::TERMINATOR) + "  " +
-                       level_cell(levels[0], columns.cells) + "  " +
-                       level_cell(levels[1], columns.cells);
+                       features_cell(call) + activity_mark(heard.active[0]) +
+                       level_cell(heard.levels[0], columns.cells) + ' ' +
+                       activity_mark(heard.active[1]) + level_cell(heard.levels[1], columns.cells);
     text += columns.packets ? right(grouped(packets), 10) : "";
-    text += right(grouped(lost), 7);
-    const std::string state = state_of(call);
+    text += right(grouped(lost_of(call)), 7);
+    std::string state = state_of(call);
+    if (state.empty() && !heard.sample.empty()) {
+        state = columns.source ? quoted_text(heard.sample, 9) : quoted_text(heard.sample);
+    }
     text += state.empty() ? "" : "  " + state;
     text = columns.source ? left(text, ALL_COLUMNS + 2) + address_text(call.source()) : text;
     return columns.reference && call.start().has_value()
@@ -97,13 +158,29 @@ std::string row(const Call& call, const std::array<double, SIDE_COUNT>& levels, 
                : text;
 }
 
-// Returns the lines that fit the screen. The rest of each screen line is cleared.
-std::string joined(const std::vector<std::string>& lines, ScreenSize size) {
-    std::string text;
-    for (std::size_t i = 0; i < lines.size() && i < size.rows; ++i) {
-        text +=
-            (i == 0 ? "" : "\r\n") + tools::truncate_to_columns(lines[i], size.columns) + "\x1b[K";
+void append_count(std::string& text, std::uint64_t count, const char* what) {
+    if (count != 0) {
+        text += ", " + grouped(count) + ' ' + what;
     }
+}
+
+std::string side_counts(const CallSide& side) {
+    const ReorderBuffer::Stats& stats = side.stats();
+    std::string text = "  " + counted(stats.packets, "packet") + ", " + grouped(stats.lost()) +
+                       " lost in " + counted(stats.gaps, "gap");
+    append_count(text, stats.reordered, "reordered");
+    append_count(text, stats.duplicates, "duplicated");
+    append_count(text, stats.late, "too late");
+    append_count(text, stats.implausible, "implausible");
+    append_count(text, side.pauses(), "pauses of the sender");
+    return text;
+}
+
+std::string running_words(Running running) {
+    std::string text;
+    text += running.activity ? ", audio activity" : "";
+    text += running.detection ? ", sample detection" : "";
+    text += running.recording ? ", recording" : "";
     return text;
 }
 
@@ -149,7 +226,7 @@ std::string level_meter(double level_db, std::size_t cells) {
     return text;
 }
 
-// A call on the screen, and its levels since the last frame.
+// A call on the screen, and what was heard in it.
 class LiveView::LiveCall : public CallListener {
   public:
     LiveCall(LiveView& view, const Call& call) : view_(view), call_(call) {
@@ -161,58 +238,262 @@ class LiveView::LiveCall : public CallListener {
         levels_[index_of(side)].add(audio.samples, audio.count);
     }
 
+    void activity(const Call& /*call*/, Side side, const Activity& activity) override {
+        active_[index_of(side)] = activity.active;
+    }
+
+    void running_changed(const Call& call, Side side, std::uint64_t /*position*/) override {
+        active_[index_of(side)] = active_[index_of(side)] && call.side(side).running().activity;
+    }
+
+    void sample_found(const Call& call, Side side, const FoundSample& sample) override {
+        const double place = static_cast<double>(sample.position) / call.side(side).likely_rate();
+        samples_.push_back({side, place, sample.name});
+        if (samples_.size() > MOST_SAMPLES) {
+            samples_.pop_front();
+        }
+    }
+
     void file_failed(const Call& /*call*/, const FileReport& file) override {
         view_.last_file_error_ = file.path + ": " + file.error;
     }
 
     const Call& call() const { return call_; }
+
     std::string take_row(Micros now, const Columns& columns) {
-        return row(call_, {levels_[0].take_recent_db(), levels_[1].take_recent_db()}, now, columns);
+        return row(call_, take_heard(), now, columns);
+    }
+
+    // Everything about the call, in lines.
+    std::vector<std::string> take_whole(Micros now) {
+        std::vector<std::string> lines = {"call " + uuid_text(call_.uuid()) + "  " +
+                                          state_of(call_)};
+        add_start(lines, now);
+        const Heard heard = take_heard();
+        for (const Side side : BOTH_SIDES) {
+            add_side(lines, side, heard);
+        }
+        for (const Sample& sample : samples_) {
+            lines.push_back("sample " + quoted_text(sample.name) + " on " + name_of(sample.side) +
+                            tools::format(" at %.3f s", sample.seconds));
+        }
+        for (const FileReport& file : call_.failed_files()) {
+            lines.push_back("file error: " + file.path + ": " + file.error);
+        }
+        return lines;
     }
 
   private:
+    struct Sample {
+        Side side;
+        double seconds;
+        std::string name;
+    };
+    static constexpr std::size_t MOST_SAMPLES = 20;
+
+    Heard take_heard() {
+        return {{levels_[0].take_recent_db(), levels_[1].take_recent_db()},
+                active_,
+                samples_.empty() ? std::string() : samples_.back().name};
+    }
+
+    void add_start(std::vector<std::string>& lines, Micros now) const {
+        lines.push_back("from " + address_text(call_.source()) + ", age " +
+                        duration_text(seconds_of(now - call_.first_seen())) + ", " +
+                        counted(call_.control_packets(), "control packet") + ", " +
+                        counted(call_.foreign_packets(), "packet") + " of strangers");
+        if (!call_.start().has_value()) {
+            lines.emplace_back("no start: the start packet has not come");
+            return;
+        }
+        const StartFields& start = *call_.start();
+        lines.push_back(std::string(start.outbound() ? "outbound" : "inbound") +
+                        (start.rule_id_given() ? ", rule " + std::to_string(start.rule_id) : "") +
+                        (start.report_node.empty() ? "" : ", report node " + start.report_node));
+        lines.push_back("reference " + quoted_text(start.call_reference));
+        lines.push_back(features_text(call_.features()));
+    }
+
+    void add_side(std::vector<std::string>& lines, Side which, const Heard& heard) const {
+        const CallSide& side = call_.side(which);
+        lines.emplace_back();
+        if (!side.begun()) {
+            lines.push_back(std::string(name_of(which)) + ": no audio");
+            return;
+        }
+        lines.push_back(std::string(name_of(which)) + ": leg " +
+                        std::to_string(side.leg().value_or(0)) + ", " +
+                        (side.sample_rate() != 0 ? std::to_string(side.sample_rate()) + " Hz"
+                                                 : std::string("rate not known yet")) +
+                        ", " + duration_text(seconds_of(side.position(), side.likely_rate())) +
+                        running_words(side.running()));
+        lines.push_back("  " + level_cell(heard.levels[index_of(which)], 30) +
+                        (heard.active[index_of(which)] ? "  \u25cf active" : ""));
+        lines.push_back(side_counts(side));
+    }
+
     LiveView& view_;
     const Call& call_;
     std::array<LevelMeter, SIDE_COUNT> levels_;
+    std::array<bool, SIDE_COUNT> active_{};
+    std::deque<Sample> samples_;  // The latest.
 };
 
 std::unique_ptr<CallListener> LiveView::begin_call(Call& call) {
     return std::make_unique<LiveCall>(*this, call);
 }
 
-std::vector<LiveView::LiveCall*> LiveView::oldest_first() const {
-    std::vector<LiveCall*> all(calls_.begin(), calls_.end());
-    std::sort(all.begin(), all.end(), [](const LiveCall* one, const LiveCall* two) {
-        return one->call().first_seen() != two->call().first_seen()
-                   ? one->call().first_seen() < two->call().first_seen()
-                   : one->call().uuid() < two->call().uuid();
+// Those that match the filter.
+std::vector<LiveView::LiveCall*> LiveView::sorted() const {
+    std::vector<LiveCall*> all;
+    std::copy_if(calls_.begin(), calls_.end(), std::back_inserter(all), [this](LiveCall* call) {
+        return filter_.empty() || matches(call->call(), filter_);
+    });
+    const auto rank = [this](const Call& call) {
+        const bool by_age = order_ == Order::AGE;
+        return std::make_tuple(order_ == Order::TROUBLE ? -trouble_of(call) : 0,
+                               by_age ? 0 : -static_cast<std::int64_t>(lost_of(call)),
+                               call.first_seen(), call.uuid());
+    };
+    std::sort(all.begin(), all.end(), [&](const LiveCall* one, const LiveCall* two) {
+        return rank(one->call()) < rank(two->call());
     });
     return all;
 }
 
 std::string LiveView::frame(const NodeFigures& figures, Micros now, ScreenSize size) {
-    std::vector<std::string> lines = head(figures, now);
-    const Columns columns = columns_for(size.columns);
-    lines.push_back(heading(columns));
-
-    const std::vector<LiveCall*> all = oldest_first();
-    const std::size_t foot_lines = last_file_error_.empty() ? 2 : 3;
-    const std::size_t room =
-        size.rows > HEAD_LINES + foot_lines ? size.rows - HEAD_LINES - foot_lines : 0;
-    const std::size_t count = std::min(room, all.size());
-    for (std::size_t i = 0; i < count; ++i) {
-        lines.push_back(all[i]->take_row(now, columns));
+    Lines lines = head(figures, now);
+    LiveCall* const whole = whole_ ? selected_call() : nullptr;
+    whole_ = whole != nullptr;
+    if (whole_) {
+        add_call(lines, *whole, now, size);
+    } else {
+        add_list(lines, now, size);
     }
-    lines.push_back(count < all.size() ? "and " + counted(all.size() - count, "more call")
-                                       : std::string());
-    if (!last_file_error_.empty()) {
-        lines.push_back("file error: " + last_file_error_);
-    }
-    lines.emplace_back("features: A audio activity, D detection, R recording; small: off");
     return joined(lines, size);
 }
 
-std::vector<std::string> LiveView::head(const NodeFigures& figures, Micros now) {
+void LiveView::add_list(Lines& lines, Micros now, ScreenSize size) {
+    const Columns columns = columns_for(size.columns);
+    lines.push_back({heading(columns)});
+    const std::vector<LiveCall*> all = sorted();
+    const std::size_t foot_lines = last_file_error_.empty() ? 2 : 3;
+    const std::size_t taken = HEAD_LINES + foot_lines;
+    const std::size_t room = size.rows > taken ? size.rows - taken : 0;
+    room_ = std::max<std::size_t>(room, 1);
+    select(all);
+    const std::size_t end = std::min(top_ + room, all.size());
+    for (std::size_t i = top_; i < end; ++i) {
+        lines.push_back({all[i]->take_row(now, columns), style_of(*all[i])});
+    }
+    lines.push_back({place_text(top_, end, all.size())});
+    if (!last_file_error_.empty()) {
+        lines.push_back({"file error: " + last_file_error_});
+    }
+    lines.push_back({"features: A audio activity, D detection, R recording; small: off" +
+                     std::string(keys_ ? "; \u25cf active" : "")});
+}
+
+// Finds the selected call among those of the list, moves on by what the keys said, and scrolls
+// so that it is seen.
+void LiveView::select(const std::vector<LiveCall*>& all) {
+    const std::ptrdiff_t moved = std::exchange(moved_, 0);
+    if (all.empty() || (!selected_.has_value() && moved == 0)) {
+        top_ = 0;
+        return;
+    }
+    const auto found = std::find_if(all.begin(), all.end(), [this](const LiveCall* call) {
+        return selected_.has_value() && call->call().uuid() == *selected_;
+    });
+    const std::ptrdiff_t before = selected_.has_value() ? 0 : -1;
+    const std::ptrdiff_t at =
+        found != all.end() ? found - all.begin() : static_cast<std::ptrdiff_t>(selected_row_);
+    selected_row_ = static_cast<std::size_t>(std::clamp(
+        at + before + moved, std::ptrdiff_t{0}, static_cast<std::ptrdiff_t>(all.size()) - 1));
+    selected_ = all[selected_row_]->call().uuid();
+    top_ =
+        std::clamp(top_, selected_row_ + 1 > room_ ? selected_row_ + 1 - room_ : 0, selected_row_);
+    top_ = std::min(top_, all.size() > room_ ? all.size() - room_ : 0);
+}
+
+LiveView::LiveCall* LiveView::selected_call() const {
+    const auto found = std::find_if(calls_.begin(), calls_.end(), [this](const LiveCall* call) {
+        return selected_.has_value() && call->call().uuid() == *selected_;
+    });
+    return found != calls_.end() ? *found : nullptr;
+}
+
+void LiveView::add_call(Lines& lines, LiveCall& call, Micros now, ScreenSize size) {
+    const std::vector<std::string> whole = call.take_whole(now);
+    const std::size_t room = size.rows > lines.size() ? size.rows - lines.size() : 0;
+    room_ = std::max<std::size_t>(room, 1);
+    const std::ptrdiff_t last = std::max<std::ptrdiff_t>(
+        0, static_cast<std::ptrdiff_t>(whole.size()) - static_cast<std::ptrdiff_t>(room));
+    whole_top_ = static_cast<std::size_t>(
+        std::clamp(static_cast<std::ptrdiff_t>(whole_top_) + std::exchange(moved_, 0),
+                   std::ptrdiff_t{0}, last));
+    for (std::size_t i = whole_top_; i < whole.size() && i < whole_top_ + room; ++i) {
+        lines.push_back({whole[i], i == 0 ? style_of(call) : ""});
+    }
+}
+
+std::string LiveView::place_text(std::size_t first, std::size_t end, std::size_t matching) const {
+    if (!keys_) {
+        return end < matching ? "and " + counted(matching - end, "more call") : std::string();
+    }
+    const std::string of = grouped(matching) + (filter_.empty() ? "" : " that match the filter");
+    return end == first ? counted(matching, "call") + (filter_.empty() ? "" : " match the filter")
+                        : "calls " + grouped(first + 1) + " to " + grouped(end) + " of " + of;
+}
+
+// Reverse for the selected call; else red, yellow and faint, by what there is to look at.
+const char* LiveView::style_of(const LiveCall& call) const {
+    if (selected_.has_value() && call.call().uuid() == *selected_ && !whole_) {
+        return "\x1b[7m";
+    }
+    if (!colour_) {
+        return "";
+    }
+    switch (trouble_of(call.call())) {
+        case 0:
+            return call.call().ending() ? "\x1b[2m" : "";
+        case 4:
+            return "\x1b[31m";
+        default:
+            return "\x1b[33m";
+    }
+}
+
+// The lines that fit the screen. The rest of each screen line is cleared.
+std::string LiveView::joined(const Lines& lines, ScreenSize size) {
+    std::string text;
+    for (std::size_t i = 0; i < lines.size() && i < size.rows; ++i) {
+        const std::string line = tools::truncate_to_columns(lines[i].text, size.columns);
+        const std::string style = lines[i].style;
+        text += (i == 0 ? "" : "\r\n") + style + line + (style.empty() ? "" : "\x1b[0m") + "\x1b[K";
+    }
+    return text;
+}
+
+std::string LiveView::key_line() const {
+    if (typing_) {
+        return "filter: " + filter_ + "_   Enter keeps it, Escape drops it";
+    }
+    if (!keys_) {
+        return {};
+    }
+    if (whole_) {
+        return "Escape: all calls   arrows: scroll   q: quit";
+    }
+    const char* const order = order_ == Order::TROUBLE ? "trouble"
+                              : order_ == Order::LOSS  ? "loss"
+                                                       : "age";
+    return std::string("by ") + order +
+           "; t trouble, l loss, a age   arrows, Enter: one call   / filter   q quit" +
+           (filter_.empty() ? "" : "   filter: " + filter_);
+}
+
+LiveView::Lines LiveView::head(const NodeFigures& figures, Micros now) {
     const double span = seconds_of(now - last_time_);
     const auto rate = span > 0 ? static_cast<double>(figures.received - last_received_) / span : 0;
     last_received_ = figures.received;
@@ -221,15 +502,122 @@ std::vector<std::string> LiveView::head(const NodeFigures& figures, Micros now) 
     const Totals& totals = figures.totals;
     const std::uint64_t late = totals.dropped_for(Drop::LATE);
     const std::uint64_t lost = totals.lost_packets > late ? totals.lost_packets - late : 0;
-    return {"quorvane-node on " + figures.address + ", up " +
-                duration_text(seconds_of(figures.uptime)) + "   (ends with Ctrl-C)",
-            counted(calls_.size(), "call") + " now, " + grouped(totals.calls_ended) + " ended, " +
-                grouped(static_cast<std::uint64_t>(rate)) + " packets/s, " +
-                counted(figures.received, "packet"),
-            grouped(lost) + " lost, " + grouped(sum_of_drops(totals)) + " not used, " +
-                grouped(figures.all_malformed()) + " malformed, " + grouped(figures.overflowed) +
-                " lost in the socket, " + counted(totals.file_errors, "file error"),
-            ""};
+    return {{"quorvane-node on " + figures.address + ", up " +
+             duration_text(seconds_of(figures.uptime)) + "   (ends with Ctrl-C)"},
+            {counted(calls_.size(), "call") + " now, " + grouped(totals.calls_ended) + " ended, " +
+             grouped(static_cast<std::uint64_t>(rate)) + " packets/s, " +
+             counted(figures.received, "packet")},
+            {grouped(lost) + " lost, " + grouped(sum_of_drops(totals)) + " not used, " +
+             grouped(figures.all_malformed()) + " malformed, " + grouped(figures.overflowed) +
+             " lost in the socket, " + counted(totals.file_errors, "file error")},
+            {key_line()}};
+}
+
+void LiveView::press(const Key& key) {
+    if (typing_) {
+        press_in_filter(key);
+        return;
+    }
+    switch (key.kind) {
+        case Key::Kind::UP:
+            move(-1);
+            break;
+        case Key::Kind::DOWN:
+            move(1);
+            break;
+        case Key::Kind::PAGE_UP:
+            move(-static_cast<std::ptrdiff_t>(room_));
+            break;
+        case Key::Kind::PAGE_DOWN:
+            move(static_cast<std::ptrdiff_t>(room_));
+            break;
+        case Key::Kind::HOME:
+            move(-FAR);
+            break;
+        case Key::Kind::END:
+            move(FAR);
+            break;
+        case Key::Kind::ENTER:
+            show_whole();
+            break;
+        case Key::Kind::ESCAPE:
+        case Key::Kind::BACKSPACE:
+            step_back();
+            break;
+        case Key::Kind::CHARACTER:
+            press_letter(key.character);
+            break;
+    }
+}
+
+void LiveView::move(std::ptrdiff_t rows) {
+    moved_ = std::clamp(moved_ + rows, -FAR, FAR);
+}
+
+// The selected call, or the first one.
+void LiveView::show_whole() {
+    if (!selected_.has_value()) {
+        moved_ = 1;
+        select(sorted());
+    }
+    whole_ = selected_.has_value();
+    whole_top_ = 0;
+}
+
+// From one call to all; from there to no filter; from there to no selected call.
+void LiveView::step_back() {
+    moved_ = 0;
+    if (std::exchange(whole_, false)) {
+        return;
+    }
+    if (filter_.empty()) {
+        selected_.reset();
+    }
+    filter_.clear();
+}
+
+void LiveView::press_letter(char letter) {
+    switch (letter) {
+        case 'q':
+            quit_ = true;
+            break;
+        case 't':
+            order_ = Order::TROUBLE;
+            break;
+        case 'l':
+            order_ = Order::LOSS;
+            break;
+        case 'a':
+            order_ = Order::AGE;
+            break;
+        case '/':
+            typing_ = !whole_;
+            break;
+        case 'j':
+            move(1);
+            break;
+        case 'k':
+            move(-1);
+            break;
+        case ' ':
+            move(static_cast<std::ptrdiff_t>(room_));
+            break;
+        default:
+            break;
+    }
+}
+
+void LiveView::press_in_filter(const Key& key) {
+    if (key.kind == Key::Kind::CHARACTER && filter_.size() < LONGEST_FILTER) {
+        filter_ += key.character;
+    } else if (key.kind == Key::Kind::BACKSPACE && !filter_.empty()) {
+        filter_.pop_back();
+    } else if (key.kind == Key::Kind::ENTER) {
+        typing_ = false;
+    } else if (key.kind == Key::Kind::ESCAPE) {
+        typing_ = false;
+        filter_.clear();
+    }
 }
 
 }  // namespace qv::node

@@ -1,5 +1,7 @@
 // The terminal on the standard output while the live view owns it. Uses the alternate screen, so
-// that the previous contents remain. Belongs to one thread.
+// that the previous contents remain, and reads keys without echo if the standard input is the same
+// terminal. However the program ends, short of SIGKILL, the terminal is as it was before. Belongs
+// to one thread; there is only one.
 #pragma once
 
 #include <ostream>
@@ -13,18 +15,30 @@ class Terminal {
   public:
     // Writes to `out`, which must outlive the terminal.
     explicit Terminal(std::ostream& out) : out_(out) {}
+    ~Terminal() { leave(); }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
 
     // Whether the standard output is a terminal.
     static bool present();
     // The size of the terminal; the usual size if the terminal does not report one.
     static ScreenSize size();
+    // Whether the terminal shows colours, and the user wants them: TERM and NO_COLOR.
+    static bool has_colour();
 
     void enter();
     void show(const std::string& frame);
     void leave();
 
+    // Whether keys can be read; known after enter().
+    bool has_keys() const { return has_keys_; }
+    // Returns what the keys that were pressed since the last time have sent. Does not wait.
+    std::string read_keys();
+
   private:
     std::ostream& out_;
+    bool entered_ = false;
+    bool has_keys_ = false;
 };
 
 }  // namespace qv::node

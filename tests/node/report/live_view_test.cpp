@@ -17,7 +17,7 @@ class LiveViewTest : public qv::tests::NodeCallTest {
     LiveViewTest() {
         figures_.address = "127.0.0.1:40000";
         figures_.uptime = 65s;
-        watch({&view_});
+        watch({&view_, &catcher_});
     }
 
     std::string text(std::size_t columns, std::size_t rows) {
@@ -46,7 +46,47 @@ class LiveViewTest : public qv::tests::NodeCallTest {
         }));
     }
 
+    // Letters, and U D P N H E for up, down, page up and down, home and end, R for Enter, X for
+    // Escape, B for Backspace.
+    void press(const std::string& keys) {
+        for (const char key : keys) {
+            const std::size_t kind = std::string("?UDPNHERXB").find(key);
+            view_.press(kind == std::string::npos ? Key{Key::Kind::CHARACTER, key}
+                                                  : Key{static_cast<Key::Kind>(kind)});
+        }
+    }
+    void begin_calls(unsigned char count) {
+        for (unsigned char call = 0; call < count; ++call) {
+            send_start_of_call(call);
+            now_ += 1s;
+        }
+    }
+    // The age of the call in that row, in seconds.
+    static std::string age(const std::string& row) {
+        const std::size_t end = row.find(" s  ");
+        const std::size_t begin = row.rfind(' ', end - 1);
+        return row.substr(begin + 1, end - begin - 1);
+    }
+    // The row of the selected call, without the sequences around it.
+    std::string selected() {
+        for (const std::string& line : frame()) {
+            if (line.rfind("\x1b[7m", 0) == 0) {
+                return line.substr(4, line.rfind("\x1b[0m") - 4);
+            }
+        }
+        return {};
+    }
+
+    struct Catcher : CallListener {
+        std::unique_ptr<CallListener> begin_call(Call& begun) override {
+            call = &begun;
+            return nullptr;
+        }
+        Call* call = nullptr;
+    };
+
     LiveView view_;
+    Catcher catcher_;
     NodeFigures figures_;
 };
 
@@ -99,7 +139,7 @@ TEST_F(LiveViewTest, LevelIsThatSinceTheLastFrame) {
 
 TEST_F(LiveViewTest, StateOfACallIsReported) {
     send_data(1, 0);
-    EXPECT_EQ(frame()[5].substr(frame()[5].size() - 11), " 0  no start");
+    EXPECT_EQ(frame()[5].substr(0, 30), "3b9f6a52       0.0 s  no start");
     send("call_1_start");
     send("call_7_terminate");
     EXPECT_EQ(frame()[5].substr(frame()[5].size() - 8), "  ending");
@@ -216,6 +256,173 @@ TEST_F(LiveViewTest, MeterFillsWithTheLevel) {
     EXPECT_EQ(level_meter(-60, 4), "\u00b7\u00b7\u00b7\u00b7");
     EXPECT_EQ(level_meter(-30, 4), "\u2588\u2588\u00b7\u00b7");
     EXPECT_EQ(level_meter(0, 4), "\u2588\u2588\u2588\u2588");
+}
+
+TEST_F(LiveViewTest, KeysReachEveryCall) {
+    view_.use_keys(true);
+    begin_calls(59);
+    Lines lines = frame(80, 24);
+    EXPECT_EQ(age(lines[5]), "59.0");
+    EXPECT_EQ(lines[22], "calls 1 to 17 of 59");
+    press("N");
+    EXPECT_EQ(age(selected()), "43.0");  // The 17th.
+    press("N");
+    EXPECT_EQ(age(selected()), "26.0");
+    EXPECT_EQ(frame()[22], "calls 18 to 34 of 59");
+    press("NN");
+    EXPECT_EQ(age(selected()), "1.0");
+    EXPECT_EQ(frame()[22], "calls 43 to 59 of 59");
+    press("P");
+    EXPECT_EQ(age(selected()), "18.0");
+    press("H");
+    EXPECT_EQ(age(selected()), "59.0");
+    EXPECT_EQ(frame()[22], "calls 1 to 17 of 59");
+    press("DDU");
+    EXPECT_EQ(age(selected()), "58.0");
+    press("E");
+    EXPECT_EQ(age(selected()), "1.0");
+    press("HX");
+    EXPECT_EQ(selected(), "");
+}
+
+TEST_F(LiveViewTest, CallsWithTroubleComeFirst) {
+    view_.use_keys(true);
+    send_start_of_call(1);
+    now_ += 1s;
+    send_data(1, 0);  // Without a start packet.
+    now_ += 1s;
+    EXPECT_EQ(age(frame()[5]), "1.0");
+    press("a");
+    EXPECT_EQ(age(frame()[5]), "2.0");
+    press("t");
+    EXPECT_EQ(age(frame()[5]), "1.0");
+    press("l");
+    EXPECT_EQ(age(frame()[5]), "2.0");
+    send_data(5, 32);
+    pass(300ms);
+    EXPECT_EQ(age(frame()[5]), "1.3");
+    EXPECT_EQ(frame()[3].substr(0, 8), "by loss;");
+}
+
+TEST_F(LiveViewTest, SelectedCallStaysSelectedWhenTheOrderChanges) {
+    view_.use_keys(true);
+    begin_calls(30);
+    press("DDD");
+    EXPECT_EQ(age(selected()), "28.0");
+    send_data(1, 0);  // A call without a start packet takes the first place.
+    EXPECT_EQ(age(selected()), "28.0");
+    qv::tests::Bytes end = qv::tests::golden("call_7_terminate");
+    end[31] = 2;
+    send(end);
+    pass(1s);
+    EXPECT_EQ(age(selected()), "28.0");  // The next one, a second later.
+}
+
+TEST_F(LiveViewTest, FilterLeavesOutWhatDoesNotMatch) {
+    view_.use_keys(true);
+    begin_calls(30);
+    send_data(1, 0);
+    press("/NO s");  // N is a page down elsewhere.
+    view_.press(Key{Key::Kind::CHARACTER, 't'});
+    EXPECT_EQ(frame()[3].substr(0, 13), "filter: O st_");
+    press("BBBB");
+    for (const char letter : std::string("no START")) {
+        view_.press(Key{Key::Kind::CHARACTER, letter});
+    }
+    press("R");
+    EXPECT_EQ(frame()[22 - 16], "calls 1 to 1 of 1 that match the filter");
+    press("X");
+    EXPECT_EQ(frame()[22], "calls 1 to 17 of 31");
+    press("/");
+    for (const char letter : std::string("nothing")) {
+        view_.press(Key{Key::Kind::CHARACTER, letter});
+    }
+    EXPECT_EQ(frame()[5], "0 calls match the filter");
+    press("X");
+    EXPECT_EQ(frame()[22], "calls 1 to 17 of 31");
+    EXPECT_FALSE(view_.quit());
+}
+
+TEST_F(LiveViewTest, OneCallIsShownWhole) {
+    view_.use_keys(true);
+    CallLimits limits;
+    limits.sample_rate = 8000;
+    watch({&view_, &catcher_}, limits);
+    send("call_1_start");
+    send("call_2_read");
+    catcher_.call->report_activity(Side::ORIGINATOR, {true, 0, 8});
+    catcher_.call->report_sample(Side::ORIGINATOR, {"gre\x1b[2Jeting", 4000, 8, 0.5});
+    press("R");
+    const Lines lines = frame();
+    EXPECT_EQ(lines[4], "call 3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37  ");
+    EXPECT_EQ(lines[5],
+              "from 192.0.2.1:30000, age 0.0 s, 0 control packets, 0 packets of strangers");
+    EXPECT_EQ(lines[6], "inbound, rule 42");
+    EXPECT_EQ(lines[7], "reference \"a84b4c76e66710@192.0.2.7\"");
+    EXPECT_EQ(lines[8], "audio activity on both; recording on both");
+    EXPECT_EQ(lines[10], "originator: leg 0, 8000 Hz, 0.0 s, recording");
+    EXPECT_NE(lines[11].find("-49 dB  \u25cf active"), std::string::npos) << lines[11];
+    EXPECT_EQ(lines[12], "  1 packet, 0 lost in 0 gaps");
+    EXPECT_EQ(lines[14], "terminator: no audio");
+    EXPECT_EQ(lines[15], "sample \"gre\\x1b[2Jeting\" on originator at 0.500 s");
+    press("X");
+    EXPECT_EQ(frame()[4].substr(0, 4), "call");
+    EXPECT_NE(frame()[5].find("3b9f6a52"), std::string::npos);
+}
+
+TEST_F(LiveViewTest, WholeCallEndsWithItsCallAndScrollsOnASmallScreen) {
+    view_.use_keys(true);
+    send("call_1_start");
+    send("call_2_read");
+    press("R");
+    EXPECT_EQ(frame(80, 6).size(), 6u);
+    EXPECT_EQ(frame(80, 6)[4].substr(0, 5), "call ");
+    press("E");
+    EXPECT_EQ(frame(80, 6)[5], "terminator: no audio");
+    send("call_7_terminate");
+    pass(1s);
+    EXPECT_EQ(frame()[5], "0 calls");
+}
+
+TEST_F(LiveViewTest, ActivityAndTheLatestSampleStandInTheRow) {
+    send("call_1_start");
+    send("call_2_read");
+    const auto count = [this](const std::string& part) {
+        return frame()[5].find(part) != std::string::npos;
+    };
+    EXPECT_FALSE(count("\u25cf"));
+    catcher_.call->report_activity(Side::TERMINATOR, {true, 0, 8});
+    EXPECT_TRUE(count(" \u25cf\u00b7"));
+    catcher_.call->report_sample(Side::TERMINATOR, {"beep", 0, 8, 0.5});
+    EXPECT_TRUE(count("      0  \"beep\""));
+    catcher_.call->report_activity(Side::TERMINATOR, {false, 4, 8});
+    EXPECT_FALSE(count("\u25cf"));
+}
+
+TEST_F(LiveViewTest, ColoursOnlyWhereTheyAreWanted) {
+    send_data(1, 0);
+    EXPECT_EQ(frame()[5].find('\x1b'), std::string::npos);
+    view_.use_colour(true);
+    EXPECT_EQ(frame()[5].substr(0, 5), "\x1b[33m");
+    store_.error = "No space left on device";
+    send_data(2, 8);
+    CallLimits limits;
+    limits.sample_rate = 8000;
+    watch({&view_, &catcher_}, limits);
+    send("call_1_start");
+    EXPECT_EQ(frame()[5].find('\x1b'), std::string::npos);  // No trouble, no colour.
+    send("call_2_read");
+    pass(50ms);
+    EXPECT_EQ(frame()[5].substr(0, 5), "\x1b[31m");
+}
+
+TEST_F(LiveViewTest, OnlyTheKeyQAsksForTheEnd) {
+    press("tlajk XB");
+    EXPECT_FALSE(view_.quit());
+    press("/q");
+    EXPECT_FALSE(view_.quit());
+    press("Rq");
+    EXPECT_TRUE(view_.quit());
 }
 
 }  // namespace

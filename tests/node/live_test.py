@@ -1,0 +1,180 @@
+"""Runs quorvane-node --live on a pseudo terminal: what its keys do, and how it leaves the terminal.
+
+usage: live_test.py QUORVANE_NODE GOLDEN_FOLDER
+"""
+import fcntl
+import os
+import pathlib
+import re
+import select
+import signal
+import socket
+import struct
+import sys
+import tempfile
+import termios
+import time
+import unittest
+
+from end_to_end_test import NODE, golden, of_call
+
+ENTER, LEAVE = b"\x1b[?1049h", b"\x1b[?1049l"
+PAGE_DOWN = b"\x1b[6~"
+
+
+def of_many(call, datagram):
+    """The datagram, as of the call of that number."""
+    datagram = bytearray(of_call(0, datagram))
+    datagram[28:32] = struct.pack(">I", call)
+    return bytes(datagram)
+
+
+class Screen:
+    """A media node on a pseudo terminal of 80 columns and 24 rows."""
+
+    def __init__(self, **environment):
+        self.home = tempfile.TemporaryDirectory(prefix="quorvane-live-")
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as free:
+            free.bind(("127.0.0.1", 0))
+            self.address = free.getsockname()
+        self.ours, self.theirs = os.openpty()
+        fcntl.ioctl(self.theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
+        self.before = termios.tcgetattr(self.theirs)
+        self.process = os.fork()
+        if self.process == 0:
+            self.take_terminal()
+            os.environ.update({"TERM": "xterm", **environment})
+            os.execv(NODE, [NODE, "--live", "--listen", "%s:%d" % self.address,
+                            "--output", str(pathlib.Path(self.home.name) / "wav")])
+        self.seen = b""
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.wait_for("quorvane-node on ")
+
+    def take_terminal(self):
+        os.setsid()
+        fcntl.ioctl(self.theirs, termios.TIOCSCTTY, 0)
+        for descriptor in range(3):
+            os.dup2(self.theirs, descriptor)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.process:
+            os.kill(self.process, signal.SIGKILL)
+            os.waitpid(self.process, 0)
+        self.socket.close()
+        os.close(self.ours)
+        os.close(self.theirs)
+        self.home.cleanup()
+
+    def read(self):
+        while select.select([self.ours], [], [], 0)[0]:
+            self.seen += os.read(self.ours, 65536)
+
+    def frame(self):
+        """The lines of the latest frame that is complete."""
+        self.read()
+        frames = self.seen.split(b"\x1b[H")
+        whole = [frame for frame in frames[1:] if frame.endswith(b"\x1b[J")]
+        text = whole[-1].decode("utf-8", "replace") if whole else ""
+        return [re.sub(r"\x1b\[[0-9;?]*[A-Za-z]", "", line) for line in text.split("\r\n")]
+
+    def wait_for(self, pattern, seconds=30):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            text = "\n".join(self.frame())
+            found = re.search(pattern, text)
+            if found:
+                return found
+            time.sleep(0.02)
+        raise AssertionError(f"{pattern!r} is not in:\n{text}\n{self.seen[-2000:]!r}")
+
+    def press(self, keys):
+        os.write(self.ours, keys)
+
+    def send_starts(self, calls):
+        for call in calls:
+            self.socket.sendto(of_many(call, golden("call_1_start")), self.address)
+            if call % 50 == 0:
+                time.sleep(0.01)
+
+    def wait_for_exit(self):
+        end = time.monotonic() + 30
+        while time.monotonic() < end:
+            self.read()
+            pid, status = os.waitpid(self.process, os.WNOHANG)
+            if pid:
+                self.process = None
+                self.read()
+                return status
+            time.sleep(0.02)
+        raise AssertionError("the program does not end")
+
+
+class Live(unittest.TestCase):
+    def check_restored(self, screen):
+        self.assertEqual(screen.seen.count(ENTER), 1)
+        self.assertGreaterEqual(screen.seen.count(LEAVE), 1)
+        self.assertGreater(screen.seen.rindex(LEAVE), screen.seen.rindex(b"\x1b[H"))
+        self.assertIn(b"\x1b[?25h", screen.seen)  # The cursor.
+        self.assertEqual(termios.tcgetattr(screen.theirs), screen.before)
+
+    def test_59_calls_can_be_reached(self):
+        with Screen() as screen:
+            screen.send_starts(range(59))
+            screen.wait_for("calls 1 to 17 of 59")
+            self.assertEqual(len(screen.frame()), 24)
+            screen.press(2 * PAGE_DOWN)  # The first one selects the last row.
+            screen.wait_for("calls 18 to 34 of 59")
+            screen.press(PAGE_DOWN)
+            screen.wait_for("calls 35 to 51 of 59")
+            screen.press(PAGE_DOWN)
+            screen.wait_for("calls 43 to 59 of 59")
+
+    def test_2000_calls_can_be_reached(self):
+        with Screen() as screen:
+            screen.send_starts(range(2000))
+            screen.wait_for("of 2,000")
+            screen.press(b"\x1b[F")
+            screen.wait_for("calls 1,984 to 2,000 of 2,000")
+            screen.press(b"\x1b[5~" * 60)
+            screen.wait_for(r"calls 9\d\d to ")
+            screen.press(b"\x1b[H")
+            screen.wait_for("calls 1 to 17 of 2,000")
+            screen.press(b"/000007c7\r")  # The call 1,991.
+            screen.wait_for("calls 1 to 1 of 1 that match")
+            screen.press(b"\r")
+            screen.wait_for(r"call [0-9a-f-]{28}000007c7")
+
+    def test_key_ends_the_program_and_the_terminal_is_as_before(self):
+        with Screen() as screen:
+            self.assertNotEqual(termios.tcgetattr(screen.theirs), screen.before)
+            screen.press(b"q")
+            self.assertEqual(screen.wait_for_exit(), 0)
+            self.check_restored(screen)
+            self.assertIn(b"asked to end", screen.seen)
+
+    def test_signals_leave_the_terminal_as_before(self):
+        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGQUIT, signal.SIGSEGV,
+                       signal.SIGABRT):
+            with self.subTest(number), Screen() as screen:
+                os.kill(screen.process, number)
+                status = screen.wait_for_exit()
+                if number in (signal.SIGTERM, signal.SIGINT):
+                    self.assertEqual(status, 0)
+                else:
+                    self.assertEqual(os.WTERMSIG(status), number)
+                self.check_restored(screen)
+
+    def test_colours_are_shown_unless_they_are_unwanted(self):
+        for environment, coloured in (({}, True), ({"NO_COLOR": "1"}, False),
+                                      ({"NO_COLOR": ""}, True), ({"TERM": "dumb"}, False)):
+            with self.subTest(environment), Screen(**environment) as screen:
+                screen.socket.sendto(of_many(1, golden("call_2_read")), screen.address)
+                screen.wait_for("no start")
+                self.assertEqual(b"\x1b[33m" in screen.seen, coloured)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=1)
