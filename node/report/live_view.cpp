@@ -470,7 +470,10 @@ std::string LiveView::joined(const Lines& lines, ScreenSize size) {
     for (std::size_t i = 0; i < lines.size() && i < size.rows; ++i) {
         const std::string line = tools::truncate_to_columns(lines[i].text, size.columns);
         const std::string style = lines[i].style;
-        text += (i == 0 ? "" : "\r\n") + style + line + (style.empty() ? "" : "\x1b[0m") + "\x1b[K";
+        text += i == 0 ? "" : "\r\n";
+        text += style;
+        text += line;
+        text += style.empty() ? "\x1b[K" : "\x1b[0m\x1b[K";
     }
     return text;
 }
