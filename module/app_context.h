@@ -110,6 +110,10 @@ class AppContext {
     void lend_to_bug();
     ContextReference take_back_from_bug();
 
+    // How many bugs of this context have closed.
+    void count_close() { ++closed_bugs_; }
+    unsigned closed_bugs() const { return closed_bugs_; }
+
     // Merge the legs that an option text ("true", "inactive", "orig::false" and so on) names
     // into `features`. If the text is null or names no leg, they return false and change
     // nothing.
@@ -149,6 +153,7 @@ class AppContext {
 
     ReferenceCountable references_;
     std::atomic<int> lent_{0};  // How many of these references media bugs hold.
+    std::atomic<unsigned> closed_bugs_{0};
     char session_uuid_[SESSION_UUID_SIZE] QV_GUARDED_BY(registry_rank) = {};
 };
 

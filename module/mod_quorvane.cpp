@@ -219,9 +219,10 @@ void attach(AppContext& context) {
     context.lend_to_bug();
 }
 
-// Takes back the reference of a bug that the host refused, unless its close event did.
-void forget_refused_bug(AppContext& context) {
-    if (context.take_back_from_bug()) {
+// Takes back the reference of a bug that the host refused, unless its close event did: then more
+// bugs have closed than `closed`. The references that are still lent belong to other bugs.
+void forget_refused_bug(AppContext& context, unsigned closed) {
+    if (context.closed_bugs() == closed && context.take_back_from_bug()) {
         module_state.bugs.remove();
     }
 }
@@ -233,6 +234,7 @@ void attach_media_bug(switch_core_session_t* session, switch_channel_t* channel,
                                        "session media is not ready!");
     }
     switch_media_bug_t* bug = nullptr;
+    const unsigned closed = context.closed_bugs();
     attach(context);
     const switch_status_t status = switch_core_media_bug_add(
         session, "quorvane", nullptr, media_handler, &context, 0, MEDIA_BUG_FLAGS, &bug);
@@ -240,7 +242,7 @@ void attach_media_bug(switch_core_session_t* session, switch_channel_t* channel,
         log_session_line<log::INFO>(session, QV_PLACE_IN(APPLICATION), "new media bug added");
     } else {
         report_refused_bug(session, channel);
-        forget_refused_bug(context);
+        forget_refused_bug(context, closed);
     }
 }
 
@@ -336,6 +338,7 @@ bool unregister(const AppContext& context) {
 // returned already, and the bug is counted again until its event ends. The registry then keeps
 // the context until the end of the call.
 ContextReference detach(AppContext& context) {
+    context.count_close();
     ContextReference reference = context.take_back_from_bug();
     if (!reference) {
         module_state.bugs.add();

@@ -276,6 +276,28 @@ TEST_F(ContextLifetime, BugThatRefusesToStartAndIsClosedEndsAsUsual) {
     EXPECT_TRUE(unload().left_memory);
 }
 
+// Without a timetable the application runs once more on the context of a tapped call.
+TEST_F(ContextLifetime, SecondBugThatIsRefusedAndClosedLeavesTheFirstItsContext) {
+    host.faults().set(Fault::NO_TIMETABLE);
+    const auto call = start_tapped_call();
+    take_log();
+    SystemCalls calls;
+    calls.next("sendto", Outcome::fail(ENETUNREACH));
+    host.faults().set(Fault::REFUSED_BUG_CLOSED);
+    call->execute("quorvane");
+    EXPECT_TRUE(host.log().contains("failed to add new media bug"));
+    take_log();
+    const Bytes frame(320);
+    call->feed(Direction::READ, frame.data(), frame.size());
+    hangup(*call);
+    EXPECT_EQ(take_log(), (Lines{bug_line("INFO", "media transfer terminated"),
+                                 bug_line("INFO", "transfered 320/0 bytes of media"),
+                                 bug_line("ERROR",
+                                          "MAGIC: app context is not found on media transfer "
+                                          "termination")}));
+    EXPECT_TRUE(unload().left_memory);
+}
+
 TEST_F(ContextLifetime, BugThatIsLostBehindItsStartHoldsNothing) {
     const auto call = start_call();
     host.faults().set(Fault::BUG_LOST);
