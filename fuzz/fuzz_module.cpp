@@ -14,6 +14,7 @@
 //   V SLOT NAME=VALUE   a channel variable is set
 //   G SLOT SIZE   sip_call_id is set to a text of this size
 //   X SLOT        the dialplan runs the application
+//   M SLOT        the same, but there is no memory for the record of the call
 //   R SLOT SIZE   a frame of SIZE bytes is read; "W": written
 //   B SLOT NUMBER the media bugs get an event of another kind
 //   K SLOT        the media bugs are removed from outside
@@ -343,6 +344,9 @@ class Run {
                 call.execute("quorvane", "not read");
                 compare([&] { model_.run_application(model); });
                 break;
+            case 'M':
+                run_without_memory(call, model);
+                break;
             case 'R':
             case 'W':
                 feed(call, model, what == 'R' ? 0 : 1, number_of(rest, FRAME_MAX));
@@ -471,6 +475,17 @@ class Run {
             call.set_variable(name, value);
             model.variables[lower] = value;
         }
+    }
+
+    // The record is the first that the application allocates, if the call has none yet.
+    void run_without_memory(qv::host::Call& call, CallModel& model) {
+        const bool allocates = model_.needs_memory_for(model);
+        if (allocates) {
+            qv::fuzz::fail_allocation(0, stage_.code_of_module());
+        }
+        call.execute("quorvane", "not read");
+        qv::fuzz::require(qv::fuzz::stop_failing() || !allocates, "a new call needs memory");
+        compare([&] { model_.run_application(model, !allocates); });
     }
 
     void feed(qv::host::Call& call, CallModel& model, int leg, std::size_t size) {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -39,7 +40,7 @@ void fail_allocation(unsigned number, const void* code) {
 
 bool stop_failing() {
     object = nullptr;
-    return has_failed;
+    return std::exchange(has_failed, false);
 }
 
 }  // namespace qv::fuzz

@@ -219,7 +219,12 @@ const CallModel* ModuleModel::find_session(const std::string& name) const {
     return hidden ? nullptr : found;
 }
 
-void ModuleModel::run_application(CallModel& call) {
+bool ModuleModel::needs_memory_for(const CallModel& call) const {
+    const IdentityModel identity = identity_of(faults.uuid_garbage ? "not-a-uuid" : call.uuid);
+    return loaded_ && identity.valid && registry_.count(identity.key) == 0;
+}
+
+void ModuleModel::run_application(CallModel& call, bool memory) {
     if (!loaded_ || !call.alive) {
         return;
     }
@@ -230,9 +235,8 @@ void ModuleModel::run_application(CallModel& call) {
         line(Level::ERROR, &call, "MAGIC: failed to parse session uuid: " + uuid_text);
         return;
     }
-    const Tap tap = claim(call, identity.key);
+    const Tap tap = claim(call, identity.key, memory);
     if (tap == nullptr) {
-        line(Level::WARNING, &call, "app context already configured; ignoring");
         return;
     }
     tap->session = uuid_text;
@@ -250,9 +254,13 @@ void ModuleModel::run_application(CallModel& call) {
     attach(call, tap);
 }
 
-// Null if the application has run on this call.
-Tap ModuleModel::claim(const CallModel& call, std::uint64_t key) {
+// Null if the application has run on this call, or without memory.
+Tap ModuleModel::claim(const CallModel& call, std::uint64_t key, bool memory) {
     const auto found = registry_.find(key);
+    if (found == registry_.end() && !memory) {
+        line(Level::ERROR, &call, "app context allocation failure (is there enough memory?)");
+        return nullptr;
+    }
     if (found == registry_.end()) {
         line(Level::SYSTEM, &call, "app context added, id: " + std::to_string(key));
         const auto tap = std::make_shared<TapModel>();
@@ -262,6 +270,7 @@ Tap ModuleModel::claim(const CallModel& call, std::uint64_t key) {
         return tap;
     }
     if (found->second->created_us != 0) {
+        line(Level::WARNING, &call, "app context already configured; ignoring");
         return nullptr;
     }
     line(Level::SYSTEM, &call, "app context found; configuring");

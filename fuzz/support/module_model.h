@@ -140,7 +140,9 @@ class ModuleModel {
 
     void load(const ConfigurationFile& file);
     void unload();
-    void run_application(CallModel& call);
+    // `memory`: there is memory for a new record.
+    void run_application(CallModel& call, bool memory = true);
+    bool needs_memory_for(const CallModel& call) const;
     void frame(CallModel& call, int leg, const std::uint8_t* data, std::size_t size);
     void remove_bugs(CallModel& call);
     void hang_up(CallModel& call);
@@ -169,7 +171,7 @@ class ModuleModel {
     bool send_terminate(const CallModel& call, const TapModel& tap);
 
     // ---- a call's life
-    Tap claim(const CallModel& call, std::uint64_t key);
+    Tap claim(const CallModel& call, std::uint64_t key, bool memory);
     void attach(CallModel& call, const Tap& tap);
     bool start_bug(const CallModel& call, TapModel& tap);
     void close_bug(const CallModel& call, const Tap& tap);

@@ -35,6 +35,20 @@ bool is_number_but_zero(const std::string& text) {
            number.substr(0, number.find('.')).find_first_not_of('0') != std::string::npos;
 }
 
+// What an address that cannot be read leaves where it was to be stored. It matters for a call that
+// is tapped already, on which the application runs once more.
+OptionsModel::Node remains_of(const std::string& text) {
+    const std::size_t colon = text.rfind(':');
+    const std::string host = text.substr(0, colon);
+    OptionsModel::Node node;
+    if (colon != std::string::npos && host.find_first_not_of(" \t\n\v\f\r") != std::string::npos) {
+        std::memset(node.address, 0, sizeof(node.address));
+        const std::string port = text.substr(colon + 1);
+        node.port = port.empty() || !read_port(port, node.port) ? 0 : node.port;
+    }
+    return node;
+}
+
 bool asks_for_recording(const std::string& value) {
     const std::string word = lower_case(value);
     return word == "yes" || word == "on" || word == "true" || word == "t" || word == "enabled" ||
@@ -57,6 +71,7 @@ bool ModuleModel::configure(const CallModel& call, TapModel& tap) {
     } else {
         const AddressModel address = read_address(*node);
         if (!address.valid) {
+            tap.node = remains_of(*node);
             complain(call, "quorvane_media_node", "discarding");
             return false;
         }

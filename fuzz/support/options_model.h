@@ -72,15 +72,18 @@ class OptionsModel {
                 "incorrect option format at line " + std::to_string(number) + ": \"" + line + "\"");
             return false;
         }
-        // The line was trimmed, so the other ends of name and value have no blanks.
-        const std::string name = trimmed(parts[0]);
-        const std::string value = parts.size() == 2 ? trimmed(parts[1]) : "";
-        return value.empty() ? flag(end_trimmed(parts[0])) : option(end_trimmed(parts[0]), value);
+        // A "=" at the end of the line protects the blanks before it.
+        const std::string name = end_trimmed(parts[0]);
+        const std::string value = parts.size() == 2 ? start_trimmed(parts[1]) : "";
+        return value.empty() ? flag(name) : option(name, value);
     }
 
     static std::string end_trimmed(const std::string& text) {
-        const std::string whole = trimmed("|" + text);
-        return whole.substr(1);
+        return trimmed("|" + text).substr(1);
+    }
+    static std::string start_trimmed(const std::string& text) {
+        const std::string marked = trimmed(text + "|");
+        return marked.substr(0, marked.size() - 1);
     }
 
     bool flag(const std::string& name) {
