@@ -10,6 +10,7 @@ import argparse
 import os
 import pathlib
 import shutil
+import subprocess
 import sys
 import tempfile
 import time
@@ -70,13 +71,23 @@ def run_one(function, suite) -> tuple:
         return "FAILED", f"{fault or type(fault).__name__} ({where.name}, line {where.lineno})"
 
 
-def clean_up_after(suite) -> None:
-    """Prepares for the next scenario: the host runs without calls and the module is loaded."""
+def hang_up_everything(suite) -> str:
+    """Ends all calls. Returns what was wrong with the host, or an empty text."""
     try:
         if suite.host.is_running():
             suite.host.hang_up_everything()
-    except OSError:  # The host is about to end.
-        suite.host.wait_for_end(20)
+    except OSError:  # The host is about to end, or answers no more.
+        try:
+            suite.host.wait_for_end(20)
+        except subprocess.TimeoutExpired:  # It was killed.
+            return "the host answered no more and was killed"
+    return ""
+
+
+def clean_up_after(suite) -> str:
+    """Prepares for the next scenario: the host runs without calls and the module is loaded.
+    Returns what was wrong with the host, or an empty text."""
+    fault = hang_up_everything(suite)
     if not suite.host.is_running():
         suite.host.close()
         suite.host = suite.make_host("again")
@@ -85,12 +96,16 @@ def clean_up_after(suite) -> None:
         suite.host.write_module_configuration(media_node=suite.node.address, log_level="DEBUG")
         suite.host.load_module()
     suite.node.forget()
+    return fault
 
 
 def run_all(suite, chosen: list) -> dict:
     counts = {"ok": 0, "skipped": 0, "FAILED": 0}
     for function in chosen:
-        clean_up_after(suite)
+        fault = clean_up_after(suite)
+        if fault:
+            counts["FAILED"] += 1
+            print(f"{'FAILED':18}{fault}", flush=True)
         begin = time.monotonic()
         verdict, reason = run_one(function, suite)
         if verdict == "ok" and not suite.host.is_running():
@@ -106,13 +121,14 @@ def run_all(suite, chosen: list) -> dict:
 
 def last_words(suite) -> bool:
     """Checks at the end of the shared host: its exit status, all datagrams, all reports."""
-    clean_up_after(suite)
+    fault = clean_up_after(suite)
     status = suite.host.stop()
     report = suite.reports.take_new()
     print(f"the host ended with status {status}, "
           f"{len(suite.node.malformed)} malformed datagrams were received"
-          + (f", the sanitizer reported {report}" if report else ""))
-    return status == 0 and not suite.node.malformed and not report
+          + (f", the sanitizer reported {report}" if report else "")
+          + (f", {fault}" if fault else ""))
+    return status == 0 and not (suite.node.malformed or report or fault)
 
 
 def test_host(installation, module: Module, arguments) -> tuple:

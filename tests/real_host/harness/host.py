@@ -3,6 +3,7 @@
 import itertools
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import sys
@@ -81,6 +82,14 @@ class Host:
             time.sleep(0.1)
         self.events = EventRecorder(self.ports.event_socket, PASSWORD, CHANNEL_EVENTS)
 
+    def _write_stacks(self) -> None:
+        """What each thread of a host that hangs is doing, if gdb is installed."""
+        if shutil.which("gdb"):
+            with open(self.folder / "stacks.txt", "wb") as stacks:
+                subprocess.run(["gdb", "-batch", "-nx", "-p", str(self.pid),
+                                "-ex", "thread apply all backtrace"],
+                               stdin=subprocess.DEVNULL, stdout=stacks, stderr=stacks, check=False)
+
     def answers(self) -> bool:
         """Whether the host still answers on its event socket."""
         try:
@@ -106,6 +115,7 @@ class Host:
         try:
             return self._process.wait(timeout)
         except subprocess.TimeoutExpired:
+            self._write_stacks()
             self._process.kill()
             self._process.wait()
             raise
