@@ -3,21 +3,23 @@
 # with 100 packets per second, from another core. Everything that the socket delivered must be in
 # the files. Packets that the socket itself dropped are reported separately and fail the run.
 #
-#   bench/node_load.sh [--build FOLDER] [--output FOLDER] [CALLS [SECONDS]]
+#   bench/node_load.sh [--build FOLDER] [--stop-disk SECONDS] [--output FOLDER] [CALLS [SECONDS]]
 #
 #   --build FOLDER    a build to use; without it, builds what it needs in build/load
+#   --stop-disk SECONDS   makes the disk stand still so long, two seconds after the first file
 #   --output FOLDER   folder of the WAV files; one in memory (/dev/shm/...) avoids the disk
 #   CALLS, SECONDS    number of calls (3000) and length of the run (10), which make 960 MB of
 #                     audio
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build= folder=
+build= folder= stopped=0
 while [[ ${1:-} == --* ]]; do
     case $1 in
         --build) build=$2 ;;
         --help) sed -n '2,/^set/s/^# \{0,1\}//p' "bench/${BASH_SOURCE[0]##*/}"; exit 0 ;;
         --output) folder=$2 ;;
+        --stop-disk) stopped=$2 ;;
         *) echo "node_load: unknown option $1" >&2; exit 2 ;;
     esac
     shift 2
@@ -31,7 +33,7 @@ if [ -z "$build" ]; then
     {
         cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVANE_BENCH=ON \
             -DQUORVANE_HOST=embedded &&
-        cmake --build "$build" -j "$(nproc)" --target quorvane-node node_load
+        cmake --build "$build" -j "$(nproc)" --target quorvane-node node_load stopped_disk
     } >"$build/build.log" 2>&1 || { tail -n 40 "$build/build.log"; exit 1; }
 fi
 work=$(mktemp -d)
@@ -39,7 +41,10 @@ work=$(mktemp -d)
 node_pid=
 trap '[ -z "$node_pid" ] || kill "$node_pid" 2>/dev/null || true; rm -rf "$work"' EXIT
 
-taskset -c 0 "$build/quorvane-node" --listen 127.0.0.1:0 --output "$folder" --quiet \
+preload=()
+[ "$stopped" = 0 ] || preload=(env QUORVANE_STOP_AFTER=2 "QUORVANE_STOP_FOR=$stopped"
+    "LD_PRELOAD=$build/bench/libstopped_disk.so")
+taskset -c 0 "${preload[@]}" "$build/quorvane-node" --listen 127.0.0.1:0 --output "$folder" --quiet \
     --calls "$calls" --idle-exit 20 --overwrite >"$work/node.log" 2>&1 &
 node_pid=$!
 for _ in $(seq 50); do

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "node/report/text.h"
 #include "node/service_manager.h"
@@ -31,6 +32,7 @@ int Application::run() {
     signals.wait(
         [this](const std::string& reason) {
             outputs_.lines().say(reason, "");
+            impatient_ = std::exchange(ending_, true);
             loop_.stop();
         },
         [this] { reload(); });
@@ -80,6 +82,11 @@ void Application::pass_time(Micros until) {
         now_ += TICK;
         report_as_of(now_);
         calls_->tick(now_);
+        // The end of a call is reported at its time in the capture.
+        while (calls_->completing() != 0) {
+            outputs_.files_complete();
+            calls_->report_ends();
+        }
         outputs_.update(figures(now_), now_);
     }
     now_ = calls_->size() != 0 ? now_ : until;
@@ -209,12 +216,30 @@ void Application::notify(const std::string& state) {
     }
 }
 
+// The disk may stand still. Another signal ends the wait.
+void Application::complete_files() {
+    const auto begin = std::chrono::steady_clock::now();
+    const auto longest = std::chrono::duration<double>(options_.exit_wait_s);
+    ending_ = true;
+    while (!outputs_.files_complete()) {
+        loop_.restart();
+        loop_.poll();
+        if (impatient_ || std::chrono::steady_clock::now() - begin >= longest) {
+            outputs_.give_up_files();
+            break;
+        }
+    }
+    calls_->report_ends();
+}
+
 int Application::finish() {
     notify("STOPPING=1");
     if (!capture_.has_value()) {
         receiver_.drain_and_stop();
     }
+    timer_.cancel();
     calls_->shut_down();
+    complete_files();
     outputs_.finish(figures(capture_.has_value() ? now_ : steady_now()));
     return outputs_.failed() || waited_in_vain_ ? EXIT_TROUBLE : EXIT_FINE;
 }

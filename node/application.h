@@ -43,6 +43,7 @@ class Application {
     bool idle_too_long(Micros now) const;
     bool enough_calls() const;
     NodeFigures figures(Micros now);
+    void complete_files();
     int finish();
 
     const Options options_;
@@ -57,6 +58,8 @@ class Application {
     Micros now_{0};                   // The time of the capture that the calls have reached.
     std::string address_;
     Micros began_{0};
+    bool ending_ = false;
+    bool impatient_ = false;       // Asked once more to end.
     bool waited_in_vain_ = false;  // No calls came, or the capture did not end properly.
 };
 

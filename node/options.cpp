@@ -266,6 +266,17 @@ void add_limit_options(CLI::App& app, Options& options) {
         ->check(between(1, 4096))
         ->type_name("KIB")
         ->capture_default_str();
+    app.add_option("--write-buffer", options.write_buffer_mib,
+                   "Memory for audio that waits for a slow disk; audio beyond it is lost")
+        ->check(between(1, 1'000'000))
+        ->type_name("MIB")
+        ->capture_default_str();
+    app.add_option("--exit-wait", options.exit_wait_s,
+                   "How long to wait for a slow disk at the end; a second signal ends the program "
+                   "at once")
+        ->check(seconds_between(0, 86400))
+        ->type_name("SECONDS")
+        ->capture_default_str();
     app.add_option(
            "--sync", options.sync_s,
            "Write the folder's file system to the disk at this interval; 0 leaves it to the system")

@@ -46,10 +46,12 @@ struct Options {
     std::size_t max_open_files = 0;       // 0: what the system allows.
     std::uint64_t max_files = 1'000'000;  // Of one run. 0: no limit.
     std::size_t block_kib = 32;
-    std::vector<std::string> on_end;  // Command after each call. Empty: none.
-    std::size_t on_end_running = 4;   // How many of them run at the same time.
-    double sync_s = 0;                // Interval between flushes to the disk. 0: none.
-    std::string samples;              // Folder of references. Empty: none.
+    std::uint64_t write_buffer_mib = 1024;  // For audio that waits for the disk.
+    double exit_wait_s = 60;                // For the disk, at the end.
+    std::vector<std::string> on_end;        // Command after each call. Empty: none.
+    std::size_t on_end_running = 4;         // How many of them run at the same time.
+    double sync_s = 0;                      // Interval between flushes to the disk. 0: none.
+    std::string samples;                    // Folder of references. Empty: none.
     analysis::ActivityOptions activity;
     CallLimits limits;
 };

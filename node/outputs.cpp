@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <filesystem>
 #include <system_error>
 #include <utility>
 
@@ -45,14 +46,14 @@ Outputs::Outputs(const Options& options, std::ostream& out, std::ostream& errors
             Terminal::present()),
       terminal_(out),
       lines_(events_to_stdout(options) ? errors : out),
-      folder_(options.folder, open_files(options), options.overwrite) {
+      folder_(std::make_unique<WavFolder>(options.folder, open_files(options), options.overwrite)) {
     lines_.show_dates();
 }
 
 std::string Outputs::open_folder() {
-    const std::string error = folder_.prepare();
+    const std::string error = folder_->prepare();
     if (error.empty()) {
-        leftovers_ = folder_.recover();
+        leftovers_ = folder_->recover();
     }
     return error.empty() ? error : "cannot write to folder " + options_.folder + ": " + error;
 }
@@ -164,8 +165,10 @@ std::string Outputs::open_sender() {
 // When a call ends, each output knows the files that the outputs before it have written. The order
 // is therefore: file names, then what writes files, then what reports them.
 void Outputs::build() {
+    build_store();
     file_names_ = std::make_unique<FileNames>(
-        folder_, file_name_options(), [this] { return folder_.created_files() + saved_timelines_; },
+        *store_, file_name_options(),
+        [this] { return store_->figures().created_files + saved_timelines_; },
         [this] {
             lines_.say("too many files", "with further calls there could be more than " +
                                              grouped(options_.max_files) +
@@ -187,11 +190,8 @@ void Outputs::build() {
 
     const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
                                      options_.keep_pauses, options_.resample};
-    if (options_.max_files != 0) {
-        folder_.limit_files(options_.max_files);
-    }
     recorder_ = std::make_unique<Recorder>(
-        folder_, Recorder::Options{!options_.no_sides, options_.stereo, recording});
+        *store_, Recorder::Options{!options_.no_sides, options_.stereo, recording});
     call_listeners_.push_back(recorder_.get());
 
     if (options_.timeline) {
@@ -221,6 +221,36 @@ void Outputs::build() {
     notices_ = std::make_unique<Notices>(lines_, events_.get(), live_);
 }
 
+// A capture can be read faster than the disk writes; then the node waits for the disk.
+void Outputs::build_store() {
+    if (options_.max_files != 0) {
+        folder_->limit_files(options_.max_files);
+    }
+    store_ = std::make_unique<BackgroundStore>(
+        std::move(folder_), options_.folder,
+        BackgroundStore::Options{options_.write_buffer_mib * 1024 * 1024, !options_.read.empty()});
+    std::error_code error;
+    const std::filesystem::directory_iterator end;
+    for (std::filesystem::directory_iterator entry(options_.folder, error);
+         !error && !options_.overwrite && entry != end; entry.increment(error)) {
+        store_->add_name(entry->path().filename());
+    }
+}
+
+bool Outputs::files_complete() {
+    const bool done =
+        store_->wait(std::chrono::steady_clock::now() + std::chrono::milliseconds(50));
+    store_->update();
+    return done;
+}
+
+void Outputs::give_up_files() {
+    lines_.say("files given up", grouped(store_->figures().waiting_bytes) +
+                                     " bytes wait for the disk, which does not take them");
+    failed_ = true;
+    store_->abandon("the disk did not take all of it before the end");
+}
+
 FileNames::Options Outputs::file_name_options() const {
     const std::uint64_t files_per_call =
         (options_.no_sides ? 0 : 2) + (options_.stereo ? 2 : 0) + (options_.timeline ? 1 : 0);
@@ -230,6 +260,7 @@ FileNames::Options Outputs::file_name_options() const {
 FileReport Outputs::save_timeline(const std::string& name, const std::string& svg) {
     const std::string path = options_.folder + '/' + name;
     ++saved_timelines_;
+    store_->add_name(name);
     const std::string error = write_text_file(path, svg);
     // Without events, the lines report it with its call.
     if (!error.empty() && (options_.quiet || live_)) {
@@ -265,6 +296,7 @@ void Outputs::begin(const NodeFigures& figures) {
 }
 
 void Outputs::update(NodeFigures figures, Micros now) {
+    store_->update();
     add_figures(figures);
     notices_->overflowed(figures.overflowed);
     if (end_command_ != nullptr) {
@@ -284,6 +316,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     // Once a second, so that a flood of calls does not cause a flood of lines.
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
     notices_->reports_not_allowed(figures.reports);
+    notices_->audio_dropped(figures.dropped_bytes);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
     if (metrics_ != nullptr) {
         metrics_->update(figures, analyser_->figures());
@@ -325,6 +358,8 @@ void Outputs::finish(NodeFigures figures) {
     notices_->reports_not_allowed(figures.reports);
     flush_events();
     finish_commands();
+    notices_->audio_dropped(figures.dropped_bytes);
+    failed_ = failed_ || figures.dropped_bytes != 0;
     failed_ = failed_ || figures.totals.file_errors != 0;
     LostEvents lost;
     if (events_ != nullptr) {
@@ -378,7 +413,10 @@ void Outputs::report_sync() {
 }
 
 void Outputs::add_figures(NodeFigures& figures) const {
-    figures.open_files = folder_.open_files();
+    const BackgroundStore::Figures files = store_->figures();
+    figures.open_files = files.open_files;
+    figures.waiting_bytes = files.waiting_bytes;
+    figures.dropped_bytes = files.dropped_bytes;
     figures.calls_not_written = file_names_->refused_calls();
     if (reports_ != nullptr) {
         figures.reports = reports_->figures();

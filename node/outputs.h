@@ -12,6 +12,7 @@
 
 #include "node/analysis/analyser.h"
 #include "node/audio/audio_files.h"
+#include "node/audio/background_store.h"
 #include "node/audio/disk_sync.h"
 #include "node/audio/file_names.h"
 #include "node/audio/recorder.h"
@@ -66,6 +67,11 @@ class Outputs {
     // Call it after all calls have ended. Writes everything that is still waiting, and the summary.
     void finish(NodeFigures figures);
 
+    // Waits a moment for files that are being completed. Returns whether all of them are complete.
+    bool files_complete();
+    // Gives up what the disk has not taken.
+    void give_up_files();
+
     // Whether a file or an event could not be written.
     bool failed() const { return failed_; }
 
@@ -77,6 +83,7 @@ class Outputs {
     std::string reload_samples();
     std::shared_ptr<const analysis::SampleIndex> load_samples(std::string& error);
     void build();
+    void build_store();
     FileNames::Options file_name_options() const;
     FileReport save_timeline(const std::string& name, const std::string& svg);
     void show_live(const NodeFigures& figures, Micros now);
@@ -91,7 +98,8 @@ class Outputs {
     LineReport lines_;
     LiveView live_view_;
     KeyReader keys_;
-    WavFolder folder_;
+    std::unique_ptr<WavFolder> folder_;  // Null once the writer thread has it.
+    std::unique_ptr<BackgroundStore> store_;
     std::vector<LeftoverFile> leftovers_;  // Files of killed runs.
     std::unique_ptr<DiskSync> disk_sync_;  // Null unless requested.
     bool sync_failed_ = false;

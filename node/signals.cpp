@@ -54,6 +54,7 @@ void Signals::wait_for_end() {
     end_signals_.async_wait([this](std::error_code error, int number) {
         if (!error) {
             on_end_(number == SIGINT ? "interrupted" : "asked to end");
+            wait_for_end();
         }
     });
 }

@@ -21,8 +21,8 @@ class Signals {
     // From now on, these signals do not end the process.
     explicit Signals(asio::io_context& loop);
 
-    // Calls `on_end` once, on the event loop, with the reason in words. Calls `on_reload` each time
-    // SIGHUP asks for it.
+    // Calls `on_end` on the event loop, with the reason in words, for each signal to end. Calls
+    // `on_reload` each time SIGHUP asks for it.
     void wait(OnEnd on_end, OnReload on_reload);
 
   private:

@@ -60,21 +60,21 @@ class WavFile : public AudioFile {
     ~WavFile() override { WavFile::close(); }
 
     bool write(const std::int16_t* samples, std::size_t count) override {
-        if (!error_.empty()) {
-            return false;
-        }
         const std::uint64_t size = count * sizeof *samples;
-        if (size_ + size > MAX_WAV_DATA_SIZE) {
-            return fail("a WAV file holds no more than 4 GB");
-        }
-        if (descriptor_ < 0 && !open()) {
+        return make_ready(size) && append(samples, size);
+    }
+
+    // As a hole: silence takes no room on the disk, however long it lasts.
+    bool write_silence(std::uint64_t count) override {
+        const std::uint64_t size = count * sizeof(std::int16_t);
+        if (!make_ready(size)) {
             return false;
         }
-        if (removed()) {
-            return fail(REMOVED);
+        if (::ftruncate(descriptor_, static_cast<off_t>(WAV_HEADER_SIZE + size_ + size)) != 0) {
+            return fail(system_text(errno));
         }
-        folder_.open_.splice(folder_.open_.end(), folder_.open_, place_);
-        return append(samples, size);
+        size_ += size;
+        return write_header() || fail(system_text(errno));
     }
 
     bool close() override {
@@ -155,6 +155,24 @@ class WavFile : public AudioFile {
         return true;
     }
 
+    // Makes the file ready for so many more bytes of samples.
+    bool make_ready(std::uint64_t size) {
+        if (!error_.empty()) {
+            return false;
+        }
+        if (size > MAX_WAV_DATA_SIZE - size_) {
+            return fail("a WAV file holds no more than 4 GB");
+        }
+        if (descriptor_ < 0 && !open()) {
+            return false;
+        }
+        if (removed()) {
+            return fail(REMOVED);
+        }
+        folder_.open_.splice(folder_.open_.end(), folder_.open_, place_);
+        return true;
+    }
+
     // Writes samples, then the header that counts them. If the program is killed in between, the
     // header still fits the samples before. When the disk becomes full, the file keeps what was
     // written.
@@ -162,8 +180,7 @@ class WavFile : public AudioFile {
         const std::uint64_t written = write_all(samples, size, WAV_HEADER_SIZE + size_);
         const int error = errno;
         size_ += written - written % format_.frame_size();
-        const WavHeader header = wav_header(format_, size_);
-        const bool counted = write_all(header.data(), header.size(), 0) == header.size();
+        const bool counted = write_header();
         if (written == size) {
             return counted || fail(system_text(errno));
         }
@@ -171,6 +188,12 @@ class WavFile : public AudioFile {
         [[maybe_unused]] const int ignored =
             ::ftruncate(descriptor_, static_cast<off_t>(WAV_HEADER_SIZE + size_));
         return fail(system_text(error));
+    }
+
+    // If that fails, errno says why.
+    bool write_header() const {
+        const WavHeader header = wav_header(format_, size_);
+        return write_all(header.data(), header.size(), 0) == header.size();
     }
 
     // Returns how many bytes were written. If they are fewer than requested, errno says why.

@@ -30,8 +30,25 @@ class AudioFile {
     // or earlier.
     virtual bool write(const std::int16_t* samples, std::size_t count) = 0;
 
+    // The same for all samples of a block. The block is empty afterwards, perhaps with another
+    // capacity: its memory may have been kept.
+    virtual bool take(std::vector<std::int16_t>& samples) {
+        const bool written = write(samples.data(), samples.size());
+        samples.clear();
+        return written;
+    }
+
+    // Appends so many samples of silence, of all channels together. Returns false if the file has
+    // failed, now or earlier.
+    virtual bool write_silence(std::uint64_t count) = 0;
+
     // Completes the file. Returns false if this or an earlier write failed.
     virtual bool close() = 0;
+    // Whether the completion goes on although close() has returned. If it fails, error() says so
+    // later.
+    virtual bool completing() const { return false; }
+    // Samples in whose place there is silence, because the disk was too slow.
+    virtual std::uint64_t dropped_samples() const { return 0; }
 
     virtual const std::string& path() const = 0;
     // Empty if the file has not failed.
@@ -50,6 +67,9 @@ class AudioStore {
     // outlive it.
     virtual std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
                                               int channels) = 0;
+
+    // Files that are open now.
+    virtual std::size_t open_files() const = 0;
 };
 
 // Raises the limit of open files as far as the system allows. Returns how many audio files may then
@@ -78,7 +98,7 @@ class WavFolder : public AudioStore {
     std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
                                       int channels) override;
 
-    std::size_t open_files() const { return open_.size(); }
+    std::size_t open_files() const override { return open_.size(); }
     // Files created by this object.
     std::uint64_t created_files() const { return created_; }
 

@@ -63,10 +63,18 @@ class RecordedCall : public CallListener {
 
     void tick(const Call& /*call*/, Micros /*now*/) override { report_failures(); }
 
-    void ended(const Call& /*call*/, EndReason /*reason*/) override {
+    void closing(const Call& /*call*/, EndReason /*reason*/) override {
         for (const auto& recording : recordings_) {
             recording->finish();
         }
+    }
+
+    bool completing(const Call& /*call*/) const override {
+        return std::any_of(recordings_.begin(), recordings_.end(),
+                           [](const auto& recording) { return recording->completing(); });
+    }
+
+    void ended(const Call& /*call*/, EndReason /*reason*/) override {
         report_failures();
         for (FileReport& file : files()) {
             call_.add_file(std::move(file));

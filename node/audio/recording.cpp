@@ -31,6 +31,12 @@ void SideRecording::audio(Side side, const std::int16_t* samples, std::size_t co
 }
 
 void SideRecording::silence(Side side, std::uint64_t count) {
+    if (count >= PATIENCE * options_.block_samples) {
+        track(side).used = true;
+        write_block(side, true);
+        track(side).file->write_silence(count);
+        return;
+    }
     for_each_silent_part(count, [this, side](const std::int16_t* zeros, std::size_t part) {
         audio(side, zeros, part);
     });
@@ -72,13 +78,21 @@ std::vector<FileReport> SideRecording::files() const {
     std::vector<FileReport> reports;
     for (const Track& track : tracks_) {
         for (const auto& file : track.complete) {
-            reports.push_back({file->path(), file->error()});
+            reports.push_back(report_of(*file));
         }
         if (track.file != nullptr) {
-            reports.push_back({track.file->path(), track.file->error()});
+            reports.push_back(report_of(*track.file));
         }
     }
     return reports;
+}
+
+bool SideRecording::completing() const {
+    return std::any_of(tracks_.begin(), tracks_.end(), [](const Track& track) {
+        return (track.file != nullptr && track.file->completing()) ||
+               std::any_of(track.complete.begin(), track.complete.end(),
+                           [](const auto& file) { return file->completing(); });
+    });
 }
 
 void SideRecording::write_block(Side side, bool last) {
@@ -99,8 +113,7 @@ void SideRecording::write_block(Side side, int sample_rate) {
         const std::size_t part = from.complete.size() + 1;
         from.file = store_.create(side_file_name(stem_, side, part), sample_rate, 1);
     }
-    from.file->write(from.block.data(), from.block.size());
-    from.block.clear();
+    from.file->take(from.block);
 }
 
 }  // namespace qv::node

@@ -36,6 +36,8 @@ class Recording {
     virtual std::size_t failed_files() const = 0;
     // The files so far.
     virtual std::vector<FileReport> files() const = 0;
+    // Whether files are still being completed after finish().
+    virtual bool completing() const = 0;
 };
 
 // Returns the sample rate of a side in Hz, or 0 if it is unknown. With `last`, it decides on a
@@ -62,6 +64,7 @@ class SideRecording : public Recording {
     void finish() override;
     std::size_t failed_files() const override;
     std::vector<FileReport> files() const override;
+    bool completing() const override;
 
   private:
     struct Track {
@@ -81,6 +84,11 @@ class SideRecording : public Recording {
     RecordingOptions options_;
     std::array<Track, SIDE_COUNT> tracks_;
 };
+
+// What reports say of a file.
+inline FileReport report_of(const AudioFile& file) {
+    return {file.path(), file.error(), file.dropped_samples()};
+}
 
 // Calls `use(zeros, size)` until `count` zeros have been used.
 template <typename Use>

@@ -60,9 +60,39 @@ StereoRecording::Track& StereoRecording::placed_track(Side side) {
 void StereoRecording::append_silence(Track& track, std::uint64_t count) {
     const std::uint64_t written = std::min(count, track.padding);
     track.padding -= written;
-    for_each_silent_part(count - written, [&](const std::int16_t* zeros, std::size_t part) {
-        append(track, zeros, part);
-    });
+    if (count - written >= PATIENCE * options_.block_samples) {
+        write_silence(track, count - written);
+    } else {
+        append_zeros(track, count - written);
+    }
+}
+
+void StereoRecording::append_zeros(Track& track, std::uint64_t count) {
+    for_each_silent_part(
+        count, [&](const std::int16_t* zeros, std::size_t part) { append(track, zeros, part); });
+}
+
+// Writes what waits, and then the silence of both sides at once: it may last for hours. The other
+// side is padded.
+void StereoRecording::write_silence(Track& track, std::uint64_t count) {
+    Track& other = other_track(track);
+    if (track.waiting.size() < other.waiting.size()) {
+        const std::uint64_t beside =
+            std::min<std::uint64_t>(count, other.waiting.size() - track.waiting.size());
+        append_zeros(track, beside);
+        count -= beside;
+    }
+    if (longest() > 0) {
+        if (!ready(true)) {
+            return append_zeros(track, count);
+        }
+        write_frames(longest());
+    }
+    if (file_ == nullptr || track.apart) {
+        return append_zeros(track, count);
+    }
+    file_->write_silence(SIDE_COUNT * count);
+    other.padding += count;
 }
 
 void StereoRecording::rate_changed(Side side, int former_rate) {
@@ -128,7 +158,7 @@ void StereoRecording::write_frames(std::size_t count) {
         from.waiting.erase(from.waiting.begin(),
                            from.waiting.begin() + static_cast<std::ptrdiff_t>(count));
     }
-    file_->write(frames_.data(), frames_.size());
+    file_->take(frames_);
 }
 
 // Creates the file if necessary, and splits off sides whose rate differs from the file's. Returns
@@ -236,6 +266,10 @@ void StereoRecording::finish() {
     }
 }
 
+bool StereoRecording::completing() const {
+    return (file_ != nullptr && file_->completing()) || (split_ != nullptr && split_->completing());
+}
+
 std::size_t StereoRecording::failed_files() const {
     const std::size_t own = file_ != nullptr && !file_->error().empty() ? 1 : 0;
     return own + (split_ != nullptr ? split_->failed_files() : 0);
@@ -244,7 +278,7 @@ std::size_t StereoRecording::failed_files() const {
 std::vector<FileReport> StereoRecording::files() const {
     std::vector<FileReport> reports;
     if (file_ != nullptr) {
-        reports.push_back({file_->path(), file_->error()});
+        reports.push_back(report_of(*file_));
     }
     if (split_ != nullptr) {
         const std::vector<FileReport> apart = split_->files();

@@ -30,6 +30,7 @@ class StereoRecording : public Recording {
     void finish() override;
     std::size_t failed_files() const override;
     std::vector<FileReport> files() const override;
+    bool completing() const override;
 
   private:
     struct Track {
@@ -41,11 +42,14 @@ class StereoRecording : public Recording {
     };
 
     Track& track(Side side) { return tracks_[index_of(side)]; }
+    Track& other_track(const Track& track) { return tracks_[&track == tracks_.data() ? 1 : 0]; }
     std::size_t longest() const;
     std::size_t shorter() const;
     Track& placed_track(Side side);
     void append(Track& track, const std::int16_t* samples, std::size_t count);
     void append_silence(Track& track, std::uint64_t count);
+    void append_zeros(Track& track, std::uint64_t count);
+    void write_silence(Track& track, std::uint64_t count);
     void write_what_is_due();
     void write_frames(std::size_t count);
     bool ready(bool last);

@@ -236,12 +236,22 @@ std::optional<EndReason> Call::reason_to_end(Micros now) const {
     return std::nullopt;
 }
 
-void Call::end(EndReason reason) {
+void Call::close(EndReason reason) {
     wrapped_up_.reset();  // Packets may have come since.
     wrap_up(last_seen_);
     if (implausible_end_.has_value()) {
         refuse_terminate(implausible_terminate());
     }
+    for_each_listener([&](CallListener& listener) { listener.closing(*this, reason); });
+}
+
+bool Call::completing() const {
+    return std::any_of(listeners_.begin(), listeners_.end(), [this](const CallListener* listener) {
+        return listener->completing(*this);
+    });
+}
+
+void Call::report_end(EndReason reason) {
     for_each_listener([&](CallListener& listener) { listener.ended(*this, reason); });
 }
 

@@ -62,8 +62,13 @@ class Call {
     // Why the call must end now, or nullopt. The work of outputs delays the end by at most two
     // seconds.
     std::optional<EndReason> due(Micros now) const;
-    // Delivers everything that is held and reports the end.
-    void end(EndReason reason);
+    // Delivers everything that is held and has the outputs complete their files. Nothing may be
+    // received after it.
+    void close(EndReason reason);
+    // Whether outputs still complete files; tick() is not needed for that.
+    bool completing() const;
+    // Reports the end. The files of the call should be complete.
+    void report_end(EndReason reason);
     // Makes the sides continue where an earlier call left them. Call it before the first packet.
     void continue_from(const SidePlaces& places);
     SidePlaces places() const;

@@ -11,7 +11,8 @@
 //
 // Order of the functions for a call: begin_call; started, if the start packet comes;
 // features_changed and terminated; for each side side_begun, rate_decided, and then data, pause,
-// gap, audio, running_changed, rate_changed and late as packets come; wrapping_up; finally ended.
+// gap, audio, running_changed, rate_changed and late as packets come; wrapping_up; closing; finally
+// ended.
 // rate_decided comes once for each side with packets, before ended at the latest. Until then the
 // side's sample_rate() is 0. Any rate_changed comes after it.
 //
@@ -91,7 +92,8 @@ struct FoundSample {
 // The result for a file.
 struct FileReport {
     std::string path;
-    std::string error;  // Empty if the file is complete.
+    std::string error;                  // Empty if the file is complete.
+    std::uint64_t dropped_samples = 0;  // Replaced by silence, because the disk was too slow.
 };
 
 class CallListener {
@@ -154,6 +156,10 @@ class CallListener {
     // wrapping_up, the end waits for this for a limited time, but not if the node ends or the call
     // starts again.
     virtual bool working(const Call&) const { return false; }
+    // The call is over: no packets of it are accepted any more. The outputs complete its files.
+    virtual void closing(const Call&, EndReason) {}
+    // Whether the output is still completing files. The end of the call is reported after that.
+    virtual bool completing(const Call&) const { return false; }
     // The call has ended. Nothing follows except file_failed, for files of a later output.
     virtual void ended(const Call&, EndReason) {}
 };

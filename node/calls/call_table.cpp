@@ -1,6 +1,8 @@
 #include "node/calls/call_table.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 namespace qv::node {
@@ -122,6 +124,7 @@ void CallTable::tick(Micros now) {
         entry.second->tick(now);
     }
     end_due_calls(now);
+    report_ends();
     terminated_.expire(now);
     left_behind_.expire(now);
 }
@@ -146,12 +149,29 @@ void CallTable::end_due_calls(Micros now) {
 }
 
 void CallTable::end(Call& call, EndReason reason, Micros now) {
-    call.end(reason);
+    call.close(reason);
     remember(call, reason, now);
     if (last_ == &call) {
         last_ = nullptr;
     }
-    calls_.erase(Uuid(call.uuid()));
+    auto over = calls_.extract(call.uuid());
+    if (call.completing()) {
+        completing_.push_back({std::move(over.mapped()), reason});
+    } else {
+        call.report_end(reason);
+    }
+}
+
+void CallTable::report_ends() {
+    const auto complete =
+        std::stable_partition(completing_.begin(), completing_.end(),
+                              [](const Completing& each) { return each.call->completing(); });
+    std::vector<Completing> ends(std::make_move_iterator(complete),
+                                 std::make_move_iterator(completing_.end()));
+    completing_.erase(complete, completing_.end());
+    for (const Completing& each : ends) {
+        each.call->report_end(each.reason);
+    }
 }
 
 void CallTable::remember(const Call& call, EndReason reason, Micros now) {

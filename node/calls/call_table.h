@@ -39,8 +39,14 @@ class CallTable {
     // Ends calls that are due. Call it several times a second.
     void tick(Micros now);
 
-    // Ends all calls.
+    // Ends all calls. The ends of those whose files are still being completed are reported by
+    // report_ends().
     void shut_down();
+
+    // Reports the ends of calls whose files are complete now. tick() does it, too.
+    void report_ends();
+    // Calls that are over, but whose files are not complete.
+    std::size_t completing() const { return completing_.size(); }
 
     const Totals& totals() const { return totals_; }
     std::size_t size() const { return calls_.size(); }
@@ -58,6 +64,11 @@ class CallTable {
         SidePlaces places;
     };
 
+    struct Completing {
+        std::unique_ptr<Call> call;
+        EndReason reason;
+    };
+
     Call* find(const media::Packet& packet);
     Call* add(const media::Packet& packet, const Arrival& arrival);
     bool is_after_end(const Uuid& uuid, const media::Packet& packet) const;
@@ -73,6 +84,7 @@ class CallTable {
     CallCounter counter_{totals_};
     std::vector<CallListener*> outputs_;  // The counter, then those of the constructor.
     Calls calls_;
+    std::vector<Completing> completing_;
     // Call of the latest packet, because packets of a call often come together.
     Call* last_ = nullptr;
     ExpiringMap<Ended> terminated_;

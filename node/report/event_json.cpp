@@ -122,7 +122,9 @@ Json end_json(const Call& call, EndReason reason) {
     }
     Json files = Json::array();
     for (const FileReport& file : call.files()) {
-        files.push_back({{"path", file.path}, {"error", file.error}});
+        files.push_back({{"path", file.path},
+                         {"error", file.error},
+                         {"dropped_samples", file.dropped_samples}});
     }
     return {{"reason", name_of(reason)},
             {"start_seen", call.start().has_value()},

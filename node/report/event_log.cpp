@@ -31,6 +31,10 @@ void EventLog::overflow(std::uint64_t packets) {
     write("overflow", {{"packets", packets}});
 }
 
+void EventLog::audio_dropped(std::uint64_t bytes) {
+    write("audio_dropped", {{"bytes", bytes}});
+}
+
 void EventLog::left_behind(const LeftoverFile& file) {
     write("leftover", {{"path", file.path},
                        {"sample_rate", file.format.sample_rate},

@@ -33,6 +33,7 @@ class EventLog : public CallListener {
     // Datagrams of senders that are not allowed. `source` is the sender of the latest.
     void not_allowed(std::uint64_t packets, const sockaddr_in& source);
     void overflow(std::uint64_t packets);
+    void audio_dropped(std::uint64_t bytes);
     void left_behind(const LeftoverFile& file);
 
     void started(const Call& call, const media::Packet& packet) override;

@@ -30,6 +30,8 @@ struct NodeFigures {
     std::uint64_t overflowed = 0;      // Datagrams that the system dropped.
     std::size_t calls = 0;             // Present calls.
     std::size_t open_files = 0;
+    std::uint64_t waiting_bytes = 0;      // Of audio, for the disk.
+    std::uint64_t dropped_bytes = 0;      // Of audio that found no room to wait.
     int receive_buffer = 0;               // Bytes.
     std::uint64_t calls_not_written = 0;  // Calls without files because of --max-files.
     ReportFigures reports;

@@ -83,9 +83,12 @@ class Metrics::Impl {
                                 "Call sides whose packets did not tell their sample rate")),
           rate_changes(
               counter("rate_changes_total", "Sample rates of call sides that changed in mid-call")),
+          dropped_audio(counter("dropped_audio_bytes_total",
+                                "Audio for which no memory was left while it waited for the disk")),
           file_errors(counter("file_errors_total", "Files that could not be written")),
           calls(gauge("calls", "Calls now")),
           open_files(gauge("open_files", "WAV files open now")),
+          waiting_audio(gauge("waiting_audio_bytes", "Audio that waits for the disk")),
           receive_buffer(gauge("receive_buffer_bytes", "Room that the system granted")),
           sample_references(gauge("sample_references", "Samples that are looked for")),
           onsets(counter("activity_onsets_total", "Beginnings of audio activity")),
@@ -170,9 +173,11 @@ class Metrics::Impl {
     Counter& pauses;
     Counter& assumed_rates;
     Counter& rate_changes;
+    Counter& dropped_audio;
     Counter& file_errors;
     Gauge& calls;
     Gauge& open_files;
+    Gauge& waiting_audio;
     Gauge& receive_buffer;
     Gauge& sample_references;
     Counter& onsets;
@@ -211,12 +216,14 @@ void Metrics::update(const NodeFigures& figures, const Analyser::Figures& analys
     set(impl_->pauses, totals.pauses);
     set(impl_->assumed_rates, totals.assumed_rates);
     set(impl_->rate_changes, totals.rate_changes);
+    set(impl_->dropped_audio, figures.dropped_bytes);
     set(impl_->file_errors, totals.file_errors);
     set(*impl_->reports[0], figures.reports.sent);
     set(*impl_->reports[1], figures.reports.failed);
     set(*impl_->reports[2], figures.reports.not_allowed);
     impl_->calls.Set(static_cast<double>(figures.calls));
     impl_->open_files.Set(static_cast<double>(figures.open_files));
+    impl_->waiting_audio.Set(static_cast<double>(figures.waiting_bytes));
     impl_->receive_buffer.Set(figures.receive_buffer);
     for (std::size_t i = 0; i < totals.packets.size(); ++i) {
         set(*impl_->packets[i], totals.packets[i]);

@@ -70,6 +70,18 @@ void Notices::malformed(const Datagram& datagram, media::DecodeResult reason, st
     }
 }
 
+void Notices::audio_dropped(std::uint64_t total) {
+    const std::uint64_t fresh = total - std::exchange(reported_dropped_audio_, total);
+    if (fresh == 0) {
+        return;
+    }
+    lines_.say("audio lost: the disk is too slow",
+               grouped(fresh) + " bytes more than may wait (--write-buffer)");
+    if (events_ != nullptr) {
+        events_->audio_dropped(fresh);
+    }
+}
+
 void Notices::overflowed(std::uint64_t total) {
     const std::uint64_t fresh = total - std::exchange(reported_overflow_, total);
     if (fresh == 0) {

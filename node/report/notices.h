@@ -32,6 +32,9 @@ class Notices {
     // The number of datagrams so far from senders that are not allowed; `source` is the sender of
     // the latest. Reports the increase.
     void not_allowed(std::uint64_t total, const sockaddr_in& source);
+    // The bytes of audio so far for which no memory was left while they waited for the disk.
+    // Reports the increase.
+    void audio_dropped(std::uint64_t total);
     // The number of reports so far to addresses that are not allowed. Reports the increase.
     void reports_not_allowed(const ReportFigures& figures);
     // The number of packets so far of calls beyond the limit. Reports the increase.
@@ -42,6 +45,7 @@ class Notices {
     EventLog* events_;
     bool quiet_lines_;
     std::uint64_t reported_overflow_ = 0;
+    std::uint64_t reported_dropped_audio_ = 0;
     std::uint64_t reported_not_allowed_ = 0;
     std::uint64_t reported_too_many_ = 0;
     std::uint64_t reported_refused_reports_ = 0;

@@ -61,6 +61,10 @@ void print_summary(LineReport& lines, const NodeFigures& figures, const LostEven
     if (totals.file_errors != 0) {
         lines.say("  not written: " + counted(totals.file_errors, "file"), "");
     }
+    if (figures.dropped_bytes != 0) {
+        lines.say("  not written: " + grouped(figures.dropped_bytes) + " bytes",
+                  "the disk was too slow");
+    }
     if (figures.calls_not_written != 0) {
         lines.say("  not written: " + counted(figures.calls_not_written, "call"), "too many files");
     }

@@ -1,6 +1,8 @@
 """Runs quorvane-node as a process and sends it hand-written datagrams.
 
-usage: node_end_to_end_test.py QUORVANE_NODE GOLDEN_FOLDER
+usage: node_end_to_end_test.py QUORVANE_NODE GOLDEN_FOLDER STOPPED_DISK
+
+STOPPED_DISK is the library of bench/stopped_disk.cpp.
 """
 import array
 import concurrent.futures
@@ -26,7 +28,7 @@ import urllib.request
 import wave
 import xml.etree.ElementTree
 
-NODE, GOLDEN = sys.argv[1], pathlib.Path(sys.argv[2])
+NODE, GOLDEN, STOPPED_DISK = sys.argv[1], pathlib.Path(sys.argv[2]), sys.argv[3]
 UUID = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37"
 CALL = ["call_1_start", "call_2_read", "call_3_write", "call_4_read", "call_5_write",
         "call_6_control", "call_7_terminate"]
@@ -59,7 +61,7 @@ def listed_event_fields():
         fields |= PACKET_FIELDS if "the common fields" in text else set()
         fields |= {"sides"} if kind == "end" else set()
         if kind not in ("listening", "not_allowed", "malformed", "overflow", "events_lost",
-                        "leftover"):
+                        "leftover", "audio_dropped"):
             fields |= {"call_key", "call_uuid", "source"}
         listed[kind] = listed["data"] if text.startswith("the same,") else fields
     return listed
@@ -246,7 +248,8 @@ class Node:
     """A running receiver, its folder and its output. With `disk` the folder is a file system
     of that size."""
 
-    def __init__(self, *options, limit=None, disk=None, before=None, folder=None):
+    def __init__(self, *options, limit=None, disk=None, before=None, folder=None,
+                 environment=None):
         self.home = tempfile.TemporaryDirectory(prefix="quorvane-node-")
         self.folder = folder or pathlib.Path(self.home.name) / "wav"
         self.output = pathlib.Path(self.home.name) / "output"
@@ -256,7 +259,8 @@ class Node:
             self.process = subprocess.Popen(
                 [*(wrapper if disk else []), NODE, "--listen", "127.0.0.1:0", "--output",
                  str(self.folder), *options],
-                stdout=out, stderr=subprocess.STDOUT, preexec_fn=before)
+                stdout=out, stderr=subprocess.STDOUT, preexec_fn=before,
+                env={**os.environ, **(environment or {})})
         self.address = ("127.0.0.1", int(self.wait_for(r"127\.0\.0\.1:(\d+)").group(1)))
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 
@@ -306,6 +310,9 @@ class Node:
             self.send(of_call(call, golden("call_7_terminate")))
         for call in calls:
             self.wait_for(uuid_of(call) + "  end ")
+
+    def originator_path(self, call):
+        return self.folder / (uuid_of(call) + "-originator.wav")
 
     def inside(self, call):
         """The originator's file of that call, as the receiver sees it."""
@@ -491,6 +498,68 @@ def side_of_two_rates(terminator=False):
     return datagrams
 
 
+@unittest.skipIf(watched_by_a_sanitizer(), "the sanitizer must be loaded first")
+class DiskStandsStill(unittest.TestCase):
+    """A library that is loaded first holds up everything that reaches the disk."""
+
+    def stopped(self, seconds, *options):
+        return Node("--events", "-", "--rate", "8000", "--block", "1", *options,
+                    environment={"LD_PRELOAD": STOPPED_DISK, "QUORVANE_STOP_FOR": str(seconds)})
+
+    def test_receiver_goes_on_and_nothing_is_lost(self):
+        with self.stopped(3, "--calls", "2") as node:
+            node.talk((1, 2), 500)
+            for call in (1, 2):
+                node.send(of_call(call, golden("call_7_terminate")))
+            node.wait_for('(?s)("event":"terminate".*){2}')
+            self.assertFalse(list(node.folder.glob("*.wav")), "too late for this test")
+            self.assertFalse(node.events("end"))
+            self.assertEqual(node.exit_code(), 0, node.text())
+            for call in (1, 2):
+                self.assertEqual(samples(node.originator_path(call)),
+                                 sum((audio(call, n) for n in range(1, 501)), []))
+            for end in node.events("end"):
+                self.assertEqual([file["dropped_samples"] for file in end["files"]], [0])
+
+    def test_second_signal_ends_at_once(self):
+        with self.stopped(1000, "--exit-wait", "900") as node:
+            node.talk((1,), 100)
+            node.process.send_signal(signal.SIGTERM)
+            node.wait_for("asked to end")
+            with self.assertRaises(subprocess.TimeoutExpired):
+                node.exit_code(0.5)
+            self.assertEqual(node.stop(), 1)
+            self.assertIn("files given up", node.text())
+            end, = node.events("end")
+            self.assertEqual(end["files"][0]["error"],
+                             "the disk did not take all of it before the end")
+
+    def test_wait_for_the_disk_at_the_end_is_bounded(self):
+        with self.stopped(1000, "--exit-wait", "0.2") as node:
+            node.talk((1,), 100)
+            self.assertEqual(node.stop(), 1)
+            self.assertIn("files given up", node.text())
+
+    def test_audio_beyond_the_memory_is_lost_and_reported(self):
+        calls = (1, 2, 3, 4)
+        with self.stopped(8, "--write-buffer", "1", "--calls", "4") as node:
+            node.talk(calls, 1200)
+            for call in calls:
+                node.send(of_call(call, golden("call_7_terminate")))
+            self.assertEqual(node.exit_code(40), 1, node.text())
+            differ = 0
+            for call in calls:
+                written = samples(node.originator_path(call))
+                sent = sum((audio(call, number) for number in range(1, 1201)), [])
+                self.assertEqual(len(written), len(sent))
+                differ += sum(1 for one, other in zip(written, sent) if one != other)
+            dropped = sum(end["files"][0]["dropped_samples"] for end in node.events("end"))
+            self.assertGreater(dropped, 0)
+            self.assertEqual(dropped, differ)
+            self.assertEqual(sum(event["bytes"] for event in node.events("audio_dropped")),
+                             2 * dropped)
+
+
 class NodeEndToEnd(unittest.TestCase):
     def test_side_whose_rate_changes_goes_on_in_another_file(self):
         with Node("--events", "-", "--stereo", "--calls", "1", "--timeline") as node:
@@ -615,7 +684,7 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(set(listed) - set(seen),
                              {"overflow", "events_lost", "not_allowed", "foreign",
                               "terminate_refused", "leftover", "activity", "sample",
-                              "analysis_skipped", "rate_change"})
+                              "analysis_skipped", "rate_change", "audio_dropped"})
             for kind, fields in seen.items():
                 self.assertEqual(fields, listed[kind], kind)
             self.assertEqual(set(node.events("end")[0]["sides"]["originator"]), LISTED_SIDE)
@@ -1094,4 +1163,4 @@ class NodeEndToEnd(unittest.TestCase):
 if __name__ == "__main__":
     if not may_mount():
         print("The test of a full disk is skipped: no file system can be mounted here.")
-    unittest.main(argv=[sys.argv[0], *sys.argv[3:]], verbosity=1)
+    unittest.main(argv=[sys.argv[0], *sys.argv[4:]], verbosity=1)

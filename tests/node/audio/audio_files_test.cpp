@@ -65,6 +65,38 @@ class LimitGuard {
     rlimit before_{};
 };
 
+TEST_F(AudioFilesTest, SilenceTakesNoRoomOnTheDisk) {
+    const auto file = folder_->create("a.wav", 8000, 1);
+    put(*file, {1, 2});
+    file->write_silence(100'000'000);
+    put(*file, {3});
+    EXPECT_TRUE(file->close());
+    struct stat status {};
+    ASSERT_EQ(::stat((folder_path_ + "/a.wav").c_str(), &status), 0);
+    EXPECT_EQ(status.st_size, 44 + 2 * 100'000'003);
+    EXPECT_LT(status.st_blocks * 512, 1'000'000);
+    const Samples samples = read("a.wav");
+    ASSERT_EQ(samples.size(), 100'000'003u);
+    EXPECT_EQ(samples[1], 2);
+    EXPECT_EQ(samples[2], 0);
+    EXPECT_EQ(samples[100'000'002], 3);
+}
+
+TEST_F(AudioFilesTest, SilenceBeyondWhatAFileHoldsFailsTheFile) {
+    const auto file = folder_->create("a.wav", 8000, 1);
+    put(*file, {1});
+    EXPECT_FALSE(file->write_silence(std::uint64_t{1} << 62));
+    EXPECT_EQ(file->error(), "a WAV file holds no more than 4 GB");
+    EXPECT_EQ(read("a.wav"), (Samples{1}));
+}
+
+TEST_F(AudioFilesTest, FilesBeyondTheLimitFailAtOnce) {
+    folder_->limit_files(1);
+    EXPECT_EQ(folder_->create("a.wav", 8000, 1)->error(), "");
+    EXPECT_EQ(folder_->create("b.wav", 8000, 1)->error(), "too many files");
+    EXPECT_FALSE(folder_->exists("b.wav"));
+}
+
 TEST_F(AudioFilesTest, WhatIsWrittenCanBeRead) {
     const auto file = folder_->create("a.wav", 16000, 1);
     EXPECT_TRUE(put(*file, {1, -2, 32767}));

@@ -30,6 +30,8 @@ class FakeAudioStore : public node::AudioStore {
         return std::make_unique<Handle>(*this, name);
     }
 
+    std::size_t open_files() const override { return 0; }
+
     std::map<std::string, FakeFile> files;
     std::string error;                          // If set, every write fails with it.
     std::map<std::string, std::string> errors;  // By name: writes to that file fail with the text.
@@ -51,6 +53,10 @@ class FakeAudioStore : public node::AudioStore {
             file.samples.insert(file.samples.end(), samples, samples + count);
             ++file.writes;
             return true;
+        }
+        bool write_silence(std::uint64_t count) override {
+            const std::vector<std::int16_t> zeros(count);
+            return write(zeros.data(), zeros.size());
         }
         bool close() override {
             store_.files[name_].closed = true;

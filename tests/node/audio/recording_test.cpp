@@ -106,6 +106,17 @@ TEST_F(RecordingTest, FailedFileOfAFormerRateIsReported) {
     EXPECT_EQ(recording.files()[0].error, "No space left on device");
 }
 
+TEST_F(RecordingTest, LongSilenceIsWrittenAtOnce) {
+    SideRecording recording = sides(true);
+    put(recording, ORIGINATOR, {1});
+    recording.pause(ORIGINATOR, 1'000'000);
+    EXPECT_EQ(samples_of("call-originator.wav").size(), 1'000'001u);
+    EXPECT_EQ(store_.files.at("call-originator.wav").writes, 2u);
+    put(recording, ORIGINATOR, {2});
+    recording.finish();
+    EXPECT_EQ(samples_of("call-originator.wav").back(), 2);
+}
+
 TEST_F(RecordingTest, FileWaitsUntilTheRateIsKnown) {
     rates_ = {0, 0};
     SideRecording recording = sides();

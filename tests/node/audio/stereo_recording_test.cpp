@@ -67,6 +67,35 @@ TEST_F(StereoRecordingTest, ASideThatNeverComesIsSilent) {
     EXPECT_EQ(written(), (Samples{0, 7, 0, 8}));
 }
 
+TEST_F(StereoRecordingTest, LongPauseOfBothSidesIsWrittenAtOnce) {
+    put(ORIGINATOR, {1, 2, 3, 4, 5});
+    put(TERMINATOR, {-1, -2});
+    recording_.pause(ORIGINATOR, 1'000'000);
+    EXPECT_LT(store_.files.at("call.wav").writes, 5u);
+    recording_.pause(TERMINATOR, 1'000'003);
+    put(ORIGINATOR, {6});
+    put(TERMINATOR, {-6});
+    recording_.finish();
+    EXPECT_EQ(frames(), 1'000'006u);
+    EXPECT_EQ(written().at(8), 5);
+    EXPECT_EQ(right(1), -2);
+    EXPECT_EQ(right(2), 0);
+    EXPECT_EQ(written().at(std::size_t{2} * 1'000'005), 6);
+    EXPECT_EQ(right(1'000'005), -6);
+}
+
+TEST_F(StereoRecordingTest, LongPauseWaitsForNoAudioThatCameBeforeIt) {
+    put(ORIGINATOR, {1});
+    put(TERMINATOR, {-1, -2, -3, -4, -5, -6, -7});
+    recording_.pause(ORIGINATOR, 100);
+    put(ORIGINATOR, {2});
+    recording_.finish();
+    EXPECT_EQ(frames(), 102u);
+    EXPECT_EQ(right(6), -7);
+    EXPECT_EQ(right(7), 0);
+    EXPECT_EQ(written().at(std::size_t{2} * 101), 2);
+}
+
 TEST_F(StereoRecordingTest, ACallWithoutAudioHasNoFile) {
     recording_.finish();
     EXPECT_TRUE(store_.files.empty());

@@ -177,7 +177,8 @@ TEST_F(CallSideTest, RateOfAShortSideIsDecidedAtTheEnd) {
     restart(0);
     data(1);
     diary_.take();
-    call_->end(EndReason::TERMINATED);
+    call_->close(EndReason::TERMINATED);
+    call_->report_end(EndReason::TERMINATED);
     EXPECT_EQ(diary_.take(), "rate8000?");
     EXPECT_EQ(side(Side::TERMINATOR).sample_rate(), 0) << "of which nothing came";
 }
@@ -295,7 +296,8 @@ TEST_F(CallSideTest, SidesOfAJoinedCallBeginAtTheirPlaceInTime) {
             }
             pass(20ms);
         }
-        call_->end(EndReason::SHUTDOWN);
+        call_->close(EndReason::SHUTDOWN);
+        call_->report_end(EndReason::SHUTDOWN);
         EXPECT_EQ(side(Side::ORIGINATOR).position_with_pauses(),
                   side(Side::TERMINATOR).position_with_pauses())
             << one.rate << ' ' << one.originator_s << ' ' << one.terminator_s;
@@ -320,7 +322,8 @@ TEST_F(CallSideTest, JoiningIsReportedAsUnsureWhereNoRateIsFound) {
     Packet made = packet(2'000'000);
     made.leg_word = 0x8001;
     receive(made);
-    call_->end(EndReason::SHUTDOWN);
+    call_->close(EndReason::SHUTDOWN);
+    call_->report_end(EndReason::SHUTDOWN);
     EXPECT_TRUE(call_->sides_may_be_apart());
 }
 
@@ -467,7 +470,8 @@ TEST_F(RateChangeTest, ChangeShortlyBeforeTheEndIsFound) {
     speak(100, 160);
     speak(20, 320);
     EXPECT_EQ(rates(), "8000");
-    call_->end(EndReason::TERMINATED);
+    call_->close(EndReason::TERMINATED);
+    call_->report_end(EndReason::TERMINATED);
     EXPECT_EQ(rates(), "16000@16000");
 }
 
@@ -513,7 +517,8 @@ TEST_F(RateChangeTest, ForgedPacketsChangeNothing) {
         speak(10, 160);
         pass(200ms);
     }
-    call_->end(EndReason::TERMINATED);
+    call_->close(EndReason::TERMINATED);
+    call_->report_end(EndReason::TERMINATED);
     EXPECT_EQ(rates(), "8000");
 }
 
@@ -533,7 +538,8 @@ TEST_F(RateChangeTest, LostPacketsChangeNothing) {
         }
         pass(200ms);
     }
-    call_->end(EndReason::TERMINATED);
+    call_->close(EndReason::TERMINATED);
+    call_->report_end(EndReason::TERMINATED);
     EXPECT_EQ(rates(), "48000");
 }
 

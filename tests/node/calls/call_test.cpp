@@ -215,7 +215,8 @@ TEST_F(CallTest, ImplausibleTerminateIsRefusedWhenAnotherComesOrTheCallEnds) {
     terminate_at(sent_ + 300'000'000);
     terminate_at(sent_ + 400'000'000);
     EXPECT_EQ(diary_.take(), "refused 450000000");
-    call_->end(EndReason::SHUTDOWN);
+    call_->close(EndReason::SHUTDOWN);
+    call_->report_end(EndReason::SHUTDOWN);
     EXPECT_EQ(diary_.take(), "refused 350000000; end shutdown");
 }
 
@@ -306,7 +307,8 @@ TEST_F(CallTest, SilentCallTimesOutAndALongOneBecomesTooOld) {
 
 TEST_F(CallTest, EndIsReportedAfterEverythingElse) {
     data(1);
-    call_->end(EndReason::SHUTDOWN);
+    call_->close(EndReason::SHUTDOWN);
+    call_->report_end(EndReason::SHUTDOWN);
     EXPECT_EQ(diary_.take(), "begun originator; end shutdown");
 }
 

@@ -37,7 +37,8 @@ class EndCommandTest : public testing::Test {
         for (const FileReport& file : files) {
             call.add_file(file);
         }
-        call.end(EndReason::TIMED_OUT);
+        call.close(EndReason::TIMED_OUT);
+        call.report_end(EndReason::TIMED_OUT);
     }
     std::string text(const std::string& name) const {
         std::stringstream all;

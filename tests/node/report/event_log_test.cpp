@@ -204,8 +204,10 @@ TEST_F(EventLogTest, EndSumsUpTheCall) {
     EXPECT_EQ(end["start_seen"], true);
     EXPECT_EQ(end["control_packets"], 1);
     EXPECT_EQ(end["files"], Json::parse(R"([
-        {"path": "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav", "error": ""},
-        {"path": "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-terminator.wav", "error": ""}])"));
+        {"path": "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav", "error": "",
+         "dropped_samples": 0},
+        {"path": "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-terminator.wav", "error": "",
+         "dropped_samples": 0}])"));
     Json side = end["sides"]["terminator"];
     EXPECT_NEAR(side["level_db"].get<double>(), -33.32, 0.01);
     EXPECT_NEAR(side["peak_db"].get<double>(), -30.31, 0.01);
