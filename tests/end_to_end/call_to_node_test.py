@@ -9,6 +9,7 @@ import pathlib
 import random
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -243,6 +244,75 @@ class Commands(EndToEnd):
     def test_a_command_after_the_end_is_reported(self):
         figures = self.figures("--duration", "0.2", "--api", "5 quorvane version", code=1)
         self.assertEqual(figures["commands"]["missed"], 1)
+
+
+class Network(EndToEnd):
+    """What the driver's network does to the packets, against what the node reports."""
+
+    UUID = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37"
+
+    def impaired(self, *options, code=0):
+        """A call of two tones of 4 s through such a network: figures and the node's end event."""
+        node = self.node(1, "--rate", "8000", "--reorder-wait", "2", "--call-timeout", "20")
+        figures = self.figures("--media-node", node.address, "--uuid", self.UUID, "--duration",
+                               "4", *options, code=code)
+        return figures["network"], named(node.finish(), "end")[0]["sides"].values(), node
+
+    def sum(self, sides, name):
+        return sum(side[name] for side in sides)
+
+    def test_what_is_lost_is_what_is_reported(self):
+        network, sides, node = self.impaired("--lose", "10", "--seed", "7")
+        self.assertGreater(network["lost_data"], 20)
+        self.assertLess(network["lost_data"], 70)
+        # What is lost at the very end of a side leaves no gap.
+        behind = 400 - self.sum(sides, "packets") - self.sum(sides, "lost_packets")
+        self.assertLess(behind, 5)
+        self.assertEqual(self.sum(sides, "lost_packets") + behind, network["lost_data"])
+        self.assertEqual(self.sum(sides, "packets"), 400 - network["lost_data"])
+
+    def test_same_seed_loses_the_same_packets_and_another_seed_others(self):
+        lost = []
+        for seed in ("3", "3", "4"):
+            _, _, node = self.impaired("--lose", "10", "--seed", seed)
+            gaps = [(gap["call_side"], gap["sequence_number"], gap["lost_packets"])
+                    for gap in named(node.events(), "gap")]
+            lost.append(sorted(gaps))
+            node.event_file.unlink()
+        self.assertEqual(lost[0], lost[1])
+        self.assertNotEqual(lost[0], lost[2])
+
+    def test_what_is_duplicated_is_what_is_reported(self):
+        network, sides, _ = self.impaired("--duplicate", "20")
+        self.assertGreater(network["duplicated"], 40)
+        self.assertEqual(network["lost"], 0)
+        duplicated = self.sum(sides, "duplicated_packets")
+        self.assertLessEqual(abs(duplicated - network["duplicated"]), 3)  # Start and terminate.
+        self.assertEqual(self.sum(sides, "lost_packets"), 0)
+
+    def test_reordered_and_delayed_packets_are_put_in_order(self):
+        network, sides, node = self.impaired("--reorder", "5", "--delay", "10-60")
+        self.assertGreater(network["reordered"], 50)
+        self.assertGreater(self.sum(sides, "reordered_packets"), 50)
+        self.assertEqual(self.sum(sides, "lost_packets"), 0)
+        self.assertEqual(self.sum(sides, "samples"), 64_000)
+
+    def test_network_that_loses_everything_is_no_sign_that_nobody_listens(self):
+        node = self.node(1)
+        network = self.figures("--media-node", node.address, "--duration", "0.5", "--lose",
+                               "100")["network"]
+        self.assertEqual(network["lost"], network["datagrams"])
+        self.assertEqual(named(node.events(), "start"), [])
+
+    def test_check_tells_whether_somebody_listens(self):
+        _, sides, _ = self.impaired("--check")
+        self.assertEqual(self.sum(sides, "packets"), 400)
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as free:
+            free.bind(("127.0.0.1", 0))
+            address = "%s:%d" % free.getsockname()
+        done = self.call("--media-node", address, "--duration", "0.5", "--check")
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(f"Problem   nobody listens on {address}", done.stdout)
 
 
 class Trouble(EndToEnd):

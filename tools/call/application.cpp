@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "tools/address.h"
 #include "tools/call/driver.h"
 #include "tools/call/file_error.h"
 #include "tools/call/run_printer.h"
@@ -69,6 +70,7 @@ int Application::run_checked() {
     load_audio();
     check_plan(options_.plan);
     open_json();
+    open_network();
     const std::string text = config_text(options_.module);
     const PlacedConfig config(options_.module, text);
     return run_with_module(config);
@@ -88,6 +90,21 @@ void Application::load_audio() {
     plan.read = make_tone(options_.tone_rate, TONE_HERTZ[0], TONE_SECONDS);
     plan.write = make_tone(options_.tone_rate, TONE_HERTZ[1], TONE_SECONDS);
     plan.afterwards = Afterwards::REPEAT;
+}
+
+// The module sends to the network in place of the media node.
+void Application::open_network() {
+    if (!options_.network.wanted()) {
+        return;
+    }
+    const std::string media_node = media_node_of(options_.module);
+    try {
+        network_.emplace(options_.network, parse_address(media_node).value(),
+                         options_.plan.schedule.seed);
+    } catch (const std::system_error& error) {
+        throw SettingsError(std::string("no way to the media node: ") + error.what());
+    }
+    options_.module.options.emplace_back("media_node", network_->address());
 }
 
 // Called before the run, so that a wrong path does not waste the run.
@@ -125,12 +142,18 @@ int Application::run_with_module(const PlacedConfig& config) {
 RunReport Application::run_calls(host::EmbeddedHost& host, const LogView& log,
                                  const std::string& module) {
     const CallPlan& plan = options_.plan;
+    if (network_.has_value()) {
+        network_->start();
+    }
     RunPrinter printer(console_, call_lines(), plan.schedule.calls > 1);
     Driver driver(host, plan, printer);
     RunReport report;
     report.totals = driver.run(stop_);
     host.events().wait_drained();
     report.unload = host.unload_module(module);
+    if (network_.has_value()) {
+        report.network = network_->finish();
+    }
     report.outbound = plan.outbound;
     report.rate = rate_of(plan);
     report.frame_ms = plan.frame_ms;
@@ -156,7 +179,8 @@ void Application::tell_begin(const PlacedConfig& config, std::string media_node)
     const CallPlan& plan = options_.plan;
     console_.line("Module    " + config.module_path() + ", its configuration in " +
                   config.description());
-    console_.line("Goes to   " + media_node);
+    console_.line("Goes to   " + media_node +
+                  (network_.has_value() ? ", which passes it on: see Network" : ""));
     std::string text =
         counted(plan.schedule.calls, "call") + (plan.outbound ? ", outbound" : ", inbound");
     console_.line("Plan      " + text + "; read: " + audio_text(plan.read, plan.schedule.length) +

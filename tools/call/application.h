@@ -4,11 +4,13 @@
 
 #include <atomic>
 #include <fstream>
+#include <optional>
 #include <ostream>
 
 #include "host/embedded_host.h"
 #include "tools/call/console.h"
 #include "tools/call/log_view.h"
+#include "tools/call/lossy_network.h"
 #include "tools/call/module_settings.h"
 #include "tools/call/options.h"
 #include "tools/call/report.h"
@@ -29,6 +31,7 @@ class Application {
     int run_checked();
     void load_audio();
     void open_json();
+    void open_network();
     int run_with_module(const PlacedConfig& config);
     RunReport run_calls(host::EmbeddedHost& host, const LogView& log, const std::string& module);
     void tell_begin(const PlacedConfig& config, std::string media_node);
@@ -40,6 +43,7 @@ class Application {
     const std::atomic<bool>& stop_;
     Console console_;
     std::ofstream json_;
+    std::optional<LossyNetwork> network_;
 };
 
 }  // namespace qv::tools::call

@@ -43,6 +43,14 @@ std::string make_folder() {
 
 }  // namespace
 
+std::string media_node_of(const ModuleSettings& settings) {
+    std::string media_node;
+    for (const auto& [name, value] : settings.options) {
+        media_node = name == "media_node" ? value : media_node;
+    }
+    return media_node;
+}
+
 std::string config_text(const ModuleSettings& settings) {
     std::string text;
     if (settings.config_file) {

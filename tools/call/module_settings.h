@@ -28,6 +28,9 @@ struct ModuleSettings {
     ConfigPlace place = ConfigPlace::AUTOMATIC;
 };
 
+// The media node that the options name, the last one; empty for none.
+std::string media_node_of(const ModuleSettings& settings);
+
 struct SettingsError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -20,6 +20,7 @@ namespace {
 constexpr char DEFAULT_MEDIA_NODE[] = "127.0.0.1:40000";
 constexpr double DEFAULT_TONE_SECONDS = 5;
 constexpr double LONGEST_SECONDS = 30 * 86400.0;
+constexpr int LONGEST_DELAY_MS = 10'000;
 
 constexpr char ABOUT[] =
     "Places calls through mod_quorvane.so without a telephone switch: it loads the module into a\n"
@@ -40,6 +41,8 @@ constexpr char EXAMPLES[] =
     "        --read caller.wav --write agent.wav --json figures.json\n"
     "  Frames that need several datagrams, and the warnings that the module logs:\n"
     "    quorvane-call --sample-rate 48000 --frame-ms 40 --duration 1 --show-log WARNING\n"
+    "  A network that loses 2 % of the datagrams and delays each by 20 to 80 ms:\n"
+    "    quorvane-call --media-node 127.0.0.1:40000 --lose 2 --delay 20-80\n"
     "  A host that refuses the module's media bug:\n"
     "    quorvane-call --fault bug-refused --show-log DEBUG\n";
 
@@ -48,7 +51,8 @@ constexpr char EXIT_CODES[] =
     "  0  success\n"
     "  1  something failed during the calls: a call was not tapped, or was cut short by a signal;\n"
     "     an API command failed or came too late; the module logged an error, altered a frame,\n"
-    "     or did not release something\n"
+    "     or did not release something; or nobody listens at the media node's address, which\n"
+    "     --check and the other network options tell\n"
     "  2  the command line is wrong, or a file cannot be used\n"
     "  3  the module cannot be read, configured or loaded\n";
 
@@ -241,8 +245,8 @@ void add_call_options(CLI::App& app, Options& options) {
         ->type_name("N")
         ->group("Calls");
     app.add_option("--seed", plan.schedule.seed,
-                   "Seed of the random lengths and of the moments at\nwhich the frames of many "
-                   "calls fall due")
+                   "Seed of the random lengths, of the moments at which\nthe frames of many calls "
+                   "fall due, and of what the\nnetwork does")
         ->type_name("N")
         ->capture_default_str()
         ->group("Calls");
@@ -287,6 +291,52 @@ void add_pace_options(CLI::App& app, Options& options) {
     app.add_flag("--own-threads", options.plan.own_threads,
                  "Use two media threads per call instead")
         ->group("Pace");
+}
+
+double percent_in(const std::string& text) {
+    const auto percent = parse_number(text);
+    // So written, "nan" is refused.
+    if (!percent || !(*percent >= 0 && *percent <= 100)) {
+        throw std::invalid_argument("'" + text + "' is no number from 0 to 100");
+    }
+    return *percent;
+}
+
+Span delay_in(const std::string& text) {
+    const auto dash = text.find('-');
+    const auto min = parse_number(text.substr(0, dash));
+    const auto max = dash == std::string::npos ? min : parse_number(text.substr(dash + 1));
+    if (!min || !max || !(*min >= 0 && *min <= *max && *max <= LONGEST_DELAY_MS)) {
+        throw std::invalid_argument("'" + text + "' is no delay: milliseconds from 0 to " +
+                                    std::to_string(LONGEST_DELAY_MS) + ", or MIN-MAX");
+    }
+    return {*min, *max};
+}
+
+void add_network_options(CLI::App& app, Options& options) {
+    NetworkPlan& network = options.network;
+    add_parsed(app, "--lose", "Lose so many of the datagrams on the way to the media\nnode",
+               [&network](const std::string& text) { network.lose_percent = percent_in(text); })
+        ->type_name("PERCENT")
+        ->group("Network");
+    add_parsed(
+        app, "--duplicate", "Pass on so many of them twice",
+        [&network](const std::string& text) { network.duplicate_percent = percent_in(text); })
+        ->type_name("PERCENT")
+        ->group("Network");
+    app.add_option("--reorder", network.reorder_packets,
+                   "Pass on each data packet up to N packets of its side\nlater")
+        ->check(between(0, 1000))
+        ->type_name("N")
+        ->group("Network");
+    add_parsed(app, "--delay", "Delay each datagram; MIN-MAX draws a random delay for\neach",
+               [&network](const std::string& text) { network.delay_ms = delay_in(text); })
+        ->type_name("MS")
+        ->group("Network");
+    app.add_flag("--check", network.check,
+                 "Fail if nobody listens at the media node's address.\nAny of the four options "
+                 "above does so, too")
+        ->group("Network");
 }
 
 void add_output_options(CLI::App& app, Options& options) {
@@ -348,6 +398,11 @@ void complete(const CLI::App& app, Options& options) {
     if (!options.module.config_file && !has_option(options.module, "media_node")) {
         options.module.options.emplace_back("media_node", DEFAULT_MEDIA_NODE);
     }
+    if (options.network.wanted() && media_node_of(options.module).empty()) {
+        throw CLI::ValidationError("--media-node",
+                                   "is needed beside --config by --lose, "
+                                   "--duplicate, --reorder, --delay, --check");
+    }
     plan.variables.insert(plan.variables.begin(), {"sip_call_id", "{uuid}@quorvane-call"});
     plan.schedule.frame_time = std::chrono::milliseconds(plan.frame_ms);
     std::stable_sort(plan.commands.begin(), plan.commands.end(),
@@ -404,6 +459,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     add_audio_options(app, options);
     add_call_options(app, options);
     add_event_options(app, options);
+    add_network_options(app, options);
     add_pace_options(app, options);
     add_output_options(app, options);
     app.footer(fault_text() + "\n" + EXIT_CODES + "\n" + EXAMPLES);

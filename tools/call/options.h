@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tools/call/call_plan.h"
+#include "tools/call/lossy_network.h"
 #include "tools/call/module_settings.h"
 #include "tools/exit_codes.h"
 
@@ -24,6 +25,7 @@ struct Options {
     std::uint32_t tone_rate = 8000;  // samples per second, of calls without files
     unsigned threads = 1;            // media threads per direction
     std::optional<switch_log_level_t> show_log;
+    NetworkPlan network;
     std::string json_path;
     CallLines call_lines = CallLines::FEW_CALLS;
 };

@@ -62,6 +62,13 @@ std::string packets_line(const RunReport& report) {
            " with start and terminate packets: the media node should receive these";
 }
 
+std::string network_line(const NetworkFigures& network) {
+    return counted(network.datagrams, "datagram") + " to " + network.media_node + ": " +
+           grouped(network.lost) + " lost (" + grouped(network.lost_data) + " of audio), " +
+           grouped(network.duplicated) + " duplicated, " + grouped(network.reordered) +
+           " reordered";
+}
+
 std::string distribution_line(const Distribution& times) {
     return "50 % " + short_time(times.p50) + ", 90 % " + short_time(times.p90) + ", 99 % " +
            short_time(times.p99) + ", 99.9 % " + short_time(times.p999) + ", largest " +
@@ -228,6 +235,11 @@ std::vector<std::string> problems_of(const RunReport& report) {
            "failed" + first_failed_text(totals.first_failed));
     add_if(problems, totals.commands_missed, "API command", "too late for the call");
     add_if(problems, report.log.errors, "error", "in the log");
+    if (report.network.refused > 0) {
+        problems.push_back("nobody listens on " + report.network.media_node);
+    }
+    add_if(problems, report.network.overflowed, "datagram",
+           "lost in this program, which was too slow to pass them on");
     for (const std::string& thing : left_over(report)) {
         problems.push_back(thing);
     }
@@ -244,6 +256,9 @@ std::vector<std::string> report_lines(const RunReport& report) {
         "Frames    " + frames_line(report),
         "Packets   " + packets_line(report),
     };
+    if (report.network.used) {
+        lines.push_back("Network   " + network_line(report.network));
+    }
     if (report.lateness.count > 0) {
         lines.push_back("Lateness  " + distribution_line(report.lateness) + " (due until sent)");
     }
@@ -258,6 +273,20 @@ std::vector<std::string> report_lines(const RunReport& report) {
     lines.push_back("Log       " + log_line(report.log));
     lines.push_back("Left over " + host_line(report));
     return lines;
+}
+
+nlohmann::ordered_json network_json(const NetworkFigures& network) {
+    if (!network.used) {
+        return nullptr;
+    }
+    return {{"media_node", network.media_node},
+            {"datagrams", network.datagrams},
+            {"lost", network.lost},
+            {"lost_data", network.lost_data},
+            {"duplicated", network.duplicated},
+            {"reordered", network.reordered},
+            {"overflowed", network.overflowed},
+            {"refused", network.refused}};
 }
 
 nlohmann::ordered_json report_json(const RunReport& report) {
@@ -282,6 +311,7 @@ nlohmann::ordered_json report_json(const RunReport& report) {
               {"errors", report.log.errors}}},
             {"host", host_json(report.host)},
             {"module", unload_json(report.unload)},
+            {"network", network_json(report.network)},
             {"problems", problems_of(report)}};
 }
 

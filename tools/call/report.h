@@ -15,6 +15,7 @@
 #include "tools/call/frame_tally.h"
 #include "tools/call/latency_histogram.h"
 #include "tools/call/log_view.h"
+#include "tools/call/lossy_network.h"
 
 namespace qv::tools::call {
 
@@ -41,6 +42,7 @@ struct RunReport {
     Distribution handling;  // in the module
     LogView::Counts log;
     host::UnloadResult unload;
+    NetworkFigures network;
     host::Report host;  // after the unload
 };
 

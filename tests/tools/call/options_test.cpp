@@ -146,4 +146,33 @@ TEST_F(OptionsTest, TheHelpNamesExamplesFaultsAndExitCodes) {
 }
 
 }  // namespace
+TEST_F(OptionsTest, NetworkLosesDuplicatesReordersAndDelays) {
+    EXPECT_EQ(parse({}), std::nullopt);
+    EXPECT_FALSE(options_.network.wanted());
+    EXPECT_EQ(parse({"--lose", "1.5", "--duplicate", "2", "--reorder", "3", "--delay", "10-20.5"}),
+              std::nullopt);
+    EXPECT_EQ(options_.network.lose_percent, 1.5);
+    EXPECT_EQ(options_.network.duplicate_percent, 2);
+    EXPECT_EQ(options_.network.reorder_packets, 3u);
+    EXPECT_EQ(options_.network.delay_ms.min_s, 10);
+    EXPECT_EQ(options_.network.delay_ms.max_s, 20.5);
+}
+
+TEST_F(OptionsTest, NetworkThatMakesNoSenseIsRefused) {
+    for (const auto& [option, value] :
+         std::vector<std::pair<std::string, std::string>>{{"--lose", "101"},
+                                                          {"--lose", "-1"},
+                                                          {"--lose", "nan"},
+                                                          {"--duplicate", "x"},
+                                                          {"--reorder", "1001"},
+                                                          {"--delay", "20-10"},
+                                                          {"--delay", "10001"},
+                                                          {"--delay", ""}}) {
+        EXPECT_EQ(parse({option.c_str(), value.c_str()}), EXIT_USAGE) << option << value;
+    }
+    EXPECT_EQ(parse({"--config", "file", "--lose", "1"}), EXIT_USAGE);
+    EXPECT_EQ(parse({"--config", "file", "--lose", "1", "--media-node", "127.0.0.1:1"}),
+              std::nullopt);
+}
+
 }  // namespace qv::tools::call
