@@ -95,7 +95,8 @@ class FileNamesTest : public testing::Test {
         return calls_.back()->file_stem();
     }
     void end_first() {
-        calls_.front()->end(EndReason::TERMINATED);
+        calls_.front()->close(EndReason::TERMINATED);
+        calls_.front()->report_end(EndReason::TERMINATED);
         calls_.erase(calls_.begin());
     }
 
