@@ -212,7 +212,7 @@ void Application::reload() {
 void Application::notify(const std::string& state) {
     const std::string error = notify_service_manager(state);
     if (!error.empty()) {
-        outputs_.lines().say("service manager not told", error);
+        outputs_.lines().say("service manager not notified", error);
     }
 }
 

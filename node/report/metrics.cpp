@@ -60,37 +60,38 @@ class Metrics::Impl {
         : exposer(tools::address_text(address), 1),
           registry(std::make_shared<prometheus::Registry>()),
           process(std::make_shared<ProcessMetrics>()),
-          received(counter("received_packets_total", "Datagrams that came, of any kind")),
-          overflowed(counter("socket_dropped_packets_total",
-                             "Datagrams that the system dropped: receive buffer full")),
-          not_allowed(
-              counter("not_allowed_packets_total", "Datagrams of senders that are not allowed")),
+          received(counter("received_packets_total", "Datagrams of any kind")),
+          overflowed(
+              counter("socket_dropped_packets_total",
+                      "Datagrams that the system dropped because the receive buffer was full")),
+          not_allowed(counter("not_allowed_packets_total",
+                              "Datagrams of senders outside the networks of --allow")),
           calls_begun(counter("calls_begun_total", "Calls that began")),
           calls_ended(counter("calls_ended_total", "Calls that ended")),
           calls_not_terminated(counter("calls_not_terminated_total",
                                        "Calls that ended without their terminate packet")),
           calls_without_start(
               counter("calls_without_start_total", "Calls that ended without their start packet")),
-          calls_not_written(counter("calls_not_written_total",
-                                    "Calls without files, because there were too many files")),
-          audio_bytes(counter("audio_bytes_total", "Bytes of audio that came")),
+          calls_not_written(
+              counter("calls_not_written_total", "Calls without files because of --max-files")),
+          audio_bytes(counter("audio_bytes_total", "Bytes of audio")),
           gaps(counter("gaps_total", "Places where audio was missing")),
           skipped(counter("skipped_packets_total",
-                          "Data packets given up; late ones are counted apart, too")),
-          silence(counter("silence_samples_total", "Samples of silence filled in")),
+                          "Data packets that were given up; some of them may arrive late")),
+          silence(counter("silence_samples_total", "Samples of silence in place of missing audio")),
           pauses(counter("pauses_total", "Pauses of the senders")),
-          assumed_rates(counter("assumed_rates_total",
-                                "Call sides whose packets did not tell their sample rate")),
+          assumed_rates(
+              counter("assumed_rates_total", "Call sides whose sample rate could only be assumed")),
           rate_changes(
               counter("rate_changes_total", "Sample rates of call sides that changed in mid-call")),
           dropped_audio(counter("dropped_audio_bytes_total",
                                 "Audio for which no memory was left while it waited for the disk")),
           file_errors(counter("file_errors_total", "Files that could not be written")),
-          calls(gauge("calls", "Calls now")),
-          open_files(gauge("open_files", "WAV files open now")),
+          calls(gauge("calls", "Current calls")),
+          open_files(gauge("open_files", "Open WAV files")),
           waiting_audio(gauge("waiting_audio_bytes", "Audio that waits for the disk")),
-          receive_buffer(gauge("receive_buffer_bytes", "Room that the system granted")),
-          sample_references(gauge("sample_references", "Samples that are looked for")),
+          receive_buffer(gauge("receive_buffer_bytes", "Receive buffer that the system granted")),
+          sample_references(gauge("sample_references", "Recordings that are searched for")),
           onsets(counter("activity_onsets_total", "Beginnings of audio activity")),
           not_analysed(counter("analysis_skipped_samples_total",
                                "Samples of audio that the analysis left out")),
@@ -101,7 +102,7 @@ class Metrics::Impl {
         for (std::size_t i = 0; i < running.size(); ++i) {
             running[i] = &prometheus::BuildGauge()
                               .Name("quorvane_node_running_sides")
-                              .Help("Call sides now on which this runs")
+                              .Help("Current call sides on which this feature runs")
                               .Register(*registry)
                               .Add({{"feature", RUNNING_NAMES[i]}});
         }
@@ -117,12 +118,12 @@ class Metrics::Impl {
                                    name_of(static_cast<Drop>(i)));
         }
         for (std::size_t i = 1; i < media::DECODE_RESULT_COUNT; ++i) {
-            malformed[i] = &labelled("malformed_packets_total", "Datagrams that are no packets",
+            malformed[i] = &labelled("malformed_packets_total", "Datagrams that are not packets",
                                      "reason", label_of(static_cast<media::DecodeResult>(i)));
         }
         prometheus::BuildGauge()
             .Name("quorvane_node_build_info")
-            .Help("Always 1; its label tells which program this is")
+            .Help("Always 1; the label has the version")
             .Register(*registry)
             .Add({{"version", QUORVANE_VERSION}})
             .Set(1);
