@@ -5,11 +5,11 @@
 #
 #   bench/node_load.sh [--build FOLDER] [--stop-disk SECONDS] [--output FOLDER] [CALLS [SECONDS]]
 #
-#   --build FOLDER    a build to use; without it, builds what it needs in build/load
-#   --stop-disk SECONDS   makes the disk stand still so long, two seconds after the first file
-#   --output FOLDER   folder of the WAV files; one in memory (/dev/shm/...) avoids the disk
-#   CALLS, SECONDS    number of calls (3000) and length of the run (10), which make 960 MB of
-#                     audio
+#   --build FOLDER        a build to use; without it, builds what it needs in build/load
+#   --stop-disk SECONDS   stops the disk for this time, two seconds after the first file (0)
+#   --output FOLDER       folder of the WAV files; one in memory (/dev/shm/...) avoids the disk
+#   CALLS, SECONDS        number of calls (3000) and length of the run (10), which make 960 MB
+#                         of audio
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

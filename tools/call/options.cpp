@@ -51,8 +51,8 @@ constexpr char EXIT_CODES[] =
     "  0  success\n"
     "  1  something failed during the calls: a call was not tapped, or was cut short by a signal;\n"
     "     an API command failed or came too late; the module logged an error, altered a frame,\n"
-    "     or did not release something; or nobody listens at the media node's address, which\n"
-    "     --check and the other network options tell\n"
+    "     or did not release something; or nobody listens at the media node's address\n"
+    "     (only with --check or another network option)\n"
     "  2  the command line is wrong, or a file cannot be used\n"
     "  3  the module cannot be read, configured or loaded\n";
 
@@ -315,17 +315,17 @@ Span delay_in(const std::string& text) {
 
 void add_network_options(CLI::App& app, Options& options) {
     NetworkPlan& network = options.network;
-    add_parsed(app, "--lose", "Lose so many of the datagrams on the way to the media\nnode",
+    add_parsed(app, "--lose", "Lose this share of the datagrams on the way to the\nmedia node",
                [&network](const std::string& text) { network.lose_percent = percent_in(text); })
         ->type_name("PERCENT")
         ->group("Network");
     add_parsed(
-        app, "--duplicate", "Pass on so many of them twice",
+        app, "--duplicate", "Pass this share of them on twice",
         [&network](const std::string& text) { network.duplicate_percent = percent_in(text); })
         ->type_name("PERCENT")
         ->group("Network");
     app.add_option("--reorder", network.reorder_packets,
-                   "Pass on each data packet up to N packets of its side\nlater")
+                   "Pass each data packet on up to N packets of its side\nlater")
         ->check(between(0, 1000))
         ->type_name("N")
         ->group("Network");
@@ -334,8 +334,8 @@ void add_network_options(CLI::App& app, Options& options) {
         ->type_name("MS")
         ->group("Network");
     app.add_flag("--check", network.check,
-                 "Fail if nobody listens at the media node's address.\nAny of the four options "
-                 "above does so, too")
+                 "Fail if nobody listens at the media node's address;\neach of the options above "
+                 "does this as well")
         ->group("Network");
 }
 
