@@ -6,6 +6,7 @@
 #include <memory>
 #include <sstream>
 
+#include "node/audio/name_pattern.h"
 #include "tools/address.h"
 #include "tools/help_formatter.h"
 #include "tools/version.h"
@@ -87,6 +88,11 @@ void add_output_options(CLI::App& app, Options& options) {
             return text.empty() ? "a folder needs a name" : std::string();
         })
         ->type_name("FOLDER")
+        ->capture_default_str();
+    app.add_option("--name", options.name,
+                   "Beginning of the names of files, with {uuid}, {reference}, {date}, {time}")
+        ->check(NamePattern::complaint)
+        ->type_name("PATTERN")
         ->capture_default_str();
     app.add_flag("--overwrite", options.overwrite,
                  "Replace existing files (default: new files get a number)");

@@ -28,6 +28,7 @@ struct Options {
     std::string read;  // A capture to read in place of listening; "-" for the standard input.
     std::string folder = ".";
     bool overwrite = false;
+    std::string name = "{uuid}";  // Pattern of the names of files.
     bool quiet = false;
     std::string events;  // File, "-" for the standard output, empty for none.
     bool every_packet = false;

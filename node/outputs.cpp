@@ -254,7 +254,8 @@ void Outputs::give_up_files() {
 FileNames::Options Outputs::file_name_options() const {
     const std::uint64_t files_per_call =
         (options_.no_sides ? 0 : 2) + (options_.stereo ? 2 : 0) + (options_.timeline ? 1 : 0);
-    return {options_.overwrite, options_.max_files, files_per_call};
+    return {options_.overwrite, options_.max_files, files_per_call, NamePattern(options_.name),
+            utc_time};
 }
 
 FileReport Outputs::save_timeline(const std::string& name, const std::string& svg) {

@@ -18,6 +18,16 @@ std::string numbered(const std::string& stem, std::uint64_t number) {
     return number == 1 ? stem : stem + '-' + std::to_string(number);
 }
 
+// A call that gets no files.
+class UnnamedCall : public CallListener {
+  public:
+    explicit UnnamedCall(std::uint64_t& calls) : calls_(calls) {}
+    void ended(const Call& /*call*/, EndReason /*reason*/) override { --calls_; }
+
+  private:
+    std::uint64_t& calls_;
+};
+
 }  // namespace
 
 std::string side_file_name(const std::string& stem, Side side, std::size_t part) {
@@ -34,8 +44,7 @@ std::string timeline_file_name(const std::string& stem) {
 
 // Doubles the number until it is free, then halves the interval. A sender may restart a call as
 // often as it likes; trying every number would take longer each time.
-std::string free_stem(const AudioStore& store, const Uuid& uuid) {
-    const std::string first = uuid_text(uuid);
+std::string free_stem(const AudioStore& store, const std::string& first) {
     std::uint64_t used_number = 0;
     std::uint64_t free_number = 1;
     while (taken(store, numbered(first, free_number))) {
@@ -56,19 +65,64 @@ FileNames::FileNames(const AudioStore& store, const Options& options,
       files_made_(std::move(files_made)),
       on_first_refusal_(std::move(on_first_refusal)) {}
 
+// Names one call: before its start packet comes without the reference, and for good with the first
+// audio, when files may be made.
+class FileNames::NamedCall : public CallListener {
+  public:
+    NamedCall(FileNames& names, Call& call)
+        : names_(names), call_(call), utc_time_(names.options_.utc_time()) {
+        name();
+    }
+    NamedCall(const NamedCall&) = delete;
+    NamedCall& operator=(const NamedCall&) = delete;
+    ~NamedCall() override { names_.stems_.erase(call_.file_stem()); }
+
+    void started(const Call& /*call*/, const media::Packet& /*packet*/) override {
+        if (!final_) {
+            names_.stems_.erase(call_.file_stem());
+            name();
+        }
+    }
+    void audio(const Call& /*call*/, Side /*side*/, const Audio& /*audio*/) override {
+        final_ = true;
+    }
+    void ended(const Call& /*call*/, EndReason /*reason*/) override { --names_.calls_; }
+
+  private:
+    void name() {
+        std::string stem = names_.choose_stem(call_, utc_time_);
+        names_.stems_.insert(stem);
+        call_.set_file_stem(std::move(stem));
+    }
+
+    FileNames& names_;
+    Call& call_;
+    const std::string utc_time_;
+    bool final_ = false;
+};
+
 std::unique_ptr<CallListener> FileNames::begin_call(Call& call) {
     ++calls_;
     if (!used_up()) {
-        call.set_file_stem(options_.overwrite ? uuid_text(call.uuid())
-                                              : free_stem(store_, call.uuid()));
-    } else if (++refused_calls_ == 1) {
+        return std::make_unique<NamedCall>(*this, call);
+    }
+    if (++refused_calls_ == 1) {
         on_first_refusal_();
     }
-    return nullptr;
+    return std::make_unique<UnnamedCall>(calls_);
 }
 
-void FileNames::ended(const Call& /*call*/, EndReason /*reason*/) {
-    --calls_;
+// Calls that go on at the same time never share a stem.
+std::string FileNames::choose_stem(const Call& call, const std::string& utc_time) {
+    const std::string reference = call.start().has_value() ? call.start()->call_reference : "";
+    const std::string wanted =
+        options_.pattern.expand({uuid_text(call.uuid()), reference, utc_time});
+    std::string stem = options_.overwrite ? wanted : free_stem(store_, wanted);
+    for (std::uint64_t number = 2; stems_.count(stem) != 0 && stem != uuid_text(call.uuid());
+         ++number) {
+        stem = free_stem(store_, numbered(wanted, number));
+    }
+    return stem;
 }
 
 // Assumes that every present call writes as many files as it may: how many it writes is known only

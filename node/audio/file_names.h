@@ -1,16 +1,19 @@
 // Names the files of a call, and limits how many files one run may write.
 //
-// Files are named after the call's UUID. No text that a sender chooses freely becomes part of a
-// path. FileNames is the first of the outputs: it gives each call its file stem, which the outputs
-// that write files read. Belongs to one thread.
+// FileNames is the first of the outputs: it gives each call its file stem, which the outputs that
+// write files read. The stem comes from a pattern, usually the call's UUID. If the pattern has the
+// call reference, the stem is final when the start packet comes, or with the first audio before it.
+// Belongs to one thread.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <unordered_set>
 
 #include "node/audio/audio_files.h"
+#include "node/audio/name_pattern.h"
 #include "node/calls/call_listener.h"
 #include "node/calls/types.h"
 
@@ -24,10 +27,10 @@ std::string stereo_file_name(const std::string& stem);
 // STEM.svg
 std::string timeline_file_name(const std::string& stem);
 
-// Returns the UUID's text. If the store already has files of that call, it adds "-2", "-3" and so
-// on: the next number, or a lower one that has become free. It asks the store a few times for each
-// doubling of their count.
-std::string free_stem(const AudioStore& store, const Uuid& uuid);
+// Returns the stem for a first file of that name. If the store already has files of that call, it
+// adds "-2", "-3" and so on: the next number, or a lower one that has become free. It asks the
+// store a few times for each doubling of their count.
+std::string free_stem(const AudioStore& store, const std::string& first);
 
 class FileNames : public CallListener {
   public:
@@ -35,6 +38,8 @@ class FileNames : public CallListener {
         bool overwrite = false;            // Files of earlier runs may be overwritten.
         std::uint64_t max_files = 0;       // Of this run. 0: no limit.
         std::uint64_t files_per_call = 0;  // The most files that one call may write.
+        NamePattern pattern{};
+        std::function<std::string()> utc_time = [] { return std::string(); };  // The present one.
     };
 
     // `files_made` returns how many files this run has written so far. `on_first_refusal` is called
@@ -43,19 +48,22 @@ class FileNames : public CallListener {
               std::function<std::uint64_t()> files_made, std::function<void()> on_first_refusal);
 
     std::unique_ptr<CallListener> begin_call(Call& call) override;
-    void ended(const Call& call, EndReason reason) override;
 
     // Calls that got no files.
     std::uint64_t refused_calls() const { return refused_calls_; }
 
   private:
+    class NamedCall;
+
     bool used_up() const;
+    std::string choose_stem(const Call& call, const std::string& utc_time);
 
     const AudioStore& store_;
     Options options_;
     std::function<std::uint64_t()> files_made_;
     std::function<void()> on_first_refusal_;
-    std::uint64_t calls_ = 0;  // Present calls.
+    std::uint64_t calls_ = 0;                // Present calls,
+    std::unordered_set<std::string> stems_;  // and their stems.
     std::uint64_t refused_calls_ = 0;
 };
 

@@ -157,14 +157,15 @@ std::unique_ptr<CallListener> Recorder::begin_call(Call& call) {
     const RateSource rate = [&call](Side side, bool last) {
         return last ? call.decide_rate(side) : call.side(side).sample_rate();
     };
+    const FileStem stem = [&call] { return call.file_stem(); };
     std::vector<std::unique_ptr<Recording>> recordings;
     if (options_.sides) {
         recordings.push_back(
-            std::make_unique<SideRecording>(store_, call.file_stem(), rate, options_.recording));
+            std::make_unique<SideRecording>(store_, stem, rate, options_.recording));
     }
     if (options_.stereo) {
         recordings.push_back(
-            std::make_unique<StereoRecording>(store_, call.file_stem(), rate, options_.recording));
+            std::make_unique<StereoRecording>(store_, stem, rate, options_.recording));
     }
     return std::make_unique<RecordedCall>(call, std::move(recordings));
 }

@@ -14,7 +14,7 @@ constexpr std::size_t PATIENCE = 4;
 
 }  // namespace
 
-SideRecording::SideRecording(AudioStore& store, std::string stem, RateSource rate,
+SideRecording::SideRecording(AudioStore& store, FileStem stem, RateSource rate,
                              const RecordingOptions& options)
     : store_(store), stem_(std::move(stem)), rate_(std::move(rate)), options_(options) {}
 
@@ -111,7 +111,7 @@ void SideRecording::write_block(Side side, int sample_rate) {
     Track& from = track(side);
     if (from.file == nullptr) {
         const std::size_t part = from.complete.size() + 1;
-        from.file = store_.create(side_file_name(stem_, side, part), sample_rate, 1);
+        from.file = store_.create(side_file_name(stem_(), side, part), sample_rate, 1);
     }
     from.file->take(from.block);
 }

@@ -44,6 +44,9 @@ class Recording {
 // rate.
 using RateSource = std::function<int(Side side, bool last)>;
 
+// Returns the beginning of the names of the files. It is asked when a file is made.
+using FileStem = std::function<std::string()>;
+
 struct RecordingOptions {
     std::size_t block_samples = std::size_t{16} * 1024;
     bool keep_pauses = false;  // In files of one side. Stereo files always keep them.
@@ -54,7 +57,7 @@ struct RecordingOptions {
 class SideRecording : public Recording {
   public:
     // The store must outlive the recording.
-    SideRecording(AudioStore& store, std::string stem, RateSource rate,
+    SideRecording(AudioStore& store, FileStem stem, RateSource rate,
                   const RecordingOptions& options);
 
     void audio(Side side, const std::int16_t* samples, std::size_t count) override;
@@ -79,7 +82,7 @@ class SideRecording : public Recording {
     void write_block(Side side, int sample_rate);
 
     AudioStore& store_;
-    std::string stem_;
+    FileStem stem_;
     RateSource rate_;
     RecordingOptions options_;
     std::array<Track, SIDE_COUNT> tracks_;

@@ -14,7 +14,7 @@ constexpr std::size_t PATIENCE = 8;
 
 }  // namespace
 
-StereoRecording::StereoRecording(AudioStore& store, std::string stem, RateSource rate,
+StereoRecording::StereoRecording(AudioStore& store, FileStem stem, RateSource rate,
                                  const RecordingOptions& options)
     : store_(store), stem_(std::move(stem)), rate_(std::move(rate)), options_(options) {}
 
@@ -180,7 +180,7 @@ bool StereoRecording::ready(bool last) {
         set_others_apart(rates, 0);
     } else if (file_ == nullptr) {
         file_rate_ = std::max(rates[0], rates[1]);
-        file_ = store_.create(stereo_file_name(stem_), file_rate_, SIDE_COUNT);
+        file_ = store_.create(stereo_file_name(stem_()), file_rate_, SIDE_COUNT);
     }
     place(rates);
     return longest() > 0;
@@ -241,7 +241,8 @@ void StereoRecording::make_split() {
         const RateSource rate = [this](Side of, bool last) {
             return former_rate_ != 0 ? former_rate_ : rate_(of, last);
         };
-        split_ = std::make_unique<SideRecording>(store_, stem_ + "-split", rate, options_);
+        split_ = std::make_unique<SideRecording>(
+            store_, [this] { return stem_() + "-split"; }, rate, options_);
     }
 }
 

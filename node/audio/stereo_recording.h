@@ -20,7 +20,7 @@ namespace qv::node {
 class StereoRecording : public Recording {
   public:
     // Writes STEM.wav. The store must outlive the recording.
-    StereoRecording(AudioStore& store, std::string stem, RateSource rate,
+    StereoRecording(AudioStore& store, FileStem stem, RateSource rate,
                     const RecordingOptions& options);
 
     void audio(Side side, const std::int16_t* samples, std::size_t count) override;
@@ -62,7 +62,7 @@ class StereoRecording : public Recording {
     void make_split();
 
     AudioStore& store_;
-    std::string stem_;
+    FileStem stem_;
     RateSource rate_;
     RecordingOptions options_;
     std::array<Track, SIDE_COUNT> tracks_;

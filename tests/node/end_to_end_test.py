@@ -561,6 +561,17 @@ class DiskStandsStill(unittest.TestCase):
 
 
 class NodeEndToEnd(unittest.TestCase):
+    def test_files_are_named_by_the_pattern(self):
+        with Node("--name", "{reference}_{date}_{uuid}", "--stereo", "--timeline", "--rate",
+                  "8000", "--calls", "1") as node:
+            node.send_call()
+            self.assertEqual(node.exit_code(), 0, node.text())
+            today = time.strftime("%Y-%m-%d", time.gmtime())
+            stem = f"a84b4c76e66710@192.0.2.7_{today}_{UUID}"
+            self.assertEqual({path.name for path in node.folder.iterdir()},
+                             {stem + rest for rest in ("-originator.wav", "-terminator.wav",
+                                                       ".wav", ".svg")})
+
     def test_side_whose_rate_changes_goes_on_in_another_file(self):
         with Node("--events", "-", "--stereo", "--calls", "1", "--timeline") as node:
             node.send(golden("call_1_start"))

@@ -29,7 +29,7 @@ class AskedStore : public FakeAudioStore {
 
 class FreeStemTest : public testing::Test {
   protected:
-    std::string stem() const { return free_stem(store_, CALL); }
+    std::string stem() const { return free_stem(store_, FIRST); }
     void take(const std::string& rest) { store_.files[FIRST + rest] = {}; }
     void take_numbers(unsigned from, unsigned to) {
         for (unsigned number = from; number <= to; ++number) {
@@ -129,6 +129,65 @@ TEST_F(FileNamesTest, CallThatEndedCountsWithTheFilesThatItMade) {
     end_first();
     end_first();
     EXPECT_EQ(begin(4), STEM + "04");
+}
+
+// Calls whose files are named after their references.
+class ReferenceNamesTest : public testing::Test {
+  protected:
+    // Begins a call with that last byte of its UUID.
+    Call& begin(unsigned char last_byte) {
+        Uuid uuid = CALL;
+        uuid[15] = last_byte;
+        calls_.push_back(std::make_unique<Call>(uuid, 7, Arrival{}, limits_,
+                                                std::vector<CallListener*>{&names_}));
+        return *calls_.back();
+    }
+    static void start(Call& call, const std::string& reference) {
+        qv::media::Packet packet;
+        packet.type = qv::media::PacketType::START;
+        packet.call_key = 7;
+        packet.call_reference = reference.c_str();
+        packet.call_reference_length = static_cast<std::uint16_t>(reference.size());
+        call.receive(packet, {});
+    }
+    static void talk(Call& call) {
+        static constexpr unsigned char AUDIO[2] = {};
+        qv::media::Packet packet;
+        packet.type = qv::media::PacketType::DATA;
+        packet.call_key = 7;
+        packet.sequence_number = 1;
+        packet.sample_count = 1;
+        packet.audio = AUDIO;
+        call.receive(packet, {});
+    }
+
+    FileNames::Options options_{false, 0, 2, NamePattern("{date}-{reference}"),
+                                [] { return "2026-01-31T23:59:58.123456Z"; }};
+    CallLimits limits_;
+    FakeAudioStore store_;
+    FileNames names_{store_, options_, [] { return 0; }, [] {}};
+    std::vector<std::unique_ptr<Call>> calls_;
+};
+
+TEST_F(ReferenceNamesTest, CallIsNamedWhenItsReferenceComes) {
+    Call& call = begin(1);
+    start(call, "a/b");
+    EXPECT_EQ(call.file_stem(), "2026-01-31-a_b");
+}
+
+TEST_F(ReferenceNamesTest, CallsOfOneReferenceAreNumberedBeforeTheyHaveFiles) {
+    for (const std::string expected : {"-a", "-a-2", "-a-3"}) {
+        Call& call = begin(static_cast<unsigned char>(calls_.size()));
+        start(call, "a");
+        EXPECT_EQ(call.file_stem(), "2026-01-31" + expected);
+    }
+}
+
+TEST_F(ReferenceNamesTest, NameDoesNotChangeOnceThereMayBeFiles) {
+    Call& call = begin(1);
+    talk(call);
+    start(call, "a");
+    EXPECT_EQ(call.file_stem(), "2026-01-31-unknown");
 }
 
 TEST_F(FileNamesTest, OverwritingTakesTheUuidThoughItHasFiles) {

@@ -21,7 +21,7 @@ class RecordingTest : public testing::Test {
         };
     }
     SideRecording sides(bool keep_pauses = false) {
-        return SideRecording(store_, "call", rate(), {4, keep_pauses});
+        return SideRecording(store_, [] { return "call"; }, rate(), {4, keep_pauses});
     }
 
     static void put(Recording& recording, Side side, const Samples& samples) {

@@ -32,7 +32,7 @@ class StereoRecordingTest : public testing::Test {
     FakeAudioStore store_;
     std::array<int, SIDE_COUNT> rates_ = {8000, 8000};
     StereoRecording recording_{
-        store_, "call",
+        store_, [] { return "call"; },
         [this](Side side, bool last) {
             return rates_[index_of(side)] == 0 && last ? 8000 : rates_[index_of(side)];
         },
@@ -297,7 +297,7 @@ class ResampledStereoTest : public testing::Test {
     FakeAudioStore store_;
     std::array<int, SIDE_COUNT> rates_ = {8000, 8000};
     std::array<double, SIDE_COUNT> times_{};
-    StereoRecording recording_{store_, "call",
+    StereoRecording recording_{store_, [] { return "call"; },
                                [this](Side side, bool) { return rates_[index_of(side)]; },
                                RecordingOptions{400, false}};
 };
