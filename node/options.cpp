@@ -90,7 +90,7 @@ void add_output_options(CLI::App& app, Options& options) {
         ->type_name("FOLDER")
         ->capture_default_str();
     app.add_option("--name", options.name,
-                   "Beginning of the names of files, with {uuid}, {reference}, {date}, {time}")
+                   "Pattern for the names of files, with {uuid}, {reference}, {date}, {time}")
         ->check(NamePattern::complaint)
         ->type_name("PATTERN")
         ->capture_default_str();
@@ -300,7 +300,8 @@ void add_limit_options(CLI::App& app, Options& options) {
 std::optional<int> parse_options(int argc, char** argv, Options& options) {
     CLI::App app(
         "Receives the audio of calls from mod_quorvane and writes it as WAV files, one per side.\n"
-        "SIGINT and SIGTERM end it with all files complete; SIGHUP opens the events file again.",
+        "SIGINT and SIGTERM end it with all files complete; SIGHUP opens the events file again\n"
+        "and reads the folder of --samples again.",
         "quorvane-node");
     app.set_version_flag("--version", tools::version_text("quorvane-node"));
     app.formatter(std::make_shared<tools::HelpFormatter>(HELP_COLUMN));
