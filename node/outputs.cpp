@@ -185,7 +185,9 @@ void Outputs::build() {
     analysis::Worker::Settings analysis;
     analysis.activity = options_.activity;
     analysis.samples = samples_;
-    analyser_ = std::make_unique<Analyser>(std::move(analysis));
+    analyser_ = std::make_unique<Analyser>(std::move(analysis), options_.read.empty()
+                                                                    ? Analyser::Pace::LIVE
+                                                                    : Analyser::Pace::PATIENT);
     call_listeners_.push_back(analyser_.get());
 
     const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),

@@ -211,9 +211,16 @@ class Analyser::AnalysedSide {
             analyser_.sides_.emplace(number_, this);
         }
         finishing_ = false;
-        const bool taken = analysis::Worker::can_analyse(rate) &&
-                           analyser_.worker_.add(number_, rate, piece.wanted, piece.position,
-                                                 piece.samples.data, piece.samples.count);
+        const auto add = [&] {
+            return analyser_.worker_.add(number_, rate, piece.wanted, piece.position,
+                                         piece.samples.data, piece.samples.count);
+        };
+        const bool can_analyse = analysis::Worker::can_analyse(rate);
+        bool taken = can_analyse && add();
+        if (can_analyse && !taken && analyser_.pace_ == Pace::PATIENT) {
+            analyser_.worker_.drain();
+            taken = add();
+        }
         switch_refused_ = !taken && piece.samples.count == 0;
         if (!taken) {
             skip(piece.samples.count);
@@ -284,6 +291,10 @@ class Analyser::AnalysedCall : public CallListener {
         for (AnalysedSide& side : sides_) {
             side.finish();
         }
+        if (analyser_.pace_ == Pace::PATIENT) {
+            analyser_.worker_.drain();
+            analyser_.report_noticed();
+        }
     }
 
     bool working(const Call& /*call*/) const override {
@@ -309,7 +320,8 @@ class Analyser::AnalysedCall : public CallListener {
     std::array<AnalysedSide, SIDE_COUNT> sides_;
 };
 
-Analyser::Analyser(const analysis::Worker::Settings& settings) : worker_(settings) {
+Analyser::Analyser(const analysis::Worker::Settings& settings, Pace pace)
+    : pace_(pace), worker_(settings) {
     figures_.samples = settings.samples != nullptr ? settings.samples->size() : 0;
 }
 

@@ -36,7 +36,12 @@ class Analyser : public CallListener {
         std::map<std::string, std::uint64_t> found;  // Occurrences by the sample's name.
     };
 
-    explicit Analyser(const analysis::Worker::Settings& settings);
+    enum class Pace : unsigned char {
+        LIVE,     // What the worker cannot keep up with is left out.
+        PATIENT,  // The thread of the calls waits for the worker: a capture can be read slower.
+    };
+
+    explicit Analyser(const analysis::Worker::Settings& settings, Pace pace = Pace::LIVE);
     ~Analyser() override;
 
     std::unique_ptr<CallListener> begin_call(Call& call) override;
@@ -58,6 +63,7 @@ class Analyser : public CallListener {
     void report_noticed();
     void count_found(const std::string& name);
 
+    const Pace pace_;
     Figures figures_;
     std::uint64_t next_side_ = 1;
     std::size_t held_ = 0;  // Samples held for sides whose rate is unknown.
