@@ -31,20 +31,27 @@ mkdir -p build
 } >build/demo-build.log 2>&1 || { tail -n 40 build/demo-build.log; fail "the build failed"; }
 echo "   build/mod_quorvane.so  $(stat -c %s build/mod_quorvane.so) bytes"
 
-step "2. A caller and an agent speak"
+step "2. A caller and an agent speak; between the agent's sentences runs an announcement"
 rm -rf "$folder"
-mkdir -p "$folder/received"
-espeak-ng -v en-gb -s 150 -w "$folder/caller.wav" \
-    "Good morning. I would like to know whether my order has been sent." >/dev/null
-espeak-ng -v en-us+f3 -s 150 -w "$folder/agent.wav" \
-    "Good morning! Yes, it left our house yesterday and should reach you today." >/dev/null
-sndfile-info "$folder/caller.wav" | grep -E '^(Sample Rate|Duration)' | sed 's/^/   /'
-rate=$(sndfile-info "$folder/caller.wav" | awk '$1 == "Sample" { print $4; exit }')
+mkdir -p "$folder/received" "$folder/samples"
+speak() { espeak-ng -v "$1" -s 150 -w "$folder/$2.wav" "$3" >/dev/null; }
+speak en-gb caller "Good morning. I would like to know whether my order has been sent."
+speak en-us+f3 greeting "Good morning! One moment, please."
+speak en-us+m2 samples/announcement "This call may be recorded."
+speak en-us+f3 answer "Yes, it left our house yesterday."
+sndfile-concat "$folder/greeting.wav" "$folder/samples/announcement.wav" "$folder/answer.wav" \
+    "$folder/agent.wav"
+info() { sndfile-info "$1" | awk -v name="$2" '$1 == name { print $(NF); exit }'; }
+rate=$(info "$folder/agent.wav" Sample)
+announced=$(awk "BEGIN { printf \"%.3f\", $(info "$folder/greeting.wav" Frames) / $rate }")
+sndfile-info "$folder/agent.wav" | grep -E '^(Sample Rate|Duration)' | sed 's/^/   /'
+echo "   the announcement begins at $announced s of the agent's side"
 
-step "3. A media node listens"
+step "3. A media node listens, and knows the announcement"
 # The rate is given, because the node would estimate it from the times of the packets, and on a
 # busy machine frames are sent late.
 build/quorvane-node --listen 127.0.0.1:0 --output "$folder/received" --calls 1 --rate "$rate" \
+    --samples "$folder/samples" --timeline --events "$folder/events.jsonl" \
     >"$folder/node.log" 2>&1 &
 node_pid=$!
 port=
@@ -56,22 +63,35 @@ done
 [ -n "$port" ] || { cat "$folder/node.log"; fail "the media node did not start"; }
 echo "   on 127.0.0.1:$port"
 
-step "4. The call, tapped by build/mod_quorvane.so"
+step "4. The call, tapped by build/mod_quorvane.so; detection is switched on while it runs"
 uuid=$(cat /proc/sys/kernel/random/uuid)
 build/quorvane-call --module build/mod_quorvane.so --media-node "127.0.0.1:$port" \
     --uuid "$uuid" --read "$folder/caller.wav" --write "$folder/agent.wav" \
     --set sip_call_id=demo@quorvane --set quorvane_rule_id=7 \
-    --set quorvane_audio_activity=true --set quorvane_record=yes \
-    --api "1.5 quorvane {uuid} audio_activity stop both" \
-    --api "2.5 quorvane {uuid} features" | sed 's/^/   /'
+    --set quorvane_audio_activity=true --set quorvane_detection=inactive \
+    --set quorvane_record=yes \
+    --api "1.0 quorvane {uuid} detection start both" \
+    --api "1.5 quorvane {uuid} features" | sed 's/^/   /'
 
 wait "$node_pid" || { cat "$folder/node.log"; fail "the media node failed"; }
 node_pid=
 
 step "5. What the media node received"
-sed 's/^/   /' "$folder/node.log"
+grep -Ev '  (activity|sample) +(originator|terminator):' "$folder/node.log" | sed 's/^/   /'
 
-step "6. The proof: samples spoken against samples received"
+step "6. What the media node heard, and when"
+grep -E '  (activity|sample) +(originator|terminator):' "$folder/node.log" |
+    sed "s/^[^ ]*  $uuid  /   /"
+heard=$(sed -n 's/.*  sample  *terminator: "announcement" at \([0-9.]*\) s.*/\1/p' \
+    "$folder/node.log")
+[ "$(printf '%s\n' "$heard" | grep -c .)" = 1 ] ||
+    fail "the announcement was not heard once on the agent's side"
+awk "BEGIN { late = $heard - $announced; exit !(late < 0.05 && late > -0.05) }" ||
+    fail "the announcement began at $announced s, not at $heard s"
+echo "   The announcement was recognised where it began: spoken $announced s, heard $heard s."
+echo "   The picture of the call: $folder/received/$uuid.svg"
+
+step "7. The proof: samples spoken against samples received"
 for side in "caller originator" "agent terminator"; do
     read -r speaker leg <<<"$side"
     spoken=$folder/$speaker.wav received=$folder/received/$uuid-$leg.wav
