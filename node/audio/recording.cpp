@@ -69,9 +69,16 @@ void SideRecording::finish() {
 }
 
 std::size_t SideRecording::failed_files() const {
-    const std::vector<FileReport> all = files();
-    return static_cast<std::size_t>(std::count_if(
-        all.begin(), all.end(), [](const FileReport& file) { return !file.error.empty(); }));
+    const auto failed = [](const std::unique_ptr<AudioFile>& file) {
+        return file != nullptr && !file->error().empty();
+    };
+    std::size_t count = 0;
+    for (const Track& track : tracks_) {
+        count += failed(track.file) ? 1 : 0;
+        count += static_cast<std::size_t>(
+            std::count_if(track.complete.begin(), track.complete.end(), failed));
+    }
+    return count;
 }
 
 std::vector<FileReport> SideRecording::files() const {
