@@ -20,7 +20,7 @@ using Seconds = std::chrono::duration<double>;
 
 Seconds seconds_from(const char* name) {
     const char* const text = std::getenv(name);
-    return Seconds(text != nullptr ? std::atof(text) : 0);
+    return Seconds(text != nullptr ? std::strtod(text, nullptr) : 0);
 }
 
 // Waits while the disk stands still.

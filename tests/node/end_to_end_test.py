@@ -507,7 +507,7 @@ class DiskStandsStill(unittest.TestCase):
                     environment={"LD_PRELOAD": STOPPED_DISK, "QUORVANE_STOP_FOR": str(seconds)})
 
     def test_receiver_goes_on_and_nothing_is_lost(self):
-        with self.stopped(3, "--calls", "2") as node:
+        with self.stopped(6, "--calls", "2") as node:
             node.talk((1, 2), 500)
             for call in (1, 2):
                 node.send(of_call(call, golden("call_7_terminate")))
