@@ -31,7 +31,7 @@ mkdir -p build
 } >build/demo-build.log 2>&1 || { tail -n 40 build/demo-build.log; fail "the build failed"; }
 echo "   build/mod_quorvane.so  $(stat -c %s build/mod_quorvane.so) bytes"
 
-step "2. A caller and an agent speak; between the agent's sentences runs an announcement"
+step "2. A caller and an agent speak; an announcement plays between the agent's sentences"
 rm -rf "$folder"
 mkdir -p "$folder/received" "$folder/samples"
 speak() { espeak-ng -v "$1" -s 150 -w "$folder/$2.wav" "$3" >/dev/null; }
@@ -79,16 +79,17 @@ node_pid=
 step "5. What the media node received"
 grep -Ev '  (activity|sample) +(originator|terminator):' "$folder/node.log" | sed 's/^/   /'
 
-step "6. What the media node heard, and when"
+step "6. What the media node detected, and when"
 grep -E '  (activity|sample) +(originator|terminator):' "$folder/node.log" |
     sed "s/^[^ ]*  $uuid  /   /"
 heard=$(sed -n 's/.*  sample  *terminator: "announcement" at \([0-9.]*\) s.*/\1/p' \
     "$folder/node.log")
 [ "$(printf '%s\n' "$heard" | grep -c .)" = 1 ] ||
-    fail "the announcement was not heard once on the agent's side"
+    fail "the announcement was not recognised exactly once on the agent's side"
 awk "BEGIN { late = $heard - $announced; exit !(late < 0.05 && late > -0.05) }" ||
-    fail "the announcement began at $announced s, not at $heard s"
-echo "   The announcement was recognised where it began: spoken $announced s, heard $heard s."
+    fail "the announcement began at $announced s, but was recognised at $heard s"
+echo "   The announcement was recognised where it began: spoken at $announced s," \
+    "recognised at $heard s."
 echo "   The picture of the call: $folder/received/$uuid.svg"
 
 step "7. The proof: samples spoken against samples received"
