@@ -28,7 +28,8 @@ import urllib.request
 import wave
 import xml.etree.ElementTree
 
-NODE, GOLDEN, STOPPED_DISK = sys.argv[1], pathlib.Path(sys.argv[2]), sys.argv[3]
+NODE, GOLDEN = sys.argv[1], pathlib.Path(sys.argv[2])
+STOPPED_DISK = sys.argv[3] if len(sys.argv) > 3 else None  # Not where this is imported.
 UUID = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37"
 CALL = ["call_1_start", "call_2_read", "call_3_write", "call_4_read", "call_5_write",
         "call_6_control", "call_7_terminate"]
