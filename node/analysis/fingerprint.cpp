@@ -179,14 +179,6 @@ std::uint8_t Fingerprint::peak_of(std::size_t region) const {
     return static_cast<std::uint8_t>(peak);
 }
 
-std::uint8_t Fingerprint::regions_of(const Peaks& peaks) {
-    std::uint32_t regions = 0;
-    for (std::size_t region = 0; region < REGIONS; ++region) {
-        regions |= static_cast<std::uint32_t>(peaks[region] != NO_PEAK) << region;
-    }
-    return static_cast<std::uint8_t>(regions);
-}
-
 float Fingerprint::peak_level(std::size_t region) const {
     return decibels(spectra_[(frames_ + KEPT - REACH) % KEPT][peaks()[region]] / FULL_SCALE_POWER);
 }

@@ -64,8 +64,6 @@ class Fingerprint {
     static constexpr std::size_t REGIONS = 8;
     static constexpr std::uint8_t NO_PEAK = 0xFF;
     using Peaks = std::array<std::uint8_t, REGIONS>;
-    // Which regions have a peak, one bit each.
-    static std::uint8_t regions_of(const Peaks& peaks);
     const Peaks& peaks() const { return peaks_[frames_ % RING]; }
     // The level of the peak of a region that has one, relative to a full-scale sine.
     float peak_level(std::size_t region) const;

@@ -1,6 +1,7 @@
 #include "node/analysis/sample_detector.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 namespace qv::node::analysis {
@@ -15,20 +16,16 @@ constexpr std::uint32_t VOTE_LIFE = 64;
 // depend on each other.
 constexpr int BIT_GAIN = 1;
 constexpr int BIT_LOSS = 3;  // In addition to the gain that is missed.
-// Indexed by faintness. If a loud peak is missing, the reference is not playing; a faint one may be
-// covered by noise.
-constexpr int PEAK_GAIN[SampleIndex::FAINTEST + 1] = {26, 26, 26, 26, 26, 24, 20, 0};
-constexpr int PEAK_LOSS[SampleIndex::FAINTEST + 1] = {17, 17, 15, 11, 7, 4, 2, 0};
 // The loss for a loud peak of the side that the reference lacks, indexed by its faintness in the
 // side.
-constexpr int STRANGE_LOSS[SampleIndex::FAINTEST + 1] = {8, 7, 5, 2, 0, 0, 0, 0};
+constexpr std::uint8_t STRANGE_LOSS[SampleIndex::FAINTEST + 1] = {8, 7, 5, 2, 0, 0, 0, 0};
 constexpr float LOUDNESS_DECAY_DB = 0.3F;  // Per frame.
 
 // A candidate is reported if its score is at least LEAST_SCORE, and at least ENOUGH when SPAN_SCORE
 // is added for each frame that it has agreed. Chance agreement soon ends, while a reference in
 // noise agrees less but continues.
 constexpr int ENOUGH = 800;
-constexpr int ENOUGH_IN_NOISE = 450;
+constexpr int ENOUGH_IN_NOISE = 430;
 constexpr int SPAN_SCORE = 8;
 constexpr int LEAST_SCORE = 250;
 // In noise, true candidates score less, but false candidates are rarer. A side is noisy if its
@@ -51,16 +48,48 @@ constexpr std::uint64_t SILENCE_HEARD_S = 1;
 constexpr std::uint64_t STEP_S = 2;
 constexpr std::int64_t STEP_FRAMES = STEP_S * ANALYSIS_RATE / HOP;
 
-// Not written with the processor's instruction, which not every processor has.
-int bits_set(std::uint32_t word) {
-    word -= (word >> 1) & 0x55555555u;
-    word = (word & 0x33333333u) + ((word >> 2) & 0x33333333u);
-    return static_cast<int>((((word + (word >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24);
+struct BitCounts {
+    int first;
+    int second;
+};
+
+// How many bits of each word are set. Not written with the processor's instruction, which not every
+// processor has.
+BitCounts count_bits(std::uint32_t first, std::uint32_t second) {
+    std::uint64_t word = first | (std::uint64_t{second} << 32);
+    word -= (word >> 1) & 0x5555555555555555u;
+    word = (word & 0x3333333333333333u) + ((word >> 2) & 0x3333333333333333u);
+    word = (word + (word >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
+    word += word >> 8;
+    word += word >> 16;
+    return {static_cast<int>(word & 0x3F), static_cast<int>((word >> 32) & 0x3F)};
 }
 
-// Nothing is near NO_PEAK.
-bool near(int peak, int bin) {
-    return peak - bin <= 1 && bin - peak <= 1;
+// One byte for each region. The peaks of all regions are compared at once and without branches,
+// because a search does little else.
+using RegionBytes = std::uint8_t __attribute__((vector_size(Fingerprint::REGIONS)));
+
+RegionBytes all_regions(const std::array<std::uint8_t, Fingerprint::REGIONS>& values) {
+    RegionBytes bytes;
+    std::memcpy(&bytes, values.data(), sizeof bytes);
+    return bytes;
+}
+
+// Returns 255 for each region whose peak is within one bin of the peak in one of three frames, and
+// 0 for the others. What it returns for a region without a peak means nothing.
+RegionBytes matching(const Fingerprint::Peaks& peaks, const Fingerprint::Peaks& before,
+                     const Fingerprint::Peaks& now, const Fingerprint::Peaks& after) {
+    const RegionBytes lowest = all_regions(peaks) - 1;
+    return RegionBytes((all_regions(before) - lowest <= 2) | (all_regions(now) - lowest <= 2) |
+                       (all_regions(after) - lowest <= 2));
+}
+
+int sum(RegionBytes bytes) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, &bytes, sizeof word);
+    constexpr std::uint64_t EVEN = 0x00FF00FF00FF00FFu;
+    word = (word & EVEN) + ((word >> 8) & EVEN);
+    return static_cast<int>((word * 0x0001000100010001u) >> 48);
 }
 
 std::uint32_t vote_key(std::uint32_t reference, std::int64_t begin) {
@@ -141,7 +170,9 @@ void SampleDetector::add_hop(SampleOutput& out) {
     first_ = std::max(first_, frame_ + 1 - static_cast<std::int64_t>(HISTORY));
     remember();
     for (Track& track : tracks_) {
-        track.used = track.used && compare(track, frame_ - 1);
+        // If a candidate that was dropped agrees again, its landmarks find it again.
+        track.used =
+            track.used && advance(track, frame_ - 1) && (track.reported || track.score > 0);
     }
     vote();
     follow(out);
@@ -152,7 +183,7 @@ void SampleDetector::add_hop(SampleOutput& out) {
 
 void SampleDetector::remember() {
     Heard& heard = history_[static_cast<std::size_t>(frame_) % HISTORY];
-    heard = {fingerprint_.bits(), fingerprint_.peaks(), 0, 0};
+    heard = {fingerprint_.bits(), fingerprint_.peaks(), {}};
     const float level = fingerprint_.level_db();
     if (level > Fingerprint::QUIETEST_DB + 3) {
         loudest_frame_ = std::max(level, loudest_frame_ - RANGE_DECAY_DB);
@@ -167,10 +198,8 @@ void SampleDetector::remember() {
         }
     }
     for (std::size_t region = 0; region < levels.size(); ++region) {
-        const std::uint32_t faintness = SampleIndex::faintness(loudness_ - levels[region]);
-        heard.faintness |= faintness << (3 * region);
-        if (heard.peaks[region] != Fingerprint::NO_PEAK && STRANGE_LOSS[faintness] != 0) {
-            heard.loud = static_cast<std::uint8_t>(heard.loud | (1u << region));
+        if (heard.peaks[region] != Fingerprint::NO_PEAK) {
+            heard.losses[region] = STRANGE_LOSS[SampleIndex::faintness(loudness_ - levels[region])];
         }
     }
 }
@@ -231,7 +260,7 @@ void SampleDetector::consider(std::uint32_t reference, std::int64_t begin) {
     best.reference = reference;
     best.used = true;
     for (std::int64_t frame = std::max(first_, best.begin); frame < frame_; ++frame) {
-        if (!compare(best, frame)) {
+        if (!advance(best, frame)) {
             return;
         }
     }
@@ -251,55 +280,37 @@ int SampleDetector::agreement(std::uint32_t reference, std::size_t shift,
                               std::int64_t begin) const {
     const auto& frames = index_->reference(reference).frames[shift];
     const std::int64_t end = std::min(frame_ + 1, begin + static_cast<std::int64_t>(frames.size()));
-    int sum = 0;
+    int score = 0;
     int most = 0;
     for (std::int64_t at = std::max({first_, begin, frame_ + 1 - CHOICE}); at < end; ++at) {
-        sum += gain(frames, at - begin, at);
-        sum = std::max(sum, 0);
-        most = std::max(most, sum);
+        score += compare(frames, at - begin, at).gain;
+        score = std::max(score, 0);
+        most = std::max(most, score);
     }
     return most;
 }
 
-// Returns how much a frame of the side supports a frame of a reference: ten times the logarithm of
-// how much more likely it is if the reference plays.
-int SampleDetector::gain(const Frames& frames, std::int64_t at, std::int64_t frame) const {
+// Compares a frame of the side with frame `at` of a reference. A peak matches within one frame and
+// one bin.
+SampleDetector::Comparison SampleDetector::compare(const Frames& frames, std::int64_t at,
+                                                   std::int64_t frame) const {
     const auto i = static_cast<std::size_t>(at);
     const SampleIndex::Frame& expected = frames[i];
     const Heard& now = heard(frame);
-    int gain = BIT_GAIN * bits_set(expected.mask) -
-               BIT_LOSS * bits_set((now.bits ^ expected.bits) & expected.mask);
-    // A peak matches within one frame and one bin.
-    if (expected.regions != 0) {
-        const auto& before = heard(std::max(first_, frame - 1)).peaks;
-        const auto& after = heard(std::min(frame_, frame + 1)).peaks;
-        for (unsigned regions = expected.regions; regions != 0; regions &= regions - 1) {
-            const auto region = static_cast<unsigned>(__builtin_ctz(regions));
-            const int bin = expected.peaks[region];
-            const unsigned faintness = (expected.faintness >> (3 * region)) & 7;
-            gain += near(now.peaks[region], bin) || near(before[region], bin) ||
-                            near(after[region], bin)
-                        ? PEAK_GAIN[faintness]
-                        : -PEAK_LOSS[faintness];
-        }
-    }
-    if (now.loud != 0) {
-        const auto& before = frames[i == 0 ? 0 : i - 1].peaks;
-        const auto& after = frames[std::min(i + 1, frames.size() - 1)].peaks;
-        for (unsigned regions = now.loud; regions != 0; regions &= regions - 1) {
-            const auto region = static_cast<unsigned>(__builtin_ctz(regions));
-            const int bin = now.peaks[region];
-            if (!near(expected.peaks[region], bin) && !near(before[region], bin) &&
-                !near(after[region], bin)) {
-                gain -= STRANGE_LOSS[(now.faintness >> (3 * region)) & 7];
-            }
-        }
-    }
-    return gain;
+    const auto [reliable, different] =
+        count_bits(expected.mask, (now.bits ^ expected.bits) & expected.mask);
+    const RegionBytes present = matching(expected.peaks, heard(std::max(first_, frame - 1)).peaks,
+                                         now.peaks, heard(std::min(frame_, frame + 1)).peaks);
+    const RegionBytes known = matching(now.peaks, frames[i == 0 ? 0 : i - 1].peaks, expected.peaks,
+                                       frames[std::min(i + 1, frames.size() - 1)].peaks);
+    const int gain =
+        BIT_GAIN * reliable - BIT_LOSS * different + sum(all_regions(expected.gains) & present) -
+        sum(all_regions(expected.losses) & ~present) - sum(all_regions(now.losses) & ~known);
+    return {gain, reliable, different};
 }
 
 // Returns whether the reference continues after this frame of the side.
-bool SampleDetector::compare(Track& track, std::int64_t frame) const {
+bool SampleDetector::advance(Track& track, std::int64_t frame) const {
     const auto& frames = index_->reference(track.reference).frames[track.shift];
     const std::int64_t at = frame - track.begin;
     if (at < 0) {
@@ -308,18 +319,16 @@ bool SampleDetector::compare(Track& track, std::int64_t frame) const {
     if (at >= static_cast<std::int64_t>(frames.size())) {
         return false;
     }
-    const SampleIndex::Frame& expected = frames[static_cast<std::size_t>(at)];
-    const int gained = gain(frames, at, frame);
+    const Comparison comparison = compare(frames, at, frame);
     if (track.score == 0) {
         track.bits = 0;
         track.different = 0;
         track.agreed_from = frame;
     }
-    track.score = std::clamp(track.score + gained, 0, MOST);
-    track.bits += static_cast<std::uint32_t>(bits_set(expected.mask));
-    track.different +=
-        static_cast<std::uint32_t>(bits_set((heard(frame).bits ^ expected.bits) & expected.mask));
-    if (gained > 0) {
+    track.score = std::clamp(track.score + comparison.gain, 0, MOST);
+    track.bits += static_cast<std::uint32_t>(comparison.reliable);
+    track.different += static_cast<std::uint32_t>(comparison.different);
+    if (comparison.gain > 0) {
         track.agreed_to = frame;
     }
     return true;

@@ -68,8 +68,8 @@ class SampleDetector {
     struct Heard {
         std::uint32_t bits = 0;
         Fingerprint::Peaks peaks{};
-        std::uint8_t loud = 0;        // Regions whose peak the reference must have, too.
-        std::uint32_t faintness = 0;  // As in references, relative to the recent audio.
+        // How much a reference that lacks the peak is contradicted.
+        SampleIndex::PeakWeights losses{};
     };
 
     // A reference that may be playing. Frame n of the side is its frame n - begin.
@@ -86,19 +86,27 @@ class SampleDetector {
         std::int64_t agreed_to = 0;  // Last frame of the side that agreed.
     };
 
+    // How a frame of the side agrees with a frame of a reference.
+    struct Comparison {
+        int gain;  // Ten times the logarithm of how much more likely the frame is if the reference
+                   // plays.
+        int reliable;   // How many bits of the reference are reliable,
+        int different;  // and how many of these the side has not.
+    };
+
     void add_heard(const std::int16_t* samples, std::size_t count, SampleOutput& out);
     void add_hop(SampleOutput& out);
     void vote();
     void consider(std::uint32_t reference, std::int64_t begin);
     bool is_tracked(std::uint32_t reference, std::int64_t begin) const;
-    bool compare(Track& track, std::int64_t frame) const;
+    bool advance(Track& track, std::int64_t frame) const;
     const Heard& heard(std::int64_t frame) const {
         return history_[static_cast<std::size_t>(frame) % HISTORY];
     }
     using Frames = std::vector<SampleIndex::Frame>;
 
     void remember();
-    int gain(const Frames& frames, std::int64_t at, std::int64_t frame) const;
+    Comparison compare(const Frames& frames, std::int64_t at, std::int64_t frame) const;
     int agreement(std::uint32_t reference, std::size_t shift, std::int64_t begin) const;
     bool convincing(const Track& track) const;
     void follow(SampleOutput& out);

@@ -26,6 +26,10 @@ constexpr float LOUD_DB = 14;           // Decibels below the loudest band of th
 constexpr float CHANGE_PER_DB = 0.25F;  // For each decibel below that.
 constexpr float RANGE_DB = 45;
 constexpr float NO_LEVEL = -200;
+// Indexed by faintness. If a loud peak is missing, the reference is not playing; a faint one may be
+// covered by noise.
+constexpr std::uint8_t PEAK_GAIN[SampleIndex::FAINTEST + 1] = {26, 26, 26, 26, 26, 24, 20, 0};
+constexpr std::uint8_t PEAK_LOSS[SampleIndex::FAINTEST + 1] = {17, 17, 15, 11, 7, 4, 2, 0};
 // A landmark that occurs in more places than this is left out: it says little, and following all
 // places would take too long.
 constexpr std::size_t MOST_PLACES = 48;
@@ -144,13 +148,15 @@ float loud_level(const std::vector<PeakLevels>& levels) {
     return *loud;
 }
 
-void mark_faintness(const std::vector<PeakLevels>& levels,
-                    std::vector<SampleIndex::Frame>& frames) {
+void weigh_peaks(const std::vector<PeakLevels>& levels, std::vector<SampleIndex::Frame>& frames) {
     const float loud = loud_level(levels);
     for (std::size_t i = 0; i < levels.size(); ++i) {
         for (std::size_t region = 0; region < Fingerprint::REGIONS; ++region) {
-            const std::uint32_t faintness = SampleIndex::faintness(loud - levels[i][region]);
-            frames[i].faintness = frames[i].faintness | (faintness << (3 * region));
+            if (frames[i].peaks[region] != Fingerprint::NO_PEAK) {
+                const std::uint32_t faintness = SampleIndex::faintness(loud - levels[i][region]);
+                frames[i].gains[region] = PEAK_GAIN[faintness];
+                frames[i].losses[region] = PEAK_LOSS[faintness];
+            }
         }
     }
 }
@@ -247,8 +253,7 @@ void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint1
             if (fingerprint.frames() == 0) {
                 continue;
             }
-            frames.push_back({fingerprint.bits(), 0, fingerprint.peaks(),
-                              Fingerprint::regions_of(fingerprint.peaks()), 0});
+            frames.push_back({fingerprint.bits(), 0, fingerprint.peaks(), {}, {}});
             levels.push_back(peak_levels_of(fingerprint));
             changes.push_back(changes_of(fingerprint));
             for (std::size_t i = 0; i < fingerprint.landmark_count(); ++i) {
@@ -262,7 +267,7 @@ void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint1
             }
         }
         mark_reliable(changes, frames);
-        mark_faintness(levels, frames);
+        weigh_peaks(levels, frames);
         frames.shrink_to_fit();
     }
 }

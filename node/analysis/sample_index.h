@@ -28,18 +28,22 @@ class SampleIndex {
         std::uint16_t frame;
     };
 
+    // A number for the peak of each region, 0 where the frame has none.
+    using PeakWeights = std::array<std::uint8_t, Fingerprint::REGIONS>;
+
     // One frame of a reference; see Fingerprint.
     struct Frame {
         std::uint32_t bits;
         std::uint32_t mask;  // The reliable bits.
         Fingerprint::Peaks peaks;
-        std::uint8_t regions;  // Regions that have a peak, one bit each.
-        // Faintness of each peak, three bits each from the lowest. 0 is loudest.
-        std::uint32_t faintness;
+        // How much the frame is supported by a side that has the peak, and contradicted by one that
+        // lacks it.
+        PeakWeights gains;
+        PeakWeights losses;
     };
+    // The faintness of a peak that is this many decibels below the loudest ones: 0 for the loudest.
     static constexpr std::uint32_t FAINTEST = 7;
     static constexpr float FAINTNESS_DB = 7;  // Decibels per step.
-    // Returns the faintness of a peak that is this many decibels below the loudest ones.
     static std::uint32_t faintness(float below_db) {
         return std::min(FAINTEST,
                         static_cast<std::uint32_t>(std::max(0.0F, below_db) / FAINTNESS_DB));
