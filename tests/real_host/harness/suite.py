@@ -100,7 +100,9 @@ class Suite:
 
     def _dialplan(self) -> str:
         return "".join((
-            extension("far", "answer", f"endless_playback {self.far.path}"),
+            # An answer while the near leg is still being routed can make the host run this
+            # extension on that leg, too, instead of the one that the scenario asks for.
+            extension("far", "sleep 100", "answer", f"endless_playback {self.far.path}"),
             extension("third", "answer", f"endless_playback {self.third.path}"),
             extension("park", "answer", "park"),
             extension("echo", "answer", "echo"),
