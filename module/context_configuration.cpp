@@ -100,6 +100,7 @@ class ContextConfigurator {
 
     void set_rule_id() {
         context_.rule_id = 0;
+        set_flag(context_.flags, media::FLAG_RULE_ID, false);
         const char* value = variable("quorvane_rule_id");
         if (value == nullptr) {
             return;
@@ -131,6 +132,7 @@ class ContextConfigurator {
     void set_report_node() {
         context_.report_node_addr = 0;
         context_.report_node_port = 0;
+        set_flag(context_.flags, media::FLAG_REPORT_NODE, false);
         const char* value = variable("quorvane_report_node");
         if (value == nullptr) {
             return;

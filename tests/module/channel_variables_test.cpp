@@ -369,6 +369,24 @@ std::int64_t little_endian(const Bytes& packet, std::size_t offset) {
     return static_cast<std::int64_t>(value);
 }
 
+// A call whose channel has no timetable can be configured twice.
+TEST_F(ChannelVariables, SecondConfigurationWithoutRuleIdAndReportNodeClearsTheirFlags) {
+    load();
+    host.faults().set(host::Fault::NO_TIMETABLE);
+    const auto call = start_call({{"sip_call_id", "x"},
+                                  {"quorvane_rule_id", "7"},
+                                  {"quorvane_report_node", "192.0.2.9:5000"}});
+    call->execute("quorvane");
+    EXPECT_EQ(field(node.receive(), 6, 2), hex("00 C0"));  // leg word
+    call->set_variable("quorvane_rule_id", "none");
+    call->set_variable("quorvane_report_node", "nowhere:none");
+    call->execute("quorvane");
+    const Bytes packet = node.receive();
+    EXPECT_EQ(field(packet, 6, 2), hex("00 00"));
+    EXPECT_EQ(field(packet, 64, 14), hex("00 00 00 00 00 00 00 00"  // rule id
+                                         "00 00 00 00 00 00"));     // report node
+}
+
 TEST_F(ChannelVariables, TimesOfTheConfigurationAreOfThisMoment) {
     load();
     const std::int64_t wall = now_us<std::chrono::system_clock>();
