@@ -55,7 +55,7 @@ seq:
     valid:
       min: 1
       max: 0
-    doc: Nothing follows the packet: no value of a byte is valid here.
+    doc: Nothing follows the packet, so no value of a byte is valid here.
 types:
   start_body:
     seq:

@@ -87,8 +87,8 @@ RegionBytes matching(const Fingerprint::Peaks& peaks, const Fingerprint::Peaks& 
 int sum(RegionBytes bytes) {
     std::uint64_t word = 0;
     std::memcpy(&word, &bytes, sizeof word);
-    constexpr std::uint64_t EVEN = 0x00FF00FF00FF00FFu;
-    word = (word & EVEN) + ((word >> 8) & EVEN);
+    constexpr std::uint64_t even = 0x00FF00FF00FF00FFu;
+    word = (word & even) + ((word >> 8) & even);
     return static_cast<int>((word * 0x0001000100010001u) >> 48);
 }
 
