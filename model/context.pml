@@ -97,7 +97,7 @@ bit loaded;              /* AttachedBugs::loaded_ */
 bit hook_left;           /* AttachedBugs::hook_left_ */
 bit reference;           /* AttachedBugs::reference_ holds one. */
 byte postponed;          /* References that threads give back when they end. */
-bit hook_bound;          /* module_state.channel_destroy_hook */
+bit hook_bound;          /* module_state.g_channel_destroy_hook */
 byte descriptor = NONE;  /* Socket::descriptor_ */
 byte taken = NONE;       /* Socket::taken_number_ */
 
@@ -668,7 +668,7 @@ inline load(success) {
 }
 
 /* code: module/mod_quorvane.cpp mod_quorvane_shutdown: close_socket;
- *       unbind(module_state.channel_destroy_hook); module_state.bugs.unloaded
+ *       unbind(module_state.g_channel_destroy_hook); module_state.bugs.unloaded
  * code: module/attached_bugs.cpp AttachedBugs::unloaded: lock_; loaded_ = false;
  *       hook_left_ = false; count_ > 0; take_reference; lock_; give_back
  * code: module/object_reference.cpp ObjectReference::give_back: handle_ != nullptr; ::dlclose */

@@ -3,14 +3,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <iostream>  // The standard streams stand before the objects below, and after them.
 #include <iterator>
 #include <new>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "build_identifier.h"
 #include "module/api_command.h"
@@ -38,8 +36,8 @@ const std::string CONFIG_FILE_PATH =
 struct ModuleState {
     ModuleContext context;
     AttachedBugs bugs{context.socket};
-    switch_event_node_t* channel_destroy_hook = nullptr;
-    switch_event_node_t* dump_event_hook = nullptr;
+    switch_event_node_t* g_channel_destroy_hook = nullptr;
+    switch_event_node_t* g_dump_event_hook = nullptr;
 };
 
 Undestroyed<ModuleState> state_room;
@@ -97,7 +95,7 @@ bool bind(const char* owner, switch_event_types_t event, switch_event_callback_t
 
 bool bind_events() {
     if (!bind("mod_quorvane", SWITCH_EVENT_CHANNEL_DESTROY, channel_destroy_handler,
-              module_state.channel_destroy_hook)) {
+              module_state.g_channel_destroy_hook)) {
         switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
                           nullptr, SWITCH_LOG_ERROR,
                           "[quorvane]: couldn't bind channel destroy event hook!\n");
@@ -105,7 +103,7 @@ bool bind_events() {
     }
     const switch_event_callback_t dump_callback = dump_handler(global.config.dump_mode);
     if (dump_callback != nullptr &&
-        !bind(modname, SWITCH_EVENT_ALL, dump_callback, module_state.dump_event_hook)) {
+        !bind(modname, SWITCH_EVENT_ALL, dump_callback, module_state.g_dump_event_hook)) {
         switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
                           nullptr, SWITCH_LOG_ERROR, "[quorvane]: couldn't bind event hook!\n");
         // The first hook stays bound although the host now closes this shared object.
@@ -119,7 +117,7 @@ bool bind_events() {
 
 // A step is not undone when a later one fails. See docs/design.md, Odd on purpose: load.
 switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_interface,
-                                  switch_memory_pool_t* pool) {
+                                  switch_memory_pool_t* pool) try {
     reset_settings();
     log_line<log::SYSTEM>(QV_PLACE, "build version: \"", QUORVANE_BUILD_IDENTIFIER, "\"");
     if (!read_configuration()) {
@@ -149,6 +147,13 @@ switch_status_t mod_quorvane_load(switch_loadable_module_interface_t** module_in
     module_state.bugs.loaded();
     log_line<log::SYSTEM>(QV_PLACE, "module has been loaded");
     return SWITCH_STATUS_SUCCESS;
+} catch (const std::bad_alloc&) {
+    switch_log_printf(SWITCH_CHANNEL_ID_LOG, log::source_base_name(__FILE__), LOAD, __LINE__,
+                      nullptr, SWITCH_LOG_ERROR, "[quorvane]: no memory to load the module\n");
+    if (module_state.g_channel_destroy_hook != nullptr) {
+        module_state.bugs.load_left_a_hook();
+    }
+    return SWITCH_STATUS_TERM;
 }
 
 // ---- application ------------------------------------------------------------------
@@ -335,8 +340,7 @@ bool unregister(const AppContext& context) {
 }
 
 // Returns the reference of a closing bug. If the host had refused the bug, its reference was
-// returned already, and the bug is counted again until its event ends. The registry then keeps
-// the context until the end of the call.
+// returned already, and the bug is counted again until its event ends.
 ContextReference detach(AppContext& context) {
     context.count_close();
     ContextReference reference = context.take_back_from_bug();
@@ -495,8 +499,8 @@ switch_event_callback_t dump_handler(DumpMode mode) {
 // mapped until the last of them has ended.
 switch_status_t mod_quorvane_shutdown() {
     module_state.bugs.close_socket();
-    unbind(module_state.dump_event_hook);
-    unbind(module_state.channel_destroy_hook);
+    unbind(module_state.g_dump_event_hook);
+    unbind(module_state.g_channel_destroy_hook);
     log_line<log::SYSTEM>(QV_PLACE, "module has been shutdown");
     module_state.bugs.unloaded();
     return SWITCH_STATUS_SUCCESS;

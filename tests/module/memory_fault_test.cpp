@@ -118,6 +118,42 @@ TEST_F(MemoryFaultTest, AnApplicationWithoutMemoryLeavesTheCallAlone) {
     EXPECT_GE(failures, 5U);
 }
 
+// The object stays mapped, so each load also finds the context of a call that is not tapped.
+TEST_F(MemoryFaultTest, ALoadWithoutMemoryIsRefusedAndTheNextOneWorks) {
+    load_and_watch();
+    void* const mapped = ::dlopen(QUORVANE_RELOCATED_MODULE, RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(mapped, nullptr);
+    host::CallOptions options;
+    options.uuid = "5a1d0c3e-0b7f-4c52-8e11-9d2f60a7b314";
+    const auto untapped = start_call_as(options);
+    host.api("quorvane " + options.uuid + " detection start");
+    ASSERT_TRUE(unload().unloaded);
+    std::size_t refused = 0;
+    for (std::size_t index = 0;; ++index) {
+        SCOPED_TRACE("allocation " + std::to_string(index) + " fails");
+        fail_allocation(index);
+        const host::LoadResult result = try_load();
+        const std::size_t made = stop_failing();
+        EXPECT_EQ(result.exception, std::nullopt);
+        if (made <= index) {
+            ASSERT_TRUE(result.loaded);
+            break;
+        }
+        // A setting without memory is refused like any other setting that cannot be read.
+        if (result.loaded) {
+            ASSERT_TRUE(unload().unloaded);
+        } else {
+            EXPECT_TRUE(host.log().contains("no memory to load the module"));
+            ++refused;
+        }
+        host.log().clear();
+        ASSERT_LT(index, MANY);
+    }
+    expect_next_call_is_tapped();
+    EXPECT_GE(refused, 5U);
+    ::dlclose(mapped);
+}
+
 TEST_F(MemoryFaultTest, WhatMemoryDidNotSufficeForIsLogged) {
     load_and_watch();
     std::unique_ptr<host::Call> call;
