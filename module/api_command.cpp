@@ -49,6 +49,7 @@ class ActionApiCommand : public ApiCommand {
     Action action_;
 };
 
+// A table could replace the five classes below; their names are kept for their users.
 class VersionApiCommand : public ActionApiCommand {
   public:
     VersionApiCommand(switch_stream_handle_t* stream, Configuration& /*config*/)

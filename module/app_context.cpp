@@ -12,6 +12,8 @@ namespace qv::freeswitch {
 
 namespace {
 
+static_assert(media::UUID_SIZE == utils::bytes::UUID_SIZE, "UUIDs are decoded into packets");
+
 using media::Features;
 using media::features16_t;
 

@@ -25,6 +25,7 @@ namespace qv::conf {
 inline const std::string default_conf_ext = ".conf";
 inline const std::string default_base_directory = QUORVANE_BASE_DIRECTORY;
 inline const std::string default_directory = default_base_directory + "/quorvane";
+// Not used here; kept for its users.
 inline const std::string default_kafka_config_path =
     default_directory + "/kafka" + default_conf_ext;
 

@@ -33,6 +33,7 @@ inline const std::string level_to_string[LEVEL_COUNT] = {"SYSTEM", "ERROR", "WAR
 inline const std::string level_to_spaces[LEVEL_COUNT] = {" ", "  ", "", "   ", "  ", "  "};
 
 inline const std::string message_delimiter = " | ";
+// Not used here; kept for its users.
 inline const std::string default_directory = "/var/log/delmaren/quorvane";
 
 // A log line under construction: insert the text into `stream`, then hand the message to the

@@ -38,15 +38,17 @@ bool parse_addr(const char* text, const char* end, sockaddr_in& out);
 // a port is what a text stream reads, 0 for no number.
 void parse_hosts(const std::string& text, std::list<Host>& out);
 
-// Appends socket addresses. Also skips items whose ports are not entirely valid numbers.
+// Appends socket addresses. Also skips items whose ports are not entirely valid numbers. Not
+// used here; kept for its users.
 void parse_addrs(const std::string& text, std::list<HostAddr>& out);
 
 // The local address, dotted, that the system would use to reach `peer` (network byte
 // order). `fallback` for the peers 0.0.0.0 and 255.255.255.255 and when the system does not
-// report one. Sends nothing.
+// report one. Sends nothing. Not used here; kept for its users.
 std::string get_host_ip(std::uint32_t peer, const std::string& fallback);
 
-// This machine's name; empty when the system does not report it.
+// This machine's name; empty when the system does not report it. Not used here; kept for its
+// users.
 std::string get_host_name();
 
 // An unconnected UDP socket over IPv4.

@@ -25,7 +25,6 @@ constexpr auto QUIET = 100ms;
 // After the calls: nothing more comes from the module when nothing came for so long.
 constexpr auto LAST_WAIT = 100ms;
 constexpr int ROOM = 16 * 1024 * 1024;  // bytes, of the socket that the module sends to
-constexpr std::size_t UUID_OFFSET = 16;
 constexpr std::size_t LONGEST = 65'536;
 
 int open_socket() {
@@ -149,16 +148,16 @@ bool LossyNetwork::receive_all() {
     }
 }
 
-// What becomes of each packet is drawn in the same order always, whatever is wanted.
+// Draws what happens to each packet, always with the same number of draws: a seed then gives the
+// same losses with and without the other options.
 void LossyNetwork::receive(const Datagram& datagram) {
     ++figures_.datagrams;
     media::Packet packet;
     const bool known =
         media::decode_packet(datagram.data(), datagram.size(), packet) == media::DecodeResult::OK;
     const bool is_data = known && packet.type == media::PacketType::DATA;
-    const std::string uuid = known ? std::string(datagram.begin() + UUID_OFFSET,
-                                                 datagram.begin() + UUID_OFFSET + media::UUID_SIZE)
-                                   : std::string();
+    const std::string uuid =
+        known ? std::string(packet.call_uuid, packet.call_uuid + media::UUID_SIZE) : std::string();
     Stream& stream = stream_of({uuid, is_data ? 1U + packet.leg() : 0U});
     stream.latest = Clock::now();
     const bool lost = 100 * next_share(stream.random) < plan_.lose_percent;
