@@ -18,6 +18,22 @@ std::string numbered(const std::string& stem, std::uint64_t number) {
     return number == 1 ? stem : stem + '-' + std::to_string(number);
 }
 
+// Doubles the number until it is free, then halves the interval. Many calls may want the same
+// stem; trying every number would take longer each time.
+template <typename IsTaken>
+std::string free_stem(const std::string& first, IsTaken is_taken) {
+    std::uint64_t used_number = 0;
+    std::uint64_t free_number = 1;
+    while (is_taken(numbered(first, free_number))) {
+        used_number = std::exchange(free_number, 2 * free_number);
+    }
+    while (free_number - used_number > 1) {
+        const std::uint64_t middle = used_number + (free_number - used_number) / 2;
+        (is_taken(numbered(first, middle)) ? used_number : free_number) = middle;
+    }
+    return numbered(first, free_number);
+}
+
 // A call that gets no files.
 class UnnamedCall : public CallListener {
   public:
@@ -42,19 +58,8 @@ std::string timeline_file_name(const std::string& stem) {
     return stem + ".svg";
 }
 
-// Doubles the number until it is free, then halves the interval. A sender may restart a call as
-// often as it likes; trying every number would take longer each time.
 std::string free_stem(const AudioStore& store, const std::string& first) {
-    std::uint64_t used_number = 0;
-    std::uint64_t free_number = 1;
-    while (taken(store, numbered(first, free_number))) {
-        used_number = std::exchange(free_number, 2 * free_number);
-    }
-    while (free_number - used_number > 1) {
-        const std::uint64_t middle = used_number + (free_number - used_number) / 2;
-        (taken(store, numbered(first, middle)) ? used_number : free_number) = middle;
-    }
-    return numbered(first, free_number);
+    return free_stem(first, [&store](const std::string& stem) { return taken(store, stem); });
 }
 
 FileNames::FileNames(const AudioStore& store, const Options& options,
@@ -117,12 +122,11 @@ std::string FileNames::choose_stem(const Call& call, const std::string& utc_time
     const std::string reference = call.start().has_value() ? call.start()->call_reference : "";
     const std::string wanted =
         options_.pattern.expand({uuid_text(call.uuid()), reference, utc_time});
-    std::string stem = options_.overwrite ? wanted : free_stem(store_, wanted);
-    for (std::uint64_t number = 2; stems_.count(stem) != 0 && stem != uuid_text(call.uuid());
-         ++number) {
-        stem = free_stem(store_, numbered(wanted, number));
-    }
-    return stem;
+    const std::string uuid = uuid_text(call.uuid());
+    return free_stem(wanted, [&](const std::string& stem) {
+        const bool present = stems_.count(stem) != 0 && stem != uuid;
+        return present || (!(options_.overwrite && stem == wanted) && taken(store_, stem));
+    });
 }
 
 // Assumes that every present call writes as many files as it may: how many it writes is known only

@@ -52,14 +52,15 @@ bool is_in_foreground() {
     return ::isatty(STDIN_FILENO) != 0 && ::tcgetpgrp(STDIN_FILENO) == ::getpgrp();
 }
 
-// Keys come one by one and are not echoed. Ctrl-C still interrupts; Ctrl-Z does nothing, because
-// a stopped program loses packets.
+// Keys come one by one and are not echoed. Ctrl-C still interrupts; Ctrl-Z and Ctrl-S do nothing,
+// because a program that is stopped, or waits for its terminal, loses packets.
 bool take_keys() {
     if (!is_in_foreground() || ::tcgetattr(STDIN_FILENO, &settings_before) != 0) {
         return false;
     }
     termios settings = settings_before;
     settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+    settings.c_iflag &= ~static_cast<tcflag_t>(IXON);
     settings.c_cc[VMIN] = 0;
     settings.c_cc[VTIME] = 0;
     settings.c_cc[VSUSP] = _POSIX_VDISABLE;

@@ -155,6 +155,14 @@ class Live(unittest.TestCase):
             self.check_restored(screen)
             self.assertIn(b"asked to end", screen.seen)
 
+    def test_stopped_output_does_not_stop_the_node(self):
+        with Screen() as screen:
+            screen.press(b"\x13")  # Ctrl-S
+            time.sleep(0.5)
+            screen.read()
+            screen.seen = b""  # What follows was shown after the key.
+            screen.wait_for("quorvane-node on ")
+
     def test_signals_leave_the_terminal_as_before(self):
         for number in (signal.SIGTERM, signal.SIGINT, signal.SIGQUIT, signal.SIGSEGV,
                        signal.SIGABRT):

@@ -164,7 +164,7 @@ class ReferenceNamesTest : public testing::Test {
     FileNames::Options options_{false, 0, 2, NamePattern("{date}-{reference}"),
                                 [] { return "2026-01-31T23:59:58.123456Z"; }};
     CallLimits limits_;
-    FakeAudioStore store_;
+    AskedStore store_;
     FileNames names_{store_, options_, [] { return 0; }, [] {}};
     std::vector<std::unique_ptr<Call>> calls_;
 };
@@ -181,6 +181,14 @@ TEST_F(ReferenceNamesTest, CallsOfOneReferenceAreNumberedBeforeTheyHaveFiles) {
         start(call, "a");
         EXPECT_EQ(call.file_stem(), "2026-01-31" + expected);
     }
+}
+
+TEST_F(ReferenceNamesTest, HundredsOfPresentCallsOfOneReferenceCostFewLooks) {
+    for (unsigned number = 0; number < 250; ++number) {
+        start(begin(static_cast<unsigned char>(number)), "a");
+    }
+    EXPECT_EQ(calls_.back()->file_stem(), "2026-01-31-a-250");
+    EXPECT_LE(store_.asked, 250u * 100u);
 }
 
 TEST_F(ReferenceNamesTest, NameDoesNotChangeOnceThereMayBeFiles) {
