@@ -78,6 +78,7 @@ typedef Context {
     byte key;            /* `id`; NONE until the application writes it. */
     byte references;     /* ReferenceCountable::references_ */
     byte lent;           /* AppContext::lent_ */
+    byte closed_bugs;    /* AppContext::closed_bugs_ */
     byte lock;           /* context_lock: who holds it. */
     bit being_written;   /* The application writes the options, without a lock. */
     byte frames;         /* Frames of its bug that are on their way. */
@@ -380,12 +381,13 @@ inline unregister(c) {
 
 /* code: module/mod_quorvane.cpp media_handler: handle_close(session, detach(;
  *       module_state.bugs.remove
- * code: module/mod_quorvane.cpp detach: take_back_from_bug; module_state.bugs.add;
- *       ContextReference(&context)
+ * code: module/mod_quorvane.cpp detach: count_close; take_back_from_bug;
+ *       module_state.bugs.add; ContextReference(&context)
  * code: module/mod_quorvane.cpp handle_close: media_terminate; report_transfer; unregister */
 inline handle_close(c) {
     atomic {
         touch(c);
+        context[c].closed_bugs++;
         if
         :: context[c].lent > 0 -> context[c].lent--
         :: else -> attached_bugs++; context[c].references++
@@ -443,12 +445,14 @@ inline claim_context(s, k, c) {
 }
 
 /* code: module/mod_quorvane.cpp attach: module_state.bugs.add; lend_to_bug
- * code: module/mod_quorvane.cpp forget_refused_bug: take_back_from_bug; module_state.bugs.remove
- * code: module/mod_quorvane.cpp attach_media_bug: attach(; switch_core_media_bug_add;
- *       forget_refused_bug */
+ * code: module/mod_quorvane.cpp forget_refused_bug: closed_bugs() == closed;
+ *       take_back_from_bug; module_state.bugs.remove
+ * code: module/mod_quorvane.cpp attach_media_bug: closed_bugs(); attach(;
+ *       switch_core_media_bug_add; forget_refused_bug */
 inline attach_media_bug(s, c) {
     atomic {
         touch(c);
+        closed = context[c].closed_bugs;
         attached_bugs++;
 #ifndef WRONG_NO_BUG_REFERENCE
         context[c].references++;
@@ -459,7 +463,11 @@ inline attach_media_bug(s, c) {
     if
     :: ok
     :: else ->
-        atomic { touch(c); ok = (context[c].lent > 0); context[c].lent = context[c].lent - ok }
+        atomic {
+            touch(c);
+            ok = (context[c].closed_bugs == closed && context[c].lent > 0);
+            context[c].lent = context[c].lent - ok
+        };
         if
         :: ok ->
             drop_reference(c);
@@ -761,14 +769,14 @@ inline host_close_bugs(s) {
 
 /* The thread of a call: its dialplan, frames of one direction, hang-up. */
 proctype call_thread(byte s) {
-    byte c, own, id, left, target, runs;
+    byte c, own, id, left, target, runs, closed;
     bit ok;
     do
     :: atomic { runs < RUNS -> runs++ }
         if
         :: atomic { interfaces_known -> module_users++ }
             start_application(s);
-            atomic { module_users--; c = 0; ok = 0 }
+            atomic { module_users--; c = 0; ok = 0; closed = 0 }
         :: true
         fi
     :: atomic { true -> runs = 0; break }
