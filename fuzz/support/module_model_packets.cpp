@@ -109,7 +109,7 @@ bool ModuleModel::send_start(const CallModel& call, const TapModel& tap) {
 bool ModuleModel::send_data(const CallModel& call, TapModel& tap, int leg_number,
                             const std::uint8_t* data, std::size_t size) {
     LegModel& leg = tap.legs[leg_number];
-    leg.odd_frames += size % 2;
+    leg.odd_frames += static_cast<std::uint32_t>(size % 2);
     const std::size_t usable = size - size % 2;
     std::size_t taken = 0;
     std::size_t packets = 0;
