@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "fuzz/support/input.h"
 #include "fuzz/support/require.h"
 #include "node/analysis/activity_detector.h"
 #include "node/analysis/sample_detector.h"
@@ -13,26 +14,10 @@
 namespace {
 
 using namespace qv::node::analysis;
+using qv::fuzz::Input;
 
 // Limits the samples of one input, so that it ends soon.
 constexpr std::uint64_t LONGEST = 1u << 16;
-
-class Input {
-  public:
-    Input(const std::uint8_t* data, std::size_t size) : data_(data), end_(data + size) {}
-    bool empty() const { return data_ == end_; }
-    std::uint32_t take(int bytes) {
-        std::uint32_t value = 0;
-        for (; bytes > 0; --bytes) {
-            value = value << 8 | (empty() ? 0u : *data_++);
-        }
-        return value;
-    }
-
-  private:
-    const std::uint8_t* data_;
-    const std::uint8_t* end_;
-};
 
 float noise_at(std::uint32_t& state) {
     state = state * 1664525u + 1013904223u;
@@ -77,8 +62,8 @@ class Checks : public ActivityOutput, public SampleOutput {
 };
 
 std::vector<std::int16_t> samples(Input& in, std::size_t count) {
-    const std::uint32_t kind = in.take(1);
-    std::uint32_t state = kind;
+    const std::uint64_t kind = in.take(1);
+    auto state = static_cast<std::uint32_t>(kind);
     std::vector<std::int16_t> list(count);
     for (std::size_t i = 0; i < count; ++i) {
         switch (kind % 6) {
@@ -123,9 +108,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Checks checks;
     std::uint64_t position = begin;
     for (std::uint64_t heard = 0; !in.empty() && heard < LONGEST;) {
-        const std::uint32_t operation = in.take(1);
+        const std::uint64_t operation = in.take(1);
         if (operation % 4 == 0) {
-            const std::uint64_t gap = static_cast<std::uint64_t>(in.take(4)) << (operation >> 4);
+            const std::uint64_t gap = in.take(4) << (operation >> 4);
             activity.skip(gap, checks);
             detector.skip(gap, checks);
             position += gap;

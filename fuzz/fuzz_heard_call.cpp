@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "fuzz/support/input.h"
 #include "fuzz/support/require.h"
 #include "node/analysis/analyser.h"
 #include "node/calls/call.h"
@@ -18,28 +19,12 @@
 namespace {
 
 using namespace qv::node;
+using qv::fuzz::Input;
 using qv::fuzz::require;
 
 // Limits the samples of one input, so that it ends soon.
 constexpr std::size_t MOST_SAMPLES = 1u << 16;
 constexpr std::size_t MOST_IN_PACKET = 661;
-
-class Input {
-  public:
-    Input(const std::uint8_t* data, std::size_t size) : data_(data), end_(data + size) {}
-    bool empty() const { return data_ == end_; }
-    std::uint64_t take(int bytes) {
-        std::uint64_t value = 0;
-        for (; bytes > 0; --bytes) {
-            value = value << 8 | (empty() ? 0u : *data_++);
-        }
-        return value;
-    }
-
-  private:
-    const std::uint8_t* data_;
-    const std::uint8_t* end_;
-};
 
 // Requires that what is reported of each side makes sense, whatever came.
 class Checks : public CallListener {
