@@ -3,7 +3,6 @@
 #include <speex/speex_resampler.h>
 
 #include <algorithm>
-#include <new>
 
 namespace qv::node::analysis {
 
@@ -16,26 +15,10 @@ constexpr float FULL_SCALE = 32768;
 
 }  // namespace
 
-void Resampler::Destroy::operator()(SpeexResamplerState_* state) const {
-    speex_resampler_destroy(state);
-}
-
-Resampler::Resampler(int from, int to) : from_(from), to_(to) {
-    if (from == to) {
-        return;
-    }
-    int error = RESAMPLER_ERR_SUCCESS;
-    state_.reset(speex_resampler_init(1, static_cast<spx_uint32_t>(from),
-                                      static_cast<spx_uint32_t>(to), QUALITY, &error));
-    if (state_ == nullptr) {
-        throw std::bad_alloc();
-    }
-    speex_resampler_skip_zeros(state_.get());
-}
-
-Resampler::~Resampler() = default;
-Resampler::Resampler(Resampler&&) noexcept = default;
-Resampler& Resampler::operator=(Resampler&&) noexcept = default;
+Resampler::Resampler(int from, int to)
+    : state_(from == to ? nullptr : tools::make_speex_resampler(from, to, QUALITY)),
+      from_(from),
+      to_(to) {}
 
 std::size_t Resampler::room_for(std::size_t count) const {
     return count * static_cast<std::size_t>(to_) / static_cast<std::size_t>(from_) + 2;
@@ -59,8 +42,7 @@ std::size_t Resampler::convert(const std::int16_t* samples, std::size_t count, f
 
 void Resampler::reset() {
     if (state_ != nullptr) {
-        speex_resampler_reset_mem(state_.get());
-        speex_resampler_skip_zeros(state_.get());
+        tools::restart(state_);
     }
 }
 

@@ -5,9 +5,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
-struct SpeexResamplerState_;
+#include "tools/speex_resampler.h"
 
 namespace qv::node::analysis {
 
@@ -15,9 +14,6 @@ class Resampler {
   public:
     // Rates in Hz, above 0.
     Resampler(int from, int to);
-    ~Resampler();
-    Resampler(Resampler&&) noexcept;
-    Resampler& operator=(Resampler&&) noexcept;
 
     // The most samples that one call of convert() takes.
     static constexpr std::size_t PIECE = 256;
@@ -31,11 +27,7 @@ class Resampler {
     void reset();
 
   private:
-    struct Destroy {
-        void operator()(SpeexResamplerState_* state) const;
-    };
-
-    std::unique_ptr<SpeexResamplerState_, Destroy> state_;  // Null if the rates are equal.
+    tools::SpeexResampler state_;  // Null if the rates are equal.
     int from_;
     int to_;
 };

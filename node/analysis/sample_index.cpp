@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
-#include <new>
 #include <utility>
 
 #include "tools/format.h"
+#include "tools/speex_resampler.h"
 
 namespace qv::node::analysis {
 
@@ -39,15 +39,8 @@ std::vector<float> at_analysis_rate(const float* samples, std::size_t count, int
     if (rate == ANALYSIS_RATE) {
         return sound;
     }
-    int error = 0;
-
-    SpeexResamplerState* const state =
-        speex_resampler_init(1, static_cast<spx_uint32_t>(rate),
-                             static_cast<spx_uint32_t>(ANALYSIS_RATE), RESAMPLER_QUALITY, &error);
-    if (state == nullptr) {
-        throw std::bad_alloc();
-    }
-    speex_resampler_skip_zeros(state);
+    const tools::SpeexResampler state =
+        tools::make_speex_resampler(rate, ANALYSIS_RATE, RESAMPLER_QUALITY);
     const std::size_t wanted = count * std::size_t{ANALYSIS_RATE} / static_cast<std::size_t>(rate);
     // Flushes the end through the filter.
     sound.resize(count + static_cast<std::size_t>(rate) / 10, 0.0F);
@@ -57,12 +50,11 @@ std::vector<float> at_analysis_rate(const float* samples, std::size_t count, int
     while (read < sound.size() && written < wanted) {
         auto in = static_cast<spx_uint32_t>(std::min<std::size_t>(sound.size() - read, 65536));
         auto out = static_cast<spx_uint32_t>(std::min<std::size_t>(wanted - written, 65536));
-        speex_resampler_process_float(state, 0, sound.data() + read, &in, result.data() + written,
-                                      &out);
+        speex_resampler_process_float(state.get(), 0, sound.data() + read, &in,
+                                      result.data() + written, &out);
         read += in;
         written += out;
     }
-    speex_resampler_destroy(state);
     return result;
 }
 

@@ -3,7 +3,6 @@
 #include <speex/speex_resampler.h>
 
 #include <algorithm>
-#include <new>
 
 namespace qv::node {
 
@@ -14,22 +13,10 @@ constexpr int QUALITY = 5;
 
 }  // namespace
 
-void RateConverter::Destroy::operator()(SpeexResamplerState_* state) const {
-    speex_resampler_destroy(state);
-}
-
 RateConverter::RateConverter(int from, int to)
-    : from_(static_cast<std::uint64_t>(from)), to_(static_cast<std::uint64_t>(to)) {
-    int error = RESAMPLER_ERR_SUCCESS;
-    state_.reset(speex_resampler_init(1, static_cast<spx_uint32_t>(from),
-                                      static_cast<spx_uint32_t>(to), QUALITY, &error));
-    if (state_ == nullptr) {
-        throw std::bad_alloc();
-    }
-    speex_resampler_skip_zeros(state_.get());
-}
-
-RateConverter::~RateConverter() = default;
+    : state_(tools::make_speex_resampler(from, to, QUALITY)),
+      from_(static_cast<std::uint64_t>(from)),
+      to_(static_cast<std::uint64_t>(to)) {}
 
 void RateConverter::convert(const std::int16_t* samples, std::size_t count,
                             std::vector<std::int16_t>& out) {
@@ -66,8 +53,7 @@ void RateConverter::flush(std::vector<std::int16_t>& out) {
     process(silence.data(), silence.size(), out);
     out.resize(out.size() + due() - given_, 0);
     given_ = due();
-    speex_resampler_reset_mem(state_.get());
-    speex_resampler_skip_zeros(state_.get());
+    tools::restart(state_);
 }
 
 std::uint64_t RateConverter::convert_silence(std::uint64_t count) {

@@ -5,10 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <vector>
 
-struct SpeexResamplerState_;
+#include "tools/speex_resampler.h"
 
 namespace qv::node {
 
@@ -16,9 +15,6 @@ class RateConverter {
   public:
     // Rates in Hz, above 0.
     RateConverter(int from, int to);
-    ~RateConverter();
-    RateConverter(const RateConverter&) = delete;
-    RateConverter& operator=(const RateConverter&) = delete;
 
     // Converts samples and appends the result to `out`.
     void convert(const std::int16_t* samples, std::size_t count, std::vector<std::int16_t>& out);
@@ -30,14 +26,10 @@ class RateConverter {
     std::uint64_t convert_silence(std::uint64_t count);
 
   private:
-    struct Destroy {
-        void operator()(SpeexResamplerState_* state) const;
-    };
-
     std::uint64_t due() const;
     void process(const std::int16_t* samples, std::size_t count, std::vector<std::int16_t>& out);
 
-    std::unique_ptr<SpeexResamplerState_, Destroy> state_;
+    const tools::SpeexResampler state_;
     const std::uint64_t from_;
     const std::uint64_t to_;
     std::uint64_t taken_ = 0;
