@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <deque>
 #include <utility>
 #include <vector>
 
 #include "node/calls/call.h"
+#include "node/calls/pause_map.h"
 
 namespace qv::node {
 
@@ -19,10 +19,6 @@ using analysis::Wanted;
 // and the total of all sides.
 constexpr std::size_t MOST_HELD = 96'000;
 constexpr std::size_t MOST_HELD_IN_ALL = 32'000'000;
-
-// The number of pauses that are remembered. Detections lie at most seconds back, except for the
-// beginning of a long sample.
-constexpr std::size_t MOST_PAUSES = 64;
 
 // Time between two reports of the same side.
 constexpr Micros SKIPS_REPORTED{1'000'000};
@@ -66,13 +62,7 @@ class Analyser::AnalysedSide {
         }
     }
 
-    void pause(const Pause& pause) {
-        paused_ += pause.samples;
-        pauses_.push_back({placed(pause.position), paused_});
-        if (pauses_.size() > MOST_PAUSES) {
-            pauses_.pop_front();
-        }
-    }
+    void pause(const Pause& pause) { pauses_.add(pause); }
 
     void rate_decided() {
         for (const Held& held : std::exchange(held_, {})) {
@@ -145,33 +135,16 @@ class Analyser::AnalysedSide {
         std::uint64_t position;
         std::vector<std::int16_t> samples;
     };
-    // Returns where a pause begins on the worker's axis: without the pauses up to its end.
-    struct Paused {
-        std::uint64_t end;
-        std::uint64_t total;
-    };
 
     Running running() const { return call_.side(which_).running(); }
-    std::uint64_t placed(std::uint64_t position) const { return position + paused_; }
+    std::uint64_t placed(std::uint64_t position) const { return pauses_.place_of(position); }
 
     std::uint64_t heard_of(const Noticed& noticed) const {
         return static_cast<std::uint64_t>(side_position(static_cast<std::int64_t>(noticed.heard)));
     }
 
     // Returns the side's position for a place on the worker's axis.
-    std::int64_t side_position(std::int64_t placed) const {
-        std::uint64_t before = pauses_.empty() ? paused_ : 0;
-        for (const Paused& pause : pauses_) {
-            const auto end = static_cast<std::int64_t>(pause.end);
-            const auto position = end - static_cast<std::int64_t>(pause.total);
-            if (placed >= end) {
-                before = pause.total;
-            } else if (placed - static_cast<std::int64_t>(before) > position) {
-                return position;  // The place is within the pause.
-            }
-        }
-        return placed - static_cast<std::int64_t>(before);
-    }
+    std::int64_t side_position(std::int64_t placed) const { return pauses_.position_at(placed); }
 
     void add(const Piece& piece) {
         if (call_.side(which_).sample_rate() != 0) {
@@ -249,9 +222,8 @@ class Analyser::AnalysedSide {
     // The worker's number for this side. 0 before the worker has received anything.
     std::uint64_t number_ = 0;
     Running counted_;
-    std::uint64_t paused_ = 0;
-    std::deque<Paused> pauses_;  // The latest pauses.
-    std::vector<Held> held_;     // Audio that waits until the rate is known.
+    PauseMap pauses_;
+    std::vector<Held> held_;  // Audio that waits until the rate is known.
     std::size_t held_samples_ = 0;
     std::uint64_t skipped_ = 0;  // Samples left out since the latest report.
     Micros skips_reported_{0};

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <deque>
 #include <limits>
 
 #include "node/audio/file_names.h"
 #include "node/calls/call.h"
+#include "node/calls/pause_map.h"
 #include "node/report/text.h"
 
 namespace qv::node {
@@ -97,7 +97,7 @@ class TimelineOfCall : public CallListener {
 
     void pause(const Call& /*call*/, Side side, const Pause& pause) override {
         TimelineData::SideTrace& into = trace(side);
-        note_pause(side, pause);
+        pauses_[index_of(side)].add(pause);
         add_mark(into.pauses, TimelineData::Stretch{into.outline.samples(), pause.samples, 0});
         into.outline.add_silence(pause.samples);
     }
@@ -187,7 +187,7 @@ class TimelineOfCall : public CallListener {
         const double before =
             clock_.has_value() ? seconds_between(axis_begin, clock_->send_time) : 0;
         // A forged send time is too far from the others to be true.
-        if (clock_.has_value() && before < LONGEST_CLOCK_S) {
+        if (clock_.has_value() && before < TimelineData::LONGEST_CLOCK_S) {
             data_.wall_begin = clock_->time - Micros(static_cast<std::int64_t>(before * 1e6));
         }
     }
@@ -195,24 +195,7 @@ class TimelineOfCall : public CallListener {
     // Returns the place of a position in the outline, which includes the pauses. A stretch ends
     // before a pause that begins at its end.
     std::uint64_t place_of(Side side, std::uint64_t position, bool is_end = false) const {
-        std::uint64_t paused = 0;
-        for (const Paused& pause : pauses_[index_of(side)]) {
-            if (pause.position > position || (is_end && pause.position == position)) {
-                return position + pause.before;
-            }
-            paused = pause.before + pause.samples;
-        }
-        return position + paused;
-    }
-
-    void note_pause(Side side, const Pause& pause) {
-        std::deque<Paused>& pauses = pauses_[index_of(side)];
-        const std::uint64_t before =
-            pauses.empty() ? 0 : pauses.back().before + pauses.back().samples;
-        pauses.push_back({pause.position, pause.samples, before});
-        if (pauses.size() > MOST_PAUSES) {
-            pauses.pop_front();
-        }
+        return pauses_[index_of(side)].place_of(position, is_end);
     }
 
     // Begins or ends a stretch.
@@ -282,27 +265,17 @@ class TimelineOfCall : public CallListener {
 
     // Parts of the outline that can be distinguished.
     static constexpr std::uint64_t NARROW = 1000;
-    static constexpr double LONGEST_CLOCK_S = 1e8;
 
     struct ClockMark {
         std::int64_t send_time;
         Micros time;  // Since 1970.
     };
 
-    // Detections lie after all pauses except the latest ones, so it is enough to remember these.
-    static constexpr std::size_t MOST_PAUSES = 64;
-
-    struct Paused {
-        std::uint64_t position;
-        std::uint64_t samples;
-        std::uint64_t before;  // Samples of the pauses before it.
-    };
-
     Call& call_;
     const Timeline::Save& save_;
     TimelineData data_;
     std::optional<ClockMark> clock_;
-    std::array<std::deque<Paused>, SIDE_COUNT> pauses_;  // The latest pauses.
+    std::array<PauseMap, SIDE_COUNT> pauses_;
     std::array<std::optional<std::uint64_t>, SIDE_COUNT> heard_since_;
     std::array<std::optional<std::uint64_t>, SIDE_COUNT> active_since_;
     std::vector<RawEvent> events_;

@@ -35,9 +35,7 @@ constexpr std::size_t COLUMNS = 1232;
 constexpr double QUIETEST_SCALE = 1000;      // Outlines are not magnified beyond this peak.
 constexpr int SILENCE_PEAK = 104;            // -50 dB.
 constexpr std::size_t SILENCE_COLUMNS = 12;  // Shorter silence is not marked.
-// Longer times are due to forged send times and get no wall clock.
-constexpr double LONGEST_CLOCK_S = 1e8;
-constexpr std::size_t MOST_HINTS = 10;  // Of labels that did not fit.
+constexpr std::size_t MOST_HINTS = 10;       // Of labels that did not fit.
 
 constexpr std::array<const char*, SIDE_COUNT> LANE_COLOUR = {"#2563eb", "#0f766e"};
 constexpr Font TITLE_FONT = {18, "#0f172a", true};
@@ -285,7 +283,9 @@ class Picture {
         canvas_.text(LEFT, 68, cut_to_width(when_and_where(), PLOT, TEXT_FONT.size), TEXT_FONT);
     }
 
-    bool has_clock() const { return data_.wall_begin.has_value() && seconds_ < LONGEST_CLOCK_S; }
+    bool has_clock() const {
+        return data_.wall_begin.has_value() && seconds_ < TimelineData::LONGEST_CLOCK_S;
+    }
 
     Micros wall_time_at(double seconds) const {
         return *data_.wall_begin + Micros(static_cast<std::int64_t>(seconds * 1e6));
