@@ -306,6 +306,11 @@ double CallSide::seconds_at(std::uint64_t position) const {
     return node::seconds_at(position, rate_changes_, sample_rate_);
 }
 
+double CallSide::seconds_from_begin(std::int64_t position) const {
+    return position >= 0 ? seconds_at(static_cast<std::uint64_t>(position))
+                         : -seconds_of(-static_cast<std::uint64_t>(position), first_sample_rate());
+}
+
 // Finds the place of the audio in time.
 void CallSide::take(const std::int16_t* samples, std::size_t count, std::int64_t send_time) {
     held_samples_ -= count;

@@ -65,6 +65,8 @@ class CallSide : private OrderedOutput {
     int first_sample_rate() const { return sample_rate_at(0); }
     // The time of a position since the beginning of the side, in seconds, without pauses.
     double seconds_at(std::uint64_t position) const;
+    // The same for a position that may lie before the beginning: its time is then below 0.
+    double seconds_from_begin(std::int64_t position) const;
     // How often the rate has changed.
     std::uint64_t rate_changes() const { return rate_changes_.size(); }
     // Whether the rate could not be found from the packets.

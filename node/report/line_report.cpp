@@ -50,19 +50,6 @@ std::string foreign_text(std::uint64_t packets) {
                         : ", " + counted(packets, "packet") + " from other addresses dropped";
 }
 
-std::string running_text(Running running) {
-    std::string text;
-    const auto append = [&text](bool runs, const char* what) {
-        if (runs) {
-            text += (text.empty() ? "" : ", ") + std::string(what);
-        }
-    };
-    append(running.activity, "audio activity");
-    append(running.detection, "sample detection");
-    append(running.recording, "recording");
-    return text.empty() ? "nothing" : text;
-}
-
 // "1.234 s"
 std::string place_text(double seconds) {
     return tools::format("%.3f s", seconds);
@@ -192,8 +179,9 @@ void LineReport::rate_changed(const Call& call, Side side, const RateChange& cha
 
 void LineReport::running_changed(const Call& call, Side side, std::uint64_t position) {
     const CallSide& state = call.side(side);
+    const std::string running = running_text(state.running());
     line(call, "running",
-         std::string(name_of(side)) + ": " + running_text(state.running()) + " from " +
+         std::string(name_of(side)) + ": " + (running.empty() ? "nothing" : running) + " from " +
              place_text(state.seconds_at(position)));
 }
 
@@ -204,13 +192,9 @@ void LineReport::activity(const Call& call, Side side, const Activity& activity)
 }
 
 void LineReport::sample_found(const Call& call, Side side, const FoundSample& sample) {
-    const CallSide& state = call.side(side);
-    const std::uint64_t before =
-        sample.position < 0 ? -static_cast<std::uint64_t>(sample.position) : 0;
+    const double seconds = call.side(side).seconds_from_begin(sample.position);
     const std::string place =
-        before != 0
-            ? place_text(seconds_of(before, state.first_sample_rate())) + " before the beginning"
-            : place_text(state.seconds_at(static_cast<std::uint64_t>(sample.position)));
+        seconds < 0 ? place_text(-seconds) + " before the beginning" : place_text(seconds);
     line(call, "sample",
          std::string(name_of(side)) + ": " + quoted_text(sample.name) + " at " + place +
              tools::format(", score %.2f", sample.score));

@@ -176,12 +176,10 @@ std::string side_counts(const CallSide& side) {
     return text;
 }
 
-std::string running_words(Running running) {
-    std::string text;
-    text += running.activity ? ", audio activity" : "";
-    text += running.detection ? ", sample detection" : "";
-    text += running.recording ? ", recording" : "";
-    return text;
+// Seconds of audio so far. While the rate is unknown, the likeliest one is used.
+double seconds_heard(const CallSide& side) {
+    return side.sample_rate() != 0 ? side.seconds_at(side.position())
+                                   : seconds_of(side.position(), side.likely_rate());
 }
 
 std::uint64_t sum_of_drops(const Totals& totals) {
@@ -247,8 +245,8 @@ class LiveView::LiveCall : public CallListener {
     }
 
     void sample_found(const Call& call, Side side, const FoundSample& sample) override {
-        const double place = static_cast<double>(sample.position) / call.side(side).likely_rate();
-        samples_.push_back({side, place, sample.name});
+        samples_.push_back(
+            {side, call.side(side).seconds_from_begin(sample.position), sample.name});
         if (samples_.size() > MOST_SAMPLES) {
             samples_.pop_front();
         }
@@ -321,12 +319,12 @@ class LiveView::LiveCall : public CallListener {
             lines.push_back(std::string(name_of(which)) + ": no audio");
             return;
         }
-        lines.push_back(std::string(name_of(which)) + ": leg " +
-                        std::to_string(side.leg().value_or(0)) + ", " +
-                        (side.sample_rate() != 0 ? std::to_string(side.sample_rate()) + " Hz"
-                                                 : std::string("rate not known yet")) +
-                        ", " + duration_text(seconds_of(side.position(), side.likely_rate())) +
-                        running_words(side.running()));
+        const std::string running = running_text(side.running());
+        lines.push_back(
+            std::string(name_of(which)) + ": leg " + std::to_string(side.leg().value_or(0)) + ", " +
+            (side.sample_rate() != 0 ? std::to_string(side.sample_rate()) + " Hz"
+                                     : std::string("rate not known yet")) +
+            ", " + duration_text(seconds_heard(side)) + (running.empty() ? "" : ", " + running));
         lines.push_back("  " + level_cell(heard.levels[index_of(which)], 30) +
                         (heard.active[index_of(which)] ? "  \u25cf active" : ""));
         lines.push_back(side_counts(side));

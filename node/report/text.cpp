@@ -128,6 +128,19 @@ std::string features_text(media::features16_t features) {
     return out.empty() ? "no features" : out;
 }
 
+std::string running_text(Running running) {
+    std::string text;
+    const auto append = [&text](bool runs, const char* what) {
+        if (runs) {
+            text += (text.empty() ? "" : ", ") + std::string(what);
+        }
+    };
+    append(running.activity, "audio activity");
+    append(running.detection, "sample detection");
+    append(running.recording, "recording");
+    return text;
+}
+
 void report_as_of(std::optional<Micros> time) {
     reported_time = time;
 }

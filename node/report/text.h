@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "node/calls/running.h"
 #include "node/calls/types.h"
 #include "quorvane/media_packet.h"
 #include "tools/address.h"
@@ -36,6 +37,9 @@ std::string utf8_text(std::string_view text);
 
 // "audio activity on originator, off terminator; recording on both", or "no features".
 std::string features_text(media::features16_t features);
+
+// "audio activity, recording". Empty if nothing runs.
+std::string running_text(Running running);
 
 // From now on, the functions below use this time, since 1970, as the present: the time of the
 // packets while a capture is read. Without a time they use the system's again.

@@ -425,6 +425,8 @@ TEST_F(RateChangeTest, ChangeLiesAtTheFirstPacketOfTheNewRate) {
     EXPECT_EQ(side().pauses(), 0u);
     EXPECT_DOUBLE_EQ(side().seconds_at(16'000), 2);
     EXPECT_DOUBLE_EQ(side().seconds_at(48'000), 4);
+    EXPECT_DOUBLE_EQ(side().seconds_from_begin(48'000), 4);
+    EXPECT_DOUBLE_EQ(side().seconds_from_begin(-4000), -0.5);
     EXPECT_DOUBLE_EQ(side().seconds_with_pauses(), 4);
     EXPECT_EQ(side().sample_rate_at(15'999), 8000);
     EXPECT_EQ(side().sample_rate_at(16'000), 16000);
