@@ -5,6 +5,9 @@
 #include <prometheus/gauge.h>
 #include <prometheus/registry.h>
 
+#include <map>
+#include <string>
+
 #include "node/report/process_metrics.h"
 #include "node/report/text.h"
 #include "tools/address.h"
@@ -244,8 +247,13 @@ void Metrics::update(const Analyser::Figures& analysis) {
     impl_->sample_references.Set(static_cast<double>(analysis.samples));
     set(impl_->onsets, analysis.onsets);
     set(impl_->not_analysed, analysis.skipped);
+    // Names that differ only in bytes that are not UTF-8 have the same label.
+    std::map<std::string, std::uint64_t> found;
     for (const auto& [name, count] : analysis.found) {
-        set(impl_->found.Add({{"sample", utf8_text(name)}}), count);
+        found[utf8_text(name)] += count;
+    }
+    for (const auto& [name, count] : found) {
+        set(impl_->found.Add({{"sample", name}}), count);
     }
 }
 
