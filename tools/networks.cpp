@@ -45,9 +45,9 @@ std::string check_network(const std::string& text) {
                : "'" + text + "' is no IPv4 address or network, such as 192.0.2.0/24";
 }
 
-bool AllowedNetworks::is_inside(const sockaddr_in& sender) const {
-    return std::any_of(networks_.begin(), networks_.end(),
-                       [&](const Network& network) { return network.contains(sender); });
+bool contain(const std::vector<Network>& networks, const sockaddr_in& address) {
+    return std::any_of(networks.begin(), networks.end(),
+                       [&](const Network& network) { return network.contains(address); });
 }
 
 }  // namespace qv::tools

@@ -21,6 +21,9 @@ struct Network {
     }
 };
 
+// Whether the address is inside one of the networks.
+bool contain(const std::vector<Network>& networks, const sockaddr_in& address);
+
 // Reads "a.b.c.d/prefix", or "a.b.c.d" for that single address. Bits after the prefix are ignored.
 // Returns nullopt for any other text.
 std::optional<Network> parse_network(const std::string& text);
@@ -34,11 +37,11 @@ class AllowedNetworks {
     AllowedNetworks() = default;
     explicit AllowedNetworks(std::vector<Network> networks) : networks_(std::move(networks)) {}
 
-    bool allow(const sockaddr_in& sender) const { return networks_.empty() || is_inside(sender); }
+    bool allow(const sockaddr_in& sender) const {
+        return networks_.empty() || contain(networks_, sender);
+    }
 
   private:
-    bool is_inside(const sockaddr_in& sender) const;
-
     std::vector<Network> networks_;
 };
 

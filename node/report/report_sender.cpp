@@ -1,16 +1,12 @@
 #include "node/report/report_sender.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "node/calls/call.h"
@@ -22,14 +18,6 @@ namespace qv::node {
 namespace {
 
 using Json = nlohmann::json;
-
-int open_socket() {
-    const int descriptor = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) {
-        throw std::system_error(errno, std::generic_category());
-    }
-    return descriptor;
-}
 
 sockaddr_in report_node_of(const media::Packet& packet) {
     sockaddr_in address{};
@@ -128,30 +116,21 @@ class ReportSender::ReportedCall : public CallListener {
     std::optional<sockaddr_in> to_;
 };
 
-ReportSender::ReportSender(std::vector<tools::Network> networks)
-    : networks_(std::move(networks)), socket_(open_socket()) {}
-
-ReportSender::~ReportSender() {
-    ::close(socket_);
-}
+ReportSender::ReportSender(std::vector<tools::Network> networks) : networks_(std::move(networks)) {}
 
 std::unique_ptr<CallListener> ReportSender::begin_call(Call& /*call*/) {
     return std::make_unique<ReportedCall>(*this);
 }
 
-bool ReportSender::is_allowed(const sockaddr_in& address) const {
-    return std::any_of(networks_.begin(), networks_.end(),
-                       [&](const tools::Network& network) { return network.contains(address); });
-}
-
 void ReportSender::send(const sockaddr_in& to, const std::string& text) {
-    if (!is_allowed(to)) {
+    if (!tools::contain(networks_, to)) {
         ++figures_.not_allowed;
         figures_.latest_not_allowed = to;
         return;
     }
-    const ssize_t sent = ::sendto(socket_, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    const ssize_t sent =
+        ::sendto(socket_.descriptor(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                 reinterpret_cast<const sockaddr*>(&to), sizeof to);
     ++(sent == static_cast<ssize_t>(text.size()) ? figures_.sent : figures_.failed);
 }
 

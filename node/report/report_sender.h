@@ -18,6 +18,7 @@
 #include "node/calls/call_listener.h"
 #include "node/report/figures.h"
 #include "tools/networks.h"
+#include "tools/udp_socket.h"
 
 namespace qv::node {
 
@@ -27,9 +28,6 @@ class ReportSender : public CallListener {
 
     // Throws std::system_error if no socket can be created.
     explicit ReportSender(std::vector<tools::Network> networks);
-    ~ReportSender() override;
-    ReportSender(const ReportSender&) = delete;
-    ReportSender& operator=(const ReportSender&) = delete;
 
     std::unique_ptr<CallListener> begin_call(Call& call) override;
 
@@ -38,11 +36,10 @@ class ReportSender : public CallListener {
   private:
     class ReportedCall;
 
-    bool is_allowed(const sockaddr_in& address) const;
     void send(const sockaddr_in& to, const std::string& text);
 
     const std::vector<tools::Network> networks_;
-    const int socket_;
+    tools::UdpSocket socket_;
     ReportFigures figures_;
 };
 

@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -27,14 +26,6 @@ constexpr auto LAST_WAIT = 100ms;
 constexpr int ROOM = 16 * 1024 * 1024;  // bytes, of the socket that the module sends to
 constexpr std::size_t LONGEST = 65'536;
 
-int open_socket() {
-    const int descriptor = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) {
-        throw std::system_error(errno, std::generic_category(), "no socket");
-    }
-    return descriptor;
-}
-
 // SplitMix64, a public-domain generator: one step of its state.
 std::uint64_t next_random(std::uint64_t& state) {
     state += 0x9E3779B97F4A7C15;
@@ -53,21 +44,21 @@ double next_share(std::uint64_t& state) {
 
 LossyNetwork::LossyNetwork(const NetworkPlan& plan, const sockaddr_in& media_node,
                            std::uint64_t seed)
-    : plan_(plan), seed_(seed), inside_(open_socket()), outside_(open_socket()) {
+    : plan_(plan), seed_(seed) {
     figures_.used = true;
     figures_.media_node = address_text(media_node);
     sockaddr_in loopback = parse_address("127.0.0.1:0").value();
-    // The system may grant less; what does not fit is counted.
-    ::setsockopt(inside_, SOL_SOCKET, SO_RCVBUFFORCE, &ROOM, sizeof ROOM);
+    // Only root may exceed the system's limit. What does not fit is counted.
+    if (::setsockopt(inside_.descriptor(), SOL_SOCKET, SO_RCVBUFFORCE, &ROOM, sizeof ROOM) != 0) {
+        ::setsockopt(inside_.descriptor(), SOL_SOCKET, SO_RCVBUF, &ROOM, sizeof ROOM);
+    }
     const int on = 1;
-    ::setsockopt(inside_, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
-    if (::bind(inside_, reinterpret_cast<sockaddr*>(&loopback), sizeof loopback) != 0 ||
-        ::connect(outside_, reinterpret_cast<const sockaddr*>(&media_node), sizeof media_node) !=
-            0) {
-        const int error = errno;
-        ::close(inside_);
-        ::close(outside_);
-        throw std::system_error(error, std::generic_category(), figures_.media_node);
+    ::setsockopt(inside_.descriptor(), SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
+    if (::bind(inside_.descriptor(), reinterpret_cast<sockaddr*>(&loopback), sizeof loopback) !=
+            0 ||
+        ::connect(outside_.descriptor(), reinterpret_cast<const sockaddr*>(&media_node),
+                  sizeof media_node) != 0) {
+        throw std::system_error(errno, std::generic_category(), figures_.media_node);
     }
 }
 
@@ -76,14 +67,12 @@ LossyNetwork::~LossyNetwork() {
         finishing_ = true;
         thread_.join();
     }
-    ::close(inside_);
-    ::close(outside_);
 }
 
 std::string LossyNetwork::address() const {
     sockaddr_in address{};
     socklen_t size = sizeof address;
-    ::getsockname(inside_, reinterpret_cast<sockaddr*>(&address), &size);
+    ::getsockname(inside_.descriptor(), reinterpret_cast<sockaddr*>(&address), &size);
     return address_text(address);
 }
 
@@ -114,7 +103,7 @@ void LossyNetwork::run() {
             delayed_.empty()
                 ? 10ms
                 : std::chrono::duration_cast<std::chrono::milliseconds>(delayed_.top().due - now);
-        pollfd input{inside_, POLLIN, 0};
+        pollfd input{inside_.descriptor(), POLLIN, 0};
         ::poll(&input, 1, static_cast<int>(std::clamp(until_due, 0ms, 10ms).count()));
     }
     note_error();
@@ -131,7 +120,7 @@ bool LossyNetwork::receive_all() {
         message.msg_iovlen = 1;
         message.msg_control = control.data();
         message.msg_controllen = control.size();
-        const ssize_t size = ::recvmsg(inside_, &message, 0);
+        const ssize_t size = ::recvmsg(inside_.descriptor(), &message, 0);
         if (size < 0) {
             return came;
         }
@@ -240,19 +229,20 @@ void LossyNetwork::send_due(Clock::time_point now) {
 
 // The refusal of one datagram is reported with the next, which is not sent then.
 void LossyNetwork::send(const Datagram& datagram) {
-    if (::send(outside_, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0) {
+    if (::send(outside_.descriptor(), datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0) {
         return;
     }
     if (errno == ECONNREFUSED) {
         ++figures_.refused;
-        ::send(outside_, datagram.data(), datagram.size(), MSG_NOSIGNAL);
+        ::send(outside_.descriptor(), datagram.data(), datagram.size(), MSG_NOSIGNAL);
     }
 }
 
 void LossyNetwork::note_error() {
     int error = 0;
     socklen_t size = sizeof error;
-    if (::getsockopt(outside_, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == ECONNREFUSED) {
+    if (::getsockopt(outside_.descriptor(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 &&
+        error == ECONNREFUSED) {
         ++figures_.refused;
     }
 }

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "tools/call/schedule.h"
+#include "tools/udp_socket.h"
 
 namespace qv::tools::call {
 
@@ -107,8 +108,8 @@ class LossyNetwork {
 
     const NetworkPlan plan_;
     const std::uint64_t seed_;
-    int inside_ = -1;  // faces the module
-    int outside_ = -1;
+    UdpSocket inside_;  // Faces the module.
+    UdpSocket outside_;
     NetworkFigures figures_;
     std::map<StreamName, Stream> streams_;
     std::map<std::string, std::uint64_t> calls_;  // their numbers
