@@ -1,5 +1,6 @@
 #include "node/audio/file_names.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "node/calls/call.h"
@@ -16,6 +17,18 @@ bool taken(const AudioStore& store, const std::string& stem) {
 
 std::string numbered(const std::string& stem, std::uint64_t number) {
     return number == 1 ? stem : stem + '-' + std::to_string(number);
+}
+
+// Whether the stem ends like the name of a file. Its files could then have the names of files of a
+// call whose stem is the rest.
+bool ends_like_a_file(const std::string& stem) {
+    const std::size_t dash = stem.rfind('-');
+    const std::string end = dash == std::string::npos ? "" : stem.substr(dash + 1);
+    const std::string part = "part";
+    return end == "split" || end == name_of(Side::ORIGINATOR) || end == name_of(Side::TERMINATOR) ||
+           (end.size() > part.size() && end.compare(0, part.size(), part) == 0 &&
+            std::all_of(end.begin() + static_cast<std::ptrdiff_t>(part.size()), end.end(),
+                        [](char c) { return c >= '0' && c <= '9'; }));
 }
 
 // Doubles the number until it is free, then halves the interval. Many calls may want the same
@@ -80,11 +93,11 @@ class FileNames::NamedCall : public CallListener {
     }
     NamedCall(const NamedCall&) = delete;
     NamedCall& operator=(const NamedCall&) = delete;
-    ~NamedCall() override { names_.stems_.erase(call_.file_stem()); }
+    ~NamedCall() override { give_up_name(); }
 
     void started(const Call& /*call*/, const media::Packet& /*packet*/) override {
         if (!final_) {
-            names_.stems_.erase(call_.file_stem());
+            give_up_name();
             name();
         }
     }
@@ -96,8 +109,17 @@ class FileNames::NamedCall : public CallListener {
   private:
     void name() {
         std::string stem = names_.choose_stem(call_, utc_time_);
-        names_.stems_.insert(stem);
+        StemUse& use = names_.stems_[stem];
+        use.uuid = call_.uuid();
+        ++use.calls;
         call_.set_file_stem(std::move(stem));
+    }
+
+    void give_up_name() {
+        const auto use = names_.stems_.find(call_.file_stem());
+        if (--use->second.calls == 0) {
+            names_.stems_.erase(use);
+        }
     }
 
     FileNames& names_;
@@ -117,15 +139,16 @@ std::unique_ptr<CallListener> FileNames::begin_call(Call& call) {
     return std::make_unique<UnnamedCall>(calls_);
 }
 
-// Calls that go on at the same time never share a stem.
+// Calls with different UUIDs that go on at the same time never share a stem. With --overwrite, a
+// call that starts again takes the files of the one before it, which may not be complete yet.
 std::string FileNames::choose_stem(const Call& call, const std::string& utc_time) {
     const std::string reference = call.start().has_value() ? call.start()->call_reference : "";
-    const std::string wanted =
-        options_.pattern.expand({uuid_text(call.uuid()), reference, utc_time});
-    const std::string uuid = uuid_text(call.uuid());
+    std::string wanted = options_.pattern.expand({uuid_text(call.uuid()), reference, utc_time});
+    wanted += ends_like_a_file(wanted) ? "_" : "";
     return free_stem(wanted, [&](const std::string& stem) {
-        const bool present = stems_.count(stem) != 0 && stem != uuid;
-        return present || (!(options_.overwrite && stem == wanted) && taken(store_, stem));
+        const auto use = stems_.find(stem);
+        return (use != stems_.end() && use->second.uuid != call.uuid()) ||
+               (!(options_.overwrite && stem == wanted) && taken(store_, stem));
     });
 }
 

@@ -10,7 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "node/audio/audio_files.h"
 #include "node/audio/name_pattern.h"
@@ -55,6 +55,12 @@ class FileNames : public CallListener {
   private:
     class NamedCall;
 
+    // Present calls that have a stem: all of them have this UUID.
+    struct StemUse {
+        Uuid uuid;
+        std::size_t calls = 0;
+    };
+
     bool used_up() const;
     std::string choose_stem(const Call& call, const std::string& utc_time);
 
@@ -62,8 +68,8 @@ class FileNames : public CallListener {
     Options options_;
     std::function<std::uint64_t()> files_made_;
     std::function<void()> on_first_refusal_;
-    std::uint64_t calls_ = 0;                // Present calls,
-    std::unordered_set<std::string> stems_;  // and their stems.
+    std::uint64_t calls_ = 0;                         // Present calls,
+    std::unordered_map<std::string, StemUse> stems_;  // and their stems.
     std::uint64_t refused_calls_ = 0;
 };
 

@@ -183,6 +183,37 @@ TEST_F(ReferenceNamesTest, CallsOfOneReferenceAreNumberedBeforeTheyHaveFiles) {
     }
 }
 
+// "a" in stereo writes a-originator.wav, a-split-originator.wav and a-originator-part2.wav.
+TEST_F(ReferenceNamesTest, NoNameEndsLikeAFileOfAnotherCall) {
+    unsigned char number = 0;
+    for (const std::string end : {"originator", "terminator", "split", "part2", "part17"}) {
+        Call& call = begin(number++);
+        start(call, "a-" + end);
+        EXPECT_EQ(call.file_stem(), "2026-01-31-a-" + end + "_");
+    }
+    for (const std::string end : {"origin", "part", "partner", "part2b", "2"}) {
+        Call& call = begin(number++);
+        start(call, "a-" + end);
+        EXPECT_EQ(call.file_stem(), "2026-01-31-a-" + end);
+    }
+}
+
+TEST_F(ReferenceNamesTest, ReferenceThatIsTheUuidOfAnotherCallDoesNotShareItsName) {
+    const std::string uuid = uuid_text(CALL);
+    options_.pattern = NamePattern("{reference}");
+    options_.overwrite = true;
+    FileNames names(
+        store_, options_, [] { return 0; }, [] {});
+    Uuid stranger = CALL;
+    stranger[0] = 0xFF;
+    Call first(stranger, 7, {}, limits_, {&names});
+    start(first, uuid);
+    Call second(CALL, 7, {}, limits_, {&names});
+    start(second, uuid);
+    EXPECT_EQ(first.file_stem(), uuid);
+    EXPECT_EQ(second.file_stem(), uuid + "-2");
+}
+
 TEST_F(ReferenceNamesTest, HundredsOfPresentCallsOfOneReferenceCostFewLooks) {
     for (unsigned number = 0; number < 250; ++number) {
         start(begin(static_cast<unsigned char>(number)), "a");
