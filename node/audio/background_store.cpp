@@ -19,7 +19,7 @@ constexpr std::size_t MOST_SPARE = 2048;
 // What a job takes beside its samples, about.
 constexpr std::uint64_t JOB_BYTES = 256;
 
-constexpr const char* NO_ROOM = "too much waits for the disk";
+constexpr const char* ABANDONED = "the disk was given up";
 
 std::uint64_t bytes_of(const Samples& samples) {
     return samples.size() * sizeof(std::int16_t);
@@ -80,6 +80,7 @@ class BackgroundStore::Writer {
         while (auto job = next()) {
             done(*job, perform(*job));
         }
+        end_abandoned();
     }
 
     // The functions below are the owner's.
@@ -123,16 +124,26 @@ class BackgroundStore::Writer {
         }
         return !busy_ && queue_.empty();
     }
-    // The thread ends when it has done everything, or with `at_once` the job at hand.
-    void stop(bool at_once) QV_EXCLUDES(mutex_) {
+    // The thread ends when it has done everything.
+    void stop() QV_EXCLUDES(mutex_) {
         {
             const LockGuard lock(mutex_);
             stopping_ = true;
-            if (at_once) {
-                queue_.clear();
-            }
         }
         work_.notify_one();
+    }
+    // The thread ends when it has done the job at hand. Until then it keeps these files, because
+    // their ends use the disk, and the list of open files, which belongs to it.
+    void abandon(std::vector<std::shared_ptr<Written>> files) QV_EXCLUDES(mutex_) {
+        {
+            const LockGuard lock(mutex_);
+            abandoned_ = std::move(files);
+            for (const Job& job : queue_) {
+                waiting_bytes_ -= job.size();
+            }
+            queue_.clear();
+        }
+        stop();
     }
     std::uint64_t waiting_bytes() QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
@@ -202,6 +213,17 @@ class BackgroundStore::Writer {
         progress_.notify_one();
     }
 
+    void end_abandoned() QV_EXCLUDES(mutex_) {
+        std::vector<std::shared_ptr<Written>> files;
+        {
+            const LockGuard lock(mutex_);
+            files.swap(abandoned_);
+        }
+        for (const std::shared_ptr<Written>& each : files) {
+            each->file.reset();
+        }
+    }
+
     const std::unique_ptr<AudioStore> store_;  // The writer's.
     Mutex mutex_;
     Condition work_;
@@ -209,6 +231,7 @@ class BackgroundStore::Writer {
     std::deque<Job> queue_ QV_GUARDED_BY(mutex_);
     std::vector<Result> results_ QV_GUARDED_BY(mutex_);
     std::vector<Samples> spare_ QV_GUARDED_BY(mutex_);
+    std::vector<std::shared_ptr<Written>> abandoned_ QV_GUARDED_BY(mutex_);
     std::uint64_t waiting_bytes_ QV_GUARDED_BY(mutex_) = 0;
     std::size_t open_files_ QV_GUARDED_BY(mutex_) = 0;
     bool busy_ QV_GUARDED_BY(mutex_) = false;
@@ -290,7 +313,7 @@ BackgroundStore::BackgroundStore(std::unique_ptr<AudioStore> store, std::string 
 
 BackgroundStore::~BackgroundStore() {
     if (thread_.joinable()) {
-        writer_->stop(false);
+        writer_->stop();
         thread_.join();
     }
 }
@@ -298,12 +321,13 @@ BackgroundStore::~BackgroundStore() {
 std::unique_ptr<AudioFile> BackgroundStore::create(const std::string& name, int sample_rate,
                                                    int channels) {
     auto written = std::make_shared<Written>(name, folder_ + '/' + name, sample_rate, channels);
-    if (add({written, Job::Kind::CREATE}, false)) {
+    // Also beyond the bound: a file that begins while the disk stands still is written later.
+    if (add({written, Job::Kind::CREATE}, true)) {
         add_name(name);
         ++created_files_;
         incomplete_.emplace(written.get(), written);
     } else {
-        written->error = NO_ROOM;
+        written->error = ABANDONED;
         written->closed = true;
     }
     return std::make_unique<File>(*this, std::move(written));
@@ -341,15 +365,17 @@ void BackgroundStore::abandon(const std::string& error) {
     if (!thread_.joinable()) {
         return;
     }
-    writer_->stop(true);
-    thread_.detach();
     update();
+    std::vector<std::shared_ptr<Written>> files;
     for (const auto& [key, file] : std::exchange(incomplete_, {})) {
         if (file->error.empty()) {
             file->error = error;
         }
         file->closed = true;
+        files.push_back(file);
     }
+    writer_->abandon(std::move(files));
+    thread_.detach();
 }
 
 BackgroundStore::Figures BackgroundStore::figures() const {

@@ -3,8 +3,8 @@
 //
 // Everything that touches the files of the store behind it - creating, writing, completing - is
 // done by one writer thread, in the order in which it was asked for. What fails comes back with
-// update(). When as much waits as memory is granted, further blocks are dropped and counted, and
-// silence of the same length is written in their place, so that positions in a file stay true.
+// update(). When as much audio waits as memory is granted, further blocks are dropped and counted,
+// and silence of the same length is written in their place, so that positions in a file stay true.
 //
 // The public functions belong to the owner's thread, and so do the files. If the disk does not come
 // back before the end, the writer thread is left behind: it owns all that it still uses.
