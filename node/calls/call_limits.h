@@ -11,7 +11,9 @@
 namespace qv::node {
 
 struct CallLimits {
-    std::size_t max_calls = 10'000;       // At the same time. Packets of further calls are dropped.
+    // At the same time, with those whose files are not complete. Packets of further calls are
+    // dropped.
+    std::size_t max_calls = 10'000;
     Micros linger{300'000};               // Between the terminate packet and the end.
     Micros idle{120'000'000};             // Without any packet.
     Micros max_age{12LL * 3600'000'000};  // By then a WAV file at 48 kHz is nearly full.

@@ -63,7 +63,8 @@ Call* CallTable::add(const media::Packet& packet, const Arrival& arrival) {
         totals_.count_drop(Drop::OTHER_ADDRESS);
         return nullptr;
     }
-    if (calls_.size() >= limits_.max_calls) {
+    // Calls whose files wait for a disk that stands still take memory, too.
+    if (calls_.size() + completing_.size() >= limits_.max_calls) {
         totals_.count_drop(Drop::TOO_MANY_CALLS);
         return nullptr;
     }

@@ -445,6 +445,31 @@ TEST_F(CallTableTest, CallsBeyondTheLimitAreDroppedAndCounted) {
     EXPECT_EQ(dropped(Drop::TOO_MANY_CALLS), 3u);
 }
 
+// An output whose files wait for a disk that stands still.
+struct SlowFiles : CallListener {
+    bool completing(const Call& /*call*/) const override { return waiting; }
+    bool waiting = true;
+};
+
+TEST_F(CallTableTest, CallsWhoseFilesAreNotCompleteCountForTheLimit) {
+    SlowFiles files;
+    CallLimits limits;
+    limits.max_calls = 1;
+    restart(limits, {&files});
+    start();
+    terminate();
+    pass(1s);
+    EXPECT_EQ(table_->size(), 0u);
+    use_uuid(1);
+    start();
+    EXPECT_EQ(table_->size(), 0u);
+    EXPECT_EQ(dropped(Drop::TOO_MANY_CALLS), 1u);
+    files.waiting = false;
+    pass(50ms);
+    start();
+    EXPECT_EQ(table_->size(), 1u);
+}
+
 TEST_F(CallTableTest, AMillionCallKeysStayWithinTheLimits) {
     CallLimits limits;
     limits.max_calls = 1000;
