@@ -99,7 +99,7 @@ std::shared_ptr<const analysis::SampleIndex> Outputs::load_samples(std::string& 
         }
         error = "no sample to look for in " + options_.samples +
                 (folder.refused.empty() ? ": it holds no WAV file" : ": every file was refused");
-    } catch (const std::runtime_error& failure) {
+    } catch (const std::exception& failure) {  // Also if the samples need too much memory.
         error = failure.what();
     }
     return nullptr;

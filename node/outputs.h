@@ -58,9 +58,9 @@ class Outputs {
     // Call it several times a second. Shows what has happened, and completes `figures` with those
     // of the outputs.
     void update(NodeFigures figures, Micros now);
-    // Reopens and rereads what SIGHUP is for, and reports the results.
     // A key of the live view asked for the end of the program.
     bool quit() const { return live_view_.quit(); }
+    // Reopens and rereads what SIGHUP is for, and reports the results.
     void reload();
     // Add to it whatever is read at the start and again by reload().
     ReloadList& reloads() { return reloads_; }
