@@ -140,7 +140,7 @@ std::string Outputs::open_metrics() {
         return {};
     }
     try {
-        metrics_ = std::make_unique<Metrics>(*options_.metrics);
+        metrics_port_ = std::make_unique<MetricsPort>(metrics_, *options_.metrics);
     } catch (const std::exception&) {  // Its text would describe the internals of the library.
         return "cannot serve metrics on " + tools::address_text(*options_.metrics) +
                ": the port is in use or not permitted, or the address is not of this machine";
@@ -282,9 +282,9 @@ void Outputs::begin(const NodeFigures& figures) {
     } else {
         lines_.say("reading " + options_.read, "writing to " + options_.folder);
     }
-    if (metrics_ != nullptr) {
+    if (metrics_port_ != nullptr) {
         sockaddr_in address = *options_.metrics;
-        address.sin_port = htons(metrics_->port());
+        address.sin_port = htons(metrics_port_->port());
         lines_.say("metrics", "http://" + tools::address_text(address) + "/metrics");
     }
     notices_->left_behind(leftovers_);
@@ -321,8 +321,8 @@ void Outputs::update(NodeFigures figures, Micros now) {
     notices_->reports_not_allowed(figures.reports);
     notices_->audio_dropped(figures.dropped_bytes);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
-    if (metrics_ != nullptr) {
-        metrics_->update(figures, analyser_->figures());
+    if (metrics_port_ != nullptr) {
+        metrics_.update(figures, analyser_->figures());
     }
 }
 

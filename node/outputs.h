@@ -26,6 +26,7 @@
 #include "node/report/line_report.h"
 #include "node/report/live_view.h"
 #include "node/report/metrics.h"
+#include "node/report/metrics_port.h"
 #include "node/report/notices.h"
 #include "node/report/report_sender.h"
 #include "node/report/terminal.h"
@@ -108,7 +109,8 @@ class Outputs {
     std::unique_ptr<EventLog> events_;  // These are null unless requested.
     std::unique_ptr<ReportSender> reports_;
     std::unique_ptr<Timeline> timeline_;
-    std::unique_ptr<Metrics> metrics_;
+    Metrics metrics_;
+    std::unique_ptr<MetricsPort> metrics_port_;
     std::unique_ptr<FileNames> file_names_;
     std::shared_ptr<const analysis::SampleIndex> samples_;  // Null without a folder.
     std::unique_ptr<Analyser> analyser_;

@@ -1,16 +1,16 @@
 #include "node/report/metrics.h"
 
 #include <prometheus/counter.h>
-#include <prometheus/exposer.h>
 #include <prometheus/gauge.h>
 #include <prometheus/registry.h>
+#include <prometheus/text_serializer.h>
 
+#include <iterator>
 #include <map>
 #include <string>
 
 #include "node/report/process_metrics.h"
 #include "node/report/text.h"
-#include "tools/address.h"
 
 namespace qv::node {
 
@@ -59,9 +59,8 @@ void set(Counter& counter, std::uint64_t value) {
 
 class Metrics::Impl {
   public:
-    explicit Impl(const sockaddr_in& address)
-        : exposer(tools::address_text(address), 1),
-          registry(std::make_shared<prometheus::Registry>()),
+    Impl()
+        : registry(std::make_shared<prometheus::Registry>()),
           process(std::make_shared<ProcessMetrics>()),
           received(counter("received_packets_total", "Datagrams of any kind")),
           overflowed(
@@ -130,8 +129,6 @@ class Metrics::Impl {
             .Register(*registry)
             .Add({{"version", QUORVANE_VERSION}})
             .Set(1);
-        exposer.RegisterCollectable(registry);
-        exposer.RegisterCollectable(process);
     }
 
     Counter& counter(const std::string& name, const std::string& help) {
@@ -159,7 +156,6 @@ class Metrics::Impl {
             .Add({});
     }
 
-    prometheus::Exposer exposer;
     std::shared_ptr<prometheus::Registry> registry;
     std::shared_ptr<ProcessMetrics> process;
     Counter& received;
@@ -194,12 +190,21 @@ class Metrics::Impl {
     std::array<Counter*, media::DECODE_RESULT_COUNT> malformed{};  // The first one is unused.
 };
 
-Metrics::Metrics(const sockaddr_in& address) : impl_(std::make_unique<Impl>(address)) {}
+Metrics::Metrics() : impl_(std::make_unique<Impl>()) {}
 
 Metrics::~Metrics() = default;
 
-std::uint16_t Metrics::port() const {
-    return static_cast<std::uint16_t>(impl_->exposer.GetListeningPorts().at(0));
+std::vector<std::shared_ptr<prometheus::Collectable>> Metrics::collectables() const {
+    return {impl_->registry, impl_->process};
+}
+
+std::string Metrics::text() const {
+    std::vector<prometheus::MetricFamily> families;
+    for (const auto& collectable : collectables()) {
+        std::vector<prometheus::MetricFamily> more = collectable->Collect();
+        std::move(more.begin(), more.end(), std::back_inserter(families));
+    }
+    return prometheus::TextSerializer().Serialize(families);
 }
 
 void Metrics::update(const NodeFigures& figures, const Analyser::Figures& analysis) {

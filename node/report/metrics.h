@@ -1,29 +1,33 @@
-// The counters of the media node for Prometheus, served as text over HTTP, together with the usual
-// figures of a process.
+// The counters of the media node for Prometheus, together with the usual figures of a process.
 //
-// The server answers on threads of its own. update() belongs to the event loop's thread and only
-// sets atomic values.
+// text() may be called by any thread. update() belongs to the event loop's thread and only sets
+// atomic values.
 #pragma once
-
-#include <netinet/in.h>
 
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "node/analysis/analyser.h"
 #include "node/report/figures.h"
+
+namespace prometheus {
+class Collectable;
+}
 
 namespace qv::node {
 
 class Metrics {
   public:
-    // Throws std::exception if the address cannot be used. Port 0 selects a free port.
-    explicit Metrics(const sockaddr_in& address);
+    Metrics();
     ~Metrics();
 
-    std::uint16_t port() const;
     void update(const NodeFigures& figures, const Analyser::Figures& analysis);
+    // Returns all figures in Prometheus' text format.
+    std::string text() const;
+    // The figures as the library takes them. They live on after this object.
+    std::vector<std::shared_ptr<prometheus::Collectable>> collectables() const;
 
   private:
     void update(const Analyser::Figures& analysis);
