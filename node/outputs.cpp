@@ -9,7 +9,7 @@
 #include "node/analysis/sample_folder.h"
 #include "node/report/summary.h"
 #include "node/report/text.h"
-#include "node/report/text_file.h"
+#include "node/audio/text_file.h"
 #include "tools/address.h"
 
 namespace qv::node {

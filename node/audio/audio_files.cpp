@@ -11,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include "node/audio/text_file.h"
 #include "quorvane_lib/utils_path.h"
 
 namespace qv::node {
@@ -25,8 +26,22 @@ constexpr const char* REMOVED = "the file was removed";
 // Samples are written to the file as they are in memory.
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "WAV samples are little-endian");
 
+// How many names a file may try.
+constexpr unsigned MOST_NUMBERS = 1000;
+
 std::string system_text(int error) {
     return std::generic_category().message(error);
+}
+
+// Whether a file cannot get its name because another file has it.
+bool is_taken(int error) {
+    return error == EEXIST || error == EISDIR;
+}
+
+// "a.wav" becomes "a-2.wav".
+std::string numbered(const std::string& name, unsigned number) {
+    const std::size_t end = std::min(name.rfind('.'), name.size());
+    return name.substr(0, end) + '-' + std::to_string(number) + name.substr(end);
 }
 
 }  // namespace
@@ -52,9 +67,11 @@ class WavFile : public AudioFile {
             fail("too many files");
             return;
         }
-        folder_.list_.add(name_, format_);
-        if (!make()) {
-            folder_.list_.remove(name_);
+        try {
+            make();
+        } catch (...) {
+            release();
+            throw;
         }
     }
     ~WavFile() override { WavFile::close(); }
@@ -106,42 +123,48 @@ class WavFile : public AudioFile {
     }
 
   private:
+    // Makes the file under its name. If that name belongs to a file of another program, adds a
+    // number to it.
+    void make() {
+        const std::string wanted = name_;
+        for (unsigned number = 1; number <= MOST_NUMBERS; ++number) {
+            name_ = number == 1 ? wanted : numbered(wanted, number);
+            path_ = folder_.path_ + '/' + name_;
+            folder_.list_.add(name_, format_);
+            const int error = make_named();
+            if (error == 0) {
+                return;
+            }
+            folder_.list_.remove(name_);
+            if (!is_taken(error) || number == MOST_NUMBERS) {
+                fail(system_text(error));
+                return;
+            }
+        }
+    }
+
     // Creates the file and writes its header before the file gets its name. A file that can be seen
-    // can therefore always be played.
-    bool make() {
+    // can therefore always be played. Returns 0 or the error number.
+    int make_named() {
         const std::string unfinished = unfinished_path(folder_.path_, name_);
+        int error = open_descriptor(unfinished, O_CREAT | (folder_.overwrite_ ? O_TRUNC : O_EXCL));
+        if (error != 0) {
+            return error;
+        }
         const WavHeader header = wav_header(format_, 0);
-        if (!open_descriptor(unfinished, O_CREAT | O_TRUNC)) {
-            return false;
+        error = write_all(header.data(), header.size(), 0) < header.size()
+                    ? errno
+                    : folder_.name_file(unfinished, name_);
+        if (error != 0) {
+            release();
+            error_.clear();
+            ::unlink(unfinished.c_str());
         }
-        const int error =
-            write_all(header.data(), header.size(), 0) < header.size() ? errno : name(unfinished);
-        if (error == 0) {
-            return true;
-        }
-        ::unlink(unfinished.c_str());
-        return fail(system_text(error));
+        return error;
     }
 
-    // Gives the new file its name. Returns 0 or the error number.
-    int name(const std::string& unfinished) const {
-        const unsigned how = folder_.overwrite_ ? 0 : RENAME_NOREPLACE;
-        if (::renameat2(AT_FDCWD, unfinished.c_str(), AT_FDCWD, path_.c_str(), how) == 0) {
-            return 0;
-        }
-        if (errno != EINVAL) {
-            return errno;
-        }
-        // This file system does not support a rename that keeps an existing file.
-        if (folder_.exists(name_)) {
-            return EEXIST;
-        }
-        return ::rename(unfinished.c_str(), path_.c_str()) == 0 ? 0 : errno;
-    }
-
-    bool open() { return open_descriptor(path_, 0); }
-
-    bool open_descriptor(const std::string& path, int how) {
+    // Returns 0 or the error number.
+    int open_descriptor(const std::string& path, int how) {
         folder_.make_room();
         descriptor_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
         while (descriptor_ < 0 && (errno == EMFILE || errno == ENFILE) && !folder_.open_.empty()) {
@@ -149,10 +172,15 @@ class WavFile : public AudioFile {
             descriptor_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
         }
         if (descriptor_ < 0) {
-            return fail(system_text(errno));
+            return errno;
         }
-        place_ = folder_.open_.insert(folder_.open_.end(), this);
-        return true;
+        try {
+            place_ = folder_.open_.insert(folder_.open_.end(), this);
+        } catch (...) {
+            ::close(std::exchange(descriptor_, -1));
+            throw;
+        }
+        return 0;
     }
 
     // Makes the file ready for so many more bytes of samples.
@@ -163,8 +191,8 @@ class WavFile : public AudioFile {
         if (size > MAX_WAV_DATA_SIZE - size_) {
             return fail("a WAV file holds no more than 4 GB");
         }
-        if (descriptor_ < 0 && !open()) {
-            return false;
+        if (const int error = descriptor_ < 0 ? open_descriptor(path_, 0) : 0) {
+            return fail(system_text(error));
         }
         if (removed()) {
             return fail(REMOVED);
@@ -268,6 +296,51 @@ std::string WavFolder::prepare() {
         return system_text(errno);
     }
     return {};
+}
+
+// Gives a new file its name. Returns 0 or the error number.
+int WavFolder::name_file(const std::string& unfinished, const std::string& name) const {
+    const std::string path = path_ + '/' + name;
+    const unsigned how = overwrite_ ? 0 : RENAME_NOREPLACE;
+    if (::renameat2(AT_FDCWD, unfinished.c_str(), AT_FDCWD, path.c_str(), how) == 0) {
+        return 0;
+    }
+    if (errno != EINVAL) {
+        return errno;
+    }
+    // This file system does not support a rename that keeps an existing file.
+    if (exists(name)) {
+        return EEXIST;
+    }
+    return ::rename(unfinished.c_str(), path.c_str()) == 0 ? 0 : errno;
+}
+
+std::shared_ptr<const PendingFile> WavFolder::write_text(const std::string& name,
+                                                         std::string text) {
+    return std::make_shared<PendingFile>(PendingFile{write_named_text(name, text), true});
+}
+
+FileReport WavFolder::write_named_text(const std::string& name, const std::string& text) const {
+    FileReport report;
+    for (unsigned number = 1; number <= MOST_NUMBERS; ++number) {
+        const std::string free = number == 1 ? name : numbered(name, number);
+        const std::string unfinished = unfinished_path(path_, free);
+        report.path = path_ + '/' + free;
+        report.error = write_text_file(unfinished, text);
+        if (!report.error.empty()) {
+            return report;
+        }
+        const int error = name_file(unfinished, free);
+        if (error == 0) {
+            return report;
+        }
+        ::unlink(unfinished.c_str());
+        report.error = system_text(error);
+        if (!is_taken(error)) {
+            return report;
+        }
+    }
+    return report;
 }
 
 bool WavFolder::exists(const std::string& name) const {

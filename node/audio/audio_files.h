@@ -63,10 +63,16 @@ class AudioStore {
     // Whether a file of that name (without folder) exists.
     virtual bool exists(const std::string& name) const = 0;
 
-    // Creates the file. Never returns null, but the file may have failed already. The store must
+    // Creates the file. Never returns null, but the file may have failed already. If another
+    // program has made a file of that name meanwhile, the file gets another name. The store must
     // outlive it.
     virtual std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
                                               int channels) = 0;
+
+    // Writes a small file in one go, or leaves no file behind. It may get another name, as above.
+    // Never returns null.
+    virtual std::shared_ptr<const PendingFile> write_text(const std::string& name,
+                                                          std::string text) = 0;
 
     // Files that are open now.
     virtual std::size_t open_files() const = 0;
@@ -97,6 +103,8 @@ class WavFolder : public AudioStore {
     bool exists(const std::string& name) const override;
     std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
                                       int channels) override;
+    std::shared_ptr<const PendingFile> write_text(const std::string& name,
+                                                  std::string text) override;
 
     std::size_t open_files() const override { return open_.size(); }
     // Files created by this object.
@@ -106,6 +114,8 @@ class WavFolder : public AudioStore {
     friend class WavFile;
 
     void make_room();
+    FileReport write_named_text(const std::string& name, const std::string& text) const;
+    int name_file(const std::string& unfinished, const std::string& name) const;
 
     std::string path_;
     std::size_t max_open_;

@@ -1,6 +1,8 @@
 #include "node/audio/background_store.h"
 
 #include <deque>
+#include <exception>
+#include <new>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -14,15 +16,26 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Samples = std::vector<std::int16_t>;
 
-// Blocks whose memory is kept for later ones: 64 MiB at the usual size of blocks.
+// Blocks whose memory is kept for later ones.
 constexpr std::size_t MOST_SPARE = 2048;
+constexpr std::uint64_t MOST_SPARE_BYTES = std::uint64_t{64} << 20;
 // What a job takes beside its samples, about.
 constexpr std::uint64_t JOB_BYTES = 256;
 
 constexpr const char* ABANDONED = "the disk was given up";
+constexpr const char* NO_ROOM = "no memory was left while it waited for the disk";
 
 std::uint64_t bytes_of(const Samples& samples) {
     return samples.size() * sizeof(std::int16_t);
+}
+
+// When memory is short, a long text could not be copied.
+std::string text_of(const std::exception& error) {
+    try {
+        return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? "no memory" : error.what();
+    } catch (const std::exception&) {
+        return "no memory";
+    }
 }
 
 }  // namespace
@@ -31,54 +44,68 @@ std::uint64_t bytes_of(const Samples& samples) {
 struct BackgroundStore::Written {
     Written(std::string file_name, std::string file_path, int rate, int channel_count)
         : name(std::move(file_name)),
-          path(std::move(file_path)),
           sample_rate(rate),
-          channels(channel_count) {}
+          channels(channel_count),
+          path(std::move(file_path)) {}
 
     const std::string name;
-    const std::string path;
     const int sample_rate;
     const int channels;
 
     // The owner's.
+    std::string path;
     std::string error;
     bool close_wanted = false;
     bool closed = false;
     std::uint64_t dropped_samples = 0;
     std::uint64_t owed_silence = 0;  // For samples that were dropped.
 
+    std::shared_ptr<PendingFile> pending;  // Of a small file.
+
     // The writer's.
     std::unique_ptr<AudioFile> file;
-    bool failure_reported = false;
+    bool failed = false;
+
+    // What the owner has to know. Guarded by the mutex of the Writer. The list of news runs through
+    // the files, so that reporting needs no memory.
+    std::string new_error;
+    std::string new_path;
+    bool newly_closed = false;
+    bool in_news = false;
+    std::shared_ptr<Written> next_news;
 };
 
 struct BackgroundStore::Job {
-    enum class Kind : std::uint8_t { CREATE, WRITE, SILENCE, CLOSE };
+    enum class Kind : std::uint8_t { CREATE, WRITE, SILENCE, CLOSE, TEXT };
 
     std::shared_ptr<Written> file;
     Kind kind;
     Samples samples{};
     std::uint64_t silence = 0;
+    std::string text{};
 
-    std::uint64_t size() const { return JOB_BYTES + bytes_of(samples); }
+    std::uint64_t size() const { return JOB_BYTES + bytes_of(samples) + text.size(); }
 };
 
 // The queue, and what the writer thread does. Shared by both threads, so that the owner may go
 // while the writer waits for the disk.
 class BackgroundStore::Writer {
   public:
-    struct Result {
-        std::shared_ptr<Written> file;
-        std::string error;
-        bool closed;
-    };
-
-    explicit Writer(std::unique_ptr<AudioStore> store) : store_(std::move(store)) {}
+    explicit Writer(std::unique_ptr<AudioStore> store) : store_(std::move(store)) {
+        const LockGuard lock(mutex_);
+        spare_.reserve(MOST_SPARE);
+    }
+    ~Writer() {
+        take_news([](const Written& /*file*/) {});  // One by one: the list may be long.
+    }
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
 
     // The writer's thread.
     void run() {
         while (auto job = next()) {
-            done(*job, perform(*job));
+            const std::uint64_t size = job->size();
+            done(*job, size, perform(*job));
         }
         end_abandoned();
     }
@@ -104,12 +131,24 @@ class BackgroundStore::Writer {
         if (!spare_.empty()) {
             samples = std::move(spare_.back());
             spare_.pop_back();
+            spare_bytes_ -= capacity_of(samples);
         }
         return samples;
     }
-    std::vector<Result> take_results() QV_EXCLUDES(mutex_) {
+    // Calls `use` for each file that has news, while nobody changes them.
+    template <typename Use>
+    void take_news(Use use) QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
-        return std::exchange(results_, {});
+        while (news_ != nullptr) {
+            const std::shared_ptr<Written> file = std::exchange(news_, std::move(news_->next_news));
+            file->in_news = false;
+            use(*file);
+        }
+    }
+    // Bytes of memory that is kept for later blocks.
+    std::uint64_t spare_bytes() QV_EXCLUDES(mutex_) {
+        const LockGuard lock(mutex_);
+        return spare_bytes_;
     }
     void wait_for_room(std::uint64_t bytes, std::uint64_t most_bytes) QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
@@ -119,7 +158,7 @@ class BackgroundStore::Writer {
     }
     bool wait(Clock::time_point until) QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
-        while ((busy_ || !queue_.empty()) && results_.empty() &&
+        while ((busy_ || !queue_.empty()) && news_ == nullptr &&
                progress_.wait_until(mutex_, until)) {
         }
         return !busy_ && queue_.empty();
@@ -169,48 +208,94 @@ class BackgroundStore::Writer {
         return job;
     }
 
-    // Returns what the owner has to know.
-    std::optional<Result> perform(const Job& job) {
+    // What the owner has to know of a job.
+    struct Result {
+        std::string error;
+        std::string path;  // Of a new file.
+        bool closed = false;
+    };
+
+    Result perform(Job& job) {
         Written& written = *job.file;
-        switch (job.kind) {
-            case Job::Kind::CREATE:
-                written.file = store_->create(written.name, written.sample_rate, written.channels);
-                break;
-            case Job::Kind::WRITE:
-                written.file->write(job.samples.data(), job.samples.size());
-                break;
-            case Job::Kind::SILENCE:
-                written.file->write_silence(job.silence);
-                break;
-            case Job::Kind::CLOSE: {
-                written.file->close();
-                Result result{job.file, written.file->error(), true};
-                written.file.reset();
-                return result;
-            }
+        Result result;
+        try {
+            carry_out(job, result);
+        } catch (const std::exception& error) {
+            result.error = text_of(error);
         }
-        if (written.file->error().empty() || std::exchange(written.failure_reported, true)) {
-            return std::nullopt;
+        if (!result.error.empty()) {
+            written.failed = true;
         }
-        return Result{job.file, written.file->error(), false};
+        result.closed = job.kind == Job::Kind::CLOSE || job.kind == Job::Kind::TEXT;
+        if (result.closed) {
+            written.file.reset();
+        }
+        return result;
     }
 
-    void done(Job& job, std::optional<Result> result) QV_EXCLUDES(mutex_) {
+    void carry_out(Job& job, Result& result) {
+        Written& written = *job.file;
+        if (job.kind == Job::Kind::TEXT) {
+            const auto text_file = store_->write_text(written.name, std::move(job.text));
+            result.path = text_file->report.path;
+            result.error = text_file->report.error;
+            return;
+        }
+        if (job.kind == Job::Kind::CREATE) {
+            written.file = store_->create(written.name, written.sample_rate, written.channels);
+            result.path = written.file->path();
+        } else if (written.file == nullptr) {
+            return;  // It could not be created.
+        } else if (job.kind == Job::Kind::CLOSE) {
+            written.file->close();
+        } else if (written.failed) {
+            return;
+        } else if (job.kind == Job::Kind::WRITE) {
+            written.file->write(job.samples.data(), job.samples.size());
+        } else {
+            written.file->write_silence(job.silence);
+        }
+        if (!written.failed) {
+            result.error = written.file->error();
+        }
+    }
+
+    void done(Job& job, std::uint64_t size, Result result) QV_EXCLUDES(mutex_) {
         const std::size_t open_files = store_->open_files();
         {
             const LockGuard lock(mutex_);
             busy_ = false;
             open_files_ = open_files;
-            waiting_bytes_ -= job.size();
-            if (result.has_value()) {
-                results_.push_back(std::move(*result));
+            waiting_bytes_ -= size;
+            if (result.closed || !result.error.empty() || !result.path.empty()) {
+                report(job.file, std::move(result));
             }
-            if (spare_.size() < MOST_SPARE && job.samples.capacity() != 0) {
+            const std::uint64_t capacity = capacity_of(job.samples);
+            if (capacity != 0 && spare_.size() < MOST_SPARE &&
+                spare_bytes_ + capacity <= MOST_SPARE_BYTES) {
                 job.samples.clear();
+                spare_bytes_ += capacity;
                 spare_.push_back(std::move(job.samples));
             }
         }
         progress_.notify_one();
+    }
+
+    void report(const std::shared_ptr<Written>& file, Result result) QV_REQUIRES(mutex_) {
+        if (file->new_error.empty()) {
+            file->new_error = std::move(result.error);
+        }
+        if (!result.path.empty()) {
+            file->new_path = std::move(result.path);
+        }
+        file->newly_closed = file->newly_closed || result.closed;
+        if (!std::exchange(file->in_news, true)) {
+            file->next_news = std::exchange(news_, file);
+        }
+    }
+
+    static std::uint64_t capacity_of(const Samples& samples) {
+        return samples.capacity() * sizeof(std::int16_t);
     }
 
     void end_abandoned() QV_EXCLUDES(mutex_) {
@@ -229,8 +314,9 @@ class BackgroundStore::Writer {
     Condition work_;
     Condition progress_;
     std::deque<Job> queue_ QV_GUARDED_BY(mutex_);
-    std::vector<Result> results_ QV_GUARDED_BY(mutex_);
+    std::shared_ptr<Written> news_ QV_GUARDED_BY(mutex_);  // A list, the latest first.
     std::vector<Samples> spare_ QV_GUARDED_BY(mutex_);
+    std::uint64_t spare_bytes_ QV_GUARDED_BY(mutex_) = 0;
     std::vector<std::shared_ptr<Written>> abandoned_ QV_GUARDED_BY(mutex_);
     std::uint64_t waiting_bytes_ QV_GUARDED_BY(mutex_) = 0;
     std::size_t open_files_ QV_GUARDED_BY(mutex_) = 0;
@@ -345,15 +431,48 @@ bool BackgroundStore::add(Job job, bool always) {
     return writer_->add(job, options_.most_bytes, always);
 }
 
+std::shared_ptr<const PendingFile> BackgroundStore::write_text(const std::string& name,
+                                                               std::string text) {
+    auto written = std::make_shared<Written>(name, folder_ + '/' + name, 0, 0);
+    auto pending = std::make_shared<PendingFile>();
+    pending->report.path = written->path;
+    written->pending = pending;
+    incomplete_.emplace(written.get(), written);
+    if (add({written, Job::Kind::TEXT, {}, 0, std::move(text)}, false)) {
+        add_name(name);
+    } else {
+        written->error = thread_.joinable() ? NO_ROOM : ABANDONED;
+        end(*written);
+        incomplete_.erase(written.get());
+    }
+    return pending;
+}
+
 void BackgroundStore::update() {
-    for (Writer::Result& result : writer_->take_results()) {
-        if (result.file->error.empty()) {
-            result.file->error = std::move(result.error);
+    writer_->take_news([this](Written& file) {
+        if (file.error.empty()) {
+            file.error = std::move(file.new_error);
         }
-        if (result.closed) {
-            result.file->closed = true;
-            incomplete_.erase(result.file.get());
+        file.new_error.clear();
+        const std::string name = file.new_path.substr(file.new_path.rfind('/') + 1);
+        if (!name.empty() && name != file.name) {
+            file.path = folder_ + '/' + name;
+            add_name(name);
         }
+        file.new_path.clear();
+        if (file.newly_closed) {
+            end(file);
+            incomplete_.erase(&file);
+        }
+    });
+}
+
+// Nothing more happens to the file.
+void BackgroundStore::end(Written& file) {
+    file.closed = true;
+    if (file.pending != nullptr) {
+        file.pending->report = {file.path, file.error};
+        file.pending->complete = true;
     }
 }
 
@@ -371,7 +490,7 @@ void BackgroundStore::abandon(const std::string& error) {
         if (file->error.empty()) {
             file->error = error;
         }
-        file->closed = true;
+        end(*file);
         files.push_back(file);
     }
     writer_->abandon(std::move(files));
@@ -379,7 +498,8 @@ void BackgroundStore::abandon(const std::string& error) {
 }
 
 BackgroundStore::Figures BackgroundStore::figures() const {
-    return {writer_->waiting_bytes(), dropped_bytes_, created_files_, writer_->open_files()};
+    return {writer_->waiting_bytes(), dropped_bytes_,         created_files_,
+            writer_->open_files(),    writer_->spare_bytes(), incomplete_.size()};
 }
 
 }  // namespace qv::node

@@ -3,8 +3,9 @@
 //
 // Everything that touches the files of the store behind it - creating, writing, completing - is
 // done by one writer thread, in the order in which it was asked for. What fails comes back with
-// update(). When as much audio waits as memory is granted, further blocks are dropped and counted,
-// and silence of the same length is written in their place, so that positions in a file stay true.
+// update(); when memory is short, only the file at hand fails. When as much audio waits as memory
+// is granted, further blocks are dropped and counted, and silence of the same length is written in
+// their place, so that positions in a file stay true.
 //
 // The public functions belong to the owner's thread, and so do the files. If the disk does not come
 // back before the end, the writer thread is left behind: it owns all that it still uses.
@@ -36,6 +37,8 @@ class BackgroundStore : public AudioStore {
         std::uint64_t dropped_bytes = 0;  // Audio that found no room.
         std::uint64_t created_files = 0;  // Asked for.
         std::size_t open_files = 0;
+        std::uint64_t spare_bytes = 0;     // Memory that is kept for later audio.
+        std::size_t incomplete_files = 0;  // Not closed yet, or not written to the end.
     };
 
     // From now on only the writer thread uses `store`. `folder` is where its files are, for their
@@ -52,6 +55,9 @@ class BackgroundStore : public AudioStore {
     bool exists(const std::string& name) const override { return names_.count(hash(name)) != 0; }
     std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
                                       int channels) override;
+    // Fails if as much waits as memory is granted.
+    std::shared_ptr<const PendingFile> write_text(const std::string& name,
+                                                  std::string text) override;
 
     // Takes note of what the writer has completed and of what has failed. Call it several times a
     // second.
@@ -72,6 +78,7 @@ class BackgroundStore : public AudioStore {
     class Writer;
 
     bool add(Job job, bool always);
+    static void end(Written& file);
 
     static std::size_t hash(const std::string& name) { return std::hash<std::string>()(name); }
 

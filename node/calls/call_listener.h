@@ -89,13 +89,6 @@ struct FoundSample {
     double score;           // 0 to 1.
 };
 
-// The result for a file.
-struct FileReport {
-    std::string path;
-    std::string error;                  // Empty if the file is complete.
-    std::uint64_t dropped_samples = 0;  // Replaced by silence, because the disk was too slow.
-};
-
 class CallListener {
   public:
     virtual ~CallListener() = default;

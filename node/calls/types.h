@@ -67,4 +67,17 @@ inline double seconds_of(Micros time) {
     return std::chrono::duration<double>(time).count();
 }
 
+// The result for a file.
+struct FileReport {
+    std::string path;
+    std::string error;                  // Empty if the file is complete.
+    std::uint64_t dropped_samples = 0;  // Replaced by silence, because the disk was too slow.
+};
+
+// A file that is being written on another thread. The owner's thread updates it.
+struct PendingFile {
+    FileReport report;
+    bool complete = false;  // Written, or failed.
+};
+
 }  // namespace qv::node

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -122,17 +123,48 @@ TEST_F(AudioFilesTest, FilesTakeTurnsWhenOnlyOneMayBeOpen) {
 
 TEST_F(AudioFilesTest, ExistingFileIsKeptUnlessAskedOtherwise) {
     put(*folder_->create("a.wav", 8000, 1), {1});
-    EXPECT_EQ(folder_->create("a.wav", 8000, 1)->error(), "File exists");
+    const auto second = folder_->create("a.wav", 8000, 1);
+    EXPECT_EQ(second->error(), "");
+    EXPECT_EQ(second->path(), folder_path_ + "/a-2.wav");
+    EXPECT_TRUE(put(*second, {3}));
+    EXPECT_TRUE(second->close());
     EXPECT_EQ(read("a.wav"), (Samples{1}));
+    EXPECT_EQ(read("a-2.wav"), (Samples{3}));
     use_folder(8, true);
     put(*folder_->create("a.wav", 8000, 1), {2});
     EXPECT_EQ(read("a.wav"), (Samples{2}));
 }
 
+TEST_F(AudioFilesTest, FolderOfTheNameOfAFileIsKept) {
+    std::filesystem::create_directory(folder_path_ + "/a.wav");
+    EXPECT_EQ(folder_->create("a.wav", 8000, 1)->path(), folder_path_ + "/a-2.wav");
+    use_folder(8, true);
+    EXPECT_EQ(folder_->create("a.wav", 8000, 1)->path(), folder_path_ + "/a-2.wav");
+}
+
+// As when two programs write the same call to one folder.
+TEST_F(AudioFilesTest, FileThatAnotherProgramIsMakingIsLeftToIt) {
+    std::ofstream(folder_path_ + "/.a.wav.new") << "theirs";
+    EXPECT_EQ(folder_->create("a.wav", 8000, 1)->path(), folder_path_ + "/a-2.wav");
+    EXPECT_EQ(std::filesystem::file_size(folder_path_ + "/.a.wav.new"), 6u);
+}
+
+TEST_F(AudioFilesTest, SmallFileIsWrittenInOneGo) {
+    EXPECT_EQ(folder_->write_text("a.svg", "one")->report.path, folder_path_ + "/a.svg");
+    const auto second = folder_->write_text("a.svg", "second");
+    EXPECT_TRUE(second->complete);
+    EXPECT_EQ(second->report.path, folder_path_ + "/a-2.svg");
+    EXPECT_EQ(std::filesystem::file_size(folder_path_ + "/a.svg"), 3u);
+    EXPECT_EQ(std::filesystem::file_size(folder_path_ + "/a-2.svg"), 6u);
+    std::filesystem::remove_all(folder_path_);
+    EXPECT_EQ(folder_->write_text("a.svg", "one")->report.error, "No such file or directory");
+}
+
 TEST_F(AudioFilesTest, FilesThatWereMadeAreCounted) {
-    put(*folder_->create("a.wav", 8000, 1), {1});
-    folder_->create("a.wav", 8000, 1);  // Fails, because the file exists.
+    folder_->limit_files(2);
+    folder_->create("a.wav", 8000, 1);
     folder_->create("b.wav", 8000, 1);
+    folder_->create("c.wav", 8000, 1);  // Fails.
     EXPECT_EQ(folder_->created_files(), 2u);
 }
 

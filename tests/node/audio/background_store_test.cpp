@@ -5,6 +5,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -65,7 +66,7 @@ class Disk {
     std::vector<std::thread::id> ends_ QV_GUARDED_BY(mutex_);
 };
 
-// A file whose name begins with "bad" fails when it is written.
+// A file whose name begins with "bad" fails when it is written; for "short", memory is short then.
 class DiskFile : public AudioFile {
   public:
     DiskFile(std::shared_ptr<Disk> disk, const std::string& name)
@@ -77,6 +78,9 @@ class DiskFile : public AudioFile {
         if (name_.rfind("bad", 0) == 0) {
             error_ = "no good";
             return false;
+        }
+        if (name_.rfind("short", 0) == 0) {
+            throw std::bad_alloc();
         }
         disk_->append(name_, {samples, samples + count});
         return true;
@@ -103,7 +107,16 @@ class DiskStore : public AudioStore {
     std::unique_ptr<AudioFile> create(const std::string& name, int /*sample_rate*/,
                                       int /*channels*/) override {
         disk_->reach();
-        return std::make_unique<DiskFile>(disk_, name);
+        if (name == "uncreated") {
+            throw std::bad_alloc();
+        }
+        return std::make_unique<DiskFile>(disk_, name == "taken" ? "folder/taken-2" : name);
+    }
+    std::shared_ptr<const PendingFile> write_text(const std::string& name,
+                                                  std::string text) override {
+        disk_->reach();
+        disk_->append(name, Samples(text.size()));
+        return std::make_shared<PendingFile>(PendingFile{{"folder/" + name, ""}, true});
     }
     std::size_t open_files() const override { return 7; }
 
@@ -247,6 +260,75 @@ TEST_F(BackgroundStoreTest, FailureComesBack) {
     finish();
     EXPECT_FALSE(file->completing());
     EXPECT_EQ(file->error(), "no good");
+}
+
+TEST_F(BackgroundStoreTest, ShortMemoryEndsOneFileAndNotTheProgram) {
+    const auto bad = store_->create("short", 8000, 1);
+    const auto worse = store_->create("uncreated", 8000, 1);
+    const auto good = store_->create("good", 8000, 1);
+    put(*bad, {1});
+    put(*worse, {1});
+    put(*good, {1});
+    worse->write_silence(1);
+    bad->close();
+    worse->close();
+    finish();
+    EXPECT_EQ(bad->error(), "no memory");
+    EXPECT_EQ(worse->error(), "no memory");
+    EXPECT_FALSE(bad->completing());
+    EXPECT_FALSE(worse->completing());
+    EXPECT_EQ(good->error(), "");
+    EXPECT_EQ(disk_->read("good"), (Samples{1}));
+}
+
+TEST_F(BackgroundStoreTest, FileThatGotAnotherNameIsKnownByIt) {
+    const auto file = store_->create("taken", 8000, 1);
+    finish();
+    EXPECT_EQ(file->path(), "folder/taken-2");
+    EXPECT_TRUE(store_->exists("taken-2"));
+    EXPECT_TRUE(store_->exists("taken"));
+}
+
+TEST_F(BackgroundStoreTest, MemoryThatIsKeptForLaterBlocksIsBounded) {
+    constexpr std::uint64_t MIB = 1 << 20;
+    disk_->stop();
+    const auto file = store_->create("one", 8000, 1);
+    for (int i = 0; i < 40; ++i) {
+        put(*file, Samples(2 * MIB));  // 4 MiB each.
+    }
+    disk_->go_on();
+    finish();
+    EXPECT_GE(store_->figures().spare_bytes, 32 * MIB);
+    EXPECT_LE(store_->figures().spare_bytes, 64 * MIB);
+}
+
+TEST_F(BackgroundStoreTest, SmallFileIsWrittenByTheWriter) {
+    disk_->stop();
+    const auto text = store_->write_text("picture", "12345");
+    EXPECT_TRUE(store_->exists("picture"));
+    EXPECT_FALSE(text->complete);
+    EXPECT_EQ(store_->figures().incomplete_files, 1u);
+    disk_->go_on();
+    finish();
+    EXPECT_TRUE(text->complete);
+    EXPECT_EQ(text->report.path, "folder/picture");
+    EXPECT_EQ(text->report.error, "");
+    EXPECT_EQ(disk_->read("picture").size(), 5u);
+    EXPECT_EQ(store_->figures().incomplete_files, 0u);
+}
+
+TEST_F(BackgroundStoreTest, SmallFileThatFindsNoRoomOrADiskThatWasGivenUpFails) {
+    restart({10'000, false});
+    disk_->stop();
+    const auto waiting = store_->write_text("waiting", "12345");
+    const auto large = store_->write_text("large", std::string(20'000, 'x'));
+    EXPECT_TRUE(large->complete);
+    EXPECT_EQ(large->report.error, "no memory was left while it waited for the disk");
+    store_->abandon("gone");
+    EXPECT_TRUE(waiting->complete);
+    EXPECT_EQ(waiting->report.error, "gone");
+    EXPECT_EQ(store_->write_text("late", "x")->report.error, "the disk was given up");
+    disk_->go_on();
 }
 
 TEST_F(BackgroundStoreTest, NamesAreKnownWithoutTheDisk) {

@@ -30,9 +30,16 @@ class FakeAudioStore : public node::AudioStore {
         return std::make_unique<Handle>(*this, name);
     }
 
+    std::shared_ptr<const node::PendingFile> write_text(const std::string& name,
+                                                        std::string text) override {
+        texts[name] = std::move(text);
+        return std::make_shared<node::PendingFile>(node::PendingFile{{name, error}, true});
+    }
+
     std::size_t open_files() const override { return 0; }
 
     std::map<std::string, FakeFile> files;
+    std::map<std::string, std::string> texts;
     std::string error;                          // If set, every write fails with it.
     std::map<std::string, std::string> errors;  // By name: writes to that file fail with the text.
 

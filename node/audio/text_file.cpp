@@ -1,4 +1,4 @@
-#include "node/report/text_file.h"
+#include "node/audio/text_file.h"
 
 #include <unistd.h>
 
