@@ -221,15 +221,21 @@ void Application::complete_files() {
     const auto begin = std::chrono::steady_clock::now();
     const auto longest = std::chrono::duration<double>(options_.exit_wait_s);
     ending_ = true;
-    while (!outputs_.files_complete()) {
+    while (!all_complete()) {
         loop_.restart();
         loop_.poll();
         if (impatient_ || std::chrono::steady_clock::now() - begin >= longest) {
             outputs_.give_up_files();
+            calls_->report_ends();
             break;
         }
     }
+}
+
+bool Application::all_complete() {
+    const bool complete = outputs_.files_complete();
     calls_->report_ends();
+    return complete && calls_->completing() == 0;
 }
 
 int Application::finish() {

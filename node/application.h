@@ -44,6 +44,7 @@ class Application {
     bool enough_calls() const;
     NodeFigures figures(Micros now);
     void complete_files();
+    bool all_complete();
     int finish();
 
     const Options options_;

@@ -9,7 +9,6 @@
 #include "node/analysis/sample_folder.h"
 #include "node/report/summary.h"
 #include "node/report/text.h"
-#include "node/audio/text_file.h"
 #include "tools/address.h"
 
 namespace qv::node {
@@ -197,10 +196,10 @@ void Outputs::build() {
     call_listeners_.push_back(recorder_.get());
 
     if (options_.timeline) {
-        timeline_ =
-            std::make_unique<Timeline>([this](const std::string& name, const std::string& svg) {
-                return save_timeline(name, svg);
-            });
+        timeline_ = std::make_unique<Timeline>([this](const std::string& name, std::string svg) {
+            ++saved_timelines_;
+            return store_->write_text(name, std::move(svg));
+        });
         call_listeners_.push_back(timeline_.get());
     }
     if (live_) {
@@ -258,18 +257,6 @@ FileNames::Options Outputs::file_name_options() const {
         (options_.no_sides ? 0 : 2) + (options_.stereo ? 2 : 0) + (options_.timeline ? 1 : 0);
     return {options_.overwrite, options_.max_files, files_per_call, NamePattern(options_.name),
             utc_time};
-}
-
-FileReport Outputs::save_timeline(const std::string& name, const std::string& svg) {
-    const std::string path = options_.folder + '/' + name;
-    ++saved_timelines_;
-    store_->add_name(name);
-    const std::string error = write_text_file(path, svg);
-    // Without events, the lines report it with its call.
-    if (!error.empty() && (options_.quiet || live_)) {
-        lines_.say("timeline not written", path + ": " + error);
-    }
-    return {path, error};
 }
 
 void Outputs::begin(const NodeFigures& figures) {

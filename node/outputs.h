@@ -86,7 +86,6 @@ class Outputs {
     void build();
     void build_store();
     FileNames::Options file_name_options() const;
-    FileReport save_timeline(const std::string& name, const std::string& svg);
     void show_live(const NodeFigures& figures, Micros now);
     void flush_events();
     void report_sync();

@@ -274,11 +274,15 @@ class Analyser::AnalysedCall : public CallListener {
                            [](const AnalysedSide& side) { return side.working(); });
     }
 
-    void ended(const Call& call, EndReason reason) override {
+    void summing_up(const Call& call, EndReason reason) override {
         // The receiver ends, so waiting here delays no packets.
         if (reason == EndReason::SHUTDOWN && working(call)) {
             analyser_.worker_.drain();
         }
+        analyser_.report_noticed();
+    }
+
+    void ended(const Call& /*call*/, EndReason /*reason*/) override {
         analyser_.report_noticed();
         for (AnalysedSide& side : sides_) {
             side.report_skips();

@@ -245,6 +245,10 @@ void Call::close(EndReason reason) {
     for_each_listener([&](CallListener& listener) { listener.closing(*this, reason); });
 }
 
+void Call::sum_up(EndReason reason) {
+    for_each_listener([&](CallListener& listener) { listener.summing_up(*this, reason); });
+}
+
 bool Call::completing() const {
     return std::any_of(listeners_.begin(), listeners_.end(), [this](const CallListener* listener) {
         return listener->completing(*this);

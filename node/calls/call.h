@@ -65,6 +65,8 @@ class Call {
     // Delivers everything that is held and has the outputs complete their files. Nothing may be
     // received after it.
     void close(EndReason reason);
+    // Has the outputs write what describes the whole call, once its other files are complete.
+    void sum_up(EndReason reason);
     // Whether outputs still complete files; tick() is not needed for that.
     bool completing() const;
     // Reports the end. The files of the call should be complete.

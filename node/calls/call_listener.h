@@ -11,8 +11,8 @@
 //
 // Order of the functions for a call: begin_call; started, if the start packet comes;
 // features_changed and terminated; for each side side_begun, rate_decided, and then data, pause,
-// gap, audio, running_changed, rate_changed and late as packets come; wrapping_up; closing; finally
-// ended.
+// gap, audio, running_changed, rate_changed and late as packets come; wrapping_up; closing;
+// summing_up; finally ended.
 // rate_decided comes once for each side with packets, before ended at the latest. Until then the
 // side's sample_rate() is 0. Any rate_changed comes after it.
 //
@@ -151,7 +151,11 @@ class CallListener {
     virtual bool working(const Call&) const { return false; }
     // The call is over: no packets of it are accepted any more. The outputs complete its files.
     virtual void closing(const Call&, EndReason) {}
-    // Whether the output is still completing files. The end of the call is reported after that.
+    // All files of the call that hold audio are complete. The outputs write what describes the
+    // whole call.
+    virtual void summing_up(const Call&, EndReason) {}
+    // Whether the output is still completing files. After closing, summing_up waits for it, and
+    // after summing_up, ended does.
     virtual bool completing(const Call&) const { return false; }
     // The call has ended. Nothing follows except file_failed, for files of a later output.
     virtual void ended(const Call&, EndReason) {}

@@ -156,17 +156,26 @@ void CallTable::end(Call& call, EndReason reason, Micros now) {
         last_ = nullptr;
     }
     auto over = calls_.extract(call.uuid());
-    if (call.completing()) {
-        completing_.push_back({std::move(over.mapped()), reason});
-    } else {
+    Completing completing{std::move(over.mapped()), reason};
+    if (is_complete(completing)) {
         call.report_end(reason);
+    } else {
+        completing_.push_back(std::move(completing));
     }
+}
+
+bool CallTable::is_complete(Completing& each) {
+    if (!each.summed_up && !each.call->completing()) {
+        each.summed_up = true;
+        each.call->sum_up(each.reason);
+    }
+    return each.summed_up && !each.call->completing();
 }
 
 void CallTable::report_ends() {
     const auto complete =
         std::stable_partition(completing_.begin(), completing_.end(),
-                              [](const Completing& each) { return each.call->completing(); });
+                              [](Completing& each) { return !is_complete(each); });
     std::vector<Completing> ends(std::make_move_iterator(complete),
                                  std::make_move_iterator(completing_.end()));
     completing_.erase(complete, completing_.end());

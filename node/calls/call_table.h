@@ -67,8 +67,11 @@ class CallTable {
     struct Completing {
         std::unique_ptr<Call> call;
         EndReason reason;
+        bool summed_up = false;
     };
 
+    // Sums the call up when its files are complete. Returns whether its end can be reported.
+    static bool is_complete(Completing& each);
     Call* find(const media::Packet& packet);
     Call* add(const media::Packet& packet, const Arrival& arrival);
     bool is_after_end(const Uuid& uuid, const media::Packet& packet) const;

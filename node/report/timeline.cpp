@@ -140,7 +140,7 @@ class TimelineOfCall : public CallListener {
         }
     }
 
-    void ended(const Call& call, EndReason reason) override {
+    void summing_up(const Call& call, EndReason reason) override {
         data_.title = uuid_text(call.uuid());
         data_.subtitle = subtitle_of(call, reason);
         for (const Side side : BOTH_SIDES) {
@@ -153,9 +153,16 @@ class TimelineOfCall : public CallListener {
         data_.places = places_of(call);
         place_clock(begin);
         place_events(begin);
-        const FileReport file = save_(timeline_file_name(call.file_stem()), render_timeline(data_));
-        if (!file.error.empty()) {
-            call_.report_failed_file(file);
+        file_ = save_(timeline_file_name(call.file_stem()), render_timeline(data_));
+    }
+
+    bool completing(const Call& /*call*/) const override {
+        return file_ != nullptr && !file_->complete;
+    }
+
+    void ended(const Call& /*call*/, EndReason /*reason*/) override {
+        if (file_ != nullptr && !file_->report.error.empty()) {
+            call_.report_failed_file(file_->report);
         }
     }
 
@@ -279,6 +286,7 @@ class TimelineOfCall : public CallListener {
     std::array<std::optional<std::uint64_t>, SIDE_COUNT> heard_since_;
     std::array<std::optional<std::uint64_t>, SIDE_COUNT> active_since_;
     std::vector<RawEvent> events_;
+    std::shared_ptr<const PendingFile> file_;  // The picture; null before it is drawn.
 };
 
 }  // namespace

@@ -72,11 +72,13 @@ struct TimelineData {
 
 std::string render_timeline(const TimelineData& data);
 
-// Draws each call that has a file stem after the call has ended. An output.
+// Draws each call that has a file stem after the call is over. An output.
 class Timeline : public CallListener {
   public:
-    // Writes a picture under that name (without folder) and returns the result for the file.
-    using Save = std::function<FileReport(const std::string& name, const std::string& svg)>;
+    // Begins to write a picture under that name (without folder). Does not wait for the disk and
+    // does not return null.
+    using Save =
+        std::function<std::shared_ptr<const PendingFile>(const std::string& name, std::string svg)>;
 
     explicit Timeline(Save save) : save_(std::move(save)) {}
 

@@ -536,10 +536,13 @@ class DiskStandsStill(unittest.TestCase):
                              "the disk did not take all of it before the end")
 
     def test_wait_for_the_disk_at_the_end_is_bounded(self):
-        with self.stopped(1000, "--exit-wait", "0.2") as node:
+        with self.stopped(1000, "--exit-wait", "0.2", "--timeline") as node:
             node.talk((1,), 100)
             self.assertEqual(node.stop(), 1)
             self.assertIn("files given up", node.text())
+            picture, = [file for file in node.events("file_error") if ".svg" in file["path"]]
+            self.assertEqual(picture["error"], "the disk was given up")
+            self.assertFalse(list(node.folder.glob("*.svg")))
 
     def test_audio_beyond_the_memory_is_lost_and_reported(self):
         calls = (1, 2, 3, 4)

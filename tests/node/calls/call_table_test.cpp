@@ -451,6 +451,31 @@ struct SlowFiles : CallListener {
     bool waiting = true;
 };
 
+TEST_F(CallTableTest, CallIsSummedUpWhenItsFilesAreCompleteAndEndsAfterThat) {
+    struct Steps : SlowFiles {
+        void closing(const Call& /*call*/, EndReason /*reason*/) override { steps += "closing "; }
+        void summing_up(const Call& /*call*/, EndReason /*reason*/) override {
+            steps += "summing up ";
+            waiting = true;
+        }
+        void ended(const Call& /*call*/, EndReason /*reason*/) override { steps += "ended"; }
+        std::string steps;
+    } output;
+    restart({}, {&output});
+    start();
+    terminate();
+    pass(1s);
+    EXPECT_EQ(output.steps, "closing ");
+    output.waiting = false;
+    pass(50ms);
+    EXPECT_EQ(output.steps, "closing summing up ");
+    pass(50ms);
+    EXPECT_EQ(output.steps, "closing summing up ");
+    output.waiting = false;
+    pass(50ms);
+    EXPECT_EQ(output.steps, "closing summing up ended");
+}
+
 TEST_F(CallTableTest, CallsWhoseFilesAreNotCompleteCountForTheLimit) {
     SlowFiles files;
     CallLimits limits;

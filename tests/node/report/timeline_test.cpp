@@ -370,9 +370,9 @@ class TimelineOfCallTest : public qv::tests::NodeCallTest {
 
     std::string svg_;
     Catcher catcher_;
-    Timeline timeline_{[this](const std::string& name, const std::string& svg) {
-        svg_ = svg;
-        return FileReport{name, {}};
+    Timeline timeline_{[this](const std::string& name, std::string svg) {
+        svg_ = std::move(svg);
+        return std::make_shared<PendingFile>(PendingFile{{name, {}}, true});
     }};
 };
 
@@ -483,7 +483,7 @@ TEST_F(TimelineOfCallTest, ActivityOfALongCallIsDrawnToItsEnd) {
         drawn->activity(call, Side::ORIGINATOR, {true, i * 3200, i * 3200});
         drawn->activity(call, Side::ORIGINATOR, {false, i * 3200 + 1600, i * 3200 + 1600});
     }
-    drawn->ended(call, EndReason::SHUTDOWN);
+    drawn->summing_up(call, EndReason::SHUTDOWN);
     EXPECT_TRUE(shows("<title>audio activity: 0.2 s at 59:58.8</title>"));
     EXPECT_LT(svg_.size(), 900'000u);
 }
