@@ -6,6 +6,8 @@ may include only folders below it, the picture must have every folder with C++ s
 arrow must have at least one include.
 
 Comments about deliberate oddities point to a row of a table there. The row has to exist.
+
+The tests are checked too: each has to be in the namespace of its unit, or in qv::tests.
 """
 
 import os
@@ -124,6 +126,35 @@ class TheComments(unittest.TestCase):
     def test_are_read_across_line_ends(self):
         source = "    // x. See docs/design.md, Odd on\n    // purpose: option\n    // files.\n"
         self.assertEqual(oddities_pointed_at(source), ["option files"])
+
+
+def namespaces_of(source):
+    return set(re.findall(r"^namespace (qv[\w:]*) \{", source, re.MULTILINE))
+
+
+def namespaces_allowed(test, files):
+    """Those of the unit's header, or of its folder if the test has no single unit."""
+    folder, name = os.path.split(os.path.relpath(test, "tests"))
+    folders = (folder, os.path.join("include", folder))
+    units = [path for path in files if os.path.dirname(path) in folders]
+    header = name.replace("_test.cpp", ".h")
+    own = [path for path in units if os.path.basename(path) == header]
+    return {"qv::tests"}.union(*(namespaces_of(read(path)) for path in own or units))
+
+
+class TheTests(unittest.TestCase):
+    TESTS = [path for path in sources() if re.match(r"tests/.*_test\.cpp$", path)]
+
+    def test_are_in_the_namespace_of_their_unit(self):
+        files = sources()
+        opened = {path: namespaces_of(read(path)) for path in self.TESTS}
+        self.assertGreater(len(opened), 0)
+        self.assertEqual([path for path, names in opened.items()
+                          if len(names) != 1 or names - namespaces_allowed(path, files)], [])
+
+    def test_need_no_names_of_a_whole_namespace(self):
+        self.assertEqual([path for path in self.TESTS
+                          if re.search(r"^\s*using namespace qv", read(path), re.MULTILINE)], [])
 
 
 class ThePicture(unittest.TestCase):

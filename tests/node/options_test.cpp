@@ -9,12 +9,13 @@
 #include "tests/tools/command_line_test.h"
 #include "tools/address.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 
-using NodeOptionsTest = qv::tests::CommandLineTest<Options, parse_options, EXIT_USAGE>;
+using NodeOptionsTest = tests::CommandLineTest<Options, parse_options, EXIT_USAGE>;
 
 TEST_F(NodeOptionsTest, DefaultsAreThoseOfTheDocument) {
     EXPECT_EQ(parse({}), std::nullopt);
@@ -104,7 +105,7 @@ TEST_F(NodeOptionsTest, LimitsAreTaken) {
     EXPECT_EQ(options_.max_files, 9u);
     EXPECT_EQ(options_.block_kib, 1u);
     EXPECT_EQ(options_.receive_buffer_mib, 8);
-    EXPECT_EQ(qv::tools::address_text(*options_.metrics), "127.0.0.1:0");
+    EXPECT_EQ(tools::address_text(*options_.metrics), "127.0.0.1:0");
     EXPECT_EQ(options_.events, "-");
 }
 
@@ -135,9 +136,9 @@ TEST_F(NodeOptionsTest, RefusalNamesTheOptionAndTheValue) {
 
 TEST_F(NodeOptionsTest, MetricsMayBeServedOnAnyAddress) {
     EXPECT_EQ(parse({"--metrics", "192.0.2.9:9100"}), std::nullopt);
-    EXPECT_EQ(qv::tools::address_text(*options_.metrics), "192.0.2.9:9100");
+    EXPECT_EQ(tools::address_text(*options_.metrics), "192.0.2.9:9100");
     parse({"--metrics", "9100"});
-    EXPECT_EQ(qv::tools::address_text(*options_.metrics), "127.0.0.1:9100");
+    EXPECT_EQ(tools::address_text(*options_.metrics), "127.0.0.1:9100");
 }
 
 // In both programs, -r is the short form of --read.
@@ -182,3 +183,5 @@ TEST_F(NodeOptionsTest, HelpTellsDefaultsAndExitCodes) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -11,9 +11,9 @@
 #include <cstring>
 #include <filesystem>
 
-namespace {
+namespace qv::node {
 
-using qv::node::notify_service_manager;
+namespace {
 
 // A service manager's socket. In a name, '@' stands for the zero byte of an abstract socket.
 class ServiceManagerTest : public testing::Test {
@@ -70,3 +70,5 @@ TEST_F(ServiceManagerTest, AManagerThatCannotBeReachedIsReported) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -12,7 +12,8 @@
 #include "host/embedded_host.h"
 #include "tools/private_config.h"
 
-namespace qv::host {
+namespace qv::tests {
+
 namespace {
 
 std::string shipped_file() {
@@ -47,14 +48,14 @@ class ShippedConfiguration : public ::testing::Test {
 
     void load_with(const std::string& content) {
         ASSERT_EQ(tools::use_relocated_config(directory_, content), std::nullopt);
-        const LoadResult result = host_.load_module(QUORVANE_RELOCATED_MODULE);
+        const host::LoadResult result = host_.load_module(QUORVANE_RELOCATED_MODULE);
         ASSERT_TRUE(result.loaded) << result.error;
     }
 
     // Lines of the levels WARNING and more important.
     std::string complaints() {
         std::string texts;
-        for (const LogLine& line : host_.log().lines()) {
+        for (const host::LogLine& line : host_.log().lines()) {
             if (line.level <= SWITCH_LOG_WARNING) {
                 texts += line.text;
             }
@@ -65,7 +66,7 @@ class ShippedConfiguration : public ::testing::Test {
     std::string answer(const std::string& command) { return host_.api("quorvane " + command).text; }
 
     std::filesystem::path directory_;
-    EmbeddedHost host_;
+    host::EmbeddedHost host_;
 };
 
 TEST_F(ShippedConfiguration, LoadsWithoutAComplaint) {
@@ -109,4 +110,5 @@ TEST_F(ShippedConfiguration, AnUnknownOptionWouldBeSeen) {
 }
 
 }  // namespace
-}  // namespace qv::host
+
+}  // namespace qv::tests

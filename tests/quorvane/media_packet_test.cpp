@@ -8,14 +8,11 @@
 
 #include "tests/support/golden.h"
 
+namespace qv::media {
+
 namespace {
 
-using qv::media::decode_packet;
-using qv::media::DecodeResult;
-using qv::media::Packet;
-using qv::media::PacketType;
-
-using qv::tests::Bytes;
+using tests::Bytes;
 
 // The common header and the send time 0x0102030405060708 of a packet.
 Bytes common(unsigned char type, unsigned char leg_low, unsigned char leg_high) {
@@ -232,20 +229,20 @@ TEST_F(MediaPacketDecoder, CallReferenceOfLengthZeroIsRefused) {
 }
 
 TEST_F(MediaPacketDecoder, TheGoldenCallDecodes) {
-    for (const std::string& name : qv::tests::golden_call()) {
-        EXPECT_EQ(decode(qv::tests::golden(name)), DecodeResult::OK) << name;
+    for (const std::string& name : tests::golden_call()) {
+        EXPECT_EQ(decode(tests::golden(name)), DecodeResult::OK) << name;
     }
 }
 
 TEST_F(MediaPacketDecoder, EveryGoldenMalformedDatagramIsRefused) {
-    for (const std::string& name : qv::tests::golden_malformed()) {
-        EXPECT_NE(decode(qv::tests::golden(name)), DecodeResult::OK) << name;
+    for (const std::string& name : tests::golden_malformed()) {
+        EXPECT_NE(decode(tests::golden(name)), DecodeResult::OK) << name;
     }
 }
 
 TEST_F(MediaPacketDecoder, EveryResultHasItsOwnText) {
     std::vector<std::string> texts;
-    for (std::size_t i = 0; i < qv::media::DECODE_RESULT_COUNT; ++i) {
+    for (std::size_t i = 0; i < DECODE_RESULT_COUNT; ++i) {
         texts.emplace_back(describe(static_cast<DecodeResult>(i)));
     }
     std::sort(texts.begin(), texts.end());
@@ -254,3 +251,5 @@ TEST_F(MediaPacketDecoder, EveryResultHasItsOwnText) {
 }
 
 }  // namespace
+
+}  // namespace qv::media

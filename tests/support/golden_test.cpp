@@ -7,11 +7,9 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace qv::tests {
 
-using qv::tests::append_hex_line;
-using qv::tests::Bytes;
-using qv::tests::golden;
+namespace {
 
 bool is_malformed(const std::string& name) {
     return name.rfind("malformed_", 0) == 0;
@@ -63,12 +61,12 @@ TEST(GoldenDatagrams, ListOfTheMalformedIsComplete) {
     names.erase(std::remove_if(names.begin(), names.end(),
                                [](const std::string& name) { return !is_malformed(name); }),
                 names.end());
-    EXPECT_EQ(names, qv::tests::golden_malformed());
+    EXPECT_EQ(names, golden_malformed());
 }
 
 TEST(GoldenDatagrams, CallIsCompleteAndInOrder) {
     std::vector<unsigned> types;
-    for (const std::string& name : qv::tests::golden_call()) {
+    for (const std::string& name : golden_call()) {
         types.push_back(golden(name).at(4));
     }
     EXPECT_EQ(types, (std::vector<unsigned>{0x81, 0x83, 0x83, 0x83, 0x83, 0x84, 0x82}));
@@ -81,3 +79,5 @@ TEST(GoldenDatagrams, OnlyOneIsLongerThanAPacketCanBe) {
 }
 
 }  // namespace
+
+}  // namespace qv::tests

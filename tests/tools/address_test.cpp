@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace qv::tools {
 
-using namespace qv::tools;
+namespace {
 
 std::string read(const std::string& text) {
     const auto address = parse_address(text);
@@ -54,3 +54,5 @@ TEST(AddressTest, PortBehindAColonIsRefusedWithTheTwoThatItCouldMean) {
 }
 
 }  // namespace
+
+}  // namespace qv::tools

@@ -3,9 +3,9 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-namespace {
+namespace qv::tools {
 
-using namespace qv::tools;
+namespace {
 
 bool is_inside(const char* network, const char* address) {
     sockaddr_in sender{};
@@ -53,3 +53,5 @@ TEST(NetworksTest, WithoutNetworksEverySenderIsAllowed) {
 }
 
 }  // namespace
+
+}  // namespace qv::tools

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace qv::tools {
 
-using namespace qv::tools;
+namespace {
 
 // The size and the code, or 0 if it is no character.
 std::pair<std::size_t, char32_t> first(const std::string& text) {
@@ -61,3 +61,5 @@ TEST(CharactersTest, TextIsCutBetweenCharacters) {
 }
 
 }  // namespace
+
+}  // namespace qv::tools

@@ -7,10 +7,11 @@
 
 #include "tests/node/analysis/sounds.h"
 
+namespace qv::node::analysis {
+
 namespace {
 
-using namespace qv::node::analysis;
-using namespace qv::tests;
+using namespace tests;
 
 struct Changes : ActivityOutput {
     std::vector<ActivityChange> list;
@@ -146,3 +147,5 @@ TEST(activity_detector, stands_full_scale_noise_clipping_and_direct_current) {
 }
 
 }  // namespace
+
+}  // namespace qv::node::analysis

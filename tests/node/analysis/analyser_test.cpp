@@ -7,9 +7,10 @@
 
 #include "tests/node/calls/node_call.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 using Samples = std::vector<std::int16_t>;
 
@@ -17,7 +18,7 @@ constexpr std::size_t FRAME = 160;
 constexpr std::int64_t FRAME_TIME = 20'000;
 constexpr unsigned ACTIVITY_OF_BOTH = 0x0C;
 
-class AnalyserTest : public qv::tests::NodeCallTest, public CallListener {
+class AnalyserTest : public tests::NodeCallTest, public CallListener {
   protected:
     AnalyserTest() { analyse(Analyser::Pace::LIVE, 8'000'000); }
     void TearDown() override { table_.reset(); }
@@ -34,27 +35,26 @@ class AnalyserTest : public qv::tests::NodeCallTest, public CallListener {
             std::make_unique<CallTable>(limits, std::vector<CallListener*>{analyser_.get(), this});
     }
 
-    static void put(qv::tests::Bytes& datagram, std::size_t at, std::uint64_t value,
-                    std::size_t size) {
+    static void put(tests::Bytes& datagram, std::size_t at, std::uint64_t value, std::size_t size) {
         for (std::size_t i = 0; i < size; ++i, value >>= 8) {
             datagram[at + i] = static_cast<unsigned char>(value & 0xFF);
         }
     }
-    qv::tests::Bytes of_call(const std::string& name, std::uint32_t call) const {
-        qv::tests::Bytes datagram = qv::tests::golden(name);
+    tests::Bytes of_call(const std::string& name, std::uint32_t call) const {
+        tests::Bytes datagram = tests::golden(name);
         put(datagram, 28, call, 4);
         put(datagram, 32, static_cast<std::uint64_t>(time_), 8);
         return datagram;
     }
     void start(std::uint32_t call = 0) {
-        qv::tests::Bytes datagram = of_call("call_1_start", call);
+        tests::Bytes datagram = of_call("call_1_start", call);
         datagram[78] = datagram[79] = ACTIVITY_OF_BOTH;
         send(datagram);
     }
     void end(std::uint32_t call = 0) { send(of_call("call_7_terminate", call)); }
     // A packet of a call's side; the sequence numbers and offsets are those of one side.
     void data(const char* name, const Samples& sound, std::uint32_t call = 0) {
-        qv::tests::Bytes datagram = of_call(name, call);
+        tests::Bytes datagram = of_call(name, call);
         datagram.resize(50);
         put(datagram, 40, number_, 4);
         put(datagram, 44, offset_, 4);
@@ -255,3 +255,5 @@ TEST_F(AnalyserTest, TenThousandSidesAtOnceLeaveNothingBehind) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -6,10 +6,11 @@
 
 #include "tests/node/analysis/sounds.h"
 
+namespace qv::node::analysis {
+
 namespace {
 
-using namespace qv::node::analysis;
-using namespace qv::tests;
+using namespace tests;
 
 struct Found {
     std::string name;
@@ -203,3 +204,5 @@ TEST(sample_detector, finds_nothing_without_references) {
 }
 
 }  // namespace
+
+}  // namespace qv::node::analysis

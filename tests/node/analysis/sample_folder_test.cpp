@@ -10,10 +10,11 @@
 
 #include "tests/node/analysis/sounds.h"
 
+namespace qv::node::analysis {
+
 namespace {
 
-using namespace qv::node::analysis;
-using namespace qv::tests;
+using namespace tests;
 namespace fs = std::filesystem;
 
 class sample_folder : public testing::Test {
@@ -88,3 +89,5 @@ TEST_F(sample_folder, says_which_folder_it_cannot_read) {
 }
 
 }  // namespace
+
+}  // namespace qv::node::analysis

@@ -7,13 +7,12 @@
 
 #include "tests/node/analysis/sounds.h"
 
+namespace qv::node::analysis {
+
 namespace {
 
-using qv::node::analysis::Noticed;
-using qv::node::analysis::Wanted;
-using qv::node::analysis::Worker;
-using qv::tests::babble;
-using qv::tests::Sound;
+using tests::babble;
+using tests::Sound;
 
 constexpr int RATE = 8000;
 constexpr Wanted ACTIVITY{true, false};
@@ -118,3 +117,5 @@ TEST_F(WorkerTest, RatesBeyondTheDetectorsCannotBeAnalysed) {
 }
 
 }  // namespace
+
+}  // namespace qv::node::analysis

@@ -13,9 +13,10 @@
 #include <memory>
 #include <vector>
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using Samples = std::vector<std::int16_t>;
 
 class AudioFilesTest : public testing::Test {
@@ -277,3 +278,5 @@ TEST_F(AudioFilesTest, PrepareTellsWhyAFolderCannotBeUsed) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

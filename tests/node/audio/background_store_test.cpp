@@ -12,9 +12,10 @@
 
 #include "quorvane_lib/mutex.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Samples = std::vector<std::int16_t>;
@@ -23,44 +24,44 @@ using Samples = std::vector<std::int16_t>;
 class Disk {
   public:
     void stop() {
-        const qv::LockGuard lock(mutex_);
+        const LockGuard lock(mutex_);
         stopped_ = true;
     }
     void go_on() {
         {
-            const qv::LockGuard lock(mutex_);
+            const LockGuard lock(mutex_);
             stopped_ = false;
         }
         going_.notify_all();
     }
     // Waits while the disk stands still.
     void reach() {
-        const qv::LockGuard lock(mutex_);
+        const LockGuard lock(mutex_);
         while (stopped_) {
             going_.wait(mutex_);
         }
     }
     void append(const std::string& name, const Samples& samples) {
-        const qv::LockGuard lock(mutex_);
+        const LockGuard lock(mutex_);
         files_[name].insert(files_[name].end(), samples.begin(), samples.end());
     }
     // A file has ended, on this thread.
     void note_end() {
-        const qv::LockGuard lock(mutex_);
+        const LockGuard lock(mutex_);
         ends_.push_back(std::this_thread::get_id());
     }
     std::vector<std::thread::id> ends() {
-        const qv::LockGuard lock(mutex_);
+        const LockGuard lock(mutex_);
         return ends_;
     }
     Samples read(const std::string& name) {
-        const qv::LockGuard lock(mutex_);
+        const LockGuard lock(mutex_);
         return files_[name];
     }
 
   private:
-    qv::Mutex mutex_;
-    qv::Condition going_;
+    Mutex mutex_;
+    Condition going_;
     bool stopped_ QV_GUARDED_BY(mutex_) = false;
     std::map<std::string, Samples> files_ QV_GUARDED_BY(mutex_);
     std::vector<std::thread::id> ends_ QV_GUARDED_BY(mutex_);
@@ -395,3 +396,5 @@ TEST_F(BackgroundStoreTest, EndWaitsForWhatIsQueued) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

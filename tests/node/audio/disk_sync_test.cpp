@@ -5,9 +5,10 @@
 #include <atomic>
 #include <filesystem>
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 
 TEST(DiskSyncTest, WorksAgainAndAgain) {
@@ -54,3 +55,5 @@ TEST(DiskSyncTest, FolderThatIsThereCanBeSynced) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -8,10 +8,11 @@
 #include "node/calls/call.h"
 #include "tests/node/audio/fake_audio_files.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
-using qv::tests::FakeAudioStore;
+using tests::FakeAudioStore;
 
 constexpr Uuid CALL = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07,
                        0x08, 0x09, 0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f};
@@ -143,8 +144,8 @@ class ReferenceNamesTest : public testing::Test {
         return *calls_.back();
     }
     static void start(Call& call, const std::string& reference) {
-        qv::media::Packet packet;
-        packet.type = qv::media::PacketType::START;
+        media::Packet packet;
+        packet.type = media::PacketType::START;
         packet.call_key = 7;
         packet.call_reference = reference.c_str();
         packet.call_reference_length = static_cast<std::uint16_t>(reference.size());
@@ -152,8 +153,8 @@ class ReferenceNamesTest : public testing::Test {
     }
     static void talk(Call& call) {
         static constexpr unsigned char AUDIO[2] = {};
-        qv::media::Packet packet;
-        packet.type = qv::media::PacketType::DATA;
+        media::Packet packet;
+        packet.type = media::PacketType::DATA;
         packet.call_key = 7;
         packet.sequence_number = 1;
         packet.sample_count = 1;
@@ -238,3 +239,5 @@ TEST_F(FileNamesTest, OverwritingTakesTheUuidThoughItHasFiles) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace qv::node {
 
-using qv::node::NamePattern;
+namespace {
 
 constexpr const char* UUID = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37";
 
@@ -58,3 +58,5 @@ TEST(NamePattern, WhatIsNoPatternIsRefused) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

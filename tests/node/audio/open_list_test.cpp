@@ -19,9 +19,10 @@
 
 #include "node/audio/audio_files.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 namespace fs = std::filesystem;
 
 constexpr std::size_t BLOCK = 700;
@@ -239,3 +240,5 @@ TEST_F(KilledWriter, LeavesFilesThatLackABlockAtMostAtAnyOf200Moments) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

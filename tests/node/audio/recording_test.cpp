@@ -4,10 +4,11 @@
 
 #include "tests/node/audio/fake_audio_files.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
-using qv::tests::FakeAudioStore;
+using tests::FakeAudioStore;
 using Samples = std::vector<std::int16_t>;
 
 constexpr Side ORIGINATOR = Side::ORIGINATOR;
@@ -171,3 +172,5 @@ TEST_F(RecordingTest, FailedFileIsReportedAndTheOtherSideGoesOn) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

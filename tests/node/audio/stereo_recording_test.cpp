@@ -8,10 +8,11 @@
 
 #include "tests/node/audio/fake_audio_files.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
-using qv::tests::FakeAudioStore;
+using tests::FakeAudioStore;
 using Samples = std::vector<std::int16_t>;
 
 constexpr Side ORIGINATOR = Side::ORIGINATOR;
@@ -372,3 +373,5 @@ TEST_F(ResampledStereoTest, SideOfAnotherRateThatBeginsLaterIsConverted) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

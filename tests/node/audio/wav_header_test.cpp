@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace qv::node {
 
-using namespace qv::node;
+namespace {
 
 // Stereo, 48,000 Hz, 8 bytes of samples.
 constexpr WavHeader STEREO = {'R',  'I',  'F', 'F', 0x2c, 0, 0, 0,  // 44 bytes follow.
@@ -47,3 +47,5 @@ TEST(WavHeaderTest, AnyOtherHeaderIsNotRead) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -10,12 +10,13 @@
 
 #include "node/calls/call.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
-using qv::media::Packet;
-using qv::media::PacketType;
+using media::Packet;
+using media::PacketType;
 
 // Records what a side passes on, one word each: "audio160@0" means 160 samples from position 0.
 class SideDiary : public CallListener {
@@ -630,3 +631,5 @@ TEST_F(CallSideTest, SideOfWhichNothingCameIsAtItsBeginning) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -10,13 +10,14 @@
 #include "node/report/text.h"
 #include "tests/node/audio/fake_audio_files.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
-using qv::media::Packet;
-using qv::media::PacketType;
-using qv::tests::FakeAudioStore;
+using media::Packet;
+using media::PacketType;
+using tests::FakeAudioStore;
 
 // Records what is reported, one word each.
 class Diary : public CallListener {
@@ -114,7 +115,7 @@ class CallTableTest : public testing::Test {
     }
 
     // Of the originator's file of the first or a later part of the call.
-    const qv::tests::FakeFile& file(int part) const {
+    const tests::FakeFile& file(int part) const {
         const std::string number = part == 1 ? "" : "-" + std::to_string(part);
         return store_.files.at(uuid_text(uuid_) + number + "-originator.wav");
     }
@@ -500,7 +501,7 @@ TEST_F(CallTableTest, AMillionCallKeysStayWithinTheLimits) {
     limits.max_calls = 1000;
     restart(limits);
     for (std::uint32_t call = 0; call < 1'000'000; ++call) {
-        qv::media::put_u32(uuid_.data(), call);
+        media::put_u32(uuid_.data(), call);
         key_ = call;
         data(1);
         if (call % 1000 == 999) {
@@ -672,3 +673,5 @@ TEST_F(CallTableTest, RandomPacketsAreSurvived) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -6,13 +6,14 @@
 #include <memory>
 #include <string>
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
-using qv::media::features16_t;
-using qv::media::Packet;
-using qv::media::PacketType;
+using media::features16_t;
+using media::Packet;
+using media::PacketType;
 
 // Records what is reported, one word each.
 class Diary : public CallListener {
@@ -380,3 +381,5 @@ TEST_F(CallTest, ListenersAreCalledInTheOrderOfTheOutputs) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

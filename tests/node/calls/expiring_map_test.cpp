@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 
 class ExpiringMapTest : public testing::Test {
@@ -71,3 +72,5 @@ TEST_F(ExpiringMapTest, ErasesOnRequest) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -4,9 +4,9 @@
 
 #include <vector>
 
-namespace {
+namespace qv::node {
 
-using namespace qv::node;
+namespace {
 
 class LevelMeterTest : public testing::Test {
   protected:
@@ -89,3 +89,5 @@ TEST_F(LevelMeterTest, ManySamplesAtOnceDoNotOverflow) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

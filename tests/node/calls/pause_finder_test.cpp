@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace qv::node {
 
-using qv::node::PauseFinder;
+namespace {
 
 class PauseFinderTest : public testing::Test {
   protected:
@@ -71,3 +71,5 @@ TEST_F(PauseFinderTest, WithoutARateNothingIsLate) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

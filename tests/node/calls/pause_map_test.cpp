@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace qv::node {
 
-using namespace qv::node;
+namespace {
 
 // Two pauses: 50 samples at position 100, and 30 samples at position 200.
 class PauseMapTest : public testing::Test {
@@ -60,3 +60,5 @@ TEST_F(PauseMapTest, ForgottenPausesStillCount) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 
+namespace qv::node {
+
 namespace {
 
-using qv::node::RateChangeFinder;
 using Finding = RateChangeFinder::Finding;
 
 // A side at 8000 Hz with frames of 20 ms, which the finder has learned.
@@ -96,3 +97,5 @@ TEST_F(RateChangeFinderTest, ForgedTimesDoNotOverflow) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

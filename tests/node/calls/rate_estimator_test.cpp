@@ -9,9 +9,9 @@
 #include <string>
 #include <tuple>
 
-namespace {
+namespace qv::node {
 
-using qv::node::RateEstimator;
+namespace {
 
 class RateEstimatorTest : public testing::Test {
   protected:
@@ -275,3 +275,5 @@ INSTANTIATE_TEST_SUITE_P(Usual, RateAndFrameTest,
                          });
 
 }  // namespace
+
+}  // namespace qv::node

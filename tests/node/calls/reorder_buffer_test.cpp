@@ -5,15 +5,12 @@
 #include <string>
 #include <vector>
 
+namespace qv::node {
+
 namespace {
 
 using namespace std::chrono_literals;
-using qv::node::AudioPacket;
-using qv::node::Gap;
-using qv::node::Micros;
-using qv::node::OrderedOutput;
-using qv::node::ReorderBuffer;
-using Verdict = qv::node::ReorderBuffer::Verdict;
+using Verdict = ReorderBuffer::Verdict;
 
 // Records what is delivered: a letter for each sample, '.' for silence.
 class Tape : public OrderedOutput {
@@ -373,3 +370,5 @@ TEST_F(ReorderBufferTest, DuplicateAfterALongGapIsNotTakenForLate) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -4,10 +4,11 @@
 
 #include <limits>
 
+namespace qv::node {
+
 namespace {
 
 using namespace std::chrono_literals;
-using qv::node::SenderClock;
 
 constexpr std::int64_t SECOND = 1'000'000;
 
@@ -58,3 +59,5 @@ TEST(SenderClockTest, SenderFasterThanTimeDoesNotKeepRealTime) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -7,17 +7,18 @@
 
 #include "tests/support/golden.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
-using qv::media::DecodeResult;
-using qv::tools::AllowedNetworks;
-using qv::tools::parse_network;
+using media::DecodeResult;
+using tools::AllowedNetworks;
+using tools::parse_network;
 
 class IntakeTest : public testing::Test {
   protected:
-    void receive(const qv::tests::Bytes& datagram, Micros now = 1s) {
+    void receive(const tests::Bytes& datagram, Micros now = 1s) {
         intake_.receive({datagram.data(), datagram.size(), {now, source_}});
     }
     std::uint64_t malformed(DecodeResult reason) const {
@@ -35,7 +36,7 @@ class IntakeTest : public testing::Test {
 };
 
 TEST_F(IntakeTest, PacketReachesItsCall) {
-    receive(qv::tests::golden("call_1_start"));
+    receive(tests::golden("call_1_start"));
     EXPECT_EQ(calls_.size(), 1u);
     EXPECT_EQ(calls_.totals().all_packets(), 1u);
     EXPECT_TRUE(told_.empty());
@@ -44,7 +45,7 @@ TEST_F(IntakeTest, PacketReachesItsCall) {
 TEST_F(IntakeTest, DatagramsThatAreNoPacketsAreCountedByReason) {
     receive({1, 2, 3});
     receive({});
-    receive(qv::tests::Bytes(40, 0));
+    receive(tests::Bytes(40, 0));
     EXPECT_EQ(malformed(DecodeResult::TOO_SHORT), 2u);
     EXPECT_EQ(malformed(DecodeResult::BAD_MAGIC), 1u);
     EXPECT_EQ(told_,
@@ -57,14 +58,14 @@ TEST_F(IntakeTest, OnlyAllowedSendersAreTakenIn) {
     intake_.allow_only(
         AllowedNetworks({*parse_network("192.0.2.0/24"), *parse_network("10.1.1.1")}));
     source_.sin_addr.s_addr = htonl(0x0A010102);  // 10.1.1.2
-    receive(qv::tests::golden("call_1_start"));
+    receive(tests::golden("call_1_start"));
     receive({1});
     EXPECT_EQ(calls_.size(), 0u);
     EXPECT_TRUE(told_.empty());
     EXPECT_EQ(intake_.not_allowed(), 2u);
     EXPECT_EQ(intake_.last_arrival(), 0s);
     source_.sin_addr.s_addr = htonl(0xC00002FF);  // 192.0.2.255
-    receive(qv::tests::golden("call_1_start"));
+    receive(tests::golden("call_1_start"));
     EXPECT_EQ(calls_.size(), 1u);
 }
 
@@ -75,3 +76,5 @@ TEST_F(IntakeTest, EveryDatagramIsAnArrival) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

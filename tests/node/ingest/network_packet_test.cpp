@@ -5,9 +5,10 @@
 #include <string>
 #include <vector>
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 
 using Octets = std::vector<unsigned char>;
@@ -140,3 +141,5 @@ TEST(LinkLayerTest, FramesThatEndInTheirHeaderHoldNoPacket) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -10,9 +10,10 @@
 
 #include "node/calls/call.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 
 constexpr Uuid CALL = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07,
@@ -120,3 +121,5 @@ TEST_F(EndCommandTest, OwnDescriptorsAreNotHandedDown) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

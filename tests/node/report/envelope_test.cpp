@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using Samples = std::vector<std::int16_t>;
 
 void add(Envelope& envelope, const Samples& samples) {
@@ -88,3 +89,5 @@ TEST(EnvelopeTest, ALongSilenceIsCheap) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -10,9 +10,9 @@
 #include <fstream>
 #include <iterator>
 
-namespace {
+namespace qv::node {
 
-using qv::node::EventFile;
+namespace {
 
 class EventFileTest : public testing::Test {
   protected:
@@ -158,3 +158,5 @@ TEST_F(EventFileTest, ThePathIsOpenedAgainOnRequest) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -6,13 +6,14 @@
 
 #include "tests/node/calls/node_call.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
 
-class EventLogTest : public qv::tests::NodeCallTest {
+class EventLogTest : public tests::NodeCallTest {
   protected:
     EventLogTest() { watch_with(false); }
 
@@ -105,8 +106,8 @@ TEST_F(EventLogTest, LargeNumbersAreTextAndFlagsAreSplit) {
 TEST_F(EventLogTest, ControlHasTheUpdateAndWhatIsInEffect) {
     send("start_outbound_full");
     forget();
-    qv::tests::Bytes update = qv::tests::golden("call_6_control");
-    const qv::tests::Bytes start = qv::tests::golden("start_outbound_full");
+    tests::Bytes update = tests::golden("call_6_control");
+    const tests::Bytes start = tests::golden("start_outbound_full");
     std::copy(start.begin() + 8, start.begin() + 32, update.begin() + 8);
     send(update);
     EXPECT_EQ(lines()[0],
@@ -153,7 +154,7 @@ TEST_F(EventLogTest, PauseTellsHowLongItWasAndWhere) {
     watch_with(false, limits);
     send("call_2_read");
     pass(1s);
-    qv::tests::Bytes later = qv::tests::golden("call_4_read");
+    tests::Bytes later = tests::golden("call_4_read");
     const unsigned char send_time[] = {0x7e, 0x39, 0xa3, 0xd6};  // One second later.
     std::copy(std::begin(send_time), std::end(send_time), later.begin() + 32);
     send(later);
@@ -251,7 +252,7 @@ TEST_F(EventLogTest, NoControlCharacterIsWrittenAsItIs) {
 
 TEST_F(EventLogTest, WhatConcernsNoCallIsReported) {
     log_->listening("127.0.0.1:40000");
-    log_->malformed(qv::media::DecodeResult::BAD_MAGIC, 12, "192.0.2.7:9");
+    log_->malformed(media::DecodeResult::BAD_MAGIC, 12, "192.0.2.7:9");
     log_->overflow(7);
     EXPECT_EQ(lines(), (std::vector<std::string>{
                            R"({"event":"listening","time":"T","address":"127.0.0.1:40000"})",
@@ -315,3 +316,5 @@ TEST_F(EventLogTest, LossIsReportedWhereTheEventsAreMissing) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -4,9 +4,9 @@
 
 #include <string>
 
-namespace {
+namespace qv::node {
 
-using namespace qv::node;
+namespace {
 
 // The keys as letters: characters as they are, others as U D P N H E, and R for Enter, X for
 // Escape, B for Backspace.
@@ -51,3 +51,5 @@ TEST(KeyReaderTest, UnknownKeysAndBytesAreLeftOut) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -5,13 +5,14 @@
 #include "node/report/text.h"
 #include "tests/node/calls/node_call.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
-class LineReportTest : public qv::tests::NodeCallTest {
+class LineReportTest : public tests::NodeCallTest {
   protected:
     LineReportTest() { watch({&report_}); }
 
@@ -252,3 +253,5 @@ TEST_F(LineReportTest, DateIsToldAtTheBeginningAndOnEachFurtherDay) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

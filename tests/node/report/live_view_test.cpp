@@ -4,15 +4,16 @@
 
 #include "tests/node/calls/node_call.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
 constexpr const char* NO_LEVEL_7 = "\u00b7\u00b7\u00b7\u00b7\u00b7\u00b7\u00b7     --";
 
-class LiveViewTest : public qv::tests::NodeCallTest {
+class LiveViewTest : public tests::NodeCallTest {
   protected:
     LiveViewTest() {
         figures_.address = "127.0.0.1:40000";
@@ -311,7 +312,7 @@ TEST_F(LiveViewTest, SelectedCallStaysSelectedWhenTheOrderChanges) {
     EXPECT_EQ(age(selected()), "28.0");
     send_data(1, 0);  // A call without a start packet takes the first place.
     EXPECT_EQ(age(selected()), "28.0");
-    qv::tests::Bytes end = qv::tests::golden("call_7_terminate");
+    tests::Bytes end = tests::golden("call_7_terminate");
     end[31] = 2;
     send(end);
     pass(1s);
@@ -426,3 +427,5 @@ TEST_F(LiveViewTest, OnlyTheKeyQAsksForTheEnd) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -10,9 +10,9 @@
 
 #include "node/report/metrics.h"
 
-namespace {
+namespace qv::node {
 
-using namespace qv::node;
+namespace {
 
 sockaddr_in loopback(std::uint16_t port) {
     sockaddr_in address{};
@@ -59,3 +59,5 @@ TEST(MetricsPortTest, APortInUseIsRefused) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

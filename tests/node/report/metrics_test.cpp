@@ -9,10 +9,11 @@
 #include <set>
 #include <string>
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
-using qv::media::DecodeResult;
+using media::DecodeResult;
 
 class MetricsTest : public testing::Test {
   protected:
@@ -40,7 +41,7 @@ class MetricsTest : public testing::Test {
 
     Metrics metrics_;
     Totals totals_;
-    std::array<std::uint64_t, qv::media::DECODE_RESULT_COUNT> malformed_{};
+    std::array<std::uint64_t, media::DECODE_RESULT_COUNT> malformed_{};
     std::uint64_t received_ = 0;
     std::uint64_t overflowed_ = 0;
     std::size_t calls_ = 0;
@@ -136,7 +137,7 @@ TEST_F(MetricsTest, ReasonsAreLabelsInSnakeCase) {
         EXPECT_TRUE(std::regex_match((*one)[1].str(), snake_case)) << (*one)[1];
         seen.insert((*one)[1]);
     }
-    EXPECT_EQ(seen.size(), DROP_COUNT + qv::media::DECODE_RESULT_COUNT - 1);
+    EXPECT_EQ(seen.size(), DROP_COUNT + media::DECODE_RESULT_COUNT - 1);
     EXPECT_EQ(seen.count("unknown"), 0u);
 }
 
@@ -201,3 +202,5 @@ TEST_F(MetricsTest, AnalysisIsCountedBySampleAndFeature) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -5,10 +5,11 @@
 
 #include <sstream>
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
-using qv::media::DecodeResult;
+using media::DecodeResult;
 
 class NoticesTest : public testing::Test {
   protected:
@@ -130,3 +131,5 @@ TEST_F(NoticesTest, ReportNodeThatIsNotAllowedIsNamedOnceForAllThatIsNew) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -10,9 +10,10 @@
 #include "tests/node/calls/node_call.h"
 #include "tools/address.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
 
@@ -20,7 +21,7 @@ using Json = nlohmann::json;
 class ReportNode {
   public:
     ReportNode() : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
-        sockaddr_in address = qv::tools::parse_address("127.0.0.1:0").value();
+        sockaddr_in address = tools::parse_address("127.0.0.1:0").value();
         EXPECT_EQ(::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         socklen_t size = sizeof address;
         ::getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &size);
@@ -49,14 +50,14 @@ class ReportNode {
     std::uint16_t port_ = 0;
 };
 
-class ReportSenderTest : public qv::tests::NodeCallTest {
+class ReportSenderTest : public tests::NodeCallTest {
   protected:
     ReportSenderTest() { watch({&sender_}); }
 
     // The golden start packet with that report node.
     void start_reported_to(const std::string& address, std::uint16_t port) {
-        qv::tests::Bytes datagram = qv::tests::golden("call_1_start");
-        const in_addr host = qv::tools::parse_address(address + ":1").value().sin_addr;
+        tests::Bytes datagram = tests::golden("call_1_start");
+        const in_addr host = tools::parse_address(address + ":1").value().sin_addr;
         std::memcpy(&datagram[72], &host, sizeof host);
         datagram[7] |= 0x40;  // Sets the flag for a report node.
         datagram[76] = static_cast<unsigned char>(port >> 8);
@@ -85,7 +86,7 @@ class ReportSenderTest : public qv::tests::NodeCallTest {
     };
 
     ReportNode node_;
-    ReportSender sender_{{qv::tools::parse_network("127.0.0.0/8").value()}};
+    ReportSender sender_{{tools::parse_network("127.0.0.0/8").value()}};
     Catcher catcher_;
 };
 
@@ -132,7 +133,7 @@ TEST_F(ReportSenderTest, NothingIsSentToAnAddressOutsideTheNetworks) {
     hear(true);
     EXPECT_EQ(sender_.figures().sent + sender_.figures().failed, 0u);
     EXPECT_EQ(sender_.figures().not_allowed, 2u);
-    EXPECT_EQ(qv::tools::address_text(sender_.figures().latest_not_allowed), "192.0.2.77:9");
+    EXPECT_EQ(tools::address_text(sender_.figures().latest_not_allowed), "192.0.2.77:9");
 }
 
 TEST_F(ReportSenderTest, AnyAddressOfTheMachineIsOutsideToo) {
@@ -222,3 +223,5 @@ TEST(ReportTextTest, LongNameOfASampleIsCut) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

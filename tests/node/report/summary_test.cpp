@@ -4,10 +4,11 @@
 
 #include <sstream>
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
-using qv::media::DecodeResult;
+using media::DecodeResult;
 
 // The lines, without the time of day.
 std::string summary_of(const NodeFigures& figures, const LostEvents& lost_events = {}) {
@@ -55,3 +56,5 @@ TEST(SummaryTest, AllThatWentWrongIsSaid) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace qv::node {
 
-using namespace qv::node;
+namespace {
 
 TEST(NodeTextTest, ForeignTextCannotSteerATerminal) {
     EXPECT_EQ(quoted_text("a\x1b[2Jb\"\\\n"), R"("a\x1b[2Jb\"\\\x0a")");
@@ -74,3 +74,5 @@ TEST(NodeTextTest, TimesAreRoundedDownAndHaveTheirZone) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -12,9 +12,9 @@
 #include "node/report/text.h"
 #include "tests/node/calls/node_call.h"
 
-namespace {
+namespace qv::node {
 
-using namespace qv::node;
+namespace {
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
@@ -331,7 +331,7 @@ TEST(TimelineTest, ForgedLengthHasNoClock) {
 }
 
 // What the node draws of a call. Times are seconds after the golden start packet.
-class TimelineOfCallTest : public qv::tests::NodeCallTest {
+class TimelineOfCallTest : public tests::NodeCallTest {
   protected:
     TimelineOfCallTest() {
         CallLimits limits;
@@ -340,17 +340,17 @@ class TimelineOfCallTest : public qv::tests::NodeCallTest {
     }
 
     void send_data_at(double seconds, unsigned char number, unsigned char offset) {
-        qv::tests::Bytes datagram = qv::tests::golden("call_2_read");
+        tests::Bytes datagram = tests::golden("call_2_read");
         datagram[40] = number;
         datagram[44] = offset;
         send_timed(seconds, datagram);
     }
 
     void send_at(double seconds, const std::string& name) {
-        send_timed(seconds, qv::tests::golden(name));
+        send_timed(seconds, tests::golden(name));
     }
 
-    void send_timed(double seconds, qv::tests::Bytes datagram) {
+    void send_timed(double seconds, tests::Bytes datagram) {
         auto send_time = 3'600'000'250 + static_cast<std::int64_t>(seconds * 1e6);
         for (std::size_t i = 32; i < 40; ++i, send_time >>= 8) {
             datagram[i] = static_cast<unsigned char>(send_time & 0xFF);
@@ -391,7 +391,7 @@ TEST_F(TimelineOfCallTest, RingingStandsBeforeTheAudio) {
 }
 
 TEST_F(TimelineOfCallTest, SilentSideIsCalledSilentAsInTheLines) {
-    qv::tests::Bytes silence = qv::tests::golden("call_2_read");
+    tests::Bytes silence = tests::golden("call_2_read");
     std::fill(silence.begin() + 50, silence.end(), static_cast<unsigned char>(0));
     send(silence);
     send("call_3_write");
@@ -429,7 +429,7 @@ TEST_F(TimelineOfCallTest, AudioSentBeforeTheStartPacketBeginsTheAxis) {
 }
 
 TEST_F(TimelineOfCallTest, ReportNodeAndSenderAreNamed) {
-    qv::tests::Bytes datagram = qv::tests::golden("call_1_start");
+    tests::Bytes datagram = tests::golden("call_1_start");
     datagram[7] |= 0x40;
     const std::array<unsigned char, 6> node = {192, 0, 2, 9, 0x9C, 0xA4};
     std::copy(node.begin(), node.end(), datagram.begin() + 72);
@@ -489,3 +489,5 @@ TEST_F(TimelineOfCallTest, ActivityOfALongCallIsDrawnToItsEnd) {
 }
 
 }  // namespace
+
+}  // namespace qv::node
