@@ -174,7 +174,7 @@ Loader::Closed Loader::close(Module& module) {
     auto& events = current_host().events;
     auto bindings =
         module.base ? events.take_bindings_of(module.base) : std::vector<EventBus::Binding>();
-    const SessionTable::Pause pause = current_host().sessions.pause_bugs();
+    SessionTable::Pause pause = current_host().sessions.pause_bugs();
     if (module.object) {
         dlclose(module.object);
     }
@@ -184,8 +184,8 @@ Loader::Closed Loader::close(Module& module) {
         return closed;
     }
     closed.bindings_dropped = bindings.size();
-    for (const auto& session : pause.sessions) {
-        closed.bugs_dropped += session->bugs().drop_unmapped();
+    for (MediaBugs::Pause& bugs : pause.bugs) {
+        closed.bugs_dropped += bugs.drop_unmapped();
     }
     return closed;
 }

@@ -205,13 +205,14 @@ void MediaBugs::close_all() {
     }
 }
 
-std::size_t MediaBugs::drop_unmapped() {
-    const auto kept = std::remove_if(bugs_.begin(), bugs_.end(), [](const Bug& bug) {
+std::size_t MediaBugs::Pause::drop_unmapped() {
+    std::vector<Bug>& bugs = bugs_.bugs_;
+    const auto kept = std::remove_if(bugs.begin(), bugs.end(), [](const Bug& bug) {
         return object_base(code_address(bug->callback)) == nullptr;
     });
-    const auto count = static_cast<std::size_t>(bugs_.end() - kept);
-    bugs_.erase(kept, bugs_.end());
-    count_ = bugs_.size();
+    const auto count = static_cast<std::size_t>(bugs.end() - kept);
+    bugs.erase(kept, bugs.end());
+    bugs_.count_ = bugs.size();
     current_host().counters.bugs_attached -= count;
     return count;
 }

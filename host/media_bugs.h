@@ -63,12 +63,19 @@ class MediaBugs {
 
     // Calls every bug with CLOSE and removes it.
     void close_all();
-    // No bug is called while the caller holds this lock.
-    std::unique_lock<SharedMutex> pause() { return std::unique_lock(lock_); }
-    // Removes the bugs whose callback is unmapped, without CLOSE; returns their number. The
-    // caller holds the lock from pause().
-    std::size_t drop_unmapped()
-        QV_NO_THREAD_SAFETY_ANALYSIS;  // It cannot follow the lock that pause() returns.
+    // While it exists, no bug is called. The bugs outlive it.
+    class Pause {
+      public:
+        explicit Pause(MediaBugs& bugs) : bugs_(bugs), lock_(bugs.lock_) {}
+
+        // Removes the bugs whose callback is unmapped, without CLOSE; returns their number.
+        std::size_t drop_unmapped()
+            QV_NO_THREAD_SAFETY_ANALYSIS;  // It cannot follow a lock that is a member.
+
+      private:
+        MediaBugs& bugs_;
+        std::unique_lock<SharedMutex> lock_;
+    };
 
   private:
     using Bug = std::unique_ptr<switch_media_bug>;

@@ -47,6 +47,7 @@ MediaThread::~MediaThread() {
 void MediaThread::add(Stream stream) {
     {
         const LockGuard guard(lock_);
+        streams_.insert(stream);
         waiting_.push(std::move(stream));
     }
     changed_.notify_one();
@@ -55,7 +56,7 @@ void MediaThread::add(Stream stream) {
 // The stream may stay queued until it is due; the thread then drops it unplayed.
 void MediaThread::remove(const Stream& stream) {
     const LockGuard guard(lock_);
-    stream->stopped_ = true;
+    streams_.erase(stream);
     ++removals_;
     while (playing_ == stream) {
         idle_.wait(lock_);
@@ -84,14 +85,15 @@ void MediaThread::play_next(MediaStream::Clock::time_point now) {
     const Stream stream = waiting_.top();
     waiting_.pop();
     playing_ = stream;
-    bool more = false;
-    if (!stream->stopped_) {
+    if (streams_.count(stream) > 0) {
         lock_.unlock();
-        more = stream->step(now);
+        const bool more = stream->step(now);
         lock_.lock();
-    }
-    if (more && !stream->stopped_) {
-        waiting_.push(stream);
+        if (!more) {
+            streams_.erase(stream);
+        } else if (streams_.count(stream) > 0) {
+            waiting_.push(stream);
+        }
     }
     playing_.reset();
     if (removals_ > 0) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <queue>
 #include <thread>
+#include <unordered_set>
 #include <vector>
 
 #include "host/call.h"
@@ -28,15 +29,12 @@ class MediaStream {
     bool step(Clock::time_point now);
 
   private:
-    friend class MediaThread;
-
     Session& session_;
     const Direction direction_;
     const std::unique_ptr<FrameSource> source_;
     const std::shared_ptr<FrameObserver> observer_;
     const Pace pace_;
     Clock::time_point due_;
-    bool stopped_ = false;  // guarded by its media thread's lock
 };
 
 // A thread that plays streams in the order in which their frames are due.
@@ -66,6 +64,7 @@ class MediaThread {
     Mutex lock_;
     Condition changed_;
     Condition idle_;
+    std::unordered_set<Stream> streams_ QV_GUARDED_BY(lock_);  // neither removed nor ended
     std::priority_queue<Stream, std::vector<Stream>, Later> waiting_ QV_GUARDED_BY(lock_);
     Stream playing_ QV_GUARDED_BY(lock_);
     std::size_t removals_ QV_GUARDED_BY(lock_) = 0;  // threads inside remove()

@@ -69,7 +69,7 @@ void SessionTable::keep(std::shared_ptr<Session> session) {
 SessionTable::Pause SessionTable::pause_bugs() const {
     Pause pause{all(), {}};
     for (const auto& session : pause.sessions) {
-        pause.locks.push_back(session->bugs().pause());
+        pause.bugs.emplace_back(session->bugs());
     }
     return pause;
 }

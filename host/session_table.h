@@ -5,11 +5,11 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "host/media_bugs.h"
 #include "quorvane_lib/mutex.h"
 
 namespace qv::host {
@@ -32,8 +32,7 @@ class SessionTable {
     // While it exists, no bug of the present sessions is called.
     struct Pause {
         std::vector<std::shared_ptr<Session>> sessions;
-        std::vector<std::unique_lock<SharedMutex>>
-            locks;  // destroyed before the sessions that they lock
+        std::vector<MediaBugs::Pause> bugs;  // destroyed before the sessions that own the bugs
     };
     Pause pause_bugs() const;
 

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
@@ -18,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "quorvane_lib/mutex.h"
 #include "tests/support/call_transfer.h"
 #include "tests/support/call_uuids.h"
 #include "tests/support/media_listener.h"
@@ -126,10 +126,13 @@ struct CallRecord {
     Delivered legs[2];        // Once the call is over.
 
     std::atomic<bool> ending{false};
-    std::mutex lock;                 // Guards the members below.
-    std::vector<unsigned> requests;  // Active features after commands that sent no packet.
-    std::vector<Switch> switches;    // Commands that sent a control packet.
-    unsigned late_switches = 0;      // How many of these were answered after the end began.
+    mutable Mutex lock;
+    // Active features after commands that sent no packet.
+    std::vector<unsigned> requests QV_GUARDED_BY(lock);
+    // Commands that sent a control packet.
+    std::vector<Switch> switches QV_GUARDED_BY(lock);
+    // How many of these were answered after the end began.
+    unsigned late_switches QV_GUARDED_BY(lock) = 0;
 };
 
 // ---- the test -----------------------------------------------------------------------
@@ -221,7 +224,7 @@ class Stress : public ModuleTest {
             return;
         }
         CallRecord& record = records[number];
-        const std::lock_guard<std::mutex> guard(record.lock);
+        const LockGuard guard(record.lock);
         if (answer.find("control packet for feature update was sent") == std::string::npos) {
             record.requests.push_back(change.second);
         } else {
@@ -293,6 +296,7 @@ class Stress : public ModuleTest {
     // variables. If there were commands, some may be missing: a command may also stop features.
     static void expect_requested_start(const CallRecord& record, const CallTransfer& transfer) {
         unsigned asked_for = record.configured;
+        const LockGuard guard(record.lock);
         for (const unsigned request : record.requests) {
             asked_for |= request;
         }
@@ -313,6 +317,7 @@ class Stress : public ModuleTest {
             sent.emplace_back(active, control.active);
             active = control.active;
         }
+        const LockGuard guard(record.lock);
         std::vector<Switch> accepted = record.switches;
         std::sort(accepted.begin(), accepted.end());
         std::sort(sent.begin(), sent.end());

@@ -4,12 +4,12 @@
 // One at a time. Any thread may log; read `lines` when they have finished.
 #pragma once
 
-#include <mutex>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "quorvane_lib/log.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::tests {
 
@@ -46,13 +46,13 @@ class LogRecorder {
   private:
     static void record(void* context, const char* file, int line, const log::Message& message) {
         auto& recorder = *static_cast<LogRecorder*>(context);
-        const std::lock_guard<std::mutex> guard(recorder.mutex_);
+        const LockGuard guard(recorder.mutex_);
         recorder.lines.push_back({message.level, message.stream.str()});
         recorder.files.emplace_back(file);
         recorder.places.push_back(line);
     }
 
-    std::mutex mutex_;  // Guards the lists.
+    Mutex mutex_;  // One thread records at a time.
 };
 
 }  // namespace qv::tests

@@ -10,8 +10,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
-#include <mutex>
 #include <new>
+
+#include "quorvane_lib/mutex.h"
 
 namespace {
 
@@ -85,7 +86,7 @@ bool called_by_module(const void* caller) {
 class Kept {
   public:
     void add(void* memory) {
-        const std::lock_guard<std::mutex> guard(mutex_);
+        const qv::LockGuard guard(mutex_);
         *std::find(memory_.begin(), memory_.end(), nullptr) = memory;
         ++count_;
     }
@@ -93,7 +94,7 @@ class Kept {
         if (memory == nullptr || count_.load(std::memory_order_relaxed) == 0) {
             return;
         }
-        const std::lock_guard<std::mutex> guard(mutex_);
+        const qv::LockGuard guard(mutex_);
         const auto found = std::find(memory_.begin(), memory_.end(), memory);
         if (found != memory_.end()) {
             *found = nullptr;
@@ -103,8 +104,8 @@ class Kept {
     std::size_t count() const { return count_; }
 
   private:
-    std::mutex mutex_;  // Guards `memory_`, whose last element stays null.
-    std::array<void*, 4096> memory_{};
+    qv::Mutex mutex_;
+    std::array<void*, 4096> memory_ QV_GUARDED_BY(mutex_){};  // Its last element stays null.
     std::atomic<std::size_t> count_{0};
 };
 

@@ -18,9 +18,10 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "quorvane_lib/mutex.h"
 
 #ifndef PROBE_VERSION
 #define PROBE_VERSION SWITCH_API_VERSION
@@ -62,18 +63,18 @@ struct Seen {
 
 // What all bugs have recorded. CLOSE removes an entry; bugs that never get CLOSE keep theirs until
 // the module is unloaded.
-std::mutex g_lock;
-std::map<const Seen*, std::unique_ptr<Seen>> g_seen;  // guarded by g_lock
+qv::Mutex g_lock;
+std::map<const Seen*, std::unique_ptr<Seen>> g_seen QV_GUARDED_BY(g_lock);
 
 Seen* keep(std::unique_ptr<Seen> seen) {
-    const std::lock_guard<std::mutex> guard(g_lock);
+    const qv::LockGuard guard(g_lock);
     Seen* kept = seen.get();
     g_seen[kept] = std::move(seen);
     return kept;
 }
 
 void forget(const Seen& seen) {
-    const std::lock_guard<std::mutex> guard(g_lock);
+    const qv::LockGuard guard(g_lock);
     g_seen.erase(&seen);
 }
 
@@ -85,8 +86,9 @@ std::string summary(const Seen& seen) {
 }
 
 void take(Seen& seen, switch_frame_t* frame) {
-    if (frame && seen.alter && frame->datalen > 0)
+    if (frame && seen.alter && frame->datalen > 0) {
         static_cast<unsigned char*>(frame->data)[0] ^= 1u;
+    }
 }
 
 switch_bool_t on_bug(switch_media_bug_t* bug, void* user_data, switch_abc_type_t type) {
@@ -126,15 +128,17 @@ void run_application(switch_core_session_t* session, const char* data) {
     switch_media_bug_t* bug = nullptr;
     const switch_status_t status = switch_core_media_bug_add(
         session, "probe", nullptr, on_bug, seen, 0, SMBF_READ_REPLACE | SMBF_WRITE_REPLACE, &bug);
-    if (status != SWITCH_STATUS_SUCCESS)
+    if (status != SWITCH_STATUS_SUCCESS) {
         forget(*seen);
+    }
     say(std::string("ran with [") + data + "], bug status " + std::to_string(status));
 }
 
 switch_status_t run_api(const char* cmd, switch_core_session_t* /*session*/,
                         switch_stream_handle_t* stream) {
-    if (std::string(cmd) == "wait")
+    if (std::string(cmd) == "wait") {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    }
     stream->write_function(stream, "[%s]", cmd);
     return std::string(cmd) == "fail" ? SWITCH_STATUS_FALSE : SWITCH_STATUS_SUCCESS;
 }

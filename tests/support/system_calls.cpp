@@ -80,19 +80,19 @@ SystemCalls::~SystemCalls() {
 }
 
 void SystemCalls::next(const std::string& name, Outcome outcome) {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const LockGuard guard(mutex_);
     outcomes_[name].push_back(outcome);
 }
 
 void SystemCalls::before(const std::string& name, std::function<void()> action) {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const LockGuard guard(mutex_);
     actions_[name] = std::move(action);
 }
 
 void SystemCalls::prepare(const std::string& name) {
     std::function<void()> action;
     {
-        const std::lock_guard<std::mutex> guard(mutex_);
+        const LockGuard guard(mutex_);
         const auto found = actions_.find(name);
         action = found == actions_.end() ? nullptr : found->second;
     }
@@ -102,7 +102,7 @@ void SystemCalls::prepare(const std::string& name) {
 }
 
 std::vector<SeenCall> SystemCalls::seen(const std::string& name) const {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const LockGuard guard(mutex_);
     std::vector<SeenCall> calls;
     std::copy_if(seen_.begin(), seen_.end(), std::back_inserter(calls),
                  [&name](const SeenCall& call) { return call.name == name; });
@@ -110,7 +110,7 @@ std::vector<SeenCall> SystemCalls::seen(const std::string& name) const {
 }
 
 std::vector<std::string> SystemCalls::names() const {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const LockGuard guard(mutex_);
     std::vector<std::string> names;
     std::transform(seen_.begin(), seen_.end(), std::back_inserter(names),
                    [](const SeenCall& call) { return call.name; });
@@ -118,7 +118,7 @@ std::vector<std::string> SystemCalls::names() const {
 }
 
 Outcome SystemCalls::take(const std::string& name) {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const LockGuard guard(mutex_);
     std::deque<Outcome>& waiting = outcomes_[name];
     if (waiting.empty()) {
         return Outcome::pass();
@@ -129,7 +129,7 @@ Outcome SystemCalls::take(const std::string& name) {
 }
 
 void SystemCalls::note(SeenCall call) {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const LockGuard guard(mutex_);
     seen_.push_back(std::move(call));
 }
 

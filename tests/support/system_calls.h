@@ -10,9 +10,10 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "quorvane_lib/mutex.h"
 
 namespace qv::tests {
 
@@ -69,10 +70,10 @@ class SystemCalls {
     void note(SeenCall call);
 
   private:
-    mutable std::mutex mutex_;  // Guards the members below.
-    std::map<std::string, std::function<void()>> actions_;
-    std::map<std::string, std::deque<Outcome>> outcomes_;
-    std::vector<SeenCall> seen_;
+    mutable Mutex mutex_;
+    std::map<std::string, std::function<void()>> actions_ QV_GUARDED_BY(mutex_);
+    std::map<std::string, std::deque<Outcome>> outcomes_ QV_GUARDED_BY(mutex_);
+    std::vector<SeenCall> seen_ QV_GUARDED_BY(mutex_);
 };
 
 }  // namespace qv::tests
