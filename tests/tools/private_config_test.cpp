@@ -69,8 +69,9 @@ TEST(RelocatedConfig, TheFileLiesUnderTheNewWorkingDirectory) {
     ASSERT_NE(mkdtemp(directory), nullptr);
     const std::string base = directory;
     EXPECT_EQ(in_child([&base] {
-                  if (use_relocated_config(base, "a=b\n"))
+                  if (use_relocated_config(base, "a=b\n")) {
                       return 1;
+                  }
                   return text_of("etc/delmaren/quorvane/freeswitch_mod.conf") == "a=b\n" ? 0 : 2;
               }),
               0);
