@@ -4,7 +4,7 @@ import contextlib
 import threading
 import uuid as uuids
 
-from harness.busy_events import busy_events
+from harness.held_events import held_events
 from harness.media_node import READ, TERMINATE, WRITE
 from harness.suite import check, check_equal, check_gap_free, check_one_life, scenario
 
@@ -75,7 +75,7 @@ def calls_that_come_and_go_while_events_are_late_leave_nothing_behind(s):
     mark = s.host.log_mark()
     untapped = s.park()
     s.host.quorvane(f"{untapped} detection start")
-    with busy_events(s.host, slow_events=30):
+    with held_events(s):
         for position in range(20):
             uuid = s.tap()
             if position % 2:

@@ -9,7 +9,7 @@ import threading
 import uuid as uuids
 
 from harness import sipp
-from harness.busy_events import busy_events
+from harness.held_events import held_events
 from harness.media_node import READ, WRITE
 from harness.suite import (Skipped, check, check_equal, check_gap_free, check_heard,
                            check_one_life, scenario)
@@ -125,7 +125,7 @@ def a_call_outlives_the_late_destroy_event_of_one_before_it_with_its_uuid(s):
     uuid = str(uuids.uuid4())
     s.tap(f"origination_uuid={uuid}")
     s.hear(uuid, 0.3)
-    with busy_events(s.host, slow_events=100):
+    with held_events(s):
         s.host.kill(uuid)
         s.host.wait_for_line(mark, "(loopback/far-a) State DESTROY going to sleep")
         s.node.forget()
