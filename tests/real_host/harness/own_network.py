@@ -22,6 +22,13 @@ def is_there() -> bool:
     return MARK in os.environ
 
 
+def silence(number: int) -> None:
+    """Makes 10.9.0.`number` answer no more, as at first. An earlier host's scenario may have made
+    it answer."""
+    subprocess.run(["ip", "neighbour", "delete", f"10.9.0.{number}", "dev", "link0"],
+                   capture_output=True, check=False)  # It fails if nothing is known about it.
+
+
 def answer_from(number: int) -> None:
     """Makes 10.9.0.`number` answer, so that datagrams for it leave the send buffers."""
     subprocess.run(["ip", "neighbour", "replace", f"10.9.0.{number}", "lladdr",

@@ -120,6 +120,7 @@ def media_nodes_that_do_not_answer_hold_no_other_call_up(s):
     mark = s.host.log_mark()
     silent = (2, 3, 4, 5)  # Together they fill the send buffer within a second.
     for number in silent:
+        own_network.silence(number)
         s.tap(f"quorvane_media_node=10.9.0.{number}:4000,sip_call_id=x")
     stream = s.hear(s.tap(), 7)
     full = [line for line in s.host.module_lines(mark) if "error (11)" in line]
