@@ -76,11 +76,26 @@ def hang_up_everything(suite) -> str:
     try:
         if suite.host.is_running():
             suite.host.hang_up_everything()
-    except OSError:  # The host is about to end, or answers no more.
+    except OSError:
+        return find_out_why_it_does_not_answer(suite)
+    return ""
+
+
+def find_out_why_it_does_not_answer(suite) -> str:
+    """The host is about to end, or one command of it does not return, or it answers no more."""
+    if suite.host.is_running() and suite.host.answers():
+        suite.host.write_stacks()
         try:
-            suite.host.wait_for_end(20)
-        except subprocess.TimeoutExpired:  # It was killed.
-            return "the host answered no more and was killed"
+            suite.host.reconnect()
+            suite.host.hang_up_everything()
+            return "a command of the host did not return; the host answers others"
+        except OSError:
+            suite.host.close()
+            return "a command of the host did not return; its calls do not end; it was killed"
+    try:
+        suite.host.wait_for_end(20)
+    except subprocess.TimeoutExpired:  # It was killed.
+        return "the host answered no more and was killed"
     return ""
 
 

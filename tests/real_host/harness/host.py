@@ -82,13 +82,16 @@ class Host:
             time.sleep(0.1)
         self.events = EventRecorder(self.ports.event_socket, PASSWORD, CHANNEL_EVENTS)
 
-    def _write_stacks(self) -> None:
-        """What each thread of a host that hangs is doing, if gdb is installed."""
-        if shutil.which("gdb"):
-            with open(self.folder / "stacks.txt", "wb") as stacks:
-                subprocess.run(["gdb", "-batch", "-nx", "-p", str(self.pid),
-                                "-ex", "thread apply all backtrace"],
-                               stdin=subprocess.DEVNULL, stdout=stacks, stderr=stacks, check=False)
+    def write_stacks(self) -> str:
+        """What each thread of a host that hangs is doing, if gdb is installed. Also returns it."""
+        if not shutil.which("gdb"):
+            return ""
+        path = self.folder / "stacks.txt"
+        with open(path, "wb") as stacks:
+            subprocess.run(["gdb", "-batch", "-nx", "-p", str(self.pid),
+                            "-ex", "thread apply all backtrace"],
+                           stdin=subprocess.DEVNULL, stdout=stacks, stderr=stacks, check=False)
+        return path.read_text(errors="replace")
 
     def answers(self) -> bool:
         """Whether the host still answers on its event socket."""
@@ -115,7 +118,7 @@ class Host:
         try:
             return self._process.wait(timeout)
         except subprocess.TimeoutExpired:
-            self._write_stacks()
+            self.write_stacks()
             self._process.kill()
             self._process.wait()
             raise
