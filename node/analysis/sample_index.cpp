@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "tools/format.h"
+#include "tools/sample_time.h"
 #include "tools/speex_resampler.h"
 
 namespace qv::node::analysis {
@@ -153,7 +154,8 @@ void weigh_peaks(const std::vector<PeakLevels>& levels, std::vector<SampleIndex:
     }
 }
 
-// Silence that completes the frames with the last sound, and their peaks.
+// Appends silence, because the last frames and their peaks are complete only some frames after the
+// sound.
 std::vector<float> with_silence_behind(std::vector<float> sound) {
     sound.resize(sound.size() + FRAME + 4 * HOP, 0.0F);
     return sound;
@@ -206,7 +208,7 @@ std::string SampleIndexBuilder::add(const std::string& name, const float* sample
         return "sample rate " + std::to_string(sample_rate) + " Hz is not between " +
                std::to_string(LOWEST_RATE) + " and " + std::to_string(HIGHEST_RATE);
     }
-    const double seconds = static_cast<double>(count) / sample_rate;
+    const double seconds = tools::seconds_of_samples(count, sample_rate);
     if (seconds > LONGEST_S) {
         return seconds_text(seconds) + " long, over " + seconds_text(LONGEST_S);
     }

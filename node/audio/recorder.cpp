@@ -49,7 +49,7 @@ class RecordedCall : public CallListener {
         if (!unrecorded.over) {
             // The first file will have the new rate, so these times are counted at it.
             const auto scaled = [&change](std::uint64_t count) {
-                return static_cast<std::uint64_t>(static_cast<double>(count) / change.old_rate *
+                return static_cast<std::uint64_t>(seconds_of(count, change.old_rate) *
                                                   change.new_rate);
             };
             unrecorded.silence = scaled(unrecorded.silence);

@@ -305,8 +305,7 @@ std::optional<std::int64_t> Call::first_audio_time() const {
     if (axis_mark_->samples == 0) {
         return axis_mark_->send_time;
     }
-    const double before =
-        static_cast<double>(axis_mark_->samples) / side(axis_mark_->side).likely_rate();
+    const double before = seconds_of(axis_mark_->samples, side(axis_mark_->side).likely_rate());
     // Computed as floating point, because forged times could overflow.
     return static_cast<std::int64_t>(static_cast<double>(axis_mark_->send_time) - before * 1e6);
 }

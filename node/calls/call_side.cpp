@@ -132,8 +132,7 @@ bool CallSide::is_joined_late(const media::Packet& packet, int rate) const {
     if (call_.start().has_value() || !axis.has_value() || packet.sequence_number <= 1) {
         return false;
     }
-    const double on_axis =
-        (static_cast<double>(packet.send_time) - static_cast<double>(*axis)) / 1e6;
+    const double on_axis = seconds_between(*axis, packet.send_time);
     return on_axis + seconds_of(PauseFinder::SHORTEST) < seconds_of(packet.sample_offset, rate);
 }
 
@@ -158,10 +157,7 @@ std::uint64_t CallSide::position_at(std::int64_t send_time) const {
     if (send_time >= newest_send_time_) {
         return end;
     }
-    // Computed as floating point, because forged times could overflow.
-    const double later_s =
-        (static_cast<double>(newest_send_time_) - static_cast<double>(send_time)) / 1e6;
-    const double later = later_s * sample_rate_;
+    const double later = seconds_between(send_time, newest_send_time_) * sample_rate_;
     return later < static_cast<double>(end) ? end - static_cast<std::uint64_t>(later) : 0;
 }
 
@@ -428,9 +424,7 @@ void CallSide::wait(const std::int16_t* samples, std::size_t count, std::int64_t
         waiting_since_ = call_.last_seen();
     }
     waiting_.push_back({{samples, samples + count}, send_time, std::nullopt});
-    // Computed as floating point, because forged times could overflow.
-    const double steady =
-        (static_cast<double>(send_time) - static_cast<double>(least_lag_time_)) / 1e6;
+    const double steady = seconds_between(least_lag_time_, send_time);
     if (lag_s < seconds_of(PauseFinder::SHORTEST)) {
         least_lag_s_ = lag_s;
         release_waiting(false);  // The sender has caught up.

@@ -10,10 +10,8 @@ double PauseFinder::lag_s(std::int64_t send_time, std::int64_t axis_begin, int s
     if (sample_rate == 0) {
         return 0;
     }
-    // Computed as floating point, because forged times could overflow.
-    const double on_axis =
-        (static_cast<double>(send_time) - static_cast<double>(axis_begin)) / 1e6 - cut_s_;
-    return on_axis - position_s(sample_rate) - static_cast<double>(ahead) / sample_rate;
+    const double on_axis = seconds_between(axis_begin, send_time) - cut_s_;
+    return on_axis - position_s(sample_rate) - seconds_of(ahead, sample_rate);
 }
 
 void PauseFinder::change_rate(int former_rate) {

@@ -37,7 +37,7 @@ Micros time_between(std::int64_t earlier, std::int64_t later) {
 }
 
 double milliseconds(std::uint32_t samples, int rate) {
-    return samples * 1000.0 / rate;
+    return 1000 * seconds_of(samples, rate);
 }
 
 // Returns whether a frame of that length lasts 10 to 120 ms, in multiples of `step_ms`. Frames at

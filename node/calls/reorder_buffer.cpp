@@ -154,10 +154,8 @@ bool ReorderBuffer::is_too_much(std::uint64_t missing_samples, std::int64_t send
     if (!last_time_.has_value()) {
         return false;
     }
-    // Computed as floating point, because forged times could overflow.
-    const double passed = (static_cast<double>(send_time) - static_cast<double>(*last_time_)) / 1e6;
-    const int rate = rate_ != 0 ? rate_ : HIGH_RATE;
-    return static_cast<double>(missing_samples) / rate > passed + CATCHING_UP_S;
+    const double passed = seconds_between(*last_time_, send_time);
+    return seconds_of(missing_samples, rate_ != 0 ? rate_ : HIGH_RATE) > passed + CATCHING_UP_S;
 }
 
 bool ReorderBuffer::plausible(const AudioPacket& packet) const {

@@ -11,6 +11,7 @@
 
 #include "quorvane/media_packet.h"
 #include "quorvane_lib/utils_str.h"
+#include "tools/sample_time.h"
 
 namespace qv::node {
 
@@ -61,10 +62,15 @@ constexpr int DEFAULT_SAMPLE_RATE = 8000;
 
 // A rate of 0 Hz is unknown.
 inline double seconds_of(std::uint64_t samples, int sample_rate) {
-    return static_cast<double>(samples) / (sample_rate != 0 ? sample_rate : DEFAULT_SAMPLE_RATE);
+    return tools::seconds_of_samples(samples, sample_rate != 0 ? sample_rate : DEFAULT_SAMPLE_RATE);
 }
 inline double seconds_of(Micros time) {
     return std::chrono::duration<double>(time).count();
+}
+// Between two send times. Computed as floating point, because the difference of forged times could
+// overflow.
+inline double seconds_between(std::int64_t begin, std::int64_t end) {
+    return (static_cast<double>(end) - static_cast<double>(begin)) / 1e6;
 }
 
 // The result for a file.

@@ -133,9 +133,7 @@ void LineReport::features_changed(const Call& call, const media::Packet& packet)
 void LineReport::terminated(const Call& call, const media::Packet& packet) {
     std::string text;
     if (call.start().has_value() && packet.send_time >= call.start()->send_time) {
-        const auto micros =
-            static_cast<double>(packet.send_time) - static_cast<double>(call.start()->send_time);
-        text = "after " + duration_text(micros / 1e6);
+        text = "after " + duration_text(seconds_between(call.start()->send_time, packet.send_time));
     }
     line(call, "terminate", text);
 }

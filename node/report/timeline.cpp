@@ -13,11 +13,6 @@ namespace qv::node {
 
 namespace {
 
-// Computed as floating point, because the difference of forged send times could overflow.
-double seconds_between(std::int64_t begin, std::int64_t end) {
-    return (static_cast<double>(end) - static_cast<double>(begin)) / 1e6;
-}
-
 template <typename Marks, typename Mark>
 void add_mark(Marks& marks, Mark mark) {
     if (marks.size() < TimelineData::MAX_MARKS) {

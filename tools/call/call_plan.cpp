@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "tools/sample_time.h"
+
 namespace qv::tools::call {
 namespace {
 
@@ -12,7 +14,7 @@ double seconds_of_side(const std::optional<Audio>& audio, const CallTimes& times
     if (!audio) {
         return 0;
     }
-    return static_cast<double>(samples_of(*audio, times)) / audio->rate;
+    return seconds_of_samples(samples_of(*audio, times), audio->rate);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "host/frame_source.h"
 #include "tools/call/file_error.h"
+#include "tools/sample_time.h"
 
 namespace qv::tools::call {
 
@@ -19,7 +20,7 @@ struct Audio {
     std::uint32_t rate = 0;  // samples a second
     host::Samples samples;   // at least one
 
-    double seconds() const { return static_cast<double>(samples->size()) / rate; }
+    double seconds() const { return seconds_of_samples(samples->size(), rate); }
 };
 
 // Reads a mono PCM WAV of 8 to 48 kHz and converts its samples to 16 bits. Throws FileError.
