@@ -1,9 +1,5 @@
-"""Runs quorvane-node as a process and sends it hand-written datagrams.
-
-usage: node_end_to_end_test.py QUORVANE_NODE GOLDEN_FOLDER STOPPED_DISK
-
-STOPPED_DISK is the library of bench/stopped_disk.cpp.
-"""
+"""Runs quorvane-node as a process and sends it hand-written datagrams."""
+import argparse
 import array
 import concurrent.futures
 import fcntl
@@ -28,8 +24,14 @@ import urllib.request
 import wave
 import xml.etree.ElementTree
 
-NODE, GOLDEN = sys.argv[1], pathlib.Path(sys.argv[2])
-STOPPED_DISK = sys.argv[3] if len(sys.argv) > 3 else None  # Not where this is imported.
+# Other tests import this file and take the same arguments, but for the last.
+PARSER = argparse.ArgumentParser(description=sys.modules["__main__"].__doc__)
+PARSER.add_argument("node", metavar="QUORVANE_NODE")
+PARSER.add_argument("golden", metavar="GOLDEN_FOLDER", type=pathlib.Path)
+PARSER.add_argument("stopped_disk", metavar="STOPPED_DISK", nargs="?",
+                    help="the library of bench/stopped_disk.cpp")
+ARGUMENTS, OTHER_ARGUMENTS = PARSER.parse_known_args()
+NODE, GOLDEN, STOPPED_DISK = ARGUMENTS.node, ARGUMENTS.golden, ARGUMENTS.stopped_disk
 UUID = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37"
 CALL = ["call_1_start", "call_2_read", "call_3_write", "call_4_read", "call_5_write",
         "call_6_control", "call_7_terminate"]
@@ -112,7 +114,7 @@ class Flood:
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.connect(node.address)
         self.port = b":%04X" % node.address[1]
-        granted = re.search(r"receive buffer ([\d,]+) KiB", node.text()).group(1)
+        granted = re.search(r"receive buffer ([\d,]+) ", node.text()).group(1)
         self.room = int(granted.replace(",", "")) * 1024
         self.burst = max(16, self.room // 65536)
         self.sent = 0
@@ -141,7 +143,7 @@ class Flood:
 
 
 class Bystander(threading.Thread):
-    """An orderly call of 100 packets a second, until it is told to end."""
+    """An orderly call of 100 packets per second, until it is asked to end."""
 
     def __init__(self, node):
         super().__init__()
@@ -228,7 +230,7 @@ class Counters:
 
 
 def counters_after(url, sent, seconds=30):
-    """The metrics once they tell of so many datagrams, or the patience is over."""
+    """The metrics as soon as they count `sent` datagrams, or after `seconds`."""
     end = time.monotonic() + seconds
     while Counters(url).came() < sent and time.monotonic() < end:
         time.sleep(0.1)
@@ -283,6 +285,8 @@ class Node:
         return [event for event in map(json.loads, lines) if kind in (None, event["event"])]
 
     def wait_for(self, pattern, seconds=20):
+        """Waits for what the node writes: for an event, or for a line of that kind. The texts of
+        lines may change; patterns use their kinds, numbers and names."""
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             found = re.search(pattern, self.text())
@@ -450,8 +454,8 @@ class ReadsCaptures(unittest.TestCase):
         frames.append((ETHERNET + ipv4(udp(golden(CALL[1]))))[:60])
         folder, _ = self.read(pcap(1, frames))
         self.check_golden_call(folder)
-        self.assertIn("9 frames, 7 datagrams taken, 1 cut short, 1 with fragments missing",
-                      self.said)
+        read, = re.findall("  capture read +(.*)", self.said)
+        self.assertEqual(re.findall(r"\d+", read), ["9", "7", "1", "1"])
 
     def test_call_that_times_out_in_the_capture_ends_there(self):
         frames = [ETHERNET + ipv4(udp(golden(name))) for name in CALL[:2]]
@@ -476,9 +480,9 @@ class ReadsCaptures(unittest.TestCase):
 
     def test_what_is_no_capture_is_refused(self):
         self.read(b"no capture, but long enough for its header", code=3)
-        self.assertRegex(self.said, "quorvane-node: cannot read capture -: ")
+        self.assertRegex(self.said, "^quorvane-node: .* -: ")
         self.read(pcap(105, []), code=3)
-        self.assertIn("link type IEEE802_11 is not understood", self.said)
+        self.assertIn("IEEE802_11", self.said)
 
 
 def timed(datagram, micros):
@@ -532,8 +536,7 @@ class DiskStandsStill(unittest.TestCase):
             self.assertEqual(node.stop(), 1)
             self.assertIn("files given up", node.text())
             end, = node.events("end")
-            self.assertEqual(end["files"][0]["error"],
-                             "the disk did not take all of it before the end")
+            self.assertNotEqual(end["files"][0]["error"], "")
 
     def test_wait_for_the_disk_at_the_end_is_bounded(self):
         with self.stopped(1000, "--exit-wait", "0.2", "--timeline") as node:
@@ -587,7 +590,6 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual((change["call_side"], change["position"], change["old_sample_rate"],
                               change["new_sample_rate"]), ("originator", 16000, 8000, 16000))
             self.assertEqual(set(change), listed_event_fields()["rate_change"])
-            self.assertIn("originator: from 8000 to 16000 Hz at 2.000 s", node.text())
             end, = node.events("end")
             self.assertEqual([pathlib.Path(file["path"]).name for file in end["files"]],
                              [UUID + "-originator.wav", UUID + "-originator-part2.wav",
@@ -609,17 +611,17 @@ class NodeEndToEnd(unittest.TestCase):
                 self.assertLess(abs(left - right), 3)
 
     def test_golden_call_becomes_two_files(self):
-        with Node("--calls", "1") as node:
+        with Node("--calls", "1", "--events", "-") as node:
             node.send_call()
             self.assertEqual(node.exit_code(), 0, node.text())
             wave_one = [0, 100, 200, 100, 0, -100, -200, -100]
             self.assertEqual(samples(node.folder / f"{UUID}-originator.wav"), 2 * wave_one)
             self.assertEqual(samples(node.folder / f"{UUID}-terminator.wav"),
                              8 * [0] + 4 * [1000, -1000])
-            for line in (r"start +inbound, from 127.0.0.1:\d+, "
-                         r"reference \"a84b4c76e66710@192.0.2.7\", rule 42",
-                         r"control +audio activity off both", r"terminate ", r"end +complete"):
-                self.assertRegex(node.text(), line)
+            self.assertEqual(re.findall(UUID + "  ([a-z]+)  ", node.text()),
+                             ["start", "running", "running", "control", "running", "running",
+                              "terminate", "end"])
+            self.assertEqual(node.events("end")[0]["reason"], "terminated")
 
     def test_stereo_file_and_timeline(self):
         with Node("--calls", "1", "--stereo", "--no-sides", "--timeline") as node:
@@ -645,8 +647,7 @@ class NodeEndToEnd(unittest.TestCase):
             send_from("127.0.2.9", port, "call_4_read", "call_7_terminate")
             send_from("127.0.0.1", port, "call_7_terminate")
             node.wait_for('"event":"end"')
-            node.process.terminate()
-            node.process.wait()
+            self.assertEqual(node.stop(), 0)
             end = node.events("end")[0]
             self.assertEqual(end["reason"], "terminated")
             self.assertEqual(end["foreign_packets"], 2)
@@ -654,8 +655,8 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertRegex(end["source"], r"^127\.0\.0\.1:\d+$")
             foreign = node.events("foreign")[0]
             self.assertRegex(foreign["foreign_source"], r"^127\.0\.2\.9:\d+$")
-            self.assertRegex(node.text(), "not used: 1 +sender is not allowed")
-            self.assertRegex(node.text(), "not used: 2 +call belongs to another address")
+            self.assertEqual([event["packets"] for event in node.events("not_allowed")], [1])
+            self.assertEqual(sorted(counted_in_summary(node.text(), "not used").values()), [1, 2])
 
     def test_reference_in_utf_8_is_shown_in_the_lines_and_the_timeline(self):
         reference = '日本 <&"\u202e\x9b\uffff'.encode() + b"\xff"
@@ -664,9 +665,9 @@ class NodeEndToEnd(unittest.TestCase):
         with Node("--calls", "1", "--timeline") as node:
             node.send(start + reference + b"\0", golden("call_7_terminate"))
             self.assertEqual(node.exit_code(), 0, node.text())
-            self.assertIn(f'reference "{shown}", rule 42', node.text())
+            self.assertIn(f'"{shown}"', node.text())
             texts = xml.etree.ElementTree.parse(node.folder / f"{UUID}.svg").getroot().itertext()
-            self.assertIn(f'inbound, reference "{shown}", rule 42', list(texts))
+            self.assertIn(f'"{shown}"', "".join(texts))
 
     def test_events_carry_every_field_of_the_packets_under_its_documented_name(self):
         documented = json.loads((GOLDEN / "golden.json").read_text())
@@ -705,44 +706,48 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(set(node.events("end")[0]["sides"]["originator"]), LISTED_SIDE)
 
     def test_lost_packet_is_silence_and_a_gap(self):
-        with Node("--calls", "1") as node:
+        with Node("--calls", "1", "--events", "-") as node:
             node.send(*(golden(name) for name in CALL if name != "call_2_read"))
             self.assertEqual(node.exit_code(), 0)
             self.assertEqual(samples(node.folder / f"{UUID}-originator.wav")[:8], 8 * [0])
-            self.assertRegex(node.text(), "gap +originator: 1 packet lost")
+            gap, = node.events("gap")
+            self.assertEqual((gap["call_side"], gap["lost_packets"], gap["filled_samples"]),
+                             ("originator", 1, 8))
 
     def test_malformed_datagrams_are_counted_with_their_reason(self):
-        with Node() as node:
+        with Node("--events", "-") as node:
             malformed = sorted(GOLDEN.glob("malformed_*.hex"))
             node.send(*(golden(path.stem) for path in malformed))
             node.send_call()
-            node.wait_for("end +complete")
+            node.wait_for('"event":"end"')
             self.assertEqual(node.stop(), 0)
-            counts = re.findall(r"malformed: (\d+) +(\S.*)", node.text())
-            self.assertEqual(sum(int(count) for count, _ in counts), len(malformed))
-            self.assertIn("bad magic", dict((why, n) for n, why in counts))
+            counts = counted_in_summary(node.text(), "malformed")
+            self.assertEqual(sum(counts.values()), len(malformed))
+            reasons = {event["reason"] for event in node.events("malformed")}
+            self.assertEqual(len(counts), len(reasons))
+            self.assertIn("bad magic", reasons)
 
     def test_signals_close_the_files(self):
         for number in (signal.SIGINT, signal.SIGTERM):
-            with Node() as node:
+            with Node("--events", "-") as node:
                 node.send(*(golden(name) for name in CALL[:5]))
-                node.wait_for("start +inbound")
+                node.wait_for('"event":"start"')
                 self.assertEqual(node.stop(number), 0)
                 self.assertEqual(len(samples(node.folder / f"{UUID}-originator.wav")), 16)
-                self.assertRegex(node.text(), "summary +1 call .1 without terminate packet.")
+                self.assertEqual([end["reason"] for end in node.events("end")], ["shutdown"])
 
     def test_hangup_opens_the_events_file_again_and_recordings_go_on(self):
         with tempfile.TemporaryDirectory() as home:
             path, moved = pathlib.Path(home, "events"), pathlib.Path(home, "events.1")
             with Node("--events", str(path)) as node:
                 node.send(*map(golden, CALL[:3]))
-                node.wait_for("start +inbound")
+                node.wait_for("  start  ")
                 path.rename(moved)
                 node.process.send_signal(signal.SIGHUP)
-                node.wait_for(f"opened again +events file {path}\n")
+                node.wait_for(f"opened again .*{path}\n")
                 self.assertEqual(path.read_text(), "")
                 node.send(*map(golden, CALL[3:]))
-                node.wait_for("end +complete")
+                node.wait_for("  end  ")
                 self.assertEqual(node.stop(), 0, node.text())
                 self.assertEqual(len(samples(node.folder / f"{UUID}-originator.wav")), 16)
             kinds = [[json.loads(line)["event"] for line in file.read_text().splitlines()]
@@ -756,7 +761,7 @@ class NodeEndToEnd(unittest.TestCase):
             with Node("--events", str(path)) as node:
                 path.rename(path.with_suffix(".1"))
                 node.send_call()
-                node.wait_for(f"events go to a new file +{path} had been moved or removed")
+                node.wait_for(f"events go to a new file .*{path}")
                 self.assertEqual(node.stop(), 0, node.text())
             kinds = [json.loads(line)["event"] for line in path.read_text().splitlines()]
             self.assertEqual(kinds, ["start", "running", "running",
@@ -774,13 +779,13 @@ class NodeEndToEnd(unittest.TestCase):
             with Node(before=take_terminal) as node:
                 os.close(theirs)
                 node.send(*map(golden, CALL[:5]))
-                node.wait_for("start +inbound")
+                node.wait_for("  start  ")
                 os.close(ours)
                 if not ends:  # As nohup wants it.
                     node.wait_for("asked to read again")
                     node.process.terminate()
                 self.assertEqual(node.exit_code(), 0, node.text())
-                self.assertEqual("the terminal was closed" in node.text(), ends)
+                self.assertEqual("asked to end" not in node.text(), ends)
                 self.assertEqual(len(samples(node.folder / f"{UUID}-originator.wav")), 16)
 
     def test_files_of_a_killed_run_are_repaired_and_reported_at_the_next_start(self):
@@ -797,7 +802,7 @@ class NodeEndToEnd(unittest.TestCase):
                     file.seek(place)
                     file.write(struct.pack("<I", size))
             with Node("--events", "-", folder=node.folder) as next_run:
-                next_run.wait_for("repaired +1 file of an earlier run that was killed")
+                next_run.wait_for("repaired +1 ")
                 (event,) = next_run.events("leftover")
                 audio = samples(node.folder / path.name)
                 self.assertEqual((event["path"], event["samples"], event["error"]),
@@ -822,13 +827,13 @@ class NodeEndToEnd(unittest.TestCase):
         with Node("--calls", "1", "--on-end", "false") as node:
             node.send_call()
             self.assertEqual(node.exit_code(), 1, node.text())
-            self.assertRegex(node.text(), f"command failed +false after call {UUID}: exit code 1")
+            self.assertRegex(node.text(), f"command failed +false .*{UUID}.* 1\n")
 
     def test_terminate_that_never_comes_times_out(self):
-        with Node("--calls", "1", "--call-timeout", "0.5") as node:
+        with Node("--calls", "1", "--call-timeout", "0.5", "--events", "-") as node:
             node.send(*(golden(name) for name in CALL[:3]))
             self.assertEqual(node.exit_code(), 0)
-            self.assertIn("timed out", node.text())
+            self.assertEqual([end["reason"] for end in node.events("end")], ["timed_out"])
 
     def test_idle_exit_without_the_calls_is_an_error(self):
         with Node("--calls", "1", "--idle-exit", "0.3") as node:
@@ -851,16 +856,14 @@ class NodeEndToEnd(unittest.TestCase):
                 second = subprocess.run([NODE, "--listen", "127.0.0.1:0", "--metrics", str(port),
                                          "--output", folder],
                                         capture_output=True, text=True, timeout=20)
-        self.assertEqual((second.returncode, second.stderr), (
-            3, f"quorvane-node: cannot serve metrics on 127.0.0.1:{port}: the port is in use or "
-               "not permitted, or the address is not of this machine\n"))
+        self.assertEqual(second.returncode, 3)
+        self.assertRegex(second.stderr, f"^quorvane-node: .*127.0.0.1:{port}.*\n$")
 
     def test_unusable_folder_and_command_line_are_reported(self):
         bad = subprocess.run([NODE, "--listen", "127.0.0.1:0", "--output", "/dev/null/x"],
                              capture_output=True, text=True, timeout=20)
-        self.assertEqual((bad.returncode, bad.stderr),
-                         (3, "quorvane-node: cannot write to folder /dev/null/x: "
-                             "Not a directory\n"))
+        self.assertEqual(bad.returncode, 3)
+        self.assertRegex(bad.stderr, "^quorvane-node: .*/dev/null/x: Not a directory\n$")
         for option in (["--listen", "nowhere"], ["--rate", "1"], ["--unknown"]):
             bad = subprocess.run([NODE, *option], capture_output=True, text=True, timeout=20)
             self.assertEqual(bad.returncode, 2)
@@ -888,7 +891,7 @@ class NodeEndToEnd(unittest.TestCase):
                           offset.to_bytes(4, "little") + audio[48:])
             node.send(golden("call_7_terminate"))
             node.wait_for("file error +.*File too large")
-            node.wait_for("end +complete")
+            node.wait_for("  end  ")
             self.assertEqual(node.stop(), 1)
 
     @unittest.skipUnless(may_mount(), "no file system can be mounted here")
@@ -899,10 +902,8 @@ class NodeEndToEnd(unittest.TestCase):
             node.talk([2], 20)
             node.end([2])
             self.assertRegex(node.text(), uuid_of(2) + "  file error .*: No space left on device")
-            self.assertRegex(node.text(), uuid_of(2) + "    originator .* 20 packets,")
             picture = f"{uuid_of(2)}.svg"
             self.assertRegex(node.text(), picture + ": No space left on device")
-            self.assertRegex(node.text(), uuid_of(2) + "  end .*; 2 files could not be written")
             self.assertFalse((node.inside(2).parent / picture).exists())
             node.inside(1).unlink()
             node.talk([3], 20)
@@ -911,7 +912,8 @@ class NodeEndToEnd(unittest.TestCase):
                              sum((audio(3, number) for number in range(1, 21)), []))
             self.assertEqual(node.stop(), 1)
             ends = {event["call_uuid"]: event for event in node.events("end")}
-            self.assertEqual(ends[uuid_of(1)]["sides"]["originator"]["packets"], 800)
+            self.assertEqual([ends[uuid_of(call)]["sides"]["originator"]["packets"]
+                              for call in (1, 2)], [800, 20])
             errors = [ends[uuid_of(call)]["files"][0]["error"] for call in (1, 2, 3)]
             self.assertEqual(errors, 2 * ["No space left on device"] + [""])
             failed = node.events("file_error")
@@ -919,7 +921,7 @@ class NodeEndToEnd(unittest.TestCase):
                               if event["call_uuid"] == uuid_of(2)},
                              {picture: "No space left on device",
                               f"{uuid_of(2)}-originator.wav": "No space left on device"})
-            self.assertRegex(node.text(), f"not written: {len(failed)} files")
+            self.assertRegex(node.text(), f"not written: {len(failed)} ")
 
     def test_events_that_find_no_room_are_written_when_there_is_some(self):
         with tempfile.TemporaryDirectory() as home:
@@ -931,11 +933,10 @@ class NodeEndToEnd(unittest.TestCase):
                 node.wait_for("events not written +.*/events: File too large")
                 resource.prlimit(node.process.pid, resource.RLIMIT_FSIZE,
                                  (most, most))
-                node.wait_for("events are written again +0 lost")
+                node.wait_for("events are written again +0 ")
                 node.talk([3], 20)
                 node.end([1, 2, 3])
                 self.assertEqual(node.stop(), 1, node.text())
-                self.assertNotIn("events lost", node.text())
             whole, cut = [], []
             for line in path.read_text().splitlines():
                 (whole if line.endswith("}") else cut).append(line)
@@ -983,9 +984,11 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(node.stop(), 1)
             for call in (1, 2):
                 self.assertRegex(node.text(), uuid_of(call) +
-                                 "  file error .*-originator.wav: the file was removed")
-            self.assertEqual([event["error"] for event in node.events("file_error")],
-                             2 * ["the file was removed"])
+                                 "  file error .*-originator.wav: ")
+            failed = node.events("file_error")
+            self.assertEqual(sorted(event["call_uuid"] for event in failed),
+                             [uuid_of(1), uuid_of(2)])
+            self.assertNotIn("", [event["error"] for event in failed])
             self.assertNotRegex(node.text(), "  file  ")
 
     @needs_no_descriptor_of_its_own
@@ -1001,14 +1004,16 @@ class NodeEndToEnd(unittest.TestCase):
 
     @needs_no_descriptor_of_its_own
     def test_no_file_that_may_be_opened_is_reported_call_by_call(self):
-        with Node("--block", "1", limit=(resource.RLIMIT_NOFILE, (9, 9))) as node:
+        with Node("--block", "1", "--events", "-",
+                  limit=(resource.RLIMIT_NOFILE, (9, 9))) as node:
             node.talk([1, 2], 40)
             node.end([1, 2])
-            for call in (1, 2):
-                self.assertRegex(node.text(),
-                                 uuid_of(call) + "  file error .*: Too many open files")
-                self.assertRegex(node.text(), uuid_of(call) + "    originator .* 40 packets,")
             self.assertEqual(node.stop(), 1)
+            self.assertEqual({event["call_uuid"]: event["error"]
+                              for event in node.events("file_error")},
+                             dict.fromkeys((uuid_of(1), uuid_of(2)), "Too many open files"))
+            self.assertEqual([end["sides"]["originator"]["packets"]
+                              for end in node.events("end")], [40, 40])
 
     @needs_no_descriptor_of_its_own
     def test_limit_too_low_for_the_receiver_itself_is_reported(self):
@@ -1031,7 +1036,7 @@ class NodeEndToEnd(unittest.TestCase):
         with Node("--metrics", "0") as node:
             url = node.wait_for(r"http://\S+").group(0)
             node.send_call()
-            node.wait_for("end +complete")
+            node.wait_for("  end  ")
             time.sleep(1.2)
             text = urllib.request.urlopen(url, timeout=5).read().decode()
             self.assertIn('quorvane_node_packets_total{type="data"} 4', text)
@@ -1129,7 +1134,7 @@ class NodeEndToEnd(unittest.TestCase):
                              sorted(filter(None, counts)))
 
     def check_files(self, node, events):
-        """The folder holds what the ends of the calls tell, and nothing else."""
+        """The folder holds the files that the end events name, and nothing else."""
         ends = [json.loads(line) for line in events.splitlines() if '{"event":"end"' in line]
         files = [file for end in ends for file in end["files"]]
         self.assertEqual({file["error"] for file in files}, {""})
@@ -1156,7 +1161,7 @@ class NodeEndToEnd(unittest.TestCase):
                              [1, 1, 1, 0])
             self.assertEqual(ends[uuid_of(4)]["sides"]["originator"]["packets"], 2)
             self.assertEqual(node.text().count("--max-files"), 1)
-            self.assertRegex(node.text(), "not written: 1 call +too many files")
+            self.assertRegex(node.text(), "not written: 1 ")
             self.assertEqual(seen["calls_not_written_total"], 1)
 
     def test_what_a_full_socket_cost_is_accounted_for(self):
@@ -1171,11 +1176,11 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(node.stop(signal.SIGINT), 0, node.text())
             self.assertEqual(seen.came(), 20_000)
             self.assertGreater(seen["socket_dropped_packets_total"], 0)
-            self.assertEqual(counted_in_summary(node.text(), "lost in the socket"),
-                             {"buffer full": seen["socket_dropped_packets_total"]})
+            self.assertEqual(list(counted_in_summary(node.text(), "lost in the socket").values()),
+                             [seen["socket_dropped_packets_total"]])
 
 
 if __name__ == "__main__":
     if not may_mount():
         print("The test of a full disk is skipped: no file system can be mounted here.")
-    unittest.main(argv=[sys.argv[0], *sys.argv[4:]], verbosity=1)
+    unittest.main(argv=[sys.argv[0], *OTHER_ARGUMENTS], verbosity=1)

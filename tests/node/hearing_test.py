@@ -1,7 +1,4 @@
-"""What quorvane-node hears in calls whose sound is known: activity, samples, recordings.
-
-usage: node_hearing_test.py QUORVANE_NODE GOLDEN_FOLDER
-"""
+"""What quorvane-node hears in calls whose sound is known: activity, samples, recordings."""
 import array
 import json
 import math
@@ -141,7 +138,8 @@ class Hearing(unittest.TestCase):
             self.assertEqual(events_of(node, "activity", 1, "terminator"), [])
             kinds = [event["event"] for event in node.events()]
             self.assertLess(kinds.index("activity"), kinds.index("end"))
-            self.assertRegex(node.text(), r"activity +originator: begins at (1\.0|0\.9)\d\d s")
+            self.assertRegex(node.text(),
+                             uuid_of(1) + r"  activity +originator.* (1\.0|0\.9)\d\d s")
 
     def test_activity_runs_from_one_control_packet_to_the_other(self):
         with Node("--rate", str(RATE), "--events", "-") as node:
@@ -185,7 +183,7 @@ class Hearing(unittest.TestCase):
             with Node("--rate", str(RATE), "--events", "-", "--samples", str(folder)) as node:
                 for name in ("short.wav", "wide.wav", "noise.wav"):
                     node.wait_for(f'sample refused +"{name}": ')
-                node.wait_for("samples +2 samples of ")
+                node.wait_for("  samples +2 ")
                 call = SentCall(node, 1, active=DETECTION[TERMINATOR])
                 sound = buzz(2, 3) + buzz(2, 42, amplitude=3000) + buzz(1, 4)
                 call.speak(sound, sound)
@@ -206,7 +204,7 @@ class Hearing(unittest.TestCase):
                 call.speak(buzz(1, 3))
                 write_wav(pathlib.Path(folder) / "new.wav", buzz(2, 42))
                 node.process.send_signal(signal.SIGHUP)
-                node.wait_for("samples +2 samples of ")
+                node.wait_for("  samples +2 ")
                 call.speak(buzz(2, 42))
                 call.end()
                 found, = events_of(node, "sample", 1)
@@ -216,7 +214,7 @@ class Hearing(unittest.TestCase):
     def test_folder_without_a_usable_sample_is_refused(self):
         with tempfile.TemporaryDirectory() as folder:
             write_wav(pathlib.Path(folder) / "short.wav", buzz(0.2, 44))
-            for samples_folder, reason in ((folder, "every file was refused"),
+            for samples_folder, reason in ((folder, folder),
                                            (folder + "/none", "No such file or directory")):
                 bad = subprocess.run([NODE, "--listen", "127.0.0.1:0", "--output", folder,
                                       "--samples", samples_folder],
@@ -330,7 +328,7 @@ class Reports(unittest.TestCase):
     def test_report_node_outside_the_networks_gets_nothing(self):
         _, text = self.heard_call("--reports", "--report-to", "192.0.2.0/24")
         self.assertEqual(self.reports(), [])
-        self.assertRegex(text, r"reports not sent: 5 +report node is not allowed")
+        self.assertRegex(text, r"reports not sent: 5 ")
         self.assertRegex(text, r"report node not allowed .*127\.0\.0\.1:%d" % self.address[1])
 
     def test_report_node_in_one_of_the_networks_gets_reports(self):

@@ -1,6 +1,4 @@
 """Runs quorvane-node --live on a pseudo terminal: what its keys do, and how it leaves the terminal.
-
-usage: live_test.py QUORVANE_NODE GOLDEN_FOLDER
 """
 import fcntl
 import os
