@@ -1,14 +1,8 @@
-"""Prints the results of the benchmarks and their goals as one table.
+"""Prints the results of the benchmarks and their goals as one table, for scripts/bench.sh."""
 
-Usage: bench_table.py FOLDER INSTRUCTIONS
-
-FOLDER holds the JSON files that scripts/bench.sh makes; results.json is written there.
-INSTRUCTIONS is the number of instructions per frame, or empty if it was not counted.
-"""
-
+import argparse
 import json
 import pathlib
-import sys
 
 PROGRAMS = ("bench_media_path", "bench_without_system_call", "bench_host")
 LINES = 64  # Lines per iteration of dropped_line.
@@ -101,9 +95,15 @@ def print_others(results):
 
 
 def main():
-    folder, instructions = pathlib.Path(sys.argv[1]), sys.argv[2]
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("folder", type=pathlib.Path,
+                        help="holds the JSON files of the benchmarks; results.json is written here")
+    parser.add_argument("instructions",
+                        help="the number of instructions per frame; empty if it was not counted")
+    arguments = parser.parse_args()
+    folder = arguments.folder
     results = read(folder)
-    rows = goals(results, instructions)
+    rows = goals(results, arguments.instructions)
     print_others(results)
     print_goals(rows)
     summary = [

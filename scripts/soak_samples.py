@@ -1,12 +1,11 @@
-"""Samples the resources of a process during a soak test.
-
-Usage: soak_samples.py FILE MODULE COMMAND...
+"""Samples the resources of a process during a soak test, for scripts/soak.sh.
 
 Runs the command, which loads MODULE, and exits with its status. Each line of FILE has seconds,
 resident KiB, descriptors, threads, and calls in the module's registry. The size of the registry
 is read from the memory of the running process; MODULE needs debug information (-g) for that.
 """
 
+import argparse
 import pathlib
 import re
 import subprocess
@@ -66,9 +65,14 @@ class Samples:
 
 
 def main() -> None:
-    path, module = map(pathlib.Path, sys.argv[1:3])
-    command = subprocess.Popen(sys.argv[3:])
-    samples = Samples(path, command.pid, module)
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("file", metavar="FILE", type=pathlib.Path)
+    parser.add_argument("module", metavar="MODULE", type=pathlib.Path)
+    parser.add_argument("command", metavar="COMMAND", nargs=argparse.REMAINDER)
+    arguments = parser.parse_args()
+    command = subprocess.Popen(arguments.command)
+    samples = Samples(arguments.file, command.pid, arguments.module)
     try:
         while command.poll() is None:
             try:

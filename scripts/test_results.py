@@ -1,16 +1,14 @@
 #!/usr/bin/env python3
 """Counts the results of a run of ctest, case by case, for scripts/test.sh.
 
-    test_results.py PRESET
-
 Reads build/PRESET-results.xml and, for the programs whose cases are reported one by one, their
 results in build/PRESET/cases. Prints lines of fields separated by tabs: "failed", the name, the
 command that runs just that again; "skipped", the name, the reason; at the end "counts" and the
 numbers of passed, failed and skipped cases.
 """
+import argparse
 import json
 import pathlib
-import sys
 import xml.etree.ElementTree
 
 
@@ -45,7 +43,10 @@ def outcomes(preset, build):
 
 
 def main():
-    preset, counts = sys.argv[1], {"passed": 0, "failed": 0, "skipped": 0}
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("preset", metavar="PRESET")
+    preset, counts = parser.parse_args().preset, {"passed": 0, "failed": 0, "skipped": 0}
     for status, name, about in outcomes(preset, "build"):
         counts[status] += 1
         if status != "passed":

@@ -1,8 +1,7 @@
 """Runs quorvane-call and quorvane-node as processes: calls go through the built module and end
-as WAV files.
-
-usage: call_to_node_test.py QUORVANE_CALL QUORVANE_NODE MODULE [unittest options]
+as WAV files. Further arguments go to unittest.
 """
+import argparse
 import array
 import json
 import pathlib
@@ -18,7 +17,12 @@ import unittest
 import uuid
 import wave
 
-CALL, NODE, MODULE = sys.argv[1:4]
+PROGRAMS = argparse.ArgumentParser(description=__doc__)
+PROGRAMS.add_argument("call", metavar="QUORVANE_CALL")
+PROGRAMS.add_argument("node", metavar="QUORVANE_NODE")
+PROGRAMS.add_argument("module", metavar="MODULE")
+ARGUMENTS, OTHER_ARGUMENTS = PROGRAMS.parse_known_args()
+CALL, NODE, MODULE = ARGUMENTS.call, ARGUMENTS.node, ARGUMENTS.module
 PATIENCE = 60  # Seconds. Every program here ends by itself much earlier.
 
 
@@ -425,4 +429,4 @@ class WrongUse(EndToEnd):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], *sys.argv[4:]], verbosity=2)
+    unittest.main(argv=[sys.argv[0], *OTHER_ARGUMENTS], verbosity=2)

@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
 """Tests host/check/interface_check.cpp: it covers all of host/include/switch.h, and any
 difference between the headers is a compiler error.
-
-    interface_check_test.py COMPILER [REAL_INCLUDE_FOLDER]
 """
 
+import argparse
 import pathlib
 import re
 import shutil
@@ -16,8 +15,12 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 CHECK = ROOT / "host" / "check" / "interface_check.cpp"
 HEADER = ROOT / "host" / "include" / "switch.h"
-COMPILER = sys.argv[1] if len(sys.argv) > 1 else "c++"
-REAL_HEADERS = pathlib.Path(sys.argv[2]) if len(sys.argv) > 2 else None
+PARSER = argparse.ArgumentParser(description=__doc__)
+PARSER.add_argument("compiler", metavar="COMPILER", nargs="?", default="c++")
+PARSER.add_argument("real_headers", metavar="REAL_INCLUDE_FOLDER", nargs="?", type=pathlib.Path,
+                    help="the host's own headers; their tests are skipped without it")
+ARGUMENTS = PARSER.parse_args()
+COMPILER, REAL_HEADERS = ARGUMENTS.compiler, ARGUMENTS.real_headers
 
 # Macros of our header that the host does not have.
 OWN_MACROS = {"QUORVANE_SWITCH_EVENT_ALL", "QUORVANE_CF_MEDIA_SET"}

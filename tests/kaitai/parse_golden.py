@@ -1,11 +1,9 @@
 #!/usr/bin/env python3
 """Parses every golden datagram with a parser generated from docs/quorvane.ksy. Each field must
 have the value in golden.json, and each malformed datagram must be refused.
-
-    parse_golden.py FOLDER   uses the Python parser in FOLDER
-    parse_golden.py PROGRAM  uses the C++ parser in PROGRAM, built from cpp/parse_golden.cpp
 """
 
+import argparse
 import importlib
 import ipaddress
 import json
@@ -109,7 +107,11 @@ def not_utf8():
 
 
 def main():
-    parser = pathlib.Path(sys.argv[1])
+    arguments = argparse.ArgumentParser(description=__doc__)
+    arguments.add_argument("parser", metavar="PARSER", type=pathlib.Path,
+                           help="the folder of the Python parser, or the program with the C++ "
+                                "parser, built from cpp/parse_golden.cpp")
+    parser = arguments.parse_args().parser
     parse = parse_in_python if parser.is_dir() else parse_in_cpp
     cases = {name: (datagram(name), fields) for name, fields in GOLDEN.items()}
     cases["call reference that is no UTF-8"] = not_utf8()

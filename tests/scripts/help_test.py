@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Tests that --help of every script prints its description, exits with 0, and does nothing else."""
 
+import concurrent.futures
 import pathlib
 import subprocess
 import sys
@@ -8,10 +9,13 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SCRIPTS = sorted([*ROOT.glob("scripts/*.sh"), *ROOT.glob("bench/*.sh")])
+PROGRAMS = sorted(path for folder in ("scripts", "examples", "tests")
+                  for path in ROOT.glob(f"{folder}/**/*.py")
+                  if '__name__ == "__main__"' in path.read_text(encoding="utf-8"))
 
 
-def help_of(script):
-    return subprocess.run([script, "--help"], capture_output=True, text=True, timeout=60,
+def help_of(*command):
+    return subprocess.run([*command, "--help"], capture_output=True, text=True, timeout=60,
                           check=False)
 
 
@@ -31,6 +35,15 @@ class TheHelpOfEveryScript(unittest.TestCase):
                 self.assertEqual(shown.returncode, 0, shown.stderr)
                 self.assertEqual(shown.stdout.splitlines(), description_of(script))
                 self.assertIn(f"{script.relative_to(ROOT)}", shown.stdout)
+
+    def test_of_a_python_program_is_its_usage(self):
+        self.assertGreater(len(PROGRAMS), 25)
+        with concurrent.futures.ThreadPoolExecutor(4) as runs:
+            helps = runs.map(lambda program: help_of(sys.executable, program), PROGRAMS)
+        for program, shown in zip(PROGRAMS, helps):
+            with self.subTest(program.name):
+                self.assertEqual((shown.returncode, shown.stderr), (0, ""))
+                self.assertIn(f"usage: {program.name}", shown.stdout)
 
 
 if __name__ == "__main__":

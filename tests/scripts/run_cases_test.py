@@ -1,8 +1,6 @@
 #!/usr/bin/env python3
-"""Tests what run_cases.py reports about cases that fail, crash, hang or are skipped.
-
-    run_cases_test.py PROGRAM        the program of misbehaving_cases.cpp
-"""
+"""Tests what run_cases.py reports about cases that fail, crash, hang or are skipped."""
+import argparse
 import json
 import pathlib
 import subprocess
@@ -72,5 +70,8 @@ class RunCasesTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    PROGRAM = sys.argv.pop(1)
-    unittest.main()
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("program", metavar="PROGRAM", help="that of misbehaving_cases.cpp")
+    arguments, others = parser.parse_known_args()
+    PROGRAM = arguments.program
+    unittest.main(argv=[sys.argv[0], *others])
