@@ -60,8 +60,8 @@ Sound read_sound(const fs::path& path) {
     return sound;
 }
 
-// In the order of their names. Sounds that are the same in every language are left out: effects,
-// tones and silence.
+// Returns the recordings in the order of their names. Leaves out effects, tones and silence, which
+// are the same in every language.
 std::vector<Recording> read_recordings(const fs::path& folder) {
     static const std::set<std::string> everywhere{"tt-monkeys", "tt-allbusy", "tt-somethingwrong",
                                                   "tt-monkeysintro", "tt-weasels"};

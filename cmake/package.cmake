@@ -76,7 +76,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 
-# Nothing in the object tells which host it needs: it is not linked to the host.
+# The object is not linked to the host, so it does not show which host it needs.
 set(CPACK_DEBIAN_MODULE_PACKAGE_NAME ${module_package})
 set(CPACK_DEBIAN_MODULE_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_MODULE_PACKAGE_DEPENDS

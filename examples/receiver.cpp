@@ -31,8 +31,9 @@ using qv::media::PacketType;
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds LATE_TIME{1};  // How long to keep a call after its terminate packet,
-constexpr std::chrono::seconds IDLE_TIME{60};  // and without packets.
+// How long to keep a call after its terminate packet, and how long without any packet.
+constexpr std::chrono::seconds LATE_TIME{1};
+constexpr std::chrono::seconds IDLE_TIME{60};
 constexpr std::chrono::milliseconds LOOK_AROUND{200};
 
 // What is known of one side of a call.

@@ -87,7 +87,7 @@ struct Loader::Module {
     bool permanent = false;
 };
 
-// On false, dlerror() tells why.
+// If it returns false, dlerror() has the reason.
 bool Loader::Module::open(int visibility) {
     object = dlopen(path.c_str(), RTLD_NOW | visibility);
     if (!object) {

@@ -224,7 +224,7 @@ using qv::host::Fault;
 
 namespace {
 
-// The frame that a bug asks for; notes that the bug has got it.
+// Returns the frame that a bug asks for, and records that the bug has it.
 switch_frame_t* give(FrameOffer& offer) {
     if (current_host().faults.on(Fault::NULL_FRAME)) {
         return nullptr;

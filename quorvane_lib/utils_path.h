@@ -60,7 +60,7 @@ std::string get_file_name(const std::string& path);
 std::string get_absolute_path(const std::string& path);
 
 // Makes sure that the directory `path` exists, or the directory that holds it if
-// `path_is_file`; missing ones are created with `mode`. On false, errno tells why
+// `path_is_file`; missing ones are created with `mode`. On false, errno has the reason
 // (ENOTDIR when an ancestor is no directory), except for a path without a directory.
 // Throws std::runtime_error for the pessimistic policy and std::invalid_argument for
 // an unknown one.

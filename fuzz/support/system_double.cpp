@@ -186,7 +186,8 @@ EXPORTED int clock_gettime(clockid_t clock, timespec* time) noexcept {
     }
     const int result = qv::fuzz::real_clock_gettime(clock, time);
     const std::int64_t still = system.wall_us;
-    // An input that hangs is still reported: the fuzzer needs a clock that runs on.
+    // After five seconds the real clock is returned again. The fuzzer needs it to report an input
+    // that hangs.
     if (clock == CLOCK_REALTIME && result == 0 && still != 0 &&
         qv::fuzz::in_us(*time) - still < 5 * qv::fuzz::SECOND_US) {
         *time = qv::fuzz::from_us(still);

@@ -2,11 +2,11 @@
 // more and checked by the compiler. Nothing here runs.
 //
 // The file is compiled against host/include/switch.h and, where FreeSWITCH is installed,
-// against its own headers too. Both cannot be seen by one source file, for they declare
-// the same names; but what agrees with the figures below agrees with one another. A
+// against its own headers too. One source file cannot include both, because they declare
+// the same names. If both agree with the figures below, they agree with each other. A
 // difference on either side stops the build and names the fact.
 //
-// Whatever is added to host/include/switch.h is added here: a test looks for what is
+// Every addition to host/include/switch.h needs an addition here; a test reports what is
 // missing.
 #include <switch.h>
 

@@ -4,7 +4,7 @@
 // the module runs in either; everything the module does not touch is left out.
 //
 // Compiles as C11 and as C++17. A module built with the real switch.h sees the same
-// names: whatever is declared here may be used, nothing else.
+// names. The module may use what is declared here, and nothing else.
 //
 // Two values move between releases and may be given by the build:
 //   QUORVANE_SWITCH_EVENT_ALL  90 in 1.10.0, 91 in 1.10.2, 92 in 1.10.7 to 1.10.12, 93 in 1.11

@@ -3,9 +3,9 @@
 // This one header is shared by the sender, by receivers and by tests. It needs
 // nothing of the host and keeps no state; any thread may use it.
 //
-// Integers are little-endian on the wire whatever the machine, except the report
-// node's address and port, which stay in network byte order. Times are in
-// microseconds. docs/protocol.md describes the fields for people.
+// On the wire, integers are little-endian on every machine, except the report node's
+// address and port, which stay in network byte order. Times are in microseconds.
+// docs/protocol.md describes the fields for people.
 #pragma once
 
 #include <endian.h>

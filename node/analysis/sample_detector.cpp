@@ -16,8 +16,8 @@ constexpr std::uint32_t VOTE_LIFE = 64;
 // depend on each other.
 constexpr int BIT_GAIN = 1;
 constexpr int BIT_LOSS = 3;  // In addition to the gain that is missed.
-// The loss for a loud peak of the side that the reference lacks, indexed by its faintness in the
-// side.
+// The loss if the reference lacks a peak of the side. The index is the faintness of the peak: the
+// louder it is, the higher the loss.
 constexpr std::uint8_t STRANGE_LOSS[SampleIndex::FAINTEST + 1] = {8, 7, 5, 2, 0, 0, 0, 0};
 constexpr float LOUDNESS_DECAY_DB = 0.3F;  // Per frame.
 

@@ -24,7 +24,7 @@ void RateConverter::convert(const std::int16_t* samples, std::size_t count,
     process(samples, count, out);
 }
 
-// Computed in parts, because the product of the remainder must not overflow.
+// Divides before it multiplies, because the product of all samples could overflow.
 std::uint64_t RateConverter::due() const {
     return taken_ / from_ * to_ + taken_ % from_ * to_ / from_;
 }

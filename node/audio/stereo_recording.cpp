@@ -220,7 +220,7 @@ void StereoRecording::set_others_apart(const std::array<int, SIDE_COUNT>& rates,
     }
 }
 
-// The waiting samples have the former rate, and stay in the file if there is one.
+// The waiting samples have the former rate. They go to the file that is open, if there is one.
 void StereoRecording::split_off(Side side, int former_rate) {
     Track& changed = track(side);
     if (changed.apart) {

@@ -11,8 +11,8 @@
 namespace qv::node {
 
 struct CallLimits {
-    // At the same time, with those whose files are not complete. Packets of further calls are
-    // dropped.
+    // The most calls at the same time. Calls whose files are not complete count. Packets of
+    // further calls are dropped.
     std::size_t max_calls = 10'000;
     Micros linger{300'000};               // Between the terminate packet and the end.
     Micros idle{120'000'000};             // Without any packet.

@@ -33,7 +33,7 @@ double seconds_at(std::uint64_t position, const std::vector<RateChange>& changes
 
 class RateChangeFinder {
   public:
-    // The most packets of one doubt.
+    // A doubt ends after this many packets at the latest.
     static constexpr std::size_t MOST_HELD = 400;
 
     enum class Finding : std::uint8_t {

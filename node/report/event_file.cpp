@@ -61,8 +61,8 @@ bool EventFile::is_at_path() const {
            status.st_ino == inode_;
 }
 
-// If the file was moved or removed, events must not be written where nobody finds them: they go to
-// the path, or nowhere.
+// If the file was moved or removed, nobody would find further events in it. They are then written
+// to a new file at the path, or not at all.
 bool EventFile::follow_path() {
     if (!owned_ || is_at_path()) {
         return true;

@@ -20,14 +20,14 @@ constexpr char LEAVE_SCREEN[] = "\x1b[0m\x1b[?25h\x1b[?1049l";
 constexpr const char* TOP_LEFT = "\x1b[H";
 constexpr const char* CLEAR_BELOW = "\x1b[J";
 
-// Those that end the program at once.
+// The signals that end the program at once.
 constexpr std::array<int, 6> FATAL_SIGNALS = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGQUIT};
 
-// For the handler of fatal signals, which finds no object.
+// Global, because the handler of fatal signals gets no object.
 termios settings_before;
 volatile std::sig_atomic_t settings_changed = 0;
 
-// Only functions that a signal handler may call.
+// Calls only functions that a signal handler may call.
 void restore_and_die(int number) {
     if (settings_changed != 0) {
         ::tcsetattr(STDIN_FILENO, TCSANOW, &settings_before);

@@ -58,7 +58,7 @@ async function checkEveryLanguage() {
   }
 }
 
-// Compiles with debug information, which tells where each field was read.
+// Compiles with debug information, which records where each field was read.
 async function compileParser(folder) {
   const files = await compiler.compile('javascript', description(), undefined, true);
   const file = path.join(folder, 'Quorvane.js');
@@ -129,7 +129,7 @@ function checkFlags({ body }, { packet_type: type, leg_word: word }) {
   }
 }
 
-// What the datagrams with features say in words, from the document's bit table.
+// The expected values are read from the table of bits in docs/protocol.md.
 function checkFeatureWords(Quorvane) {
   const running = ({ body: { features } }) => [
     features.audioActivityOriginator, features.audioActivityTerminator,
@@ -143,7 +143,7 @@ function checkFeatureWords(Quorvane) {
     [false, false, false, false, true, true]);
 }
 
-// The bytes of a call reference are the caller's own and need not be text.
+// The sender chooses the bytes of a call reference. They need not be text.
 function checkReferenceThatIsNoText(Quorvane) {
   const bytes = readGolden('call_1_start');
   bytes.set([0xff, 0xc3], 82);
@@ -151,7 +151,7 @@ function checkReferenceThatIsNoText(Quorvane) {
   assert.deepStrictEqual(Buffer.from(callReference), bytes.subarray(82, bytes.length - 1));
 }
 
-// A refusal by the parser, in contrast to an error in the parser.
+// Distinguishes a datagram that the parser refuses from an error in the parser.
 function isRefusal(error) {
   return /^(EOF|Validation\w+)Error$/.test(error.name);
 }

@@ -159,7 +159,7 @@ TEST_F(LoadFault, AConfigurationThatIsAFolderIsAnEmptyOne) {
                                     CONFIG_PATH + "] is a folder: default values are used");
 }
 
-// A file that can no longer be read ends there.
+// If a read fails, the rest of the file is ignored.
 TEST_F(LoadFault, EveryErrorOfReadingTheConfigurationEndsItThere) {
     for (const int error : {EIO, EBADF, EAGAIN, EINVAL, EFAULT, EISDIR, ENOMEM}) {
         SCOPED_TRACE(error);

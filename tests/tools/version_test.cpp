@@ -1,4 +1,4 @@
-// What --version of the programs says.
+// The text that the programs print for --version.
 #include "tools/version.h"
 
 #include <gtest/gtest.h>

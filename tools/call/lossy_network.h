@@ -1,5 +1,5 @@
 // A network between the module and the media node that loses, duplicates, reorders and delays
-// datagrams, and that hears when nobody listens at the media node's address.
+// datagrams. It also notices when no program listens at the media node's address.
 //
 // The module sends to address(); a thread of its own passes the datagrams on. What becomes of the
 // packets of a call's side depends on the seed, the number of the call and the number of the
