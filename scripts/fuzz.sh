@@ -7,6 +7,8 @@
 #   scripts/fuzz.sh all MINUTES               every target, one after the other
 #   scripts/fuzz.sh --seconds SECONDS TARGET  one target or all, with the time in seconds
 #   scripts/fuzz.sh --built ...               any of these, without building first
+#   scripts/fuzz.sh --plain ...               any of these, without sanitizers, in build/fuzz_plain:
+#                                             faster, and finds only what the target compares
 #   scripts/fuzz.sh --list                    prints the names of the targets
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -17,10 +19,15 @@ targets() { ls fuzz/corpus; }
 
 seconds=
 built=no
-if [ "${1:-}" = --built ]; then
-    built=yes
+preset=fuzz
+while :; do
+    case ${1:-} in
+        --built) built=yes ;;
+        --plain) preset=fuzz_plain ;;
+        *) break ;;
+    esac
     shift
-fi
+done
 case ${1:-} in
     -h | --help) usage; exit 0 ;;
     --list) targets; exit 0 ;;
@@ -42,15 +49,15 @@ target=${target#fuzz_}
 build() {
     command -v clang++ >/dev/null || fail "clang is missing: scripts/setup.sh installs it"
     mkdir -p build
-    cmake --preset fuzz >build/fuzz-configure.log 2>&1 ||
+    cmake --preset "$preset" >build/fuzz-configure.log 2>&1 ||
         { cat build/fuzz-configure.log; return 1; }
-    cmake --build --preset fuzz -j "$(nproc)" --target "$@" >build/fuzz-build.log 2>&1 ||
+    cmake --build --preset "$preset" -j "$(nproc)" --target "$@" >build/fuzz-build.log 2>&1 ||
         { tail -n 40 build/fuzz-build.log; return 1; }
 }
 
 # Fuzzes target $1 and prints the result.
 fuzz() {
-    local name=$1 folder=$PWD/build/fuzz log=$PWD/build/fuzz/$1.log
+    local name=$1 folder=$PWD/build/$preset log=$PWD/build/$preset/$1.log
     local found=$folder/found/$name failed=$folder/failed/$name program=$folder/fuzz/fuzz_$name
     local words=()
     [ ! -f "fuzz/fuzz_$name.dict" ] || words=("-dict=$PWD/fuzz/fuzz_$name.dict")
@@ -63,7 +70,7 @@ fuzz() {
         -rss_limit_mb=2048 -print_final_stats=1 "-artifact_prefix=$failed/" "${words[@]}") \
         >"$log" 2>&1; then
         tail -n 60 "$log"
-        echo "fuzz: $name FAILED; the input is in build/fuzz/failed/$name" >&2
+        echo "fuzz: $name FAILED; the input is in build/$preset/failed/$name" >&2
         return 1
     fi
     awk '/ cov: / { for (i = 1; i < NF; ++i) { if ($i == "cov:") cov = $(i + 1)
