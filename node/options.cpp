@@ -107,6 +107,8 @@ void add_output_options(CLI::App& app, Options& options) {
         ->type_name("HOW")
         ->default_str("resample");
     app.add_flag("--no-sides", options.no_sides, "Write no file per side");
+    app.add_flag("--sidecar", options.sidecar,
+                 "Also write a JSON file per call that describes the call and its files");
     app.add_flag("--keep-pauses", options.keep_pauses,
                  "Keep pauses in the files of one side, as in the stereo file");
     app.add_flag("-q,--quiet", options.quiet, "Print no lines about packets and calls");

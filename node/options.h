@@ -35,6 +35,7 @@ struct Options {
     bool reports = false;                     // Send reports to the report nodes of calls
     std::vector<tools::Network> reported_to;  // in these networks. Empty: on this machine.
     bool live = false;
+    bool sidecar = false;
     bool timeline = false;
     std::optional<sockaddr_in> metrics;  // The address where metrics are served.
     bool stereo = false;                 // Also one file of both sides.

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "node/analysis/sample_folder.h"
+#include "node/audio/new_file.h"
 #include "node/report/summary.h"
 #include "node/report/text.h"
 #include "tools/address.h"
@@ -53,6 +54,7 @@ std::string Outputs::open_folder() {
     const std::string error = folder_->prepare();
     if (error.empty()) {
         leftovers_ = folder_->recover();
+        remove_abandoned_files(options_.folder);
     }
     return error.empty() ? error : "cannot write to folder " + options_.folder + ": " + error;
 }
@@ -167,7 +169,7 @@ void Outputs::build() {
     build_store();
     file_names_ = std::make_unique<FileNames>(
         *store_, file_name_options(),
-        [this] { return store_->figures().created_files + saved_timelines_; },
+        [this] { return store_->figures().created_files + saved_documents_; },
         [this] {
             lines_.say("too many files", "with further calls there could be more than " +
                                              grouped(options_.max_files) +
@@ -192,12 +194,17 @@ void Outputs::build() {
     const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
                                      options_.keep_pauses, options_.resample};
     recorder_ = std::make_unique<Recorder>(
-        *store_, Recorder::Options{!options_.no_sides, options_.stereo, recording});
+        *finisher_, Recorder::Options{!options_.no_sides, options_.stereo, recording});
     call_listeners_.push_back(recorder_.get());
-
+    if (options_.sidecar) {
+        sidecar_ = std::make_unique<Sidecar>(
+            *tasks_, Sidecar::Options{options_.folder, options_.overwrite, options_.sync_s > 0},
+            [this](const std::string& name) { note_document(name); });
+        call_listeners_.push_back(sidecar_.get());
+    }
     if (options_.timeline) {
         timeline_ = std::make_unique<Timeline>([this](const std::string& name, std::string svg) {
-            ++saved_timelines_;
+            ++saved_documents_;
             return store_->write_text(name, std::move(svg));
         });
         call_listeners_.push_back(timeline_.get());
@@ -230,6 +237,9 @@ void Outputs::build_store() {
     store_ = std::make_unique<BackgroundStore>(
         std::move(folder_), options_.folder,
         BackgroundStore::Options{options_.write_buffer_mib * 1024 * 1024, !options_.read.empty()});
+    tasks_ = std::make_unique<TaskThread>();
+    finisher_ =
+        std::make_unique<FileFinisher>(*store_, *tasks_, FileFinisher::Options{options_.sidecar});
     std::error_code error;
     const std::filesystem::directory_iterator end;
     for (std::filesystem::directory_iterator entry(options_.folder, error);
@@ -239,10 +249,11 @@ void Outputs::build_store() {
 }
 
 bool Outputs::files_complete() {
-    const bool done =
-        store_->wait(std::chrono::steady_clock::now() + std::chrono::milliseconds(50));
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+    const bool written = store_->wait(until);
     store_->update();
-    return done;
+    finisher_->update();
+    return written && tasks_->wait(until);
 }
 
 void Outputs::give_up_files() {
@@ -250,13 +261,20 @@ void Outputs::give_up_files() {
                                      " bytes wait for the disk, which does not take them");
     failed_ = true;
     store_->abandon("the disk did not take all of it before the end");
+    tasks_->abandon();
+    finisher_->update();
 }
 
 FileNames::Options Outputs::file_name_options() const {
-    const std::uint64_t files_per_call =
-        (options_.no_sides ? 0 : 2) + (options_.stereo ? 2 : 0) + (options_.timeline ? 1 : 0);
+    const std::uint64_t files_per_call = (options_.no_sides ? 0 : 2) + (options_.stereo ? 2 : 0) +
+                                         (options_.timeline ? 1 : 0) + (options_.sidecar ? 1 : 0);
     return {options_.overwrite, options_.max_files, files_per_call, NamePattern(options_.name),
             utc_time};
+}
+
+void Outputs::note_document(const std::string& name) {
+    ++saved_documents_;
+    store_->add_name(name);
 }
 
 void Outputs::begin(const NodeFigures& figures) {
@@ -287,6 +305,7 @@ void Outputs::begin(const NodeFigures& figures) {
 
 void Outputs::update(NodeFigures figures, Micros now) {
     store_->update();
+    finisher_->update();
     add_figures(figures);
     notices_->overflowed(figures.overflowed);
     if (end_command_ != nullptr) {

@@ -14,8 +14,10 @@
 #include "node/audio/audio_files.h"
 #include "node/audio/background_store.h"
 #include "node/audio/disk_sync.h"
+#include "node/audio/file_finisher.h"
 #include "node/audio/file_names.h"
 #include "node/audio/recorder.h"
+#include "node/audio/task_thread.h"
 #include "node/calls/call_listener.h"
 #include "node/options.h"
 #include "node/reload_list.h"
@@ -29,6 +31,7 @@
 #include "node/report/metrics_port.h"
 #include "node/report/notices.h"
 #include "node/report/report_sender.h"
+#include "node/report/sidecar.h"
 #include "node/report/terminal.h"
 #include "node/report/timeline.h"
 
@@ -86,6 +89,7 @@ class Outputs {
     void build();
     void build_store();
     FileNames::Options file_name_options() const;
+    void note_document(const std::string& name);
     void show_live(const NodeFigures& figures, Micros now);
     void flush_events();
     void report_sync();
@@ -100,6 +104,8 @@ class Outputs {
     KeyReader keys_;
     std::unique_ptr<WavFolder> folder_;  // Null once the writer thread has it.
     std::unique_ptr<BackgroundStore> store_;
+    std::unique_ptr<TaskThread> tasks_;  // Works on complete files.
+    std::unique_ptr<FileFinisher> finisher_;
     std::vector<LeftoverFile> leftovers_;  // Files of killed runs.
     std::unique_ptr<DiskSync> disk_sync_;  // Null unless requested.
     bool sync_failed_ = false;
@@ -107,6 +113,7 @@ class Outputs {
     ReloadList reloads_;
     std::unique_ptr<EventLog> events_;  // These are null unless requested.
     std::unique_ptr<ReportSender> reports_;
+    std::unique_ptr<Sidecar> sidecar_;
     std::unique_ptr<Timeline> timeline_;
     Metrics metrics_;
     std::unique_ptr<MetricsPort> metrics_port_;
@@ -118,8 +125,8 @@ class Outputs {
     std::unique_ptr<Notices> notices_;
     std::vector<CallListener*> call_listeners_;
     Micros last_frame_{0};
-    Micros last_second_{0};  // When the work that is done once a second was done last.
-    std::uint64_t saved_timelines_ = 0;
+    Micros last_second_{0};              // When the work that is done once a second was done last.
+    std::uint64_t saved_documents_ = 0;  // Timelines and sidecars.
     std::uint64_t reported_lost_events_ = 0;
     std::uint64_t reported_new_event_files_ = 0;
     bool events_failed_ = false;

@@ -7,10 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <system_error>
 #include <utility>
 
+#include "node/audio/new_file.h"
 #include "node/audio/text_file.h"
 #include "quorvane_lib/utils_path.h"
 
@@ -300,19 +300,7 @@ std::string WavFolder::prepare() {
 
 // Gives a new file its name. Returns 0 or the error number.
 int WavFolder::name_file(const std::string& unfinished, const std::string& name) const {
-    const std::string path = path_ + '/' + name;
-    const unsigned how = overwrite_ ? 0 : RENAME_NOREPLACE;
-    if (::renameat2(AT_FDCWD, unfinished.c_str(), AT_FDCWD, path.c_str(), how) == 0) {
-        return 0;
-    }
-    if (errno != EINVAL) {
-        return errno;
-    }
-    // This file system does not support a rename that keeps an existing file.
-    if (exists(name)) {
-        return EEXIST;
-    }
-    return ::rename(unfinished.c_str(), path.c_str()) == 0 ? 0 : errno;
+    return rename_file(unfinished, path_ + '/' + name, overwrite_);
 }
 
 std::shared_ptr<const PendingFile> WavFolder::write_text(const std::string& name,

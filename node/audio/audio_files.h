@@ -50,6 +50,9 @@ class AudioFile {
     // Samples in whose place there is silence, because the disk was too slow.
     virtual std::uint64_t dropped_samples() const { return 0; }
 
+    // What the file holds, as far as the object knows it.
+    virtual FileFacts facts() const { return {}; }
+
     virtual const std::string& path() const = 0;
     // Empty if the file has not failed.
     virtual const std::string& error() const = 0;

@@ -12,7 +12,8 @@ namespace {
 bool taken(const AudioStore& store, const std::string& stem) {
     return store.exists(side_file_name(stem, Side::ORIGINATOR)) ||
            store.exists(side_file_name(stem, Side::TERMINATOR)) ||
-           store.exists(stereo_file_name(stem)) || store.exists(timeline_file_name(stem));
+           store.exists(stereo_file_name(stem)) || store.exists(timeline_file_name(stem)) ||
+           store.exists(sidecar_file_name(stem));
 }
 
 std::string numbered(const std::string& stem, std::uint64_t number) {
@@ -69,6 +70,10 @@ std::string stereo_file_name(const std::string& stem) {
 
 std::string timeline_file_name(const std::string& stem) {
     return stem + ".svg";
+}
+
+std::string sidecar_file_name(const std::string& stem) {
+    return stem + ".json";
 }
 
 std::string free_stem(const AudioStore& store, const std::string& first) {

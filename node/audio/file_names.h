@@ -26,6 +26,8 @@ std::string side_file_name(const std::string& stem, Side side, std::size_t part 
 std::string stereo_file_name(const std::string& stem);
 // STEM.svg
 std::string timeline_file_name(const std::string& stem);
+// STEM.json
+std::string sidecar_file_name(const std::string& stem);
 
 // Returns the stem for a first file of that name. If the store already has files of that call, it
 // adds "-2", "-3" and so on: the next number, or a lower one that has become free. It asks the

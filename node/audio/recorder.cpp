@@ -74,7 +74,7 @@ class RecordedCall : public CallListener {
                            [](const auto& recording) { return recording->completing(); });
     }
 
-    void ended(const Call& /*call*/, EndReason /*reason*/) override {
+    void summing_up(const Call& /*call*/, EndReason /*reason*/) override {
         report_failures();
         for (FileReport& file : files()) {
             call_.add_file(std::move(file));

@@ -90,7 +90,7 @@ class SideRecording : public Recording {
 
 // What reports say of a file.
 inline FileReport report_of(const AudioFile& file) {
-    return {file.path(), file.error(), file.dropped_samples()};
+    return {file.path(), file.error(), file.dropped_samples(), file.facts()};
 }
 
 // Calls `use(zeros, size)` until `count` zeros have been used.

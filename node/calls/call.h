@@ -81,6 +81,8 @@ class Call {
     void set_file_stem(std::string stem) { file_stem_ = std::move(stem); }
     // Adds a file of the call's audio, so that the reports at the end name it.
     void add_file(FileReport file) { files_.push_back(std::move(file)); }
+    // Sets the path of the file that describes the call and its files.
+    void set_sidecar(std::string path) { sidecar_ = std::move(path); }
     // Report what an analysis detected; see call_listener.h.
     void report_activity(Side side, const Activity& activity);
     void report_sample(Side side, const FoundSample& sample);
@@ -124,6 +126,8 @@ class Call {
     // Empty if the call gets no files.
     const std::string& file_stem() const { return file_stem_; }
     const std::vector<FileReport>& files() const { return files_; }
+    // Empty if there is none.
+    const std::string& sidecar() const { return sidecar_; }
     const std::vector<FileReport>& failed_files() const { return failed_files_; }
     const CallSide& side(Side which) const { return sides_[index_of(which)]; }
 
@@ -196,6 +200,7 @@ class Call {
     std::string file_stem_;
     std::vector<FileReport> files_;
     std::vector<FileReport> failed_files_;
+    std::string sidecar_;
     std::vector<std::unique_ptr<CallListener>> own_listeners_;  // Those created for this call.
     std::vector<CallListener*> listeners_;
 };

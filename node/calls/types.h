@@ -73,11 +73,20 @@ inline double seconds_between(std::int64_t begin, std::int64_t end) {
     return (static_cast<double>(end) - static_cast<double>(begin)) / 1e6;
 }
 
+// What an audio file holds when it is complete.
+struct FileFacts {
+    int sample_rate = 0;  // Hz.
+    int channels = 0;
+    std::uint64_t samples = 0;  // Of each channel.
+    std::string sha256;         // Of the whole file, in hexadecimal digits. Empty unless computed.
+};
+
 // The result for a file.
 struct FileReport {
     std::string path;
     std::string error;                  // Empty if the file is complete.
     std::uint64_t dropped_samples = 0;  // Replaced by silence, because the disk was too slow.
+    FileFacts facts{};                  // Of audio files.
 };
 
 // A file that is being written on another thread. The owner's thread updates it.

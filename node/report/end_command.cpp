@@ -90,6 +90,9 @@ void EndCommand::ended(const Call& call, EndReason reason) {
         run.environment.push_back("QUORVANE_CALL_REFERENCE=" +
                                   std::string(call.start()->call_reference.c_str()));
     }
+    if (!call.sidecar().empty()) {
+        run.environment.push_back("QUORVANE_SIDECAR=" + call.sidecar());
+    }
     waiting_.push_back(std::move(run));
 }
 

@@ -24,29 +24,6 @@ const char* name_of(media::PacketType type) {
     return "unknown";
 }
 
-Json side_json(const CallSide& side) {
-    const ReorderBuffer::Stats& stats = side.stats();
-    return {{"leg", side.leg().value_or(0)},
-            {"sample_rate", side.sample_rate()},
-            {"sample_rate_assumed", side.rate_assumed()},
-            {"rate_changes", side.rate_changes()},
-            {"packets", stats.packets},
-            {"bytes", side.bytes()},
-            {"samples", stats.samples},
-            {"silence_samples", stats.silence},
-            {"unfilled_samples", stats.unfilled},
-            {"pauses", side.pauses()},
-            {"gaps", stats.gaps},
-            {"lost_packets", stats.lost()},
-            {"late_packets", stats.late},
-            {"reordered_packets", stats.reordered},
-            {"duplicated_packets", stats.duplicates},
-            {"implausible_packets", stats.implausible},
-            {"joined_at", side.joined_at()},
-            {"level_db", side.level().level_db()},
-            {"peak_db", side.level().peak_db()}};
-}
-
 }  // namespace
 
 Json features_json(media::features16_t features) {
@@ -113,6 +90,41 @@ Json sample_json(const Call& call, Side side, const FoundSample& sample) {
         {"noticed", sample.noticed},   {"sample_rate", call.side(side).sample_rate_at(position)}};
 }
 
+Json side_json(const CallSide& side) {
+    const ReorderBuffer::Stats& stats = side.stats();
+    return {{"leg", side.leg().value_or(0)},
+            {"sample_rate", side.sample_rate()},
+            {"sample_rate_assumed", side.rate_assumed()},
+            {"rate_changes", side.rate_changes()},
+            {"packets", stats.packets},
+            {"bytes", side.bytes()},
+            {"samples", stats.samples},
+            {"silence_samples", stats.silence},
+            {"unfilled_samples", stats.unfilled},
+            {"pauses", side.pauses()},
+            {"gaps", stats.gaps},
+            {"lost_packets", stats.lost()},
+            {"late_packets", stats.late},
+            {"reordered_packets", stats.reordered},
+            {"duplicated_packets", stats.duplicates},
+            {"implausible_packets", stats.implausible},
+            {"joined_at", side.joined_at()},
+            {"level_db", side.level().level_db()},
+            {"peak_db", side.level().peak_db()}};
+}
+
+Json file_json(const FileReport& file) {
+    const FileFacts& facts = file.facts;
+    return {{"path", file.path},
+            {"error", file.error},
+            {"dropped_samples", file.dropped_samples},
+            {"sample_rate", facts.sample_rate},
+            {"channels", facts.channels},
+            {"samples", facts.samples},
+            {"seconds", seconds_of(facts.samples, facts.sample_rate)},
+            {"sha256", facts.sha256}};
+}
+
 Json end_json(const Call& call, EndReason reason) {
     Json sides = Json::object();
     for (const Side side : BOTH_SIDES) {
@@ -122,9 +134,7 @@ Json end_json(const Call& call, EndReason reason) {
     }
     Json files = Json::array();
     for (const FileReport& file : call.files()) {
-        files.push_back({{"path", file.path},
-                         {"error", file.error},
-                         {"dropped_samples", file.dropped_samples}});
+        files.push_back(file_json(file));
     }
     return {{"reason", name_of(reason)},
             {"start_seen", call.start().has_value()},
@@ -132,7 +142,8 @@ Json end_json(const Call& call, EndReason reason) {
             {"foreign_packets", call.foreign_packets()},
             {"sides_may_be_apart", call.sides_may_be_apart()},
             {"sides", sides},
-            {"files", files}};
+            {"files", files},
+            {"sidecar", call.sidecar()}};
 }
 
 Json of_call(const Call& call, const Json& fields) {

@@ -17,10 +17,12 @@ nlohmann::json features_json(media::features16_t features);
 nlohmann::json packet_json(const media::Packet& packet, nlohmann::json fields);
 nlohmann::json data_json(const media::Packet& packet);
 
-// Return the fields of the event of that name.
+// Return the fields of the event of that name, or of an entry in it.
 nlohmann::json start_json(const Call& call, const media::Packet& packet);
 nlohmann::json activity_json(const Call& call, Side side, const Activity& activity);
 nlohmann::json sample_json(const Call& call, Side side, const FoundSample& sample);
+nlohmann::json side_json(const CallSide& side);
+nlohmann::json file_json(const FileReport& file);
 nlohmann::json end_json(const Call& call, EndReason reason);
 
 // Returns these fields together with those that identify the call.

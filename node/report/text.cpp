@@ -12,6 +12,21 @@ namespace qv::node {
 
 namespace {
 
+constexpr std::int64_t SECOND = 1'000'000;  // Microseconds.
+
+std::int64_t micros_of_second(Micros time) {
+    return time.count() % SECOND;
+}
+
+// "2026-01-31T23:59:59"
+std::string utc_second(Micros time) {
+    const std::time_t seconds = time.count() / SECOND;
+    tm utc{};
+    gmtime_r(&seconds, &utc);
+    return tools::format("%04d-%02d-%02dT%02d:%02d:%02d", utc.tm_year + 1900, utc.tm_mon + 1,
+                         utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+}
+
 struct FeatureName {
     const char* name;
     std::uint8_t mask;
@@ -60,8 +75,6 @@ std::string shown_text(std::string_view bytes, char32_t code) {
 
 // Nullopt: the system's time.
 thread_local std::optional<Micros> reported_time;
-
-constexpr std::int64_t SECOND = 1'000'000;
 
 struct LocalMoment {
     tm time{};
@@ -147,11 +160,11 @@ void report_as_of(std::optional<Micros> time) {
 
 std::string utc_time() {
     const Micros now = wall_time();
-    const std::time_t seconds = now.count() / SECOND;
-    tm utc{};
-    gmtime_r(&seconds, &utc);
-    return tools::format("%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900, utc.tm_mon + 1,
-                         utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, now.count() % SECOND);
+    return utc_second(now) + tools::format(".%06ldZ", micros_of_second(now));
+}
+
+std::string utc_time_ms(Micros time) {
+    return utc_second(time) + tools::format(".%03ldZ", micros_of_second(time) / 1000);
 }
 
 std::string time_of_day() {

@@ -47,6 +47,8 @@ void report_as_of(std::optional<Micros> time);
 
 // The present time, as "2026-01-31T23:59:59.123456Z".
 std::string utc_time();
+// A moment since 1970, as "2026-01-31T23:59:59.123Z".
+std::string utc_time_ms(Micros time);
 
 // The present time since 1970.
 Micros wall_time();

@@ -69,6 +69,11 @@ class FakeAudioStore : public node::AudioStore {
             store_.files[name_].closed = true;
             return error_.empty();
         }
+        node::FileFacts facts() const override {
+            const FakeFile& file = store_.files[name_];
+            const auto channels = static_cast<std::uint64_t>(file.channels);
+            return {file.sample_rate, file.channels, file.samples.size() / channels, ""};
+        }
         const std::string& path() const override { return name_; }
         const std::string& error() const override { return error_; }
 

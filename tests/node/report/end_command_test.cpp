@@ -33,11 +33,13 @@ class EndCommandTest : public testing::Test {
         return {{std::move(words), most_running, most_waiting},
                 [this](const std::string& what) { reports_.push_back(what); }};
     }
-    void end_call(EndCommand& command, const std::vector<FileReport>& files = {}) const {
+    void end_call(EndCommand& command, const std::vector<FileReport>& files = {},
+                  const std::string& sidecar = {}) const {
         Call call(CALL, 7, {}, limits_, {&command});
         for (const FileReport& file : files) {
             call.add_file(file);
         }
+        call.set_sidecar(sidecar);
         call.close(EndReason::TIMED_OUT);
         call.report_end(EndReason::TIMED_OUT);
     }
@@ -61,6 +63,14 @@ TEST_F(EndCommandTest, GetsTheFilesThatWereWrittenAndWhichCallItWas) {
     EXPECT_EQ(ending.finish(LONG_ENOUGH), 0u);
     EXPECT_EQ(text("seen"), "00010203-0405-0607-0809-0a0b0c0d0e0f timed_out a b.wav $(c).svg\n");
     EXPECT_TRUE(reports_.empty());
+}
+
+TEST_F(EndCommandTest, FindsTheSidecarOfTheCall) {
+    EndCommand ending =
+        command({"sh", "-c", "echo \"$QUORVANE_SIDECAR\" > \"$0\"", folder_ + "/seen"});
+    end_call(ending, {}, "calls/a b.json");
+    EXPECT_EQ(ending.finish(LONG_ENOUGH), 0u);
+    EXPECT_EQ(text("seen"), "calls/a b.json\n");
 }
 
 TEST_F(EndCommandTest, NoMoreRunAtOnceThanAllowed) {

@@ -1,0 +1,64 @@
+#include "node/audio/digest.h"
+
+#include <fcntl.h>
+#include <nettle/sha2.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+#include <vector>
+
+namespace qv::node {
+
+namespace {
+
+constexpr std::size_t PART = std::size_t{256} * 1024;
+
+// Feeds the rest of the file to `sha`. Returns 0 or the error number.
+int read_into(int file, sha256_ctx& sha) {
+    std::vector<std::uint8_t> part(PART);
+    for (;;) {
+        const ssize_t size = ::read(file, part.data(), part.size());
+        if (size == 0) {
+            return 0;
+        }
+        if (size > 0) {
+            sha256_update(&sha, static_cast<std::size_t>(size), part.data());
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+}
+
+std::string digest_text(sha256_ctx& sha) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::array<std::uint8_t, SHA256_DIGEST_SIZE> digest{};
+    sha256_digest(&sha, digest.size(), digest.data());
+    std::string text;
+    for (const std::uint8_t byte : digest) {
+        text += {digits[byte >> 4], digits[byte & 15]};
+    }
+    return text;
+}
+
+}  // namespace
+
+std::string sha256_of_file(const std::string& path, std::string& error) {
+    sha256_ctx sha;
+    sha256_init(&sha);
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (file < 0) {
+        error = std::generic_category().message(errno);
+        return {};
+    }
+    const int failure = read_into(file, sha);
+    ::close(file);
+    if (failure != 0) {
+        error = std::generic_category().message(failure);
+        return {};
+    }
+    return digest_text(sha);
+}
+
+}  // namespace qv::node
