@@ -1,6 +1,7 @@
-// Loaded into quorvane-node with LD_PRELOAD, makes its disk stand still: so many seconds after the
-// first write to a file at a place (QUORVANE_STOP_AFTER), everything that would reach the disk
-// waits, for so long (QUORVANE_STOP_FOR). bench/node_load.sh --stop-disk uses it.
+// Loaded into quorvane-node with LD_PRELOAD, makes its disk stand still: everything that would reach
+// the disk waits, either until a file exists (QUORVANE_STOP_UNTIL), or for some seconds
+// (QUORVANE_STOP_FOR) that begin some seconds after the first write to a file at a place
+// (QUORVANE_STOP_AFTER). bench/node_load.sh --stop-disk and the tests of the media node use it.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/types.h>
@@ -31,6 +32,10 @@ void reach_disk() {
     const Seconds now = Clock::now() - begin;
     if (now >= after && now < after + length) {
         std::this_thread::sleep_for(after + length - now);
+    }
+    static const char* const until = std::getenv("QUORVANE_STOP_UNTIL");
+    while (until != nullptr && ::access(until, F_OK) != 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
 

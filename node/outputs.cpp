@@ -365,9 +365,10 @@ void Outputs::finish(NodeFigures figures) {
     notices_->overflowed(figures.overflowed);
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
     notices_->reports_not_allowed(figures.reports);
+    notices_->audio_dropped(figures.dropped_bytes);
+    notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
     flush_events();
     finish_commands();
-    notices_->audio_dropped(figures.dropped_bytes);
     failed_ = failed_ || figures.dropped_bytes != 0;
     failed_ = failed_ || figures.totals.file_errors != 0;
     LostEvents lost;

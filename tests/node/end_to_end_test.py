@@ -507,18 +507,25 @@ def side_of_two_rates(terminator=False):
 class DiskStandsStill(unittest.TestCase):
     """A library that is loaded first holds up everything that reaches the disk."""
 
-    def stopped(self, seconds, *options):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="quorvane-disk-")
+        self.addCleanup(folder.cleanup)
+        self.moving = pathlib.Path(folder.name) / "moving"
+
+    def stopped(self, *options):
         return Node("--events", "-", "--rate", "8000", "--block", "1", *options,
-                    environment={"LD_PRELOAD": STOPPED_DISK, "QUORVANE_STOP_FOR": str(seconds)})
+                    environment={"LD_PRELOAD": STOPPED_DISK,
+                                 "QUORVANE_STOP_UNTIL": str(self.moving)})
 
     def test_receiver_goes_on_and_nothing_is_lost(self):
-        with self.stopped(6, "--calls", "2") as node:
+        with self.stopped("--calls", "2") as node:
             node.talk((1, 2), 500)
             for call in (1, 2):
                 node.send(of_call(call, golden("call_7_terminate")))
             node.wait_for('(?s)("event":"terminate".*){2}')
-            self.assertFalse(list(node.folder.glob("*.wav")), "too late for this test")
+            self.assertFalse(list(node.folder.glob("*.wav")))
             self.assertFalse(node.events("end"))
+            self.moving.touch()
             self.assertEqual(node.exit_code(), 0, node.text())
             for call in (1, 2):
                 self.assertEqual(samples(node.originator_path(call)),
@@ -527,7 +534,7 @@ class DiskStandsStill(unittest.TestCase):
                 self.assertEqual([file["dropped_samples"] for file in end["files"]], [0])
 
     def test_second_signal_ends_at_once(self):
-        with self.stopped(1000, "--exit-wait", "900") as node:
+        with self.stopped("--exit-wait", "900") as node:
             node.talk((1,), 100)
             node.process.send_signal(signal.SIGTERM)
             node.wait_for("asked to end")
@@ -539,7 +546,7 @@ class DiskStandsStill(unittest.TestCase):
             self.assertNotEqual(end["files"][0]["error"], "")
 
     def test_wait_for_the_disk_at_the_end_is_bounded(self):
-        with self.stopped(1000, "--exit-wait", "0.2", "--timeline") as node:
+        with self.stopped("--exit-wait", "0.2", "--timeline") as node:
             node.talk((1,), 100)
             self.assertEqual(node.stop(), 1)
             self.assertIn("files given up", node.text())
@@ -549,10 +556,12 @@ class DiskStandsStill(unittest.TestCase):
 
     def test_audio_beyond_the_memory_is_lost_and_reported(self):
         calls = (1, 2, 3, 4)
-        with self.stopped(8, "--write-buffer", "1", "--calls", "4") as node:
+        with self.stopped("--write-buffer", "1", "--calls", "4") as node:
             node.talk(calls, 1200)
             for call in calls:
                 node.send(of_call(call, golden("call_7_terminate")))
+            node.wait_for('(?s)("event":"terminate".*){4}')
+            self.moving.touch()
             self.assertEqual(node.exit_code(40), 1, node.text())
             differ = 0
             for call in calls:
