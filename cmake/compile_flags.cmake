@@ -53,3 +53,10 @@ if(QUORVANE_FUZZ)
   target_compile_options(quorvane_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 target_link_options(quorvane_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+
+# quorvane_runs_once(source...): sources of the present folder that run once, when a program starts,
+# and take long to optimize.
+function(quorvane_runs_once)
+  set_source_files_properties(${ARGN} PROPERTIES
+    COMPILE_OPTIONS $<$<NOT:$<CONFIG:Debug>>:-O1>)
+endfunction()
