@@ -1,5 +1,5 @@
-// Loaded into quorvane-node with LD_PRELOAD, makes its disk stand still: everything that would reach
-// the disk waits, either until a file exists (QUORVANE_STOP_UNTIL), or for some seconds
+// Loaded into quorvane-node with LD_PRELOAD, makes its disk stand still: everything that would
+// reach the disk waits, either until a file exists (QUORVANE_STOP_UNTIL), or for some seconds
 // (QUORVANE_STOP_FOR) that begin some seconds after the first write to a file at a place
 // (QUORVANE_STOP_AFTER). bench/node_load.sh --stop-disk and the tests of the media node use it.
 #include <dlfcn.h>
