@@ -152,6 +152,14 @@ class TheTests(unittest.TestCase):
         self.assertEqual([path for path, names in opened.items()
                           if len(names) != 1 or names - namespaces_allowed(path, files)], [])
 
+    def test_have_names_in_camel_case(self):
+        names = [(path, name) for path in self.TESTS for pair in
+                 re.findall(r"^TEST(?:_F|_P)?\((\w+),\s*(\w+)\)", read(path), re.MULTILINE)
+                 for name in pair]
+        self.assertGreater(len(names), 0)
+        self.assertEqual([(path, name) for path, name in names
+                          if not re.fullmatch(r"[A-Z][A-Za-z0-9]*", name)], [])
+
     def test_need_no_names_of_a_whole_namespace(self):
         self.assertEqual([path for path in self.TESTS
                           if re.search(r"^\s*using namespace qv", read(path), re.MULTILINE)], [])

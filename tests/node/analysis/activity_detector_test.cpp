@@ -39,7 +39,7 @@ Sound two_pieces(int rate) {
     return mixed(sound, noise(4.5, 0.001, 3, rate));
 }
 
-TEST(activity_detector, tells_where_sound_begins_and_ends_at_every_rate) {
+TEST(ActivityDetectorTest, TellsWhereSoundBeginsAndEndsAtEveryRate) {
     for (const int rate : {8000, 11025, 16000, 24000, 32000, 44100, 48000}) {
         const auto changes = changes_in(two_pieces(rate), rate);
         ASSERT_EQ(changes.size(), 4u) << rate;
@@ -52,7 +52,7 @@ TEST(activity_detector, tells_where_sound_begins_and_ends_at_every_rate) {
     }
 }
 
-TEST(activity_detector, does_not_depend_on_how_the_sound_is_cut_into_packets) {
+TEST(ActivityDetectorTest, DoesNotDependOnHowTheSoundIsCutIntoPackets) {
     const auto whole = changes_in(two_pieces(8000), 8000, {}, 100'000);
     const auto single = changes_in(two_pieces(8000), 8000, {}, 1);
     ASSERT_EQ(whole.size(), single.size());
@@ -61,7 +61,7 @@ TEST(activity_detector, does_not_depend_on_how_the_sound_is_cut_into_packets) {
     }
 }
 
-TEST(activity_detector, hears_nothing_in_zeros_and_in_steady_noise) {
+TEST(ActivityDetectorTest, HearsNothingInZerosAndInSteadyNoise) {
     EXPECT_TRUE(changes_in(silence(20), 8000).empty());
     const auto noisy = changes_in(noise(20, 0.02, 1), 8000);
     for (const ActivityChange& change : noisy) {
@@ -69,7 +69,7 @@ TEST(activity_detector, hears_nothing_in_zeros_and_in_steady_noise) {
     }
 }
 
-TEST(activity_detector, refuses_options_and_rates_that_make_no_sense) {
+TEST(ActivityDetectorTest, RefusesOptionsAndRatesThatMakeNoSense) {
     ActivityOptions options;
     EXPECT_EQ(options.complaint(), "");
     options.level_db = std::nan("");
@@ -85,7 +85,7 @@ TEST(activity_detector, refuses_options_and_rates_that_make_no_sense) {
     EXPECT_THROW(ActivityDetector(96'000, {}), std::invalid_argument);
 }
 
-TEST(activity_detector, bridges_pauses_up_to_the_hang_over) {
+TEST(ActivityDetectorTest, BridgesPausesUpToTheHangOver) {
     const Sound sound =
         silence(1) + tone({500}, 0.5) + silence(0.3) + tone({500}, 0.5) + silence(2);
     ActivityOptions options;
@@ -95,7 +95,7 @@ TEST(activity_detector, bridges_pauses_up_to_the_hang_over) {
     EXPECT_EQ(changes_in(sound, 8000, options).size(), 2u);
 }
 
-TEST(activity_detector, reports_nothing_shorter_than_the_minimum) {
+TEST(ActivityDetectorTest, ReportsNothingShorterThanTheMinimum) {
     const Sound sound = silence(1) + tone({500}, 0.3) + silence(2);
     ActivityOptions options;
     options.minimum_ms = 500;
@@ -104,7 +104,7 @@ TEST(activity_detector, reports_nothing_shorter_than_the_minimum) {
     EXPECT_EQ(changes_in(sound, 8000, options).size(), 2u);
 }
 
-TEST(activity_detector, reports_nothing_below_its_level) {
+TEST(ActivityDetectorTest, ReportsNothingBelowItsLevel) {
     ActivityOptions options;
     options.level_db = -40;
     const Sound sound = silence(1) + tone({500}, 1, 8000, 0.1) + silence(1);
@@ -112,7 +112,7 @@ TEST(activity_detector, reports_nothing_below_its_level) {
     EXPECT_TRUE(changes_in(louder(sound, -30), 8000, options).empty());
 }
 
-TEST(activity_detector, ends_activity_where_a_gap_begins) {
+TEST(ActivityDetectorTest, EndsActivityWhereAGapBegins) {
     const auto samples = pcm(silence(1) + babble(1, 1));
     ActivityDetector detector(8000, {}, 500);
     Changes changes;
@@ -129,14 +129,14 @@ TEST(activity_detector, ends_activity_where_a_gap_begins) {
     EXPECT_EQ(detector.position(), 500 + gap + 2 * samples.size());
 }
 
-TEST(activity_detector, ends_activity_that_goes_on_when_the_side_ends) {
+TEST(ActivityDetectorTest, EndsActivityThatGoesOnWhenTheSideEnds) {
     const auto changes = changes_in(silence(1) + babble(1, 1), 8000);
     ASSERT_EQ(changes.size(), 2u);
     EXPECT_FALSE(changes[1].active);
     EXPECT_LE(changes[1].position, 16'000u);
 }
 
-TEST(activity_detector, stands_full_scale_noise_clipping_and_direct_current) {
+TEST(ActivityDetectorTest, StandsFullScaleNoiseClippingAndDirectCurrent) {
     for (const double level : {0.05, 1.0, 4.0}) {
         for (const ActivityChange& change : changes_in(noise(5, level, 1), 8000)) {
             EXPECT_LE(change.position, 40'000u);

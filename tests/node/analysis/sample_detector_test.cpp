@@ -56,7 +56,7 @@ std::vector<Found> found_in(const Sound& sound, int rate = 8000, std::size_t pac
     return list.list;
 }
 
-TEST(sample_detector, finds_every_reference_once_and_where_it_begins) {
+TEST(SampleDetectorTest, FindsEveryReferenceOnceAndWhereItBegins) {
     for (unsigned seed = 1; seed <= 10; ++seed) {
         const Sound before = babble(2.123, 100 + seed);
         const auto found = found_in(before + reference(seed) + babble(2, 200 + seed));
@@ -67,13 +67,13 @@ TEST(sample_detector, finds_every_reference_once_and_where_it_begins) {
     }
 }
 
-TEST(sample_detector, finds_nothing_in_other_sound) {
+TEST(SampleDetectorTest, FindsNothingInOtherSound) {
     EXPECT_TRUE(found_in(babble(60, 77)).empty());
     EXPECT_TRUE(found_in(noise(20, 0.1, 5)).empty());
     EXPECT_TRUE(found_in(silence(20)).empty());
 }
 
-TEST(sample_detector, finds_references_at_every_rate_of_the_side) {
+TEST(SampleDetectorTest, FindsReferencesAtEveryRateOfTheSide) {
     for (const int rate : {8000, 11025, 16000, 24000, 32000, 44100, 48000}) {
         const auto found = found_in(babble(1.5, 100, rate) + reference(6, rate) + silence(1, rate),
                                     rate, samples_in(0.02, rate));
@@ -107,7 +107,7 @@ std::shared_ptr<const SampleIndex> tones() {
     return builder.build();
 }
 
-TEST(sample_detector, finds_tones_by_frequency_and_length) {
+TEST(SampleDetectorTest, FindsTonesByFrequencyAndLength) {
     const auto index = tones();
     const struct {
         std::string name;
@@ -130,14 +130,14 @@ TEST(sample_detector, finds_tones_by_frequency_and_length) {
     }
 }
 
-TEST(sample_detector, finds_tones_in_noise) {
+TEST(SampleDetectorTest, FindsTonesInNoise) {
     const Sound sound = silence(1) + tone({1000}, 0.6) + silence(1);
     const auto found = found_in(mixed(sound, noise(2.6, 0.2 / 1.414 / 3.2, 1)), 8000, 160, tones());
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0].name, "beep");
 }
 
-TEST(sample_detector, takes_no_other_tone_for_a_reference) {
+TEST(SampleDetectorTest, TakesNoOtherToneForAReference) {
     const auto index = tones();
     EXPECT_TRUE(found_in(silence(1) + tone({1040}, 0.6) + silence(1), 8000, 160, index).empty());
     EXPECT_TRUE(found_in(silence(1) + tone({1000}, 1.5) + silence(1), 8000, 160, index).empty());
@@ -145,14 +145,14 @@ TEST(sample_detector, takes_no_other_tone_for_a_reference) {
     EXPECT_TRUE(found_in(babble(60, 78), 8000, 160, index).empty());
 }
 
-TEST(sample_detector, finds_a_reference_again_that_is_played_again) {
+TEST(SampleDetectorTest, FindsAReferenceAgainThatIsPlayedAgain) {
     const auto found = found_in(reference(4) + babble(1, 100) + reference(4) + silence(1));
     ASSERT_EQ(found.size(), 2u);
     EXPECT_NEAR(found[0].seconds, 0, 0.02);
     EXPECT_NEAR(found[1].seconds, 2.7, 0.02);
 }
 
-TEST(sample_detector, finds_references_that_are_cut_off_at_either_end) {
+TEST(SampleDetectorTest, FindsReferencesThatAreCutOffAtEitherEnd) {
     const auto late = found_in(babble(1, 100) + part(reference(6), 0.33, 1) + silence(1));
     ASSERT_EQ(late.size(), 1u);
     EXPECT_NEAR(late[0].seconds, 1 - 0.33 * 2.3, 0.02);
@@ -161,13 +161,13 @@ TEST(sample_detector, finds_references_that_are_cut_off_at_either_end) {
     EXPECT_NEAR(early[0].seconds, 1, 0.02);
 }
 
-TEST(sample_detector, tells_a_position_before_the_first_sample_it_was_given) {
+TEST(SampleDetectorTest, TellsAPositionBeforeTheFirstSampleItWasGiven) {
     const auto found = found_in(part(reference(6), 0.5, 1) + silence(1));
     ASSERT_EQ(found.size(), 1u);
     EXPECT_NEAR(found[0].seconds, -0.5 * 2.3, 0.02);
 }
 
-TEST(sample_detector, reports_within_a_second_of_the_beginning) {
+TEST(SampleDetectorTest, ReportsWithinASecondOfTheBeginning) {
     for (unsigned seed = 1; seed <= 10; ++seed) {
         const auto found = found_in(babble(1, 100) + reference(seed) + silence(1));
         ASSERT_EQ(found.size(), 1u);
@@ -175,7 +175,7 @@ TEST(sample_detector, reports_within_a_second_of_the_beginning) {
     }
 }
 
-TEST(sample_detector, does_not_depend_on_how_the_sound_is_cut_into_packets) {
+TEST(SampleDetectorTest, DoesNotDependOnHowTheSoundIsCutIntoPackets) {
     const Sound sound = babble(1, 100) + reference(3) + silence(1);
     const auto usual = found_in(sound);
     for (const std::size_t packet : {1, 7, 80, 1000, 100'000}) {
@@ -185,7 +185,7 @@ TEST(sample_detector, does_not_depend_on_how_the_sound_is_cut_into_packets) {
     }
 }
 
-TEST(sample_detector, keeps_count_over_gaps_of_hours) {
+TEST(SampleDetectorTest, KeepsCountOverGapsOfHours) {
     const auto index = ten_references();
     const auto samples = pcm(reference(5) + silence(1));
     SampleDetector detector(index, 8000, 1000);
@@ -198,7 +198,7 @@ TEST(sample_detector, keeps_count_over_gaps_of_hours) {
     EXPECT_EQ(detector.position(), 1000 + gap + samples.size());
 }
 
-TEST(sample_detector, finds_nothing_without_references) {
+TEST(SampleDetectorTest, FindsNothingWithoutReferences) {
     SampleIndexBuilder builder;
     EXPECT_TRUE(found_in(babble(5, 1), 8000, 160, builder.build()).empty());
 }

@@ -17,13 +17,13 @@ namespace {
 using namespace tests;
 namespace fs = std::filesystem;
 
-class sample_folder : public testing::Test {
+class SampleFolderTest : public testing::Test {
   protected:
-    sample_folder() {
+    SampleFolderTest() {
         std::string name = (fs::temp_directory_path() / "samples_XXXXXX").string();
         folder_ = ::mkdtemp(name.data());
     }
-    ~sample_folder() override { fs::remove_all(folder_); }
+    ~SampleFolderTest() override { fs::remove_all(folder_); }
 
     void write(const std::string& name, const Sound& sound, int rate, int channels = 1) {
         SF_INFO info{};
@@ -40,7 +40,7 @@ class sample_folder : public testing::Test {
     fs::path folder_;
 };
 
-TEST_F(sample_folder, takes_every_wav_file_by_its_name) {
+TEST_F(SampleFolderTest, TakesEveryWavFileByItsName) {
     write("welcome.wav", babble(2, 1), 8000);
     write("Thank you.WAV", babble(1, 2, 44'100), 44'100);
     std::ofstream(folder_ / "notes.txt") << "no sound";
@@ -55,7 +55,7 @@ TEST_F(sample_folder, takes_every_wav_file_by_its_name) {
     EXPECT_NEAR(read.index->reference(0).seconds, 1, 0.001);
 }
 
-TEST_F(sample_folder, names_what_it_refuses_and_why) {
+TEST_F(SampleFolderTest, NamesWhatItRefusesAndWhy) {
     write("a short.wav", silence(1) + babble(0.4, 1) + silence(1), 8000);
     write("b stereo.wav", babble(2, 1), 8000, 2);
     std::ofstream(folder_ / "c text.wav") << "no sound";
@@ -77,7 +77,7 @@ TEST_F(sample_folder, names_what_it_refuses_and_why) {
     EXPECT_EQ(read.refused[3].reason, "0.00 s of sound, less than 0.50 s");
 }
 
-TEST_F(sample_folder, says_which_folder_it_cannot_read) {
+TEST_F(SampleFolderTest, SaysWhichFolderItCannotRead) {
     try {
         load_folder(folder_ / "missing");
         FAIL();
