@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/names.h"
 #include "tests/tools/command_line_test.h"
 #include "tools/address.h"
 
@@ -13,6 +14,7 @@ namespace qv::node {
 
 namespace {
 
+using tests::names;
 using namespace std::chrono_literals;
 
 using NodeOptionsTest = tests::CommandLineTest<Options, parse_options, EXIT_USAGE>;
@@ -113,25 +115,21 @@ TEST_F(NodeOptionsTest, CommandIsSplitAtBlanks) {
     parse({"--on-end", "  python3 /opt/a.py  'x", "--on-end-running", "2"});
     EXPECT_EQ(options_.on_end, (std::vector<std::string>{"python3", "/opt/a.py", "'x"}));
     EXPECT_EQ(options_.on_end_running, 2u);
-    EXPECT_EQ(refusal_of({"--on-end", " "}), "--on-end: a command needs a name");
+    EXPECT_TRUE(names(refusal_of({"--on-end", " "}), {"--on-end"}));
 }
 
 TEST_F(NodeOptionsTest, RefusalNamesTheOptionAndTheValue) {
-    EXPECT_EQ(refusal_of({"--listen", "nowhere"}),
-              "--listen: 'nowhere' is no IPv4 address and port, such as 127.0.0.1:40000");
-    EXPECT_EQ(refusal_of({"--output", ""}), "--output: a folder needs a name");
+    EXPECT_TRUE(names(refusal_of({"--listen", "nowhere"}), {"--listen", "'nowhere'"}));
+    EXPECT_TRUE(names(refusal_of({"--output", ""}), {"--output"}));
     // Without a port, the system would choose one, which nobody wants.
     for (const std::string text : {"", "192.0.2.9", "192.0.2.9:", ":"}) {
-        EXPECT_EQ(refusal_of({"--listen", text}),
-                  "--listen: '" + text + "' is no IPv4 address and port, such as 127.0.0.1:40000");
+        EXPECT_TRUE(names(refusal_of({"--listen", text}), {"--listen", "'" + text + "'"}));
     }
-    EXPECT_EQ(refusal_of({"--rate", "999"}), "--rate: Value 999 not in range 1000 to 384000");
-    EXPECT_EQ(refusal_of({"--metrics", "65536"}),
-              "--metrics: '65536' is no IPv4 address and port, such as 127.0.0.1:40000");
-    EXPECT_EQ(refusal_of({"--calls", "-1"}), "--calls: Value -1 not in range 0 to 1000000000");
-    EXPECT_EQ(refusal_of({"--linger", "soon"}),
-              "--linger: 'soon' is no number of seconds from 0 to 60");
-    EXPECT_EQ(refusal_of({"--unknown"}), "The following argument was not expected: --unknown");
+    EXPECT_TRUE(names(refusal_of({"--rate", "999"}), {"--rate", "999", "1000", "384000"}));
+    EXPECT_TRUE(names(refusal_of({"--metrics", "65536"}), {"--metrics", "'65536'"}));
+    EXPECT_TRUE(names(refusal_of({"--calls", "-1"}), {"--calls", "-1", "0", "1000000000"}));
+    EXPECT_TRUE(names(refusal_of({"--linger", "soon"}), {"--linger", "'soon'", "0", "60"}));
+    EXPECT_TRUE(names(refusal_of({"--unknown"}), {"--unknown"}));
 }
 
 TEST_F(NodeOptionsTest, MetricsMayBeServedOnAnyAddress) {

@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/names.h"
+
 namespace qv::tools {
 
 namespace {
+
+using tests::names;
 
 std::string read(const std::string& text) {
     const auto address = parse_address(text);
@@ -34,23 +38,20 @@ TEST(AddressTest, OtherTextsAreRefused) {
 }
 
 TEST(AddressTest, RefusalNamesTheText) {
-    EXPECT_EQ(check_address("nowhere"),
-              "'nowhere' is no IPv4 address and port, such as 127.0.0.1:40000");
+    EXPECT_TRUE(names(check_address("nowhere"), {"'nowhere'"}));
     EXPECT_EQ(check_address("5060"), "");
-    EXPECT_EQ(check_address(":x"), "':x' is no IPv4 address and port, such as 127.0.0.1:40000");
+    EXPECT_TRUE(names(check_address(":x"), {"':x'"}));
 }
 
 TEST(AddressTest, DestinationIsRefusedWithoutAskingWhatItCouldMean) {
     EXPECT_EQ(check_destination("192.0.2.7:5060"), "");
     EXPECT_EQ(check_destination("5060"), "");
-    EXPECT_EQ(check_destination(":5060"),
-              "':5060' is no IPv4 address and port, such as 127.0.0.1:40000");
+    EXPECT_TRUE(names(check_destination(":5060"), {"':5060'"}));
+    EXPECT_EQ(check_destination(":5060").find("0.0.0.0:5060"), std::string::npos);
 }
 
 TEST(AddressTest, PortBehindAColonIsRefusedWithTheTwoThatItCouldMean) {
-    EXPECT_EQ(check_address(":5060"),
-              "':5060' names no address: write 127.0.0.1:5060 for this machine only, or "
-              "0.0.0.0:5060 for all its addresses");
+    EXPECT_TRUE(names(check_address(":5060"), {"':5060'", "127.0.0.1:5060", "0.0.0.0:5060"}));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "tests/node/analysis/sounds.h"
+#include "tests/support/names.h"
 
 namespace qv::node::analysis {
 
@@ -74,7 +75,7 @@ TEST_F(SampleFolderTest, NamesWhatItRefusesAndWhy) {
     EXPECT_EQ(read.refused[2].file, "c text.wav");
     EXPECT_NE(read.refused[2].reason, "");
     EXPECT_EQ(read.refused[3].file, "d silent.wav");
-    EXPECT_EQ(read.refused[3].reason, "0.00 s of sound, less than 0.50 s");
+    EXPECT_TRUE(names(read.refused[3].reason, {"0.00 s", "0.50 s"}));
 }
 
 TEST_F(SampleFolderTest, SaysWhichFolderItCannotRead) {
@@ -82,9 +83,7 @@ TEST_F(SampleFolderTest, SaysWhichFolderItCannotRead) {
         load_folder(folder_ / "missing");
         FAIL();
     } catch (const std::runtime_error& error) {
-        EXPECT_EQ(std::string(error.what()), "cannot read the samples folder " +
-                                                 (folder_ / "missing").string() +
-                                                 ": No such file or directory");
+        EXPECT_TRUE(names(error.what(), {folder_ / "missing", "No such file or directory"}));
     }
 }
 

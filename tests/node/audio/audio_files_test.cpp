@@ -13,10 +13,13 @@
 #include <memory>
 #include <vector>
 
+#include "tests/support/names.h"
+
 namespace qv::node {
 
 namespace {
 
+using tests::names;
 using Samples = std::vector<std::int16_t>;
 
 class AudioFilesTest : public testing::Test {
@@ -88,14 +91,14 @@ TEST_F(AudioFilesTest, SilenceBeyondWhatAFileHoldsFailsTheFile) {
     const auto file = folder_->create("a.wav", 8000, 1);
     put(*file, {1});
     EXPECT_FALSE(file->write_silence(std::uint64_t{1} << 62));
-    EXPECT_EQ(file->error(), "a WAV file holds no more than 4 GB");
+    EXPECT_TRUE(names(file->error(), {"4 GB"}));
     EXPECT_EQ(read("a.wav"), (Samples{1}));
 }
 
 TEST_F(AudioFilesTest, FilesBeyondTheLimitFailAtOnce) {
     folder_->limit_files(1);
     EXPECT_EQ(folder_->create("a.wav", 8000, 1)->error(), "");
-    EXPECT_EQ(folder_->create("b.wav", 8000, 1)->error(), "too many files");
+    EXPECT_NE(folder_->create("b.wav", 8000, 1)->error(), "");
     EXPECT_FALSE(folder_->exists("b.wav"));
 }
 
@@ -181,7 +184,7 @@ TEST_F(AudioFilesTest, FileRemovedWhileItGrowsIsAnErrorOfTheFile) {
     EXPECT_TRUE(put(*file, {1}));
     std::filesystem::remove_all(folder_path_);
     EXPECT_FALSE(put(*file, {2}));
-    EXPECT_EQ(file->error(), "the file was removed");
+    EXPECT_TRUE(names(file->error(), {"removed"}));
     EXPECT_FALSE(file->close());
 }
 
@@ -191,7 +194,7 @@ TEST_F(AudioFilesTest, FileRemovedBeforeItIsClosedIsAnErrorOfTheFile) {
     std::filesystem::remove(file->path());
     put(*folder_->create("a.wav", 8000, 1), {7});
     EXPECT_FALSE(file->close());
-    EXPECT_EQ(file->error(), "the file was removed");
+    EXPECT_TRUE(names(file->error(), {"removed"}));
     EXPECT_EQ(read("a.wav"), (Samples{7}));
 }
 
@@ -202,7 +205,7 @@ TEST_F(AudioFilesTest, FileRemovedWhileOthersHaveItsTurnIsAnErrorOfTheFile) {
     const auto other = folder_->create("b.wav", 8000, 1);
     std::filesystem::remove(file->path());
     EXPECT_FALSE(file->close());
-    EXPECT_EQ(file->error(), "the file was removed");
+    EXPECT_TRUE(names(file->error(), {"removed"}));
     EXPECT_TRUE(other->close());
 }
 
@@ -212,7 +215,7 @@ TEST_F(AudioFilesTest, FileMovedAwayIsCompletedButNotCalledFine) {
     std::filesystem::rename(file->path(), folder_path_ + "/moved.wav");
     EXPECT_TRUE(put(*file, {2}));
     EXPECT_FALSE(file->close());
-    EXPECT_EQ(file->error(), "the file was moved away");
+    EXPECT_TRUE(names(file->error(), {"moved"}));
     EXPECT_EQ(read("moved.wav"), (Samples{1, 2}));
 }
 

@@ -4,10 +4,13 @@
 
 #include <stdexcept>
 
+#include "tests/support/names.h"
+
 namespace qv::tools::call {
 namespace {
 
 using host::Fault;
+using tests::names;
 
 std::string refusal_of(const std::string& text) {
     try {
@@ -70,15 +73,14 @@ TEST(FaultNamesTest, AFaultIsSwitchedOnAndOff) {
 }
 
 TEST(FaultNamesTest, AnUnknownNameIsRefusedWithTheKnownOnes) {
-    EXPECT_NE(refusal_of("no-luck").find("no fault is named 'no-luck'; there are: bind-"),
-              std::string::npos);
+    EXPECT_TRUE(names(refusal_of("no-luck"), {"'no-luck'", "bind-all-fails", "hide-header"}));
 }
 
 TEST(FaultNamesTest, TimesThatMakeNoSenseAreRefused) {
-    EXPECT_EQ(refusal_of("bug-refused@x").substr(0, 26), "'x' is no time in seconds;");
-    EXPECT_EQ(refusal_of("bug-refused@").substr(0, 25), "'' is no time in seconds;");
-    EXPECT_EQ(refusal_of("bug-refused@3-2"), "the fault '3-2' ends before it begins");
-    EXPECT_EQ(refusal_of("hide-header:A@1-2"), "a hidden header stays hidden: '1-2' names an end");
+    EXPECT_TRUE(names(refusal_of("bug-refused@x"), {"'x'"}));
+    EXPECT_TRUE(names(refusal_of("bug-refused@"), {"''"}));
+    EXPECT_TRUE(names(refusal_of("bug-refused@3-2"), {"'3-2'"}));
+    EXPECT_TRUE(names(refusal_of("hide-header:A@1-2"), {"'1-2'"}));
 }
 
 }  // namespace

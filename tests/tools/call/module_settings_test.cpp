@@ -1,5 +1,6 @@
 // Where the driver looks for the module when no option names one.
 #include "tools/call/module_settings.h"
+#include "tests/support/names.h"
 
 #include <gtest/gtest.h>
 
@@ -11,6 +12,8 @@
 namespace qv::tools::call {
 
 namespace {
+
+using tests::names;
 
 class FindModule : public ::testing::Test {
   protected:
@@ -46,10 +49,9 @@ TEST_F(FindModule, WithoutOneTheErrorNamesTheFoldersThePackagesAndTheOption) {
         FAIL() << "no error";
     } catch (const SettingsError& error) {
         const std::string at = folder_;
-        EXPECT_EQ(error.what(), "there is no mod_quorvane.so in " + at + "/first, " + at +
-                                    "/second, " + at +
-                                    "/third; the packages freeswitch-mod-quorvane and "
-                                    "quorvane-tools have one, and --module names one elsewhere");
+        EXPECT_TRUE(
+            names(error.what(), {"mod_quorvane.so", at + "/first", at + "/second", at + "/third",
+                                 "freeswitch-mod-quorvane", "quorvane-tools", "--module"}));
     }
 }
 

@@ -6,11 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/names.h"
 #include "tests/tools/command_line_test.h"
 
 namespace qv::tools::call {
 namespace {
 
+using tests::names;
 using OptionsTest = qv::tests::CommandLineTest<Options, parse_options, EXIT_USAGE>;
 
 using Variable = std::pair<std::string, std::string>;
@@ -94,33 +96,26 @@ TEST_F(OptionsTest, FaultsAndLevelsAreKnownByName) {
 }
 
 TEST_F(OptionsTest, WrongValuesAreNamedWithTheirOption) {
-    EXPECT_EQ(refusal_of({"--media-node", "localhost"}),
-              "--media-node: 'localhost' is no IPv4 address and port, such as 127.0.0.1:40000");
-    EXPECT_EQ(refusal_of({"--media-node", ":40000"}),
-              "--media-node: ':40000' is no IPv4 address and port, such as 127.0.0.1:40000");
-    EXPECT_EQ(refusal_of({"--set", "novalue"}), "--set: 'novalue' is not NAME=VALUE");
-    EXPECT_EQ(refusal_of({"--set", "=x"}), "--set: '=x' is not NAME=VALUE");
-    EXPECT_EQ(refusal_of({"--uuid", "12"}), "--uuid: '12' is no UUID");
-    EXPECT_EQ(refusal_of({"--duration", "5-2"}),
-              "--duration,--length: '5-2' is no length: MIN is above MAX");
-    EXPECT_EQ(refusal_of({"--duration", "0"}),
-              "--duration,--length: '0' is no length: it must be above 0");
-    EXPECT_EQ(refusal_of({"--config-place", "nowhere"}),
-              "--config-place: nowhere not in {auto,private,relocated}");
-    EXPECT_EQ(refusal_of({"--duration", "soon"}),
-              "--duration,--length: 'soon' in 'soon' is no time in seconds");
-    EXPECT_EQ(refusal_of({"--api", "quorvane"}),
-              "--api: 'quorvane' is no time and command, such as \"1.5 quorvane {uuid} features\"");
-    EXPECT_EQ(refusal_of({"--show-log", "LOUD"}), "--show-log: 'LOUD' is no level of the host");
-    EXPECT_EQ(refusal_of({"--dump-events", "foo"}),
-              "--dump-events: foo not in {none,all,channel,channel-short}");
-    const std::string no_feature =
-        "' is no feature text: true, enabled, inactive, originator, orig, terminator, term, "
-        "orig::VALUE or term::VALUE";
-    EXPECT_EQ(refusal_of({"--default-audio-activity", "both"}),
-              "--default-audio-activity: 'both" + no_feature);
-    EXPECT_EQ(refusal_of({"--default-detection", "TRUE"}),
-              "--default-detection: 'TRUE" + no_feature);
+    const std::vector<std::pair<std::string, std::string>> wrong = {
+        {"--media-node", "localhost"},
+        {"--media-node", ":40000"},
+        {"--set", "novalue"},
+        {"--set", "=x"},
+        {"--uuid", "12"},
+        {"--duration", "5-2"},
+        {"--duration", "0"},
+        {"--duration", "soon"},
+        {"--api", "quorvane"},
+        {"--show-log", "LOUD"},
+        {"--default-detection", "TRUE"},
+        {"--default-audio-activity", "both"}};
+    for (const auto& [option, value] : wrong) {
+        EXPECT_TRUE(names(refusal_of({option, value}), {option, "'" + value + "'"}));
+    }
+    EXPECT_TRUE(names(refusal_of({"--config-place", "nowhere"}),
+                      {"--config-place", "nowhere", "auto", "private", "relocated"}));
+    EXPECT_TRUE(names(refusal_of({"--dump-events", "foo"}),
+                      {"--dump-events", "foo", "none", "all", "channel", "channel-short"}));
     EXPECT_NE(refusal_of({"--frame-ms", "5"}), "accepted");
     EXPECT_NE(refusal_of({"--calls", "0"}), "accepted");
     EXPECT_NE(refusal_of({"--log-level", "debug"}), "accepted");
@@ -129,10 +124,9 @@ TEST_F(OptionsTest, WrongValuesAreNamedWithTheirOption) {
 
 TEST_F(OptionsTest, OptionsThatContradictEachOtherAreRefused) {
     const std::string uuid = "00010203-0405-0607-0809-0a0b0c0d0e0f";
-    EXPECT_EQ(refusal_of({"--uuid", uuid, "--calls", "2"}),
-              "--uuid: is for a single call, not for --calls 2");
-    EXPECT_EQ(refusal_of({"--read", "a.wav", "--sample-rate", "16000"}),
-              "--sample-rate: is for tones; a WAV file has its own");
+    EXPECT_TRUE(names(refusal_of({"--uuid", uuid, "--calls", "2"}), {"--uuid", "--calls 2"}));
+    EXPECT_TRUE(
+        names(refusal_of({"--read", "a.wav", "--sample-rate", "16000"}), {"--sample-rate"}));
     EXPECT_NE(refusal_of({"--quiet", "--verbose"}), "accepted");
 }
 

@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/names.h"
+
 namespace qv::tools::call {
 namespace {
+
+using tests::names;
 
 Audio audio_of(std::uint32_t rate, std::size_t samples, const std::string& name = "a.wav") {
     return {name, rate, std::make_shared<std::vector<std::int16_t>>(samples)};
@@ -29,8 +33,7 @@ TEST(CallPlanTest, SidesOfTwoRatesAreRefused) {
     CallPlan plan;
     plan.read = audio_of(8000, 10, "caller.wav");
     plan.write = audio_of(16000, 10, "agent.wav");
-    EXPECT_EQ(refusal_of(plan),
-              "a call has one sample rate: caller.wav has 8000 Hz, agent.wav has 16000 Hz");
+    EXPECT_TRUE(names(refusal_of(plan), {"caller.wav", "8000", "agent.wav", "16000"}));
 }
 
 TEST(CallPlanTest, FramesLargerThanTheHostsAreRefused) {
@@ -39,8 +42,7 @@ TEST(CallPlanTest, FramesLargerThanTheHostsAreRefused) {
     plan.frame_ms = 80;
     EXPECT_EQ(refusal_of(plan), "accepted");
     plan.frame_ms = 120;
-    EXPECT_EQ(refusal_of(plan),
-              "frames of 120 ms at 48000 Hz have 11520 bytes; the host's hold at most 8192");
+    EXPECT_TRUE(names(refusal_of(plan), {"120", "48000", "11520", "8192"}));
 }
 
 TEST(CallPlanTest, ASideLastsAsLongAsItsAudioUnlessALengthIsGiven) {
