@@ -277,7 +277,7 @@ inline count_bug_down() {
 /* code: module/attached_bugs.cpp AttachedBugs::open_socket: lock_; socket_.open
  * code: quorvane_lib/net_socket.cpp Socket::open: descriptor() >= 0; ::socket;
  *       use_taken_number; descriptor_.store
- * code: quorvane_lib/net_socket.cpp Socket::use_taken_number: ::dup2; ::close; taken_number_ */
+ * code: quorvane_lib/net_socket.cpp Socket::use_taken_number: ::dup3; ::close; taken_number_ */
 inline open_socket() {
     atomic { take(bugs_lock); here }
     if
@@ -300,7 +300,7 @@ inline open_socket() {
  * code: quorvane_lib/net_socket.cpp Socket::close: descriptor_.exchange(-1; ::close;
  *       release_number
  * code: quorvane_lib/net_socket.cpp Socket::close_under_senders: descriptor_.exchange(-1;
- *       ::shutdown; ::dup2; taken_number_ = closed */
+ *       ::shutdown; ::dup3; taken_number_ = closed */
 inline close_socket() {
     atomic { take(bugs_lock); here; target = descriptor; descriptor = NONE }
     atomic {

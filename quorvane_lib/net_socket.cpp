@@ -169,6 +169,11 @@ void limit_send_wait(int descriptor) {
     }
 }
 
+// Programs that the host starts must not inherit the socket: it would outlive the module in them.
+void keep_from_programs(int descriptor) {
+    ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+}
+
 // The system makes a send wait exactly while this is true.
 bool send_buffer_is_full(int descriptor) {
     int queued = 0;
@@ -260,6 +265,7 @@ bool Socket::open(int port, unsigned int address) {
         log_error(__LINE__, errno, " ]: failed to create a socket");
         return false;
     }
+    keep_from_programs(created);
     limit_send_wait(created);
     sockaddr_in local{};
     local.sin_family = AF_INET;
@@ -282,7 +288,7 @@ bool Socket::open(int port, unsigned int address) {
 // Moves the socket `created` to the number that was left taken, and returns the socket's
 // number. Otherwise every reload during calls would use up one more number.
 std::int32_t Socket::use_taken_number(std::int32_t created) {
-    if (taken_number_ < 0 || ::dup2(created, taken_number_) < 0) {
+    if (taken_number_ < 0 || ::dup3(created, taken_number_, O_CLOEXEC) < 0) {
         return created;
     }
     ::close(created);
@@ -356,7 +362,7 @@ void Socket::close_under_senders() {
     // the number stays with the socket, which is shut down and cannot send either.
     const int dead = ::open("/", O_PATH | O_CLOEXEC);
     if (dead >= 0) {
-        ::dup2(dead, closed);
+        ::dup3(dead, closed, O_CLOEXEC);
         ::close(dead);
     }
     taken_number_ = closed;

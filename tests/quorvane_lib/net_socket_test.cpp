@@ -740,6 +740,17 @@ TEST_F(SocketTest, ANumberLeftTakenIsUsedByTheNextOpening) {
     }
 }
 
+// A host starts programs for dialplans and commands, and some of them run for long.
+TEST_F(SocketTest, NoProgramThatTheHostStartsInheritsTheSocketOrItsNumber) {
+    open();
+    const int number = static_cast<int>(descriptor());
+    EXPECT_EQ(::fcntl(number, F_GETFD), FD_CLOEXEC);
+    socket_.close_under_senders();
+    EXPECT_EQ(::fcntl(number, F_GETFD), FD_CLOEXEC);
+    open();
+    EXPECT_EQ(::fcntl(number, F_GETFD), FD_CLOEXEC);
+}
+
 TEST_F(SocketTest, WithoutAFreeDescriptorTheSocketItselfKeepsTheNumberAndSendsNothing) {
     open();
     const int number = static_cast<int>(descriptor());
