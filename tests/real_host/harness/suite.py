@@ -193,6 +193,11 @@ def check_gap_free(stream, *legs) -> None:
         check(not stream.gaps(leg), f"leg {leg}: {stream.gaps(leg)[:3]}")
 
 
+def is_heard(stream, leg: int, sound: KnownSound, seconds: float) -> bool:
+    """Whether an unbroken stretch of the sound, bit for bit, of at least this length is heard."""
+    return sound.longest_match(stream.audio(leg)) >= seconds * sound.rate
+
+
 def check_heard(stream, leg: int, sound: KnownSound, seconds: float) -> None:
     """Checks for an unbroken stretch of the sound, bit for bit, of at least this length.
 
