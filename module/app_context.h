@@ -27,10 +27,12 @@
 
 namespace qv::freeswitch {
 
-// The sender's state for one direction of a call. Only the thread that delivers this
-// direction's frames uses it, and the closing media bug after the last frame. It has its own
-// cache line: the two directions run on two threads, which would otherwise share a line and
-// slow each other down with every frame.
+// The sender's state for one direction of a call. The thread that delivers a frame of this
+// direction uses it, and the closing media bug after the last frame. The host delivers the
+// frames of a direction one at a time, under the lock of its codec, but not always on the same
+// thread: `uuid_media` reads a frame on the command's. It has its own cache line: the two
+// directions run on two threads, which would otherwise share a line and slow each other down
+// with every frame.
 struct alignas(64) LegStream {
     std::uint32_t bytes_sent = 0;  // Audio only.
     std::uint32_t odd_frames = 0;
