@@ -624,7 +624,7 @@ std::shared_ptr<const SampleIndex> index_of(const std::vector<Recording>& record
     return builder.build();
 }
 
-// Processor seconds per second of a call whose both sides are searched.
+// Returns the processor time for one second of a call of which both sides are searched.
 double cost(const std::vector<std::int16_t>& samples,
             const std::shared_ptr<const SampleIndex>& index) {
     double best = 1e9;

@@ -15,11 +15,11 @@ struct Range {
 
 constexpr Range UNPRINTABLE[] = {
     {0x00, 0x1F},        // Control characters.
-    {0x7F, 0x9F},        // More of them.
+    {0x7F, 0x9F},        // Further control characters.
     {0xAD, 0xAD},        // Soft hyphen.
     {0x61C, 0x61C},      // Changes the direction, in Arabic text.
     {0x180B, 0x180F},    // Mongolian marks without width.
-    {0x200B, 0x200F},    // Without width, and direction marks.
+    {0x200B, 0x200F},    // Characters without width, direction marks.
     {0x2028, 0x202E},    // Line and paragraph separators, direction changes.
     {0x2060, 0x206F},    // Invisible operators, direction changes.
     {0xD800, 0xDFFF},    // Halves of UTF-16 characters.

@@ -194,8 +194,8 @@ class TimelineOfCall : public CallListener {
         }
     }
 
-    // Returns the place of a position in the outline, which includes the pauses. A stretch ends
-    // before a pause that begins at its end.
+    // Returns the place of a position in the outline, which includes the pauses. If a pause begins
+    // at the position, the end of a stretch is placed before it, any other position after it.
     std::uint64_t place_of(Side side, std::uint64_t position, bool is_end = false) const {
         return pauses_[index_of(side)].place_of(position, is_end);
     }

@@ -139,7 +139,7 @@ TEST_F(MemoryFaultTest, ALoadWithoutMemoryIsRefusedAndTheNextOneWorks) {
             ASSERT_TRUE(result.loaded);
             break;
         }
-        // A setting without memory is refused like any other setting that cannot be read.
+        // If there is no memory for a setting, the load is refused.
         if (result.loaded) {
             ASSERT_TRUE(unload().unloaded);
         } else {

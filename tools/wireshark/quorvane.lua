@@ -562,7 +562,7 @@ local function follow_data(call, packet, number, time)
     end
 end
 
--- A packet with another key is not the call's, whatever it says.
+-- A packet with another key does not belong to the call. It is only marked as odd.
 local function follow_stranger(call, packet, number)
     local leg = packet.kind == DATA and call.legs[leg_of(packet)]
     if leg then

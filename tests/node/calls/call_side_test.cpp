@@ -446,7 +446,8 @@ TEST_F(RateChangeTest, EveryUsualRateIsFoundAfterEveryOther) {
             offset_ = 0;
             speak(75, before);
             speak(75, after);
-            // Full packets could still be part of a frame as before.
+            // The first full packets of a frame also fit a frame of the old length, so the change
+            // is found after them.
             const int shared = std::min(before, after) / 661 * 661;
             EXPECT_EQ(rates(), std::to_string(before * 50) + " " + std::to_string(after * 50) +
                                    "@" + std::to_string(75 * before + shared));

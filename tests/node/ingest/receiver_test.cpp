@@ -138,7 +138,8 @@ TEST_F(ReceiverTest, WhatIsThereIsTakenBeforeStopping) {
     EXPECT_EQ(taken_, std::vector<std::string>{"last"});
 }
 
-// At most once a millisecond, because waking up costs more than reading the datagrams.
+// The receiver wakes up at most once per millisecond, because that costs more than reading the
+// datagrams.
 TEST_F(ReceiverTest, ASteadyStreamIsTakenInGroups) {
     open(1 << 20);
     receiver_.start();

@@ -28,7 +28,7 @@ class EventFileTest : public testing::Test {
         std::filesystem::remove_all(folder_);
     }
 
-    // As if the disk had room for this many bytes of the file.
+    // Lets the file grow to this size only, as if the disk were full then.
     void limit(rlim_t size) const {
         const rlimit limited{size, usual_.rlim_max};
         setrlimit(RLIMIT_FSIZE, &limited);
