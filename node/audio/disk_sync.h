@@ -1,44 +1,44 @@
 // Flushes the file system of a folder to the disk at regular intervals, so that a power cut loses
 // no more than one interval.
 //
-// The work runs on a thread of its own because the disk may be slow. Only the destructor waits for
-// it.
+// The work runs on a thread of its own because the disk may be slow. Nobody has to wait for it: if
+// the disk does not come back before the end, the thread is left behind and owns all that it still
+// uses.
 #pragma once
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
-
-#include "quorvane_lib/mutex.h"
 
 namespace qv::node {
 
 class DiskSync {
   public:
-    // Flushes. Returns why it failed, or an empty text.
+    // Flushes. Returns why it failed, or an empty text. Everything that it uses must outlive the
+    // thread, so it is best a copy.
     using Work = std::function<std::string()>;
 
     // Begins at once. `work` runs on the thread after each `interval`, and once more at the end.
     DiskSync(std::chrono::duration<double> interval, Work work);
+    // Does not wait; see finish().
     ~DiskSync();
     DiskSync(const DiskSync&) = delete;
     DiskSync& operator=(const DiskSync&) = delete;
 
-    // Returns the latest error that was not taken yet, or an empty text. Any thread may call it.
-    std::string take_error() QV_EXCLUDES(mutex_);
+    // Has the work run for the last time. Waits for its end until the time has come. Returns
+    // whether it has ended. May be called again.
+    bool finish(std::chrono::steady_clock::time_point until);
+
+    // Returns the latest error that was not taken yet, or an empty text.
+    std::string take_error();
 
   private:
-    void run() QV_EXCLUDES(mutex_);
-    bool ended_after(std::chrono::steady_clock::time_point time) QV_EXCLUDES(mutex_);
+    struct Shared;
 
-    const std::chrono::steady_clock::duration interval_;
-    const Work work_;
-    Mutex mutex_;
-    Condition ending_;
-    bool end_ QV_GUARDED_BY(mutex_) = false;
-    std::string error_ QV_GUARDED_BY(mutex_);
-    std::thread thread_;  // The last member, because the thread uses the others.
+    const std::shared_ptr<Shared> shared_;
+    std::thread thread_;
 };
 
 // Flushes the file system of that folder to the disk. Returns why it failed, or an empty text.

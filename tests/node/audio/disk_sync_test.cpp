@@ -4,6 +4,9 @@
 
 #include <atomic>
 #include <filesystem>
+#include <future>
+#include <memory>
+#include <thread>
 
 namespace qv::node {
 
@@ -26,13 +29,39 @@ TEST(DiskSyncTest, WorksAgainAndAgain) {
 
 TEST(DiskSyncTest, EndsAtOnceAndWorksOnceMore) {
     std::atomic<int> rounds{0};
+    DiskSync sync(1h, [&rounds] {
+        ++rounds;
+        return std::string();
+    });
+    EXPECT_TRUE(sync.finish(std::chrono::steady_clock::now() + 30s));
+    EXPECT_EQ(rounds, 1);
+}
+
+TEST(DiskSyncTest, ErrorOfTheLastRoundIsNotMissed) {
+    DiskSync sync(1h, [] { return std::string("Input/output error"); });
+    EXPECT_TRUE(sync.finish(std::chrono::steady_clock::now() + 30s));
+    EXPECT_EQ(sync.take_error(), "Input/output error");
+}
+
+TEST(DiskSyncTest, DiskThatStandsStillIsNotWaitedForForever) {
+    const auto disk_goes_on = std::make_shared<std::promise<void>>();
+    const std::shared_future<void> going = disk_goes_on->get_future().share();
+    const auto left_behind = std::make_shared<std::atomic<bool>>(true);
     {
-        const DiskSync sync(1h, [&rounds] {
-            ++rounds;
+        DiskSync sync(1h, [going, left_behind] {
+            going.wait();
+            *left_behind = false;
             return std::string();
         });
+        EXPECT_FALSE(sync.finish(std::chrono::steady_clock::now() + 5ms));
     }
-    EXPECT_EQ(rounds, 1);
+    EXPECT_TRUE(*left_behind);
+    disk_goes_on->set_value();
+    const auto end = std::chrono::steady_clock::now() + 30s;
+    while (*left_behind && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_FALSE(*left_behind);
 }
 
 TEST(DiskSyncTest, ErrorIsTakenOnce) {
