@@ -66,6 +66,12 @@ int ftruncate(int file, off_t size) noexcept {
     return real(file, size);
 }
 
+int syncfs(int file) noexcept {
+    static const auto real = next<int (*)(int)>("syncfs");
+    reach_disk();
+    return real(file);
+}
+
 int renameat2(int from_folder, const char* from, int to_folder, const char* to,
               unsigned flags) noexcept {
     static const auto real =

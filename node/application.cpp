@@ -15,11 +15,11 @@ constexpr auto TICK = std::chrono::milliseconds(50);
 
 }  // namespace
 
-Application::Application(const Options& options, std::ostream& out, std::ostream& errors)
+Application::Application(const Options& options, std::ostream& errors)
     : options_(options),
       errors_(errors),
       timer_(loop_),
-      outputs_(options_, out, errors),
+      outputs_(options_, [this] { return keep_waiting(); }),
       receiver_(loop_, [this](const Datagram& datagram) { intake_->receive(datagram); }) {}
 
 int Application::run() {
@@ -83,11 +83,12 @@ void Application::pass_time(Micros until) {
         report_as_of(now_);
         calls_->tick(now_);
         // The end of a call is reported at its time in the capture.
-        while (calls_->completing() != 0) {
+        while (calls_->completing() != 0 && keep_waiting()) {
             outputs_.files_complete();
             calls_->report_ends();
         }
         outputs_.update(figures(now_), now_);
+        report_reloaded();
     }
     now_ = calls_->size() != 0 ? now_ : until;
 }
@@ -164,7 +165,8 @@ void Application::tick() {
     const Micros now = steady_now();
     calls_->tick(now);
     outputs_.update(figures(now), now);
-    if (outputs_.quit()) {
+    report_reloaded();
+    if (outputs_.take_quit()) {
         outputs_.lines().say("asked to end", "by a key");
         loop_.stop();
     } else if (enough_calls()) {
@@ -206,7 +208,24 @@ void Application::reload() {
     // The service manager compares this time with the time of its request.
     notify("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(steady_now().count()));
     outputs_.reload();
-    notify("READY=1");
+}
+
+void Application::report_reloaded() {
+    if (outputs_.take_reloaded()) {
+        notify("READY=1");
+    }
+}
+
+// Whether a wait may go on: signals are handled, too. While the program ends, only a further one
+// ends the wait.
+bool Application::keep_waiting() {
+    if (ending_files_) {
+        loop_.restart();
+        loop_.poll();
+        return !impatient_;
+    }
+    loop_.poll();
+    return !loop_.stopped();
 }
 
 void Application::notify(const std::string& state) {
@@ -216,15 +235,14 @@ void Application::notify(const std::string& state) {
     }
 }
 
-// The disk may stand still. Another signal ends the wait.
+// The disk may stand still. Another signal or key ends the wait.
 void Application::complete_files() {
     const auto begin = std::chrono::steady_clock::now();
     const auto longest = std::chrono::duration<double>(options_.exit_wait_s);
-    ending_ = true;
     while (!all_complete()) {
-        loop_.restart();
-        loop_.poll();
-        if (impatient_ || std::chrono::steady_clock::now() - begin >= longest) {
+        outputs_.show_ending(figures(now()), now());
+        impatient_ = outputs_.take_quit() || impatient_;
+        if (!keep_waiting() || std::chrono::steady_clock::now() - begin >= longest) {
             outputs_.give_up_files();
             calls_->report_ends();
             break;
@@ -232,10 +250,14 @@ void Application::complete_files() {
     }
 }
 
+Micros Application::now() const {
+    return capture_.has_value() ? now_ : steady_now();
+}
+
 bool Application::all_complete() {
     const bool complete = outputs_.files_complete();
     calls_->report_ends();
-    return complete && calls_->completing() == 0;
+    return complete && calls_->completing() == 0 && outputs_.synced();
 }
 
 int Application::finish() {
@@ -245,8 +267,10 @@ int Application::finish() {
     }
     timer_.cancel();
     calls_->shut_down();
+    ending_ = true;
+    ending_files_ = true;
     complete_files();
-    outputs_.finish(figures(capture_.has_value() ? now_ : steady_now()));
+    outputs_.finish(figures(now()));
     return outputs_.failed() || waited_in_vain_ ? EXIT_TROUBLE : EXIT_FINE;
 }
 

@@ -20,9 +20,8 @@ namespace qv::node {
 
 class Application {
   public:
-    // `out` receives the lines or the events. `errors` receives what keeps the program from
-    // starting, and the lines when `out` receives events.
-    Application(const Options& options, std::ostream& out, std::ostream& errors);
+    // `errors` receives what keeps the program from starting.
+    Application(const Options& options, std::ostream& errors);
 
     // Runs until a signal arrives or an option ends the run. Returns the exit code.
     int run();
@@ -32,6 +31,8 @@ class Application {
     std::string open_socket();
     void notify(const std::string& state);
     void reload();
+    void report_reloaded();
+    bool keep_waiting();
     void open_calls();
     std::string open_capture();
     void listen();
@@ -45,6 +46,7 @@ class Application {
     NodeFigures figures(Micros now);
     void complete_files();
     bool all_complete();
+    Micros now() const;
     int finish();
 
     const Options options_;
@@ -60,6 +62,7 @@ class Application {
     std::string address_;
     Micros began_{0};
     bool ending_ = false;
+    bool ending_files_ = false;    // No more packets are taken.
     bool impatient_ = false;       // Asked once more to end.
     bool waited_in_vain_ = false;  // No calls came, or the capture did not end properly.
 };

@@ -1,6 +1,9 @@
 #include "node/outputs.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <filesystem>
 #include <system_error>
@@ -8,7 +11,6 @@
 
 #include "node/analysis/sample_folder.h"
 #include "node/audio/new_file.h"
-#include "node/report/summary.h"
 #include "node/report/text.h"
 #include "tools/address.h"
 
@@ -19,6 +21,10 @@ namespace {
 constexpr Micros FRAME{250'000};
 constexpr Micros SECOND{1'000'000};
 constexpr std::chrono::seconds PATIENCE_WITH_COMMANDS{10};
+// At the end, for who reads the lines or the events.
+constexpr std::chrono::seconds PATIENCE_WITH_READERS{2};
+constexpr std::chrono::milliseconds A_MOMENT{50};
+constexpr std::size_t MOST_WAITING_EVENTS = 1 << 20;  // Bytes.
 constexpr std::size_t USUAL_OPEN_FILES = 8192;
 
 bool events_to_stdout(const Options& options) {
@@ -40,14 +46,17 @@ std::string buffer_text(std::uint64_t granted, std::uint64_t wanted) {
 
 }  // namespace
 
-Outputs::Outputs(const Options& options, std::ostream& out, std::ostream& errors)
+Outputs::Outputs(const Options& options, KeepWaiting keep_waiting)
     : options_(options),
+      keep_waiting_(std::move(keep_waiting)),
       live_(options.live && options.read.empty() && !events_to_stdout(options) &&
             Terminal::present()),
-      terminal_(out),
-      lines_(events_to_stdout(options) ? errors : out),
+      console_(events_to_stdout(options) ? STDERR_FILENO : STDOUT_FILENO),
+      terminal_(console_),
+      lines_(console_.lines()),
       folder_(std::make_unique<WavFolder>(options.folder, open_files(options), options.overwrite)) {
     lines_.show_dates();
+    console_.wait_for_room([this] { return wait_on(); });
 }
 
 std::string Outputs::open_folder() {
@@ -80,37 +89,48 @@ std::string Outputs::open_samples() {
     if (options_.samples.empty()) {
         return {};
     }
+    const auto load = [folder = options_.samples] { return analysis::load_folder(folder); };
     std::string error;
-    samples_ = load_samples(error);
-    reloads_.add("folder of samples " + options_.samples, [this] { return reload_samples(); });
+    samples_ = loaded(analysis::load_now(load), error);
+    sample_loader_ = std::make_unique<analysis::SampleLoader>(load);
+    reloads_.add(
+        "folder of samples " + options_.samples, [this] { sample_loader_->begin(); },
+        [this] { return take_samples(); });
     return error;
 }
 
 // Names the files that are refused. If no reference is left, it returns null and says why.
-std::shared_ptr<const analysis::SampleIndex> Outputs::load_samples(std::string& error) {
-    try {
-        analysis::SampleFolder folder = analysis::load_folder(options_.samples);
-        for (const analysis::SampleFolder::Refusal& refusal : folder.refused) {
-            lines_.say("sample refused", quoted_text(refusal.file) + ": " + refusal.reason);
-        }
-        if (folder.index->size() != 0) {
-            lines_.say("samples", counted(folder.index->size(), "sample") + " of " +
-                                      options_.samples + " to look for");
-            return folder.index;
-        }
-        error = "no sample to look for in " + options_.samples +
-                (folder.refused.empty() ? ": it holds no WAV file" : ": every file was refused");
-    } catch (const std::exception& failure) {  // Also if the samples need too much memory.
-        error = failure.what();
+std::shared_ptr<const analysis::SampleIndex> Outputs::loaded(
+    const analysis::SampleLoader::Result& result, std::string& error) {
+    error = result.error;
+    if (!error.empty()) {
+        return nullptr;
     }
-    return nullptr;
+    for (const analysis::SampleFolder::Refusal& refusal : result.folder.refused) {
+        lines_.say("sample refused", quoted_text(refusal.file) + ": " + refusal.reason);
+    }
+    const auto& index = result.folder.index;
+    if (index->size() == 0) {
+        error =
+            "no sample to look for in " + options_.samples +
+            (result.folder.refused.empty() ? ": it holds no WAV file" : ": every file was refused");
+        return nullptr;
+    }
+    lines_.say("samples",
+               counted(index->size(), "sample") + " of " + options_.samples + " to look for");
+    return index;
 }
 
-std::string Outputs::reload_samples() {
+// Returns nullopt while they are still loaded, and otherwise why they cannot be used.
+std::optional<std::string> Outputs::take_samples() {
+    const auto result = sample_loader_->take();
+    if (!result.has_value()) {
+        return std::nullopt;
+    }
     std::string error;
-    const auto samples = load_samples(error);
-    if (samples != nullptr) {
-        analyser_->set_samples(samples);
+    if (auto samples = loaded(*result, error)) {
+        samples_ = samples;
+        analyser_->set_samples(std::move(samples));
     }
     return error;
 }
@@ -123,17 +143,32 @@ std::string Outputs::open_events() {
     if (options_.events.empty()) {
         return {};
     }
-    const std::string error = events_file_.open(options_.events);
+    auto file = std::make_unique<EventFile>();
+    const std::string error = file->open(options_.events);
     if (!error.empty()) {
         return "cannot write events to " + options_.events + ": " + error;
     }
+    events_outlet_ = std::make_unique<TextOutlet>(std::move(file), MOST_WAITING_EVENTS);
     events_ = std::make_unique<EventLog>(
-        [this](const char* lines, std::size_t size) { return events_file_.write(lines, size); },
+        [this](const char* lines, std::size_t size) {
+            return take_events({lines, size});
+        },
         options_.every_packet);
     if (!events_to_stdout(options_)) {
-        reloads_.add("events file " + options_.events, [this] { return events_file_.reopen(); });
+        reloads_.add(
+            "events file " + options_.events, [this] { events_outlet_->reopen(); },
+            [this] { return events_outlet_->take_reopened(); });
     }
     return {};
+}
+
+std::size_t Outputs::take_events(std::string_view lines) {
+    while (!events_outlet_->add(lines)) {
+        if (!wait_on()) {
+            return 0;
+        }
+    }
+    return lines.size();
 }
 
 std::string Outputs::open_metrics() {
@@ -236,7 +271,8 @@ void Outputs::build_store() {
     }
     store_ = std::make_unique<BackgroundStore>(
         std::move(folder_), options_.folder,
-        BackgroundStore::Options{options_.write_buffer_mib * 1024 * 1024, !options_.read.empty()});
+        BackgroundStore::Options{options_.write_buffer_mib * 1024 * 1024,
+                                 options_.read.empty() ? nullptr : keep_waiting_});
     tasks_ = std::make_unique<TaskThread>();
     finisher_ =
         std::make_unique<FileFinisher>(*store_, *tasks_, FileFinisher::Options{options_.sidecar});
@@ -249,17 +285,54 @@ void Outputs::build_store() {
 }
 
 bool Outputs::files_complete() {
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+    const auto until = std::chrono::steady_clock::now() + A_MOMENT;
     const bool written = store_->wait(until);
     store_->update();
     finisher_->update();
     return written && tasks_->wait(until);
 }
 
+bool Outputs::synced() {
+    syncing_ = disk_sync_ != nullptr;
+    return !syncing_ || disk_sync_->finish(std::chrono::steady_clock::now() + A_MOMENT);
+}
+
+std::string Outputs::waits_for() const {
+    const BackgroundStore::Figures files = store_->figures();
+    if (syncing_) {
+        return "the last flush to the disk";
+    }
+    if (files.incomplete_files == 0) {
+        return "the work on complete files";
+    }
+    return "the disk: " + grouped(files.waiting_bytes) + " bytes for " +
+           counted(files.incomplete_files, "file");
+}
+
+void Outputs::show_ending(const NodeFigures& figures, Micros now) {
+    if (!std::exchange(ending_shown_, true)) {
+        last_second_ = now;
+    }
+    if (live_) {
+        live_view_.set_ending(waits_for());
+        show_live(figures, now);
+    } else if (now - last_second_ >= SECOND) {
+        last_second_ = now + std::chrono::hours(24);  // Once.
+        lines_.say("waiting for the end", waits_for() + "; another signal ends the wait");
+    }
+    flush_events();
+    lines_.flush();
+}
+
 void Outputs::give_up_files() {
+    failed_ = true;
+    if (syncing_) {
+        lines_.say("not brought to the disk",
+                   options_.folder + ": the last flush did not end in time");
+        return;
+    }
     lines_.say("files given up", grouped(store_->figures().waiting_bytes) +
                                      " bytes wait for the disk, which does not take them");
-    failed_ = true;
     store_->abandon("the disk did not take all of it before the end");
     tasks_->abandon();
     finisher_->update();
@@ -312,6 +385,13 @@ void Outputs::update(NodeFigures figures, Micros now) {
         end_command_->poll();
     }
     analyser_->update();
+    const bool reloaded =
+        reloads_.update([this](const std::string& what, const std::string& error) {
+            lines_.say(error.empty() ? "opened again" : "not opened again",
+                       what + (error.empty() ? "" : ": " + error));
+        });
+    reloaded_ = reloaded_ || reloaded;
+    report_lost_output();
     lines_.flush();
     flush_events();
     if (live_) {
@@ -350,10 +430,7 @@ void Outputs::reload() {
     if (reloads_.empty()) {
         lines_.say("asked to read again", "there is no file to read or open again");
     }
-    reloads_.run([this](const std::string& what, const std::string& error) {
-        lines_.say(error.empty() ? "opened again" : "not opened again",
-                   what + (error.empty() ? "" : ": " + error));
-    });
+    reloads_.request();
 }
 
 void Outputs::finish(NodeFigures figures) {
@@ -369,31 +446,73 @@ void Outputs::finish(NodeFigures figures) {
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
     flush_events();
     finish_commands();
+    report_sync();
     failed_ = failed_ || figures.dropped_bytes != 0;
     failed_ = failed_ || figures.totals.file_errors != 0;
-    LostEvents lost;
-    if (events_ != nullptr) {
-        lost = {events_->dropped() + events_->waiting(), options_.events};
-    }
+    const LostEvents lost = finish_events();
+    lines_.flush();
+    wait_for_reader([this](auto until) { return console_.wait(until); });
+    report_lost_output();
+    figures.lost_lines = console_.lost_lines();
     print_summary(lines_, figures, lost);
     lines_.flush();
+    wait_for_reader([this](auto until) { return console_.wait(until); });
+}
+
+// Nobody may be reading the events.
+LostEvents Outputs::finish_events() {
+    if (events_ == nullptr) {
+        return {};
+    }
+    wait_for_reader([this](auto until) {
+        flush_events();
+        return events_outlet_->wait(until) && events_->waiting() == 0;
+    });
+    flush_events();
+    const LostEvents lost{events_->dropped() + events_->waiting() + events_outlet_->waiting_lines(),
+                          options_.events};
+    failed_ = failed_ || lost.count != 0;
+    return lost;
+}
+
+// Calls `done` until it returns true or there has been patience enough. It waits until the time
+// that it is given.
+template <typename Done>
+void Outputs::wait_for_reader(Done done) {
+    const auto end = std::chrono::steady_clock::now() + PATIENCE_WITH_READERS;
+    while (!done(std::chrono::steady_clock::now() + A_MOMENT) && keep_waiting_()) {
+        if (options_.read.empty() && std::chrono::steady_clock::now() >= end) {
+            return;
+        }
+    }
+}
+
+// Once somebody reads it again.
+void Outputs::report_lost_output() {
+    const std::uint64_t lines = console_.take_lost_lines();
+    if (lines != 0) {
+        lines_.say("lines lost", grouped(lines) + ": nothing read this output");
+    }
 }
 
 void Outputs::flush_events() {
     if (events_ == nullptr) {
         return;
     }
-    const bool failed = !events_->flush();
-    if (events_file_.replaced() !=
-        std::exchange(reported_new_event_files_, events_file_.replaced())) {
+    const bool refused = !events_->flush();
+    const std::string error = events_outlet_->error();
+    if (events_outlet_->replaced() !=
+        std::exchange(reported_new_event_files_, events_outlet_->replaced())) {
         lines_.say("events go to a new file", options_.events + " had been moved or removed");
     }
+    const bool failed = refused || !error.empty();
     if (failed == std::exchange(events_failed_, failed)) {
         return;
     }
     if (failed) {
         failed_ = true;
-        lines_.say("events not written", options_.events + ": " + events_file_.error());
+        lines_.say("events not written",
+                   options_.events + ": " + (error.empty() ? "nothing takes them" : error));
         return;
     }
     const std::uint64_t lost = events_->dropped();
@@ -405,7 +524,12 @@ void Outputs::finish_commands() {
     if (end_command_ == nullptr) {
         return;
     }
-    const std::uint64_t left = end_command_->finish(PATIENCE_WITH_COMMANDS);
+    const auto until = std::chrono::steady_clock::now() + PATIENCE_WITH_COMMANDS;
+    std::uint64_t left = end_command_->finish(A_MOMENT);
+    while (left + end_command_->running() != 0 && keep_waiting_() &&
+           std::chrono::steady_clock::now() < until) {
+        left = end_command_->finish(A_MOMENT);
+    }
     const EndCommand::Counts& counts = end_command_->counts();
     if (left + counts.skipped != 0) {
         lines_.say("command not run", "after " + counted(left + counts.skipped, "call"));
@@ -428,6 +552,8 @@ void Outputs::add_figures(NodeFigures& figures) const {
     figures.waiting_bytes = files.waiting_bytes;
     figures.dropped_bytes = files.dropped_bytes;
     figures.calls_not_written = file_names_->refused_calls();
+    figures.lost_lines = console_.lost_lines();
+    figures.lost_frames = console_.lost_frames();
     if (reports_ != nullptr) {
         figures.reports = reports_->figures();
     }

@@ -5,12 +5,16 @@
 // what an output is. Belongs to one thread.
 #pragma once
 
+#include <functional>
 #include <memory>
-#include <ostream>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "node/analysis/analyser.h"
+#include "node/analysis/sample_loader.h"
 #include "node/audio/audio_files.h"
 #include "node/audio/background_store.h"
 #include "node/audio/disk_sync.h"
@@ -21,6 +25,7 @@
 #include "node/calls/call_listener.h"
 #include "node/options.h"
 #include "node/reload_list.h"
+#include "node/report/console.h"
 #include "node/report/end_command.h"
 #include "node/report/event_file.h"
 #include "node/report/event_log.h"
@@ -32,16 +37,22 @@
 #include "node/report/notices.h"
 #include "node/report/report_sender.h"
 #include "node/report/sidecar.h"
+#include "node/report/summary.h"
 #include "node/report/terminal.h"
+#include "node/report/text_outlet.h"
 #include "node/report/timeline.h"
 
 namespace qv::node {
 
 class Outputs {
   public:
-    // `out` receives the lines or the events. `errors` receives the lines when `out` receives
-    // events. All arguments must outlive this object.
-    Outputs(const Options& options, std::ostream& out, std::ostream& errors);
+    // Called about every 50 ms of a wait. Returns false if there must be no more waiting.
+    using KeepWaiting = std::function<bool()>;
+
+    // The standard output receives the lines or the events, and the standard error the lines when
+    // the standard output receives events. A capture is read only as fast as the outputs take what
+    // it has, as long as `keep_waiting` says so. The options must outlive this object.
+    Outputs(const Options& options, KeepWaiting keep_waiting);
 
     // Call these in this order before anything else. Each returns what cannot be used and why, or
     // an empty text.
@@ -62,17 +73,22 @@ class Outputs {
     // Call it several times a second. Shows what has happened, and completes `figures` with those
     // of the outputs.
     void update(NodeFigures figures, Micros now);
-    // A key of the live view asked for the end of the program.
-    bool quit() const { return live_view_.quit(); }
-    // Reopens and rereads what SIGHUP is for, and reports the results.
+    // Whether a key of the live view has asked for the end of the program since the last call.
+    bool take_quit() { return live_view_.take_quit(); }
+    // Reopens and rereads what SIGHUP is for; update() goes on with it and reports the results.
     void reload();
-    // Add to it whatever is read at the start and again by reload().
-    ReloadList& reloads() { return reloads_; }
+    // Whether a reload has finished since the last call.
+    bool take_reloaded() { return std::exchange(reloaded_, false); }
     // Call it after all calls have ended. Writes everything that is still waiting, and the summary.
     void finish(NodeFigures figures);
 
     // Waits a moment for files that are being completed. Returns whether all of them are complete.
     bool files_complete();
+    // Call it when all files are complete. Waits a moment for the last flush to the disk, if there
+    // is one. Returns whether it has ended.
+    bool synced();
+    // Shows what the end of the program waits for. Call it several times a second.
+    void show_ending(const NodeFigures& figures, Micros now);
     // Gives up what the disk has not taken.
     void give_up_files();
 
@@ -84,8 +100,11 @@ class Outputs {
     std::string open_metrics();
     std::string open_sender();
     std::string open_samples();
-    std::string reload_samples();
-    std::shared_ptr<const analysis::SampleIndex> load_samples(std::string& error);
+    std::shared_ptr<const analysis::SampleIndex> loaded(
+        const analysis::SampleLoader::Result& result, std::string& error);
+    std::optional<std::string> take_samples();
+    std::size_t take_events(std::string_view lines);
+    bool wait_on() const { return !options_.read.empty() && keep_waiting_(); }
     void build();
     void build_store();
     FileNames::Options file_name_options() const;
@@ -93,11 +112,18 @@ class Outputs {
     void show_live(const NodeFigures& figures, Micros now);
     void flush_events();
     void report_sync();
+    void report_lost_output();
     void finish_commands();
+    LostEvents finish_events();
+    template <typename Done>
+    void wait_for_reader(Done done);
+    std::string waits_for() const;
     void add_figures(NodeFigures& figures) const;
 
     const Options& options_;
+    const KeepWaiting keep_waiting_;
     const bool live_;  // The live view owns the terminal.
+    Console console_;
     Terminal terminal_;
     LineReport lines_;
     LiveView live_view_;
@@ -109,8 +135,12 @@ class Outputs {
     std::vector<LeftoverFile> leftovers_;  // Files of killed runs.
     std::unique_ptr<DiskSync> disk_sync_;  // Null unless requested.
     bool sync_failed_ = false;
-    EventFile events_file_;
+    bool syncing_ = false;  // The last flush goes on.
+    bool ending_shown_ = false;
+    std::unique_ptr<TextOutlet> events_outlet_;
     ReloadList reloads_;
+    bool reloaded_ = false;
+    std::unique_ptr<analysis::SampleLoader> sample_loader_;
     std::unique_ptr<EventLog> events_;  // These are null unless requested.
     std::unique_ptr<ReportSender> reports_;
     std::unique_ptr<Sidecar> sidecar_;
@@ -129,6 +159,7 @@ class Outputs {
     std::uint64_t saved_documents_ = 0;  // Timelines and sidecars.
     std::uint64_t reported_lost_events_ = 0;
     std::uint64_t reported_new_event_files_ = 0;
+    std::uint64_t reported_lost_frames_ = 0;
     bool events_failed_ = false;
     bool failed_ = false;
 };

@@ -19,6 +19,8 @@ using Samples = std::vector<std::int16_t>;
 // Blocks whose memory is kept for later ones.
 constexpr std::size_t MOST_SPARE = 2048;
 constexpr std::uint64_t MOST_SPARE_BYTES = std::uint64_t{64} << 20;
+// How long the owner waits before it asks whether to go on waiting.
+constexpr std::chrono::milliseconds ONE_WAIT{50};
 // What a job takes beside its samples, about.
 constexpr std::uint64_t JOB_BYTES = 256;
 
@@ -150,11 +152,16 @@ class BackgroundStore::Writer {
         const LockGuard lock(mutex_);
         return spare_bytes_;
     }
-    void wait_for_room(std::uint64_t bytes, std::uint64_t most_bytes) QV_EXCLUDES(mutex_) {
+    // Returns whether there is room.
+    bool wait_for_room(std::uint64_t bytes, std::uint64_t most_bytes, Clock::time_point until)
+        QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
-        while (waiting_bytes_ != 0 && waiting_bytes_ + bytes > most_bytes) {
-            progress_.wait(mutex_);
+        const auto full = [&]() QV_REQUIRES(mutex_) {
+            return waiting_bytes_ != 0 && waiting_bytes_ + bytes > most_bytes;
+        };
+        while (full() && progress_.wait_until(mutex_, until)) {
         }
+        return !full();
     }
     bool wait(Clock::time_point until) QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
@@ -424,8 +431,10 @@ bool BackgroundStore::add(Job job, bool always) {
     if (!thread_.joinable()) {
         return false;  // Abandoned.
     }
-    if (options_.wait_for_room && !always) {
-        writer_->wait_for_room(job.size(), options_.most_bytes);
+    if (options_.keep_waiting != nullptr && !always) {
+        while (!writer_->wait_for_room(job.size(), options_.most_bytes, Clock::now() + ONE_WAIT) &&
+               options_.keep_waiting()) {
+        }
         always = true;
     }
     return writer_->add(job, options_.most_bytes, always);

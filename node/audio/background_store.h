@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -27,8 +28,10 @@ class BackgroundStore : public AudioStore {
   public:
     struct Options {
         std::uint64_t most_bytes = std::uint64_t{1} << 30;  // Of audio that waits.
-        // At that bound the owner waits for the writer, in place of dropping audio.
-        bool wait_for_room = false;
+        // At that bound the owner waits for the writer, in place of dropping audio, as long as this
+        // returns true. Called every 50 ms meanwhile. When it returns false, the audio is taken
+        // beyond the bound: no more of it should follow.
+        std::function<bool()> keep_waiting = nullptr;
     };
 
     // What the writer has to do, and has done.

@@ -1,8 +1,9 @@
-// The destination of events: a file that they are appended to, or the standard output.
+// The destination of events or other text: a file that it is appended to, or an open descriptor.
 //
-// A file may end in the middle of a line, because the disk was full. New events then begin on a new
-// line. If the file is moved or removed, for example by log rotation, new events go to a new file
-// at its path. Belongs to one thread.
+// A file may end in the middle of a line, because the disk was full. New lines then begin on a new
+// line. If the file is moved or removed, for example by log rotation, new lines go to a new file at
+// its path. The file may be a named pipe, which needs no reader when it is opened: writing fails
+// while it has none, and while its reader does not read. Belongs to one thread.
 #pragma once
 
 #include <sys/types.h>
@@ -16,6 +17,8 @@ namespace qv::node {
 class EventFile {
   public:
     EventFile() = default;
+    // Writes to an open descriptor, which it does not close, and does not care for lines.
+    explicit EventFile(int descriptor) : descriptor_(descriptor), lines_(false) {}
     ~EventFile();
     EventFile(const EventFile&) = delete;
     EventFile& operator=(const EventFile&) = delete;
@@ -28,8 +31,12 @@ class EventFile {
     // that was open stays in use. Does nothing for the standard output.
     std::string reopen();
 
-    // Writes lines. Returns how many bytes were written; fewer than `size` after a failure.
-    std::size_t write(const char* lines, std::size_t size);
+    // Writes text. Returns how many bytes are done with, up to the end of a line; fewer than `size`
+    // after a failure.
+    std::size_t write(const char* text, std::size_t size);
+    // Whether a line was written in part to a reader who is slow. The next write, also of nothing,
+    // begins with the rest of it.
+    bool in_midst() const { return !rest_.empty(); }
 
     // Why the latest write failed.
     const std::string& error() const { return error_; }
@@ -40,15 +47,21 @@ class EventFile {
     bool is_at_path() const;
     bool follow_path();
     void close();
+    bool put_rest();
+    void fail(int error);
     std::size_t put(const char* data, std::size_t size);
 
     std::string path_;
     int descriptor_ = -1;
+    bool lines_ = true;   // Lines are written whole.
     bool owned_ = false;  // False for the standard output.
     dev_t device_ = 0;    // Together with the next, identifies the open file.
     ino_t inode_ = 0;
     std::uint64_t replaced_ = 0;
     bool in_line_ = false;  // The file ends in the middle of a line.
+    std::string rest_;      // Of a line that its reader has in part.
+    bool no_reader_ = false;
+    bool reader_is_slow_ = false;
     std::string error_;
 };
 

@@ -1,9 +1,9 @@
 // Writes events as JSON lines, one object per line, for programs. docs/node.md lists the events and
 // their fields; fields of packets have the names of docs/protocol.md.
 //
-// While events cannot be written, for example on a full disk, they wait and are retried. When a
-// megabyte of events waits, further events are dropped and counted; an event of its own reports the
-// loss where they are missing. Belongs to one thread.
+// While the sink takes no events, for example because the disk is full, they wait and are retried.
+// When a megabyte of events waits, further events are dropped and counted; an event of its own
+// reports the loss where they are missing. Belongs to one thread.
 #pragma once
 
 #include <cstddef>

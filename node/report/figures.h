@@ -34,6 +34,8 @@ struct NodeFigures {
     std::uint64_t dropped_bytes = 0;      // Of audio that found no room to wait.
     int receive_buffer = 0;               // Bytes.
     std::uint64_t calls_not_written = 0;  // Calls without files because of --max-files.
+    std::uint64_t lost_lines = 0;         // Of output that nobody took.
+    std::uint64_t lost_frames = 0;        // Of the live view, likewise.
     ReportFigures reports;
     std::string address;  // The address that the node listens on.
     Micros uptime{0};

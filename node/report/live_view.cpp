@@ -476,7 +476,15 @@ std::string LiveView::joined(const Lines& lines, ScreenSize size) {
     return text;
 }
 
+void LiveView::set_ending(std::string waits_for) {
+    ending_ = std::move(waits_for);
+    typing_ = false;  // Keys are keys again.
+}
+
 std::string LiveView::key_line() const {
+    if (!ending_.empty()) {
+        return "ending: waits for " + ending_ + (keys_ ? "; q or Ctrl-C: now" : "; Ctrl-C: now");
+    }
     if (typing_) {
         return "filter: " + filter_ + "_   Enter keeps it, Escape drops it";
     }

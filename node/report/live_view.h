@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "node/calls/call_listener.h"
@@ -40,8 +41,10 @@ class LiveView : public CallListener {
 
     // Acts on a key; the next frame shows it.
     void press(const Key& key);
-    // A key asked for the end of the program.
-    bool quit() const { return quit_; }
+    // Whether a key has asked for the end of the program since the last call.
+    bool take_quit() { return std::exchange(quit_, false); }
+    // The program ends when that is done; empty: it goes on. Shown in place of the keys.
+    void set_ending(std::string waits_for);
 
     // Returns a frame: lines that fit the screen, each except the last one followed by "\r\n". The
     // levels are those since the last frame.
@@ -79,6 +82,7 @@ class LiveView : public CallListener {
     bool colour_ = false;
     bool keys_ = false;
     bool quit_ = false;
+    std::string ending_;
     Order order_ = Order::TROUBLE;
     std::string filter_;
     bool typing_ = false;           // The filter.

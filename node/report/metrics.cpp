@@ -88,6 +88,8 @@ class Metrics::Impl {
               counter("rate_changes_total", "Sample rates of call sides that changed in mid-call")),
           dropped_audio(counter("dropped_audio_bytes_total",
                                 "Audio for which no memory was left while it waited for the disk")),
+          lost_lines(counter("lost_lines_total", "Lines of output that nobody took")),
+          lost_frames(counter("lost_frames_total", "Frames of the live view that nobody took")),
           file_errors(counter("file_errors_total", "Files that could not be written")),
           calls(gauge("calls", "Current calls")),
           open_files(gauge("open_files", "Open WAV files")),
@@ -174,6 +176,8 @@ class Metrics::Impl {
     Counter& assumed_rates;
     Counter& rate_changes;
     Counter& dropped_audio;
+    Counter& lost_lines;
+    Counter& lost_frames;
     Counter& file_errors;
     Gauge& calls;
     Gauge& open_files;
@@ -226,6 +230,8 @@ void Metrics::update(const NodeFigures& figures, const Analyser::Figures& analys
     set(impl_->assumed_rates, totals.assumed_rates);
     set(impl_->rate_changes, totals.rate_changes);
     set(impl_->dropped_audio, figures.dropped_bytes);
+    set(impl_->lost_lines, figures.lost_lines);
+    set(impl_->lost_frames, figures.lost_frames);
     set(impl_->file_errors, totals.file_errors);
     set(*impl_->reports[0], figures.reports.sent);
     set(*impl_->reports[1], figures.reports.failed);

@@ -71,6 +71,9 @@ void print_summary(LineReport& lines, const NodeFigures& figures, const LostEven
     if (lost_events.count != 0) {
         lines.say("  events lost: " + grouped(lost_events.count), lost_events.path);
     }
+    if (figures.lost_lines != 0) {
+        lines.say("  lines lost: " + grouped(figures.lost_lines), "nothing read this output");
+    }
     if (figures.overflowed != 0) {
         lines.say("  lost in the socket: " + grouped(figures.overflowed), "buffer full");
     }

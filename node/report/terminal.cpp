@@ -32,8 +32,12 @@ void restore_and_die(int number) {
     if (settings_changed != 0) {
         ::tcsetattr(STDIN_FILENO, TCSANOW, &settings_before);
     }
-    [[maybe_unused]] const ssize_t written =
-        ::write(STDOUT_FILENO, LEAVE_SCREEN, sizeof LEAVE_SCREEN - 1);
+    // A terminal that is stopped would keep the program from ending.
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    if (::poll(&output, 1, 0) == 1) {
+        [[maybe_unused]] const ssize_t written =
+            ::write(STDOUT_FILENO, LEAVE_SCREEN, sizeof LEAVE_SCREEN - 1);
+    }
     ::signal(number, SIG_DFL);
     ::raise(number);
 }
@@ -94,11 +98,11 @@ void Terminal::enter() {
     entered_ = true;
     handle_fatal_signals(restore_and_die);
     has_keys_ = take_keys();
-    out_ << ENTER_SCREEN << std::flush;
+    console_.show(ENTER_SCREEN);
 }
 
 void Terminal::show(const std::string& frame) {
-    out_ << TOP_LEFT << frame << CLEAR_BELOW << std::flush;
+    console_.show_frame(TOP_LEFT + frame + CLEAR_BELOW);
 }
 
 void Terminal::leave() {
@@ -106,7 +110,7 @@ void Terminal::leave() {
         return;
     }
     entered_ = false;
-    out_ << LEAVE_SCREEN << std::flush;
+    console_.show(LEAVE_SCREEN);
     if (settings_changed != 0 && is_in_foreground()) {
         ::tcsetattr(STDIN_FILENO, TCSANOW, &settings_before);
     }

@@ -4,17 +4,17 @@
 // to one thread; there is only one.
 #pragma once
 
-#include <ostream>
 #include <string>
 
+#include "node/report/console.h"
 #include "node/report/live_view.h"
 
 namespace qv::node {
 
 class Terminal {
   public:
-    // Writes to `out`, which must outlive the terminal.
-    explicit Terminal(std::ostream& out) : out_(out) {}
+    // Writes to the console, which must outlive the terminal.
+    explicit Terminal(Console& console) : console_(console) {}
     ~Terminal() { leave(); }
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
@@ -36,7 +36,7 @@ class Terminal {
     std::string read_keys();
 
   private:
-    std::ostream& out_;
+    Console& console_;
     bool entered_ = false;
     bool has_keys_ = false;
 };

@@ -554,6 +554,31 @@ class DiskStandsStill(unittest.TestCase):
             self.assertEqual(picture["error"], "the disk was given up")
             self.assertFalse(list(node.folder.glob("*.svg")))
 
+    def test_last_flush_is_waited_for_no_longer_than_the_files(self):
+        with self.stopped(1000, "--exit-wait", "0.3", "--sync", "1000") as node:
+            self.assertEqual(node.stop(), 1)
+            self.assertIn("the last flush did not end in time", node.text())
+
+    def test_reading_of_a_capture_can_be_interrupted(self):
+        frames = [ETHERNET + ipv4(udp(data(1, number))) for number in range(1, 4500)]
+        with tempfile.TemporaryDirectory(prefix="quorvane-node-") as home:
+            capture = pathlib.Path(home) / "capture"
+            capture.write_bytes(pcap(1, frames))
+            process = subprocess.Popen(
+                [NODE, "--read", str(capture), "--output", home + "/wav", "--rate", "8000",
+                 "--write-buffer", "1", "--block", "1"], stdout=subprocess.PIPE, text=True,
+                env={**os.environ, "LD_PRELOAD": STOPPED_DISK, "QUORVANE_STOP_FOR": "1000"})
+            self.addCleanup(process.kill)
+            time.sleep(0.5)
+            self.assertIsNone(process.poll(), "it does not wait for the disk")
+            process.send_signal(signal.SIGINT)
+            time.sleep(0.3)
+            process.send_signal(signal.SIGINT)
+            text, _ = process.communicate(timeout=30)
+            self.assertEqual(process.returncode, 1, text)
+            self.assertIn("interrupted", text)
+            self.assertIn("files given up", text)
+
     def test_audio_beyond_the_memory_is_lost_and_reported(self):
         calls = (1, 2, 3, 4)
         with self.stopped("--write-buffer", "1", "--calls", "4") as node:
@@ -574,6 +599,115 @@ class DiskStandsStill(unittest.TestCase):
             self.assertEqual(dropped, differ)
             self.assertEqual(sum(event["bytes"] for event in node.events("audio_dropped")),
                              2 * dropped)
+
+
+def received(url):
+    """The number of datagrams that the receiver has taken."""
+    text = urllib.request.urlopen(url).read().decode()
+    return float(re.search(r"^quorvane_node_received_packets_total (\S+)", text, re.M).group(1))
+
+
+class NobodyReads(unittest.TestCase):
+    """What the receiver writes is not read: that delays no packet."""
+
+    def wait_until(self, condition, seconds=30):
+        end = time.monotonic() + seconds
+        while not condition():
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.02)
+
+    def starts(self, node, calls):
+        for call in range(calls):
+            datagram = bytearray(golden("call_1_start"))
+            datagram[28:32] = struct.pack(">I", call)
+            node.send(bytes(datagram))
+            if call % 50 == 49:
+                time.sleep(0.005)
+
+    def metrics_url(self):
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            return "127.0.0.1:%d" % free.getsockname()[1]
+
+    def test_lines_into_a_full_pipe_are_dropped_and_counted(self):
+        metrics = self.metrics_url()
+        with tempfile.TemporaryDirectory(prefix="quorvane-node-") as home:
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as free:
+                free.bind(("127.0.0.1", 0))
+                address = free.getsockname()
+            process = subprocess.Popen(
+                [NODE, "--listen", "%s:%d" % address, "--output", home, "--metrics", metrics],
+                stdout=subprocess.PIPE, text=True)
+            self.addCleanup(process.kill)
+            process.stdout.readline()
+            sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            self.addCleanup(sender.close)
+            for call in range(4000):
+                datagram = bytearray(golden("call_1_start"))
+                datagram[28:32] = struct.pack(">I", call)
+                sender.sendto(bytes(datagram), address)
+                if call % 50 == 49:
+                    time.sleep(0.005)
+            url = "http://" + metrics + "/metrics"
+            self.wait_until(lambda: received(url) == 4000)
+            self.wait_until(lambda: "quorvane_node_lost_lines_total 0" not in
+                            urllib.request.urlopen(url).read().decode())
+            process.send_signal(signal.SIGTERM)
+            text, _ = process.communicate(timeout=30)
+            self.assertEqual(process.returncode, 0)
+            self.assertRegex(text, r"lines lost +[\d,]+: nothing read this output\n")
+            self.assertRegex(text, r"summary .*4,000 calls|summary .*4,000 packets")
+
+    def test_events_into_a_named_pipe_wait_for_a_reader_and_beyond_the_bound_are_counted(self):
+        with tempfile.TemporaryDirectory(prefix="quorvane-node-") as home:
+            pipe = home + "/events"
+            os.mkfifo(pipe)
+            with Node("--events", pipe) as node:  # It starts without a reader.
+                node.wait_for("events not written +" + pipe + ": no program reads it")
+                self.starts(node, 4000)
+                node.send_call()
+                node.wait_for(UUID + "  end ")
+                with concurrent.futures.ThreadPoolExecutor() as beside:
+                    lines = beside.submit(lambda: pathlib.Path(pipe).read_text().splitlines())
+                    node.wait_for(r"events are written again +[\d,]+ lost")
+                    self.assertEqual(node.stop(), 1)
+                    events = [json.loads(line) for line in lines.result()]
+                self.assertEqual(events[0]["event"], "listening")
+                losses = [event["events"] for event in events if event["event"] == "events_lost"]
+                self.assertGreater(sum(losses), 0)
+                # A start, two of "running" and an end for each call; eight of the golden call.
+                self.assertEqual(len(events) - len(losses) + sum(losses), 1 + 4000 * 4 + 8)
+
+    def test_named_pipe_that_nobody_ever_reads_delays_no_end(self):
+        with tempfile.TemporaryDirectory(prefix="quorvane-node-") as home:
+            os.mkfifo(home + "/events")
+            with Node("--events", home + "/events") as node:
+                node.send_call()
+                node.wait_for(UUID + "  end ")
+                self.assertEqual(node.stop(), 1)
+                self.assertRegex(node.text(), r"events lost: \d+")
+
+    def test_samples_are_loaded_beside_the_packets(self):
+        with tempfile.TemporaryDirectory(prefix="quorvane-node-") as home:
+            with wave.open(home + "/beep.wav", "wb") as file:
+                file.setparams((1, 2, 8000, 0, "NONE", ""))
+                generator = random.Random(1)
+                file.writeframes(bytes(generator.randrange(256) for _ in range(32000)))
+            with Node("--samples", home, "--events", "-") as node:
+                os.mkfifo(home + "/slow.wav")  # Whoever reads it waits for a writer.
+                node.process.send_signal(signal.SIGHUP)
+                time.sleep(0.2)
+                node.process.send_signal(signal.SIGHUP)
+                for call in range(1, 6):
+                    node.talk((call,), 10)
+                    node.end((call,))
+                self.assertNotIn("opened again", node.text())
+                for count in (1, 2):  # The second request came during the first reading.
+                    with open(home + "/slow.wav", "wb"):
+                        pass
+                    node.wait_for("(?s)(opened again.*){%d}" % count)
+                self.assertIn("sample refused", node.text())
+                self.assertEqual(node.stop(), 0)
 
 
 class NodeEndToEnd(unittest.TestCase):

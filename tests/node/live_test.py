@@ -14,7 +14,7 @@ import termios
 import time
 import unittest
 
-from end_to_end_test import NODE, golden, of_call
+from end_to_end_test import NODE, STOPPED_DISK, golden, of_call, watched_by_a_sanitizer
 
 ENTER, LEAVE = b"\x1b[?1049h", b"\x1b[?1049l"
 PAGE_DOWN = b"\x1b[6~"
@@ -160,6 +160,34 @@ class Live(unittest.TestCase):
             screen.read()
             screen.seen = b""  # What follows was shown after the key.
             screen.wait_for("quorvane-node on ")
+
+    def test_terminal_that_takes_nothing_does_not_stop_the_node(self):
+        with Screen() as screen:
+            fcntl.ioctl(screen.theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 3000, 200, 0, 0))
+            screen.send_starts(range(2500))
+            time.sleep(1)  # Nobody reads; a frame has hundreds of kilobytes.
+            for name in ("call_1_start", "call_2_read", "call_3_write", "call_7_terminate"):
+                screen.socket.sendto(golden(name), screen.address)
+            files = pathlib.Path(screen.home.name) / "wav"
+            end = time.monotonic() + 30
+            while len(list(files.glob("*.wav"))) < 2:
+                self.assertLess(time.monotonic(), end, "the node stands still")
+                time.sleep(0.02)
+            os.kill(screen.process, signal.SIGTERM)
+            self.assertEqual(screen.wait_for_exit(), 0)
+
+    @unittest.skipIf(watched_by_a_sanitizer(), "the sanitizer must be loaded first")
+    def test_view_shows_what_the_end_waits_for_and_a_key_ends_the_wait(self):
+        with Screen(LD_PRELOAD=STOPPED_DISK, QUORVANE_STOP_FOR="1000") as screen:
+            for name in ("call_1_start", "call_2_read", "call_7_terminate"):
+                screen.socket.sendto(golden(name), screen.address)
+            screen.wait_for("0 calls now, 0 ended, ")
+            screen.press(b"q")
+            screen.wait_for(r"ending: waits for the disk: [\d,]+ bytes for 1 file; q or Ctrl-C: now")
+            screen.press(b"q")
+            self.assertEqual(os.waitstatus_to_exitcode(screen.wait_for_exit()), 1)
+            self.check_restored(screen)
+            self.assertIn(b"files given up", screen.seen)
 
     def test_signals_leave_the_terminal_as_before(self):
         for number in (signal.SIGTERM, signal.SIGINT, signal.SIGQUIT, signal.SIGSEGV,

@@ -184,7 +184,7 @@ TEST_F(BackgroundStoreTest, DiskThatStandsStillDelaysNobodyAndLosesNothing) {
 }
 
 TEST_F(BackgroundStoreTest, WhatFindsNoMemoryBecomesSilenceOfItsLength) {
-    restart({10'000, false});
+    restart({10'000});
     disk_->stop();
     const auto file = store_->create("one", 8000, 1);
     for (std::int16_t i = 1; i <= 10; ++i) {
@@ -207,7 +207,7 @@ TEST_F(BackgroundStoreTest, WhatFindsNoMemoryBecomesSilenceOfItsLength) {
 }
 
 TEST_F(BackgroundStoreTest, FileThatIsClosedAtTheBoundHasItsWholeLength) {
-    restart({10'000, false});
+    restart({10'000});
     disk_->stop();
     const auto file = store_->create("one", 8000, 1);
     for (std::int16_t i = 1; i <= 10; ++i) {
@@ -220,7 +220,7 @@ TEST_F(BackgroundStoreTest, FileThatIsClosedAtTheBoundHasItsWholeLength) {
 }
 
 TEST_F(BackgroundStoreTest, FileThatBeginsAtTheBoundIsWrittenLater) {
-    restart({550, false});  // Room for two jobs.
+    restart({550});  // Room for two jobs.
     disk_->stop();
     const auto one = store_->create("one", 8000, 1);
     const auto two = store_->create("two", 8000, 1);
@@ -235,7 +235,7 @@ TEST_F(BackgroundStoreTest, FileThatBeginsAtTheBoundIsWrittenLater) {
 }
 
 TEST_F(BackgroundStoreTest, ReaderOfACaptureWaitsForRoom) {
-    restart({10'000, true});
+    restart({10'000, [] { return true; }});
     disk_->stop();
     std::thread helper([this] {
         std::this_thread::sleep_for(20ms);
@@ -248,6 +248,21 @@ TEST_F(BackgroundStoreTest, ReaderOfACaptureWaitsForRoom) {
     helper.join();
     finish();
     EXPECT_EQ(disk_->read("one").size(), 100'000u);
+    EXPECT_EQ(file->dropped_samples(), 0u);
+}
+
+TEST_F(BackgroundStoreTest, WaitForRoomEndsWhenItIsInterrupted) {
+    int asked = 0;
+    restart({10'000, [&asked] { return ++asked < 2; }});
+    disk_->stop();
+    const auto file = store_->create("one", 8000, 1);
+    for (std::int16_t i = 0; i < 6; ++i) {
+        put(*file, Samples(1000, i));
+    }
+    EXPECT_GE(asked, 2);
+    disk_->go_on();
+    finish();
+    EXPECT_EQ(disk_->read("one").size(), 6'000u);
     EXPECT_EQ(file->dropped_samples(), 0u);
 }
 
@@ -319,7 +334,7 @@ TEST_F(BackgroundStoreTest, SmallFileIsWrittenByTheWriter) {
 }
 
 TEST_F(BackgroundStoreTest, SmallFileThatFindsNoRoomOrADiskThatWasGivenUpFails) {
-    restart({10'000, false});
+    restart({10'000});
     disk_->stop();
     const auto waiting = store_->write_text("waiting", "12345");
     const auto large = store_->write_text("large", std::string(20'000, 'x'));

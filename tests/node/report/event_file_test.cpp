@@ -1,7 +1,9 @@
 #include "node/report/event_file.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -9,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <utility>
 
 namespace qv::node {
 
@@ -67,7 +70,7 @@ TEST_F(EventFileTest, WhatFollowsACutLineBeginsOnALineOfItsOwn) {
     EventFile file;
     ASSERT_EQ(file.open(path_), "");
     limit(6);
-    EXPECT_EQ(put(file, "one\ntwo\n"), 6u);
+    EXPECT_EQ(put(file, "one\ntwo\n"), 4u);  // One whole line.
     EXPECT_EQ(file.error(), "File too large");
     EXPECT_EQ(put(file, "two\n"), 0u);
     lift_limit();
@@ -145,6 +148,76 @@ TEST_F(EventFileTest, AFileThatCannotBeOpenedAgainStaysInUse) {
     std::filesystem::rename(path_ + ".1", path_);
     EXPECT_EQ(put(file, "one\n"), 4u);
     EXPECT_EQ(file.replaced(), 0u);
+}
+
+class NamedPipeTest : public EventFileTest {
+  protected:
+    NamedPipeTest() {
+        std::signal(SIGPIPE, SIG_IGN);
+        EXPECT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    }
+    ~NamedPipeTest() override { leave(); }
+
+    void read_it() { reader_ = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK); }
+    void leave() {
+        if (reader_ >= 0) {
+            ::close(std::exchange(reader_, -1));
+        }
+    }
+    std::string take() const {
+        std::string all;
+        char bytes[4096];
+        for (ssize_t size = 1; size > 0;) {
+            size = ::read(reader_, bytes, sizeof bytes);
+            all.append(bytes, static_cast<std::size_t>(size > 0 ? size : 0));
+        }
+        return all;
+    }
+
+    int reader_ = -1;
+};
+
+TEST_F(NamedPipeTest, PipeWithoutAReaderIsNotWaitedFor) {
+    EventFile file;
+    ASSERT_EQ(file.open(path_), "");
+    EXPECT_EQ(put(file, "one\n"), 0u);
+    EXPECT_EQ(file.error(), "no program reads it");
+    read_it();
+    EXPECT_EQ(put(file, "one\n"), 4u);
+    EXPECT_EQ(take(), "one\n");
+    EXPECT_EQ(file.replaced(), 0u);
+}
+
+TEST_F(NamedPipeTest, NextReaderTakesOverAtALine) {
+    EventFile file;
+    read_it();
+    ASSERT_EQ(file.open(path_), "");
+    EXPECT_EQ(put(file, "one\n"), 4u);
+    leave();
+    EXPECT_EQ(put(file, "two\n"), 0u);
+    read_it();
+    EXPECT_EQ(put(file, "two\n"), 4u);
+    EXPECT_EQ(take(), "two\n");
+    EXPECT_EQ(file.replaced(), 0u);
+}
+
+TEST_F(NamedPipeTest, SlowReaderIsNotWaitedForAndGetsWholeLines) {
+    EventFile file;
+    read_it();
+    ASSERT_EQ(file.open(path_), "");
+    std::string text;
+    for (int i = 0; i < 5; ++i) {
+        text += std::string(20'000, static_cast<char>('a' + i)) + '\n';
+    }
+    const std::size_t done = put(file, text);
+    EXPECT_EQ(done, 80'004u);  // The pipe took 65,536 bytes, in the midst of the fourth line.
+    EXPECT_EQ(file.error(), "its reader does not read");
+    EXPECT_TRUE(file.in_midst());
+    std::string seen = take();
+    EXPECT_EQ(put(file, text.substr(done)), 20'001u);
+    EXPECT_FALSE(file.in_midst());
+    seen += take();
+    EXPECT_TRUE(seen == text);  // It is too long to be printed.
 }
 
 TEST_F(EventFileTest, ThePathIsOpenedAgainOnRequest) {

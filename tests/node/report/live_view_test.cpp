@@ -341,7 +341,7 @@ TEST_F(LiveViewTest, FilterLeavesOutWhatDoesNotMatch) {
     EXPECT_EQ(frame()[5], "0 calls match the filter");
     press("X");
     EXPECT_EQ(frame()[22], "calls 1 to 17 of 31");
-    EXPECT_FALSE(view_.quit());
+    EXPECT_FALSE(view_.take_quit());
 }
 
 TEST_F(LiveViewTest, OneCallIsShownWhole) {
@@ -419,11 +419,11 @@ TEST_F(LiveViewTest, ColoursOnlyWhereTheyAreWanted) {
 
 TEST_F(LiveViewTest, OnlyTheKeyQAsksForTheEnd) {
     press("tlajk XB");
-    EXPECT_FALSE(view_.quit());
+    EXPECT_FALSE(view_.take_quit());
     press("/q");
-    EXPECT_FALSE(view_.quit());
+    EXPECT_FALSE(view_.take_quit());
     press("Rq");
-    EXPECT_TRUE(view_.quit());
+    EXPECT_TRUE(view_.take_quit());
 }
 
 }  // namespace

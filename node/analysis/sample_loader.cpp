@@ -1,0 +1,54 @@
+#include "node/analysis/sample_loader.h"
+
+#include <exception>
+#include <thread>
+#include <utility>
+
+#include "quorvane_lib/mutex.h"
+
+namespace qv::node::analysis {
+
+struct SampleLoader::Shared {
+    Mutex mutex;
+    std::optional<Result> result QV_GUARDED_BY(mutex);
+};
+
+SampleLoader::Result load_now(const SampleLoader::Load& load) {
+    try {
+        return {load(), {}};
+    } catch (const std::exception& failure) {  // Also if the samples need too much memory.
+        return {{}, failure.what()};
+    }
+}
+
+void SampleLoader::begin() {
+    shared_ = std::make_shared<Shared>();
+    const auto run = [load = load_, shared = shared_] {
+        Result result = load_now(load);
+        const LockGuard lock(shared->mutex);
+        shared->result = std::move(result);
+    };
+    try {
+        std::thread(run).detach();
+    } catch (const std::exception& failure) {  // There are too many threads.
+        const LockGuard lock(shared_->mutex);
+        shared_->result = Result{{}, failure.what()};
+    }
+}
+
+std::optional<SampleLoader::Result> SampleLoader::take() {
+    if (shared_ == nullptr) {
+        return std::nullopt;
+    }
+    std::optional<Result> result;
+    {
+        const LockGuard lock(shared_->mutex);
+        result = std::move(shared_->result);
+    }
+    if (result.has_value()) {
+        shared_.reset();
+    }
+    return result;
+}
+
+}  // namespace qv::node::analysis
