@@ -1,5 +1,4 @@
-"""Runs quorvane-node --live on a pseudo terminal: what its keys do, and how it leaves the terminal.
-"""
+"""Runs quorvane-node --live on a pseudo terminal: what its keys do, and how it leaves the terminal."""
 import fcntl
 import os
 import pathlib
