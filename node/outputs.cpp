@@ -405,6 +405,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     // Once a second, so that a flood of calls does not cause a flood of lines.
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
     notices_->reports_not_allowed(figures.reports);
+    notices_->too_many_reports(figures.reports.too_many);
     notices_->audio_dropped(figures.dropped_bytes);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
     if (metrics_port_ != nullptr) {
@@ -437,11 +438,16 @@ void Outputs::finish(NodeFigures figures) {
     if (live_) {
         terminal_.leave();
         lines_.release();
+        if (console_.lost_frames() != 0) {
+            lines_.say("frames not shown",
+                       grouped(console_.lost_frames()) + ": the terminal did not take them");
+        }
     }
     add_figures(figures);
     notices_->overflowed(figures.overflowed);
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
     notices_->reports_not_allowed(figures.reports);
+    notices_->too_many_reports(figures.reports.too_many);
     notices_->audio_dropped(figures.dropped_bytes);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
     flush_events();

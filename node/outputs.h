@@ -159,7 +159,6 @@ class Outputs {
     std::uint64_t saved_documents_ = 0;  // Timelines and sidecars.
     std::uint64_t reported_lost_events_ = 0;
     std::uint64_t reported_new_event_files_ = 0;
-    std::uint64_t reported_lost_frames_ = 0;
     bool events_failed_ = false;
     bool failed_ = false;
 };

@@ -19,6 +19,7 @@ struct ReportFigures {
     std::uint64_t failed = 0;          // The system did not accept them.
     std::uint64_t not_allowed = 0;     // Their addresses are outside the networks for reports.
     sockaddr_in latest_not_allowed{};  // The latest of these addresses.
+    std::uint64_t too_many = 0;        // Left out, because there were too many.
 };
 
 struct NodeFigures {

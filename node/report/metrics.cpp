@@ -23,7 +23,7 @@ constexpr std::array<const char*, 4> TYPE_NAMES = {"start", "terminate", "data",
 
 constexpr std::array<const char*, 3> RUNNING_NAMES = {"audio_activity", "sample_detection",
                                                       "recording"};
-constexpr std::array<const char*, 3> REPORT_RESULTS = {"sent", "failed", "not_allowed"};
+constexpr std::array<const char*, 4> REPORT_RESULTS = {"sent", "failed", "not_allowed", "too_many"};
 
 constexpr const char* label_of(media::DecodeResult result) {
     switch (result) {
@@ -236,6 +236,7 @@ void Metrics::update(const NodeFigures& figures, const Analyser::Figures& analys
     set(*impl_->reports[0], figures.reports.sent);
     set(*impl_->reports[1], figures.reports.failed);
     set(*impl_->reports[2], figures.reports.not_allowed);
+    set(*impl_->reports[3], figures.reports.too_many);
     impl_->calls.Set(static_cast<double>(figures.calls));
     impl_->open_files.Set(static_cast<double>(figures.open_files));
     impl_->waiting_audio.Set(static_cast<double>(figures.waiting_bytes));

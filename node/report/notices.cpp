@@ -119,6 +119,13 @@ void Notices::reports_not_allowed(const ReportFigures& figures) {
     }
 }
 
+void Notices::too_many_reports(std::uint64_t total) {
+    const std::uint64_t fresh = total - std::exchange(reported_too_many_reports_, total);
+    if (fresh != 0 && !quiet_lines_) {
+        lines_.say("too many reports", "left out " + counted(fresh, "report"));
+    }
+}
+
 void Notices::too_many_calls(std::uint64_t total) {
     const std::uint64_t fresh = total - std::exchange(reported_too_many_, total);
     if (fresh != 0 && !quiet_lines_) {

@@ -37,6 +37,9 @@ class Notices {
     void audio_dropped(std::uint64_t total);
     // The number of reports so far to addresses that are not allowed. Reports the increase.
     void reports_not_allowed(const ReportFigures& figures);
+    // The number of reports so far that were left out because there were too many. Reports the
+    // increase.
+    void too_many_reports(std::uint64_t total);
     // The number of packets so far of calls beyond the limit. Reports the increase.
     void too_many_calls(std::uint64_t total);
 
@@ -49,6 +52,7 @@ class Notices {
     std::uint64_t reported_not_allowed_ = 0;
     std::uint64_t reported_too_many_ = 0;
     std::uint64_t reported_refused_reports_ = 0;
+    std::uint64_t reported_too_many_reports_ = 0;
 };
 
 }  // namespace qv::node

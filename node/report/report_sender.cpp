@@ -85,38 +85,61 @@ class ReportSender::ReportedCall : public CallListener {
     void started(const Call& call, const media::Packet& packet) override {
         if (packet.report_node_given()) {
             to_ = report_node_of(packet);
-            report("start", call, start_json(call, packet));
+            report("start", call, start_json(call, packet), limit().allows(now()));
         }
     }
 
     void activity(const Call& call, Side side, const Activity& activity) override {
         if (to_.has_value()) {
-            report("activity", call, activity_json(call, side, activity));
+            report("activity", call, activity_json(call, side, activity), allows_detection());
         }
     }
 
     void sample_found(const Call& call, Side side, const FoundSample& sample) override {
         if (to_.has_value()) {
-            report("sample", call, sample_json(call, side, sample));
+            report("sample", call, sample_json(call, side, sample), allows_detection());
         }
     }
 
     void ended(const Call& call, EndReason reason) override {
         if (to_.has_value()) {
-            report("end", call, end_json(call, reason));
+            Json fields = end_json(call, reason);
+            if (left_out_ != 0) {
+                fields["left_out"] = left_out_;
+            }
+            report("end", call, fields, limit().allows(now()));
         }
     }
 
   private:
-    void report(const char* event, const Call& call, const Json& fields) {
+    Micros now() const { return sender_.clock_(); }
+    RateLimit& limit() { return sender_.limit_; }
+
+    bool allows_detection() {
+        const bool allowed = limit_.allows(now()) && limit().allows(now(), AT_ONCE / 2);
+        if (allowed) {
+            limit_.count();
+        }
+        return allowed;
+    }
+
+    void report(const char* event, const Call& call, const Json& fields, bool allowed) {
+        if (!allowed) {
+            ++left_out_;
+            ++sender_.figures_.too_many;
+            return;
+        }
         sender_.send(*to_, report_text(event, of_call(call, fields)));
     }
 
     ReportSender& sender_;
+    RateLimit limit_{CALL_RATE, CALL_AT_ONCE};  // For detections.
+    std::uint64_t left_out_ = 0;
     std::optional<sockaddr_in> to_;
 };
 
-ReportSender::ReportSender(std::vector<tools::Network> networks) : networks_(std::move(networks)) {}
+ReportSender::ReportSender(std::vector<tools::Network> networks, std::function<Micros()> clock)
+    : networks_(std::move(networks)), clock_(std::move(clock)) {}
 
 std::unique_ptr<CallListener> ReportSender::begin_call(Call& /*call*/) {
     return std::make_unique<ReportedCall>(*this);
@@ -128,6 +151,7 @@ void ReportSender::send(const sockaddr_in& to, const std::string& text) {
         figures_.latest_not_allowed = to;
         return;
     }
+    limit_.count();
     const ssize_t sent =
         ::sendto(socket_.descriptor(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                  reinterpret_cast<const sockaddr*>(&to), sizeof to);

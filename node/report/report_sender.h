@@ -2,14 +2,16 @@
 // sample and end event as one datagram with one JSON object, as listed in docs/node.md.
 //
 // A start packet can name any address, so reports are sent only to the given networks. Sending
-// never waits: a report that the system does not accept at once is lost and counted. An output.
-// Belongs to one thread.
+// never waits: a report that the system does not accept at once is lost and counted. The number of
+// reports is limited for each call and for all of them; the end of a call reports how many of its
+// reports were left out. An output. Belongs to one thread.
 #pragma once
 
 #include <netinet/in.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
@@ -17,6 +19,7 @@
 
 #include "node/calls/call_listener.h"
 #include "node/report/figures.h"
+#include "node/report/rate_limit.h"
 #include "tools/networks.h"
 #include "tools/udp_socket.h"
 
@@ -26,8 +29,16 @@ class ReportSender : public CallListener {
   public:
     static constexpr std::size_t LONGEST = 1200;  // Bytes of a datagram.
 
+    // The limits: so many a second in the long run, and so many at once. The starts and ends of
+    // calls count only for the second limit, of which detections leave half to them.
+    static constexpr double CALL_RATE = 10;
+    static constexpr double CALL_AT_ONCE = 50;
+    static constexpr double RATE = 2000;
+    static constexpr double AT_ONCE = 4000;
+
     // Throws std::system_error if no socket can be created.
-    explicit ReportSender(std::vector<tools::Network> networks);
+    explicit ReportSender(std::vector<tools::Network> networks,
+                          std::function<Micros()> clock = steady_now);
 
     std::unique_ptr<CallListener> begin_call(Call& call) override;
 
@@ -39,6 +50,8 @@ class ReportSender : public CallListener {
     void send(const sockaddr_in& to, const std::string& text);
 
     const std::vector<tools::Network> networks_;
+    const std::function<Micros()> clock_;
+    RateLimit limit_{RATE, AT_ONCE};
     tools::UdpSocket socket_;
     ReportFigures figures_;
 };

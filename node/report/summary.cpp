@@ -47,6 +47,9 @@ void print_reports(LineReport& lines, const ReportFigures& reports) {
         lines.say("  reports not sent: " + grouped(reports.not_allowed),
                   "report node is not allowed");
     }
+    if (reports.too_many != 0) {
+        lines.say("  reports not sent: " + grouped(reports.too_many), "there were too many");
+    }
 }
 
 }  // namespace

@@ -658,6 +658,15 @@ class NobodyReads(unittest.TestCase):
             self.assertRegex(text, r"lines lost +[\d,]+: nothing read this output\n")
             self.assertRegex(text, r"summary .*4,000 calls|summary .*4,000 packets")
 
+    def test_lines_of_a_program_without_standard_descriptors_reach_no_file(self):
+        with tempfile.TemporaryDirectory(prefix="quorvane-node-") as home:
+            command = [NODE, "--listen", "127.0.0.1:0", "--output", home + "/wav",
+                       "--events", home + "/events", "--idle-exit", "0.2"]
+            closed = "exec \"$@\" <&- >&- 2>&-"
+            self.assertEqual(subprocess.run(["sh", "-c", closed, "sh", *command]).returncode, 0)
+            lines = pathlib.Path(home, "events").read_text().splitlines()
+            self.assertEqual([json.loads(line)["event"] for line in lines], ["listening"])
+
     def test_events_into_a_named_pipe_wait_for_a_reader_and_beyond_the_bound_are_counted(self):
         with tempfile.TemporaryDirectory(prefix="quorvane-node-") as home:
             pipe = home + "/events"

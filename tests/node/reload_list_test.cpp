@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace qv::node {
 
-using qv::node::ReloadList;
+namespace {
 
 // A list with one entry, whose reading goes on until the test ends it.
 class ReloadListTest : public testing::Test {
@@ -64,3 +64,5 @@ TEST_F(ReloadListTest, RequestWithNothingToReadIsDoneAtOnce) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -10,11 +10,12 @@
 #include <memory>
 #include <string>
 
+namespace qv::node {
+
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using qv::node::Console;
 
 // A console whose reader reads only when the test says so.
 class ConsoleTest : public testing::Test {
@@ -116,3 +117,5 @@ TEST_F(ConsoleTest, ItsEndDoesNotWaitForAReader) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -86,7 +86,8 @@ class ReportSenderTest : public tests::NodeCallTest {
     };
 
     ReportNode node_;
-    ReportSender sender_{{tools::parse_network("127.0.0.0/8").value()}};
+    Micros time_{1'000'000'000};
+    ReportSender sender_{{tools::parse_network("127.0.0.0/8").value()}, [this] { return time_; }};
     Catcher catcher_;
 };
 
@@ -114,6 +115,45 @@ TEST_F(ReportSenderTest, StartActivitySampleAndEndOfACallAreReported) {
         EXPECT_EQ(report["call_uuid"], "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37");
     }
     EXPECT_EQ(sender_.figures().sent, 4u);
+}
+
+TEST_F(ReportSenderTest, FloodOfDetectionsIsLimitedAndTheEndOfTheCallSaysByHowMuch) {
+    start_reported_to("127.0.0.1", node_.port());
+    send("call_2_read");
+    for (int i = 0; i < 100; ++i) {
+        find("beep");
+    }
+    EXPECT_EQ(node_.reports().size(), 51u);  // The start, and 50 at once.
+    time_ += 2s;
+    for (int i = 0; i < 100; ++i) {
+        hear(i % 2 == 0);
+    }
+    EXPECT_EQ(node_.reports().size(), 20u);  // 10 a second.
+    send("call_7_terminate");
+    pass(1s);
+    const std::vector<Json> reports = node_.reports();
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0]["event"], "end");
+    EXPECT_EQ(reports[0]["left_out"], 130);
+    EXPECT_EQ(sender_.figures().too_many, 130u);
+}
+
+TEST_F(ReportSenderTest, FloodOfCallsIsLimitedButTheirDetectionsFirst) {
+    start_reported_to("127.0.0.1", node_.port());
+    send("call_2_read");
+    for (int i = 0; i < 2500; ++i) {
+        start_reported_to("127.0.0.1", node_.port());  // The call begins again: an end, a start.
+    }
+    EXPECT_GE(sender_.figures().sent, 4000u);
+    EXPECT_LE(sender_.figures().sent, 4001u);
+    EXPECT_EQ(sender_.figures().sent + sender_.figures().too_many, 5001u);
+    node_.reports();
+    time_ += 500ms;  // Room for 1000 reports.
+    send("call_2_read");
+    find("beep");
+    EXPECT_TRUE(node_.reports().empty());
+    start_reported_to("127.0.0.1", node_.port());
+    EXPECT_EQ(node_.reports().size(), 2u);
 }
 
 TEST_F(ReportSenderTest, CallWithoutAReportNodeIsNotReported) {

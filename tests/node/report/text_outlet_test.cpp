@@ -11,12 +11,12 @@
 #include <optional>
 #include <thread>
 
+namespace qv::node {
+
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using qv::node::EventFile;
-using qv::node::TextOutlet;
 
 class TextOutletTest : public testing::Test {
   protected:
@@ -114,3 +114,5 @@ TEST_F(TextOutletTest, FileThatCannotBeOpenedAgainSaysWhy) {
 }
 
 }  // namespace
+
+}  // namespace qv::node
