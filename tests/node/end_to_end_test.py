@@ -555,7 +555,7 @@ class DiskStandsStill(unittest.TestCase):
             self.assertFalse(list(node.folder.glob("*.svg")))
 
     def test_last_flush_is_waited_for_no_longer_than_the_files(self):
-        with self.stopped(1000, "--exit-wait", "0.3", "--sync", "1000") as node:
+        with self.stopped("--exit-wait", "0.3", "--sync", "1000") as node:
             self.assertEqual(node.stop(), 1)
             self.assertIn("the last flush did not end in time", node.text())
 
