@@ -12,7 +12,8 @@ function(quorvane_install_documents component package)
   install(DIRECTORY docs DESTINATION ${folder} COMPONENT ${component}
           FILES_MATCHING PATTERN *.md PATTERN *.ksy)
   install(DIRECTORY examples DESTINATION ${folder} COMPONENT ${component}
-          FILES_MATCHING PATTERN *.md PATTERN *.py PATTERN *.cpp PATTERN *.xml)
+          FILES_MATCHING PATTERN *.md PATTERN *.py PATTERN *.cpp PATTERN *.xml PATTERN *.nft
+          PATTERN *.json PATTERN *.yml)
   install(DIRECTORY tests/data DESTINATION ${folder}/tests COMPONENT ${component}
           FILES_MATCHING PATTERN *.md PATTERN *.hex PATTERN *.json PATTERN *.txt)
   install(FILES tools/wireshark/README.md DESTINATION ${folder}/tools/wireshark

@@ -107,6 +107,8 @@ if [ -n "$tools_deb" ]; then
         usr/lib/quorvane/mod_quorvane.so usr/lib/quorvane/relocated/mod_quorvane.so \
         usr/share/bash-completion/completions/quorvane-call \
         usr/share/doc/quorvane-tools/examples/receiver.py \
+        usr/share/doc/quorvane-tools/examples/fleet/quorvane.nft \
+        usr/share/doc/quorvane-tools/examples/fleet/buckets.py \
         usr/share/doc/quorvane-tools/docs/node.md; do
         expect "$file" test -s "$tools/$file"
     done
