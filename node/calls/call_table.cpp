@@ -7,23 +7,12 @@
 
 namespace qv::node {
 
-namespace {
-
-constexpr std::size_t MAX_REMEMBERED = 100'000;
-
-Uuid uuid_of(const media::Packet& packet) {
-    Uuid uuid;
-    std::memcpy(uuid.data(), packet.call_uuid, uuid.size());
-    return uuid;
-}
-
-}  // namespace
-
-CallTable::CallTable(const CallLimits& limits, const std::vector<CallListener*>& outputs)
+CallTable::CallTable(const CallLimits& limits, const std::vector<CallListener*>& outputs,
+                     std::shared_ptr<CallDirectory> directory)
     : limits_(limits),
       outputs_{&counter_},
-      terminated_(MAX_REMEMBERED, limits.remember_ended),
-      left_behind_(MAX_REMEMBERED, limits.max_age) {
+      directory_(directory != nullptr ? std::move(directory)
+                                      : std::make_shared<CallDirectory>(limits)) {
     outputs_.insert(outputs_.end(), outputs.begin(), outputs.end());
 }
 
@@ -54,65 +43,19 @@ Call* CallTable::find(const media::Packet& packet) {
 
 // Returns null if the packet is dropped.
 Call* CallTable::add(const media::Packet& packet, const Arrival& arrival) {
+    const CallDirectory::Admission admission = directory_->admit(packet, arrival.source);
+    if (admission.drop.has_value()) {
+        totals_.count_drop(*admission.drop);
+        return nullptr;
+    }
     const Uuid uuid = uuid_of(packet);
-    if (is_after_end(uuid, packet)) {
-        totals_.count_drop(Drop::AFTER_END);
-        return nullptr;
-    }
-    if (is_foreign(uuid, arrival.source)) {
-        totals_.count_drop(Drop::OTHER_ADDRESS);
-        return nullptr;
-    }
-    // Calls whose files wait for a disk that stands still take memory, too.
-    if (calls_.size() + completing_.size() >= limits_.max_calls) {
-        totals_.count_drop(Drop::TOO_MANY_CALLS);
-        return nullptr;
-    }
     auto call = std::make_unique<Call>(uuid, packet.call_key, arrival, limits_, outputs_);
-    continue_earlier(*call, packet);
+    if (admission.places.has_value()) {
+        call->continue_from(*admission.places);
+    }
     last_ = call.get();
     calls_.emplace(uuid, std::move(call));
     return last_;
-}
-
-// Data sent after the terminate packet has overtaken the next start packet. A control packet may
-// have been sent after the terminate packet and come before it.
-bool CallTable::is_after_end(const Uuid& uuid, const media::Packet& packet) const {
-    const Ended* const ended = terminated_.find(uuid);
-    switch (packet.type) {
-        case media::PacketType::START:
-            return false;
-        case media::PacketType::TERMINATE:
-            return true;
-        case media::PacketType::CONTROL:
-            return ended != nullptr;
-        case media::PacketType::DATA:
-            break;
-    }
-    return ended != nullptr && packet.send_time <= ended->terminate_time;
-}
-
-// While an ended call is remembered, it still belongs to its sender's address.
-bool CallTable::is_foreign(const Uuid& uuid, const sockaddr_in& source) const {
-    if (limits_.any_source) {
-        return false;
-    }
-    const Ended* const ended = terminated_.find(uuid);
-    const LeftBehind* const left = left_behind_.find(uuid);
-    return (ended != nullptr && ended->address != source.sin_addr.s_addr) ||
-           (left != nullptr && left->address != source.sin_addr.s_addr);
-}
-
-// Continues the sides of an earlier call that was not terminated, unless they start again.
-void CallTable::continue_earlier(Call& call, const media::Packet& packet) {
-    const LeftBehind* const left = left_behind_.find(call.uuid());
-    if (left == nullptr) {
-        return;
-    }
-    if (packet.type != media::PacketType::START) {
-        call.continue_from(left->places);
-    }
-    left_behind_.erase(call.uuid());
 }
 
 Call* CallTable::replace(Call& call, const media::Packet& packet, const Arrival& arrival) {
@@ -126,8 +69,7 @@ void CallTable::tick(Micros now) {
     }
     end_due_calls(now);
     report_ends();
-    terminated_.expire(now);
-    left_behind_.expire(now);
+    directory_->expire(now);
 }
 
 void CallTable::shut_down() {
@@ -151,14 +93,14 @@ void CallTable::end_due_calls(Micros now) {
 
 void CallTable::end(Call& call, EndReason reason, Micros now) {
     call.close(reason);
-    remember(call, reason, now);
+    directory_->end(call, reason, now);
     if (last_ == &call) {
         last_ = nullptr;
     }
     auto over = calls_.extract(call.uuid());
     Completing completing{std::move(over.mapped()), reason};
     if (is_complete(completing)) {
-        call.report_end(reason);
+        report_end(call, reason);
     } else {
         completing_.push_back(std::move(completing));
     }
@@ -172,6 +114,11 @@ bool CallTable::is_complete(Completing& each) {
     return each.summed_up && !each.call->completing();
 }
 
+void CallTable::report_end(Call& call, EndReason reason) {
+    call.report_end(reason);
+    directory_->release();
+}
+
 void CallTable::report_ends() {
     const auto complete =
         std::stable_partition(completing_.begin(), completing_.end(),
@@ -180,17 +127,7 @@ void CallTable::report_ends() {
                                  std::make_move_iterator(completing_.end()));
     completing_.erase(complete, completing_.end());
     for (const Completing& each : ends) {
-        each.call->report_end(each.reason);
-    }
-}
-
-void CallTable::remember(const Call& call, EndReason reason, Micros now) {
-    const in_addr_t address = call.source().sin_addr.s_addr;
-    if (reason == EndReason::TERMINATED) {
-        terminated_.keep(call.uuid(), {address, call.terminate_time()}, now);
-    }
-    if (reason != EndReason::TERMINATED || call.ended_implausibly()) {
-        left_behind_.keep(call.uuid(), {address, call.places()}, now);
+        report_end(*each.call, each.reason);
     }
 }
 

@@ -1,5 +1,5 @@
-// All calls that the node knows: finds the call of a packet, adds and ends calls, and remembers
-// ended calls. Call handles the effect of a packet.
+// The present calls of one thread: finds the call of a packet, adds and ends calls. Call handles
+// the effect of a packet; CallDirectory knows the calls of all threads and remembers ended calls.
 //
 // A call is identified by its UUID; its call key must stay the same. After its terminate packet, a
 // call waits a moment for packets that were sent earlier. Its UUID is then remembered for some
@@ -7,8 +7,8 @@
 // hold) or became too old may continue as another call without a start packet. For this, the places
 // of its sides are remembered for as long as a call may last.
 //
-// The caller passes the time. Belongs to one thread. Two tables share nothing but the outputs that
-// both receive.
+// The caller passes the time. Belongs to one thread. Two tables share nothing but the directory and
+// the outputs that both receive.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "node/calls/call.h"
+#include "node/calls/call_directory.h"
 #include "node/calls/call_limits.h"
 #include "node/calls/call_listener.h"
 #include "node/calls/expiring_map.h"
@@ -28,8 +29,10 @@ namespace qv::node {
 
 class CallTable {
   public:
-    // `outputs` are not owned and must outlive the table.
-    CallTable(const CallLimits& limits, const std::vector<CallListener*>& outputs);
+    // `outputs` are not owned and must outlive the table. The tables of one program share a
+    // directory; without one, the table has its own.
+    CallTable(const CallLimits& limits, const std::vector<CallListener*>& outputs,
+              std::shared_ptr<CallDirectory> directory = nullptr);
     CallTable(const CallTable&) = delete;
     CallTable& operator=(const CallTable&) = delete;
 
@@ -54,16 +57,6 @@ class CallTable {
   private:
     using Calls = std::unordered_map<Uuid, std::unique_ptr<Call>, UuidHash>;
 
-    // What is remembered of an ended call.
-    struct Ended {
-        in_addr_t address;            // The address that the call belonged to.
-        std::int64_t terminate_time;  // Send time of the terminate packet.
-    };
-    struct LeftBehind {
-        in_addr_t address;
-        SidePlaces places;
-    };
-
     struct Completing {
         std::unique_ptr<Call> call;
         EndReason reason;
@@ -74,13 +67,10 @@ class CallTable {
     static bool is_complete(Completing& each);
     Call* find(const media::Packet& packet);
     Call* add(const media::Packet& packet, const Arrival& arrival);
-    bool is_after_end(const Uuid& uuid, const media::Packet& packet) const;
-    bool is_foreign(const Uuid& uuid, const sockaddr_in& source) const;
     Call* replace(Call& call, const media::Packet& packet, const Arrival& arrival);
-    void continue_earlier(Call& call, const media::Packet& packet);
     void end(Call& call, EndReason reason, Micros now);
     void end_due_calls(Micros now);
-    void remember(const Call& call, EndReason reason, Micros now);
+    void report_end(Call& call, EndReason reason);
 
     const CallLimits limits_;
     Totals totals_;
@@ -90,9 +80,7 @@ class CallTable {
     std::vector<Completing> completing_;
     // Call of the latest packet, because packets of a call often come together.
     Call* last_ = nullptr;
-    ExpiringMap<Ended> terminated_;
-    // Calls that ended without a terminate packet, or with an implausible one.
-    ExpiringMap<LeftBehind> left_behind_;
+    const std::shared_ptr<CallDirectory> directory_;
 };
 
 }  // namespace qv::node

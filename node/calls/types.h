@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "quorvane/media_packet.h"
@@ -16,6 +17,12 @@
 namespace qv::node {
 
 using Uuid = std::array<unsigned char, media::UUID_SIZE>;
+
+inline Uuid uuid_of(const media::Packet& packet) {
+    Uuid uuid;
+    std::memcpy(uuid.data(), packet.call_uuid, uuid.size());
+    return uuid;
+}
 
 // Returns the form with 36 characters.
 inline std::string uuid_text(const Uuid& uuid) {
