@@ -48,16 +48,6 @@ std::string free_stem(const std::string& first, IsTaken is_taken) {
     return numbered(first, free_number);
 }
 
-// A call that gets no files.
-class UnnamedCall : public CallListener {
-  public:
-    explicit UnnamedCall(std::uint64_t& calls) : calls_(calls) {}
-    void ended(const Call& /*call*/, EndReason /*reason*/) override { --calls_; }
-
-  private:
-    std::uint64_t& calls_;
-};
-
 }  // namespace
 
 std::string side_file_name(const std::string& stem, Side side, std::size_t part) {
@@ -94,38 +84,25 @@ class FileNames::NamedCall : public CallListener {
   public:
     NamedCall(FileNames& names, Call& call)
         : names_(names), call_(call), utc_time_(names.options_.utc_time()) {
-        name();
+        take_name();
     }
     NamedCall(const NamedCall&) = delete;
     NamedCall& operator=(const NamedCall&) = delete;
-    ~NamedCall() override { give_up_name(); }
+    ~NamedCall() override { names_.give_back_stem(call_.file_stem()); }
 
     void started(const Call& /*call*/, const media::Packet& /*packet*/) override {
         if (!final_) {
-            give_up_name();
-            name();
+            names_.give_back_stem(call_.file_stem());
+            take_name();
         }
     }
     void audio(const Call& /*call*/, Side /*side*/, const Audio& /*audio*/) override {
         final_ = true;
     }
-    void ended(const Call& /*call*/, EndReason /*reason*/) override { --names_.calls_; }
+    void ended(const Call& /*call*/, EndReason /*reason*/) override { names_.end_call(); }
 
   private:
-    void name() {
-        std::string stem = names_.choose_stem(call_, utc_time_);
-        StemUse& use = names_.stems_[stem];
-        use.uuid = call_.uuid();
-        ++use.calls;
-        call_.set_file_stem(std::move(stem));
-    }
-
-    void give_up_name() {
-        const auto use = names_.stems_.find(call_.file_stem());
-        if (--use->second.calls == 0) {
-            names_.stems_.erase(use);
-        }
-    }
+    void take_name() { call_.set_file_stem(names_.take_stem(call_, utc_time_)); }
 
     FileNames& names_;
     Call& call_;
@@ -133,26 +110,73 @@ class FileNames::NamedCall : public CallListener {
     bool final_ = false;
 };
 
+// A call that gets no files.
+class FileNames::UnnamedCall : public CallListener {
+  public:
+    explicit UnnamedCall(FileNames& names) : names_(names) {}
+    void ended(const Call& /*call*/, EndReason /*reason*/) override { names_.end_call(); }
+
+  private:
+    FileNames& names_;
+};
+
 std::unique_ptr<CallListener> FileNames::begin_call(Call& call) {
-    ++calls_;
-    if (!used_up()) {
+    const Admission admission = admit();
+    if (admission == Admission::NAMED) {
         return std::make_unique<NamedCall>(*this, call);
     }
-    if (++refused_calls_ == 1) {
+    if (admission == Admission::FIRST_REFUSED) {
         on_first_refusal_();
     }
-    return std::make_unique<UnnamedCall>(calls_);
+    return std::make_unique<UnnamedCall>(*this);
+}
+
+FileNames::Admission FileNames::admit() {
+    const LockGuard lock(mutex_);
+    ++calls_;
+    if (!used_up()) {
+        return Admission::NAMED;
+    }
+    return ++refused_calls_ == 1 ? Admission::FIRST_REFUSED : Admission::REFUSED;
+}
+
+std::string FileNames::take_stem(const Call& call, const std::string& utc_time) {
+    const LockGuard lock(mutex_);
+    std::string stem = choose_stem(call, utc_time);
+    StemUse& use = stems_[stem];
+    use.uuid = call.uuid();
+    ++use.calls;
+    return stem;
+}
+
+void FileNames::give_back_stem(const std::string& stem) {
+    const LockGuard lock(mutex_);
+    const auto use = stems_.find(stem);
+    if (--use->second.calls == 0) {
+        stems_.erase(use);
+    }
+}
+
+void FileNames::end_call() {
+    const LockGuard lock(mutex_);
+    --calls_;
+}
+
+std::uint64_t FileNames::refused_calls() const {
+    const LockGuard lock(mutex_);
+    return refused_calls_;
 }
 
 // Calls with different UUIDs that go on at the same time never share a stem. With --overwrite, a
 // call that starts again takes the files of the one before it, which may not be complete yet.
-std::string FileNames::choose_stem(const Call& call, const std::string& utc_time) {
+std::string FileNames::choose_stem(const Call& call, const std::string& utc_time) const {
     const std::string reference = call.start().has_value() ? call.start()->call_reference : "";
     std::string wanted = options_.pattern.expand({uuid_text(call.uuid()), reference, utc_time});
     wanted += ends_like_a_file(wanted) ? "_" : "";
+    const auto& stems = stems_;
     return free_stem(wanted, [&](const std::string& stem) {
-        const auto use = stems_.find(stem);
-        return (use != stems_.end() && use->second.uuid != call.uuid()) ||
+        const auto use = stems.find(stem);
+        return (use != stems.end() && use->second.uuid != call.uuid()) ||
                (!(options_.overwrite && stem == wanted) && taken(store_, stem));
     });
 }

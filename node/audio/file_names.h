@@ -3,7 +3,7 @@
 // FileNames is the first of the outputs: it gives each call its file stem, which the outputs that
 // write files read. The stem comes from a pattern, usually the call's UUID. If the pattern has the
 // call reference, the stem is final when the start packet comes, or with the first audio before it.
-// Belongs to one thread.
+// Any thread may call it.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +16,7 @@
 #include "node/audio/name_pattern.h"
 #include "node/calls/call_listener.h"
 #include "node/calls/types.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::node {
 
@@ -45,17 +46,19 @@ class FileNames : public CallListener {
     };
 
     // `files_made` returns how many files this run has written so far. `on_first_refusal` is called
-    // when a call gets no files for the first time. The store must outlive this object.
+    // when a call gets no files for the first time. Any thread must be able to call both, and to
+    // ask the store for a name. The store must outlive this object.
     FileNames(const AudioStore& store, const Options& options,
               std::function<std::uint64_t()> files_made, std::function<void()> on_first_refusal);
 
-    std::unique_ptr<CallListener> begin_call(Call& call) override;
+    std::unique_ptr<CallListener> begin_call(Call& call) override QV_EXCLUDES(mutex_);
 
     // Calls that got no files.
-    std::uint64_t refused_calls() const { return refused_calls_; }
+    std::uint64_t refused_calls() const QV_EXCLUDES(mutex_);
 
   private:
     class NamedCall;
+    class UnnamedCall;
 
     // Present calls that have a stem: all of them have this UUID.
     struct StemUse {
@@ -63,16 +66,24 @@ class FileNames : public CallListener {
         std::size_t calls = 0;
     };
 
-    bool used_up() const;
-    std::string choose_stem(const Call& call, const std::string& utc_time);
+    // Counts the call, and says whether it gets files.
+    enum class Admission : unsigned char { NAMED, FIRST_REFUSED, REFUSED };
+    Admission admit() QV_EXCLUDES(mutex_);
+    bool used_up() const QV_REQUIRES(mutex_);
+    std::string choose_stem(const Call& call, const std::string& utc_time) const
+        QV_REQUIRES(mutex_);
+    std::string take_stem(const Call& call, const std::string& utc_time) QV_EXCLUDES(mutex_);
+    void give_back_stem(const std::string& stem) QV_EXCLUDES(mutex_);
+    void end_call() QV_EXCLUDES(mutex_);
 
     const AudioStore& store_;
-    Options options_;
-    std::function<std::uint64_t()> files_made_;
-    std::function<void()> on_first_refusal_;
-    std::uint64_t calls_ = 0;                         // Present calls,
-    std::unordered_map<std::string, StemUse> stems_;  // and their stems.
-    std::uint64_t refused_calls_ = 0;
+    const Options options_;
+    const std::function<std::uint64_t()> files_made_;
+    const std::function<void()> on_first_refusal_;
+    mutable Mutex mutex_;
+    std::uint64_t calls_ QV_GUARDED_BY(mutex_) = 0;                         // Present calls,
+    std::unordered_map<std::string, StemUse> stems_ QV_GUARDED_BY(mutex_);  // and their stems.
+    std::uint64_t refused_calls_ QV_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace qv::node

@@ -72,10 +72,6 @@ std::string exit_text(int status) {
 }  // namespace
 
 void EndCommand::ended(const Call& call, EndReason reason) {
-    if (waiting_.size() >= options_.most_waiting) {
-        ++counts_.skipped;
-        return;
-    }
     Run run{options_.words, {}, uuid_text(call.uuid())};
     for (const FileReport& file : call.files()) {
         if (file.error.empty()) {
@@ -93,25 +89,53 @@ void EndCommand::ended(const Call& call, EndReason reason) {
     if (!call.sidecar().empty()) {
         run.environment.push_back("QUORVANE_SIDECAR=" + call.sidecar());
     }
-    waiting_.push_back(std::move(run));
+    const LockGuard lock(mutex_);
+    if (waiting_.size() < options_.most_waiting) {
+        waiting_.push_back(std::move(run));
+    } else {
+        ++counts_.skipped;
+    }
+}
+
+std::optional<EndCommand::Run> EndCommand::next() {
+    const LockGuard lock(mutex_);
+    if (waiting_.empty()) {
+        return std::nullopt;
+    }
+    Run run = std::move(waiting_.front());
+    waiting_.pop_front();
+    return run;
+}
+
+std::size_t EndCommand::waiting() const {
+    const LockGuard lock(mutex_);
+    return waiting_.size();
+}
+
+EndCommand::Counts EndCommand::counts() const {
+    const LockGuard lock(mutex_);
+    return counts_;
 }
 
 void EndCommand::poll() {
     reap();
-    while (!waiting_.empty() && running_.size() < options_.most_running) {
-        start(waiting_.front());
-        waiting_.pop_front();
+    while (running_.size() < options_.most_running) {
+        const std::optional<Run> run = next();
+        if (!run.has_value()) {
+            break;
+        }
+        start(*run);
     }
 }
 
 std::size_t EndCommand::finish(std::chrono::milliseconds patience) {
     const auto end = std::chrono::steady_clock::now() + patience;
     poll();
-    while ((!running_.empty() || !waiting_.empty()) && std::chrono::steady_clock::now() < end) {
+    while ((!running_.empty() || waiting() != 0) && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(LOOK_AGAIN);
         poll();
     }
-    return waiting_.size();
+    return waiting();
 }
 
 void EndCommand::start(const Run& run) {
@@ -152,7 +176,10 @@ void EndCommand::reap() {
 }
 
 void EndCommand::fail(const std::string& call, const std::string& why) {
-    ++counts_.failed;
+    {
+        const LockGuard lock(mutex_);
+        ++counts_.failed;
+    }
     report_(options_.words[0] + " after call " + call + ": " + why);
 }
 

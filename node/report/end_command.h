@@ -3,7 +3,7 @@
 // The command runs without a shell, so nothing that a sender chooses is interpreted as a command. A
 // limited number run at the same time; further calls wait for their turn, and beyond a limit they
 // get no command. An output, and the last of them, because the files of the call are complete then.
-// Belongs to one thread.
+// Any thread may call ended(); the other functions belong to one thread.
 #pragma once
 
 #include <sys/types.h>
@@ -12,10 +12,12 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "node/calls/call_listener.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::node {
 
@@ -36,7 +38,7 @@ class EndCommand : public CallListener {
     EndCommand(const Options& options, Report report)
         : options_(options), report_(std::move(report)) {}
 
-    void ended(const Call& call, EndReason reason) override;
+    void ended(const Call& call, EndReason reason) override QV_EXCLUDES(mutex_);
 
     // Collects commands that have ended and starts those that wait. Call it several times a second.
     void poll();
@@ -44,7 +46,7 @@ class EndCommand : public CallListener {
     // then continue on their own. Returns how many calls got no command.
     std::size_t finish(std::chrono::milliseconds patience);
 
-    const Counts& counts() const { return counts_; }
+    Counts counts() const QV_EXCLUDES(mutex_);
     std::size_t running() const { return running_.size(); }
 
   private:
@@ -58,15 +60,18 @@ class EndCommand : public CallListener {
         std::string call;
     };
 
+    std::optional<Run> next() QV_EXCLUDES(mutex_);
+    std::size_t waiting() const QV_EXCLUDES(mutex_);
     void start(const Run& run);
     void reap();
     void fail(const std::string& call, const std::string& why);
 
-    Options options_;
-    Report report_;
-    std::deque<Run> waiting_;
+    const Options options_;
+    const Report report_;
     std::vector<Child> running_;
-    Counts counts_;
+    mutable Mutex mutex_;
+    std::deque<Run> waiting_ QV_GUARDED_BY(mutex_);
+    Counts counts_ QV_GUARDED_BY(mutex_);
 };
 
 }  // namespace qv::node

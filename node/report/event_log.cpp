@@ -139,6 +139,7 @@ void EventLog::ended(const Call& call, EndReason reason) {
 }
 
 bool EventLog::flush() {
+    const LockGuard lock(mutex_);
     if (!write_out()) {
         return false;
     }
@@ -149,7 +150,7 @@ bool EventLog::flush() {
 void EventLog::report_loss() {
     const std::uint64_t lost = dropped_ - std::exchange(reported_, dropped_);
     if (lost != 0) {
-        write("events_lost", {{"events", lost}});
+        add(event_text("events_lost", {{"events", lost}}));
     }
 }
 
@@ -161,7 +162,13 @@ bool EventLog::write_out() {
     return !failing_;
 }
 
+std::uint64_t EventLog::dropped() const {
+    const LockGuard lock(mutex_);
+    return dropped_;
+}
+
 std::uint64_t EventLog::waiting() const {
+    const LockGuard lock(mutex_);
     return static_cast<std::uint64_t>(std::count(waiting_.begin(), waiting_.end(), '\n'));
 }
 
@@ -170,12 +177,18 @@ void EventLog::write(const char* event, const Call& call, const Json& fields) {
 }
 
 void EventLog::write(const char* event, const Json& fields) {
+    const std::string line = event_text(event, fields);
+    const LockGuard lock(mutex_);
     if (failing_ && waiting_.size() >= MOST_WAITING) {
         ++dropped_;
         return;
     }
     report_loss();
-    waiting_ += event_text(event, fields) + '\n';
+    add(line);
+}
+
+void EventLog::add(const std::string& line) {
+    waiting_ += line + '\n';
     if (!failing_ && waiting_.size() >= BLOCK) {
         write_out();
     }

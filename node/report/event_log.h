@@ -3,7 +3,10 @@
 //
 // While the sink takes no events, for example because the disk is full, they wait and are retried.
 // When a megabyte of events waits, further events are dropped and counted; an event of its own
-// reports the loss where they are missing. Belongs to one thread.
+// reports the loss where they are missing.
+//
+// Any thread may call it. The events of a call keep their order. Events of calls on different
+// threads that happen at the same moment may be swapped.
 #pragma once
 
 #include <cstddef>
@@ -15,13 +18,15 @@
 
 #include "node/audio/open_list.h"
 #include "node/calls/call_listener.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::node {
 
 class EventLog : public CallListener {
   public:
     // Writes lines and returns how many bytes were written; fewer than given if writing failed. A
-    // line that was written only in part is passed again from its beginning.
+    // line that was written only in part is passed again from its beginning. Called with the lock
+    // of the log held.
     using Sink = std::function<std::size_t(const char* lines, std::size_t size)>;
 
     // With `every_packet`, data packets are events, too.
@@ -54,27 +59,30 @@ class EventLog : public CallListener {
     void ended(const Call& call, EndReason reason) override;
 
     // Writes all waiting events. Returns false while this fails. Call it several times a second.
-    bool flush();
+    bool flush() QV_EXCLUDES(mutex_);
 
     // Events that were dropped, and those that are still waiting.
-    std::uint64_t dropped() const { return dropped_; }
-    std::uint64_t waiting() const;
+    std::uint64_t dropped() const QV_EXCLUDES(mutex_);
+    std::uint64_t waiting() const QV_EXCLUDES(mutex_);
 
   private:
-    bool write_out();
-    void report_loss();
-    void write(const char* event, const nlohmann::json& fields);
+    bool write_out() QV_REQUIRES(mutex_);
+    void report_loss() QV_REQUIRES(mutex_);
+    void add(const std::string& line) QV_REQUIRES(mutex_);
+    void write(const char* event, const nlohmann::json& fields) QV_EXCLUDES(mutex_);
     void write(const char* event, const Call& call, const nlohmann::json& fields);
 
     static constexpr std::size_t MOST_WAITING = 1 << 20;  // Bytes, while writing fails.
     static constexpr std::size_t BLOCK = 1 << 16;
 
-    Sink sink_;
-    bool every_packet_;
-    bool failing_ = false;  // Whether the latest attempt to write failed.
-    std::string waiting_;   // Whole lines.
-    std::uint64_t dropped_ = 0;
-    std::uint64_t reported_ = 0;  // Dropped events that an event has reported already.
+    const Sink sink_;
+    const bool every_packet_;
+    mutable Mutex mutex_;
+    bool failing_ QV_GUARDED_BY(mutex_) = false;  // Whether the latest attempt to write failed.
+    std::string waiting_ QV_GUARDED_BY(mutex_);   // Whole lines.
+    std::uint64_t dropped_ QV_GUARDED_BY(mutex_) = 0;
+    // Dropped events that an event has reported already.
+    std::uint64_t reported_ QV_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace qv::node

@@ -75,6 +75,7 @@ std::string side_text(const CallSide& side) {
 }  // namespace
 
 void LineReport::say(const std::string& what, const std::string& text) {
+    const LockGuard lock(mutex_);
     tell_date();
     put(time_of_day() + "  " + in_columns(what, 38, text) + '\n');
 }
@@ -98,7 +99,23 @@ void LineReport::tell_date() {
     }
 }
 
+void LineReport::show_dates() {
+    const LockGuard lock(mutex_);
+    dates_ = true;
+}
+
+void LineReport::hold() {
+    const LockGuard lock(mutex_);
+    holding_ = true;
+}
+
+void LineReport::flush() {
+    const LockGuard lock(mutex_);
+    out_.flush();
+}
+
 void LineReport::release() {
+    const LockGuard lock(mutex_);
     holding_ = false;
     for (const std::string& line : std::exchange(held_, {})) {
         out_ << line;
@@ -106,9 +123,17 @@ void LineReport::release() {
 }
 
 void LineReport::line(const Call& call, const std::string& what, const std::string& text) {
-    tell_date();
-    out_ << time_of_day() << "  " << uuid_text(call.uuid()) << "  " << in_columns(what, 13, text)
-         << '\n';
+    write(call, {{what, text}});
+}
+
+void LineReport::write(const Call& call, const std::vector<Line>& lines) {
+    const std::string uuid = uuid_text(call.uuid());
+    const LockGuard lock(mutex_);
+    for (const Line& each : lines) {
+        tell_date();
+        out_ << time_of_day() << "  " << uuid << "  " << in_columns(each.what, 13, each.text)
+             << '\n';
+    }
 }
 
 void LineReport::started(const Call& call, const media::Packet& packet) {
@@ -205,26 +230,28 @@ void LineReport::file_failed(const Call& call, const FileReport& file) {
 void LineReport::ended(const Call& call, EndReason reason) {
     const bool unannounced = !call.start().has_value();
     const std::size_t failed = call.failed_files().size();
-    line(call, "end",
+    std::vector<Line> lines = {
+        {"end",
          reason_text(reason) +
              (unannounced ? ", its start packet never came, from " + address_text(call.source())
                           : "") +
              foreign_text(call.foreign_packets()) +
              (call.sides_may_be_apart() ? "; its sides may be apart in time" : "") +
-             (failed != 0 ? "; " + counted(failed, "file") + " could not be written" : ""));
+             (failed != 0 ? "; " + counted(failed, "file") + " could not be written" : "")}};
     for (const Side side : BOTH_SIDES) {
         if (call.side(side).begun()) {
-            line(call, std::string("  ") + name_of(side), side_text(call.side(side)));
+            lines.push_back({std::string("  ") + name_of(side), side_text(call.side(side))});
         }
     }
     for (const FileReport& file : call.files()) {
         if (file.error.empty()) {
-            line(call, "  file", file.path);
+            lines.push_back({"  file", file.path});
         }
     }
     for (const FileReport& file : call.failed_files()) {
-        line(call, "  failed", file.path + ": " + file.error);
+        lines.push_back({"  failed", file.path + ": " + file.error});
     }
+    write(call, lines);
 }
 
 }  // namespace qv::node

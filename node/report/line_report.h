@@ -1,4 +1,5 @@
-// Reports calls and their packets in lines for people. An output. Belongs to one thread.
+// Reports calls and their packets in lines for people. An output. Any thread may call it; the lines
+// of one report stay together.
 #pragma once
 
 #include <ostream>
@@ -6,6 +7,7 @@
 #include <vector>
 
 #include "node/calls/call_listener.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::node {
 
@@ -28,31 +30,39 @@ class LineReport : public CallListener {
     void ended(const Call& call, EndReason reason) override;
 
     // Writes a line that concerns no call.
-    void say(const std::string& what, const std::string& text);
+    void say(const std::string& what, const std::string& text) QV_EXCLUDES(mutex_);
 
     // From now on the date has a line of its own, before the first line and before the first line
     // of each further day.
-    void show_dates() { dates_ = true; }
+    void show_dates() QV_EXCLUDES(mutex_);
 
     // From now on, the first hundred lines of say() are kept until release() writes them: the live
     // view owns the screen meanwhile.
-    void hold() { holding_ = true; }
-    void release();
+    void hold() QV_EXCLUDES(mutex_);
+    void release() QV_EXCLUDES(mutex_);
 
-    void flush() { out_.flush(); }
+    void flush() QV_EXCLUDES(mutex_);
 
   private:
+    // A line of a call.
+    struct Line {
+        std::string what;
+        std::string text;
+    };
+
+    void write(const Call& call, const std::vector<Line>& lines) QV_EXCLUDES(mutex_);
     void line(const Call& call, const std::string& what, const std::string& text);
-    void put(std::string line);
-    void tell_date();
+    void put(std::string line) QV_REQUIRES(mutex_);
+    void tell_date() QV_REQUIRES(mutex_);
 
     static constexpr std::size_t MOST_HELD = 100;
 
-    std::ostream& out_;
-    bool dates_ = false;
-    std::string told_date_;
-    bool holding_ = false;
-    std::vector<std::string> held_;
+    Mutex mutex_;
+    std::ostream& out_ QV_GUARDED_BY(mutex_);
+    bool dates_ QV_GUARDED_BY(mutex_) = false;
+    std::string told_date_ QV_GUARDED_BY(mutex_);
+    bool holding_ QV_GUARDED_BY(mutex_) = false;
+    std::vector<std::string> held_ QV_GUARDED_BY(mutex_);
 };
 
 }  // namespace qv::node

@@ -52,8 +52,18 @@ void Notices::left_behind(const std::vector<LeftoverFile>& files) {
     }
 }
 
+std::uint64_t Notices::count_malformed(media::DecodeResult reason) {
+    const LockGuard lock(mutex_);
+    return ++malformed_[static_cast<std::size_t>(reason)];
+}
+
 void Notices::malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count) {
+    // The lock would slow a flood down.
     if (count > MALFORMED_REPORTS_PER_REASON) {
+        return;
+    }
+    const std::uint64_t in_all = count_malformed(reason);
+    if (in_all > MALFORMED_REPORTS_PER_REASON) {
         return;
     }
     const std::string source = address_text(datagram.arrival.source);
@@ -63,7 +73,7 @@ void Notices::malformed(const Datagram& datagram, media::DecodeResult reason, st
                    std::string(describe(reason)) + ": " + counted(datagram.size, "byte") +
                        " from " + source +
                        (beginning.empty() ? "" : ", beginning with" + beginning) +
-                       (count == MALFORMED_REPORTS_PER_REASON ? "; more are only counted" : ""));
+                       (in_all == MALFORMED_REPORTS_PER_REASON ? "; more are only counted" : ""));
     }
     if (events_ != nullptr) {
         events_->malformed(reason, datagram.size, source);

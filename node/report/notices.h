@@ -1,7 +1,9 @@
 // Reports what concerns no single call, as lines and as events: that the node listens, malformed
-// datagrams, lost packets, calls beyond the limit. Belongs to one thread.
+// datagrams, lost packets, calls beyond the limit. Any thread may call malformed(); the other
+// functions belong to one thread.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -12,6 +14,7 @@
 #include "node/report/figures.h"
 #include "node/report/line_report.h"
 #include "quorvane/media_packet.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::node {
 
@@ -25,8 +28,10 @@ class Notices {
     void listening(const std::string& address);
     // Files that a killed run left behind and that have been repaired.
     void left_behind(const std::vector<LeftoverFile>& files);
-    // The `count`th datagram that is malformed for that reason. Only the first few are reported.
-    void malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count);
+    // The `count`th datagram of this thread that is malformed for that reason. Only the first few
+    // of all threads are reported.
+    void malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count)
+        QV_EXCLUDES(mutex_);
     // The number of datagrams that the system has dropped so far. Reports the increase.
     void overflowed(std::uint64_t total);
     // The number of datagrams so far from senders that are not allowed; `source` is the sender of
@@ -44,6 +49,8 @@ class Notices {
     void too_many_calls(std::uint64_t total);
 
   private:
+    std::uint64_t count_malformed(media::DecodeResult reason) QV_EXCLUDES(mutex_);
+
     LineReport& lines_;
     EventLog* events_;
     bool quiet_lines_;
@@ -53,6 +60,9 @@ class Notices {
     std::uint64_t reported_too_many_ = 0;
     std::uint64_t reported_refused_reports_ = 0;
     std::uint64_t reported_too_many_reports_ = 0;
+    Mutex mutex_;
+    // By reason; those that no thread had to report are not counted.
+    std::array<std::uint64_t, media::DECODE_RESULT_COUNT> malformed_ QV_GUARDED_BY(mutex_){};
 };
 
 }  // namespace qv::node

@@ -85,7 +85,7 @@ class ReportSender::ReportedCall : public CallListener {
     void started(const Call& call, const media::Packet& packet) override {
         if (packet.report_node_given()) {
             to_ = report_node_of(packet);
-            report("start", call, start_json(call, packet), limit().allows(now()));
+            report("start", call, start_json(call, packet), sender_.allows());
         }
     }
 
@@ -107,16 +107,13 @@ class ReportSender::ReportedCall : public CallListener {
             if (left_out_ != 0) {
                 fields["left_out"] = left_out_;
             }
-            report("end", call, fields, limit().allows(now()));
+            report("end", call, fields, sender_.allows());
         }
     }
 
   private:
-    Micros now() const { return sender_.clock_(); }
-    RateLimit& limit() { return sender_.limit_; }
-
     bool allows_detection() {
-        const bool allowed = limit_.allows(now()) && limit().allows(now(), AT_ONCE / 2);
+        const bool allowed = limit_.allows(sender_.clock_()) && sender_.allows(AT_ONCE / 2);
         if (allowed) {
             limit_.count();
         }
@@ -126,7 +123,7 @@ class ReportSender::ReportedCall : public CallListener {
     void report(const char* event, const Call& call, const Json& fields, bool allowed) {
         if (!allowed) {
             ++left_out_;
-            ++sender_.figures_.too_many;
+            sender_.leave_out();
             return;
         }
         sender_.send(*to_, report_text(event, of_call(call, fields)));
@@ -145,16 +142,40 @@ std::unique_ptr<CallListener> ReportSender::begin_call(Call& /*call*/) {
     return std::make_unique<ReportedCall>(*this);
 }
 
-void ReportSender::send(const sockaddr_in& to, const std::string& text) {
+ReportFigures ReportSender::figures() const {
+    const LockGuard lock(mutex_);
+    return figures_;
+}
+
+bool ReportSender::allows(double kept) {
+    const LockGuard lock(mutex_);
+    return limit_.allows(clock_(), kept);
+}
+
+void ReportSender::leave_out() {
+    const LockGuard lock(mutex_);
+    ++figures_.too_many;
+}
+
+bool ReportSender::may_send(const sockaddr_in& to) {
+    const LockGuard lock(mutex_);
     if (!tools::contain(networks_, to)) {
         ++figures_.not_allowed;
         figures_.latest_not_allowed = to;
-        return;
+        return false;
     }
     limit_.count();
+    return true;
+}
+
+void ReportSender::send(const sockaddr_in& to, const std::string& text) {
+    if (!may_send(to)) {
+        return;
+    }
     const ssize_t sent =
         ::sendto(socket_.descriptor(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    const LockGuard lock(mutex_);
     ++(sent == static_cast<ssize_t>(text.size()) ? figures_.sent : figures_.failed);
 }
 

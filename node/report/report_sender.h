@@ -4,7 +4,7 @@
 // A start packet can name any address, so reports are sent only to the given networks. Sending
 // never waits: a report that the system does not accept at once is lost and counted. The number of
 // reports is limited for each call and for all of them; the end of a call reports how many of its
-// reports were left out. An output. Belongs to one thread.
+// reports were left out. An output. Any thread may call it.
 #pragma once
 
 #include <netinet/in.h>
@@ -20,6 +20,7 @@
 #include "node/calls/call_listener.h"
 #include "node/report/figures.h"
 #include "node/report/rate_limit.h"
+#include "quorvane_lib/mutex.h"
 #include "tools/networks.h"
 #include "tools/udp_socket.h"
 
@@ -42,18 +43,23 @@ class ReportSender : public CallListener {
 
     std::unique_ptr<CallListener> begin_call(Call& call) override;
 
-    const ReportFigures& figures() const { return figures_; }
+    ReportFigures figures() const QV_EXCLUDES(mutex_);
 
   private:
     class ReportedCall;
 
-    void send(const sockaddr_in& to, const std::string& text);
+    // Whether the limit allows one more report, if `kept` remain for others.
+    bool allows(double kept = 0) QV_EXCLUDES(mutex_);
+    void leave_out() QV_EXCLUDES(mutex_);
+    void send(const sockaddr_in& to, const std::string& text) QV_EXCLUDES(mutex_);
+    bool may_send(const sockaddr_in& to) QV_EXCLUDES(mutex_);
 
     const std::vector<tools::Network> networks_;
     const std::function<Micros()> clock_;
-    RateLimit limit_{RATE, AT_ONCE};
-    tools::UdpSocket socket_;
-    ReportFigures figures_;
+    const tools::UdpSocket socket_;
+    mutable Mutex mutex_;
+    RateLimit limit_ QV_GUARDED_BY(mutex_){RATE, AT_ONCE};
+    ReportFigures figures_ QV_GUARDED_BY(mutex_);
 };
 
 // Returns the event as text of at most ReportSender::LONGEST bytes. If it is too long, the fields

@@ -55,15 +55,26 @@ TEST_F(NoticesTest, EmptyDatagramHasNoBeginning) {
 }
 
 TEST_F(NoticesTest, AfterThreeOfAReasonMalformedDatagramsAreOnlyCounted) {
+    malformed(notices_, 1);
     malformed(notices_, 2);
-    const std::string second = tests::plain_lines(text()).at(0);
+    const std::string second = tests::plain_lines(text()).at(1);
     malformed(notices_, 3);
     const std::string third = tests::plain_lines(text()).at(0);
     EXPECT_EQ(third.substr(0, second.size()), second);
     EXPECT_GT(third.size(), second.size()) << "it should say that more are only counted";
     malformed(notices_, 4);
     EXPECT_EQ(lines(), Lines{});
-    EXPECT_EQ(events(), 2u);
+    EXPECT_EQ(events(), 3u);
+}
+
+TEST_F(NoticesTest, TheThreeAreThoseOfAllThreadsTogether) {
+    malformed(notices_, 1);
+    malformed(notices_, 1);
+    malformed(notices_, 2);
+    EXPECT_EQ(events(), 3u);
+    malformed(notices_, 2);
+    malformed(notices_, 3);
+    EXPECT_EQ(events(), 3u);
 }
 
 TEST_F(NoticesTest, OnlyFreshLossIsReported) {
