@@ -6,21 +6,16 @@
 
 #include "node/report/text.h"
 #include "node/service_manager.h"
+#include "node/tick.h"
 
 namespace qv::node {
-
-namespace {
-
-constexpr auto TICK = std::chrono::milliseconds(50);
-
-}  // namespace
 
 Application::Application(const Options& options, std::ostream& errors)
     : options_(options),
       errors_(errors),
       timer_(loop_),
       outputs_(options_, [this] { return keep_waiting(); }),
-      receiver_(loop_, [this](const Datagram& datagram) { intake_->receive(datagram); }) {}
+      lanes_(loop_, options_.threads) {}
 
 int Application::run() {
     Signals signals(loop_);
@@ -47,7 +42,7 @@ int Application::run() {
 void Application::listen() {
     began_ = steady_now();
     outputs_.begin(figures(began_));
-    receiver_.start();
+    lanes_.start();
     schedule_tick();
     notify("READY=1");
     loop_.run();
@@ -68,7 +63,7 @@ void Application::read_capture() {
             break;
         }
         report_as_of(datagram->arrival.time);
-        intake_->receive(*datagram);
+        lanes_.lane(0).receive(*datagram);
         loop_.poll();
     }
     // Stops waiting for late packets, and ends the calls that have a terminate packet.
@@ -77,20 +72,21 @@ void Application::read_capture() {
 }
 
 void Application::pass_time(Micros until) {
+    CallTable& calls = lanes_.lane(0).calls();
     // Without calls, the rest of the time needs no ticks.
-    while (now_ + TICK <= until && calls_->size() != 0) {
+    while (now_ + TICK <= until && calls.size() != 0) {
         now_ += TICK;
         report_as_of(now_);
-        calls_->tick(now_);
+        lanes_.tick(now_);
         // The end of a call is reported at its time in the capture.
-        while (calls_->completing() != 0 && keep_waiting()) {
+        while (calls.completing() != 0 && keep_waiting()) {
             outputs_.files_complete();
-            calls_->report_ends();
+            calls.report_ends();
         }
         outputs_.update(figures(now_), now_);
         report_reloaded();
     }
-    now_ = calls_->size() != 0 ? now_ : until;
+    now_ = calls.size() != 0 ? now_ : until;
 }
 
 void Application::report_capture() {
@@ -125,12 +121,12 @@ std::string Application::open() {
 
 std::string Application::open_socket() {
     const std::string error =
-        receiver_.open(options_.listen, options_.receive_buffer_mib * 1024 * 1024);
+        lanes_.open_port(options_.listen, options_.receive_buffer_mib * 1024 * 1024);
     if (!error.empty()) {
         return "cannot listen on " + options_.listen_text + ": " + error;
     }
     sockaddr_in address = options_.listen;
-    address.sin_port = htons(receiver_.port());
+    address.sin_port = htons(lanes_.port());
     address_ = address_text(address);
     return {};
 }
@@ -142,14 +138,18 @@ std::string Application::open_capture() {
 }
 
 void Application::open_calls() {
-    CallLimits limits = options_.limits;
-    limits.services = outputs_.services();
-    calls_ = std::make_unique<CallTable>(limits, outputs_.call_listeners());
-    intake_ = std::make_unique<Intake>(
-        *calls_, [this](const Datagram& datagram, media::DecodeResult reason, std::uint64_t count) {
-            outputs_.notices().malformed(datagram, reason, count);
-        });
-    intake_->allow_only(tools::AllowedNetworks(options_.allowed));
+    Lane::Shared shared;
+    shared.limits = options_.limits;
+    shared.limits.services = outputs_.services();
+    shared.allowed = tools::AllowedNetworks(options_.allowed);
+    shared.directory = std::make_shared<CallDirectory>(shared.limits);
+    shared.on_malformed = [this](const Datagram& datagram, media::DecodeResult reason,
+                                 std::uint64_t count) {
+        outputs_.notices().malformed(datagram, reason, count);
+    };
+    for (std::size_t number = 0; number < lanes_.count(); ++number) {
+        lanes_.lane(number).open_calls(shared, outputs_.add_lane());
+    }
 }
 
 void Application::schedule_tick() {
@@ -163,15 +163,16 @@ void Application::schedule_tick() {
 
 void Application::tick() {
     const Micros now = steady_now();
-    calls_->tick(now);
-    outputs_.update(figures(now), now);
+    lanes_.tick(now);
+    const NodeFigures all = figures(now);
+    outputs_.update(all, now);
     report_reloaded();
     if (outputs_.take_quit()) {
         outputs_.lines().say("asked to end", "by a key");
         loop_.stop();
     } else if (enough_calls()) {
         loop_.stop();
-    } else if (idle_too_long(now)) {
+    } else if (idle_too_long(all.last_arrival, now)) {
         outputs_.lines().say("idle for " + duration_text(options_.idle_exit_s), "");
         waited_in_vain_ = options_.calls != 0;
         loop_.stop();
@@ -180,25 +181,21 @@ void Application::tick() {
     }
 }
 
-bool Application::enough_calls() const {
-    return options_.calls != 0 && calls_->totals().calls_ended >= options_.calls;
+bool Application::enough_calls() {
+    return options_.calls != 0 && lanes_.calls_ended() >= options_.calls;
 }
 
-bool Application::idle_too_long(Micros now) const {
-    const Micros since = std::max(began_, intake_->last_arrival());
+bool Application::idle_too_long(Micros last_arrival, Micros now) const {
+    const Micros since = std::max(began_, last_arrival);
     return options_.idle_exit_s > 0 && seconds_of(now - since) >= options_.idle_exit_s;
 }
 
 NodeFigures Application::figures(Micros now) {
-    NodeFigures figures;
-    figures.totals = calls_->totals();
-    figures.malformed = intake_->malformed();
-    figures.not_allowed = intake_->not_allowed();
-    figures.latest_not_allowed = intake_->latest_not_allowed();
-    figures.received = capture_.has_value() ? capture_->taken() : receiver_.received();
-    figures.overflowed = receiver_.overflowed();
-    figures.calls = calls_->size();
-    figures.receive_buffer = receiver_.granted_buffer();
+    NodeFigures figures{lanes_.figures()};
+    if (capture_.has_value()) {
+        figures.received = capture_->taken();
+    }
+    figures.receive_buffer = lanes_.granted_buffer();
     figures.address = address_;
     figures.uptime = now - began_;
     return figures;
@@ -244,7 +241,7 @@ void Application::complete_files() {
         impatient_ = outputs_.take_quit() || impatient_;
         if (!keep_waiting() || std::chrono::steady_clock::now() - begin >= longest) {
             outputs_.give_up_files();
-            calls_->report_ends();
+            lanes_.report_ends();
             break;
         }
     }
@@ -256,17 +253,14 @@ Micros Application::now() const {
 
 bool Application::all_complete() {
     const bool complete = outputs_.files_complete();
-    calls_->report_ends();
-    return complete && calls_->completing() == 0 && outputs_.synced();
+    const bool reported = lanes_.report_ends();
+    return complete && reported && outputs_.synced();
 }
 
 int Application::finish() {
     notify("STOPPING=1");
-    if (!capture_.has_value()) {
-        receiver_.drain_and_stop();
-    }
     timer_.cancel();
-    calls_->shut_down();
+    lanes_.stop();
     ending_ = true;
     ending_files_ = true;
     complete_files();

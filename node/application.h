@@ -1,5 +1,7 @@
-// The media node as a whole: connects socket, calls and outputs, and runs them on one event loop
-// until there is a reason to end.
+// The media node as a whole: connects lanes and outputs, and runs until there is a reason to end.
+//
+// Its event loop does what concerns the whole program: signals, reports, the live view, the end.
+// The lanes receive packets; with one thread, the only lane runs on this loop, too.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -8,10 +10,8 @@
 #include <ostream>
 #include <string>
 
-#include "node/calls/call_table.h"
 #include "node/ingest/capture.h"
-#include "node/ingest/intake.h"
-#include "node/ingest/receiver.h"
+#include "node/lanes.h"
 #include "node/options.h"
 #include "node/outputs.h"
 #include "node/signals.h"
@@ -41,8 +41,8 @@ class Application {
     void report_capture();
     void schedule_tick();
     void tick();
-    bool idle_too_long(Micros now) const;
-    bool enough_calls() const;
+    bool idle_too_long(Micros last_arrival, Micros now) const;
+    bool enough_calls();
     NodeFigures figures(Micros now);
     void complete_files();
     bool all_complete();
@@ -54,10 +54,8 @@ class Application {
     asio::io_context loop_{1};
     asio::steady_timer timer_;
     Outputs outputs_;
-    std::unique_ptr<CallTable> calls_;
-    std::unique_ptr<Intake> intake_;
-    Receiver receiver_;
-    std::optional<Capture> capture_;  // Read instead of a socket.
+    Lanes lanes_;
+    std::optional<Capture> capture_;  // Read instead of a socket, by the only lane.
     Micros now_{0};                   // The time of the capture that the calls have reached.
     std::string address_;
     Micros began_{0};

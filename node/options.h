@@ -37,14 +37,15 @@ struct Options {
     bool live = false;
     bool sidecar = false;
     bool timeline = false;
-    std::optional<sockaddr_in> metrics;  // The address where metrics are served.
-    bool stereo = false;                 // Also one file of both sides.
-    bool resample = true;                // Sides with different rates share that file.
-    bool no_sides = false;               // No files of one side.
-    bool keep_pauses = false;            // In files of one side.
-    std::uint64_t calls = 0;             // End after this many calls. 0: never.
-    double idle_exit_s = 0;              // End after this long without a packet. 0: never.
-    int receive_buffer_mib = 64;
+    std::optional<sockaddr_in> metrics;   // The address where metrics are served.
+    bool stereo = false;                  // Also one file of both sides.
+    bool resample = true;                 // Sides with different rates share that file.
+    bool no_sides = false;                // No files of one side.
+    bool keep_pauses = false;             // In files of one side.
+    std::uint64_t calls = 0;              // End after this many calls. 0: never.
+    double idle_exit_s = 0;               // End after this long without a packet. 0: never.
+    int receive_buffer_mib = 64;          // Of all threads together.
+    std::size_t threads = 1;              // That receive.
     std::size_t max_open_files = 0;       // 0: what the system allows.
     std::uint64_t max_files = 1'000'000;  // Of one run. 0: no limit.
     std::size_t block_kib = 32;

@@ -130,7 +130,9 @@ std::optional<std::string> Outputs::take_samples() {
     std::string error;
     if (auto samples = loaded(*result, error)) {
         samples_ = samples;
-        analyser_->set_samples(std::move(samples));
+        for (const auto& lane : lanes_) {
+            lane->set_samples(samples);
+        }
     }
     return error;
 }
@@ -210,7 +212,7 @@ void Outputs::build() {
                                              grouped(options_.max_files) +
                                              " (--max-files): such calls are not written");
         });
-    call_listeners_.push_back(file_names_.get());
+    before_lane_.push_back(file_names_.get());
 
     if (options_.sync_s > 0) {
         disk_sync_ =
@@ -218,50 +220,66 @@ void Outputs::build() {
                                        [folder = options_.folder] { return sync_folder(folder); });
     }
 
-    analysis::Worker::Settings analysis;
-    analysis.activity = options_.activity;
-    analysis.samples = samples_;
-    analyser_ = std::make_unique<Analyser>(std::move(analysis), options_.read.empty()
-                                                                    ? Analyser::Pace::LIVE
-                                                                    : Analyser::Pace::PATIENT);
-    call_listeners_.push_back(analyser_.get());
-
-    const RecordingOptions recording{options_.block_kib * 1024 / sizeof(std::int16_t),
-                                     options_.keep_pauses, options_.resample};
-    recorder_ = std::make_unique<Recorder>(
-        *finisher_, Recorder::Options{!options_.no_sides, options_.stereo, recording});
-    call_listeners_.push_back(recorder_.get());
-    if (options_.sidecar) {
-        sidecar_ = std::make_unique<Sidecar>(
-            *tasks_, Sidecar::Options{options_.folder, options_.overwrite, options_.sync_s > 0},
-            [this](const std::string& name) { note_document(name); });
-        call_listeners_.push_back(sidecar_.get());
-    }
-    if (options_.timeline) {
-        timeline_ = std::make_unique<Timeline>([this](const std::string& name, std::string svg) {
-            ++saved_documents_;
-            return store_->write_text(name, std::move(svg));
-        });
-        call_listeners_.push_back(timeline_.get());
-    }
-    if (live_) {
-        call_listeners_.push_back(&live_view_);
-    } else if (!options_.quiet) {
-        call_listeners_.push_back(&lines_);
+    if (!live_ && !options_.quiet) {
+        after_lane_.push_back(&lines_);
     }
     if (events_ != nullptr) {
-        call_listeners_.push_back(events_.get());
+        after_lane_.push_back(events_.get());
     }
     if (reports_ != nullptr) {
-        call_listeners_.push_back(reports_.get());
+        after_lane_.push_back(reports_.get());
     }
     if (!options_.on_end.empty()) {
         end_command_ = std::make_unique<EndCommand>(
             EndCommand::Options{options_.on_end, options_.on_end_running},
             [this](const std::string& what) { lines_.say("command failed", what); });
-        call_listeners_.push_back(end_command_.get());
+        after_lane_.push_back(end_command_.get());
     }
     notices_ = std::make_unique<Notices>(lines_, events_.get(), live_);
+}
+
+// The lanes share the memory that the options and the analysis allow.
+LaneOutputs& Outputs::add_lane() {
+    LaneOutputs::Options lane;
+    lane.analysis.activity = options_.activity;
+    lane.analysis.samples = samples_;
+    lane.analysis.most_waiting /= options_.threads;
+    lane.most_held = Analyser::MOST_HELD / options_.threads;
+    lane.pace = options_.read.empty() ? Analyser::Pace::LIVE : Analyser::Pace::PATIENT;
+    lane.recorder = {!options_.no_sides,
+                     options_.stereo,
+                     {options_.block_kib * 1024 / sizeof(std::int16_t), options_.keep_pauses,
+                      options_.resample}};
+    lane.finisher.digests = options_.sidecar;
+    if (options_.sidecar) {
+        lane.sidecar = {options_.folder, options_.overwrite, options_.sync_s > 0};
+    }
+    lane.timeline = options_.timeline;
+    lane.on_document = [this](const std::string& name) { note_document(name); };
+    if (live_) {
+        lane.on_file_error = [this](const std::string& error) {
+            live_view_.report_file_error(error);
+        };
+    }
+    lanes_.push_back(
+        std::make_unique<LaneOutputs>(store_->share(), *tasks_, lane, before_lane_, after_lane_));
+    return *lanes_.back();
+}
+
+AllCalls Outputs::calls() const {
+    AllCalls all;
+    for (const auto& lane : lanes_) {
+        all.add(lane->calls());
+    }
+    return all;
+}
+
+Analyser::Figures Outputs::analysis() const {
+    Analyser::Figures sum;
+    for (const auto& lane : lanes_) {
+        sum.add(lane->analysis());
+    }
+    return sum;
 }
 
 // A capture can be read faster than the disk writes; then the node waits for the disk.
@@ -274,8 +292,6 @@ void Outputs::build_store() {
         BackgroundStore::Options{options_.write_buffer_mib * 1024 * 1024,
                                  options_.read.empty() ? nullptr : keep_waiting_});
     tasks_ = std::make_unique<TaskThread>();
-    finisher_ =
-        std::make_unique<FileFinisher>(*store_, *tasks_, FileFinisher::Options{options_.sidecar});
     std::error_code error;
     const std::filesystem::directory_iterator end;
     for (std::filesystem::directory_iterator entry(options_.folder, error);
@@ -287,8 +303,9 @@ void Outputs::build_store() {
 bool Outputs::files_complete() {
     const auto until = std::chrono::steady_clock::now() + A_MOMENT;
     const bool written = store_->wait(until);
-    store_->update();
-    finisher_->update();
+    for (const auto& lane : lanes_) {
+        lane->update_files();
+    }
     return written && tasks_->wait(until);
 }
 
@@ -314,6 +331,9 @@ void Outputs::show_ending(const NodeFigures& figures, Micros now) {
         last_second_ = now;
     }
     if (live_) {
+        for (const auto& lane : lanes_) {
+            lane->update(now);
+        }
         live_view_.set_ending(waits_for());
         show_live(figures, now);
     } else if (now - last_second_ >= SECOND) {
@@ -335,7 +355,9 @@ void Outputs::give_up_files() {
                                      " bytes wait for the disk, which does not take them");
     store_->abandon("the disk did not take all of it before the end");
     tasks_->abandon();
-    finisher_->update();
+    for (const auto& lane : lanes_) {
+        lane->update_files();
+    }
 }
 
 FileNames::Options Outputs::file_name_options() const {
@@ -351,11 +373,11 @@ void Outputs::note_document(const std::string& name) {
 }
 
 void Outputs::begin(const NodeFigures& figures) {
-    const auto granted = static_cast<std::uint64_t>(figures.receive_buffer);
     const auto wanted = static_cast<std::uint64_t>(options_.receive_buffer_mib) * 1024 * 1024;
     if (options_.read.empty()) {
-        lines_.say("listening on " + figures.address,
-                   "writing to " + options_.folder + ", " + buffer_text(granted, wanted));
+        lines_.say(
+            "listening on " + figures.address,
+            "writing to " + options_.folder + ", " + buffer_text(figures.receive_buffer, wanted));
         notices_->listening(figures.address);
     } else {
         lines_.say("reading " + options_.read, "writing to " + options_.folder);
@@ -377,14 +399,11 @@ void Outputs::begin(const NodeFigures& figures) {
 }
 
 void Outputs::update(NodeFigures figures, Micros now) {
-    store_->update();
-    finisher_->update();
     add_figures(figures);
     notices_->overflowed(figures.overflowed);
     if (end_command_ != nullptr) {
         end_command_->poll();
     }
-    analyser_->update();
     const bool reloaded =
         reloads_.update([this](const std::string& what, const std::string& error) {
             lines_.say(error.empty() ? "opened again" : "not opened again",
@@ -409,7 +428,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     notices_->audio_dropped(figures.dropped_bytes);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
     if (metrics_port_ != nullptr) {
-        metrics_.update(figures, analyser_->figures());
+        metrics_.update(figures, analysis());
     }
 }
 
@@ -421,6 +440,7 @@ void Outputs::show_live(const NodeFigures& figures, Micros now) {
     }
     if (!pressed.empty() || now - last_frame_ >= FRAME) {
         last_frame_ = now;
+        live_view_.update(calls());
         terminal_.show(live_view_.frame(figures, now, Terminal::size()));
     }
 }

@@ -1,10 +1,14 @@
 // Builds the outputs that the options ask for (files, lines, events, pictures, live view, metrics),
 // keeps them running, and reports their failures.
 //
-// To add an output, construct it in build() and add it to the list there; call_listener.h explains
-// what an output is. Belongs to one thread.
+// To add an output, construct it in build() and add it to the lists there; call_listener.h explains
+// what an output is. All lanes call the outputs of these lists, so any thread must be able to call
+// them. An output that keeps much for each call belongs into LaneOutputs: each lane has its own.
+//
+// Outputs itself belongs to the thread of the program's event loop.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -18,11 +22,10 @@
 #include "node/audio/audio_files.h"
 #include "node/audio/background_store.h"
 #include "node/audio/disk_sync.h"
-#include "node/audio/file_finisher.h"
 #include "node/audio/file_names.h"
-#include "node/audio/recorder.h"
 #include "node/audio/task_thread.h"
 #include "node/calls/call_listener.h"
+#include "node/lane_outputs.h"
 #include "node/options.h"
 #include "node/reload_list.h"
 #include "node/report/console.h"
@@ -36,11 +39,9 @@
 #include "node/report/metrics_port.h"
 #include "node/report/notices.h"
 #include "node/report/report_sender.h"
-#include "node/report/sidecar.h"
 #include "node/report/summary.h"
 #include "node/report/terminal.h"
 #include "node/report/text_outlet.h"
-#include "node/report/timeline.h"
 
 namespace qv::node {
 
@@ -62,8 +63,11 @@ class Outputs {
     // What the node does when calls ask for it. Valid after all outputs are open.
     Services services() const;
 
-    // The outputs, in the order in which they are called.
-    const std::vector<CallListener*>& call_listeners() const { return call_listeners_; }
+    // Builds the outputs of a further lane. Call it as often as the options say, before the first
+    // call begins.
+    LaneOutputs& add_lane();
+    // The calls that the lanes have published last, for the live view.
+    AllCalls calls() const;
     // Reports what concerns no call.
     Notices& notices() { return *notices_; }
     LineReport& lines() { return lines_; }
@@ -108,7 +112,8 @@ class Outputs {
     void build();
     void build_store();
     FileNames::Options file_name_options() const;
-    void note_document(const std::string& name);
+    void note_document(const std::string& name);  // Any thread may call it.
+    Analyser::Figures analysis() const;
     void show_live(const NodeFigures& figures, Micros now);
     void flush_events();
     void report_sync();
@@ -130,8 +135,7 @@ class Outputs {
     KeyReader keys_;
     std::unique_ptr<WavFolder> folder_;  // Null once the writer thread has it.
     std::unique_ptr<BackgroundStore> store_;
-    std::unique_ptr<TaskThread> tasks_;  // Works on complete files.
-    std::unique_ptr<FileFinisher> finisher_;
+    std::unique_ptr<TaskThread> tasks_;    // Works on complete files.
     std::vector<LeftoverFile> leftovers_;  // Files of killed runs.
     std::unique_ptr<DiskSync> disk_sync_;  // Null unless requested.
     bool sync_failed_ = false;
@@ -143,20 +147,19 @@ class Outputs {
     std::unique_ptr<analysis::SampleLoader> sample_loader_;
     std::unique_ptr<EventLog> events_;  // These are null unless requested.
     std::unique_ptr<ReportSender> reports_;
-    std::unique_ptr<Sidecar> sidecar_;
-    std::unique_ptr<Timeline> timeline_;
     Metrics metrics_;
     std::unique_ptr<MetricsPort> metrics_port_;
     std::unique_ptr<FileNames> file_names_;
     std::shared_ptr<const analysis::SampleIndex> samples_;  // Null without a folder.
-    std::unique_ptr<Analyser> analyser_;
-    std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<EndCommand> end_command_;
     std::unique_ptr<Notices> notices_;
-    std::vector<CallListener*> call_listeners_;
+    // Those that all lanes share, in the order in which they are called.
+    std::vector<CallListener*> before_lane_;
+    std::vector<CallListener*> after_lane_;
+    std::vector<std::unique_ptr<LaneOutputs>> lanes_;
     Micros last_frame_{0};
-    Micros last_second_{0};              // When the work that is done once a second was done last.
-    std::uint64_t saved_documents_ = 0;  // Timelines and sidecars.
+    Micros last_second_{0};  // When the work that is done once a second was done last.
+    std::atomic<std::uint64_t> saved_documents_{0};  // Timelines and sidecars.
     std::uint64_t reported_lost_events_ = 0;
     std::uint64_t reported_new_event_files_ = 0;
     bool events_failed_ = false;

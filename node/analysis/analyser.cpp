@@ -15,10 +15,8 @@ namespace {
 using analysis::Noticed;
 using analysis::Wanted;
 
-// The most audio that may wait for the sample rate of its side: two seconds at the highest rate,
-// and the total of all sides.
-constexpr std::size_t MOST_HELD = 96'000;
-constexpr std::size_t MOST_HELD_IN_ALL = 32'000'000;
+// The most audio that may wait for the sample rate of its side: two seconds at the highest rate.
+constexpr std::size_t MOST_HELD_OF_SIDE = 96'000;
 
 // Time between two reports of the same side.
 constexpr Micros SKIPS_REPORTED{1'000'000};
@@ -105,7 +103,7 @@ class Analyser::AnalysedSide {
                 finishing_ = false;
                 return;
             case Noticed::Kind::SAMPLE:
-                analyser_.count_found(noticed.name);
+                analyser_.figures_.count_found(noticed.name, 1);
                 call_.report_sample(which_, {noticed.name, side_position(noticed.position),
                                              heard_of(noticed), noticed.score});
                 return;
@@ -156,7 +154,8 @@ class Analyser::AnalysedSide {
 
     void hold(const Piece& piece) {
         const std::size_t count = piece.samples.count;
-        if (held_samples_ + count > MOST_HELD || analyser_.held_ + count > MOST_HELD_IN_ALL) {
+        if (held_samples_ + count > MOST_HELD_OF_SIDE ||
+            analyser_.held_ + count > analyser_.most_held_) {
             skip(count);
             return;
         }
@@ -296,8 +295,8 @@ class Analyser::AnalysedCall : public CallListener {
     std::array<AnalysedSide, SIDE_COUNT> sides_;
 };
 
-Analyser::Analyser(const analysis::Worker::Settings& settings, Pace pace)
-    : pace_(pace), worker_(settings) {
+Analyser::Analyser(const analysis::Worker::Settings& settings, Pace pace, std::size_t most_held)
+    : pace_(pace), most_held_(most_held), worker_(settings) {
     figures_.samples = settings.samples != nullptr ? settings.samples->size() : 0;
 }
 
@@ -326,12 +325,20 @@ void Analyser::report_noticed() {
     }
 }
 
-void Analyser::count_found(const std::string& name) {
-    auto& found = figures_.found;
-    if (found.size() < MOST_COUNTED_NAMES || found.count(name) != 0) {
-        ++found[name];
-    } else {
-        ++found[OTHER_SAMPLES];
+void Analyser::Figures::count_found(const std::string& name, std::uint64_t occurrences) {
+    const bool own_name = found.size() < MOST_COUNTED_NAMES || found.count(name) != 0;
+    found[own_name ? name : OTHER_SAMPLES] += occurrences;
+}
+
+void Analyser::Figures::add(const Figures& others) {
+    activity_sides += others.activity_sides;
+    detection_sides += others.detection_sides;
+    recorded_sides += others.recorded_sides;
+    samples = std::max(samples, others.samples);
+    onsets += others.onsets;
+    skipped += others.skipped;
+    for (const auto& [name, occurrences] : others.found) {
+        count_found(name, occurrences);
     }
 }
 

@@ -34,6 +34,10 @@ class Analyser : public CallListener {
         std::uint64_t onsets = 0;                    // Onsets of activity.
         std::uint64_t skipped = 0;                   // Samples of audio that were left out.
         std::map<std::string, std::uint64_t> found;  // Occurrences by the sample's name.
+
+        void count_found(const std::string& name, std::uint64_t occurrences);
+        // Adds those of an analyser of other calls that searches for the same samples.
+        void add(const Figures& others);
     };
 
     enum class Pace : unsigned char {
@@ -41,7 +45,11 @@ class Analyser : public CallListener {
         PATIENT,  // The thread of the calls waits for the worker: a capture can be read slower.
     };
 
-    explicit Analyser(const analysis::Worker::Settings& settings, Pace pace = Pace::LIVE);
+    // Audio of sides whose sample rate is unknown waits, at most this many samples in all.
+    static constexpr std::size_t MOST_HELD = 32'000'000;
+
+    explicit Analyser(const analysis::Worker::Settings& settings, Pace pace = Pace::LIVE,
+                      std::size_t most_held = MOST_HELD);
     ~Analyser() override;
 
     std::unique_ptr<CallListener> begin_call(Call& call) override;
@@ -61,9 +69,9 @@ class Analyser : public CallListener {
     class AnalysedCall;
 
     void report_noticed();
-    void count_found(const std::string& name);
 
     const Pace pace_;
+    const std::size_t most_held_;
     Figures figures_;
     std::uint64_t next_side_ = 1;
     std::size_t held_ = 0;  // Samples held for sides whose rate is unknown.

@@ -1,9 +1,12 @@
 #include "node/audio/background_store.h"
 
+#include <algorithm>
+#include <atomic>
 #include <deque>
 #include <exception>
 #include <new>
 #include <optional>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -44,12 +47,14 @@ std::string text_of(const std::exception& error) {
 
 // A file. What the jobs need is constant; the rest belongs to one of the threads.
 struct BackgroundStore::Written {
-    Written(std::string file_name, std::string file_path, int rate, int channel_count)
-        : name(std::move(file_name)),
+    Written(News& owner, std::string file_name, std::string file_path, int rate, int channel_count)
+        : news(owner),
+          name(std::move(file_name)),
           sample_rate(rate),
           channels(channel_count),
           path(std::move(file_path)) {}
 
+    News& news;  // Of its store.
     const std::string name;
     const int sample_rate;
     const int channels;
@@ -77,6 +82,11 @@ struct BackgroundStore::Written {
     std::shared_ptr<Written> next_news;
 };
 
+// The files of one store that have news. Guarded by the mutex of the Writer, which owns it.
+struct BackgroundStore::News {
+    std::shared_ptr<Written> latest;  // The first of a list.
+};
+
 struct BackgroundStore::Job {
     enum class Kind : std::uint8_t { CREATE, WRITE, SILENCE, CLOSE, TEXT };
 
@@ -89,8 +99,8 @@ struct BackgroundStore::Job {
     std::uint64_t size() const { return JOB_BYTES + bytes_of(samples) + text.size(); }
 };
 
-// The queue, and what the writer thread does. Shared by both threads, so that the owner may go
-// while the writer waits for the disk.
+// The queue, and what the writer thread does. Shared by the stores and their writer thread, so that
+// the stores may go while the writer waits for the disk.
 class BackgroundStore::Writer {
   public:
     explicit Writer(std::unique_ptr<AudioStore> store) : store_(std::move(store)) {
@@ -98,7 +108,9 @@ class BackgroundStore::Writer {
         spare_.reserve(MOST_SPARE);
     }
     ~Writer() {
-        take_news([](const Written& /*file*/) {});  // One by one: the list may be long.
+        for (News& news : all_news_) {
+            take_news(news, [](const Written& /*file*/) {});  // One by one: the list may be long.
+        }
     }
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
@@ -112,13 +124,20 @@ class BackgroundStore::Writer {
         end_abandoned();
     }
 
-    // The functions below are the owner's.
+    // The functions below are those of the stores, on any thread.
 
-    // Returns false if the job would exceed the bound.
+    // Returns the news of a further store. They live as long as the writer.
+    News& add_news() QV_EXCLUDES(mutex_) {
+        const LockGuard lock(mutex_);
+        all_news_.emplace_back();
+        return all_news_.back();
+    }
+
+    // Returns false if the job would exceed the bound, or if the disk was given up.
     bool add(Job& job, std::uint64_t most_bytes, bool always) QV_EXCLUDES(mutex_) {
         {
             const LockGuard lock(mutex_);
-            if (!always && waiting_bytes_ + job.size() > most_bytes) {
+            if (given_up_ || (!always && waiting_bytes_ + job.size() > most_bytes)) {
                 return false;
             }
             waiting_bytes_ += job.size();
@@ -139,11 +158,13 @@ class BackgroundStore::Writer {
     }
     // Calls `use` for each file that has news, while nobody changes them.
     template <typename Use>
-    void take_news(Use use) QV_EXCLUDES(mutex_) {
+    void take_news(News& news, Use use) QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
-        while (news_ != nullptr) {
-            const std::shared_ptr<Written> file = std::exchange(news_, std::move(news_->next_news));
+        while (news.latest != nullptr) {
+            const std::shared_ptr<Written> file =
+                std::exchange(news.latest, std::move(news.latest->next_news));
             file->in_news = false;
+            --files_in_news_;
             use(*file);
         }
     }
@@ -157,7 +178,7 @@ class BackgroundStore::Writer {
         QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
         const auto full = [&]() QV_REQUIRES(mutex_) {
-            return waiting_bytes_ != 0 && waiting_bytes_ + bytes > most_bytes;
+            return !given_up_ && waiting_bytes_ != 0 && waiting_bytes_ + bytes > most_bytes;
         };
         while (full() && progress_.wait_until(mutex_, until)) {
         }
@@ -165,7 +186,7 @@ class BackgroundStore::Writer {
     }
     bool wait(Clock::time_point until) QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
-        while ((busy_ || !queue_.empty()) && news_ == nullptr &&
+        while ((busy_ || !queue_.empty()) && files_in_news_ == 0 &&
                progress_.wait_until(mutex_, until)) {
         }
         return !busy_ && queue_.empty();
@@ -183,6 +204,7 @@ class BackgroundStore::Writer {
     void abandon(std::vector<std::shared_ptr<Written>> files) QV_EXCLUDES(mutex_) {
         {
             const LockGuard lock(mutex_);
+            given_up_ = true;
             abandoned_ = std::move(files);
             for (const Job& job : queue_) {
                 waiting_bytes_ -= job.size();
@@ -190,6 +212,10 @@ class BackgroundStore::Writer {
             queue_.clear();
         }
         stop();
+    }
+    bool given_up() QV_EXCLUDES(mutex_) {
+        const LockGuard lock(mutex_);
+        return given_up_;
     }
     std::uint64_t waiting_bytes() QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
@@ -199,6 +225,20 @@ class BackgroundStore::Writer {
         const LockGuard lock(mutex_);
         return open_files_;
     }
+
+    void add_name(const std::string& name) QV_EXCLUDES(names_mutex_) {
+        const LockGuard lock(names_mutex_);
+        names_.insert(std::hash<std::string>()(name));
+    }
+    bool knows_name(const std::string& name) QV_EXCLUDES(names_mutex_) {
+        const LockGuard lock(names_mutex_);
+        return names_.count(std::hash<std::string>()(name)) != 0;
+    }
+
+    // Counted by the stores.
+    std::atomic<std::uint64_t> dropped_bytes{0};
+    std::atomic<std::uint64_t> created_files{0};
+    std::atomic<std::size_t> incomplete_files{0};
 
   private:
     std::optional<Job> next() QV_EXCLUDES(mutex_) {
@@ -297,7 +337,8 @@ class BackgroundStore::Writer {
         }
         file->newly_closed = file->newly_closed || result.closed;
         if (!std::exchange(file->in_news, true)) {
-            file->next_news = std::exchange(news_, file);
+            file->next_news = std::exchange(file->news.latest, file);
+            ++files_in_news_;
         }
     }
 
@@ -321,7 +362,8 @@ class BackgroundStore::Writer {
     Condition work_;
     Condition progress_;
     std::deque<Job> queue_ QV_GUARDED_BY(mutex_);
-    std::shared_ptr<Written> news_ QV_GUARDED_BY(mutex_);  // A list, the latest first.
+    std::deque<News> all_news_ QV_GUARDED_BY(mutex_);  // Of each store.
+    std::size_t files_in_news_ QV_GUARDED_BY(mutex_) = 0;
     std::vector<Samples> spare_ QV_GUARDED_BY(mutex_);
     std::uint64_t spare_bytes_ QV_GUARDED_BY(mutex_) = 0;
     std::vector<std::shared_ptr<Written>> abandoned_ QV_GUARDED_BY(mutex_);
@@ -329,6 +371,11 @@ class BackgroundStore::Writer {
     std::size_t open_files_ QV_GUARDED_BY(mutex_) = 0;
     bool busy_ QV_GUARDED_BY(mutex_) = false;
     bool stopping_ QV_GUARDED_BY(mutex_) = false;
+    bool given_up_ QV_GUARDED_BY(mutex_) = false;
+
+    Mutex names_mutex_;
+    // Hashes: a folder may hold millions of files.
+    std::unordered_set<std::size_t> names_ QV_GUARDED_BY(names_mutex_);
 };
 
 // The owner's end of a file.
@@ -354,7 +401,7 @@ class BackgroundStore::File : public AudioFile {
         if (!pay_silence() || !store_.add(std::move(job), false)) {
             written_->dropped_samples += count;
             written_->owed_silence += count;
-            store_.dropped_bytes_ += count * sizeof(std::int16_t);
+            store_.writer_->dropped_bytes += count * sizeof(std::int16_t);
         }
         return true;
     }
@@ -402,23 +449,56 @@ BackgroundStore::BackgroundStore(std::unique_ptr<AudioStore> store, std::string 
     : options_(options),
       folder_(std::move(folder)),
       writer_(std::make_shared<Writer>(std::move(store))),
+      news_(writer_->add_news()),
       thread_([writer = writer_] { writer->run(); }) {}
 
+BackgroundStore::BackgroundStore(BackgroundStore& shared)
+    : options_(shared.options_),
+      folder_(shared.folder_),
+      writer_(shared.writer_),
+      news_(writer_->add_news()),
+      shared_(&shared) {}
+
 BackgroundStore::~BackgroundStore() {
+    if (shared_ != nullptr) {
+        auto& all = shared_->sharing_;
+        all.erase(std::remove(all.begin(), all.end(), this), all.end());
+    }
     if (thread_.joinable()) {
         writer_->stop();
         thread_.join();
     }
 }
 
+std::unique_ptr<BackgroundStore> BackgroundStore::share() {
+    std::unique_ptr<BackgroundStore> store(new BackgroundStore(*this));
+    sharing_.push_back(store.get());
+    return store;
+}
+
+void BackgroundStore::add_name(const std::string& name) {
+    writer_->add_name(name);
+}
+
+bool BackgroundStore::exists(const std::string& name) const {
+    return writer_->knows_name(name);
+}
+
+// The writer will report the file's end.
+void BackgroundStore::expect(const std::shared_ptr<Written>& file) {
+    incomplete_.emplace(file.get(), file);
+    ++writer_->incomplete_files;
+}
+
 std::unique_ptr<AudioFile> BackgroundStore::create(const std::string& name, int sample_rate,
                                                    int channels) {
-    auto written = std::make_shared<Written>(name, folder_ + '/' + name, sample_rate, channels);
+    auto written =
+        std::make_shared<Written>(news_, name, folder_ + '/' + name, sample_rate, channels);
     // Also beyond the bound: a file that begins while the disk stands still is written later.
     if (add({written, Job::Kind::CREATE}, true)) {
         add_name(name);
-        ++created_files_;
-        incomplete_.emplace(written.get(), written);
+        ++writer_->created_files;
+        expect(written);
     } else {
         written->error = ABANDONED;
         written->closed = true;
@@ -428,9 +508,6 @@ std::unique_ptr<AudioFile> BackgroundStore::create(const std::string& name, int 
 
 // Takes the job, with `always` even beyond the bound; returns whether it was taken.
 bool BackgroundStore::add(Job job, bool always) {
-    if (!thread_.joinable()) {
-        return false;  // Abandoned.
-    }
     if (options_.keep_waiting != nullptr && !always) {
         while (!writer_->wait_for_room(job.size(), options_.most_bytes, Clock::now() + ONE_WAIT) &&
                options_.keep_waiting()) {
@@ -442,15 +519,15 @@ bool BackgroundStore::add(Job job, bool always) {
 
 std::shared_ptr<const PendingFile> BackgroundStore::write_text(const std::string& name,
                                                                std::string text) {
-    auto written = std::make_shared<Written>(name, folder_ + '/' + name, 0, 0);
+    auto written = std::make_shared<Written>(news_, name, folder_ + '/' + name, 0, 0);
     auto pending = std::make_shared<PendingFile>();
     pending->report.path = written->path;
     written->pending = pending;
-    incomplete_.emplace(written.get(), written);
+    expect(written);
     if (add({written, Job::Kind::TEXT, {}, 0, std::move(text)}, false)) {
         add_name(name);
     } else {
-        written->error = thread_.joinable() ? NO_ROOM : ABANDONED;
+        written->error = writer_->given_up() ? ABANDONED : NO_ROOM;
         end(*written);
         incomplete_.erase(written.get());
     }
@@ -458,7 +535,7 @@ std::shared_ptr<const PendingFile> BackgroundStore::write_text(const std::string
 }
 
 void BackgroundStore::update() {
-    writer_->take_news([this](Written& file) {
+    writer_->take_news(news_, [this](Written& file) {
         if (file.error.empty()) {
             file.error = std::move(file.new_error);
         }
@@ -479,6 +556,7 @@ void BackgroundStore::update() {
 // Nothing more happens to the file.
 void BackgroundStore::end(Written& file) {
     file.closed = true;
+    --writer_->incomplete_files;
     if (file.pending != nullptr) {
         file.pending->report = {file.path, file.error};
         file.pending->complete = true;
@@ -493,8 +571,19 @@ void BackgroundStore::abandon(const std::string& error) {
     if (!thread_.joinable()) {
         return;
     }
-    update();
     std::vector<std::shared_ptr<Written>> files;
+    fail_incomplete(error, files);
+    for (BackgroundStore* each : sharing_) {
+        each->fail_incomplete(error, files);
+    }
+    writer_->abandon(std::move(files));
+    thread_.detach();
+}
+
+// Adds the files to `files`.
+void BackgroundStore::fail_incomplete(const std::string& error,
+                                      std::vector<std::shared_ptr<Written>>& files) {
+    update();
     for (const auto& [key, file] : std::exchange(incomplete_, {})) {
         if (file->error.empty()) {
             file->error = error;
@@ -502,13 +591,11 @@ void BackgroundStore::abandon(const std::string& error) {
         end(*file);
         files.push_back(file);
     }
-    writer_->abandon(std::move(files));
-    thread_.detach();
 }
 
 BackgroundStore::Figures BackgroundStore::figures() const {
-    return {writer_->waiting_bytes(), dropped_bytes_,         created_files_,
-            writer_->open_files(),    writer_->spare_bytes(), incomplete_.size()};
+    return {writer_->waiting_bytes(), writer_->dropped_bytes, writer_->created_files,
+            writer_->open_files(),    writer_->spare_bytes(), writer_->incomplete_files};
 }
 
 }  // namespace qv::node

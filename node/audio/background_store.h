@@ -7,8 +7,10 @@
 // is granted, further blocks are dropped and counted, and silence of the same length is written in
 // their place, so that positions in a file stay true.
 //
-// The public functions belong to the owner's thread, and so do the files. If the disk does not come
-// back before the end, the writer thread is left behind: it owns all that it still uses.
+// Several threads can have a store of their own with the same writer: share(). A store and its
+// files belong to the thread of their owner, except for the functions that any thread may call. If
+// the disk does not come back before the end, the writer thread is left behind: it owns all that it
+// still uses.
 #pragma once
 
 #include <chrono>
@@ -18,7 +20,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
-#include <unordered_set>
+#include <vector>
 
 #include "node/audio/audio_files.h"
 
@@ -34,7 +36,7 @@ class BackgroundStore : public AudioStore {
         std::function<bool()> keep_waiting = nullptr;
     };
 
-    // What the writer has to do, and has done.
+    // What the writer has to do, and has done, for all stores that share it.
     struct Figures {
         std::uint64_t waiting_bytes = 0;  // Now.
         std::uint64_t dropped_bytes = 0;  // Audio that found no room.
@@ -47,15 +49,20 @@ class BackgroundStore : public AudioStore {
     // From now on only the writer thread uses `store`. `folder` is where its files are, for their
     // paths.
     BackgroundStore(std::unique_ptr<AudioStore> store, std::string folder, const Options& options);
-    // Waits for the writer, unless it was abandoned.
+    // If no other store made this one: waits for the writer, unless it was abandoned.
     ~BackgroundStore() override;
     BackgroundStore(const BackgroundStore&) = delete;
     BackgroundStore& operator=(const BackgroundStore&) = delete;
 
-    // exists() does not ask the disk: it knows these names, and those of the files created since.
-    void add_name(const std::string& name) { names_.insert(hash(name)); }
+    // Returns a store for another thread, with the same writer and the same bound. It must not
+    // outlive this one.
+    std::unique_ptr<BackgroundStore> share();
 
-    bool exists(const std::string& name) const override { return names_.count(hash(name)) != 0; }
+    // exists() does not ask the disk: it knows these names, and those of the files created since.
+    // Any thread may call both.
+    void add_name(const std::string& name);
+    bool exists(const std::string& name) const override;
+
     std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
                                       int channels) override;
     // Fails if as much waits as memory is granted.
@@ -65,12 +72,14 @@ class BackgroundStore : public AudioStore {
     // Takes note of what the writer has completed and of what has failed. Call it several times a
     // second.
     void update();
-    // Waits until the writer has done everything, until the time has come, or until it has done
-    // something new. Returns whether everything is done.
+    // Waits until the writer has done everything, until the time has come, or until a store that
+    // shares it has something to take note of. Returns whether everything is done.
     bool wait(std::chrono::steady_clock::time_point until);
-    // Gives up what the writer has not done. Files that are not complete have failed with `error`.
+    // Gives up what the writer has not done, also for the stores that share() returned, which no
+    // other thread may use any more. Files that are not complete have failed with `error`.
     void abandon(const std::string& error);
 
+    // Any thread may call it.
     Figures figures() const;
     std::size_t open_files() const override { return figures().open_files; }
 
@@ -78,21 +87,24 @@ class BackgroundStore : public AudioStore {
     class File;
     struct Written;
     struct Job;
+    struct News;
     class Writer;
 
-    bool add(Job job, bool always);
-    static void end(Written& file);
+    explicit BackgroundStore(BackgroundStore& shared);
 
-    static std::size_t hash(const std::string& name) { return std::hash<std::string>()(name); }
+    bool add(Job job, bool always);
+    void expect(const std::shared_ptr<Written>& file);
+    void end(Written& file);
+    void fail_incomplete(const std::string& error, std::vector<std::shared_ptr<Written>>& files);
 
     const Options options_;
     const std::string folder_;
-    std::unordered_set<std::size_t> names_;  // Hashes: a folder may hold millions of files.
     std::unordered_map<const Written*, std::shared_ptr<Written>> incomplete_;
-    std::uint64_t dropped_bytes_ = 0;
-    std::uint64_t created_files_ = 0;
     std::shared_ptr<Writer> writer_;
-    std::thread thread_;
+    News& news_;                             // Of the writer.
+    BackgroundStore* shared_ = nullptr;      // The store that made this one, or null.
+    std::vector<BackgroundStore*> sharing_;  // The stores that this one has made.
+    std::thread thread_;                     // Not of a store that another one made.
 };
 
 }  // namespace qv::node

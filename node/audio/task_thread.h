@@ -1,8 +1,8 @@
 // Runs tasks one after another on a thread of its own, for work on complete files that takes long
 // and that nobody waits for: digests, conversions, small files, removals.
 //
-// The thread gives way to the rest of the program: it runs at a lower priority. Except for the
-// tasks, everything belongs to the owner's thread.
+// The thread gives way to the rest of the program: it runs at a lower priority. Until abandon() is
+// called, any thread may add tasks. Everything else belongs to the owner's thread.
 #pragma once
 
 #include <chrono>

@@ -4,6 +4,28 @@
 
 namespace qv::node {
 
+void Totals::add(const Totals& others) {
+    for (std::size_t i = 0; i < packets.size(); ++i) {
+        packets[i] += others.packets[i];
+    }
+    for (std::size_t i = 0; i < dropped.size(); ++i) {
+        dropped[i] += others.dropped[i];
+    }
+    calls_begun += others.calls_begun;
+    calls_ended += others.calls_ended;
+    calls_not_terminated += others.calls_not_terminated;
+    calls_without_start += others.calls_without_start;
+    audio_bytes += others.audio_bytes;
+    gaps += others.gaps;
+    lost_packets += others.lost_packets;
+    reordered += others.reordered;
+    silence_samples += others.silence_samples;
+    pauses += others.pauses;
+    assumed_rates += others.assumed_rates;
+    rate_changes += others.rate_changes;
+    file_errors += others.file_errors;
+}
+
 std::unique_ptr<CallListener> CallCounter::begin_call(Call& /*call*/) {
     ++totals_.calls_begun;
     return nullptr;

@@ -30,6 +30,8 @@ struct Totals {
     std::uint64_t rate_changes = 0;   // Sample rates that changed in mid-call.
     std::uint64_t file_errors = 0;
 
+    // Adds the counters of other calls.
+    void add(const Totals& others);
     std::uint64_t all_packets() const { return packets[0] + packets[1] + packets[2] + packets[3]; }
     void count_packet(media::PacketType type) {
         ++packets[static_cast<std::size_t>(type) -

@@ -11,6 +11,7 @@ void Intake::receive(const Datagram& datagram) {
     if (!allowed_.allow(datagram.arrival.source)) {
         ++not_allowed_;
         latest_not_allowed_ = datagram.arrival.source;
+        latest_not_allowed_time_ = datagram.arrival.time;
         return;
     }
     last_arrival_ = datagram.arrival.time;

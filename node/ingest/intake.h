@@ -32,9 +32,10 @@ class Intake {
 
     // Indexed by DecodeResult.
     const MalformedCounts& malformed() const { return malformed_; }
-    // Datagrams of senders that are not allowed, and the sender of the latest one.
+    // Datagrams of senders that are not allowed, the sender of the latest one, and when it came.
     std::uint64_t not_allowed() const { return not_allowed_; }
     const sockaddr_in& latest_not_allowed() const { return latest_not_allowed_; }
+    Micros latest_not_allowed_time() const { return latest_not_allowed_time_; }
     // When the latest datagram of an allowed sender came. 0 if there was none.
     Micros last_arrival() const { return last_arrival_; }
 
@@ -44,6 +45,7 @@ class Intake {
     tools::AllowedNetworks allowed_;
     std::uint64_t not_allowed_ = 0;
     sockaddr_in latest_not_allowed_{};
+    Micros latest_not_allowed_time_{0};
     MalformedCounts malformed_{};
     Micros last_arrival_{0};
 };

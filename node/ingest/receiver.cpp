@@ -9,6 +9,12 @@
 
 namespace qv::node {
 
+namespace {
+
+using SharedPort = asio::detail::socket_option::boolean<SOL_SOCKET, SO_REUSEPORT>;
+
+}  // namespace
+
 Receiver::Receiver(asio::io_context& loop, OnDatagram on_datagram)
     : socket_(loop),
       timer_(loop),
@@ -29,10 +35,28 @@ Receiver::Receiver(asio::io_context& loop, OnDatagram on_datagram)
 std::string Receiver::open(const sockaddr_in& address, int buffer_bytes) {
     std::error_code error;
     socket_.open(asio::ip::udp::v4(), error);
+    return error ? error.message() : bind(address, buffer_bytes);
+}
+
+std::string Receiver::share_port() {
+    std::error_code error;
+    socket_.set_option(SharedPort(true), error);
+    return error ? error.message() : std::string();
+}
+
+std::string Receiver::join(const sockaddr_in& address, int buffer_bytes) {
+    std::error_code error;
+    socket_.open(asio::ip::udp::v4(), error);
     if (!error) {
-        socket_.bind(
-            {asio::ip::address_v4(ntohl(address.sin_addr.s_addr)), ntohs(address.sin_port)}, error);
+        socket_.set_option(SharedPort(true), error);
     }
+    return error ? error.message() : bind(address, buffer_bytes);
+}
+
+std::string Receiver::bind(const sockaddr_in& address, int buffer_bytes) {
+    std::error_code error;
+    socket_.bind({asio::ip::address_v4(ntohl(address.sin_addr.s_addr)), ntohs(address.sin_port)},
+                 error);
     if (!error) {
         socket_.non_blocking(true, error);
     }

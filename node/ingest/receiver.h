@@ -31,9 +31,15 @@ class Receiver {
 
     Receiver(asio::io_context& loop, OnDatagram on_datagram);
 
-    // Binds to `address` and asks the system for a buffer of `buffer_bytes`. Returns what went
-    // wrong, or an empty text.
+    // Each of these returns what went wrong, or an empty text.
+
+    // Binds to `address`, which no other socket may use, and asks the system for a buffer of
+    // `buffer_bytes`.
     std::string open(const sockaddr_in& address, int buffer_bytes);
+    // From now on other receivers of the same user may join the port of this open one.
+    std::string share_port();
+    // Binds to an address that another receiver shares; otherwise like open().
+    std::string join(const sockaddr_in& address, int buffer_bytes);
 
     // Starts to call `on_datagram`.
     void start();
@@ -41,6 +47,7 @@ class Receiver {
     // Reads the datagrams that have come already, without waiting, and stops.
     void drain_and_stop();
 
+    int descriptor() { return socket_.native_handle(); }
     std::uint16_t port() const;
     // The size that the system granted, in bytes.
     int granted_buffer() const;
@@ -57,6 +64,7 @@ class Receiver {
     static constexpr unsigned LAST_BATCHES = 4096;
     static constexpr Micros PAUSE{1000};
 
+    std::string bind(const sockaddr_in& address, int buffer_bytes);
     void wait();
     void pause();
     void take();

@@ -1,7 +1,7 @@
-// The figures of the whole media node, for the summary, the live view and the metrics. Plain
-// values.
+// The figures of the media node, for the summary, the live view and the metrics. Plain values.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <numeric>
@@ -22,18 +22,29 @@ struct ReportFigures {
     std::uint64_t too_many = 0;        // Left out, because there were too many.
 };
 
-struct NodeFigures {
+// What each lane counts for itself, and what all of them have counted.
+struct LaneFigures {
     Totals totals;
     std::array<std::uint64_t, media::DECODE_RESULT_COUNT> malformed{};  // By DecodeResult.
     std::uint64_t received = 0;                                         // Datagrams.
-    std::uint64_t not_allowed = 0;     // Datagrams of senders that are not allowed.
-    sockaddr_in latest_not_allowed{};  // The sender of the latest one.
-    std::uint64_t overflowed = 0;      // Datagrams that the system dropped.
-    std::size_t calls = 0;             // Present calls.
+    std::uint64_t not_allowed = 0;      // Datagrams of senders that are not allowed.
+    sockaddr_in latest_not_allowed{};   // The sender of the latest one,
+    Micros latest_not_allowed_time{0};  // and when it came.
+    std::uint64_t overflowed = 0;       // Datagrams that the system dropped.
+    std::size_t calls = 0;              // Present calls.
+    Micros last_arrival{0};             // Of a datagram of an allowed sender. 0: none came.
+
+    void add(const LaneFigures& lane);
+};
+
+struct NodeFigures : LaneFigures {
+    NodeFigures() = default;
+    explicit NodeFigures(const LaneFigures& lanes) : LaneFigures(lanes) {}
+
     std::size_t open_files = 0;
     std::uint64_t waiting_bytes = 0;      // Of audio, for the disk.
     std::uint64_t dropped_bytes = 0;      // Of audio that found no room to wait.
-    int receive_buffer = 0;               // Bytes.
+    std::uint64_t receive_buffer = 0;     // Bytes, of all lanes.
     std::uint64_t calls_not_written = 0;  // Calls without files because of --max-files.
     std::uint64_t lost_lines = 0;         // Of output that nobody took.
     std::uint64_t lost_frames = 0;        // Of the live view, likewise.
@@ -45,5 +56,21 @@ struct NodeFigures {
         return std::accumulate(malformed.begin(), malformed.end(), std::uint64_t{0});
     }
 };
+
+inline void LaneFigures::add(const LaneFigures& lane) {
+    totals.add(lane.totals);
+    for (std::size_t i = 0; i < malformed.size(); ++i) {
+        malformed[i] += lane.malformed[i];
+    }
+    received += lane.received;
+    not_allowed += lane.not_allowed;
+    if (lane.latest_not_allowed_time >= latest_not_allowed_time) {
+        latest_not_allowed = lane.latest_not_allowed;
+        latest_not_allowed_time = lane.latest_not_allowed_time;
+    }
+    overflowed += lane.overflowed;
+    calls += lane.calls;
+    last_arrival = std::max(last_arrival, lane.last_arrival);
+}
 
 }  // namespace qv::node

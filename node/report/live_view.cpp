@@ -4,13 +4,10 @@
 #include <array>
 #include <cctype>
 #include <cmath>
-#include <deque>
-#include <iterator>
 #include <tuple>
 #include <utility>
 #include <vector>
 
-#include "node/calls/call.h"
 #include "node/report/text.h"
 #include "tools/format.h"
 #include "tools/utf8.h"
@@ -61,39 +58,35 @@ std::string level_cell(double level, std::size_t cells) {
     return level_meter(level, cells) + right(figure, 7);
 }
 
-std::uint64_t lost_of(const Call& call) {
-    return call.side(Side::ORIGINATOR).stats().lost() + call.side(Side::TERMINATOR).stats().lost();
-}
-
 // How badly a call needs to be looked at; 0 for not at all.
-int trouble_of(const Call& call) {
-    if (!call.failed_files().empty()) {
+int trouble_of(const CallSnapshot& call) {
+    if (!call.failed_files.empty()) {
         return 4;
     }
-    if (lost_of(call) != 0) {
+    if (call.lost_packets() != 0) {
         return 3;
     }
-    if (!call.start().has_value()) {
+    if (!call.start.has_value()) {
         return 2;
     }
-    return call.foreign_packets() != 0 ? 1 : 0;
+    return call.foreign_packets != 0 ? 1 : 0;
 }
 
-std::string state_of(const Call& call) {
-    if (!call.failed_files().empty()) {
+std::string state_of(const CallSnapshot& call) {
+    if (!call.failed_files.empty()) {
         return "file error";
     }
-    if (call.ending()) {
+    if (call.ending) {
         return "ending";
     }
-    return call.foreign_packets() != 0 ? "strangers" : "";
+    return call.foreign_packets != 0 ? "strangers" : "";
 }
 
 // The features of both sides, which nobody knows before the start packet.
-std::string features_cell(const Call& call) {
-    return call.start().has_value() ? feature_letters(call.features(), Side::ORIGINATOR) + ' ' +
-                                          feature_letters(call.features(), Side::TERMINATOR) + ' '
-                                    : "no start";
+std::string features_cell(const CallSnapshot& call) {
+    return call.start.has_value() ? feature_letters(call.features, Side::ORIGINATOR) + ' ' +
+                                        feature_letters(call.features, Side::TERMINATOR) + ' '
+                                  : "no start";
 }
 
 bool contains_ignoring_case(const std::string& text, const std::string& part) {
@@ -104,11 +97,11 @@ bool contains_ignoring_case(const std::string& text, const std::string& part) {
     return std::search(text.begin(), text.end(), part.begin(), part.end(), same) != text.end();
 }
 
-bool matches(const Call& call, const std::string& filter) {
+bool matches(const CallSnapshot& call, const std::string& filter) {
     const std::array<std::string, 5> texts = {
-        uuid_text(call.uuid()), address_text(call.source()), state_of(call),
-        call.start().has_value() ? call.start()->call_reference : "no start",
-        lost_of(call) != 0 ? "lost" : ""};
+        uuid_text(call.uuid), address_text(call.source), state_of(call),
+        call.start.has_value() ? call.start->call_reference : "no start",
+        call.lost_packets() != 0 ? "lost" : ""};
     return std::any_of(texts.begin(), texts.end(), [&](const std::string& text) {
         return contains_ignoring_case(text, filter);
     });
@@ -124,37 +117,28 @@ std::string heading(const Columns& columns) {
     return columns.reference ? left(text, ALL_COLUMNS + SOURCE + 2) + "reference" : text;
 }
 
-// What stands in the row of a call, beside what the call itself says.
-struct Heard {
-    std::array<double, SIDE_COUNT> levels{};
-    std::array<bool, SIDE_COUNT> active{};
-    std::string sample;  // The latest one that was recognised.
-};
-
 const char* activity_mark(bool active) {
     return active ? "\u25cf" : " ";
 }
 
-std::string row(const Call& call, const Heard& heard, Micros now, const Columns& columns) {
-    std::uint64_t packets = 0;
-    for (const Side side : BOTH_SIDES) {
-        packets += call.side(side).stats().packets;
-    }
-    std::string text = tools::truncate_to_columns(uuid_text(call.uuid()), columns.uuid) +
-                       right(duration_text(seconds_of(now - call.first_seen())), 12) + "  " +
-                       features_cell(call) + activity_mark(heard.active[0]) +
-                       level_cell(heard.levels[0], columns.cells) + ' ' +
-                       activity_mark(heard.active[1]) + level_cell(heard.levels[1], columns.cells);
-    text += columns.packets ? right(grouped(packets), 10) : "";
-    text += right(grouped(lost_of(call)), 7);
+std::string row(const CallSnapshot& call, Micros now, const Columns& columns) {
+    const auto& [one, another] = call.sides;
+    std::string text = tools::truncate_to_columns(uuid_text(call.uuid), columns.uuid) +
+                       right(duration_text(seconds_of(now - call.first_seen)), 12) + "  " +
+                       features_cell(call) + activity_mark(one.active) +
+                       level_cell(one.level_db, columns.cells) + ' ' +
+                       activity_mark(another.active) + level_cell(another.level_db, columns.cells);
+    text += columns.packets ? right(grouped(one.stats.packets + another.stats.packets), 10) : "";
+    text += right(grouped(call.lost_packets()), 7);
     std::string state = state_of(call);
-    if (state.empty() && !heard.sample.empty()) {
-        state = columns.source ? quoted_text(heard.sample, 9) : quoted_text(heard.sample);
+    if (state.empty() && !call.samples.empty()) {
+        const std::string& sample = call.samples.back().name;
+        state = columns.source ? quoted_text(sample, 9) : quoted_text(sample);
     }
     text += state.empty() ? "" : "  " + state;
-    text = columns.source ? left(text, ALL_COLUMNS + 2) + address_text(call.source()) : text;
-    return columns.reference && call.start().has_value()
-               ? left(text, ALL_COLUMNS + SOURCE + 2) + quoted_text(call.start()->call_reference)
+    text = columns.source ? left(text, ALL_COLUMNS + 2) + address_text(call.source) : text;
+    return columns.reference && call.start.has_value()
+               ? left(text, ALL_COLUMNS + SOURCE + 2) + quoted_text(call.start->call_reference)
                : text;
 }
 
@@ -164,22 +148,65 @@ void append_count(std::string& text, std::uint64_t count, const char* what) {
     }
 }
 
-std::string side_counts(const CallSide& side) {
-    const ReorderBuffer::Stats& stats = side.stats();
+std::string side_counts(const SideSnapshot& side) {
+    const ReorderBuffer::Stats& stats = side.stats;
     std::string text = "  " + counted(stats.packets, "packet") + ", " + grouped(stats.lost()) +
                        " lost in " + counted(stats.gaps, "gap");
     append_count(text, stats.reordered, "reordered");
     append_count(text, stats.duplicates, "duplicated");
     append_count(text, stats.late, "too late");
     append_count(text, stats.implausible, "implausible");
-    append_count(text, side.pauses(), "pauses of the sender");
+    append_count(text, side.pauses, "pauses of the sender");
     return text;
 }
 
-// Seconds of audio so far. While the rate is unknown, the likeliest one is used.
-double seconds_heard(const CallSide& side) {
-    return side.sample_rate() != 0 ? side.seconds_at(side.position())
-                                   : seconds_of(side.position(), side.likely_rate());
+void add_start(std::vector<std::string>& lines, const CallSnapshot& call, Micros now) {
+    lines.push_back("from " + address_text(call.source) + ", age " +
+                    duration_text(seconds_of(now - call.first_seen)) + ", " +
+                    counted(call.control_packets, "control packet") + ", " +
+                    counted(call.foreign_packets, "packet") + " of strangers");
+    if (!call.start.has_value()) {
+        lines.emplace_back("no start: the start packet has not come");
+        return;
+    }
+    const StartFields& start = *call.start;
+    lines.push_back(std::string(start.outbound() ? "outbound" : "inbound") +
+                    (start.rule_id_given() ? ", rule " + std::to_string(start.rule_id) : "") +
+                    (start.report_node.empty() ? "" : ", report node " + start.report_node));
+    lines.push_back("reference " + quoted_text(start.call_reference));
+    lines.push_back(features_text(call.features));
+}
+
+void add_side(std::vector<std::string>& lines, Side which, const SideSnapshot& side) {
+    lines.emplace_back();
+    if (!side.begun) {
+        lines.push_back(std::string(name_of(which)) + ": no audio");
+        return;
+    }
+    const std::string running = running_text(side.running);
+    lines.push_back(std::string(name_of(which)) + ": leg " + std::to_string(side.leg) + ", " +
+                    (side.sample_rate != 0 ? std::to_string(side.sample_rate) + " Hz"
+                                           : std::string("rate not known yet")) +
+                    ", " + duration_text(side.seconds) + (running.empty() ? "" : ", " + running));
+    lines.push_back("  " + level_cell(side.level_db, 30) + (side.active ? "  \u25cf active" : ""));
+    lines.push_back(side_counts(side));
+}
+
+// Everything about the call, in lines.
+std::vector<std::string> whole_call(const CallSnapshot& call, Micros now) {
+    std::vector<std::string> lines = {"call " + uuid_text(call.uuid) + "  " + state_of(call)};
+    add_start(lines, call, now);
+    for (const Side side : BOTH_SIDES) {
+        add_side(lines, side, call.side(side));
+    }
+    for (const CallSnapshot::Sample& sample : call.samples) {
+        lines.push_back("sample " + quoted_text(sample.name) + " on " + name_of(sample.side) +
+                        tools::format(" at %.3f s", sample.seconds));
+    }
+    for (const FileReport& file : call.failed_files) {
+        lines.push_back("file error: " + file.path + ": " + file.error);
+    }
+    return lines;
 }
 
 std::uint64_t sum_of_drops(const Totals& totals) {
@@ -224,144 +251,39 @@ std::string level_meter(double level_db, std::size_t cells) {
     return text;
 }
 
-// A call on the screen, and what was heard in it.
-class LiveView::LiveCall : public CallListener {
-  public:
-    LiveCall(LiveView& view, const Call& call) : view_(view), call_(call) {
-        view_.calls_.insert(this);
-    }
-    ~LiveCall() override { view_.calls_.erase(this); }
+void LiveView::report_file_error(const std::string& error) {
+    const LockGuard lock(mutex_);
+    last_file_error_ = error;
+}
 
-    void audio(const Call& /*call*/, Side side, const Audio& audio) override {
-        levels_[index_of(side)].add(audio.samples, audio.count);
-    }
-
-    void activity(const Call& /*call*/, Side side, const Activity& activity) override {
-        active_[index_of(side)] = activity.active;
-    }
-
-    void running_changed(const Call& call, Side side, std::uint64_t /*position*/) override {
-        active_[index_of(side)] = active_[index_of(side)] && call.side(side).running().activity;
-    }
-
-    void sample_found(const Call& call, Side side, const FoundSample& sample) override {
-        samples_.push_back(
-            {side, call.side(side).seconds_from_begin(sample.position), sample.name});
-        if (samples_.size() > MOST_SAMPLES) {
-            samples_.pop_front();
-        }
-    }
-
-    void file_failed(const Call& /*call*/, const FileReport& file) override {
-        view_.last_file_error_ = file.path + ": " + file.error;
-    }
-
-    const Call& call() const { return call_; }
-
-    std::string take_row(Micros now, const Columns& columns) {
-        return row(call_, take_heard(), now, columns);
-    }
-
-    // Everything about the call, in lines.
-    std::vector<std::string> take_whole(Micros now) {
-        std::vector<std::string> lines = {"call " + uuid_text(call_.uuid()) + "  " +
-                                          state_of(call_)};
-        add_start(lines, now);
-        const Heard heard = take_heard();
-        for (const Side side : BOTH_SIDES) {
-            add_side(lines, side, heard);
-        }
-        for (const Sample& sample : samples_) {
-            lines.push_back("sample " + quoted_text(sample.name) + " on " + name_of(sample.side) +
-                            tools::format(" at %.3f s", sample.seconds));
-        }
-        for (const FileReport& file : call_.failed_files()) {
-            lines.push_back("file error: " + file.path + ": " + file.error);
-        }
-        return lines;
-    }
-
-  private:
-    struct Sample {
-        Side side;
-        double seconds;
-        std::string name;
-    };
-    static constexpr std::size_t MOST_SAMPLES = 20;
-
-    Heard take_heard() {
-        return {{levels_[0].take_recent_db(), levels_[1].take_recent_db()},
-                active_,
-                samples_.empty() ? std::string() : samples_.back().name};
-    }
-
-    void add_start(std::vector<std::string>& lines, Micros now) const {
-        lines.push_back("from " + address_text(call_.source()) + ", age " +
-                        duration_text(seconds_of(now - call_.first_seen())) + ", " +
-                        counted(call_.control_packets(), "control packet") + ", " +
-                        counted(call_.foreign_packets(), "packet") + " of strangers");
-        if (!call_.start().has_value()) {
-            lines.emplace_back("no start: the start packet has not come");
-            return;
-        }
-        const StartFields& start = *call_.start();
-        lines.push_back(std::string(start.outbound() ? "outbound" : "inbound") +
-                        (start.rule_id_given() ? ", rule " + std::to_string(start.rule_id) : "") +
-                        (start.report_node.empty() ? "" : ", report node " + start.report_node));
-        lines.push_back("reference " + quoted_text(start.call_reference));
-        lines.push_back(features_text(call_.features()));
-    }
-
-    void add_side(std::vector<std::string>& lines, Side which, const Heard& heard) const {
-        const CallSide& side = call_.side(which);
-        lines.emplace_back();
-        if (!side.begun()) {
-            lines.push_back(std::string(name_of(which)) + ": no audio");
-            return;
-        }
-        const std::string running = running_text(side.running());
-        lines.push_back(
-            std::string(name_of(which)) + ": leg " + std::to_string(side.leg().value_or(0)) + ", " +
-            (side.sample_rate() != 0 ? std::to_string(side.sample_rate()) + " Hz"
-                                     : std::string("rate not known yet")) +
-            ", " + duration_text(seconds_heard(side)) + (running.empty() ? "" : ", " + running));
-        lines.push_back("  " + level_cell(heard.levels[index_of(which)], 30) +
-                        (heard.active[index_of(which)] ? "  \u25cf active" : ""));
-        lines.push_back(side_counts(side));
-    }
-
-    LiveView& view_;
-    const Call& call_;
-    std::array<LevelMeter, SIDE_COUNT> levels_;
-    std::array<bool, SIDE_COUNT> active_{};
-    std::deque<Sample> samples_;  // The latest.
-};
-
-std::unique_ptr<CallListener> LiveView::begin_call(Call& call) {
-    return std::make_unique<LiveCall>(*this, call);
+std::string LiveView::last_file_error() {
+    const LockGuard lock(mutex_);
+    return last_file_error_;
 }
 
 // Those that match the filter.
-std::vector<LiveView::LiveCall*> LiveView::sorted() const {
-    std::vector<LiveCall*> all;
-    std::copy_if(calls_.begin(), calls_.end(), std::back_inserter(all), [this](LiveCall* call) {
-        return filter_.empty() || matches(call->call(), filter_);
+LiveView::Rows LiveView::sorted() const {
+    Rows all;
+    calls_.for_each([&](const CallSnapshot& call) {
+        if (filter_.empty() || matches(call, filter_)) {
+            all.push_back(&call);
+        }
     });
-    const auto rank = [this](const Call& call) {
+    const auto rank = [this](const CallSnapshot& call) {
         const bool by_age = order_ == Order::AGE;
         return std::make_tuple(order_ == Order::TROUBLE ? -trouble_of(call) : 0,
-                               by_age ? 0 : -static_cast<std::int64_t>(lost_of(call)),
-                               call.first_seen(), call.uuid());
+                               by_age ? 0 : -static_cast<std::int64_t>(call.lost_packets()),
+                               call.first_seen, call.uuid);
     };
-    std::sort(all.begin(), all.end(), [&](const LiveCall* one, const LiveCall* two) {
-        return rank(one->call()) < rank(two->call());
+    std::sort(all.begin(), all.end(), [&](const CallSnapshot* one, const CallSnapshot* another) {
+        return rank(*one) < rank(*another);
     });
     return all;
 }
 
 std::string LiveView::frame(const NodeFigures& figures, Micros now, ScreenSize size) {
     Lines lines = head(figures, now);
-    LiveCall* const whole = whole_ ? selected_call() : nullptr;
+    const CallSnapshot* const whole = whole_ ? selected_call() : nullptr;
     whole_ = whole != nullptr;
     if (whole_) {
         add_call(lines, *whole, now, size);
@@ -374,19 +296,20 @@ std::string LiveView::frame(const NodeFigures& figures, Micros now, ScreenSize s
 void LiveView::add_list(Lines& lines, Micros now, ScreenSize size) {
     const Columns columns = columns_for(size.columns);
     lines.push_back({heading(columns)});
-    const std::vector<LiveCall*> all = sorted();
-    const std::size_t foot_lines = last_file_error_.empty() ? 2 : 3;
+    const Rows all = sorted();
+    const std::string file_error = last_file_error();
+    const std::size_t foot_lines = file_error.empty() ? 2 : 3;
     const std::size_t taken = HEAD_LINES + foot_lines;
     const std::size_t room = size.rows > taken ? size.rows - taken : 0;
     room_ = std::max<std::size_t>(room, 1);
     select(all);
     const std::size_t end = std::min(top_ + room, all.size());
     for (std::size_t i = top_; i < end; ++i) {
-        lines.push_back({all[i]->take_row(now, columns), style_of(*all[i])});
+        lines.push_back({row(*all[i], now, columns), style_of(*all[i])});
     }
     lines.push_back({place_text(top_, end, all.size())});
-    if (!last_file_error_.empty()) {
-        lines.push_back({"file error: " + last_file_error_});
+    if (!file_error.empty()) {
+        lines.push_back({"file error: " + file_error});
     }
     lines.push_back({"features: A audio activity, D detection, R recording; small: off" +
                      std::string(keys_ ? "; \u25cf active" : "")});
@@ -394,35 +317,38 @@ void LiveView::add_list(Lines& lines, Micros now, ScreenSize size) {
 
 // Finds the selected call among those of the list, moves on by what the keys said, and scrolls
 // so that it is seen.
-void LiveView::select(const std::vector<LiveCall*>& all) {
+void LiveView::select(const Rows& all) {
     const std::ptrdiff_t moved = std::exchange(moved_, 0);
     if (all.empty() || (!selected_.has_value() && moved == 0)) {
         top_ = 0;
         return;
     }
-    const auto found = std::find_if(all.begin(), all.end(), [this](const LiveCall* call) {
-        return selected_.has_value() && call->call().uuid() == *selected_;
+    const auto found = std::find_if(all.begin(), all.end(), [this](const CallSnapshot* call) {
+        return selected_.has_value() && call->uuid == *selected_;
     });
     const std::ptrdiff_t before = selected_.has_value() ? 0 : -1;
     const std::ptrdiff_t at =
         found != all.end() ? found - all.begin() : static_cast<std::ptrdiff_t>(selected_row_);
     selected_row_ = static_cast<std::size_t>(std::clamp(
         at + before + moved, std::ptrdiff_t{0}, static_cast<std::ptrdiff_t>(all.size()) - 1));
-    selected_ = all[selected_row_]->call().uuid();
+    selected_ = all[selected_row_]->uuid;
     top_ =
         std::clamp(top_, selected_row_ + 1 > room_ ? selected_row_ + 1 - room_ : 0, selected_row_);
     top_ = std::min(top_, all.size() > room_ ? all.size() - room_ : 0);
 }
 
-LiveView::LiveCall* LiveView::selected_call() const {
-    const auto found = std::find_if(calls_.begin(), calls_.end(), [this](const LiveCall* call) {
-        return selected_.has_value() && call->call().uuid() == *selected_;
+const CallSnapshot* LiveView::selected_call() const {
+    const CallSnapshot* selected = nullptr;
+    calls_.for_each([&](const CallSnapshot& call) {
+        if (selected_.has_value() && call.uuid == *selected_) {
+            selected = &call;
+        }
     });
-    return found != calls_.end() ? *found : nullptr;
+    return selected;
 }
 
-void LiveView::add_call(Lines& lines, LiveCall& call, Micros now, ScreenSize size) {
-    const std::vector<std::string> whole = call.take_whole(now);
+void LiveView::add_call(Lines& lines, const CallSnapshot& call, Micros now, ScreenSize size) {
+    const std::vector<std::string> whole = whole_call(call, now);
     const std::size_t room = size.rows > lines.size() ? size.rows - lines.size() : 0;
     room_ = std::max<std::size_t>(room, 1);
     const std::ptrdiff_t last = std::max<std::ptrdiff_t>(
@@ -445,16 +371,16 @@ std::string LiveView::place_text(std::size_t first, std::size_t end, std::size_t
 }
 
 // Reverse for the selected call; else red, yellow and faint, by what there is to look at.
-const char* LiveView::style_of(const LiveCall& call) const {
-    if (selected_.has_value() && call.call().uuid() == *selected_ && !whole_) {
+const char* LiveView::style_of(const CallSnapshot& call) const {
+    if (selected_.has_value() && call.uuid == *selected_ && !whole_) {
         return "\x1b[7m";
     }
     if (!colour_) {
         return "";
     }
-    switch (trouble_of(call.call())) {
+    switch (trouble_of(call)) {
         case 0:
-            return call.call().ending() ? "\x1b[2m" : "";
+            return call.ending ? "\x1b[2m" : "";
         case 4:
             return "\x1b[31m";
         default:

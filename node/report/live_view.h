@@ -3,24 +3,21 @@
 // whole UUID, the packets and the call reference. Calls with trouble come first. Keys scroll, sort
 // and filter, and show one call whole.
 //
-// An output. It only composes text; the owner of the terminal displays it and passes on the keys.
-// Belongs to one thread.
+// It only composes text from snapshots of the calls; the owner of the terminal displays it and
+// passes on the keys. Belongs to one thread, but any thread may report a file error.
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
-#include "node/calls/call_listener.h"
-#include "node/calls/level_meter.h"
 #include "node/calls/types.h"
+#include "node/report/call_snapshot.h"
 #include "node/report/figures.h"
 #include "node/report/keys.h"
+#include "quorvane_lib/mutex.h"
 
 namespace qv::node {
 
@@ -29,11 +26,15 @@ struct ScreenSize {
     std::size_t rows = 24;
 };
 
-class LiveView : public CallListener {
+class LiveView {
   public:
     enum class Order : unsigned char { TROUBLE, LOSS, AGE };
 
-    std::unique_ptr<CallListener> begin_call(Call& call) override;
+    // From now on these are the calls.
+    void update(AllCalls calls) { calls_ = std::move(calls); }
+
+    // The latest error stays on the screen. Any thread may call it.
+    void report_file_error(const std::string& error) QV_EXCLUDES(mutex_);
 
     // Whether lines have colours, and whether the keys are named; off until set.
     void use_colour(bool colour) { colour_ = colour; }
@@ -46,36 +47,38 @@ class LiveView : public CallListener {
     // The program ends when that is done; empty: it goes on. Shown in place of the keys.
     void set_ending(std::string waits_for);
 
-    // Returns a frame: lines that fit the screen, each except the last one followed by "\r\n". The
-    // levels are those since the last frame.
+    // Returns a frame: lines that fit the screen, each except the last one followed by "\r\n".
     std::string frame(const NodeFigures& figures, Micros now, ScreenSize size);
 
   private:
-    class LiveCall;
     struct Line {
         std::string text;
         const char* style = "";  // A sequence of the terminal; empty for none.
     };
     using Lines = std::vector<Line>;
 
-    std::vector<LiveCall*> sorted() const;
+    using Rows = std::vector<const CallSnapshot*>;
+
+    Rows sorted() const;
     Lines head(const NodeFigures& figures, Micros now);
     void add_list(Lines& lines, Micros now, ScreenSize size);
-    void add_call(Lines& lines, LiveCall& call, Micros now, ScreenSize size);
+    void add_call(Lines& lines, const CallSnapshot& call, Micros now, ScreenSize size);
     std::string key_line() const;
     std::string place_text(std::size_t first, std::size_t end, std::size_t matching) const;
-    const char* style_of(const LiveCall& call) const;
+    const char* style_of(const CallSnapshot& call) const;
     static std::string joined(const Lines& lines, ScreenSize size);
-    LiveCall* selected_call() const;
-    void select(const std::vector<LiveCall*>& all);
+    const CallSnapshot* selected_call() const;
+    void select(const Rows& all);
+    std::string last_file_error() QV_EXCLUDES(mutex_);
     void press_in_filter(const Key& key);
     void show_whole();
     void step_back();
     void press_letter(char letter);
     void move(std::ptrdiff_t rows);
 
-    std::unordered_set<LiveCall*> calls_;  // Each removes itself when its call has ended.
-    std::string last_file_error_;
+    AllCalls calls_;
+    Mutex mutex_;
+    std::string last_file_error_ QV_GUARDED_BY(mutex_);
     std::uint64_t last_received_ = 0;
     Micros last_time_{0};
 

@@ -240,7 +240,7 @@ void Metrics::update(const NodeFigures& figures, const Analyser::Figures& analys
     impl_->calls.Set(static_cast<double>(figures.calls));
     impl_->open_files.Set(static_cast<double>(figures.open_files));
     impl_->waiting_audio.Set(static_cast<double>(figures.waiting_bytes));
-    impl_->receive_buffer.Set(figures.receive_buffer);
+    impl_->receive_buffer.Set(static_cast<double>(figures.receive_buffer));
     for (std::size_t i = 0; i < totals.packets.size(); ++i) {
         set(*impl_->packets[i], totals.packets[i]);
     }

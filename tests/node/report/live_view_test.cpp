@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "node/report/call_watch.h"
 #include "tests/node/calls/node_call.h"
 
 namespace qv::node {
@@ -18,11 +19,20 @@ class LiveViewTest : public tests::NodeCallTest {
     LiveViewTest() {
         figures_.address = "127.0.0.1:40000";
         figures_.uptime = 65s;
-        watch({&view_, &catcher_});
+        watch({&calls_, &catcher_});
+    }
+
+    void update() {
+        AllCalls calls;
+        calls.add(std::make_shared<std::vector<CallSnapshot>>(calls_.take_snapshots()));
+        view_.update(std::move(calls));
     }
 
     std::string text(std::size_t columns, std::size_t rows) {
         figures_.totals = table_->totals();
+        if (!std::exchange(pressed_, false)) {
+            update();
+        }
         return view_.frame(figures_, now_, {columns, rows});
     }
 
@@ -49,7 +59,11 @@ class LiveViewTest : public tests::NodeCallTest {
 
     // Letters, and U D P N H E for up, down, page up and down, home and end, R for Enter, X for
     // Escape, B for Backspace.
+    // Keys act on the calls of the latest snapshot. The next frame shows the same calls.
     void press(const std::string& keys) {
+        if (!std::exchange(pressed_, true)) {
+            update();
+        }
         for (const char key : keys) {
             const std::size_t kind = std::string("?UDPNHERXB").find(key);
             view_.press(kind == std::string::npos ? Key{Key::Kind::CHARACTER, key}
@@ -87,8 +101,10 @@ class LiveViewTest : public tests::NodeCallTest {
     };
 
     LiveView view_;
+    CallWatch calls_{[this](const std::string& error) { view_.report_file_error(error); }};
     Catcher catcher_;
     NodeFigures figures_;
+    bool pressed_ = false;  // Since the latest frame.
 };
 
 TEST_F(LiveViewTest, EmptyScreenTellsTheTotals) {
@@ -159,7 +175,7 @@ TEST_F(LiveViewTest, LossIsShownForTheCallAndInAll) {
 TEST_F(LiveViewTest, FileThatCannotBeWrittenIsShownAfterItsCallToo) {
     CallLimits limits;
     limits.sample_rate = 8000;
-    watch({&view_}, limits);
+    watch({&calls_}, limits);
     store_.error = "No space left on device";
     send("call_1_start");
     send("call_2_read");
@@ -348,7 +364,7 @@ TEST_F(LiveViewTest, OneCallIsShownWhole) {
     view_.use_keys(true);
     CallLimits limits;
     limits.sample_rate = 8000;
-    watch({&view_, &catcher_}, limits);
+    watch({&calls_, &catcher_}, limits);
     send("call_1_start");
     send("call_2_read");
     catcher_.call->report_activity(Side::ORIGINATOR, {true, 0, 8});
@@ -409,7 +425,7 @@ TEST_F(LiveViewTest, ColoursOnlyWhereTheyAreWanted) {
     send_data(2, 8);
     CallLimits limits;
     limits.sample_rate = 8000;
-    watch({&view_, &catcher_}, limits);
+    watch({&calls_, &catcher_}, limits);
     send("call_1_start");
     EXPECT_EQ(frame()[5].find('\x1b'), std::string::npos);  // No trouble, no colour.
     send("call_2_read");
