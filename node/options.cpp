@@ -1,6 +1,9 @@
 #include "node/options.h"
 
+#include <sched.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -16,6 +19,17 @@ namespace qv::node {
 namespace {
 
 constexpr std::size_t HELP_COLUMN = 34;
+constexpr std::size_t MOST_THREADS = 256;
+
+// The cores on which this process may run; at least 1.
+std::size_t available_cores() {
+    cpu_set_t cores;
+    CPU_ZERO(&cores);
+    if (sched_getaffinity(0, sizeof cores, &cores) != 0) {
+        return 1;
+    }
+    return static_cast<std::size_t>(CPU_COUNT(&cores));
+}
 
 Micros micros_of(double seconds) {
     return std::chrono::duration_cast<Micros>(std::chrono::duration<double>(seconds));
@@ -77,6 +91,11 @@ void add_output_options(CLI::App& app, Options& options) {
                    "UDP address and port to receive on; port 0 takes a free port and prints it")
         ->check(tools::check_address)
         ->type_name("ADDRESS:PORT")
+        ->capture_default_str();
+    app.add_option("--threads", options.threads,
+                   "Threads that receive; each call stays on one of them; 0 means one per core")
+        ->check(between<std::size_t>(0, MOST_THREADS))
+        ->type_name("N")
         ->capture_default_str();
     app.add_option("-r,--read", options.read,
                    "Read a network capture (pcap or pcapng) instead of listening; - reads the "
@@ -291,7 +310,8 @@ void add_limit_options(CLI::App& app, Options& options) {
         ->check(seconds_between(0, 86400))
         ->type_name("SECONDS")
         ->capture_default_str();
-    app.add_option("--receive-buffer", options.receive_buffer_mib, "Receive buffer of the socket")
+    app.add_option("--receive-buffer", options.receive_buffer_mib,
+                   "Receive buffer of all threads together")
         ->check(between(1, 1024))
         ->type_name("MIB")
         ->capture_default_str();
@@ -324,8 +344,14 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     add_limit_options(app, options);
     try {
         app.parse(argc, argv);
+        if (!options.read.empty() && options.threads != 1) {
+            throw CLI::ValidationError("--threads", "one thread reads a capture (--read)");
+        }
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_FINE : EXIT_USAGE;
+    }
+    if (options.threads == 0) {
+        options.threads = std::min(available_cores(), MOST_THREADS);
     }
     options.listen_given = app.count("--listen") != 0;
     options.listen = tools::parse_address(options.listen_text).value();  // The check has passed.
