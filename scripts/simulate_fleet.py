@@ -263,7 +263,7 @@ def main():
     option("detect", not_negative, 5, "seconds from a failure until the maps are changed")
     option("repair", not_negative, 600, "seconds until a failed node is added again")
     parser.add_argument("--upgrade", action="store_true", help="upgrade all nodes in turn")
-    option("deadline", positive(float), 600, "seconds that present calls get before their buckets move")
+    option("deadline", positive(float), 600, "seconds until present calls move, too")
     option("restart", not_negative, 10, "seconds that a restart takes with --upgrade")
     option("seed", int, 1, "seed of all that is random")
     options = parser.parse_args()
