@@ -1,8 +1,9 @@
 // node_load: sends the packets of many calls to the media node, evenly spread over time, and
 // compares the files with what was sent.
 //
-//   node_load send  127.0.0.1:PORT CALLS SECONDS    3,000 calls are 300,000 packets/s
-//   node_load check FOLDER CALLS                    every sample of every file
+//   node_load send   127.0.0.1:PORT CALLS SECONDS   3,000 calls are 300,000 packets/s
+//   node_load singly 127.0.0.1:PORT CALLS SECONDS   the same without bundles of packets
+//   node_load check  FOLDER CALLS                   every sample of every file
 #include <arpa/inet.h>
 #include <netinet/udp.h>
 #include <sndfile.h>
@@ -54,7 +55,8 @@ using Buffer = std::array<unsigned char, PACKET_SIZE>;
 
 class Sender {
   public:
-    explicit Sender(const char* address) : descriptor_(socket(AF_INET, SOCK_DGRAM, 0)) {
+    Sender(const char* address, bool singly)
+        : descriptor_(socket(AF_INET, SOCK_DGRAM, 0)), singly_(singly) {
         sockaddr_in to{};
         if (!net::parse_addr(address, nullptr, to)) {
             throw std::runtime_error(std::string(address) + ": no address");
@@ -93,12 +95,26 @@ class Sender {
         push(PACKET_SIZE);
     }
 
-    // Sends all collected datagrams, which have the same size, in one call; the system splits it
-    // into datagrams (UDP_SEGMENT). One core cannot send enough datagrams one by one.
+    // Sends all collected datagrams, which have the same size.
     void flush() {
         if (filled_ == 0) {
             return;
         }
+        if (singly_) {
+            send_each();
+        } else {
+            send_bundle();
+        }
+        total_ += filled_;
+        filled_ = 0;
+    }
+
+    std::uint64_t total() const { return total_; }
+
+  private:
+    // In one call; the system splits it into datagrams (UDP_SEGMENT). One core cannot send enough
+    // datagrams one by one.
+    void send_bundle() {
         const int size = static_cast<int>(size_);
         if (setsockopt(descriptor_, IPPROTO_UDP, UDP_SEGMENT, &size, sizeof size) != 0) {
             throw std::runtime_error(std::string("UDP_SEGMENT: ") + std::strerror(errno));
@@ -108,13 +124,26 @@ class Sender {
                 throw std::runtime_error(std::strerror(errno));
             }
         }
-        total_ += filled_;
-        filled_ = 0;
     }
 
-    std::uint64_t total() const { return total_; }
+    // As datagrams of their own, as switches send them.
+    void send_each() {
+        std::array<iovec, BATCH> parts{};
+        std::array<mmsghdr, BATCH> messages{};
+        for (unsigned i = 0; i < filled_; ++i) {
+            parts[i] = {bytes_.data() + i * size_, size_};
+            messages[i].msg_hdr.msg_iov = &parts[i];
+            messages[i].msg_hdr.msg_iovlen = 1;
+        }
+        for (unsigned sent = 0; sent < filled_;) {
+            const int more = sendmmsg(descriptor_, &messages[sent], filled_ - sent, 0);
+            if (more < 0 && errno != EINTR && errno != ECONNREFUSED) {
+                throw std::runtime_error(std::strerror(errno));
+            }
+            sent += more > 0 ? static_cast<unsigned>(more) : 0;
+        }
+    }
 
-  private:
     unsigned char* header(media::PacketType type, std::uint16_t leg_word, unsigned call) {
         unsigned char* out = scratch_.data();
         std::memset(out, 0, media::AUDIO_OFFSET + 64);
@@ -143,6 +172,7 @@ class Sender {
     }
 
     int descriptor_;
+    const bool singly_;
     Buffer scratch_{};
     std::array<unsigned char, BATCH * PACKET_SIZE> bytes_{};
     unsigned filled_ = 0;
@@ -164,8 +194,8 @@ void send_round(Sender& sender, unsigned calls, std::uint32_t frame, Clock::time
     }
 }
 
-int send_calls(const char* address, unsigned calls, unsigned seconds) {
-    Sender sender(address);
+int send_calls(const char* address, unsigned calls, unsigned seconds, bool singly) {
+    Sender sender(address, singly);
     for (unsigned call = 0; call < calls; ++call) {
         sender.start(call);
     }
@@ -225,8 +255,8 @@ int main(int argc, char** argv) {
         return static_cast<unsigned>(std::strtoul(argv[at], nullptr, 10));
     };
     try {
-        if (verb == "send" && argc == 5) {
-            return send_calls(argv[2], number(3), number(4));
+        if ((verb == "send" || verb == "singly") && argc == 5) {
+            return send_calls(argv[2], number(3), number(4), verb == "singly");
         }
         if (verb == "check" && argc == 4) {
             return check_calls(argv[2], number(3));
@@ -236,7 +266,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::fprintf(stderr,
-                 "usage: node_load send ADDRESS:PORT CALLS SECONDS\n"
+                 "usage: node_load send|singly ADDRESS:PORT CALLS SECONDS\n"
                  "       node_load check FOLDER CALLS\n");
     return 2;
 }

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include <string>
 #include <vector>
@@ -164,11 +165,25 @@ TEST_F(NodeOptionsTest, ValuesBeyondTheRangesAreRefused) {
                                                           {"--max-files", "-1"},
                                                           {"--block", "0"},
                                                           {"--receive-buffer", "0"},
+                                                          {"--threads", "257"},
+                                                          {"--threads", "-1"},
                                                           {"--idle-exit", "-1"},
                                                           {"--sync", "-1"},
                                                           {"--idle-exit", "nan"}}) {
         EXPECT_EQ(parse({option, value}), EXIT_USAGE) << option << ' ' << value;
     }
+}
+
+TEST_F(NodeOptionsTest, OneThreadReceivesUnlessMoreAreAskedFor) {
+    ASSERT_EQ(parse({}), std::nullopt);
+    EXPECT_EQ(options_.threads, 1u);
+    ASSERT_EQ(parse({"--threads", "3"}), std::nullopt);
+    EXPECT_EQ(options_.threads, 3u);
+    cpu_set_t cores;
+    CPU_ZERO(&cores);
+    ASSERT_EQ(sched_getaffinity(0, sizeof cores, &cores), 0);
+    ASSERT_EQ(parse({"--threads", "0"}), std::nullopt);
+    EXPECT_EQ(options_.threads, static_cast<std::size_t>(CPU_COUNT(&cores)));
 }
 
 TEST_F(NodeOptionsTest, HelpTellsDefaultsAndExitCodes) {
