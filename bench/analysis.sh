@@ -11,7 +11,7 @@
 #                    (build/sounds)
 #   --hours N        length of the other speech and music in which false detections are
 #                    counted (10)
-#   PART             samples, tones, false, activity or cost (all)
+#   PART             samples, many, tones, false, activity or cost (all)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -27,12 +27,12 @@ while [[ ${1:-} == --* ]]; do
     shift 2
 done
 parts=("${@:-}")
-[ -n "${parts[0]}" ] || parts=(samples tones false activity cost)
+[ -n "${parts[0]}" ] || parts=(samples many tones false activity cost)
 for part in "${parts[@]}"; do
     case $part in
-        samples | tones | false | activity | cost) ;;
+        samples | many | tones | false | activity | cost) ;;
         *)
-            echo "analysis: unknown part $part: samples, tones, false, activity or cost" >&2
+            echo "analysis: unknown part $part: samples, many, tones, false, activity or cost" >&2
             exit 2
             ;;
     esac
@@ -76,6 +76,7 @@ for part in "${parts[@]}"; do
                 run samples "${names[$language]}" "$(speech $language)" "$(speech ru)"
             done
             ;;
+        many) run many "$(speech ru)" "$(speech en)" "$(speech es)" "$(speech fr)" ;;
         tones) run tones "$(speech ru)" ;;
         false)
             echo "English references in Russian speech and music, on which this was tuned:"
@@ -88,6 +89,6 @@ for part in "${parts[@]}"; do
                 run activity "${names[$language]}" "$(speech $language)"
             done
             ;;
-        cost) run cost "$(speech en)" "$(speech es)" "$(speech fr)" ;;
+        cost) run cost "$(speech ru)" "$(speech en)" "$(speech es)" "$(speech fr)" ;;
     esac
 done

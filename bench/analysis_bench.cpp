@@ -5,7 +5,8 @@
 //   analysis_bench tones OTHERS...                    how many tones are found
 //   analysis_bench false HOURS REFERENCES OTHERS...   what is found by mistake
 //   analysis_bench activity NAME SPEECH               activity detectors, compared
-//   analysis_bench cost OTHERS...                     processor time and memory
+//   analysis_bench many OTHERS REFERENCES...          what is found among 5,000 references
+//   analysis_bench cost OTHERS REFERENCES...          processor time and memory
 //
 // Folders hold WAV files of 8 kHz, at any depth.
 #include <malloc.h>
@@ -22,6 +23,7 @@
 #include <ctime>
 #include <filesystem>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <set>
 #include <stdexcept>
@@ -605,45 +607,74 @@ void measure_activity(const std::string& name, const fs::path& folder) {
     }
 }
 
+// Processor seconds of this thread.
 double cpu_seconds() {
-    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
-// Returns as many references as wanted: first recordings, then faster and slower copies of them.
-std::shared_ptr<const SampleIndex> index_of(const std::vector<Recording>& recordings,
-                                            std::size_t wanted) {
-    SampleIndexBuilder builder;
-    std::size_t count = 0;
-    for (double speed = 1; count < wanted; speed += 0.013) {
-        for (std::size_t i = 0; i < recordings.size() && count < wanted; ++i) {
-            const Sound sound = faster(recordings[i].sound, speed);
-            count +=
-                builder.add(recordings[i].name, sound.data(), sound.size(), RATE).empty() ? 1 : 0;
+using Indexes = std::vector<std::shared_ptr<const SampleIndex>>;
+
+// Returns indexes of as many references as wanted: first recordings, then faster and slower copies
+// of them. `played`, if given, receives what the references of the last index sound like.
+Indexes indexes_of(const std::vector<Recording>& recordings, const std::vector<std::size_t>& wanted,
+                   std::vector<Sound>* played = nullptr) {
+    Indexes indexes;
+    for (const std::size_t size : wanted) {
+        SampleIndexBuilder builder;
+        std::size_t count = 0;
+        for (double speed = 1; count < size; speed += 0.013) {
+            for (std::size_t i = 0; i < recordings.size() && count < size; ++i) {
+                Sound sound = faster(recordings[i].sound, speed);
+                if (builder.add(recordings[i].name, sound.data(), sound.size(), RATE).empty()) {
+                    ++count;
+                    if (played != nullptr) {
+                        played->push_back(std::move(sound));
+                    }
+                }
+            }
         }
+        indexes.push_back(builder.build());
     }
-    return builder.build();
+    return indexes;
 }
 
-// Returns the processor time for one second of a call of which both sides are searched.
-double cost(const std::vector<std::int16_t>& samples,
-            const std::shared_ptr<const SampleIndex>& index) {
-    double best = 1e9;
-    for (int round = 0; round < 3; ++round) {
-        SampleDetector detector(index, RATE);
-        ActivityDetector activity(RATE, {});
+// Returns the processor seconds per second of a call whose both sides are searched, for each index.
+// The indexes have turns of a few seconds of the call, and of several rounds the best time of each
+// piece counts, because other work on the machine disturbs.
+std::vector<double> costs(const std::vector<std::int16_t>& samples, const Indexes& indexes) {
+    constexpr std::size_t PIECE = 4 * RATE;
+    const std::size_t pieces = samples.size() / PIECE;
+    std::vector<std::vector<double>> best(indexes.size(), std::vector<double>(pieces, 1e9));
+    for (int round = 0; round < 4; ++round) {
+        std::vector<SampleDetector> detectors;
+        std::vector<ActivityDetector> activities(indexes.size(), ActivityDetector(RATE, {}));
+        for (const auto& index : indexes) {
+            detectors.emplace_back(index, RATE);
+        }
         FoundList found;
         Changes changes;
-        const double begun = cpu_seconds();
-        for (std::size_t at = 0; at + PACKET <= samples.size(); at += PACKET) {
-            detector.add(samples.data() + at, PACKET, found);
-            activity.add(samples.data() + at, PACKET, changes);
+        for (std::size_t piece = 0; piece < pieces; ++piece) {
+            for (std::size_t i = 0; i < indexes.size(); ++i) {
+                const double begun = cpu_seconds();
+                for (std::size_t at = piece * PIECE; at < (piece + 1) * PIECE; at += PACKET) {
+                    detectors[i].add(samples.data() + at, PACKET, found);
+                    activities[i].add(samples.data() + at, PACKET, changes);
+                }
+                best[i][piece] = std::min(best[i][piece], cpu_seconds() - begun);
+            }
         }
-        best = std::min(best, cpu_seconds() - begun);
     }
-    return 2 * best * RATE / static_cast<double>(samples.size());
+    std::vector<double> result;
+    for (const std::vector<double>& each : best) {
+        const double all = std::accumulate(each.begin(), each.end(), 0.0);
+        result.push_back(2 * all * RATE / static_cast<double>(pieces * PIECE));
+    }
+    return result;
 }
 
-void measure_cost(char** begin, char** end) {
+std::vector<Recording> read_all(char** begin, char** end) {
     std::vector<Recording> recordings;
     for (char** each = begin; each != end; ++each) {
         for (Recording& one : read_recordings(*each)) {
@@ -651,20 +682,59 @@ void measure_cost(char** begin, char** end) {
         }
     }
     std::shuffle(recordings.begin(), recordings.end(), std::mt19937(3));
-    Sound call = Others(begin, end).next(300 * RATE);
-    const auto samples = through_the_line(louder(call, 0.5));
-    std::printf("cost of a call, both features on both sides, 8 kHz, speech without pauses\n");
-    double fifty = 0;
-    for (const std::size_t count : {50, 500, 5000}) {
-        const auto index = index_of(recordings, count);
-        const double cost_s = cost(samples, index);
-        fifty = count == 50 ? cost_s : fifty;
-        std::printf(
-            "  %4zu references: %4.0f us a second, %5.0f calls a core, %.2f of 50; %zu KiB\n",
-            count, 1e6 * cost_s, 1 / cost_s, cost_s / fifty, index->bytes() / 1024);
+    return recordings;
+}
+
+// Every part of a large index must be found equally well.
+void measure_many(char** begin, char** end) {
+    constexpr std::size_t COUNT = 5000;
+    constexpr std::size_t STEP = 15;
+    std::vector<Sound> references;
+    const auto index = indexes_of(read_all(begin + 1, end), {COUNT}, &references)[0];
+    Others others(begin, begin + 1);
+    print_head("5000 references");
+    for (const double snr : {CLEAN, 10.0}) {
+        for (std::size_t third = 0; third < 3; ++third) {
+            std::mt19937 random(1);
+            Tally tally;
+            for (std::size_t i = third * COUNT / 3; i < (third + 1) * COUNT / 3; i += STEP) {
+                if (references[i].size() >= RATE) {
+                    play({"", 0, 0, -10, snr, 0, 1, -99}, i, references[i], index, others, random,
+                         tally);
+                }
+            }
+            const std::string name = std::string(snr < CLEAN ? "noise 10 dB below" : "-10 dB") +
+                                     ", third " + std::to_string(third + 1);
+            tally.print(name.c_str());
+        }
+    }
+}
+
+void measure_cost(char** begin, char** end) {
+    const std::vector<std::size_t> sizes{50, 500, 5000};
+    const std::vector<Recording> recordings = read_all(begin + 1, end);
+    const Indexes indexes = indexes_of(recordings, sizes);
+    const struct {
+        const char* name;
+        Sound sound;
+    } calls[] = {
+        {"other speech", Others(begin, begin + 1).next(100 * RATE)},
+        {"nothing but references", Others(begin + 1, end).next(100 * RATE)},
+    };
+    for (const auto& call : calls) {
+        std::printf("cost of a call, both features on both sides, 8 kHz, no pauses, %s\n",
+                    call.name);
+        const auto list = costs(through_the_line(louder(call.sound, 0.5)), indexes);
+        for (std::size_t i = 0; i < sizes.size(); ++i) {
+            std::printf(
+                "  %4zu references: %4.0f us a second, %5.0f calls a core, %.2f of 50; "
+                "%zu KiB\n",
+                sizes[i], 1e6 * list[i], 1 / list[i], list[i] / list[0],
+                indexes[i]->bytes() / 1024);
+        }
         std::fflush(stdout);
     }
-    const auto index = index_of(recordings, 1);
+    const auto index = indexes_of(recordings, {1})[0];
     for (const int rate : {8000, 16'000, 48'000}) {
         constexpr std::size_t CALLS = 500;
         std::vector<std::unique_ptr<SampleDetector>> detectors;
@@ -694,7 +764,9 @@ int main(int argc, char** argv) {
             measure_false(std::strtod(argv[2], nullptr), argv[3], Others(argv + 4, argv + argc));
         } else if (what == "activity" && argc == 4) {
             measure_activity(argv[2], argv[3]);
-        } else if (what == "cost") {
+        } else if (what == "many" && argc > 3) {
+            measure_many(argv + 2, argv + argc);
+        } else if (what == "cost" && argc > 3) {
             measure_cost(argv + 2, argv + argc);
         } else {
             std::fprintf(stderr, "analysis_bench: see its first lines for how it is called\n");

@@ -15,11 +15,6 @@ constexpr float FULL_SCALE_POWER = (FRAME / 4.0F) * (FRAME / 4.0F);
 
 constexpr float PEAK_TO_MEAN = 4;  // Power of a peak relative to the mean of its region.
 
-// Peaks are paired if they are 2 to LONGEST_PAIR frames and fewer than WIDEST_PAIR bins apart.
-constexpr std::size_t SHORTEST_PAIR = 2;
-constexpr std::size_t LONGEST_PAIR = 10;
-constexpr int WIDEST_PAIR = 32;
-
 const std::array<float, FRAME>& hann_window() {
     static const std::array<float, FRAME> window = [] {
         std::array<float, FRAME> result{};
@@ -142,11 +137,15 @@ Fingerprint::Change Fingerprint::change(std::size_t n) const {
 void Fingerprint::find_peaks() {
     std::copy(power_.begin() + FIRST_BIN, power_.begin() + FIRST_BIN + BINS,
               spectra_[frames_ % KEPT].begin());
-    Peaks peaks;
+    const auto& middle = spectra_[(frames_ + KEPT - REACH) % KEPT];
+    Peaks& peaks = peaks_[frames_ % RING];
     for (std::size_t region = 0; region < REGIONS; ++region) {
         peaks[region] = peak_of(region);
+        if (peaks[region] != NO_PEAK) {
+            levels_[frames_ % RING][region] = decibels(middle[peaks[region]] / FULL_SCALE_POWER);
+        }
     }
-    pair_peaks(peaks);
+    pair_peaks();
 }
 
 // Returns the strongest bin of a region in the middle kept frame, if no neighbouring frame is
@@ -179,30 +178,33 @@ std::uint8_t Fingerprint::peak_of(std::size_t region) const {
     return static_cast<std::uint8_t>(peak);
 }
 
-float Fingerprint::peak_level(std::size_t region) const {
-    return decibels(spectra_[(frames_ + KEPT - REACH) % KEPT][peaks()[region]] / FULL_SCALE_POWER);
-}
-
-void Fingerprint::pair_peaks(const Peaks& peaks) {
-    peaks_[frames_ % RING] = peaks;
-    for (const std::uint8_t second : peaks) {
-        if (second == NO_PEAK) {
-            continue;
-        }
-        for (std::size_t apart = SHORTEST_PAIR; apart <= LONGEST_PAIR; ++apart) {
-            for (const std::uint8_t first : peaks_[(frames_ + RING - apart) % RING]) {
-                const int difference = second - first;
-                if (first == NO_PEAK || std::abs(difference) >= WIDEST_PAIR ||
-                    landmark_count_ == MOST_LANDMARKS) {
-                    continue;
-                }
-                const std::uint32_t kind =
-                    (static_cast<std::uint32_t>(first) << 10) |
-                    (static_cast<std::uint32_t>(difference + WIDEST_PAIR) << 4) |
-                    static_cast<std::uint32_t>(apart);
-                landmarks_[landmark_count_++] = {kind, static_cast<std::uint32_t>(apart + REACH)};
+void Fingerprint::pair_peaks() {
+    for (std::size_t region = 0; region < REGIONS; ++region) {
+        if (peaks()[region] != NO_PEAK) {
+            for (std::size_t apart = SHORTEST_PAIR; apart <= LONGEST_PAIR; ++apart) {
+                pair_with(region, apart);
             }
         }
+    }
+}
+
+// Pairs the newest peak of a region with those that are this many frames older.
+void Fingerprint::pair_with(std::size_t region, std::size_t apart) {
+    constexpr auto widest = static_cast<int>(WIDEST_PAIR);
+    const std::size_t before = (frames_ + RING - apart) % RING;
+    for (std::size_t other = 0; other < REGIONS; ++other) {
+        const std::uint8_t first = peaks_[before][other];
+        const int difference = peaks()[region] - first;
+        if (first == NO_PEAK || std::abs(difference) >= widest ||
+            landmark_count_ == MOST_LANDMARKS) {
+            continue;
+        }
+        const std::size_t pair =
+            first * (2 * WIDEST_PAIR - 1) + static_cast<std::size_t>(difference + widest - 1);
+        const std::size_t kind = pair * (LONGEST_PAIR - SHORTEST_PAIR + 1) + apart - SHORTEST_PAIR;
+        landmarks_[landmark_count_++] = {static_cast<std::uint32_t>(kind),
+                                         static_cast<std::uint32_t>(apart + REACH),
+                                         peak_level(region) - levels_[before][other]};
     }
 }
 

@@ -19,10 +19,9 @@ constexpr std::size_t HOP = 128;
 
 // Two neighbouring peaks: their frequencies and the time between them.
 struct Landmark {
-    static constexpr std::uint32_t KINDS = 1u << 18;
-
-    std::uint32_t kind;  // Below KINDS.
+    std::uint32_t kind;  // Below Fingerprint::KINDS.
     std::uint32_t age;   // Frames from the first peak to the newest frame.
+    float contrast;      // How much louder the second peak is, in decibels.
 };
 
 class Fingerprint {
@@ -34,6 +33,16 @@ class Fingerprint {
     static constexpr std::size_t FIRST_BIN = 16;  // 250 Hz
     static constexpr std::size_t BINS = 203;      // to 3400 Hz
     static constexpr std::size_t MOST_LANDMARKS = 96;
+
+    // A peak is higher than this many frames on both sides of it. So a peak is known only this many
+    // frames later.
+    static constexpr std::size_t REACH = 2;
+    // Peaks are paired if they are this many frames, and fewer than WIDEST_PAIR bins, apart.
+    static constexpr std::size_t SHORTEST_PAIR = 2;
+    static constexpr std::size_t LONGEST_PAIR = 10;
+    static constexpr std::size_t WIDEST_PAIR = 32;
+    static constexpr std::size_t KINDS =
+        BINS * (2 * WIDEST_PAIR - 1) * (LONGEST_PAIR - SHORTEST_PAIR + 1);
 
     Fingerprint();
 
@@ -59,14 +68,13 @@ class Fingerprint {
     const std::array<float, FRAME / 2 + 1>& power() const { return power_; }
 
     // The strongest peak of each region of the spectrum, as a bin counted from FIRST_BIN, or
-    // NO_PEAK. A peak is known only REACH frames later, so these belong to an earlier frame; this
-    // is the same for references and sides.
+    // NO_PEAK. These belong to the frame REACH frames before the newest one.
     static constexpr std::size_t REGIONS = 8;
     static constexpr std::uint8_t NO_PEAK = 0xFF;
     using Peaks = std::array<std::uint8_t, REGIONS>;
     const Peaks& peaks() const { return peaks_[frames_ % RING]; }
     // The level of the peak of a region that has one, relative to a full-scale sine.
-    float peak_level(std::size_t region) const;
+    float peak_level(std::size_t region) const { return levels_[frames_ % RING][region]; }
 
     // The landmarks that the newest frame completed.
     const Landmark* landmarks() const { return landmarks_.data(); }
@@ -78,15 +86,14 @@ class Fingerprint {
   private:
     static constexpr std::size_t BANDS = BITS + 1;
     static constexpr std::size_t BACK = 2;  // How many frames back the bits compare with.
-    // A peak is higher than this many frames on both sides of it.
-    static constexpr std::size_t REACH = 2;
     static constexpr std::size_t KEPT = 2 * REACH + 1;
     static constexpr std::size_t RING = 16;  // Frames whose peaks are kept for pairs.
 
     void compare_bands();
     float growth(std::size_t n) const;
     void find_peaks();
-    void pair_peaks(const Peaks& peaks);
+    void pair_peaks();
+    void pair_with(std::size_t region, std::size_t apart);
     std::uint8_t peak_of(std::size_t region) const;
 
     const Transform& transform_;
@@ -96,7 +103,9 @@ class Fingerprint {
     std::array<float, FRAME / 2 + 1> power_{};
     std::array<std::array<float, BANDS>, BACK + 1> bands_{};  // Decibels; newest first.
     std::array<std::array<float, BINS>, KEPT> spectra_{};     // By frame modulo KEPT.
-    std::array<Peaks, RING> peaks_{};                         // By frame modulo RING.
+    // By frame modulo RING.
+    std::array<Peaks, RING> peaks_{};
+    std::array<std::array<float, REGIONS>, RING> levels_{};
     std::uint32_t bits_ = 0;
     float level_ = 0;
     std::array<Landmark, MOST_LANDMARKS> landmarks_{};

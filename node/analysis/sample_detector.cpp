@@ -11,6 +11,8 @@ namespace {
 // How many landmarks must agree, and within how many frames, before frames are compared.
 constexpr std::uint32_t VOTES_WANTED = 2;
 constexpr std::uint32_t VOTE_LIFE = 64;
+// A landmark counts if at most one of this many reliable bits of its frames is different.
+constexpr int LIKE = 4;
 
 // Bits count less than their probability alone suggests, because the bits of overlapping frames
 // depend on each other.
@@ -27,7 +29,7 @@ constexpr float LOUDNESS_DECAY_DB = 0.3F;  // Per frame.
 constexpr int ENOUGH = 800;
 constexpr int ENOUGH_IN_NOISE = 430;
 constexpr int SPAN_SCORE = 8;
-constexpr int LEAST_SCORE = 250;
+constexpr int LEAST_SCORE = 200;
 // In noise, true candidates score less, but false candidates are rarer. A side is noisy if its
 // level never falls further than this below the level of its loudest sound.
 constexpr float NOISY_RANGE_DB = 22;
@@ -92,8 +94,28 @@ int sum(RegionBytes bytes) {
     return static_cast<int>((word * 0x0001000100010001u) >> 48);
 }
 
+// Returns whether most reliable bits of the frames of both peaks are those of the side.
+bool sounds_like(const SampleIndex::Place& place, std::uint32_t first, std::uint32_t second) {
+    const BitCounts reliable = count_bits(place.first.mask, place.second.mask);
+    const BitCounts different = count_bits((place.first.bits ^ first) & place.first.mask,
+                                           (place.second.bits ^ second) & place.second.mask);
+    return LIKE * (different.first + different.second) <= reliable.first + reliable.second;
+}
+
 std::uint32_t vote_key(std::uint32_t reference, std::int64_t begin) {
     return (reference << 16) | (static_cast<std::uint32_t>(begin) & 0xFFFFu);
+}
+
+// A framing is where a reference begins on the side, in parts of a hop. It is rounded up to a whole
+// hop, and frames of the reference are shifted by the rest.
+std::int64_t begin_of(std::int64_t framing) {
+    constexpr auto parts = static_cast<std::int64_t>(SampleIndex::SHIFTS);
+    return framing > 0 ? (framing + parts - 1) / parts : framing / parts;
+}
+
+std::uint8_t shift_of(std::int64_t framing) {
+    constexpr auto parts = static_cast<std::int64_t>(SampleIndex::SHIFTS);
+    return static_cast<std::uint8_t>(begin_of(framing) * parts - framing);
 }
 
 }  // namespace
@@ -166,15 +188,24 @@ void SampleDetector::add_hop(SampleOutput& out) {
     if (fingerprint_.frames() == before) {
         return;
     }
+    const std::size_t landmarks = fingerprint_.landmark_count();
+    for (std::size_t i = 0; i < landmarks; ++i) {
+        index_->prefetch(fingerprint_.landmarks()[i]);
+    }
     ++frame_;
     first_ = std::max(first_, frame_ + 1 - static_cast<std::int64_t>(HISTORY));
     remember();
+    AllPlaces places;
+    for (std::size_t i = 0; i < landmarks; ++i) {
+        places[i] = index_->places(fingerprint_.landmarks()[i]);
+        SampleIndex::prefetch(places[i]);
+    }
     for (Track& track : tracks_) {
         // If a candidate that was dropped agrees again, its landmarks find it again.
         track.used =
             track.used && advance(track, frame_ - 1) && (track.reported || track.score > 0);
     }
-    vote();
+    vote(places);
     follow(out);
     if (!index_->tones().empty()) {
         find_tones(out);
@@ -204,25 +235,37 @@ void SampleDetector::remember() {
     }
 }
 
-void SampleDetector::vote() {
-    const auto now = static_cast<std::uint32_t>(frame_);
+void SampleDetector::vote(const AllPlaces& places) {
     for (std::size_t i = 0; i < fingerprint_.landmark_count(); ++i) {
         const Landmark& landmark = fingerprint_.landmarks()[i];
         const std::int64_t at = frame_ - landmark.age;
-        const SampleIndex::Places places = index_->places(landmark.kind);
-        for (const SampleIndex::Place* place = places.begin; place != places.end; ++place) {
-            const std::int64_t begin = at - place->frame;
-            const std::uint32_t key = vote_key(place->reference, begin);
-            Vote& vote = votes_[(key * 2654435761u) >> 24];
-            if (vote.key != key || now - vote.frame > VOTE_LIFE) {
-                vote = {key, now, 0};
-            }
-            vote.frame = now;
-            if (++vote.count >= VOTES_WANTED) {
-                vote.count = 0;
-                consider(place->reference, begin);
+        if (at < first_) {
+            continue;
+        }
+        const std::uint32_t first = heard(at).bits;
+        const std::uint32_t second =
+            heard(frame_ - static_cast<std::int64_t>(Fingerprint::REACH)).bits;
+        for (const SampleIndex::Place* each = places[i].begin; each != places[i].end; ++each) {
+            if (sounds_like(*each, first, second)) {
+                vote_for(each->reference, at - each->frame);
             }
         }
+    }
+}
+
+void SampleDetector::vote_for(std::uint32_t reference, std::int64_t begin) {
+    const auto now = static_cast<std::uint16_t>(frame_);
+    const std::uint32_t key = vote_key(reference, begin);
+    Vote& vote = votes_[(key * 2654435761u) >> (32 - VOTE_BITS)];
+    if (vote.key != key || static_cast<std::uint16_t>(now - vote.frame) > VOTE_LIFE) {
+        vote = {key, now, 0};
+    }
+    vote.frame = now;
+    ++vote.count;
+    // A candidate that did not fit is compared again after twice as many votes.
+    const bool is_power_of_two = (vote.count & (vote.count - 1)) == 0;
+    if (vote.count >= VOTES_WANTED && is_power_of_two) {
+        consider(reference, begin);
     }
 }
 
@@ -238,25 +281,29 @@ void SampleDetector::consider(std::uint32_t reference, std::int64_t begin) {
     if (is_tracked(reference, begin)) {
         return;
     }
-    Track best;
-    int most = agreement(reference, 0, begin);
+    // Framings are numbered in parts of a hop.
+    constexpr auto parts = static_cast<std::int64_t>(SampleIndex::SHIFTS);
+    std::int64_t framing = begin * parts;
+    int most = agreement(reference, framing);
     if (most < PROMISING * 2 / 3) {
         return;
     }
-    most = 0;
-    for (std::int64_t each = begin - 1; each <= begin + 1; ++each) {
-        for (std::size_t shift = 0; shift < SampleIndex::SHIFTS; ++shift) {
-            const int fit = agreement(reference, shift, each);
+    for (std::int64_t step = parts; step > 0; step /= 2) {
+        const std::int64_t middle = framing;
+        for (const std::int64_t each : {middle - step, middle + step}) {
+            const int fit = agreement(reference, each);
             if (fit > most) {
                 most = fit;
-                best.begin = each;
-                best.shift = static_cast<std::uint8_t>(shift);
+                framing = each;
             }
         }
     }
     if (most < PROMISING) {
         return;
     }
+    Track best;
+    best.begin = begin_of(framing);
+    best.shift = shift_of(framing);
     best.reference = reference;
     best.used = true;
     for (std::int64_t frame = std::max(first_, best.begin); frame < frame_; ++frame) {
@@ -276,9 +323,9 @@ void SampleDetector::consider(std::uint32_t reference, std::int64_t begin) {
     }
 }
 
-int SampleDetector::agreement(std::uint32_t reference, std::size_t shift,
-                              std::int64_t begin) const {
-    const auto& frames = index_->reference(reference).frames[shift];
+int SampleDetector::agreement(std::uint32_t reference, std::int64_t framing) const {
+    const std::int64_t begin = begin_of(framing);
+    const auto& frames = index_->reference(reference).frames[shift_of(framing)];
     const std::int64_t end = std::min(frame_ + 1, begin + static_cast<std::int64_t>(frames.size()));
     int score = 0;
     int most = 0;

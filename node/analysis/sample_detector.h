@@ -1,8 +1,9 @@
 // Finds the references of an index in the audio of one side.
 //
-// If two landmarks of the audio also occur in a reference at the same distance, the reference
-// becomes a candidate. A candidate is compared frame by frame, and reported when enough frames
-// agree. All memory, about 20 KiB, is allocated at construction. Belongs to one thread.
+// If two landmarks of the audio also occur in a reference at the same distance, and sound alike,
+// the reference becomes a candidate. A candidate is compared frame by frame, and reported when
+// enough frames agree. All memory, about 20 KiB, is allocated at construction. Belongs to one
+// thread.
 #pragma once
 
 #include <array>
@@ -55,13 +56,13 @@ class SampleDetector {
   private:
     static constexpr std::size_t HISTORY = 128;  // Frames with which a new candidate is compared.
     static constexpr std::size_t TRACKS = 24;
-    static constexpr std::size_t VOTES = 256;
+    static constexpr std::uint32_t VOTE_BITS = 9;
 
     // Landmarks that agree on where a reference begins.
     struct Vote {
         std::uint32_t key = 0;
-        std::uint32_t frame = 0;  // When the last one was heard.
-        std::uint32_t count = 0;
+        std::uint16_t frame = 0;  // When the last one was heard, modulo 2^16.
+        std::uint16_t count = 0;
     };
 
     // What is kept of each frame of the side.
@@ -96,7 +97,9 @@ class SampleDetector {
 
     void add_heard(const std::int16_t* samples, std::size_t count, SampleOutput& out);
     void add_hop(SampleOutput& out);
-    void vote();
+    using AllPlaces = std::array<SampleIndex::Places, Fingerprint::MOST_LANDMARKS>;
+    void vote(const AllPlaces& places);
+    void vote_for(std::uint32_t reference, std::int64_t begin);
     void consider(std::uint32_t reference, std::int64_t begin);
     bool is_tracked(std::uint32_t reference, std::int64_t begin) const;
     bool advance(Track& track, std::int64_t frame) const;
@@ -107,7 +110,7 @@ class SampleDetector {
 
     void remember();
     Comparison compare(const Frames& frames, std::int64_t at, std::int64_t frame) const;
-    int agreement(std::uint32_t reference, std::size_t shift, std::int64_t begin) const;
+    int agreement(std::uint32_t reference, std::int64_t framing) const;
     bool convincing(const Track& track) const;
     void follow(SampleOutput& out);
     void report(Track& track, SampleOutput& out);
@@ -130,7 +133,7 @@ class SampleDetector {
     // Levels of the loudest and quietest frame of the last seconds.
     float loudest_frame_ = Fingerprint::QUIETEST_DB;
     float quietest_frame_ = 0;
-    std::array<Vote, VOTES> votes_{};
+    std::array<Vote, 1u << VOTE_BITS> votes_{};
     std::array<Track, TRACKS> tracks_{};
 
     ToneFinder tone_finder_;

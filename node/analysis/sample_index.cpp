@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
+#include <numeric>
+#include <tuple>
 #include <utility>
 
 #include "tools/format.h"
@@ -31,8 +33,8 @@ constexpr float NO_LEVEL = -200;
 // covered by noise.
 constexpr std::uint8_t PEAK_GAIN[SampleIndex::FAINTEST + 1] = {26, 26, 26, 26, 26, 24, 20, 0};
 constexpr std::uint8_t PEAK_LOSS[SampleIndex::FAINTEST + 1] = {17, 17, 15, 11, 7, 4, 2, 0};
-// A landmark that occurs in more places than this is left out: it says little, and following all
-// places would take too long.
+// Of a landmark with one contrast, no more places than this are kept, so that a search does not
+// take too long. They are taken from all references alike.
 constexpr std::size_t MOST_PLACES = 48;
 
 std::vector<float> at_analysis_rate(const float* samples, std::size_t count, int rate) {
@@ -181,11 +183,14 @@ TonePattern tone_pattern(const std::vector<float>& sound) {
     return TonePattern(std::move(tones), audible);
 }
 
-bool same(SampleIndex::Place a, SampleIndex::Place b) {
-    return a.reference == b.reference && a.frame == b.frame;
-}
-
 }  // namespace
+
+void SampleIndex::prefetch(const Places& places) {
+    constexpr std::size_t line = 64 / sizeof(Place);  // Places in a line of the cache.
+    for (const Place* at = places.begin; at < places.end; at += line) {
+        __builtin_prefetch(at);
+    }
+}
 
 std::size_t SampleIndex::bytes() const {
     std::size_t bytes = sizeof *this + starts_.size() * sizeof starts_[0] +
@@ -236,6 +241,7 @@ void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint1
                                      SampleIndex::Reference& reference) {
     const std::vector<float> padded = with_silence_behind(sound);
     Fingerprint fingerprint;
+    std::vector<Seen> seen;
     for (std::size_t shift = 0; shift < SampleIndex::SHIFTS; ++shift) {
         fingerprint.reset(0);
         auto& frames = reference.frames[shift];
@@ -254,9 +260,9 @@ void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint1
                 const Landmark& landmark = fingerprint.landmarks()[i];
                 const std::uint64_t frame = fingerprint.frames() - 1;
                 if (frame >= landmark.age) {
-                    entries_.push_back(
-                        {landmark.kind,
-                         {number, static_cast<std::uint16_t>(frame - landmark.age)}});
+                    seen.push_back({landmark.kind, static_cast<std::uint16_t>(frame - landmark.age),
+                                    static_cast<std::uint16_t>(frame - Fingerprint::REACH), shift,
+                                    landmark.contrast});
                 }
             }
         }
@@ -264,30 +270,64 @@ void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint1
         weigh_peaks(levels, frames);
         frames.shrink_to_fit();
     }
+    add_places(seen, number, reference);
+}
+
+// Framings that have the same landmark become one place, with the bits in which they agree.
+void SampleIndexBuilder::add_places(std::vector<Seen>& seen, std::uint16_t number,
+                                    const SampleIndex::Reference& reference) {
+    std::sort(seen.begin(), seen.end(), [](const Seen& a, const Seen& b) {
+        return std::tie(a.kind, a.first, a.shift) < std::tie(b.kind, b.first, b.shift);
+    });
+    const auto bits_of = [&reference](std::size_t shift, std::size_t frame) {
+        const SampleIndex::Frame& its = reference.frames[shift][frame];
+        return SampleIndex::Bits{its.bits, its.mask};
+    };
+    const auto keep_common = [](SampleIndex::Bits& bits, const SampleIndex::Bits& other) {
+        bits.mask &= other.mask & ~(bits.bits ^ other.bits);
+    };
+    for (auto at = seen.begin(); at != seen.end();) {
+        const Seen& one = *at;
+        SampleIndex::Place place{number, one.first, bits_of(one.shift, one.first),
+                                 bits_of(one.shift, one.second)};
+        float contrasts = 0;
+        float count = 0;
+        for (; at != seen.end() && at->kind == one.kind && at->first == one.first; ++at) {
+            keep_common(place.first, bits_of(at->shift, at->first));
+            keep_common(place.second, bits_of(at->shift, at->second));
+            contrasts += at->contrast;
+            ++count;
+        }
+        const std::size_t step = SampleIndex::contrast_step(contrasts / count);
+        entries_.push_back(
+            {static_cast<std::uint32_t>(one.kind * SampleIndex::CONTRASTS + step), place});
+    }
 }
 
 std::shared_ptr<const SampleIndex> SampleIndexBuilder::build() {
-    std::sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
-        return a.kind != b.kind                         ? a.kind < b.kind
-               : a.place.reference != b.place.reference ? a.place.reference < b.place.reference
-                                                        : a.place.frame < b.place.frame;
+    std::stable_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+        return a.kind_and_contrast < b.kind_and_contrast;
     });
     std::shared_ptr<SampleIndex> index(new SampleIndex);
     index->references_ = std::move(references_);
-    index->starts_.reserve(Landmark::KINDS + 1);
-    std::size_t at = 0;
-    for (std::uint32_t kind = 0; kind < Landmark::KINDS; ++kind) {
-        const std::size_t start = index->places_.size();
-        index->starts_.push_back(static_cast<std::uint32_t>(start));
-        for (; at < entries_.size() && entries_[at].kind == kind; ++at) {
-            const SampleIndex::Place place = entries_[at].place;
-            const std::size_t found = index->places_.size() - start;
-            if (found < MOST_PLACES && (found == 0 || !same(index->places_.back(), place))) {
-                index->places_.push_back(place);
-            }
+    index->places_.reserve(entries_.size());
+    index->starts_.assign(Fingerprint::KINDS * SampleIndex::CONTRASTS + 1, 0);
+    for (auto begin = entries_.begin(); begin != entries_.end();) {
+        const std::uint32_t kind = begin->kind_and_contrast;
+        const auto end = std::find_if(begin, entries_.end(), [kind](const Entry& entry) {
+            return entry.kind_and_contrast != kind;
+        });
+        const auto size = static_cast<std::size_t>(end - begin);
+        const std::size_t kept = std::min(size, MOST_PLACES);
+        for (std::size_t i = 0; i < kept; ++i) {
+            // References that share many landmarks lose different ones.
+            const std::size_t chosen = (i * size / kept + kind) % size;
+            index->places_.push_back(begin[static_cast<std::ptrdiff_t>(chosen)].place);
         }
+        index->starts_[kind + 1] = static_cast<std::uint32_t>(kept);
+        begin = end;
     }
-    index->starts_.push_back(static_cast<std::uint32_t>(index->places_.size()));
+    std::partial_sum(index->starts_.begin(), index->starts_.end(), index->starts_.begin());
     index->tones_ = std::move(tones_);
     references_.clear();
     tones_.clear();

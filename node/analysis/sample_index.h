@@ -22,10 +22,18 @@ class SampleIndex {
     // The number of framings of a reference, because frames of a side may begin anywhere in a hop.
     static constexpr std::size_t SHIFTS = 4;
 
-    // A place in a reference that has a landmark.
+    // What a frame sounds like; see Fingerprint.
+    struct Bits {
+        std::uint32_t bits;
+        std::uint32_t mask;  // The reliable bits.
+    };
+
+    // A place in a reference that has a landmark: the frames of its peaks.
     struct Place {
         std::uint16_t reference;
-        std::uint16_t frame;
+        std::uint16_t frame;  // Of the first peak.
+        Bits first;
+        Bits second;
     };
 
     // A number for the peak of each region, 0 where the frame has none.
@@ -66,14 +74,23 @@ class SampleIndex {
     };
     const std::vector<ToneReference>& tones() const { return tones_; }
 
-    // The places of a landmark, from begin to end.
+    // The places of a landmark with about the same contrast, from begin to end.
     struct Places {
         const Place* begin;
         const Place* end;
     };
-    Places places(std::uint32_t kind) const {
-        return {places_.data() + starts_[kind], places_.data() + starts_[kind + 1]};
+    Places places(const Landmark& landmark) const {
+        const std::size_t kind = landmark.kind * CONTRASTS;
+        const std::size_t from = kind + contrast_step(landmark.contrast - CONTRAST_OFF_DB);
+        const std::size_t to = kind + contrast_step(landmark.contrast + CONTRAST_OFF_DB) + 1;
+        return {places_.data() + starts_[from], places_.data() + starts_[to]};
     }
+    // Loads what places() needs into the cache. A large index does not fit there, and to load
+    // everything before any of it is used takes much less time.
+    void prefetch(const Landmark& landmark) const {
+        __builtin_prefetch(&starts_[landmark.kind * CONTRASTS + contrast_step(landmark.contrast)]);
+    }
+    static void prefetch(const Places& places);
 
     // Approximate memory of the index, in bytes.
     std::size_t bytes() const;
@@ -82,8 +99,19 @@ class SampleIndex {
     friend class SampleIndexBuilder;
     SampleIndex() = default;
 
+    // Places of a kind are sorted by contrast. Noise and coding change it, but seldom by more than
+    // CONTRAST_OFF_DB.
+    static constexpr std::size_t CONTRASTS = 16;
+    static constexpr float CONTRAST_STEP_DB = 3;
+    static constexpr float CONTRAST_OFF_DB = 4;
+    static std::size_t contrast_step(float contrast) {
+        const float step = contrast / CONTRAST_STEP_DB + static_cast<float>(CONTRASTS) / 2;
+        return static_cast<std::size_t>(std::clamp(step, 0.0F, static_cast<float>(CONTRASTS - 1)));
+    }
+
     std::vector<Reference> references_;
-    std::vector<std::uint32_t> starts_;  // By kind of landmark. The last entry is the end.
+    std::vector<std::uint32_t>
+        starts_;  // By kind and contrast of landmark. The last entry is the end.
     std::vector<Place> places_;
     std::vector<ToneReference> tones_;
 };
@@ -108,12 +136,23 @@ class SampleIndexBuilder {
 
   private:
     struct Entry {
-        std::uint32_t kind;
+        std::uint32_t kind_and_contrast;
         SampleIndex::Place place;
+    };
+
+    // A landmark of one framing of a reference.
+    struct Seen {
+        std::uint32_t kind;
+        std::uint16_t first;  // Frames of its peaks.
+        std::uint16_t second;
+        std::size_t shift;
+        float contrast;
     };
 
     void fingerprint(const std::vector<float>& sound, std::uint16_t number,
                      SampleIndex::Reference& reference);
+    void add_places(std::vector<Seen>& seen, std::uint16_t number,
+                    const SampleIndex::Reference& reference);
 
     std::vector<SampleIndex::Reference> references_;
     std::vector<Entry> entries_;
