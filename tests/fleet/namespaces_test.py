@@ -13,6 +13,7 @@ import json
 import os
 import pathlib
 import shutil
+import signal
 import struct
 import subprocess
 import sys
@@ -39,9 +40,9 @@ ONE, TWO, THREE = "192.0.2.11", "192.0.2.12", "192.0.2.13"
 SWITCHES = ("198.51.100.11", "198.51.100.12")
 BALANCER = "203.0.113.1"
 
-RATE, FRAME_MS = 8000, 60
+RATE, FRAME_MS = 8000, 60  # Of the calls.
 MARGIN = 0.1  # Seconds from the sending of a packet until the balancer has it, at most.
-CALLS_EACH, CALLS_PER_SECOND = 120, 20
+CALLS_PER_SECOND = 20  # Of each switch.
 
 
 # ---- The network --------------------------------------------------------------------
@@ -90,13 +91,10 @@ def present_maps():
     return run(*inside("balancer", "nft", "list", "table", "ip", "quorvane")).stdout
 
 
-def change(*arguments):
-    """Changes the maps as docs/scaling.md says; returns the moments before and after."""
-    script = run(sys.executable, str(FLEET / "buckets.py"), *arguments, "--present", "-",
-                 text=present_maps()).stdout
-    before = time.monotonic()
-    run(*inside("balancer", "nft", "-f", "-"), text=script)
-    return before, time.monotonic()
+def change_to(*arguments):
+    """The transaction that changes the maps as docs/scaling.md says."""
+    return run(sys.executable, str(FLEET / "buckets.py"), *arguments, "--present", "-",
+               text=present_maps()).stdout
 
 
 def counted(name):
@@ -159,14 +157,17 @@ def switch(number, folder, *arguments):
         process = subprocess.Popen(
             inside(f"switch{number}", PROGRAMS.call, "--module", PROGRAMS.module, "--media-node",
                    f"{MEDIA_ADDRESS}:{MEDIA_PORT}", "--frame-ms", str(FRAME_MS), "--quiet",
-                   *arguments), stdout=out, stderr=subprocess.STDOUT)
+                   "--json", f"{path}.json", *arguments), stdout=out, stderr=subprocess.STDOUT)
     atexit.register(process.kill)
     return process, path
 
 
-def wait_for_calls(process, path):
-    if process.wait(PATIENCE) != 0:
+def hang_up(process, path):
+    """Hangs up all calls of a switch; returns its figures."""
+    process.send_signal(signal.SIGINT)
+    if process.wait(PATIENCE) != 1:  # 1: calls were cut short.
         raise AssertionError(path.read_text())
+    return json.loads(pathlib.Path(f"{path}.json").read_text())
 
 
 def empty_calls(uuids):
@@ -230,7 +231,7 @@ class Fleet:
         self.folder = folder
         self.changes = []  # Of the maps: from before, until after, and the plan.
         self.nodes = [Node(folder, number, f"node{number}") for number in (1, 2, 3)]
-        self.change(f"{ONE}=2", TWO, THREE)
+        self.change(change_to(f"{ONE}=2", TWO, THREE))
         # Calls without audio, which only show where they go.
         self.empty = [uuid.UUID(int=n * 0x9E3779B97F4A7C15F39CC0605CEDC835 % 2**128)
                       for n in range(1, 2001)]
@@ -242,41 +243,42 @@ class Fleet:
                 node.stop()
         self.calls = self.read_calls()
 
-    def change(self, *arguments):
-        before, after = change(*arguments)
+    def change(self, script):
+        before = time.monotonic()
+        run(*inside("balancer", "nft", "-f", "-"), text=script)
+        after = time.monotonic()
         path = self.folder / "maps"
         path.write_text(present_maps())
         self.changes.append((before, after, buckets.read_plan(str(path))))
 
     def operate(self):
         """The calls, and what the operator does while they run."""
-        runs = [switch(number, self.folder, "--calls", str(CALLS_EACH), "--rate",
-                       str(CALLS_PER_SECOND), "--duration", "1.5-4", "--seed", str(number))
-                for number in (1, 2)]
+        runs = [switch(number, self.folder, "--calls", "10000", "--rate", str(CALLS_PER_SECOND),
+                       "--duration", "1.5-6", "--seed", str(number)) for number in (1, 2)]
         self.long_call = self.call_that_moves()
-        runs.append(switch(1, self.folder, "--duration", "6", "--uuid", self.long_call))
+        runs.append(switch(1, self.folder, "--duration", str(PATIENCE), "--uuid", self.long_call))
         self.nodes[2].wait_for(lambda: any(event["call_uuid"] == self.long_call
                                            for event in self.nodes[2].events("start")))
-        begin = time.monotonic()
-
-        def wait_until(moment):
-            time.sleep(max(0, begin + moment - time.monotonic()))
-
+        time.sleep(2)
         # Node 3 is drained: from now on it gets no new calls. At the deadline it loses those that
         # still run. It is upgraded, which is a restart here, and added again.
-        wait_until(2)
-        self.change(f"{ONE}=3", TWO, f"{THREE}=0", "--new-calls")
-        wait_until(4)
-        self.change(f"{ONE}=3", TWO, f"{THREE}=0")
+        self.change(change_to(f"{ONE}=3", TWO, f"{THREE}=0", "--new-calls"))
+        time.sleep(2)
+        self.change(change_to(f"{ONE}=3", TWO, f"{THREE}=0"))
         self.nodes[2].stop()
         self.nodes.append(Node(self.folder, 3, "node3-upgraded"))
         # Node 2 is killed. Until the maps change, its packets are lost.
-        wait_until(5.5)
+        without_two = change_to(f"{ONE}=3", THREE)
+        time.sleep(1)
         self.kill_time = self.nodes[1].kill()
-        wait_until(6)
-        self.change(f"{ONE}=3", THREE)
-        for process, path in runs:
-            wait_for_calls(process, path)
+        time.sleep(0.5)
+        self.change(without_two)
+        time.sleep(1)
+        self.hang_up_time = time.monotonic()
+        figures = [hang_up(*one) for one in runs]
+        self.tapped = sum(one["calls"]["tapped"] for one in figures)
+        # On a busy machine the switches send late.
+        self.lateness = max(one["lateness"]["max_s"] for one in figures)
 
     def call_that_moves(self):
         """The UUID of a call that begins on node 3."""
@@ -345,9 +347,12 @@ class SmallFleet(unittest.TestCase):
         self.assertIsNotNone(part.start)
         self.assertEqual(part.end["reason"], "terminated")
         self.assertEqual(part.lost_packets(), 0)
-        (begin, end), other = part.sides().values()
-        self.assertEqual(begin, 0)
-        self.assertEqual((begin, end), other)  # Nothing is missing behind the last packet.
+        sides = part.sides().values()
+        self.assertEqual({begin for begin, _ in sides} - {0}, set())
+        if sent_at(part.terminate) < self.fleet.hang_up_time:
+            # Nothing is missing behind the last packet: both sides have the same frames.
+            self.assertEqual(len(sides), 2)
+            self.assertEqual(len({end for _, end in sides}), 1)
 
     def test_every_call_goes_to_the_node_of_its_bucket(self):
         plan = self.fleet.changes[0][2]
@@ -368,7 +373,9 @@ class SmallFleet(unittest.TestCase):
             self.assertAlmostEqual(calls / len(self.fleet.empty), share, delta=0.03)
 
     def test_every_call_that_was_not_moved_is_whole_on_one_node(self):
-        self.assertEqual(len(self.fleet.calls), 2 * CALLS_EACH + 1)
+        # A short call may have had all its packets lost after the kill.
+        self.assertLessEqual(len(self.fleet.calls), self.fleet.tapped)
+        self.assertGreater(len(self.fleet.calls), 0.97 * self.fleet.tapped)
         # A call that moves behind its last audio has only its terminate packet elsewhere.
         drained = {call_uuid for call_uuid, parts in self.fleet.calls.items()
                    if parts[0].node is self.fleet.nodes[2] and not parts[0].terminate}
@@ -376,7 +383,7 @@ class SmallFleet(unittest.TestCase):
         whole = [parts for call_uuid, parts in self.fleet.calls.items() if call_uuid not in moved
                  and parts[0].start is not None]
         print(f"{len(whole)} of {len(self.fleet.calls)} calls whole on one node")
-        self.assertGreater(len(whole), CALLS_EACH)
+        self.assertGreater(len(whole), 50)
         for parts in whole:
             self.assertEqual(len(parts), 1)
             self.assert_whole(parts[0])
@@ -423,7 +430,7 @@ class SmallFleet(unittest.TestCase):
         plan = self.fleet.changes[2][2]  # The one in effect when the node is killed.
         others = [part for call_uuid, parts in self.fleet.calls.items() for part in parts
                   if plan.buckets[bucket_of(uuid.UUID(call_uuid))] != TWO]
-        self.assertGreater(len(others), CALLS_EACH)
+        self.assertGreater(len(others), 50)
         for part in others:
             self.assertEqual(part.lost_packets(), 0, part)
 
@@ -437,22 +444,25 @@ class SmallFleet(unittest.TestCase):
                 compared += 1
                 split += len(parts) > 1
         print(f"{compared} calls as in the simulation, {split} of them split")
-        self.assertGreater(compared, CALLS_EACH)
+        self.assertGreater(compared, 50)
         self.assertGreater(split, 3)
 
     def test_the_simulation_loses_as_much_audio(self):
         outage = simulate_fleet.Outage(TWO, self.fleet.kill_time, self.fleet.changes[-1][1])
-        lost = expected = 0
+        lost = expected = calls = 0
         for parts in self.killed().values():
             simulated = self.fleet.simulated(parts)
             if simulated and len(parts) == 2:
+                calls += 1
                 expected += simulate_fleet.audio_lost(simulated[0], [outage])
                 begins = parts[1].sides()
                 lost += sum(begins[side][0] - end
                             for side, (_, end) in parts[0].sides().items()) / 2 / RATE
-        print(f"audio lost: {lost:.2f} s, {expected:.2f} s in the simulation")
-        self.assertGreater(lost, 1)
-        self.assertAlmostEqual(lost, expected, delta=0.1 * expected)
+        late = calls * self.fleet.lateness  # By so much less may have been sent at the end.
+        print(f"audio lost by {calls} calls: {lost:.2f} s, {expected:.2f} s in the simulation, sent "
+              f"up to {self.fleet.lateness:.3f} s late")
+        self.assertGreater(lost, 0)
+        self.assertAlmostEqual(lost, expected, delta=0.1 * expected + late)
 
 
 # ---- A network of its own -----------------------------------------------------------
