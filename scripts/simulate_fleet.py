@@ -20,7 +20,7 @@ import buckets  # noqa: E402  The maps are those that the balancer gets.
 PACKETS_PER_SECOND = 100
 MBIT_PER_SECOND = 0.333
 # Highest share of a core that was measured per packet: docs/performance.md, "The receiver".
-CORES_PER_PACKET = 0.84 / 300_000
+CORES_PER_PACKET = 0.86 / 200_000
 # A node writes a side's audio in blocks of 32 KiB, which is 2 s at 8 kHz.
 BLOCK_S = 2.048
 
