@@ -130,7 +130,7 @@ class ThreadsTest(unittest.TestCase):
     def finish(self, code=0):
         self.assertEqual(self.node.wait(PATIENCE), code, self.text())
 
-    def thread_of_each(self):
+    def receiving_threads(self):
         """How many threads of the node receive, by their names."""
         tasks = pathlib.Path("/proc/%d/task" % self.node.pid).glob("*/comm")
         return sum(task.read_text().startswith("receiver-") for task in tasks)
@@ -138,7 +138,7 @@ class ThreadsTest(unittest.TestCase):
     def test_calls_are_those_of_one_program(self):
         calls = range(1, 201)
         self.start("--calls", "200", "--metrics", "0")
-        self.assertEqual(self.thread_of_each(), THREADS)
+        self.wait_for(lambda: self.receiving_threads() == THREADS)
         self.begin(calls)
         self.talk(calls)
         self.wait_for(lambda: "quorvane_node_calls 200" in self.metrics())
