@@ -8,7 +8,7 @@ LaneOutputs::LaneOutputs(std::unique_ptr<BackgroundStore> store, TaskThread& tas
                          const Options& options, const std::vector<CallListener*>& before,
                          const std::vector<CallListener*>& after)
     : store_(std::move(store)),
-      finisher_(*store_, tasks, options.finisher),
+      finisher_(*store_, tasks, options.finisher, options.on_not_converted),
       analyser_(options.analysis, options.pace, options.most_held),
       recorder_(finisher_, options.recorder),
       watch_(options.on_file_error ? std::make_unique<CallWatch>(options.on_file_error) : nullptr),

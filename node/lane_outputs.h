@@ -41,6 +41,7 @@ class LaneOutputs {
         std::optional<Sidecar::Options> sidecar;
         bool timeline = false;
         OnDocument on_document;
+        FileFinisher::NotConverted on_not_converted;  // Any thread.
         CallWatch::OnFileError on_file_error;  // If the calls are watched; any thread may call it.
     };
 

@@ -4,11 +4,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <iostream>
 #include <iterator>
 #include <map>
 #include <memory>
 #include <sstream>
 
+#include "node/audio/call_file_names.h"
 #include "node/audio/name_pattern.h"
 #include "tools/address.h"
 #include "tools/help_formatter.h"
@@ -126,6 +128,15 @@ void add_output_options(CLI::App& app, Options& options) {
         ->type_name("HOW")
         ->default_str("resample");
     app.add_flag("--no-sides", options.no_sides, "Write no file per side");
+    static const std::map<std::string, AudioFormat> formats = {
+        {"wav", AudioFormat::WAV}, {"flac", AudioFormat::FLAC}, {"opus", AudioFormat::OPUS}};
+    app.add_option_function<std::string>(
+           "--format", [&options](const std::string& text) { options.format = formats.at(text); },
+           "Format of the audio files: wav, flac or opus; files are WAV files until their call "
+           "ends")
+        ->check(CLI::IsMember(formats).description(""))
+        ->type_name("FORMAT")
+        ->default_str("wav");
     app.add_flag("--sidecar", options.sidecar,
                  "Also write a JSON file per call that describes the call and its files");
     app.add_flag("--keep-pauses", options.keep_pauses,
@@ -310,6 +321,22 @@ void add_limit_options(CLI::App& app, Options& options) {
         ->check(seconds_between(0, 86400))
         ->type_name("SECONDS")
         ->capture_default_str();
+    app.add_option_function<std::vector<std::string>>(
+           "--keep",
+           [&options](const std::vector<std::string>& texts) {
+               for (const std::string& text : texts) {
+                   read_keep_limit(text, options.keep);  // The check has passed.
+               }
+           },
+           "Remove the files of calls older than so many days, such as 30d, or of the oldest calls "
+           "when all files take more than so many bytes, such as 200G; may be repeated")
+        ->check([](const std::string& text) {
+            KeepLimits any;
+            return read_keep_limit(text, any);
+        })
+        ->type_name("LIMIT")
+        ->expected(1)
+        ->take_all();
     app.add_option("--receive-buffer", options.receive_buffer_mib,
                    "Receive buffer of all threads together")
         ->check(between(1, 1024))
@@ -349,6 +376,11 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
         }
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_FINE : EXIT_USAGE;
+    }
+    if (options.keep.any() && !CallFileNames::can_tell(options.name)) {
+        std::cerr << "--keep: the names of --name need {uuid}, by which the files of calls can be "
+                     "told from others\n";
+        return EXIT_USAGE;
     }
     if (options.threads == 0) {
         options.threads = std::min(available_cores(), MOST_THREADS);

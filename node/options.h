@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "node/analysis/activity_detector.h"
+#include "node/audio/encoder.h"
+#include "node/audio/keep_limits.h"
 #include "node/calls/call_limits.h"
 #include "tools/exit_codes.h"
 #include "tools/networks.h"
@@ -35,6 +37,7 @@ struct Options {
     bool reports = false;                     // Send reports to the report nodes of calls
     std::vector<tools::Network> reported_to;  // in these networks. Empty: on this machine.
     bool live = false;
+    AudioFormat format = AudioFormat::WAV;  // Of complete files.
     bool sidecar = false;
     bool timeline = false;
     std::optional<sockaddr_in> metrics;   // The address where metrics are served.
@@ -53,6 +56,7 @@ struct Options {
     double exit_wait_s = 60;                // For the disk, at the end.
     std::vector<std::string> on_end;        // Command after each call. Empty: none.
     std::size_t on_end_running = 4;         // How many of them run at the same time.
+    KeepLimits keep;                        // What is removed of finished calls.
     double sync_s = 0;                      // Interval between flushes to the disk. 0: none.
     std::string samples;                    // Folder of references. Empty: none.
     analysis::ActivityOptions activity;

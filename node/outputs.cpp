@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <exception>
 #include <filesystem>
 #include <system_error>
@@ -25,6 +26,8 @@ constexpr std::chrono::seconds PATIENCE_WITH_COMMANDS{10};
 constexpr std::chrono::seconds PATIENCE_WITH_READERS{2};
 constexpr std::chrono::milliseconds A_MOMENT{50};
 constexpr std::size_t MOST_WAITING_EVENTS = 1 << 20;  // Bytes.
+constexpr std::chrono::seconds RETENTION_INTERVAL{60};
+constexpr std::chrono::seconds PATIENCE_WITH_RETENTION{5};
 constexpr std::size_t USUAL_OPEN_FILES = 8192;
 
 bool events_to_stdout(const Options& options) {
@@ -35,6 +38,22 @@ std::size_t open_files(const Options& options) {
     const std::size_t wanted =
         options.max_open_files != 0 ? options.max_open_files : USUAL_OPEN_FILES;
     return std::min(wanted, raise_open_file_limit());
+}
+
+Micros clock_time(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return Micros(now.tv_sec * 1'000'000 + now.tv_nsec / 1000);
+}
+
+// Not that of a capture.
+Micros system_time() {
+    return clock_time(CLOCK_REALTIME);
+}
+
+// Goes on while the machine sleeps.
+Micros uptime() {
+    return clock_time(CLOCK_BOOTTIME);
 }
 
 std::string buffer_text(std::uint64_t granted, std::uint64_t wanted) {
@@ -236,6 +255,10 @@ void Outputs::build() {
         after_lane_.push_back(end_command_.get());
     }
     notices_ = std::make_unique<Notices>(lines_, events_.get(), live_);
+    if (options_.keep.any()) {
+        retention_ = std::make_unique<Retention>(
+            Retention::Options{options_.folder, options_.name, options_.keep, system_time, uptime});
+    }
 }
 
 // The lanes share the memory that the options and the analysis allow.
@@ -250,7 +273,11 @@ LaneOutputs& Outputs::add_lane() {
                      options_.stereo,
                      {options_.block_kib * 1024 / sizeof(std::int16_t), options_.keep_pauses,
                       options_.resample}};
-    lane.finisher.digests = options_.sidecar;
+    lane.finisher = {options_.sidecar, options_.format, options_.overwrite};
+    lane.on_not_converted = [this](const std::string& path, const std::string& why) {
+        not_converted_ = true;
+        lines_.say("not converted", path + ": " + why + "; it is still a WAV file");
+    };
     if (options_.sidecar) {
         lane.sidecar = {options_.folder, options_.overwrite, options_.sync_s > 0};
     }
@@ -296,7 +323,7 @@ void Outputs::build_store() {
     const std::filesystem::directory_iterator end;
     for (std::filesystem::directory_iterator entry(options_.folder, error);
          !error && !options_.overwrite && entry != end; entry.increment(error)) {
-        store_->add_name(entry->path().filename());
+        store_->add_name(wav_name(entry->path().filename()));
     }
 }
 
@@ -351,8 +378,15 @@ void Outputs::give_up_files() {
                    options_.folder + ": the last flush did not end in time");
         return;
     }
-    lines_.say("files given up", grouped(store_->figures().waiting_bytes) +
-                                     " bytes wait for the disk, which does not take them");
+    const BackgroundStore::Figures files = store_->figures();
+    if (files.incomplete_files != 0) {
+        lines_.say("files given up", grouped(files.waiting_bytes) +
+                                         " bytes wait for the disk, which does not take them");
+    }
+    if (tasks_->waiting() != 0) {
+        lines_.say("work given up", counted(tasks_->waiting(), "file") +
+                                        " not converted, without digest or not described");
+    }
     store_->abandon("the disk did not take all of it before the end");
     tasks_->abandon();
     for (const auto& lane : lanes_) {
@@ -363,8 +397,9 @@ void Outputs::give_up_files() {
 FileNames::Options Outputs::file_name_options() const {
     const std::uint64_t files_per_call = (options_.no_sides ? 0 : 2) + (options_.stereo ? 2 : 0) +
                                          (options_.timeline ? 1 : 0) + (options_.sidecar ? 1 : 0);
-    return {options_.overwrite, options_.max_files, files_per_call, NamePattern(options_.name),
-            utc_time};
+    return {options_.overwrite, options_.max_files,
+            files_per_call,     NamePattern(options_.name),
+            utc_time,           options_.sidecar || options_.format != AudioFormat::WAV};
 }
 
 void Outputs::note_document(const std::string& name) {
@@ -388,6 +423,7 @@ void Outputs::begin(const NodeFigures& figures) {
         lines_.say("metrics", "http://" + tools::address_text(address) + "/metrics");
     }
     notices_->left_behind(leftovers_);
+    remove_old_files();
     flush_events();
     lines_.flush();
     if (live_) {
@@ -421,6 +457,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     }
     last_second_ = now;
     report_sync();
+    remove_old_files();
     // Once a second, so that a flood of calls does not cause a flood of lines.
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
     notices_->reports_not_allowed(figures.reports);
@@ -463,6 +500,11 @@ void Outputs::finish(NodeFigures figures) {
                        grouped(console_.lost_frames()) + ": the terminal did not take them");
         }
     }
+    if (retention_ != nullptr) {
+        retention_->end(std::chrono::steady_clock::now() + PATIENCE_WITH_RETENTION);
+        report_removed();
+    }
+    failed_ = failed_ || not_converted_;
     add_figures(figures);
     notices_->overflowed(figures.overflowed);
     notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
@@ -572,7 +614,33 @@ void Outputs::report_sync() {
     }
 }
 
+void Outputs::remove_old_files() {
+    if (retention_ == nullptr) {
+        return;
+    }
+    report_removed();
+    const auto now = std::chrono::steady_clock::now();
+    if (!retained_at_.has_value() || now - *retained_at_ >= RETENTION_INTERVAL) {
+        retained_at_ = now;
+        retention_->begin(file_names_->present_stems());
+    }
+}
+
+void Outputs::report_removed() {
+    const RetentionResult result = retention_->take();
+    for (const RemovedCall& call : result.removed) {
+        removed_calls_ += call.error.empty() ? 1 : 0;
+        removed_bytes_ += call.bytes;
+        for (const std::string& file : call.files) {
+            store_->forget_name(wav_name(file));
+        }
+    }
+    notices_->removed(result);
+}
+
 void Outputs::add_figures(NodeFigures& figures) const {
+    figures.removed_calls = removed_calls_;
+    figures.removed_bytes = removed_bytes_;
     const BackgroundStore::Figures files = store_->figures();
     figures.open_files = files.open_files;
     figures.waiting_bytes = files.waiting_bytes;

@@ -23,6 +23,7 @@
 #include "node/audio/background_store.h"
 #include "node/audio/disk_sync.h"
 #include "node/audio/file_names.h"
+#include "node/audio/retention.h"
 #include "node/audio/task_thread.h"
 #include "node/calls/call_listener.h"
 #include "node/lane_outputs.h"
@@ -118,6 +119,8 @@ class Outputs {
     void flush_events();
     void report_sync();
     void report_lost_output();
+    void remove_old_files();
+    void report_removed();
     void finish_commands();
     LostEvents finish_events();
     template <typename Done>
@@ -135,7 +138,13 @@ class Outputs {
     KeyReader keys_;
     std::unique_ptr<WavFolder> folder_;  // Null once the writer thread has it.
     std::unique_ptr<BackgroundStore> store_;
-    std::unique_ptr<TaskThread> tasks_;    // Works on complete files.
+    std::unique_ptr<TaskThread> tasks_;       // Works on complete files.
+    std::atomic<bool> not_converted_{false};  // A file; any thread may set it.
+    std::unique_ptr<Retention> retention_;    // Null unless requested.
+    // When it last began to look at the folder.
+    std::optional<std::chrono::steady_clock::time_point> retained_at_;
+    std::uint64_t removed_calls_ = 0;
+    std::uint64_t removed_bytes_ = 0;
     std::vector<LeftoverFile> leftovers_;  // Files of killed runs.
     std::unique_ptr<DiskSync> disk_sync_;  // Null unless requested.
     bool sync_failed_ = false;

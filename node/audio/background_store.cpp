@@ -230,6 +230,10 @@ class BackgroundStore::Writer {
         const LockGuard lock(names_mutex_);
         names_.insert(std::hash<std::string>()(name));
     }
+    void forget_name(const std::string& name) QV_EXCLUDES(names_mutex_) {
+        const LockGuard lock(names_mutex_);
+        names_.erase(std::hash<std::string>()(name));
+    }
     bool knows_name(const std::string& name) QV_EXCLUDES(names_mutex_) {
         const LockGuard lock(names_mutex_);
         return names_.count(std::hash<std::string>()(name)) != 0;
@@ -474,6 +478,10 @@ std::unique_ptr<BackgroundStore> BackgroundStore::share() {
     std::unique_ptr<BackgroundStore> store(new BackgroundStore(*this));
     sharing_.push_back(store.get());
     return store;
+}
+
+void BackgroundStore::forget_name(const std::string& name) {
+    writer_->forget_name(name);
 }
 
 void BackgroundStore::add_name(const std::string& name) {

@@ -59,8 +59,9 @@ class BackgroundStore : public AudioStore {
     std::unique_ptr<BackgroundStore> share();
 
     // exists() does not ask the disk: it knows these names, and those of the files created since.
-    // Any thread may call both.
+    // Any thread may call these.
     void add_name(const std::string& name);
+    void forget_name(const std::string& name);
     bool exists(const std::string& name) const override;
 
     std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,

@@ -9,17 +9,49 @@
 
 namespace qv::node {
 
+namespace {
+
+constexpr const char* GIVEN_UP = "the program ended first";
+
+}  // namespace
+
 // What the task thread does with a file. Until `done`, only the task touches the results.
 struct FileFinisher::Work {
     std::string path;
+    Options options;
 
+    std::string new_path;  // Empty unless the file was converted.
+    int sample_rate = 0;   // Of the converted file,
+    std::uint64_t samples = 0;
+    std::string not_converted;
     std::string sha256;
     std::string error;
     std::atomic<bool> done{false};
 
     void run() {
-        sha256 = sha256_of_file(path, error);
-        error = error.empty() ? "" : "no digest: " + error;
+        if (options.format != AudioFormat::WAV) {
+            convert();
+        }
+        if (options.digests) {
+            sha256 = sha256_of_file(new_path.empty() ? path : new_path, error);
+            error = error.empty() ? "" : "no digest: " + error;
+        }
+    }
+
+    // The WAV file is complete whatever happens.
+    void fail(const std::string& why) {
+        (options.format != AudioFormat::WAV ? not_converted : error) = why;
+    }
+
+    void convert() {
+        Encoded encoded = encode(path, options.format, options.replace);
+        if (!encoded.error.empty()) {
+            not_converted = std::move(encoded.error);
+            return;
+        }
+        new_path = std::move(encoded.path);
+        sample_rate = encoded.sample_rate;
+        samples = encoded.samples;
     }
 };
 
@@ -62,17 +94,35 @@ class FileFinisher::File : public AudioFile {
                (own_.file->completing() || (!own_.work->done && !finisher_.tasks_.abandoned()));
     }
     std::uint64_t dropped_samples() const override { return own_.file->dropped_samples(); }
-    const std::string& path() const override { return own_.file->path(); }
+    const std::string& path() const override {
+        return converted() ? own_.work->new_path : own_.file->path();
+    }
     const std::string& error() const override {
         const std::string& error = own_.file->error();
         return error.empty() && own_.work->done ? own_.work->error : error;
     }
     FileFacts facts() const override {
-        return {sample_rate_, channels_, samples_ / static_cast<std::uint64_t>(channels_),
-                own_.work->done ? own_.work->sha256 : std::string()};
+        FileFacts facts;
+        facts.sample_rate = sample_rate_;
+        facts.channels = channels_;
+        facts.samples = samples_ / static_cast<std::uint64_t>(channels_);
+        if (converted()) {
+            facts.sample_rate = own_.work->sample_rate;
+            facts.samples = own_.work->samples;
+            facts.resampled_from = facts.sample_rate != sample_rate_ ? sample_rate_ : 0;
+        }
+        if (own_.work->done) {
+            facts.sha256 = own_.work->sha256;
+            facts.not_converted = own_.work->not_converted;
+        } else if (closed_ && finisher_.options_.format != AudioFormat::WAV) {
+            facts.not_converted = GIVEN_UP;
+        }
+        return facts;
     }
 
   private:
+    bool converted() const { return own_.work->done && !own_.work->new_path.empty(); }
+
     FileFinisher& finisher_;
     const Closing own_;
     const int sample_rate_;
@@ -93,22 +143,42 @@ void FileFinisher::update() {
                               [](const Closing& each) { return each.file->completing(); });
     std::for_each(written, closing_.end(), [this](const Closing& each) { begin_work(each); });
     closing_.erase(written, closing_.end());
+    const auto done = std::stable_partition(
+        working_.begin(), working_.end(),
+        [this](const auto& work) { return !work->done && !tasks_.abandoned(); });
+    std::for_each(done, working_.end(), [this](const auto& work) { report(*work); });
+    working_.erase(done, working_.end());
 }
 
 void FileFinisher::begin_work(const Closing& file) {
-    if (!options_.digests || !file.file->error().empty()) {
+    const bool convert = options_.format != AudioFormat::WAV;
+    if ((!options_.digests && !convert) || !file.file->error().empty()) {
         file.work->done = true;
         return;
     }
     file.work->path = file.file->path();
+    file.work->options = options_;
+    if (convert && tasks_.waiting() >= options_.most_waiting) {
+        file.work->options.format = AudioFormat::WAV;
+        file.work->not_converted = "too many files wait for it";
+    }
+    working_.push_back(file.work);
     tasks_.add([work = file.work] {
         try {
             work->run();
         } catch (const std::exception& error) {  // No memory.
-            work->error = error.what();
+            work->fail(error.what());
         }
         work->done = true;
     });
+}
+
+void FileFinisher::report(const Work& work) {
+    const bool convert = options_.format != AudioFormat::WAV;
+    const std::string why = work.done ? work.not_converted : convert ? GIVEN_UP : "";
+    if (!why.empty() && not_converted_) {
+        not_converted_(work.path, why);
+    }
 }
 
 }  // namespace qv::node

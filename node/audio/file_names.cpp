@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "node/audio/encoder.h"
 #include "node/calls/call.h"
 
 namespace qv::node {
@@ -64,6 +65,16 @@ std::string timeline_file_name(const std::string& stem) {
 
 std::string sidecar_file_name(const std::string& stem) {
     return stem + ".json";
+}
+
+std::string wav_name(const std::string& name) {
+    const std::size_t end = std::min(name.rfind('.'), name.size());
+    for (const AudioFormat format : {AudioFormat::FLAC, AudioFormat::OPUS}) {
+        if (name.compare(end, std::string::npos, ending_of(format)) == 0) {
+            return name.substr(0, end) + ending_of(AudioFormat::WAV);
+        }
+    }
+    return name;
 }
 
 std::string free_stem(const AudioStore& store, const std::string& first) {
@@ -167,6 +178,16 @@ std::uint64_t FileNames::refused_calls() const {
     return refused_calls_;
 }
 
+std::vector<std::string> FileNames::present_stems() const {
+    const LockGuard lock(mutex_);
+    std::vector<std::string> stems;
+    stems.reserve(stems_.size());
+    for (const auto& [stem, use] : stems_) {
+        stems.push_back(stem);
+    }
+    return stems;
+}
+
 // Calls with different UUIDs that go on at the same time never share a stem. With --overwrite, a
 // call that starts again takes the files of the one before it, which may not be complete yet.
 std::string FileNames::choose_stem(const Call& call, const std::string& utc_time) const {
@@ -176,7 +197,8 @@ std::string FileNames::choose_stem(const Call& call, const std::string& utc_time
     const auto& stems = stems_;
     return free_stem(wanted, [&](const std::string& stem) {
         const auto use = stems.find(stem);
-        return (use != stems.end() && use->second.uuid != call.uuid()) ||
+        return (use != stems.end() &&
+                (options_.keep_incomplete || use->second.uuid != call.uuid())) ||
                (!(options_.overwrite && stem == wanted) && taken(store_, stem));
     });
 }

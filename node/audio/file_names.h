@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "node/audio/audio_files.h"
 #include "node/audio/name_pattern.h"
@@ -30,6 +31,10 @@ std::string timeline_file_name(const std::string& stem);
 // STEM.json
 std::string sidecar_file_name(const std::string& stem);
 
+// Returns the name that an audio file had before it was converted, which must not be given again.
+// Other names are returned as they are.
+std::string wav_name(const std::string& name);
+
 // Returns the stem for a first file of that name. If the store already has files of that call, it
 // adds "-2", "-3" and so on: the next number, or a lower one that has become free. It asks the
 // store a few times for each doubling of their count.
@@ -43,6 +48,9 @@ class FileNames : public CallListener {
         std::uint64_t files_per_call = 0;  // The most files that one call may write.
         NamePattern pattern{};
         std::function<std::string()> utc_time = [] { return std::string(); };  // The present one.
+        // A call takes no files of another one that are not complete, even to overwrite them:
+        // they are still being worked on.
+        bool keep_incomplete = false;
     };
 
     // `files_made` returns how many files this run has written so far. `on_first_refusal` is called
@@ -53,6 +61,8 @@ class FileNames : public CallListener {
 
     std::unique_ptr<CallListener> begin_call(Call& call) override QV_EXCLUDES(mutex_);
 
+    // Of calls that go on, or whose files are not complete.
+    std::vector<std::string> present_stems() const;
     // Calls that got no files.
     std::uint64_t refused_calls() const QV_EXCLUDES(mutex_);
 

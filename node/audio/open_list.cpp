@@ -46,7 +46,7 @@ std::vector<std::string> lists_in(const std::string& folder) {
     const std::filesystem::directory_iterator end;
     for (std::filesystem::directory_iterator entry(folder, error); !error && entry != end;
          entry.increment(error)) {
-        if (entry->path().filename().string().rfind(LIST_PREFIX, 0) == 0) {
+        if (is_open_list(entry->path().filename())) {
             lists.push_back(entry->path());
         }
     }
@@ -101,9 +101,10 @@ void recover(const std::string& folder, const std::string& name, const WavFormat
     leftovers.push_back(std::move(leftover));
 }
 
-void recover_list(const std::string& folder, const std::string& list,
-                  std::vector<LeftoverFile>& leftovers) {
-    std::ifstream lines(list);
+// Calls `use` for each file on the list at that path, with its name and its format.
+template <typename Use>
+void for_each_listed(const std::string& path, Use use) {
+    std::ifstream lines(path);
     std::string line;
     while (std::getline(lines, line)) {
         std::istringstream words(line);
@@ -112,12 +113,24 @@ void recover_list(const std::string& folder, const std::string& list,
         // The last line may have been cut off, and any user may have put a list there.
         if (words >> format.sample_rate >> format.channels >> name && format.sample_rate > 0 &&
             (format.channels == 1 || format.channels == 2) && name.find('/') == std::string::npos) {
-            recover(folder, name, format, leftovers);
+            use(name, format);
         }
     }
 }
 
 }  // namespace
+
+bool is_open_list(const std::string& name) {
+    return name.rfind(LIST_PREFIX, 0) == 0;
+}
+
+std::vector<std::string> listed_names(const std::string& path) {
+    std::vector<std::string> names;
+    for_each_listed(path, [&names](const std::string& name, const WavFormat& /*format*/) {
+        names.push_back(name);
+    });
+    return names;
+}
 
 OpenList::~OpenList() {
     if (descriptor_ >= 0) {
@@ -200,7 +213,9 @@ std::vector<LeftoverFile> recover_leftovers(const std::string& folder) {
         if (file.number() < 0 || ::flock(file.number(), LOCK_EX | LOCK_NB) != 0) {
             continue;  // That run is still active.
         }
-        recover_list(folder, list, leftovers);
+        for_each_listed(list, [&](const std::string& name, const WavFormat& format) {
+            recover(folder, name, format, leftovers);
+        });
         ::unlink(list.c_str());
     }
     return leftovers;

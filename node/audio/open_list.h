@@ -54,6 +54,12 @@ struct LeftoverFile {
 // without a header.
 std::string unfinished_path(const std::string& folder, const std::string& name);
 
+// Whether a file of that name (without folder) is such a list.
+bool is_open_list(const std::string& name);
+
+// Returns the names (without folder) on the list at that path.
+std::vector<std::string> listed_names(const std::string& path);
+
 // Repairs the files on the lists of runs that are no longer active, and removes these lists.
 // Returns the files that exist.
 std::vector<LeftoverFile> recover_leftovers(const std::string& folder);

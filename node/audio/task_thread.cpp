@@ -76,12 +76,25 @@ TaskThread::~TaskThread() {
 }
 
 bool TaskThread::add(Task task) {
+    return put(std::move(task), false);
+}
+
+bool TaskThread::add_short(Task task) {
+    return put(std::move(task), true);
+}
+
+std::size_t TaskThread::waiting() const {
+    const LockGuard lock(queue_->mutex);
+    return queue_->tasks.size();
+}
+
+bool TaskThread::put(Task task, bool first) {
     if (abandoned()) {
         return false;
     }
     {
         const LockGuard lock(queue_->mutex);
-        queue_->tasks.push_back(std::move(task));
+        queue_->tasks.insert(first ? queue_->tasks.begin() : queue_->tasks.end(), std::move(task));
     }
     queue_->work.notify_one();
     return true;

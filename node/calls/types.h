@@ -86,6 +86,8 @@ struct FileFacts {
     int channels = 0;
     std::uint64_t samples = 0;  // Of each channel.
     std::string sha256;         // Of the whole file, in hexadecimal digits. Empty unless computed.
+    int resampled_from = 0;     // Hz, if the file's format does not have the rate of the audio.
+    std::string not_converted;  // Why the file is still a WAV file. Usually empty.
 };
 
 // The result for a file.

@@ -122,7 +122,9 @@ Json file_json(const FileReport& file) {
             {"channels", facts.channels},
             {"samples", facts.samples},
             {"seconds", seconds_of(facts.samples, facts.sample_rate)},
-            {"sha256", facts.sha256}};
+            {"sha256", facts.sha256},
+            {"resampled_from", facts.resampled_from},
+            {"not_converted", facts.not_converted}};
 }
 
 Json end_json(const Call& call, EndReason reason) {

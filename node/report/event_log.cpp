@@ -44,6 +44,14 @@ void EventLog::left_behind(const LeftoverFile& file) {
                        {"error", file.error}});
 }
 
+void EventLog::removed(const RemovedCall& call) {
+    write("removed", {{"name", call.stem},
+                      {"files", call.files},
+                      {"bytes", call.bytes},
+                      {"reason", call.by_age ? "age" : "size"},
+                      {"error", call.error}});
+}
+
 void EventLog::started(const Call& call, const media::Packet& packet) {
     write("start", call, start_json(call, packet));
 }

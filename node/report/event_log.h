@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "node/audio/open_list.h"
+#include "node/audio/retention.h"
 #include "node/calls/call_listener.h"
 #include "quorvane_lib/mutex.h"
 
@@ -40,6 +41,7 @@ class EventLog : public CallListener {
     void overflow(std::uint64_t packets);
     void audio_dropped(std::uint64_t bytes);
     void left_behind(const LeftoverFile& file);
+    void removed(const RemovedCall& call);
 
     void started(const Call& call, const media::Packet& packet) override;
     void features_changed(const Call& call, const media::Packet& packet) override;

@@ -48,6 +48,8 @@ struct NodeFigures : LaneFigures {
     std::uint64_t calls_not_written = 0;  // Calls without files because of --max-files.
     std::uint64_t lost_lines = 0;         // Of output that nobody took.
     std::uint64_t lost_frames = 0;        // Of the live view, likewise.
+    std::uint64_t removed_calls = 0;      // By --keep,
+    std::uint64_t removed_bytes = 0;      // and what they took on the disk.
     ReportFigures reports;
     std::string address;  // The address that the node listens on.
     Micros uptime{0};

@@ -90,6 +90,8 @@ class Metrics::Impl {
                                 "Audio for which no memory was left while it waited for the disk")),
           lost_lines(counter("lost_lines_total", "Lines of output that nobody took")),
           lost_frames(counter("lost_frames_total", "Frames of the live view that nobody took")),
+          removed_calls(counter("removed_calls_total", "Calls whose files --keep has removed")),
+          removed_bytes(counter("removed_bytes_total", "Bytes that these files took on the disk")),
           file_errors(counter("file_errors_total", "Files that could not be written")),
           calls(gauge("calls", "Current calls")),
           open_files(gauge("open_files", "Open WAV files")),
@@ -178,6 +180,8 @@ class Metrics::Impl {
     Counter& dropped_audio;
     Counter& lost_lines;
     Counter& lost_frames;
+    Counter& removed_calls;
+    Counter& removed_bytes;
     Counter& file_errors;
     Gauge& calls;
     Gauge& open_files;
@@ -232,6 +236,8 @@ void Metrics::update(const NodeFigures& figures, const Analyser::Figures& analys
     set(impl_->dropped_audio, figures.dropped_bytes);
     set(impl_->lost_lines, figures.lost_lines);
     set(impl_->lost_frames, figures.lost_frames);
+    set(impl_->removed_calls, figures.removed_calls);
+    set(impl_->removed_bytes, figures.removed_bytes);
     set(impl_->file_errors, totals.file_errors);
     set(*impl_->reports[0], figures.reports.sent);
     set(*impl_->reports[1], figures.reports.failed);

@@ -57,6 +57,28 @@ std::uint64_t Notices::count_malformed(media::DecodeResult reason) {
     return ++malformed_[static_cast<std::size_t>(reason)];
 }
 
+void Notices::removed(const RetentionResult& result) {
+    std::uint64_t calls = 0;
+    std::uint64_t bytes = 0;
+    for (const RemovedCall& call : result.removed) {
+        calls += call.error.empty() ? 1 : 0;
+        bytes += call.bytes;
+        if (!call.error.empty()) {
+            lines_.say("not removed", call.error);
+        }
+        if (events_ != nullptr) {
+            events_->removed(call);
+        }
+    }
+    if (calls != 0) {
+        lines_.say("removed", "the files of " + counted(calls, "call") + ", " + grouped(bytes) +
+                                  " bytes (--keep)");
+    }
+    if (!result.distrust.empty()) {
+        lines_.say("not removed by age", result.distrust + "; for 24 hours");
+    }
+}
+
 void Notices::malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count) {
     // The lock would slow a flood down.
     if (count > MALFORMED_REPORTS_PER_REASON) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "node/audio/open_list.h"
+#include "node/audio/retention.h"
 #include "node/calls/types.h"
 #include "node/report/event_log.h"
 #include "node/report/figures.h"
@@ -28,6 +29,8 @@ class Notices {
     void listening(const std::string& address);
     // Files that a killed run left behind and that have been repaired.
     void left_behind(const std::vector<LeftoverFile>& files);
+    // What --keep has removed, or why it does not.
+    void removed(const RetentionResult& result);
     // The `count`th datagram of this thread that is malformed for that reason. Only the first few
     // of all threads are reported.
     void malformed(const Datagram& datagram, media::DecodeResult reason, std::uint64_t count)

@@ -328,8 +328,8 @@ class Sidecar::SidecarOfCall : public CallListener {
         saving_->file.path = sidecar_.options_.folder + '/' + name;
         call_.set_sidecar(saving_->file.path);
         sidecar_.on_saved_(name);
-        sidecar_.tasks_.add([saving = saving_, options = sidecar_.options_, name,
-                             data = std::make_shared<SidecarData>(std::move(data_))] {
+        sidecar_.tasks_.add_short([saving = saving_, options = sidecar_.options_, name,
+                                   data = std::make_shared<SidecarData>(std::move(data_))] {
             try {
                 saving->file.error = save(options, name, sidecar_text(*data));
             } catch (const std::exception& error) {  // No memory.

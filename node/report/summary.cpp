@@ -61,6 +61,10 @@ void print_summary(LineReport& lines, const NodeFigures& figures, const LostEven
                              counted(totals.gaps, "gap"));
     print_unused(lines, figures);
     print_reports(lines, figures.reports);
+    if (figures.removed_calls != 0) {
+        lines.say("  removed: " + counted(figures.removed_calls, "call"),
+                  grouped(figures.removed_bytes) + " bytes");
+    }
     if (totals.file_errors != 0) {
         lines.say("  not written: " + counted(totals.file_errors, "file"), "");
     }

@@ -6,15 +6,20 @@ usage: files_test.py QUORVANE_NODE GOLDEN_FOLDER
 import calendar
 import hashlib
 import json
+import os
 import pathlib
+import random
+import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+import wave
 
-from end_to_end_test import (CALL, DOCUMENT, LISTED_SIDE, NODE, UUID, Node, golden, ipv4, pcap,
-                             udp)
+from end_to_end_test import (CALL, DOCUMENT, LISTED_SIDE, NODE, UUID, UUID_END, Counters, Node,
+                             audio, data, golden, ipv4, listed_event_fields, may_mount, pcap,
+                             samples, udp, uuid_of)
 
 
 def described_files(folder):
@@ -80,6 +85,124 @@ class Sidecar(unittest.TestCase):
                 self.assertEqual(after.exit_code(), 0, after.text())
                 self.assertFalse(hidden.exists())
                 self.assertEqual(len(list(node.folder.glob(UUID + "*.json"))), 1)
+
+
+def decoded(path):
+    """The samples of a FLAC or Opus file, and its rate and channels."""
+    with tempfile.NamedTemporaryFile(suffix=".wav") as plain:
+        subprocess.run(["sndfile-convert", "-pcm16", str(path), plain.name], check=True,
+                       capture_output=True)
+        with wave.open(plain.name) as file:
+            return samples(plain.name), file.getframerate(), file.getnchannels()
+
+
+class Formats(unittest.TestCase):
+    def test_flac_files_have_the_samples_of_the_wav_files(self):
+        with Node("--stereo", "--rate", "8000", "--calls", "1") as plain:
+            plain.send_call()
+            self.assertEqual(plain.exit_code(), 0, plain.text())
+            with Node("--stereo", "--rate", "8000", "--calls", "1", "--format", "flac",
+                      "--sidecar", "--events", "-") as node:
+                node.send_call()
+                self.assertEqual(node.exit_code(), 0, node.text())
+                names = [UUID + end for end in ("-originator", "-terminator", "")]
+                self.assertEqual({path.name for path in node.folder.iterdir()},
+                                 {name + ".flac" for name in names} | {UUID + ".json"})
+                for name, channels in zip(names, (1, 1, 2)):
+                    self.assertEqual(decoded(node.folder / (name + ".flac")),
+                                     (samples(plain.folder / (name + ".wav")), 8000, channels))
+                described_files(node.folder)
+                end, = node.events("end")
+                self.assertEqual([file["path"] for file in end["files"]],
+                                 [f"{node.folder}/{name}.flac" for name in names])
+                self.assertIn(f"{node.folder}/{UUID}-originator.flac", node.text())
+
+    def test_opus_has_a_rate_that_it_knows(self):
+        with Node("--rate", "11025", "--calls", "1", "--format", "opus", "--events",
+                  "-") as node:
+            node.send(golden("call_1_start"), *(data(UUID_END, n) for n in range(1, 101)),
+                      golden("call_7_terminate"))
+            self.assertEqual(node.exit_code(), 0, node.text())
+            file, = node.events("end")[0]["files"]
+            self.assertEqual((file["sample_rate"], file["resampled_from"], file["samples"]),
+                             (12000, 11025, 17414))
+            heard, rate, channels = decoded(file["path"])
+            self.assertEqual((len(heard), rate, channels), (17414, 12000, 1))
+
+    def test_files_of_a_killed_run_are_wav_files(self):
+        with Node("--format", "flac", "--block", "1", "--rate", "8000") as node:
+            node.send(golden("call_1_start"), *(data(UUID_END, n) for n in range(1, 51)))
+            node.wait_for("start")
+            time.sleep(0.3)
+            (node.folder / f".quorvane-node-new-{UUID}-originator.flac").write_text("fLaC")
+            node.process.kill()
+            node.process.wait()
+            with Node("--calls", "1", "--format", "flac", folder=node.folder) as after:
+                self.assertIn("repaired", after.wait_for("repaired.*").group(0))
+                after.send_call()
+                self.assertEqual(after.exit_code(), 0, after.text())
+                self.assertEqual({path.name for path in node.folder.iterdir()},
+                                 {UUID + "-originator.wav", UUID + "-2-originator.flac",
+                                  UUID + "-2-terminator.flac"})
+                whole = sum((audio(UUID_END, n) for n in range(1, 51)), [])
+                heard = samples(node.folder / (UUID + "-originator.wav"))
+                self.assertEqual(heard, whole[:len(heard)])
+                self.assertGreaterEqual(len(heard), len(whole) - 512 - 160)
+
+    @unittest.skipUnless(may_mount(), "no file system can be mounted here")
+    def test_file_without_room_for_its_conversion_stays_a_wav_file(self):
+        noise = random.Random(1)
+        with Node("--format", "flac", "--rate", "8000", "--calls", "1", "--events", "-",
+                  disk="200k") as node:
+            node.send(golden("call_1_start"))
+            for number in range(1, 401):
+                loud = struct.pack("<160h", *(noise.randrange(-30000, 30000) for _ in range(160)))
+                node.send(data(UUID_END, number)[:50] + loud)
+                if number % 50 == 0:
+                    time.sleep(0.05)
+            node.send(golden("call_7_terminate"))
+            self.assertEqual(node.exit_code(), 1, node.text())
+            file, = node.events("end")[0]["files"]
+            self.assertEqual((file["error"], file["samples"]), ("", 64000))
+            self.assertTrue(file["path"].endswith("-originator.wav"))
+            self.assertNotEqual(file["not_converted"], "")
+            self.assertRegex(node.text(), "not converted +.*; it is still a WAV file")
+
+
+class Keep(unittest.TestCase):
+    def test_old_calls_are_removed_and_reported(self):
+        with Node("--stereo", "--sidecar", "--timeline", "--calls", "1") as made:
+            made.send_call()
+            self.assertEqual(made.exit_code(), 0, made.text())
+            old = sorted(path.name for path in made.folder.iterdir())
+            (made.folder / "notes.wav").write_text("not a call")
+            for path in made.folder.iterdir():
+                os.utime(path, (0, time.time() - 40 * 86400))
+            (made.folder / (uuid_of(9) + "-originator.wav")).write_text("of today")
+            with Node("--keep", "30d", "--events", "-", "--metrics", "0",
+                      folder=made.folder) as node:
+                node.wait_for('"removed"')
+                removed, = node.events("removed")
+                self.assertEqual(set(removed), listed_event_fields()["removed"])
+                self.assertEqual((removed["name"], removed["files"], removed["reason"]),
+                                 (UUID, old, "age"))
+                node.wait_for("removed +the files of 1 call, ")
+                url = node.wait_for(r"http://\S+").group(0)
+                end = time.monotonic() + 30
+                while Counters(url)["removed_calls_total"] != 1 and time.monotonic() < end:
+                    time.sleep(0.1)
+                self.assertEqual(Counters(url)["removed_calls_total"], 1)
+                self.assertEqual({path.name for path in made.folder.iterdir()},
+                                 {"notes.wav", uuid_of(9) + "-originator.wav"})
+                node.send_call()  # Its names are free again.
+                node.wait_for("  end ")
+                self.assertEqual(node.stop(), 0, node.text())
+                self.assertTrue((made.folder / f"{UUID}-originator.wav").exists())
+
+    def test_bad_limit_is_refused(self):
+        done = subprocess.run([NODE, "--keep", "30"], capture_output=True, text=True, timeout=30)
+        self.assertEqual(done.returncode, 2)
+        self.assertIn("'30' is neither a number of days, such as 30d", done.stderr)
 
 
 if __name__ == "__main__":

@@ -57,6 +57,27 @@ TEST_F(NodeOptionsTest, SwitchesAreOffUntilGiven) {
                 options_.overwrite && options_.live && options_.timeline && options_.every_packet);
 }
 
+TEST_F(NodeOptionsTest, FormatIsOneOfThree) {
+    EXPECT_EQ(parse({}), std::nullopt);
+    EXPECT_EQ(options_.format, AudioFormat::WAV);
+    EXPECT_EQ(parse({"--format", "flac"}), std::nullopt);
+    EXPECT_EQ(options_.format, AudioFormat::FLAC);
+    EXPECT_EQ(parse({"--format", "opus"}), std::nullopt);
+    EXPECT_EQ(options_.format, AudioFormat::OPUS);
+    EXPECT_EQ(parse({"--format", "mp3"}), EXIT_USAGE);
+}
+
+TEST_F(NodeOptionsTest, LimitsOfWhatIsKeptMayBothBeGiven) {
+    EXPECT_EQ(parse({}), std::nullopt);
+    EXPECT_FALSE(options_.keep.any());
+    EXPECT_EQ(parse({"--keep", "30d", "--keep", "200G"}), std::nullopt);
+    EXPECT_EQ(options_.keep.age, 720h);
+    EXPECT_EQ(options_.keep.bytes, 214'748'364'800u);
+    EXPECT_EQ(parse({"--keep", "30"}), EXIT_USAGE);
+    EXPECT_EQ(parse({"--keep", "30d", "--name", "{date}-{uuid}"}), std::nullopt);
+    EXPECT_EQ(parse({"--keep", "30d", "--name", "{reference}"}), EXIT_USAGE);
+}
+
 TEST_F(NodeOptionsTest, NetworksForReportsNeedReports) {
     EXPECT_EQ(parse({}), std::nullopt);
     EXPECT_FALSE(options_.reports);

@@ -72,7 +72,7 @@ class FakeAudioStore : public node::AudioStore {
         node::FileFacts facts() const override {
             const FakeFile& file = store_.files[name_];
             const auto channels = static_cast<std::uint64_t>(file.channels);
-            return {file.sample_rate, file.channels, file.samples.size() / channels, ""};
+            return {file.sample_rate, file.channels, file.samples.size() / channels, {}, 0, {}};
         }
         const std::string& path() const override { return name_; }
         const std::string& error() const override { return error_; }

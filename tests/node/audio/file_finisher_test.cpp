@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "node/audio/digest.h"
 #include "tests/node/audio/folder_test.h"
 
 namespace qv::node {
@@ -136,6 +137,72 @@ TEST_F(FileFinisherTest, WorkBeginsWhenTheStoreHasWrittenTheFile) {
     ASSERT_TRUE(wait());
     EXPECT_FALSE(file->completing());
     EXPECT_EQ(file->facts().sha256.size(), 64u);
+}
+
+class ConversionTest : public FileFinisherTest {
+  protected:
+    FileFinisher flac(std::size_t most_waiting = 10) {
+        return {folder_store_,
+                tasks_,
+                {true, AudioFormat::FLAC, false, most_waiting},
+                [this](const std::string& path, const std::string& why) {
+                    complaints_ += path.substr(folder_.size() + 1) + ": " + why + '\n';
+                }};
+    }
+
+    std::string complaints_;
+};
+
+TEST_F(ConversionTest, FileHasItsNewNameAndTheDigestOfTheNewFile) {
+    FileFinisher finisher = flac();
+    const auto file = write(finisher, "a.wav", {1, 2, 3});
+    ASSERT_TRUE(wait());
+    finisher.update();
+    EXPECT_FALSE(file->completing());
+    EXPECT_EQ(file->error(), "");
+    EXPECT_EQ(file->path(), path("a.flac"));
+    std::string error;
+    EXPECT_EQ(file->facts().sha256, sha256_of_file(path("a.flac"), error));
+    EXPECT_EQ(file->facts().samples, 3u);
+    EXPECT_EQ(file->facts().not_converted, "");
+    EXPECT_EQ(names(), std::set<std::string>{"a.flac"});
+    EXPECT_EQ(complaints_, "");
+}
+
+TEST_F(ConversionTest, FileThatCannotBeConvertedIsACompleteWavFile) {
+    put("a.flac", "somebody else's");
+    FileFinisher finisher = flac();
+    const auto file = write(finisher, "a.wav", {1, 2, 3});
+    ASSERT_TRUE(wait());
+    finisher.update();
+    EXPECT_EQ(file->error(), "");
+    EXPECT_EQ(file->path(), path("a.wav"));
+    EXPECT_EQ(file->facts().not_converted, "File exists");
+    EXPECT_EQ(file->facts().sha256.size(), 64u);
+    EXPECT_EQ(complaints_, "a.wav: File exists\n");
+}
+
+TEST_F(ConversionTest, FilesBeyondThoseThatMayWaitStayWavFiles) {
+    FileFinisher finisher = flac(1);
+    tasks_.add([] { std::this_thread::sleep_for(50ms); });
+    tasks_.add([] {});
+    const auto file = write(finisher, "a.wav", {1, 2, 3});
+    ASSERT_TRUE(wait());
+    finisher.update();
+    EXPECT_EQ(file->path(), path("a.wav"));
+    EXPECT_EQ(complaints_, "a.wav: too many files wait for it\n");
+}
+
+TEST_F(ConversionTest, FileThatIsGivenUpIsReported) {
+    FileFinisher finisher = flac();
+    tasks_.add([] { std::this_thread::sleep_for(50ms); });
+    const auto file = write(finisher, "a.wav", {1, 2, 3});
+    tasks_.abandon();
+    finisher.update();
+    EXPECT_FALSE(file->completing());
+    EXPECT_EQ(file->facts().not_converted, "the program ended first");
+    EXPECT_EQ(complaints_, "a.wav: the program ended first\n");
+    EXPECT_EQ(names(), std::set<std::string>{"a.wav"});
 }
 
 }  // namespace

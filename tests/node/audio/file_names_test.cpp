@@ -230,6 +230,28 @@ TEST_F(ReferenceNamesTest, NameDoesNotChangeOnceThereMayBeFiles) {
     EXPECT_EQ(call.file_stem(), "2026-01-31-unknown");
 }
 
+TEST(WavNameTest, ConvertedFilesHadAnotherEnding) {
+    EXPECT_EQ(wav_name("a-originator.flac"), "a-originator.wav");
+    EXPECT_EQ(wav_name("a.b.opus"), "a.b.wav");
+    EXPECT_EQ(wav_name("a.wav"), "a.wav");
+    EXPECT_EQ(wav_name("a.svg"), "a.svg");
+    EXPECT_EQ(wav_name("opus"), "opus");
+}
+
+TEST_F(FileNamesTest, FilesThatAreWorkedOnAreNotOverwritten) {
+    FileNames::Options options;
+    options.overwrite = true;
+    options.keep_incomplete = true;
+    FileNames overwriting(
+        store_, options, [] { return 0; }, [] {});
+    store_.files[STEM + "0f-originator.wav"] = {};
+    const auto first = std::make_unique<Call>(CALL, 7, Arrival{}, limits_,
+                                              std::vector<CallListener*>{&overwriting});
+    EXPECT_EQ(first->file_stem(), STEM + "0f");
+    const Call again(CALL, 7, {}, limits_, {&overwriting});
+    EXPECT_EQ(again.file_stem(), STEM + "0f-2");
+}
+
 TEST_F(FileNamesTest, OverwritingTakesTheUuidThoughItHasFiles) {
     FileNames overwriting(
         store_, {true, 0, 2}, [] { return 0; }, [] {});

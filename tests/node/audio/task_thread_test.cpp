@@ -50,6 +50,27 @@ TEST(TaskThreadTest, TasksRunInTheirOrder) {
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
+TEST(TaskThreadTest, ShortTaskRunsBeforeThoseThatWait) {
+    Gate gate;
+    std::atomic<bool> running{false};
+    std::vector<int> order;
+    TaskThread tasks;
+    tasks.add([&] {
+        running = true;
+        gate.pass();
+    });
+    const auto end = Clock::now() + 30s;
+    while (!running && Clock::now() < end) {
+        std::this_thread::sleep_for(1ms);
+    }
+    tasks.add([&order] { order.push_back(1); });
+    tasks.add_short([&order] { order.push_back(2); });
+    EXPECT_EQ(tasks.waiting(), 2u);
+    gate.open();
+    ASSERT_TRUE(tasks.wait(Clock::now() + 30s));
+    EXPECT_EQ(order, (std::vector<int>{2, 1}));
+}
+
 TEST(TaskThreadTest, WaitEndsWithItsTimeWhileATaskRuns) {
     Gate gate;
     TaskThread tasks;

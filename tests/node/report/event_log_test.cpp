@@ -207,10 +207,12 @@ TEST_F(EventLogTest, EndSumsUpTheCall) {
     EXPECT_EQ(end["files"], Json::parse(R"([
         {"path": "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-originator.wav", "error": "",
          "dropped_samples": 0, "sample_rate": 8000, "channels": 1, "samples": 8,
-         "seconds": 0.001, "sha256": ""},
+         "seconds": 0.001, "sha256": "",
+         "resampled_from": 0, "not_converted": ""},
         {"path": "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-terminator.wav", "error": "",
          "dropped_samples": 0, "sample_rate": 8000, "channels": 1, "samples": 16,
-         "seconds": 0.002, "sha256": ""}])"));
+         "seconds": 0.002, "sha256": "",
+         "resampled_from": 0, "not_converted": ""}])"));
     Json side = end["sides"]["terminator"];
     EXPECT_NEAR(side["level_db"].get<double>(), -33.32, 0.01);
     EXPECT_NEAR(side["peak_db"].get<double>(), -30.31, 0.01);

@@ -1,0 +1,83 @@
+#include "node/audio/call_file_names.h"
+
+#include <algorithm>
+#include <array>
+
+#include "node/audio/name_pattern.h"
+
+namespace qv::node {
+
+namespace {
+
+// What stands for a word of a pattern.
+std::string expression_of(const std::string& word) {
+    if (word == "uuid") {
+        return "[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}";
+    }
+    if (word == "date") {
+        return "[0-9]{4}-[0-9]{2}-[0-9]{2}";
+    }
+    if (word == "time") {
+        return "[0-9]{6}";
+    }
+    return "[A-Za-z0-9_.+@-]{1," + std::to_string(NamePattern::MOST_REFERENCE) + "}";
+}
+
+// A name does not begin like a hidden file or an option.
+std::string first_made_safe(std::string pattern) {
+    if (pattern[0] == '.' || pattern[0] == '-') {
+        pattern[0] = '_';
+    }
+    return pattern;
+}
+
+std::string expression_of_pattern(const std::string& pattern) {
+    std::string expression;
+    for (std::size_t i = 0; i < pattern.size(); ++i) {
+        if (pattern[i] == '{') {
+            const std::size_t end = pattern.find('}', i);
+            expression += expression_of(pattern.substr(i + 1, end - i - 1));
+            i = end;
+        } else {
+            expression += std::string("[") + pattern[i] + ']';
+        }
+    }
+    return expression;
+}
+
+bool is_ending(const std::string& ending) {
+    static const std::array<std::string, 5> endings = {".wav", ".flac", ".opus", ".svg", ".json"};
+    return std::find(endings.begin(), endings.end(), ending) != endings.end();
+}
+
+bool is_audio(const std::string& ending) {
+    return ending != ".svg" && ending != ".json";
+}
+
+}  // namespace
+
+// The stem may have a sign that tells it from the name of a side, and a number.
+CallFileNames::CallFileNames(const std::string& pattern)
+    : stem_(expression_of_pattern(first_made_safe(pattern)) + "_?(-[0-9]+)?",
+            std::regex::optimize) {}
+
+std::optional<CallFileNames::Name> CallFileNames::parse(const std::string& name) const {
+    static const std::regex side("(.*?)(-split)?-(originator|terminator)(-part[0-9]+)?(-[0-9]+)?",
+                                 std::regex::optimize);
+    const std::size_t dot = name.rfind('.');
+    if (dot == std::string::npos || !is_ending(name.substr(dot))) {
+        return std::nullopt;
+    }
+    Name parsed{name.substr(0, dot), name.substr(dot), false};
+    std::smatch parts;
+    if (is_audio(parsed.ending) && std::regex_match(parsed.stem, parts, side)) {
+        parsed.stem = std::string(parts[1]);
+        parsed.of_side = true;
+    }
+    if (!std::regex_match(parsed.stem, stem_)) {
+        return std::nullopt;
+    }
+    return parsed;
+}
+
+}  // namespace qv::node

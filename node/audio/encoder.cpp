@@ -1,0 +1,258 @@
+#include "node/audio/encoder.h"
+
+#include <sndfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <system_error>
+#include <vector>
+
+#include "node/audio/new_file.h"
+#include "node/audio/rate_converter.h"
+
+namespace qv::node {
+
+namespace {
+
+constexpr std::array<int, 5> OPUS_RATES = {8000, 12000, 16000, 24000, 48000};
+
+// Frames that are handled at once: a frame has a sample of each channel.
+constexpr std::size_t PART = 8192;
+
+struct SoundFileCloser {
+    void operator()(SNDFILE* file) const { sf_close(file); }
+};
+using SoundFile = std::unique_ptr<SNDFILE, SoundFileCloser>;
+
+int sndfile_format(AudioFormat format) {
+    return format == AudioFormat::OPUS ? SF_FORMAT_OGG | SF_FORMAT_OPUS
+                                       : SF_FORMAT_FLAC | SF_FORMAT_PCM_16;
+}
+
+// Reads frames until there are none. `use` returns whether to go on.
+template <typename Use>
+void for_each_part(SNDFILE* file, int channels, Use use) {
+    std::vector<std::int16_t> part(PART * static_cast<std::size_t>(channels));
+    for (;;) {
+        const sf_count_t frames = sf_readf_short(file, part.data(), PART);
+        if (frames <= 0 || !use(part.data(), static_cast<std::size_t>(frames))) {
+            return;
+        }
+    }
+}
+
+// Converts the rate of interleaved channels. Frames come out when all channels have them.
+class ChannelConverter {
+  public:
+    ChannelConverter(int channels, int from, int to) {
+        for (int i = 0; i < channels; ++i) {
+            channels_.push_back({std::make_unique<RateConverter>(from, to), {}, {}});
+        }
+    }
+
+    const std::vector<std::int16_t>& convert(const std::int16_t* samples, std::size_t frames) {
+        for (std::size_t i = 0; i < channels_.size(); ++i) {
+            Channel& channel = channels_[i];
+            channel.in.resize(frames);
+            for (std::size_t frame = 0; frame < frames; ++frame) {
+                channel.in[frame] = samples[frame * channels_.size() + i];
+            }
+            channel.converter->convert(channel.in.data(), frames, channel.out);
+        }
+        return take();
+    }
+
+    const std::vector<std::int16_t>& finish() {
+        for (Channel& channel : channels_) {
+            channel.converter->flush(channel.out);
+        }
+        return take();
+    }
+
+  private:
+    struct Channel {
+        std::unique_ptr<RateConverter> converter;
+        std::vector<std::int16_t> in;
+        std::vector<std::int16_t> out;
+    };
+
+    // All channels have the same number of samples, because they get the same number.
+    const std::vector<std::int16_t>& take() {
+        const std::size_t frames = channels_[0].out.size();
+        frames_.resize(frames * channels_.size());
+        for (std::size_t i = 0; i < channels_.size(); ++i) {
+            for (std::size_t frame = 0; frame < frames; ++frame) {
+                frames_[frame * channels_.size() + i] = channels_[i].out[frame];
+            }
+            channels_[i].out.clear();
+        }
+        return frames_;
+    }
+
+    std::vector<Channel> channels_;
+    std::vector<std::int16_t> frames_;
+};
+
+// One conversion.
+class Encoder {
+  public:
+    Encoder(std::string wav_path, AudioFormat format)
+        : wav_path_(std::move(wav_path)),
+          folder_(wav_path_.substr(0, wav_path_.rfind('/'))),
+          name_(new_name(wav_path_, format)),
+          format_(format),
+          target_(folder_, name_) {}
+
+    Encoded run(bool replace) {
+        Encoded encoded;
+        if (!target_.error().empty()) {
+            encoded.error = target_.error();
+        } else if (open_source() && write() && target_.force() && check() &&
+                   target_.publish(replace)) {
+            remove_source();
+        } else {
+            encoded.error = error_.empty() ? target_.error() : error_;
+        }
+        encoded.path = encoded.error.empty() ? folder_ + '/' + name_ : wav_path_;
+        encoded.sample_rate = encoded.error.empty() ? info_.samplerate : source_info_.samplerate;
+        encoded.samples =
+            static_cast<std::uint64_t>(encoded.error.empty() ? info_.frames : source_info_.frames);
+        return encoded;
+    }
+
+  private:
+    static std::string new_name(const std::string& wav_path, AudioFormat format) {
+        const std::string name = wav_path.substr(wav_path.rfind('/') + 1);
+        return name.substr(0, std::min(name.rfind('.'), name.size())) + ending_of(format);
+    }
+
+    bool fail(const std::string& error) {
+        error_ = error;
+        return false;
+    }
+
+    bool open_source() {
+        source_.reset(sf_open(wav_path_.c_str(), SFM_READ, &source_info_));
+        struct stat status {};
+        if (source_ == nullptr || ::stat(wav_path_.c_str(), &status) != 0) {
+            return fail("the WAV file cannot be read");
+        }
+        source_inode_ = status.st_ino;
+        return true;
+    }
+
+    bool write() {
+        SF_INFO info{};
+        info.samplerate = rate_in(format_, source_info_.samplerate);
+        info.channels = source_info_.channels;
+        info.format = sndfile_format(format_);
+        // libsndfile closes the copy.
+        SoundFile file(sf_open_fd(::dup(target_.descriptor()), SFM_WRITE, &info, SF_TRUE));
+        if (file == nullptr) {
+            return fail(sf_strerror(nullptr));
+        }
+        sf_set_string(file.get(), SF_STR_SOFTWARE, "quorvane-node");
+        const bool written = copy(file.get(), info);
+        return sf_close(file.release()) == 0 && written ? true : fail(write_error());
+    }
+
+    bool copy(SNDFILE* file, const SF_INFO& info) {
+        const auto put = [&](const std::int16_t* samples, std::size_t frames) {
+            const auto count = static_cast<sf_count_t>(frames);
+            expected_frames_ += count;
+            return sf_writef_short(file, samples, count) == count;
+        };
+        const auto channels = static_cast<std::size_t>(info.channels);
+        bool written = true;
+        if (info.samplerate == source_info_.samplerate) {
+            for_each_part(source_.get(), info.channels,
+                          [&](const std::int16_t* samples, std::size_t frames) {
+                              written = put(samples, frames);
+                              return written;
+                          });
+            return written;
+        }
+        ChannelConverter converter(info.channels, source_info_.samplerate, info.samplerate);
+        for_each_part(source_.get(), info.channels,
+                      [&](const std::int16_t* samples, std::size_t frames) {
+                          const auto& converted = converter.convert(samples, frames);
+                          written = put(converted.data(), converted.size() / channels);
+                          return written;
+                      });
+        const auto& rest = converter.finish();
+        return written && put(rest.data(), rest.size() / channels);
+    }
+
+    // libsndfile does not say why it could not write.
+    static std::string write_error() {
+        return errno == ENOSPC || errno == EDQUOT || errno == EIO || errno == EFBIG
+                   ? std::generic_category().message(errno)
+                   : "the new file could not be written";
+    }
+
+    // Reads the new file back. FLAC has to have every sample, Opus the right number of them.
+    bool check() {
+        ::lseek(target_.descriptor(), 0, SEEK_SET);
+        info_ = {};
+        const SoundFile file(sf_open_fd(::dup(target_.descriptor()), SFM_READ, &info_, SF_TRUE));
+        if (file == nullptr || info_.frames != expected_frames_ ||
+            (format_ == AudioFormat::FLAC && !has_the_samples(file.get()))) {
+            return fail("the new file does not have the audio");
+        }
+        return true;
+    }
+
+    bool has_the_samples(SNDFILE* file) {
+        sf_seek(source_.get(), 0, SEEK_SET);
+        const auto channels = static_cast<std::size_t>(info_.channels);
+        std::vector<std::int16_t> expected(PART * channels);
+        sf_count_t checked = 0;
+        for_each_part(file, info_.channels, [&](const std::int16_t* samples, std::size_t frames) {
+            const auto count = static_cast<sf_count_t>(frames);
+            const bool same = sf_readf_short(source_.get(), expected.data(), count) == count &&
+                              std::equal(samples, samples + frames * channels, expected.begin());
+            checked += same ? count : 0;
+            return same;
+        });
+        return checked == expected_frames_ && expected_frames_ == source_info_.frames;
+    }
+
+    // Unless another file has its name meanwhile.
+    void remove_source() {
+        struct stat status {};
+        if (::stat(wav_path_.c_str(), &status) == 0 && status.st_ino == source_inode_) {
+            ::unlink(wav_path_.c_str());
+        }
+    }
+
+    const std::string wav_path_;
+    const std::string folder_;
+    const std::string name_;
+    const AudioFormat format_;
+    NewFile target_;
+    SoundFile source_;
+    SF_INFO source_info_{};
+    ino_t source_inode_ = 0;
+    sf_count_t expected_frames_ = 0;
+    SF_INFO info_{};  // Of the new file.
+    std::string error_;
+};
+
+}  // namespace
+
+int rate_in(AudioFormat format, int sample_rate) {
+    if (format != AudioFormat::OPUS) {
+        return sample_rate;
+    }
+    const auto* const rate = std::lower_bound(OPUS_RATES.begin(), OPUS_RATES.end(), sample_rate);
+    return rate != OPUS_RATES.end() ? *rate : OPUS_RATES.back();
+}
+
+Encoded encode(const std::string& wav_path, AudioFormat format, bool replace) {
+    return Encoder(wav_path, format).run(replace);
+}
+
+}  // namespace qv::node
