@@ -254,7 +254,8 @@ class Fleet:
     def operate(self):
         """The calls, and what the operator does while they run."""
         runs = [switch(number, self.folder, "--calls", "10000", "--rate", str(CALLS_PER_SECOND),
-                       "--duration", "1.5-6", "--seed", str(number)) for number in (1, 2)]
+                       "--concurrent", "100", "--duration", "1.5-6", "--seed", str(number))
+                for number in (1, 2)]
         self.long_call = self.call_that_moves()
         runs.append(switch(1, self.folder, "--duration", str(PATIENCE), "--uuid", self.long_call))
         self.nodes[2].wait_for(lambda: any(event["call_uuid"] == self.long_call
