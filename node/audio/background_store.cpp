@@ -295,12 +295,10 @@ class BackgroundStore::Writer {
         if (job.kind == Job::Kind::CREATE) {
             written.file = store_->create(written.name, written.sample_rate, written.channels);
             result.path = written.file->path();
-        } else if (written.file == nullptr) {
-            return;  // It could not be created.
-        } else if (job.kind == Job::Kind::CLOSE) {
+        } else if (written.file != nullptr && job.kind == Job::Kind::CLOSE) {
             written.file->close();
-        } else if (written.failed) {
-            return;
+        } else if (written.file == nullptr || written.failed) {
+            return;  // It could not be created or written.
         } else if (job.kind == Job::Kind::WRITE) {
             written.file->write(job.samples.data(), job.samples.size());
         } else {
