@@ -194,13 +194,14 @@ std::string FileNames::choose_stem(const Call& call, const std::string& utc_time
     const std::string reference = call.start().has_value() ? call.start()->call_reference : "";
     std::string wanted = options_.pattern.expand({uuid_text(call.uuid()), reference, utc_time});
     wanted += ends_like_a_file(wanted) ? "_" : "";
-    const auto& stems = stems_;
-    return free_stem(wanted, [&](const std::string& stem) {
-        const auto use = stems.find(stem);
-        return (use != stems.end() &&
+    // The analysis does not see that the lock is held while this runs.
+    const auto is_used = [&](const std::string& stem) QV_NO_THREAD_SAFETY_ANALYSIS {
+        const auto use = stems_.find(stem);
+        return (use != stems_.end() &&
                 (options_.keep_incomplete || use->second.uuid != call.uuid())) ||
                (!(options_.overwrite && stem == wanted) && taken(store_, stem));
-    });
+    };
+    return free_stem(wanted, is_used);
 }
 
 // Assumes that every present call writes as many files as it may: how many it writes is known only
