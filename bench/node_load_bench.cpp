@@ -148,13 +148,8 @@ class Sender {
         unsigned char* out = scratch_.data();
         std::memset(out, 0, media::AUDIO_OFFSET + 64);
         const auto uuid = uuid_of(call);
-        media::put_u32(out + media::MAGIC_OFFSET, media::PACKET_MAGIC);
-        out[media::TYPE_OFFSET] = static_cast<unsigned char>(type);
-        out[media::VERSION_OFFSET] = media::PROTOCOL_VERSION;
-        media::put_u16(out + media::LEG_WORD_OFFSET, leg_word);
-        media::put_u64(out + media::CALL_KEY_OFFSET,
-                       hash::CRC64::compute(uuid.data(), uuid.size()));
-        std::memcpy(out + media::CALL_UUID_OFFSET, uuid.data(), uuid.size());
+        media::put_common_fields(out, type, leg_word,
+                                 hash::CRC64::compute(uuid.data(), uuid.size()), uuid.data());
         media::put_u64(out + media::SEND_TIME_OFFSET,
                        static_cast<std::uint64_t>(node::steady_now().count()));
         return out;

@@ -22,12 +22,7 @@ class Packet {
     Packet(PacketType type, std::uint16_t leg_word, const AppContext& context) {
         // The payload after the fields stays uninitialized: only written bytes of it are sent.
         std::memset(bytes_, 0, FIELDS_SIZE);
-        put_u32(media::MAGIC_OFFSET, media::PACKET_MAGIC);
-        bytes_[media::TYPE_OFFSET] = static_cast<unsigned char>(type);
-        bytes_[media::VERSION_OFFSET] = media::PROTOCOL_VERSION;
-        put_u16(media::LEG_WORD_OFFSET, leg_word);
-        put_u64(media::CALL_KEY_OFFSET, context.id);
-        put_bytes(media::CALL_UUID_OFFSET, context.uuid, media::UUID_SIZE);
+        media::put_common_fields(bytes_, type, leg_word, context.id, context.uuid);
     }
 
     void put_u16(std::size_t offset, std::uint16_t value) {

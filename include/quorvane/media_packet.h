@@ -139,6 +139,18 @@ inline void put_features(unsigned char* out, features16_t features) {
     out[1] = features.active;
 }
 
+// Writes what every packet begins with, except the send time. `out` has room for COMMON_SIZE bytes;
+// `uuid` points to UUID_SIZE bytes.
+inline void put_common_fields(unsigned char* out, PacketType type, std::uint16_t leg_word,
+                              std::uint64_t call_key, const unsigned char* uuid) {
+    put_u32(out + MAGIC_OFFSET, PACKET_MAGIC);
+    out[TYPE_OFFSET] = static_cast<unsigned char>(type);
+    out[VERSION_OFFSET] = PROTOCOL_VERSION;
+    put_u16(out + LEG_WORD_OFFSET, leg_word);
+    put_u64(out + CALL_KEY_OFFSET, call_key);
+    std::memcpy(out + CALL_UUID_OFFSET, uuid, UUID_SIZE);
+}
+
 // Reads what the put functions write.
 inline std::uint16_t get_u16(const unsigned char* in) {
     std::uint16_t wire = 0;

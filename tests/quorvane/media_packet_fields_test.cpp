@@ -47,6 +47,15 @@ TEST(MediaPacket, SupportedGoesOutBeforeActive) {
     EXPECT_EQ(put<features16_t>(put_features, 2, {0xDC, 0xCC}), hex("dc cc"));
 }
 
+TEST(MediaPacket, CommonFieldsAreWrittenUpToTheSendTime) {
+    const tests::Bytes uuid = tests::from_text("a0 a1 a2 a3 a4 a5 a6 a7 a8 a9 aa ab ac ad ae af");
+    tests::Bytes bytes(COMMON_SIZE, 0xEE);
+    put_common_fields(bytes.data(), PacketType::DATA, 0x1234, 0x0102030405060708, uuid.data());
+    EXPECT_EQ(tests::to_text(bytes),
+              hex("ff 00 ff 00 83 01 34 12 08 07 06 05 04 03 02 01 "
+                  "a0 a1 a2 a3 a4 a5 a6 a7 a8 a9 aa ab ac ad ae af ee ee ee ee ee ee ee ee"));
+}
+
 TEST(MediaPacket, IntegersAreReadLeastSignificantByteFirst) {
     const tests::Bytes bytes = tests::from_text("f0 de bc 9a 78 56 34 92");
     EXPECT_EQ(get_u16(bytes.data()), 0xDEF0U);
