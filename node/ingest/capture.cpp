@@ -9,6 +9,14 @@ namespace qv::node {
 
 namespace {
 
+// The end of the year 9999. A capture may claim any time.
+constexpr std::int64_t LATEST_S = 253'402'300'799;
+
+Micros time_of(const pcap_pkthdr& header) {
+    const auto seconds = std::clamp<std::int64_t>(header.ts.tv_sec, 0, LATEST_S);
+    return Micros{seconds * 1'000'000 + header.ts.tv_usec};
+}
+
 std::optional<LinkLayer> link_layer(int type) {
     switch (type) {
         case DLT_EN10MB:
@@ -64,8 +72,7 @@ std::optional<Datagram> Capture::next() {
     int result = 0;
     while ((result = pcap_next_ex(file_.get(), &header, &data)) == 1) {
         ++frames_;
-        const Micros time{header->ts.tv_sec * std::int64_t{1'000'000} + header->ts.tv_usec};
-        time_ = std::max(time_, time);
+        time_ = std::max(time_, time_of(*header));
         const auto packet = ipv4_packet(link_, {data, header->caplen});
         const auto datagram = packet.has_value() ? udp_.read(*packet, time_) : std::nullopt;
         if (datagram.has_value() && wanted(*datagram)) {
