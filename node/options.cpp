@@ -12,6 +12,7 @@
 
 #include "node/audio/call_file_names.h"
 #include "node/audio/name_pattern.h"
+#include "quorvane_lib/conf_configuration.h"
 #include "tools/address.h"
 #include "tools/help_formatter.h"
 #include "tools/version.h"
@@ -205,6 +206,73 @@ void add_report_options(CLI::App& app, Options& options) {
         ->type_name("ADDRESS:PORT");
 }
 
+const std::string NATS_FILE = conf::default_directory + "/nats.conf";
+
+void add_engine_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("NATS");
+    EngineSettings& engine = options.engine;
+    app.add_option("--nats",
+                   "Send events and audio to these NATS servers, such as "
+                   "nats://192.0.2.7:4222; several of one cluster separated by commas")
+        ->check([](const std::string& text) {
+            EngineSettings tried;
+            return add_urls(tried, text, false);
+        })
+        ->type_name("URL")
+        ->expected(1)
+        ->take_all();
+    app.add_option("--nats-config",
+                   "File with the credentials and the further settings of the connection")
+        ->type_name("FILE")
+        ->default_str(NATS_FILE);
+    app.add_option("--nats-chunk", engine.chunk_ms, "Length of a chunk of audio")
+        ->check(between(10, 10'000))
+        ->type_name("MS")
+        ->capture_default_str();
+    app.add_option("--nats-queue", engine.queue_mib,
+                   "Memory for events that wait for NATS, and as much for audio; what does not fit "
+                   "is dropped, the oldest first")
+        ->check(between(1, 1'000'000))
+        ->type_name("MIB")
+        ->capture_default_str();
+    app.add_option("--nats-spool", engine.spool,
+                   "Also keep waiting events in this folder, so that they outlive the program")
+        ->type_name("FOLDER");
+}
+
+// The names in the configuration file of what the command line has set.
+std::vector<std::string> settings_given(const CLI::App& app) {
+    std::vector<std::string> given;
+    for (const auto& [option, name] : {std::pair{"--nats", "url"},
+                                       {"--nats-chunk", "chunk"},
+                                       {"--nats-queue", "queue"},
+                                       {"--nats-spool", "spool"}}) {
+        if (app.count(option) != 0) {
+            given.emplace_back(name);
+        }
+    }
+    return given;
+}
+
+// Returns what is wrong, or an empty text. The file at its usual place counts only with --nats.
+std::string read_engine_options(const CLI::App& app, EngineSettings& engine) {
+    const bool file_given = app.count("--nats-config") != 0;
+    if (app.count("--nats") == 0 && !file_given) {
+        return {};
+    }
+    if (app.count("--nats") != 0) {
+        for (const std::string& list : app["--nats"]->results()) {
+            add_urls(engine, list, false);  // The check has passed.
+        }
+    }
+    const std::string path = file_given ? app["--nats-config"]->as<std::string>() : NATS_FILE;
+    const std::string error = read_settings(engine, path, file_given, settings_given(app));
+    if (error.empty() && engine.urls.empty()) {
+        return path + ": url is missing, and --nats is not given";
+    }
+    return error;
+}
+
 void add_exit_options(CLI::App& app, Options& options) {
     app.option_defaults()->group("End of the program");
     app.add_option("--calls", options.calls, "End after N calls have ended; 0 means never")
@@ -357,13 +425,14 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     app.footer(
         "Exit codes:\n"
         "  0  success\n"
-        "  1  a file or an event could not be written, a command after a call failed, a capture\n"
-        "     was damaged, or --idle-exit came before --calls\n"
-        "  2  the command line is wrong\n"
+        "  1  a file or an event could not be written, something for NATS was lost, a command\n"
+        "     after a call failed, a capture was damaged, or --idle-exit came before --calls\n"
+        "  2  the command line or the configuration file for NATS is wrong\n"
         "  3  the port, the folder or the events file cannot be used");
     add_output_options(app, options);
     add_sender_options(app, options);
     add_report_options(app, options);
+    add_engine_options(app, options);
     add_end_options(app, options);
     add_exit_options(app, options);
     add_audio_options(app, options);
@@ -384,6 +453,11 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     }
     if (options.threads == 0) {
         options.threads = std::min(available_cores(), MOST_THREADS);
+    }
+    const std::string error = read_engine_options(app, options.engine);
+    if (!error.empty()) {
+        std::cerr << "quorvane-node: --nats: " << error << std::endl;
+        return EXIT_USAGE;
     }
     options.listen_given = app.count("--listen") != 0;
     options.listen = tools::parse_address(options.listen_text).value();  // The check has passed.

@@ -12,6 +12,7 @@
 #include "node/audio/encoder.h"
 #include "node/audio/keep_limits.h"
 #include "node/calls/call_limits.h"
+#include "node/engine/settings.h"
 #include "tools/exit_codes.h"
 #include "tools/networks.h"
 
@@ -58,6 +59,7 @@ struct Options {
     std::size_t on_end_running = 4;         // How many of them run at the same time.
     KeepLimits keep;                        // What is removed of finished calls.
     double sync_s = 0;                      // Interval between flushes to the disk. 0: none.
+    EngineSettings engine;
     std::string samples;                    // Folder of references. Empty: none.
     analysis::ActivityOptions activity;
     CallLimits limits;

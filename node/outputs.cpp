@@ -90,6 +90,9 @@ std::string Outputs::open_folder() {
 std::string Outputs::open_reports() {
     std::string error = open_events();
     if (error.empty()) {
+        error = open_engine();
+    }
+    if (error.empty()) {
         error = open_metrics();
     }
     if (error.empty()) {
@@ -192,6 +195,29 @@ std::size_t Outputs::take_events(std::string_view lines) {
     return lines.size();
 }
 
+std::string Outputs::open_engine() {
+    if (options_.engine.urls.empty()) {
+        return {};
+    }
+    std::string error;
+    publisher_ = make_publisher(options_.engine, error);
+    if (publisher_ == nullptr) {
+        return "cannot use --nats: " + error;
+    }
+    if (events_ == nullptr) {  // Nothing is written.
+        events_ = std::make_unique<EventLog>(
+            [](const char* /*lines*/, std::size_t size) { return size; }, options_.every_packet);
+    }
+    events_->copy_to(
+        [this](const std::string& kind, const std::string& call, const std::string& text) {
+            publisher_->push(EngineEvent{call.empty() ? NO_CALL : call, kind, text});
+        });
+    if (options_.engine.audio) {
+        audio_stream_ = std::make_unique<AudioStream>(*publisher_, options_.engine.chunk_ms);
+    }
+    return {};
+}
+
 std::string Outputs::open_metrics() {
     if (!options_.metrics.has_value()) {
         return {};
@@ -239,6 +265,9 @@ void Outputs::build() {
                                        [folder = options_.folder] { return sync_folder(folder); });
     }
 
+    if (audio_stream_ != nullptr) {
+        after_lane_.push_back(audio_stream_.get());
+    }
     if (!live_ && !options_.quiet) {
         after_lane_.push_back(&lines_);
     }
@@ -447,6 +476,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
         });
     reloaded_ = reloaded_ || reloaded;
     report_lost_output();
+    report_engine();
     lines_.flush();
     flush_events();
     if (live_) {
@@ -464,6 +494,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     notices_->too_many_reports(figures.reports.too_many);
     notices_->audio_dropped(figures.dropped_bytes);
     notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
+    notices_->nats_lost(figures.engine);
     if (metrics_port_ != nullptr) {
         metrics_.update(figures, analysis());
     }
@@ -515,6 +546,7 @@ void Outputs::finish(NodeFigures figures) {
     flush_events();
     finish_commands();
     report_sync();
+    finish_engine();
     failed_ = failed_ || figures.dropped_bytes != 0;
     failed_ = failed_ || figures.totals.file_errors != 0;
     const LostEvents lost = finish_events();
@@ -529,7 +561,7 @@ void Outputs::finish(NodeFigures figures) {
 
 // Nobody may be reading the events.
 LostEvents Outputs::finish_events() {
-    if (events_ == nullptr) {
+    if (events_outlet_ == nullptr) {
         return {};
     }
     wait_for_reader([this](auto until) {
@@ -564,7 +596,10 @@ void Outputs::report_lost_output() {
 }
 
 void Outputs::flush_events() {
-    if (events_ == nullptr) {
+    if (events_outlet_ == nullptr) {
+        if (events_ != nullptr) {
+            events_->flush();
+        }
         return;
     }
     const bool refused = !events_->flush();
@@ -638,6 +673,36 @@ void Outputs::report_removed() {
     notices_->removed(result);
 }
 
+void Outputs::report_engine() {
+    if (publisher_ == nullptr) {
+        return;
+    }
+    for (const auto& [what, details] : publisher_->take_news()) {
+        lines_.say(what, details);
+    }
+}
+
+void Outputs::finish_engine() {
+    if (publisher_ == nullptr) {
+        return;
+    }
+    const auto until = std::chrono::steady_clock::now() +
+                       std::chrono::duration<double>(options_.engine.exit_wait_s);
+    while (!publisher_->wait(A_MOMENT) && keep_waiting_() &&
+           std::chrono::steady_clock::now() < until) {
+    }
+    const Publisher::Left left = publisher_->finish();
+    report_engine();
+    const EngineFigures figures = publisher_->figures();
+    notices_->nats_lost(figures);
+    if (left.events + left.chunks != 0) {
+        lines_.say("not sent to nats", counted(left.events, "event") + " and " +
+                                           counted(left.chunks, "chunk") +
+                                           " of audio: no server took them before the end");
+    }
+    failed_ = failed_ || left.events + left.chunks + figures.lost_events + figures.lost_chunks != 0;
+}
+
 void Outputs::add_figures(NodeFigures& figures) const {
     figures.removed_calls = removed_calls_;
     figures.removed_bytes = removed_bytes_;
@@ -650,6 +715,9 @@ void Outputs::add_figures(NodeFigures& figures) const {
     figures.lost_frames = console_.lost_frames();
     if (reports_ != nullptr) {
         figures.reports = reports_->figures();
+    }
+    if (publisher_ != nullptr) {
+        figures.engine = publisher_->figures();
     }
 }
 

@@ -26,9 +26,11 @@
 #include "node/audio/retention.h"
 #include "node/audio/task_thread.h"
 #include "node/calls/call_listener.h"
+#include "node/engine/publisher.h"
 #include "node/lane_outputs.h"
 #include "node/options.h"
 #include "node/reload_list.h"
+#include "node/report/audio_stream.h"
 #include "node/report/console.h"
 #include "node/report/end_command.h"
 #include "node/report/event_file.h"
@@ -102,6 +104,7 @@ class Outputs {
 
   private:
     std::string open_events();
+    std::string open_engine();
     std::string open_metrics();
     std::string open_sender();
     std::string open_samples();
@@ -121,6 +124,8 @@ class Outputs {
     void report_lost_output();
     void remove_old_files();
     void report_removed();
+    void report_engine();
+    void finish_engine();
     void finish_commands();
     LostEvents finish_events();
     template <typename Done>
@@ -156,6 +161,8 @@ class Outputs {
     std::unique_ptr<analysis::SampleLoader> sample_loader_;
     std::unique_ptr<EventLog> events_;  // These are null unless requested.
     std::unique_ptr<ReportSender> reports_;
+    std::unique_ptr<Publisher> publisher_;
+    std::unique_ptr<AudioStream> audio_stream_;
     Metrics metrics_;
     std::unique_ptr<MetricsPort> metrics_port_;
     std::unique_ptr<FileNames> file_names_;

@@ -35,6 +35,10 @@ void EventLog::audio_dropped(std::uint64_t bytes) {
     write("audio_dropped", {{"bytes", bytes}});
 }
 
+void EventLog::nats_lost(std::uint64_t events, std::uint64_t chunks) {
+    write("nats_lost", {{"events", events}, {"audio_chunks", chunks}});
+}
+
 void EventLog::left_behind(const LeftoverFile& file) {
     write("leftover", {{"path", file.path},
                        {"sample_rate", file.format.sample_rate},
@@ -181,11 +185,14 @@ std::uint64_t EventLog::waiting() const {
 }
 
 void EventLog::write(const char* event, const Call& call, const Json& fields) {
-    write(event, of_call(call, fields));
+    write(event, of_call(call, fields), uuid_text(call.uuid()));
 }
 
-void EventLog::write(const char* event, const Json& fields) {
+void EventLog::write(const char* event, const Json& fields, const std::string& call) {
     const std::string line = event_text(event, fields);
+    if (copy_) {
+        copy_(event, call, line);
+    }
     const LockGuard lock(mutex_);
     if (failing_ && waiting_.size() >= MOST_WAITING) {
         ++dropped_;

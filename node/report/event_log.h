@@ -30,8 +30,15 @@ class EventLog : public CallListener {
     // of the log held.
     using Sink = std::function<std::size_t(const char* lines, std::size_t size)>;
 
+    // Receives the kind of each event, the UUID of its call or an empty text, and its JSON object.
+    using Copy = std::function<void(const std::string& kind, const std::string& call,
+                                    const std::string& text)>;
+
     // With `every_packet`, data packets are events, too.
     EventLog(Sink sink, bool every_packet) : sink_(std::move(sink)), every_packet_(every_packet) {}
+
+    // Passes each event to `copy`, too. Call it before the first event.
+    void copy_to(Copy copy) { copy_ = std::move(copy); }
 
     void listening(const std::string& address);
     // `source` is the sender, "a.b.c.d:port".
@@ -40,6 +47,8 @@ class EventLog : public CallListener {
     void not_allowed(std::uint64_t packets, const sockaddr_in& source);
     void overflow(std::uint64_t packets);
     void audio_dropped(std::uint64_t bytes);
+    // Events and chunks of audio that were lost because too many waited for NATS.
+    void nats_lost(std::uint64_t events, std::uint64_t chunks);
     void left_behind(const LeftoverFile& file);
     void removed(const RemovedCall& call);
 
@@ -71,7 +80,8 @@ class EventLog : public CallListener {
     bool write_out() QV_REQUIRES(mutex_);
     void report_loss() QV_REQUIRES(mutex_);
     void add(const std::string& line) QV_REQUIRES(mutex_);
-    void write(const char* event, const nlohmann::json& fields) QV_EXCLUDES(mutex_);
+    void write(const char* event, const nlohmann::json& fields, const std::string& call = {})
+        QV_EXCLUDES(mutex_);
     void write(const char* event, const Call& call, const nlohmann::json& fields);
 
     static constexpr std::size_t MOST_WAITING = 1 << 20;  // Bytes, while writing fails.
@@ -79,6 +89,7 @@ class EventLog : public CallListener {
 
     const Sink sink_;
     const bool every_packet_;
+    Copy copy_;  // Empty unless set. Constant since the first event.
     mutable Mutex mutex_;
     bool failing_ QV_GUARDED_BY(mutex_) = false;  // Whether the latest attempt to write failed.
     std::string waiting_ QV_GUARDED_BY(mutex_);   // Whole lines.

@@ -9,6 +9,7 @@
 
 #include "node/calls/totals.h"
 #include "node/calls/types.h"
+#include "node/engine/messages.h"
 #include "quorvane/media_packet.h"
 
 namespace qv::node {
@@ -51,6 +52,7 @@ struct NodeFigures : LaneFigures {
     std::uint64_t removed_calls = 0;      // By --keep,
     std::uint64_t removed_bytes = 0;      // and what they took on the disk.
     ReportFigures reports;
+    EngineFigures engine;
     std::string address;  // The address that the node listens on.
     Micros uptime{0};
 

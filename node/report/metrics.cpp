@@ -24,6 +24,7 @@ constexpr std::array<const char*, 4> TYPE_NAMES = {"start", "terminate", "data",
 constexpr std::array<const char*, 3> RUNNING_NAMES = {"audio_activity", "sample_detection",
                                                       "recording"};
 constexpr std::array<const char*, 4> REPORT_RESULTS = {"sent", "failed", "not_allowed", "too_many"};
+constexpr std::array<const char*, 2> NATS_RESULTS = {"sent", "lost"};
 
 constexpr const char* label_of(media::DecodeResult result) {
     switch (result) {
@@ -97,6 +98,8 @@ class Metrics::Impl {
           open_files(gauge("open_files", "Open WAV files")),
           waiting_audio(gauge("waiting_audio_bytes", "Audio that waits for the disk")),
           receive_buffer(gauge("receive_buffer_bytes", "Receive buffer that the system granted")),
+          nats_connected(gauge("nats_connected", "1 while there is a connection to NATS")),
+          nats_waiting(gauge("nats_waiting_bytes", "Events and audio that wait for NATS")),
           sample_references(gauge("sample_references", "Recordings that are searched for")),
           onsets(counter("activity_onsets_total", "Beginnings of audio activity")),
           not_analysed(counter("analysis_skipped_samples_total",
@@ -118,6 +121,12 @@ class Metrics::Impl {
         for (std::size_t i = 0; i < reports.size(); ++i) {
             reports[i] = &labelled("reports_total", "Reports to the report nodes of calls",
                                    "result", REPORT_RESULTS[i]);
+        }
+        for (std::size_t i = 0; i < NATS_RESULTS.size(); ++i) {
+            nats_events[i] = &labelled("nats_events_total", "Events for NATS", "result",
+                                       i == 0 ? "stored" : "lost");
+            nats_chunks[i] = &labelled("nats_audio_chunks_total", "Chunks of audio for NATS",
+                                       "result", NATS_RESULTS[i]);
         }
         for (std::size_t i = 0; i < DROP_COUNT; ++i) {
             dropped[i] = &labelled("unused_packets_total", "Packets that were not used", "reason",
@@ -187,6 +196,8 @@ class Metrics::Impl {
     Gauge& open_files;
     Gauge& waiting_audio;
     Gauge& receive_buffer;
+    Gauge& nats_connected;
+    Gauge& nats_waiting;
     Gauge& sample_references;
     Counter& onsets;
     Counter& not_analysed;
@@ -194,6 +205,8 @@ class Metrics::Impl {
     std::array<Gauge*, RUNNING_NAMES.size()> running{};
     std::array<Counter*, 4> packets{};
     std::array<Counter*, REPORT_RESULTS.size()> reports{};
+    std::array<Counter*, NATS_RESULTS.size()> nats_events{};
+    std::array<Counter*, NATS_RESULTS.size()> nats_chunks{};
     std::array<Counter*, DROP_COUNT> dropped{};
     std::array<Counter*, media::DECODE_RESULT_COUNT> malformed{};  // The first one is unused.
 };
@@ -247,6 +260,12 @@ void Metrics::update(const NodeFigures& figures, const Analyser::Figures& analys
     impl_->open_files.Set(static_cast<double>(figures.open_files));
     impl_->waiting_audio.Set(static_cast<double>(figures.waiting_bytes));
     impl_->receive_buffer.Set(static_cast<double>(figures.receive_buffer));
+    set(*impl_->nats_events[0], figures.engine.stored_events);
+    set(*impl_->nats_events[1], figures.engine.lost_events);
+    set(*impl_->nats_chunks[0], figures.engine.sent_chunks);
+    set(*impl_->nats_chunks[1], figures.engine.lost_chunks);
+    impl_->nats_connected.Set(figures.engine.connected ? 1 : 0);
+    impl_->nats_waiting.Set(static_cast<double>(figures.engine.waiting_bytes));
     for (std::size_t i = 0; i < totals.packets.size(); ++i) {
         set(*impl_->packets[i], totals.packets[i]);
     }

@@ -158,6 +158,21 @@ void Notices::too_many_reports(std::uint64_t total) {
     }
 }
 
+void Notices::nats_lost(const EngineFigures& figures) {
+    const std::uint64_t events =
+        figures.lost_events - std::exchange(reported_lost_events_, figures.lost_events);
+    const std::uint64_t chunks =
+        figures.lost_chunks - std::exchange(reported_lost_chunks_, figures.lost_chunks);
+    if (events == 0 && chunks == 0) {
+        return;
+    }
+    if (events_ != nullptr) {
+        events_->nats_lost(events, chunks);
+    }
+    lines_.say("lost for nats", counted(events, "event") + " and " + counted(chunks, "chunk") +
+                                    " of audio: too much waited");
+}
+
 void Notices::too_many_calls(std::uint64_t total) {
     const std::uint64_t fresh = total - std::exchange(reported_too_many_, total);
     if (fresh != 0 && !quiet_lines_) {

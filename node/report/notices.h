@@ -48,6 +48,8 @@ class Notices {
     // The number of reports so far that were left out because there were too many. Reports the
     // increase.
     void too_many_reports(std::uint64_t total);
+    // What was lost so far because too much waited for NATS. Reports the increase.
+    void nats_lost(const EngineFigures& figures);
     // The number of packets so far of calls beyond the limit. Reports the increase.
     void too_many_calls(std::uint64_t total);
 
@@ -63,6 +65,8 @@ class Notices {
     std::uint64_t reported_too_many_ = 0;
     std::uint64_t reported_refused_reports_ = 0;
     std::uint64_t reported_too_many_reports_ = 0;
+    std::uint64_t reported_lost_events_ = 0;
+    std::uint64_t reported_lost_chunks_ = 0;
     Mutex mutex_;
     // By reason; those that no thread had to report are not counted.
     std::array<std::uint64_t, media::DECODE_RESULT_COUNT> malformed_ QV_GUARDED_BY(mutex_){};

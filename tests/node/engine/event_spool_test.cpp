@@ -1,0 +1,131 @@
+#include "node/engine/event_spool.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+
+namespace qv::node {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+EventSpool::Event event(const std::string& id, const std::string& text = R"({"a": "b c"})") {
+    return std::make_shared<const EngineEvent>(EngineEvent{"call", "start", text, id});
+}
+
+class EventSpoolTest : public ::testing::Test {
+  protected:
+    EventSpoolTest() {
+        std::string pattern = fs::temp_directory_path() / "spool-XXXXXX";
+        folder_ = fs::path(mkdtemp(pattern.data())) / "spool";
+    }
+    ~EventSpoolTest() override { fs::remove_all(folder_.parent_path()); }
+    EventSpoolTest(const EventSpoolTest&) = delete;
+    EventSpoolTest& operator=(const EventSpoolTest&) = delete;
+
+    // Opens the folder in place of the program that used it.
+    void open() {
+        spool_.reset();
+        spool_ = std::make_unique<EventSpool>(folder_);
+        found_.clear();
+        EXPECT_EQ(spool_->open([this](const EventSpool::Event& each) { found_.push_back(each); }),
+                  "");
+    }
+
+    std::string ids() const {
+        std::string ids;
+        for (const EventSpool::Event& each : found_) {
+            ids += each->id + ' ';
+        }
+        return ids;
+    }
+
+    std::size_t files() const {
+        std::size_t count = 0;
+        for (const auto& entry : fs::directory_iterator(folder_)) {
+            count += entry.path().extension() == ".events" ? 1 : 0;
+        }
+        return count;
+    }
+
+    fs::path folder_;
+    std::unique_ptr<EventSpool> spool_;
+    std::vector<EventSpool::Event> found_;
+};
+
+TEST_F(EventSpoolTest, EventsOfAnEarlierRunAreFoundInTheirOrder) {
+    open();
+    EXPECT_EQ(spool_->keep({event("x-1"), event("x-2")}), "");
+    EXPECT_EQ(spool_->keep({event("x-3")}), "");
+    open();
+    ASSERT_EQ(ids(), "x-1 x-2 x-3 ");
+    EXPECT_EQ(found_[0]->call, "call");
+    EXPECT_EQ(found_[0]->kind, "start");
+    EXPECT_EQ(found_[0]->text, R"({"a": "b c"})");
+}
+
+TEST_F(EventSpoolTest, ReleasedEventsAreNotFoundAgain) {
+    open();
+    spool_->keep({event("x-1"), event("x-2"), event("x-3")});
+    EXPECT_EQ(spool_->release({"x-2"}), "");
+    open();
+    EXPECT_EQ(ids(), "x-1 x-3 ");
+    EXPECT_EQ(spool_->release({"x-1"}), "");
+    open();
+    EXPECT_EQ(ids(), "x-3 ");
+}
+
+TEST_F(EventSpoolTest, FileWithoutKeptEventsIsRemoved) {
+    open();
+    spool_->keep({event("x-1", std::string(2 << 20, 'a'))});
+    spool_->keep({event("x-2")});
+    EXPECT_EQ(files(), 2U);
+    spool_->release({"x-1"});
+    EXPECT_EQ(files(), 1U);
+    spool_->release({"x-2"});
+    open();
+    EXPECT_EQ(files(), 0U);
+}
+
+TEST_F(EventSpoolTest, NewEventsComeAfterThoseOfEarlierRuns) {
+    open();
+    spool_->keep({event("x-1")});
+    open();
+    spool_->keep({event("y-1")});
+    open();
+    EXPECT_EQ(ids(), "x-1 y-1 ");
+}
+
+TEST_F(EventSpoolTest, LineThatWasCutHarmsNoOther) {
+    open();
+    spool_->keep({event("x-1"), event("x-2")});
+    spool_.reset();
+    std::ofstream(folder_ / "1.events", std::ios::app) << "+ x-3 call start {\"cu";
+    open();
+    EXPECT_EQ(ids(), "x-1 x-2 ");
+    spool_->release({"x-2"});
+    open();
+    EXPECT_EQ(ids(), "x-1 ");
+}
+
+TEST_F(EventSpoolTest, FolderInUseIsRefused) {
+    open();
+    EventSpool second(folder_);
+    EXPECT_NE(second.open([](const EventSpool::Event& /*event*/) {}), "");
+}
+
+TEST_F(EventSpoolTest, FolderThatCannotBeMadeIsNamed) {
+    EventSpool spool("/proc/none/spool");
+    const std::string error = spool.open([](const EventSpool::Event& /*event*/) {});
+    EXPECT_NE(error.find("/proc/none/spool"), std::string::npos) << error;
+}
+
+}  // namespace
+
+}  // namespace qv::node
