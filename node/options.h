@@ -60,7 +60,7 @@ struct Options {
     KeepLimits keep;                        // What is removed of finished calls.
     double sync_s = 0;                      // Interval between flushes to the disk. 0: none.
     EngineSettings engine;
-    std::string samples;                    // Folder of references. Empty: none.
+    std::string samples;  // Folder of references. Empty: none.
     analysis::ActivityOptions activity;
     CallLimits limits;
 };
