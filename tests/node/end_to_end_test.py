@@ -64,7 +64,7 @@ def listed_event_fields():
         fields |= PACKET_FIELDS if "the common fields" in text else set()
         fields |= {"sides"} if kind == "end" else set()
         if kind not in ("listening", "not_allowed", "malformed", "overflow", "events_lost",
-                        "leftover", "audio_dropped", "removed"):
+                        "leftover", "audio_dropped", "removed", "nats_lost"):
             fields |= {"call_key", "call_uuid", "source"}
         listed[kind] = listed["data"] if text.startswith("the same,") else fields
     return listed
@@ -852,7 +852,8 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertEqual(set(listed) - set(seen),
                              {"overflow", "events_lost", "not_allowed", "foreign",
                               "terminate_refused", "leftover", "activity", "sample",
-                              "analysis_skipped", "rate_change", "audio_dropped"})
+                              "analysis_skipped", "rate_change", "audio_dropped", "removed",
+                              "nats_lost"})
             for kind, fields in seen.items():
                 self.assertEqual(fields, listed[kind], kind)
             self.assertEqual(set(node.events("end")[0]["sides"]["originator"]), LISTED_SIDE)
