@@ -58,8 +58,8 @@ def listed_event_fields():
     listed = {}
     table = DOCUMENT.split("## Events")[1].split("|---|---|")[1].split("\n## ")[0]
     for kind, text in re.findall(r"^\| `(\w+)`[^|]*\| (.*) \|$", table, re.M):
-        # Text in brackets explains the field before it.
-        plain = re.sub(r"\([^()]*\)", "", text.split(", and under")[0])
+        # Text in brackets explains the field before it, and may have brackets itself.
+        plain = re.sub(r"\((?:[^()]|\([^()]*\))*\)", "", text.split(", and under")[0])
         fields = set(re.findall(r"`(\w+)`", plain)) | {"event", "time"}
         fields |= PACKET_FIELDS if "the common fields" in text else set()
         fields |= {"sides"} if kind == "end" else set()
