@@ -16,31 +16,32 @@
 #include "quorvane_lib/mutex.h"
 #include "tests/support/golden.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
-using qv::tests::Bytes;
+using tests::Bytes;
 
 // Notes the thread on which each call is handled.
 class ThreadDiary : public CallListener {
   public:
-    void started(const Call& call, const qv::media::Packet& /*packet*/) override { note(call); }
-    void terminated(const Call& call, const qv::media::Packet& /*packet*/) override { note(call); }
+    void started(const Call& call, const media::Packet& /*packet*/) override { note(call); }
+    void terminated(const Call& call, const media::Packet& /*packet*/) override { note(call); }
     void ended(const Call& /*call*/, EndReason /*reason*/) override { ++ended_calls; }
 
     std::map<Uuid, std::set<std::thread::id>> threads() {
-        const qv::LockGuard lock(mutex_);
+        const LockGuard lock(mutex_);
         return threads_;
     }
     std::atomic<std::size_t> ended_calls{0};
 
   private:
     void note(const Call& call) {
-        const qv::LockGuard lock(mutex_);
+        const LockGuard lock(mutex_);
         threads_[call.uuid()].insert(std::this_thread::get_id());
     }
 
-    qv::Mutex mutex_;
+    Mutex mutex_;
     std::map<Uuid, std::set<std::thread::id>> threads_ QV_GUARDED_BY(mutex_);
 };
 
@@ -64,7 +65,7 @@ class LanesTest : public testing::Test {
         shared_.limits.linger = Micros{0};
         shared_.limits.max_calls = 20'000;
         shared_.directory = std::make_shared<CallDirectory>(shared_.limits);
-        shared_.on_malformed = [](const Datagram&, qv::media::DecodeResult, std::uint64_t) {};
+        shared_.on_malformed = [](const Datagram&, media::DecodeResult, std::uint64_t) {};
         to_.sin_family = AF_INET;
         to_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     }
@@ -128,8 +129,8 @@ TEST_F(LanesTest, EachOfTenThousandCallsStaysOnOneThread) {
     constexpr std::uint32_t CALLS = 10'000;
 #endif
     open(2);
-    const Bytes start = qv::tests::golden("call_1_start");
-    const Bytes terminate = qv::tests::golden("call_7_terminate");
+    const Bytes start = tests::golden("call_1_start");
+    const Bytes terminate = tests::golden("call_7_terminate");
     for (std::uint32_t call = 0; call < CALLS; ++call) {
         send(of_call(start, call));
     }
@@ -153,7 +154,7 @@ TEST_F(LanesTest, EachOfTenThousandCallsStaysOnOneThread) {
 TEST_F(LanesTest, StopEndsTheCallsOfAllThreads) {
     open(3);
     for (std::uint32_t call = 0; call < 50; ++call) {
-        send(of_call(qv::tests::golden("call_1_start"), call));
+        send(of_call(tests::golden("call_1_start"), call));
     }
     lanes_->stop();
     EXPECT_EQ(diary_.ended_calls, 50u);
@@ -167,9 +168,9 @@ TEST_F(LanesTest, DatagramsThatComeInOneBundleReachTheThreadsOfTheirCalls) {
     constexpr std::uint32_t CALLS = 40;
     open(2);
     Bytes bundle;
-    const Bytes terminate = qv::tests::golden("call_7_terminate");
+    const Bytes terminate = tests::golden("call_7_terminate");
     for (std::uint32_t call = 0; call < CALLS; ++call) {
-        send(of_call(qv::tests::golden("call_1_start"), call));
+        send(of_call(tests::golden("call_1_start"), call));
         const Bytes end = of_call(terminate, call);
         bundle.insert(bundle.end(), end.begin(), end.end());
     }
@@ -188,7 +189,7 @@ TEST_F(LanesTest, DatagramsThatComeInOneBundleReachTheThreadsOfTheirCalls) {
 }
 
 TEST_F(LanesTest, WhatEndsAThreadEndsTheProgram) {
-    shared_.on_malformed = [](const Datagram&, qv::media::DecodeResult, std::uint64_t) {
+    shared_.on_malformed = [](const Datagram&, media::DecodeResult, std::uint64_t) {
         throw std::runtime_error("broken");
     };
     open(2);
@@ -202,3 +203,5 @@ TEST_F(LanesTest, WhatEndsAThreadEndsTheProgram) {
 }
 
 }  // namespace
+
+}  // namespace qv::node

@@ -1,7 +1,5 @@
-"""Runs quorvane-node with several threads, as a process, and sends it many calls.
-
-usage: threads_test.py QUORVANE_NODE GOLDEN_FOLDER
-"""
+"""Runs quorvane-node with several threads, as a process, and sends it many calls."""
+import argparse
 import collections
 import json
 import pathlib
@@ -17,7 +15,11 @@ import unittest
 import urllib.request
 import wave
 
-NODE, GOLDEN = sys.argv[1], pathlib.Path(sys.argv[2])
+PARSER = argparse.ArgumentParser(description=__doc__)
+PARSER.add_argument("node", metavar="QUORVANE_NODE")
+PARSER.add_argument("golden", metavar="GOLDEN_FOLDER", type=pathlib.Path)
+ARGUMENTS, OTHER_ARGUMENTS = PARSER.parse_known_args()
+NODE, GOLDEN = ARGUMENTS.node, ARGUMENTS.golden
 THREADS = 2
 PACKETS = 20  # Of each side of a call.
 SAMPLES = 160

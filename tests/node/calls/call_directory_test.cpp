@@ -7,12 +7,13 @@
 #include "node/calls/call_table.h"
 #include "tests/support/golden.h"
 
+namespace qv::node {
+
 namespace {
 
-using namespace qv::node;
 using namespace std::chrono_literals;
-using qv::tests::Bytes;
-using qv::tests::golden;
+using tests::Bytes;
+using tests::golden;
 
 // Two call tables of one program, as two threads have them.
 class CallDirectoryTest : public testing::Test {
@@ -33,9 +34,9 @@ class CallDirectoryTest : public testing::Test {
         Bytes datagram = golden(name);
         datagram[8] = key;
         datagram[31] = uuid;
-        qv::media::Packet packet;
-        ASSERT_EQ(qv::media::decode_packet(datagram.data(), datagram.size(), packet),
-                  qv::media::DecodeResult::OK);
+        media::Packet packet;
+        ASSERT_EQ(media::decode_packet(datagram.data(), datagram.size(), packet),
+                  media::DecodeResult::OK);
         table.receive(packet, {now_, {}});
     }
     void pass(Micros time) {
@@ -98,3 +99,5 @@ TEST_F(CallDirectoryTest, CallThatTimedOutGoesOnInAnotherTableWhereItWas) {
 }
 
 }  // namespace
+
+}  // namespace qv::node
