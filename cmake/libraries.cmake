@@ -30,10 +30,12 @@ quorvane_find_library(pcap pcap/pcap.h pcap)
 quorvane_find_library(nats nats/nats.h nats)
 quorvane_find_library(asio asio.hpp)
 if(TARGET quorvane::asio)
+  target_compile_definitions(quorvane::asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
   # The thread sanitizer does not understand memory fences and would report false races. Asio's
   # locks order all that the program shares between threads.
-  target_compile_definitions(quorvane::asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED
-    $<$<STREQUAL:${QUORVANE_SANITIZE},thread>:ASIO_DISABLE_FENCED_BLOCK>)
+  if(QUORVANE_SANITIZE STREQUAL thread)
+    target_compile_definitions(quorvane::asio INTERFACE ASIO_DISABLE_FENCED_BLOCK)
+  endif()
 endif()
 
 # quorvane_require(RESULT PROGRAM TARGET...): sets RESULT to whether all libraries that a

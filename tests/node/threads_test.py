@@ -238,4 +238,4 @@ class ThreadsTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1])
+    unittest.main(argv=[sys.argv[0], *OTHER_ARGUMENTS])
