@@ -13,7 +13,7 @@ constexpr const char* SIZES = "KMGT";
 }  // namespace
 
 std::string read_keep_limit(const std::string& text, KeepLimits& limits) {
-    const std::string complaint =
+    std::string complaint =
         "'" + text + "' is neither a number of days, such as 30d, nor of bytes, such as 200G";
     const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
     if (digits == 0 || digits > 9 || digits + 1 != text.size()) {

@@ -81,6 +81,7 @@ class Folder {
             return false;
         }
         errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread uses this stream.
         while (const dirent* const entry = ::readdir(entries)) {
             visit(std::string(entry->d_name));
             errno = 0;

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 constexpr const char* ENDING = ".events";
 
 std::string error_text() {
-    return std::strerror(errno);
+    return std::generic_category().message(errno);
 }
 
 // An event is one line, and so is the note that it need not be kept.
@@ -89,7 +89,7 @@ std::string EventSpool::open(const std::function<void(const Event&)>& use) {
     std::sort(found.begin(), found.end());
     for (const auto& [number, path] : found) {
         last_file_ = number;
-        const std::string complaint = read(path, use);
+        std::string complaint = read(path, use);
         if (!complaint.empty()) {
             return complaint;
         }
@@ -155,7 +155,7 @@ std::string EventSpool::keep(const std::vector<Event>& events) {
     }
     const auto last = files_.find(last_file_);
     if (last == files_.end() || last->second.full) {
-        const std::string error = begin_file();
+        std::string error = begin_file();
         if (!error.empty()) {
             return error;
         }
@@ -165,7 +165,7 @@ std::string EventSpool::keep(const std::vector<Event>& events) {
         text += kept_line(*event);
     }
     File& file = files_.at(last_file_);
-    const std::string error = append(file, text);
+    std::string error = append(file, text);
     if (!error.empty()) {
         return error;
     }
@@ -202,7 +202,7 @@ std::string EventSpool::release(const std::vector<std::string>& ids) {
 // Appends all of it or nothing.
 std::string EventSpool::append(File& file, const std::string& text) {
     if (!write_all(file.descriptor, text)) {
-        const std::string error = file.path + ": " + error_text();
+        std::string error = file.path + ": " + error_text();
         // What was written of it is ignored if this fails, too, because its last line is cut.
         file.full = ::ftruncate(file.descriptor, static_cast<off_t>(file.size)) != 0;
         return error;

@@ -21,8 +21,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr std::size_t MOST_UNDER_WAY = 512;        // Events.
-constexpr std::uint64_t BATCH_BYTES = 512 * 1024;  // Of audio, between two answers of the server.
+constexpr std::size_t MOST_UNDER_WAY = 512;  // Events.
+constexpr std::uint64_t BATCH_BYTES =
+    512ULL * 1024;  // Of audio, between two answers of the server.
 constexpr std::size_t BATCH_CHUNKS = 512;
 constexpr milliseconds TICK{100};
 constexpr milliseconds ANSWER_TIME{5000};  // An event that is not answered is sent again.
@@ -270,7 +271,7 @@ class NatsPublisher : public Publisher {
     std::string open_spool() QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
         spool_ = std::make_unique<EventSpool>(settings_.spool);
-        const std::string error =
+        std::string error =
             spool_->open([this](const EventQueue::Event& event) QV_NO_THREAD_SAFETY_ANALYSIS {
                 add(event);  // The lock is held.
             });

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <sstream>
+#include <system_error>
 
 namespace qv::node {
 
@@ -129,7 +129,7 @@ std::string add_urls(EngineSettings& settings, const std::string& list, bool sec
     while (std::getline(urls, part, ',')) {
         std::string url = trimmed(part);
         if (url.find("://") == std::string::npos) {
-            url = "nats://" + url;
+            url.insert(0, "nats://");
         }
         if (!starts_with(url, "nats://") && !starts_with(url, "tls://")) {
             return "'" + plain_url(url) + "' is neither nats:// nor tls://";
@@ -160,7 +160,9 @@ std::string read_settings(EngineSettings& settings, const std::string& path, boo
     std::ifstream file(path);
     if (!file) {
         const int reason = errno;
-        return reason == ENOENT && !required ? "" : path + ": " + std::strerror(reason);
+        return reason == ENOENT && !required
+                   ? ""
+                   : path + ": " + std::generic_category().message(reason);
     }
     EngineSettings ignored;
     const auto known = setters(settings);
@@ -175,14 +177,15 @@ std::string read_settings(EngineSettings& settings, const std::string& path, boo
         const std::size_t equals = text.find('=');
         const std::string name = trimmed(text.substr(0, equals));
         if (equals == std::string::npos || known.count(name) == 0) {
-            return place + "'" + name + "' is " +
-                   (equals == std::string::npos ? "not name = value" : "not a known name");
+            const char* const what =
+                equals == std::string::npos ? "not name = value" : "not a known name";
+            return (place + '\'').append(name).append("' is ").append(what);
         }
         const bool leave = std::find(given.begin(), given.end(), name) != given.end();
         const std::string error =
             (leave ? checked_only : known).at(name)(trimmed(text.substr(equals + 1)));
         if (!error.empty()) {
-            return place + name + ": " + error;
+            return (place + name).append(": ").append(error);
         }
     }
     if (holds_secrets(settings) && others_may_read(path)) {

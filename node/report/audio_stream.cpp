@@ -14,9 +14,9 @@ namespace qv::node {
 namespace {
 
 // Audio of a side that may wait until the sample rate is known: eight seconds at 8 kHz.
-constexpr std::uint64_t MOST_HELD_SAMPLES = 64 * 1024;
+constexpr std::uint64_t MOST_HELD_SAMPLES = 64ULL * 1024;
 // Of a chunk, so that every server takes it: a quarter of a megabyte.
-constexpr std::size_t MOST_CHUNK_SAMPLES = 128 * 1024;
+constexpr std::size_t MOST_CHUNK_SAMPLES = 128ULL * 1024;
 
 // Forged send times may overflow.
 std::int64_t later(std::int64_t send_time, double seconds) {

@@ -21,7 +21,7 @@ class Console : private std::stringbuf {
     // Waits a moment. Returns false when there must be no more waiting.
     using KeepWaiting = std::function<bool()>;
 
-    static constexpr std::size_t MOST_BYTES = 256 * 1024;
+    static constexpr std::size_t MOST_BYTES = 256ULL * 1024;
 
     explicit Console(int descriptor);
     ~Console() override { pubsync(); }
