@@ -266,7 +266,7 @@ std::string read_engine_options(const CLI::App& app, EngineSettings& engine) {
         }
     }
     const std::string path = file_given ? app["--nats-config"]->as<std::string>() : NATS_FILE;
-    const std::string error = read_settings(engine, path, file_given, settings_given(app));
+    std::string error = read_settings(engine, path, file_given, settings_given(app));
     if (error.empty() && engine.urls.empty()) {
         return path + ": url is missing, and --nats is not given";
     }

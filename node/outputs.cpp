@@ -569,8 +569,8 @@ LostEvents Outputs::finish_events() {
         return events_outlet_->wait(until) && events_->waiting() == 0;
     });
     flush_events();
-    const LostEvents lost{events_->dropped() + events_->waiting() + events_outlet_->waiting_lines(),
-                          options_.events};
+    LostEvents lost{events_->dropped() + events_->waiting() + events_outlet_->waiting_lines(),
+                    options_.events};
     failed_ = failed_ || lost.count != 0;
     return lost;
 }
