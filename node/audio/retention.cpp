@@ -114,12 +114,12 @@ class Folder {
     }
 
     // Removes the file unless it has changed since it was looked at. Returns 0 or the error number.
-    int remove(const FolderFile& file) const {
+    int remove(const FolderFile& file, const Retention::Remove& remove) const {
         const std::optional<FolderFile> now = look_at(file.name);
         if (!now.has_value() || now->inode != file.inode || now->changed != file.changed) {
             return ESTALE;
         }
-        return ::unlinkat(descriptor_, file.name.c_str(), 0) == 0 ? 0 : errno;
+        return remove(descriptor_, file.name.c_str());
     }
 
   private:
@@ -155,6 +155,10 @@ bool looks_like_ours(const Folder& folder, const FolderFile& file, const std::st
 
 }  // namespace
 
+int remove_from_folder(int folder, const char* name) {
+    return ::unlinkat(folder, name, 0) == 0 ? 0 : errno;
+}
+
 // What the thread does. It owns all that it uses, so that it may outlive the Retention.
 class Retention::Work {
   public:
@@ -170,15 +174,19 @@ class Retention::Work {
             return one.changed() < another.changed();
         });
         std::uint64_t bytes = all_bytes_;
+        // The room that a call was to make is not taken from newer calls.
+        bool failed = false;
         for (const FolderCall& call : calls) {
             const bool young = call.changed() > now - YOUNG;
             const bool old = options_.limits.age.has_value() && trusted() &&
                              call.changed() < now - *options_.limits.age;
-            const bool too_much = bytes > options_.limits.bytes.value_or(bytes);
-            if (ending_ || young || failed_.count(call.stem) != 0 || (!old && !too_much)) {
+            const bool too_much = !failed && bytes > options_.limits.bytes.value_or(bytes);
+            if (ending_ || young || (!old && !too_much)) {
                 continue;
             }
-            bytes -= std::min(bytes, remove(folder, call, old));
+            const Removal removal = remove(folder, call, old);
+            bytes -= std::min(bytes, removal.freed);
+            failed = failed || removal.failed;
         }
     }
 
@@ -190,6 +198,11 @@ class Retention::Work {
     void end() { ending_ = true; }
 
   private:
+    struct Removal {
+        std::uint64_t freed;  // Bytes.
+        bool failed;          // A file of the call is still there.
+    };
+
     // Returns the calls whose files may be removed, and counts the bytes of all.
     std::vector<FolderCall> finished_calls(const Folder& folder,
                                            const std::set<std::string>& present) {
@@ -256,27 +269,29 @@ class Retention::Work {
 
     bool trusted() const { return options_.uptime() >= distrusted_until_; }
 
-    // Returns the bytes that it has freed.
-    std::uint64_t remove(const Folder& folder, const FolderCall& call, bool by_age)
-        QV_EXCLUDES(mutex_) {
+    // A call that could not be removed is reported once, and tried again with each look.
+    Removal remove(const Folder& folder, const FolderCall& call, bool by_age) QV_EXCLUDES(mutex_) {
         RemovedCall removed{call.stem, {}, 0, by_age, {}};
         for (const FolderFile& file : call.files) {
-            const int error = folder.remove(file);
+            const int error = folder.remove(file, options_.remove);
             if (error == 0) {
                 removed.files.push_back(file.name);
                 removed.bytes += file.bytes;
             } else if (error != ENOENT && error != ESTALE) {
                 removed.error = file.name + ": " + std::generic_category().message(error);
-                failed_.insert(call.stem);
             }
         }
         std::sort(removed.files.begin(), removed.files.end());
-        const std::uint64_t bytes = removed.bytes;
-        if (!removed.files.empty() || !removed.error.empty()) {
+        const Removal removal{removed.bytes, !removed.error.empty()};
+        const bool new_error = removal.failed && failed_.insert(call.stem).second;
+        if (!removal.failed) {
+            failed_.erase(call.stem);
+        }
+        if (!removed.files.empty() || new_error) {
             const LockGuard lock(mutex_);
             result_.removed.push_back(std::move(removed));
         }
-        return bytes;
+        return removal;
     }
 
     const Options options_;

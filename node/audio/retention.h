@@ -7,6 +7,9 @@
 // clock cannot be trusted: if it has jumped, or if no call of the last day is in the folder,
 // nothing is removed by age for a day.
 //
+// A call that cannot be removed is tried again with each look. While it is there, no newer call is
+// removed by size in its place.
+//
 // The work is done on a thread of its own. The public functions belong to the owner's thread.
 #pragma once
 
@@ -38,8 +41,13 @@ struct RetentionResult {
     std::string distrust;  // Why nothing is removed by age. Told once.
 };
 
+// Removes the file of that name from the open folder. Returns 0 or the error number.
+int remove_from_folder(int folder, const char* name);
+
 class Retention {
   public:
+    using Remove = std::function<int(int folder, const char* name)>;
+
     struct Options {
         std::string folder;
         std::string pattern = "{uuid}";  // Of file names; it has the UUID.
@@ -47,6 +55,7 @@ class Retention {
         // The present time since 1970, and the time since the machine was started.
         std::function<Micros()> wall_clock;
         std::function<Micros()> uptime;
+        Remove remove = remove_from_folder;
     };
 
     explicit Retention(const Options& options);
