@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -124,6 +125,20 @@ TEST_F(OpenListTest, AudioThatTheHeaderDoesNotCountIsRecovered) {
     const std::string bytes((std::istreambuf_iterator<char>(file)), {});
     EXPECT_EQ(bytes, header_text({8000, 1}, 8) + "12345678");
     EXPECT_EQ(hidden_files(), 0u);
+}
+
+TEST_F(OpenListTest, RepairedFileStaysAsOldAsItsAudio) {
+    put("a.wav", header_text({8000, 1}, 4) + "12345678");
+    put_list("8000 1 a.wav\n");
+    // 2026-01-31T12:00:00Z
+    const timespec time{1'769'860'800, 123'456'789};
+    const timespec times[] = {time, time};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path("a.wav").c_str(), times, 0), 0);
+    EXPECT_EQ(recover_leftovers(folder_).at(0).recovered, 2u);
+    struct stat status {};
+    ASSERT_EQ(::stat(path("a.wav").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mtim.tv_sec, 1'769'860'800);
+    EXPECT_EQ(status.st_mtim.tv_nsec, 123'456'789);
 }
 
 TEST_F(OpenListTest, HalfAFrameIsCutOff) {
