@@ -113,10 +113,14 @@ class Folder {
         return text;
     }
 
-    // Removes the file unless it has changed since it was looked at. Returns 0 or the error number.
+    // Removes the file unless it has changed since it was looked at. Returns 0 or the error number:
+    // ENOENT if it is gone, ESTALE if it has changed.
     int remove(const FolderFile& file, const Retention::Remove& remove) const {
         const std::optional<FolderFile> now = look_at(file.name);
-        if (!now.has_value() || now->inode != file.inode || now->changed != file.changed) {
+        if (!now.has_value()) {
+            return ENOENT;
+        }
+        if (now->inode != file.inode || now->changed != file.changed) {
             return ESTALE;
         }
         return remove(descriptor_, file.name.c_str());
@@ -272,17 +276,20 @@ class Retention::Work {
     // A call that could not be removed is reported once, and tried again with each look.
     Removal remove(const Folder& folder, const FolderCall& call, bool by_age) QV_EXCLUDES(mutex_) {
         RemovedCall removed{call.stem, {}, 0, by_age, {}};
+        std::uint64_t gone = 0;  // Bytes that another program has freed meanwhile.
         for (const FolderFile& file : call.files) {
             const int error = folder.remove(file, options_.remove);
             if (error == 0) {
                 removed.files.push_back(file.name);
                 removed.bytes += file.bytes;
-            } else if (error != ENOENT && error != ESTALE) {
+            } else if (error == ENOENT) {
+                gone += file.bytes;
+            } else if (error != ESTALE) {
                 removed.error = file.name + ": " + std::generic_category().message(error);
             }
         }
         std::sort(removed.files.begin(), removed.files.end());
-        const Removal removal{removed.bytes, !removed.error.empty()};
+        const Removal removal{removed.bytes + gone, !removed.error.empty()};
         const bool new_error = removal.failed && failed_.insert(call.stem).second;
         if (!removal.failed) {
             failed_.erase(call.stem);

@@ -274,6 +274,20 @@ TEST_F(RetentionTest, CallThatCannotBeRemovedDoesNotKeepOtherOldOnes) {
     EXPECT_EQ(names(), (Names{OLDER + "-originator.wav", NEW + "-originator.wav"}));
 }
 
+TEST_F(RetentionTest, CallThatAnotherProgramRemovesMeanwhileMakesRoom) {
+    put_file(OLDER + "-originator.wav", 3 * DAY, 300'000);
+    put_file(OLD + "-originator.wav", 2 * DAY, 300'000);
+    put_file(NEW + "-originator.wav", 1h, 300'000);
+    Retention::Options sharing = options("700K");
+    sharing.wall_clock = [this] {  // Called when the folder has been read.
+        std::filesystem::remove(path(OLDER + "-originator.wav"));
+        return now_;
+    };
+    Retention retention(sharing);
+    EXPECT_TRUE(look(retention).removed.empty());
+    EXPECT_EQ(names(), (Names{OLD + "-originator.wav", NEW + "-originator.wav"}));
+}
+
 TEST_F(RetentionTest, MissingFolderIsNoError) {
     Retention::Options missing = options("30d");
     missing.folder = path("missing");
