@@ -171,7 +171,11 @@ class Retention::Work {
     // The thread's: one look at the folder.
     void look(const std::set<std::string>& present) QV_EXCLUDES(mutex_) {
         const Folder folder(options_.folder);
-        std::vector<FolderCall> calls = finished_calls(folder, present);
+        std::optional<std::vector<FolderCall>> found = finished_calls(folder, present);
+        if (!found.has_value()) {
+            return;
+        }
+        std::vector<FolderCall>& calls = *found;
         const Micros now = options_.wall_clock();
         note_clock(now, calls);
         std::sort(calls.begin(), calls.end(), [](const FolderCall& one, const FolderCall& another) {
@@ -207,12 +211,13 @@ class Retention::Work {
         bool failed;          // A file of the call is still there.
     };
 
-    // Returns the calls whose files may be removed, and counts the bytes of all.
-    std::vector<FolderCall> finished_calls(const Folder& folder,
-                                           const std::set<std::string>& present) {
+    // Returns the calls whose files may be removed, and counts the bytes of all. Returns nothing if
+    // the folder could not be read to its end: what was not seen may protect a call.
+    std::optional<std::vector<FolderCall>> finished_calls(const Folder& folder,
+                                                          const std::set<std::string>& present) {
         std::unordered_map<std::string, FolderCall> calls;
         std::set<std::string> open = present;
-        folder.for_each_name([&](const std::string& name) {
+        const bool whole = folder.for_each_name([&](const std::string& name) {
             if (is_open_list(name)) {
                 add_open_stems(name, open);
                 return;
@@ -226,6 +231,9 @@ class Retention::Work {
                 call.files.push_back(*file);
             }
         });
+        if (!whole) {
+            return std::nullopt;
+        }
         all_bytes_ = 0;
         std::vector<FolderCall> finished;
         for (auto& [stem, call] : calls) {

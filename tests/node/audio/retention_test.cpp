@@ -288,6 +288,18 @@ TEST_F(RetentionTest, CallThatAnotherProgramRemovesMeanwhileMakesRoom) {
     EXPECT_EQ(names(), (Names{OLD + "-originator.wav", NEW + "-originator.wav"}));
 }
 
+TEST_F(RetentionTest, FolderThatCannotBeReadDoesNotShowThatTheClockIsRight) {
+    Retention::Options late = options("30d");
+    late.folder = path("late");
+    Retention retention(late);
+    look(retention);
+    std::filesystem::create_directory(late.folder);
+    put_file("late/" + OLD + "-originator.wav", 31 * DAY);
+    const RetentionResult result = look(retention);
+    EXPECT_TRUE(result.removed.empty());
+    EXPECT_NE(result.distrust, "");
+}
+
 TEST_F(RetentionTest, MissingFolderIsNoError) {
     Retention::Options missing = options("30d");
     missing.folder = path("missing");
