@@ -9,6 +9,8 @@ namespace qv::node {
 
 namespace {
 
+constexpr std::array<const char*, 5> ENDINGS = {".wav", ".flac", ".opus", ".svg", ".json"};
+
 // What stands for a word of a pattern.
 std::string expression_of(const std::string& word) {
     if (word == "uuid") {
@@ -46,8 +48,7 @@ std::string expression_of_pattern(const std::string& pattern) {
 }
 
 bool is_ending(const std::string& ending) {
-    static const std::array<std::string, 5> endings = {".wav", ".flac", ".opus", ".svg", ".json"};
-    return std::find(endings.begin(), endings.end(), ending) != endings.end();
+    return std::find(ENDINGS.begin(), ENDINGS.end(), ending) != ENDINGS.end();
 }
 
 bool is_audio(const std::string& ending) {
@@ -58,19 +59,18 @@ bool is_audio(const std::string& ending) {
 
 // The stem may have a sign that tells it from the name of a side, and a number.
 CallFileNames::CallFileNames(const std::string& pattern)
-    : stem_(expression_of_pattern(first_made_safe(pattern)) + "_?(-[0-9]+)?",
+    : stem_(expression_of_pattern(first_made_safe(pattern)) + "_?(-[0-9]+)?", std::regex::optimize),
+      side_("(.*?)(-split)?-(originator|terminator)(-part[0-9]+)?(-[0-9]+)?",
             std::regex::optimize) {}
 
 std::optional<CallFileNames::Name> CallFileNames::parse(const std::string& name) const {
-    static const std::regex side("(.*?)(-split)?-(originator|terminator)(-part[0-9]+)?(-[0-9]+)?",
-                                 std::regex::optimize);
     const std::size_t dot = name.rfind('.');
     if (dot == std::string::npos || !is_ending(name.substr(dot))) {
         return std::nullopt;
     }
     Name parsed{name.substr(0, dot), name.substr(dot), false};
     std::smatch parts;
-    if (is_audio(parsed.ending) && std::regex_match(parsed.stem, parts, side)) {
+    if (is_audio(parsed.ending) && std::regex_match(parsed.stem, parts, side_)) {
         parsed.stem = std::string(parts[1]);
         parsed.of_side = true;
     }

@@ -27,7 +27,9 @@ class CallFileNames {
     std::optional<Name> parse(const std::string& name) const;
 
   private:
+    // Members, because a thread may use them while the statics of the program are destroyed.
     std::regex stem_;
+    std::regex side_;  // A stem with what the name of a side adds.
 };
 
 }  // namespace qv::node

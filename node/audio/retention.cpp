@@ -72,7 +72,7 @@ class Folder {
     Folder(const Folder&) = delete;
     Folder& operator=(const Folder&) = delete;
 
-    // Returns false if the folder cannot be read to its end.
+    // Reads on while `visit` returns true. Returns false if the folder is not read to its end.
     template <typename Visit>
     bool for_each_name(Visit visit) const {
         const int copy = descriptor_ < 0 ? -1 : ::openat(descriptor_, ".", O_RDONLY | O_CLOEXEC);
@@ -81,12 +81,13 @@ class Folder {
             return false;
         }
         errno = 0;
+        bool stopped = false;
         // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread uses this stream.
-        while (const dirent* const entry = ::readdir(entries)) {
-            visit(std::string(entry->d_name));
+        while (const dirent* const entry = stopped ? nullptr : ::readdir(entries)) {
+            stopped = !visit(std::string(entry->d_name));
             errno = 0;
         }
-        const bool whole = errno == 0;
+        const bool whole = !stopped && errno == 0;
         ::closedir(entries);
         return whole;
     }
@@ -220,7 +221,7 @@ class Retention::Work {
         const bool whole = folder.for_each_name([&](const std::string& name) {
             if (is_open_list(name)) {
                 add_open_stems(name, open);
-                return;
+                return !ending_;
             }
             const auto parsed = names_.parse(name);
             const auto file = parsed.has_value() ? folder.look_at(name) : std::nullopt;
@@ -230,6 +231,7 @@ class Retention::Work {
                 call.stem = parsed->stem;
                 call.files.push_back(*file);
             }
+            return !ending_;
         });
         if (!whole) {
             return std::nullopt;
