@@ -23,6 +23,8 @@ constexpr const char* LIST_PREFIX = ".quorvane-node-open-";
 // A longer list is rewritten when most of its lines name completed files.
 constexpr std::size_t FEW_LINES = 1000;
 
+constexpr const char* NOT_OURS = "it is no WAV file of this program any more";
+
 // Closes the descriptor when it is destroyed.
 class Descriptor {
   public:
@@ -40,13 +42,19 @@ class Descriptor {
     int number_;
 };
 
+// Whether it is a file itself, and not a link. To open a FIFO would block.
+bool is_regular_file(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::is_regular_file(std::filesystem::symlink_status(path, error));
+}
+
 std::vector<std::string> lists_in(const std::string& folder) {
     std::vector<std::string> lists;
     std::error_code error;
     const std::filesystem::directory_iterator end;
     for (std::filesystem::directory_iterator entry(folder, error); !error && entry != end;
          entry.increment(error)) {
-        if (is_open_list(entry->path().filename())) {
+        if (is_open_list(entry->path().filename()) && is_regular_file(entry->path())) {
             lists.push_back(entry->path());
         }
     }
@@ -63,7 +71,7 @@ void repair(int file, std::uint64_t size, LeftoverFile& leftover) {
     const bool blank = !whole || header == WavHeader{};
     const auto fields = parse_wav_header(header);
     if (!blank && !fields.has_value()) {
-        leftover.error = "it is no WAV file of this program any more";
+        leftover.error = NOT_OURS;
         return;
     }
     if (fields.has_value()) {
@@ -94,13 +102,16 @@ void recover(const std::string& folder, const std::string& name, const WavFormat
              std::vector<LeftoverFile>& leftovers) {
     ::unlink(unfinished_path(folder, name).c_str());
     LeftoverFile leftover{folder + '/' + name, format, 0, 0, {}};
-    const Descriptor file(::open(leftover.path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    const Descriptor file(
+        ::open(leftover.path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat status {};
     if (file.number() < 0 || ::fstat(file.number(), &status) != 0) {
         if (errno == ENOENT) {
             return;
         }
         leftover.error = std::generic_category().message(errno);
+    } else if (!S_ISREG(status.st_mode)) {
+        leftover.error = NOT_OURS;
     } else {
         repair(file.number(), static_cast<std::uint64_t>(status.st_size), leftover);
         keep_time(file.number(), status);
@@ -133,6 +144,9 @@ bool is_open_list(const std::string& name) {
 
 std::vector<std::string> listed_names(const std::string& path) {
     std::vector<std::string> names;
+    if (!is_regular_file(path)) {
+        return names;
+    }
     for_each_listed(path, [&names](const std::string& name, const WavFormat& /*format*/) {
         names.push_back(name);
     });

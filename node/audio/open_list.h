@@ -57,7 +57,7 @@ std::string unfinished_path(const std::string& folder, const std::string& name);
 // Whether a file of that name (without folder) is such a list.
 bool is_open_list(const std::string& name);
 
-// Returns the names (without folder) on the list at that path.
+// Returns the names (without folder) on the list at that path. None if it is no regular file.
 std::vector<std::string> listed_names(const std::string& path);
 
 // Repairs the files on the lists of runs that are no longer active, and removes these lists.

@@ -160,6 +160,18 @@ TEST_F(OpenListTest, FileWithoutHeaderGetsThatOfTheList) {
     EXPECT_EQ(read(path("short.wav")).size(), 1u);
 }
 
+// To open one would block until somebody writes to it.
+TEST_F(OpenListTest, FifosAreNotRead) {
+    ASSERT_EQ(::mkfifo(path(".quorvane-node-open-fifo").c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(path("a.wav").c_str(), 0600), 0);
+    put_list("8000 1 a.wav\n");
+    EXPECT_TRUE(listed_names(path(".quorvane-node-open-fifo")).empty());
+    const auto files = recover_leftovers(folder_);
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(files[0].error, "it is no WAV file of this program any more");
+    EXPECT_EQ(hidden_files(), 1u);
+}
+
 TEST_F(OpenListTest, FileThatIsNoneOfOursIsLeftAlone) {
     const std::string other = "fLaC" + std::string(100, 'x');
     put("a.wav", other);
