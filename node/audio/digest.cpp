@@ -9,6 +9,8 @@
 #include <system_error>
 #include <vector>
 
+#include "node/audio/descriptor.h"
+
 namespace qv::node {
 
 namespace {
@@ -47,13 +49,12 @@ std::string digest_text(sha256_ctx& sha) {
 std::string sha256_of_file(const std::string& path, std::string& error) {
     sha256_ctx sha;
     sha256_init(&sha);
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (file < 0) {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!file.is_open()) {
         error = std::generic_category().message(errno);
         return {};
     }
-    const int failure = read_into(file, sha);
-    ::close(file);
+    const int failure = read_into(file.number(), sha);
     if (failure != 0) {
         error = std::generic_category().message(failure);
         return {};

@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
-#include <utility>
 
 namespace qv::node {
 
@@ -23,52 +22,46 @@ bool has_name(int file) {
 }
 
 void remove_if_abandoned(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-    if (file < 0) {
-        return;
-    }
-    if (::flock(file, LOCK_EX | LOCK_NB) == 0) {
+    const Descriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (file.is_open() && ::flock(file.number(), LOCK_EX | LOCK_NB) == 0) {
         ::unlink(path.c_str());
     }
-    ::close(file);
 }
 
 }  // namespace
 
 NewFile::NewFile(const std::string& folder, const std::string& name)
     : path_(folder + '/' + name), hidden_path_(folder + '/' + HIDDEN_PREFIX + name) {
-    while (create() && !has_name(descriptor_)) {
+    while (create() && !has_name(descriptor_.number())) {
         // Another program took it for abandoned before it was locked.
-        ::close(std::exchange(descriptor_, -1));
+        descriptor_.close();
     }
 }
 
 NewFile::~NewFile() {
-    if (descriptor_ >= 0) {
-        if (!published_) {
-            ::unlink(hidden_path_.c_str());
-        }
-        ::close(descriptor_);
+    if (descriptor_.is_open() && !published_) {
+        ::unlink(hidden_path_.c_str());
     }
 }
 
 bool NewFile::create() {
-    descriptor_ = ::open(hidden_path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666);
-    if (descriptor_ < 0) {
+    descriptor_ =
+        Descriptor(::open(hidden_path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666));
+    if (!descriptor_.is_open()) {
         return fail(errno);
     }
     // A file system without locks is used by one program only.
-    if (::flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        ::close(std::exchange(descriptor_, -1));
+    if (::flock(descriptor_.number(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        descriptor_.close();
         return fail(EEXIST);
     }
-    return ::ftruncate(descriptor_, 0) == 0 || fail(errno);
+    return ::ftruncate(descriptor_.number(), 0) == 0 || fail(errno);
 }
 
 bool NewFile::write(const std::string& text) {
     std::size_t done = 0;
     while (error_.empty() && done < text.size()) {
-        const ssize_t size = ::write(descriptor_, text.data() + done, text.size() - done);
+        const ssize_t size = ::write(descriptor_.number(), text.data() + done, text.size() - done);
         if (size > 0) {
             done += static_cast<std::size_t>(size);
         } else if (errno != EINTR) {
@@ -79,7 +72,7 @@ bool NewFile::write(const std::string& text) {
 }
 
 bool NewFile::force() {
-    return error_.empty() && (::fsync(descriptor_) == 0 || fail(errno));
+    return error_.empty() && (::fsync(descriptor_.number()) == 0 || fail(errno));
 }
 
 bool NewFile::publish(bool replace) {

@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "node/audio/descriptor.h"
+
 namespace qv::node {
 
 class NewFile {
@@ -18,7 +20,7 @@ class NewFile {
     NewFile& operator=(const NewFile&) = delete;
 
     // Open for reading and writing. Negative after an error.
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return descriptor_.number(); }
     const std::string& error() const { return error_; }
 
     // Appends the text. Returns whether nothing has failed so far.
@@ -35,7 +37,7 @@ class NewFile {
 
     std::string path_;
     std::string hidden_path_;
-    int descriptor_ = -1;
+    Descriptor descriptor_;
     bool published_ = false;
     std::string error_;
 };

@@ -14,6 +14,8 @@
 #include <system_error>
 #include <utility>
 
+#include "node/audio/descriptor.h"
+
 namespace qv::node {
 
 namespace {
@@ -24,23 +26,6 @@ constexpr const char* LIST_PREFIX = ".quorvane-node-open-";
 constexpr std::size_t FEW_LINES = 1000;
 
 constexpr const char* NOT_OURS = "it is no WAV file of this program any more";
-
-// Closes the descriptor when it is destroyed.
-class Descriptor {
-  public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor() {
-        if (number_ >= 0) {
-            ::close(number_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int number() const { return number_; }
-
-  private:
-    int number_;
-};
 
 // Whether it is a file itself, and not a link. To open a FIFO would block.
 bool is_regular_file(const std::string& path) {
@@ -105,7 +90,7 @@ void recover(const std::string& folder, const std::string& name, const WavFormat
     const Descriptor file(
         ::open(leftover.path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat status {};
-    if (file.number() < 0 || ::fstat(file.number(), &status) != 0) {
+    if (!file.is_open() || ::fstat(file.number(), &status) != 0) {
         if (errno == ENOENT) {
             return;
         }
@@ -231,7 +216,7 @@ std::vector<LeftoverFile> recover_leftovers(const std::string& folder) {
     std::vector<LeftoverFile> leftovers;
     for (const std::string& list : lists_in(folder)) {
         const Descriptor file(::open(list.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-        if (file.number() < 0 || ::flock(file.number(), LOCK_EX | LOCK_NB) != 0) {
+        if (!file.is_open() || ::flock(file.number(), LOCK_EX | LOCK_NB) != 0) {
             continue;  // That run is still active.
         }
         for_each_listed(list, [&](const std::string& name, const WavFormat& format) {

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <set>
 #include <system_error>
@@ -16,6 +17,7 @@
 #include <utility>
 
 #include "node/audio/call_file_names.h"
+#include "node/audio/descriptor.h"
 #include "node/audio/open_list.h"
 #include "node/audio/wav_header.h"
 #include "quorvane_lib/mutex.h"
@@ -59,43 +61,39 @@ Micros changed_of(const struct stat& status) {
     return Micros(status.st_mtim.tv_sec * 1'000'000 + status.st_mtim.tv_nsec / 1000);
 }
 
+struct DirCloser {
+    void operator()(DIR* entries) const { ::closedir(entries); }
+};
+
 // An open folder. Files are named relative to it, so that none outside of it can be reached.
 class Folder {
   public:
     explicit Folder(const std::string& path)
         : descriptor_(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
-    ~Folder() {
-        if (descriptor_ >= 0) {
-            ::close(descriptor_);
-        }
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
 
     // Reads on while `visit` returns true. Returns false if the folder is not read to its end.
     template <typename Visit>
     bool for_each_name(Visit visit) const {
-        const int copy = descriptor_ < 0 ? -1 : ::openat(descriptor_, ".", O_RDONLY | O_CLOEXEC);
-        DIR* const entries = copy < 0 ? nullptr : ::fdopendir(copy);
+        const int copy =
+            descriptor_.is_open() ? ::openat(descriptor_.number(), ".", O_RDONLY | O_CLOEXEC) : -1;
+        const std::unique_ptr<DIR, DirCloser> entries(copy < 0 ? nullptr : ::fdopendir(copy));
         if (entries == nullptr) {
             return false;
         }
         errno = 0;
         bool stopped = false;
         // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread uses this stream.
-        while (const dirent* const entry = stopped ? nullptr : ::readdir(entries)) {
+        while (const dirent* const entry = stopped ? nullptr : ::readdir(entries.get())) {
             stopped = !visit(std::string(entry->d_name));
             errno = 0;
         }
-        const bool whole = !stopped && errno == 0;
-        ::closedir(entries);
-        return whole;
+        return !stopped && errno == 0;
     }
 
     // Returns nothing unless it is a regular file of this folder itself.
     std::optional<FolderFile> look_at(const std::string& name) const {
         struct stat status {};
-        if (::fstatat(descriptor_, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+        if (::fstatat(descriptor_.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
             !S_ISREG(status.st_mode)) {
             return std::nullopt;
         }
@@ -104,12 +102,10 @@ class Folder {
     }
 
     std::string beginning_of(const std::string& name, std::size_t size) const {
-        const int file = ::openat(descriptor_, name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        const Descriptor file(::openat(descriptor_.number(), name.c_str(),
+                                       O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
         std::string text(size, '\0');
-        const ssize_t there = file < 0 ? 0 : ::read(file, text.data(), size);
-        if (file >= 0) {
-            ::close(file);
-        }
+        const ssize_t there = file.is_open() ? ::read(file.number(), text.data(), size) : 0;
         text.resize(there > 0 ? static_cast<std::size_t>(there) : 0);
         return text;
     }
@@ -124,11 +120,11 @@ class Folder {
         if (now->inode != file.inode || now->changed != file.changed) {
             return ESTALE;
         }
-        return remove(descriptor_, file.name.c_str());
+        return remove(descriptor_.number(), file.name.c_str());
     }
 
   private:
-    const int descriptor_;
+    const Descriptor descriptor_;
 };
 
 bool contains(const std::string& text, const char* part) {
