@@ -1,6 +1,7 @@
 #include <nats/nats.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <deque>
@@ -250,7 +251,11 @@ class NatsPublisher : public Publisher {
     template <typename Set>
     void set_tls(const Set& set) {
         natsOptions* made = options_.get();
-        if (settings_.tls || !settings_.ca.empty() || !settings_.certificate.empty()) {
+        // The library takes tls:// for nats:// where the server offers no TLS.
+        const bool demanded =
+            std::any_of(settings_.urls.begin(), settings_.urls.end(),
+                        [](const std::string& url) { return url.rfind("tls://", 0) == 0; });
+        if (demanded || settings_.tls || !settings_.ca.empty() || !settings_.certificate.empty()) {
             set(natsOptions_SetSecure(made, true), "tls");
         }
         if (!settings_.ca.empty()) {

@@ -346,6 +346,23 @@ class NatsTest(unittest.TestCase):
         node.wait_for("nats stream")
         self.assertEqual(node.stop(), 0)
 
+    def test_tls_url_is_never_used_without_encryption(self):
+        listener = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(listener.close)
+        listener.settimeout(PATIENCE)
+        node = self.node(*self.settings("user = joe\npassword = s3cret\nexit_wait = 0\n"),
+                         url=f"tls://127.0.0.1:{listener.getsockname()[1]}")
+        server, _ = listener.accept()
+        self.addCleanup(server.close)
+        server.settimeout(PATIENCE)
+        server.sendall(b'INFO {"server_id":"A","version":"2.9.10","proto":1,"headers":true,'
+                       b'"max_payload":1048576,"jetstream":true}\r\n')
+        heard = b"".join(iter(lambda: server.recv(1000), b""))  # Until the node hangs up.
+        self.assertNotIn(b"s3cret", heard)
+        node.wait_for("nats trouble")
+        node.stop()
+        self.assertNotIn("nats connected", node.text())
+
     def test_what_cannot_be_used_is_refused_at_the_start(self):
         def complaint(code, *options):
             done = subprocess.run([NODE, "--listen", "127.0.0.1:0", "--output", str(self.home),
