@@ -69,9 +69,21 @@ std::string status_text(natsStatus status) {
 struct Answer {
     std::uint64_t number = 0;
     bool stored = false;
-    bool no_stream = false;
+    bool no_stream = false;  // Or perhaps.
     std::string error{};
 };
+
+// What JetStream says is wrong. Empty if it is not an answer of JetStream.
+std::string error_of(const nlohmann::json& answer) {
+    if (!answer.is_object() || !answer.contains("error") || !answer["error"].is_object()) {
+        return {};
+    }
+    const nlohmann::json& error = answer["error"];
+    const auto description = error.find("description");
+    return description != error.end() && description->is_string()
+               ? description->get<std::string>()
+               : "refused";
+}
 
 Answer read_answer(natsMsg* message) {
     Answer answer;
@@ -85,11 +97,14 @@ Answer read_answer(natsMsg* message) {
     const char* data = natsMsg_GetData(message);
     const auto json =
         nlohmann::json::parse(data, data + natsMsg_GetDataLength(message), nullptr, false);
-    if (json.is_object() && json.contains("error")) {
-        answer.error = json["error"].value("description", "refused");
-    } else {
-        answer.stored = json.is_object() && json.contains("seq");
-        answer.error = answer.stored ? "" : "the answer is no acknowledgement";
+    answer.stored = json.is_object() && json.contains("seq") && !json.contains("error");
+    if (!answer.stored) {
+        answer.error = error_of(json);
+    }
+    if (answer.error.empty() && !answer.stored) {
+        // Any subscriber may answer, so this does not show whether there is a stream.
+        answer.no_stream = true;
+        answer.error = "the answer is no acknowledgement";
     }
     return answer;
 }
@@ -315,25 +330,38 @@ class NatsPublisher : public Publisher {
 
     // The library's threads call these.
 
+    // An exception would end the program. Only a lack of memory throws here; what is not noted
+    // then is a line, or an answer, whose event is sent again.
+    template <typename Call>
+    static void guarded(const Call& call) {
+        try {
+            call();
+        } catch (const std::exception&) {
+        }
+    }
+
     static void on_connected(natsConnection* connection, void* self) {
-        static_cast<NatsPublisher*>(self)->connected(connection);
+        guarded([&] { static_cast<NatsPublisher*>(self)->connected(connection); });
     }
     static void on_disconnected(natsConnection* /*connection*/, void* self) {
-        static_cast<NatsPublisher*>(self)->disconnected();
+        guarded([&] { static_cast<NatsPublisher*>(self)->disconnected(); });
     }
     static void on_closed(natsConnection* connection, void* self) {
-        static_cast<NatsPublisher*>(self)->closed(connection);
+        guarded([&] { static_cast<NatsPublisher*>(self)->closed(connection); });
+        static_cast<NatsPublisher*>(self)->remove_callback();
     }
     static void on_complete(void* self) { static_cast<NatsPublisher*>(self)->remove_callback(); }
     static void on_error(natsConnection* connection, natsSubscription* /*subscription*/,
                          natsStatus status, void* self) {
-        const std::string text = last_error(connection);
-        static_cast<NatsPublisher*>(self)->complain(text.empty() ? status_text(status) : text);
+        guarded([&] {
+            const std::string text = last_error(connection);
+            static_cast<NatsPublisher*>(self)->complain(text.empty() ? status_text(status) : text);
+        });
     }
     static void on_answer(natsConnection* /*connection*/, natsSubscription* /*subscription*/,
                           natsMsg* message, void* self) {
         const MessagePointer owned(message);
-        static_cast<NatsPublisher*>(self)->answered(read_answer(message));
+        guarded([&] { static_cast<NatsPublisher*>(self)->answered(read_answer(message)); });
     }
 
     void connected(natsConnection* connection) QV_EXCLUDES(mutex_) {
@@ -362,7 +390,6 @@ class NatsPublisher : public Publisher {
         if (!text.empty()) {
             complain(text);
         }
-        remove_callback();
     }
 
     void add_callback() QV_EXCLUDES(mutex_) {

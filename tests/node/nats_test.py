@@ -104,6 +104,24 @@ class Client(worker.Connection):
             if time.monotonic() > end:
                 raise AssertionError("no answer to " + subject)
 
+    def line(self):
+        line = super().line()
+        words = line.split()
+        if words[0] == "HMSG" and len(words) == 6:
+            self.reply = words[3]
+        return line
+
+    def answer_each(self, texts):
+        """Answers as many messages with these texts."""
+        waiting = list(texts)
+        end = time.monotonic() + PATIENCE
+        for message in self:
+            if message is not None:
+                self.publish(self.reply, waiting.pop(0))
+            if not waiting or time.monotonic() > end:
+                break
+        return not waiting
+
     def stored_events(self, stream="quorvane-events"):
         """All events of the stream, in its order: their subjects, ids and objects."""
         last = self.request("$JS.API.STREAM.INFO." + stream, {})["state"]["last_seq"]
@@ -265,6 +283,21 @@ class NatsTest(unittest.TestCase):
         server.start()
         node.end([3, 4])
         self.assertEqual(node.stop(), 0)
+        self.assert_all_stored(server)
+
+    def test_answers_of_others_harm_nobody_and_events_reach_the_stream(self):
+        server = self.server()
+        meddler = Client(server.url)
+        self.addCleanup(meddler.socket.close)
+        meddler.subscribe("quorvane.events.>")
+        node = self.node("--packets", "--rate", "8000", url=server.url)
+        node.talk([1], 5)
+        self.assertTrue(meddler.answer_each(
+            ['{"error":"x"}', '{"error":{"description":7}}', '{"error":{}}', "", "[", "[1]"]))
+        meddler.socket.close()
+        node.wait_for("nats stream")
+        node.end([1])
+        self.assertEqual(node.stop(), 0, node.text())
         self.assert_all_stored(server)
 
     def test_what_does_not_fit_is_dropped_and_reported(self):
