@@ -47,6 +47,9 @@ Setter number_into(Number& value, double least, double most) {
             return complaint.str();
         }
         value = static_cast<Number>(number);
+        if (static_cast<double>(value) != number) {
+            return "'" + text + "' is no whole number";
+        }
         return {};
     };
 }
@@ -94,6 +97,11 @@ std::map<std::string, Setter> setters(EngineSettings& settings) {
 
 bool starts_with(const std::string& text, const char* beginning) {
     return text.rfind(beginning, 0) == 0;
+}
+
+// Whether it may be a name that somebody misspelt.
+bool is_word(const std::string& text) {
+    return text.find_first_not_of("abcdefghijklmnopqrstuvwxyz_-") == std::string::npos;
 }
 
 // Returns what is wrong with a setting as a whole.
@@ -176,10 +184,11 @@ std::string read_settings(EngineSettings& settings, const std::string& path, boo
         const std::string place = path + ", line " + std::to_string(number) + ": ";
         const std::size_t equals = text.find('=');
         const std::string name = trimmed(text.substr(0, equals));
-        if (equals == std::string::npos || known.count(name) == 0) {
-            const char* const what =
-                equals == std::string::npos ? "not name = value" : "not a known name";
-            return (place + '\'').append(name).append("' is ").append(what);
+        if (equals == std::string::npos || !is_word(name)) {
+            return place + "not name = value";  // Quotes nothing, since it may hold a password.
+        }
+        if (known.count(name) == 0) {
+            return (place + '\'').append(name).append("' is not a known name");
         }
         const bool leave = std::find(given.begin(), given.end(), name) != given.end();
         const std::string error =

@@ -62,7 +62,8 @@ TEST_F(EngineSettingsTest, CommandLineHasPriority) {
 
 TEST_F(EngineSettingsTest, ErrorsNameLineAndReason) {
     expect_error("user = a\nuzer = b\n", ", line 2", "uzer");
-    expect_error("user\n", ", line 1", "user");
+    expect_error("user\n", ", line 1", "not name = value");
+    expect_error("chunk = 20.5\n", ", line 1", "20.5");
     expect_error("chunk = 5\n", ", line 1", "5");
     expect_error("chunk = 20x\n", ", line 1", "20x");
     expect_error("chunk = nan\n", ", line 1", "nan");
@@ -71,6 +72,14 @@ TEST_F(EngineSettingsTest, ErrorsNameLineAndReason) {
     expect_error("user =\n", ", line 1", "user");
     expect_error("nkey = U1\n", "", "seed");
     expect_error("certificate = a\n", "", "key");
+}
+
+TEST_F(EngineSettingsTest, LineThatIsNotUnderstoodIsNotQuoted) {
+    for (const char* const line : {"password: s3cret", "s3cret", "password: s3cret=", "s3cret=="}) {
+        const std::string error = read(std::string(line) + '\n');
+        EXPECT_NE(error.find(", line 1: not name = value"), std::string::npos) << error;
+        EXPECT_EQ(error.find("s3cret"), std::string::npos) << error;
+    }
 }
 
 TEST_F(EngineSettingsTest, MissingFileMattersOnlyIfItIsRequired) {
