@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <deque>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <set>
@@ -26,6 +27,7 @@ constexpr std::size_t MOST_UNDER_WAY = 512;  // Events.
 constexpr std::uint64_t BATCH_BYTES =
     512ULL * 1024;  // Of audio, between two answers of the server.
 constexpr std::size_t BATCH_CHUNKS = 512;
+constexpr std::size_t SPOOLED_AT_ONCE = 512;  // Events.
 constexpr milliseconds TICK{100};
 constexpr milliseconds ANSWER_TIME{5000};  // An event that is not answered is sent again.
 constexpr milliseconds RETRY{500};         // After a refusal.
@@ -65,6 +67,11 @@ std::string status_text(natsStatus status) {
     return natsStatus_GetText(status);
 }
 
+// The number at the end of a subject or of an event's id, from 1 on. 0 if there is none.
+std::uint64_t last_number_in(const std::string& text) {
+    return std::strtoull(text.c_str() + text.find_last_of(".-") + 1, nullptr, 10);
+}
+
 // The answer of JetStream to an event.
 struct Answer {
     std::uint64_t number = 0;
@@ -88,7 +95,7 @@ std::string error_of(const nlohmann::json& answer) {
 Answer read_answer(natsMsg* message) {
     Answer answer;
     const std::string subject = natsMsg_GetSubject(message);
-    answer.number = std::strtoull(subject.c_str() + subject.rfind('.') + 1, nullptr, 10);
+    answer.number = last_number_in(subject);
     if (natsMsg_IsNoResponders(message)) {
         answer.no_stream = true;
         answer.error = "no stream takes them";
@@ -144,7 +151,7 @@ class NatsPublisher : public Publisher {
             event.id = run_ + '-' + std::to_string(++last_event_);
             auto shared = std::make_shared<const EngineEvent>(std::move(event));
             if (spool_ != nullptr) {
-                unspooled_.push_back(shared);
+                unspooled_.emplace(last_event_, shared);
             }
             add(std::move(shared));
         }
@@ -199,7 +206,7 @@ class NatsPublisher : public Publisher {
             thread_.join();
         }
         const LockGuard lock(mutex_);
-        return {spool_ != nullptr ? 0 : queue_.size(), audio_.size()};
+        return {spool_ != nullptr ? unspooled_.size() : queue_.size(), audio_.size()};
     }
 
   private:
@@ -306,9 +313,20 @@ class NatsPublisher : public Publisher {
 
     void add(EventQueue::Event event) QV_REQUIRES(mutex_) {
         for (const EventQueue::Event& dropped : queue_.push(std::move(event))) {
-            if (spool_ != nullptr) {
-                finished_.push_back(dropped->id);
-            }
+            forget(dropped);
+        }
+    }
+
+    // The spool need not keep the event any longer.
+    void forget(const EventQueue::Event& event) QV_REQUIRES(mutex_) {
+        if (spool_ == nullptr) {
+            return;
+        }
+        const auto found = unspooled_.find(last_number_in(event->id));
+        if (found != unspooled_.end() && found->second == event) {
+            unspooled_.erase(found);
+        } else {
+            finished_.push_back(event->id);
         }
     }
 
@@ -522,7 +540,8 @@ class NatsPublisher : public Publisher {
 
     bool may_send() const QV_REQUIRES(mutex_) {
         const auto now = Clock::now();
-        return (!audio_.empty() && now >= next_audio_) || !unspooled_.empty() ||
+        return (!audio_.empty() && now >= next_audio_) ||
+               (!unspooled_.empty() && now >= next_spooling_) ||
                (queue_.under_way() < MOST_UNDER_WAY && queue_.has_ready(now));
     }
 
@@ -543,9 +562,7 @@ class NatsPublisher : public Publisher {
             const EventQueue::Event event = queue_.stored(answer.number);
             if (event != nullptr) {
                 ++stored_events_;
-                if (spool_ != nullptr) {
-                    finished_.push_back(event->id);
-                }
+                forget(event);
             }
         }
         note_refusal(stored, refusal);
@@ -567,18 +584,47 @@ class NatsPublisher : public Publisher {
         if (spool_ == nullptr) {
             return;
         }
-        std::vector<EventQueue::Event> events;
         std::vector<std::string> finished;
         {
             const LockGuard lock(mutex_);
-            events.swap(unspooled_);
             finished.swap(finished_);
         }
-        std::string error = spool_->keep(events);
-        const std::string other = spool_->release(finished);
-        error = error.empty() ? other : error;
+        std::string error = spool_->release(finished);
+        for (auto events = to_spool(); error.empty() && !events.empty(); events = to_spool()) {
+            error = spool_->keep(events);
+            note_spooled(events, error.empty());
+        }
         if (!error.empty()) {
             complain("events are not kept on the disk: " + error);
+        }
+    }
+
+    // The oldest events that the spool does not hold.
+    std::vector<EventQueue::Event> to_spool() QV_EXCLUDES(mutex_) {
+        const LockGuard lock(mutex_);
+        std::vector<EventQueue::Event> events;
+        if (stopping_ || Clock::now() >= next_spooling_) {
+            for (const auto& [number, event] : unspooled_) {
+                if (events.size() == SPOOLED_AT_ONCE) {
+                    break;
+                }
+                events.push_back(event);
+            }
+        }
+        return events;
+    }
+
+    void note_spooled(const std::vector<EventQueue::Event>& events, bool kept)
+        QV_EXCLUDES(mutex_) {
+        const LockGuard lock(mutex_);
+        if (!kept) {
+            next_spooling_ = Clock::now() + RETRY;
+            return;
+        }
+        for (const EventQueue::Event& event : events) {
+            if (unspooled_.erase(last_number_in(event->id)) == 0) {
+                finished_.push_back(event->id);  // It was dropped meanwhile.
+            }
         }
     }
 
@@ -622,8 +668,8 @@ class NatsPublisher : public Publisher {
         const LockGuard lock(mutex_);
         if (status != NATS_MAX_PAYLOAD) {
             queue_.refused(entry.number, Clock::now() + RETRY);
-        } else if (queue_.drop(entry.number) != nullptr && spool_ != nullptr) {
-            finished_.push_back(event.id);
+        } else if (const auto dropped = queue_.drop(entry.number); dropped != nullptr) {
+            forget(dropped);
         }
         return false;
     }
@@ -759,8 +805,10 @@ class NatsPublisher : public Publisher {
     Condition work_;
     Condition progress_;
     EventQueue queue_ QV_GUARDED_BY(mutex_);
-    std::vector<EventQueue::Event> unspooled_ QV_GUARDED_BY(mutex_);
+    // Events of the queue that the spool does not hold yet, by their number in this run.
+    std::map<std::uint64_t, EventQueue::Event> unspooled_ QV_GUARDED_BY(mutex_);
     std::vector<std::string> finished_ QV_GUARDED_BY(mutex_);  // Ids that the spool need not keep.
+    Clock::time_point next_spooling_ QV_GUARDED_BY(mutex_){};  // After the disk took nothing.
     std::deque<EngineChunk> audio_ QV_GUARDED_BY(mutex_);
     Clock::time_point next_audio_ QV_GUARDED_BY(mutex_){};  // After a batch was not taken.
     std::size_t batch_size_ QV_GUARDED_BY(mutex_) = 0;      // Chunks under way.

@@ -5,6 +5,7 @@ import importlib.util
 import json
 import pathlib
 import re
+import resource
 import shutil
 import socket
 import subprocess
@@ -336,6 +337,15 @@ class NatsTest(unittest.TestCase):
         self.assertEqual(node.stop(), 0)
         self.assert_all_stored(server)
         self.assertEqual(list((self.home / "spool").glob("*.events"))[1:], [])
+
+    def test_events_that_the_spool_cannot_take_count_as_left(self):
+        with Node("--nats-spool", str(self.home / "spool"), "--packets", "--no-sides", "--nats",
+                  f"127.0.0.1:{free_ports(1)[0]}", *self.settings("exit_wait = 0\n"),
+                  limit=(resource.RLIMIT_FSIZE, (1000, 1000))) as node:
+            node.talk([1], 20)
+            node.wait_for("not kept on the disk: .*File too large")
+            self.assertEqual(node.stop(), 1)
+            self.assertRegex(node.text(), r"not sent to nats +[1-9]\d* events")
 
     def test_user_and_password_come_from_a_file(self):
         server = self.server(
