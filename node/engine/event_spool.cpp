@@ -190,10 +190,12 @@ std::string EventSpool::release(const std::vector<std::string>& ids) {
     std::string error;
     for (const auto& [number, text] : notes) {
         File& file = files_.at(number);
-        if (file.kept == 0 && file.full) {
+        if (file.kept != 0 || !file.full) {
+            const std::string failure = append(file, text);
+            error = error.empty() ? failure : error;
+        }
+        if (file.kept == 0 && file.full) {  // The note may have filled it.
             close(number);
-        } else {
-            error = append(file, text);
         }
     }
     return error;

@@ -93,6 +93,17 @@ TEST_F(EventSpoolTest, FileWithoutKeptEventsIsRemoved) {
     EXPECT_EQ(files(), 0U);
 }
 
+TEST_F(EventSpoolTest, FileThatTheLastNoteFillsIsRemoved) {
+    open();
+    const std::string line = "+ x-1 call start \n";
+    spool_->keep({event("x-1", std::string((1 << 20) - line.size() - 1, 'a'))});
+    EXPECT_EQ(spool_->release({"x-1"}), "");
+    EXPECT_EQ(files(), 0U);
+    spool_->keep({event("x-2")});
+    open();
+    EXPECT_EQ(ids(), "x-2 ");
+}
+
 TEST_F(EventSpoolTest, NewEventsComeAfterThoseOfEarlierRuns) {
     open();
     spool_->keep({event("x-1")});
