@@ -86,6 +86,9 @@ std::string EventSpool::open(const std::function<void(const Event&)>& use) {
             found.emplace_back(number_of(entry.path()), entry.path());
         }
     }
+    if (error) {
+        return folder_ + ": " + error.message();
+    }
     std::sort(found.begin(), found.end());
     for (const auto& [number, path] : found) {
         last_file_ = number;
@@ -100,6 +103,9 @@ std::string EventSpool::open(const std::function<void(const Event&)>& use) {
 std::string EventSpool::read(const std::string& path,
                              const std::function<void(const Event&)>& use) {
     std::ifstream stream(path);
+    if (!stream) {
+        return path + ": " + error_text();
+    }
     std::vector<Event> events;
     std::map<std::string, bool> released;
     std::uint64_t whole = 0;  // Bytes of whole lines.
@@ -115,6 +121,9 @@ std::string EventSpool::read(const std::string& path,
                    std::getline(fields, event.text)) {
             events.push_back(std::make_shared<const EngineEvent>(std::move(event)));
         }
+    }
+    if (stream.bad()) {  // What follows is unread, not cut.
+        return path + ": " + error_text();
     }
     File file{path, ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC)};
     // A line that was cut when the program or the disk failed would swallow the next one.

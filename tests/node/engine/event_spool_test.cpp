@@ -125,6 +125,53 @@ TEST_F(EventSpoolTest, LineThatWasCutHarmsNoOther) {
     EXPECT_EQ(ids(), "x-1 ");
 }
 
+// Whoever may do everything may read everything, so the spool is opened as somebody else.
+class Nobody {
+  public:
+    explicit Nobody(const fs::path& folder) {
+        if (geteuid() == 0) {
+            changed_ = ::chown(folder.c_str(), NOBODY, NOBODY) == 0;
+            for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+                changed_ = ::chown(entry.path().c_str(), NOBODY, NOBODY) == 0 && changed_;
+            }
+            changed_ = changed_ && seteuid(NOBODY) == 0;
+        }
+    }
+    ~Nobody() {
+        if (geteuid() != getuid()) {
+            EXPECT_EQ(seteuid(0), 0);
+        }
+    }
+    Nobody(const Nobody&) = delete;
+    Nobody& operator=(const Nobody&) = delete;
+
+    bool changed() const { return changed_; }
+
+  private:
+    static constexpr uid_t NOBODY = 65534;
+    bool changed_ = true;
+};
+
+TEST_F(EventSpoolTest, FileThatCannotBeReadKeepsItsEvents) {
+    open();
+    spool_->keep({event("x-1")});
+    spool_.reset();
+    const fs::path file = folder_ / "1.events";
+    fs::permissions(file, fs::perms::owner_write);
+    std::string error;
+    {
+        const Nobody nobody(folder_.parent_path());
+        if (!nobody.changed()) {
+            GTEST_SKIP() << "the user cannot be changed here";
+        }
+        error = EventSpool(folder_).open([](const EventSpool::Event& /*event*/) {});
+    }
+    EXPECT_NE(error.find("1.events: Permission denied"), std::string::npos) << error;
+    fs::permissions(file, fs::perms::owner_all);
+    open();
+    EXPECT_EQ(ids(), "x-1 ");
+}
+
 TEST_F(EventSpoolTest, FolderInUseIsRefused) {
     open();
     EventSpool second(folder_);
