@@ -43,7 +43,7 @@ struct EngineFigures {
     bool wanted = false;  // Whether there is such a connection at all.
     bool connected = false;
     std::uint64_t stored_events = 0;
-    std::uint64_t lost_events = 0;  // Dropped because too many waited.
+    std::uint64_t lost_events = 0;  // Dropped: too many waited, or they were too long.
     std::uint64_t waiting_events = 0;
     std::uint64_t sent_chunks = 0;
     std::uint64_t lost_chunks = 0;

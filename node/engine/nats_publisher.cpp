@@ -690,23 +690,39 @@ class NatsPublisher : public Publisher {
             batch_size_ = batch.size();
         }
         if (!batch.empty()) {
-            finish_batch(batch, send(batch));
+            const bool taken = send(batch);
+            finish_batch(batch, taken);
         }
     }
 
-    // Returns whether the server has taken all of them.
-    bool send(const std::vector<EngineChunk>& batch) QV_EXCLUDES(mutex_) {
-        for (const EngineChunk& chunk : batch) {
-            const natsStatus status = send(chunk);
+    // Returns whether the server has taken all of them. Those that it never takes leave the batch.
+    bool send(std::vector<EngineChunk>& batch) QV_EXCLUDES(mutex_) {
+        natsStatus status = NATS_OK;
+        for (auto chunk = batch.begin(); chunk != batch.end() && status == NATS_OK;) {
+            status = send(*chunk);
             if (status == NATS_MAX_PAYLOAD) {
-                complain("a chunk of audio is longer than the server allows");
-                const LockGuard lock(mutex_);
-                ++lost_chunks_;
-            } else if (status != NATS_OK) {
-                return false;
+                lose(*chunk);
+                chunk = batch.erase(chunk);
+                status = NATS_OK;
+            } else {
+                ++chunk;
             }
         }
-        return natsConnection_FlushTimeout(connection_.get(), REQUEST_MS) == NATS_OK;
+        if (status == NATS_OK) {
+            status = natsConnection_FlushTimeout(connection_.get(), REQUEST_MS);
+        }
+        if (status != NATS_OK) {
+            complain("audio is not taken (" + status_text(status) + "); it waits");
+        }
+        return status == NATS_OK;
+    }
+
+    void lose(const EngineChunk& chunk) QV_EXCLUDES(mutex_) {
+        complain("a chunk of audio is longer than the server allows");
+        const LockGuard lock(mutex_);
+        ++lost_chunks_;
+        --batch_size_;
+        audio_bytes_ -= chunk.size();
     }
 
     natsStatus send(const EngineChunk& chunk) {

@@ -15,7 +15,8 @@ namespace {
 
 // Audio of a side that may wait until the sample rate is known: eight seconds at 8 kHz.
 constexpr std::uint64_t MOST_HELD_SAMPLES = 64ULL * 1024;
-// Of a chunk, so that every server takes it: a quarter of a megabyte.
+// Of a chunk: a quarter of a megabyte, of which servers take four times as much unless they are
+// set up otherwise.
 constexpr std::size_t MOST_CHUNK_SAMPLES = 128ULL * 1024;
 
 // Forged send times may overflow.

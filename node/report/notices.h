@@ -48,7 +48,8 @@ class Notices {
     // The number of reports so far that were left out because there were too many. Reports the
     // increase.
     void too_many_reports(std::uint64_t total);
-    // What was lost so far because too much waited for NATS. Reports the increase.
+    // What was lost so far because too much waited for NATS, or because it was too long for it.
+    // Reports the increase.
     void nats_lost(const EngineFigures& figures);
     // The number of packets so far of calls beyond the limit. Reports the increase.
     void too_many_calls(std::uint64_t total);

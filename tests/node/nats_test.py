@@ -320,6 +320,21 @@ class NatsTest(unittest.TestCase):
         self.assertGreater(sum(event["audio_chunks"] for event in lost), 500)
         self.assertRegex(node.text(), r"not sent to nats")
 
+    def test_chunks_that_are_too_long_for_the_server_are_lost_once(self):
+        server = self.server(extra="max_payload: 8192\n")
+        node = self.node("--rate", "8000", "--nats-chunk", "1000", "--metrics", "0",
+                         url=server.url)
+        node.wait_for("nats connected")
+        node.talk([1], 120)  # Two chunks of 16,000 bytes and a rest.
+        node.end([1])
+        node.wait_for("a chunk of audio is longer")
+        wait_until(lambda: self.counters(node).by_label("nats_audio_chunks_total")["sent"] >= 2,
+                   "sent")
+        self.assertEqual(self.counters(node).by_label("nats_audio_chunks_total"),
+                         {"lost": 2, "sent": 2})
+        self.assertEqual(self.counters(node)["nats_waiting_bytes"], 0)
+        self.assertEqual(node.stop(), 1)
+
     def test_events_of_a_spool_outlive_the_program(self):
         port = free_ports(1)[0]
         options = ["--nats-spool", str(self.home / "spool"), "--rate", "8000", "--no-sides",
