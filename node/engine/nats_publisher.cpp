@@ -662,9 +662,9 @@ class NatsPublisher : public Publisher {
         if (status == NATS_OK) {
             return true;
         }
-        if (status == NATS_MAX_PAYLOAD) {
-            complain("an event is longer than the server allows");
-        }
+        complain(status == NATS_MAX_PAYLOAD
+                     ? "an event is longer than the server allows"
+                     : "an event is not sent (" + status_text(status) + "); it waits");
         const LockGuard lock(mutex_);
         if (status != NATS_MAX_PAYLOAD) {
             queue_.refused(entry.number, Clock::now() + RETRY);
