@@ -80,7 +80,8 @@ void EventQueue::refused(std::uint64_t number, Clock::time_point retry) {
     }
 }
 
-void EventQueue::send_again(Clock::time_point sent_before) {
+std::size_t EventQueue::send_again(Clock::time_point sent_before) {
+    const std::size_t before = under_way_.size();
     for (auto each = under_way_.begin(); each != under_way_.end();) {
         if (each->second < sent_before) {
             ready_.insert(each->first);
@@ -89,6 +90,7 @@ void EventQueue::send_again(Clock::time_point sent_before) {
             ++each;
         }
     }
+    return before - under_way_.size();
 }
 
 }  // namespace qv::node

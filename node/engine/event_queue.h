@@ -50,8 +50,8 @@ class EventQueue {
     Event drop(std::uint64_t number);
     // The event was refused. It may be sent again from that time on.
     void refused(std::uint64_t number, Clock::time_point retry);
-    // All events under way that were sent before that time may be sent again now.
-    void send_again(Clock::time_point sent_before);
+    // All events under way that were sent before that time may be sent again now. Returns how many.
+    std::size_t send_again(Clock::time_point sent_before);
 
     std::size_t size() const { return events_.size(); }
     std::size_t under_way() const { return under_way_.size(); }

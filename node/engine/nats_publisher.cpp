@@ -534,7 +534,10 @@ class NatsPublisher : public Publisher {
         while (!stopping_ && answers_.empty() && !(connected_ && may_send()) &&
                work_.wait_until(mutex_, until)) {
         }
-        queue_.send_again(Clock::now() - ANSWER_TIME);
+        if (queue_.send_again(Clock::now() - ANSWER_TIME) != 0 && connected_) {
+            unanswered_ = true;
+            note_refusal(false, "no answer");
+        }
         return !stopping_;
     }
 
@@ -545,12 +548,13 @@ class NatsPublisher : public Publisher {
                (queue_.under_way() < MOST_UNDER_WAY && queue_.has_ready(now));
     }
 
-    // Returns whether a stream is missing.
+    // Returns whether a stream may be missing.
     bool take_answers() QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
         bool stored = false;
         std::string refusal;
-        bool missing = false;
+        // If others get the events, the server does not say that no stream does.
+        bool missing = std::exchange(unanswered_, false);
         for (const Answer& answer : std::exchange(answers_, {})) {
             if (!answer.stored) {
                 refusal = answer.error;
@@ -797,6 +801,9 @@ class NatsPublisher : public Publisher {
         }
         next_creation_ = Clock::now() + creation_pause_;
         creation_pause_ = std::min(2 * creation_pause_, LONGEST_PAUSE);
+        if (code == JSStreamSubjectOverlapErr) {
+            return;  // There is one already, of another name.
+        }
         const char* details = nats_GetLastError(nullptr);
         complain("stream " + settings_.stream +
                  " not created: " + (details != nullptr ? details : status_text(status)));
@@ -832,6 +839,7 @@ class NatsPublisher : public Publisher {
     std::vector<Answer> answers_ QV_GUARDED_BY(mutex_);
     News news_ QV_GUARDED_BY(mutex_);
     std::set<std::string> complaints_ QV_GUARDED_BY(mutex_);
+    bool unanswered_ QV_GUARDED_BY(mutex_) = false;  // Some event, for too long.
     std::string refusal_ QV_GUARDED_BY(mutex_);  // Why events are not taken. Empty if they are.
     std::uint64_t last_event_ QV_GUARDED_BY(mutex_) = 0;
     std::uint64_t stored_events_ QV_GUARDED_BY(mutex_) = 0;

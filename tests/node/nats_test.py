@@ -301,6 +301,18 @@ class NatsTest(unittest.TestCase):
         self.assertEqual(node.stop(), 0, node.text())
         self.assert_all_stored(server)
 
+    def test_stream_is_created_although_somebody_listens_to_the_events(self):
+        server = self.server()
+        listener = Client(server.url)
+        self.addCleanup(listener.socket.close)
+        listener.subscribe("quorvane.events.>")
+        node = self.node("--rate", "8000", url=server.url)
+        node.wait_for("events not taken +no answer")
+        node.wait_for("nats stream")
+        node.wait_for("events are taken again")
+        self.assertEqual(node.stop(), 0)
+        self.assert_all_stored(server)
+
     def test_what_does_not_fit_is_dropped_and_reported(self):
         port = free_ports(1)[0]
         node = self.node("--nats-queue", "1", "--packets", "--metrics", "0", "--rate", "8000",

@@ -70,7 +70,7 @@ TEST_F(EventQueueTest, OnlyEventsThatWereSentEarlyEnoughAreSentAgain) {
     now_ += std::chrono::seconds(1);
     push("two", "b");
     send();
-    queue_.send_again(now_);
+    EXPECT_EQ(queue_.send_again(now_), 1U);
     EXPECT_EQ(send(), "a");
 }
 
