@@ -1,6 +1,7 @@
 #include "node/engine/event_queue.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace qv::node {
 
@@ -12,30 +13,21 @@ std::vector<EventQueue::Event> EventQueue::push(Event event) {
         ready_.insert(number);
     }
     bytes_ += event->size();
-    events_[number].event = std::move(event);
+    waiting_[number].event = std::move(event);
     std::vector<Event> dropped;
-    while (bytes_ > most_bytes_ && under_way_.size() < events_.size()) {
-        dropped.push_back(drop_oldest());
+    while (bytes_ > most_bytes_ && !waiting_.empty()) {
+        ++dropped_;
+        dropped.push_back(remove(waiting_, waiting_.begin()));
     }
     return dropped;
 }
 
-EventQueue::Event EventQueue::drop_oldest() {
-    auto oldest = events_.begin();
-    while (under_way_.count(oldest->first) != 0) {
-        ++oldest;
-    }
-    ++dropped_;
-    return remove(oldest);
-}
-
-EventQueue::Event EventQueue::remove(Events::iterator entry) {
+EventQueue::Event EventQueue::remove(Events& from, Events::iterator entry) {
     const auto [number, waiting] = *entry;
-    events_.erase(entry);
+    from.erase(entry);
     bytes_ -= waiting.event->size();
     ready_.erase(number);
-    later_.erase({waiting.not_before, number});
-    under_way_.erase(number);
+    later_.erase({waiting.time, number});
     const auto of_call = calls_.find(waiting.event->call);
     std::deque<std::uint64_t>& numbers = of_call->second;
     const bool was_first = numbers.front() == number;
@@ -58,13 +50,19 @@ EventQueue::Entry EventQueue::next(Clock::time_point now) {
     }
     const std::uint64_t number = *ready_.begin();
     ready_.erase(ready_.begin());
-    under_way_[number] = now;
-    return {number, events_.at(number).event};
+    Waiting& sent = under_way_.insert(waiting_.extract(number)).position->second;
+    sent.time = now;
+    return {number, sent.event};
 }
 
 EventQueue::Event EventQueue::stored(std::uint64_t number) {
-    const auto entry = events_.find(number);
-    return entry == events_.end() ? nullptr : remove(entry);
+    for (Events* const events : {&under_way_, &waiting_}) {
+        const auto entry = events->find(number);
+        if (entry != events->end()) {
+            return remove(*events, entry);
+        }
+    }
+    return nullptr;
 }
 
 EventQueue::Event EventQueue::drop(std::uint64_t number) {
@@ -74,20 +72,21 @@ EventQueue::Event EventQueue::drop(std::uint64_t number) {
 }
 
 void EventQueue::refused(std::uint64_t number, Clock::time_point retry) {
-    if (under_way_.erase(number) != 0) {
-        events_.at(number).not_before = retry;
+    auto refused = under_way_.extract(number);
+    if (!refused.empty()) {
+        refused.mapped().time = retry;
+        waiting_.insert(std::move(refused));
         later_.emplace(retry, number);
     }
 }
 
 std::size_t EventQueue::send_again(Clock::time_point sent_before) {
     const std::size_t before = under_way_.size();
-    for (auto each = under_way_.begin(); each != under_way_.end();) {
-        if (each->second < sent_before) {
+    for (auto next = under_way_.begin(); next != under_way_.end();) {
+        const auto each = next++;
+        if (each->second.time < sent_before) {
             ready_.insert(each->first);
-            each = under_way_.erase(each);
-        } else {
-            ++each;
+            waiting_.insert(under_way_.extract(each));
         }
     }
     return before - under_way_.size();

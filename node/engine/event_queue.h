@@ -53,7 +53,7 @@ class EventQueue {
     // All events under way that were sent before that time may be sent again now. Returns how many.
     std::size_t send_again(Clock::time_point sent_before);
 
-    std::size_t size() const { return events_.size(); }
+    std::size_t size() const { return waiting_.size() + under_way_.size(); }
     std::size_t under_way() const { return under_way_.size(); }
     std::uint64_t bytes() const { return bytes_; }
     std::uint64_t dropped() const { return dropped_; }
@@ -61,23 +61,22 @@ class EventQueue {
   private:
     struct Waiting {
         Event event;
-        Clock::time_point not_before{};  // While it waits in later_.
+        Clock::time_point time{};  // Of sending if it is under way, of the next try in later_.
     };
-    using Events = std::map<std::uint64_t, Waiting>;
+    using Events = std::map<std::uint64_t, Waiting>;  // By number, which is their order.
 
-    Event drop_oldest();
-    Event remove(Events::iterator entry);
+    Event remove(Events& from, Events::iterator entry);
 
     std::uint64_t most_bytes_;
     std::uint64_t last_number_ = 0;
     std::uint64_t bytes_ = 0;
     std::uint64_t dropped_ = 0;
-    Events events_;  // By number, which is their order.
+    Events waiting_;
+    Events under_way_;
     std::unordered_map<std::string, std::deque<std::uint64_t>> calls_;
-    // The first event of each call is in one of these:
+    // The first event of each call is under way or in one of these:
     std::set<std::uint64_t> ready_;
     std::set<std::pair<Clock::time_point, std::uint64_t>> later_;
-    std::map<std::uint64_t, Clock::time_point> under_way_;  // With the time of sending.
 };
 
 }  // namespace qv::node
