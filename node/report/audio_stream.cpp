@@ -31,6 +31,11 @@ class StreamedCall : public CallListener {
         : call_(call), publisher_(publisher), chunk_ms_(chunk_ms), number_(number) {}
 
     void audio(const Call& /*call*/, Side side, const Audio& audio) override {
+        const Track& into = track(side);
+        if (into.held.empty() && into.rate != 0) {
+            append(side, audio.samples, audio.count, audio.send_time);
+            return;
+        }
         Part part;
         part.samples.assign(audio.samples, audio.samples + audio.count);
         part.send_time = audio.send_time;
@@ -145,17 +150,21 @@ class StreamedCall : public CallListener {
             into.pause += part.pause;
             return;
         }
-        into.taken += part.samples.size();
+        append(side, part.samples.data(), part.samples.size(), part.send_time);
+    }
+
+    void append(Side side, const std::int16_t* samples, std::size_t count, std::int64_t send_time) {
+        Track& into = track(side);
+        into.taken += count;
         const std::size_t chunk = chunk_samples(into.rate);
         std::size_t used = 0;
-        while (used < part.samples.size()) {
+        while (used < count) {
             if (into.block.empty()) {
-                into.send_time = later(part.send_time, seconds_of(used, into.rate));
+                into.send_time = later(send_time, seconds_of(used, into.rate));
+                into.block.reserve(chunk);
             }
-            const std::size_t some =
-                std::min(chunk - into.block.size(), part.samples.size() - used);
-            const auto first = part.samples.begin() + static_cast<std::ptrdiff_t>(used);
-            into.block.insert(into.block.end(), first, first + static_cast<std::ptrdiff_t>(some));
+            const std::size_t some = std::min(chunk - into.block.size(), count - used);
+            into.block.insert(into.block.end(), samples + used, samples + used + some);
             used += some;
             if (into.block.size() == chunk) {
                 send_block(side);
