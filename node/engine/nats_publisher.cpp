@@ -87,9 +87,8 @@ std::string error_of(const nlohmann::json& answer) {
     }
     const nlohmann::json& error = answer["error"];
     const auto description = error.find("description");
-    return description != error.end() && description->is_string()
-               ? description->get<std::string>()
-               : "refused";
+    return description != error.end() && description->is_string() ? description->get<std::string>()
+                                                                  : "refused";
 }
 
 Answer read_answer(natsMsg* message) {
@@ -618,8 +617,7 @@ class NatsPublisher : public Publisher {
         return events;
     }
 
-    void note_spooled(const std::vector<EventQueue::Event>& events, bool kept)
-        QV_EXCLUDES(mutex_) {
+    void note_spooled(const std::vector<EventQueue::Event>& events, bool kept) QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
         if (!kept) {
             next_spooling_ = Clock::now() + RETRY;
@@ -840,7 +838,7 @@ class NatsPublisher : public Publisher {
     News news_ QV_GUARDED_BY(mutex_);
     std::set<std::string> complaints_ QV_GUARDED_BY(mutex_);
     bool unanswered_ QV_GUARDED_BY(mutex_) = false;  // Some event, for too long.
-    std::string refusal_ QV_GUARDED_BY(mutex_);  // Why events are not taken. Empty if they are.
+    std::string refusal_ QV_GUARDED_BY(mutex_);      // Why events are not taken. Empty if they are.
     std::uint64_t last_event_ QV_GUARDED_BY(mutex_) = 0;
     std::uint64_t stored_events_ QV_GUARDED_BY(mutex_) = 0;
     std::uint64_t sent_chunks_ QV_GUARDED_BY(mutex_) = 0;

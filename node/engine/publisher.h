@@ -36,9 +36,9 @@ class Publisher {
     // Waits until everything has been handed over, at most for this time. Returns whether it has.
     virtual bool wait(std::chrono::milliseconds longest) = 0;
 
-    // Ends the connection. Returns how many events and chunks were left; events that the spool holds
-    // are not counted, because they are sent when the program runs again. Belongs to the owner's thread,
-    // which may have to wait some seconds for a server that does not answer.
+    // Ends the connection. Returns how many events and chunks were left; events that the spool
+    // holds are not counted, because they are sent when the program runs again. Belongs to the
+    // owner's thread, which may have to wait some seconds for a server that does not answer.
     struct Left {
         std::uint64_t events = 0;
         std::uint64_t chunks = 0;

@@ -169,8 +169,9 @@ void Notices::nats_lost(const EngineFigures& figures) {
     if (events_ != nullptr) {
         events_->nats_lost(events, chunks);
     }
-    lines_.say("lost for nats", counted(events, "event") + " and " + counted(chunks, "chunk") +
-                                    " of audio: too much waited, or it was too long for the server");
+    lines_.say("lost for nats",
+               counted(events, "event") + " and " + counted(chunks, "chunk") +
+                   " of audio: too much waited, or it was too long for the server");
 }
 
 void Notices::too_many_calls(std::uint64_t total) {
