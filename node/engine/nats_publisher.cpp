@@ -34,6 +34,7 @@ constexpr milliseconds RETRY{500};         // After a refusal.
 constexpr std::int64_t REQUEST_MS = 2000;  // For requests about the stream, and for flushes.
 constexpr milliseconds FIRST_PAUSE{500};   // Between attempts to create the stream.
 constexpr milliseconds LONGEST_PAUSE{30000};
+constexpr milliseconds PATIENCE_AT_THE_END{5000};
 constexpr std::size_t MOST_NEWS = 100;
 constexpr std::int64_t NANOS_PER_SECOND = 1'000'000'000;
 
@@ -115,9 +116,10 @@ Answer read_answer(natsMsg* message) {
     return answer;
 }
 
-class NatsPublisher : public Publisher {
+// What the thread and the library's threads use. It lives as long as one of them does.
+class Engine {
   public:
-    explicit NatsPublisher(EngineSettings settings)
+    explicit Engine(EngineSettings settings)
         : settings_(std::move(settings)),
           run_(random_id()),
           most_audio_(settings_.queue_mib << 20),
@@ -126,25 +128,19 @@ class NatsPublisher : public Publisher {
             settings_.node = host_name();
         }
     }
-    ~NatsPublisher() override { NatsPublisher::finish(); }
-    NatsPublisher(const NatsPublisher&) = delete;
-    NatsPublisher& operator=(const NatsPublisher&) = delete;
 
-    // Returns what is wrong with the settings, or an empty text.
-    std::string begin() {
+    // Returns what is wrong with the settings, or an empty text. Before the thread begins.
+    std::string open() {
         std::string error = make_options();
         if (error.empty() && !settings_.spool.empty()) {
             error = open_spool();
         }
-        if (error.empty()) {
-            thread_ = std::thread([this] { run(); });
-        }
         return error;
     }
 
-    const std::string& run() const override { return run_; }
+    const std::string& run_id() const { return run_; }
 
-    void push(EngineEvent event) override QV_EXCLUDES(mutex_) {
+    void push(EngineEvent event) QV_EXCLUDES(mutex_) {
         {
             const LockGuard lock(mutex_);
             event.id = run_ + '-' + std::to_string(++last_event_);
@@ -157,7 +153,7 @@ class NatsPublisher : public Publisher {
         work_.notify_one();
     }
 
-    void push(EngineChunk chunk) override QV_EXCLUDES(mutex_) {
+    void push(EngineChunk chunk) QV_EXCLUDES(mutex_) {
         {
             const LockGuard lock(mutex_);
             audio_bytes_ += chunk.size();
@@ -167,7 +163,7 @@ class NatsPublisher : public Publisher {
         work_.notify_one();
     }
 
-    EngineFigures figures() const override QV_EXCLUDES(mutex_) {
+    EngineFigures figures() const QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
         EngineFigures figures;
         figures.wanted = true;
@@ -182,12 +178,12 @@ class NatsPublisher : public Publisher {
         return figures;
     }
 
-    News take_news() override QV_EXCLUDES(mutex_) {
+    Publisher::News take_news() QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
         return std::exchange(news_, {});
     }
 
-    bool wait(std::chrono::milliseconds longest) override QV_EXCLUDES(mutex_) {
+    bool wait(milliseconds longest) QV_EXCLUDES(mutex_) {
         const auto until = Clock::now() + longest;
         const LockGuard lock(mutex_);
         while ((queue_.size() != 0 || waiting_audio()) && progress_.wait_until(mutex_, until)) {
@@ -195,17 +191,41 @@ class NatsPublisher : public Publisher {
         return queue_.size() == 0 && !waiting_audio();
     }
 
-    Left finish() override QV_EXCLUDES(mutex_) {
-        {
-            const LockGuard lock(mutex_);
-            stopping_ = true;
-        }
-        work_.notify_one();
-        if (thread_.joinable()) {
-            thread_.join();
-        }
+    // Ends the thread. Returns whether it has ended within PATIENCE_AT_THE_END.
+    bool stop() QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
-        return {spool_ != nullptr ? unspooled_.size() : queue_.size(), audio_.size()};
+        stopping_ = true;
+        work_.notify_one();
+        const auto until = Clock::now() + PATIENCE_AT_THE_END;
+        while (!ended_ && progress_.wait_until(mutex_, until)) {
+        }
+        return ended_;
+    }
+
+    Publisher::Left left() const QV_EXCLUDES(mutex_) {
+        const LockGuard lock(mutex_);
+        return {spool_ != nullptr ? unspooled_.size() : queue_.size(), audio_.size() + batch_size_};
+    }
+
+    // The thread.
+    void run() QV_EXCLUDES(mutex_) {
+        while (wait_for_work()) {
+            keep_connection();
+            if (take_answers()) {
+                create_stream();
+            }
+            write_spool();
+            send_events();
+            send_audio();
+            progress_.notify_all();
+        }
+        take_answers();
+        write_spool();
+        disconnect();
+        wait_for_callbacks();
+        const LockGuard lock(mutex_);
+        ended_ = true;
+        progress_.notify_all();
     }
 
   private:
@@ -358,27 +378,27 @@ class NatsPublisher : public Publisher {
     }
 
     static void on_connected(natsConnection* connection, void* self) {
-        guarded([&] { static_cast<NatsPublisher*>(self)->connected(connection); });
+        guarded([&] { static_cast<Engine*>(self)->connected(connection); });
     }
     static void on_disconnected(natsConnection* /*connection*/, void* self) {
-        guarded([&] { static_cast<NatsPublisher*>(self)->disconnected(); });
+        guarded([&] { static_cast<Engine*>(self)->disconnected(); });
     }
     static void on_closed(natsConnection* connection, void* self) {
-        guarded([&] { static_cast<NatsPublisher*>(self)->closed(connection); });
-        static_cast<NatsPublisher*>(self)->remove_callback();
+        guarded([&] { static_cast<Engine*>(self)->closed(connection); });
+        static_cast<Engine*>(self)->remove_callback();
     }
-    static void on_complete(void* self) { static_cast<NatsPublisher*>(self)->remove_callback(); }
+    static void on_complete(void* self) { static_cast<Engine*>(self)->remove_callback(); }
     static void on_error(natsConnection* connection, natsSubscription* /*subscription*/,
                          natsStatus status, void* self) {
         guarded([&] {
             const std::string text = last_error(connection);
-            static_cast<NatsPublisher*>(self)->complain(text.empty() ? status_text(status) : text);
+            static_cast<Engine*>(self)->complain(text.empty() ? status_text(status) : text);
         });
     }
     static void on_answer(natsConnection* /*connection*/, natsSubscription* /*subscription*/,
                           natsMsg* message, void* self) {
         const MessagePointer owned(message);
-        guarded([&] { static_cast<NatsPublisher*>(self)->answered(read_answer(message)); });
+        guarded([&] { static_cast<Engine*>(self)->answered(read_answer(message)); });
     }
 
     void connected(natsConnection* connection) QV_EXCLUDES(mutex_) {
@@ -443,23 +463,6 @@ class NatsPublisher : public Publisher {
     }
 
     // The thread.
-
-    void run() QV_EXCLUDES(mutex_) {
-        while (wait_for_work()) {
-            keep_connection();
-            if (take_answers()) {
-                create_stream();
-            }
-            write_spool();
-            send_events();
-            send_audio();
-            progress_.notify_all();
-        }
-        take_answers();
-        write_spool();
-        disconnect();
-        wait_for_callbacks();
-    }
 
     // The library connects again by itself, but not if it never was connected, nor after the
     // servers have refused the credentials.
@@ -835,7 +838,7 @@ class NatsPublisher : public Publisher {
     std::size_t batch_size_ QV_GUARDED_BY(mutex_) = 0;      // Chunks under way.
     std::uint64_t audio_bytes_ QV_GUARDED_BY(mutex_) = 0;   // Of all chunks, with those under way.
     std::vector<Answer> answers_ QV_GUARDED_BY(mutex_);
-    News news_ QV_GUARDED_BY(mutex_);
+    Publisher::News news_ QV_GUARDED_BY(mutex_);
     std::set<std::string> complaints_ QV_GUARDED_BY(mutex_);
     bool unanswered_ QV_GUARDED_BY(mutex_) = false;  // Some event, for too long.
     std::string refusal_ QV_GUARDED_BY(mutex_);      // Why events are not taken. Empty if they are.
@@ -845,20 +848,51 @@ class NatsPublisher : public Publisher {
     std::uint64_t lost_chunks_ QV_GUARDED_BY(mutex_) = 0;
     bool connected_ QV_GUARDED_BY(mutex_) = false;
     bool stopping_ QV_GUARDED_BY(mutex_) = false;
-    int callbacks_ QV_GUARDED_BY(mutex_) = 0;  // That the library has yet to call.
+    bool ended_ QV_GUARDED_BY(mutex_) = false;  // The thread uses nothing any more.
+    int callbacks_ QV_GUARDED_BY(mutex_) = 0;   // That the library has yet to call.
+};
 
+// A thread that the library or the spool's disk does not let go is left behind with its engine.
+class NatsPublisher : public Publisher {
+  public:
+    explicit NatsPublisher(std::shared_ptr<Engine> engine)
+        : engine_(std::move(engine)), thread_([engine = engine_] { engine->run(); }) {}
+    ~NatsPublisher() override { NatsPublisher::finish(); }
+    NatsPublisher(const NatsPublisher&) = delete;
+    NatsPublisher& operator=(const NatsPublisher&) = delete;
+
+    const std::string& run() const override { return engine_->run_id(); }
+    void push(EngineEvent event) override { engine_->push(std::move(event)); }
+    void push(EngineChunk chunk) override { engine_->push(std::move(chunk)); }
+    EngineFigures figures() const override { return engine_->figures(); }
+    News take_news() override { return engine_->take_news(); }
+    bool wait(milliseconds longest) override { return engine_->wait(longest); }
+
+    Left finish() override {
+        if (thread_.joinable()) {
+            if (engine_->stop()) {
+                thread_.join();
+            } else {
+                thread_.detach();
+            }
+        }
+        return engine_->left();
+    }
+
+  private:
+    const std::shared_ptr<Engine> engine_;
     std::thread thread_;
 };
 
 }  // namespace
 
 std::unique_ptr<Publisher> make_publisher(const EngineSettings& settings, std::string& error) {
-    auto publisher = std::make_unique<NatsPublisher>(settings);
-    error = publisher->begin();
+    auto engine = std::make_shared<Engine>(settings);
+    error = engine->open();
     if (!error.empty()) {
         return nullptr;
     }
-    return publisher;
+    return std::make_unique<NatsPublisher>(std::move(engine));
 }
 
 }  // namespace qv::node

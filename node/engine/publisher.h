@@ -38,7 +38,7 @@ class Publisher {
 
     // Ends the connection. Returns how many events and chunks were left; events that the spool
     // holds are not counted, because they are sent when the program runs again. Belongs to the
-    // owner's thread, which may have to wait some seconds for a server that does not answer.
+    // owner's thread, which waits at most some seconds for a server or a disk that does not answer.
     struct Left {
         std::uint64_t events = 0;
         std::uint64_t chunks = 0;

@@ -438,6 +438,22 @@ class NatsTest(unittest.TestCase):
         node.stop()
         self.assertNotIn("nats connected", node.text())
 
+    def test_server_that_stops_in_the_tls_handshake_does_not_hold_the_end(self):
+        listener = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(listener.close)
+        listener.settimeout(PATIENCE)
+        node = self.node(*self.settings("exit_wait = 0\n"),
+                         url=f"tls://127.0.0.1:{listener.getsockname()[1]}")
+        server, _ = listener.accept()
+        self.addCleanup(server.close)
+        server.settimeout(PATIENCE)
+        server.sendall(b'INFO {"server_id":"A","version":"2.9.10","proto":1,"headers":true,'
+                       b'"max_payload":1048576,"tls_required":true}\r\n')
+        self.assertNotEqual(server.recv(1000), b"")  # The greeting, which gets no answer.
+        node.talk([1], 5)
+        self.assertEqual(node.stop(), 1)
+        self.assertRegex(node.text(), r"not sent to nats +[1-9]\d* events")
+
     def test_what_cannot_be_used_is_refused_at_the_start(self):
         def complaint(code, *options):
             done = subprocess.run([NODE, "--listen", "127.0.0.1:0", "--output", str(self.home),
