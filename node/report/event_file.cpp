@@ -47,7 +47,12 @@ std::string EventFile::open(const std::string& path) {
     } else {
         fstat(opened, &status);
     }
+    // The reader of the same pipe still gets the rest of its line.
+    const bool same = descriptor_ >= 0 && opened >= 0 && S_ISFIFO(status.st_mode) &&
+                      status.st_dev == device_ && status.st_ino == inode_;
+    std::string rest = same ? std::move(rest_) : std::string();
     close();
+    rest_ = std::move(rest);
     descriptor_ = opened;
     owned_ = true;
     path_ = path;
@@ -126,10 +131,12 @@ std::size_t EventFile::write(const char* text, std::size_t size) {
     return end;
 }
 
-// A reader who has the beginning of a line gets the rest of it next.
+// Writes the rest of a line that an earlier write cut. Returns whether it is complete now.
 bool EventFile::put_rest() {
-    rest_.erase(0, put(rest_.data(), rest_.size()));
-    return rest_.empty();
+    const std::size_t wanted = rest_.size();
+    const std::size_t written = put(rest_.data(), wanted);
+    rest_.erase(0, written);  // Nothing is left of it if the reader has gone.
+    return written == wanted;
 }
 
 std::size_t EventFile::put(const char* data, std::size_t size) {

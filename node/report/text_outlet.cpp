@@ -97,7 +97,7 @@ void TextOutlet::Shared::write() {
     std::optional<std::string> result;
     if (std::exchange(reopen_now, false)) {
         result = file->reopen();
-        failed = false;
+        failed = !in_hand.empty() || file->in_midst();
     }
     const LockGuard lock(mutex);
     if (result.has_value()) {
@@ -106,7 +106,7 @@ void TextOutlet::Shared::write() {
     error = failed ? file->error() : std::string();
     replaced = file->replaced();
     bytes_in_hand = in_hand.size();
-    lines_in_hand = lines_in(in_hand);
+    lines_in_hand = lines_in(in_hand) + (file->in_midst() ? 1 : 0);
     busy = !in_hand.empty() || file->in_midst();
     progress.notify_all();
 }

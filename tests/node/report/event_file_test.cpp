@@ -164,6 +164,14 @@ class NamedPipeTest : public EventFileTest {
             ::close(std::exchange(reader_, -1));
         }
     }
+    // More than a pipe holds.
+    static std::string long_lines() {
+        std::string text;
+        for (int i = 0; i < 5; ++i) {
+            text += std::string(20'000, static_cast<char>('a' + i)) + '\n';
+        }
+        return text;
+    }
     std::string take() const {
         std::string all;
         char bytes[4096];
@@ -205,10 +213,7 @@ TEST_F(NamedPipeTest, SlowReaderIsNotWaitedForAndGetsWholeLines) {
     EventFile file;
     read_it();
     ASSERT_EQ(file.open(path_), "");
-    std::string text;
-    for (int i = 0; i < 5; ++i) {
-        text += std::string(20'000, static_cast<char>('a' + i)) + '\n';
-    }
+    const std::string text = long_lines();
     const std::size_t done = put(file, text);
     EXPECT_EQ(done, 80'004u);  // The pipe took 65,536 bytes, in the midst of the fourth line.
     EXPECT_EQ(file.error(), "its reader does not read");
@@ -218,6 +223,35 @@ TEST_F(NamedPipeTest, SlowReaderIsNotWaitedForAndGetsWholeLines) {
     EXPECT_FALSE(file.in_midst());
     seen += take();
     EXPECT_TRUE(seen == text);  // It is too long to be printed.
+}
+
+TEST_F(NamedPipeTest, SlowReaderGetsTheRestOfItsLineAfterTheFileIsOpenedAgain) {
+    EventFile file;
+    read_it();
+    ASSERT_EQ(file.open(path_), "");
+    const std::string text = long_lines();
+    const std::size_t done = put(file, text);
+    EXPECT_EQ(file.reopen(), "");
+    EXPECT_TRUE(file.in_midst());
+    std::string seen = take();
+    EXPECT_EQ(put(file, text.substr(done)), 20'001u);
+    seen += take();
+    EXPECT_TRUE(seen == text);
+}
+
+TEST_F(NamedPipeTest, ReaderWhoLeavesInTheMiddleOfALineIsMissedLikeAnyOther) {
+    EventFile file;
+    read_it();
+    ASSERT_EQ(file.open(path_), "");
+    put(file, long_lines());
+    leave();
+    EXPECT_EQ(put(file, "next\n"), 0u);
+    EXPECT_EQ(file.error(), "no program reads it");
+    EXPECT_FALSE(file.in_midst());
+    read_it();
+    EXPECT_EQ(put(file, "next\n"), 5u);
+    EXPECT_EQ(take(), "next\n");
+    EXPECT_EQ(file.replaced(), 0u);
 }
 
 TEST_F(EventFileTest, ThePathIsOpenedAgainOnRequest) {
