@@ -1,16 +1,24 @@
 #include "node/calls/totals.h"
 
+#include <algorithm>
+#include <functional>
+
 #include "node/calls/call.h"
 
 namespace qv::node {
 
+namespace {
+
+template <typename Counters>
+void add_each(Counters& sums, const Counters& others) {
+    std::transform(sums.begin(), sums.end(), others.begin(), sums.begin(), std::plus<>());
+}
+
+}  // namespace
+
 void Totals::add(const Totals& others) {
-    for (std::size_t i = 0; i < packets.size(); ++i) {
-        packets[i] += others.packets[i];
-    }
-    for (std::size_t i = 0; i < dropped.size(); ++i) {
-        dropped[i] += others.dropped[i];
-    }
+    add_each(packets, others.packets);
+    add_each(dropped, others.dropped);
     calls_begun += others.calls_begun;
     calls_ended += others.calls_ended;
     calls_not_terminated += others.calls_not_terminated;
