@@ -489,12 +489,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     report_sync();
     remove_old_files();
     // Once a second, so that a flood of calls does not cause a flood of lines.
-    notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
-    notices_->reports_not_allowed(figures.reports);
-    notices_->too_many_reports(figures.reports.too_many);
-    notices_->audio_dropped(figures.dropped_bytes);
-    notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
-    notices_->nats_lost(figures.engine);
+    notices_->losses(figures);
     if (metrics_port_ != nullptr) {
         metrics_.update(figures, analysis());
     }
@@ -538,11 +533,7 @@ void Outputs::finish(NodeFigures figures) {
     failed_ = failed_ || not_converted_;
     add_figures(figures);
     notices_->overflowed(figures.overflowed);
-    notices_->not_allowed(figures.not_allowed, figures.latest_not_allowed);
-    notices_->reports_not_allowed(figures.reports);
-    notices_->too_many_reports(figures.reports.too_many);
-    notices_->audio_dropped(figures.dropped_bytes);
-    notices_->too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
+    notices_->losses(figures);
     flush_events();
     finish_commands();
     report_sync();

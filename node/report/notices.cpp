@@ -158,6 +158,15 @@ void Notices::too_many_reports(std::uint64_t total) {
     }
 }
 
+void Notices::losses(const NodeFigures& figures) {
+    not_allowed(figures.not_allowed, figures.latest_not_allowed);
+    reports_not_allowed(figures.reports);
+    too_many_reports(figures.reports.too_many);
+    audio_dropped(figures.dropped_bytes);
+    too_many_calls(figures.totals.dropped_for(Drop::TOO_MANY_CALLS));
+    nats_lost(figures.engine);
+}
+
 void Notices::nats_lost(const EngineFigures& figures) {
     const std::uint64_t events =
         figures.lost_events - std::exchange(reported_lost_events_, figures.lost_events);

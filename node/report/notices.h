@@ -53,6 +53,8 @@ class Notices {
     void nats_lost(const EngineFigures& figures);
     // The number of packets so far of calls beyond the limit. Reports the increase.
     void too_many_calls(std::uint64_t total);
+    // All of the above that can come in floods, except overflowed() and malformed().
+    void losses(const NodeFigures& figures);
 
   private:
     std::uint64_t count_malformed(media::DecodeResult reason) QV_EXCLUDES(mutex_);
