@@ -82,7 +82,6 @@ def build_network():
         add_machine(f"switch{number}", address)
     for number, address in enumerate((ONE, TWO, THREE), 1):
         add_machine(f"node{number}", address)
-    run(*inside("balancer", "nft", "-f", str(FLEET / "quorvane.nft")))
 
 
 # ---- The balancer -------------------------------------------------------------------
@@ -332,6 +331,7 @@ class SmallFleet(unittest.TestCase):
         cls.folder = tempfile.TemporaryDirectory()
         cls.addClassCleanup(cls.folder.cleanup)
         build_network()
+        run(*inside("balancer", "nft", "-f", str(FLEET / "quorvane.nft")))
         cls.fleet = Fleet(pathlib.Path(cls.folder.name))
 
     def split(self):
@@ -483,11 +483,30 @@ def prepare():
     run("mount", "-t", "tmpfs", "tmpfs", "/run")
 
 
+# Of the kernel. The shipped rules are no part of the probe: a fault in them must fail the test.
+WHAT_THE_RULES_NEED = """
+table ip probe {
+    map nodes { type mark : ipv4_addr; }
+    set seen { typeof @th,128,64; size 10; flags dynamic, timeout; timeout 1m; }
+    counter none { }
+    chain balance { type filter hook prerouting priority raw; policy accept; }
+    chain call {
+        notrack
+        meta mark set jhash @th,128,64 mod 64 seed 1
+        @th,96,8 0x81 add @seen { @th,128,64 }
+        ip daddr set meta mark map @nodes accept
+        counter name none drop
+    }
+}
+"""
+
+
 def probe():
     """Tries everything that may be forbidden."""
     try:
         prepare()
         build_network()
+        run(*inside("balancer", "nft", "-f", "-"), text=WHAT_THE_RULES_NEED)
     except RuntimeError as error:
         sys.exit(f"namespaces or nftables cannot be used: {error}")
 
