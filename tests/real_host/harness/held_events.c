@@ -27,21 +27,26 @@ static void wait_for_release(switch_event_t* event) {
 
 /* Returns once all events fired before it are delivered, and later ones wait. */
 SWITCH_STANDARD_API(held_events) {
+    int done = 0;
     (void)session;
     if (!strcmp(cmd, "hold")) {
         switch_event_t* event = NULL;
+        int waited_ms = 0;
         wanted = 1;
         if (switch_event_create_subclass(&event, SWITCH_EVENT_CUSTOM, SUBCLASS) ==
             SWITCH_STATUS_SUCCESS) {
             switch_event_fire(&event);
-            while (!holding) {
+            for (; !holding && waited_ms < LONGEST_HOLD_MS; ++waited_ms) {
                 switch_yield(1000);
             }
         }
+        done = holding;
     } else {
+        /* Not if the events went on by themselves, after the longest time. */
+        done = holding;
         wanted = 0;
     }
-    stream->write_function(stream, "+OK\n");
+    stream->write_function(stream, done ? "+OK\n" : "-ERR no events are held up\n");
     return SWITCH_STATUS_SUCCESS;
 }
 

@@ -30,4 +30,6 @@ def held_events(s):
     try:
         yield
     finally:
-        s.host.api("held_events release")
+        answer = s.host.api("held_events release").strip()
+    if answer != "+OK":
+        raise RuntimeError(f"events were not held up to the end: {answer}")
