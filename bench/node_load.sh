@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Measures how much the receiver can take on one core, and what a packet costs it. The program
-# node_load sends calls, each with 100 packets per second, from another core. Everything that the socket delivered must be in
-# the files. Packets that the socket itself dropped are reported separately and fail the run.
+# node_load sends calls, each with 100 packets per second, from another core. Everything that the
+# socket delivered must be in the files. Packets that the socket itself dropped are reported
+# separately and fail the run.
 #
 #   bench/node_load.sh [--build FOLDER] [--stop-disk SECONDS] [--output FOLDER] [--threads N]
 #                      [CALLS [SECONDS]]
