@@ -5,6 +5,7 @@
 #include <prometheus/registry.h>
 #include <prometheus/text_serializer.h>
 
+#include <algorithm>
 #include <iterator>
 #include <map>
 #include <string>
