@@ -54,7 +54,7 @@ class Lanes {
     std::uint64_t calls_ended();
 
   private:
-    std::unique_ptr<Lane> only_;  // Null if there are several,
+    std::unique_ptr<Lane> only_;  // Null if there are several lanes: those are in threads_.
     std::vector<std::unique_ptr<LaneThread>> threads_;
     std::uint64_t granted_buffer_ = 0;
 };

@@ -46,7 +46,7 @@ Micros clock_time(clockid_t clock) {
     return Micros(now.tv_sec * 1'000'000 + now.tv_nsec / 1000);
 }
 
-// Not that of a capture.
+// The system's clock, even while a capture is read.
 Micros system_time() {
     return clock_time(CLOCK_REALTIME);
 }
@@ -550,7 +550,7 @@ void Outputs::finish(NodeFigures figures) {
     wait_for_reader([this](auto until) { return console_.wait(until); });
 }
 
-// Nobody may be reading the events.
+// Waits only for a limited time, because there may be no reader.
 LostEvents Outputs::finish_events() {
     if (events_outlet_ == nullptr) {
         return {};
@@ -566,8 +566,8 @@ LostEvents Outputs::finish_events() {
     return lost;
 }
 
-// Calls `done` until it returns true or there has been patience enough. It waits until the time
-// that it is given.
+// Repeats `done` until it returns true or the time for readers is over; while a capture is read,
+// that time does not end. `done` may wait until the time that it is given.
 template <typename Done>
 void Outputs::wait_for_reader(Done done) {
     const auto end = std::chrono::steady_clock::now() + PATIENCE_WITH_READERS;
@@ -578,7 +578,7 @@ void Outputs::wait_for_reader(Done done) {
     }
 }
 
-// Once somebody reads it again.
+// Reports the lines that were dropped while nobody read this output.
 void Outputs::report_lost_output() {
     const std::uint64_t lines = console_.take_lost_lines();
     if (lines != 0) {

@@ -24,6 +24,7 @@ struct WINDOWS_PATH_SEPARATOR {
     inline static const std::string STR = LINUX_PATH_SEPARATOR::C_STR;
 };
 
+// Not used here; kept for its users.
 struct FILE_EXTENSION_SEPARATOR {
     static constexpr char CHAR = '.';
 };
@@ -51,7 +52,8 @@ std::string get_current_directory();
 void normalize_path_separator(std::string& path);
 std::string normalize_path_separator(const std::string& path);
 
-// What follows the last separator; the whole path if there is none.
+// What follows the last separator; the whole path if there is none. Not used here; kept for its
+// users.
 std::string get_file_name(const std::string& path);
 
 // The absolute form of `path`, without ".", "..", doubled or trailing separators. Does not

@@ -58,7 +58,8 @@ void split(const std::string& s, const char* delimiter, std::vector<std::string>
 void split(const std::string& s, const std::string& delimiter, std::vector<std::string>& out,
            bool keep_empty);
 
-// Splits at every character that occurs in `delimiters`; an empty text has no piece.
+// Splits at every character that occurs in `delimiters`; an empty text has no piece. Not used here;
+// kept for its users.
 void split_any(const std::string& s, const std::string& delimiters, std::vector<std::string>& out,
                bool keep_empty);
 

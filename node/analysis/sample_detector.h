@@ -139,8 +139,8 @@ class SampleDetector {
     ToneFinder tone_finder_;
     std::array<Tone, TonePattern::MOST_TONES> heard_tones_{};  // Newest last.
     std::size_t heard_tone_count_ = 0;
-    std::uint32_t reported_tone_ = 0;      // The reference reported last, and the frame at which
-    std::int64_t reported_tone_end_ = -1;  // it ends.
+    std::uint32_t reported_tone_ = 0;      // The tone that was reported last.
+    std::int64_t reported_tone_end_ = -1;  // The frame at which it ends.
 };
 
 }  // namespace qv::node::analysis

@@ -49,9 +49,10 @@ class SampleIndex {
         PeakWeights gains;
         PeakWeights losses;
     };
-    // The faintness of a peak that is this many decibels below the loudest ones: 0 for the loudest.
+    // The faintness of a peak: 0 for the loudest, and 1 more for every FAINTNESS_DB decibels below
+    // it, at most FAINTEST.
     static constexpr std::uint32_t FAINTEST = 7;
-    static constexpr float FAINTNESS_DB = 7;  // Decibels per step.
+    static constexpr float FAINTNESS_DB = 7;
     static std::uint32_t faintness(float below_db) {
         return std::min(FAINTEST,
                         static_cast<std::uint32_t>(std::max(0.0F, below_db) / FAINTNESS_DB));
@@ -63,8 +64,9 @@ class SampleIndex {
         std::array<std::vector<Frame>, SHIFTS> frames;  // Empty if the reference is a tone.
     };
 
-    // The number of references, and the reference with a number.
+    // The number of references.
     std::size_t size() const { return references_.size(); }
+    // `number` is below size().
     const Reference& reference(std::size_t number) const { return references_[number]; }
 
     // The references that are tones.

@@ -183,7 +183,7 @@ class WavFile : public AudioFile {
         return 0;
     }
 
-    // Makes the file ready for so many more bytes of samples.
+    // Makes the file ready for `size` more bytes of samples.
     bool make_ready(std::uint64_t size) {
         if (!error_.empty()) {
             return false;

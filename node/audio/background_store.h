@@ -66,7 +66,7 @@ class BackgroundStore : public AudioStore {
 
     std::unique_ptr<AudioFile> create(const std::string& name, int sample_rate,
                                       int channels) override;
-    // Fails if as much waits as memory is granted.
+    // Fails if what waits already fills the memory that the options grant.
     std::shared_ptr<const PendingFile> write_text(const std::string& name,
                                                   std::string text) override;
 

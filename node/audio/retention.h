@@ -30,7 +30,7 @@ namespace qv::node {
 struct RemovedCall {
     std::string stem;
     std::vector<std::string> files;  // Names without folder.
-    std::uint64_t bytes = 0;         // That they took on the disk.
+    std::uint64_t bytes = 0;         // What the files took on the disk.
     bool by_age = false;             // Otherwise by size.
     std::string error;               // Why the other files of the call are still there.
 };

@@ -20,7 +20,7 @@ constexpr double CATCHING_UP_S = 0.01;
 // The longest that audio waits, in real time and in packets, until a pause is reported.
 constexpr Micros LONGEST_DOUBT{1'000'000};
 constexpr std::size_t MOST_WAITING = 250;
-// If no further packets decide it, a doubt about the rate ends after this real time.
+// If no further packets decide it, a doubt about the rate ends after this time on the node's clock.
 constexpr Micros LONGEST_RATE_DOUBT{5'000'000};
 // If a pause is longer than the time that has passed, this many packets confirm it: the sender is
 // faster than real time. A pause of up to a day is accepted.

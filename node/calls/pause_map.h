@@ -1,5 +1,5 @@
 // Maps between the positions of a side, which leave out the sender's pauses, and places on an axis
-// that includes them. Only the latest pauses are remembered: what is detected lies at most seconds
+// that includes them. Only the latest pauses are remembered, because detections lie at most seconds
 // back. Plain values; belongs to one thread.
 #pragma once
 

@@ -89,13 +89,13 @@ class LiveView {
     Order order_ = Order::TROUBLE;
     std::string filter_;
     bool typing_ = false;           // The filter.
-    bool whole_ = false;            // One call fills the screen,
-    std::size_t whole_top_ = 0;     // from this line on.
+    bool whole_ = false;            // One call fills the screen.
+    std::size_t whole_top_ = 0;     // The first of its lines that is shown.
     std::optional<Uuid> selected_;  // A call of the list; nothing before the first key.
     std::size_t selected_row_ = 0;  // Where it was; the next call takes its place.
     std::ptrdiff_t moved_ = 0;      // By keys since the last frame, in rows.
-    std::size_t top_ = 0;           // The first row of the list that is shown,
-    std::size_t room_ = 1;          // and how many there are.
+    std::size_t top_ = 0;           // The first row of the list that is shown.
+    std::size_t room_ = 1;          // The rows that are shown.
 };
 
 // For example "AdR". A, D and R stand for audio activity, detection and recording: a capital if
