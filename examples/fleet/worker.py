@@ -6,13 +6,21 @@ protocol of NATS is text. docs/node.md describes the subjects and the headers.
 """
 import argparse
 import json
+import os
 import pathlib
 import socket
 import sys
+import time
 import urllib.parse
+import uuid
 import wave
 
 MAX_WAIT = 0.2  # Seconds between two looks at the time.
+MOST_WAITING = 1 << 26  # Bytes of a message; servers allow 64 MiB at most.
+REMEMBERED = 60  # Seconds for which a call that has ended is known, because chunks may come again.
+GIVEN_UP = 12 * 3600  # Seconds without a chunk after which the end of a call is not awaited.
+MOST_SILENCE = 3600  # Seconds of lost audio that are written as silence, at most.
+SIDES = ("originator", "terminator")
 
 
 class Connection:
@@ -50,6 +58,8 @@ class Connection:
 
     def line(self):
         while b"\r\n" not in self.waiting:
+            if len(self.waiting) > MOST_WAITING:
+                raise ConnectionError("the server does not speak NATS")
             self.receive()
         line, self.waiting = self.waiting.split(b"\r\n", 1)
         return line.decode()
@@ -70,17 +80,25 @@ class Connection:
             except socket.timeout:
                 yield None
                 continue
-            words = line.split()
-            if words[0] == "PING":
+            kind, *words = line.split() or [""]
+            if kind == "PING":
                 self.say("PONG")
-            elif words[0] == "-ERR":
+            elif kind == "-ERR":
                 raise ConnectionError(line)
-            elif words[0] == "MSG":
-                yield words[1], {}, self.bytes(int(words[-1]))
-            elif words[0] == "HMSG":
+            elif kind == "MSG":
+                yield words[0], {}, self.bytes(int(words[-1]))
+            elif kind == "HMSG":
                 head, whole = int(words[-2]), self.bytes(int(words[-1]))
-                fields = whole[:head].decode().split("\r\n")[1:]
-                yield words[1], dict(field.split(": ", 1) for field in fields if field), whole[head:]
+                yield words[0], headers_of(whole[:head]), whole[head:]
+
+
+def headers_of(head):
+    fields = [field.partition(":") for field in head.decode(errors="replace").split("\r\n")[1:]]
+    return {name: value.strip() for name, colon, value in fields if colon}
+
+
+class Nonsense(Exception):
+    """A message that is not one of a media node. Everybody whom the server lets may send such."""
 
 
 class Stream:
@@ -89,22 +107,29 @@ class Stream:
     def __init__(self, folder, call, side):
         self.call, self.side = call, side
         self.folder = folder
+        self.time = time.monotonic()  # Of its latest chunk.
         self.sequence = self.position = self.lost_chunks = self.lost_samples = 0
         self.rate, self.file, self.parts = 0, None, 0
         self.ended = False
 
     def take(self, headers, audio):
-        number = {name: int(headers.get("Quorvane-" + name, 0))
-                  for name in ("Sequence", "Position", "Gap", "Pause", "Sample-Rate")}
-        if number["Sequence"] <= self.sequence:
+        number = {name: number_in(headers, name)
+                  for name in ("Sequence", "Position", "Gap", "Sample-Rate")}
+        if self.ended or number["Sequence"] <= self.sequence:
             return  # It was sent again.
         # What is missing although it was not lost before the node.
         lost = number["Position"] - number["Gap"] - self.position
+        rate, silence = number["Sample-Rate"], lost + number["Gap"]
+        if not 0 < rate <= 192_000 or len(audio) % 2 or lost < 0:
+            raise Nonsense(f"{headers}, {len(audio)} bytes of audio")
         self.lost_chunks += number["Sequence"] - self.sequence - 1
         self.lost_samples += lost
         self.sequence = number["Sequence"]
-        if audio or lost or number["Gap"]:
-            self.write(number["Sample-Rate"], bytes(2 * (lost + number["Gap"])) + audio)
+        if silence > MOST_SILENCE * rate:
+            self.close()  # The next part begins after it.
+            silence = 0
+        if audio or silence:
+            self.write(rate, bytes(2 * silence) + audio)
         self.position = number["Position"] + len(audio) // 2
         self.ended = "Quorvane-End" in headers
         if self.ended:
@@ -138,55 +163,118 @@ class Stream:
             self.file = None
 
 
+def number_in(headers, name):
+    text = headers.get("Quorvane-" + name, "0")
+    if not (text.isascii() and text.isdigit() and len(text) < 20):
+        raise Nonsense(f"Quorvane-{name}: {text}")
+    return int(text)
+
+
+class FollowedCall:
+    """A call that this worker of a group follows."""
+
+    def __init__(self, subscription):
+        self.subscription = subscription
+        self.since = time.monotonic()
+        self.starts = 0
+        self.taps = set()  # One for each start: what the streams of both sides have in common.
+
+    def has(self, stream):
+        """A call that is tapped again may have become another worker's."""
+        tap = stream.rpartition("-")[0]
+        if len(self.taps) < self.starts:
+            self.taps.add(tap)
+        return tap in self.taps
+
+
 class Worker:
     def __init__(self, connection, folder):
         self.connection = connection
         self.folder = folder
         self.streams = {}
-        self.calls = {}  # The subscription of each call, in a group.
+        self.calls = {}  # In a group.
         self.ended = 0
 
     def follow(self, call):
         """Of the starts of a group each comes to one worker, which then takes the whole call."""
         if call not in self.calls:
-            self.calls[call] = self.connection.subscribe(f"quorvane.audio.{call}.*")
+            self.calls[call] = FollowedCall(self.connection.subscribe(f"quorvane.audio.{call}.*"))
+        self.calls[call].starts += 1
 
     def take(self, subject, headers, data):
-        _, kind, call, last = subject.split(".")
+        _, kind, call, last = (subject + "...").split(".")[:4]
+        if not is_uuid(call):  # It becomes part of a file name.
+            raise Nonsense(subject)
         if kind == "events":
             self.follow(call)
             return
-        name = headers["Quorvane-Stream"]
-        if name not in self.streams:
-            self.streams[name] = Stream(self.folder, call, last)
-        stream = self.streams[name]
-        if stream.ended:
+        name = headers.get("Quorvane-Stream", "")
+        if not name or last not in SIDES:
+            raise Nonsense(f"{subject} {headers}")
+        if call in self.calls and not self.calls[call].has(name):
             return
+        stream = self.streams.get(name) or Stream(self.folder, call, last)
+        if (stream.call, stream.side) != (call, last):
+            raise Nonsense(f"{subject} {headers}")
+        known = stream.ended
         stream.take(headers, data)
-        if stream.ended:
+        stream.time = time.monotonic()
+        self.streams[name] = stream
+        if stream.ended and not known:
             self.ended += 1
             print(json.dumps({"call": call, "side": last, "stream": name,
                               "chunks": stream.sequence, "lost_chunks": stream.lost_chunks,
                               "samples": stream.position,
                               "lost_samples": stream.lost_samples}), flush=True)
-            self.forget(call)
 
-    def forget(self, call):
-        of_call = [name for name, stream in self.streams.items() if stream.call == call]
-        if call in self.calls and all(self.streams[name].ended for name in of_call):
-            self.connection.unsubscribe(self.calls.pop(call))
-            for name in of_call:
+    def forget(self, now):
+        """Forgets the calls that are over. The sides of a call need not end, nor begin, together."""
+        over = set()
+        for name, stream in list(self.streams.items()):
+            if now - stream.time > (REMEMBERED if stream.ended else GIVEN_UP):
+                stream.close()
+                over.add(stream.call)
                 del self.streams[name]
+        alive = {stream.call for stream in self.streams.values()}
+        for name, call in list(self.calls.items()):
+            if name not in alive and (name in over or now - call.since > GIVEN_UP):
+                self.connection.unsubscribe(call.subscription)
+                del self.calls[name]
 
     def close(self):
         for stream in self.streams.values():
             stream.close()
 
 
+def is_uuid(text):
+    try:
+        return str(uuid.UUID(text)) == text.lower()
+    except ValueError:
+        return False
+
+
+def follow(connection, worker, streams):
+    """Ends after so many streams, unless it is 0."""
+    looked = time.monotonic()
+    for message in connection:
+        if message is not None:
+            try:
+                worker.take(*message)
+            except Nonsense as reason:
+                print(f"worker.py: ignored: {reason}", file=sys.stderr, flush=True)
+        if streams and worker.ended >= streams:
+            break
+        if time.monotonic() - looked > 1:
+            looked = time.monotonic()
+            worker.forget(looked)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--nats", metavar="URL", default="nats://127.0.0.1:4222",
-                        help="the server (default: %(default)s)")
+    parser.add_argument("--nats", metavar="URL",
+                        default=os.environ.get("NATS_URL", "nats://127.0.0.1:4222"),
+                        help="the server (default: the variable NATS_URL, which hides a password "
+                             "from the list of processes, or nats://127.0.0.1:4222)")
     parser.add_argument("--output", metavar="FOLDER", type=pathlib.Path, default=".",
                         help="where the files go (default: here)")
     parser.add_argument("--call", metavar="UUID", default="*", help="only this call")
@@ -198,23 +286,23 @@ def main():
                         help="end after this many sides have ended")
     options = parser.parse_args()
     options.output.mkdir(parents=True, exist_ok=True)
-    connection = Connection(options.nats)
-    worker = Worker(connection, options.output)
-    if options.group:
-        connection.subscribe("quorvane.events.*.start", options.group)
-    else:
-        connection.subscribe(f"quorvane.audio.{options.call}.{options.side}")
-    print("ready", file=sys.stderr, flush=True)
+    worker = None
     try:
-        for message in connection:
-            if message is not None:
-                worker.take(*message)
-            if options.streams and worker.ended >= options.streams:
-                break
+        connection = Connection(options.nats)
+        worker = Worker(connection, options.output)
+        if options.group:
+            connection.subscribe("quorvane.events.*.start", options.group)
+        else:
+            connection.subscribe(f"quorvane.audio.{options.call}.{options.side}")
+        print("ready", file=sys.stderr, flush=True)
+        follow(connection, worker, options.streams)
     except KeyboardInterrupt:
         pass
+    except OSError as error:
+        sys.exit(f"worker.py: {error}")
     finally:
-        worker.close()
+        if worker:
+            worker.close()
 
 
 if __name__ == "__main__":
