@@ -30,7 +30,7 @@ std::vector<fs::path> wav_files(const fs::path& folder) {
     std::vector<fs::path> files;
     while (!error && entry != fs::directory_iterator()) {
         std::error_code unknown;
-        if (is_wav(entry->path()) && entry->is_regular_file(unknown)) {
+        if (is_wav(entry->path()) && !entry->is_directory(unknown)) {
             files.push_back(entry->path());
         }
         entry.increment(error);
