@@ -24,19 +24,33 @@ int Application::run() {
         errors_ << "quorvane-node: " << error << std::endl;
         return EXIT_NO_START;
     }
-    signals.wait(
-        [this](const std::string& reason) {
-            outputs_.lines().say(reason, "");
-            impatient_ = std::exchange(ending_, true);
-            loop_.stop();
-        },
-        [this] { reload(); });
+    signals.wait([this](const std::string& reason) { note_end(reason); },
+                 [this] { reload_wanted_ = true; });
     if (capture_.has_value()) {
         read_capture();
     } else {
         listen();
     }
     return finish();
+}
+
+// Signals are handled in the middle of waits for a reader, too, with the lock of the output held
+// that waits. They are therefore only noted.
+void Application::note_end(const std::string& reason) {
+    end_reasons_.push_back(reason);
+    impatient_ = std::exchange(ending_, true);
+    loop_.stop();
+}
+
+// Does what signals have asked for. No lock may be held.
+void Application::act_on_signals() {
+    for (const std::string& reason : std::exchange(end_reasons_, {})) {
+        outputs_.lines().say(reason, "");
+        outputs_.hurry();
+    }
+    if (std::exchange(reload_wanted_, false)) {
+        reload();
+    }
 }
 
 void Application::listen() {
@@ -65,6 +79,7 @@ void Application::read_capture() {
         report_as_of(datagram->arrival.time);
         lanes_.lane(0).receive(*datagram);
         loop_.poll();
+        act_on_signals();
     }
     // Stops waiting for late packets, and ends the calls that have a terminate packet.
     pass_time(now_ + options_.limits.linger + options_.limits.reorder.wait + 2 * TICK);
@@ -80,9 +95,11 @@ void Application::pass_time(Micros until) {
         lanes_.tick(now_);
         // The end of a call is reported at its time in the capture.
         while (calls.completing() != 0 && keep_waiting()) {
+            act_on_signals();
             outputs_.files_complete();
             calls.report_ends();
         }
+        act_on_signals();
         outputs_.update(figures(now_), now_);
         report_reloaded();
     }
@@ -163,6 +180,7 @@ void Application::schedule_tick() {
 
 void Application::tick() {
     const Micros now = steady_now();
+    act_on_signals();
     lanes_.tick(now);
     const NodeFigures all = figures(now);
     outputs_.update(all, now);
@@ -213,7 +231,7 @@ void Application::report_reloaded() {
     }
 }
 
-// Whether a wait may go on: signals are handled, too. While the program ends, only a further one
+// Whether a wait may go on: signals are noted, too. While the program ends, only a further one
 // ends the wait.
 bool Application::keep_waiting() {
     if (ending_files_) {
@@ -237,6 +255,7 @@ void Application::complete_files() {
     const auto begin = std::chrono::steady_clock::now();
     const auto longest = std::chrono::duration<double>(options_.exit_wait_s);
     while (!all_complete()) {
+        act_on_signals();
         outputs_.show_ending(figures(now()), now());
         impatient_ = outputs_.take_quit() || impatient_;
         if (!keep_waiting() || std::chrono::steady_clock::now() - begin >= longest) {
@@ -258,12 +277,14 @@ bool Application::all_complete() {
 }
 
 int Application::finish() {
+    act_on_signals();
     notify("STOPPING=1");
     timer_.cancel();
     lanes_.stop();
     ending_ = true;
     ending_files_ = true;
     complete_files();
+    act_on_signals();
     outputs_.finish(figures(now()));
     return outputs_.failed() || waited_in_vain_ ? EXIT_TROUBLE : EXIT_FINE;
 }

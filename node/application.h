@@ -9,6 +9,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "node/ingest/capture.h"
 #include "node/lanes.h"
@@ -30,6 +31,8 @@ class Application {
     std::string open();
     std::string open_socket();
     void notify(const std::string& state);
+    void note_end(const std::string& reason);
+    void act_on_signals();
     void reload();
     void report_reloaded();
     bool keep_waiting();
@@ -60,8 +63,11 @@ class Application {
     std::string address_;
     Micros began_{0};
     bool ending_ = false;
-    bool ending_files_ = false;    // No more packets are taken.
-    bool impatient_ = false;       // Asked once more to end.
+    bool ending_files_ = false;  // No more packets are taken.
+    bool impatient_ = false;     // Asked once more to end.
+    // What signals have asked for since act_on_signals().
+    std::vector<std::string> end_reasons_;
+    bool reload_wanted_ = false;
     bool waited_in_vain_ = false;  // No calls came, or the capture did not end properly.
 };
 

@@ -12,6 +12,7 @@
 
 #include "node/analysis/sample_folder.h"
 #include "node/audio/new_file.h"
+#include "node/lane_thread.h"
 #include "node/report/text.h"
 #include "tools/address.h"
 
@@ -37,7 +38,10 @@ bool events_to_stdout(const Options& options) {
 std::size_t open_files(const Options& options) {
     const std::size_t wanted =
         options.max_open_files != 0 ? options.max_open_files : USUAL_OPEN_FILES;
-    return std::min(wanted, raise_open_file_limit());
+    const std::size_t possible = raise_open_file_limit();
+    const std::size_t of_lanes =
+        options.threads > 1 ? options.threads * LaneThread::DESCRIPTORS : 0;
+    return std::min(wanted, possible > of_lanes ? possible - of_lanes : 1);
 }
 
 Micros clock_time(clockid_t clock) {
@@ -191,6 +195,7 @@ std::size_t Outputs::take_events(std::string_view lines) {
         if (!wait_on()) {
             return 0;
         }
+        events_outlet_->wait(std::chrono::steady_clock::now() + A_MOMENT);
     }
     return lines.size();
 }
@@ -572,7 +577,7 @@ template <typename Done>
 void Outputs::wait_for_reader(Done done) {
     const auto end = std::chrono::steady_clock::now() + PATIENCE_WITH_READERS;
     while (!done(std::chrono::steady_clock::now() + A_MOMENT) && keep_waiting_()) {
-        if (options_.read.empty() && std::chrono::steady_clock::now() >= end) {
+        if (!waits_for_readers() && std::chrono::steady_clock::now() >= end) {
             return;
         }
     }

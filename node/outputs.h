@@ -86,6 +86,9 @@ class Outputs {
     void reload();
     // Whether a reload has finished since the last call.
     bool take_reloaded() { return std::exchange(reloaded_, false); }
+    // The program has been asked to end: from now on, readers are waited for only for a short time,
+    // also if a capture is read.
+    void hurry() { hurried_ = true; }
     // Call it after all calls have ended. Writes everything that is still waiting, and the summary.
     void finish(NodeFigures figures);
 
@@ -112,7 +115,8 @@ class Outputs {
         const analysis::SampleLoader::Result& result, std::string& error);
     std::optional<std::string> take_samples();
     std::size_t take_events(std::string_view lines);
-    bool wait_on() const { return !options_.read.empty() && keep_waiting_(); }
+    bool waits_for_readers() const { return !options_.read.empty() && !hurried_; }
+    bool wait_on() const { return waits_for_readers() && keep_waiting_(); }
     void build();
     void build_store();
     FileNames::Options file_name_options() const;
@@ -158,6 +162,7 @@ class Outputs {
     std::unique_ptr<TextOutlet> events_outlet_;
     ReloadList reloads_;
     bool reloaded_ = false;
+    bool hurried_ = false;
     std::unique_ptr<analysis::SampleLoader> sample_loader_;
     std::unique_ptr<EventLog> events_;  // These are null unless requested.
     std::unique_ptr<ReportSender> reports_;

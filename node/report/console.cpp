@@ -6,6 +6,12 @@
 
 namespace qv::node {
 
+namespace {
+
+constexpr std::chrono::milliseconds A_MOMENT{50};
+
+}  // namespace
+
 Console::Console(int descriptor) : outlet_(std::make_unique<EventFile>(descriptor), MOST_BYTES) {}
 
 // Drops lines from the first one on that finds no room, so that no line is missing between others
@@ -33,6 +39,7 @@ bool Console::add(const std::string& text) {
         if (keep_waiting_ == nullptr || !keep_waiting_()) {
             return false;
         }
+        outlet_.wait(std::chrono::steady_clock::now() + A_MOMENT);
     }
     return true;
 }

@@ -18,7 +18,7 @@ namespace qv::node {
 
 class Console : private std::stringbuf {
   public:
-    // Waits a moment. Returns false when there must be no more waiting.
+    // Asked before each moment of a wait. Returns false when there must be no more waiting.
     using KeepWaiting = std::function<bool()>;
 
     static constexpr std::size_t MOST_BYTES = 256ULL * 1024;

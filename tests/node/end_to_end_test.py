@@ -492,6 +492,31 @@ class ReadsCaptures(unittest.TestCase):
         self.read(pcap(105, []), code=3)
         self.assertIn("IEEE802_11", self.said)
 
+    def test_signals_end_it_while_nobody_reads_its_output(self):
+        start = golden("call_1_start")
+        frames = [ETHERNET + ipv4(udp(start[:28] + struct.pack(">I", call) + start[32:]))
+                  for call in range(8000)]
+        with tempfile.TemporaryDirectory(prefix="quorvane-node-") as home:
+            capture = pathlib.Path(home) / "capture"
+            capture.write_bytes(pcap(1, frames, step=0.0001))
+            processes = []
+            for options in ([], ["--events", "-"]):
+                process = subprocess.Popen(
+                    [NODE, "--read", str(capture), "--output", home + "/wav", *options],
+                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+                self.addCleanup(process.stdout.close)
+                self.addCleanup(process.wait)
+                self.addCleanup(process.kill)
+                processes.append(process)
+            time.sleep(0.7)
+            for number in (signal.SIGHUP, signal.SIGTERM):
+                for process in processes:
+                    self.assertIsNone(process.poll(), "it does not wait for the reader")
+                    process.send_signal(number)
+                time.sleep(0.2)
+            for process in processes:
+                process.wait(30)
+
 
 def timed(datagram, micros):
     """The datagram, sent so long after the golden start packet."""
