@@ -62,7 +62,7 @@ class FileNames : public CallListener {
     std::unique_ptr<CallListener> begin_call(Call& call) override QV_EXCLUDES(mutex_);
 
     // Of calls that go on, or whose files are not complete.
-    std::vector<std::string> present_stems() const;
+    std::vector<std::string> present_stems() const QV_EXCLUDES(mutex_);
     // Calls that got no files.
     std::uint64_t refused_calls() const QV_EXCLUDES(mutex_);
 

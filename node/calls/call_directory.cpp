@@ -21,7 +21,7 @@ CallDirectory::Admission CallDirectory::admit(const media::Packet& packet,
     if (const auto reason = reason_to_drop(uuid, packet, source)) {
         return {reason, std::nullopt};
     }
-    present_.emplace(uuid, packet.call_key);
+    present_.insert(uuid);
     ++counted_;
     Admission admission;
     const LeftBehind* const left = left_behind_.find(uuid);

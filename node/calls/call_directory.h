@@ -14,7 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <unordered_map>
+#include <unordered_set>
 
 #include "node/calls/call.h"
 #include "node/calls/call_limits.h"
@@ -69,8 +69,7 @@ class CallDirectory {
     const std::size_t max_calls_;
     const bool any_source_;
     Mutex mutex_;
-    // By UUID, the keys of calls that are not over.
-    std::unordered_map<Uuid, std::uint64_t, UuidHash> present_ QV_GUARDED_BY(mutex_);
+    std::unordered_set<Uuid, UuidHash> present_ QV_GUARDED_BY(mutex_);  // Calls that are not over.
     std::size_t counted_ QV_GUARDED_BY(mutex_) = 0;
     ExpiringMap<Ended> terminated_ QV_GUARDED_BY(mutex_);
     // Calls that ended without a terminate packet, or with an implausible one.
