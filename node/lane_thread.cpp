@@ -11,11 +11,15 @@
 
 namespace qv::node {
 
-LaneThread::~LaneThread() {
+void LaneThread::stop() {
     if (thread_.joinable()) {
-        loop_.stop();
         thread_.join();
     }
+}
+
+void LaneThread::abort() {
+    loop_.stop();
+    stop();
 }
 
 void LaneThread::start(std::size_t number) {
@@ -90,13 +94,14 @@ void LaneThread::pass(const Datagram& datagram) {
 }
 
 void LaneThread::take_passed() {
-    Passed passed;
+    taken_.bytes.clear();
+    taken_.places.clear();
     {
         const LockGuard lock(mutex_);
-        std::swap(passed, passed_);
+        std::swap(taken_, passed_);
     }
-    const unsigned char* data = passed.bytes.data();
-    for (const Passed::Place& place : passed.places) {
+    const unsigned char* data = taken_.bytes.data();
+    for (const Passed::Place& place : taken_.places) {
         lane_.receive({data, place.size, place.arrival});
         data += place.size;
     }
@@ -104,8 +109,9 @@ void LaneThread::take_passed() {
 
 void LaneThread::check() {
     const LockGuard lock(mutex_);
-    if (failure_ != nullptr) {
-        std::rethrow_exception(failure_);
+    const std::exception_ptr failure = std::exchange(failure_, nullptr);
+    if (failure != nullptr) {
+        std::rethrow_exception(failure);
     }
 }
 

@@ -20,9 +20,11 @@ namespace qv::node {
 
 class LaneThread {
   public:
+    // What each thread takes: its socket, and those of its event loop.
+    static constexpr std::size_t DESCRIPTORS = 4;
+
     LaneThread() = default;
-    // Stops the thread at once, unless stop() has done it.
-    ~LaneThread();
+    ~LaneThread() { abort(); }
     LaneThread(const LaneThread&) = delete;
     LaneThread& operator=(const LaneThread&) = delete;
 
@@ -34,15 +36,17 @@ class LaneThread {
     // Asks the thread to read the datagrams that have come already, and to end. Does not wait for
     // it.
     void begin_stop();
-    // Waits until the thread has ended.
-    void stop() { thread_.join(); }
+    // Waits until the thread has ended, unless it has already.
+    void stop();
+    // Stops the thread at once and waits for it, if it runs.
+    void abort();
     // Ends all calls. Call it when all threads have ended, because each may pass datagrams on until
     // then.
     void end_calls() QV_EXCLUDES(mutex_);
 
     // The figures of the latest tick, or the present ones if the thread does not run.
     LaneFigures figures() QV_EXCLUDES(mutex_);
-    // Throws the exception that ended the thread, if there is one.
+    // Throws the exception that ended the thread, if there is one; once.
     void check() QV_EXCLUDES(mutex_);
 
     // Handles a copy of the datagram on the lane's thread. If too many of them wait, it is dropped
@@ -76,6 +80,7 @@ class LaneThread {
     Passed passed_ QV_GUARDED_BY(mutex_);
     std::uint64_t overflowed_ QV_GUARDED_BY(mutex_) = 0;
     std::exception_ptr failure_ QV_GUARDED_BY(mutex_);
+    Passed taken_;        // The thread's, empty between uses: its memory is kept.
     std::thread thread_;  // The last member, because the thread uses the others.
 };
 

@@ -17,6 +17,14 @@ Lanes::Lanes(asio::io_context& loop, std::size_t count) {
     }
 }
 
+// A thread that still runs may pass datagrams to any other lane, so all threads end before the
+// first lane goes.
+Lanes::~Lanes() {
+    for (const auto& thread : threads_) {
+        thread->abort();
+    }
+}
+
 Lane& Lanes::lane(std::size_t number) {
     return only_ != nullptr ? *only_ : threads_[number]->lane();
 }
@@ -25,7 +33,8 @@ Lane& Lanes::lane(std::size_t number) {
 // another program uses, even if that program would share it. A program that joins the port later
 // gets no packets; see spread_calls().
 std::string Lanes::open_port(const sockaddr_in& address, int buffer_bytes) {
-    const int each = buffer_bytes / static_cast<int>(count());
+    const int lanes = static_cast<int>(count());
+    const int each = (buffer_bytes + lanes - 1) / lanes;  // Together not less than is wanted.
     std::string error = lane(0).receiver().open(address, each);
     if (error.empty() && count() > 1) {
         error = lane(0).receiver().share_port();
@@ -75,6 +84,9 @@ void Lanes::stop() {
     }
     for (const auto& thread : threads_) {
         thread->end_calls();
+    }
+    for (const auto& thread : threads_) {
+        thread->check();
     }
 }
 

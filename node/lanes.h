@@ -25,6 +25,8 @@ class Lanes {
   public:
     // `count` is at least 1. With 1, the lane runs on `loop`.
     Lanes(asio::io_context& loop, std::size_t count);
+    // Stops the threads at once, unless stop() has done it.
+    ~Lanes();
     Lanes(const Lanes&) = delete;
     Lanes& operator=(const Lanes&) = delete;
 
@@ -41,10 +43,10 @@ class Lanes {
 
     // Starts to receive. All lanes must have opened their calls.
     void start();
-    // Call it several times a second. Throws what ended a thread.
+    // Call it several times a second. Throws what ended a thread, once.
     void tick(Micros now);
     // Receives no more, and ends all calls. Those whose files are not complete wait for
-    // report_ends().
+    // report_ends(). Throws what ended a thread, unless tick() has done it.
     void stop();
     // Reports the ends of calls whose files are complete now. Returns whether all are reported.
     bool report_ends();

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <map>
 #include <set>
 #include <string>
@@ -102,6 +103,16 @@ class LanesTest : public testing::Test {
         }
     }
 
+    // Sends datagrams of `size` bytes each, which follow each other in `bundle`.
+    void send_bundle(const Bytes& bundle, std::size_t size) {
+        constexpr int UDP_SEGMENT_OPTION = 103;
+        const int each = static_cast<int>(size);
+        ASSERT_EQ(::setsockopt(sender_, IPPROTO_UDP, UDP_SEGMENT_OPTION, &each, sizeof each), 0);
+        ASSERT_EQ(::sendto(sender_, bundle.data(), bundle.size(), 0,
+                           reinterpret_cast<const sockaddr*>(&to_), sizeof to_),
+                  static_cast<ssize_t>(bundle.size()));
+    }
+
     static void wait_for(const std::function<bool()>& condition) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         while (!condition()) {
@@ -175,12 +186,7 @@ TEST_F(LanesTest, DatagramsThatComeInOneBundleReachTheThreadsOfTheirCalls) {
         bundle.insert(bundle.end(), end.begin(), end.end());
     }
     wait_for([this] { return diary_.threads().size() == CALLS; });
-    const int size = static_cast<int>(terminate.size());
-    constexpr int UDP_SEGMENT_OPTION = 103;
-    ASSERT_EQ(::setsockopt(sender_, IPPROTO_UDP, UDP_SEGMENT_OPTION, &size, sizeof size), 0);
-    ASSERT_EQ(::sendto(sender_, bundle.data(), bundle.size(), 0,
-                       reinterpret_cast<const sockaddr*>(&to_), sizeof to_),
-              static_cast<ssize_t>(bundle.size()));
+    send_bundle(bundle, terminate.size());
     wait_for([this] { return lanes_->calls_ended() == CALLS; });
     for (const auto& [uuid, of_call] : diary_.threads()) {
         EXPECT_EQ(of_call.size(), 1u);
@@ -200,6 +206,58 @@ TEST_F(LanesTest, WhatEndsAThreadEndsTheProgram) {
                  }),
                  std::runtime_error);
     lanes_->stop();
+}
+
+TEST_F(LanesTest, WhatEndsAThreadAtTheEndIsNotLost) {
+    std::promise<void> failing;
+    shared_.on_malformed = [&](const Datagram&, media::DecodeResult, std::uint64_t) {
+        failing.set_value();
+        throw std::runtime_error("broken");
+    };
+    open(2);
+    send({1});
+    failing.get_future().wait();  // No tick() comes afterwards.
+    EXPECT_THROW(lanes_->stop(), std::runtime_error);
+    lanes_->stop();
+}
+
+// The lane that has the bundle still passes datagrams on while the lanes are destroyed.
+TEST_F(LanesTest, LanesThatAreDestroyedWaitForAllThreads) {
+    constexpr std::uint32_t CALLS = 40;
+    std::promise<void> in_work;
+    std::promise<void> destroying;
+    std::shared_future<void> go_on = destroying.get_future();
+    shared_.on_malformed = [&](const Datagram&, media::DecodeResult, std::uint64_t) {
+        in_work.set_value();
+        go_on.wait();
+    };
+    open(2);
+    // A malformed datagram of the second lane comes first.
+    const Bytes terminate = tests::golden("call_7_terminate");
+    Bytes bundle = terminate;
+    for (std::uint32_t call = 0; socket_of_call(bundle.data(), bundle.size(), 2) != 1; ++call) {
+        bundle = of_call(terminate, call);
+    }
+    bundle[0] = 0;  // Of the magic number.
+    for (std::uint32_t call = 0; call < CALLS; ++call) {
+        const Bytes end = of_call(terminate, call);
+        bundle.insert(bundle.end(), end.begin(), end.end());
+    }
+    send_bundle(bundle, terminate.size());
+    in_work.get_future().wait();
+    std::thread later([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        destroying.set_value();
+    });
+    lanes_.reset();
+    later.join();
+}
+
+TEST_F(LanesTest, BuffersOfAllThreadsAreTogetherAsLargeAsIsWanted) {
+    constexpr int WANTED = 100'000;  // No multiple of 3.
+    Lanes lanes(loop_, 3);
+    ASSERT_EQ(lanes.open_port(to_, WANTED), "");
+    EXPECT_GE(lanes.granted_buffer(), std::uint64_t{WANTED});
 }
 
 }  // namespace
