@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "node/audio/new_file.h"
-#include "node/audio/text_file.h"
 #include "quorvane_lib/utils_path.h"
 
 namespace qv::node {
@@ -26,22 +25,8 @@ constexpr const char* REMOVED = "the file was removed";
 // Samples are written to the file as they are in memory.
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "WAV samples are little-endian");
 
-// How many names a file may try.
-constexpr unsigned MOST_NUMBERS = 1000;
-
 std::string system_text(int error) {
     return std::generic_category().message(error);
-}
-
-// Whether a file cannot get its name because another file has it.
-bool is_taken(int error) {
-    return error == EEXIST || error == EISDIR;
-}
-
-// "a.wav" becomes "a-2.wav".
-std::string numbered(const std::string& name, unsigned number) {
-    const std::size_t end = std::min(name.rfind('.'), name.size());
-    return name.substr(0, end) + '-' + std::to_string(number) + name.substr(end);
 }
 
 }  // namespace
@@ -126,20 +111,18 @@ class WavFile : public AudioFile {
     // Makes the file under its name. If that name belongs to a file of another program, adds a
     // number to it.
     void make() {
-        const std::string wanted = name_;
-        for (unsigned number = 1; number <= MOST_NUMBERS; ++number) {
-            name_ = number == 1 ? wanted : numbered(wanted, number);
+        const int error = under_free_name(std::string(name_), [this](const std::string& name) {
+            name_ = name;
             path_ = folder_.path_ + '/' + name_;
             folder_.list_.add(name_, format_);
-            const int error = make_named();
-            if (error == 0) {
-                return;
+            const int failure = make_named();
+            if (failure != 0) {
+                folder_.list_.remove(name_);
             }
-            folder_.list_.remove(name_);
-            if (!is_taken(error) || number == MOST_NUMBERS) {
-                fail(system_text(error));
-                return;
-            }
+            return failure;
+        });
+        if (error != 0) {
+            fail(system_text(error));
         }
     }
 
@@ -154,7 +137,7 @@ class WavFile : public AudioFile {
         const WavHeader header = wav_header(format_, 0);
         error = write_all(header.data(), header.size(), 0) < header.size()
                     ? errno
-                    : folder_.name_file(unfinished, name_);
+                    : rename_file(unfinished, path_, folder_.overwrite_);
         if (error != 0) {
             release();
             error_.clear();
@@ -298,37 +281,12 @@ std::string WavFolder::prepare() {
     return {};
 }
 
-// Gives a new file its name. Returns 0 or the error number.
-int WavFolder::name_file(const std::string& unfinished, const std::string& name) const {
-    return rename_file(unfinished, path_ + '/' + name, overwrite_);
-}
-
 std::shared_ptr<const PendingFile> WavFolder::write_text(const std::string& name,
                                                          std::string text) {
-    return std::make_shared<PendingFile>(PendingFile{write_named_text(name, text), true});
-}
-
-FileReport WavFolder::write_named_text(const std::string& name, const std::string& text) const {
-    FileReport report;
-    for (unsigned number = 1; number <= MOST_NUMBERS; ++number) {
-        const std::string free = number == 1 ? name : numbered(name, number);
-        const std::string unfinished = unfinished_path(path_, free);
-        report.path = path_ + '/' + free;
-        report.error = write_text_file(unfinished, text);
-        if (!report.error.empty()) {
-            return report;
-        }
-        const int error = name_file(unfinished, free);
-        if (error == 0) {
-            return report;
-        }
-        ::unlink(unfinished.c_str());
-        report.error = system_text(error);
-        if (!is_taken(error)) {
-            return report;
-        }
-    }
-    return report;
+    NewFile file(path_, name);
+    file.write(text);
+    file.publish(overwrite_);
+    return std::make_shared<PendingFile>(PendingFile{{file.path(), file.error()}, true});
 }
 
 bool WavFolder::exists(const std::string& name) const {

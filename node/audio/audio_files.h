@@ -117,8 +117,6 @@ class WavFolder : public AudioStore {
     friend class WavFile;
 
     void make_room();
-    FileReport write_named_text(const std::string& name, const std::string& text) const;
-    int name_file(const std::string& unfinished, const std::string& name) const;
 
     std::string path_;
     std::size_t max_open_;

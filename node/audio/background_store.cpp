@@ -4,12 +4,12 @@
 #include <atomic>
 #include <deque>
 #include <exception>
-#include <new>
 #include <optional>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "node/audio/failure_text.h"
 #include "quorvane_lib/mutex.h"
 
 namespace qv::node {
@@ -32,15 +32,6 @@ constexpr const char* NO_ROOM = "no memory was left while it waited for the disk
 
 std::uint64_t bytes_of(const Samples& samples) {
     return samples.size() * sizeof(std::int16_t);
-}
-
-// When memory is short, a long text could not be copied.
-std::string text_of(const std::exception& error) {
-    try {
-        return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? "no memory" : error.what();
-    } catch (const std::exception&) {
-        return "no memory";
-    }
 }
 
 }  // namespace
@@ -272,7 +263,7 @@ class BackgroundStore::Writer {
         try {
             carry_out(job, result);
         } catch (const std::exception& error) {
-            result.error = text_of(error);
+            result.error = failure_text(error);
         }
         if (!result.error.empty()) {
             written.failed = true;

@@ -46,20 +46,24 @@ std::string digest_text(sha256_ctx& sha) {
 
 }  // namespace
 
-std::string sha256_of_file(const std::string& path, std::string& error) {
+std::string sha256_of_file(int descriptor, std::string& error) {
     sha256_ctx sha;
     sha256_init(&sha);
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (!file.is_open()) {
-        error = std::generic_category().message(errno);
-        return {};
-    }
-    const int failure = read_into(file.number(), sha);
+    const int failure = ::lseek(descriptor, 0, SEEK_SET) == 0 ? read_into(descriptor, sha) : errno;
     if (failure != 0) {
         error = std::generic_category().message(failure);
         return {};
     }
     return digest_text(sha);
+}
+
+std::string sha256_of_file(const std::string& path, std::string& error) {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!file.is_open()) {
+        error = std::generic_category().message(errno);
+        return {};
+    }
+    return sha256_of_file(file.number(), error);
 }
 
 }  // namespace qv::node

@@ -10,6 +10,7 @@
 #include <system_error>
 #include <vector>
 
+#include "node/audio/digest.h"
 #include "node/audio/new_file.h"
 #include "node/audio/rate_converter.h"
 
@@ -99,31 +100,34 @@ class ChannelConverter {
 // One conversion.
 class Encoder {
   public:
-    Encoder(std::string wav_path, AudioFormat format)
+    Encoder(std::string wav_path, const EncodeOptions& options)
         : wav_path_(std::move(wav_path)),
-          folder_(wav_path_.substr(0, wav_path_.rfind('/'))),
-          name_(new_name(wav_path_, format)),
-          format_(format),
-          target_(folder_, name_) {}
+          options_(options),
+          target_(folder_of(wav_path_), new_name(wav_path_, options.format)) {}
 
-    Encoded run(bool replace) {
+    Encoded run() {
         Encoded encoded;
-        if (!target_.error().empty()) {
-            encoded.error = target_.error();
-        } else if (open_source() && write() && target_.force() && check() &&
-                   target_.publish(replace)) {
-            remove_source();
-        } else {
+        encoded.path = wav_path_;
+        // When the new file has its name, nothing needs memory.
+        const bool published = make(encoded) && (go_on() || fail("it was given up")) &&
+                               target_.publish(options_.replace);
+        if (!published) {
             encoded.error = error_.empty() ? target_.error() : error_;
+            return encoded;
         }
-        encoded.path = encoded.error.empty() ? folder_ + '/' + name_ : wav_path_;
-        encoded.sample_rate = encoded.error.empty() ? info_.samplerate : source_info_.samplerate;
-        encoded.samples =
-            static_cast<std::uint64_t>(encoded.error.empty() ? info_.frames : source_info_.frames);
+        encoded.path.swap(target_.path());
+        encoded.sample_rate = info_.samplerate;
+        encoded.samples = static_cast<std::uint64_t>(info_.frames);
+        if (target_.force_name() == 0 && go_on()) {
+            remove_source();
+        }
         return encoded;
     }
 
   private:
+    static std::string folder_of(const std::string& path) {
+        return path.substr(0, path.rfind('/'));
+    }
     static std::string new_name(const std::string& wav_path, AudioFormat format) {
         const std::string name = wav_path.substr(wav_path.rfind('/') + 1);
         return name.substr(0, std::min(name.rfind('.'), name.size())) + ending_of(format);
@@ -133,6 +137,20 @@ class Encoder {
         error_ = error;
         return false;
     }
+
+    // Makes the whole new file.
+    bool make(Encoded& encoded) {
+        if (!target_.error().empty() || !open_source() || !write() || !target_.force() ||
+            !check()) {
+            return false;
+        }
+        if (options_.digest) {
+            encoded.sha256 = sha256_of_file(target_.descriptor(), error_);
+        }
+        return error_.empty();
+    }
+
+    bool go_on() const { return options_.go_on == nullptr || options_.go_on(); }
 
     bool open_source() {
         source_.reset(sf_open(wav_path_.c_str(), SFM_READ, &source_info_));
@@ -146,9 +164,9 @@ class Encoder {
 
     bool write() {
         SF_INFO info{};
-        info.samplerate = rate_in(format_, source_info_.samplerate);
+        info.samplerate = rate_in(options_.format, source_info_.samplerate);
         info.channels = source_info_.channels;
-        info.format = sndfile_format(format_);
+        info.format = sndfile_format(options_.format);
         // libsndfile closes the copy.
         SoundFile file(sf_open_fd(::dup(target_.descriptor()), SFM_WRITE, &info, SF_TRUE));
         if (file == nullptr) {
@@ -199,7 +217,7 @@ class Encoder {
         info_ = {};
         const SoundFile file(sf_open_fd(::dup(target_.descriptor()), SFM_READ, &info_, SF_TRUE));
         if (file == nullptr || info_.frames != expected_frames_ ||
-            (format_ == AudioFormat::FLAC && !has_the_samples(file.get()))) {
+            (options_.format == AudioFormat::FLAC && !has_the_samples(file.get()))) {
             return fail("the new file does not have the audio");
         }
         return true;
@@ -229,9 +247,7 @@ class Encoder {
     }
 
     const std::string wav_path_;
-    const std::string folder_;
-    const std::string name_;
-    const AudioFormat format_;
+    const EncodeOptions& options_;
     NewFile target_;
     SoundFile source_;
     SF_INFO source_info_{};
@@ -251,8 +267,8 @@ int rate_in(AudioFormat format, int sample_rate) {
     return rate != OPUS_RATES.end() ? *rate : OPUS_RATES.back();
 }
 
-Encoded encode(const std::string& wav_path, AudioFormat format, bool replace) {
-    return Encoder(wav_path, format).run(replace);
+Encoded encode(const std::string& wav_path, const EncodeOptions& options) {
+    return Encoder(wav_path, options).run();
 }
 
 }  // namespace qv::node

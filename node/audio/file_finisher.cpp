@@ -1,11 +1,12 @@
 #include "node/audio/file_finisher.h"
 
 #include <algorithm>
-#include <atomic>
 #include <exception>
 #include <utility>
 
 #include "node/audio/digest.h"
+#include "node/audio/failure_text.h"
+#include "node/audio/task_outcome.h"
 
 namespace qv::node {
 
@@ -15,43 +16,49 @@ constexpr const char* GIVEN_UP = "the program ended first";
 
 }  // namespace
 
-// What the task thread does with a file. Until `done`, only the task touches the results.
+// What the task thread does with a file. Until the outcome is done, only the task touches the
+// results.
 struct FileFinisher::Work {
     std::string path;
     Options options;
+    TaskOutcome outcome;
 
-    std::string new_path;  // Empty unless the file was converted.
-    int sample_rate = 0;   // Of the converted file,
-    std::uint64_t samples = 0;
+    Encoded encoded;  // If the file was converted.
+    bool converted = false;
     std::string not_converted;
-    std::string sha256;
+    std::string sha256;  // Of the WAV file, if it was not.
     std::string error;
-    std::atomic<bool> done{false};
 
     void run() {
         if (options.format != AudioFormat::WAV) {
-            convert();
+            attempt([this] { convert(); }, not_converted);
         }
-        if (options.digests) {
-            sha256 = sha256_of_file(new_path.empty() ? path : new_path, error);
-            error = error.empty() ? "" : "no digest: " + error;
+        if (options.digests && !converted) {
+            attempt([this] { compute_digest(); }, error);
         }
+        outcome.finish();
     }
 
     // The WAV file is complete whatever happens.
-    void fail(const std::string& why) {
-        (options.format != AudioFormat::WAV ? not_converted : error) = why;
+    template <typename Step>
+    static void attempt(Step step, std::string& failure) {
+        try {
+            step();
+        } catch (const std::exception& error) {  // No memory.
+            failure = failure_text(error);
+        }
     }
 
     void convert() {
-        Encoded encoded = encode(path, options.format, options.replace);
-        if (!encoded.error.empty()) {
-            not_converted = std::move(encoded.error);
-            return;
-        }
-        new_path = std::move(encoded.path);
-        sample_rate = encoded.sample_rate;
-        samples = encoded.samples;
+        encoded = encode(path, {options.format, options.replace, options.digests,
+                                [this] { return outcome.go_on(); }});
+        converted = encoded.error.empty();
+        not_converted = std::move(encoded.error);
+    }
+
+    void compute_digest() {
+        sha256 = sha256_of_file(path, error);
+        error = error.empty() ? "" : "no digest: " + error;
     }
 };
 
@@ -90,38 +97,41 @@ class FileFinisher::File : public AudioFile {
     }
 
     bool completing() const override {
-        return closed_ &&
-               (own_.file->completing() || (!own_.work->done && !finisher_.tasks_.abandoned()));
+        return closed_ && (own_.file->completing() || !own_.work->outcome.settled(given_up()));
     }
     std::uint64_t dropped_samples() const override { return own_.file->dropped_samples(); }
     const std::string& path() const override {
-        return converted() ? own_.work->new_path : own_.file->path();
+        return converted() ? own_.work->encoded.path : own_.file->path();
     }
     const std::string& error() const override {
         const std::string& error = own_.file->error();
-        return error.empty() && own_.work->done ? own_.work->error : error;
+        return error.empty() && done() ? own_.work->error : error;
     }
     FileFacts facts() const override {
         FileFacts facts;
         facts.sample_rate = sample_rate_;
         facts.channels = channels_;
         facts.samples = samples_ / static_cast<std::uint64_t>(channels_);
-        if (converted()) {
-            facts.sample_rate = own_.work->sample_rate;
-            facts.samples = own_.work->samples;
+        if (!done()) {
+            const bool wanted = closed_ && finisher_.options_.format != AudioFormat::WAV;
+            facts.not_converted = wanted ? GIVEN_UP : "";
+        } else if (own_.work->converted) {
+            const Encoded& encoded = own_.work->encoded;
+            facts.sample_rate = encoded.sample_rate;
+            facts.samples = encoded.samples;
             facts.resampled_from = facts.sample_rate != sample_rate_ ? sample_rate_ : 0;
-        }
-        if (own_.work->done) {
+            facts.sha256 = encoded.sha256;
+        } else {
             facts.sha256 = own_.work->sha256;
             facts.not_converted = own_.work->not_converted;
-        } else if (closed_ && finisher_.options_.format != AudioFormat::WAV) {
-            facts.not_converted = GIVEN_UP;
         }
         return facts;
     }
 
   private:
-    bool converted() const { return own_.work->done && !own_.work->new_path.empty(); }
+    bool given_up() const { return finisher_.tasks_.abandoned(); }
+    bool done() const { return own_.work->outcome.done(); }
+    bool converted() const { return done() && own_.work->converted; }
 
     FileFinisher& finisher_;
     const Closing own_;
@@ -145,7 +155,7 @@ void FileFinisher::update() {
     closing_.erase(written, closing_.end());
     const auto done = std::stable_partition(
         working_.begin(), working_.end(),
-        [this](const auto& work) { return !work->done && !tasks_.abandoned(); });
+        [this](const auto& work) { return !work->outcome.settled(tasks_.abandoned()); });
     std::for_each(done, working_.end(), [this](const auto& work) { report(*work); });
     working_.erase(done, working_.end());
 }
@@ -153,7 +163,7 @@ void FileFinisher::update() {
 void FileFinisher::begin_work(const Closing& file) {
     const bool convert = options_.format != AudioFormat::WAV;
     if ((!options_.digests && !convert) || !file.file->error().empty()) {
-        file.work->done = true;
+        file.work->outcome.finish();
         return;
     }
     file.work->path = file.file->path();
@@ -163,19 +173,12 @@ void FileFinisher::begin_work(const Closing& file) {
         file.work->not_converted = "too many files wait for it";
     }
     working_.push_back(file.work);
-    tasks_.add([work = file.work] {
-        try {
-            work->run();
-        } catch (const std::exception& error) {  // No memory.
-            work->fail(error.what());
-        }
-        work->done = true;
-    });
+    tasks_.add([work = file.work] { work->run(); });
 }
 
 void FileFinisher::report(const Work& work) {
     const bool convert = options_.format != AudioFormat::WAV;
-    const std::string why = work.done ? work.not_converted : convert ? GIVEN_UP : "";
+    const std::string why = work.outcome.done() ? work.not_converted : convert ? GIVEN_UP : "";
     if (!why.empty() && not_converted_) {
         not_converted_(work.path, why);
     }

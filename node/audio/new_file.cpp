@@ -5,7 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
@@ -15,6 +18,20 @@ namespace qv::node {
 namespace {
 
 constexpr const char* HIDDEN_PREFIX = ".quorvane-node-new-";
+
+// How many names a file may try.
+constexpr unsigned MOST_NUMBERS = 1000;
+
+// Whether a file cannot get its name because another file has it.
+bool is_taken(int error) {
+    return error == EEXIST || error == EISDIR;
+}
+
+// "a.wav" becomes "a-2.wav".
+std::string numbered(const std::string& name, unsigned number) {
+    const std::size_t end = std::min(name.rfind('.'), name.size());
+    return name.substr(0, end) + '-' + std::to_string(number) + name.substr(end);
+}
 
 bool has_name(int file) {
     struct stat status {};
@@ -31,7 +48,7 @@ void remove_if_abandoned(const std::string& path) {
 }  // namespace
 
 NewFile::NewFile(const std::string& folder, const std::string& name)
-    : path_(folder + '/' + name), hidden_path_(folder + '/' + HIDDEN_PREFIX + name) {
+    : folder_(folder), name_(name), path_(folder + '/' + name) {
     while (create() && !has_name(descriptor_.number())) {
         // Another program took it for abandoned before it was locked.
         descriptor_.close();
@@ -45,17 +62,21 @@ NewFile::~NewFile() {
 }
 
 bool NewFile::create() {
-    descriptor_ =
-        Descriptor(::open(hidden_path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666));
+    // The number of the process does not tell programs apart that share the folder from different
+    // containers.
+    static std::atomic<std::uint64_t> latest_number{0};
+    const std::string begin = folder_ + '/' + HIDDEN_PREFIX + std::to_string(::getpid()) + '-';
+    do {
+        hidden_path_ = begin + std::to_string(++latest_number);
+        descriptor_ =
+            Descriptor(::open(hidden_path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    } while (!descriptor_.is_open() && errno == EEXIST);
     if (!descriptor_.is_open()) {
         return fail(errno);
     }
     // A file system without locks is used by one program only.
-    if (::flock(descriptor_.number(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        descriptor_.close();
-        return fail(EEXIST);
-    }
-    return ::ftruncate(descriptor_.number(), 0) == 0 || fail(errno);
+    ::flock(descriptor_.number(), LOCK_EX | LOCK_NB);
+    return true;
 }
 
 bool NewFile::write(const std::string& text) {
@@ -79,14 +100,32 @@ bool NewFile::publish(bool replace) {
     if (!error_.empty()) {
         return false;
     }
-    const int error = rename_file(hidden_path_, path_, replace);
+    const int error = under_free_name(name_, [&](const std::string& name) {
+        path_ = folder_ + '/' + name;
+        return rename_file(hidden_path_, path_, replace);
+    });
     published_ = error == 0;
     return published_ || fail(error);
+}
+
+int NewFile::force_name() const {
+    const Descriptor folder(::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const bool forced = folder.is_open() && ::fsync(folder.number()) == 0;
+    // Not every file system can do it, and not every folder may be read.
+    return forced || errno == EINVAL || errno == EACCES ? 0 : errno;
 }
 
 bool NewFile::fail(int error) {
     error_ = std::generic_category().message(error);
     return false;
+}
+
+int under_free_name(const std::string& name, const std::function<int(const std::string&)>& make) {
+    int error = make(name);
+    for (unsigned number = 2; is_taken(error) && number <= MOST_NUMBERS; ++number) {
+        error = make(numbered(name, number));
+    }
+    return error;
 }
 
 int rename_file(const std::string& from, const std::string& to, bool replace) {

@@ -1,17 +1,19 @@
 #include "node/report/sidecar.h"
 
 #include <array>
-#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <exception>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
+#include "node/audio/failure_text.h"
 #include "node/audio/file_names.h"
 #include "node/audio/new_file.h"
+#include "node/audio/task_outcome.h"
 #include "node/calls/call.h"
 #include "node/report/event_json.h"
 #include "node/report/text.h"
@@ -128,7 +130,8 @@ void add_lists(Json& side, const SideLists& lists) {
     side["activity"] = std::move(activity);
     side["sample"] = std::move(samples);
     side["analysis_skipped"] = lists.skipped_samples;
-    side["left_out"] = {{"activity", lists.activity.left_out()},
+    side["left_out"] = {{"rate_change", lists.rate_changes.left_out()},
+                        {"activity", lists.activity.left_out()},
                         {"sample", lists.samples.left_out()}};
 }
 
@@ -149,19 +152,25 @@ std::string sidecar_text(const SidecarData& data) {
     return all.dump(1, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
-// A file that a task writes. Until `done`, only the task touches the error.
+// A file that a task writes. Until the outcome is done, only the task touches the report.
 struct Saving {
     FileReport file;
-    std::atomic<bool> done{false};
-};
+    TaskOutcome outcome;
 
-std::string save(const Sidecar::Options& options, const std::string& name,
-                 const std::string& text) {
-    NewFile file(options.folder, name);
-    const bool saved =
-        file.write(text) && (!options.force || file.force()) && file.publish(options.overwrite);
-    return saved ? std::string() : file.error();
-}
+    void save(const Sidecar::Options& options, const std::string& name, const std::string& text) {
+        NewFile made(options.folder, name);
+        if (!made.write(text) || (options.force && !made.force()) || !outcome.go_on() ||
+            !made.publish(options.overwrite)) {
+            file.error = made.error();
+            return;
+        }
+        file.path.swap(made.path());
+        if (options.force) {
+            const int error = made.force_name();
+            file.error = error == 0 ? "" : std::generic_category().message(error);
+        }
+    }
+};
 
 }  // namespace
 
@@ -218,19 +227,20 @@ class Sidecar::SidecarOfCall : public CallListener {
     }
 
     bool completing(const Call& /*call*/) const override {
-        return saving_ != nullptr && !saving_->done && !sidecar_.tasks_.abandoned();
+        return saving_ != nullptr && !saving_->outcome.settled(sidecar_.tasks_.abandoned());
     }
 
     void ended(const Call& /*call*/, EndReason /*reason*/) override {
         if (saving_ == nullptr) {
             return;
         }
-        FileReport file{saving_->file.path, "the program ended before it was written"};
-        if (saving_->done) {
-            file = saving_->file;
-        }
+        // Until the task is done, only the task touches what it saves.
+        const FileReport file =
+            saving_->outcome.done()
+                ? saving_->file
+                : FileReport{call_.sidecar(), "the program ended before it was written"};
+        call_.set_sidecar(file.error.empty() ? file.path : "");
         if (!file.error.empty()) {
-            call_.set_sidecar("");
             call_.report_failed_file(file);
         }
     }
@@ -331,11 +341,11 @@ class Sidecar::SidecarOfCall : public CallListener {
         sidecar_.tasks_.add_short([saving = saving_, options = sidecar_.options_, name,
                                    data = std::make_shared<SidecarData>(std::move(data_))] {
             try {
-                saving->file.error = save(options, name, sidecar_text(*data));
+                saving->save(options, name, sidecar_text(*data));
             } catch (const std::exception& error) {  // No memory.
-                saving->file.error = error.what();
+                saving->file.error = failure_text(error);
             }
-            saving->done = true;
+            saving->outcome.finish();
         });
     }
 

@@ -3,10 +3,35 @@
 #include <sndfile.h>
 
 #include <cmath>
+#include <cstdlib>
+#include <new>
 #include <vector>
 
 #include "node/audio/audio_files.h"
+#include "node/audio/digest.h"
 #include "tests/node/audio/folder_test.h"
+
+namespace {
+
+// After so many more allocations, one fails. Negative: none.
+thread_local int allocations_left = -1;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    const bool fails = allocations_left >= 0 && allocations_left-- == 0;
+    void* const memory = fails ? nullptr : std::malloc(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
 
 namespace qv::node {
 
@@ -72,7 +97,8 @@ TEST_F(EncoderTest, FlacHasEverySampleAndTakesThePlaceOfTheWavFile) {
     for (const int channels : {1, 2}) {
         for (const int rate : {8000, 11025, 48000}) {
             const Samples samples = sound(20'001, channels, rate);
-            const Encoded encoded = encode(write(samples, rate, channels), AudioFormat::FLAC, true);
+            const Encoded encoded =
+                encode(write(samples, rate, channels), {AudioFormat::FLAC, true});
             EXPECT_EQ(encoded.error, "");
             EXPECT_EQ(encoded.path, path("call.flac"));
             EXPECT_EQ(encoded.sample_rate, rate);
@@ -88,7 +114,7 @@ TEST_F(EncoderTest, FlacHasEverySampleAndTakesThePlaceOfTheWavFile) {
 
 TEST_F(EncoderTest, OpusHasAsMuchAudioOfTheSameLoudness) {
     const Samples samples = sound(40'003, 2, 16'000);
-    const Encoded encoded = encode(write(samples, 16'000, 2), AudioFormat::OPUS, false);
+    const Encoded encoded = encode(write(samples, 16'000, 2), {AudioFormat::OPUS});
     EXPECT_EQ(encoded.error, "");
     const Heard heard = read("call.opus");
     EXPECT_EQ(heard.sample_rate, 16'000);
@@ -111,7 +137,7 @@ TEST_F(EncoderTest, OpusTakesTheNextHigherOfItsRates) {
 
 TEST_F(EncoderTest, AudioOfAnotherRateKeepsItsDuration) {
     const Samples samples = sound(44'100, 2, 44'100);
-    const Encoded encoded = encode(write(samples, 44'100, 2), AudioFormat::OPUS, false);
+    const Encoded encoded = encode(write(samples, 44'100, 2), {AudioFormat::OPUS});
     EXPECT_EQ(encoded.error, "");
     EXPECT_EQ(encoded.sample_rate, 48'000);
     EXPECT_EQ(encoded.samples, 48'000u);
@@ -120,19 +146,60 @@ TEST_F(EncoderTest, AudioOfAnotherRateKeepsItsDuration) {
 
 TEST_F(EncoderTest, ExistingFileIsReplacedOnlyOnRequest) {
     put("call.flac", "somebody else's");
-    const std::string wav = write(sound(100, 1, 8000), 8000);
-    const Encoded refused = encode(wav, AudioFormat::FLAC, false);
-    EXPECT_EQ(refused.error, "File exists");
-    EXPECT_EQ(refused.path, wav);
+    const Encoded numbered = encode(write(sound(100, 1, 8000), 8000), {AudioFormat::FLAC});
+    EXPECT_EQ(numbered.error, "");
+    EXPECT_EQ(numbered.path, path("call-2.flac"));
     EXPECT_EQ(bytes_of("call.flac"), "somebody else's");
+    EXPECT_EQ(names(), (Names{"call.flac", "call-2.flac"}));
+    const Encoded replaced = encode(write(sound(100, 1, 8000), 8000), {AudioFormat::FLAC, true});
+    EXPECT_EQ(replaced.path, path("call.flac"));
+    EXPECT_EQ(bytes_of("call.flac").substr(0, 4), "fLaC");
+    EXPECT_EQ(names(), (Names{"call.flac", "call-2.flac"}));
+}
+
+TEST_F(EncoderTest, DigestIsThatOfTheNewFile) {
+    EncodeOptions options;
+    options.digest = true;
+    const Encoded encoded = encode(write(sound(20'001, 1, 8000), 8000), options);
+    std::string error;
+    EXPECT_EQ(encoded.sha256, sha256_of_file(encoded.path, error));
+    EXPECT_EQ(encoded.sha256.size(), 64u);
+}
+
+TEST_F(EncoderTest, WavFileStaysWhenTheWorkIsGivenUp) {
+    const std::string wav = write(sound(100, 1, 8000), 8000);
+    const Encoded given_up = encode(wav, {AudioFormat::FLAC, false, false, [] { return false; }});
+    EXPECT_EQ(given_up.error, "it was given up");
+    EXPECT_EQ(given_up.path, wav);
+    EXPECT_EQ(names(), Names{"call.wav"});
+    int steps = 0;
+    encode(wav, {AudioFormat::FLAC, false, false, [&steps] { return ++steps == 1; }});
+    EXPECT_EQ(steps, 2);
     EXPECT_EQ(names(), (Names{"call.flac", "call.wav"}));
-    EXPECT_EQ(encode(wav, AudioFormat::FLAC, true).error, "");
+}
+
+// Otherwise, the failure could not be reported truly.
+TEST_F(EncoderTest, WhicheverAllocationFailsTheWavFileIsStillThere) {
+    const std::string wav = write(sound(100, 1, 8000), 8000);
+    const EncodeOptions options{AudioFormat::FLAC, false, true, [] { return true; }};
+    int failed = 0;
+    for (Encoded encoded; encoded.path.empty();) {
+        allocations_left = failed;
+        try {
+            encoded = encode(wav, options);
+            allocations_left = -1;
+        } catch (const std::bad_alloc&) {
+            ++failed;
+            ASSERT_EQ(names(), Names{"call.wav"}) << failed;
+        }
+    }
+    EXPECT_GT(failed, 5);
     EXPECT_EQ(names(), Names{"call.flac"});
 }
 
 TEST_F(EncoderTest, FileThatIsNoAudioStays) {
     put("call.wav", "text");
-    const Encoded encoded = encode(path("call.wav"), AudioFormat::FLAC, false);
+    const Encoded encoded = encode(path("call.wav"), {AudioFormat::FLAC});
     EXPECT_EQ(encoded.error, "the WAV file cannot be read");
     EXPECT_EQ(bytes_of("call.wav"), "text");
     EXPECT_EQ(names(), Names{"call.wav"});
@@ -140,8 +207,7 @@ TEST_F(EncoderTest, FileThatIsNoAudioStays) {
 
 TEST_F(EncoderTest, FileWithoutAudioStaysAWavFile) {
     for (const AudioFormat format : {AudioFormat::FLAC, AudioFormat::OPUS}) {
-        EXPECT_EQ(encode(write({}, 8000), format, false).error,
-                  "the new file does not have the audio");
+        EXPECT_EQ(encode(write({}, 8000), {format}).error, "the new file does not have the audio");
     }
     EXPECT_EQ(names(), Names{"call.wav"});
 }

@@ -170,16 +170,25 @@ TEST_F(ConversionTest, FileHasItsNewNameAndTheDigestOfTheNewFile) {
 }
 
 TEST_F(ConversionTest, FileThatCannotBeConvertedIsACompleteWavFile) {
-    put("a.flac", "somebody else's");
     FileFinisher finisher = flac();
-    const auto file = write(finisher, "a.wav", {1, 2, 3});
+    const auto file = write(finisher, "a.wav", {});
     ASSERT_TRUE(wait());
     finisher.update();
     EXPECT_EQ(file->error(), "");
     EXPECT_EQ(file->path(), path("a.wav"));
-    EXPECT_EQ(file->facts().not_converted, "File exists");
+    EXPECT_EQ(file->facts().not_converted, "the new file does not have the audio");
     EXPECT_EQ(file->facts().sha256.size(), 64u);
-    EXPECT_EQ(complaints_, "a.wav: File exists\n");
+    EXPECT_EQ(complaints_, "a.wav: the new file does not have the audio\n");
+}
+
+TEST_F(ConversionTest, FileWhoseNewNameIsTakenGetsANumber) {
+    put("a.flac", "somebody else's");
+    FileFinisher finisher = flac();
+    const auto file = write(finisher, "a.wav", {1, 2, 3});
+    ASSERT_TRUE(wait());
+    EXPECT_EQ(file->path(), path("a-2.flac"));
+    EXPECT_EQ(names(), (std::set<std::string>{"a.flac", "a-2.flac"}));
+    EXPECT_EQ(bytes_of("a.flac"), "somebody else's");
 }
 
 TEST_F(ConversionTest, FilesBeyondThoseThatMayWaitStayWavFiles) {
@@ -200,6 +209,27 @@ TEST_F(ConversionTest, FileThatIsGivenUpIsReported) {
     tasks_.abandon();
     finisher.update();
     EXPECT_FALSE(file->completing());
+    EXPECT_EQ(file->facts().not_converted, "the program ended first");
+    EXPECT_EQ(complaints_, "a.wav: the program ended first\n");
+    EXPECT_EQ(names(), std::set<std::string>{"a.wav"});
+}
+
+TEST_F(ConversionTest, ConversionThatGoesOnAfterItWasGivenUpChangesNothing) {
+    FileFinisher finisher = flac();
+    const auto file = finisher.create("a.wav", 8000, 1);
+    file->write_silence(10'000'000);  // Takes a while to convert.
+    file->close();
+    const auto converts = [this] { return names().size() == 2; };  // Its hidden file is there.
+    while (!converts()) {
+        std::this_thread::yield();
+    }
+    tasks_.abandon();
+    finisher.update();
+    EXPECT_FALSE(file->completing());
+    while (converts()) {
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_EQ(file->path(), path("a.wav"));
     EXPECT_EQ(file->facts().not_converted, "the program ended first");
     EXPECT_EQ(complaints_, "a.wav: the program ended first\n");
     EXPECT_EQ(names(), std::set<std::string>{"a.wav"});

@@ -31,9 +31,11 @@ class Hearing : public CallListener {
     void file_failed(const Call& /*call*/, const FileReport& file) override {
         failures += file.path + ": " + file.error + '\n';
     }
+    void ended(const Call& call, EndReason /*reason*/) override { sidecar = call.sidecar(); }
     Call& call() { return *call_; }
 
     std::string failures;
+    std::string sidecar;  // At the end of the call.
 
   private:
     Call* call_ = nullptr;
@@ -157,7 +159,21 @@ TEST_F(SidecarTest, ListsAreBoundedAndSayHowManyEntriesAreMissing) {
     pass(1s);
     const json side = written()["sides"]["originator"];
     EXPECT_EQ(side["sample"].size(), 5000u);
-    EXPECT_EQ(side["left_out"], json({{"activity", 0}, {"sample", 3}}));
+    EXPECT_EQ(side["left_out"], json({{"rate_change", 0}, {"activity", 0}, {"sample", 3}}));
+}
+
+TEST_F(SidecarTest, RateChangesThatAreNotListedAreCounted) {
+    send("call_1_start");
+    send("call_2_read");
+    Call& call = hearing_.call();
+    const auto described = sidecar_->begin_call(call);
+    for (std::uint64_t i = 0; i < 5002; ++i) {
+        described->rate_changed(call, Side::ORIGINATOR, {i, 8000, 16000});
+    }
+    described->summing_up(call, EndReason::TERMINATED);
+    const json side = written()["sides"]["originator"];
+    EXPECT_EQ(side["rate_change"].size(), 5000u);
+    EXPECT_EQ(side["left_out"]["rate_change"], 2);
 }
 
 TEST_F(SidecarTest, CallWithoutStartPacketHasNoReference) {
@@ -184,12 +200,22 @@ TEST_F(SidecarTest, CallEndsWhenTheFileIsWritten) {
     EXPECT_EQ(written()["reason"], "terminated");
 }
 
-TEST_F(SidecarTest, FileThatCannotBeWrittenIsReported) {
+TEST_F(SidecarTest, FileWhoseNameIsTakenGetsANumber) {
     std::ofstream(folder_ + '/' + NAME) << "somebody else's";
+    send_call();
+    const json numbered = written("3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-2.json");
+    EXPECT_EQ(numbered["reason"], "terminated");
+    EXPECT_EQ(hearing_.sidecar, folder_ + "/3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37-2.json");
+    EXPECT_EQ(hearing_.failures, "");
+}
+
+TEST_F(SidecarTest, FileThatCannotBeWrittenIsReported) {
+    fs::remove_all(folder_);
     send_call();
     EXPECT_TRUE(tasks_.wait(std::chrono::steady_clock::now() + 30s));
     table_->report_ends();
-    EXPECT_EQ(hearing_.failures, folder_ + '/' + NAME + ": File exists\n");
+    EXPECT_EQ(hearing_.failures, folder_ + '/' + NAME + ": No such file or directory\n");
+    EXPECT_EQ(hearing_.sidecar, "");
 }
 
 TEST_F(SidecarTest, FileThatIsGivenUpIsReported) {
