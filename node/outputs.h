@@ -29,7 +29,7 @@
 #include "node/engine/publisher.h"
 #include "node/lane_outputs.h"
 #include "node/options.h"
-#include "node/reload_list.h"
+#include "node/outputs/reload_list.h"
 #include "node/report/audio_stream.h"
 #include "node/report/console.h"
 #include "node/report/end_command.h"

@@ -1,4 +1,4 @@
-#include "node/reload_list.h"
+#include "node/outputs/reload_list.h"
 
 #include <gtest/gtest.h>
 
