@@ -23,10 +23,7 @@ namespace {
 constexpr Micros FRAME{250'000};
 constexpr Micros SECOND{1'000'000};
 constexpr std::chrono::seconds PATIENCE_WITH_COMMANDS{10};
-// At the end, for who reads the lines or the events.
-constexpr std::chrono::seconds PATIENCE_WITH_READERS{2};
 constexpr std::chrono::milliseconds A_MOMENT{50};
-constexpr std::size_t MOST_WAITING_EVENTS = 1 << 20;  // Bytes.
 constexpr std::chrono::seconds RETENTION_INTERVAL{60};
 constexpr std::chrono::seconds PATIENCE_WITH_RETENTION{5};
 constexpr std::size_t USUAL_OPEN_FILES = 8192;
@@ -72,14 +69,16 @@ std::string buffer_text(std::uint64_t granted, std::uint64_t wanted) {
 Outputs::Outputs(const Options& options, KeepWaiting keep_waiting)
     : options_(options),
       keep_waiting_(std::move(keep_waiting)),
+      readers_(!options.read.empty(), keep_waiting_),
       live_(options.live && options.read.empty() && !events_to_stdout(options) &&
             Terminal::present()),
       console_(events_to_stdout(options) ? STDERR_FILENO : STDOUT_FILENO),
       terminal_(console_),
       lines_(console_.lines()),
-      folder_(std::make_unique<WavFolder>(options.folder, open_files(options), options.overwrite)) {
+      folder_(std::make_unique<WavFolder>(options.folder, open_files(options), options.overwrite)),
+      events_({options.events, options.every_packet}, lines_, readers_) {
     lines_.show_dates();
-    console_.wait_for_room([this] { return wait_on(); });
+    console_.wait_for_room([this] { return readers_.waits_for_room(); });
 }
 
 std::string Outputs::open_folder() {
@@ -92,7 +91,8 @@ std::string Outputs::open_folder() {
 }
 
 std::string Outputs::open_reports() {
-    std::string error = open_events();
+    std::string error = events_.open();
+    events_.reopen_with(reloads_);
     if (error.empty()) {
         error = open_engine();
     }
@@ -167,39 +167,6 @@ Services Outputs::services() const {
     return {true, samples_ != nullptr, options_.limits.services.recording};
 }
 
-std::string Outputs::open_events() {
-    if (options_.events.empty()) {
-        return {};
-    }
-    auto file = std::make_unique<EventFile>();
-    const std::string error = file->open(options_.events);
-    if (!error.empty()) {
-        return "cannot write events to " + options_.events + ": " + error;
-    }
-    events_outlet_ = std::make_unique<TextOutlet>(std::move(file), MOST_WAITING_EVENTS);
-    events_ = std::make_unique<EventLog>(
-        [this](const char* lines, std::size_t size) {
-            return take_events({lines, size});
-        },
-        options_.every_packet);
-    if (!events_to_stdout(options_)) {
-        reloads_.add(
-            "events file " + options_.events, [this] { events_outlet_->reopen(); },
-            [this] { return events_outlet_->take_reopened(); });
-    }
-    return {};
-}
-
-std::size_t Outputs::take_events(std::string_view lines) {
-    while (!events_outlet_->add(lines)) {
-        if (!wait_on()) {
-            return 0;
-        }
-        events_outlet_->wait(std::chrono::steady_clock::now() + A_MOMENT);
-    }
-    return lines.size();
-}
-
 std::string Outputs::open_engine() {
     if (options_.engine.urls.empty()) {
         return {};
@@ -209,11 +176,7 @@ std::string Outputs::open_engine() {
     if (publisher_ == nullptr) {
         return "cannot use --nats: " + error;
     }
-    if (events_ == nullptr) {  // Nothing is written.
-        events_ = std::make_unique<EventLog>(
-            [](const char* /*lines*/, std::size_t size) { return size; }, options_.every_packet);
-    }
-    events_->copy_to(
+    events_.copy_to(
         [this](const std::string& kind, const std::string& call, const std::string& text) {
             publisher_->push(EngineEvent{call.empty() ? NO_CALL : call, kind, text});
         });
@@ -276,8 +239,8 @@ void Outputs::build() {
     if (!live_ && !options_.quiet) {
         after_lane_.push_back(&lines_);
     }
-    if (events_ != nullptr) {
-        after_lane_.push_back(events_.get());
+    if (events_.log() != nullptr) {
+        after_lane_.push_back(events_.log());
     }
     if (reports_ != nullptr) {
         after_lane_.push_back(reports_.get());
@@ -288,7 +251,7 @@ void Outputs::build() {
             [this](const std::string& what) { lines_.say("command failed", what); });
         after_lane_.push_back(end_command_.get());
     }
-    notices_ = std::make_unique<Notices>(lines_, events_.get(), live_);
+    notices_ = std::make_unique<Notices>(lines_, events_.log(), live_);
     if (options_.keep.any()) {
         retention_ = std::make_unique<Retention>(
             Retention::Options{options_.folder, options_.name, options_.keep, system_time, uptime});
@@ -401,7 +364,7 @@ void Outputs::show_ending(const NodeFigures& figures, Micros now) {
         last_second_ = now + std::chrono::hours(24);  // Once.
         lines_.say("waiting for the end", waits_for() + "; another signal ends the wait");
     }
-    flush_events();
+    events_.flush();
     lines_.flush();
 }
 
@@ -458,7 +421,7 @@ void Outputs::begin(const NodeFigures& figures) {
     }
     notices_->left_behind(leftovers_);
     remove_old_files();
-    flush_events();
+    events_.flush();
     lines_.flush();
     if (live_) {
         lines_.hold();
@@ -483,7 +446,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     report_lost_output();
     report_engine();
     lines_.flush();
-    flush_events();
+    events_.flush();
     if (live_) {
         show_live(figures, now);
     }
@@ -515,7 +478,7 @@ void Outputs::show_live(const NodeFigures& figures, Micros now) {
 
 void Outputs::reload() {
     // Earlier events belong to the file that is open now.
-    flush_events();
+    events_.flush();
     if (reloads_.empty()) {
         lines_.say("asked to read again", "there is no file to read or open again");
     }
@@ -539,48 +502,20 @@ void Outputs::finish(NodeFigures figures) {
     add_figures(figures);
     notices_->overflowed(figures.overflowed);
     notices_->losses(figures);
-    flush_events();
+    events_.flush();
     finish_commands();
     report_sync();
     finish_engine();
     failed_ = failed_ || figures.dropped_bytes != 0;
     failed_ = failed_ || figures.totals.file_errors != 0;
-    const LostEvents lost = finish_events();
+    const LostEvents lost = events_.finish();
     lines_.flush();
-    wait_for_reader([this](auto until) { return console_.wait(until); });
+    readers_.wait_until([this](auto until) { return console_.wait(until); });
     report_lost_output();
     figures.lost_lines = console_.lost_lines();
     print_summary(lines_, figures, lost);
     lines_.flush();
-    wait_for_reader([this](auto until) { return console_.wait(until); });
-}
-
-// Waits only for a limited time, because there may be no reader.
-LostEvents Outputs::finish_events() {
-    if (events_outlet_ == nullptr) {
-        return {};
-    }
-    wait_for_reader([this](auto until) {
-        flush_events();
-        return events_outlet_->wait(until) && events_->waiting() == 0;
-    });
-    flush_events();
-    LostEvents lost{events_->dropped() + events_->waiting() + events_outlet_->waiting_lines(),
-                    options_.events};
-    failed_ = failed_ || lost.count != 0;
-    return lost;
-}
-
-// Repeats `done` until it returns true or the time for readers is over; while a capture is read,
-// that time does not end. `done` may wait until the time that it is given.
-template <typename Done>
-void Outputs::wait_for_reader(Done done) {
-    const auto end = std::chrono::steady_clock::now() + PATIENCE_WITH_READERS;
-    while (!done(std::chrono::steady_clock::now() + A_MOMENT) && keep_waiting_()) {
-        if (!waits_for_readers() && std::chrono::steady_clock::now() >= end) {
-            return;
-        }
-    }
+    readers_.wait_until([this](auto until) { return console_.wait(until); });
 }
 
 // Reports the lines that were dropped while nobody read this output.
@@ -589,34 +524,6 @@ void Outputs::report_lost_output() {
     if (lines != 0) {
         lines_.say("lines lost", grouped(lines) + ": nothing read this output");
     }
-}
-
-void Outputs::flush_events() {
-    if (events_outlet_ == nullptr) {
-        if (events_ != nullptr) {
-            events_->flush();
-        }
-        return;
-    }
-    const bool refused = !events_->flush();
-    const std::string error = events_outlet_->error();
-    if (events_outlet_->replaced() !=
-        std::exchange(reported_new_event_files_, events_outlet_->replaced())) {
-        lines_.say("events go to a new file", options_.events + " had been moved or removed");
-    }
-    const bool failed = refused || !error.empty();
-    if (failed == std::exchange(events_failed_, failed)) {
-        return;
-    }
-    if (failed) {
-        failed_ = true;
-        lines_.say("events not written",
-                   options_.events + ": " + (error.empty() ? "nothing takes them" : error));
-        return;
-    }
-    const std::uint64_t lost = events_->dropped();
-    lines_.say("events are written again",
-               grouped(lost - std::exchange(reported_lost_events_, lost)) + " lost");
 }
 
 void Outputs::finish_commands() {

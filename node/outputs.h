@@ -13,7 +13,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -29,12 +28,12 @@
 #include "node/engine/publisher.h"
 #include "node/lane_outputs.h"
 #include "node/options.h"
+#include "node/outputs/event_output.h"
+#include "node/outputs/reader_wait.h"
 #include "node/outputs/reload_list.h"
 #include "node/report/audio_stream.h"
 #include "node/report/console.h"
 #include "node/report/end_command.h"
-#include "node/report/event_file.h"
-#include "node/report/event_log.h"
 #include "node/report/figures.h"
 #include "node/report/line_report.h"
 #include "node/report/live_view.h"
@@ -44,14 +43,12 @@
 #include "node/report/report_sender.h"
 #include "node/report/summary.h"
 #include "node/report/terminal.h"
-#include "node/report/text_outlet.h"
 
 namespace qv::node {
 
 class Outputs {
   public:
-    // Called about every 50 ms of a wait. Returns false if there must be no more waiting.
-    using KeepWaiting = std::function<bool()>;
+    using KeepWaiting = ReaderWait::KeepWaiting;
 
     // The standard output receives the lines or the events, and the standard error the lines when
     // the standard output receives events. A capture is read only as fast as the outputs take what
@@ -88,7 +85,7 @@ class Outputs {
     bool take_reloaded() { return std::exchange(reloaded_, false); }
     // The program has been asked to end: from now on, readers are waited for only for a short time,
     // also if a capture is read.
-    void hurry() { hurried_ = true; }
+    void hurry() { readers_.hurry(); }
     // Call it after all calls have ended. Writes everything that is still waiting, and the summary.
     void finish(NodeFigures figures);
 
@@ -103,10 +100,9 @@ class Outputs {
     void give_up_files();
 
     // Whether a file or an event could not be written.
-    bool failed() const { return failed_; }
+    bool failed() const { return failed_ || events_.failed(); }
 
   private:
-    std::string open_events();
     std::string open_engine();
     std::string open_metrics();
     std::string open_sender();
@@ -114,16 +110,12 @@ class Outputs {
     std::shared_ptr<const analysis::SampleIndex> loaded(
         const analysis::SampleLoader::Result& result, std::string& error);
     std::optional<std::string> take_samples();
-    std::size_t take_events(std::string_view lines);
-    bool waits_for_readers() const { return !options_.read.empty() && !hurried_; }
-    bool wait_on() const { return waits_for_readers() && keep_waiting_(); }
     void build();
     void build_store();
     FileNames::Options file_name_options() const;
     void note_document(const std::string& name);  // Any thread may call it.
     Analyser::Figures analysis() const;
     void show_live(const NodeFigures& figures, Micros now);
-    void flush_events();
     void report_sync();
     void report_lost_output();
     void remove_old_files();
@@ -131,14 +123,12 @@ class Outputs {
     void report_engine();
     void finish_engine();
     void finish_commands();
-    LostEvents finish_events();
-    template <typename Done>
-    void wait_for_reader(Done done);
     std::string waits_for() const;
     void add_figures(NodeFigures& figures) const;
 
     const Options& options_;
     const KeepWaiting keep_waiting_;
+    ReaderWait readers_;
     const bool live_;  // The live view owns the terminal.
     Console console_;
     Terminal terminal_;
@@ -159,13 +149,11 @@ class Outputs {
     bool sync_failed_ = false;
     bool syncing_ = false;  // The last flush goes on.
     bool ending_shown_ = false;
-    std::unique_ptr<TextOutlet> events_outlet_;
+    EventOutput events_;
     ReloadList reloads_;
     bool reloaded_ = false;
-    bool hurried_ = false;
     std::unique_ptr<analysis::SampleLoader> sample_loader_;
-    std::unique_ptr<EventLog> events_;  // These are null unless requested.
-    std::unique_ptr<ReportSender> reports_;
+    std::unique_ptr<ReportSender> reports_;  // These are null unless requested.
     std::unique_ptr<Publisher> publisher_;
     std::unique_ptr<AudioStream> audio_stream_;
     Metrics metrics_;
@@ -181,9 +169,6 @@ class Outputs {
     Micros last_frame_{0};
     Micros last_second_{0};  // When the work that is done once a second was done last.
     std::atomic<std::uint64_t> saved_documents_{0};  // Timelines and sidecars.
-    std::uint64_t reported_lost_events_ = 0;
-    std::uint64_t reported_new_event_files_ = 0;
-    bool events_failed_ = false;
     bool failed_ = false;
 };
 
