@@ -4,7 +4,7 @@ import {obstacle} from "./listen.js";
 import {Picture, SideTrace, WINDOW_S, Window, gain_for} from "./picture.js";
 import {Meter} from "./table.js";
 import {SIDES, SIDE_NAMES, count, date_and_clock, duration, element, foreign, moment, set_text,
-        trouble_text, visible} from "./text.js";
+        trouble_text, unseen, visible} from "./text.js";
 
 const MOST_LISTED_MARKS = 60;
 const WORDS_MS = 3000;  // How often the pictures are described in words.
@@ -12,6 +12,7 @@ const STILL_MS = 1000;  // How often they are drawn for people who want no motio
 const ROLES = {originator: "caller, left", terminator: "callee, right"};
 const CHOICES = [["both", "Both sides"], ["originator", "Originator"], ["terminator", "Terminator"]];
 
+// Name, text and whether the value is bad.
 const SIDE_FIGURES = [
   ["Sample rate", (side) => side.sample_rate
     ? count(side.sample_rate) + " Hz" + (side.rate_assumed ? ", assumed" : "") : "not known yet"],
@@ -126,7 +127,8 @@ export class OpenedCall {
   }
 
   build_picture(side) {
-    const words = element("p", {id: "words_" + side, class: "unseen"});
+    const words = unseen("", "p");
+    words.id = "words_" + side;
     const canvas = element("canvas", {role: "img", "aria-label": `${SIDE_NAMES[side]}: outline of ` +
       `the last ${WINDOW_S} seconds`, "aria-describedby": words.id});
     this.pictures ??= {};
@@ -215,25 +217,24 @@ export class OpenedCall {
   take_mark(mark) {
     if (mark.kind === "features") {
       this.features = [...this.features, mark].slice(-20);
-    } else if (this.traces[mark.call_side]) {
-      this.traces[mark.call_side].mark(mark);
+    } else {
+      this.traces[mark.call_side]?.mark(mark);
     }
+    // Activity comes and goes too often to be listed.
     if (mark.kind !== "activity") {
       this.list_mark(mark);
     }
   }
 
   list_mark(mark) {
-    const trace = this.traces[mark.call_side];
-    const time = trace ? trace.call_time(mark.begin) : mark.begin;
     const side = mark.call_side ? SIDE_NAMES[mark.call_side] + ": " : "";
     const words = {
       gap: () => `lost ${((mark.end ?? mark.begin) - mark.begin).toFixed(2)} s`,
-      pause: () => `pause of ${mark.seconds.toFixed(1)} s`,
+      pause: () => `pause of ${(mark.end - mark.begin).toFixed(1)} s`,
       sample: () => ["sample ", foreign(mark.name)],
       features: () => ["features: ", foreign(mark.text)],
     }[mark.kind]?.() ?? visible(mark.kind);
-    const item = element("li", {class: mark.kind}, element("time", {}, moment(time)), " ", side);
+    const item = element("li", {class: mark.kind}, element("time", {}, moment(mark.begin)), " ", side);
     item.append(...[words].flat());
     this.list.prepend(item);
     while (this.list.children.length > MOST_LISTED_MARKS) {
@@ -281,11 +282,9 @@ export class SideTable {
       element("tr", {}, element("th", {scope: "row"}, name), ...this.cells[row])));
     this.root = element(
       "table", {class: "figures_table"},
-      element("thead", {}, element("tr", {}, element("th", {scope: "col"},
-                                                     element("span", {class: "unseen"}, "Figure")),
-                                   ...SIDES.map((side) =>
-                                     element("th", {scope: "col", class: side},
-                                             SIDE_NAMES[side])))),
+      element("thead", {}, element("tr", {}, element("th", {scope: "col"}, unseen("Figure")),
+                                   ...SIDES.map((side) => element(
+                                     "th", {scope: "col", class: side}, SIDE_NAMES[side])))),
       body);
   }
 

@@ -77,10 +77,6 @@ export function seconds_now(call, now = Date.now()) {
   return call.seconds + Math.max(0, now - call.received_at) / 1000;
 }
 
-export function late_packets(call) {
-  return call.late_packets ?? SIDES.reduce((sum, name) => sum + (call.sides?.[name]?.late ?? 0), 0);
-}
-
 // What each column is sorted by: a text or a number.
 export const COLUMNS = {
   call: (call) => (call.call_ref ?? call.call_uuid).toLowerCase(),
@@ -88,7 +84,6 @@ export const COLUMNS = {
   terminator: (call) => call.levels.terminator ?? UNKNOWN_LEVEL,
   length: (call) => -Date.parse(call.began),
   lost: (call) => call.lost_packets,
-  late: late_packets,
   trouble: (call) => call.trouble?.join(" ") ?? "",
   sender: (call) => call.source,
 };

@@ -2,7 +2,7 @@
 import {SideTable, facts, opened_head} from "./call.js";
 import {matches} from "./calls.js";
 import {bytes, clock, count, counted, date_and_clock, duration, element, foreign, set_text,
-        trouble_text, visible} from "./text.js";
+        trouble_text, unseen, visible} from "./text.js";
 
 const KINDS = {wav: "WAV", flac: "FLAC", opus: "Opus"};
 
@@ -109,7 +109,7 @@ function file_entry(file, address) {
              : file.kind in KINDS ? "both sides" : file.kind;
   const name = foreign(file.name, {class: "file_name"});
   const download = element("a", {href: address, download: file.name, class: "download"},
-                           "Download", element("span", {class: "unseen"}, " ", foreign(file.name)));
+                           "Download", unseen(" " + visible(file.name)));
   const entry = element("li", {},
                         element("div", {class: "file_head"},
                                 element("strong", {}, side[0].toUpperCase() + side.slice(1)), name,

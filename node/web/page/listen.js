@@ -51,7 +51,6 @@ export class Listener {
     this.volume = 1;
     this.delay_ms = null;
     this.age_ms = null;
-    this.offsets = {};
   }
 
   // To be called from a click or a key, because browsers play nothing unasked.
@@ -107,9 +106,6 @@ export class Listener {
       numberOfInputs: 0, outputChannelCount: [2], processorOptions: {both: this.sides === "both"}});
     this.node.port.onmessage = ({data}) => this.state(data);
     this.node.connect(this.gain);
-    for (const [side, seconds] of Object.entries(this.offsets)) {
-      this.node.port.postMessage({type: "offset", side: Number(side), seconds});
-    }
   }
 
   fail(context, error) {
@@ -130,20 +126,6 @@ export class Listener {
     this.node = null;
     this.delay_ms = null;
     this.age_ms = null;
-    this.offsets = {};
-  }
-
-  // The media node's answer to the wish to listen.
-  answered({call, offset_ms}) {
-    if (call === this.call?.id) {
-      SIDES.forEach((side, index) => {
-        const offset = offset_ms?.[side];
-        if (typeof offset === "number") {
-          this.offsets[index] = offset / 1000;
-          this.node?.port.postMessage({type: "offset", side: index, seconds: offset / 1000});
-        }
-      });
-    }
   }
 
   // The media node stopped, or the connection is lost.

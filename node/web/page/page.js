@@ -42,7 +42,7 @@ let watched_rows = [];
 
 function receive(message) {
   const actions = {hello: greet, calls: update_calls, levels: show_levels, detail: show_wave,
-                   wave: show_wave, listening: (answer) => listener.answered(answer),
+                   wave: show_wave,
                    stopped: ({call, reason}) => listener.stopped(call, reason),
                    error: ({error}) => console.warn("the media node: " + error)};
   actions[message.type]?.(message);

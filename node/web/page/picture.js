@@ -1,5 +1,5 @@
-// The last 30 seconds of a side: what is known of them, and the picture of it. Times are seconds of
-// the call's clock, which both sides share, unless they are said to be of the side's audio.
+// The last 30 seconds of a side: what is known of them, and the picture of it. Times are seconds on the
+// axis of the call, which both sides share and which includes pauses.
 import {SIDE_NAMES, moment, visible} from "./text.js";
 
 export const WINDOW_S = 30;
@@ -22,14 +22,12 @@ export class SideTrace {
     this.numbers = new Int32Array(KEPT_COLUMNS).fill(-1);  // Which column a place holds.
     this.lowest = new Int8Array(KEPT_COLUMNS);
     this.highest = new Int8Array(KEPT_COLUMNS);
-    this.offset_s = 0;
-    this.pauses_s = 0;  // All pauses before `end`.
     this.marks = new Map();
     this.begun = false;
   }
 
   // Takes new columns: pairs of lowest and highest sample, as text of base64.
-  take({end, columns, offset_ms = 0, pauses_ms = 0}) {
+  take({end, columns}) {
     const text = atob(columns ?? "");
     const number = text.length >> 1;
     const signed = (place) => (text.charCodeAt(place) << 24) >> 24;
@@ -44,63 +42,45 @@ export class SideTrace {
     }
     this.begun ||= end > 0;
     this.end = Math.max(this.end, end);
-    this.offset_s = offset_ms / 1000;
-    this.pauses_s = pauses_ms / 1000;
   }
 
-  // Takes a new mark, or an old one that has its end now.
+  // Takes a new mark, or an old one that has its end now. An activity that has an end without a
+  // beginning is the one that goes on.
   mark(mark) {
+    if (mark.begin === null) {
+      for (const open of this.marks.values()) {
+        if (open.kind === "activity") {
+          open.end ??= mark.end;
+        }
+      }
+      return;
+    }
     this.marks.set(mark.kind + " " + mark.begin + " " + (mark.name ?? ""), mark);
   }
 
   forget_before(time) {
     for (const [key, mark] of this.marks) {
-      if (mark.kind !== "pause" && mark.end !== null && this.mark_end(mark) < time) {
+      if (mark.end !== null && (mark.end ?? mark.begin) < time) {
         this.marks.delete(key);
       }
     }
-    const pauses = this.pauses();
-    // Positions count on from the sum of all pauses, so old ones are needed no longer.
-    for (const pause of pauses) {
-      if (this.call_time(pause.begin, pauses) < time - WINDOW_S) {
-        this.marks.delete("pause " + pause.begin + " ");
-      }
-    }
-  }
-
-  pauses() {
-    return [...this.marks.values()].filter((mark) => mark.kind === "pause" && mark.call_side)
-      .sort((one, two) => one.begin - two.begin);
-  }
-
-  // The time at which the audio at these seconds of the side was said.
-  call_time(seconds, pauses = this.pauses()) {
-    let shift = this.offset_s + this.pauses_s;
-    for (const pause of pauses) {
-      if (pause.begin > seconds) {
-        shift -= Math.min(pause.seconds, Math.max(0, shift - this.offset_s));
-      }
-    }
-    return seconds + shift;
   }
 
   end_time() {
-    return this.call_time(this.end * this.column_s);
+    return this.end * this.column_s;
   }
 
+  // An activity that goes on ends with the audio so far.
   mark_end(mark) {
-    const end = mark.end ?? (mark.kind === "activity" ? this.end * this.column_s : mark.begin);
-    return this.call_time(end);
+    return mark.end ?? (mark.kind === "activity" ? this.end_time() : mark.begin);
   }
 
   // Calls visit(time, lowest, highest) for each column from a time on.
   each_column(from, visit) {
-    const pauses = this.pauses();
     for (let column = Math.max(0, this.end - KEPT_COLUMNS); column < this.end; ++column) {
       const place = column % KEPT_COLUMNS;
       if (this.numbers[place] === column) {
-        // The middle, because a pause may be at an edge.
-        const time = this.call_time((column + 0.5) * this.column_s, pauses) - this.column_s / 2;
+        const time = column * this.column_s;
         if (time + this.column_s >= from) {
           visit(time, this.lowest[place], this.highest[place]);
         }
@@ -123,11 +103,9 @@ export class SideTrace {
     parts.push(!this.begun ? "no audio yet"
                : peak <= 1 ? "silence"
                : `loudest ${Math.round(20 * Math.log10(peak / FULL_SCALE))} dB`);
-    const inside = [...this.marks.values()].map((mark) => {
-      const begin = this.call_time(mark.begin);
-      return {...mark, from: Math.max(begin, from),
-              until: mark.kind === "pause" ? begin : Math.min(this.mark_end(mark), until)};
-    }).filter((mark) => mark.until >= from && mark.from <= until);
+    const inside = [...this.marks.values()].map((mark) => ({
+      ...mark, from: Math.max(mark.begin, from), until: Math.min(this.mark_end(mark), until),
+    })).filter((mark) => mark.from <= mark.until);
     const of = (kind) => inside.filter((mark) => mark.kind === kind);
     const length = (marks) => marks.reduce((sum, mark) => sum + mark.until - mark.from, 0);
     if (of("activity").length) {
@@ -137,7 +115,7 @@ export class SideTrace {
       parts.push(`${of("gap").length} lost (${length(of("gap")).toFixed(2)} s)`);
     }
     if (of("pause").length) {
-      parts.push(`${of("pause").length} paused`);
+      parts.push(`paused for ${length(of("pause")).toFixed(1)} s`);
     }
     for (const sample of of("sample")) {
       parts.push(`sample ${visible(sample.name)} at ${moment(sample.from)}`);
@@ -257,14 +235,11 @@ export class Picture {
   draw_stretches() {
     const {context, colours: colour, trace} = this;
     for (const mark of trace.marks.values()) {
-      const begin = trace.call_time(mark.begin);
+      const [x, width] = this.stretch(mark.begin, trace.mark_end(mark));
       if (mark.kind === "activity") {
-        const [x, width] = this.stretch(begin, trace.mark_end(mark), 1);
         context.fillStyle = colour.activity;
         context.fillRect(x, this.bottom + 3, width, BAND);
       } else if (mark.kind === "gap") {
-        // The shortest loss is still seen.
-        const [x, width] = this.stretch(begin, trace.mark_end(mark), 2);
         context.fillStyle = colour.gap;
         context.fillRect(x, TOP, width, this.bottom - TOP);
         context.fillStyle = colour.gap_flag;
@@ -274,19 +249,19 @@ export class Picture {
         context.lineTo(x + width / 2, TOP);
         context.fill();
       } else if (mark.kind === "pause") {
-        this.draw_pause(begin - mark.seconds, begin);
+        this.draw_pause(x, width);
       }
     }
   }
 
-  stretch(begin, end, least) {
+  // The shortest loss is still seen.
+  stretch(begin, end) {
     const x = this.x(begin);
-    return [x, Math.max(this.x(end) - x, least)];
+    return [x, Math.max(this.x(end) - x, 2)];
   }
 
-  draw_pause(begin, end) {
+  draw_pause(x, width) {
     const {context} = this;
-    const [x, width] = this.stretch(begin, end, 1);
     context.save();
     context.beginPath();
     context.rect(x, TOP, width, this.bottom - TOP);
@@ -331,7 +306,7 @@ export class Picture {
     const labels = [];
     for (const mark of trace.marks.values()) {
       if (mark.kind === "sample") {
-        labels.push({time: trace.call_time(mark.begin), words: visible(mark.name),
+        labels.push({time: mark.begin, words: visible(mark.name),
                      colour: colour.sample});
       }
     }

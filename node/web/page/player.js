@@ -16,7 +16,7 @@ const START_MS = 100;         // Reserve with which the head starts.
 const MOST_RESERVE_MS = 220;  // To which the reserve grows if frames come in bursts.
 const LIMIT_MS = 380;         // More is skipped at once.
 const WATCH_S = 2;            // How long the scarcest reserve is watched before steering.
-const LOW_MS = 15;
+const LOW_MS = 30;           // Less is a danger: the browser takes 16 ms at once, at 8 kHz.
 const SPARE_MS = 60;          // Reserve beyond the wanted one that is tolerated.
 const FORCED_MS = 120;        // Beyond this, speech is no reason to wait.
 const QUIET = 0.01;           // Peak below which a skip is not heard.
@@ -35,7 +35,7 @@ class Side {
     this.ring = new Float32Array(Math.ceil(RING_S * rate));
     this.end = null;   // Position after the newest sample.
     this.begin = 0;    // Positions before this one hold nothing.
-    this.shift_s = 0;  // Time of position 0 on the call's time line.
+    this.shift_s = 0;  // Of the side on the call's time line.
   }
 
   // Puts samples at their position. What lies between them and the newest so far is silence.
@@ -92,7 +92,6 @@ export class Player {
     this.rate = rate;
     this.both = both;
     this.sides = [null, null];
-    this.offsets_s = [null, null];
     this.head = null;      // Next sample of the output, on the call's time line.
     this.waiting = true;   // Until there is enough in reserve.
     this.wanted_ms = START_MS;
@@ -106,11 +105,6 @@ export class Player {
     this.least_ms = Infinity;
   }
 
-  // When a side begins after the call, pauses included. Comes before its first frame, or never.
-  set_offset(index, seconds) {
-    this.offsets_s[index] = seconds;
-  }
-
   // Takes a frame: 16-bit samples of side 0 (originator) or 1 (terminator) at a position.
   put(index, rate, position, samples) {
     let side = this.sides[index];
@@ -121,36 +115,30 @@ export class Player {
     side.put(position, samples);
     if (side.fresh) {
       side.fresh = false;
-      this.place_first(index, position, samples.length);
+      this.place_first(index, position);
     }
     this.check_place(index);
   }
 
-  // Puts a side on the time line: where its offset says, if that is near the other side's audio, and
-  // beside that audio otherwise. The other side's pauses may be unknown.
-  place_first(index, position, length) {
+  // Positions lie on the call's time line. Should a side be apart from the other nevertheless, because
+  // its rate is only assumed, it is put beside it.
+  place_first(index, position) {
     const side = this.sides[index];
     const other = this.sides[1 - index]?.end_s() ?? null;
-    side.shift_s = this.offsets_s[index] ?? 0;
-    if (other !== null && (this.offsets_s[index] === null ||
-                           Math.abs(side.end_s() - other) > APART_S)) {
-      side.shift_s += other - side.end_s();
-      this.round_shift(side);
-      this.figures.aligned += 1;
+    if (other !== null && Math.abs(side.end_s() - other) > APART_S) {
+      this.shift(side, other - side.end_s());
     }
-    if (this.head === null) {
-      this.round_shift(side);
-      this.head = Math.round((position / side.rate + side.shift_s) * this.rate);
-    }
+    this.head ??= Math.round((position / side.rate + side.shift_s) * this.rate);
   }
 
-  // A shift of whole samples keeps samples what they are.
-  round_shift(side) {
-    side.shift_s = Math.round(side.shift_s * this.rate) / this.rate;
+  // Moves by whole samples, because that keeps samples what they are.
+  shift(side, seconds) {
+    side.shift_s = Math.round((side.shift_s + seconds) * this.rate) / this.rate;
+    this.figures.aligned += 1;
   }
 
-  // A side that paused goes on at the position where it stopped, which the head has passed. It is put
-  // in front of the head again. Frames that are only a little late are left behind.
+  // A side that is far behind the head is put in front of it again. Frames that are only a little late
+  // are left behind.
   check_place(index) {
     const side = this.sides[index];
     const lag_s = this.head / this.rate - side.end_s();
@@ -164,9 +152,7 @@ export class Player {
     }
     const other = this.sides[1 - index]?.end_s() ?? null;
     const near = other !== null && other > this.head / this.rate;
-    side.shift_s += near ? other - side.end_s() : lag_s + START_MS / 1000;
-    this.round_shift(side);
-    this.figures.aligned += 1;
+    this.shift(side, near ? other - side.end_s() : lag_s + START_MS / 1000);
   }
 
   want_more(milliseconds) {
@@ -302,8 +288,6 @@ function make_processor() {
     receive(message) {
       if (message.type === "frame") {
         this.player.put(message.side, message.rate, message.position, message.samples);
-      } else if (message.type === "offset") {
-        this.player.set_offset(message.side, message.seconds);
       } else if (message.type === "close") {
         this.open = false;
       }

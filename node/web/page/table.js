@@ -1,8 +1,8 @@
 // The table of live calls: a grid that has elements only for the rows on the screen, so that
 // thousands of calls cost no more than a screenful.
-import {arrange, has_trouble, late_packets, seconds_now} from "./calls.js";
+import {arrange, has_trouble, seconds_now} from "./calls.js";
 import {SIDES, SIDE_NAMES, count, decibels, duration, element, foreign, set_text, trouble_text,
-        visible} from "./text.js";
+        unseen, visible} from "./text.js";
 
 const REORDER_MS = 1000;    // Rows do not change places more often by themselves.
 const TEXT_MS = 500;        // Nor do their figures.
@@ -13,11 +13,10 @@ const QUIETEST_DB = -60;    // The left end of a level meter.
 
 const HEADERS = [
   ["call", "Call"], ["originator", "Originator", "caller"], ["terminator", "Terminator", "callee"],
-  ["length", "Length"], ["lost", "Lost"], ["late", "Late"], ["trouble", "Trouble"],
-  ["sender", "Sender"],
+  ["length", "Length"], ["lost", "Lost"], ["trouble", "Trouble"], ["sender", "Sender"],
 ];
 // These are more interesting from the other end.
-const FIRST_DESCENDING = new Set(["originator", "terminator", "length", "lost", "late", "trouble"]);
+const FIRST_DESCENDING = new Set(["originator", "terminator", "length", "lost", "trouble"]);
 
 export class CallTable {
   // on_open(id), on_listen(id), on_watch([id...]) are called for what the user does and sees.
@@ -54,7 +53,7 @@ export class CallTable {
       head.append(cell);
     }
     head.append(element("div", {role: "columnheader", class: "cell listen"},
-                        element("span", {class: "unseen"}, "Listen")));
+                        unseen("Listen")));
     this.body = element("div", {role: "rowgroup", class: "rows"});
     this.none = element("p", {class: "none", hidden: ""});
     this.root.append(element("div", {role: "rowgroup", class: "heads"}, head), this.body);
@@ -336,7 +335,6 @@ class Row {
     this.meters = Object.fromEntries(SIDES.map((side) => [side, new Meter(side)]));
     this.length = element("span");
     this.lost = element("span");
-    this.late = element("span");
     this.trouble = element("span", {class: "troubles"});
     this.sender = element("span");
     this.button = element("button", {type: "button", class: "play", tabindex: -1});
@@ -346,8 +344,8 @@ class Row {
       "div", {role: "row", class: "row", "data-id": call.id},
       cell("call", this.name, this.uuid),
       ...SIDES.map((side) => cell(side, this.meters[side].root)),
-      cell("length", this.length), cell("lost", this.lost), cell("late", this.late),
-      cell("trouble", this.trouble), cell("sender", this.sender), cell("listen", this.button));
+      cell("length", this.length), cell("lost", this.lost), cell("trouble", this.trouble),
+      cell("sender", this.sender), cell("listen", this.button));
   }
 
   show(call, {opened_id, listened_id}) {
@@ -381,9 +379,7 @@ class Row {
   write_figures(call) {
     set_text(this.length, duration(seconds_now(call)));
     set_text(this.lost, count(call.lost_packets));
-    set_text(this.late, count(late_packets(call)));
     this.lost.classList.toggle("some", call.lost_packets > 0);
-    this.late.classList.toggle("some", late_packets(call) > 0);
     for (const side of SIDES) {
       this.meters[side].write();
     }
@@ -398,10 +394,10 @@ export class Meter {
     this.active = false;
     this.cover = element("span", {class: "cover"});
     this.words = element("span", {class: "db"});
-    this.talks = element("span", {class: "unseen"});
+    this.talks = unseen("");
     this.root = element(
       "span", {class: "meter " + side},
-      element("span", {class: "unseen"}, SIDE_NAMES[side] + ": "),
+      unseen(SIDE_NAMES[side] + ": "),
       element("span", {class: "dot", "aria-hidden": "true"}),
       element("span", {class: "track", "aria-hidden": "true"}, this.cover), this.words, this.talks);
   }

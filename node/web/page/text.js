@@ -99,6 +99,11 @@ export function element(tag, attributes = {}, ...children) {
   return made;
 }
 
+// Words for screen readers only.
+export function unseen(words, tag = "span") {
+  return element(tag, {class: "unseen"}, words);
+}
+
 // An element with foreign text. Its writing direction does not reach beyond it.
 export function foreign(text, attributes = {}) {
   return element("bdi", attributes, visible(text));
