@@ -14,7 +14,9 @@ struct EngineEvent {
     std::string call;  // The call's UUID, or NO_CALL.
     std::string kind;  // "start", "end"...
     std::string text;  // One JSON object.
-    std::string id{};  // Unique in all runs of all nodes. The publisher sets it.
+    // The publisher sets these.
+    std::string id{};          // Unique in all runs of all nodes.
+    std::uint64_t number = 0;  // In this run, from 1 on. 0 if an earlier run made the event.
 
     // What it takes in memory, about.
     std::uint64_t size() const { return 256 + call.size() + kind.size() + text.size() + id.size(); }

@@ -354,8 +354,9 @@ class NatsTest(unittest.TestCase):
         with Node(*options, "--events", str(self.home / "events"), "--nats",
                   f"127.0.0.1:{port}") as first:
             first.talk([1, 2], 5)
-            wait_until(lambda: uuid_of(2) in "".join(
-                path.read_text() for path in (self.home / "spool").glob("*.events")), "kept")
+            for pattern in "spool/*.events", "events":
+                wait_until(lambda: uuid_of(2) in "".join(
+                    path.read_text() for path in self.home.glob(pattern)), "kept")
             first.process.kill()
         server = self.server(port=port)
         node = self.node(*options, url=server.url)

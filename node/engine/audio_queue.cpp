@@ -1,0 +1,56 @@
+#include "node/engine/audio_queue.h"
+
+#include <iterator>
+#include <utility>
+
+namespace qv::node {
+
+void AudioQueue::push(EngineChunk chunk) {
+    bytes_ += chunk.size();
+    waiting_.push_back(std::move(chunk));
+    drop();
+}
+
+AudioQueue::Batch AudioQueue::take(Clock::time_point now) {
+    Batch batch;
+    std::uint64_t bytes = 0;
+    while (has_ready(now) && bytes < BATCH_BYTES && batch.size() < BATCH_CHUNKS) {
+        bytes += waiting_.front().size();
+        batch.push_back(std::move(waiting_.front()));
+        waiting_.pop_front();
+    }
+    under_way_ = batch.size();
+    return batch;
+}
+
+void AudioQueue::lose(const EngineChunk& chunk) {
+    ++lost_;
+    --under_way_;
+    bytes_ -= chunk.size();
+}
+
+void AudioQueue::sent(const Batch& batch) {
+    under_way_ = 0;
+    sent_ += batch.size();
+    for (const EngineChunk& chunk : batch) {
+        bytes_ -= chunk.size();
+    }
+}
+
+void AudioQueue::put_back(Batch batch, Clock::time_point next) {
+    under_way_ = 0;
+    next_ = next;
+    waiting_.insert(waiting_.begin(), std::make_move_iterator(batch.begin()),
+                    std::make_move_iterator(batch.end()));
+    drop();
+}
+
+void AudioQueue::drop() {
+    while (bytes_ > most_bytes_ && !waiting_.empty()) {
+        bytes_ -= waiting_.front().size();
+        waiting_.pop_front();
+        ++lost_;
+    }
+}
+
+}  // namespace qv::node

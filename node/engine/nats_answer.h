@@ -1,0 +1,20 @@
+// The answer of JetStream to an event. Plain values; whatever anybody sends gives one.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace qv::node::nats {
+
+struct Answer {
+    std::uint64_t number = 0;  // Of the event: the last word of the answer's subject.
+    bool stored = false;
+    bool no_stream = false;  // Or perhaps.
+    std::string error{};     // Why it is not stored.
+};
+
+// `nobody`: the server says that nobody receives the event.
+Answer read_answer(std::string_view subject, std::string_view data, bool nobody);
+
+}  // namespace qv::node::nats

@@ -1,0 +1,105 @@
+// The work behind the publisher: what waits for NATS, and the loop that sends it.
+//
+// One thread calls run(), which uses the connection and the spool without the lock; the library's
+// threads report to it. All other functions belong to any thread and do not wait unless they say
+// so.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "node/engine/audio_queue.h"
+#include "node/engine/engine_news.h"
+#include "node/engine/event_queue.h"
+#include "node/engine/event_spool.h"
+#include "node/engine/nats_link.h"
+#include "node/engine/publisher.h"
+#include "node/engine/spool_backlog.h"
+#include "quorvane_lib/mutex.h"
+
+namespace qv::node::nats {
+
+class Engine : private Link::Listener {
+  public:
+    explicit Engine(EngineSettings settings);
+
+    // Returns what is wrong with the settings, or an empty text. Before run().
+    std::string open() QV_EXCLUDES(mutex_);
+
+    // Returns when stop() is called and the library uses this object no longer.
+    void run() QV_EXCLUDES(mutex_);
+
+    const std::string& run_id() const { return run_; }
+    void push(EngineEvent event) QV_EXCLUDES(mutex_);
+    void push(EngineChunk chunk) QV_EXCLUDES(mutex_);
+    EngineFigures figures() const QV_EXCLUDES(mutex_);
+    Publisher::News take_news() QV_EXCLUDES(mutex_);
+    // What run() has not handed over, nor to the spool.
+    Publisher::Left left() const QV_EXCLUDES(mutex_);
+
+    // Waits until nothing waits, at most for this time. Returns whether that is so.
+    bool wait(std::chrono::milliseconds longest) QV_EXCLUDES(mutex_);
+    // Ends run(), and waits for it some seconds. Returns whether it has ended.
+    bool stop() QV_EXCLUDES(mutex_);
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    std::string open_spool() QV_EXCLUDES(mutex_);
+
+    // Any thread.
+    void add(const EventQueue::Event& event) QV_REQUIRES(mutex_);
+    void forget(const EventQueue::Event& event) QV_REQUIRES(mutex_);
+    bool waiting() const QV_REQUIRES(mutex_);
+
+    // The thread of run(), and the library's.
+    void connected(const std::string& url) override QV_EXCLUDES(mutex_);
+    void disconnected() override QV_EXCLUDES(mutex_);
+    void answered(Answer answer) override QV_EXCLUDES(mutex_);
+    void trouble(const std::string& text) override QV_EXCLUDES(mutex_);
+    void stream_created(const std::string& name) override QV_EXCLUDES(mutex_);
+
+    // The thread of run().
+    bool wait_for_work() QV_EXCLUDES(mutex_);
+    bool has_work() const QV_REQUIRES(mutex_);
+    bool take_answers() QV_EXCLUDES(mutex_);
+    void write_spool() QV_EXCLUDES(mutex_);
+    std::vector<std::string> take_forgotten() QV_EXCLUDES(mutex_);
+    std::vector<EventQueue::Event> to_spool() QV_EXCLUDES(mutex_);
+    void note_spooled(const std::vector<EventQueue::Event>& events, bool kept) QV_EXCLUDES(mutex_);
+    void send_events() QV_EXCLUDES(mutex_);
+    EventQueue::Entry next_event() QV_EXCLUDES(mutex_);
+    void note_not_sent(std::uint64_t number, Link::Outcome outcome) QV_EXCLUDES(mutex_);
+    void send_audio() QV_EXCLUDES(mutex_);
+    AudioQueue::Batch next_audio() QV_EXCLUDES(mutex_);
+    bool send(AudioQueue::Batch& batch) QV_EXCLUDES(mutex_);
+    void note_lost(const EngineChunk& chunk) QV_EXCLUDES(mutex_);
+    void note_sent(AudioQueue::Batch batch, bool taken) QV_EXCLUDES(mutex_);
+
+    const EngineSettings settings_;
+    const std::string run_;
+
+    // Of the thread of run().
+    Link link_;
+    std::unique_ptr<EventSpool> spool_;  // Null unless wanted. Constant from open() on.
+
+    mutable Mutex mutex_;
+    Condition work_;
+    Condition progress_;
+    EventQueue queue_ QV_GUARDED_BY(mutex_);
+    SpoolBacklog backlog_ QV_GUARDED_BY(mutex_);
+    AudioQueue audio_ QV_GUARDED_BY(mutex_);
+    std::vector<Answer> answers_ QV_GUARDED_BY(mutex_);
+    EngineNews news_ QV_GUARDED_BY(mutex_);
+    bool unanswered_ QV_GUARDED_BY(mutex_) = false;  // Some event, for too long.
+    std::uint64_t last_event_ QV_GUARDED_BY(mutex_) = 0;
+    std::uint64_t stored_events_ QV_GUARDED_BY(mutex_) = 0;
+    bool connected_ QV_GUARDED_BY(mutex_) = false;
+    bool stopping_ QV_GUARDED_BY(mutex_) = false;
+    bool ended_ QV_GUARDED_BY(mutex_) = false;  // run() returns.
+};
+
+}  // namespace qv::node::nats
