@@ -8,7 +8,7 @@ namespace qv::node::nats {
 namespace {
 
 // JetStream's answers have some hundred bytes.
-constexpr std::size_t LONGEST = 64 * 1024;
+constexpr std::size_t LONGEST = 65536;  // Bytes.
 
 std::uint64_t last_word_of(std::string_view subject) {
     const std::string_view word = subject.substr(subject.rfind('.') + 1);

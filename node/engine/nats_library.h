@@ -26,4 +26,14 @@ inline std::string text_of(natsStatus status) {
     return natsStatus_GetText(status);
 }
 
+// Why the library's latest call in this thread failed, without the line of its source, which the
+// library puts before it.
+inline std::string last_error(natsStatus status) {
+    const char* error = nats_GetLastError(nullptr);
+    const std::string text = error != nullptr ? error : "";
+    const std::size_t place = text.rfind('(', 0) == 0 ? text.find("): ") : std::string::npos;
+    const std::string reason = place != std::string::npos ? text.substr(place + 3) : text;
+    return reason.empty() ? text_of(status) : reason;
+}
+
 }  // namespace qv::node::nats

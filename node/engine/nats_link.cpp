@@ -157,7 +157,7 @@ void Link::connect() {
     connection_.reset(made);
     if (made == nullptr) {
         remove_callback();
-        listener_.trouble("not connected yet (" + text_of(status) + "); events and audio wait");
+        listener_.trouble("not connected yet (" + last_error(status) + "); events and audio wait");
         return;
     }
     current_ = made;

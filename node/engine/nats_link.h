@@ -37,9 +37,9 @@ class Link {
     // Returns what is wrong with the settings, or an empty text. Connects to nothing.
     std::string open();
 
-    // Connects if there is no connection and the last attempt was some time before. May take
-    // seconds, or for ever if a server stops in the TLS handshake. Returns whether there is a
-    // connection, which may be broken; the functions below need one.
+    // Connects if there is no connection and the last attempt is not too recent. May take seconds,
+    // or for ever if a server stops in the TLS handshake. Returns whether there is a connection,
+    // which may be broken; the functions below need one.
     bool keep();
 
     enum class Outcome { TAKEN, TOO_LONG, FAILED };  // A failure is reported to the listener.
@@ -49,7 +49,7 @@ class Link {
     Outcome send(const EngineChunk& chunk);
     Outcome flush();
 
-    // Creates the stream of events unless an earlier attempt was too short before.
+    // Creates the stream of events if an attempt is due.
     void create_stream();
 
     // Ends the connection, and waits until the library has let go of the listener.

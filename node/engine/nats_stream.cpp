@@ -41,9 +41,7 @@ StreamCreator::Result StreamCreator::create(jsCtx* context, Clock::time_point no
     if (code == JSStreamSubjectOverlapErr) {
         return Result::PRESENT;
     }
-    const char* details = nats_GetLastError(nullptr);
-    error = "stream " + settings_.stream +
-            " not created: " + (details != nullptr ? details : text_of(status));
+    error = "stream " + settings_.stream + " not created: " + last_error(status);
     return Result::FAILED;
 }
 

@@ -17,8 +17,9 @@ class StreamCreator {
     explicit StreamCreator(const EngineSettings& settings) : settings_(settings) {}
 
     enum class Result { NOT_TRIED, CREATED, PRESENT, FAILED };
-    // Tries unless the settings forbid it, or a failure was too short before: the pause grows with
-    // each. PRESENT means that another stream takes the events. A failure fills `error`.
+    // Tries unless the settings forbid it. After a failure it does not try for a while, which grows
+    // with each failure. PRESENT means that another stream takes the events. A failure fills
+    // `error`.
     Result create(jsCtx* context, Clock::time_point now, std::string& error);
 
   private:

@@ -72,6 +72,8 @@ class Server:
         wait_until(self.answers, "answered by a server")
 
     def answers(self):
+        if self.process.poll() is not None:
+            raise AssertionError(f"the server ended: {self.log.read_text()}")
         try:
             socket.create_connection(("127.0.0.1", self.port), timeout=1).close()
             return True
