@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 #include <utility>
 
 namespace qv::node {
@@ -14,32 +15,63 @@ constexpr std::chrono::milliseconds A_MOMENT{50};
 
 Console::Console(int descriptor) : outlet_(std::make_unique<EventFile>(descriptor), MOST_BYTES) {}
 
+std::streamsize Console::xsputn(const char* text, std::streamsize size) {
+    const std::string_view more(text, static_cast<std::size_t>(size));
+    try {
+        text_ += more;
+    } catch (const std::bad_alloc&) {
+        out_of_memory_ = true;
+        lose(more);
+    }
+    return size;
+}
+
+Console::int_type Console::overflow(int_type character) {
+    const char text = traits_type::to_char_type(character);
+    xsputn(&text, 1);
+    return traits_type::not_eof(character);
+}
+
+int Console::sync() {
+    if (std::exchange(out_of_memory_, false)) {
+        lose(text_);
+    } else if (!text_.empty()) {
+        pass_on(text_);
+    }
+    text_.clear();
+    return 0;
+}
+
 // Drops lines from the first one on that finds no room, so that no line is missing between others
 // without a word.
-int Console::sync() {
-    const std::string text = str();
-    str({});
-    if (text.empty() || add(text)) {
-        return 0;
+void Console::pass_on(std::string_view text) {
+    if (add(text)) {
+        return;
     }
     for (std::size_t begin = 0; begin < text.size();) {
         const std::size_t end = std::min(text.find('\n', begin), text.size() - 1) + 1;
         if (!add(text.substr(begin, end - begin))) {
-            lost_lines_ += static_cast<std::uint64_t>(
-                std::count(text.begin() + static_cast<std::ptrdiff_t>(begin), text.end(), '\n'));
-            break;
+            lose(text.substr(begin));
+            return;
         }
         begin = end;
     }
-    return 0;
 }
 
-bool Console::add(const std::string& text) {
-    while (!outlet_.add(text)) {
-        if (keep_waiting_ == nullptr || !keep_waiting_()) {
-            return false;
+void Console::lose(std::string_view text) {
+    lost_lines_ += static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+bool Console::add(std::string_view text) {
+    try {
+        while (!outlet_.add(text)) {
+            if (keep_waiting_ == nullptr || !keep_waiting_()) {
+                return false;
+            }
+            outlet_.wait(std::chrono::steady_clock::now() + A_MOMENT);
         }
-        outlet_.wait(std::chrono::steady_clock::now() + A_MOMENT);
+    } catch (const std::bad_alloc&) {
+        return false;
     }
     return true;
 }

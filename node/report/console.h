@@ -1,7 +1,8 @@
 // The standard output as people see it: lines, or the frames of the live view.
 //
 // The thread that writes here never waits. While nobody takes the output - a stopped terminal, a
-// full pipe - text waits up to a bound, and then lines and frames are dropped whole and counted.
+// full pipe - text waits up to a bound, and then lines and frames are dropped whole and counted. So
+// are lines for which there is no memory.
 // Belongs to one thread.
 #pragma once
 
@@ -9,14 +10,15 @@
 #include <cstdint>
 #include <functional>
 #include <ostream>
-#include <sstream>
+#include <streambuf>
 #include <string>
+#include <string_view>
 
 #include "node/report/text_outlet.h"
 
 namespace qv::node {
 
-class Console : private std::stringbuf {
+class Console : private std::streambuf {
   public:
     // Asked before each moment of a wait. Returns false when there must be no more waiting.
     using KeepWaiting = std::function<bool()>;
@@ -46,12 +48,20 @@ class Console : private std::stringbuf {
     std::uint64_t lost_frames() const { return lost_frames_; }
 
   private:
+    // What a stream calls when it is written to. They never throw: the stream would fail for good.
+    std::streamsize xsputn(const char* text, std::streamsize size) override;
+    int_type overflow(int_type character) override;
     int sync() override;
-    bool add(const std::string& text);
+
+    bool add(std::string_view text);
+    void pass_on(std::string_view text);
+    void lose(std::string_view text);
 
     TextOutlet outlet_;
     std::ostream stream_{this};
     KeepWaiting keep_waiting_;
+    std::string text_;            // Since the stream was flushed.
+    bool out_of_memory_ = false;  // Some of the text is missing.
     std::uint64_t lost_lines_ = 0;
     std::uint64_t reported_lines_ = 0;
     std::uint64_t lost_frames_ = 0;

@@ -3,35 +3,12 @@
 #include <sndfile.h>
 
 #include <cmath>
-#include <cstdlib>
-#include <new>
 #include <vector>
 
 #include "node/audio/audio_files.h"
 #include "node/audio/digest.h"
 #include "tests/node/audio/folder_test.h"
-
-namespace {
-
-// After so many more allocations, one fails. Negative: none.
-thread_local int allocations_left = -1;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    const bool fails = allocations_left >= 0 && allocations_left-- == 0;
-    void* const memory = fails ? nullptr : std::malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
+#include "tests/support/failing_allocation.h"
 
 namespace qv::node {
 
@@ -182,19 +159,10 @@ TEST_F(EncoderTest, WavFileStaysWhenTheWorkIsGivenUp) {
 TEST_F(EncoderTest, WhicheverAllocationFailsTheWavFileIsStillThere) {
     const std::string wav = write(sound(100, 1, 8000), 8000);
     const EncodeOptions options{AudioFormat::FLAC, false, true, [] { return true; }};
-    int failed = 0;
-    for (Encoded encoded; encoded.path.empty();) {
-        allocations_left = failed;
-        try {
-            encoded = encode(wav, options);
-            allocations_left = -1;
-        } catch (const std::bad_alloc&) {
-            ++failed;
-            ASSERT_EQ(names(), Names{"call.wav"}) << failed;
-        }
-    }
-    EXPECT_GT(failed, 5);
-    EXPECT_EQ(names(), Names{"call.flac"});
+    const int failures = tests::with_each_allocation_failing(
+        [&] { encode(wav, options); },
+        [this](bool failed) { EXPECT_EQ(names(), Names{failed ? "call.wav" : "call.flac"}); });
+    EXPECT_GT(failures, 5);
 }
 
 TEST_F(EncoderTest, FileThatIsNoAudioStays) {

@@ -10,6 +10,8 @@
 #include <memory>
 #include <string>
 
+#include "tests/support/failing_allocation.h"
+
 namespace qv::node {
 
 namespace {
@@ -53,6 +55,11 @@ class ConsoleTest : public testing::Test {
         console_->lines().flush();
     }
 
+    void restart() {
+        console_.reset();
+        console_ = std::make_unique<Console>(ends_[1]);
+    }
+
     std::array<int, 2> ends_{};
     std::unique_ptr<Console> console_;
 };
@@ -62,6 +69,23 @@ TEST_F(ConsoleTest, LinesComeInOrder) {
     console_->lines() << "two\nthree\n" << std::flush;
     EXPECT_EQ(read_all(), "one\ntwo\nthree\n");
     EXPECT_EQ(console_->lost_lines(), 0u);
+}
+
+TEST_F(ConsoleTest, LackOfMemoryCostsAtMostTheLineAndNoneOfThoseAfterIt) {
+    const std::string line(100, 'x');
+    int lost = 0;
+    tests::with_each_allocation_failing(
+        [&] { say(line); },
+        [&](bool /*failed*/) {
+            EXPECT_TRUE(console_->lines().good());
+            say("after");
+            const std::string seen = read_all();
+            const std::uint64_t lost_now = console_->take_lost_lines();
+            EXPECT_EQ(seen, lost_now == 1 ? "after\n" : line + "\nafter\n");
+            lost += static_cast<int>(lost_now);
+            restart();  // Without memory of its own.
+        });
+    EXPECT_GT(lost, 0);
 }
 
 TEST_F(ConsoleTest, OutputThatNobodyTakesDelaysNobodyAndIsDroppedInWholeLines) {
