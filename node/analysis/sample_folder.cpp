@@ -1,21 +1,17 @@
 #include "node/analysis/sample_folder.h"
 
-#include <sndfile.h>
-
 #include <algorithm>
 #include <cctype>
 #include <stdexcept>
 #include <system_error>
+
+#include "tools/sound_file.h"
 
 namespace qv::node::analysis {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-struct Close {
-    void operator()(SNDFILE* file) const { sf_close(file); }
-};
 
 bool is_wav(const fs::path& path) {
     std::string ending = path.extension().string();
@@ -46,9 +42,11 @@ std::vector<fs::path> wav_files(const fs::path& folder) {
 // Returns why the file is refused, or an empty text.
 std::string add_file(const fs::path& path, SampleIndexBuilder& builder) {
     SF_INFO info{};
-    const std::unique_ptr<SNDFILE, Close> file(sf_open(path.c_str(), SFM_READ, &info));
+    std::string error;
+    const tools::SoundFile file =
+        tools::open_sound_file([&] { return sf_open(path.c_str(), SFM_READ, &info); }, error);
     if (file == nullptr) {
-        return sf_strerror(nullptr);
+        return error;
     }
     if (info.channels != 1) {
         return std::to_string(info.channels) + " channels, not 1";

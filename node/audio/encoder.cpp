@@ -13,20 +13,19 @@
 #include "node/audio/digest.h"
 #include "node/audio/new_file.h"
 #include "node/audio/rate_converter.h"
+#include "tools/sound_file.h"
 
 namespace qv::node {
 
 namespace {
 
+using tools::open_sound_file;
+using tools::SoundFile;
+
 constexpr std::array<int, 5> OPUS_RATES = {8000, 12000, 16000, 24000, 48000};
 
 // Frames that are handled at once: a frame has a sample of each channel.
 constexpr std::size_t PART = 8192;
-
-struct SoundFileCloser {
-    void operator()(SNDFILE* file) const { sf_close(file); }
-};
-using SoundFile = std::unique_ptr<SNDFILE, SoundFileCloser>;
 
 int sndfile_format(AudioFormat format) {
     return format == AudioFormat::OPUS ? SF_FORMAT_OGG | SF_FORMAT_OPUS
@@ -153,7 +152,8 @@ class Encoder {
     bool go_on() const { return options_.go_on == nullptr || options_.go_on(); }
 
     bool open_source() {
-        source_.reset(sf_open(wav_path_.c_str(), SFM_READ, &source_info_));
+        source_ = open_sound_file(
+            [&] { return sf_open(wav_path_.c_str(), SFM_READ, &source_info_); }, error_);
         struct stat status {};
         if (source_ == nullptr || ::stat(wav_path_.c_str(), &status) != 0) {
             return fail("the WAV file cannot be read");
@@ -168,9 +168,11 @@ class Encoder {
         info.channels = source_info_.channels;
         info.format = sndfile_format(options_.format);
         // libsndfile closes the copy.
-        SoundFile file(sf_open_fd(::dup(target_.descriptor()), SFM_WRITE, &info, SF_TRUE));
+        SoundFile file = open_sound_file(
+            [&] { return sf_open_fd(::dup(target_.descriptor()), SFM_WRITE, &info, SF_TRUE); },
+            error_);
         if (file == nullptr) {
-            return fail(sf_strerror(nullptr));
+            return false;
         }
         sf_set_string(file.get(), SF_STR_SOFTWARE, "quorvane-node");
         const bool written = copy(file.get(), info);
@@ -215,7 +217,9 @@ class Encoder {
     bool check() {
         ::lseek(target_.descriptor(), 0, SEEK_SET);
         info_ = {};
-        const SoundFile file(sf_open_fd(::dup(target_.descriptor()), SFM_READ, &info_, SF_TRUE));
+        const SoundFile file = open_sound_file(
+            [&] { return sf_open_fd(::dup(target_.descriptor()), SFM_READ, &info_, SF_TRUE); },
+            error_);
         if (file == nullptr || info_.frames != expected_frames_ ||
             (options_.format == AudioFormat::FLAC && !has_the_samples(file.get()))) {
             return fail("the new file does not have the audio");
