@@ -70,7 +70,7 @@ class Fingerprint {
     // The strongest peak of each region of the spectrum, as a bin counted from FIRST_BIN, or
     // NO_PEAK. These belong to the frame REACH frames before the newest one.
     static constexpr std::size_t REGIONS = 8;
-    static constexpr std::uint8_t NO_PEAK = 0xFF;
+    static constexpr std::uint8_t NO_PEAK = 0xFE;
     using Peaks = std::array<std::uint8_t, REGIONS>;
     const Peaks& peaks() const { return peaks_[frames_ % RING]; }
     // The level of the peak of a region that has one, relative to a full-scale sine.

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <utility>
 
+#include "node/analysis/peak_match.h"
+
 namespace qv::node::analysis {
 
 namespace {
@@ -65,25 +67,6 @@ BitCounts count_bits(std::uint32_t first, std::uint32_t second) {
     word += word >> 8;
     word += word >> 16;
     return {static_cast<int>(word & 0x3F), static_cast<int>((word >> 32) & 0x3F)};
-}
-
-// One byte for each region. The peaks of all regions are compared at once and without branches,
-// because a search does little else.
-using RegionBytes = std::uint8_t __attribute__((vector_size(Fingerprint::REGIONS)));
-
-RegionBytes all_regions(const std::array<std::uint8_t, Fingerprint::REGIONS>& values) {
-    RegionBytes bytes;
-    std::memcpy(&bytes, values.data(), sizeof bytes);
-    return bytes;
-}
-
-// Returns 255 for each region whose peak is within one bin of the peak in one of three frames, and
-// 0 for the others. What it returns for a region without a peak means nothing.
-RegionBytes matching(const Fingerprint::Peaks& peaks, const Fingerprint::Peaks& before,
-                     const Fingerprint::Peaks& now, const Fingerprint::Peaks& after) {
-    const RegionBytes lowest = all_regions(peaks) - 1;
-    return RegionBytes((all_regions(before) - lowest <= 2) | (all_regions(now) - lowest <= 2) |
-                       (all_regions(after) - lowest <= 2));
 }
 
 int sum(RegionBytes bytes) {
