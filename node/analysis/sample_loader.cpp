@@ -22,23 +22,22 @@ SampleLoader::Result load_now(const SampleLoader::Load& load) {
 }
 
 void SampleLoader::begin() {
-    shared_ = std::make_shared<Shared>();
-    const auto run = [load = load_, shared = shared_] {
-        Result result = load_now(load);
-        const LockGuard lock(shared->mutex);
-        shared->result = std::move(result);
-    };
     try {
-        std::thread(run).detach();
-    } catch (const std::exception& failure) {  // There are too many threads.
-        const LockGuard lock(shared_->mutex);
-        shared_->result = Result{{}, failure.what()};
+        const auto shared = std::make_shared<Shared>();
+        std::thread([load = load_, shared] {
+            Result result = load_now(load);
+            const LockGuard lock(shared->mutex);
+            shared->result = std::move(result);
+        }).detach();
+        shared_ = shared;
+    } catch (const std::exception& failure) {  // There are too many threads, or no memory.
+        failure_ = Result{{}, failure.what()};
     }
 }
 
 std::optional<SampleLoader::Result> SampleLoader::take() {
     if (shared_ == nullptr) {
-        return std::nullopt;
+        return std::exchange(failure_, std::nullopt);
     }
     std::optional<Result> result;
     {

@@ -35,6 +35,7 @@ class SampleLoader {
 
     const Load load_;
     std::shared_ptr<Shared> shared_;  // Null while nothing is loaded.
+    std::optional<Result> failure_;   // If the thread could not be started.
 };
 
 // Loads on the calling thread.
