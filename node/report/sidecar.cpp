@@ -1,7 +1,6 @@
 #include "node/report/sidecar.h"
 
 #include <array>
-#include <cmath>
 #include <cstdint>
 #include <exception>
 #include <nlohmann/json.hpp>
@@ -15,6 +14,8 @@
 #include "node/audio/new_file.h"
 #include "node/audio/task_outcome.h"
 #include "node/calls/call.h"
+#include "node/report/bounded_list.h"
+#include "node/report/call_clock.h"
 #include "node/report/event_json.h"
 #include "node/report/text.h"
 
@@ -27,34 +28,19 @@ using Json = nlohmann::ordered_json;
 // The first number is raised when readers of earlier files could misunderstand later ones.
 constexpr int SIDECAR_VERSION = 1;
 
-// Longer differences between send times are due to forged ones.
-constexpr double LONGEST_S = 1e8;
-
-// A list that takes no more than a limited number of entries.
-template <typename Entry>
-class BoundedList {
-  public:
-    void add(Entry entry) {
-        if (entries_.size() < Sidecar::MOST_ENTRIES) {
-            entries_.push_back(std::move(entry));
-        } else {
-            ++left_out_;
-        }
-    }
-    const std::vector<Entry>& entries() const { return entries_; }
-    std::uint64_t left_out() const { return left_out_; }
-
-  private:
-    std::vector<Entry> entries_;
-    std::uint64_t left_out_ = 0;
-};
-
 struct ActiveStretch {
     std::uint64_t begin;
     std::uint64_t end;
 };
 
+using Room = std::shared_ptr<SharedRoom>;
+
 struct SideLists {
+    explicit SideLists(const Room& room)
+        : rate_changes(Sidecar::MOST_ENTRIES, room),
+          activity(Sidecar::MOST_ENTRIES, room),
+          samples(Sidecar::MOST_ENTRIES, room) {}
+
     BoundedList<RateChange> rate_changes;
     BoundedList<ActiveStretch> activity;
     BoundedList<FoundSample> samples;
@@ -71,6 +57,9 @@ struct FeaturesEntry {
 
 // All that is written of a call.
 struct SidecarData {
+    explicit SidecarData(const Room& room)
+        : lists{SideLists(room), SideLists(room)}, features(Sidecar::MOST_ENTRIES, room) {}
+
     Json head;                                          // The fields of the whole call.
     std::array<std::optional<Json>, SIDE_COUNT> sides;  // Without their lists.
     std::array<SideLists, SIDE_COUNT> lists;
@@ -177,7 +166,7 @@ struct Saving {
 class Sidecar::SidecarOfCall : public CallListener {
   public:
     SidecarOfCall(Sidecar& sidecar, Call& call)
-        : sidecar_(sidecar), call_(call), begin_(wall_time()) {}
+        : sidecar_(sidecar), call_(call), begin_(wall_time()), data_(sidecar.room_) {}
 
     void started(const Call& /*call*/, const media::Packet& packet) override {
         note_features(packet.send_time);
@@ -186,7 +175,7 @@ class Sidecar::SidecarOfCall : public CallListener {
         note_features(packet.send_time);
     }
     void data(const Call& /*call*/, const media::Packet& packet) override {
-        note_clock(packet.send_time);
+        clock_.note(packet.send_time);
     }
 
     void pause(const Call& call, Side side, const Pause& pause) override {
@@ -246,35 +235,11 @@ class Sidecar::SidecarOfCall : public CallListener {
     }
 
   private:
-    struct ClockMark {
-        std::int64_t send_time;
-        Micros time;  // Since 1970.
-    };
-
     SideLists& lists(Side side) { return data_.lists[index_of(side)]; }
 
-    // The first packet determines the wall clock time.
-    void note_clock(std::int64_t send_time) {
-        if (!clock_.has_value()) {
-            clock_ = ClockMark{send_time, wall_time()};
-        }
-    }
-
-    // Nullopt for a forged send time, which is too far from the others to be true.
-    std::optional<Micros> time_of(std::int64_t send_time) const {
-        if (!clock_.has_value()) {
-            return std::nullopt;
-        }
-        const double later_s =
-            (static_cast<double>(send_time) - static_cast<double>(clock_->send_time)) / 1e6;
-        return std::abs(later_s) < LONGEST_S
-                   ? std::optional(clock_->time + Micros(send_time - clock_->send_time))
-                   : std::nullopt;
-    }
-
     void note_features(std::int64_t send_time) {
-        note_clock(send_time);
-        FeaturesEntry entry{time_of(send_time), send_time, call_.features(), {}};
+        clock_.note(send_time);
+        FeaturesEntry entry{clock_.at(send_time), send_time, call_.features(), {}};
         for (const Side side : BOTH_SIDES) {
             if (call_.side(side).begun()) {
                 entry.positions[index_of(side)] = call_.side(side).position_at(send_time);
@@ -327,7 +292,7 @@ class Sidecar::SidecarOfCall : public CallListener {
     // When the first sample of the side was due.
     std::optional<Micros> begin_of(Side side) const {
         const std::optional<std::int64_t> axis = call_.first_audio_time();
-        const std::optional<Micros> begin = axis.has_value() ? time_of(*axis) : std::nullopt;
+        const std::optional<Micros> begin = axis.has_value() ? clock_.at(*axis) : std::nullopt;
         const auto later = Micros(static_cast<std::int64_t>(begin_later_s_[index_of(side)] * 1e6));
         return begin.has_value() ? std::optional(*begin + later) : std::nullopt;
     }
@@ -352,7 +317,7 @@ class Sidecar::SidecarOfCall : public CallListener {
     Sidecar& sidecar_;
     Call& call_;
     const Micros begin_;  // The first packet, since 1970.
-    std::optional<ClockMark> clock_;
+    CallClock clock_;
     // From the beginning of the time axis to that of each side.
     std::array<double, SIDE_COUNT> begin_later_s_{};
     std::array<std::optional<std::uint64_t>, SIDE_COUNT> active_since_;
@@ -362,7 +327,10 @@ class Sidecar::SidecarOfCall : public CallListener {
 
 Sidecar::Sidecar(TaskThread& tasks, Options options,
                  std::function<void(const std::string& name)> on_saved)
-    : tasks_(tasks), options_(std::move(options)), on_saved_(std::move(on_saved)) {}
+    : tasks_(tasks),
+      options_(std::move(options)),
+      on_saved_(std::move(on_saved)),
+      room_(std::make_shared<SharedRoom>(MOST_OF_ALL_CALLS)) {}
 
 std::unique_ptr<CallListener> Sidecar::begin_call(Call& call) {
     return call.file_stem().empty() ? nullptr : std::make_unique<SidecarOfCall>(*this, call);

@@ -12,6 +12,7 @@
 
 #include "node/audio/task_thread.h"
 #include "node/calls/call_listener.h"
+#include "node/report/bounded_list.h"
 
 namespace qv::node {
 
@@ -24,6 +25,8 @@ class Sidecar : public CallListener {
     };
     // The most entries of each list; how many further ones there were is counted.
     static constexpr std::size_t MOST_ENTRIES = 5000;
+    // The most entries of the lists of all calls together, so that a flood of calls finds a bound.
+    static constexpr std::size_t MOST_OF_ALL_CALLS = 1'000'000;
 
     // `on_saved` is called with the name of each file that is about to be written. `tasks` must
     // outlive this object.
@@ -38,6 +41,7 @@ class Sidecar : public CallListener {
     TaskThread& tasks_;
     const Options options_;
     const std::function<void(const std::string& name)> on_saved_;
+    const std::shared_ptr<SharedRoom> room_;
 };
 
 }  // namespace qv::node

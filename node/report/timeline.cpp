@@ -1,23 +1,22 @@
 #include "node/report/timeline.h"
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 
 #include "node/audio/file_names.h"
 #include "node/calls/call.h"
 #include "node/calls/pause_map.h"
+#include "node/report/bounded_list.h"
+#include "node/report/call_clock.h"
 #include "node/report/text.h"
 
 namespace qv::node {
 
 namespace {
 
-template <typename Marks, typename Mark>
-void add_mark(Marks& marks, Mark mark) {
-    if (marks.size() < TimelineData::MAX_MARKS) {
-        marks.push_back(std::move(mark));
-    }
+template <typename Mark>
+void add_mark(std::vector<Mark>& marks, Mark mark) {
+    add_within(TimelineData::MAX_MARKS, marks, std::move(mark));
 }
 
 // If the line is too long, the reference is cut, but not the text behind it.
@@ -67,21 +66,21 @@ class TimelineOfCall : public CallListener {
     TimelineOfCall(Call& call, const Timeline::Save& save) : call_(call), save_(save) {}
 
     void started(const Call& /*call*/, const media::Packet& packet) override {
-        note_clock(packet.send_time);
+        clock_.note(packet.send_time);
         note(packet.send_time, "start: " + features_text(packet.features));
     }
 
     void data(const Call& /*call*/, const media::Packet& packet) override {
-        note_clock(packet.send_time);
+        clock_.note(packet.send_time);
     }
 
     void features_changed(const Call& /*call*/, const media::Packet& packet) override {
-        note_clock(packet.send_time);
+        clock_.note(packet.send_time);
         note(packet.send_time, features_text(packet.features));
     }
 
     void terminated(const Call& /*call*/, const media::Packet& packet) override {
-        note_clock(packet.send_time);
+        clock_.note(packet.send_time);
         note(packet.send_time, "terminate");
         data_.terminated = true;
     }
@@ -127,12 +126,10 @@ class TimelineOfCall : public CallListener {
     }
 
     void sample_found(const Call& /*call*/, Side side, const FoundSample& sample) override {
-        auto& samples = trace(side).samples;
-        if (samples.size() < TimelineData::MAX_SAMPLES) {
-            const std::uint64_t begin =
-                sample.position < 0 ? 0 : static_cast<std::uint64_t>(sample.position);
-            samples.push_back({place_of(side, begin), sample.name, sample.score});
-        }
+        const std::uint64_t begin =
+            sample.position < 0 ? 0 : static_cast<std::uint64_t>(sample.position);
+        add_within(TimelineData::MAX_SAMPLES, trace(side).samples,
+                   {place_of(side, begin), sample.name, sample.score});
     }
 
     void summing_up(const Call& call, EndReason reason) override {
@@ -146,7 +143,7 @@ class TimelineOfCall : public CallListener {
         const std::int64_t begin = axis_begin();
         data_.audio_begin = seconds_between(begin, call.first_audio_time().value_or(begin));
         data_.places = places_of(call);
-        place_clock(begin);
+        data_.wall_begin = clock_.at(begin);
         place_events(begin);
         file_ = save_(timeline_file_name(call.file_stem()), render_timeline(data_));
     }
@@ -176,22 +173,6 @@ class TimelineOfCall : public CallListener {
                                    {trace(Side::ORIGINATOR).outline.samples(),
                                     trace(Side::TERMINATOR).outline.samples()},
                                    std::move(label)});
-    }
-
-    // The first packet determines the wall clock time.
-    void note_clock(std::int64_t send_time) {
-        if (!clock_.has_value()) {
-            clock_ = ClockMark{send_time, wall_time()};
-        }
-    }
-
-    void place_clock(std::int64_t axis_begin) {
-        const double before =
-            clock_.has_value() ? seconds_between(axis_begin, clock_->send_time) : 0;
-        // A forged send time is too far from the others to be true.
-        if (clock_.has_value() && before < TimelineData::LONGEST_CLOCK_S) {
-            data_.wall_begin = clock_->time - Micros(static_cast<std::int64_t>(before * 1e6));
-        }
     }
 
     // Returns the place of a position in the outline, which includes the pauses. If a pause begins
@@ -268,15 +249,10 @@ class TimelineOfCall : public CallListener {
     // Parts of the outline that can be distinguished.
     static constexpr std::uint64_t NARROW = 1000;
 
-    struct ClockMark {
-        std::int64_t send_time;
-        Micros time;  // Since 1970.
-    };
-
     Call& call_;
     const Timeline::Save& save_;
     TimelineData data_;
-    std::optional<ClockMark> clock_;
+    CallClock clock_;
     std::array<PauseMap, SIDE_COUNT> pauses_;
     std::array<std::optional<std::uint64_t>, SIDE_COUNT> heard_since_;
     std::array<std::optional<std::uint64_t>, SIDE_COUNT> active_since_;

@@ -24,8 +24,6 @@ struct TimelineData {
     static constexpr std::size_t SUBTITLE_COLUMNS = 150;  // Columns that fit, approximately.
     static constexpr std::size_t MAX_MARKS = 2000;   // Of each kind. Further marks are not drawn.
     static constexpr std::size_t MAX_SAMPLES = 500;  // Recognised samples per side.
-    // Longer times are due to forged send times and get no wall clock.
-    static constexpr double LONGEST_CLOCK_S = 1e8;
 
     struct Stretch {
         std::uint64_t begin;

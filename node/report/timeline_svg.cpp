@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "node/calls/level_meter.h"
+#include "node/report/call_clock.h"
 #include "node/report/svg_canvas.h"
 #include "node/report/text.h"
 #include "node/report/timeline.h"
@@ -284,7 +285,7 @@ class Picture {
     }
 
     bool has_clock() const {
-        return data_.wall_begin.has_value() && seconds_ < TimelineData::LONGEST_CLOCK_S;
+        return data_.wall_begin.has_value() && seconds_ < CallClock::LONGEST_S;
     }
 
     Micros wall_time_at(double seconds) const {

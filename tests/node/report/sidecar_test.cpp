@@ -162,6 +162,31 @@ TEST_F(SidecarTest, ListsAreBoundedAndSayHowManyEntriesAreMissing) {
     EXPECT_EQ(side["left_out"], json({{"rate_change", 0}, {"activity", 0}, {"sample", 3}}));
 }
 
+TEST_F(SidecarTest, ListsOfAllCallsTogetherAreBounded) {
+    send("call_1_start");
+    send("call_2_read");
+    std::vector<std::unique_ptr<CallListener>> described;
+    const auto describe = [&] {
+        described.push_back(sidecar_->begin_call(hearing_.call()));
+        for (std::int64_t i = 0; i < 5000; ++i) {
+            described.back()->sample_found(hearing_.call(), Side::ORIGINATOR, {"busy", i, 8, 1});
+        }
+    };
+    const auto left_out = [&](std::size_t which) {
+        described[which]->summing_up(hearing_.call(), EndReason::TERMINATED);
+        const json count = written()["sides"]["originator"]["left_out"]["sample"];
+        fs::remove(folder_ + '/' + NAME);
+        return count.get<int>();
+    };
+    for (int call = 0; call < 201; ++call) {
+        describe();
+    }
+    EXPECT_EQ(left_out(0), 0);  // Its room is free again.
+    EXPECT_EQ(left_out(200), 5000);
+    describe();
+    EXPECT_EQ(left_out(201), 0);
+}
+
 TEST_F(SidecarTest, RateChangesThatAreNotListedAreCounted) {
     send("call_1_start");
     send("call_2_read");
