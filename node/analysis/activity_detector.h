@@ -3,8 +3,9 @@
 //
 // Compares the level of each band with the recent noise, every 10 ms. Positions are those of the
 // sound itself: an onset is reported when the sound has lasted for the minimum length, an end when
-// the hang-over has passed without sound. All memory, about 12 KiB, is allocated at construction.
-// Belongs to one thread.
+// the hang-over has passed without sound. Sound that fades into the noise ends where it is likely
+// to fall below the level of activity, which the frames of the hang-over decide. All memory, about
+// 12 KiB, is allocated at construction. Belongs to one thread.
 #pragma once
 
 #include <array>
@@ -78,6 +79,11 @@ class ActivityDetector {
     void learn(const Levels& levels);
     void decide(float excess_db, ActivityOutput& out);
     void step(bool active, ActivityOutput& out);
+    void learn_spectrum();
+    void learn_quiet();
+    float evidence_of_sound() const;
+    void extend_end();
+    float noise_of(std::size_t band) const;
     std::uint64_t frame_position(std::int64_t frame) const;
 
     const Transform* transform_;
@@ -108,8 +114,15 @@ class ActivityDetector {
     std::array<bool, RECENT> faint_{};  // Whether there was faint sound; by frame modulo RECENT.
     bool loud_ = false;
     bool active_ = false;
+    Levels spectrum_{};  // Power of the recent sound without the noise.
+    Levels quiet_{};     // Mean power of frames without sound.
+    int quiet_frames_ = 0;
+    float evidence_ = 0;  // That sound has continued since last_, up to the newest frame,
+    float most_ = 0;      // and up to end_, for which it is highest.
+
     std::int64_t begin_ = -1;  // First frame of sound that may become activity.
-    std::int64_t last_ = -1;   // Last frame of sound.
+    std::int64_t last_ = -1;   // Last frame of certain sound.
+    std::int64_t end_ = 0;     // Frame at which sound has ended, if it does not begin again.
     std::int64_t sound_ = 0;   // Frames of sound since begin_.
 };
 

@@ -53,6 +53,55 @@ TEST(ActivityDetectorTest, TellsWhereSoundBeginsAndEndsAtEveryRate) {
     }
 }
 
+// A buzz with the level -30 dB that falls to -55 dB, the level of activity, within `fade` seconds.
+Sound fading_buzz(double seconds, double fade, unsigned seed) {
+    Sound sound;
+    const double pitch = 95 + 12 * seed;
+    const double formant = 350 + 80 * seed;
+    const std::size_t steady = samples_in(seconds, 8000);
+    double squares = 0;
+    for (std::size_t i = 0; i < steady + samples_in(fade, 8000); ++i) {
+        double sum = 0;
+        for (int harmonic = 1; harmonic * pitch < 3600; ++harmonic) {
+            const double off = (harmonic * pitch - formant) / 150;
+            sum += std::sin(2 * PI * pitch * harmonic * static_cast<double>(i) / 8000) /
+                   (1 + off * off);
+        }
+        const double faded = i < steady ? 0 : static_cast<double>(i - steady) / (fade * 8000);
+        squares += i < steady ? sum * sum : 0;
+        sound.push_back(static_cast<float>(sum * std::pow(10, -25 * faded / 20)));
+    }
+    return louder(sound, -30 - 10 * std::log10(squares / static_cast<double>(steady)));
+}
+
+// Returns how many seconds too late the detector reports the end of `sound` in noise, on average
+// over several sounds.
+double lateness_of_end(double fade) {
+    constexpr unsigned sounds = 8;
+    double sum = 0;
+    for (unsigned seed = 1; seed <= sounds; ++seed) {
+        const Sound sound = silence(3) + fading_buzz(0.5, fade, seed) + silence(1.5);
+        const auto changes = changes_in(mixed(sound, noise(5 + fade, 0.01, seed)), 8000);
+        EXPECT_FALSE(changes.empty());
+        for (const ActivityChange& change : changes) {
+            const double late = static_cast<double>(change.position) / 8000 - (3.5 + fade);
+            if (!change.active && std::abs(late) < 0.4) {
+                sum += late;
+            }
+        }
+    }
+    return sum / sounds;
+}
+
+TEST(ActivityDetectorTest, FollowsSoundThatFadesIntoTheNoise) {
+    EXPECT_NEAR(lateness_of_end(0.3), 0, 0.04);
+    EXPECT_NEAR(lateness_of_end(0.2), 0, 0.04);
+}
+
+TEST(ActivityDetectorTest, EndsSoundThatStopsSuddenlyWhereItStops) {
+    EXPECT_NEAR(lateness_of_end(0.001), 0, 0.03);
+}
+
 TEST(ActivityDetectorTest, DoesNotDependOnHowTheSoundIsCutIntoPackets) {
     const auto whole = changes_in(two_pieces(8000), 8000, {}, 100'000);
     const auto single = changes_in(two_pieces(8000), 8000, {}, 1);
@@ -128,6 +177,19 @@ TEST(ActivityDetectorTest, EndsActivityWhereAGapBegins) {
     EXPECT_NEAR(static_cast<double>(changes.list[2].position),
                 static_cast<double>(16'500 + gap + 8000), 320);
     EXPECT_EQ(detector.position(), 500 + gap + 2 * samples.size());
+}
+
+TEST(ActivityDetectorTest, StillKnowsTheNoiseAfterAGap) {
+    const auto before = pcm(noise(3, 0.01, 1));
+    const auto after = pcm(mixed(noise(2.5, 0.01, 2), silence(0.5) + fading_buzz(0.5, 0.001, 1)));
+    ActivityDetector detector(8000, {});
+    Changes changes;
+    detector.add(before.data(), before.size(), changes);
+    detector.skip(80'000, changes);
+    changes.list.clear();
+    detector.add(after.data(), after.size(), changes);
+    ASSERT_EQ(changes.list.size(), 2u);
+    EXPECT_NEAR(static_cast<double>(changes.list[1].position) / 8000, 14, 0.04);
 }
 
 TEST(ActivityDetectorTest, EndsActivityThatGoesOnWhenTheSideEnds) {
