@@ -1,6 +1,6 @@
 # The libraries that bring no CMake package of their own, where they are installed:
 # quorvane::sndfile, quorvane::fftw, quorvane::speexdsp, quorvane::asio,
-# quorvane::nettle, quorvane::pcap, quorvane::nats.
+# quorvane::nettle, quorvane::pcap, quorvane::nats, quorvane::civetweb.
 
 # Finds a library by one of its headers, HEADER, and by its name, if it is not header-only.
 function(quorvane_find_library name header)
@@ -28,6 +28,7 @@ quorvane_find_library(speexdsp speex/speex_resampler.h speexdsp)
 quorvane_find_library(nettle nettle/sha2.h nettle)
 quorvane_find_library(pcap pcap/pcap.h pcap)
 quorvane_find_library(nats nats/nats.h nats)
+quorvane_find_library(civetweb civetweb.h civetweb)
 quorvane_find_library(asio asio.hpp)
 if(TARGET quorvane::asio)
   target_compile_definitions(quorvane::asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)

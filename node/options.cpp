@@ -206,6 +206,40 @@ void add_report_options(CLI::App& app, Options& options) {
         ->type_name("ADDRESS:PORT");
 }
 
+void add_web_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("Page");
+    app.add_option_function<std::string>(
+           "--http",
+           [&options](const std::string& text) {
+               options.web.address = tools::parse_address(text);  // The check has passed.
+           },
+           "Serve a page that shows and plays the calls at this address; a port alone belongs to "
+           "127.0.0.1; port 0 takes a free port")
+        ->check(tools::check_address)
+        ->type_name("ADDRESS:PORT");
+    app.add_option("--http-token-file", options.web.token_file,
+                   "Let only those see the page who know the token in this file; needed unless "
+                   "the address belongs to 127.0.0.0/8")
+        ->type_name("FILE");
+    app.add_option("--http-cert", options.web.certificate,
+                   "Serve the page with TLS: PEM file with the certificate, its chain and its key")
+        ->type_name("FILE");
+}
+
+// Returns what is wrong with these options together, or an empty text.
+std::string check_web_options(const web::Settings& web) {
+    if (!web.address.has_value()) {
+        return web.token_file.empty() && web.certificate.empty()
+                   ? std::string()
+                   : "--http-token-file and --http-cert need --http";
+    }
+    const bool is_loopback = ntohl(web.address->sin_addr.s_addr) >> 24 == 127;
+    return is_loopback || !web.token_file.empty()
+               ? std::string()
+               : "--http: others can reach " + tools::address_text(*web.address) +
+                     ", so --http-token-file is needed, too";
+}
+
 const std::string NATS_FILE = conf::default_directory + "/nats.conf";
 
 void add_engine_options(CLI::App& app, Options& options) {
@@ -432,6 +466,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     add_output_options(app, options);
     add_sender_options(app, options);
     add_report_options(app, options);
+    add_web_options(app, options);
     add_engine_options(app, options);
     add_end_options(app, options);
     add_exit_options(app, options);
@@ -449,6 +484,11 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     if (options.keep.any() && !CallFileNames::can_tell(options.name)) {
         std::cerr << "--keep: the names of --name need {uuid}, by which the files of calls can be "
                      "told from others\n";
+        return EXIT_USAGE;
+    }
+    const std::string web_error = check_web_options(options.web);
+    if (!web_error.empty()) {
+        std::cerr << web_error << std::endl;
         return EXIT_USAGE;
     }
     if (options.threads == 0) {

@@ -13,6 +13,7 @@
 #include "node/audio/keep_limits.h"
 #include "node/calls/call_limits.h"
 #include "node/engine/settings.h"
+#include "node/web/settings.h"
 #include "tools/exit_codes.h"
 #include "tools/networks.h"
 
@@ -60,6 +61,7 @@ struct Options {
     KeepLimits keep;                        // What is removed of finished calls.
     double sync_s = 0;                      // Interval between flushes to the disk. 0: none.
     EngineSettings engine;
+    web::Settings web;
     std::string samples;  // Folder of references. Empty: none.
     analysis::ActivityOptions activity;
     CallLimits limits;

@@ -100,6 +100,9 @@ std::string Outputs::open_reports() {
         error = open_metrics();
     }
     if (error.empty()) {
+        error = open_web();
+    }
+    if (error.empty()) {
         error = open_sender();
     }
     if (error.empty()) {
@@ -199,6 +202,20 @@ std::string Outputs::open_metrics() {
     return {};
 }
 
+std::string Outputs::open_web() {
+    if (!options_.web.address.has_value()) {
+        return {};
+    }
+    web_ = std::make_unique<web::WebOutput>(
+        web::WebOutput::Options{options_.web, options_.folder, options_.timeline},
+        [this] { return metrics_.text(); },
+        [this](const std::string& from, const web::ListenNotice& notice) {
+            lines_.say(notice.seconds.has_value() ? "listening ended" : "listening",
+                       uuid_text(notice.uuid) + " " + notice.sides + " from " + from);
+        });
+    return web_->open();
+}
+
 std::string Outputs::open_sender() {
     if (!options_.reports) {
         return {};
@@ -250,6 +267,9 @@ void Outputs::build() {
             EndCommand::Options{options_.on_end, options_.on_end_running},
             [this](const std::string& what) { lines_.say("command failed", what); });
         after_lane_.push_back(end_command_.get());
+    }
+    if (web_ != nullptr) {
+        after_lane_.push_back(&web_->call_listener());
     }
     notices_ = std::make_unique<Notices>(lines_, events_.log(), live_);
     if (options_.keep.any()) {
@@ -419,6 +439,9 @@ void Outputs::begin(const NodeFigures& figures) {
         address.sin_port = htons(metrics_port_->port());
         lines_.say("metrics", "http://" + tools::address_text(address) + "/metrics");
     }
+    if (web_ != nullptr) {
+        lines_.say("page", web_->url());
+    }
     notices_->left_behind(leftovers_);
     remove_old_files();
     events_.flush();
@@ -458,7 +481,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
     remove_old_files();
     // Once a second, so that a flood of calls does not cause a flood of lines.
     notices_->losses(figures);
-    if (metrics_port_ != nullptr) {
+    if (metrics_port_ != nullptr || web_ != nullptr) {
         metrics_.update(figures, analysis());
     }
 }
@@ -493,6 +516,9 @@ void Outputs::finish(NodeFigures figures) {
             lines_.say("frames not shown",
                        grouped(console_.lost_frames()) + ": the terminal did not take them");
         }
+    }
+    if (web_ != nullptr) {
+        web_->close();
     }
     if (retention_ != nullptr) {
         retention_->end(std::chrono::steady_clock::now() + PATIENCE_WITH_RETENTION);

@@ -43,6 +43,7 @@
 #include "node/report/report_sender.h"
 #include "node/report/summary.h"
 #include "node/report/terminal.h"
+#include "node/web/web_output.h"
 
 namespace qv::node {
 
@@ -105,6 +106,7 @@ class Outputs {
   private:
     std::string open_engine();
     std::string open_metrics();
+    std::string open_web();
     std::string open_sender();
     std::string open_samples();
     std::shared_ptr<const analysis::SampleIndex> loaded(
@@ -158,6 +160,7 @@ class Outputs {
     std::unique_ptr<AudioStream> audio_stream_;
     Metrics metrics_;
     std::unique_ptr<MetricsPort> metrics_port_;
+    std::unique_ptr<web::WebOutput> web_;
     std::unique_ptr<FileNames> file_names_;
     std::shared_ptr<const analysis::SampleIndex> samples_;  // Null without a folder.
     std::unique_ptr<EndCommand> end_command_;

@@ -8,4 +8,8 @@ std::string version_text(const std::string& program) {
     return program + " " QUORVANE_VERSION " (revision " QUORVANE_REVISION ")";
 }
 
+std::string version_number() {
+    return QUORVANE_VERSION;
+}
+
 }  // namespace qv::tools

@@ -9,4 +9,7 @@ namespace qv::tools {
 // packages, and the revision that is also in the module's build identifier.
 std::string version_text(const std::string& program);
 
+// Returns for example "1.0.0".
+std::string version_number();
+
 }  // namespace qv::tools

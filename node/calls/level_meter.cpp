@@ -50,8 +50,7 @@ void LevelMeter::add_part(const std::int16_t* samples, std::size_t count) {
 }
 
 double LevelMeter::level_db() const {
-    return decibels(
-        root_mean(squares_ + static_cast<double>(recent_squares_), count_ + recent_count_));
+    return decibels(root_mean(squares(), count()));
 }
 
 double LevelMeter::peak_db() const {

@@ -21,6 +21,11 @@ class LevelMeter {
     double level_db() const;
     double peak_db() const;
 
+    // The sum of the squares of all samples, and how many they are: two readings give the level in
+    // between.
+    double squares() const { return squares_ + static_cast<double>(recent_squares_); }
+    std::uint64_t count() const { return count_ + recent_count_; }
+
     // Root mean square since the last call of this function.
     double take_recent_db();
 

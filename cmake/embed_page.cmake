@@ -1,0 +1,15 @@
+# quorvane_embed_page(target folder): makes the files of a folder an array in
+# generated/web_page_files.inc, which a source of the target includes.
+function(quorvane_embed_page target folder)
+  set(folder ${CMAKE_CURRENT_SOURCE_DIR}/${folder})
+  set(array ${CMAKE_BINARY_DIR}/generated/web_page_files.inc)
+  file(GLOB files CONFIGURE_DEPENDS ${folder}/*)
+  add_custom_command(
+    OUTPUT ${array}
+    COMMAND ${CMAKE_COMMAND} -D folder=${folder} -D array=${array}
+            -P ${PROJECT_SOURCE_DIR}/cmake/embed_page_files.cmake
+    DEPENDS ${files} ${PROJECT_SOURCE_DIR}/cmake/embed_page_files.cmake
+    VERBATIM)
+  target_sources(${target} PRIVATE ${array})
+  target_include_directories(${target} PRIVATE ${CMAKE_BINARY_DIR})
+endfunction()

@@ -1,0 +1,250 @@
+#include "node/web/call_feed.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "node/calls/pause_map.h"
+#include "node/report/text.h"
+#include "quorvane/media_packet.h"
+
+namespace qv::node::web {
+
+namespace {
+
+constexpr Micros INTERVAL{45'000};             // Between figures of a call that somebody watches,
+constexpr Micros UNWATCHED_INTERVAL{950'000};  // and of the others.
+constexpr std::int64_t LONGEST_WAIT{10'000'000};  // Of audio before it is passed on, in us.
+
+class FedCall : public CallListener {
+  public:
+    FedCall(CallBoard& board, Call& call, bool has_timeline)
+        : board_(board),
+          has_timeline_(has_timeline),
+          call_(call),
+          record_(board.add(call.uuid(), wall_time(), call.first_seen())) {}
+
+    void started(const Call& /*call*/, const media::Packet& packet) override {
+        facts_changed_ = true;
+        mark_features(packet);
+    }
+    void features_changed(const Call& /*call*/, const media::Packet& packet) override {
+        facts_changed_ = true;
+        mark_features(packet);
+    }
+    void terminated(const Call&, const media::Packet&) override { facts_changed_ = true; }
+    void file_failed(const Call&, const FileReport&) override { facts_changed_ = true; }
+    void side_begun(const Call&, Side) override { facts_changed_ = true; }
+
+    void rate_decided(const Call& call, Side side) override {
+        record_->wave(side).set_rate(call.side(side).sample_rate());
+        facts_changed_ = true;
+    }
+    void rate_changed(const Call& call, Side side, const RateChange& change) override {
+        Track& track = tracks_[index_of(side)];
+        track.seconds_at_change = seconds_at(side, change.position);
+        track.changed_at = track.pauses.place_of(change.position);
+        record_->wave(side).set_rate(call.side(side).sample_rate());
+        facts_changed_ = true;
+    }
+
+    void data(const Call& /*call*/, const media::Packet& packet) override {
+        const Side side = packet.terminator_side() ? Side::TERMINATOR : Side::ORIGINATOR;
+        tracks_[index_of(side)].newest_send_time = packet.send_time;
+    }
+
+    void audio(const Call& call, Side side, const Audio& audio) override {
+        Track& track = tracks_[index_of(side)];
+        WaveRing& wave = record_->wave(side);
+        if (!track.has_audio) {
+            track.has_audio = true;
+            wave.set_rate(rate_of(call.side(side)));
+        }
+        wave.add(audio.samples, audio.count);
+        if (record_->taps_version() != taps_version_) {
+            record_->try_take_taps(taps_, taps_version_);
+        }
+        for (const auto& tap : taps_[index_of(side)]) {
+            push(*tap, side, audio);
+        }
+        track.after_loss = false;
+    }
+
+    void gap(const Call& /*call*/, Side side, const Gap& gap) override {
+        record_->wave(side).add_silence(gap.filled_samples);
+        tracks_[index_of(side)].after_loss = true;
+        mark({Mark::Kind::GAP, side, seconds_at(side, gap.position),
+              seconds_at(side, gap.position + gap.filled_samples)});
+    }
+
+    void pause(const Call& /*call*/, Side side, const Pause& pause) override {
+        Track& track = tracks_[index_of(side)];
+        const double begin = seconds_at(side, pause.position);
+        track.pauses.add(pause);
+        track.paused += pause.samples;
+        record_->wave(side).add_silence(pause.samples);
+        mark({Mark::Kind::PAUSE, side, begin, seconds_at(side, pause.position)});
+    }
+
+    void running_changed(const Call& call, Side side, std::uint64_t position) override {
+        Track& track = tracks_[index_of(side)];
+        facts_changed_ = true;
+        if (track.active && !call.side(side).running().activity) {
+            track.active = false;
+            mark({Mark::Kind::QUIET, side, seconds_at(side, position)});
+        }
+    }
+
+    void activity(const Call& /*call*/, Side side, const Activity& activity) override {
+        tracks_[index_of(side)].active = activity.active;
+        facts_changed_ = true;
+        mark({activity.active ? Mark::Kind::ACTIVE : Mark::Kind::QUIET, side,
+              seconds_at(side, activity.position)});
+    }
+
+    void sample_found(const Call& /*call*/, Side side, const FoundSample& sample) override {
+        const auto position =
+            static_cast<std::uint64_t>(std::max<std::int64_t>(sample.position, 0));
+        mark({Mark::Kind::SAMPLE, side, seconds_at(side, position), 0, sample.name});
+    }
+
+    void tick(const Call& /*call*/, Micros now) override {
+        const bool urgent = facts_changed_ || !marks_.empty();
+        const Micros interval = urgent || record_->watched() ? INTERVAL : UNWATCHED_INTERVAL;
+        if (now - published_at_ >= interval) {
+            publish(now);
+        }
+    }
+
+    void ended(const Call& call, EndReason reason) override {
+        record_->set_over();
+        auto finished = std::make_shared<FinishedCall>();
+        finished->id = record_->id();
+        finished->uuid = call.uuid();
+        finished->began = record_->began();
+        finished->ended = wall_time();
+        finished->reason = reason;
+        finished->figures = figures();
+        finished->facts = facts();
+        finished->file_stem = call.file_stem();
+        finished->has_timeline = has_timeline_;
+        finished->files = call.files();
+        finished->sidecar = call.sidecar();
+        board_.finish(std::move(finished));
+    }
+
+  private:
+    struct Track {
+        bool has_audio = false;
+        bool active = false;
+        bool after_loss = false;
+        std::int64_t newest_send_time = 0;
+        std::uint64_t paused = 0;  // Samples of all pauses.
+        PauseMap pauses;
+        std::uint64_t changed_at = 0;  // Place of the latest change of the rate,
+        double seconds_at_change = 0;  // also in seconds.
+    };
+
+    static int rate_of(const CallSide& side) {
+        return side.sample_rate() != 0 ? side.sample_rate() : side.likely_rate();
+    }
+
+    // On the axis of the call.
+    double seconds_at(Side side, std::uint64_t position) const {
+        const Track& track = tracks_[index_of(side)];
+        const std::uint64_t place = track.pauses.place_of(position);
+        const std::uint64_t since = place - std::min(place, track.changed_at);
+        return track.seconds_at_change + seconds_of(since, rate_of(call_.side(side)));
+    }
+
+    void mark(Mark mark) {
+        if (marks_.size() < CallRecord::MOST_MARKS) {
+            marks_.push_back(std::move(mark));
+        }
+    }
+
+    void mark_features(const media::Packet& packet) {
+        const Side side =
+            call_.side(Side::ORIGINATOR).begun() ? Side::ORIGINATOR : Side::TERMINATOR;
+        const double begin = seconds_at(side, call_.side(side).position_at(packet.send_time));
+        mark({Mark::Kind::FEATURES, side, call_.side(side).begun() ? begin : 0, 0,
+              features_text(call_.features())});
+    }
+
+    void push(AudioTap& tap, Side side, const Audio& audio) {
+        const Track& track = tracks_[index_of(side)];
+        AudioTap::Head head;
+        head.place = audio.position + track.paused;
+        head.sample_rate = rate_of(call_.side(side));
+        // Forged send times may overflow.
+        const auto waited =
+            static_cast<std::int64_t>(static_cast<std::uint64_t>(track.newest_send_time) -
+                                      static_cast<std::uint64_t>(audio.send_time));
+        head.came = call_.last_seen() - Micros(std::clamp<std::int64_t>(waited, 0, LONGEST_WAIT));
+        head.after_loss = track.after_loss;
+        tap.push(audio.samples, audio.count, head);
+    }
+
+    CallFigures figures() const {
+        CallFigures figures;
+        figures.foreign_packets = call_.foreign_packets();
+        for (const Side which : BOTH_SIDES) {
+            const CallSide& side = call_.side(which);
+            SideFigures& into = figures.sides[index_of(which)];
+            into.stats = side.stats();
+            into.pauses = side.pauses();
+            into.seconds = side.sample_rate() != 0
+                               ? side.seconds_at(side.position())
+                               : seconds_of(side.position(), side.likely_rate());
+            into.squares = side.level().squares();
+            into.measured = side.level().count();
+        }
+        return figures;
+    }
+
+    std::shared_ptr<const CallFacts> facts() const {
+        auto facts = std::make_shared<CallFacts>();
+        facts->source = call_.source();
+        facts->ending = call_.ending();
+        facts->start = call_.start();
+        facts->features = call_.features();
+        facts->control_packets = call_.control_packets();
+        facts->failed_files = call_.failed_files();
+        for (const Side which : BOTH_SIDES) {
+            const CallSide& side = call_.side(which);
+            SideFacts& into = facts->sides[index_of(which)];
+            into.begun = side.begun();
+            into.leg = side.leg().value_or(0);
+            into.sample_rate = side.sample_rate();
+            into.rate_assumed = side.rate_assumed();
+            into.running = side.running();
+            into.active = tracks_[index_of(which)].active;
+        }
+        return facts;
+    }
+
+    void publish(Micros now) {
+        if (record_->try_publish(figures(), facts_changed_ ? facts() : nullptr, marks_)) {
+            facts_changed_ = false;
+            published_at_ = now;
+        }
+    }
+
+    CallBoard& board_;
+    const bool has_timeline_;
+    const Call& call_;
+    const std::shared_ptr<CallRecord> record_;
+    std::array<Track, SIDE_COUNT> tracks_;
+    CallRecord::Taps taps_;
+    std::uint32_t taps_version_ = 0;
+    std::vector<Mark> marks_;  // That have not been handed over yet.
+    bool facts_changed_ = true;
+    Micros published_at_{0};
+};
+
+}  // namespace
+
+std::unique_ptr<CallListener> CallFeed::begin_call(Call& call) {
+    return std::make_unique<FedCall>(board_, call, timelines_);
+}
+
+}  // namespace qv::node::web

@@ -1,0 +1,327 @@
+#include "node/web/server.h"
+
+#include <civetweb.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "node/web/site.h"
+#include "node/web/sockets.h"
+#include "tools/address.h"
+
+namespace qv::node::web {
+
+namespace {
+
+constexpr std::size_t MOST_PAGES = 24;
+constexpr const char* THREADS = "48";  // Each page keeps one of them.
+constexpr const char* LONGEST_REQUEST = "16384";
+constexpr std::size_t LONGEST_BODY = 4096;
+constexpr std::size_t FILE_BLOCK = 65536;
+constexpr std::chrono::minutes PATIENCE_WITH_FILE{30};
+constexpr const char* PATIENCE_MS = "5000";       // With one read or write.
+constexpr const char* PAGE_SILENCE_MS = "20000";  // Between pings of a page that says nothing.
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char each) { return std::tolower(each); });
+    return text;
+}
+
+Request request_of(const mg_connection* connection) {
+    const mg_request_info& info = *mg_get_request_info(connection);
+    Request request;
+    request.method = info.request_method != nullptr ? info.request_method : "";
+    request.path = info.local_uri != nullptr ? info.local_uri : "";
+    request.from = std::string(info.remote_addr) + ":" + std::to_string(info.remote_port);
+    request.is_secure = info.is_ssl != 0;
+    for (int i = 0; i < info.num_headers; ++i) {
+        const mg_header& header = info.http_headers[i];
+        request.headers.emplace(lower(header.name), header.value);
+    }
+    return request;
+}
+
+const char* phrase(int status) {
+    const char* const text = mg_get_response_code_text(nullptr, status);
+    return text != nullptr ? text : "";
+}
+
+// Whether it could be sent.
+bool write(mg_connection* connection, const char* bytes, std::size_t size) {
+    return mg_write(connection, bytes, size) == static_cast<int>(size);
+}
+
+void send_file(mg_connection* connection, const Response& response) {
+    std::vector<char> block(FILE_BLOCK);
+    const auto until = std::chrono::steady_clock::now() + PATIENCE_WITH_FILE;
+    for (std::uint64_t at = response.begin; at < response.end;) {
+        const auto wanted =
+            static_cast<std::size_t>(std::min<std::uint64_t>(block.size(), response.end - at));
+        const std::size_t got = response.file->read(block.data(), wanted, at);
+        if (got == 0 || !write(connection, block.data(), got) ||
+            std::chrono::steady_clock::now() >= until) {
+            return;
+        }
+        at += got;
+    }
+}
+
+void send(mg_connection* connection, const Request& request, const Response& response) {
+    const std::string head = head_of(response, phrase(response.status));
+    if (!write(connection, head.data(), head.size()) || request.method == "HEAD") {
+        return;
+    }
+    if (response.file != nullptr) {
+        send_file(connection, response);
+    } else if (!response.body.empty()) {
+        write(connection, response.body.data(), response.body.size());
+    }
+}
+
+// Reads the body of a form. Returns false if it is too long or does not come.
+bool read_body(mg_connection* connection, Request& request) {
+    const long long length = mg_get_request_info(connection)->content_length;
+    if (length < 0 || length > static_cast<long long>(LONGEST_BODY)) {
+        return false;
+    }
+    request.body.resize(static_cast<std::size_t>(length));
+    std::size_t size = 0;
+    while (size < request.body.size()) {
+        const int got = mg_read(connection, &request.body[size], request.body.size() - size);
+        if (got <= 0) {
+            return false;
+        }
+        size += static_cast<std::size_t>(got);
+    }
+    return true;
+}
+
+}  // namespace
+
+// A websocket and the thread that sends to it.
+class Connection {
+  public:
+    // `end` cuts the connection off; any thread may call it.
+    Connection(mg_connection* connection, std::unique_ptr<LivePage> page, std::function<void()> end)
+        : connection_(connection),
+          page_(std::move(page)),
+          end_(std::move(end)),
+          thread_([this] { send_all(); }) {}
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    ~Connection() {
+        {
+            const LockGuard lock(mutex_);
+            over_ = true;
+        }
+        changed_.notify_all();
+        end_();  // The thread may be sending.
+        thread_.join();
+    }
+
+    void take(std::string_view text) {
+        page_->take(text, steady_now());
+        changed_.notify_all();
+    }
+
+  private:
+    void send_all() {
+        while (wait()) {
+            for (const LiveMessage& message : page_->due(steady_now())) {
+                const int opcode =
+                    message.binary ? MG_WEBSOCKET_OPCODE_BINARY : MG_WEBSOCKET_OPCODE_TEXT;
+                if (mg_websocket_write(connection_, opcode, message.bytes.data(),
+                                       message.bytes.size()) <= 0) {
+                    end_();
+                    return;
+                }
+            }
+        }
+    }
+
+    bool wait() {
+        const LockGuard lock(mutex_);
+        if (!over_) {
+            changed_.wait_until(mutex_, std::chrono::steady_clock::now() + LivePage::INTERVAL);
+        }
+        return !over_;
+    }
+
+    mg_connection* const connection_;
+    const std::unique_ptr<LivePage> page_;
+    const std::function<void()> end_;
+    Mutex mutex_;
+    Condition changed_;
+    bool over_ QV_GUARDED_BY(mutex_) = false;
+    std::thread thread_;  // The last: it uses the others.
+};
+
+class Server::Impl {
+  public:
+    Impl(const Options& options, Handlers handlers) : handlers_(std::move(handlers)) {
+        mg_init_library(MG_FEATURES_TLS);
+        const std::string listen =
+            tools::address_text(options.address) + (options.certificate.empty() ? "" : "s");
+        std::vector<const char*> settings = {"listening_ports",
+                                             listen.c_str(),
+                                             "num_threads",
+                                             THREADS,
+                                             "max_request_size",
+                                             LONGEST_REQUEST,
+                                             "request_timeout_ms",
+                                             PATIENCE_MS,
+                                             "websocket_timeout_ms",
+                                             PAGE_SILENCE_MS,
+                                             "enable_websocket_ping_pong",
+                                             "yes",
+                                             "enable_keep_alive",
+                                             "no",
+                                             "enable_directory_listing",
+                                             "no",
+                                             "enable_auth_domain_check",
+                                             "no",
+                                             "tcp_nodelay",
+                                             "1"};
+        if (!options.certificate.empty()) {
+            settings.insert(settings.end(), {"ssl_certificate", options.certificate.c_str()});
+        }
+        settings.push_back(nullptr);
+        mg_callbacks callbacks{};
+        callbacks.begin_request = begin_request;
+        callbacks.http_error = http_error;
+        callbacks.log_message = log_message;
+        context_ = mg_start(&callbacks, this, settings.data());
+        if (context_ == nullptr) {
+            mg_exit_library();
+            const LockGuard lock(mutex_);
+            throw std::runtime_error(error_.empty() ? "the server does not start" : error_);
+        }
+        mg_server_port port{};
+        mg_get_server_ports(context_, 1, &port);
+        port_ = static_cast<std::uint16_t>(port.port);
+        mg_set_websocket_handler(context_, Site::LIVE_PATH, connect, ready, data, closed, this);
+    }
+
+    // The library looks only every two seconds whether it must end, unless something happens on its
+    // sockets.
+    ~Impl() {
+        std::atomic<bool> stopped{false};
+        std::thread stop([this, &stopped] {
+            mg_stop(context_);
+            stopped = true;
+        });
+        while (!stopped) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            shut_down_port(port_);
+        }
+        stop.join();
+        mg_exit_library();
+    }
+
+    std::uint16_t port() const { return port_; }
+
+  private:
+    static Impl& of(const mg_connection* connection) {
+        return *static_cast<Impl*>(mg_get_user_data(mg_get_context(connection)));
+    }
+
+    static int begin_request(mg_connection* connection) {
+        Impl& impl = of(connection);
+        Request request = request_of(connection);
+        if (request.path == Site::LIVE_PATH && lower(request.header("upgrade")) == "websocket") {
+            return 0;  // The library calls connect() next.
+        }
+        Response response;
+        if (request.method == "POST" && !read_body(connection, request)) {
+            response.status = 413;
+            response.body = "the body is too long, or its length is not given\n";
+        } else {
+            response = impl.handlers_.answer(request);
+        }
+        send(connection, request, response);
+        return response.status;
+    }
+
+    static int http_error(mg_connection* connection, int status, const char* /*text*/) {
+        Response response;
+        response.status = status;
+        response.body = std::string(phrase(status)) + "\n";
+        send(connection, {}, response);
+        return 0;
+    }
+
+    static int log_message(const mg_connection* connection, const char* message) {
+        Impl& impl = of(connection);
+        const LockGuard lock(impl.mutex_);
+        if (impl.error_.empty()) {
+            impl.error_ = message;
+        }
+        return 1;
+    }
+
+    static int connect(const mg_connection* connection, void* self) {
+        Impl& impl = *static_cast<Impl*>(self);
+        const Request request = request_of(connection);
+        std::optional<Response> refusal = impl.handlers_.refuse_live(request);
+        if (!refusal.has_value() && ++impl.pages_ > MOST_PAGES) {
+            --impl.pages_;
+            refusal.emplace();
+            refusal->status = 503;
+            refusal->body = "too many pages are open\n";
+        }
+        if (refusal.has_value()) {
+            send(const_cast<mg_connection*>(connection), request, *refusal);
+            return 1;
+        }
+        return 0;
+    }
+
+    static void ready(mg_connection* connection, void* self) {
+        Impl& impl = *static_cast<Impl*>(self);
+        const Request request = request_of(connection);
+        mg_set_user_connection_data(connection,
+                                    new Connection(connection, impl.handlers_.open_page(request),
+                                                   [port = impl.port_, peer = request.from] {
+                                                       shut_down_connection(port, peer);
+                                                   }));
+    }
+
+    static int data(mg_connection* connection, int bits, char* bytes, std::size_t size, void*) {
+        auto* const page = static_cast<Connection*>(mg_get_user_connection_data(connection));
+        const int opcode = bits & 0xF;
+        if (opcode == MG_WEBSOCKET_OPCODE_TEXT && (bits & 0x80) != 0) {
+            page->take({bytes, size});
+        }
+        return opcode == MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE ? 0 : 1;
+    }
+
+    static void closed(const mg_connection* connection, void* self) {
+        delete static_cast<Connection*>(mg_get_user_connection_data(connection));
+        --static_cast<Impl*>(self)->pages_;
+    }
+
+    const Handlers handlers_;
+    Mutex mutex_;
+    std::string error_ QV_GUARDED_BY(mutex_);  // The first that the library reported.
+    mg_context* context_ = nullptr;
+    std::uint16_t port_ = 0;
+    std::atomic<std::size_t> pages_{0};
+};
+
+Server::Server(const Options& options, Handlers handlers)
+    : impl_(std::make_unique<Impl>(options, std::move(handlers))) {}
+
+Server::~Server() = default;
+
+std::uint16_t Server::port() const {
+    return impl_->port();
+}
+
+}  // namespace qv::node::web

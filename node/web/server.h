@@ -1,0 +1,50 @@
+// Serves a site and its live pages over HTTP and websockets: the only unit that knows the library
+// for it. Each page has a thread that sends to it. A page that takes nothing for too long is cut
+// off.
+//
+// Belongs to one thread.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "node/web/http.h"
+#include "node/web/live_page.h"
+
+namespace qv::node::web {
+
+class Server {
+  public:
+    struct Options {
+        sockaddr_in address{};    // Port 0 takes a free port.
+        std::string certificate;  // File with certificate and key; empty: no TLS.
+    };
+
+    // The threads of the server call these.
+    struct Handlers {
+        std::function<Response(const Request& request)> answer;
+        // Whether this request may become a live page: nullopt if so, and otherwise the answer.
+        std::function<std::optional<Response>(const Request& request)> refuse_live;
+        std::function<std::unique_ptr<LivePage>(const Request& request)> open_page;
+    };
+
+    // Throws std::runtime_error with the reason if the address or the certificate cannot be used.
+    Server(const Options& options, Handlers handlers);
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+    // Cuts off what is still connected.
+    ~Server();
+
+    std::uint16_t port() const;
+
+  private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace qv::node::web

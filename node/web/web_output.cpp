@@ -1,0 +1,61 @@
+#include "node/web/web_output.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "node/web/secret.h"
+#include "tools/address.h"
+
+namespace qv::node::web {
+
+WebOutput::WebOutput(const Options& options, Site::MetricsText metrics, OnListen on_listen)
+    : settings_(options.settings),
+      folder_(options.folder),
+      feed_(board_, options.timelines),
+      metrics_(std::move(metrics)),
+      on_listen_(std::move(on_listen)) {}
+
+std::string WebOutput::open() {
+    std::string token;
+    if (!settings_.token_file.empty()) {
+        const std::string error = read_token(settings_.token_file, token);
+        if (!error.empty()) {
+            return "cannot use the token file " + settings_.token_file + ": " + error;
+        }
+    }
+    access_.emplace(token);
+    site_.emplace(board_, rows_, folder_, *access_, metrics_);
+    try {
+        server_ = std::make_unique<Server>(
+            Server::Options{*settings_.address, settings_.certificate}, handlers());
+    } catch (const std::runtime_error& error) {
+        return "cannot serve the page on " + tools::address_text(*settings_.address) + ": " +
+               error.what();
+    }
+    return {};
+}
+
+Server::Handlers WebOutput::handlers() {
+    Server::Handlers handlers;
+    handlers.answer = [this](const Request& request) {
+        return site_->answer(request, steady_now());
+    };
+    handlers.refuse_live = [this](const Request& request) {
+        return site_->refuse_live(request, steady_now());
+    };
+    handlers.open_page = [this](const Request& request) {
+        return std::make_unique<LivePage>(
+            board_, rows_, access_->demands_token(),
+            [this, from = request.from](const ListenNotice& notice) { on_listen_(from, notice); });
+    };
+    return handlers;
+}
+
+std::string WebOutput::url() const {
+    sockaddr_in address = *settings_.address;
+    address.sin_port = htons(server_->port());
+    return std::string(settings_.certificate.empty() ? "http" : "https") + "://" +
+           tools::address_text(address) + "/";
+}
+
+}  // namespace qv::node::web
