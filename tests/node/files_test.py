@@ -4,6 +4,8 @@ WAV files.
 usage: files_test.py QUORVANE_NODE GOLDEN_FOLDER
 """
 import calendar
+import collections
+import concurrent.futures
 import hashlib
 import json
 import os
@@ -18,8 +20,8 @@ import unittest
 import wave
 
 from end_to_end_test import (CALL, DOCUMENT, LISTED_SIDE, NODE, UUID, UUID_END, Counters, Node,
-                             audio, data, golden, ipv4, listed_event_fields, may_mount, pcap,
-                             samples, udp, uuid_of)
+                             audio, data, golden, ipv4, listed_event_fields, may_mount, of_call,
+                             pcap, samples, udp, uuid_of)
 
 
 def described_files(folder):
@@ -167,6 +169,97 @@ class Formats(unittest.TestCase):
             self.assertTrue(file["path"].endswith("-originator.wav"))
             self.assertNotEqual(file["not_converted"], "")
             self.assertRegex(node.text(), "not converted +.*; it is still a WAV file")
+
+
+class KilledWhileItFinishesFiles:
+    """A receiver that is killed at a random moment after its calls have ended, while their files
+    are converted and described; and the run after it."""
+
+    CALLS = (1, 2, 3)
+    PACKETS = 250
+
+    def __init__(self, seed):
+        self.choice = random.Random(seed)
+        self.ending = self.choice.choice([".flac", ".opus"])
+        options = ["--format", self.ending[1:], "--sidecar", "--stereo", "--timeline", "--rate",
+                   "8000", "--block", "1"] + self.choice.choice([[], ["--sync", "1"]])
+        with Node(*options) as node:
+            self.folder = node.folder
+            node.talk(self.CALLS, self.PACKETS)
+            node.send(*(of_call(call, golden("call_7_terminate")) for call in self.CALLS))
+            self.wait_for_the_moment()
+            node.process.kill()
+            node.process.wait()
+            self.seen = self.check()
+            uncounted = {str(path) for path in self.folder.glob("*.wav")
+                         if path.stat().st_size != 44 + 2 * len(samples(path))}
+            with Node(*options, "--events", "-", folder=self.folder) as after:
+                after.wait_for("listening")
+                assert after.stop() == 0, after.text()
+                told = {event["path"] for event in after.events("leftover")}
+                assert uncounted <= told, uncounted - told
+            self.check()
+            for path in self.folder.iterdir():
+                assert not path.name.startswith("."), f"{path} was left behind"
+                assert path.suffix != ".wav" or \
+                    path.stat().st_size == 44 + 2 * len(samples(path)), path
+
+    def stems(self):
+        return [(uuid_of(call) + side, call, channels) for call in self.CALLS
+                for side, channels in (("-originator", 1), ("", 2))]
+
+    def wait_for_the_moment(self):
+        """Until all files are there, and then for a random time or a random step of the work."""
+        def until(condition):
+            end = time.monotonic() + 30
+            while not condition([path.name for path in self.folder.iterdir()]):
+                assert time.monotonic() < end, list(self.folder.iterdir())
+        until(lambda names: all(stem + ".wav" in names or stem + self.ending in names
+                                for stem, _, _ in self.stems()))
+        step = self.choice.choice(["", ".quorvane-node-new-", self.ending, ".json"])
+        if step == "":
+            time.sleep(0.4 * self.choice.random())
+        else:
+            count = 1 if step.startswith(".q") else self.choice.randrange(1, 4)
+            until(lambda names: count <= sum(step in name for name in names) or
+                  all(uuid_of(call) + ".json" in names for call in self.CALLS))
+            time.sleep(0.005 * self.choice.random())
+
+    def check(self):
+        """Every call has whole files. Returns the endings that the files have."""
+        seen = []
+        for stem, call, channels in self.stems():
+            whole = sum((audio(call, number) for number in range(1, self.PACKETS + 1)), [])
+            wav, other = (self.folder / (stem + ending) for ending in (".wav", self.ending))
+            assert wav.exists() or other.exists(), f"{stem} is gone"
+            if wav.exists():
+                heard = samples(wav)[::channels]
+                assert heard == whole[:len(heard)], wav
+                assert heard == whole or not other.exists(), f"{wav}: {len(heard)} samples"
+            if other.exists():
+                heard, rate, _ = decoded(other)
+                assert (len(heard) // channels, rate) == (len(whole), 8000), other
+                assert self.ending == ".opus" or heard[::channels] == whole, other
+            seen.append("+".join(path.suffix for path in (wav, other) if path.exists()))
+        for path in self.folder.glob("*.json"):
+            for file in json.loads(path.read_text())["files"]:
+                contents = (self.folder / file["name"]).read_bytes()
+                assert hashlib.sha256(contents).hexdigest() == file["sha256"], file
+            seen.append(".json")
+        return seen
+
+
+class Killed(unittest.TestCase):
+    """Environment variable QUORVANE_KILLS: how often; then the result is shown."""
+
+    def test_while_it_finishes_files_no_call_is_lost(self):
+        kills = int(os.environ.get("QUORVANE_KILLS", "4"))
+        seen = collections.Counter()
+        with concurrent.futures.ThreadPoolExecutor(2) as killers:
+            for killed in killers.map(KilledWhileItFinishesFiles, range(kills)):
+                seen.update(killed.seen)
+        if "QUORVANE_KILLS" in os.environ:
+            print(f"{kills} kills met", dict(seen))
 
 
 class Keep(unittest.TestCase):
