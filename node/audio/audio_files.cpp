@@ -10,6 +10,7 @@
 #include <system_error>
 #include <utility>
 
+#include "node/audio/descriptor.h"
 #include "node/audio/new_file.h"
 #include "quorvane_lib/utils_path.h"
 
@@ -21,6 +22,7 @@ namespace {
 constexpr std::size_t SPARE_DESCRIPTORS = 64;
 
 constexpr const char* REMOVED = "the file was removed";
+constexpr const char* MOVED = "the file was moved away";
 
 // Samples are written to the file as they are in memory.
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "WAV samples are little-endian");
@@ -135,9 +137,9 @@ class WavFile : public AudioFile {
             return error;
         }
         const WavHeader header = wav_header(format_, 0);
-        error = write_all(header.data(), header.size(), 0) < header.size()
-                    ? errno
-                    : rename_file(unfinished, path_, folder_.overwrite_);
+        const bool written = write_all(header.data(), header.size(), 0) == header.size() &&
+                             ::fstat(descriptor_, &made_) == 0;
+        error = written ? rename_file(unfinished, path_, folder_.overwrite_) : errno;
         if (error != 0) {
             release();
             error_.clear();
@@ -149,10 +151,10 @@ class WavFile : public AudioFile {
     // Returns 0 or the error number.
     int open_descriptor(const std::string& path, int how) {
         folder_.make_room();
-        descriptor_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
+        descriptor_ = open_regular_file(path, O_RDWR | how).release();
         while (descriptor_ < 0 && (errno == EMFILE || errno == ENFILE) && !folder_.open_.empty()) {
             folder_.open_.front()->release();
-            descriptor_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC | how, 0666);
+            descriptor_ = open_regular_file(path, O_RDWR | how).release();
         }
         if (descriptor_ < 0) {
             return errno;
@@ -166,6 +168,16 @@ class WavFile : public AudioFile {
         return 0;
     }
 
+    // Another file may have got the name meanwhile.
+    bool open_again() {
+        const int error = open_descriptor(path_, 0);
+        struct stat status {};
+        if (error != 0 || ::fstat(descriptor_, &status) != 0) {
+            return fail(system_text(error != 0 ? error : errno));
+        }
+        return is_this(status) || fail(MOVED);
+    }
+
     // Makes the file ready for `size` more bytes of samples.
     bool make_ready(std::uint64_t size) {
         if (!error_.empty()) {
@@ -174,8 +186,8 @@ class WavFile : public AudioFile {
         if (size > MAX_WAV_DATA_SIZE - size_) {
             return fail("a WAV file holds no more than 4 GB");
         }
-        if (const int error = descriptor_ < 0 ? open_descriptor(path_, 0) : 0) {
-            return fail(system_text(error));
+        if (descriptor_ < 0 && !open_again()) {
+            return false;
         }
         if (removed()) {
             return fail(REMOVED);
@@ -232,19 +244,22 @@ class WavFile : public AudioFile {
     // out.
     std::string what_became_of_it() const {
         struct stat named {};
+        struct stat file {};
         const bool there = ::stat(path_.c_str(), &named) == 0;
         if (!there && errno != ENOENT && errno != ENOTDIR) {
             return {};
         }
-        if (descriptor_ < 0) {
-            return there ? "" : REMOVED;
-        }
-        struct stat file {};
-        if (::fstat(descriptor_, &file) != 0 ||
-            (there && file.st_dev == named.st_dev && file.st_ino == named.st_ino)) {
+        if ((there && is_this(named)) || (descriptor_ >= 0 && ::fstat(descriptor_, &file) != 0)) {
             return {};
         }
-        return file.st_nlink == 0 ? REMOVED : "the file was moved away";
+        const bool lives = descriptor_ < 0 ? there : file.st_nlink != 0;
+        return lives ? MOVED : REMOVED;
+    }
+
+    // A file that was removed leaves its number to the next one.
+    bool is_this(const struct stat& file) const {
+        return file.st_dev == made_.st_dev && file.st_ino == made_.st_ino &&
+               file.st_size == static_cast<off_t>(WAV_HEADER_SIZE + size_);
     }
 
     bool fail(std::string why) {
@@ -258,6 +273,7 @@ class WavFile : public AudioFile {
     std::string path_;
     WavFormat format_;
     int descriptor_ = -1;  // Negative while closed.
+    struct stat made_ {};  // Of the file when it was made.
     bool closed_ = false;  // Finally; it is not opened again.
     // Its place in the folder's list of open files, while open.
     std::list<WavFile*>::iterator place_;

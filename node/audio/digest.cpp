@@ -58,7 +58,7 @@ std::string sha256_of_file(int descriptor, std::string& error) {
 }
 
 std::string sha256_of_file(const std::string& path, std::string& error) {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    const Descriptor file = open_regular_file(path, O_RDONLY);
     if (!file.is_open()) {
         error = std::generic_category().message(errno);
         return {};

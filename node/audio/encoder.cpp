@@ -10,6 +10,7 @@
 #include <system_error>
 #include <vector>
 
+#include "node/audio/descriptor.h"
 #include "node/audio/digest.h"
 #include "node/audio/new_file.h"
 #include "node/audio/rate_converter.h"
@@ -19,7 +20,6 @@ namespace qv::node {
 
 namespace {
 
-using tools::open_sound_file;
 using tools::SoundFile;
 
 constexpr std::array<int, 5> OPUS_RATES = {8000, 12000, 16000, 24000, 48000};
@@ -152,14 +152,19 @@ class Encoder {
     bool go_on() const { return options_.go_on == nullptr || options_.go_on(); }
 
     bool open_source() {
-        source_ = open_sound_file(
-            [&] { return sf_open(wav_path_.c_str(), SFM_READ, &source_info_); }, error_);
+        const Descriptor file = open_regular_file(wav_path_, O_RDONLY);
         struct stat status {};
-        if (source_ == nullptr || ::stat(wav_path_.c_str(), &status) != 0) {
-            return fail("the WAV file cannot be read");
+        if (file.is_open() && ::fstat(file.number(), &status) == 0) {
+            source_ = open_copy(file.number(), SFM_READ, source_info_);
         }
         source_inode_ = status.st_ino;
-        return true;
+        return source_ != nullptr || fail("the WAV file cannot be read");
+    }
+
+    // libsndfile closes the copy of the descriptor.
+    SoundFile open_copy(int descriptor, int mode, SF_INFO& info) {
+        return tools::open_sound_file(
+            [&] { return sf_open_fd(::dup(descriptor), mode, &info, SF_TRUE); }, error_);
     }
 
     bool write() {
@@ -167,10 +172,7 @@ class Encoder {
         info.samplerate = rate_in(options_.format, source_info_.samplerate);
         info.channels = source_info_.channels;
         info.format = sndfile_format(options_.format);
-        // libsndfile closes the copy.
-        SoundFile file = open_sound_file(
-            [&] { return sf_open_fd(::dup(target_.descriptor()), SFM_WRITE, &info, SF_TRUE); },
-            error_);
+        SoundFile file = open_copy(target_.descriptor(), SFM_WRITE, info);
         if (file == nullptr) {
             return false;
         }
@@ -217,9 +219,7 @@ class Encoder {
     bool check() {
         ::lseek(target_.descriptor(), 0, SEEK_SET);
         info_ = {};
-        const SoundFile file = open_sound_file(
-            [&] { return sf_open_fd(::dup(target_.descriptor()), SFM_READ, &info_, SF_TRUE); },
-            error_);
+        const SoundFile file = open_copy(target_.descriptor(), SFM_READ, info_);
         if (file == nullptr || info_.frames != expected_frames_ ||
             (options_.format == AudioFormat::FLAC && !has_the_samples(file.get()))) {
             return fail("the new file does not have the audio");

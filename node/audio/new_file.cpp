@@ -22,9 +22,9 @@ constexpr const char* HIDDEN_PREFIX = ".quorvane-node-new-";
 // How many names a file may try.
 constexpr unsigned MOST_NUMBERS = 1000;
 
-// Whether a file cannot get its name because another file has it.
+// Whether a file cannot get its name because something else has it, such as a link or a FIFO.
 bool is_taken(int error) {
-    return error == EEXIST || error == EISDIR;
+    return error == EEXIST || error == EISDIR || error == ELOOP || error == ESPIPE;
 }
 
 // "a.wav" becomes "a-2.wav".

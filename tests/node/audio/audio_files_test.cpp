@@ -153,6 +153,36 @@ TEST_F(AudioFilesTest, FileThatAnotherProgramIsMakingIsLeftToIt) {
     EXPECT_EQ(std::filesystem::file_size(folder_path_ + "/.a.wav.new"), 6u);
 }
 
+TEST_F(AudioFilesTest, FileThatWasReplacedWhileItWasNotOpenHasFailed) {
+    use_folder(1, false);
+    const auto file = folder_->create("a.wav", 8000, 1);
+    const auto closed = folder_->create("b.wav", 8000, 1);
+    folder_->create("c.wav", 8000, 1);
+    for (const char* name : {"/a.wav", "/b.wav"}) {
+        std::filesystem::remove(folder_path_ + name);
+        std::ofstream(folder_path_ + name) << "theirs";
+    }
+    EXPECT_FALSE(put(*file, {1}));
+    EXPECT_EQ(file->error(), "the file was moved away");
+    EXPECT_FALSE(closed->close());
+    EXPECT_EQ(closed->error(), "the file was moved away");
+    EXPECT_EQ(std::filesystem::file_size(folder_path_ + "/a.wav"), 6u);
+}
+
+TEST_F(AudioFilesTest, LinksAndFifosAreNotWrittenTo) {
+    std::ofstream(folder_path_ + "/other") << "theirs";
+    ASSERT_EQ(::symlink("other", (folder_path_ + "/.a.wav.new").c_str()), 0);
+    ASSERT_EQ(::mkfifo((folder_path_ + "/.a-2.wav.new").c_str(), 0600), 0);
+    for (const bool overwrite : {false, true}) {
+        use_folder(8, overwrite);
+        const auto file = folder_->create("a.wav", 8000, 1);
+        EXPECT_EQ(file->path(), folder_path_ + "/a-3.wav");
+        EXPECT_TRUE(put(*file, {1}) && file->close());
+        std::filesystem::remove(file->path());
+    }
+    EXPECT_EQ(std::filesystem::file_size(folder_path_ + "/other"), 6u);
+}
+
 TEST_F(AudioFilesTest, SmallFileIsWrittenInOneGo) {
     EXPECT_EQ(folder_->write_text("a.svg", "one")->report.path, folder_path_ + "/a.svg");
     const auto second = folder_->write_text("a.svg", "second");

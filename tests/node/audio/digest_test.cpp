@@ -1,5 +1,7 @@
 #include "node/audio/digest.h"
 
+#include <sys/stat.h>
+
 #include "tests/node/audio/folder_test.h"
 
 namespace qv::node {
@@ -31,6 +33,9 @@ TEST_F(DigestTest, FileThatCannotBeReadHasAReason) {
     error_.clear();
     EXPECT_EQ(sha256_of_file(folder_, error_), "");
     EXPECT_EQ(error_, "Is a directory");
+    ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
+    EXPECT_EQ(digest_of("fifo"), "");
+    EXPECT_EQ(error_, "Illegal seek");
 }
 
 }  // namespace

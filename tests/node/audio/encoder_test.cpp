@@ -1,6 +1,8 @@
 #include "node/audio/encoder.h"
 
 #include <sndfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <vector>
@@ -171,6 +173,17 @@ TEST_F(EncoderTest, FileThatIsNoAudioStays) {
     EXPECT_EQ(encoded.error, "the WAV file cannot be read");
     EXPECT_EQ(bytes_of("call.wav"), "text");
     EXPECT_EQ(names(), Names{"call.wav"});
+}
+
+// Somebody may have put them in the place of the file.
+TEST_F(EncoderTest, FifosAndLinksAreNotRead) {
+    std::filesystem::rename(write(sound(100, 1, 8000), 8000), path("other.wav"));
+    ASSERT_EQ(::symlink(path("other.wav").c_str(), path("link.wav").c_str()), 0);
+    ASSERT_EQ(::mkfifo(path("fifo.wav").c_str(), 0600), 0);
+    for (const char* name : {"link.wav", "fifo.wav"}) {
+        EXPECT_EQ(encode(path(name), {AudioFormat::FLAC}).error, "the WAV file cannot be read");
+    }
+    EXPECT_EQ(names(), (Names{"fifo.wav", "link.wav", "other.wav"}));
 }
 
 TEST_F(EncoderTest, FileWithoutAudioStaysAWavFile) {
