@@ -181,17 +181,16 @@ class Follower:
         self.process.wait()
 
 
-@unittest.skipIf(SERVER is None, "nats-server is not installed")
-class NatsTest(unittest.TestCase):
+class Fixture(unittest.TestCase):
     def setUp(self):
         home = tempfile.TemporaryDirectory(prefix="quorvane-nats-")
         self.addCleanup(home.cleanup)
         self.home = pathlib.Path(home.name)
 
     def server(self, *arguments, **options):
-        server = Server(self.home, *arguments, **options)
-        self.addCleanup(server.stop)
-        return server
+        self.last_server = Server(self.home, *arguments, **options)
+        self.addCleanup(self.last_server.stop)
+        return self.last_server
 
     def follower(self, url, *options):
         follower = Follower(url, self.home / f"followed{len(list(self.home.iterdir()))}", *options)
@@ -241,6 +240,9 @@ class NatsTest(unittest.TestCase):
     def counters(self, node):
         return Counters(node.wait_for(r"http://\S+/metrics").group())
 
+
+@unittest.skipIf(SERVER is None, "nats-server is not installed")
+class NatsTest(Fixture):
     def test_a_follower_rebuilds_the_files_to_the_bit(self):
         server = self.server()
         follower = self.follower(server.url, "--streams", "4")
