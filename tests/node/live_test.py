@@ -29,7 +29,7 @@ def of_many(call, datagram):
 class Screen:
     """A media node on a pseudo terminal of 80 columns and 24 rows."""
 
-    def __init__(self, **environment):
+    def __init__(self, *options, **environment):
         self.home = tempfile.TemporaryDirectory(prefix="quorvane-live-")
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as free:
             free.bind(("127.0.0.1", 0))
@@ -42,7 +42,7 @@ class Screen:
             self.take_terminal()
             os.environ.update({"TERM": "xterm", **environment})
             os.execv(NODE, [NODE, "--live", "--listen", "%s:%d" % self.address,
-                            "--output", str(pathlib.Path(self.home.name) / "wav")])
+                            "--output", str(pathlib.Path(self.home.name) / "wav"), *options])
         self.seen = b""
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.wait_for("quorvane-node on ")
@@ -143,6 +143,26 @@ class Live(unittest.TestCase):
             screen.wait_for("calls 1 to 1 of 1 that match")
             screen.press(b"\r")
             screen.wait_for(r"call [0-9a-f-]{28}000007c7")
+
+    def test_keys_work_for_the_calls_of_all_threads(self):
+        with Screen("--threads", "2") as screen:
+            for call in range(1, 41):
+                datagram = bytearray(of_many(call, golden("call_1_start")))
+                datagram[8:16] = struct.pack("<Q", call)  # The key chooses the thread.
+                screen.socket.sendto(datagram, screen.address)
+            screen.wait_for("calls 1 to 17 of 40")
+            for call in (1, 2, 3, 4, 39, 40):
+                screen.press(b"/%08x\r" % call)
+                screen.wait_for("calls 1 to 1 of 1 that match")
+                screen.press(b"\r")
+                screen.wait_for(r"call [0-9a-f-]{28}%08x" % call)
+                screen.press(b"\x1b")
+                screen.wait_for("calls 1 to 1 of 1 that match")
+                screen.press(b"\x1b")
+                screen.wait_for(r"calls \d+ to \d+ of 40")
+            screen.press(b"q")
+            self.assertEqual(screen.wait_for_exit(), 0)
+            self.check_restored(screen)
 
     def test_key_ends_the_program_and_the_terminal_is_as_before(self):
         with Screen() as screen:

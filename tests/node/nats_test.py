@@ -8,6 +8,7 @@ import re
 import resource
 import shutil
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -254,6 +255,26 @@ class NatsTest(Fixture):
         node.end([1, 2])
         result = follower.result()
         self.assertEqual([each["lost_chunks"] for each in result], [0] * len(result))
+        self.assertEqual(node.stop(), 0)
+        self.assert_same_files(node, follower.folder)
+        self.assert_chunks_add_up(self.assert_all_stored(server), result)
+
+    def test_calls_of_several_threads_reach_nats(self):
+        server = self.server()
+        follower = self.follower(server.url, "--streams", "40")
+        node = self.node("--rate", "8000", "--threads", "2", url=server.url)
+        node.wait_for("nats connected")
+
+        def keyed(call, datagram):  # The key chooses the thread.
+            return datagram[:8] + struct.pack("<Q", call) + datagram[16:]
+
+        calls = range(1, 41)
+        node.send(*(keyed(call, of_call(call, golden("call_1_start"))) for call in calls))
+        for number in range(1, 31):
+            node.send(*(keyed(call, data(call, number)) for call in calls))
+            time.sleep(0.005)
+        node.send(*(keyed(call, of_call(call, golden("call_7_terminate"))) for call in calls))
+        result = follower.result()
         self.assertEqual(node.stop(), 0)
         self.assert_same_files(node, follower.folder)
         self.assert_chunks_add_up(self.assert_all_stored(server), result)

@@ -2,6 +2,7 @@
 import argparse
 import collections
 import json
+import os
 import pathlib
 import re
 import signal
@@ -18,8 +19,10 @@ import wave
 PARSER = argparse.ArgumentParser(description=__doc__)
 PARSER.add_argument("node", metavar="QUORVANE_NODE")
 PARSER.add_argument("golden", metavar="GOLDEN_FOLDER", type=pathlib.Path)
+PARSER.add_argument("stopped_disk", metavar="STOPPED_DISK",
+                    help="a library that makes the disk stand still")
 ARGUMENTS, OTHER_ARGUMENTS = PARSER.parse_known_args()
-NODE, GOLDEN = ARGUMENTS.node, ARGUMENTS.golden
+NODE, GOLDEN, STOPPED_DISK = ARGUMENTS.node, ARGUMENTS.golden, ARGUMENTS.stopped_disk
 THREADS = 2
 PACKETS = 20  # Of each side of a call.
 SAMPLES = 160
@@ -65,6 +68,11 @@ def samples(path):
         return list(struct.unpack("<%dh" % file.getnframes(), file.readframes(file.getnframes())))
 
 
+def watched_by_a_sanitizer():
+    program = pathlib.Path(NODE).read_bytes()
+    return b"__ubsan_handle" in program or b"__tsan_init" in program
+
+
 def bound(port=0, shared=False):
     made = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     if shared:
@@ -85,12 +93,13 @@ class ThreadsTest(unittest.TestCase):
             self.node.kill()
             self.node.wait()
 
-    def start(self, *options):
+    def start(self, *options, environment=None):
         self.log = self.folder / "log"
         command = [NODE, "--listen", "127.0.0.1:0", "--threads", str(THREADS), "--output",
                    str(self.folder / "out"), "--events", str(self.folder / "events"), *options]
         with open(self.log, "w") as log:
-            self.node = subprocess.Popen(command, stdout=log, stderr=subprocess.STDOUT)
+            self.node = subprocess.Popen(command, stdout=log, stderr=subprocess.STDOUT,
+                                         env={**os.environ, **(environment or {})})
         self.wait_for(lambda: "listening" in self.text())
         self.port = int(re.search(r"127\.0\.0\.1:(\d+)", self.text())[1])
 
@@ -148,11 +157,7 @@ class ThreadsTest(unittest.TestCase):
                       (200 * 2 * PACKETS) in self.metrics())
         self.end(calls)
         self.finish()
-        for call in calls:
-            for side, name in enumerate(["originator", "terminator"]):
-                expected = sum((audio(call, side, n) for n in range(1, PACKETS + 1)), [])
-                self.assertEqual(
-                    samples(self.folder / "out" / ("%s-%s.wav" % (uuid_of(call), name))), expected)
+        self.assert_files_are_whole(calls)
         kinds = collections.defaultdict(list)
         for event in self.events():
             kinds[event.get("call_uuid")].append(event["event"])
@@ -161,6 +166,13 @@ class ThreadsTest(unittest.TestCase):
             self.assertEqual(of_this, ["start", "terminate", "end"])
         self.assertRegex(self.text(), r"summary +200 calls, 8,400 packets")
         self.assertNotIn("gap", self.text().split("summary")[0])
+
+    def assert_files_are_whole(self, calls):
+        for call in calls:
+            for side, name in enumerate(["originator", "terminator"]):
+                expected = sum((audio(call, side, n) for n in range(1, PACKETS + 1)), [])
+                self.assertEqual(
+                    samples(self.folder / "out" / ("%s-%s.wav" % (uuid_of(call), name))), expected)
 
     def metrics(self):
         address = re.search(r"http://\S+/metrics", self.text())
@@ -176,6 +188,38 @@ class ThreadsTest(unittest.TestCase):
         self.finish()
         self.assertEqual(len([1 for e in self.events() if e["event"] == "start"]), 30)
         self.assertRegex(self.text(), r"not used: 70 +too many calls at once")
+
+    def test_all_threads_refuse_senders_that_are_not_allowed(self):
+        calls = range(1, 41)
+        self.start("--allow", "127.0.0.2", "--calls", "40", "--metrics", "0")
+        self.begin(calls)
+        self.wait_for(lambda: "quorvane_node_not_allowed_packets_total 40" in self.metrics())
+        self.assertIn("quorvane_node_calls 0", self.metrics())
+        self.sender = self.enterContext(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+        self.sender.bind(("127.0.0.2", 0))
+        self.begin(calls)
+        self.talk(calls)
+        self.end(calls)
+        self.finish()
+        self.assert_files_are_whole(calls)
+        refused = [event for event in self.events() if event["event"] == "not_allowed"]
+        self.assertEqual(sum(event["packets"] for event in refused), 40)
+
+    @unittest.skipIf(watched_by_a_sanitizer(), "the sanitizer must be loaded first")
+    def test_no_thread_waits_for_a_disk_that_stands_still(self):
+        calls = range(1, 41)
+        moving = self.folder / "moving"
+        self.start("--calls", "40", "--metrics", "0", "--block", "1", environment={
+            "LD_PRELOAD": STOPPED_DISK, "QUORVANE_STOP_UNTIL": str(moving)})
+        self.begin(calls)
+        self.talk(calls)
+        self.end(calls)
+        self.wait_for(lambda: "quorvane_node_packets_total{type=\"data\"} %d" %
+                      (40 * 2 * PACKETS) in self.metrics())
+        self.assertEqual(list((self.folder / "out").glob("*.wav")), [])
+        moving.touch()
+        self.finish()
+        self.assert_files_are_whole(calls)
 
     def test_signals_concern_all_threads(self):
         calls = range(1, 41)
