@@ -96,8 +96,21 @@ def change_to(*arguments):
                text=present_maps()).stdout
 
 
-def counted(name):
-    text = run(*inside("balancer", "nft", "list", "counter", "ip", "quorvane", name)).stdout
+# What leaves the balancer.
+WATCH = """table ip watch {
+    counter sent_out { }
+    counter marked_out { }
+    chain leaving {
+        type filter hook postrouting priority 0;
+        udp dport 40000 counter name sent_out
+        udp dport 40000 meta mark != 0 counter name marked_out
+    }
+}
+"""
+
+
+def counted(name, table="quorvane"):
+    text = run(*inside("balancer", "nft", "list", "counter", "ip", table, name)).stdout
     return int(text.split("packets")[1].split()[0])
 
 
@@ -332,6 +345,7 @@ class SmallFleet(unittest.TestCase):
         cls.addClassCleanup(cls.folder.cleanup)
         build_network()
         run(*inside("balancer", "nft", "-f", str(FLEET / "quorvane.nft")))
+        run(*inside("balancer", "nft", "-f", "-"), text=WATCH)
         cls.fleet = Fleet(pathlib.Path(cls.folder.name))
 
     def split(self):
@@ -354,6 +368,10 @@ class SmallFleet(unittest.TestCase):
             # Nothing is missing behind the last packet: both sides have the same frames.
             self.assertEqual(len(sides), 2)
             self.assertEqual(len({end for _, end in sides}), 1)
+
+    def test_packets_leave_without_a_mark(self):
+        self.assertGreater(counted("sent_out", "watch"), 10_000)
+        self.assertEqual(counted("marked_out", "watch"), 0)
 
     def test_every_call_goes_to_the_node_of_its_bucket(self):
         plan = self.fleet.changes[0][2]
