@@ -118,7 +118,7 @@ def planned(weights, present, new_calls, buckets=BUCKETS):
 
 def elements_of(text, name):
     """The elements of a map in the output of `nft list`."""
-    found = re.search(r"map " + name + r" \{(.*?)(?:\}|\Z)", text, re.DOTALL)
+    found = re.search(r"map " + name + r" \{(.*?)\}", text, re.DOTALL)
     if not found:
         raise Mistake(f"there is no map '{name}'; expected is the output of "
                       "'nft list table ip quorvane'")
@@ -127,8 +127,18 @@ def elements_of(text, name):
         bucket = int(number, 0)
         if bucket >= BUCKETS:
             raise Mistake(f"map '{name}': bucket {bucket} is not one of 0 to {BUCKETS - 1}")
+        if bucket in elements:
+            raise Mistake(f"map '{name}': bucket {bucket} is there twice")
         elements[bucket] = node
     return elements
+
+
+def plan_of(text):
+    """The plan in the output of `nft list`."""
+    plan = Plan(elements_of(text, "buckets"), elements_of(text, "next"))
+    if text.count("{") != text.count("}"):  # The rest did not fit on the disk.
+        raise Mistake("the output of 'nft list table ip quorvane' is cut")
+    return plan
 
 
 def read_plan(path):
@@ -138,7 +148,7 @@ def read_plan(path):
     except (OSError, UnicodeDecodeError) as error:
         raise Mistake(f"{path}: {getattr(error, 'strerror', None) or error}") from None
     try:
-        return Plan(elements_of(text, "buckets"), elements_of(text, "next"))
+        return plan_of(text)
     except Mistake as mistake:
         raise Mistake(f"{path}: {mistake}") from None
 
@@ -149,9 +159,13 @@ def read_nodes(texts):
     for text in texts:
         address, _, weight = text.partition("=")
         try:
-            node = str(ipaddress.IPv4Address(address))
+            node = ipaddress.IPv4Address(address)
         except ValueError:
             raise Mistake(f"node '{text}': '{address}' is no IPv4 address") from None
+        if node.is_unspecified or node.is_loopback or node.is_link_local or node.is_multicast or \
+                node == ipaddress.IPv4Address(MASK):
+            raise Mistake(f"node '{text}': '{address}' is no address of another machine")
+        node = str(node)
         if "=" in text and not re.fullmatch(r"\d{1,9}", weight, re.ASCII):
             raise Mistake(f"node '{text}': the weight '{weight}' is no whole number from 0 to "
                           "999999999")

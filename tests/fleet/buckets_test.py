@@ -201,9 +201,17 @@ class TheScript(unittest.TestCase):
                                   "bucket began to move")
         self.assertEqual(said[1], f"{uuids[1]}  bucket 21  {A}")
 
+    def refused_map(self, text):
+        with self.assertRaises(buckets.Mistake) as caught:
+            buckets.plan_of(text)
+        return str(caught.exception)
+
     def test_names_what_is_wrong_with_a_node(self):
         self.assertEqual(self.refused("1.2.3"), "node '1.2.3': '1.2.3' is no IPv4 address")
         self.assertEqual(self.refused("::1"), "node '::1': '::1' is no IPv4 address")
+        for address in ("0.0.0.0", "127.0.0.1", "224.0.0.1", "255.255.255.255", "169.254.0.1"):
+            self.assertEqual(self.refused(address),
+                             f"node '{address}': '{address}' is no address of another machine")
         for weight in ("", "-1", "1.5", "x", "1000000000", "²"):
             self.assertEqual(self.refused(f"{A}={weight}"), f"node '{A}={weight}': the weight "
                              f"'{weight}' is no whole number from 0 to 999999999")
@@ -226,6 +234,10 @@ class TheScript(unittest.TestCase):
         self.assertEqual(self.refused(A, "--present", "-",
                                       present=LISTED % (f"0x00000040 : {A}", "")),
                          "-: map 'buckets': bucket 64 is not one of 0 to 63")
+        whole = listed(fresh({A: 1, B: 1}))
+        for length in range(len(whole.rstrip())):
+            self.assertRegex(self.refused_map(whole[:length]), "no map|is cut")
+        self.assertRegex(self.refused_map(whole.replace("7 : ", "6 : ", 1)), "bucket 6 is there twice")
         self.assertEqual(self.refused(A, "--new-calls"),
                          "--new-calls needs the present maps: --present")
         self.assertEqual(self.refused("--where", "x"), "--where needs --present and no nodes")
