@@ -5,21 +5,27 @@
 
 namespace qv::node {
 
-void AudioQueue::push(EngineChunk chunk) {
+bool AudioQueue::push(EngineChunk chunk) {
+    const bool first = waiting_.empty();
     bytes_ += chunk.size();
     waiting_.push_back(std::move(chunk));
     drop();
+    return first;
 }
 
 AudioQueue::Batch AudioQueue::take(Clock::time_point now) {
     Batch batch;
     std::uint64_t bytes = 0;
-    while (has_ready(now) && bytes < BATCH_BYTES && batch.size() < BATCH_CHUNKS) {
+    const bool ready = has_ready(now);
+    while (ready && !waiting_.empty() && bytes < BATCH_BYTES && batch.size() < BATCH_CHUNKS) {
         bytes += waiting_.front().size();
         batch.push_back(std::move(waiting_.front()));
         waiting_.pop_front();
     }
     under_way_ = batch.size();
+    if (waiting_.empty()) {
+        next_ = now + PACE;
+    }
     return batch;
 }
 

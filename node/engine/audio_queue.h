@@ -1,6 +1,7 @@
 // The chunks of audio that the message system has not yet taken, in order, up to a bound.
 //
-// They are sent in batches, one at a time. If the chunks exceed the bound, the oldest that is not
+// They are sent in batches, one at a time and not too often, because each wakes threads here and at
+// the server. If the chunks exceed the bound, the oldest that is not
 // under way is dropped. Belongs to one thread at a time; the publisher guards it with its lock.
 #pragma once
 
@@ -20,10 +21,12 @@ class AudioQueue {
 
     explicit AudioQueue(std::uint64_t most_bytes) : most_bytes_(most_bytes) {}
 
-    void push(EngineChunk chunk);
+    // Returns whether next() has changed.
+    bool push(EngineChunk chunk);
 
-    // Whether take() would return chunks.
-    bool has_ready(Clock::time_point now) const { return !waiting_.empty() && now >= next_; }
+    // When take() will return chunks. In the far future if none waits.
+    Clock::time_point next() const { return waiting_.empty() ? Clock::time_point::max() : next_; }
+    bool has_ready(Clock::time_point now) const { return now >= next(); }
     // Returns the oldest chunks, which are under way until sent() or put_back().
     Batch take(Clock::time_point now);
 
@@ -41,6 +44,8 @@ class AudioQueue {
 
     static constexpr std::uint64_t BATCH_BYTES = 512ULL * 1024;
     static constexpr std::size_t BATCH_CHUNKS = 512;
+    // Between two batches, unless the first is as large as a batch may be.
+    static constexpr std::chrono::milliseconds PACE{5};
 
   private:
     void drop();

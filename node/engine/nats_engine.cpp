@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <random>
 #include <utility>
@@ -109,11 +110,14 @@ void Engine::push(EngineEvent event) {
 }
 
 void Engine::push(EngineChunk chunk) {
+    bool sooner = false;
     {
         const LockGuard lock(mutex_);
-        audio_.push(std::move(chunk));
+        sooner = audio_.push(std::move(chunk));
     }
-    work_.notify_one();
+    if (sooner) {
+        work_.notify_one();
+    }
 }
 
 void Engine::add(const EventQueue::Event& event) {
@@ -221,8 +225,9 @@ void Engine::stream_created(const std::string& name) {
 // Returns false at the end.
 bool Engine::wait_for_work() {
     const LockGuard lock(mutex_);
-    const auto until = Clock::now() + TICK;
-    while (!stopping_ && answers_.empty() && !has_work() && work_.wait_until(mutex_, until)) {
+    const auto tick = Clock::now() + TICK;
+    while (!stopping_ && answers_.empty() && !has_work() && Clock::now() < tick) {
+        work_.wait_until(mutex_, connected_ ? std::min(tick, audio_.next()) : tick);
     }
     if (queue_.send_again(Clock::now() - ANSWER_TIME) != 0 && connected_) {
         unanswered_ = true;

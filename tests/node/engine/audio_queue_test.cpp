@@ -98,6 +98,24 @@ TEST_F(AudioQueueTest, ChunkThatCanNeverBeSentIsLostOnce) {
     EXPECT_EQ(queue_.bytes(), 0U);
 }
 
+TEST_F(AudioQueueTest, BatchesKeepTheirPaceUnlessMoreWaits) {
+    EXPECT_EQ(queue_.next(), Clock::time_point::max());
+    EXPECT_TRUE(queue_.push(chunk(1)));
+    EXPECT_EQ(sequences(queue_.take(now_)), "1 ");
+    EXPECT_TRUE(queue_.push(chunk(2)));
+    EXPECT_FALSE(queue_.push(chunk(3)));
+    EXPECT_TRUE(queue_.take(now_).empty());
+    EXPECT_EQ(queue_.next(), now_ + AudioQueue::PACE);
+    EXPECT_EQ(sequences(queue_.take(now_ + AudioQueue::PACE)), "2 3 ");
+
+    AudioQueue full{std::uint64_t{1} << 30};
+    for (std::size_t sequence = 1; sequence <= AudioQueue::BATCH_CHUNKS + 1; ++sequence) {
+        full.push(chunk(sequence));
+    }
+    full.sent(full.take(now_));
+    EXPECT_EQ(full.take(now_).size(), 1U);
+}
+
 TEST_F(AudioQueueTest, BatchIsBounded) {
     AudioQueue queue{std::uint64_t{1} << 30};
     for (std::size_t sequence = 1; sequence <= AudioQueue::BATCH_CHUNKS + 1; ++sequence) {
