@@ -69,13 +69,13 @@ if [ -n "$nats" ]; then
     server_pid=$!
     url=$(wait_for 'client connections on .*' "$work/server.log" | grep -o '[^ ]*$')
     case $nats in audio) echo "audio = yes" ;; *) echo "audio = no" ;; esac >"$work/nats.conf"
-    to_nats=(--nats "$url" --nats-config "$work/nats.conf" --metrics 127.0.0.1:0)
+    to_nats=(--nats "$url" --nats-config "$work/nats.conf")
 fi
 receiver=(taskset -c 0) verb=send
 [ -z "$threads" ] || receiver=() verb=singly
 "${receiver[@]}" "${preload[@]}" "$build/quorvane-node" --listen 127.0.0.1:0 --output "$folder" \
-    --quiet --threads "${threads:-1}" --calls "$calls" --idle-exit 20 --overwrite "${to_nats[@]}" \
-    >"$work/node.log" 2>&1 &
+    --quiet --threads "${threads:-1}" --calls "$calls" --idle-exit 20 --overwrite \
+    --metrics 127.0.0.1:0 "${to_nats[@]}" >"$work/node.log" 2>&1 &
 node_pid=$!
 port=$(wait_for 'listening on .*' "$work/node.log" | grep -o '127[^ ]*' | cut -d: -f2)
 [ -z "$nats" ] || wait_for "nats stream" "$work/node.log" >/dev/null
