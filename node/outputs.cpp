@@ -22,10 +22,7 @@ namespace {
 
 constexpr Micros FRAME{250'000};
 constexpr Micros SECOND{1'000'000};
-constexpr std::chrono::seconds PATIENCE_WITH_COMMANDS{10};
 constexpr std::chrono::milliseconds A_MOMENT{50};
-constexpr std::chrono::seconds RETENTION_INTERVAL{60};
-constexpr std::chrono::seconds PATIENCE_WITH_RETENTION{5};
 constexpr std::size_t USUAL_OPEN_FILES = 8192;
 
 bool events_to_stdout(const Options& options) {
@@ -41,20 +38,14 @@ std::size_t open_files(const Options& options) {
     return std::min(wanted, possible > of_lanes ? possible - of_lanes : 1);
 }
 
-Micros clock_time(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return Micros(now.tv_sec * 1'000'000 + now.tv_nsec / 1000);
-}
-
 // The system's clock, even while a capture is read.
 Micros system_time() {
-    return clock_time(CLOCK_REALTIME);
+    return clock_now(CLOCK_REALTIME);
 }
 
 // Goes on while the machine sleeps.
 Micros uptime() {
-    return clock_time(CLOCK_BOOTTIME);
+    return clock_now(CLOCK_BOOTTIME);
 }
 
 std::string buffer_text(std::uint64_t granted, std::uint64_t wanted) {
@@ -69,16 +60,23 @@ std::string buffer_text(std::uint64_t granted, std::uint64_t wanted) {
 Outputs::Outputs(const Options& options, KeepWaiting keep_waiting)
     : options_(options),
       keep_waiting_(std::move(keep_waiting)),
-      readers_(!options.read.empty(), keep_waiting_),
+      patience_(!options.read.empty(), keep_waiting_),
       live_(options.live && options.read.empty() && !events_to_stdout(options) &&
             Terminal::present()),
       console_(events_to_stdout(options) ? STDERR_FILENO : STDOUT_FILENO),
       terminal_(console_),
       lines_(console_.lines()),
       folder_(std::make_unique<WavFolder>(options.folder, open_files(options), options.overwrite)),
-      events_({options.events, options.every_packet}, lines_, readers_) {
+      events_({options.events, options.every_packet}, lines_, patience_),
+      samples_(options.samples, lines_,
+               [this](const SampleReferences::Index& samples) {
+                   for (const auto& lane : lanes_) {
+                       lane->set_samples(samples);
+                   }
+               }),
+      engine_(options.engine, lines_) {
     lines_.show_dates();
-    console_.wait_for_room([this] { return readers_.waits_for_room(); });
+    console_.wait_for_room([this] { return patience_.waits_for_room(); });
 }
 
 std::string Outputs::open_folder() {
@@ -94,7 +92,7 @@ std::string Outputs::open_reports() {
     std::string error = events_.open();
     events_.reopen_with(reloads_);
     if (error.empty()) {
-        error = open_engine();
+        error = engine_.open(events_);
     }
     if (error.empty()) {
         error = open_metrics();
@@ -106,7 +104,8 @@ std::string Outputs::open_reports() {
         error = open_sender();
     }
     if (error.empty()) {
-        error = open_samples();
+        error = samples_.open();
+        samples_.reload_with(reloads_);
     }
     if (error.empty()) {
         build();
@@ -114,79 +113,8 @@ std::string Outputs::open_reports() {
     return error;
 }
 
-std::string Outputs::open_samples() {
-    if (options_.samples.empty()) {
-        return {};
-    }
-    const auto load = [folder = options_.samples] { return analysis::load_folder(folder); };
-    std::string error;
-    samples_ = loaded(analysis::load_now(load), error);
-    sample_loader_ = std::make_unique<analysis::SampleLoader>(load);
-    reloads_.add(
-        "folder of samples " + options_.samples, [this] { sample_loader_->begin(); },
-        [this] { return take_samples(); });
-    return error;
-}
-
-// Names the files that are refused. If no reference is left, it returns null and says why.
-std::shared_ptr<const analysis::SampleIndex> Outputs::loaded(
-    const analysis::SampleLoader::Result& result, std::string& error) {
-    error = result.error;
-    if (!error.empty()) {
-        return nullptr;
-    }
-    for (const analysis::SampleFolder::Refusal& refusal : result.folder.refused) {
-        lines_.say("sample refused", quoted_text(refusal.file) + ": " + refusal.reason);
-    }
-    const auto& index = result.folder.index;
-    if (index->size() == 0) {
-        error =
-            "no sample to look for in " + options_.samples +
-            (result.folder.refused.empty() ? ": it holds no WAV file" : ": every file was refused");
-        return nullptr;
-    }
-    lines_.say("samples",
-               counted(index->size(), "sample") + " of " + options_.samples + " to look for");
-    return index;
-}
-
-// Returns nullopt while they are still loaded, and otherwise why they cannot be used.
-std::optional<std::string> Outputs::take_samples() {
-    const auto result = sample_loader_->take();
-    if (!result.has_value()) {
-        return std::nullopt;
-    }
-    std::string error;
-    if (auto samples = loaded(*result, error)) {
-        samples_ = samples;
-        for (const auto& lane : lanes_) {
-            lane->set_samples(samples);
-        }
-    }
-    return error;
-}
-
 Services Outputs::services() const {
-    return {true, samples_ != nullptr, options_.limits.services.recording};
-}
-
-std::string Outputs::open_engine() {
-    if (options_.engine.urls.empty()) {
-        return {};
-    }
-    std::string error;
-    publisher_ = make_publisher(options_.engine, error);
-    if (publisher_ == nullptr) {
-        return "cannot use --nats: " + error;
-    }
-    events_.copy_to(
-        [this](const std::string& kind, const std::string& call, const std::string& text) {
-            publisher_->push(EngineEvent{call.empty() ? NO_CALL : call, kind, text});
-        });
-    if (options_.engine.audio) {
-        audio_stream_ = std::make_unique<AudioStream>(*publisher_, options_.engine.chunk_ms);
-    }
-    return {};
+    return {true, samples_.index() != nullptr, options_.limits.services.recording};
 }
 
 std::string Outputs::open_metrics() {
@@ -250,8 +178,8 @@ void Outputs::build() {
                                        [folder = options_.folder] { return sync_folder(folder); });
     }
 
-    if (audio_stream_ != nullptr) {
-        after_lane_.push_back(audio_stream_.get());
+    if (engine_.audio() != nullptr) {
+        after_lane_.push_back(engine_.audio());
     }
     if (!live_ && !options_.quiet) {
         after_lane_.push_back(&lines_);
@@ -263,18 +191,20 @@ void Outputs::build() {
         after_lane_.push_back(reports_.get());
     }
     if (!options_.on_end.empty()) {
-        end_command_ = std::make_unique<EndCommand>(
-            EndCommand::Options{options_.on_end, options_.on_end_running},
-            [this](const std::string& what) { lines_.say("command failed", what); });
-        after_lane_.push_back(end_command_.get());
+        commands_ = std::make_unique<CommandOutput>(
+            EndCommand::Options{options_.on_end, options_.on_end_running}, lines_);
+        after_lane_.push_back(commands_->listener());
     }
     if (web_ != nullptr) {
         after_lane_.push_back(&web_->call_listener());
     }
     notices_ = std::make_unique<Notices>(lines_, events_.log(), live_);
     if (options_.keep.any()) {
-        retention_ = std::make_unique<Retention>(
-            Retention::Options{options_.folder, options_.name, options_.keep, system_time, uptime});
+        retention_ = std::make_unique<RetentionOutput>(
+            Retention::Options{options_.folder, options_.name, options_.keep, system_time, uptime},
+            RetentionOutput::Names{[this] { return file_names_->present_stems(); },
+                                   [this](const std::string& name) { store_->forget_name(name); }},
+            *notices_);
     }
 }
 
@@ -282,7 +212,7 @@ void Outputs::build() {
 LaneOutputs& Outputs::add_lane() {
     LaneOutputs::Options lane;
     lane.analysis.activity = options_.activity;
-    lane.analysis.samples = samples_;
+    lane.analysis.samples = samples_.index();
     lane.analysis.most_waiting /= options_.threads;
     lane.most_held = Analyser::MOST_HELD / options_.threads;
     lane.pace = options_.read.empty() ? Analyser::Pace::LIVE : Analyser::Pace::PATIENT;
@@ -443,7 +373,9 @@ void Outputs::begin(const NodeFigures& figures) {
         lines_.say("page", web_->url());
     }
     notices_->left_behind(leftovers_);
-    remove_old_files();
+    if (retention_ != nullptr) {
+        retention_->update(std::chrono::steady_clock::now());
+    }
     events_.flush();
     lines_.flush();
     if (live_) {
@@ -457,8 +389,8 @@ void Outputs::begin(const NodeFigures& figures) {
 void Outputs::update(NodeFigures figures, Micros now) {
     add_figures(figures);
     notices_->overflowed(figures.overflowed);
-    if (end_command_ != nullptr) {
-        end_command_->poll();
+    if (commands_ != nullptr) {
+        commands_->poll();
     }
     const bool reloaded =
         reloads_.update([this](const std::string& what, const std::string& error) {
@@ -467,7 +399,7 @@ void Outputs::update(NodeFigures figures, Micros now) {
         });
     reloaded_ = reloaded_ || reloaded;
     report_lost_output();
-    report_engine();
+    engine_.report();
     lines_.flush();
     events_.flush();
     if (live_) {
@@ -478,7 +410,9 @@ void Outputs::update(NodeFigures figures, Micros now) {
     }
     last_second_ = now;
     report_sync();
-    remove_old_files();
+    if (retention_ != nullptr) {
+        retention_->update(std::chrono::steady_clock::now());
+    }
     // Once a second, so that a flood of calls does not cause a flood of lines.
     notices_->losses(figures);
     if (metrics_port_ != nullptr || web_ != nullptr) {
@@ -521,27 +455,33 @@ void Outputs::finish(NodeFigures figures) {
         web_->close();
     }
     if (retention_ != nullptr) {
-        retention_->end(std::chrono::steady_clock::now() + PATIENCE_WITH_RETENTION);
-        report_removed();
+        retention_->finish();
     }
     failed_ = failed_ || not_converted_;
     add_figures(figures);
     notices_->overflowed(figures.overflowed);
     notices_->losses(figures);
     events_.flush();
-    finish_commands();
+    if (commands_ != nullptr) {
+        commands_->finish(patience_);
+    }
     report_sync();
-    finish_engine();
+    engine_.finish(patience_, *notices_);
     failed_ = failed_ || figures.dropped_bytes != 0;
     failed_ = failed_ || figures.totals.file_errors != 0;
     const LostEvents lost = events_.finish();
     lines_.flush();
-    readers_.wait_until([this](auto until) { return console_.wait(until); });
+    patience_.wait_for_reader([this](auto until) { return console_.wait(until); });
     report_lost_output();
     figures.lost_lines = console_.lost_lines();
     print_summary(lines_, figures, lost);
     lines_.flush();
-    readers_.wait_until([this](auto until) { return console_.wait(until); });
+    patience_.wait_for_reader([this](auto until) { return console_.wait(until); });
+}
+
+bool Outputs::failed() const {
+    return failed_ || events_.failed() || engine_.failed() ||
+           (commands_ != nullptr && commands_->failed());
 }
 
 // Reports the lines that were dropped while nobody read this output.
@@ -550,23 +490,6 @@ void Outputs::report_lost_output() {
     if (lines != 0) {
         lines_.say("lines lost", grouped(lines) + ": nothing read this output");
     }
-}
-
-void Outputs::finish_commands() {
-    if (end_command_ == nullptr) {
-        return;
-    }
-    const auto until = std::chrono::steady_clock::now() + PATIENCE_WITH_COMMANDS;
-    std::uint64_t left = end_command_->finish(A_MOMENT);
-    while (left + end_command_->running() != 0 && keep_waiting_() &&
-           std::chrono::steady_clock::now() < until) {
-        left = end_command_->finish(A_MOMENT);
-    }
-    const EndCommand::Counts& counts = end_command_->counts();
-    if (left + counts.skipped != 0) {
-        lines_.say("command not run", "after " + counted(left + counts.skipped, "call"));
-    }
-    failed_ = failed_ || left + counts.skipped + counts.failed != 0;
 }
 
 // Reported once, because every write fails while a folder is missing.
@@ -578,63 +501,11 @@ void Outputs::report_sync() {
     }
 }
 
-void Outputs::remove_old_files() {
-    if (retention_ == nullptr) {
-        return;
-    }
-    report_removed();
-    const auto now = std::chrono::steady_clock::now();
-    if (!retained_at_.has_value() || now - *retained_at_ >= RETENTION_INTERVAL) {
-        retained_at_ = now;
-        retention_->begin(file_names_->present_stems());
-    }
-}
-
-void Outputs::report_removed() {
-    const RetentionResult result = retention_->take();
-    for (const RemovedCall& call : result.removed) {
-        removed_calls_ += call.error.empty() ? 1 : 0;
-        removed_bytes_ += call.bytes;
-        for (const std::string& file : call.files) {
-            store_->forget_name(wav_name(file));
-        }
-    }
-    notices_->removed(result);
-}
-
-void Outputs::report_engine() {
-    if (publisher_ == nullptr) {
-        return;
-    }
-    for (const auto& [what, details] : publisher_->take_news()) {
-        lines_.say(what, details);
-    }
-}
-
-void Outputs::finish_engine() {
-    if (publisher_ == nullptr) {
-        return;
-    }
-    const auto until = std::chrono::steady_clock::now() +
-                       std::chrono::duration<double>(options_.engine.exit_wait_s);
-    while (!publisher_->wait(A_MOMENT) && keep_waiting_() &&
-           std::chrono::steady_clock::now() < until) {
-    }
-    const Publisher::Left left = publisher_->finish();
-    report_engine();
-    const EngineFigures figures = publisher_->figures();
-    notices_->nats_lost(figures);
-    if (left.events + left.chunks != 0) {
-        lines_.say("not sent to nats", counted(left.events, "event") + " and " +
-                                           counted(left.chunks, "chunk") +
-                                           " of audio: no server took them before the end");
-    }
-    failed_ = failed_ || left.events + left.chunks + figures.lost_events + figures.lost_chunks != 0;
-}
-
 void Outputs::add_figures(NodeFigures& figures) const {
-    figures.removed_calls = removed_calls_;
-    figures.removed_bytes = removed_bytes_;
+    if (retention_ != nullptr) {
+        figures.removed_calls = retention_->removed_calls();
+        figures.removed_bytes = retention_->removed_bytes();
+    }
     const BackgroundStore::Figures files = store_->figures();
     figures.open_files = files.open_files;
     figures.waiting_bytes = files.waiting_bytes;
@@ -645,9 +516,7 @@ void Outputs::add_figures(NodeFigures& figures) const {
     if (reports_ != nullptr) {
         figures.reports = reports_->figures();
     }
-    if (publisher_ != nullptr) {
-        figures.engine = publisher_->figures();
-    }
+    figures.engine = engine_.figures();
 }
 
 }  // namespace qv::node

@@ -11,29 +11,27 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "node/analysis/analyser.h"
-#include "node/analysis/sample_loader.h"
 #include "node/audio/audio_files.h"
 #include "node/audio/background_store.h"
 #include "node/audio/disk_sync.h"
 #include "node/audio/file_names.h"
-#include "node/audio/retention.h"
 #include "node/audio/task_thread.h"
 #include "node/calls/call_listener.h"
-#include "node/engine/publisher.h"
 #include "node/lane_outputs.h"
 #include "node/options.h"
+#include "node/outputs/command_output.h"
+#include "node/outputs/engine_output.h"
 #include "node/outputs/event_output.h"
-#include "node/outputs/reader_wait.h"
+#include "node/outputs/patience.h"
 #include "node/outputs/reload_list.h"
-#include "node/report/audio_stream.h"
+#include "node/outputs/retention_output.h"
+#include "node/outputs/sample_references.h"
 #include "node/report/console.h"
-#include "node/report/end_command.h"
 #include "node/report/figures.h"
 #include "node/report/line_report.h"
 #include "node/report/live_view.h"
@@ -49,7 +47,7 @@ namespace qv::node {
 
 class Outputs {
   public:
-    using KeepWaiting = ReaderWait::KeepWaiting;
+    using KeepWaiting = Patience::KeepWaiting;
 
     // The standard output receives the lines or the events, and the standard error the lines when
     // the standard output receives events. A capture is read only as fast as the outputs take what
@@ -86,7 +84,7 @@ class Outputs {
     bool take_reloaded() { return std::exchange(reloaded_, false); }
     // The program has been asked to end: from now on, readers are waited for only for a short time,
     // also if a capture is read.
-    void hurry() { readers_.hurry(); }
+    void hurry() { patience_.hurry(); }
     // Call it after all calls have ended. Writes everything that is still waiting, and the summary.
     void finish(NodeFigures figures);
 
@@ -101,17 +99,12 @@ class Outputs {
     void give_up_files();
 
     // Whether a file or an event could not be written.
-    bool failed() const { return failed_ || events_.failed(); }
+    bool failed() const;
 
   private:
-    std::string open_engine();
     std::string open_metrics();
     std::string open_web();
     std::string open_sender();
-    std::string open_samples();
-    std::shared_ptr<const analysis::SampleIndex> loaded(
-        const analysis::SampleLoader::Result& result, std::string& error);
-    std::optional<std::string> take_samples();
     void build();
     void build_store();
     FileNames::Options file_name_options() const;
@@ -120,17 +113,12 @@ class Outputs {
     void show_live(const NodeFigures& figures, Micros now);
     void report_sync();
     void report_lost_output();
-    void remove_old_files();
-    void report_removed();
-    void report_engine();
-    void finish_engine();
-    void finish_commands();
     std::string waits_for() const;
     void add_figures(NodeFigures& figures) const;
 
     const Options& options_;
     const KeepWaiting keep_waiting_;
-    ReaderWait readers_;
+    Patience patience_;
     const bool live_;  // The live view owns the terminal.
     Console console_;
     Terminal terminal_;
@@ -141,30 +129,24 @@ class Outputs {
     std::unique_ptr<BackgroundStore> store_;
     std::unique_ptr<TaskThread> tasks_;       // Works on complete files.
     std::atomic<bool> not_converted_{false};  // A file; any thread may set it.
-    std::unique_ptr<Retention> retention_;    // Null unless requested.
-    // When it last began to look at the folder.
-    std::optional<std::chrono::steady_clock::time_point> retained_at_;
-    std::uint64_t removed_calls_ = 0;
-    std::uint64_t removed_bytes_ = 0;
-    std::vector<LeftoverFile> leftovers_;  // Files of killed runs.
-    std::unique_ptr<DiskSync> disk_sync_;  // Null unless requested.
+    std::vector<LeftoverFile> leftovers_;     // Files of killed runs.
+    std::unique_ptr<DiskSync> disk_sync_;     // Null unless requested.
     bool sync_failed_ = false;
     bool syncing_ = false;  // The last flush goes on.
     bool ending_shown_ = false;
     EventOutput events_;
+    SampleReferences samples_;
+    EngineOutput engine_;
     ReloadList reloads_;
     bool reloaded_ = false;
-    std::unique_ptr<analysis::SampleLoader> sample_loader_;
     std::unique_ptr<ReportSender> reports_;  // These are null unless requested.
-    std::unique_ptr<Publisher> publisher_;
-    std::unique_ptr<AudioStream> audio_stream_;
     Metrics metrics_;
     std::unique_ptr<MetricsPort> metrics_port_;
     std::unique_ptr<web::WebOutput> web_;
     std::unique_ptr<FileNames> file_names_;
-    std::shared_ptr<const analysis::SampleIndex> samples_;  // Null without a folder.
-    std::unique_ptr<EndCommand> end_command_;
+    std::unique_ptr<CommandOutput> commands_;
     std::unique_ptr<Notices> notices_;
+    std::unique_ptr<RetentionOutput> retention_;
     // Those that all lanes share, in the order in which they are called.
     std::vector<CallListener*> before_lane_;
     std::vector<CallListener*> after_lane_;

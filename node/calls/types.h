@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "quorvane/media_packet.h"
@@ -35,6 +36,13 @@ using Micros = std::chrono::microseconds;
 
 inline Micros steady_now() {
     return std::chrono::duration_cast<Micros>(std::chrono::steady_clock::now().time_since_epoch());
+}
+
+// Of one of the system's clocks, such as CLOCK_REALTIME.
+inline Micros clock_now(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return std::chrono::seconds(now.tv_sec) + Micros(now.tv_nsec / 1000);
 }
 
 // When and from where a datagram came.

@@ -49,10 +49,10 @@ void EventOutput::reopen_with(ReloadList& reloads) {
 
 std::size_t EventOutput::take(std::string_view lines) {
     while (!outlet_->add(lines)) {
-        if (!readers_.waits_for_room()) {
+        if (!patience_.waits_for_room()) {
             return 0;
         }
-        outlet_->wait(ReaderWait::next_moment());
+        outlet_->wait(Patience::Clock::now() + Patience::A_MOMENT);
     }
     return lines.size();
 }
@@ -93,7 +93,7 @@ LostEvents EventOutput::finish() {
     if (outlet_ == nullptr) {
         return {};
     }
-    readers_.wait_until([this](auto until) {
+    patience_.wait_for_reader([this](auto until) {
         flush();
         return outlet_->wait(until) && log_->waiting() == 0;
     });

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "node/outputs/reader_wait.h"
+#include "node/outputs/patience.h"
 #include "node/outputs/reload_list.h"
 #include "node/report/event_log.h"
 #include "node/report/line_report.h"
@@ -27,9 +27,9 @@ class EventOutput {
         bool every_packet = false;  // Data packets are events, too.
     };
 
-    // The lines and the wait must outlive this object.
-    EventOutput(const Options& options, LineReport& lines, const ReaderWait& readers)
-        : options_(options), lines_(lines), readers_(readers) {}
+    // The lines and the patience must outlive this object.
+    EventOutput(const Options& options, LineReport& lines, const Patience& patience)
+        : options_(options), lines_(lines), patience_(patience) {}
 
     // Returns why the file cannot be used, or an empty text.
     std::string open();
@@ -58,7 +58,7 @@ class EventOutput {
 
     const Options options_;
     LineReport& lines_;
-    const ReaderWait& readers_;
+    const Patience& patience_;
     std::unique_ptr<TextOutlet> outlet_;  // Null without a file.
     std::unique_ptr<EventLog> log_;
     std::uint64_t reported_lost_ = 0;

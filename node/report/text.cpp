@@ -174,12 +174,7 @@ std::string time_of_day() {
 }
 
 Micros wall_time() {
-    if (reported_time.has_value()) {
-        return *reported_time;
-    }
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return Micros(now.tv_sec * SECOND + now.tv_nsec / 1000);
+    return reported_time.has_value() ? *reported_time : clock_now(CLOCK_REALTIME);
 }
 
 std::string local_date(Micros time) {

@@ -24,13 +24,13 @@ class EventOutputTest : public tests::FolderTest {
   protected:
     std::string open(const std::string& name) {
         output_ = std::make_unique<EventOutput>(EventOutput::Options{path(name), false}, lines_,
-                                                readers_);
+                                                patience_);
         return output_->open();
     }
     // Flushes until a line says so, at most for a long time.
     bool flushed_until(const std::string& what) {
-        const auto end = ReaderWait::Clock::now() + 30s;
-        while (said().find(what) == std::string::npos && ReaderWait::Clock::now() < end) {
+        const auto end = Patience::Clock::now() + 30s;
+        while (said().find(what) == std::string::npos && Patience::Clock::now() < end) {
             output_->flush();
             std::this_thread::sleep_for(1ms);
         }
@@ -40,12 +40,12 @@ class EventOutputTest : public tests::FolderTest {
 
     std::ostringstream text_;
     LineReport lines_{text_};
-    ReaderWait readers_{false, [] { return true; }};
+    Patience patience_{false, [] { return true; }};
     std::unique_ptr<EventOutput> output_;
 };
 
 TEST_F(EventOutputTest, WithoutAFileThereIsNoLog) {
-    EventOutput output({}, lines_, readers_);
+    EventOutput output({}, lines_, patience_);
     EXPECT_EQ(output.open(), "");
     EXPECT_EQ(output.log(), nullptr);
     output.flush();
@@ -67,7 +67,7 @@ TEST_F(EventOutputTest, EventsAreInTheFileAtTheEnd) {
 }
 
 TEST_F(EventOutputTest, EventsAreCopiedWithoutAFileToo) {
-    EventOutput output({}, lines_, readers_);
+    EventOutput output({}, lines_, patience_);
     ASSERT_EQ(output.open(), "");
     std::string kinds;
     output.copy_to([&kinds](const std::string& kind, const std::string& /*call*/,
@@ -95,7 +95,7 @@ TEST_F(EventOutputTest, FailureIsReportedOnceAndItsEndToo) {
 
 TEST_F(EventOutputTest, EventsThatNobodyHasReadAtTheEndAreLost) {
     ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
-    const ReaderWait none{false, [] { return false; }};
+    const Patience none{false, [] { return false; }};
     EventOutput output({path("pipe"), false}, lines_, none);
     ASSERT_EQ(output.open(), "");
     output.log()->overflow(7);
@@ -124,17 +124,17 @@ TEST_F(EventOutputTest, FileIsOpenedAgainOnRequest) {
     std::filesystem::create_directory(path("events"));
     reloads.request();
     std::string result;
-    const auto end = ReaderWait::Clock::now() + 30s;
+    const auto end = Patience::Clock::now() + 30s;
     while (!reloads.update([&result](const std::string& what, const std::string& error) {
         result = what + ": " + error;
-    }) && ReaderWait::Clock::now() < end) {
+    }) && Patience::Clock::now() < end) {
         std::this_thread::sleep_for(1ms);
     }
     EXPECT_EQ(result, "events file " + path("events") + ": Is a directory");
 }
 
 TEST_F(EventOutputTest, StandardOutputIsNotOpenedAgain) {
-    EventOutput output({"-", false}, lines_, readers_);
+    EventOutput output({"-", false}, lines_, patience_);
     ASSERT_EQ(output.open(), "");
     ReloadList reloads;
     output.reopen_with(reloads);
