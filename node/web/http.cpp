@@ -12,7 +12,8 @@ const std::vector<Header>& common_headers() {
     static const std::vector<Header> headers = {
         {"Cache-Control", "no-store"},
         {"X-Content-Type-Options", "nosniff"},
-        {"Referrer-Policy", "no-referrer"},
+        // With "no-referrer" browsers would send "Origin: null" with the form of the login.
+        {"Referrer-Policy", "same-origin"},
         {"Cross-Origin-Resource-Policy", "same-origin"},
         {"Cross-Origin-Opener-Policy", "same-origin"},
         {"X-Frame-Options", "DENY"},
