@@ -105,14 +105,13 @@ function timeline(call, address) {
 }
 
 function file_entry(file, address) {
-  const side = file.call_side && file.call_side !== "both" ? file.call_side
-             : file.kind in KINDS ? "both sides" : file.kind;
+  const side = file.call_side === "both" ? "both sides" : file.call_side ?? file.kind;
   const name = foreign(file.name, {class: "file_name"});
   const download = element("a", {href: address, download: file.name, class: "download"},
                            "Download", unseen(" " + visible(file.name)));
   const entry = element("li", {},
                         element("div", {class: "file_head"},
-                                element("strong", {}, side[0].toUpperCase() + side.slice(1)), name,
+                                element("strong", {}, side), name,
                                 element("span", {class: "size"}, bytes(file.bytes)), download));
   if (file.kind in KINDS) {
     const player = element("audio", {controls: "", preload: "none", src: address,

@@ -9,7 +9,7 @@ import {CallTable} from "./table.js";
 import {SIDE_NAMES, count, counted, set_text, visible} from "./text.js";
 
 const TICK_MS = 250;
-const NEWS_MS = 1200;  // Screen readers hear the last of several news.
+const NEWS_MS = 1200;  // Of several news, screen readers hear the last.
 
 const by_id = (id) => document.getElementById(id);
 const calls = new Calls();
@@ -36,7 +36,6 @@ const table = new CallTable(by_id("table"), calls, {
   on_watch: () => watch(),
 });
 const ended = new EndedList(by_id("ended_scroll"), calls, open_ended);
-let watched_rows = [];
 
 // What the node sends.
 
@@ -61,10 +60,8 @@ function greet({version, node, login}) {
 
 function update_calls(message) {
   calls.update(message);
-  const set_changed = message.reset || message.removed?.length || message.finished?.length ||
-                      message.calls?.some((call) => !table.places.has(call.id));
   table.changed();
-  if (set_changed || message.finished?.length) {
+  if (message.reset || message.finished?.length) {
     ended.render();
   }
   show_counts();

@@ -58,7 +58,6 @@ export class CallTable {
     this.none = element("p", {class: "none", hidden: ""});
     this.root.append(element("div", {role: "rowgroup", class: "heads"}, head), this.body);
     this.root.after(this.none);
-    this.root.setAttribute("aria-colcount", HEADERS.length + 1);
 
     this.body.addEventListener("click", (event) => this.clicked(event));
     this.body.addEventListener("keydown", (event) => this.pressed(event));
@@ -101,6 +100,13 @@ export class CallTable {
     this.schedule();
   }
 
+  reorder_if_due() {
+    if (this.stale && (this.places.size === 0 ||
+                       performance.now() - this.ordered_at >= REORDER_MS)) {
+      this.reorder();
+    }
+  }
+
   schedule() {
     this.frame ??= requestAnimationFrame(() => {
       this.frame = null;
@@ -110,9 +116,7 @@ export class CallTable {
 
   // To be called a few times a second.
   tick() {
-    if (this.stale && performance.now() - this.ordered_at >= REORDER_MS) {
-      this.reorder();
-    }
+    this.reorder_if_due();
     this.write_texts();
   }
 
@@ -133,10 +137,7 @@ export class CallTable {
   }
 
   render() {
-    if (this.stale && (this.places.size === 0 ||
-                       performance.now() - this.ordered_at >= REORDER_MS)) {
-      this.reorder();
-    }
+    this.reorder_if_due();
     const height = this.row_height();
     this.body.style.height = this.order.length * height + "px";
     this.root.setAttribute("aria-rowcount", this.order.length + 1);
@@ -296,7 +297,6 @@ export class CallTable {
     }
     const place = this.places.get(id) ?? 0;
     const row = this.rows.get(id);
-    const on_button = event.target !== row.root;
     const keys = {
       ArrowDown: () => this.go_to(place + 1),
       ArrowUp: () => this.go_to(place - 1),
@@ -307,10 +307,13 @@ export class CallTable {
       ArrowRight: () => row.button.focus(),
       ArrowLeft: () => row.root.focus(),
       l: () => this.on_listen(id),
-      ...(on_button ? {} : {Enter: () => this.on_open(id), " ": () => this.on_open(id)}),
+      Enter: () => this.on_open(id),
+      " ": () => this.on_open(id),
     };
-    const action = keys[event.key.length === 1 ? event.key.toLowerCase() : event.key];
-    if (action) {
+    const key = event.key.length === 1 ? event.key.toLowerCase() : event.key;
+    const action = keys[key];
+    // The button has these two for itself.
+    if (action && (event.target === row.root || (key !== "Enter" && key !== " "))) {
       event.preventDefault();
       action();
     }
