@@ -102,6 +102,11 @@ class NatsLoginTest(unittest.TestCase):
         node.stop()
         self.assertNotIn("nats connected", node.text())
 
+    def test_node_shows_a_shared_token(self):
+        server = self.server('authorization { token: "t0ken" }\n')
+        self.assert_works(server, "token = t0ken\n")
+        self.assert_refused(server, "token = other\n")
+
     def test_node_signs_with_its_key(self):
         key, stranger = Key(self.home, USER), Key(self.home, USER)
         server = self.server("authorization { users: [ { nkey: %s } ] }\n" % key.public)

@@ -338,6 +338,38 @@ class NatsTest(Fixture):
         self.assertEqual(node.stop(), 0)
         self.assert_all_stored(server)
 
+    def test_stream_has_the_limits_of_the_settings(self):
+        server = self.server()
+        settings = "stream = mine\nstream_size = 7\nstream_age = 0.5\nduplicates = 90\n"
+        for text, expected in (("", ("quorvane-events", 1 << 30, 7 * 24 * 3600, 600)),
+                               (settings, ("mine", 7 << 20, 1800, 90))):
+            node = self.node(*self.settings(text), url=server.url)
+            node.wait_for("nats stream")
+            self.assertEqual(node.stop(), 0)
+            client = Client(server.url)
+            self.addCleanup(client.socket.close)
+            found = client.request(f"$JS.API.STREAM.INFO.{expected[0]}", {})["config"]
+            self.assertEqual((found["name"], found["max_bytes"], found["max_age"] / 1e9,
+                              found["duplicate_window"] / 1e9), expected)
+            self.assertEqual((found["subjects"], found["storage"], found["num_replicas"]),
+                             (["quorvane.events.>"], "file", 1))
+            client.request(f"$JS.API.STREAM.DELETE.{expected[0]}", {})
+
+    def test_stream_is_left_to_the_user_if_the_settings_say_so(self):
+        server = self.server()
+        node = self.node("--rate", "8000", *self.settings("create_stream = no\n"), url=server.url)
+        node.wait_for("events not taken +no stream takes them")
+        node.talk([1], 5)
+        client = Client(server.url)
+        self.addCleanup(client.socket.close)
+        self.assertEqual(client.request("$JS.API.STREAM.NAMES", {})["total"], 0)
+        client.request("$JS.API.STREAM.CREATE.mine",
+                       {"name": "mine", "subjects": ["quorvane.events.>"]})
+        node.wait_for("events are taken again")
+        self.assertEqual(node.stop(), 0)
+        self.assertEqual(client.request("$JS.API.STREAM.NAMES", {})["streams"], ["mine"])
+        self.assertNotIn("nats stream", node.text())
+
     def test_what_does_not_fit_is_dropped_and_reported(self):
         port = free_ports(1)[0]
         node = self.node("--nats-queue", "1", "--packets", "--metrics", "0", "--rate", "8000",
@@ -414,8 +446,8 @@ class NatsTest(Fixture):
         self.assertNotIn("s3cret", node.text())
         self.assertEqual(node.stop(), 0)
 
-    @unittest.skipIf(shutil.which("openssl") is None, "openssl is not installed")
-    def test_connection_is_encrypted_and_both_ends_show_certificates(self):
+    def certificates(self):
+        """A certificate of localhost, its key, and the certificate of who signed it."""
         def openssl(*arguments):
             subprocess.run(["openssl", *map(str, arguments)], check=True, capture_output=True)
 
@@ -428,6 +460,11 @@ class NatsTest(Fixture):
         openssl("x509", "-req", "-in", files["request"], "-CA", files["ca"], "-CAkey",
                 files["cakey"], "-CAcreateserial", "-days", "2", "-copy_extensions", "copy",
                 "-out", files["cert"])
+        return files
+
+    @unittest.skipIf(shutil.which("openssl") is None, "openssl is not installed")
+    def test_connection_is_encrypted_and_both_ends_show_certificates(self):
+        files = self.certificates()
         server = self.server(extra="tls { cert_file: \"%s\", key_file: \"%s\", ca_file: \"%s\", "
                                    "verify: true }\n" % (files["cert"], files["key"], files["ca"]))
         url = f"tls://127.0.0.1:{server.port}"
@@ -441,6 +478,25 @@ class NatsTest(Fixture):
         node.send_call()
         node.wait_for("nats stream")
         self.assertEqual(node.stop(), 0)
+
+    @unittest.skipIf(shutil.which("openssl") is None, "openssl is not installed")
+    def test_certificate_must_have_the_name_of_the_server(self):
+        files = self.certificates()
+        server = self.server(extra='tls { cert_file: "%s", key_file: "%s" }\n' %
+                                   (files["cert"], files["key"]))
+        for name, right in (("localhost", True), ("other.example", False)):
+            node = self.node(*self.settings(f"ca = {files['ca']}\nserver_name = {name}\n"
+                                            "exit_wait = 0\n"), url=server.url)
+            node.wait_for("nats connected" if right else "nats trouble")
+            node.stop()
+            self.assertEqual("nats connected" in node.text(), right)
+
+    def test_server_without_tls_is_refused_if_the_settings_demand_it(self):
+        server = self.server()
+        node = self.node(*self.settings("tls = yes\nexit_wait = 0\n"), url=server.url)
+        node.wait_for("nats trouble")
+        node.stop()
+        self.assertNotIn("nats connected", node.text())
 
     def test_tls_url_is_never_used_without_encryption(self):
         listener = socket.create_server(("127.0.0.1", 0))
