@@ -62,11 +62,10 @@ std::uint64_t number_of(const fs::path& path) {
 }  // namespace
 
 EventSpool::~EventSpool() {
-    for (const auto& [number, file] : files_) {
-        ::close(file.descriptor);
-    }
-    if (lock_ >= 0) {
-        ::close(lock_);
+    for (const int descriptor : {growing_, lock_}) {
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
     }
 }
 
@@ -125,11 +124,11 @@ std::string EventSpool::read(const std::string& path,
     if (stream.bad()) {  // What follows is unread, not cut.
         return path + ": " + error_text();
     }
-    File file{path, ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC)};
     // A line that was cut when the program or the disk failed would swallow the next one.
-    if (file.descriptor < 0 || ::ftruncate(file.descriptor, static_cast<off_t>(whole)) != 0) {
+    if (::truncate(path.c_str(), static_cast<off_t>(whole)) != 0) {
         return path + ": " + error_text();
     }
+    File file{path};
     for (const Event& event : events) {
         if (released.count(event->id) == 0) {
             ++file.kept;
@@ -148,12 +147,16 @@ std::string EventSpool::read(const std::string& path,
 
 std::string EventSpool::begin_file() {
     const std::uint64_t number = ++last_file_;
-    File file{folder_ + '/' + std::to_string(number) + ENDING};
-    file.descriptor =
+    const File file{folder_ + '/' + std::to_string(number) + ENDING};
+    const int descriptor =
         ::open(file.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0600);
-    if (file.descriptor < 0) {
+    if (descriptor < 0) {
         return file.path + ": " + error_text();
     }
+    if (growing_ >= 0) {
+        ::close(growing_);
+    }
+    growing_ = descriptor;
     files_.emplace(number, file);
     return {};
 }
@@ -173,12 +176,11 @@ std::string EventSpool::keep(const std::vector<Event>& events) {
     for (const Event& event : events) {
         text += kept_line(*event);
     }
-    File& file = files_.at(last_file_);
-    std::string error = append(file, text);
+    std::string error = append(last_file_, text);
     if (!error.empty()) {
         return error;
     }
-    file.kept += events.size();
+    files_.at(last_file_).kept += events.size();
     for (const Event& event : events) {
         places_[event->id] = last_file_;
     }
@@ -198,9 +200,9 @@ std::string EventSpool::release(const std::vector<std::string>& ids) {
     }
     std::string error;
     for (const auto& [number, text] : notes) {
-        File& file = files_.at(number);
+        const File& file = files_.at(number);
         if (file.kept != 0 || !file.full) {
-            const std::string failure = append(file, text);
+            const std::string failure = append(number, text);
             error = error.empty() ? failure : error;
         }
         if (file.kept == 0 && file.full) {  // The note may have filled it.
@@ -210,23 +212,33 @@ std::string EventSpool::release(const std::vector<std::string>& ids) {
     return error;
 }
 
-// Appends all of it or nothing.
-std::string EventSpool::append(File& file, const std::string& text) {
-    if (!write_all(file.descriptor, text)) {
-        std::string error = file.path + ": " + error_text();
+// Appends all of it or nothing. Only the last file stays open, because there may be many.
+std::string EventSpool::append(std::uint64_t number, const std::string& text) {
+    File& file = files_.at(number);
+    const bool last = number == last_file_ && growing_ >= 0;
+    const int descriptor =
+        last ? growing_ : ::open(file.path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    std::string error;
+    if (descriptor < 0 || !write_all(descriptor, text)) {
+        error = file.path + ": " + error_text();
         // What was written of it is ignored if this fails, too, because its last line is cut.
-        file.full = ::ftruncate(file.descriptor, static_cast<off_t>(file.size)) != 0;
-        return error;
+        file.full = ::truncate(file.path.c_str(), static_cast<off_t>(file.size)) != 0 || file.full;
+    } else {
+        file.size += text.size();
+        file.full = file.full || file.size >= MOST_BYTES;
     }
-    file.size += text.size();
-    file.full = file.full || file.size >= MOST_BYTES;
-    return {};
+    if (!last && descriptor >= 0) {
+        ::close(descriptor);
+    }
+    return error;
 }
 
 void EventSpool::close(std::uint64_t number) {
-    File& file = files_.at(number);
-    ::close(file.descriptor);
-    ::unlink(file.path.c_str());
+    if (number == last_file_ && growing_ >= 0) {
+        ::close(growing_);
+        growing_ = -1;
+    }
+    ::unlink(files_.at(number).path.c_str());
     files_.erase(number);
 }
 

@@ -40,7 +40,6 @@ class EventSpool {
   private:
     struct File {
         std::string path;
-        int descriptor = -1;
         std::uint64_t kept = 0;
         std::uint64_t size = 0;
         bool full = false;  // Further events go to another file.
@@ -48,13 +47,14 @@ class EventSpool {
 
     std::string read(const std::string& path, const std::function<void(const Event&)>& use);
     std::string begin_file();
-    static std::string append(File& file, const std::string& text);
+    std::string append(std::uint64_t number, const std::string& text);
     void close(std::uint64_t number);
 
     static constexpr std::uint64_t MOST_BYTES = 1 << 20;  // Of a file.
 
     const std::string folder_;
     int lock_ = -1;
+    int growing_ = -1;  // The last file, if this run has begun it.
     std::uint64_t last_file_ = 0;
     std::map<std::uint64_t, File> files_;  // By number; the last one grows.
     std::map<std::string, std::uint64_t>

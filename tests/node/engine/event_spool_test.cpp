@@ -104,6 +104,27 @@ TEST_F(EventSpoolTest, FileThatTheLastNoteFillsIsRemoved) {
     EXPECT_EQ(ids(), "x-2 ");
 }
 
+TEST_F(EventSpoolTest, OnlyTheLastFileIsOpen) {
+    const auto open_files = [] {
+        const fs::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    open();
+    const auto before = open_files();
+    for (int number = 0; number < 8; ++number) {
+        const std::string id = std::to_string(number);
+        EXPECT_EQ(spool_->keep({event(id, std::string(1 << 20, 'x'))}), "");
+        EXPECT_EQ(spool_->keep({event(id + "-small")}), "");
+    }
+    EXPECT_GE(files(), 8U);
+    EXPECT_EQ(open_files(), before + 1);
+    EXPECT_EQ(spool_->release({"0", "1", "2"}), "");
+    EXPECT_EQ(open_files(), before + 1);
+    open();
+    EXPECT_EQ(open_files(), before);
+    EXPECT_EQ(ids(), "0-small 1-small 2-small 3 3-small 4 4-small 5 5-small 6 6-small 7 7-small ");
+}
+
 TEST_F(EventSpoolTest, NewEventsComeAfterThoseOfEarlierRuns) {
     open();
     spool_->keep({event("x-1")});
