@@ -17,6 +17,9 @@ std::uint64_t last_word_of(std::string_view subject) {
     return error == std::errc() && end == word.data() + word.size() ? number : 0;
 }
 
+// JetStream's own number for a message that is longer than the stream takes.
+constexpr int TOO_LONG = 10054;
+
 // What JetStream says is wrong. Empty if it is not an answer of JetStream.
 std::string error_of(const nlohmann::json& answer) {
     if (!answer.is_object() || !answer.contains("error") || !answer["error"].is_object()) {
@@ -47,6 +50,8 @@ Answer read_answer(std::string_view subject, std::string_view data, bool nobody)
     answer.stored = json.is_object() && json.contains("seq") && !json.contains("error");
     if (!answer.stored) {
         answer.error = error_of(json);
+        answer.too_long = !answer.error.empty() && json["error"].contains("err_code") &&
+                          json["error"]["err_code"] == TOO_LONG;
     }
     if (answer.error.empty() && !answer.stored) {
         // Any subscriber may answer, so this does not show whether there is a stream.

@@ -11,6 +11,7 @@ struct Answer {
     std::uint64_t number = 0;  // Of the event: the last word of the answer's subject.
     bool stored = false;
     bool no_stream = false;  // Or perhaps.
+    bool too_long = false;   // The stream will never take it.
     std::string error{};     // Why it is not stored.
 };
 

@@ -251,6 +251,11 @@ bool Engine::take_answers() {
     // If others get the events, the server does not say that no stream does.
     bool missing = std::exchange(unanswered_, false);
     for (const Answer& answer : std::exchange(answers_, {})) {
+        if (answer.too_long) {
+            drop(answer.number);
+            news_.complain("an event is longer than the stream allows");
+            continue;
+        }
         if (!answer.stored) {
             refused = true;
             news_.refused(answer.error);
@@ -328,7 +333,15 @@ void Engine::note_not_sent(std::uint64_t number, Link::Outcome outcome) {
     const LockGuard lock(mutex_);
     if (outcome == Link::Outcome::FAILED) {
         queue_.refused(number, Clock::now() + RETRY);
-    } else if (const auto dropped = queue_.drop(number); dropped != nullptr) {
+    } else {
+        drop(number);
+    }
+}
+
+// The event can never be stored.
+void Engine::drop(std::uint64_t number) {
+    const EventQueue::Event dropped = queue_.drop(number);
+    if (dropped != nullptr) {
         forget(dropped);
     }
 }

@@ -72,6 +72,7 @@ class Engine : private Link::Listener {
     void note_spooled(const std::vector<EventQueue::Event>& events, bool kept) QV_EXCLUDES(mutex_);
     void send_events() QV_EXCLUDES(mutex_);
     EventQueue::Entry next_event() QV_EXCLUDES(mutex_);
+    void drop(std::uint64_t number) QV_REQUIRES(mutex_);
     void note_not_sent(std::uint64_t number, Link::Outcome outcome) QV_EXCLUDES(mutex_);
     void send_audio() QV_EXCLUDES(mutex_);
     AudioQueue::Batch next_audio() QV_EXCLUDES(mutex_);

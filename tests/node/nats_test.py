@@ -370,6 +370,26 @@ class NatsTest(Fixture):
         self.assertEqual(client.request("$JS.API.STREAM.NAMES", {})["streams"], ["mine"])
         self.assertNotIn("nats stream", node.text())
 
+    def test_event_that_is_too_long_for_the_stream_holds_nothing_up(self):
+        server = self.server()
+        client = Client(server.url)
+        self.addCleanup(client.socket.close)
+        client.request("$JS.API.STREAM.CREATE.mine", {
+            "name": "mine", "subjects": ["quorvane.events.>"], "max_msg_size": 850})
+        node = self.node("--rate", "8000", "--metrics", "0", url=server.url)
+        node.wait_for("nats connected")
+        node.talk([1], 5)
+        node.end([1])  # This event is longer, because it has the figures of both sides.
+        node.wait_for("an event is longer than the stream allows")
+        node.talk([1], 5)
+        node.end([1])
+        wait_until(lambda: self.counters(node).by_label("nats_events_total")["lost"] == 2, "lost")
+        self.assertEqual(node.stop(), 1)
+        kinds = [event["event"] for _, _, event in client.stored_events("mine")
+                 if event.get("call_uuid")]
+        self.assertEqual(kinds.count("start"), 2)
+        self.assertEqual(kinds.count("end"), 0)
+
     def test_what_does_not_fit_is_dropped_and_reported(self):
         port = free_ports(1)[0]
         node = self.node("--nats-queue", "1", "--packets", "--metrics", "0", "--rate", "8000",

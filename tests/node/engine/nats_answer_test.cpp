@@ -12,7 +12,8 @@ namespace {
 std::string seen(const std::string& subject, const std::string& data, bool nobody = false) {
     const Answer answer = read_answer(subject, data, nobody);
     return std::to_string(answer.number) + (answer.stored ? " stored" : " refused") +
-           (answer.no_stream ? ", no stream? " : " ") + answer.error;
+           (answer.no_stream ? ", no stream? " : " ") + (answer.too_long ? "too long: " : "") +
+           answer.error;
 }
 
 TEST(NatsAnswerTest, AcknowledgementMeansStored) {
@@ -25,6 +26,15 @@ TEST(NatsAnswerTest, ErrorOfJetStreamIsARefusal) {
               "3 refused no space");
     EXPECT_EQ(seen("_INBOX.x.3", R"({"error":{"description":7}})"), "3 refused refused");
     EXPECT_EQ(seen("_INBOX.x.3", R"({"error":{}})"), "3 refused refused");
+}
+
+TEST(NatsAnswerTest, EventThatIsTooLongForTheStreamIsNeverTaken) {
+    EXPECT_EQ(seen("_INBOX.x.3", R"({"error":{"err_code":10054,"description":"size"}})"),
+              "3 refused too long: size");
+    EXPECT_EQ(seen("_INBOX.x.3", R"({"error":{"err_code":10053,"description":"size"}})"),
+              "3 refused size");
+    EXPECT_EQ(seen("_INBOX.x.3", R"({"error":{"err_code":"10054","description":"size"}})"),
+              "3 refused size");
 }
 
 TEST(NatsAnswerTest, NobodyThereMeansThatTheStreamIsMissing) {
