@@ -2,17 +2,19 @@
 # Installs the Debian packages that are needed to build and test the project and are missing.
 # Installs as root or with sudo. If neither is possible, prints their names and stops.
 #
-#   scripts/setup.sh            all packages of scripts/packages.txt
+#   scripts/setup.sh            the packages of scripts/packages.txt
 #   scripts/setup.sh build      without those marked [test], which only the tests need
+#   scripts/setup.sh optional   with those marked [optional], without which some tests are skipped
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 wanted=${1:-all}
 case $wanted in
     --help) sed -n '2,/^set/s/^# \{0,1\}//p' "scripts/${BASH_SOURCE[0]##*/}"; exit 0 ;;
-    all) lines=$(cat scripts/packages.txt) ;;
-    build) lines=$(grep -v '\[test\]' scripts/packages.txt) ;;
-    *) echo "setup: unknown set of packages '$wanted': all or build" >&2; exit 2 ;;
+    all) lines=$(grep -v '\[optional\]' scripts/packages.txt) ;;
+    build) lines=$(grep -v '\[test\]\|\[optional\]' scripts/packages.txt) ;;
+    optional) lines=$(cat scripts/packages.txt) ;;
+    *) echo "setup: unknown set of packages '$wanted': all, build or optional" >&2; exit 2 ;;
 esac
 
 missing=()

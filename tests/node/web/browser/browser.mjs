@@ -1,0 +1,78 @@
+// Chromium for the tests of the page, and what they do with it.
+import assert from "node:assert/strict";
+import fs from "node:fs";
+import {createRequire} from "node:module";
+import path from "node:path";
+import {pathToFileURL} from "node:url";
+
+// The folder of the packages from npm comes from run.sh.
+const require_package = createRequire(path.join(process.env.PAGE_PACKAGES, "packages.js"));
+const {chromium} = require_package("playwright-core");
+const AXE = fs.readFileSync(require_package.resolve("axe-core/axe.min.js"), "utf8");
+const CHROMIUM = process.env.PAGE_CHROMIUM;
+
+export const DESKTOP = {viewport: {width: 1440, height: 900}};
+export const TELEPHONE = {viewport: {width: 360, height: 740}, deviceScaleFactor: 2, isMobile: true,
+                          hasTouch: true};
+
+// Chromium's own sandbox needs rights that containers and the superuser do not have. The pages are
+// our own.
+export function launch() {
+  return chromium.launch({executablePath: CHROMIUM, args: ["--no-sandbox"]});
+}
+
+// Opens the page. What it logs as an error fails the test at its end; see close().
+export async function open_page(browser, url, {scripts = [], ...options} = DESKTOP) {
+  const context = await browser.newContext(options);
+  for (const script of scripts) {
+    await context.addInitScript(...script);
+  }
+  const page = await context.newPage();
+  page.faults = [];
+  page.on("pageerror", (error) => page.faults.push(String(error.stack ?? error)));
+  page.on("console", (message) => {
+    if (message.type() === "error") {
+      page.faults.push(message.text());
+    }
+  });
+  page.on("dialog", (dialog) => {
+    page.faults.push("a dialog: " + dialog.message());
+    dialog.dismiss();
+  });
+  await page.goto(url);
+  return page;
+}
+
+export async function close(page, {faults = []} = {}) {
+  await page.context().close();
+  assert.deepEqual(page.faults.filter((fault) => !faults.some((known) => known.test(fault))), []);
+}
+
+// The texts of the cells of a column, from the top.
+export function column(page, name) {
+  return page.$$eval(`.rows .row .${name}`, (cells) => cells.map((cell) => cell.innerText.trim()));
+}
+
+export const references = (page) => page.$$eval(".rows .row .name",
+                                                (names) => names.map((name) => name.textContent));
+
+export async function open_call(page, reference) {
+  await page.locator(".rows .row", {hasText: reference}).locator(".name").click();
+  await page.locator("#opened_title", {hasText: reference}).waitFor();
+}
+
+export async function check_accessibility(page, what) {
+  await page.evaluate(AXE);
+  const {violations} = await page.evaluate(() => window.axe.run());
+  assert.deepEqual(violations.map(({id, nodes}) => `${id}: ${nodes.map((node) => node.html)}`), [],
+                   what);
+}
+
+export async function check_width(page, what) {
+  const [needed, there] = await page.evaluate(() =>
+    [document.documentElement.scrollWidth, window.innerWidth]);
+  assert.ok(needed <= there, `${what}: ${needed} of ${there} pixels`);
+}
+
+// Whether a module was started as a program.
+export const is_main = (url) => url === pathToFileURL(process.argv[1]).href;
