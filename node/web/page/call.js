@@ -32,8 +32,7 @@ const SIDE_FIGURES = [
 const START_FIELDS = [
   ["source", "Sender"], ["began", "Began"], ["outbound", "Direction"], ["rule_id", "Rule id"],
   ["report_node", "Report node"], ["created_time", "Created"], ["configured_time", "Configured"],
-  ["late", "Start packet"], ["call_key", "Call key"], ["control_packets", "Control packets"],
-  ["foreign_packets", "Foreign packets"],
+  ["control_packets", "Control packets"], ["foreign_packets", "Foreign packets"],
 ];
 
 function on_off(state) {
@@ -44,7 +43,6 @@ function start_text(name, value) {
   const texts = {
     began: () => date_and_clock(value),
     outbound: () => value ? "outbound" : "inbound",
-    late: () => value ? "came after other packets" : "came first",
     created_time: () => micros_text(value),
     configured_time: () => micros_text(value),
   };

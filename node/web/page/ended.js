@@ -4,7 +4,7 @@ import {matches} from "./calls.js";
 import {bytes, clock, count, counted, date_and_clock, duration, element, foreign, set_text,
         trouble_text, unseen, visible} from "./text.js";
 
-const KINDS = {wav: "WAV", flac: "FLAC", opus: "Opus"};
+const AUDIO_KINDS = ["wav", "flac", "opus"];
 
 export class EndedList {
   constructor(root, calls, on_open) {
@@ -74,20 +74,18 @@ export function show_ended(root, call, on_close) {
   const address = (file) => `/api/calls/${encodeURIComponent(call.call_uuid)}/files/` +
                             encodeURIComponent(file.name);
   const files = call.files ?? [];
-  const audio = files.filter((file) => file.kind in KINDS);
-  const others = files.filter((file) => !(file.kind in KINDS));
+  const trouble = trouble_text(call);
   const figures = new SideTable();
   figures.show(call);
   root.replaceChildren(
     opened_head(call.call_ref, call.call_uuid, on_close),
     element("p", {class: "opened_state ended_state"}, `Ended at ${clock(call.ended)}` +
       (call.reason ? ` (${visible(call.reason)})` : "") + `, after ${duration(call.seconds)}`),
-    ...(trouble_text(call) ? [element("p", {class: "trouble_line"},
-                                      "Trouble: " + trouble_text(call))] : []),
-    ...others.filter((file) => file.kind === "timeline").map((file) =>
+    element("p", {class: "trouble_line", hidden: trouble ? null : ""}, "Trouble: " + trouble),
+    ...files.filter((file) => file.kind === "timeline").map((file) =>
       timeline(call, address(file))),
     element("h3", {}, "Files"),
-    files.length ? element("ul", {class: "files"}, ...[...audio, ...others].map((file) =>
+    files.length ? element("ul", {class: "files"}, ...files.map((file) =>
       file_entry(file, address(file))))
                  : element("p", {class: "none"}, "This call has no files."),
     element("h3", {}, "Sides"), figures.root,
@@ -101,7 +99,7 @@ function timeline(call, address) {
     src: address, class: "timeline",
     alt: `Timeline of the call: ${duration(call.seconds)}, ` +
          `${counted(call.lost_packets ?? 0, "lost packet")}`});
-  return element("a", {href: address, class: "timeline_link"}, picture);
+  return element("a", {href: address}, picture);
 }
 
 function file_entry(file, address) {
@@ -113,10 +111,9 @@ function file_entry(file, address) {
                         element("div", {class: "file_head"},
                                 element("strong", {}, side), name,
                                 element("span", {class: "size"}, bytes(file.bytes)), download));
-  if (file.kind in KINDS) {
-    const player = element("audio", {controls: "", preload: "none", src: address,
-                                     "aria-label": `${side}, ${KINDS[file.kind]}`});
-    entry.append(player);
+  if (AUDIO_KINDS.includes(file.kind)) {
+    entry.append(element("audio", {controls: "", preload: "none", src: address,
+                                   "aria-label": side}));
   }
   return entry;
 }

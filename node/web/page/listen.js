@@ -128,9 +128,10 @@ export class Listener {
     this.age_ms = null;
   }
 
-  // The media node stopped, or the connection is lost.
+  // The media node stopped, or the connection is lost. "stopped" only confirms an earlier wish, after
+  // which somebody may listen again.
   stopped(id, reason) {
-    if (this.call && (id === undefined || id === this.call.id)) {
+    if (this.call && reason !== "stopped" && (id === undefined || id === this.call.id)) {
       this.close();
       this.on_change({call: null, reason});
     }

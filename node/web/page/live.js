@@ -7,8 +7,7 @@ const LONGEST_PAUSE_MS = 30000;
 const SILENCE_MS = 15000;
 
 export class Live {
-  // on_message(object), on_audio(ArrayBuffer), and on_state({connected, retry_at}) with the moment of
-  // the next attempt by Date.now().
+  // on_message(object), on_audio(ArrayBuffer), on_state({connected, retry_at}), by Date.now().
   constructor({on_message, on_audio, on_state}) {
     this.on_message = on_message;
     this.on_audio = on_audio;

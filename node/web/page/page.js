@@ -68,7 +68,7 @@ function update_calls(message) {
   follow_opened();
 }
 
-// The opened call has news, or has ended. Its place is then taken by what was written of it.
+// The opened call has news, or has ended.
 function follow_opened() {
   if (opened === null) {
     return;

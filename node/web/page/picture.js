@@ -124,8 +124,7 @@ export class SideTrace {
   }
 }
 
-// The window of both sides: its beginning and its end. Within the first 30 seconds the picture grows
-// from the left; then it moves.
+// The window of both sides. The picture of the first 30 seconds grows from the left; then it moves.
 export class Window {
   constructor() {
     this.newest = 0;
@@ -146,7 +145,7 @@ export class Window {
   }
 }
 
-// By how much outlines are magnified, so that quiet speech can be seen: 1, 2, 4 or 8.
+// By how much outlines are magnified: 1, 2, 4 or 8.
 export function gain_for(peak) {
   let gain = 1;
   while (gain < MOST_GAIN && peak * gain * 2 <= FULL_SCALE) {

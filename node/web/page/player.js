@@ -13,10 +13,11 @@
 
 const RING_S = 4;             // Of audio per side.
 const START_MS = 100;         // Reserve with which the head starts.
-const MOST_RESERVE_MS = 220;  // To which the reserve grows if frames come in bursts.
-const LIMIT_MS = 380;         // More is skipped at once.
+const MOST_RESERVE_MS = 300;  // To which the reserve grows if frames come late or in bursts.
+const LATE_MS = 25;           // Beyond the lateness that was seen; more than a block.
+const LIMIT_MS = 400;         // More is skipped at once.
 const WATCH_S = 2;            // How long the scarcest reserve is watched before steering.
-const LOW_MS = 30;           // Less is a danger: the browser takes 16 ms at once, at 8 kHz.
+const LOW_MS = 30;            // Less is a danger: a block has 16 ms at 8 kHz.
 const SPARE_MS = 60;          // Reserve beyond the wanted one that is tolerated.
 const FORCED_MS = 120;        // Beyond this, speech is no reason to wait.
 const QUIET = 0.01;           // Peak below which a skip is not heard.
@@ -117,7 +118,7 @@ export class Player {
       side.fresh = false;
       this.place_first(index, position);
     }
-    this.check_place(index);
+    this.check_place(index, position);
   }
 
   // Positions lie on the call's time line. Should a side be apart from the other nevertheless, because
@@ -137,26 +138,28 @@ export class Player {
     this.figures.aligned += 1;
   }
 
-  // A side that is far behind the head is put in front of it again. Frames that are only a little late
-  // are left behind.
-  check_place(index) {
+  // A frame that comes too late to be whole makes the reserve as large as it should have been: after a
+  // loss, the media node holds a side back for a moment. A side that is far behind is put in front of
+  // the head.
+  check_place(index, position) {
     const side = this.sides[index];
-    const lag_s = this.head / this.rate - side.end_s();
-    if (this.waiting || lag_s <= 0) {
+    const head_s = this.head / this.rate;
+    const late_s = head_s - position / side.rate - side.shift_s;
+    if (this.waiting || late_s <= 0) {
       return;
     }
-    if (lag_s < APART_S) {
+    if (head_s - side.end_s() < APART_S) {
       this.figures.late += 1;
-      this.want_more(lag_s * 1000);
+      this.want(this.reserve_ms() + late_s * 1000 + LATE_MS);
+      this.waiting = true;
       return;
     }
     const other = this.sides[1 - index]?.end_s() ?? null;
-    const near = other !== null && other > this.head / this.rate;
-    this.shift(side, near ? other - side.end_s() : lag_s + START_MS / 1000);
+    this.shift(side, (other > head_s ? other : head_s + START_MS / 1000) - side.end_s());
   }
 
-  want_more(milliseconds) {
-    this.wanted_ms = Math.min(this.wanted_ms + milliseconds, MOST_RESERVE_MS);
+  want(milliseconds) {
+    this.wanted_ms = Math.min(Math.max(milliseconds, this.wanted_ms), MOST_RESERVE_MS);
     this.calm = 0;
   }
 
@@ -189,7 +192,7 @@ export class Player {
       // Nothing is left: the head waits, so that what comes is whole.
       this.waiting = true;
       this.figures.dry += 1;
-      this.want_more(20);
+      this.want(this.wanted_ms + 20);
       return;
     }
     this.fill(0, left);

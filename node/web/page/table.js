@@ -1,5 +1,4 @@
-// The table of live calls: a grid that has elements only for the rows on the screen, so that
-// thousands of calls cost no more than a screenful.
+// The table of live calls: a grid that has elements only for the rows on the screen.
 import {arrange, has_trouble, seconds_now} from "./calls.js";
 import {SIDES, SIDE_NAMES, count, decibels, duration, element, foreign, set_text, trouble_text,
         unseen, visible} from "./text.js";
@@ -19,7 +18,6 @@ const HEADERS = [
 const FIRST_DESCENDING = new Set(["originator", "terminator", "length", "lost", "trouble"]);
 
 export class CallTable {
-  // on_open(id), on_listen(id), on_watch([id...]) are called for what the user does and sees.
   constructor(root, calls, {on_open, on_listen, on_watch}) {
     this.root = root;
     this.calls = calls;
@@ -62,7 +60,7 @@ export class CallTable {
     this.body.addEventListener("click", (event) => this.clicked(event));
     this.body.addEventListener("keydown", (event) => this.pressed(event));
     this.body.addEventListener("focusin", (event) => this.focused(event));
-    // The table scrolls by itself on a wide screen, and with the page on a narrow one.
+    // The table scrolls by itself, or with the page on a narrow screen.
     const moved = () => this.schedule();
     document.addEventListener("scroll", moved, {passive: true, capture: true});
     new ResizeObserver(moved).observe(this.root);

@@ -197,6 +197,19 @@ test("frames that come in bursts are played whole after a moment", () => {
   assert.ok(desk.reserves.every((reserve) => reserve < 450));
 });
 
+// After a loss, the media node waits for 200 ms before it passes on what follows.
+test("a side that is held back after each loss is soon heard whole", () => {
+  const desk = new Desk();
+  const lost = (n, side) => side === ORIGINATOR && n % 50 === 49;
+  const held_ms = (n, side) => (side === ORIGINATOR && n >= 50 ? Math.max(0, 200 - n % 50 * 20) : 0);
+  desk.run(7, {keep: (n, side) => !lost(n, side), late_ms: held_ms});
+  const whole = runs(ORIGINATOR, to_integers(desk.left)).filter(([, length]) =>
+    length === 49 * FRAME);
+  assert.ok(whole.length >= 4, JSON.stringify(runs(ORIGINATOR, to_integers(desk.left))));
+  assert.ok(desk.reserves.every((reserve) => reserve < 400));
+  assert.ok(desk.player.figures.late <= 2, JSON.stringify(desk.player.figures));
+});
+
 test("a burst after the computer slept does not delay what follows", () => {
   const desk = new Desk();
   desk.run(1);
