@@ -269,7 +269,7 @@ test("a lost connection is said, and found again", async () => {
   await page.locator("#connection[data-state=connected]").waitFor();
   calls.begin({reference: "after"});
   await shown(["after"]);
-  await close(page, {faults: [/ERR_CONNECTION_REFUSED|WebSocket connection/]});
+  await close(page, {faults: [/ERR_CONNECTION|WebSocket connection/]});
 });
 
 test("without the token there is only the login", async () => {
