@@ -5,24 +5,19 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
-#include <exception>
-#include <filesystem>
 #include <system_error>
 #include <utility>
 
 #include "node/analysis/sample_folder.h"
-#include "node/audio/new_file.h"
 #include "node/lane_thread.h"
+#include "node/report/terminal.h"
 #include "node/report/text.h"
-#include "tools/address.h"
 
 namespace qv::node {
 
 namespace {
 
-constexpr Micros FRAME{250'000};
 constexpr Micros SECOND{1'000'000};
-constexpr std::chrono::milliseconds A_MOMENT{50};
 constexpr std::size_t USUAL_OPEN_FILES = 8192;
 
 bool events_to_stdout(const Options& options) {
@@ -48,6 +43,24 @@ Micros uptime() {
     return clock_now(CLOCK_BOOTTIME);
 }
 
+FileOutput::Options file_options(const Options& options,
+                                 const Patience::KeepWaiting& keep_waiting) {
+    const std::uint64_t files_per_call = (options.no_sides ? 0 : 2) + (options.stereo ? 2 : 0) +
+                                         (options.timeline ? 1 : 0) + (options.sidecar ? 1 : 0);
+    // A capture can be read faster than the disk writes; then the node waits for the disk.
+    return {options.folder,
+            open_files(options),
+            {options.write_buffer_mib * 1024 * 1024, options.read.empty() ? nullptr : keep_waiting},
+            {options.overwrite, options.max_files, files_per_call, NamePattern(options.name),
+             utc_time, options.sidecar || options.format != AudioFormat::WAV},
+            options.sync_s};
+}
+
+bool live_wanted(const Options& options) {
+    return options.live && options.read.empty() && !events_to_stdout(options) &&
+           Terminal::present();
+}
+
 std::string buffer_text(std::uint64_t granted, std::uint64_t wanted) {
     const std::string text = "receive buffer " + grouped(granted / 1024) + " KiB";
     return granted >= wanted
@@ -61,12 +74,12 @@ Outputs::Outputs(const Options& options, KeepWaiting keep_waiting)
     : options_(options),
       keep_waiting_(std::move(keep_waiting)),
       patience_(!options.read.empty(), keep_waiting_),
-      live_(options.live && options.read.empty() && !events_to_stdout(options) &&
-            Terminal::present()),
       console_(events_to_stdout(options) ? STDERR_FILENO : STDOUT_FILENO),
-      terminal_(console_),
       lines_(console_.lines()),
-      folder_(std::make_unique<WavFolder>(options.folder, open_files(options), options.overwrite)),
+      files_(file_options(options, keep_waiting_), lines_),
+      live_(live_wanted(options)
+                ? std::make_unique<LiveOutput>(console_, lines_, [this] { return calls(); })
+                : nullptr),
       events_({options.events, options.every_packet}, lines_, patience_),
       samples_(options.samples, lines_,
                [this](const SampleReferences::Index& samples) {
@@ -79,15 +92,6 @@ Outputs::Outputs(const Options& options, KeepWaiting keep_waiting)
     console_.wait_for_room([this] { return patience_.waits_for_room(); });
 }
 
-std::string Outputs::open_folder() {
-    const std::string error = folder_->prepare();
-    if (error.empty()) {
-        leftovers_ = folder_->recover();
-        remove_abandoned_files(options_.folder);
-    }
-    return error.empty() ? error : "cannot write to folder " + options_.folder + ": " + error;
-}
-
 std::string Outputs::open_reports() {
     std::string error = events_.open();
     events_.reopen_with(reloads_);
@@ -95,7 +99,7 @@ std::string Outputs::open_reports() {
         error = engine_.open(events_);
     }
     if (error.empty()) {
-        error = open_metrics();
+        error = metrics_.open(options_.metrics);
     }
     if (error.empty()) {
         error = open_web();
@@ -115,19 +119,6 @@ std::string Outputs::open_reports() {
 
 Services Outputs::services() const {
     return {true, samples_.index() != nullptr, options_.limits.services.recording};
-}
-
-std::string Outputs::open_metrics() {
-    if (!options_.metrics.has_value()) {
-        return {};
-    }
-    try {
-        metrics_port_ = std::make_unique<MetricsPort>(metrics_, *options_.metrics);
-    } catch (const std::exception&) {  // Its text would describe the internals of the library.
-        return "cannot serve metrics on " + tools::address_text(*options_.metrics) +
-               ": the port is in use or not permitted, or the address is not of this machine";
-    }
-    return {};
 }
 
 std::string Outputs::open_web() {
@@ -161,27 +152,12 @@ std::string Outputs::open_sender() {
 // When a call ends, each output knows the files that the outputs before it have written. The order
 // is therefore: file names, then what writes files, then what reports them.
 void Outputs::build() {
-    build_store();
-    file_names_ = std::make_unique<FileNames>(
-        *store_, file_name_options(),
-        [this] { return store_->figures().created_files + saved_documents_; },
-        [this] {
-            lines_.say("too many files", "with further calls there could be more than " +
-                                             grouped(options_.max_files) +
-                                             " (--max-files): such calls are not written");
-        });
-    before_lane_.push_back(file_names_.get());
-
-    if (options_.sync_s > 0) {
-        disk_sync_ =
-            std::make_unique<DiskSync>(std::chrono::duration<double>(options_.sync_s),
-                                       [folder = options_.folder] { return sync_folder(folder); });
-    }
-
+    files_.start();
+    before_lane_.push_back(&files_.names());
     if (engine_.audio() != nullptr) {
         after_lane_.push_back(engine_.audio());
     }
-    if (!live_ && !options_.quiet) {
+    if (live_ == nullptr && !options_.quiet) {
         after_lane_.push_back(&lines_);
     }
     if (events_.log() != nullptr) {
@@ -198,12 +174,12 @@ void Outputs::build() {
     if (web_ != nullptr) {
         after_lane_.push_back(&web_->call_listener());
     }
-    notices_ = std::make_unique<Notices>(lines_, events_.log(), live_);
+    notices_ = std::make_unique<Notices>(lines_, events_.log(), live_ != nullptr);
     if (options_.keep.any()) {
         retention_ = std::make_unique<RetentionOutput>(
             Retention::Options{options_.folder, options_.name, options_.keep, system_time, uptime},
-            RetentionOutput::Names{[this] { return file_names_->present_stems(); },
-                                   [this](const std::string& name) { store_->forget_name(name); }},
+            RetentionOutput::Names{[this] { return files_.names().present_stems(); },
+                                   [this](const std::string& name) { files_.forget_name(name); }},
             *notices_);
     }
 }
@@ -222,21 +198,18 @@ LaneOutputs& Outputs::add_lane() {
                       options_.resample}};
     lane.finisher = {options_.sidecar, options_.format, options_.overwrite};
     lane.on_not_converted = [this](const std::string& path, const std::string& why) {
-        not_converted_ = true;
-        lines_.say("not converted", path + ": " + why + "; it is still a WAV file");
+        files_.report_not_converted(path, why);
     };
     if (options_.sidecar) {
         lane.sidecar = {options_.folder, options_.overwrite, options_.sync_s > 0};
     }
     lane.timeline = options_.timeline;
-    lane.on_document = [this](const std::string& name) { note_document(name); };
-    if (live_) {
-        lane.on_file_error = [this](const std::string& error) {
-            live_view_.report_file_error(error);
-        };
+    lane.on_document = [this](const std::string& name) { files_.note_document(name); };
+    if (live_ != nullptr) {
+        lane.on_file_error = [this](const std::string& error) { live_->report_file_error(error); };
     }
-    lanes_.push_back(
-        std::make_unique<LaneOutputs>(store_->share(), *tasks_, lane, before_lane_, after_lane_));
+    lanes_.push_back(std::make_unique<LaneOutputs>(files_.share(), files_.tasks(), lane,
+                                                   before_lane_, after_lane_));
     return *lanes_.back();
 }
 
@@ -256,102 +229,37 @@ Analyser::Figures Outputs::analysis() const {
     return sum;
 }
 
-// A capture can be read faster than the disk writes; then the node waits for the disk.
-void Outputs::build_store() {
-    if (options_.max_files != 0) {
-        folder_->limit_files(options_.max_files);
-    }
-    store_ = std::make_unique<BackgroundStore>(
-        std::move(folder_), options_.folder,
-        BackgroundStore::Options{options_.write_buffer_mib * 1024 * 1024,
-                                 options_.read.empty() ? nullptr : keep_waiting_});
-    tasks_ = std::make_unique<TaskThread>();
-    std::error_code error;
-    const std::filesystem::directory_iterator end;
-    for (std::filesystem::directory_iterator entry(options_.folder, error);
-         !error && !options_.overwrite && entry != end; entry.increment(error)) {
-        store_->add_name(wav_name(entry->path().filename()));
-    }
+bool Outputs::files_complete() {
+    return files_.complete([this] { update_files(); });
 }
 
-bool Outputs::files_complete() {
-    const auto until = std::chrono::steady_clock::now() + A_MOMENT;
-    const bool written = store_->wait(until);
+void Outputs::update_files() {
     for (const auto& lane : lanes_) {
         lane->update_files();
     }
-    return written && tasks_->wait(until);
-}
-
-bool Outputs::synced() {
-    syncing_ = disk_sync_ != nullptr;
-    return !syncing_ || disk_sync_->finish(std::chrono::steady_clock::now() + A_MOMENT);
-}
-
-std::string Outputs::waits_for() const {
-    const BackgroundStore::Figures files = store_->figures();
-    if (syncing_) {
-        return "the last flush to the disk";
-    }
-    if (files.incomplete_files == 0) {
-        return "the work on complete files";
-    }
-    return "the disk: " + grouped(files.waiting_bytes) + " bytes for " +
-           counted(files.incomplete_files, "file");
 }
 
 void Outputs::show_ending(const NodeFigures& figures, Micros now) {
     if (!std::exchange(ending_shown_, true)) {
         last_second_ = now;
     }
-    if (live_) {
+    if (live_ != nullptr) {
         for (const auto& lane : lanes_) {
             lane->update(now);
         }
-        live_view_.set_ending(waits_for());
-        show_live(figures, now);
+        live_->set_ending(files_.waits_for());
+        live_->update(figures, now);
     } else if (now - last_second_ >= SECOND) {
         last_second_ = now + std::chrono::hours(24);  // Once.
-        lines_.say("waiting for the end", waits_for() + "; another signal ends the wait");
+        lines_.say("waiting for the end", files_.waits_for() + "; another signal ends the wait");
     }
     events_.flush();
     lines_.flush();
 }
 
 void Outputs::give_up_files() {
-    failed_ = true;
-    if (syncing_) {
-        lines_.say("not brought to the disk",
-                   options_.folder + ": the last flush did not end in time");
-        return;
-    }
-    const BackgroundStore::Figures files = store_->figures();
-    if (files.incomplete_files != 0) {
-        lines_.say("files given up", grouped(files.waiting_bytes) +
-                                         " bytes wait for the disk, which does not take them");
-    }
-    if (tasks_->waiting() != 0) {
-        lines_.say("work given up", counted(tasks_->waiting(), "file") +
-                                        " not converted, without digest or not described");
-    }
-    store_->abandon("the disk did not take all of it before the end");
-    tasks_->abandon();
-    for (const auto& lane : lanes_) {
-        lane->update_files();
-    }
-}
-
-FileNames::Options Outputs::file_name_options() const {
-    const std::uint64_t files_per_call = (options_.no_sides ? 0 : 2) + (options_.stereo ? 2 : 0) +
-                                         (options_.timeline ? 1 : 0) + (options_.sidecar ? 1 : 0);
-    return {options_.overwrite, options_.max_files,
-            files_per_call,     NamePattern(options_.name),
-            utc_time,           options_.sidecar || options_.format != AudioFormat::WAV};
-}
-
-void Outputs::note_document(const std::string& name) {
-    ++saved_documents_;
-    store_->add_name(name);
+    files_.give_up();
+    update_files();
 }
 
 void Outputs::begin(const NodeFigures& figures) {
@@ -364,25 +272,20 @@ void Outputs::begin(const NodeFigures& figures) {
     } else {
         lines_.say("reading " + options_.read, "writing to " + options_.folder);
     }
-    if (metrics_port_ != nullptr) {
-        sockaddr_in address = *options_.metrics;
-        address.sin_port = htons(metrics_port_->port());
-        lines_.say("metrics", "http://" + tools::address_text(address) + "/metrics");
+    if (!metrics_.url().empty()) {
+        lines_.say("metrics", metrics_.url());
     }
     if (web_ != nullptr) {
         lines_.say("page", web_->url());
     }
-    notices_->left_behind(leftovers_);
+    notices_->left_behind(files_.leftovers());
     if (retention_ != nullptr) {
         retention_->update(std::chrono::steady_clock::now());
     }
     events_.flush();
     lines_.flush();
-    if (live_) {
-        lines_.hold();
-        terminal_.enter();
-        live_view_.use_keys(terminal_.has_keys());
-        live_view_.use_colour(Terminal::has_colour());
+    if (live_ != nullptr) {
+        live_->begin();
     }
 }
 
@@ -402,34 +305,21 @@ void Outputs::update(NodeFigures figures, Micros now) {
     engine_.report();
     lines_.flush();
     events_.flush();
-    if (live_) {
-        show_live(figures, now);
+    if (live_ != nullptr) {
+        live_->update(figures, now);
     }
     if (now - last_second_ < SECOND) {
         return;
     }
     last_second_ = now;
-    report_sync();
+    files_.report_sync();
     if (retention_ != nullptr) {
         retention_->update(std::chrono::steady_clock::now());
     }
     // Once a second, so that a flood of calls does not cause a flood of lines.
     notices_->losses(figures);
-    if (metrics_port_ != nullptr || web_ != nullptr) {
+    if (!metrics_.url().empty() || web_ != nullptr) {
         metrics_.update(figures, analysis());
-    }
-}
-
-// A key is answered at once.
-void Outputs::show_live(const NodeFigures& figures, Micros now) {
-    const std::vector<Key> pressed = keys_.read(terminal_.read_keys());
-    for (const Key& key : pressed) {
-        live_view_.press(key);
-    }
-    if (!pressed.empty() || now - last_frame_ >= FRAME) {
-        last_frame_ = now;
-        live_view_.update(calls());
-        terminal_.show(live_view_.frame(figures, now, Terminal::size()));
     }
 }
 
@@ -443,13 +333,8 @@ void Outputs::reload() {
 }
 
 void Outputs::finish(NodeFigures figures) {
-    if (live_) {
-        terminal_.leave();
-        lines_.release();
-        if (console_.lost_frames() != 0) {
-            lines_.say("frames not shown",
-                       grouped(console_.lost_frames()) + ": the terminal did not take them");
-        }
+    if (live_ != nullptr) {
+        live_->finish();
     }
     if (web_ != nullptr) {
         web_->close();
@@ -457,7 +342,6 @@ void Outputs::finish(NodeFigures figures) {
     if (retention_ != nullptr) {
         retention_->finish();
     }
-    failed_ = failed_ || not_converted_;
     add_figures(figures);
     notices_->overflowed(figures.overflowed);
     notices_->losses(figures);
@@ -465,10 +349,9 @@ void Outputs::finish(NodeFigures figures) {
     if (commands_ != nullptr) {
         commands_->finish(patience_);
     }
-    report_sync();
+    files_.report_sync();
     engine_.finish(patience_, *notices_);
-    failed_ = failed_ || figures.dropped_bytes != 0;
-    failed_ = failed_ || figures.totals.file_errors != 0;
+    failed_ = figures.dropped_bytes != 0 || figures.totals.file_errors != 0;
     const LostEvents lost = events_.finish();
     lines_.flush();
     patience_.wait_for_reader([this](auto until) { return console_.wait(until); });
@@ -480,7 +363,7 @@ void Outputs::finish(NodeFigures figures) {
 }
 
 bool Outputs::failed() const {
-    return failed_ || events_.failed() || engine_.failed() ||
+    return failed_ || files_.failed() || events_.failed() || engine_.failed() ||
            (commands_ != nullptr && commands_->failed());
 }
 
@@ -492,25 +375,12 @@ void Outputs::report_lost_output() {
     }
 }
 
-// Reported once, because every write fails while a folder is missing.
-void Outputs::report_sync() {
-    const std::string error = disk_sync_ != nullptr ? disk_sync_->take_error() : std::string();
-    if (!error.empty() && !std::exchange(sync_failed_, true)) {
-        failed_ = true;
-        lines_.say("not brought to the disk", options_.folder + ": " + error);
-    }
-}
-
 void Outputs::add_figures(NodeFigures& figures) const {
     if (retention_ != nullptr) {
         figures.removed_calls = retention_->removed_calls();
         figures.removed_bytes = retention_->removed_bytes();
     }
-    const BackgroundStore::Figures files = store_->figures();
-    figures.open_files = files.open_files;
-    figures.waiting_bytes = files.waiting_bytes;
-    figures.dropped_bytes = files.dropped_bytes;
-    figures.calls_not_written = file_names_->refused_calls();
+    files_.add_to(figures);
     figures.lost_lines = console_.lost_lines();
     figures.lost_frames = console_.lost_frames();
     if (reports_ != nullptr) {

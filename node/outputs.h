@@ -8,7 +8,6 @@
 // Outputs itself belongs to the thread of the program's event loop.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -16,17 +15,15 @@
 #include <vector>
 
 #include "node/analysis/analyser.h"
-#include "node/audio/audio_files.h"
-#include "node/audio/background_store.h"
-#include "node/audio/disk_sync.h"
-#include "node/audio/file_names.h"
-#include "node/audio/task_thread.h"
 #include "node/calls/call_listener.h"
 #include "node/lane_outputs.h"
 #include "node/options.h"
 #include "node/outputs/command_output.h"
 #include "node/outputs/engine_output.h"
 #include "node/outputs/event_output.h"
+#include "node/outputs/file_output.h"
+#include "node/outputs/live_output.h"
+#include "node/outputs/metrics_output.h"
 #include "node/outputs/patience.h"
 #include "node/outputs/reload_list.h"
 #include "node/outputs/retention_output.h"
@@ -34,13 +31,9 @@
 #include "node/report/console.h"
 #include "node/report/figures.h"
 #include "node/report/line_report.h"
-#include "node/report/live_view.h"
-#include "node/report/metrics.h"
-#include "node/report/metrics_port.h"
 #include "node/report/notices.h"
 #include "node/report/report_sender.h"
 #include "node/report/summary.h"
-#include "node/report/terminal.h"
 #include "node/web/web_output.h"
 
 namespace qv::node {
@@ -56,7 +49,7 @@ class Outputs {
 
     // Call these in this order before anything else. Each returns what cannot be used and why, or
     // an empty text.
-    std::string open_folder();
+    std::string open_folder() { return files_.open(); }
     std::string open_reports();
 
     // What the node does when calls ask for it. Valid after all outputs are open.
@@ -77,7 +70,7 @@ class Outputs {
     // of the outputs.
     void update(NodeFigures figures, Micros now);
     // Whether a key of the live view has asked for the end of the program since the last call.
-    bool take_quit() { return live_view_.take_quit(); }
+    bool take_quit() { return live_ != nullptr && live_->take_quit(); }
     // Reopens and rereads what SIGHUP is for; update() goes on with it and reports the results.
     void reload();
     // Whether a reload has finished since the last call.
@@ -92,7 +85,7 @@ class Outputs {
     bool files_complete();
     // Call it when all files are complete. Waits a moment for the last flush to the disk, if there
     // is one. Returns whether it has ended.
-    bool synced();
+    bool synced() { return files_.synced(); }
     // Shows what the end of the program waits for. Call it several times a second.
     void show_ending(const NodeFigures& figures, Micros now);
     // Gives up what the disk has not taken.
@@ -102,37 +95,21 @@ class Outputs {
     bool failed() const;
 
   private:
-    std::string open_metrics();
     std::string open_web();
     std::string open_sender();
     void build();
-    void build_store();
-    FileNames::Options file_name_options() const;
-    void note_document(const std::string& name);  // Any thread may call it.
     Analyser::Figures analysis() const;
-    void show_live(const NodeFigures& figures, Micros now);
-    void report_sync();
+    void update_files();
     void report_lost_output();
-    std::string waits_for() const;
     void add_figures(NodeFigures& figures) const;
 
     const Options& options_;
     const KeepWaiting keep_waiting_;
     Patience patience_;
-    const bool live_;  // The live view owns the terminal.
     Console console_;
-    Terminal terminal_;
     LineReport lines_;
-    LiveView live_view_;
-    KeyReader keys_;
-    std::unique_ptr<WavFolder> folder_;  // Null once the writer thread has it.
-    std::unique_ptr<BackgroundStore> store_;
-    std::unique_ptr<TaskThread> tasks_;       // Works on complete files.
-    std::atomic<bool> not_converted_{false};  // A file; any thread may set it.
-    std::vector<LeftoverFile> leftovers_;     // Files of killed runs.
-    std::unique_ptr<DiskSync> disk_sync_;     // Null unless requested.
-    bool sync_failed_ = false;
-    bool syncing_ = false;  // The last flush goes on.
+    FileOutput files_;
+    std::unique_ptr<LiveOutput> live_;  // Null unless it owns the terminal.
     bool ending_shown_ = false;
     EventOutput events_;
     SampleReferences samples_;
@@ -140,10 +117,8 @@ class Outputs {
     ReloadList reloads_;
     bool reloaded_ = false;
     std::unique_ptr<ReportSender> reports_;  // These are null unless requested.
-    Metrics metrics_;
-    std::unique_ptr<MetricsPort> metrics_port_;
+    MetricsOutput metrics_;
     std::unique_ptr<web::WebOutput> web_;
-    std::unique_ptr<FileNames> file_names_;
     std::unique_ptr<CommandOutput> commands_;
     std::unique_ptr<Notices> notices_;
     std::unique_ptr<RetentionOutput> retention_;
@@ -151,9 +126,7 @@ class Outputs {
     std::vector<CallListener*> before_lane_;
     std::vector<CallListener*> after_lane_;
     std::vector<std::unique_ptr<LaneOutputs>> lanes_;
-    Micros last_frame_{0};
     Micros last_second_{0};  // When the work that is done once a second was done last.
-    std::atomic<std::uint64_t> saved_documents_{0};  // Timelines and sidecars.
     bool failed_ = false;
 };
 
