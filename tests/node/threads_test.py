@@ -259,7 +259,8 @@ class ThreadsTest(unittest.TestCase):
             with bound(shared=shared) as other:
                 ended = subprocess.run(
                     [NODE, "--listen", "127.0.0.1:%d" % other.getsockname()[1], "--threads", "2",
-                     "--output", str(self.folder / "out")], capture_output=True, text=True)
+                     "--output", str(self.folder / "out")], capture_output=True, text=True,
+                    timeout=PATIENCE)
                 self.assertEqual(ended.returncode, 3)
                 self.assertIn("Address already in use", ended.stderr)
 
@@ -276,7 +277,7 @@ class ThreadsTest(unittest.TestCase):
 
     def test_capture_has_one_thread(self):
         ended = subprocess.run([NODE, "--read", "any", "--threads", "2"], capture_output=True,
-                               text=True)
+                               text=True, timeout=PATIENCE)
         self.assertEqual(ended.returncode, 2)
         self.assertIn("--threads: one thread reads a capture", ended.stderr)
 
