@@ -108,6 +108,18 @@ def stops_reading(server, connection):
     server.over.wait(PATIENCE)
 
 
+def takes_an_event(delays):
+    """Hangs up when the first event has come, and notes how long that took."""
+    def behave(server, connection):
+        server.greet(connection)
+        connection.settimeout(PATIENCE)
+        begun, heard = time.monotonic(), b""
+        while b"HPUB quorvane.events.node.listening " not in heard:
+            heard += connection.recv(65536) or b"HPUB quorvane.events.node.listening "
+        delays.append(time.monotonic() - begun)
+    return behave
+
+
 def garbage(seed):
     """Words of the protocol in a random order."""
     words = [b"INFO ", b"{", b"}", b"MSG ", b"HMSG ", b"PING", b"PONG", b"-ERR ", b"+OK", b"\r\n",
@@ -175,6 +187,14 @@ class NatsHostileTest(nats_test.Fixture):
 
     def test_servers_that_lie_harm_nobody(self):
         self.assertEqual(self.survive(LIARS).greeted, len(LIARS))
+
+    def test_event_without_an_answer_is_sent_again_as_soon_as_there_is_a_connection(self):
+        delays = []
+        fake = self.fake(takes_an_event(delays), takes_an_event(delays))
+        node = self.node(*self.settings("reconnect = 10\nexit_wait = 0\n"), url=fake.url)
+        nats_test.wait_until(lambda: len(delays) == 2, "sent twice")
+        node.stop()
+        self.assertLess(delays[1], 4)  # Without a new connection, the node waits for 5 s.
 
     def test_server_that_stops_reading_delays_neither_the_files_nor_the_end(self):
         fake = self.fake(*[stops_reading] * 100)
