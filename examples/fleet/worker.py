@@ -9,6 +9,7 @@ import json
 import os
 import pathlib
 import socket
+import ssl
 import sys
 import time
 import urllib.parse
@@ -29,15 +30,28 @@ class Connection:
 
     def __init__(self, url):
         where = urllib.parse.urlsplit(url if "://" in url else "nats://" + url)
+        if where.scheme not in ("nats", "tls") or not where.hostname:
+            raise ConnectionError("the URL is neither nats://HOST:PORT nor tls://HOST:PORT")
         self.socket = socket.create_connection((where.hostname, where.port or 4222), timeout=10)
-        self.socket.settimeout(MAX_WAIT)
         self.waiting = b""
         self.subscriptions = 0
+        if where.scheme == "tls":
+            self.encrypt(where.hostname)
+        self.socket.settimeout(MAX_WAIT)
         login = {"verbose": False, "pedantic": False, "headers": True, "name": "worker.py",
                  "lang": "python", "version": "1", "protocol": 1}
         if where.password:
-            login.update(user=where.username, **{"pass": where.password})
+            login.update(user=urllib.parse.unquote(where.username or ""),
+                         **{"pass": urllib.parse.unquote(where.password)})
         self.say("CONNECT " + json.dumps(login))
+
+    def encrypt(self, name):
+        """The server speaks first, and TLS begins after its line. SSL_CERT_FILE may name a file
+        with those who sign certificates."""
+        self.line()
+        if self.waiting:
+            raise ConnectionError("the server says more than it may before TLS")
+        self.socket = ssl.create_default_context().wrap_socket(self.socket, server_hostname=name)
 
     def say(self, line):
         self.socket.sendall(line.encode() + b"\r\n")
@@ -298,7 +312,7 @@ def main():
         follow(connection, worker, options.streams)
     except KeyboardInterrupt:
         pass
-    except OSError as error:
+    except (OSError, ValueError) as error:  # A port may be no number.
         sys.exit(f"worker.py: {error}")
     finally:
         if worker:
