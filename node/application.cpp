@@ -26,8 +26,8 @@ int Application::run() {
     }
     signals.wait([this](const std::string& reason) { note_end(reason); },
                  [this] { reload_wanted_ = true; });
-    if (capture_.has_value()) {
-        read_capture();
+    if (player_.has_value()) {
+        play_capture();
     } else {
         listen();
     }
@@ -62,63 +62,10 @@ void Application::listen() {
     loop_.run();
 }
 
-// Handles each datagram as if it came at the time of its capture: that is the clock of the calls
-// and of the reports.
-void Application::read_capture() {
-    std::optional<Datagram> datagram = capture_->next();
-    began_ = datagram.has_value() ? datagram->arrival.time : Micros{0};
-    now_ = began_;
-    report_as_of(now_);
-    outputs_.begin(figures(began_));
-    notify("READY=1");
-    for (; datagram.has_value() && !loop_.stopped(); datagram = capture_->next()) {
-        pass_time(datagram->arrival.time);
-        if (enough_calls()) {
-            break;
-        }
-        report_as_of(datagram->arrival.time);
-        lanes_.lane(0).receive(*datagram);
-        loop_.poll();
-        act_on_signals();
-    }
-    // Stops waiting for late packets, and ends the calls that have a terminate packet.
-    pass_time(now_ + options_.limits.linger + options_.limits.reorder.wait + 2 * TICK);
-    report_capture();
-}
-
-void Application::pass_time(Micros until) {
-    CallTable& calls = lanes_.lane(0).calls();
-    // Without calls, the rest of the time needs no ticks.
-    while (now_ + TICK <= until && calls.size() != 0) {
-        now_ += TICK;
-        report_as_of(now_);
-        lanes_.tick(now_);
-        // The end of a call is reported at its time in the capture.
-        while (calls.completing() != 0 && keep_waiting()) {
-            act_on_signals();
-            outputs_.files_complete();
-            calls.report_ends();
-        }
-        act_on_signals();
-        outputs_.update(figures(now_), now_);
-        report_reloaded();
-    }
-    now_ = calls.size() != 0 ? now_ : until;
-}
-
-void Application::report_capture() {
-    const std::uint64_t unusable = capture_->cut() + capture_->incomplete();
-    outputs_.lines().say(
-        "capture read",
-        counted(capture_->frames(), "frame") + ", " + counted(capture_->taken(), "datagram") +
-            " taken" +
-            (unusable == 0 ? ""
-                           : ", " + grouped(capture_->cut()) + " cut short, " +
-                                 grouped(capture_->incomplete()) + " with fragments missing"));
-    if (!capture_->error().empty()) {
-        outputs_.lines().say("capture damaged", options_.read + ": " + capture_->error());
-        waited_in_vain_ = true;
-    }
+void Application::play_capture() {
+    player_->play(lanes_.lane(0).calls(), options_.limits);
+    player_->report(outputs_.lines());
+    waited_in_vain_ = waited_in_vain_ || player_->damaged();
 }
 
 // Returns why the program cannot start, or an empty text.
@@ -149,9 +96,29 @@ std::string Application::open_socket() {
 }
 
 std::string Application::open_capture() {
-    capture_.emplace(options_.listen_given ? std::optional(options_.listen) : std::nullopt);
-    const std::string error = capture_->open(options_.read);
-    return error.empty() ? error : "cannot read capture " + options_.read + ": " + error;
+    CapturePlayer::Program program;
+    program.begin = [this](Micros began) {
+        began_ = began;
+        outputs_.begin(figures(began));
+        notify("READY=1");
+    };
+    program.receive = [this](const Datagram& datagram) {
+        lanes_.lane(0).receive(datagram);
+        loop_.poll();
+    };
+    program.tick = [this](Micros now) { lanes_.tick(now); };
+    program.update = [this](Micros now) {
+        outputs_.update(figures(now), now);
+        report_reloaded();
+    };
+    program.complete_files = [this] { outputs_.files_complete(); };
+    program.act = [this] { act_on_signals(); };
+    program.goes_on = [this] { return !loop_.stopped(); };
+    program.has_enough = [this] { return enough_calls(); };
+    program.keep_waiting = [this] { return keep_waiting(); };
+    player_.emplace(std::move(program));
+    return player_->open(options_.read,
+                         options_.listen_given ? std::optional(options_.listen) : std::nullopt);
 }
 
 void Application::open_calls() {
@@ -210,8 +177,8 @@ bool Application::idle_too_long(Micros last_arrival, Micros now) const {
 
 NodeFigures Application::figures(Micros now) {
     NodeFigures figures{lanes_.figures()};
-    if (capture_.has_value()) {
-        figures.received = capture_->taken();
+    if (player_.has_value()) {
+        figures.received = player_->taken();
     }
     figures.receive_buffer = lanes_.granted_buffer();
     figures.address = address_;
@@ -267,7 +234,7 @@ void Application::complete_files() {
 }
 
 Micros Application::now() const {
-    return capture_.has_value() ? now_ : steady_now();
+    return player_.has_value() ? player_->now() : steady_now();
 }
 
 bool Application::all_complete() {

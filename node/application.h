@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "node/ingest/capture.h"
+#include "node/capture_player.h"
 #include "node/lanes.h"
 #include "node/options.h"
 #include "node/outputs.h"
@@ -39,9 +39,7 @@ class Application {
     void open_calls();
     std::string open_capture();
     void listen();
-    void read_capture();
-    void pass_time(Micros until);
-    void report_capture();
+    void play_capture();
     void schedule_tick();
     void tick();
     bool idle_too_long(Micros last_arrival, Micros now) const;
@@ -58,8 +56,7 @@ class Application {
     asio::steady_timer timer_;
     Outputs outputs_;
     Lanes lanes_;
-    std::optional<Capture> capture_;  // Read instead of a socket, by the only lane.
-    Micros now_{0};                   // The time of the capture that the calls have reached.
+    std::optional<CapturePlayer> player_;  // In place of a socket, for the only lane.
     std::string address_;
     Micros began_{0};
     bool ending_ = false;
