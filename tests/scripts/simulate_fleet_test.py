@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Tests the simulation of a fleet. A real fleet is compared with it in tests/fleet."""
+"""Tests the simulation of a fleet. A real fleet is compared with it in tests/examples/fleet."""
 
 import math
 import pathlib

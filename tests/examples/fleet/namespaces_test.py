@@ -24,7 +24,7 @@ import unittest
 import uuid
 import wave
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+ROOT = pathlib.Path(__file__).resolve().parents[3]
 FLEET = ROOT / "examples" / "fleet"
 sys.path[:0] = [str(FLEET), str(ROOT / "scripts")]
 sys.dont_write_bytecode = True

@@ -12,7 +12,7 @@ import tempfile
 import unittest
 import wave
 
-FLEET = pathlib.Path(__file__).resolve().parents[2] / "examples" / "fleet"
+FLEET = pathlib.Path(__file__).resolve().parents[3] / "examples" / "fleet"
 sys.path.insert(0, str(FLEET))
 import worker  # noqa: E402
 

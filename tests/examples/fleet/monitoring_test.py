@@ -20,7 +20,7 @@ import unittest
 import urllib.request
 
 HERE = pathlib.Path(__file__).resolve().parent
-FLEET = HERE.parents[1] / "examples" / "fleet"
+FLEET = HERE.parents[2] / "examples" / "fleet"
 ALERT_TESTS = [HERE / "alerts_test.yml", HERE / "alerts_days_test.yml"]
 PATIENCE = 60  # Seconds.
 SKIPPED = 77

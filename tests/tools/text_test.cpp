@@ -5,20 +5,20 @@
 namespace qv::tools {
 namespace {
 
-TEST(SharedTextTest, LargeNumbersAreGrouped) {
+TEST(TextTest, LargeNumbersAreGrouped) {
     EXPECT_EQ(grouped(0), "0");
     EXPECT_EQ(grouped(999), "999");
     EXPECT_EQ(grouped(1000), "1,000");
     EXPECT_EQ(grouped(1234567), "1,234,567");
 }
 
-TEST(SharedTextTest, OneThingIsNoPlural) {
+TEST(TextTest, OneThingIsNoPlural) {
     EXPECT_EQ(counted(1, "call"), "1 call");
     EXPECT_EQ(counted(0, "call"), "0 calls");
     EXPECT_EQ(counted(2000, "call"), "2,000 calls");
 }
 
-TEST(SharedTextTest, DurationsHaveTheUnitThatFits) {
+TEST(TextTest, DurationsHaveTheUnitThatFits) {
     EXPECT_EQ(duration_text(0), "0.0 s");
     EXPECT_EQ(duration_text(59.9), "59.9 s");
     EXPECT_EQ(duration_text(59.96), "1 min 00 s");
