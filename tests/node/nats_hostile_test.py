@@ -108,14 +108,17 @@ def stops_reading(server, connection):
     server.over.wait(PATIENCE)
 
 
-def takes_an_event(delays):
-    """Hangs up when the first event has come, and notes how long that took."""
+def hangs_up_after(text, delays):
+    """Answers nothing, and notes how long it took until this came."""
     def behave(server, connection):
         server.greet(connection)
         connection.settimeout(PATIENCE)
         begun, heard = time.monotonic(), b""
-        while b"HPUB quorvane.events.node.listening " not in heard:
-            heard += connection.recv(65536) or b"HPUB quorvane.events.node.listening "
+        while text not in heard:
+            more = connection.recv(65536)
+            if not more:
+                raise OSError
+            heard += more
         delays.append(time.monotonic() - begun)
     return behave
 
@@ -190,11 +193,20 @@ class NatsHostileTest(nats_test.Fixture):
 
     def test_event_without_an_answer_is_sent_again_as_soon_as_there_is_a_connection(self):
         delays = []
-        fake = self.fake(takes_an_event(delays), takes_an_event(delays))
+        fake = self.fake(*[hangs_up_after(b"HPUB quorvane.events.node.listening ", delays)] * 2)
         node = self.node(*self.settings("reconnect = 10\nexit_wait = 0\n"), url=fake.url)
         nats_test.wait_until(lambda: len(delays) == 2, "sent twice")
         node.stop()
         self.assertLess(delays[1], 4)  # Without a new connection, the node waits for 5 s.
+
+    def test_audio_that_a_server_did_not_confirm_is_sent_again(self):
+        delays = []
+        fake = self.fake(*[hangs_up_after(b"Quorvane-Sequence: 1\r\n", delays)] * 3)
+        node = self.node("--rate", "8000", *self.settings("reconnect = 10\nexit_wait = 0\n"),
+                         url=fake.url)
+        node.talk([1], 10)
+        nats_test.wait_until(lambda: len(delays) == 3, "sent three times")
+        self.assertEqual(node.stop(), 1)
 
     def test_server_that_stops_reading_delays_neither_the_files_nor_the_end(self):
         fake = self.fake(*[stops_reading] * 100)
