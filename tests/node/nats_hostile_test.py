@@ -9,7 +9,7 @@ import time
 import unittest
 
 import nats_test
-from end_to_end_test import OTHER_ARGUMENTS, data
+from end_to_end_test import OTHER_ARGUMENTS, data, uuid_of
 
 PATIENCE = nats_test.PATIENCE
 INFO = {"server_id": "A", "version": "2.9.10", "proto": 1, "headers": True, "max_payload": 1 << 20,
@@ -207,6 +207,24 @@ class NatsHostileTest(nats_test.Fixture):
         node.talk([1], 10)
         nats_test.wait_until(lambda: len(delays) == 3, "sent three times")
         self.assertEqual(node.stop(), 1)
+
+    def test_spool_keeps_what_was_sent_until_the_server_confirms_it(self):
+        delays = []
+        fake = self.fake(hangs_up_after(b"HPUB quorvane.events.%s.start " % uuid_of(1).encode(),
+                                        delays))
+        spool = "--nats-spool", str(self.home / "spool"), "--rate", "8000", "--no-sides"
+        with nats_test.Node(*spool, "--events", str(self.home / "events"), "--nats",
+                            fake.url) as first:
+            first.wait_for("nats connected")
+            first.talk([1], 1)
+            nats_test.wait_until(lambda: delays, "sent")
+            nats_test.wait_until(lambda: uuid_of(1) in (self.home / "events").read_text(), "written")
+            first.process.kill()
+        server = self.server()
+        node = self.node(*spool, url=server.url)
+        node.wait_for("nats spool")
+        self.assertEqual(node.stop(), 0)
+        self.assert_all_stored(server)
 
     def test_server_that_stops_reading_delays_neither_the_files_nor_the_end(self):
         fake = self.fake(*[stops_reading] * 100)
