@@ -261,7 +261,9 @@ class NatsHostileTest(nats_test.Fixture):
                 server.start()
             else:
                 server.process.send_signal(signal.SIGSTOP)
-                time.sleep(0.6)  # Longer than two pings.
+                before = node.text().count("nats disconnected")
+                nats_test.wait_until(lambda: node.text().count("nats disconnected") > before,
+                                     "noticed by the pings")
                 server.process.send_signal(signal.SIGCONT)
         node.end(range(1, 11))
         self.assertEqual(node.stop(), 0, node.text())
