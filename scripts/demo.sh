@@ -4,18 +4,33 @@
 # the media node are bit for bit what was spoken.
 #
 #   scripts/demo.sh            keeps its files in build/demo
+#   scripts/demo.sh --page     shows calls in the browser instead: prints the address of a page of
+#                              the media node, and places calls until a key is pressed
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
+show_page=
 case ${1:-} in
     "") ;;
+    --page) show_page=yes ;;
     --help) sed -n '2,/^set/s/^# \{0,1\}//p' "scripts/${BASH_SOURCE[0]##*/}"; exit 0 ;;
     *) echo "demo: unknown argument '$1'; see --help" >&2; exit 2 ;;
 esac
 
 folder=build/demo
 node_pid=
-trap '[ -z "$node_pid" ] || kill "$node_pid" 2>/dev/null || true' EXIT
+call_pids=()
+# The calls end before the media node does, so that it has their ends.
+stop() {
+    local pid
+    for pid in "${call_pids[@]}" $node_pid; do
+        kill "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
+    call_pids=()
+    node_pid=
+}
+trap stop EXIT
 
 step() { printf '\n%s\n' "$*"; }
 fail() { echo "demo: $*" >&2; exit 1; }
@@ -31,10 +46,69 @@ mkdir -p build
 } >build/demo-build.log 2>&1 || { tail -n 40 build/demo-build.log; fail "the build failed"; }
 echo "   build/mod_quorvane.so  $(stat -c %s build/mod_quorvane.so) bytes"
 
-step "2. A caller and an agent speak; an announcement plays between the agent's sentences"
+# Starts the media node with further options. Sets `port` and `node_pid`.
+start_node() {
+    build/quorvane-node --listen 127.0.0.1:0 --output "$folder/received" --timeline \
+        --samples "$folder/samples" "$@" >"$folder/node.log" 2>&1 &
+    node_pid=$!
+    port=
+    for _ in $(seq 50); do
+        port=$(grep -o -m1 '127\.0\.0\.1:[0-9]*' "$folder/node.log" | cut -d: -f2 || true)
+        [ -z "$port" ] || break
+        sleep 0.1
+    done
+    [ -n "$port" ] || { cat "$folder/node.log"; fail "the media node did not start"; }
+}
+
 rm -rf "$folder"
 mkdir -p "$folder/received" "$folder/samples"
-speak() { espeak-ng -v "$1" -s 150 -w "$folder/$2.wav" "$3" >/dev/null; }
+speak() { espeak-ng -m -v "$1" -s 150 -w "$folder/$2.wav" "$3" >/dev/null; }
+
+# place_calls NAME OPTION...: places calls until it is killed. The options are the driver's.
+place_calls() {
+    local name=$1
+    shift
+    build/quorvane-call --quiet --module build/mod_quorvane.so --media-node "127.0.0.1:$port" \
+        --calls 1000000 --length 20-90 --repeat --read "$folder/caller.wav" \
+        --write "$folder/agent.wav" --set "sip_call_id=$name-{n}@demo" \
+        --set quorvane_rule_id=7 --set quorvane_audio_activity=true \
+        --set quorvane_detection=true --set quorvane_record=yes "$@" >"$folder/$name.log" 2>&1 &
+    call_pids+=($!)
+}
+
+page_demo() {
+    step "2. Callers and agents speak; an announcement plays between the agents' sentences"
+    speak en-us+m2 samples/announcement "This call may be recorded."
+    speak en-gb caller "Good morning. I would like to know whether my order has been sent.
+        <break time='5s'/>Four seven one one. I ordered it on Monday.<break time='5s'/>
+        Thank you very much. Goodbye.<break time='2s'/>"
+    speak en-us+f3 greeting "<break time='4s'/>Good morning! One moment, please."
+    speak en-us+f3 answer "Which number does it have?<break time='4s'/>
+        I see. Yes, it left our house yesterday.<break time='4s'/>"
+    sndfile-concat "$folder/greeting.wav" "$folder/samples/announcement.wav" \
+        "$folder/answer.wav" "$folder/agent.wav"
+
+    step "3. A media node listens, and has a page"
+    start_node --http 127.0.0.1:0
+    page=$(grep -o -m1 'https\{0,1\}://127\.0\.0\.1:[0-9]*/' "$folder/node.log" | head -n 1)
+    echo "   Open $page in a browser. A click on a call shows it; then you can listen."
+
+    step "4. Calls begin and end. The network of some of them loses packets"
+    place_calls order --rate 0.2 --concurrent 5
+    place_calls lossy --rate 0.1 --concurrent 2 --lose 1 --seed 2
+    echo "   Press a key to end them."
+    read -rsn1 || true
+    step "5. The calls end"
+    stop
+    echo "   Their files are in $folder/received."
+}
+
+if [ -n "$show_page" ]; then
+    page_demo
+    exit 0
+fi
+
+step "2. A caller and an agent speak; an announcement plays between the agent's sentences"
 speak en-gb caller "Good morning. I would like to know whether my order has been sent."
 speak en-us+f3 greeting "Good morning! One moment, please."
 speak en-us+m2 samples/announcement "This call may be recorded."
@@ -50,17 +124,7 @@ echo "   the announcement begins at $announced s of the agent's side"
 step "3. A media node listens, and knows the announcement"
 # The rate is given, because the node would estimate it from the times of the packets, and on a
 # busy machine frames are sent late.
-build/quorvane-node --listen 127.0.0.1:0 --output "$folder/received" --calls 1 --rate "$rate" \
-    --samples "$folder/samples" --timeline --events "$folder/events.jsonl" \
-    >"$folder/node.log" 2>&1 &
-node_pid=$!
-port=
-for _ in $(seq 50); do
-    port=$(grep -o -m1 '127\.0\.0\.1:[0-9]*' "$folder/node.log" | cut -d: -f2 || true)
-    [ -z "$port" ] || break
-    sleep 0.1
-done
-[ -n "$port" ] || { cat "$folder/node.log"; fail "the media node did not start"; }
+start_node --calls 1 --rate "$rate" --events "$folder/events.jsonl"
 echo "   on 127.0.0.1:$port"
 
 step "4. The call, tapped by build/mod_quorvane.so; detection is switched on while it runs"
