@@ -1,7 +1,7 @@
 # quorvane_embed_page(target folder): makes the files of a folder an array in
 # generated/web_page_files.inc, which a source of the target includes.
 function(quorvane_embed_page target folder)
-  set(folder ${CMAKE_CURRENT_SOURCE_DIR}/${folder})
+  cmake_path(ABSOLUTE_PATH folder)
   set(array ${CMAKE_BINARY_DIR}/generated/web_page_files.inc)
   file(GLOB files CONFIGURE_DEPENDS ${folder}/*)
   add_custom_command(

@@ -1,6 +1,7 @@
 # The libraries that bring no CMake package of their own, where they are installed:
 # quorvane::sndfile, quorvane::fftw, quorvane::speexdsp, quorvane::asio,
-# quorvane::nettle, quorvane::pcap, quorvane::nats, quorvane::civetweb.
+# quorvane::nettle, quorvane::pcap, quorvane::nats, quorvane::civetweb,
+# quorvane::ssl.
 
 # Finds a library by one of its headers, HEADER, and by its name, if it is not header-only.
 function(quorvane_find_library name header)
@@ -29,6 +30,11 @@ quorvane_find_library(nettle nettle/sha2.h nettle)
 quorvane_find_library(pcap pcap/pcap.h pcap)
 quorvane_find_library(nats nats/nats.h nats)
 quorvane_find_library(civetweb civetweb.h civetweb)
+quorvane_find_library(ssl openssl/ssl.h ssl)
+if(TARGET quorvane::ssl)
+  find_library(CRYPTO_LIBRARY crypto)
+  target_link_libraries(quorvane::ssl INTERFACE ${CRYPTO_LIBRARY})
+endif()
 quorvane_find_library(asio asio.hpp)
 if(TARGET quorvane::asio)
   target_compile_definitions(quorvane::asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)

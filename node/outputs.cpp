@@ -129,8 +129,7 @@ std::string Outputs::open_web() {
         web::WebOutput::Options{options_.web, options_.folder, options_.timeline},
         [this] { return metrics_.text(); },
         [this](const std::string& from, const web::ListenNotice& notice) {
-            lines_.say(notice.seconds.has_value() ? "listening ended" : "listening",
-                       uuid_text(notice.uuid) + " " + notice.sides + " from " + from);
+            notices_->listen(notice.uuid, notice.sides, from, notice.seconds);
         });
     return web_->open();
 }

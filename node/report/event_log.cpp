@@ -39,6 +39,16 @@ void EventLog::nats_lost(std::uint64_t events, std::uint64_t chunks) {
     write("nats_lost", {{"events", events}, {"audio_chunks", chunks}});
 }
 
+void EventLog::listen(const Uuid& call, const std::string& sides, const std::string& from,
+                      std::optional<double> seconds) {
+    Json fields = {{"call_uuid", uuid_text(call)},
+                   {"sides", sides},
+                   {"from", from},
+                   {"ended", seconds.has_value()},
+                   {"seconds", seconds.value_or(0)}};
+    write("listen", fields, uuid_text(call));
+}
+
 void EventLog::left_behind(const LeftoverFile& file) {
     write("leftover", {{"path", file.path},
                        {"sample_rate", file.format.sample_rate},

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -49,6 +50,10 @@ class EventLog : public CallListener {
     void audio_dropped(std::uint64_t bytes);
     // Events and chunks of audio that were lost because too many waited for NATS.
     void nats_lost(std::uint64_t events, std::uint64_t chunks);
+    // Somebody at `from`, "a.b.c.d:port", begins to listen to these sides of a call ("both",
+    // "originator" or "terminator"), or, with `seconds`, has listened for so long.
+    void listen(const Uuid& call, const std::string& sides, const std::string& from,
+                std::optional<double> seconds);
     void left_behind(const LeftoverFile& file);
     void removed(const RemovedCall& call);
 

@@ -31,6 +31,16 @@ void Notices::listening(const std::string& address) {
     }
 }
 
+void Notices::listen(const Uuid& call, const std::string& sides, const std::string& from,
+                     std::optional<double> seconds) {
+    lines_.say(seconds.has_value() ? "no longer heard" : "heard",
+               uuid_text(call) + ", " + (sides == "both" ? "both sides" : sides) + ", from " +
+                   from + (seconds.has_value() ? ", after " + duration_text(*seconds) : ""));
+    if (events_ != nullptr) {
+        events_->listen(call, sides, from, seconds);
+    }
+}
+
 void Notices::left_behind(const std::vector<LeftoverFile>& files) {
     if (files.empty()) {
         return;

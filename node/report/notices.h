@@ -1,10 +1,11 @@
 // Reports what concerns no single call, as lines and as events: that the node listens, malformed
-// datagrams, lost packets, calls beyond the limit. Any thread may call malformed(); the other
-// functions belong to one thread.
+// datagrams, lost packets, calls beyond the limit. Any thread may call malformed() and listen();
+// the other functions belong to one thread.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,10 @@ class Notices {
     void listening(const std::string& address);
     // Files that a killed run left behind and that have been repaired.
     void left_behind(const std::vector<LeftoverFile>& files);
+    // Somebody begins to listen to a call, or, with `seconds`, has listened for so long; the
+    // arguments are those of EventLog::listen(). Any thread may call it.
+    void listen(const Uuid& call, const std::string& sides, const std::string& from,
+                std::optional<double> seconds);
     // What --keep has removed, or why it does not.
     void removed(const RetentionResult& result);
     // The `count`th datagram of this thread that is malformed for that reason. Only the first few

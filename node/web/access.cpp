@@ -41,28 +41,9 @@ std::string_view trimmed(std::string_view text) {
     return text;
 }
 
-int hexadecimal_digit(char digit) {
-    if (digit >= '0' && digit <= '9') {
-        return digit - '0';
-    }
-    const char lower = static_cast<char>(digit | 0x20);
-    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
-}
-
-std::string form_decoded(std::string_view text) {
-    std::string decoded;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const int high =
-            text[i] == '%' && i + 2 < text.size() ? hexadecimal_digit(text[i + 1]) : -1;
-        const int low = high >= 0 ? hexadecimal_digit(text[i + 2]) : -1;
-        if (low >= 0) {
-            decoded += static_cast<char>(high * 16 + low);
-            i += 2;
-        } else {
-            decoded += text[i] == '+' ? ' ' : text[i];
-        }
-    }
-    return decoded;
+std::string form_decoded(std::string text) {
+    std::replace(text.begin(), text.end(), '+', ' ');
+    return percent_decoded(text).value_or("");
 }
 
 // Calls `visit` with the name and the value of each "name=value" of a list.
@@ -96,7 +77,7 @@ std::string form_field(const std::string& body, const std::string& name) {
     std::string found;
     for_each_pair(body, '&', [&](std::string_view each, std::string_view value) {
         if (each == name) {
-            found = form_decoded(value);
+            found = form_decoded(std::string(value));
         }
     });
     return found;

@@ -24,7 +24,41 @@ const std::vector<Header>& common_headers() {
     return headers;
 }
 
+int hexadecimal_digit(char digit) {
+    if (digit >= '0' && digit <= '9') {
+        return digit - '0';
+    }
+    const char lower = static_cast<char>(digit | 0x20);
+    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
 }  // namespace
+
+std::optional<std::string> percent_decoded(std::string_view text) {
+    std::string decoded;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            decoded += text[i];
+            continue;
+        }
+        const int high = i + 2 < text.size() ? hexadecimal_digit(text[i + 1]) : -1;
+        const int low = i + 2 < text.size() ? hexadecimal_digit(text[i + 2]) : -1;
+        if (high < 0 || low < 0) {
+            return std::nullopt;
+        }
+        decoded += static_cast<char>(high * 16 + low);
+        i += 2;
+    }
+    return decoded;
+}
+
+std::string decoded_path(std::string_view raw) {
+    std::string path = percent_decoded(raw).value_or("");
+    const bool is_plain = std::none_of(path.begin(), path.end(), [](char each) {
+        return static_cast<unsigned char>(each) < 0x20 || each == 0x7F;
+    });
+    return is_plain ? path : std::string();
+}
 
 std::string head_of(const Response& response, const std::string& phrase) {
     std::string head = "HTTP/1.1 " + std::to_string(response.status) + " " + phrase + "\r\n";

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -39,6 +40,13 @@ struct Response {
     std::uint64_t begin = 0;
     std::uint64_t end = 0;
 };
+
+// Returns the path of a request with its %XX decoded. Empty, which is no path, if that is not
+// possible or gives control characters.
+std::string decoded_path(std::string_view raw);
+
+// Returns the text with %XX decoded. Nullopt if a % is not followed by two hexadecimal digits.
+std::optional<std::string> percent_decoded(std::string_view text);
 
 // Returns the head of the response as it is sent, with the headers that every response has unless
 // it has its own: they keep what is shown from other sites and scripts out of it.

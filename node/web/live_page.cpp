@@ -39,7 +39,7 @@ LivePage::~LivePage() {
     const LockGuard lock(mutex_);
     stop_listening("stopped", steady_now());
     watch({});
-    opened_.reset();
+    close_call();
 }
 
 void LivePage::add(std::string text) {
@@ -86,10 +86,7 @@ void LivePage::watch(const std::vector<std::uint64_t>& calls) {
 }
 
 void LivePage::open(const PageMessage& message) {
-    if (opened_.has_value()) {
-        opened_->record->unwatch();
-        opened_.reset();
-    }
+    close_call();
     if (!message.call.has_value()) {
         return;
     }
@@ -98,6 +95,13 @@ void LivePage::open(const PageMessage& message) {
         opened_ = Opened{std::move(record)};
     } else {
         add(R"({"type":"error","error":"open: no such call"})");
+    }
+}
+
+void LivePage::close_call() {
+    if (opened_.has_value()) {
+        opened_->record->unwatch();
+        opened_.reset();
     }
 }
 

@@ -69,6 +69,7 @@ class LivePage {
 
     void watch(const std::vector<std::uint64_t>& calls) QV_REQUIRES(mutex_);
     void open(const PageMessage& message) QV_REQUIRES(mutex_);
+    void close_call() QV_REQUIRES(mutex_);
     void listen(const PageMessage& message, Micros now) QV_REQUIRES(mutex_);
     void stop_listening(const char* reason, Micros now) QV_REQUIRES(mutex_);
     void add_calls(const LiveFrame& frame) QV_REQUIRES(mutex_);

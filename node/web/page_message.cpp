@@ -36,8 +36,9 @@ std::string read_watch(const Json& json, PageMessage& message) {
 std::string read_open(const Json& json, PageMessage& message) {
     const Json& call = field(json, "call");
     message.call = id_in(call);
-    return call.is_null() || message.call.has_value() ? std::string()
-                                                      : "open: call must be a number or null";
+    const bool is_closed = call.is_null() && json.contains("call");
+    return is_closed || message.call.has_value() ? std::string()
+                                                 : "open: call must be a number or null";
 }
 
 std::string read_listen(const Json& json, PageMessage& message) {

@@ -38,9 +38,8 @@ Request request_of(const mg_connection* connection) {
     const mg_request_info& info = *mg_get_request_info(connection);
     Request request;
     request.method = info.request_method != nullptr ? info.request_method : "";
-    request.path = info.local_uri != nullptr ? info.local_uri : "";
+    request.path = decoded_path(info.local_uri != nullptr ? info.local_uri : "");
     request.from = std::string(info.remote_addr) + ":" + std::to_string(info.remote_port);
-    request.is_secure = info.is_ssl != 0;
     for (int i = 0; i < info.num_headers; ++i) {
         const mg_header& header = info.http_headers[i];
         request.headers.emplace(lower(header.name), header.value);
@@ -137,8 +136,10 @@ class Connection {
             for (const LiveMessage& message : page_->due(steady_now())) {
                 const int opcode =
                     message.binary ? MG_WEBSOCKET_OPCODE_BINARY : MG_WEBSOCKET_OPCODE_TEXT;
-                if (mg_websocket_write(connection_, opcode, message.bytes.data(),
-                                       message.bytes.size()) <= 0) {
+                const int written = mg_websocket_write(connection_, opcode, message.bytes.data(),
+                                                       message.bytes.size());
+                // After a part of a message, the connection is of no use.
+                if (written < static_cast<int>(message.bytes.size())) {
                     end_();
                     return;
                 }
@@ -165,10 +166,9 @@ class Connection {
 
 class Server::Impl {
   public:
-    Impl(const Options& options, Handlers handlers) : handlers_(std::move(handlers)) {
-        mg_init_library(MG_FEATURES_TLS);
-        const std::string listen =
-            tools::address_text(options.address) + (options.certificate.empty() ? "" : "s");
+    Impl(const sockaddr_in& address, Handlers handlers) : handlers_(std::move(handlers)) {
+        mg_init_library(MG_FEATURES_DEFAULT);
+        const std::string listen = tools::address_text(address);
         std::vector<const char*> settings = {"listening_ports",
                                              listen.c_str(),
                                              "num_threads",
@@ -187,11 +187,10 @@ class Server::Impl {
                                              "no",
                                              "enable_auth_domain_check",
                                              "no",
+                                             "decode_url",
+                                             "no",
                                              "tcp_nodelay",
                                              "1"};
-        if (!options.certificate.empty()) {
-            settings.insert(settings.end(), {"ssl_certificate", options.certificate.c_str()});
-        }
         settings.push_back(nullptr);
         mg_callbacks callbacks{};
         callbacks.begin_request = begin_request;
@@ -228,13 +227,30 @@ class Server::Impl {
     std::uint16_t port() const { return port_; }
 
   private:
+    // Nullopt if nobody may connect in this way.
+    std::optional<Request> request_of(const mg_connection* connection) const {
+        Request request = web::request_of(connection);
+        if (handlers_.relayed_peer == nullptr) {
+            return request;
+        }
+        const auto peer = handlers_.relayed_peer(
+            static_cast<std::uint16_t>(mg_get_request_info(connection)->remote_port));
+        request.is_secure = true;
+        request.from = peer.value_or("");
+        return peer.has_value() ? std::optional(std::move(request)) : std::nullopt;
+    }
+
     static Impl& of(const mg_connection* connection) {
         return *static_cast<Impl*>(mg_get_user_data(mg_get_context(connection)));
     }
 
     static int begin_request(mg_connection* connection) {
         Impl& impl = of(connection);
-        Request request = request_of(connection);
+        std::optional<Request> known = impl.request_of(connection);
+        if (!known.has_value()) {
+            return 403;  // Without an answer.
+        }
+        Request& request = *known;
         if (request.path == Site::LIVE_PATH && lower(request.header("upgrade")) == "websocket") {
             return 0;  // The library calls connect() next.
         }
@@ -268,7 +284,11 @@ class Server::Impl {
 
     static int connect(const mg_connection* connection, void* self) {
         Impl& impl = *static_cast<Impl*>(self);
-        const Request request = request_of(connection);
+        const std::optional<Request> known = impl.request_of(connection);
+        if (!known.has_value()) {
+            return 1;
+        }
+        const Request& request = *known;
         std::optional<Response> refusal = impl.handlers_.refuse_live(request);
         if (!refusal.has_value() && ++impl.pages_ > MOST_PAGES) {
             --impl.pages_;
@@ -285,12 +305,13 @@ class Server::Impl {
 
     static void ready(mg_connection* connection, void* self) {
         Impl& impl = *static_cast<Impl*>(self);
-        const Request request = request_of(connection);
-        mg_set_user_connection_data(connection,
-                                    new Connection(connection, impl.handlers_.open_page(request),
-                                                   [port = impl.port_, peer = request.from] {
-                                                       shut_down_connection(port, peer);
-                                                   }));
+        const Request request = impl.request_of(connection).value_or(Request{});
+        mg_set_user_connection_data(
+            connection,
+            new Connection(connection, impl.handlers_.open_page(request),
+                           [port = impl.port_, peer = web::request_of(connection).from] {
+                               shut_down_connection(port, peer);
+                           }));
     }
 
     static int data(mg_connection* connection, int bits, char* bytes, std::size_t size, void*) {
@@ -315,8 +336,8 @@ class Server::Impl {
     std::atomic<std::size_t> pages_{0};
 };
 
-Server::Server(const Options& options, Handlers handlers)
-    : impl_(std::make_unique<Impl>(options, std::move(handlers))) {}
+Server::Server(const sockaddr_in& address, Handlers handlers)
+    : impl_(std::make_unique<Impl>(address, std::move(handlers))) {}
 
 Server::~Server() = default;
 

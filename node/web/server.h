@@ -20,21 +20,20 @@ namespace qv::node::web {
 
 class Server {
   public:
-    struct Options {
-        sockaddr_in address{};    // Port 0 takes a free port.
-        std::string certificate;  // File with certificate and key; empty: no TLS.
-    };
-
     // The threads of the server call these.
     struct Handlers {
         std::function<Response(const Request& request)> answer;
         // Whether this request may become a live page: nullopt if so, and otherwise the answer.
         std::function<std::optional<Response>(const Request& request)> refuse_live;
         std::function<std::unique_ptr<LivePage>(const Request& request)> open_page;
+        // Null unless connections come through a relay on this machine, which takes TLS off them:
+        // who is behind the relay's connection from that port. Nullopt: the connection is refused.
+        std::function<std::optional<std::string>(std::uint16_t port)> relayed_peer;
     };
 
-    // Throws std::runtime_error with the reason if the address or the certificate cannot be used.
-    Server(const Options& options, Handlers handlers);
+    // Port 0 takes a free port. Throws std::runtime_error with the reason if the address cannot be
+    // used.
+    Server(const sockaddr_in& address, Handlers handlers);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     // Cuts off what is still connected.

@@ -26,8 +26,7 @@ std::string WebOutput::open() {
     access_.emplace(token);
     site_.emplace(board_, rows_, folder_, *access_, metrics_);
     try {
-        server_ = std::make_unique<Server>(
-            Server::Options{*settings_.address, settings_.certificate}, handlers());
+        open_port();
     } catch (const std::runtime_error& error) {
         return "cannot serve the page on " + tools::address_text(*settings_.address) + ": " +
                error.what();
@@ -35,8 +34,30 @@ std::string WebOutput::open() {
     return {};
 }
 
+void WebOutput::open_port() {
+    if (settings_.certificate.empty()) {
+        server_ = std::make_unique<Server>(*settings_.address, handlers());
+        return;
+    }
+    server_ = std::make_unique<Server>(tools::parse_address("127.0.0.1:0").value(), handlers());
+    relay_ = std::make_unique<TlsRelay>(*settings_.address, settings_.certificate, server_->port());
+    present_relay_ = relay_.get();
+}
+
+void WebOutput::close() {
+    server_.reset();
+    present_relay_ = nullptr;
+    relay_.reset();
+}
+
 Server::Handlers WebOutput::handlers() {
     Server::Handlers handlers;
+    if (!settings_.certificate.empty()) {
+        handlers.relayed_peer = [this](std::uint16_t port) {
+            const TlsRelay* const relay = present_relay_;
+            return relay != nullptr ? relay->peer_of(port) : std::nullopt;
+        };
+    }
     handlers.answer = [this](const Request& request) {
         return site_->answer(request, steady_now());
     };
@@ -53,7 +74,7 @@ Server::Handlers WebOutput::handlers() {
 
 std::string WebOutput::url() const {
     sockaddr_in address = *settings_.address;
-    address.sin_port = htons(server_->port());
+    address.sin_port = htons(relay_ != nullptr ? relay_->port() : server_->port());
     return std::string(settings_.certificate.empty() ? "http" : "https") + "://" +
            tools::address_text(address) + "/";
 }

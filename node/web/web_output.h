@@ -2,6 +2,7 @@
 // thread, except call_listener(), which is an output and belongs to the threads of the calls.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -16,6 +17,7 @@
 #include "node/web/server.h"
 #include "node/web/settings.h"
 #include "node/web/site.h"
+#include "node/web/tls_relay.h"
 
 namespace qv::node::web {
 
@@ -35,13 +37,14 @@ class WebOutput {
     // Opens the port. Returns why it cannot be used, or an empty text.
     std::string open();
     // Closes the port and all connections.
-    void close() { server_.reset(); }
+    void close();
 
     CallListener& call_listener() { return feed_; }
     // "http://127.0.0.1:8080/"
     std::string url() const;
 
   private:
+    void open_port();
     Server::Handlers handlers();
 
     const Settings settings_;
@@ -51,8 +54,10 @@ class WebOutput {
     CallFeed feed_;
     const Site::MetricsText metrics_;
     const OnListen on_listen_;
-    std::optional<Access> access_;  // Once the port is open.
-    std::optional<Site> site_;      // Likewise.
+    std::optional<Access> access_;                         // Once the port is open.
+    std::optional<Site> site_;                             // Likewise.
+    std::unique_ptr<TlsRelay> relay_;                      // Null without TLS.
+    std::atomic<const TlsRelay*> present_relay_{nullptr};  // The same, once it is there.
     std::unique_ptr<Server> server_;
 };
 

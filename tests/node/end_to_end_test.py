@@ -64,7 +64,7 @@ def listed_event_fields():
         fields |= PACKET_FIELDS if "the common fields" in text else set()
         fields |= {"sides"} if kind == "end" else set()
         if kind not in ("listening", "not_allowed", "malformed", "overflow", "events_lost",
-                        "leftover", "audio_dropped", "removed", "nats_lost"):
+                        "leftover", "audio_dropped", "removed", "nats_lost", "listen"):
             fields |= {"call_key", "call_uuid", "source"}
         listed[kind] = listed["data"] if text.startswith("the same,") else fields
     return listed

@@ -43,7 +43,7 @@ def read_head(connection):
 
 
 def exchange(port, request, secure=False):
-    """Sends these bytes and returns the answer, read to the end of the connection."""
+    """Sends these bytes and returns the answer."""
     with connect(port, secure) as connection:
         try:
             connection.sendall(request)
@@ -51,11 +51,13 @@ def exchange(port, request, secure=False):
             pass  # Refused before all of it was sent; the answer may be there.
         status, headers = read_head(connection)
         body = b""
-        while True:
+        wanted = int(headers["content-length"])
+        while len(body) < wanted:
             part = connection.recv(65536)
             if not part:
-                return Answer(status, headers, body)
+                break
             body += part
+        return Answer(status, headers, body)
 
 
 def ask(port, path, method="GET", headers=None, body=b"", secure=False):
