@@ -175,7 +175,7 @@ class WavFile : public AudioFile {
         if (error != 0 || ::fstat(descriptor_, &status) != 0) {
             return fail(system_text(error != 0 ? error : errno));
         }
-        return is_this(status) || fail(MOVED);
+        return is_still(status) || fail(MOVED);
     }
 
     // Makes the file ready for `size` more bytes of samples.
@@ -249,17 +249,21 @@ class WavFile : public AudioFile {
         if (!there && errno != ENOENT && errno != ENOTDIR) {
             return {};
         }
-        if ((there && is_this(named)) || (descriptor_ >= 0 && ::fstat(descriptor_, &file) != 0)) {
+        if (descriptor_ < 0) {
+            return !there ? REMOVED : is_still(named) ? "" : MOVED;
+        }
+        if (::fstat(descriptor_, &file) != 0 || (there && has_number_of(named))) {
             return {};
         }
-        const bool lives = descriptor_ < 0 ? there : file.st_nlink != 0;
-        return lives ? MOVED : REMOVED;
+        return file.st_nlink == 0 ? REMOVED : MOVED;
     }
 
-    // A file that was removed leaves its number to the next one.
-    bool is_this(const struct stat& file) const {
-        return file.st_dev == made_.st_dev && file.st_ino == made_.st_ino &&
-               file.st_size == static_cast<off_t>(WAV_HEADER_SIZE + size_);
+    bool has_number_of(const struct stat& file) const {
+        return file.st_dev == made_.st_dev && file.st_ino == made_.st_ino;
+    }
+    // For a file that was closed: if it was removed, another one may have its number.
+    bool is_still(const struct stat& file) const {
+        return has_number_of(file) && file.st_size == static_cast<off_t>(WAV_HEADER_SIZE + size_);
     }
 
     bool fail(std::string why) {

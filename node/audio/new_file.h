@@ -23,7 +23,7 @@ class NewFile {
     // Open for reading and writing. Negative after an error.
     int descriptor() const { return descriptor_.number(); }
     const std::string& error() const { return error_; }
-    // Where the file is to be, and where it is once it is published.
+    // Where the file is to be, and where it is once it is published. The caller may take it then.
     std::string& path() { return path_; }
 
     // Appends the text. Returns whether nothing has failed so far.
