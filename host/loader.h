@@ -34,15 +34,15 @@ class Loader {
   private:
     struct Module;
 
-    void run_load(Module& module, LoadResult& result);
+    void run_load(Module& module, LoadResult& result) QV_REQUIRES(lock_);
     struct Closed {
         bool left_memory = false;
         std::size_t bindings_dropped = 0;
         std::size_t bugs_dropped = 0;
     };
-    static Closed close(Module& module);
+    Closed close(Module& module) QV_REQUIRES(lock_);
 
-    mutable Mutex lock_;  // Also guards what is in the modules.
+    mutable Mutex lock_;
     std::map<std::string, std::unique_ptr<Module>> modules_ QV_GUARDED_BY(lock_);
 };
 

@@ -172,7 +172,7 @@ class Session : public std::enable_shared_from_this<Session> {
     void start_stream(Direction direction, std::unique_ptr<FrameSource> source,
                       const MediaPlan& plan) QV_REQUIRES(plan_lock_);
     void stop_stream(Direction direction) QV_REQUIRES(plan_lock_);
-    void destroy();
+    void destroy() QV_REQUIRES(thread_lock_);
 
     const CallOptions options_;
     const std::string uuid_;
@@ -187,7 +187,7 @@ class Session : public std::enable_shared_from_this<Session> {
     MediaLeg write_;
 
     std::atomic<bool> over_{false};  // hang-up has begun
-    Mutex thread_lock_;              // held by the function that acts as the session's thread
+    Mutex thread_lock_;              // whoever holds it acts as the session's thread
 
     // One direction of a plan: its stream, and the thread that plays it.
     struct Playing {

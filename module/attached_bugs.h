@@ -48,10 +48,9 @@ class AttachedBugs {
     void note_close() QV_REQUIRES(lock_);
     Clock::time_point last_close_by_others() const QV_REQUIRES(lock_);
 
-    // Also held while the socket is opened and closed.
     Mutex lock_;
 
-    net::Socket& socket_;
+    net::Socket& socket_ QV_GUARDED_BY(lock_);  // Senders have references of their own.
     int count_ QV_GUARDED_BY(lock_) = 0;
     bool loaded_ QV_GUARDED_BY(lock_) = false;
     bool hook_left_ QV_GUARDED_BY(lock_) = false;

@@ -64,19 +64,39 @@ struct BackgroundStore::Written {
     std::unique_ptr<AudioFile> file;
     bool failed = false;
 
-    // What the owner has to know. Guarded by the mutex of the Writer. The list of news runs through
-    // the files, so that reporting needs no memory.
-    std::string new_error;
-    std::string new_path;
-    bool newly_closed = false;
-    bool in_news = false;
-    std::shared_ptr<Written> next_news;
+    // What the owner has to know. The list of news runs through the files, so that reporting needs
+    // no memory.
+    struct Note {
+        std::string error;
+        std::string path;
+        bool closed = false;
+        bool listed = false;
+        std::shared_ptr<Written> next;
+    };
+    // The mutex is the one of the Writer.
+    Note& note(const Mutex& mutex) QV_REQUIRES(mutex);
+
+  private:
+    Note note_;
 };
 
-// The files of one store that have news. Guarded by the mutex of the Writer, which owns it.
-struct BackgroundStore::News {
-    std::shared_ptr<Written> latest;  // The first of a list.
+// The files of one store that have news. The Writer owns it.
+class BackgroundStore::News {
+  public:
+    // The first of a list. The mutex is the one of the Writer.
+    std::shared_ptr<Written>& latest(const Mutex& mutex) QV_REQUIRES(mutex);
+
+  private:
+    std::shared_ptr<Written> latest_;
 };
+
+BackgroundStore::Written::Note& BackgroundStore::Written::note(const Mutex& /*mutex*/) {
+    return note_;
+}
+
+std::shared_ptr<BackgroundStore::Written>& BackgroundStore::News::latest(const Mutex& /*mutex*/) {
+    return latest_;
+}
 
 struct BackgroundStore::Job {
     enum class Kind : std::uint8_t { CREATE, WRITE, SILENCE, CLOSE, TEXT };
@@ -100,7 +120,8 @@ class BackgroundStore::Writer {
     }
     ~Writer() {
         for (News& news : all_news_) {
-            take_news(news, [](const Written& /*file*/) {});  // One by one: the list may be long.
+            take_news(news, [](const Written& /*file*/, const Written::Note& /*note*/) {
+            });  // One by one: the list may be long.
         }
     }
     Writer(const Writer&) = delete;
@@ -151,12 +172,14 @@ class BackgroundStore::Writer {
     template <typename Use>
     void take_news(News& news, Use use) QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
-        while (news.latest != nullptr) {
+        std::shared_ptr<Written>& latest = news.latest(mutex_);
+        while (latest != nullptr) {
             const std::shared_ptr<Written> file =
-                std::exchange(news.latest, std::move(news.latest->next_news));
-            file->in_news = false;
+                std::exchange(latest, std::move(latest->note(mutex_).next));
+            Written::Note& note = file->note(mutex_);
+            note.listed = false;
             --files_in_news_;
-            use(*file);
+            use(*file, std::exchange(note, {}));
         }
     }
     // Bytes of memory that is kept for later blocks.
@@ -322,15 +345,16 @@ class BackgroundStore::Writer {
     }
 
     void report(const std::shared_ptr<Written>& file, Result result) QV_REQUIRES(mutex_) {
-        if (file->new_error.empty()) {
-            file->new_error = std::move(result.error);
+        Written::Note& note = file->note(mutex_);
+        if (note.error.empty()) {
+            note.error = std::move(result.error);
         }
         if (!result.path.empty()) {
-            file->new_path = std::move(result.path);
+            note.path = std::move(result.path);
         }
-        file->newly_closed = file->newly_closed || result.closed;
-        if (!std::exchange(file->in_news, true)) {
-            file->next_news = std::exchange(file->news.latest, file);
+        note.closed = note.closed || result.closed;
+        if (!std::exchange(note.listed, true)) {
+            note.next = std::exchange(file->news.latest(mutex_), file);
             ++files_in_news_;
         }
     }
@@ -532,18 +556,16 @@ std::shared_ptr<const PendingFile> BackgroundStore::write_text(const std::string
 }
 
 void BackgroundStore::update() {
-    writer_->take_news(news_, [this](Written& file) {
+    writer_->take_news(news_, [this](Written& file, const Written::Note& note) {
         if (file.error.empty()) {
-            file.error = std::move(file.new_error);
+            file.error = note.error;
         }
-        file.new_error.clear();
-        const std::string name = file.new_path.substr(file.new_path.rfind('/') + 1);
+        const std::string name = note.path.substr(note.path.rfind('/') + 1);
         if (!name.empty() && name != file.name) {
             file.path = folder_ + '/' + name;
             add_name(name);
         }
-        file.new_path.clear();
-        if (file.newly_closed) {
+        if (note.closed) {
             end(file);
             incomplete_.erase(&file);
         }

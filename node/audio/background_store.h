@@ -88,7 +88,7 @@ class BackgroundStore : public AudioStore {
     class File;
     struct Written;
     struct Job;
-    struct News;
+    class News;
     class Writer;
 
     explicit BackgroundStore(BackgroundStore& shared);
