@@ -7,7 +7,9 @@ arrow must have at least one include.
 
 Comments about deliberate oddities point to a row of a table there. The row has to exist.
 
-The tests are checked too: each has to be in the namespace of its unit, or in qv::tests.
+The tests are checked too: each has to be in the namespace of its unit, or in qv::tests. Each unit
+has a test file at its own place below tests/, or stands in units_without_test.txt with the test that
+checks it instead.
 """
 
 import os
@@ -163,6 +165,41 @@ class TheTests(unittest.TestCase):
     def test_need_no_names_of_a_whole_namespace(self):
         self.assertEqual([path for path in self.TESTS
                           if re.search(r"^\s*using namespace qv", read(path), re.MULTILINE)], [])
+
+
+UNITS = re.compile(r"(host|module|node|quorvane_lib|tools)/.*\.cpp$")
+
+
+def substitutes_of(document):
+    """The tests that stand in for a test of the unit itself, by unit."""
+    lines = [line for line in document.splitlines() if line and not line.startswith("#")]
+    return dict(re.fullmatch(r"(\S+): (\S+), \S.*", line).groups() for line in lines)
+
+
+def units_without_test(files, substitutes):
+    return [path for path in files if UNITS.match(path) and path not in substitutes
+            and f"tests/{path[:-len('.cpp')]}_test.cpp" not in files]
+
+
+class TheUnits(unittest.TestCase):
+    SUBSTITUTES = substitutes_of(read("tests/layers/units_without_test.txt"))
+
+    def test_have_a_test_or_a_reason(self):
+        self.assertEqual(units_without_test(sources(), self.SUBSTITUTES), [])
+
+    def test_of_the_list_exist_and_so_do_their_tests(self):
+        listed = [path for pair in self.SUBSTITUTES.items() for path in pair]
+        self.assertEqual([path for path in listed
+                          if not os.path.exists(os.path.join(ROOT, path))], [])
+
+    def test_of_the_list_have_no_test_of_their_own(self):
+        self.assertEqual([path for path in self.SUBSTITUTES
+                          if path not in units_without_test(sources(), {})], [])
+
+    def test_without_either_are_found(self):
+        files = ["node/a.cpp", "node/b/c.cpp", "tests/node/a_test.cpp", "tests/node/c_test.cpp"]
+        self.assertEqual(units_without_test(files, {}), ["node/b/c.cpp"])
+        self.assertEqual(units_without_test(files, {"node/b/c.cpp": "tests/x.py"}), [])
 
 
 class ThePicture(unittest.TestCase):
