@@ -94,6 +94,8 @@ class Connection:
             except socket.timeout:
                 yield None
                 continue
+            except UnicodeDecodeError:
+                raise ConnectionError("the server does not speak NATS") from None
             kind, *words = line.split() or [""]
             if kind == "PING":
                 self.say("PONG")
@@ -275,7 +277,7 @@ def follow(connection, worker, streams):
             try:
                 worker.take(*message)
             except Nonsense as reason:
-                print(f"worker.py: ignored: {reason}", file=sys.stderr, flush=True)
+                print(f"worker.py: ignored: {str(reason)!a}", file=sys.stderr, flush=True)
         if streams and worker.ended >= streams:
             break
         if time.monotonic() - looked > 1:
@@ -312,7 +314,7 @@ def main():
         follow(connection, worker, options.streams)
     except KeyboardInterrupt:
         pass
-    except (OSError, ValueError) as error:  # A port may be no number.
+    except (OSError, ValueError, IndexError) as error:  # Of a URL, or of what the server says.
         sys.exit(f"worker.py: {error}")
     finally:
         if worker:

@@ -131,7 +131,11 @@ class WorkerTest(unittest.TestCase):
                     chunk(1, 0, b"ab", Gap=7), chunk(1, 0, b"ab", Sample_Rate=0),
                     chunk(1, 0, b"ab", Sample_Rate=10 ** 9), chunk(1, "²", b"ab"),
                     (f"quorvane.audio.{CALL}.originator", {}, b""), start("*"), start("node")]
-        self.assertEqual(self.take(*nonsense).count("ignored"), len(nonsense))
+        nonsense.append(chunk("\x1b[2J", 0, b"ab"))
+        nonsense.append(("quorvane.audio.\x1b[2J.originator", {}, b""))
+        printed = self.take(*nonsense)
+        self.assertEqual(printed.count("ignored"), len(nonsense))
+        self.assertRegex(printed, r"^[\n -~]*$")
         self.assertEqual(self.connection.subjects, {})
         self.take(chunk(1, 0, b"ab"))
         self.assertEqual(self.take(chunk(2, 1, b"cd", call=OTHER)).count("ignored"), 1)
@@ -144,6 +148,20 @@ class WorkerTest(unittest.TestCase):
         self.assertEqual(done.returncode, 1)
         self.assertRegex(done.stderr, r"^worker.py: .*refused\n$")
 
+
+    def test_server_that_does_not_speak_nats_is_an_error_of_one_line(self):
+        for line in b"MSG\r\n", b"MSG a b\r\n", b"HMSG 1\r\n", b"-ERR 'x'\r\n", b"\xff\r\n":
+            with socket.create_server(("127.0.0.1", 0)) as listener:
+                process = subprocess.Popen(
+                    [sys.executable, str(FLEET / "worker.py"), "--nats",
+                     "127.0.0.1:%d" % listener.getsockname()[1]], stderr=subprocess.PIPE, text=True)
+                self.addCleanup(process.kill)
+                server, _ = listener.accept()
+                with server:
+                    server.sendall(line)
+                    errors = process.communicate(timeout=60)[1]
+                self.assertEqual(process.returncode, 1, errors)
+                self.assertRegex(errors, r"^ready\nworker.py: .*\n$")
 
     def test_password_is_not_sent_without_tls_if_the_url_says_tls(self):
         for greeting in b"INFO {}\r\n", b"INFO {}\r\nPING\r\n", b"INFO {}\r\n" + b"x" * 9000:
