@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "node/audio/descriptor.h"
+#include "tools/hexadecimal.h"
 
 namespace qv::node {
 
@@ -34,14 +35,9 @@ int read_into(int file, sha256_ctx& sha) {
 }
 
 std::string digest_text(sha256_ctx& sha) {
-    static constexpr char digits[] = "0123456789abcdef";
     std::array<std::uint8_t, SHA256_DIGEST_SIZE> digest{};
     sha256_digest(&sha, digest.size(), digest.data());
-    std::string text;
-    for (const std::uint8_t byte : digest) {
-        text += {digits[byte >> 4], digits[byte & 15]};
-    }
-    return text;
+    return tools::hexadecimal(digest.data(), digest.size());
 }
 
 }  // namespace

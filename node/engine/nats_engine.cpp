@@ -1,4 +1,5 @@
 #include "node/engine/nats_engine.h"
+#include "tools/hexadecimal.h"
 
 #include <unistd.h>
 
@@ -23,10 +24,7 @@ constexpr milliseconds PATIENCE_AT_THE_END{5000};
 
 std::string random_id() {
     std::random_device device;
-    std::array<char, 17> digits{};
-    const std::uint64_t number = std::uint64_t{device()} << 32 | device();
-    std::snprintf(digits.data(), digits.size(), "%016llx", static_cast<unsigned long long>(number));
-    return digits.data();
+    return tools::hexadecimal(std::uint64_t{device()} << 32 | device());
 }
 
 std::string host_name() {

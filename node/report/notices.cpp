@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "node/report/text.h"
+#include "tools/hexadecimal.h"
 
 namespace qv::node {
 
@@ -15,10 +16,9 @@ constexpr std::uint64_t MALFORMED_REPORTS_PER_REASON = 3;
 constexpr std::size_t SHOWN_BYTES = 8;
 
 std::string hex_of(const Datagram& datagram) {
-    static constexpr char digits[] = "0123456789abcdef";
     std::string text;
     for (std::size_t i = 0; i < std::min(datagram.size, SHOWN_BYTES); ++i) {
-        text += {' ', digits[datagram.data[i] >> 4], digits[datagram.data[i] & 15]};
+        text += ' ' + tools::hexadecimal(datagram.data + i, 1);
     }
     return text;
 }

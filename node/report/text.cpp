@@ -6,6 +6,7 @@
 
 #include "node/calls/level_meter.h"
 #include "tools/format.h"
+#include "tools/hexadecimal.h"
 #include "tools/utf8.h"
 
 namespace qv::node {
@@ -92,7 +93,7 @@ LocalMoment local_moment(Micros time) {
 }  // namespace
 
 std::string key_text(std::uint64_t call_key) {
-    return tools::format("0x%016llx", static_cast<unsigned long long>(call_key));
+    return "0x" + tools::hexadecimal(call_key);
 }
 
 std::string decibel_text(double level) {

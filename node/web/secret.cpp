@@ -11,6 +11,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "tools/hexadecimal.h"
+
 namespace qv::node::web {
 
 namespace {
@@ -90,13 +92,7 @@ std::string new_secret() {
     if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
         throw std::system_error(errno, std::generic_category(), "no random bytes");
     }
-    static constexpr char DIGITS[] = "0123456789abcdef";
-    std::string text;
-    for (const unsigned char byte : bytes) {
-        text += DIGITS[byte >> 4];
-        text += DIGITS[byte & 15];
-    }
-    return text;
+    return tools::hexadecimal(bytes.data(), bytes.size());
 }
 
 }  // namespace qv::node::web
