@@ -10,7 +10,7 @@ function(quorvane_install_documents component package)
   install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md
           DESTINATION ${folder} COMPONENT ${component})
   install(DIRECTORY docs DESTINATION ${folder} COMPONENT ${component}
-          FILES_MATCHING PATTERN *.md PATTERN *.ksy)
+          FILES_MATCHING PATTERN *.md PATTERN *.ksy PATTERN *.png)
   install(DIRECTORY examples DESTINATION ${folder} COMPONENT ${component}
           FILES_MATCHING PATTERN *.md PATTERN *.py PATTERN *.cpp PATTERN *.xml PATTERN *.nft
           PATTERN *.json PATTERN *.yml)
