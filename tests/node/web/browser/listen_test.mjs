@@ -30,7 +30,7 @@ afterEach(async () => {
 // Opens a call whose samples are all different, and listens.
 async function listen(button, of_call = {}) {
   node = await MediaNode.start(process.env.PAGE_MEDIA_NODE, {
-    options: ["--rate", String(RATE), "--events", "/dev/null", "--no-sides"]});
+    options: ["--rate", String(RATE), "--no-sides"], events: true});
   calls = new Switch(node.port);
   page = await open_page(browser, node.url, {...DESKTOP, ...TAPPED});
   const call = calls.begin({reference: "heard", value: unique, ...of_call});
@@ -156,6 +156,9 @@ test("listening stops with the button, with Escape and with the call, and is log
   calls.end(call);
   await page.locator("#player.over").waitFor();
   assert.match(await page.locator("#player_text").innerText(), /Listening has ended: ended/);
-  assert.ok((node.log.match(new RegExp("listening +" + call.uuid, "g")) ?? []).length >= 3, node.log);
+  const begins = () => node.events().filter(({event, call_uuid, ended}) =>
+    event === "listen" && call_uuid === call.uuid && !ended);
+  await until("each listening is reported", () => begins().length === 3);
+  assert.ok(begins().every(({sides, from}) => sides === "both" && from.startsWith("127.0.0.1:")));
   await close(page);
 });

@@ -27,12 +27,15 @@ export async function until(what, happened) {
 
 export class MediaNode {
   // Starts the program with further options. `http` is the address of the page.
-  static async start(program, {options = [], http = "127.0.0.1:0"} = {}) {
+  static async start(program, {options = [], http = "127.0.0.1:0", events = false} = {}) {
     const node = new MediaNode();
     node.folder = fs.mkdtempSync(path.join(os.tmpdir(), "quorvane-page-"));
+    node.events_file = path.join(node.folder, "events.jsonl");
     node.log = "";
-    node.process = spawn(program, ["--listen", "127.0.0.1:0", "--http", http, "--output",
-                                   node.folder, ...options], {stdio: ["ignore", "pipe", "pipe"]});
+    node.process = spawn(program, [
+      "--listen", "127.0.0.1:0", "--http", http, "--output", node.folder,
+      ...(events ? ["--events", node.events_file] : []), ...options,
+    ], {stdio: ["ignore", "pipe", "pipe"]});
     for (const stream of [node.process.stdout, node.process.stderr]) {
       stream.on("data", (text) => {
         node.log += text;
@@ -52,6 +55,12 @@ export class MediaNode {
       return node.url && node.port;
     });
     return node;
+  }
+
+  // The events so far, if it was started with `events`.
+  events() {
+    return fs.readFileSync(this.events_file, "utf8").split("\n").filter((line) => line.endsWith("}"))
+      .map((line) => JSON.parse(line));
   }
 
   async stop(signal = "SIGTERM") {
@@ -148,12 +157,13 @@ export class Switch {
   }
 
   // A call whose sides say value(side, position). `loses(n, side)` says which frames are lost, and
-  // `speed` by how much its clock is fast. A call without `started` has no start packet.
-  begin({value = speech, loses = () => false, speed = 1, sides = [ORIGINATOR, TERMINATOR],
-         started = true, ...rest} = {}) {
+  // `pauses(n, side)` in which the switch sends nothing. `speed` says by how much the clock is fast. A
+  // call without `started` has no start packet.
+  begin({value = speech, loses = () => false, pauses = () => false, speed = 1,
+         sides = [ORIGINATOR, TERMINATOR], started = true, ...rest} = {}) {
     const call = new Call(this.port, this.socket, rest);
-    Object.assign(call, {value, loses, speed, sides, frames: 0, began: performance.now(),
-                         sent_at: new Map()});
+    Object.assign(call, {value, loses, pauses, speed, sides, frames: 0, positions: [0, 0],
+                         began: performance.now()});
     if (started) {
       call.start();
     }
@@ -167,10 +177,11 @@ export class Switch {
     const now = performance.now();
     for (const call of this.calls) {
       while (call.began + call.frames * 20 / call.speed <= now) {
-        for (const side of call.sides) {
-          const position = call.frames * FRAME;
+        for (const side of call.sides.filter((one) => !call.pauses(call.frames, one))) {
+          const position = call.positions[side];
           call.data(side, position, Int16Array.from(
             {length: FRAME}, (_, i) => call.value(side, position + i)), call.loses(call.frames, side));
+          call.positions[side] += FRAME;
         }
         call.frames += 1;
       }
@@ -207,7 +218,39 @@ export function speech(side, position) {
   for (let harmonic = 1; harmonic < 8; ++harmonic) {
     sum += Math.sin(2 * Math.PI * pitch * harmonic * seconds) / harmonic;
   }
-  return Math.round(5000 * syllable * sum);
+  return Math.round(7000 * syllable * sum);
+}
+
+// A sound that is known to the media node: a melody with a voice-like envelope, for some seconds.
+export const ANNOUNCEMENT_S = 2.5;
+
+export function announcement(position) {
+  const seconds = position / RATE;
+  const note = Math.floor(seconds * 7);
+  const pitch = 180 + ((note * note * 37 + 5 * note) % 23) * 22;
+  let sum = 0;
+  for (let harmonic = 1; harmonic < 6; ++harmonic) {
+    sum += Math.sin(2 * Math.PI * pitch * harmonic * seconds + note) / harmonic;
+  }
+  return Math.round(4500 * sum * Math.sin(Math.PI * (seconds * 7 - note)));
+}
+
+// A WAV file of 16-bit samples.
+export function wav(samples) {
+  const head = Buffer.alloc(44);
+  head.write("RIFF", 0);
+  head.writeUInt32LE(36 + 2 * samples.length, 4);
+  head.write("WAVEfmt ", 8);
+  head.writeUInt32LE(16, 16);
+  head.writeUInt16LE(1, 20);
+  head.writeUInt16LE(1, 22);
+  head.writeUInt32LE(RATE, 24);
+  head.writeUInt32LE(2 * RATE, 28);
+  head.writeUInt16LE(2, 32);
+  head.writeUInt16LE(16, 34);
+  head.write("data", 36);
+  head.writeUInt32LE(2 * samples.length, 40);
+  return Buffer.concat([head, Buffer.from(samples.buffer)]);
 }
 
 const PERIOD = 24000;  // Samples, which is 150 frames.

@@ -8,8 +8,8 @@ import {after, afterEach, before, test} from "node:test";
 
 import {DESKTOP, TELEPHONE, check_accessibility, check_width, close, column, launch, open_call,
         open_page, references} from "./browser.mjs";
-import {FRAME, MediaNode, ORIGINATOR, RATE, Switch, TERMINATOR, sleep, speech, until}
-  from "./media_node.mjs";
+import {ANNOUNCEMENT_S, MediaNode, ORIGINATOR, RATE, Switch, TERMINATOR, announcement, sleep, speech,
+        until, wav} from "./media_node.mjs";
 
 const PROGRAM = process.env.PAGE_MEDIA_NODE;
 // For a person to look at.
@@ -361,26 +361,47 @@ test("2,000 calls can be sorted, scrolled and opened", async () => {
   many.socket.close();
 });
 
+// One call of the pictures has all that can be seen of one: losses, a pause, and a known sound.
+function eventful() {
+  const known_at = 14.4 * RATE;
+  return {
+    reference: "sales-0092@pbx1.example",
+    loses: (n, side) => side === ORIGINATOR && (n % 410 === 300 || n % 410 === 301),
+    pauses: (n, side) => side === ORIGINATOR && n >= 410 && n < 535,
+    value: (side, position) =>
+      side === TERMINATOR && position >= known_at && position < known_at + ANNOUNCEMENT_S * RATE
+        ? announcement(position - known_at) : speech(side, position),
+  };
+}
+
 test("pictures for a person", async () => {
-  await begin({options: ["--timeline"]});
+  const samples = fs.mkdtempSync("/tmp/quorvane-samples-");
+  fs.writeFileSync(path.join(samples, "announcement.wav"), wav(Int16Array.from(
+    {length: ANNOUNCEMENT_S * RATE}, (_, position) => announcement(position))));
+  await begin({options: ["--timeline", "--samples", samples], viewport: {width: 1440, height: 860}});
   const shift = (seconds) => (side, position) => speech(side, position + seconds * RATE);
-  ["order-4711@pbx1.example", "sales-0092@pbx1.example", "support-77120@pbx2.example",
-   "sales-0093@pbx2.example", "inbound-33@pbx1.example", "+44 20 7946 0123"].forEach(
-    (reference, n) => calls.begin({
-      reference, value: shift(3 * n), loses: (frame) => n === 1 && frame % 40 === 39,
-      sides: n === 4 ? [ORIGINATOR] : [ORIGINATOR, TERMINATOR]}));
-  const short = calls.begin({reference: "voicemail-5@pbx2.example"});
-  await sleep(600);
-  calls.end(short);
-  await until("there is an ended call", async () => await page.locator("tr .name").count() === 1);
+  calls.begin(eventful());
+  ["order-4711@pbx1.example", "support-77120@pbx2.example", "sales-0093@pbx2.example",
+   "inbound-33@pbx1.example", "+44 20 7946 0123", "order-4712@pbx1.example"].forEach((reference, n) =>
+    calls.begin({reference, value: shift(3 * n + 1), started: n !== 2,
+                 sides: n === 3 ? [ORIGINATOR] : [ORIGINATOR, TERMINATOR]}));
+  for (const reference of ["voicemail-5@pbx2.example", "order-4710@pbx1.example"]) {
+    const short = calls.begin({reference});
+    await sleep(600);
+    calls.end(short);
+  }
+  await until("there are ended calls", async () => await page.locator("tr .name").count() === 2);
   await open_call(page, "sales-0092");
+  // The picture of the README is made with PAGE_SECONDS=30.
   await sleep(Number(process.env.PAGE_SECONDS ?? 2) * 1000);
   await page.mouse.move(0, 0);
   await page.screenshot({path: path.join(PICTURES, "desktop.png")});
   const telephone = await open_page(browser, node.url, {...TELEPHONE, colorScheme: "dark"});
   await telephone.locator(".rows .row").first().waitFor();
+  await open_call(telephone, "sales-0092");
   await sleep(1000);
   await telephone.screenshot({path: path.join(PICTURES, "telephone.png")});
   await close(telephone);
   await close(page);
+  fs.rmSync(samples, {recursive: true});
 });
