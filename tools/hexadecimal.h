@@ -9,11 +9,11 @@ namespace qv::tools {
 
 // Two digits for each byte, in lower case.
 inline std::string hexadecimal(const unsigned char* bytes, std::size_t size) {
-    static constexpr char DIGITS[] = "0123456789abcdef";
+    static constexpr char digits[] = "0123456789abcdef";
     std::string text;
     for (std::size_t i = 0; i < size; ++i) {
-        text += DIGITS[bytes[i] >> 4];
-        text += DIGITS[bytes[i] & 15];
+        text += digits[bytes[i] >> 4];
+        text += digits[bytes[i] & 15];
     }
     return text;
 }

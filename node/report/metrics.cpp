@@ -109,6 +109,12 @@ class Metrics::Impl {
                     .Name("quorvane_node_samples_found_total")
                     .Help("Recognised samples by their name")
                     .Register(*registry)) {
+        add_families();
+        add_build_info();
+    }
+
+    // The counters that differ only in a label.
+    void add_families() {
         for (std::size_t i = 0; i < running.size(); ++i) {
             running[i] = &prometheus::BuildGauge()
                               .Name("quorvane_node_running_sides")
@@ -137,6 +143,9 @@ class Metrics::Impl {
             malformed[i] = &labelled("malformed_packets_total", "Datagrams that are not packets",
                                      "reason", label_of(static_cast<media::DecodeResult>(i)));
         }
+    }
+
+    void add_build_info() {
         prometheus::BuildGauge()
             .Name("quorvane_node_build_info")
             .Help("Always 1; the label has the version")
