@@ -165,6 +165,12 @@ test("a hostile reference is shown as it is", async () => {
     await open_call(page, reference.slice(0, 200));
     assert.equal(await page.locator("#opened_title").innerText(), reference);
   }
+  // A reference that comes after the audio replaces what the row says.
+  const late = calls.begin({reference: "<img src=y onerror=alert(5)>", started: false});
+  await until("the call is shown", async () => (await references(page)).includes("(no reference)"));
+  late.start();
+  await until("its reference is shown", async () =>
+    (await references(page)).includes("<img src=y onerror=alert(5)>"));
   await check_width(page, "with a long reference");
   assert.equal(await page.locator("main img, main script").count(), 0);
   await close(page);
