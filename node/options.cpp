@@ -88,7 +88,7 @@ CLI::Option* add_networks(CLI::App& app, const std::string& name, std::vector<to
         ->take_all();
 }
 
-void add_output_options(CLI::App& app, Options& options) {
+void add_input_options(CLI::App& app, Options& options) {
     app.option_defaults()->group("Input and files");
     app.add_option("-l,--listen", options.listen_text,
                    "UDP address and port to receive on; port 0 takes a free port and prints it")
@@ -104,20 +104,10 @@ void add_output_options(CLI::App& app, Options& options) {
                    "Read a network capture (pcap or pcapng) instead of listening; - reads the "
                    "standard input; with --listen, take only datagrams to that address and port")
         ->type_name("FILE");
-    app.add_option("-o,--output", options.folder,
-                   "Folder of the files; it is made if it is missing")
-        ->check([](const std::string& text) {
-            return text.empty() ? "a folder needs a name" : std::string();
-        })
-        ->type_name("FOLDER")
-        ->capture_default_str();
-    app.add_option("--name", options.name,
-                   "Pattern for the names of files, with {uuid}, {reference}, {date}, {time}")
-        ->check(NamePattern::complaint)
-        ->type_name("PATTERN")
-        ->capture_default_str();
-    app.add_flag("--overwrite", options.overwrite,
-                 "Replace existing files (default: new files get a number)");
+}
+
+// Which audio files a call gets.
+void add_format_options(CLI::App& app, Options& options) {
     app.add_flag("--stereo", options.stereo,
                  "Also write a file of both sides: originator left, terminator right");
     app.add_option_function<std::string>(
@@ -138,6 +128,25 @@ void add_output_options(CLI::App& app, Options& options) {
         ->check(CLI::IsMember(formats).description(""))
         ->type_name("FORMAT")
         ->default_str("wav");
+}
+
+void add_file_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("Input and files");
+    app.add_option("-o,--output", options.folder,
+                   "Folder of the files; it is made if it is missing")
+        ->check([](const std::string& text) {
+            return text.empty() ? "a folder needs a name" : std::string();
+        })
+        ->type_name("FOLDER")
+        ->capture_default_str();
+    app.add_option("--name", options.name,
+                   "Pattern for the names of files, with {uuid}, {reference}, {date}, {time}")
+        ->check(NamePattern::complaint)
+        ->type_name("PATTERN")
+        ->capture_default_str();
+    app.add_flag("--overwrite", options.overwrite,
+                 "Replace existing files (default: new files get a number)");
+    add_format_options(app, options);
     app.add_flag("--sidecar", options.sidecar,
                  "Also write a JSON file per call that describes the call and its files");
     app.add_flag("--keep-pauses", options.keep_pauses,
@@ -375,9 +384,7 @@ void add_analysis_options(CLI::App& app, Options& options) {
         ->capture_default_str();
 }
 
-void add_limit_options(CLI::App& app, Options& options) {
-    app.option_defaults()->group("Limits");
-    CallLimits& limits = options.limits;
+void add_call_limits(CLI::App& app, CallLimits& limits) {
     app.add_option("--max-calls", limits.max_calls,
                    "Most calls at once; packets of further calls are dropped")
         ->check(between(1, 10'000'000))
@@ -390,6 +397,9 @@ void add_limit_options(CLI::App& app, Options& options) {
              seconds_between(0.1, 7 * 86400));
     add_span(app, "--linger", limits.linger,
              "How long to wait for late packets after a terminate packet", seconds_between(0, 60));
+}
+
+void add_disk_limits(CLI::App& app, Options& options) {
     app.add_option("--max-open-files", options.max_open_files,
                    "Most files open at once; others are closed and opened again (default: what the "
                    "system allows)")
@@ -423,11 +433,14 @@ void add_limit_options(CLI::App& app, Options& options) {
         ->check(seconds_between(0, 86400))
         ->type_name("SECONDS")
         ->capture_default_str();
+}
+
+void add_keep_option(CLI::App& app, KeepLimits& keep) {
     app.add_option_function<std::vector<std::string>>(
            "--keep",
-           [&options](const std::vector<std::string>& texts) {
+           [&keep](const std::vector<std::string>& texts) {
                for (const std::string& text : texts) {
-                   read_keep_limit(text, options.keep);  // The check has passed.
+                   read_keep_limit(text, keep);  // The check has passed.
                }
            },
            "Remove the files of calls older than so many days, such as 30d, or of the oldest calls "
@@ -439,11 +452,41 @@ void add_limit_options(CLI::App& app, Options& options) {
         ->type_name("LIMIT")
         ->expected(1)
         ->take_all();
+}
+
+void add_limit_options(CLI::App& app, Options& options) {
+    app.option_defaults()->group("Limits");
+    add_call_limits(app, options.limits);
+    add_disk_limits(app, options);
+    add_keep_option(app, options.keep);
     app.add_option("--receive-buffer", options.receive_buffer_mib,
                    "Receive buffer of all threads together")
         ->check(between(1, 1024))
         ->type_name("MIB")
         ->capture_default_str();
+}
+
+void add_options(CLI::App& app, Options& options) {
+    add_input_options(app, options);
+    add_file_options(app, options);
+    add_sender_options(app, options);
+    add_report_options(app, options);
+    add_web_options(app, options);
+    add_engine_options(app, options);
+    add_end_options(app, options);
+    add_exit_options(app, options);
+    add_audio_options(app, options);
+    add_analysis_options(app, options);
+    add_limit_options(app, options);
+}
+
+// Returns what cannot be used together, or an empty text.
+std::string contradiction_in(const Options& options) {
+    if (options.keep.any() && !CallFileNames::can_tell(options.name)) {
+        return "--keep: the names of --name need {uuid}, by which the files of calls can be told "
+               "from others";
+    }
+    return check_web_options(options.web);
 }
 
 }  // namespace
@@ -463,16 +506,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
         "     after a call failed, a capture was damaged, or --idle-exit came before --calls\n"
         "  2  the command line or the configuration file for NATS is wrong\n"
         "  3  the port, the folder or the events file cannot be used");
-    add_output_options(app, options);
-    add_sender_options(app, options);
-    add_report_options(app, options);
-    add_web_options(app, options);
-    add_engine_options(app, options);
-    add_end_options(app, options);
-    add_exit_options(app, options);
-    add_audio_options(app, options);
-    add_analysis_options(app, options);
-    add_limit_options(app, options);
+    add_options(app, options);
     try {
         app.parse(argc, argv);
         if (!options.read.empty() && options.threads != 1) {
@@ -481,14 +515,9 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_FINE : EXIT_USAGE;
     }
-    if (options.keep.any() && !CallFileNames::can_tell(options.name)) {
-        std::cerr << "--keep: the names of --name need {uuid}, by which the files of calls can be "
-                     "told from others\n";
-        return EXIT_USAGE;
-    }
-    const std::string web_error = check_web_options(options.web);
-    if (!web_error.empty()) {
-        std::cerr << web_error << std::endl;
+    const std::string contradiction = contradiction_in(options);
+    if (!contradiction.empty()) {
+        std::cerr << contradiction << std::endl;
         return EXIT_USAGE;
     }
     if (options.threads == 0) {
