@@ -1,5 +1,4 @@
 """Runs quorvane-node with several threads, as a process, and sends it many calls."""
-import argparse
 import collections
 import json
 import os
@@ -14,26 +13,14 @@ import tempfile
 import time
 import unittest
 import urllib.request
-import wave
 
-PARSER = argparse.ArgumentParser(description=__doc__)
-PARSER.add_argument("node", metavar="QUORVANE_NODE")
-PARSER.add_argument("golden", metavar="GOLDEN_FOLDER", type=pathlib.Path)
-PARSER.add_argument("stopped_disk", metavar="STOPPED_DISK",
-                    help="a library that makes the disk stand still")
-ARGUMENTS, OTHER_ARGUMENTS = PARSER.parse_known_args()
-NODE, GOLDEN, STOPPED_DISK = ARGUMENTS.node, ARGUMENTS.golden, ARGUMENTS.stopped_disk
+from end_to_end_test import (NODE, OTHER_ARGUMENTS, STOPPED_DISK, golden, samples,
+                             watched_by_a_sanitizer)
+
 THREADS = 2
 PACKETS = 20  # Of each side of a call.
 SAMPLES = 160
 PATIENCE = 60
-
-
-def golden(name):
-    text = (GOLDEN / (name + ".hex")).read_text()
-    return bytes.fromhex("".join(line.split("#")[0] for line in text.splitlines()))
-
-
 START, READ, WRITE, TERMINATE = map(
     golden, ["call_1_start", "call_2_read", "call_3_write", "call_7_terminate"])
 SEND_TIME = 32
@@ -61,16 +48,6 @@ def data(call, side, number):
     head = of_call(call, (READ, WRITE)[side], number * 20_000)[:40]
     return head + struct.pack("<IIH", number, (number - 1) * SAMPLES, SAMPLES) + struct.pack(
         "<160h", *audio(call, side, number))
-
-
-def samples(path):
-    with wave.open(str(path)) as file:
-        return list(struct.unpack("<%dh" % file.getnframes(), file.readframes(file.getnframes())))
-
-
-def watched_by_a_sanitizer():
-    program = pathlib.Path(NODE).read_bytes()
-    return b"__ubsan_handle" in program or b"__tsan_init" in program
 
 
 def bound(port=0, shared=False):
