@@ -33,7 +33,7 @@ constexpr float MOST_OF_BAND_DB = 20;
 // Whether sound continues under the noise is decided by comparing two cases for each frame: noise
 // alone, and noise with sound that is this much louder than the level of activity. The sound is
 // assumed to have the spectrum of the sound before. With 12 dB, sound ends in noise where it ends
-// without noise; with 6 dB it ends 50 ms too late.
+// without noise; with 6 dB it ends 60 ms too late.
 constexpr float ABOVE_LEVEL_DB = 12;
 constexpr float SPECTRUM_SMOOTHING = 0.8F;
 constexpr int FEWEST_QUIET_FRAMES = 8;

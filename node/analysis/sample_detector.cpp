@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 #include "node/analysis/peak_match.h"
@@ -10,11 +11,19 @@ namespace qv::node::analysis {
 
 namespace {
 
-// How many landmarks must agree, and within how many frames, before frames are compared.
-constexpr std::uint32_t VOTES_WANTED = 2;
+// Frames are compared after landmarks that agree on where a reference begins have given enough
+// evidence, each at most this many frames after the one before.
 constexpr std::uint32_t VOTE_LIFE = 64;
-// A landmark counts if at most one of this many reliable bits of its frames is different.
-constexpr int LIKE = 4;
+// With thousands of references, many landmarks agree by chance. So each time that the number of
+// references doubles beyond 2^MANY_DOUBLINGS, more evidence is wanted. With less, too many
+// references would be compared in vain; with more, references in noise would be missed.
+constexpr int EVIDENCE_WANTED = 24;
+constexpr int EVIDENCE_PER_DOUBLING = 6;
+constexpr int MANY_DOUBLINGS = 10;
+// A landmark gives as much evidence as its frames have reliable bits, less this for each bit that
+// the side has not. If too little is left, it does not count.
+constexpr int DIFFERENT_BIT = 2;
+constexpr int LEAST_EVIDENCE = SampleIndex::LEAST_RELIABLE;
 
 // Bits count less than their probability alone suggests, because the bits of overlapping frames
 // depend on each other.
@@ -43,6 +52,9 @@ constexpr int MOST = 1100;  // Limits the score, so that a candidate ends soon a
 // The framing of a candidate is chosen over this many frames.
 constexpr std::int64_t CHOICE = 24;
 
+// Frames of a reference in a line of the cache.
+constexpr std::int64_t FRAMES_OF_LINE = 64 / sizeof(SampleIndex::Frame);
+
 // Alignments of a reference that are closer than this count as one.
 constexpr std::int64_t SAME_FRAMES = 3;
 
@@ -52,18 +64,28 @@ constexpr std::uint64_t SILENCE_HEARD_S = 1;
 constexpr std::uint64_t STEP_S = 2;
 constexpr std::int64_t STEP_FRAMES = STEP_S * ANALYSIS_RATE / HOP;
 
+// How many bits of each byte are set. Not written with the processor's instruction, which not every
+// processor has.
+std::uint64_t bits_of_bytes(std::uint32_t first, std::uint32_t second) {
+    std::uint64_t word = first | (std::uint64_t{second} << 32);
+    word -= (word >> 1) & 0x5555555555555555u;
+    word = (word & 0x3333333333333333u) + ((word >> 2) & 0x3333333333333333u);
+    return (word + (word >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
+}
+
+// How many bits of both words together are set.
+int count_bits(std::uint32_t first, std::uint32_t second) {
+    return static_cast<int>((bits_of_bytes(first, second) * 0x0101010101010101u) >> 56);
+}
+
 struct BitCounts {
     int first;
     int second;
 };
 
-// How many bits of each word are set. Not written with the processor's instruction, which not every
-// processor has.
-BitCounts count_bits(std::uint32_t first, std::uint32_t second) {
-    std::uint64_t word = first | (std::uint64_t{second} << 32);
-    word -= (word >> 1) & 0x5555555555555555u;
-    word = (word & 0x3333333333333333u) + ((word >> 2) & 0x3333333333333333u);
-    word = (word + (word >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
+// How many bits of each word are set.
+BitCounts count_bits_of_each(std::uint32_t first, std::uint32_t second) {
+    std::uint64_t word = bits_of_bytes(first, second);
     word += word >> 8;
     word += word >> 16;
     return {static_cast<int>(word & 0x3F), static_cast<int>((word >> 32) & 0x3F)};
@@ -77,12 +99,19 @@ int sum(RegionBytes bytes) {
     return static_cast<int>((word * 0x0001000100010001u) >> 48);
 }
 
-// Returns whether most reliable bits of the frames of both peaks are those of the side.
-bool sounds_like(const SampleIndex::Place& place, std::uint32_t first, std::uint32_t second) {
-    const BitCounts reliable = count_bits(place.first.mask, place.second.mask);
-    const BitCounts different = count_bits((place.first.bits ^ first) & place.first.mask,
-                                           (place.second.bits ^ second) & place.second.mask);
-    return LIKE * (different.first + different.second) <= reliable.first + reliable.second;
+std::uint8_t evidence_wanted(std::size_t references) {
+    int wanted = EVIDENCE_WANTED;
+    for (std::size_t many = references >> MANY_DOUBLINGS; many > 0; many /= 2) {
+        wanted += EVIDENCE_PER_DOUBLING;
+    }
+    return static_cast<std::uint8_t>(wanted);
+}
+
+// Returns how much the frames of both peaks sound like those of the side.
+int evidence_of(const SampleIndex::Place& place, std::uint32_t first, std::uint32_t second) {
+    return count_bits(place.first.mask, place.second.mask) -
+           DIFFERENT_BIT * count_bits((place.first.bits ^ first) & place.first.mask,
+                                      (place.second.bits ^ second) & place.second.mask);
 }
 
 std::uint32_t vote_key(std::uint32_t reference, std::int64_t begin) {
@@ -106,6 +135,7 @@ std::uint8_t shift_of(std::int64_t framing) {
 SampleDetector::SampleDetector(std::shared_ptr<const SampleIndex> index, int sample_rate,
                                std::uint64_t position)
     : index_(std::move(index)),
+      evidence_wanted_(evidence_wanted(index_->size())),
       resampler_(sample_rate, ANALYSIS_RATE),
       sample_rate_(sample_rate),
       origin_(position),
@@ -219,6 +249,11 @@ void SampleDetector::remember() {
 }
 
 void SampleDetector::vote(const AllPlaces& places) {
+    struct Like {
+        const SampleIndex::Place* place;
+        int evidence;
+    };
+    std::array<Like, SampleIndex::MOST_PLACES> likes;
     for (std::size_t i = 0; i < fingerprint_.landmark_count(); ++i) {
         const Landmark& landmark = fingerprint_.landmarks()[i];
         const std::int64_t at = frame_ - landmark.age;
@@ -228,26 +263,34 @@ void SampleDetector::vote(const AllPlaces& places) {
         const std::uint32_t first = heard(at).bits;
         const std::uint32_t second =
             heard(frame_ - static_cast<std::int64_t>(Fingerprint::REACH)).bits;
+        // Few places sound like the side. They are collected without branches, which would be
+        // predicted wrongly.
+        std::size_t count = 0;
         for (const SampleIndex::Place* each = places[i].begin; each != places[i].end; ++each) {
-            if (sounds_like(*each, first, second)) {
-                vote_for(each->reference, at - each->frame);
-            }
+            likes[count] = {each, evidence_of(*each, first, second)};
+            count += likes[count].evidence >= LEAST_EVIDENCE ? 1 : 0;
+        }
+        for (std::size_t k = 0; k < count; ++k) {
+            const SampleIndex::Place& place = *likes[k].place;
+            vote_for(place.reference, at - place.frame, likes[k].evidence);
         }
     }
 }
 
-void SampleDetector::vote_for(std::uint32_t reference, std::int64_t begin) {
+void SampleDetector::vote_for(std::uint32_t reference, std::int64_t begin, int evidence) {
+    constexpr int most = std::numeric_limits<std::uint8_t>::max();
     const auto now = static_cast<std::uint16_t>(frame_);
     const std::uint32_t key = vote_key(reference, begin);
     Vote& vote = votes_[(key * 2654435761u) >> (32 - VOTE_BITS)];
     if (vote.key != key || static_cast<std::uint16_t>(now - vote.frame) > VOTE_LIFE) {
-        vote = {key, now, 0};
+        vote = {key, now, 0, evidence_wanted_};
     }
     vote.frame = now;
-    ++vote.count;
-    // A candidate that did not fit is compared again after twice as many votes.
-    const bool is_power_of_two = (vote.count & (vote.count - 1)) == 0;
-    if (vote.count >= VOTES_WANTED && is_power_of_two) {
+    vote.evidence = static_cast<std::uint8_t>(std::min(vote.evidence + evidence, most));
+    if (vote.evidence >= vote.wanted) {
+        // A candidate that does not fit is compared again after twice as much new evidence.
+        vote.evidence = 0;
+        vote.wanted = static_cast<std::uint8_t>(std::min(2 * vote.wanted, most));
         consider(reference, begin);
     }
 }
@@ -310,9 +353,14 @@ int SampleDetector::agreement(std::uint32_t reference, std::int64_t framing) con
     const std::int64_t begin = begin_of(framing);
     const auto& frames = index_->reference(reference).frames[shift_of(framing)];
     const std::int64_t end = std::min(frame_ + 1, begin + static_cast<std::int64_t>(frames.size()));
+    const std::int64_t from = std::max({first_, begin, frame_ + 1 - CHOICE});
+    // Candidates come from anywhere in the index, and a large index is not in the cache.
+    for (std::int64_t at = from; at < end; at += FRAMES_OF_LINE) {
+        __builtin_prefetch(&frames[static_cast<std::size_t>(at - begin)]);
+    }
     int score = 0;
     int most = 0;
-    for (std::int64_t at = std::max({first_, begin, frame_ + 1 - CHOICE}); at < end; ++at) {
+    for (std::int64_t at = from; at < end; ++at) {
         score += compare(frames, at - begin, at).gain;
         score = std::max(score, 0);
         most = std::max(most, score);
@@ -328,7 +376,7 @@ SampleDetector::Comparison SampleDetector::compare(const Frames& frames, std::in
     const SampleIndex::Frame& expected = frames[i];
     const Heard& now = heard(frame);
     const auto [reliable, different] =
-        count_bits(expected.mask, (now.bits ^ expected.bits) & expected.mask);
+        count_bits_of_each(expected.mask, (now.bits ^ expected.bits) & expected.mask);
     const RegionBytes present = matching(expected.peaks, heard(std::max(first_, frame - 1)).peaks,
                                          now.peaks, heard(std::min(frame_, frame + 1)).peaks);
     const RegionBytes known = matching(now.peaks, frames[i == 0 ? 0 : i - 1].peaks, expected.peaks,

@@ -1,7 +1,7 @@
 // Finds the references of an index in the audio of one side.
 //
-// If two landmarks of the audio also occur in a reference at the same distance, and sound alike,
-// the reference becomes a candidate. A candidate is compared frame by frame, and reported when
+// If landmarks of the audio also occur in a reference at the same distance, and sound alike, the
+// reference becomes a candidate. A candidate is compared frame by frame, and reported when
 // enough frames agree. All memory, about 20 KiB, is allocated at construction. Belongs to one
 // thread.
 #pragma once
@@ -61,8 +61,9 @@ class SampleDetector {
     // Landmarks that agree on where a reference begins.
     struct Vote {
         std::uint32_t key = 0;
-        std::uint16_t frame = 0;  // When the last one was heard, modulo 2^16.
-        std::uint16_t count = 0;
+        std::uint16_t frame = 0;    // When the last one was heard, modulo 2^16.
+        std::uint8_t evidence = 0;  // Since frames were last compared; see evidence_of().
+        std::uint8_t wanted = 0;    // Frames are compared when there is so much evidence.
     };
 
     // What is kept of each frame of the side.
@@ -99,7 +100,7 @@ class SampleDetector {
     void add_hop(SampleOutput& out);
     using AllPlaces = std::array<SampleIndex::Places, Fingerprint::MOST_LANDMARKS>;
     void vote(const AllPlaces& places);
-    void vote_for(std::uint32_t reference, std::int64_t begin);
+    void vote_for(std::uint32_t reference, std::int64_t begin, int evidence);
     void consider(std::uint32_t reference, std::int64_t begin);
     bool is_tracked(std::uint32_t reference, std::int64_t begin) const;
     bool advance(Track& track, std::int64_t frame) const;
@@ -119,6 +120,7 @@ class SampleDetector {
     std::int64_t side_position(std::int64_t analysed) const;
 
     std::shared_ptr<const SampleIndex> index_;
+    std::uint8_t evidence_wanted_;  // Of landmarks, before frames are compared.
     Resampler resampler_;
     int sample_rate_;
     std::uint64_t origin_;  // Sample of the side at which the first frame begins.

@@ -3,6 +3,7 @@
 #include <speex/speex_resampler.h>
 
 #include <algorithm>
+#include <bitset>
 #include <cmath>
 #include <iterator>
 #include <numeric>
@@ -33,9 +34,8 @@ constexpr float NO_LEVEL = -200;
 // covered by noise.
 constexpr std::uint8_t PEAK_GAIN[SampleIndex::FAINTEST + 1] = {26, 26, 26, 26, 26, 24, 20, 0};
 constexpr std::uint8_t PEAK_LOSS[SampleIndex::FAINTEST + 1] = {17, 17, 15, 11, 7, 4, 2, 0};
-// Of a landmark with one contrast, no more places than this are kept, so that a search does not
-// take too long. They are taken from all references alike.
-constexpr std::size_t MOST_PLACES = 48;
+// Reliable bits of a place that is preferred if not all places are kept.
+constexpr int VERY_RELIABLE = 20;
 
 std::vector<float> at_analysis_rate(const float* samples, std::size_t count, int rate) {
     std::vector<float> sound(samples, samples + count);
@@ -273,6 +273,24 @@ void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint1
     add_places(seen, number, reference);
 }
 
+int SampleIndexBuilder::reliable_bits(const SampleIndex::Place& place) {
+    return static_cast<int>(std::bitset<32>(place.first.mask).count() +
+                            std::bitset<32>(place.second.mask).count());
+}
+
+// Returns how many of the places to choose from. If there are more than are kept, and enough of
+// them are very reliable, these are moved to the beginning, and only they are chosen from.
+std::size_t SampleIndexBuilder::prefer_reliable(EntryIterator begin, EntryIterator end) {
+    const auto size = static_cast<std::size_t>(end - begin);
+    if (size <= SampleIndex::MOST_OF_CONTRAST) {
+        return size;
+    }
+    const auto others = std::stable_partition(
+        begin, end, [](const Entry& entry) { return reliable_bits(entry.place) >= VERY_RELIABLE; });
+    const auto very_reliable = static_cast<std::size_t>(others - begin);
+    return very_reliable < SampleIndex::MOST_OF_CONTRAST ? size : very_reliable;
+}
+
 // Framings that have the same landmark become one place, with the bits in which they agree.
 void SampleIndexBuilder::add_places(std::vector<Seen>& seen, std::uint16_t number,
                                     const SampleIndex::Reference& reference) {
@@ -298,6 +316,9 @@ void SampleIndexBuilder::add_places(std::vector<Seen>& seen, std::uint16_t numbe
             contrasts += at->contrast;
             ++count;
         }
+        if (reliable_bits(place) < SampleIndex::LEAST_RELIABLE) {
+            continue;
+        }
         const std::size_t step = SampleIndex::contrast_step(contrasts / count);
         entries_.push_back(
             {static_cast<std::uint32_t>(one.kind * SampleIndex::CONTRASTS + step), place});
@@ -317,10 +338,11 @@ std::shared_ptr<const SampleIndex> SampleIndexBuilder::build() {
         const auto end = std::find_if(begin, entries_.end(), [kind](const Entry& entry) {
             return entry.kind_and_contrast != kind;
         });
-        const auto size = static_cast<std::size_t>(end - begin);
-        const std::size_t kept = std::min(size, MOST_PLACES);
+        const std::size_t size = prefer_reliable(begin, end);
+        const std::size_t kept = std::min(size, SampleIndex::MOST_OF_CONTRAST);
         for (std::size_t i = 0; i < kept; ++i) {
-            // References that share many landmarks lose different ones.
+            // All references alike give places. References that share many landmarks lose different
+            // ones.
             const std::size_t chosen = (i * size / kept + kind) % size;
             index->places_.push_back(begin[static_cast<std::ptrdiff_t>(chosen)].place);
         }

@@ -36,6 +36,9 @@ class SampleIndex {
         Bits second;
     };
 
+    // Places with fewer reliable bits are left out: they are found in too much other audio.
+    static constexpr int LEAST_RELIABLE = 6;
+
     // A number for the peak of each region, 0 where the frame has none.
     using PeakWeights = std::array<std::uint8_t, Fingerprint::REGIONS>;
 
@@ -76,7 +79,8 @@ class SampleIndex {
     };
     const std::vector<ToneReference>& tones() const { return tones_; }
 
-    // The places of a landmark with about the same contrast, from begin to end.
+    // The places of a landmark with about the same contrast, from begin to end. There are at most
+    // MOST_PLACES.
     struct Places {
         const Place* begin;
         const Place* end;
@@ -87,6 +91,7 @@ class SampleIndex {
         const std::size_t to = kind + contrast_step(landmark.contrast + CONTRAST_OFF_DB) + 1;
         return {places_.data() + starts_[from], places_.data() + starts_[to]};
     }
+    static constexpr std::size_t MOST_PLACES = 48;
     // Loads what places() needs into the cache. A large index does not fit there, and to load
     // everything before any of it is used takes much less time.
     void prefetch(const Landmark& landmark) const {
@@ -106,14 +111,20 @@ class SampleIndex {
     static constexpr std::size_t CONTRASTS = 16;
     static constexpr float CONTRAST_STEP_DB = 3;
     static constexpr float CONTRAST_OFF_DB = 4;
+    // places() returns those of at most this many steps of contrast.
+    static constexpr auto STEPS =
+        static_cast<std::size_t>(2 * CONTRAST_OFF_DB / CONTRAST_STEP_DB) + 2;
+    // Of a kind and contrast, no more places than this are kept, so that a search does not take too
+    // long.
+    static constexpr std::size_t MOST_OF_CONTRAST = MOST_PLACES / STEPS;
     static std::size_t contrast_step(float contrast) {
         const float step = contrast / CONTRAST_STEP_DB + static_cast<float>(CONTRASTS) / 2;
         return static_cast<std::size_t>(std::clamp(step, 0.0F, static_cast<float>(CONTRASTS - 1)));
     }
 
     std::vector<Reference> references_;
-    std::vector<std::uint32_t>
-        starts_;  // By kind and contrast of landmark. The last entry is the end.
+    // By kind and contrast of landmark. The last entry is the end.
+    std::vector<std::uint32_t> starts_;
     std::vector<Place> places_;
     std::vector<ToneReference> tones_;
 };
@@ -155,6 +166,10 @@ class SampleIndexBuilder {
                      SampleIndex::Reference& reference);
     void add_places(std::vector<Seen>& seen, std::uint16_t number,
                     const SampleIndex::Reference& reference);
+
+    using EntryIterator = std::vector<Entry>::iterator;
+    static int reliable_bits(const SampleIndex::Place& place);
+    static std::size_t prefer_reliable(EntryIterator begin, EntryIterator end);
 
     std::vector<SampleIndex::Reference> references_;
     std::vector<Entry> entries_;
