@@ -103,7 +103,8 @@ function timeline(call, address) {
 }
 
 function file_entry(file, address) {
-  const side = file.call_side === "both" ? "both sides" : file.call_side ?? file.kind;
+  const is_audio = AUDIO_KINDS.includes(file.kind);
+  const side = !is_audio ? file.kind : file.call_side === "both" ? "both sides" : file.call_side;
   const name = foreign(file.name, {class: "file_name"});
   const download = element("a", {href: address, download: file.name, class: "download"},
                            "Download", unseen(" " + visible(file.name)));
@@ -111,7 +112,7 @@ function file_entry(file, address) {
                         element("div", {class: "file_head"},
                                 element("strong", {}, side), name,
                                 element("span", {class: "size"}, bytes(file.bytes)), download));
-  if (AUDIO_KINDS.includes(file.kind)) {
+  if (is_audio) {
     entry.append(element("audio", {controls: "", preload: "none", src: address,
                                    "aria-label": side}));
   }

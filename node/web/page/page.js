@@ -155,7 +155,7 @@ function after_opening(take_focus = true) {
     by_id("opened_title").focus({preventScroll: true});
     // Beside the lists it is in sight anyway.
     if (by_id("opened").getBoundingClientRect().left < by_id("live").getBoundingClientRect().right) {
-      by_id("opened").scrollIntoView({block: "nearest"});
+      by_id("opened").scrollIntoView();
     }
   }
 }
@@ -258,7 +258,8 @@ function show_listening({call, sides, delay_ms, error, reason}) {
       tell("Listening. Escape stops.");
     }
   } else {
-    set_text(by_id("player_text"), error ?? (reason ? `Listening has ended: ${visible(reason)}.` : ""));
+    const why = reason === "ended" ? "the call is over" : visible(reason ?? "");
+    set_text(by_id("player_text"), error ?? `Listening has ended: ${why}.`);
     set_text(by_id("delay"), "–");
     set_text(by_id("player_stop"), "Close");
     if (!was_hidden || error) {
