@@ -29,7 +29,7 @@ export async function open_page(browser, url, {scripts = [], ...options} = DESKT
   }
   const page = await context.newPage();
   page.faults = [];
-  page.on("pageerror", (error) => page.faults.push(String(error.stack ?? error)));
+  page.on("pageerror", (error) => page.faults.push(`${error}\n${error.stack}`));
   page.on("console", (message) => {
     if (message.type() === "error") {
       page.faults.push(message.text());

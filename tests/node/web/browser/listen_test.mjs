@@ -11,6 +11,7 @@ import {FRAME, MediaNode, ORIGINATOR, RATE, Switch, TERMINATOR, runs_of, sleep, 
 const LONG = RATE;   // A run that is no chance.
 const SHORT = 32;    // A break of the player leaves no shorter run.
 const MOST_DELAY_MS = 500;
+const MOST_DIFFERENCE_MS = 120;
 
 let browser;
 let node;
@@ -69,14 +70,15 @@ const longest = (side, integers) =>
 
 test("both sides are heard to the bit, the originator left, aligned, and soon", async () => {
   const call = await listen("Both sides");
-  let measured;
   // From the moment at which a sample was sent until it came out.
   const measure = ({left, times}) => {
     const run = longest(ORIGINATOR, left);
+    if (run.length === 0) {
+      return Infinity;
+    }
     const [place, at] = times.filter(([begin]) => begin < run.place + run.length).at(-1);
     const due = (at - performance.timeOrigin - call.began) / 1000 * RATE;
-    measured = within_period(due - (run.first + place - run.place)) / RATE * 1000;
-    return measured;
+    return within_period(due - (run.first + place - run.place)) / RATE * 1000;
   };
   const heard = await hear(({left, right, times}) => longest(ORIGINATOR, left).length > LONG &&
     longest(TERMINATOR, right).length > LONG && measure({left, times}) < MOST_DELAY_MS);
@@ -89,10 +91,14 @@ test("both sides are heard to the bit, the originator left, aligned, and soon", 
     run.place < one.place + one.length && run.place + run.length > one.place);
   assert.equal(within_period(one.first - one.place), within_period(other.first - other.place));
 
-  await until("the delay is shown", async () => await shown_delay(page) !== null);
-  const shown = await shown_delay(page);
-  console.log(`delay: measured ${measured.toFixed(0)} ms, shown ${shown} ms`);
-  assert.ok(Math.abs(measured - shown) < 250, `measured ${measured}, shown ${shown}`);
+  // The player may just be changing its reserve.
+  await until("the delay that is shown is the measured one", async () => {
+    const fresh = await take(page);
+    await sleep(500);
+    const shown = await shown_delay(page);
+    return fresh.left.length > RATE / 10 && shown !== null &&
+           Math.abs(measure(fresh) - shown) < MOST_DIFFERENCE_MS;
+  });
   await close(page);
 });
 
@@ -155,7 +161,7 @@ test("listening stops with the button, with Escape and with the call, and is log
   await player.waitFor();
   calls.end(call);
   await page.locator("#player.over").waitFor();
-  assert.match(await page.locator("#player_text").innerText(), /Listening has ended: ended/);
+  assert.match(await page.locator("#player_text").innerText(), /Listening has ended: the call is over/);
   const begins = () => node.events().filter(({event, call_uuid, ended}) =>
     event === "listen" && call_uuid === call.uuid && !ended);
   await until("each listening is reported", () => begins().length === 3);

@@ -1,4 +1,5 @@
 // Takes what the player of the page puts out.
+import assert from "node:assert/strict";
 
 // Records what comes to it, beside the player, of which it changes nothing.
 const TAP = `registerProcessor("tap", class extends AudioWorkletProcessor {
@@ -26,6 +27,8 @@ function install_tap(tap_source) {
           window.tapped.right.push(...right);
         };
         connect.call(this, tap);
+      }, () => {
+        // Listening has stopped before the tap was ready.
       });
     }
     return connect.apply(this, ways);
@@ -35,16 +38,32 @@ function install_tap(tap_source) {
 // Options of a page with a tap. Its content policy would refuse the tap's script.
 export const TAPPED = {scripts: [[install_tap, TAP]], bypassCSP: true};
 
-// What was put out since the last call: 16-bit values, if they are what was sent, and the times at
+// Runs in the page. The samples are text, because lists of so many numbers take seconds on their way.
+function take_tapped() {
+  const {left, right, times, rate} = window.tapped;
+  window.tapped = {left: [], right: [], times: [], rate};
+  const as_text = (values) => {
+    const bytes = new Uint8Array(Int16Array.from(values, (value) => value * 32768).buffer);
+    let text = "";
+    for (let i = 0; i < bytes.length; i += 8192) {
+      text += String.fromCharCode(...bytes.subarray(i, i + 8192));
+    }
+    return btoa(text);
+  };
+  const whole = [...left, ...right].every((value) => Number.isInteger(value * 32768));
+  return {left: as_text(left), right: as_text(right), times, rate, whole};
+}
+
+// What was put out since the last call: 16-bit values, which all of them must be, and the times at
 // which they came, as [place, milliseconds].
 export async function take(page) {
-  const taken = await page.evaluate(() => {
-    const {left, right, times, rate} = window.tapped;
-    window.tapped = {left: [], right: [], times: [], rate};
-    return {left, right, times, rate};
-  });
-  const integers = (values) => values.map((value) => value * 32768);
-  return {...taken, left: integers(taken.left), right: integers(taken.right)};
+  const {left, right, whole, ...rest} = await page.evaluate(take_tapped);
+  assert.ok(whole, "each value is one of 16 bits");
+  const integers = (text) => {
+    const bytes = Uint8Array.from(Buffer.from(text, "base64"));
+    return [...new Int16Array(bytes.buffer)];
+  };
+  return {...rest, left: integers(left), right: integers(right)};
 }
 
 // The delay that the page shows, in milliseconds, or null.
