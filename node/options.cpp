@@ -242,8 +242,7 @@ std::string check_web_options(const web::Settings& web) {
                    ? std::string()
                    : "--http-token-file and --http-cert need --http";
     }
-    const bool is_loopback = ntohl(web.address->sin_addr.s_addr) >> 24 == 127;
-    return is_loopback || !web.token_file.empty()
+    return web.is_loopback() || !web.token_file.empty()
                ? std::string()
                : "--http: others can reach " + tools::address_text(*web.address) +
                      ", so --http-token-file is needed, too";

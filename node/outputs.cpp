@@ -276,6 +276,10 @@ void Outputs::begin(const NodeFigures& figures) {
     }
     if (web_ != nullptr) {
         lines_.say("page", web_->url());
+        if (web_->is_in_the_clear()) {
+            lines_.say("page without tls",
+                       "token and audio can be read on the network; --http-cert prevents that");
+        }
     }
     notices_->left_behind(files_.leftovers());
     if (retention_ != nullptr) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 namespace qv::node {
 
@@ -21,6 +22,8 @@ double decibels(double amplitude) {
 }
 
 void LevelMeter::add(const std::int16_t* samples, std::size_t count) {
+    latest_lowest_ = count == 0 ? std::int16_t{0} : std::numeric_limits<std::int16_t>::max();
+    latest_highest_ = count == 0 ? std::int16_t{0} : std::numeric_limits<std::int16_t>::min();
     while (count > 0) {
         const std::size_t part = std::min(count, LONGEST_PART);
         add_part(samples, part);
@@ -34,8 +37,8 @@ void LevelMeter::add(const std::int16_t* samples, std::size_t count) {
 void LevelMeter::add_part(const std::int16_t* samples, std::size_t count) {
     std::uint32_t lower_halves = 0;
     std::uint32_t upper_halves = 0;
-    std::int16_t highest = 0;
-    std::int16_t lowest = 0;
+    std::int16_t highest = latest_highest_;
+    std::int16_t lowest = latest_lowest_;
     for (std::size_t i = 0; i < count; ++i) {
         const std::int32_t sample = samples[i];
         const auto square = static_cast<std::uint32_t>(sample * sample);
@@ -46,6 +49,8 @@ void LevelMeter::add_part(const std::int16_t* samples, std::size_t count) {
     }
     recent_squares_ += lower_halves + (std::uint64_t{upper_halves} << 16);
     recent_count_ += count;
+    latest_lowest_ = lowest;
+    latest_highest_ = highest;
     peak_ = std::max({peak_, int{highest}, -int{lowest}});
 }
 

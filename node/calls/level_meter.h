@@ -26,6 +26,10 @@ class LevelMeter {
     double squares() const { return squares_ + static_cast<double>(recent_squares_); }
     std::uint64_t count() const { return count_ + recent_count_; }
 
+    // The lowest and the highest of the samples that were added last; 0 before.
+    std::int16_t latest_lowest() const { return latest_lowest_; }
+    std::int16_t latest_highest() const { return latest_highest_; }
+
     // Root mean square since the last call of this function.
     double take_recent_db();
 
@@ -37,6 +41,8 @@ class LevelMeter {
     double squares_ = 0;  // Up to the last call of that function.
     std::uint64_t recent_squares_ = 0;
     int peak_ = 0;
+    std::int16_t latest_lowest_ = 0;
+    std::int16_t latest_highest_ = 0;
 };
 
 }  // namespace qv::node

@@ -7,7 +7,7 @@ namespace qv::node::web {
 std::shared_ptr<CallRecord> CallBoard::add(const Uuid& uuid, Micros began, Micros first_seen) {
     const LockGuard lock(mutex_);
     const std::uint64_t id = ++ids_;
-    return records_.emplace(id, std::make_shared<CallRecord>(id, uuid, began, first_seen))
+    return records_.emplace(id, std::make_shared<CallRecord>(id, uuid, began, first_seen, wishes_))
         .first->second;
 }
 

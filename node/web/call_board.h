@@ -49,13 +49,16 @@ class CallBoard {
     // The call has ended.
     void finish(std::shared_ptr<const FinishedCall> call) QV_EXCLUDES(mutex_);
 
+    const CallRecord::Wishes& wishes() const { return wishes_; }
     Records records() const QV_EXCLUDES(mutex_);
     std::shared_ptr<CallRecord> find(std::uint64_t id) const QV_EXCLUDES(mutex_);
     Finished finished() const QV_EXCLUDES(mutex_);
     std::uint64_t finished_end() const QV_EXCLUDES(mutex_);
 
   private:
-    mutable Mutex mutex_;
+    // On a cache line of its own, because all lanes read it for each packet.
+    alignas(64) CallRecord::Wishes wishes_{0};
+    alignas(64) mutable Mutex mutex_;
     std::uint64_t ids_ QV_GUARDED_BY(mutex_) = 0;
     Records records_ QV_GUARDED_BY(mutex_);
     Finished finished_ QV_GUARDED_BY(mutex_);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "node/calls/level_meter.h"
 #include "node/calls/pause_map.h"
 #include "node/report/text.h"
 #include "quorvane/media_packet.h"
@@ -11,66 +12,72 @@ namespace qv::node::web {
 
 namespace {
 
-constexpr Micros INTERVAL{45'000};             // Between figures of a call that somebody watches,
-constexpr Micros UNWATCHED_INTERVAL{950'000};  // and of the others.
+// Of a call that nobody watches, figures are handed over at every so many ticks.
+constexpr std::uint8_t UNWATCHED_TICKS = 19;
 constexpr std::int64_t LONGEST_WAIT{10'000'000};  // Of audio before it is passed on, in us.
 
-class FedCall : public CallListener {
+// For a packet of a call that nobody looks at, only the first cache line of this object is needed.
+// With a thousand calls, each further line has to be fetched from afar, which costs more than all
+// else that is done here.
+class alignas(64) FedCall : public CallListener {
   public:
     FedCall(CallBoard& board, Call& call, bool has_timeline)
-        : board_(board),
+        : wishes_(board.wishes()),
+          seen_(wishes_.load(std::memory_order_relaxed) - 1),
+          board_(board),
           has_timeline_(has_timeline),
           call_(call),
           record_(board.add(call.uuid(), wall_time(), call.first_seen())) {}
 
     void started(const Call& /*call*/, const media::Packet& packet) override {
-        facts_changed_ = true;
+        note_facts();
         mark_features(packet);
     }
     void features_changed(const Call& /*call*/, const media::Packet& packet) override {
-        facts_changed_ = true;
+        note_facts();
         mark_features(packet);
     }
-    void terminated(const Call&, const media::Packet&) override { facts_changed_ = true; }
-    void file_failed(const Call&, const FileReport&) override { facts_changed_ = true; }
-    void side_begun(const Call&, Side) override { facts_changed_ = true; }
+    void terminated(const Call&, const media::Packet&) override { note_facts(); }
+    void file_failed(const Call&, const FileReport&) override { note_facts(); }
+    void side_begun(const Call&, Side) override { note_facts(); }
 
     void rate_decided(const Call& call, Side side) override {
-        record_->wave(side).set_rate(call.side(side).sample_rate());
-        facts_changed_ = true;
+        waves_[index_of(side)].set_rate(call.side(side).sample_rate());
+        note_facts();
     }
     void rate_changed(const Call& call, Side side, const RateChange& change) override {
         Track& track = tracks_[index_of(side)];
         track.seconds_at_change = seconds_at(side, change.position);
         track.changed_at = track.pauses.place_of(change.position);
-        record_->wave(side).set_rate(call.side(side).sample_rate());
-        facts_changed_ = true;
+        waves_[index_of(side)].set_rate(call.side(side).sample_rate());
+        note_facts();
     }
 
     void data(const Call& /*call*/, const media::Packet& packet) override {
-        const Side side = packet.terminator_side() ? Side::TERMINATOR : Side::ORIGINATOR;
-        tracks_[index_of(side)].newest_send_time = packet.send_time;
+        if (tapped_) {
+            const Side side = packet.terminator_side() ? Side::TERMINATOR : Side::ORIGINATOR;
+            tracks_[index_of(side)].newest_send_time = packet.send_time;
+        }
     }
 
     void audio(const Call& call, Side side, const Audio& audio) override {
-        Track& track = tracks_[index_of(side)];
-        WaveRing& wave = record_->wave(side);
-        if (!track.has_audio) {
-            track.has_audio = true;
+        WaveGatherer& wave = waves_[index_of(side)];
+        if (!wave.has_rate()) {
             wave.set_rate(rate_of(call.side(side)));
         }
-        wave.add(audio.samples, audio.count);
-        if (record_->taps_version() != taps_version_) {
-            record_->try_take_taps(taps_, taps_version_);
+        const LevelMeter& level = call.side(side).level();
+        wave.add(audio.samples, audio.count, level.latest_lowest(), level.latest_highest(),
+                 record_->wave(side));
+        if (wishes_.load(std::memory_order_relaxed) != seen_) {
+            take_wishes();
         }
-        for (const auto& tap : taps_[index_of(side)]) {
-            push(*tap, side, audio);
+        if (tapped_) {
+            push(side, audio);
         }
-        track.after_loss = false;
     }
 
     void gap(const Call& /*call*/, Side side, const Gap& gap) override {
-        record_->wave(side).add_silence(gap.filled_samples);
+        waves_[index_of(side)].add_silence(gap.filled_samples, record_->wave(side));
         tracks_[index_of(side)].after_loss = true;
         mark({Mark::Kind::GAP, side, seconds_at(side, gap.position),
               seconds_at(side, gap.position + gap.filled_samples)});
@@ -81,13 +88,13 @@ class FedCall : public CallListener {
         const double begin = seconds_at(side, pause.position);
         track.pauses.add(pause);
         track.paused += pause.samples;
-        record_->wave(side).add_silence(pause.samples);
+        waves_[index_of(side)].add_silence(pause.samples, record_->wave(side));
         mark({Mark::Kind::PAUSE, side, begin, seconds_at(side, pause.position)});
     }
 
     void running_changed(const Call& call, Side side, std::uint64_t position) override {
         Track& track = tracks_[index_of(side)];
-        facts_changed_ = true;
+        note_facts();
         if (track.active && !call.side(side).running().activity) {
             track.active = false;
             mark({Mark::Kind::QUIET, side, seconds_at(side, position)});
@@ -96,7 +103,7 @@ class FedCall : public CallListener {
 
     void activity(const Call& /*call*/, Side side, const Activity& activity) override {
         tracks_[index_of(side)].active = activity.active;
-        facts_changed_ = true;
+        note_facts();
         mark({activity.active ? Mark::Kind::ACTIVE : Mark::Kind::QUIET, side,
               seconds_at(side, activity.position)});
     }
@@ -107,11 +114,12 @@ class FedCall : public CallListener {
         mark({Mark::Kind::SAMPLE, side, seconds_at(side, position), 0, sample.name});
     }
 
-    void tick(const Call& /*call*/, Micros now) override {
-        const bool urgent = facts_changed_ || !marks_.empty();
-        const Micros interval = urgent || record_->watched() ? INTERVAL : UNWATCHED_INTERVAL;
-        if (now - published_at_ >= interval) {
-            publish(now);
+    void tick(const Call& /*call*/, Micros /*now*/) override {
+        if (wishes_.load(std::memory_order_relaxed) != seen_) {
+            take_wishes();
+        }
+        if (urgent_ || watched_ || --ticks_left_ == 0) {
+            publish();
         }
     }
 
@@ -134,7 +142,6 @@ class FedCall : public CallListener {
 
   private:
     struct Track {
-        bool has_audio = false;
         bool active = false;
         bool after_loss = false;
         std::int64_t newest_send_time = 0;
@@ -156,7 +163,27 @@ class FedCall : public CallListener {
         return track.seconds_at_change + seconds_of(since, rate_of(call_.side(side)));
     }
 
+    void note_facts() {
+        facts_changed_ = true;
+        urgent_ = true;
+    }
+
+    // If a reader holds the lock, it is tried again with the next packet.
+    void take_wishes() {
+        const std::uint32_t wishes = wishes_.load(std::memory_order_relaxed);
+        if (!record_->try_take_taps(taps_)) {
+            return;
+        }
+        seen_ = wishes;
+        watched_ = record_->watched();
+        for (Track& track : tracks_) {
+            track.after_loss = track.after_loss && tapped_;
+        }
+        tapped_ = !taps_[0].empty() || !taps_[1].empty();
+    }
+
     void mark(Mark mark) {
+        urgent_ = true;
         if (marks_.size() < CallRecord::MOST_MARKS) {
             marks_.push_back(std::move(mark));
         }
@@ -170,8 +197,8 @@ class FedCall : public CallListener {
               features_text(call_.features())});
     }
 
-    void push(AudioTap& tap, Side side, const Audio& audio) {
-        const Track& track = tracks_[index_of(side)];
+    void push(Side side, const Audio& audio) {
+        Track& track = tracks_[index_of(side)];
         AudioTap::Head head;
         head.place = audio.position + track.paused;
         head.sample_rate = rate_of(call_.side(side));
@@ -181,7 +208,10 @@ class FedCall : public CallListener {
                                       static_cast<std::uint64_t>(audio.send_time));
         head.came = call_.last_seen() - Micros(std::clamp<std::int64_t>(waited, 0, LONGEST_WAIT));
         head.after_loss = track.after_loss;
-        tap.push(audio.samples, audio.count, head);
+        for (const auto& tap : taps_[index_of(side)]) {
+            tap->push(audio.samples, audio.count, head);
+        }
+        track.after_loss = false;
     }
 
     CallFigures figures() const {
@@ -222,12 +252,25 @@ class FedCall : public CallListener {
         return facts;
     }
 
-    void publish(Micros now) {
+    void publish() {
+        for (const Side side : BOTH_SIDES) {
+            waves_[index_of(side)].flush(record_->wave(side));
+        }
         if (record_->try_publish(figures(), facts_changed_ ? facts() : nullptr, marks_)) {
             facts_changed_ = false;
-            published_at_ = now;
+            urgent_ = false;
         }
+        ticks_left_ = UNWATCHED_TICKS;
     }
+
+    // The first cache line.
+    const CallRecord::Wishes& wishes_;
+    std::uint32_t seen_;  // The wishes that have been taken.
+    std::uint8_t ticks_left_ = UNWATCHED_TICKS;
+    bool tapped_ = false;   // Somebody listens.
+    bool watched_ = false;  // Somebody watches the call.
+    bool urgent_ = true;    // There are facts or marks to hand over.
+    std::array<WaveGatherer, SIDE_COUNT> waves_;
 
     CallBoard& board_;
     const bool has_timeline_;
@@ -235,10 +278,8 @@ class FedCall : public CallListener {
     const std::shared_ptr<CallRecord> record_;
     std::array<Track, SIDE_COUNT> tracks_;
     CallRecord::Taps taps_;
-    std::uint32_t taps_version_ = 0;
     std::vector<Mark> marks_;  // That have not been handed over yet.
     bool facts_changed_ = true;
-    Micros published_at_{0};
 };
 
 }  // namespace

@@ -218,7 +218,7 @@ std::string json_string(const std::string& text) {
 }
 
 std::string base64(const std::string& bytes) {
-    static constexpr char DIGITS[] =
+    static constexpr char digits[] =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string text;
     text.reserve((bytes.size() + 2) / 3 * 4);
@@ -229,7 +229,7 @@ std::string base64(const std::string& bytes) {
             group = group << 8 | (j < count ? static_cast<unsigned char>(bytes[i + j]) : 0U);
         }
         for (std::size_t j = 0; j < 4; ++j) {
-            text += j <= count ? DIGITS[group >> (18 - 6 * j) & 63] : '=';
+            text += j <= count ? digits[group >> (18 - 6 * j) & 63] : '=';
         }
     }
     return text;

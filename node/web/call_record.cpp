@@ -28,12 +28,13 @@ bool CallRecord::try_publish(const CallFigures& figures,
     return true;
 }
 
-void CallRecord::try_take_taps(Taps& taps, std::uint32_t& version) {
-    if (mutex_.try_lock()) {
-        taps = taps_;
-        version = taps_version();
-        mutex_.unlock();
+bool CallRecord::try_take_taps(Taps& taps) {
+    if (!mutex_.try_lock()) {
+        return false;
     }
+    taps = taps_;
+    mutex_.unlock();
+    return true;
 }
 
 CallRecord::Reading CallRecord::read() const {
@@ -51,7 +52,7 @@ std::pair<std::vector<Mark>, std::uint64_t> CallRecord::marks(std::uint64_t from
 void CallRecord::add_tap(Side side, std::shared_ptr<AudioTap> tap) {
     const LockGuard lock(mutex_);
     taps_[index_of(side)].push_back(std::move(tap));
-    ++taps_version_;
+    ++wishes_;
 }
 
 void CallRecord::remove_tap(const std::shared_ptr<AudioTap>& tap) {
@@ -59,7 +60,7 @@ void CallRecord::remove_tap(const std::shared_ptr<AudioTap>& tap) {
     for (auto& taps : taps_) {
         taps.erase(std::remove(taps.begin(), taps.end(), tap), taps.end());
     }
-    ++taps_version_;
+    ++wishes_;
 }
 
 }  // namespace qv::node::web

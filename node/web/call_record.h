@@ -74,10 +74,14 @@ class CallRecord {
   public:
     static constexpr std::size_t MOST_MARKS = 500;  // Older ones are forgotten.
 
+    // Counts what somebody begins or ends to want of any call, so that the threads of the calls
+    // need to read only this for each packet.
+    using Wishes = std::atomic<std::uint32_t>;
+
     // A call with this number in the run, which began at that time since 1970 and on the steady
-    // clock of the node.
-    CallRecord(std::uint64_t id, const Uuid& uuid, Micros began, Micros first_seen)
-        : id_(id), uuid_(uuid), began_(began), first_seen_(first_seen) {}
+    // clock of the node. `wishes` must outlive it.
+    CallRecord(std::uint64_t id, const Uuid& uuid, Micros began, Micros first_seen, Wishes& wishes)
+        : id_(id), uuid_(uuid), began_(began), first_seen_(first_seen), wishes_(wishes) {}
 
     std::uint64_t id() const { return id_; }
     const Uuid& uuid() const { return uuid_; }
@@ -92,12 +96,9 @@ class CallRecord {
     // out of the list. Returns false, and leaves the marks, if another thread holds the lock.
     bool try_publish(const CallFigures& figures, const std::shared_ptr<const CallFacts>& facts,
                      std::vector<Mark>& marks) QV_EXCLUDES(mutex_);
-    // Changes with every change of the taps.
-    std::uint32_t taps_version() const { return taps_version_.load(std::memory_order_relaxed); }
     using Taps = std::array<std::vector<std::shared_ptr<AudioTap>>, SIDE_COUNT>;
-    // Sets `taps` to the present ones and `version` to their version, unless another thread holds
-    // the lock.
-    void try_take_taps(Taps& taps, std::uint32_t& version) QV_EXCLUDES(mutex_);
+    // Sets `taps` to the present ones. Returns false if another thread holds the lock.
+    bool try_take_taps(Taps& taps) QV_EXCLUDES(mutex_);
     void set_over() { over_.store(true, std::memory_order_release); }
 
     // For any thread.
@@ -115,8 +116,14 @@ class CallRecord {
     // of the next one.
     std::pair<std::vector<Mark>, std::uint64_t> marks(std::uint64_t from) const QV_EXCLUDES(mutex_);
     // While somebody watches the call, its figures are handed over more often.
-    void watch() { ++watchers_; }
-    void unwatch() { --watchers_; }
+    void watch() {
+        ++watchers_;
+        ++wishes_;
+    }
+    void unwatch() {
+        --watchers_;
+        ++wishes_;
+    }
     void add_tap(Side side, std::shared_ptr<AudioTap> tap) QV_EXCLUDES(mutex_);
     void remove_tap(const std::shared_ptr<AudioTap>& tap) QV_EXCLUDES(mutex_);
     // Whether the call has ended.
@@ -127,9 +134,9 @@ class CallRecord {
     const Uuid uuid_;
     const Micros began_;
     const Micros first_seen_;
+    Wishes& wishes_;
     std::array<WaveRing, SIDE_COUNT> waves_;
     std::atomic<int> watchers_{0};
-    std::atomic<std::uint32_t> taps_version_{0};
     std::atomic<std::uint64_t> version_{0};
     std::atomic<bool> over_{false};
 

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 
 #include "tools/hexadecimal.h"
@@ -80,9 +79,9 @@ bool is_same_secret(std::string_view given, std::string_view secret) {
 std::string read_token(const std::string& path, std::string& token) {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (descriptor < 0) {
-        return std::strerror(errno);
+        return std::generic_category().message(errno);
     }
-    const std::string error = read_open(descriptor, token);
+    std::string error = read_open(descriptor, token);
     ::close(descriptor);
     return error;
 }

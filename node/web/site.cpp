@@ -102,7 +102,7 @@ struct Site::Route {
 
 // The first that fits is used.
 const Site::Route* Site::find_route(const std::string& path) {
-    static constexpr std::array<Route, 9> ROUTES = {{
+    static constexpr std::array<Route, 9> routes = {{
         {"/login", false, true, "GET, HEAD, POST", &Site::log_in},
         {"/logout", false, true, "POST", &Site::log_out},
         {"/page.css", false, true, "GET, HEAD", &Site::page_file},
@@ -114,10 +114,10 @@ const Site::Route* Site::find_route(const std::string& path) {
         {"/", true, false, "GET, HEAD", &Site::page_file},
     }};
     const auto* const found =
-        std::find_if(ROUTES.begin(), ROUTES.end(), [&path](const Route& route) {
+        std::find_if(routes.begin(), routes.end(), [&path](const Route& route) {
             return route.with_rest ? begins_with(path, route.path) : path == route.path;
         });
-    return found == ROUTES.end() ? nullptr : &*found;
+    return found == routes.end() ? nullptr : &*found;
 }
 
 Response Site::answer(const Request& request, Micros now) const {

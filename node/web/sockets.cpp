@@ -1,11 +1,11 @@
 #include "node/web/sockets.h"
 
-#include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cstdlib>
-#include <memory>
+#include <charconv>
+#include <filesystem>
+#include <system_error>
 
 #include "tools/address.h"
 
@@ -34,14 +34,15 @@ bool is_tcp(int descriptor) {
 // empty if it listens.
 template <typename Visit>
 void for_each_socket(std::uint16_t port, Visit visit) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir("/proc/self/fd"), ::closedir);
-    if (folder == nullptr) {
-        return;
-    }
     const std::string ending = ":" + std::to_string(port);
-    while (const dirent* entry = ::readdir(folder.get())) {
-        const int descriptor = std::atoi(entry->d_name);
-        if (entry->d_name[0] == '.' || !is_tcp(descriptor)) {
+    std::error_code error;
+    const std::filesystem::directory_iterator end;
+    for (std::filesystem::directory_iterator entry("/proc/self/fd", error); !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename();
+        int descriptor = -1;
+        std::from_chars(name.data(), name.data() + name.size(), descriptor);
+        if (!is_tcp(descriptor)) {
             continue;
         }
         const std::string local = address_of(descriptor, ::getsockname);

@@ -1,69 +1,28 @@
 #include "node/web/wave_ring.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace qv::node::web {
 
-void WaveRing::set_rate(int rate) {
-    const std::uint64_t samples = std::max<std::uint64_t>(
-        1, static_cast<std::uint64_t>(std::max(rate, 0)) * COLUMN_MS / 1000);
-    filled_ = filled_ * samples / column_samples_;
-    column_samples_ = samples;
-}
-
-void WaveRing::add(const std::int16_t* samples, std::size_t count) {
-    while (count > 0) {
-        const auto part =
-            static_cast<std::size_t>(std::min<std::uint64_t>(count, column_samples_ - filled_));
-        add_part(samples, part);
-        samples += part;
-        count -= part;
-    }
-}
-
-void WaveRing::add_part(const std::int16_t* samples, std::size_t count) {
-    std::int16_t lowest = lowest_;
-    std::int16_t highest = highest_;
+void WaveRing::add(const WaveColumn* columns, std::size_t count) {
+    std::uint64_t end = end_.load(std::memory_order_relaxed);
     for (std::size_t i = 0; i < count; ++i) {
-        lowest = std::min(lowest, samples[i]);
-        highest = std::max(highest, samples[i]);
+        const auto lowest = static_cast<std::uint8_t>(columns[i].lowest);
+        const auto highest = static_cast<std::uint8_t>(columns[i].highest);
+        columns_[end++ % COLUMNS].store(static_cast<std::uint16_t>(lowest | highest << 8),
+                                        std::memory_order_relaxed);
     }
-    lowest_ = lowest;
-    highest_ = highest;
-    filled_ += count;
-    if (filled_ == column_samples_) {
-        finish_column();
-    }
+    end_.store(end, std::memory_order_release);
 }
 
-void WaveRing::add_silence(std::uint64_t samples) {
-    const std::uint64_t to_end = column_samples_ - filled_;
-    if (samples < to_end) {
-        filled_ += samples;
-        return;
+// More columns than there are would only overwrite each other.
+void WaveRing::add_silence(std::uint64_t columns) {
+    std::uint64_t end = end_.load(std::memory_order_relaxed) + columns;
+    for (std::uint64_t i = end - std::min(columns, COLUMNS); i < end; ++i) {
+        columns_[i % COLUMNS].store(0, std::memory_order_relaxed);
     }
-    finish_column();
-    samples -= to_end;
-    // More columns than these would only overwrite each other.
-    const std::uint64_t whole = samples / column_samples_;
-    const std::uint64_t skipped = whole > COLUMNS ? whole - COLUMNS : 0;
-    end_.store(end_.load(std::memory_order_relaxed) + skipped, std::memory_order_release);
-    for (std::uint64_t i = skipped; i < whole; ++i) {
-        finish_column();
-    }
-    filled_ = samples % column_samples_;
-}
-
-void WaveRing::finish_column() {
-    const std::uint64_t end = end_.load(std::memory_order_relaxed);
-    const auto lowest = static_cast<std::uint8_t>(lowest_ >> 8);
-    const auto highest = static_cast<std::uint8_t>(highest_ >> 8);
-    columns_[end % COLUMNS].store(static_cast<std::uint16_t>(lowest | highest << 8),
-                                  std::memory_order_relaxed);
-    end_.store(end + 1, std::memory_order_release);
-    lowest_ = 0;
-    highest_ = 0;
-    filled_ = 0;
+    end_.store(end, std::memory_order_release);
 }
 
 std::string WaveRing::columns(std::uint64_t begin, std::uint64_t end) const {
@@ -75,6 +34,75 @@ std::string WaveRing::columns(std::uint64_t begin, std::uint64_t end) const {
         bytes += static_cast<char>(column >> 8);
     }
     return bytes;
+}
+
+void WaveGatherer::set_rate(int rate) {
+    const int samples = std::clamp<int>(rate / (1000 / WaveRing::COLUMN_MS), 1,
+                                        std::numeric_limits<std::uint16_t>::max());
+    if (has_rate()) {
+        filled_ = static_cast<std::uint16_t>(std::uint64_t{filled_} *
+                                             static_cast<std::uint64_t>(samples) / column_samples_);
+    }
+    column_samples_ = static_cast<std::uint16_t>(samples);
+}
+
+void WaveGatherer::add(const std::int16_t* samples, std::size_t count, std::int16_t lowest,
+                       std::int16_t highest, WaveRing& ring) {
+    if (count <= std::size_t{column_samples_} - filled_) {
+        widen(lowest, highest, count, ring);
+        return;
+    }
+    while (count > 0) {
+        const auto part = std::min<std::size_t>(count, std::size_t{column_samples_} - filled_);
+        const auto [least, most] = std::minmax_element(samples, samples + part);
+        widen(*least, *most, part, ring);
+        samples += part;
+        count -= part;
+    }
+}
+
+void WaveGatherer::widen(std::int16_t lowest, std::int16_t highest, std::size_t count,
+                         WaveRing& ring) {
+    lowest_ = std::min(lowest_, lowest);
+    highest_ = std::max(highest_, highest);
+    filled_ = static_cast<std::uint16_t>(filled_ + count);
+    if (filled_ == column_samples_) {
+        finish_column(ring);
+    }
+}
+
+void WaveGatherer::finish_column(WaveRing& ring) {
+    gathered_[count_++] = {static_cast<std::int8_t>(lowest_ >> 8),
+                           static_cast<std::int8_t>(highest_ >> 8)};
+    lowest_ = 0;
+    highest_ = 0;
+    filled_ = 0;
+    if (count_ == MOST_GATHERED) {
+        flush(ring);
+    }
+}
+
+void WaveGatherer::flush(WaveRing& ring) {
+    if (count_ != 0) {
+        ring.add(gathered_.data(), count_);
+        count_ = 0;
+    }
+}
+
+void WaveGatherer::add_silence(std::uint64_t samples, WaveRing& ring) {
+    if (!has_rate()) {
+        return;
+    }
+    const std::uint64_t to_end = column_samples_ - filled_;
+    if (samples < to_end) {
+        filled_ = static_cast<std::uint16_t>(filled_ + samples);
+        return;
+    }
+    finish_column(ring);
+    flush(ring);
+    samples -= to_end;
+    ring.add_silence(samples / column_samples_);
+    filled_ = static_cast<std::uint16_t>(samples % column_samples_);
 }
 
 }  // namespace qv::node::web

@@ -79,4 +79,8 @@ std::string WebOutput::url() const {
            tools::address_text(address) + "/";
 }
 
+bool WebOutput::is_in_the_clear() const {
+    return settings_.certificate.empty() && !settings_.is_loopback();
+}
+
 }  // namespace qv::node::web

@@ -42,6 +42,8 @@ class WebOutput {
     CallListener& call_listener() { return feed_; }
     // "http://127.0.0.1:8080/"
     std::string url() const;
+    // Whether others can reach the port and no TLS protects what passes.
+    bool is_in_the_clear() const;
 
   private:
     void open_port();
