@@ -896,7 +896,7 @@ class NodeEndToEnd(unittest.TestCase):
                              {"overflow", "events_lost", "not_allowed", "foreign",
                               "terminate_refused", "leftover", "activity", "sample",
                               "analysis_skipped", "rate_change", "audio_dropped", "removed",
-                              "nats_lost"})
+                              "nats_lost", "listen"})
             for kind, fields in seen.items():
                 self.assertEqual(fields, listed[kind], kind)
             self.assertEqual(set(node.events("end")[0]["sides"]["originator"]), LISTED_SIDE)

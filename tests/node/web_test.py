@@ -15,7 +15,7 @@ import threading
 import time
 import unittest
 
-from end_to_end_test import NODE, Node, golden, of_call, uuid_of
+from end_to_end_test import NODE, Node, golden, listed_event_fields, of_call, uuid_of
 from web_client import PATIENCE, TEXT, Page, ask, connect, exchange
 
 TOKEN = "correct-horse-battery"
@@ -372,6 +372,7 @@ class Listening(unittest.TestCase):
                 page.hear(0, 2000)
             node.wait_for(r'"event":"listen".*"ended":true')
             begin, end = node.events("listen")
+            self.assertEqual(set(begin) | set(end), listed_event_fields()["listen"])
             for event in begin, end:
                 self.assertEqual((event["call_uuid"], event["sides"]), (uuid_of(1), "originator"))
                 self.assertRegex(event["from"], r"^127\.0\.0\.1:\d+$")
