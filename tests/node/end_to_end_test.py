@@ -718,10 +718,10 @@ class NobodyReads(unittest.TestCase):
                 node.wait_for("events not written +" + pipe + ": no program reads it")
                 self.starts(node, 4000)
                 node.send_call()
-                node.wait_for(UUID + "  end ")
+                node.wait_for(UUID + "  end ", seconds=90)
                 with concurrent.futures.ThreadPoolExecutor() as beside:
                     lines = beside.submit(lambda: pathlib.Path(pipe).read_text().splitlines())
-                    node.wait_for(r"events are written again +[\d,]+ lost")
+                    node.wait_for(r"events are written again +[\d,]+ lost", seconds=90)
                     self.assertEqual(node.stop(), 1)
                     events = [json.loads(line) for line in lines.result()]
                 self.assertEqual(events[0]["event"], "listening")
