@@ -43,9 +43,10 @@ def output_of(*command):
 
 
 def configure():
-    """Writes the compile commands of all files and the header that the build generates."""
+    """Writes the compile commands of all files and the files that the build generates."""
     for command in (["cmake", "--preset", "tidy"],
-                    ["cmake", "--build", BUILD, "--target", "build_identifier"]):
+                    ["cmake", "--build", BUILD, "--target", "build_identifier",
+                     "quorvane_node_units_page"]):
         result = subprocess.run(command, cwd=ROOT, stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, text=True, check=False)
         if result.returncode != 0:
