@@ -24,8 +24,14 @@ class FakeServer:
     """Handles its connections one after the other, each with the next of these functions. After the
     last one it hangs up at once."""
 
-    def __init__(self, *behaviours):
-        self.listener = socket.create_server(("127.0.0.1", 0), backlog=100)
+    def __init__(self, *behaviours, port=0):
+        self.listener = socket.socket()
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        # Small buffers at both ends: less than a batch of audio fills them.
+        self.listener.setsockopt(socket.IPPROTO_TCP, socket.TCP_MAXSEG, 536)
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        self.listener.bind(("127.0.0.1", port))
+        self.listener.listen(100)
         self.port = self.listener.getsockname()[1]
         self.url = f"nats://127.0.0.1:{self.port}"
         self.behaviours = list(behaviours)
@@ -108,6 +114,14 @@ def stops_reading(server, connection):
     server.over.wait(PATIENCE)
 
 
+def stays_silent(held):
+    """Neither reads nor hangs up; the next connection is handled meanwhile."""
+    def behave(server, connection):
+        server.greet(connection)
+        held.append(connection.dup())
+    return behave
+
+
 def hangs_up_after(text, delays):
     """Answers nothing, and notes how long it took until this came."""
     def behave(server, connection):
@@ -158,8 +172,8 @@ LIARS = [
 
 @unittest.skipIf(nats_test.SERVER is None, "nats-server is not installed")
 class NatsHostileTest(nats_test.Fixture):
-    def fake(self, *behaviours):
-        server = FakeServer(*behaviours)
+    def fake(self, *behaviours, **options):
+        server = FakeServer(*behaviours, **options)
         self.addCleanup(server.close)
         return server
 
@@ -242,6 +256,20 @@ class NatsHostileTest(nats_test.Fixture):
         self.assertRegex(node.text(), "not sent to nats")
         lengths = {path.stat().st_size for path in node.folder.glob("*.wav")}
         self.assertEqual(lengths, {44 + 2 * 160 * 200})
+
+    def test_server_that_stops_reading_is_left_although_a_write_to_it_waits(self):
+        port = nats_test.free_ports(1)[0]  # There is a server when enough audio waits.
+        node = self.node("--rate", "8000", *self.settings("reconnect = 10\nexit_wait = 0\n"),
+                         url=f"127.0.0.1:{port}")
+        calls = range(1, 41)
+        for number in range(1, 101):
+            node.send(*(data(call, number) for call in calls))
+        node.end(calls)
+        nats_test.wait_until(lambda: uuid_of(40) in self.events_file.read_text(), "received")
+        held, delays = [], []
+        self.addCleanup(lambda: [each.close() for each in held])
+        self.fake(stays_silent(held), hangs_up_after(b"HPUB quorvane.audio.", delays), port=port)
+        nats_test.wait_until(lambda: delays, "sent to the next server")
 
     def test_server_that_is_killed_or_frozen_at_any_moment_stores_each_event_once(self):
         server = self.server()
