@@ -3,7 +3,6 @@ import assert from "node:assert/strict";
 import fs from "node:fs";
 import {createRequire} from "node:module";
 import path from "node:path";
-import {pathToFileURL} from "node:url";
 
 // The folder of the packages from npm comes from run.sh.
 const require_package = createRequire(path.join(process.env.PAGE_PACKAGES, "packages.js"));
@@ -73,6 +72,3 @@ export async function check_width(page, what) {
     [document.documentElement.scrollWidth, window.innerWidth]);
   assert.ok(needed <= there, `${what}: ${needed} of ${there} pixels`);
 }
-
-// Whether a module was started as a program.
-export const is_main = (url) => url === pathToFileURL(process.argv[1]).href;

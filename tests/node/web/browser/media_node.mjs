@@ -77,7 +77,6 @@ const TERMINATE = 0x82;
 const DATA = 0x83;
 const SIDE_WORDS = [0x0000, 0x8001];  // Of an inbound call.
 const RULE_ID_GIVEN = 0x8000;
-export const FEATURES = {activity: 0x0c, detection: 0x30, record: 0xc0};
 
 function call_key(uuid) {
   let key = 0n;

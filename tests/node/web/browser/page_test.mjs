@@ -1,6 +1,5 @@
 // The page of the media node in a real browser, with calls over the network.
 import assert from "node:assert/strict";
-import {randomUUID} from "node:crypto";
 import fs from "node:fs";
 import http from "node:http";
 import path from "node:path";
