@@ -82,7 +82,6 @@ export class OpenedCall {
     this.traces = Object.fromEntries(SIDES.map((side) => [side, new SideTrace(side)]));
     this.features = [];
     this.window = new Window();
-    this.listed = [];
     this.motion = matchMedia("(prefers-reduced-motion: reduce)");
     this.drawn_at = 0;
     this.described_at = 0;

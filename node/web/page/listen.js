@@ -23,8 +23,7 @@ export function parse_frame(data) {
   for (let i = 0; i < number; ++i) {
     samples[i] = view.getInt16(HEADER_BYTES + 2 * i, true);
   }
-  return {side, rate, lost: (view.getUint16(2, true) & 1) !== 0,
-          position: Number(view.getBigUint64(8, true)),
+  return {side, rate, position: Number(view.getBigUint64(8, true)),
           age_ms: Number(view.getBigInt64(16, true)) / 1000, samples};
 }
 
@@ -156,11 +155,10 @@ export class Listener {
     this.node?.port.postMessage({type: "frame", side, rate, position, samples}, [samples.buffer]);
   }
 
-  state({reserve_ms, waiting, figures}) {
+  state({reserve_ms, waiting}) {
     if (this.context && this.age_ms !== null) {
       const output_ms = (this.context.outputLatency || this.context.baseLatency || 0) * 1000;
       this.delay_ms = waiting ? null : Math.max(0, this.age_ms + reserve_ms + output_ms);
-      this.figures = figures;
       this.report();
     }
   }

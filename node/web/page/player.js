@@ -301,8 +301,7 @@ function make_processor() {
       this.until_state -= left.length;
       if (this.until_state <= 0) {
         this.until_state = sampleRate / STATES_PER_S;
-        this.port.postMessage({reserve_ms: this.player.reserve_ms(), waiting: this.player.waiting,
-                               figures: this.player.figures});
+        this.port.postMessage({reserve_ms: this.player.reserve_ms(), waiting: this.player.waiting});
       }
       return this.open;
     }

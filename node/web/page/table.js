@@ -201,7 +201,6 @@ export class CallTable {
       row.root.style.transform = `translateY(${place * height}px)`;
       row.root.setAttribute("aria-rowindex", place + 2);
       row.root.tabIndex = call.id === this.active_id ? 0 : -1;
-      row.root.classList.toggle("odd", place % 2 === 1);
       row.show(call, this);
     }
     if (this.lost_focus) {
@@ -336,7 +335,7 @@ class Row {
     this.meters = Object.fromEntries(SIDES.map((side) => [side, new Meter(side)]));
     this.length = element("span");
     this.lost = element("span");
-    this.trouble = element("span", {class: "troubles"});
+    this.trouble = element("span");
     this.sender = element("span");
     this.button = element("button", {type: "button", class: "play", tabindex: -1});
     const cell = (name, ...children) =>

@@ -116,7 +116,7 @@ test("a frame of audio is read as it was written", () => {
     1, 1, 1, 0, 0x40, 0x1f, 0, 0, 0x10, 0x27, 0, 0, 1, 0, 0, 0,  // Terminator, after loss, 8000 Hz.
     0x88, 0x13, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0x00, 0x80, 0xff, 0x7f]);
   assert.deepEqual(parse_frame(data.buffer), {
-    side: 1, rate: 8000, lost: true, position: 2 ** 32 + 10000, age_ms: 5,
+    side: 1, rate: 8000, position: 2 ** 32 + 10000, age_ms: 5,
     samples: Int16Array.of(-1, -32768, 32767)});
   for (const [place, value] of [[0, 2], [1, 2]]) {
     const other = data.slice();
