@@ -28,41 +28,32 @@ const TAPS = 16;              // Each side of the resampler's middle.
 // Audio of one side by its position, at the side's own rate.
 class Side {
   constructor(rate) {
-    this.set_rate(rate);
-  }
-
-  set_rate(rate) {
     this.rate = rate;
     this.ring = new Float32Array(Math.ceil(RING_S * rate));
-    this.end = null;   // Position after the newest sample.
-    this.begin = 0;    // Positions before this one hold nothing.
+    this.end = 0;      // Position after the newest sample.
     this.shift_s = 0;  // Of the side on the call's time line.
   }
 
   // Puts samples at their position. What lies between them and the newest so far is silence.
   put(position, samples) {
     const size = this.ring.length;
-    const from = Math.max(this.end ?? position, position - size);
-    if (this.end === null || position >= this.end + size) {
+    if (position >= this.end + size) {
       this.ring.fill(0);
-      this.begin = position;
     } else {
-      for (let at = from; at < position; ++at) {
+      for (let at = this.end; at < position; ++at) {
         this.ring[at % size] = 0;
       }
     }
-    const newest = Math.max(this.end ?? 0, position + samples.length);
-    for (let i = Math.max(0, newest - size - position); i < samples.length; ++i) {
+    this.end = Math.max(this.end, position + samples.length);
+    for (let i = Math.max(0, this.end - size - position); i < samples.length; ++i) {
       this.ring[(position + i) % size] = samples[i] / 32768;
     }
-    this.begin = Math.min(this.begin, position);
-    this.end = newest;
-    this.begin = Math.max(this.begin, this.end - size);
   }
 
   at(position) {
-    return position >= this.begin && position < (this.end ?? 0)
-      ? this.ring[position % this.ring.length] : 0;
+    const size = this.ring.length;
+    return position >= Math.max(0, this.end - size) && position < this.end
+      ? this.ring[position % size] : 0;
   }
 
   // The value between two samples, by a sinc under a Hann window. `step` is the number of samples per
@@ -83,7 +74,7 @@ class Side {
 
   // The end of the audio on the call's time line, in seconds.
   end_s() {
-    return this.end === null ? null : this.end / this.rate + this.shift_s;
+    return this.end / this.rate + this.shift_s;
   }
 }
 
@@ -154,7 +145,7 @@ export class Player {
       this.waiting = true;
       return;
     }
-    const other = this.sides[1 - index]?.end_s() ?? null;
+    const other = this.sides[1 - index]?.end_s();
     this.shift(side, (other > head_s ? other : head_s + START_MS / 1000) - side.end_s());
   }
 
