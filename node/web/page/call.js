@@ -87,6 +87,7 @@ export class OpenedCall {
     this.described_at = 0;
     this.build(call, on_close);
     this.show(call);
+    this.write();
   }
 
   close() {
@@ -162,7 +163,6 @@ export class OpenedCall {
       this.starts.replaceChildren(facts(rows));
     }
     this.show_failed(call.failed_files ?? []);
-    this.write();
   }
 
   show_failed(files) {
@@ -240,7 +240,7 @@ export class OpenedCall {
     this.no_marks.hidden = true;
   }
 
-  // To be called a few times a second.
+  // To be called twice a second.
   tick() {
     this.write();
     this.draw();

@@ -8,7 +8,7 @@ import {Live} from "./live.js";
 import {CallTable} from "./table.js";
 import {SIDE_NAMES, count, counted, set_text, visible} from "./text.js";
 
-const TICK_MS = 250;
+const TICK_MS = 500;
 const NEWS_MS = 1200;  // Of several news, screen readers hear the last.
 
 const by_id = (id) => document.getElementById(id);

@@ -4,7 +4,6 @@ import {SIDES, SIDE_NAMES, count, decibels, duration, element, foreign, set_text
         unseen, visible} from "./text.js";
 
 const REORDER_MS = 1000;    // Rows do not change places more often by themselves.
-const TEXT_MS = 500;        // Nor do their figures.
 const SPARE_ROWS = 4;       // Beyond each edge of the screen.
 const MOST_WATCHED = 100;
 const PAGE_ROWS = 10;       // Of the keys Page Up and Page Down.
@@ -112,7 +111,7 @@ export class CallTable {
     });
   }
 
-  // To be called a few times a second.
+  // To be called twice a second.
   tick() {
     this.reorder_if_due();
     this.write_texts();
@@ -238,14 +237,10 @@ export class CallTable {
   }
 
   write_texts() {
-    const now = performance.now();
-    if (now - (this.written_at ?? 0) >= TEXT_MS) {
-      this.written_at = now;
-      for (const [id, row] of this.rows) {
-        const call = this.calls.live.get(id);
-        if (call) {
-          row.write_figures(call);
-        }
+    for (const [id, row] of this.rows) {
+      const call = this.calls.live.get(id);
+      if (call) {
+        row.write_figures(call);
       }
     }
   }
