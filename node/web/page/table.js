@@ -348,7 +348,8 @@ class Row {
     set_text(this.name, name);
     this.name.title = name.slice(0, 500);
     this.name.classList.toggle("absent", !call.call_ref);
-    set_text(this.trouble, trouble_text(call));
+    this.trouble.title = trouble_text(call);
+    set_text(this.trouble, this.trouble.title);
     this.root.classList.toggle("trouble", has_trouble(call));
     this.root.classList.toggle("ending", call.ending === true);
     set_text(this.sender, visible(call.source));
