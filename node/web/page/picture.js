@@ -170,10 +170,8 @@ export class Picture {
   constructor(canvas) {
     this.canvas = canvas;
     this.context = canvas.getContext("2d");
-    this.colours = null;
-    matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => {
-      this.colours = null;
-    });
+    // Asked, because a listener would keep the canvas for ever.
+    this.scheme = matchMedia("(prefers-color-scheme: dark)");
   }
 
   fit() {
@@ -193,7 +191,10 @@ export class Picture {
     if (this.width === 0) {
       return;
     }
-    this.colours ??= colours(this.canvas);
+    if (this.scheme.matches !== this.dark) {
+      this.dark = this.scheme.matches;
+      this.colours = colours(this.canvas);
+    }
     this.trace = trace;
     this.window = window;
     this.bottom = this.height - AXIS - BAND - 3;  // Of the outline.

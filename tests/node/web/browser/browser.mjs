@@ -72,3 +72,16 @@ export async function check_width(page, what) {
     [document.documentElement.scrollWidth, window.innerWidth]);
   assert.ok(needed <= there, `${what}: ${needed} of ${there} pixels`);
 }
+
+// How many objects of a class the page holds, also outside the document.
+export async function number_of(page, name) {
+  const inspector = await page.context().newCDPSession(page);
+  const {result: prototype} = await inspector.send("Runtime.evaluate",
+                                                   {expression: name + ".prototype"});
+  const {objects} = await inspector.send("Runtime.queryObjects",
+                                         {prototypeObjectId: prototype.objectId});
+  const {result} = await inspector.send("Runtime.callFunctionOn", {
+    objectId: objects.objectId, functionDeclaration: "function () { return this.length; }"});
+  await inspector.detach();
+  return result.value;
+}

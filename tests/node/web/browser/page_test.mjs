@@ -5,8 +5,8 @@ import http from "node:http";
 import path from "node:path";
 import {after, afterEach, before, test} from "node:test";
 
-import {DESKTOP, TELEPHONE, check_accessibility, check_width, close, column, launch, open_call,
-        open_page, references} from "./browser.mjs";
+import {DESKTOP, TELEPHONE, check_accessibility, check_width, close, column, launch, number_of,
+        open_call, open_page, references} from "./browser.mjs";
 import {ANNOUNCEMENT_S, MediaNode, ORIGINATOR, RATE, Switch, TERMINATOR, announcement, sleep, speech,
         until, wav} from "./media_node.mjs";
 
@@ -164,6 +164,7 @@ test("a hostile reference is shown as it is", async () => {
     await open_call(page, reference.slice(0, 200));
     assert.equal(await page.locator("#opened_title").innerText(), reference);
   }
+  assert.equal(await number_of(page, "HTMLCanvasElement"), 2, "former calls leave nothing behind");
   // A reference that comes after the audio replaces what the row says.
   const late = calls.begin({reference: "<img src=y onerror=alert(5)>", started: false});
   await until("the call is shown", async () => (await references(page)).includes("(no reference)"));
