@@ -255,7 +255,6 @@ export class OpenedCall {
     const traces = SIDES.map((side) => this.traces[side]);
     this.window.update(traces);
     const {from, until} = this.window;
-    traces.forEach((trace) => trace.forget_before(from));
     this.features = this.features.filter((mark) => mark.begin >= from);
     // One scale for both, so that their heights can be compared.
     const gain = gain_for(Math.max(...traces.map((trace) => trace.peak(from))));

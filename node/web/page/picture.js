@@ -42,6 +42,8 @@ export class SideTrace {
     }
     this.begun ||= end > 0;
     this.end = Math.max(this.end, end);
+    // Here and not where it is drawn, because nothing is drawn while nobody sees the page.
+    this.forget_before(this.end_time() - WINDOW_S);
   }
 
   // Takes a new mark, or an old one that has its end now. An activity that has an end without a

@@ -146,7 +146,18 @@ test("an activity ends when its end comes", () => {
   assert.match(trace.words(0, 30), /active for 4\.0 s/);
   trace.mark({kind: "activity", begin: null, end: 2.5});
   assert.match(trace.words(0, 30), /active for 1\.5 s/);
-  trace.forget_before(3);
+});
+
+test("marks are forgotten 30 seconds after their end, whether or not they are drawn", () => {
+  const trace = new SideTrace("originator");
+  trace.take({end: 100, columns: ""});
+  trace.mark({kind: "gap", begin: 1, end: 2});
+  trace.mark({kind: "sample", name: "x", begin: 4});
+  trace.take({end: 640, columns: ""});
+  assert.equal(trace.marks.size, 2);
+  trace.take({end: 641, columns: ""});
+  assert.equal(trace.marks.size, 1);
+  trace.take({end: 681, columns: ""});
   assert.equal(trace.marks.size, 0);
 });
 
