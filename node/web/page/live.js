@@ -98,7 +98,7 @@ export class Live {
   }
 
   drop_silent() {
-    if (this.connected && Date.now() - this.last_heard > SILENCE_MS) {
+    if (this.socket !== null && Date.now() - this.last_heard > SILENCE_MS) {
       const socket = this.socket;
       this.lost(socket);
       socket.close();

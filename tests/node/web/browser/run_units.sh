@@ -7,4 +7,4 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=../../../support/npm_packages.sh
 source "$here/../../../support/npm_packages.sh"
 require_node
-exec node --test "$here/calls_test.mjs" "$here/player_test.mjs"
+exec node --test "$here/calls_test.mjs" "$here/live_test.mjs" "$here/player_test.mjs"
