@@ -216,7 +216,6 @@ export class Picture {
 
   draw_grid() {
     const {context, colours: colour} = this;
-    context.textBaseline = "alphabetic";
     const first = Math.ceil(this.window.from / GRID_S) * GRID_S;
     for (let time = first; time <= this.window.until; time += GRID_S) {
       const x = Math.round(this.x(time)) + 0.5;
