@@ -148,11 +148,7 @@ export class Listener {
       this.open(frame.rate);
       former.close();
     }
-    this.play(frame);
-  }
-
-  play({side, rate, position, samples}) {
-    this.node?.port.postMessage({type: "frame", side, rate, position, samples}, [samples.buffer]);
+    this.node?.port.postMessage({type: "frame", ...frame}, [frame.samples.buffer]);
   }
 
   state({reserve_ms, waiting}) {

@@ -114,7 +114,12 @@ export class CallTable {
   // To be called twice a second.
   tick() {
     this.reorder_if_due();
-    this.write_texts();
+    for (const [id, row] of this.rows) {
+      const call = this.calls.live.get(id);
+      if (call) {
+        row.write_figures(call);
+      }
+    }
   }
 
   row_height() {
@@ -236,15 +241,6 @@ export class CallTable {
     }
   }
 
-  write_texts() {
-    for (const [id, row] of this.rows) {
-      const call = this.calls.live.get(id);
-      if (call) {
-        row.write_figures(call);
-      }
-    }
-  }
-
   mark({opened_id = this.opened_id, listened_id = this.listened_id}) {
     this.opened_id = opened_id;
     this.listened_id = listened_id;
@@ -271,15 +267,8 @@ export class CallTable {
   }
 
   focused(event) {
-    const id = this.id_of(event);
-    if (id !== null && id !== this.active_id) {
-      const former = this.rows.get(this.active_id);
-      if (former) {
-        former.root.tabIndex = -1;
-      }
-      this.active_id = id;
-      this.rows.get(id).root.tabIndex = 0;
-    }
+    this.active_id = this.id_of(event);
+    this.schedule();
   }
 
   pressed(event) {
