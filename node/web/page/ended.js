@@ -6,6 +6,8 @@ import {bytes, clock, count, counted, date_and_clock, duration, element, foreign
 
 const AUDIO_KINDS = ["wav", "flac", "opus"];
 
+const key_of = (call) => call.call_uuid + call.ended;
+
 export class EndedList {
   constructor(root, calls, on_open) {
     this.root = root;
@@ -26,9 +28,10 @@ export class EndedList {
   render() {
     const wanted = {...this.filter, text: this.filter.text.trim().toLowerCase()};
     const shown = this.calls.ended.filter((call) => matches(call, wanted));
-    const ids = new Set(shown.map((call) => call.id));
+    // A node that was started again gives the same ids to other calls.
+    const keys = new Map(shown.map((call) => [call.id, key_of(call)]));
     for (const [id, row] of this.rows) {
-      if (!ids.has(id)) {
+      if (keys.get(id) !== row.dataset.key) {
         row.remove();
         this.rows.delete(id);
       }
@@ -54,7 +57,7 @@ export class EndedList {
                            call.call_ref ? foreign(call.call_ref) : "(no reference)");
     const cell = (name, ...children) => element("td", {class: name}, ...children);
     const row = element(
-      "tr", {"data-id": call.id},
+      "tr", {"data-key": key_of(call)},
       cell("call", button, element("span", {class: "uuid"}, visible(call.call_uuid))),
       cell("ended", clock(call.ended)), cell("length", duration(call.seconds)),
       cell("lost" + (call.lost_packets ? " some" : ""), count(call.lost_packets)),

@@ -15,6 +15,7 @@ const by_id = (id) => document.getElementById(id);
 const calls = new Calls();
 let opened = null;       // The live call that is shown.
 let opened_id = null;    // The call that is shown, live or ended.
+let opened_uuid = null;
 let retry_at = null;
 let was_connected = false;
 let news_timer = null;
@@ -53,19 +54,42 @@ function greet({version, node, login}) {
   // A new connection knows nothing of what is watched.
   table.watched = "";
   table.schedule();
-  if (opened !== null) {
-    live.send({type: "open", call: opened_id});
-  }
 }
 
 function update_calls(message) {
   calls.update(message);
+  if (message.reset) {
+    table.reorder();
+    open_again();
+  }
   table.changed();
   if (message.reset || message.finished?.length) {
     ended.render();
   }
   show_counts();
   follow_opened();
+}
+
+// Shows what was open when the connection was lost. A node that was started again gives the same
+// ids to other calls.
+function open_again() {
+  if (opened_uuid === null) {
+    return;
+  }
+  const all = [...(opened ? calls.live.values() : []), ...calls.ended];
+  const id = all.find((call) => call.call_uuid === opened_uuid)?.id;
+  const take_focus = by_id("opened").contains(document.activeElement);
+  opened_id = null;
+  if (id === undefined) {
+    close_opened();
+  } else if (calls.live.has(id)) {
+    open_live(id, take_focus);
+  } else if (opened !== null) {
+    open_ended(id, take_focus);
+  } else {
+    // It stays as it is, because somebody may play one of its files.
+    opened_id = ended.opened_id = id;
+  }
 }
 
 // The opened call has news, or has ended.
@@ -110,7 +134,7 @@ function watch() {
 
 // What the user does.
 
-function open_live(id) {
+function open_live(id, take_focus = true) {
   const call = calls.live.get(id);
   if (!call || (opened !== null && opened_id === id)) {
     return;
@@ -118,12 +142,13 @@ function open_live(id) {
   opened?.close();
   by_id("opened").hidden = false;
   opened_id = id;
+  opened_uuid = call.call_uuid;
   opened = new OpenedCall(by_id("opened"), call, {
     on_listen: (sides) => sides === null ? listener.stop() : listen(id, sides),
     on_close: close_opened,
   });
   opened.show_listening(listener.call?.id === id ? listener.sides : null);
-  after_opening();
+  after_opening(take_focus);
   live.send({type: "open", call: id});
   watch();
 }
@@ -137,6 +162,7 @@ function open_ended(id, take_focus = true) {
   const was_live = opened !== null;
   opened = null;
   opened_id = id;
+  opened_uuid = call.call_uuid;
   by_id("opened").hidden = false;
   show_ended(by_id("opened"), call, close_opened);
   after_opening(take_focus);
@@ -167,7 +193,7 @@ function close_opened() {
     live.send({type: "open", call: null});
   }
   opened = null;
-  opened_id = null;
+  opened_id = opened_uuid = null;
   by_id("opened").hidden = true;
   by_id("opened").replaceChildren();
   document.body.classList.remove("with_opened");

@@ -315,7 +315,7 @@ export class CallTable {
 class Row {
   constructor(call) {
     this.name = foreign(call.call_ref ?? "", {class: "name"});
-    this.uuid = element("span", {class: "uuid"}, visible(call.call_uuid));
+    this.uuid = element("span", {class: "uuid"});
     this.meters = Object.fromEntries(SIDES.map((side) => [side, new Meter(side)]));
     this.length = element("span");
     this.lost = element("span");
@@ -335,6 +335,7 @@ class Row {
   show(call, {opened_id, listened_id}) {
     const name = call.call_ref ? visible(call.call_ref) : "(no reference)";
     set_text(this.name, name);
+    set_text(this.uuid, visible(call.call_uuid));
     this.name.title = name.slice(0, 500);
     this.name.classList.toggle("absent", !call.call_ref);
     this.trouble.title = trouble_text(call);

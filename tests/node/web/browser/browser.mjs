@@ -55,6 +55,9 @@ export function column(page, name) {
 export const references = (page) => page.$$eval(".rows .row .name",
                                                 (names) => names.map((name) => name.textContent));
 
+export const ended_references = (page) => page.$$eval(
+  ".ended_table .name", (names) => names.map((name) => name.textContent));
+
 export async function open_call(page, reference) {
   await page.locator(".rows .row", {hasText: reference}).locator(".name").click();
   await page.locator("#opened_title", {hasText: reference}).waitFor();
