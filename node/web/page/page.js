@@ -317,7 +317,8 @@ document.addEventListener("keydown", (event) => {
     }
   }
 });
-document.addEventListener("visibilitychange", () => table.schedule());
+// At once, because a page that nobody sees draws no more frames.
+document.addEventListener("visibilitychange", () => table.render());
 setInterval(() => {
   if (!document.hidden) {
     table.tick();

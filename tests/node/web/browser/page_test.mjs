@@ -284,7 +284,7 @@ test("a lost connection is said, and found again", async () => {
 
 // Runs in the page before its own scripts.
 function watch_sockets() {
-  Object.assign(window, {sockets: [], resets: 0});
+  Object.assign(window, {sockets: [], resets: 0, sent: []});
   window.WebSocket = class extends WebSocket {
     constructor(address) {
       super(address);
@@ -292,6 +292,11 @@ function watch_sockets() {
       this.addEventListener("message", ({data}) => {
         window.resets += String(data).includes('"reset":true') ? 1 : 0;
       });
+    }
+
+    send(text) {
+      window.sent.push(text);
+      super.send(text);
     }
   };
 }
@@ -325,6 +330,22 @@ test("what is opened stays open when the connection comes again", async () => {
   const element = await audio.elementHandle();
   await reconnect();
   assert.ok(await element.evaluate((one) => one.isConnected), "it may be played meanwhile");
+  await close(page);
+});
+
+test("a page that nobody sees watches no calls", async () => {
+  await begin({scripts: [[watch_sockets]]});
+  calls.begin({reference: "some"});
+  await shown(["some"]);
+  // As in a tab in the background, where the browser draws no frames.
+  const show = (is_shown) => page.evaluate((wanted) => {
+    window.requestAnimationFrame = () => 1;
+    Object.defineProperty(document, "hidden", {value: !wanted, configurable: true});
+    document.dispatchEvent(new Event("visibilitychange"));
+    return window.sent.at(-1);
+  }, is_shown);
+  assert.equal(await show(false), '{"type":"watch","calls":[]}');
+  assert.equal(await show(true), '{"type":"watch","calls":[1]}');
   await close(page);
 });
 
