@@ -229,6 +229,8 @@ for (const [name, options] of [
     await page.locator(".listen_bar button").first().click();
     await page.locator("#player").waitFor();
     await check_accessibility(page, "an opened call");
+    assert.equal(await page.locator("#player, #opened").locator("output, [aria-live], [role=status]")
+      .count(), 0, "no screen reader reads figures out that change all the time");
     await check_width(page, "an opened call");
     calls.end(call);
     await page.locator(".ended_state").waitFor();
