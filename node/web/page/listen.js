@@ -60,6 +60,7 @@ export class Listener {
       return;
     }
     this.close();
+    this.confirmed = false;
     this.call = call;
     this.sides = sides;
     const wanted = sides === "both" ? SIDES : [sides];
@@ -136,8 +137,13 @@ export class Listener {
     }
   }
 
+  // The media node has begun. What came before may be audio of the call that was played before.
+  confirm(id, sides) {
+    this.confirmed ||= id === this.call?.id && sides === this.sides;
+  }
+
   take(data) {
-    const frame = this.call ? parse_frame(data) : null;
+    const frame = this.call && this.confirmed ? parse_frame(data) : null;
     if (frame === null) {
       return;
     }

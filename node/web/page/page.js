@@ -43,6 +43,7 @@ const ended = new EndedList(by_id("ended_scroll"), calls, open_ended);
 function receive(message) {
   const actions = {hello: greet, calls: update_calls, levels: show_levels, detail: show_wave,
                    wave: show_wave,
+                   listening: ({call, sides}) => listener.confirm(call, sides),
                    stopped: ({call, reason}) => listener.stopped(call, reason),
                    error: ({error}) => console.warn("the media node: " + error)};
   actions[message.type]?.(message);

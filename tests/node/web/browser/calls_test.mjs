@@ -5,7 +5,7 @@ import test from "node:test";
 
 import {Calls, arrange, seconds_now} from "../../../../node/web/page/calls.js";
 import {SideTrace, gain_for} from "../../../../node/web/page/picture.js";
-import {parse_frame} from "../../../../node/web/page/listen.js";
+import {Listener, parse_frame} from "../../../../node/web/page/listen.js";
 import {bytes, decibels, duration, moment, visible} from "../../../../node/web/page/text.js";
 
 const PAGE = new URL("../../../../node/web/page/", import.meta.url);
@@ -124,6 +124,41 @@ test("a frame of audio is read as it was written", () => {
     assert.equal(parse_frame(other.buffer), null);
   }
   assert.equal(parse_frame(data.slice(0, 23).buffer), null);
+});
+
+test("audio of the call that was heard before is not played", () => {
+  globalThis.AudioContext = class {};
+  globalThis.window = {isSecureContext: true};
+  const sent = [];
+  const played = [];
+  const listener = new Listener({send: (message) => sent.push(message), on_change: () => {}});
+  listener.open = (rate) => {
+    listener.rate = rate;
+    listener.node = {port: {postMessage: (message) => played.push(message)}, disconnect: () => {}};
+  };
+  // Ten samples of the originator at 8 kHz.
+  const frame = new Uint8Array(44);
+  frame.set([1, 0, 0, 0, 0x40, 0x1f]);
+  const heard = () => {
+    played.length = 0;
+    listener.take(frame.buffer);
+    return played.some(({type}) => type === "frame");
+  };
+  listener.start(call(1), "both");
+  assert.ok(!heard());
+  listener.confirm(1, "both");
+  assert.ok(heard());
+  listener.start(call(2), "both");
+  assert.ok(!heard());
+  listener.confirm(1, "both");
+  assert.ok(!heard());
+  listener.confirm(2, "both");
+  assert.ok(heard());
+  listener.start(call(2), "originator");
+  assert.ok(!heard());
+  listener.confirm(2, "originator");
+  assert.ok(heard());
+  assert.deepEqual(sent.map(({sides}) => sides), ["both", "both", "originator"]);
 });
 
 const columns = (...pairs) => Buffer.from(Int8Array.from(pairs.flat()).buffer).toString("base64");
