@@ -136,17 +136,14 @@ export class Player {
     const side = this.sides[index];
     const head_s = this.head / this.rate;
     const late_s = head_s - position / side.rate - side.shift_s;
-    if (this.waiting || late_s <= 0) {
-      return;
-    }
-    if (head_s - side.end_s() < APART_S) {
+    if (late_s > 0 && head_s - side.end_s() >= APART_S) {
+      const other = this.sides[1 - index]?.end_s();
+      this.shift(side, (other > head_s ? other : head_s + START_MS / 1000) - side.end_s());
+    } else if (late_s > 0 && !this.waiting) {
       this.figures.late += 1;
       this.want(this.reserve_ms() + late_s * 1000 + LATE_MS);
       this.waiting = true;
-      return;
     }
-    const other = this.sides[1 - index]?.end_s();
-    this.shift(side, (other > head_s ? other : head_s + START_MS / 1000) - side.end_s());
   }
 
   want(milliseconds) {

@@ -260,6 +260,18 @@ test("a context with another rate gets the same tone", () => {
   assert.ok(rest < 0.003, String(rest));
 });
 
+test("a side whose rate rises after a pause is heard at once", () => {
+  const desk = new Desk({rate: 16000, both: false});
+  desk.run(4, {keep: (_, side) => side === ORIGINATOR});
+  desk.play_until(5000);
+  // Positions count samples, so by the new rate this is two seconds earlier.
+  for (let n = 0; n < 25; ++n) {
+    desk.player.put(ORIGINATOR, 16000, 32000 + n * 320, frame(ORIGINATOR, n * 320, 320));
+    desk.play_until(5000 + n * 20);
+  }
+  assert.ok(desk.left.slice(-1600).some((value) => value !== 0));
+});
+
 test("a side whose rate changes goes on", () => {
   const desk = new Desk({both: false});
   desk.run(1, {keep: (_, side) => side === ORIGINATOR});
