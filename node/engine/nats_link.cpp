@@ -53,14 +53,25 @@ class Headers {
 }  // namespace
 
 void Link::on_connected(natsConnection* connection, void* self) {
-    guarded([&] { static_cast<Link*>(self)->listener_.connected(url_of(connection)); });
+    Link& link = *static_cast<Link*>(self);
+    guarded([&] {
+        const std::string url = url_of(connection);
+        const LockGuard lock(link.mutex_);
+        if (link.current_ == connection) {
+            link.listener_.connected(url);
+        }
+    });
 }
 
 // The library may report the end of a former connection after the next one has begun.
 void Link::on_disconnected(natsConnection* connection, void* self) {
-    if (static_cast<Link*>(self)->current_ == connection) {
-        guarded([&] { static_cast<Link*>(self)->listener_.disconnected(); });
-    }
+    Link& link = *static_cast<Link*>(self);
+    guarded([&] {
+        const LockGuard lock(link.mutex_);
+        if (link.current_ == connection) {
+            link.listener_.disconnected();
+        }
+    });
 }
 
 // By close(), or because the servers refuse the credentials.
@@ -132,8 +143,11 @@ bool Link::keep() {
 }
 
 void Link::disconnect() {
-    current_ = nullptr;
-    listener_.disconnected();
+    {
+        const LockGuard lock(mutex_);
+        current_ = nullptr;
+        listener_.disconnected();
+    }
     if (connection_ != nullptr) {
         natsConnection_Close(connection_.get());
     }
@@ -160,19 +174,28 @@ void Link::connect() {
         listener_.trouble("not connected yet (" + last_error(status) + "); events and audio wait");
         return;
     }
-    current_ = made;
-    listener_.connected(url_of(made));
+    {
+        const std::string url = url_of(made);
+        const LockGuard lock(mutex_);
+        current_ = made;
+        // It may be lost already. If so, the library connects again and reports that.
+        if (natsConnection_Status(made) == NATS_CONN_STATUS_CONNECTED) {
+            listener_.connected(url);
+        }
+    }
     subscribe_to_answers();
 }
 
 void Link::subscribe_to_answers() {
     natsInbox* inbox = nullptr;
-    natsInbox_Create(&inbox);
-    inbox_ = inbox;
+    natsStatus status = natsInbox_Create(&inbox);
+    inbox_ = inbox != nullptr ? inbox : "";
     natsInbox_Destroy(inbox);
     natsSubscription* subscription = nullptr;
-    natsStatus status = natsConnection_Subscribe(&subscription, connection_.get(),
-                                                 (inbox_ + ".*").c_str(), on_answer, this);
+    if (status == NATS_OK) {
+        status = natsConnection_Subscribe(&subscription, connection_.get(), (inbox_ + ".*").c_str(),
+                                          on_answer, this);
+    }
     answers_.reset(subscription);
     if (status == NATS_OK &&
         natsSubscription_SetOnCompleteCB(subscription, on_complete, this) == NATS_OK) {
@@ -186,8 +209,9 @@ void Link::subscribe_to_answers() {
         status = natsConnection_JetStream(&context, connection_.get(), &wait);
     }
     stream_.reset(context);
-    if (status != NATS_OK) {
+    if (status != NATS_OK) {  // No memory. keep() tries again.
         listener_.trouble("no answers: " + text_of(status));
+        natsConnection_Close(connection_.get());
     }
 }
 

@@ -4,7 +4,6 @@
 // library, until close() returns.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <string>
 
@@ -65,9 +64,9 @@ class Link {
     static void on_answer(natsConnection* connection, natsSubscription* subscription,
                           natsMsg* message, void* self);
 
-    void connect();
+    void connect() QV_EXCLUDES(mutex_);
     void subscribe_to_answers();
-    void disconnect();
+    void disconnect() QV_EXCLUDES(mutex_);
     Outcome publish(natsMsg* message, natsStatus made, const std::string& what);
     void add_callback() QV_EXCLUDES(mutex_);
     void remove_callback() QV_EXCLUDES(mutex_);
@@ -76,14 +75,15 @@ class Link {
     Listener& listener_;
     Options options_;
     Connection connection_;
-    std::atomic<natsConnection*> current_{nullptr};  // The same, for the library's threads.
     StreamContext stream_;
     Subscription answers_;
     std::string inbox_;
     StreamCreator creator_;
     std::chrono::steady_clock::time_point next_attempt_{};
 
-    Mutex mutex_;
+    Mutex mutex_;  // Held while a connection and its loss are reported, to keep their order.
+    // The same as connection_. What the library reports of a former one does not count.
+    natsConnection* current_ QV_GUARDED_BY(mutex_) = nullptr;
     Condition called_;
     int callbacks_ QV_GUARDED_BY(mutex_) = 0;  // That the library has yet to call.
 };

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -18,14 +19,15 @@ namespace {
 
 constexpr std::chrono::seconds PATIENCE{30};
 
-// Greets each connection. Says `farewell` to the first one, as soon as it is complete.
+// Greets each connection. Says `farewell` to the first one, as soon as it is complete. If there is
+// nothing to say, hangs up at once.
 class Server {
   public:
     explicit Server(std::string farewell) : farewell_(std::move(farewell)) {
         address_.sin_family = AF_INET;
         address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t size = sizeof address_;
-        bind(listener_, reinterpret_cast<const sockaddr*>(&address_), size);
+        EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr*>(&address_), size), 0);
         listen(listener_, 10);
         getsockname(listener_, reinterpret_cast<sockaddr*>(&address_), &size);
         thread_ = std::thread([this] { run(); });
@@ -53,10 +55,18 @@ class Server {
                 "\r\n");
             await("PING\r\n");
             say("PONG\r\n");
-            if (!farewell_.empty()) {
-                await("SUB ");
-                say(std::exchange(farewell_, {}));
+            if (connections_.size() == 1) {
+                end_first();
             }
+        }
+    }
+
+    void end_first() const {
+        if (farewell_.empty()) {
+            shutdown(connections_[0], SHUT_RDWR);
+        } else {
+            await("SUB ");
+            say(farewell_);
         }
     }
 
@@ -76,7 +86,7 @@ class Server {
         }
     }
 
-    std::string farewell_;
+    const std::string farewell_;
     const int listener_ = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address_{};
     std::vector<int> connections_;
@@ -159,6 +169,41 @@ TEST(NatsLinkTest, LateReportOfAFormerConnectionDoesNotEndThePresentOne) {
     EXPECT_TRUE(listener.is_connected());
     link.close();
     EXPECT_FALSE(listener.is_connected());
+}
+
+// Takes its time to note that there is a connection.
+class SlowListener : public Link::Listener {
+  public:
+    void connected(const std::string& /*url*/) override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        connected_ = true;
+    }
+    void disconnected() override { connected_ = false; }
+    void answered(Answer /*answer*/) override {}
+    void trouble(const std::string& /*text*/) override {}
+    void stream_created(const std::string& /*name*/) override {}
+
+    bool is_connected() const { return connected_; }
+
+  private:
+    std::atomic<bool> connected_{false};
+};
+
+TEST(NatsLinkTest, LossOfAConnectionIsNotReportedBeforeTheConnection) {
+    const Server server("");
+    EngineSettings settings;
+    settings.urls = {server.url()};
+    settings.reconnect_ms = 60'000;  // The server would greet another connection.
+    SlowListener listener;
+    Link link(settings, listener);
+    ASSERT_EQ(link.open(), "");
+    ASSERT_TRUE(link.keep());
+    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    while (listener.is_connected() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_FALSE(listener.is_connected());
+    link.close();
 }
 
 }  // namespace
