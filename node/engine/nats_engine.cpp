@@ -76,18 +76,26 @@ void Engine::run() {
         if (take_answers() && may_send) {
             link_.create_stream();
         }
-        write_spool();
         if (may_send) {
             send_events();
             send_audio();
         }
         progress_.notify_all();
     }
-    take_answers();
-    write_spool();
     link_.close();
+    take_answers();  // The last ones.
     const LockGuard lock(mutex_);
     ended_ = true;
+    progress_.notify_all();
+}
+
+void Engine::run_spool() {
+    while (wait_for_spool_work()) {
+        write_spool();
+    }
+    write_spool();
+    const LockGuard lock(mutex_);
+    spool_ended_ = true;
     progress_.notify_all();
 }
 
@@ -101,6 +109,7 @@ void Engine::push(EngineEvent event) {
         const auto shared = std::make_shared<const EngineEvent>(std::move(event));
         if (spool_ != nullptr) {
             backlog_.add(shared);
+            spool_work_.notify_one();
         }
         add(shared);
     }
@@ -172,10 +181,21 @@ bool Engine::stop() {
     const LockGuard lock(mutex_);
     stopping_ = true;
     work_.notify_one();
+    return wait_for_end(ended_);
+}
+
+bool Engine::stop_spool() {
+    const LockGuard lock(mutex_);
+    spool_stopping_ = true;
+    spool_work_.notify_one();
+    return wait_for_end(spool_ended_);
+}
+
+bool Engine::wait_for_end(const bool& ended) {
     const auto until = Clock::now() + PATIENCE_AT_THE_END;
-    while (!ended_ && progress_.wait_until(mutex_, until)) {
+    while (!ended && progress_.wait_until(mutex_, until)) {
     }
-    return ended_;
+    return ended;
 }
 
 // The thread of run(), and the library's.
@@ -236,9 +256,8 @@ bool Engine::wait_for_work() {
 
 bool Engine::has_work() const {
     const auto now = Clock::now();
-    return backlog_.has_ready(now) ||
-           (connected_ && (audio_.has_ready(now) ||
-                           (queue_.under_way() < MOST_UNDER_WAY && queue_.has_ready(now))));
+    return connected_ && (audio_.has_ready(now) ||
+                          (queue_.under_way() < MOST_UNDER_WAY && queue_.has_ready(now)));
 }
 
 // Returns whether a stream may be missing.
@@ -273,42 +292,6 @@ bool Engine::take_answers() {
         news_.stored();
     }
     return missing;
-}
-
-void Engine::write_spool() {
-    if (spool_ == nullptr) {
-        return;
-    }
-    std::string error = spool_->release(take_forgotten());
-    for (auto events = to_spool(); error.empty() && !events.empty(); events = to_spool()) {
-        error = spool_->keep(events);
-        note_spooled(events, error.empty());
-    }
-    if (!error.empty()) {
-        trouble("events are not kept on the disk: " + error);
-    }
-}
-
-std::vector<std::string> Engine::take_forgotten() {
-    const LockGuard lock(mutex_);
-    if (stopping_) {
-        backlog_.retry_at_once();
-    }
-    return backlog_.take_forgotten();
-}
-
-std::vector<EventQueue::Event> Engine::to_spool() {
-    const LockGuard lock(mutex_);
-    return backlog_.next(Clock::now());
-}
-
-void Engine::note_spooled(const std::vector<EventQueue::Event>& events, bool kept) {
-    const LockGuard lock(mutex_);
-    if (kept) {
-        backlog_.written(events);
-    } else {
-        backlog_.refused(Clock::now());
-    }
 }
 
 void Engine::send_events() {
@@ -386,6 +369,51 @@ void Engine::note_sent(AudioQueue::Batch batch, bool taken) {
     } else {
         // Whoever gets a chunk twice knows it by its sequence.
         audio_.put_back(std::move(batch), Clock::now() + TICK);
+    }
+}
+
+// The thread of run_spool().
+
+// Returns false at the end. Events that the spool need not keep any longer can wait for the tick.
+bool Engine::wait_for_spool_work() {
+    const LockGuard lock(mutex_);
+    const auto tick = Clock::now() + TICK;
+    while (!spool_stopping_ && !backlog_.has_ready(Clock::now()) &&
+           spool_work_.wait_until(mutex_, tick)) {
+    }
+    return !spool_stopping_;
+}
+
+void Engine::write_spool() {
+    std::string error = spool_->release(take_forgotten());
+    for (auto events = to_spool(); error.empty() && !events.empty(); events = to_spool()) {
+        error = spool_->keep(events);
+        note_spooled(events, error.empty());
+    }
+    if (!error.empty()) {
+        trouble("events are not kept on the disk: " + error);
+    }
+}
+
+std::vector<std::string> Engine::take_forgotten() {
+    const LockGuard lock(mutex_);
+    if (spool_stopping_) {
+        backlog_.retry_at_once();
+    }
+    return backlog_.take_forgotten();
+}
+
+std::vector<EventQueue::Event> Engine::to_spool() {
+    const LockGuard lock(mutex_);
+    return backlog_.next(Clock::now());
+}
+
+void Engine::note_spooled(const std::vector<EventQueue::Event>& events, bool kept) {
+    const LockGuard lock(mutex_);
+    if (kept) {
+        backlog_.written(events);
+    } else {
+        backlog_.refused(Clock::now());
     }
 }
 

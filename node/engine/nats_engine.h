@@ -1,8 +1,9 @@
 // The work behind the publisher: what waits for NATS, and the loop that sends it.
 //
-// One thread calls run(), which uses the connection and the spool without the lock; the library's
-// threads report to it. All other functions belong to any thread and do not wait unless they say
-// so.
+// One thread calls run(), which uses the connection without the lock; the library's threads report
+// to it. If there is a spool, another thread calls run_spool(), which uses the spool without the
+// lock: neither a server nor a disk that hangs keeps the events from the other. All other functions
+// belong to any thread and do not wait unless they say so.
 #pragma once
 
 #include <chrono>
@@ -31,19 +32,24 @@ class Engine : private Link::Listener {
 
     // Returns when stop() is called and the library uses this object no longer.
     void run() QV_EXCLUDES(mutex_);
+    // The same for the spool, if there is one. Returns when stop_spool() is called.
+    bool has_spool() const { return spool_ != nullptr; }
+    void run_spool() QV_EXCLUDES(mutex_);
 
     const std::string& run_id() const { return run_; }
     void push(EngineEvent event) QV_EXCLUDES(mutex_);
     void push(EngineChunk chunk) QV_EXCLUDES(mutex_);
     EngineFigures figures() const QV_EXCLUDES(mutex_);
     Publisher::News take_news() QV_EXCLUDES(mutex_);
-    // What run() has not handed over, nor to the spool.
+    // What neither a server nor the spool has taken.
     Publisher::Left left() const QV_EXCLUDES(mutex_);
 
     // Waits until nothing waits, at most for this time. Returns whether that is so.
     bool wait(std::chrono::milliseconds longest) QV_EXCLUDES(mutex_);
     // Ends run(), and waits for it some seconds. Returns whether it has ended.
     bool stop() QV_EXCLUDES(mutex_);
+    // The same for run_spool(). After stop(), so that the spool notes the last answers.
+    bool stop_spool() QV_EXCLUDES(mutex_);
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -66,10 +72,6 @@ class Engine : private Link::Listener {
     bool wait_for_work() QV_EXCLUDES(mutex_);
     bool has_work() const QV_REQUIRES(mutex_);
     bool take_answers() QV_EXCLUDES(mutex_);
-    void write_spool() QV_EXCLUDES(mutex_);
-    std::vector<std::string> take_forgotten() QV_EXCLUDES(mutex_);
-    std::vector<EventQueue::Event> to_spool() QV_EXCLUDES(mutex_);
-    void note_spooled(const std::vector<EventQueue::Event>& events, bool kept) QV_EXCLUDES(mutex_);
     void send_events() QV_EXCLUDES(mutex_);
     EventQueue::Entry next_event() QV_EXCLUDES(mutex_);
     void drop(std::uint64_t number) QV_REQUIRES(mutex_);
@@ -80,15 +82,24 @@ class Engine : private Link::Listener {
     void note_lost(const EngineChunk& chunk) QV_EXCLUDES(mutex_);
     void note_sent(AudioQueue::Batch batch, bool taken) QV_EXCLUDES(mutex_);
 
+    // The thread of run_spool().
+    bool wait_for_spool_work() QV_EXCLUDES(mutex_);
+    void write_spool() QV_EXCLUDES(mutex_);
+    std::vector<std::string> take_forgotten() QV_EXCLUDES(mutex_);
+    std::vector<EventQueue::Event> to_spool() QV_EXCLUDES(mutex_);
+    void note_spooled(const std::vector<EventQueue::Event>& events, bool kept) QV_EXCLUDES(mutex_);
+
+    bool wait_for_end(const bool& ended) QV_REQUIRES(mutex_);
+
     const EngineSettings settings_;
     const std::string run_;
 
-    // Of the thread of run().
-    Link link_;
+    Link link_;                          // Of the thread of run().
     std::unique_ptr<EventSpool> spool_;  // Null unless wanted. Constant from open() on.
 
     mutable Mutex mutex_;
     Condition work_;
+    Condition spool_work_;
     Condition progress_;
     EventQueue queue_ QV_GUARDED_BY(mutex_);
     SpoolBacklog backlog_ QV_GUARDED_BY(mutex_);
@@ -100,7 +111,9 @@ class Engine : private Link::Listener {
     std::uint64_t stored_events_ QV_GUARDED_BY(mutex_) = 0;
     bool connected_ QV_GUARDED_BY(mutex_) = false;
     bool stopping_ QV_GUARDED_BY(mutex_) = false;
-    bool ended_ QV_GUARDED_BY(mutex_) = false;  // run() returns.
+    bool ended_ QV_GUARDED_BY(mutex_) = false;           // run() returns.
+    bool spool_stopping_ QV_GUARDED_BY(mutex_) = false;  // The same of run_spool().
+    bool spool_ended_ QV_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace qv::node::nats

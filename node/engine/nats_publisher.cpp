@@ -11,8 +11,17 @@ namespace {
 // A thread that the library or the spool's disk does not let go is left behind with its engine.
 class NatsPublisher : public Publisher {
   public:
-    explicit NatsPublisher(std::shared_ptr<nats::Engine> engine)
-        : engine_(std::move(engine)), thread_([engine = engine_] { engine->run(); }) {}
+    explicit NatsPublisher(std::shared_ptr<nats::Engine> engine) : engine_(std::move(engine)) {
+        try {
+            thread_ = std::thread([engine = engine_] { engine->run(); });
+            if (engine_->has_spool()) {
+                spool_thread_ = std::thread([engine = engine_] { engine->run_spool(); });
+            }
+        } catch (...) {
+            NatsPublisher::finish();
+            throw;
+        }
+    }
     ~NatsPublisher() override { NatsPublisher::finish(); }
     NatsPublisher(const NatsPublisher&) = delete;
     NatsPublisher& operator=(const NatsPublisher&) = delete;
@@ -26,18 +35,26 @@ class NatsPublisher : public Publisher {
 
     Left finish() override {
         if (thread_.joinable()) {
-            if (engine_->stop()) {
-                thread_.join();
-            } else {
-                thread_.detach();
-            }
+            end(thread_, engine_->stop());
+        }
+        if (spool_thread_.joinable()) {
+            end(spool_thread_, engine_->stop_spool());
         }
         return engine_->left();
     }
 
   private:
+    static void end(std::thread& thread, bool has_ended) {
+        if (has_ended) {
+            thread.join();
+        } else {
+            thread.detach();
+        }
+    }
+
     const std::shared_ptr<nats::Engine> engine_;
     std::thread thread_;
+    std::thread spool_thread_;  // If there is a spool.
 };
 
 }  // namespace

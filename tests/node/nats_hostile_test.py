@@ -236,7 +236,9 @@ class NatsHostileTest(nats_test.Fixture):
             first.wait_for("nats connected")
             first.talk([1], 1)
             nats_test.wait_until(lambda: delays, "sent")
-            nats_test.wait_until(lambda: uuid_of(1) in (self.home / "events").read_text(), "written")
+            for pattern in "spool/*.events", "events":
+                nats_test.wait_until(lambda: uuid_of(1) in "".join(
+                    path.read_text() for path in self.home.glob(pattern)), "kept")
             first.process.kill()
         server = self.server()
         node = self.node(*spool, url=server.url)

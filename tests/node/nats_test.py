@@ -553,11 +553,12 @@ class NatsTest(Fixture):
         node.stop()
         self.assertNotIn("nats connected", node.text())
 
-    def test_server_that_stops_in_the_tls_handshake_does_not_hold_the_end(self):
+    def test_server_that_stops_in_the_tls_handshake_holds_neither_the_end_nor_the_spool(self):
         listener = socket.create_server(("127.0.0.1", 0))
         self.addCleanup(listener.close)
         listener.settimeout(PATIENCE)
-        node = self.node(*self.settings("exit_wait = 0\n"),
+        node = self.node("--rate", "8000", "--nats-spool", str(self.home / "spool"),
+                         *self.settings("exit_wait = 0\n"),
                          url=f"tls://127.0.0.1:{listener.getsockname()[1]}")
         server, _ = listener.accept()
         self.addCleanup(server.close)
@@ -567,7 +568,10 @@ class NatsTest(Fixture):
         self.assertNotEqual(server.recv(1000), b"")  # The greeting, which gets no answer.
         node.talk([1], 5)
         self.assertEqual(node.stop(), 1)
-        self.assertRegex(node.text(), r"not sent to nats +[1-9]\d* events")
+        self.assertRegex(node.text(), r"not sent to nats +0 events and [1-9]\d* chunks")
+        spooled = "".join(path.read_text() for path in (self.home / "spool").glob("*.events"))
+        for kind in "start", "end":
+            self.assertIn(f" {uuid_of(1)} {kind} ", spooled)
 
     def test_what_cannot_be_used_is_refused_at_the_start(self):
         def complaint(code, *options):
