@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "quorvane_lib/mutex.h"
+#include "tools/thread_priority.h"
 
 namespace qv::node::analysis {
 
@@ -25,6 +26,7 @@ void SampleLoader::begin() {
     try {
         const auto shared = std::make_shared<Shared>();
         std::thread([load = load_, shared] {
+            tools::lower_priority(tools::Priority::BACKGROUND);
             Result result = load_now(load);
             const LockGuard lock(shared->mutex);
             shared->result = std::move(result);

@@ -3,6 +3,8 @@
 #include <iterator>
 #include <utility>
 
+#include "tools/thread_priority.h"
+
 namespace qv::node::analysis {
 
 namespace {
@@ -172,6 +174,7 @@ void Worker::drain() {
 }
 
 void Worker::run() {
+    tools::lower_priority(tools::Priority::BUFFERED);
     while (std::optional<Batch> batch = next_batch()) {
         hear(*batch);
         waiting_ -= batch->size();

@@ -11,6 +11,7 @@
 
 #include "node/audio/failure_text.h"
 #include "quorvane_lib/mutex.h"
+#include "tools/thread_priority.h"
 
 namespace qv::node {
 
@@ -129,6 +130,7 @@ class BackgroundStore::Writer {
 
     // The writer's thread.
     void run() {
+        tools::lower_priority(tools::Priority::BUFFERED);
         while (auto job = next()) {
             const std::uint64_t size = job->size();
             done(*job, size, perform(*job));

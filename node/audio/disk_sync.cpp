@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "quorvane_lib/mutex.h"
+#include "tools/thread_priority.h"
 
 namespace qv::node {
 
@@ -31,6 +32,7 @@ struct DiskSync::Shared {
 };
 
 void DiskSync::Shared::run() {
+    tools::lower_priority(tools::Priority::BACKGROUND);
     bool last = false;
     while (!last) {
         last = last_after(std::chrono::steady_clock::now() + interval);

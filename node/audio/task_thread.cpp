@@ -1,26 +1,18 @@
 #include "node/audio/task_thread.h"
 
-#include <sys/resource.h>
-
 #include <deque>
 #include <utility>
 
 #include "quorvane_lib/mutex.h"
+#include "tools/thread_priority.h"
 
 namespace qv::node {
-
-namespace {
-
-constexpr int LOWER_PRIORITY = 10;  // As of nice(1).
-
-}  // namespace
 
 // Shared by both threads, so that the owner may go before the thread.
 struct TaskThread::Queue {
     // Runs tasks until the end.
     void run() QV_EXCLUDES(mutex) {
-        // On Linux this concerns only the calling thread.
-        ::setpriority(PRIO_PROCESS, 0, LOWER_PRIORITY);
+        tools::lower_priority(tools::Priority::BACKGROUND);
         while (Task task = next()) {
             task();
             task = nullptr;  // What it owns ends before it counts as done.

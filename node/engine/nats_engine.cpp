@@ -1,5 +1,4 @@
 #include "node/engine/nats_engine.h"
-#include "tools/hexadecimal.h"
 
 #include <unistd.h>
 
@@ -7,6 +6,9 @@
 #include <array>
 #include <random>
 #include <utility>
+
+#include "tools/hexadecimal.h"
+#include "tools/thread_priority.h"
 
 namespace qv::node::nats {
 
@@ -71,6 +73,7 @@ std::string Engine::open_spool() {
 }
 
 void Engine::run() {
+    tools::lower_priority(tools::Priority::BUFFERED);
     while (wait_for_work()) {
         const bool may_send = link_.keep();
         if (take_answers() && may_send) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "quorvane_lib/mutex.h"
+#include "tools/thread_priority.h"
 
 namespace qv::node {
 
@@ -53,6 +54,7 @@ struct TextOutlet::Shared {
 };
 
 void TextOutlet::Shared::run() {
+    tools::lower_priority(tools::Priority::BUFFERED);
     bool going = true;
     while (going) {
         try {

@@ -14,6 +14,7 @@
 #include "node/web/site.h"
 #include "node/web/sockets.h"
 #include "tools/address.h"
+#include "tools/thread_priority.h"
 
 namespace qv::node::web {
 
@@ -132,6 +133,7 @@ class Connection {
 
   private:
     void send_all() {
+        tools::lower_priority(tools::Priority::BACKGROUND);
         while (wait()) {
             for (const LiveMessage& message : page_->due(steady_now())) {
                 const int opcode =
@@ -196,6 +198,7 @@ class Server::Impl {
         callbacks.begin_request = begin_request;
         callbacks.http_error = http_error;
         callbacks.log_message = log_message;
+        callbacks.init_thread = init_thread;
         context_ = mg_start(&callbacks, this, settings.data());
         if (context_ == nullptr) {
             mg_exit_library();
@@ -271,6 +274,11 @@ class Server::Impl {
         response.body = std::string(phrase(status)) + "\n";
         send(connection, {}, response);
         return 0;
+    }
+
+    static void* init_thread(const mg_context* /*context*/, int /*thread_type*/) {
+        tools::lower_priority(tools::Priority::BACKGROUND);
+        return nullptr;
     }
 
     static int log_message(const mg_connection* connection, const char* message) {

@@ -15,6 +15,7 @@
 
 #include "quorvane_lib/mutex.h"
 #include "tools/address.h"
+#include "tools/thread_priority.h"
 
 namespace qv::node::web {
 
@@ -187,7 +188,10 @@ class TlsRelay::Impl {
         load(certificate);
         listen(endpoint_of(address));
         accept();
-        thread_ = std::thread([this] { loop_.run(); });
+        thread_ = std::thread([this] {
+            tools::lower_priority(tools::Priority::BACKGROUND);
+            loop_.run();
+        });
     }
     ~Impl() {
         loop_.stop();

@@ -198,6 +198,16 @@ class ThreadsTest(unittest.TestCase):
         self.finish()
         self.assert_files_are_whole(calls)
 
+    @unittest.skipIf(watched_by_a_sanitizer(), "the sanitizer has threads of its own")
+    def test_whatever_can_wait_has_a_lower_priority_than_receiving(self):
+        self.start("--http", "0", "--sync", "1", "--keep", "1d")
+
+        def normal():
+            tasks = pathlib.Path("/proc/%d/task" % self.node.pid).iterdir()
+            return sorted((task / "comm").read_text().strip() for task in tasks
+                          if (task / "stat").read_text().rsplit(")", 1)[1].split()[16] == "0")
+        self.wait_for(lambda: normal() == ["quorvane-node", "receiver-0", "receiver-1"])
+
     def test_signals_concern_all_threads(self):
         calls = range(1, 41)
         self.start()
