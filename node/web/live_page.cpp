@@ -15,6 +15,7 @@ namespace qv::node::web {
 namespace {
 
 constexpr std::uint64_t SHOWN_COLUMNS = 600;  // 30 s.
+constexpr Micros LONGEST_SILENCE{5'000'000};
 
 std::string host_name() {
     char name[256] = "";
@@ -144,6 +145,13 @@ std::vector<LiveMessage> LivePage::due(Micros now) {
     }
     greeted_ = true;
     add_audio(now);
+    // A page takes a connection that says nothing for lost. It cannot see the server's pings.
+    if (waiting_.empty() && now - said_at_ >= LONGEST_SILENCE) {
+        add(R"({"type":"levels","rows":[]})");
+    }
+    if (!waiting_.empty()) {
+        said_at_ = now;
+    }
     return std::exchange(waiting_, {});
 }
 

@@ -86,6 +86,7 @@ class LivePage {
     Mutex mutex_;
     std::vector<LiveMessage> waiting_ QV_GUARDED_BY(mutex_);
     bool greeted_ QV_GUARDED_BY(mutex_) = false;
+    Micros said_at_ QV_GUARDED_BY(mutex_){0};       // When there were messages last.
     std::vector<Sent> sent_ QV_GUARDED_BY(mutex_);  // By id.
     std::uint64_t finished_end_ QV_GUARDED_BY(mutex_) = 0;
     std::shared_ptr<const LiveFrame> frame_ QV_GUARDED_BY(mutex_);  // The latest that was sent.

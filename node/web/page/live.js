@@ -3,7 +3,7 @@
 
 const FIRST_PAUSE_MS = 500;
 const LONGEST_PAUSE_MS = 30000;
-// A node that sends nothing for so long is not there. It sends levels or counters each second.
+// A node that sends nothing for so long is not there. It sends something every five seconds.
 const SILENCE_MS = 15000;
 
 export class Live {

@@ -121,6 +121,16 @@ TEST_F(LivePageTest, LevelsOfWatchedCallsComeAtOnce) {
     EXPECT_EQ(levels[0].at("rows"), Json::parse("[[1,-20,null,0]]"));
 }
 
+TEST_F(LivePageTest, APageHearsTheServerWhileThereAreNoCalls) {
+    after(Micros{0}, "calls");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(after(Micros{4'900'000}, "levels").empty());
+        const auto levels = after(LiveRows::FRAME, "levels");
+        ASSERT_EQ(levels.size(), 1U);
+        EXPECT_EQ(levels[0].at("rows"), Json::array());
+    }
+}
+
 TEST_F(LivePageTest, AnOpenedCallSendsItsWave) {
     const auto call = begin_call();
     after(Micros{0}, "calls");
