@@ -1,5 +1,5 @@
-// Leaves the page open and listens, for the time of --minutes: says how far the audio is behind, and
-// whether the page needs more and more memory. Fails if most of the time the delay is 500 ms or more,
+// Leaves the page open and listens, for the time of --minutes: says how far the audio is behind,
+// whether it falls behind more and more, and whether the page needs more and more memory. Fails if most of the time the delay is 500 ms or more,
 // or if the memory grows.
 //
 //   run.sh FOLDER QUORVANE_NODE left_open.mjs [--minutes 10] [--ppm 200]
@@ -42,6 +42,7 @@ await page.locator(".listen_bar button", {hasText: "Both sides"}).click();
 
 const delays = [];
 const measured = [];
+const measured_at = [];  // Minutes.
 const sizes = [];
 const others = [];
 let broken = 0;
@@ -65,6 +66,7 @@ while (passed() < seconds) {
                                              place < run.place + run.length);
     if (side === ORIGINATOR && time) {
       measured.push(delay_of(run, time));
+      measured_at.push(passed() / 60);
     }
   }
   const delay = await shown_delay(page);
@@ -88,9 +90,18 @@ const part = Math.ceil(sizes.length / 4);
 const [first, last] = [sizes.slice(0, part), sizes.slice(-part)].map((some) => Math.min(...some));
 const growth = last - first;
 const median = (numbers) => [...numbers].sort((one, other) => one - other)[numbers.length >> 1];
+// The slope of the line that fits best, by which clocks that are apart would show.
+function trend(times, numbers) {
+  const mean = (some) => some.reduce((sum, one) => sum + one, 0) / some.length;
+  const middle = mean(times);
+  return mean(times.map((time, i) => (time - middle) * numbers[i])) /
+         mean(times.map((time) => (time - middle) ** 2));
+}
+
 console.log(`${passed().toFixed(0)} s, the sender's clock ${values.ppm} ppm fast`);
 console.log(`delay: median ${median(measured).toFixed(0)} ms, ${range(measured)} ms measured; ` +
             `median ${median(delays)} ms, ${range(delays)} ms shown`);
+console.log(`trend: ${trend(measured_at, measured).toFixed(1)} ms per minute`);
 console.log(`breaks: ${broken} in ${samples} samples of both sides`);
 console.log(`memory: ${(first / 1e6).toFixed(2)} MB after ${warm_up.toFixed(0)} s, ` +
             `${(last / 1e6).toFixed(2)} MB at the end; ${others.length} calls began`);
