@@ -9,6 +9,8 @@ namespace qv::node {
 
 namespace {
 
+constexpr std::size_t LONGEST = 255;  // Names of files, on every system.
+
 constexpr std::array<const char*, 5> ENDINGS = {".wav", ".flac", ".opus", ".svg", ".json"};
 
 // What stands for a word of a pattern.
@@ -65,7 +67,8 @@ CallFileNames::CallFileNames(const std::string& pattern)
 
 std::optional<CallFileNames::Name> CallFileNames::parse(const std::string& name) const {
     const std::size_t dot = name.rfind('.');
-    if (dot == std::string::npos || !is_ending(name.substr(dot))) {
+    // A list may hold any names, and a long one would overflow the stack in std::regex_match().
+    if (name.size() > LONGEST || dot == std::string::npos || !is_ending(name.substr(dot))) {
         return std::nullopt;
     }
     Name parsed{name.substr(0, dot), name.substr(dot), false};

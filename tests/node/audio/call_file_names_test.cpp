@@ -55,6 +55,10 @@ TEST(CallFileNamesTest, OtherNamesAreOfNoCall) {
     }
 }
 
+TEST(CallFileNamesTest, NameOfAnyLengthIsRead) {
+    EXPECT_EQ(parsed(std::string(10'000'000, 'a') + "-originator.wav"), "-");
+}
+
 TEST(CallFileNamesTest, WordsOfThePatternAreRecognised) {
     const std::string pattern = "{date}_{time}.{reference}_{uuid}";
     const std::string stem = "2026-01-31_235959.a@b_" + UUID;
