@@ -21,16 +21,26 @@ std::string numbered(const std::string& stem, std::uint64_t number) {
     return number == 1 ? stem : stem + '-' + std::to_string(number);
 }
 
-// Whether the stem ends like the name of a file. Its files could then have the names of files of a
-// call whose stem is the rest.
-bool ends_like_a_file(const std::string& stem) {
+bool is_number(const std::string& text) {
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// Returns the text behind the last dash. Empty if there is none.
+std::string last_word(const std::string& stem) {
     const std::size_t dash = stem.rfind('-');
-    const std::string end = dash == std::string::npos ? "" : stem.substr(dash + 1);
+    return dash == std::string::npos ? "" : stem.substr(dash + 1);
+}
+
+// Whether the stem ends like the name of a file, which may have a number. Its files could then have
+// the names of files of a call whose stem is the rest.
+bool ends_like_a_file(const std::string& stem) {
+    std::string end = last_word(stem);
+    if (is_number(end)) {
+        end = last_word(stem.substr(0, stem.rfind('-')));
+    }
     const std::string part = "part";
     return end == "split" || end == name_of(Side::ORIGINATOR) || end == name_of(Side::TERMINATOR) ||
-           (end.size() > part.size() && end.compare(0, part.size(), part) == 0 &&
-            std::all_of(end.begin() + static_cast<std::ptrdiff_t>(part.size()), end.end(),
-                        [](char c) { return c >= '0' && c <= '9'; }));
+           (end.compare(0, part.size(), part) == 0 && is_number(end.substr(part.size())));
 }
 
 // Doubles the number until it is free, then halves the interval. Many calls may want the same

@@ -184,15 +184,17 @@ TEST_F(ReferenceNamesTest, CallsOfOneReferenceAreNumberedBeforeTheyHaveFiles) {
     }
 }
 
-// "a" in stereo writes a-originator.wav, a-split-originator.wav and a-originator-part2.wav.
+// "a" in stereo writes a-originator.wav, a-split-originator.wav and a-originator-part2.wav, and
+// a-originator-2.wav if another program has written a file of the name.
 TEST_F(ReferenceNamesTest, NoNameEndsLikeAFileOfAnotherCall) {
     unsigned char number = 0;
-    for (const std::string end : {"originator", "terminator", "split", "part2", "part17"}) {
+    for (const std::string end :
+         {"originator", "terminator", "split", "part2", "part17", "originator-2", "part2-13"}) {
         Call& call = begin(number++);
         start(call, "a-" + end);
         EXPECT_EQ(call.file_stem(), "2026-01-31-a-" + end + "_");
     }
-    for (const std::string end : {"origin", "part", "partner", "part2b", "2"}) {
+    for (const std::string end : {"origin", "part", "partner", "part2b", "2", "2-3"}) {
         Call& call = begin(number++);
         start(call, "a-" + end);
         EXPECT_EQ(call.file_stem(), "2026-01-31-a-" + end);
