@@ -31,6 +31,10 @@ constexpr std::uint64_t JOB_BYTES = 256;
 constexpr const char* ABANDONED = "the disk was given up";
 constexpr const char* NO_ROOM = "no memory was left while it waited for the disk";
 
+// The lock of the Writer. It has a type of its own, so that no other lock can stand for it where
+// the compiler checks that it is held.
+class WriterMutex : public Mutex {};
+
 std::uint64_t bytes_of(const Samples& samples) {
     return samples.size() * sizeof(std::int16_t);
 }
@@ -74,8 +78,7 @@ struct BackgroundStore::Written {
         bool listed = false;
         std::shared_ptr<Written> next;
     };
-    // The mutex is the one of the Writer.
-    Note& note(const Mutex& mutex) QV_REQUIRES(mutex);
+    Note& note(const WriterMutex& mutex) QV_REQUIRES(mutex);
 
   private:
     Note note_;
@@ -84,18 +87,19 @@ struct BackgroundStore::Written {
 // The files of one store that have news. The Writer owns it.
 class BackgroundStore::News {
   public:
-    // The first of a list. The mutex is the one of the Writer.
-    std::shared_ptr<Written>& latest(const Mutex& mutex) QV_REQUIRES(mutex);
+    // The first of a list.
+    std::shared_ptr<Written>& latest(const WriterMutex& mutex) QV_REQUIRES(mutex);
 
   private:
     std::shared_ptr<Written> latest_;
 };
 
-BackgroundStore::Written::Note& BackgroundStore::Written::note(const Mutex& /*mutex*/) {
+BackgroundStore::Written::Note& BackgroundStore::Written::note(const WriterMutex& /*mutex*/) {
     return note_;
 }
 
-std::shared_ptr<BackgroundStore::Written>& BackgroundStore::News::latest(const Mutex& /*mutex*/) {
+std::shared_ptr<BackgroundStore::Written>& BackgroundStore::News::latest(
+    const WriterMutex& /*mutex*/) {
     return latest_;
 }
 
@@ -377,7 +381,7 @@ class BackgroundStore::Writer {
     }
 
     const std::unique_ptr<AudioStore> store_;  // The writer's.
-    Mutex mutex_;
+    WriterMutex mutex_;
     Condition work_;
     Condition progress_;
     std::deque<Job> queue_ QV_GUARDED_BY(mutex_);
