@@ -571,9 +571,8 @@ void BackgroundStore::update() {
             file.path = folder_ + '/' + name;
             add_name(name);
         }
-        if (note.closed) {
+        if (note.closed && incomplete_.erase(&file) != 0) {  // Unless it was given up.
             end(file);
-            incomplete_.erase(&file);
         }
     });
 }

@@ -38,8 +38,14 @@ class Disk {
     void reach() {
         const LockGuard lock(mutex_);
         while (stopped_) {
+            reached_ = true;
             going_.wait(mutex_);
         }
+    }
+    // Whether somebody has reached it since it stands still.
+    bool reached() {
+        const LockGuard lock(mutex_);
+        return reached_;
     }
     void append(const std::string& name, const Samples& samples) {
         const LockGuard lock(mutex_);
@@ -63,6 +69,7 @@ class Disk {
     Mutex mutex_;
     Condition going_;
     bool stopped_ QV_GUARDED_BY(mutex_) = false;
+    bool reached_ QV_GUARDED_BY(mutex_) = false;
     std::map<std::string, Samples> files_ QV_GUARDED_BY(mutex_);
     std::vector<std::thread::id> ends_ QV_GUARDED_BY(mutex_);
 };
@@ -377,6 +384,21 @@ TEST_F(BackgroundStoreTest, FilesOnADiskThatDoesNotComeBackAreGivenUp) {
     }
     store_.reset();  // Does not wait.
     disk_->go_on();
+}
+
+TEST_F(BackgroundStoreTest, FileThatIsGivenUpWhileItIsCompletedEndsOnce) {
+    const auto file = store_->create("one", 8000, 1);
+    finish();
+    disk_->stop();
+    file->close();
+    const auto end = Clock::now() + 30s;
+    while (!disk_->reached() && Clock::now() < end) {
+        std::this_thread::sleep_for(1ms);
+    }
+    store_->abandon("gone");
+    disk_->go_on();
+    finish();
+    EXPECT_EQ(store_->figures().incomplete_files, 0u);
 }
 
 // Their ends would wait for the disk, and use what belongs to the writer.
