@@ -5,11 +5,11 @@
 #include <deque>
 #include <exception>
 #include <optional>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "node/audio/failure_text.h"
+#include "node/audio/recent_names.h"
 #include "quorvane_lib/mutex.h"
 #include "tools/thread_priority.h"
 
@@ -246,23 +246,12 @@ class BackgroundStore::Writer {
         return open_files_;
     }
 
-    void add_name(const std::string& name) QV_EXCLUDES(names_mutex_) {
-        const LockGuard lock(names_mutex_);
-        names_.insert(std::hash<std::string>()(name));
-    }
-    void forget_name(const std::string& name) QV_EXCLUDES(names_mutex_) {
-        const LockGuard lock(names_mutex_);
-        names_.erase(std::hash<std::string>()(name));
-    }
-    bool knows_name(const std::string& name) QV_EXCLUDES(names_mutex_) {
-        const LockGuard lock(names_mutex_);
-        return names_.count(std::hash<std::string>()(name)) != 0;
-    }
-
     // Counted by the stores.
     std::atomic<std::uint64_t> dropped_bytes{0};
     std::atomic<std::uint64_t> created_files{0};
     std::atomic<std::size_t> incomplete_files{0};
+
+    RecentNames names;
 
   private:
     std::optional<Job> next() QV_EXCLUDES(mutex_) {
@@ -395,10 +384,6 @@ class BackgroundStore::Writer {
     bool busy_ QV_GUARDED_BY(mutex_) = false;
     bool stopping_ QV_GUARDED_BY(mutex_) = false;
     bool given_up_ QV_GUARDED_BY(mutex_) = false;
-
-    Mutex names_mutex_;
-    // Hashes: a folder may hold millions of files.
-    std::unordered_set<std::size_t> names_ QV_GUARDED_BY(names_mutex_);
 };
 
 // The owner's end of a file.
@@ -500,15 +485,15 @@ std::unique_ptr<BackgroundStore> BackgroundStore::share() {
 }
 
 void BackgroundStore::forget_name(const std::string& name) {
-    writer_->forget_name(name);
+    writer_->names.forget(name);
 }
 
 void BackgroundStore::add_name(const std::string& name) {
-    writer_->add_name(name);
+    writer_->names.add(name);
 }
 
 bool BackgroundStore::exists(const std::string& name) const {
-    return writer_->knows_name(name);
+    return writer_->names.has(name);
 }
 
 // The writer will report the file's end.

@@ -58,8 +58,8 @@ class BackgroundStore : public AudioStore {
     // outlive this one.
     std::unique_ptr<BackgroundStore> share();
 
-    // exists() does not ask the disk: it knows these names, and those of the files created since.
-    // Any thread may call these.
+    // exists() does not ask the disk: it knows these names and those of the files created since, of
+    // both together about RecentNames::MOST. Any thread may call these.
     void add_name(const std::string& name);
     void forget_name(const std::string& name);
     bool exists(const std::string& name) const override;
