@@ -137,8 +137,8 @@ bool LossyNetwork::receive_all() {
     }
 }
 
-// Draws what happens to each packet, always with the same number of draws: a seed then gives the
-// same losses with and without the other options.
+// Draws what happens to each packet when it comes, always with the same number of draws: a seed
+// then gives the same losses with and without the other options, however fast the packets come.
 void LossyNetwork::receive(const Datagram& datagram) {
     ++figures_.datagrams;
     media::Packet packet;
@@ -151,13 +151,15 @@ void LossyNetwork::receive(const Datagram& datagram) {
     stream.latest = Clock::now();
     const bool lost = 100 * next_share(stream.random) < plan_.lose_percent;
     const bool twice = 100 * next_share(stream.random) < plan_.duplicate_percent;
-    if (lost) {
-        ++figures_.lost;
-        figures_.lost_data += is_data ? 1 : 0;
-    } else {
-        figures_.duplicated += twice ? 1 : 0;
-        for (int copy = 0; copy < (twice ? 2 : 1); ++copy) {
-            hold(stream, datagram);
+    figures_.lost += lost ? 1 : 0;
+    figures_.lost_data += lost && is_data ? 1 : 0;
+    figures_.duplicated += !lost && twice ? 1 : 0;
+    const int copies = lost ? 0 : twice ? 2 : 1;
+    for (int copy = 0; copy < 2; ++copy) {
+        Held held = draw_copy(stream);
+        if (copy < copies) {
+            held.datagram = datagram;
+            stream.held.push_back(std::move(held));
         }
     }
     ++stream.packets;
@@ -175,10 +177,16 @@ LossyNetwork::Stream& LossyNetwork::stream_of(const StreamName& name) {
     return found->second;
 }
 
-void LossyNetwork::hold(Stream& stream, const Datagram& datagram) {
+// Returns a copy of the stream's next packet, without its bytes.
+LossyNetwork::Held LossyNetwork::draw_copy(Stream& stream) const {
     const auto later =
         static_cast<std::uint64_t>(next_share(stream.random) * (1.0 + plan_.reorder_packets));
-    stream.held.push_back({stream.packets + 1 + later, stream.packets, datagram});
+    const double delay_ms =
+        plan_.delay_ms.min_s +
+        next_share(stream.random) * (plan_.delay_ms.max_s - plan_.delay_ms.min_s);
+    const auto delay = std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double, std::milli>(delay_ms));
+    return {stream.packets + 1 + later, stream.packets, delay, {}};
 }
 
 // Passes on what is to come before the packet after that number.
@@ -206,17 +214,12 @@ void LossyNetwork::release_quiet(Clock::time_point now) {
 }
 
 void LossyNetwork::pass_on(Stream& stream, const Held& held) {
-    const double delay_ms =
-        plan_.delay_ms.min_s +
-        next_share(stream.random) * (plan_.delay_ms.max_s - plan_.delay_ms.min_s);
     figures_.reordered += held.number < stream.latest_sent ? 1 : 0;
     stream.latest_sent = std::max(stream.latest_sent, held.number);
-    const auto delay = std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double, std::milli>(delay_ms));
-    if (delay.count() == 0) {
+    if (held.delay.count() == 0) {
         send(held.datagram);
     } else {
-        delayed_.push({Clock::now() + delay, next_order_++, held.datagram});
+        delayed_.push({Clock::now() + held.delay, next_order_++, held.datagram});
     }
 }
 

@@ -74,6 +74,7 @@ class LossyNetwork {
     struct Held {
         std::uint64_t release;  // with the packet of this number
         std::uint64_t number;
+        Clock::duration delay;  // from then on
         Datagram datagram;
     };
     // The data packets of a side, or the other packets of a call.
@@ -98,7 +99,7 @@ class LossyNetwork {
     bool receive_all();
     void receive(const Datagram& datagram);
     Stream& stream_of(const StreamName& name);
-    void hold(Stream& stream, const Datagram& datagram);
+    Held draw_copy(Stream& stream) const;
     void release(Stream& stream, std::uint64_t number);
     void release_quiet(Clock::time_point now);
     void pass_on(Stream& stream, const Held& held);
