@@ -91,9 +91,9 @@ NetworkFigures LossyNetwork::finish() {
 void LossyNetwork::run() {
     Clock::time_point latest = Clock::now();
     while (true) {
-        const bool came = receive_all();
+        // Taken first: if the thread is held up, what came meanwhile is still taken.
         const Clock::time_point now = Clock::now();
-        latest = came ? now : latest;
+        latest = receive_all() ? now : latest;
         release_quiet(now);
         send_due(now);
         if (finishing_ && delayed_.empty() && now - latest > QUIET + LAST_WAIT) {
