@@ -28,9 +28,9 @@ using Samples = std::shared_ptr<const std::vector<std::int16_t>>;
 
 enum class Repeat { ONCE, FOREVER };
 
-// Frames of `samples_per_frame` samples; the last one may be shorter. With FOREVER the
-// source skips an incomplete last frame and begins again; it ends at once if it has fewer
-// samples than one frame.
+// Frames of `samples_per_frame` samples; the last one may be shorter. With FOREVER the source
+// skips an incomplete last frame and begins again. If it has fewer samples than one frame, it
+// plays them once and ends. Throws std::invalid_argument for no samples or a frame of none.
 std::unique_ptr<FrameSource> play(Samples samples, std::uint32_t samples_per_frame,
                                   Repeat repeat = Repeat::ONCE);
 
