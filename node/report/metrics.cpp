@@ -61,54 +61,7 @@ void set(Counter& counter, std::uint64_t value) {
 
 class Metrics::Impl {
   public:
-    Impl()
-        : registry(std::make_shared<prometheus::Registry>()),
-          process(std::make_shared<ProcessMetrics>()),
-          received(counter("received_packets_total", "Datagrams of any kind")),
-          overflowed(
-              counter("socket_dropped_packets_total",
-                      "Datagrams that the system dropped because the receive buffer was full")),
-          not_allowed(counter("not_allowed_packets_total",
-                              "Datagrams of senders outside the networks of --allow")),
-          calls_begun(counter("calls_begun_total", "Calls that began")),
-          calls_ended(counter("calls_ended_total", "Calls that ended")),
-          calls_not_terminated(counter("calls_not_terminated_total",
-                                       "Calls that ended without their terminate packet")),
-          calls_without_start(
-              counter("calls_without_start_total", "Calls that ended without their start packet")),
-          calls_not_written(
-              counter("calls_not_written_total", "Calls without files because of --max-files")),
-          audio_bytes(counter("audio_bytes_total", "Bytes of audio")),
-          gaps(counter("gaps_total", "Places where audio was missing")),
-          skipped(counter("skipped_packets_total",
-                          "Data packets that were given up; some of them may arrive late")),
-          silence(counter("silence_samples_total", "Samples of silence in place of missing audio")),
-          pauses(counter("pauses_total", "Pauses of the senders")),
-          assumed_rates(
-              counter("assumed_rates_total", "Call sides whose sample rate could only be assumed")),
-          rate_changes(
-              counter("rate_changes_total", "Sample rates of call sides that changed in mid-call")),
-          dropped_audio(counter("dropped_audio_bytes_total",
-                                "Audio for which no memory was left while it waited for the disk")),
-          lost_lines(counter("lost_lines_total", "Lines of output that nobody took")),
-          lost_frames(counter("lost_frames_total", "Frames of the live view that nobody took")),
-          removed_calls(counter("removed_calls_total", "Calls whose files --keep has removed")),
-          removed_bytes(counter("removed_bytes_total", "Bytes that these files took on the disk")),
-          file_errors(counter("file_errors_total", "Files that could not be written")),
-          calls(gauge("calls", "Current calls")),
-          open_files(gauge("open_files", "Open WAV files")),
-          waiting_audio(gauge("waiting_audio_bytes", "Audio that waits for the disk")),
-          receive_buffer(gauge("receive_buffer_bytes", "Receive buffer that the system granted")),
-          nats_connected(gauge("nats_connected", "1 while there is a connection to NATS")),
-          nats_waiting(gauge("nats_waiting_bytes", "Events and audio that wait for NATS")),
-          sample_references(gauge("sample_references", "Recordings that are searched for")),
-          onsets(counter("activity_onsets_total", "Beginnings of audio activity")),
-          not_analysed(counter("analysis_skipped_samples_total",
-                               "Samples of audio that the analysis left out")),
-          found(prometheus::BuildCounter()
-                    .Name("quorvane_node_samples_found_total")
-                    .Help("Recognised samples by their name")
-                    .Register(*registry)) {
+    Impl() {
         add_families();
         add_build_info();
     }
@@ -179,39 +132,56 @@ class Metrics::Impl {
             .Add({});
     }
 
-    std::shared_ptr<prometheus::Registry> registry;
-    std::shared_ptr<ProcessMetrics> process;
-    Counter& received;
-    Counter& overflowed;
-    Counter& not_allowed;
-    Counter& calls_begun;
-    Counter& calls_ended;
-    Counter& calls_not_terminated;
-    Counter& calls_without_start;
-    Counter& calls_not_written;
-    Counter& audio_bytes;
-    Counter& gaps;
-    Counter& skipped;
-    Counter& silence;
-    Counter& pauses;
-    Counter& assumed_rates;
-    Counter& rate_changes;
-    Counter& dropped_audio;
-    Counter& lost_lines;
-    Counter& lost_frames;
-    Counter& removed_calls;
-    Counter& removed_bytes;
-    Counter& file_errors;
-    Gauge& calls;
-    Gauge& open_files;
-    Gauge& waiting_audio;
-    Gauge& receive_buffer;
-    Gauge& nats_connected;
-    Gauge& nats_waiting;
-    Gauge& sample_references;
-    Counter& onsets;
-    Counter& not_analysed;
-    prometheus::Family<Counter>& found;
+    std::shared_ptr<prometheus::Registry> registry = std::make_shared<prometheus::Registry>();
+    std::shared_ptr<ProcessMetrics> process = std::make_shared<ProcessMetrics>();
+    Counter& received = counter("received_packets_total", "Datagrams of any kind");
+    Counter& overflowed =
+        counter("socket_dropped_packets_total",
+                "Datagrams that the system dropped because the receive buffer was full");
+    Counter& not_allowed = counter("not_allowed_packets_total",
+                                   "Datagrams of senders outside the networks of --allow");
+    Counter& calls_begun = counter("calls_begun_total", "Calls that began");
+    Counter& calls_ended = counter("calls_ended_total", "Calls that ended");
+    Counter& calls_not_terminated =
+        counter("calls_not_terminated_total", "Calls that ended without their terminate packet");
+    Counter& calls_without_start =
+        counter("calls_without_start_total", "Calls that ended without their start packet");
+    Counter& calls_not_written =
+        counter("calls_not_written_total", "Calls without files because of --max-files");
+    Counter& audio_bytes = counter("audio_bytes_total", "Bytes of audio");
+    Counter& gaps = counter("gaps_total", "Places where audio was missing");
+    Counter& skipped = counter("skipped_packets_total",
+                               "Data packets that were given up; some of them may arrive late");
+    Counter& silence =
+        counter("silence_samples_total", "Samples of silence in place of missing audio");
+    Counter& pauses = counter("pauses_total", "Pauses of the senders");
+    Counter& assumed_rates =
+        counter("assumed_rates_total", "Call sides whose sample rate could only be assumed");
+    Counter& rate_changes =
+        counter("rate_changes_total", "Sample rates of call sides that changed in mid-call");
+    Counter& dropped_audio =
+        counter("dropped_audio_bytes_total",
+                "Audio for which no memory was left while it waited for the disk");
+    Counter& lost_lines = counter("lost_lines_total", "Lines of output that nobody took");
+    Counter& lost_frames = counter("lost_frames_total", "Frames of the live view that nobody took");
+    Counter& removed_calls = counter("removed_calls_total", "Calls whose files --keep has removed");
+    Counter& removed_bytes =
+        counter("removed_bytes_total", "Bytes that these files took on the disk");
+    Counter& file_errors = counter("file_errors_total", "Files that could not be written");
+    Gauge& calls = gauge("calls", "Current calls");
+    Gauge& open_files = gauge("open_files", "Open WAV files");
+    Gauge& waiting_audio = gauge("waiting_audio_bytes", "Audio that waits for the disk");
+    Gauge& receive_buffer = gauge("receive_buffer_bytes", "Receive buffer that the system granted");
+    Gauge& nats_connected = gauge("nats_connected", "1 while there is a connection to NATS");
+    Gauge& nats_waiting = gauge("nats_waiting_bytes", "Events and audio that wait for NATS");
+    Gauge& sample_references = gauge("sample_references", "Recordings that are searched for");
+    Counter& onsets = counter("activity_onsets_total", "Beginnings of audio activity");
+    Counter& not_analysed =
+        counter("analysis_skipped_samples_total", "Samples of audio that the analysis left out");
+    prometheus::Family<Counter>& found = prometheus::BuildCounter()
+                                             .Name("quorvane_node_samples_found_total")
+                                             .Help("Recognised samples by their name")
+                                             .Register(*registry);
     std::array<Gauge*, RUNNING_NAMES.size()> running{};
     std::array<Counter*, 4> packets{};
     std::array<Counter*, REPORT_RESULTS.size()> reports{};
