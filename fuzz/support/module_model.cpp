@@ -104,25 +104,7 @@ void ModuleModel::load(const ConfigurationFile& file) {
     level_ = Level::INFO;
     options_ = OptionsModel();
     line(Level::SYSTEM, nullptr, "build version: \"" + build_ + "\"");
-
-    bool usable = false;
-    if (file.kind == ConfigurationFile::Kind::MISSING) {
-        line(Level::ERROR, nullptr,
-             std::string("CONFIGURATION: failed to open file [") + PATH + "]");
-    } else {
-        line(Level::SYSTEM, nullptr,
-             std::string("CONFIGURATION: reading from file [") + PATH + "]");
-        const bool folder = file.kind == ConfigurationFile::Kind::FOLDER;
-        usable = options_.read(folder ? "" : file.text);
-        for (const OptionsModel::Line& read : options_.lines) {
-            line(read.level, nullptr, read.text);
-        }
-        if (folder) {
-            line(Level::WARNING, nullptr,
-                 std::string("config file [") + PATH + "] is a folder: default values are used");
-        }
-    }
-    if (!usable) {
+    if (!read(file)) {
         line(Level::ERROR, nullptr, std::string("failed to load config file [") + PATH + "]");
         return;
     }
@@ -131,41 +113,72 @@ void ModuleModel::load(const ConfigurationFile& file) {
     }
     level_ = options_.level;
     line(Level::SYSTEM, nullptr, "configuration loaded");
-
-    if (!socket_open_) {
-        if (socket_error != 0) {
-            line(Level::ERROR, nullptr,
-                 "SOCKET[ ]: failed to create a socket, error (" + std::to_string(socket_error) +
-                     "): " + std::strerror(socket_error));
-            return;
-        }
-        socket_open_ = true;
-        socket_number_ = reserved_number_ >= 0 ? reserved_number_ : last_socket;
-        reserved_number_ = -1;
-        if (bind_error != 0) {
-            line(Level::ERROR, nullptr,
-                 "SOCKET[" + std::to_string(socket_number_) +
-                     "]: failed to bind a socket, error (" + std::to_string(bind_error) +
-                     "): " + std::strerror(bind_error));
-            return;
-        }
-    }
-    line(Level::SYSTEM, nullptr, "transfer socket opened");
-
-    destroy_hook_ = !faults.bind_destroy_fails && !faults.no_memory;
-    if (!destroy_hook_) {
-        output_.push_back(
-            line_text(HOST_ERROR, "", "[quorvane]: couldn't bind channel destroy event hook!\n"));
+    if (!open_socket()) {
         return;
     }
-    dump_hook_ = options_.dump_events != "none" && !faults.bind_all_fails;
-    if (options_.dump_events != "none" && !dump_hook_) {
-        output_.push_back(line_text(HOST_ERROR, "", "[quorvane]: couldn't bind event hook!\n"));
+    line(Level::SYSTEM, nullptr, "transfer socket opened");
+    if (!bind_hooks()) {
         return;
     }
     drop_taps_of_ended_calls();
     loaded_ = true;
     line(Level::SYSTEM, nullptr, "module has been loaded");
+}
+
+bool ModuleModel::read(const ConfigurationFile& file) {
+    if (file.kind == ConfigurationFile::Kind::MISSING) {
+        line(Level::ERROR, nullptr,
+             std::string("CONFIGURATION: failed to open file [") + PATH + "]");
+        return false;
+    }
+    line(Level::SYSTEM, nullptr, std::string("CONFIGURATION: reading from file [") + PATH + "]");
+    const bool folder = file.kind == ConfigurationFile::Kind::FOLDER;
+    const bool usable = options_.read(folder ? "" : file.text);
+    for (const OptionsModel::Line& read : options_.lines) {
+        line(read.level, nullptr, read.text);
+    }
+    if (folder) {
+        line(Level::WARNING, nullptr,
+             std::string("config file [") + PATH + "] is a folder: default values are used");
+    }
+    return usable;
+}
+
+bool ModuleModel::open_socket() {
+    if (socket_open_) {
+        return true;
+    }
+    if (socket_error != 0) {
+        line(Level::ERROR, nullptr,
+             "SOCKET[ ]: failed to create a socket, error (" + std::to_string(socket_error) +
+                 "): " + std::strerror(socket_error));
+        return false;
+    }
+    socket_open_ = true;
+    socket_number_ = reserved_number_ >= 0 ? reserved_number_ : last_socket;
+    reserved_number_ = -1;
+    if (bind_error != 0) {
+        line(Level::ERROR, nullptr,
+             "SOCKET[" + std::to_string(socket_number_) + "]: failed to bind a socket, error (" +
+                 std::to_string(bind_error) + "): " + std::strerror(bind_error));
+        return false;
+    }
+    return true;
+}
+
+bool ModuleModel::bind_hooks() {
+    destroy_hook_ = !faults.bind_destroy_fails && !faults.no_memory;
+    if (!destroy_hook_) {
+        output_.push_back(
+            line_text(HOST_ERROR, "", "[quorvane]: couldn't bind channel destroy event hook!\n"));
+        return false;
+    }
+    dump_hook_ = options_.dump_events != "none" && !faults.bind_all_fails;
+    if (options_.dump_events != "none" && !dump_hook_) {
+        output_.push_back(line_text(HOST_ERROR, "", "[quorvane]: couldn't bind event hook!\n"));
+        return false;
+    }
+    return true;
 }
 
 void ModuleModel::unload() {

@@ -162,6 +162,11 @@ class ModuleModel {
     bool send(const OptionsModel::Node& to, const Bytes& packet);
     std::int64_t send_time();
 
+    // ---- load; each says whether the next step follows
+    bool read(const ConfigurationFile& file);
+    bool open_socket();
+    bool bind_hooks();
+
     // ---- packets
     Bytes header(unsigned type, unsigned word, const TapModel& tap);
     bool send_start(const CallModel& call, const TapModel& tap);
