@@ -47,7 +47,7 @@
 #include <utility>
 #include <vector>
 
-#include "fuzz/support/failing_allocation.h"
+#include "fuzz/support/module_allocation.h"
 #include "fuzz/support/module_model.h"
 #include "fuzz/support/require.h"
 #include "fuzz/support/system_double.h"

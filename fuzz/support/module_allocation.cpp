@@ -1,4 +1,4 @@
-#include "fuzz/support/failing_allocation.h"
+#include "fuzz/support/module_allocation.h"
 
 #include <dlfcn.h>
 
