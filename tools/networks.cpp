@@ -3,7 +3,8 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <charconv>
+
+#include "tools/number.h"
 
 namespace qv::tools {
 
@@ -13,11 +14,8 @@ constexpr unsigned ADDRESS_BITS = 32;
 
 // Reads the number of bits, which must consist of digits only.
 std::optional<unsigned> parse_prefix(const std::string& text) {
-    unsigned bits = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, bits);
-    return error == std::errc() && stop == end && bits <= ADDRESS_BITS ? std::optional(bits)
-                                                                       : std::nullopt;
+    const auto bits = parse_number<unsigned>(text);
+    return bits.has_value() && *bits <= ADDRESS_BITS ? bits : std::nullopt;
 }
 
 // A shift by all 32 bits is undefined.

@@ -1,23 +1,15 @@
 #include "node/web/byte_range.h"
 
 #include <algorithm>
-#include <charconv>
-#include <optional>
 #include <string_view>
+
+#include "tools/number.h"
 
 namespace qv::node::web {
 
 namespace {
 
 constexpr std::string_view UNIT = "bytes=";
-
-// Digits only. Nullopt for an empty text, too.
-std::optional<std::uint64_t> number_of(std::string_view text) {
-    std::uint64_t number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stopped, error] = std::from_chars(text.data(), end, number);
-    return error == std::errc() && stopped == end ? std::optional(number) : std::nullopt;
-}
 
 ByteRange part(std::uint64_t begin, std::uint64_t end, std::uint64_t size) {
     if (begin >= std::min(end, size)) {
@@ -38,8 +30,8 @@ ByteRange read_byte_range(const std::string& header, std::uint64_t size) {
     if (dash == std::string_view::npos) {
         return {};
     }
-    const auto first = number_of(range.substr(0, dash));
-    const auto last = number_of(range.substr(dash + 1));
+    const auto first = tools::parse_number<std::uint64_t>(range.substr(0, dash));
+    const auto last = tools::parse_number<std::uint64_t>(range.substr(dash + 1));
     const bool is_open = dash + 1 == range.size();
     if (dash == 0 && last.has_value()) {  // The last so many bytes.
         return part(size - std::min(*last, size), size, size);
