@@ -2,12 +2,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include <cstdio>
-
 #include "node/calls/level_meter.h"
 #include "node/report/event_json.h"
 #include "node/report/text.h"
 #include "node/web/call_files.h"
+#include "tools/format.h"
 
 namespace qv::node::web {
 
@@ -23,9 +22,7 @@ std::string dump(const Json& json) {
 }
 
 std::string number(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.3f", value);
-    return text;
+    return tools::format("%.3f", value);
 }
 
 std::string field(const char* name, const std::string& value) {
