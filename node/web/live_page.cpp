@@ -15,6 +15,7 @@ namespace qv::node::web {
 namespace {
 
 constexpr std::uint64_t SHOWN_COLUMNS = 600;  // 30 s.
+static_assert(SHOWN_COLUMNS <= WaveRing::READABLE);
 constexpr Micros LONGEST_SILENCE{5'000'000};
 
 std::string host_name() {
