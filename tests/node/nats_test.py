@@ -531,17 +531,23 @@ class NatsTest(Fixture):
         node.stop()
         self.assertNotIn("nats connected", node.text())
 
-    def test_tls_url_is_never_used_without_encryption(self):
+    def node_of_half_a_server(self, settings, more, *arguments):
+        """A node that wants TLS, and the connection of a server that has only greeted it."""
         listener = socket.create_server(("127.0.0.1", 0))
         self.addCleanup(listener.close)
         listener.settimeout(PATIENCE)
-        node = self.node(*self.settings("user = joe\npassword = s3cret\nexit_wait = 0\n"),
+        node = self.node(*arguments, *self.settings(settings),
                          url=f"tls://127.0.0.1:{listener.getsockname()[1]}")
         server, _ = listener.accept()
         self.addCleanup(server.close)
         server.settimeout(PATIENCE)
         server.sendall(b'INFO {"server_id":"A","version":"2.9.10","proto":1,"headers":true,'
-                       b'"max_payload":1048576,"jetstream":true}\r\n')
+                       b'"max_payload":1048576,' + more + b'}\r\n')
+        return node, server
+
+    def test_tls_url_is_never_used_without_encryption(self):
+        node, server = self.node_of_half_a_server("user = joe\npassword = s3cret\nexit_wait = 0\n",
+                                                  b'"jetstream":true')
         heard = b""
         try:
             while received := server.recv(1000):
@@ -554,17 +560,9 @@ class NatsTest(Fixture):
         self.assertNotIn("nats connected", node.text())
 
     def test_server_that_stops_in_the_tls_handshake_holds_neither_the_end_nor_the_spool(self):
-        listener = socket.create_server(("127.0.0.1", 0))
-        self.addCleanup(listener.close)
-        listener.settimeout(PATIENCE)
-        node = self.node("--rate", "8000", "--nats-spool", str(self.home / "spool"),
-                         *self.settings("exit_wait = 0\n"),
-                         url=f"tls://127.0.0.1:{listener.getsockname()[1]}")
-        server, _ = listener.accept()
-        self.addCleanup(server.close)
-        server.settimeout(PATIENCE)
-        server.sendall(b'INFO {"server_id":"A","version":"2.9.10","proto":1,"headers":true,'
-                       b'"max_payload":1048576,"tls_required":true}\r\n')
+        node, server = self.node_of_half_a_server("exit_wait = 0\n", b'"tls_required":true',
+                                                  "--rate", "8000",
+                                                  "--nats-spool", str(self.home / "spool"))
         self.assertNotEqual(server.recv(1000), b"")  # The greeting, which gets no answer.
         node.talk([1], 5)
         self.assertEqual(node.stop(), 1)
