@@ -73,7 +73,7 @@ test("the table sorts by each column and says so", async () => {
     ["b-quiet", {value: () => 3}], ["c-loud", {value: (_, n) => (n % 2 ? 16000 : -16000)}],
     ["a-lossy", {loses: (n) => n % 10 === 9}]]) {
     begun.push(calls.begin({reference, ...options}));
-    await sleep(150);
+    await sleep(20);
   }
   await until("there are three calls with a loss", async () =>
     (await column(page, "lost")).length === 3 &&
@@ -215,27 +215,30 @@ test("everything can be done with the keyboard", async () => {
   await close(page);
 });
 
-for (const [name, options] of [
-  ["light", {...DESKTOP, colorScheme: "light"}], ["dark", {...DESKTOP, colorScheme: "dark"}],
-  ["telephone", {...TELEPHONE, colorScheme: "dark"}]]) {
+for (const [name, options, schemes] of [
+  ["light and dark", DESKTOP, ["light", "dark"]], ["on a telephone", TELEPHONE, ["dark"]]]) {
   test(`axe finds nothing: ${name}`, async () => {
     await begin({options: ["--timeline"], ...options});
     const call = calls.begin({reference: "order-4711"});
     calls.begin({reference: "lossy", loses: (n) => n % 10 === 9, started: false});
     await until("both are shown", async () => (await references(page)).length === 2);
-    await check_accessibility(page, "the table");
-    await check_width(page, "the table");
+    const check = async (what) => {
+      for (const colorScheme of schemes) {
+        await page.emulateMedia({colorScheme});
+        await check_accessibility(page, `${what}, ${colorScheme}`);
+      }
+      await check_width(page, what);
+    };
+    await check("the table");
     await open_call(page, "order-4711");
     await page.locator(".listen_bar button").first().click();
     await page.locator("#player").waitFor();
-    await check_accessibility(page, "an opened call");
+    await check("an opened call");
     assert.equal(await page.locator("#player, #opened").locator("output, [aria-live], [role=status]")
       .count(), 0, "no screen reader reads figures out that change all the time");
-    await check_width(page, "an opened call");
     calls.end(call);
     await page.locator(".ended_state").waitFor();
-    await check_accessibility(page, "an ended call");
-    await check_width(page, "an ended call");
+    await check("an ended call");
     await close(page);
   });
 }
@@ -464,13 +467,11 @@ test("pictures for a person", async () => {
    "inbound-33@pbx1.example", "+44 20 7946 0123", "order-4712@pbx1.example"].forEach((reference, n) =>
     calls.begin({reference, value: shift(3 * n + 1), started: n !== 2,
                  sides: n === 3 ? [ORIGINATOR] : [ORIGINATOR, TERMINATOR]}));
-  for (const reference of ["voicemail-5@pbx2.example", "order-4710@pbx1.example"]) {
-    const short = calls.begin({reference});
-    await sleep(600);
-    calls.end(short);
-  }
-  await until("there are ended calls", async () => await page.locator("tr .name").count() === 2);
+  const short = ["voicemail-5@pbx2.example", "order-4710@pbx1.example"].map((reference) =>
+    calls.begin({reference}));
   await open_call(page, "sales-0092");
+  short.forEach((call) => calls.end(call));
+  await until("there are ended calls", async () => (await ended_references(page)).length === 2);
   // The picture of the README is made with PAGE_SECONDS=30.
   await sleep(Number(process.env.PAGE_SECONDS ?? 2) * 1000);
   await page.mouse.move(0, 0);
@@ -478,7 +479,8 @@ test("pictures for a person", async () => {
   const telephone = await open_page(browser, node.url, {...TELEPHONE, colorScheme: "dark"});
   await telephone.locator(".rows .row").first().waitFor();
   await open_call(telephone, "sales-0092");
-  await sleep(1000);
+  await until("there is a meter's level in words", () => telephone.locator(
+    ".side.originator .db", {hasText: /dB|silent/}).isVisible());
   await telephone.screenshot({path: path.join(PICTURES, "telephone.png")});
   await close(telephone);
   await close(page);
