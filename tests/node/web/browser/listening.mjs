@@ -11,16 +11,24 @@ const TAP = `registerProcessor("tap", class extends AudioWorkletProcessor {
   }
 });`;
 
-// Runs in the page before its own scripts: whatever a worklet feeds also goes to the tap.
+// Runs in the page before its own scripts: whatever a worklet feeds also goes to the tap. What a
+// former worklet still feeds does not count.
 function install_tap(tap_source) {
-  window.tapped = {left: [], right: [], times: [], rate: 0};
+  const nothing = () => ({left: [], right: [], times: [], rate: 0});
+  window.tapped = nothing();
+  window.taps = 0;
   const connect = AudioNode.prototype.connect;
   AudioNode.prototype.connect = function (...ways) {
     if (this instanceof AudioWorkletNode) {
       const source = new Blob([tap_source], {type: "text/javascript"});
       this.context.audioWorklet.addModule(URL.createObjectURL(source)).then(() => {
         const tap = new AudioWorkletNode(this.context, "tap", {numberOfOutputs: 0});
+        const number = ++window.taps;
+        window.tapped = nothing();
         tap.port.onmessage = ({data: {left, right, at}}) => {
+          if (number !== window.taps) {
+            return;
+          }
           window.tapped.rate = this.context.sampleRate;
           window.tapped.times.push([window.tapped.left.length, at]);
           window.tapped.left.push(...left);
@@ -65,6 +73,9 @@ export async function take(page) {
   };
   return {...rest, left: integers(left), right: integers(right)};
 }
+
+// How often the page has begun to play.
+export const taps = (page) => page.evaluate(() => window.taps);
 
 // The delay that the page shows, in milliseconds, or null.
 export async function shown_delay(page) {
