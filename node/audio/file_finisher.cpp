@@ -130,7 +130,8 @@ class FileFinisher::File : public AudioFile {
 
   private:
     bool given_up() const { return finisher_.tasks_.abandoned(); }
-    bool done() const { return own_.work->outcome.done(); }
+    // A file that still grows is asked often, and its work is not in the cache.
+    bool done() const { return closed_ && own_.work->outcome.done(); }
     bool converted() const { return done() && own_.work->converted; }
 
     FileFinisher& finisher_;
