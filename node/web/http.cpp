@@ -34,6 +34,13 @@ int hexadecimal_digit(char digit) {
 
 }  // namespace
 
+Response plain(int status, const std::string& text) {
+    Response response;
+    response.status = status;
+    response.body = text + "\n";
+    return response;
+}
+
 std::optional<std::string> percent_decoded(std::string_view text) {
     std::string decoded;
     for (std::size_t i = 0; i < text.size(); ++i) {

@@ -41,6 +41,9 @@ struct Response {
     std::uint64_t end = 0;
 };
 
+// A response of one line of text.
+Response plain(int status, const std::string& text);
+
 // Returns the path of a request with its %XX decoded. Empty, which is no path, if that is not
 // possible or gives control characters.
 std::string decoded_path(std::string_view raw);

@@ -24,6 +24,7 @@ constexpr std::size_t MOST_PAGES = 24;
 constexpr const char* THREADS = "48";  // Each page keeps one of them.
 constexpr const char* LONGEST_REQUEST = "16384";
 constexpr std::size_t LONGEST_BODY = 4096;
+constexpr std::size_t WEBSOCKET_KEY_SIZE = 24;
 constexpr std::size_t FILE_BLOCK = 65536;
 constexpr std::chrono::minutes PATIENCE_WITH_FILE{30};
 constexpr const char* PATIENCE_MS = "5000";       // With one read or write.
@@ -257,22 +258,16 @@ class Server::Impl {
         if (request.path == Site::LIVE_PATH && lower(request.header("upgrade")) == "websocket") {
             return 0;  // The library calls connect() next.
         }
-        Response response;
-        if (request.method == "POST" && !read_body(connection, request)) {
-            response.status = 413;
-            response.body = "the body is too long, or its length is not given\n";
-        } else {
-            response = impl.handlers_.answer(request);
-        }
+        const bool has_body = request.method != "POST" || read_body(connection, request);
+        const Response response =
+            has_body ? impl.handlers_.answer(request)
+                     : plain(413, "the body is too long, or its length is not given");
         send(connection, request, response);
         return response.status;
     }
 
     static int http_error(mg_connection* connection, int status, const char* /*text*/) {
-        Response response;
-        response.status = status;
-        response.body = std::string(phrase(status)) + "\n";
-        send(connection, {}, response);
+        send(connection, {}, plain(status, phrase(status)));
         return 0;
     }
 
@@ -298,11 +293,15 @@ class Server::Impl {
         }
         const Request& request = *known;
         std::optional<Response> refusal = impl.handlers_.refuse_live(request);
+        // After this function the library refuses keys that are too long for it, and then calls
+        // neither ready() nor closed().
+        if (!refusal.has_value() &&
+            request.header("sec-websocket-key").size() != WEBSOCKET_KEY_SIZE) {
+            refusal = plain(400, "Sec-WebSocket-Key must have 24 characters");
+        }
         if (!refusal.has_value() && ++impl.pages_ > MOST_PAGES) {
             --impl.pages_;
-            refusal.emplace();
-            refusal->status = 503;
-            refusal->body = "too many pages are open\n";
+            refusal = plain(503, "too many pages are open");
         }
         if (refusal.has_value()) {
             send(const_cast<mg_connection*>(connection), request, *refusal);

@@ -16,13 +16,6 @@ namespace {
 const std::string CALLS = "/api/calls/";
 const std::string FILES = "/files/";
 
-Response plain(int status, const std::string& text) {
-    Response response;
-    response.status = status;
-    response.body = text + "\n";
-    return response;
-}
-
 Response json(int status, const std::string& text) {
     Response response;
     response.status = status;

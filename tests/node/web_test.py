@@ -308,6 +308,13 @@ class APage(unittest.TestCase):
                 time.sleep(0.05)
 
 
+    def test_that_never_opened_does_not_count(self):
+        with Served() as node:
+            for _ in range(25):
+                self.assertEqual(Page(node.port, {"Sec-WebSocket-Key": "A" * 90}).status, 400)
+            self.assertEqual(Page(node.port).status, 101)
+
+
 def node_connections(node):
     """The connections to the node's page that are open at its end."""
     lines = pathlib.Path(f"/proc/{node.process.pid}/net/tcp").read_text().splitlines()[1:]
