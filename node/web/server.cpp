@@ -237,8 +237,7 @@ class Server::Impl {
         if (handlers_.relayed_peer == nullptr) {
             return request;
         }
-        const auto peer = handlers_.relayed_peer(
-            static_cast<std::uint16_t>(mg_get_request_info(connection)->remote_port));
+        const auto peer = handlers_.relayed_peer(request.from);
         request.is_secure = true;
         request.from = peer.value_or("");
         return peer.has_value() ? std::optional(std::move(request)) : std::nullopt;

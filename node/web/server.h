@@ -27,8 +27,9 @@ class Server {
         std::function<std::optional<Response>(const Request& request)> refuse_live;
         std::function<std::unique_ptr<LivePage>(const Request& request)> open_page;
         // Null unless connections come through a relay on this machine, which takes TLS off them:
-        // who is behind the relay's connection from that port. Nullopt: the connection is refused.
-        std::function<std::optional<std::string>(std::uint16_t port)> relayed_peer;
+        // who is behind the connection that comes from this address and port. Nullopt: it is not
+        // the relay's, and is refused.
+        std::function<std::optional<std::string>(const std::string& from)> relayed_peer;
     };
 
     // Port 0 takes a free port. Throws std::runtime_error with the reason if the address cannot be

@@ -34,26 +34,26 @@ std::string text_of(const Tcp::endpoint& endpoint) {
     return endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
 }
 
-// Who is behind which connection to the server, by the connection's local port.
+// Who is behind which connection to the server, by the connection's local address.
 class Peers {
   public:
-    void add(std::uint16_t port, const std::string& peer) QV_EXCLUDES(mutex_) {
+    void add(const std::string& local, const std::string& peer) QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
-        peers_[port] = peer;
+        peers_[local] = peer;
     }
-    void remove(std::uint16_t port) QV_EXCLUDES(mutex_) {
+    void remove(const std::string& local) QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
-        peers_.erase(port);
+        peers_.erase(local);
     }
-    std::optional<std::string> find(std::uint16_t port) const QV_EXCLUDES(mutex_) {
+    std::optional<std::string> find(const std::string& local) const QV_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
-        const auto found = peers_.find(port);
+        const auto found = peers_.find(local);
         return found == peers_.end() ? std::nullopt : std::optional(found->second);
     }
 
   private:
     mutable Mutex mutex_;
-    std::map<std::uint16_t, std::string> peers_ QV_GUARDED_BY(mutex_);
+    std::map<std::string, std::string> peers_ QV_GUARDED_BY(mutex_);
 };
 
 // One connection. Lives as long as one of its operations goes on.
@@ -72,9 +72,7 @@ class Relayed : public std::enable_shared_from_this<Relayed> {
     Relayed(const Relayed&) = delete;
     Relayed& operator=(const Relayed&) = delete;
     ~Relayed() {
-        if (port_ != 0) {
-            peers_.remove(port_);
-        }
+        forget();
         --count_;
     }
 
@@ -102,14 +100,14 @@ class Relayed : public std::enable_shared_from_this<Relayed> {
 
     void relay(std::error_code error) {
         if (!error) {
-            port_ = inside_.local_endpoint(error).port();
+            local_ = text_of(inside_.local_endpoint(error));
         }
         if (error) {
             return;
         }
         inside_.set_option(Tcp::no_delay(true), error);
         outside_.next_layer().set_option(Tcp::no_delay(true), error);
-        peers_.add(port_, peer_);
+        peers_.add(local_, peer_);
         read_outside();
         read_inside();
     }
@@ -160,8 +158,17 @@ class Relayed : public std::enable_shared_from_this<Relayed> {
         });
     }
 
+    void forget() {
+        if (!local_.empty()) {
+            peers_.remove(local_);
+            local_.clear();
+        }
+    }
+
+    // Afterwards the port may be that of somebody else.
     void close() {
         std::error_code ignored;
+        forget();
         timer_.cancel();
         inside_.close(ignored);
         outside_.next_layer().close(ignored);
@@ -174,7 +181,7 @@ class Relayed : public std::enable_shared_from_this<Relayed> {
     Peers& peers_;
     std::atomic<std::size_t>& count_;
     std::string peer_;
-    std::uint16_t port_ = 0;  // Local one of `inside_`.
+    std::string local_;  // Address of `inside_` while the peers have it; or empty.
     Buffer in_{};
     Buffer out_{};
 };
@@ -199,7 +206,9 @@ class TlsRelay::Impl {
     }
 
     std::uint16_t port() const { return acceptor_.local_endpoint().port(); }
-    std::optional<std::string> peer_of(std::uint16_t port) const { return peers_.find(port); }
+    std::optional<std::string> peer_of(const std::string& local) const {
+        return peers_.find(local);
+    }
 
   private:
     void load(const std::string& certificate) {
@@ -269,8 +278,8 @@ std::uint16_t TlsRelay::port() const {
     return impl_->port();
 }
 
-std::optional<std::string> TlsRelay::peer_of(std::uint16_t local_port) const {
-    return impl_->peer_of(local_port);
+std::optional<std::string> TlsRelay::peer_of(const std::string& local) const {
+    return impl_->peer_of(local);
 }
 
 }  // namespace qv::node::web

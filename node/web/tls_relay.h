@@ -29,9 +29,9 @@ class TlsRelay {
     std::uint16_t port() const;
 
     // Returns the address and port of who is connected through the relay's own connection from
-    // `local_port` to the server. Nullopt if the relay has no such connection. Any thread may call
-    // it.
-    std::optional<std::string> peer_of(std::uint16_t local_port) const;
+    // `local`, "127.0.0.1:port", to the server. Nullopt if the relay has no such connection: other
+    // users can have the same port of another address of this machine. Any thread may call it.
+    std::optional<std::string> peer_of(const std::string& local) const;
 
   private:
     class Impl;

@@ -53,9 +53,9 @@ void WebOutput::close() {
 Server::Handlers WebOutput::handlers() {
     Server::Handlers handlers;
     if (!settings_.certificate.empty()) {
-        handlers.relayed_peer = [this](std::uint16_t port) {
+        handlers.relayed_peer = [this](const std::string& from) {
             const TlsRelay* const relay = present_relay_;
-            return relay != nullptr ? relay->peer_of(port) : std::nullopt;
+            return relay != nullptr ? relay->peer_of(from) : std::nullopt;
         };
     }
     handlers.answer = [this](const Request& request) {

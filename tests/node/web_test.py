@@ -16,7 +16,7 @@ import time
 import unittest
 
 from end_to_end_test import NODE, Node, golden, listed_event_fields, of_call, uuid_of
-from web_client import PATIENCE, TEXT, Page, ask, connect, exchange
+from web_client import PATIENCE, TEXT, Page, ask, connect, exchange, read_head
 
 TOKEN = "correct-horse-battery"
 FRAME = 160  # Samples of a packet.
@@ -526,6 +526,25 @@ class Strangers(unittest.TestCase):
             self.assertEqual(result.returncode, 3)
             self.assertIn(complaint, result.stderr)
 
+    def check_server_behind(self, node, bearer):
+        """The server behind the relay answers nobody else."""
+        def connections(state):
+            lines = pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]
+            return [[int(end.split(":")[1], 16) for end in line.split()[1:3]] for line in lines
+                    if line.split()[3] == state and line.split()[9] in sockets_of(node)]
+        port, = (local for local, _ in connections("0A") if local != node.port)
+        with self.assertRaises((EOFError, ConnectionResetError)):
+            ask(port, "/login", headers=bearer)
+        # Nor somebody with the relay's port, but another address of this machine.
+        with Page(node.port, bearer, secure=True), socket.socket() as other:
+            own = next(local for local, remote in connections("01") if remote == port)
+            other.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            other.bind(("127.0.0.2", own))
+            other.connect(("127.0.0.1", port))
+            other.sendall(b"GET /login HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n")
+            with self.assertRaises((EOFError, ConnectionResetError)):
+                read_head(other)
+
     @unittest.skipUnless(shutil.which("openssl"), "openssl makes the certificate")
     def test_who_watch_the_network_see_only_tls(self):
         certificate = pathlib.Path(self.home.name) / "certificate.pem"
@@ -551,13 +570,7 @@ class Strangers(unittest.TestCase):
             old.maximum_version = ssl.TLSVersion.TLSv1_1
             with self.assertRaises((ssl.SSLError, OSError)):
                 old.wrap_socket(socket.create_connection(("127.0.0.1", node.port)))
-            # The server behind it answers nobody else.
-            ports = {int(line.split()[1].split(":")[1], 16)
-                     for line in pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]
-                     if line.split()[3] == "0A" and line.split()[9] in sockets_of(node)}
-            for port in ports - {node.port}:
-                with self.assertRaises((EOFError, ConnectionResetError)):
-                    ask(port, "/login", headers=bearer)
+            self.check_server_behind(node, bearer)
             talk.end()
             self.assertEqual(node.stop(), 0)
 
