@@ -27,8 +27,9 @@ constexpr std::size_t LONGEST_BODY = 4096;
 constexpr std::size_t WEBSOCKET_KEY_SIZE = 24;
 constexpr std::size_t FILE_BLOCK = 65536;
 constexpr std::chrono::minutes PATIENCE_WITH_FILE{30};
-constexpr const char* PATIENCE_MS = "5000";       // With one read or write.
-constexpr const char* PAGE_SILENCE_MS = "20000";  // Between pings of a page that says nothing.
+constexpr const char* PATIENCE_MS = "5000";  // With one read or write.
+// Between pings of a page that says nothing. The library cuts it off after the sixth in vain.
+constexpr const char* PAGE_SILENCE_MS = "3000";
 
 std::string lower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
