@@ -24,6 +24,7 @@ constexpr std::size_t MOST_PAGES = 24;
 constexpr const char* THREADS = "48";  // Each page keeps one of them.
 constexpr const char* LONGEST_REQUEST = "16384";
 constexpr std::size_t LONGEST_BODY = 4096;
+constexpr std::chrono::seconds PATIENCE_WITH_BODY{5};
 constexpr std::size_t WEBSOCKET_KEY_SIZE = 24;
 constexpr std::size_t FILE_BLOCK = 65536;
 constexpr std::chrono::minutes PATIENCE_WITH_FILE{30};
@@ -87,22 +88,25 @@ void send(mg_connection* connection, const Request& request, const Response& res
     }
 }
 
-// Reads the body of a form. Returns false if it is too long or does not come.
+// Reads the body of a form. Returns false if it is too long or does not come in time.
 bool read_body(mg_connection* connection, Request& request) {
     const long long length = mg_get_request_info(connection)->content_length;
     if (length < 0 || length > static_cast<long long>(LONGEST_BODY)) {
         return false;
     }
     request.body.resize(static_cast<std::size_t>(length));
-    std::size_t size = 0;
-    while (size < request.body.size()) {
-        const int got = mg_read(connection, &request.body[size], request.body.size() - size);
-        if (got <= 0) {
-            return false;
-        }
-        size += static_cast<std::size_t>(got);
-    }
-    return true;
+    const auto until = std::chrono::steady_clock::now() + PATIENCE_WITH_BODY;
+    // Byte by byte: of more, the library would wait that long for each.
+    return std::all_of(request.body.begin(), request.body.end(), [&](char& byte) {
+        return mg_read(connection, &byte, 1) == 1 && std::chrono::steady_clock::now() < until;
+    });
+}
+
+// Returns what begin_request() returns after an answer. Without keep-alive the library does not
+// read what is left of the request, which it would do for as long as it comes.
+int answered(mg_connection* connection, int status) {
+    mg_disable_connection_keep_alive(connection);
+    return status;
 }
 
 }  // namespace
@@ -252,7 +256,7 @@ class Server::Impl {
         Impl& impl = of(connection);
         std::optional<Request> known = impl.request_of(connection);
         if (!known.has_value()) {
-            return 403;  // Without an answer.
+            return answered(connection, 403);  // Not a word is sent.
         }
         Request& request = *known;
         if (request.path == Site::LIVE_PATH && lower(request.header("upgrade")) == "websocket") {
@@ -263,7 +267,7 @@ class Server::Impl {
             has_body ? impl.handlers_.answer(request)
                      : plain(413, "the body is too long, or its length is not given");
         send(connection, request, response);
-        return response.status;
+        return answered(connection, response.status);
     }
 
     static int http_error(mg_connection* connection, int status, const char* /*text*/) {

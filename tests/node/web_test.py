@@ -200,6 +200,37 @@ class ThePort(unittest.TestCase):
             for connection in begun:
                 connection.close()
 
+    def test_does_not_wait_for_bodies_that_come_slowly(self):
+        with Served() as node:
+            def begin(method, size):
+                connection = connect(node.port)
+                connection.sendall(f"{method} /login HTTP/1.1\r\nHost: 127.0.0.1:{node.port}\r\n"
+                                   f"Content-Length: {size}\r\n\r\n".encode())
+                return connection
+
+            form = begin("POST", 4096)
+            begun = [form, *(begin("GET", 10 ** 12) for _ in range(47))]
+            over = threading.Event()
+
+            def send_bytes():
+                while not over.wait(1):
+                    for connection in begun:
+                        try:
+                            connection.sendall(b"x")
+                        except OSError:
+                            pass  # Cut off.
+
+            sender = threading.Thread(target=send_bytes)
+            sender.start()
+            try:
+                self.assertEqual(ask(node.port, "/").status, 200)
+                self.assertEqual(read_head(form)[0], 413)
+            finally:
+                over.set()
+                sender.join()
+                for connection in begun:
+                    connection.close()
+
     def test_shows_a_reference_as_text_only(self):
         reference = b'"<img src=x onerror=alert(1)>\\ \xff\xe2\x80\xae</script>'
         with Served() as node, Page(node.port) as page:
