@@ -59,8 +59,10 @@ std::string read_listen(const Json& json, PageMessage& message) {
 }  // namespace
 
 std::optional<PageMessage> read_page_message(std::string_view text, std::string& error) {
-    const Json json = Json::parse(text, nullptr, false);
-    if (text.size() > PageMessage::LONGEST || !json.is_object()) {
+    // As JSON, a long text would take many times its memory.
+    const bool is_short = text.size() <= PageMessage::LONGEST;
+    const Json json = is_short ? Json::parse(text, nullptr, false) : Json();
+    if (!json.is_object()) {
         error = "a message must be a JSON object of at most 4096 bytes";
         return std::nullopt;
     }
