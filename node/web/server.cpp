@@ -119,7 +119,7 @@ class Connection {
         : connection_(connection),
           page_(std::move(page)),
           end_(std::move(end)),
-          thread_([this] { send_all(); }) {}
+          thread_([this] { send(); }) {}
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
     ~Connection() {
@@ -138,21 +138,29 @@ class Connection {
     }
 
   private:
-    void send_all() {
+    void send() {
         tools::lower_priority(tools::Priority::BACKGROUND);
-        while (wait()) {
-            for (const LiveMessage& message : page_->due(steady_now())) {
-                const int opcode =
-                    message.binary ? MG_WEBSOCKET_OPCODE_BINARY : MG_WEBSOCKET_OPCODE_TEXT;
-                const int written = mg_websocket_write(connection_, opcode, message.bytes.data(),
-                                                       message.bytes.size());
-                // After a part of a message, the connection is of no use.
-                if (written < static_cast<int>(message.bytes.size())) {
-                    end_();
-                    return;
-                }
+        try {
+            while (wait() && send_due()) {
+            }
+        } catch (const std::exception&) {
+            // For example, memory is short. The page connects again.
+        }
+        end_();
+    }
+
+    // Returns false after a part of a message: then the connection is of no use.
+    bool send_due() {
+        for (const LiveMessage& message : page_->due(steady_now())) {
+            const int opcode =
+                message.binary ? MG_WEBSOCKET_OPCODE_BINARY : MG_WEBSOCKET_OPCODE_TEXT;
+            const int written = mg_websocket_write(connection_, opcode, message.bytes.data(),
+                                                   message.bytes.size());
+            if (written < static_cast<int>(message.bytes.size())) {
+                return false;
             }
         }
+        return true;
     }
 
     bool wait() {
@@ -252,7 +260,24 @@ class Server::Impl {
         return *static_cast<Impl*>(mg_get_user_data(mg_get_context(connection)));
     }
 
+    // Ends the connection in place of the program if, for example, no further thread can be had.
+    // The library knows no exceptions.
+    template <typename Act>
+    static void guard(mg_connection* connection, Act act) {
+        try {
+            act();
+        } catch (const std::exception&) {
+            mg_disable_connection_keep_alive(connection);
+        }
+    }
+
     static int begin_request(mg_connection* connection) {
+        int status = 500;
+        guard(connection, [&] { status = answer(connection); });
+        return status;
+    }
+
+    static int answer(mg_connection* connection) {
         Impl& impl = of(connection);
         std::optional<Request> known = impl.request_of(connection);
         if (!known.has_value()) {
@@ -290,46 +315,53 @@ class Server::Impl {
     }
 
     static int connect(const mg_connection* connection, void* self) {
-        Impl& impl = *static_cast<Impl*>(self);
-        const std::optional<Request> known = impl.request_of(connection);
+        bool allowed = false;
+        auto* const own = const_cast<mg_connection*>(connection);
+        guard(own, [&] { allowed = static_cast<Impl*>(self)->allow_page(own); });
+        return allowed ? 0 : 1;
+    }
+
+    bool allow_page(mg_connection* connection) {
+        const std::optional<Request> known = request_of(connection);
         if (!known.has_value()) {
-            return 1;
+            return false;
         }
         const Request& request = *known;
-        std::optional<Response> refusal = impl.handlers_.refuse_live(request);
+        std::optional<Response> refusal = handlers_.refuse_live(request);
         // After this function the library refuses keys that are too long for it, and then calls
         // neither ready() nor closed().
         if (!refusal.has_value() &&
             request.header("sec-websocket-key").size() != WEBSOCKET_KEY_SIZE) {
             refusal = plain(400, "Sec-WebSocket-Key must have 24 characters");
         }
-        if (!refusal.has_value() && ++impl.pages_ > MOST_PAGES) {
-            --impl.pages_;
+        if (!refusal.has_value() && ++pages_ > MOST_PAGES) {
+            --pages_;
             refusal = plain(503, "too many pages are open");
         }
         if (refusal.has_value()) {
-            send(const_cast<mg_connection*>(connection), request, *refusal);
-            return 1;
+            send(connection, request, *refusal);
         }
-        return 0;
+        return !refusal.has_value();
     }
 
     static void ready(mg_connection* connection, void* self) {
-        Impl& impl = *static_cast<Impl*>(self);
-        const Request request = impl.request_of(connection).value_or(Request{});
-        mg_set_user_connection_data(
-            connection,
-            new Connection(connection, impl.handlers_.open_page(request),
-                           [port = impl.port_, peer = web::request_of(connection).from] {
-                               shut_down_connection(port, peer);
-                           }));
+        const Impl& impl = *static_cast<Impl*>(self);
+        guard(connection, [&] {
+            const Request request = impl.request_of(connection).value_or(Request{});
+            mg_set_user_connection_data(
+                connection,
+                new Connection(connection, impl.handlers_.open_page(request),
+                               [port = impl.port_, peer = web::request_of(connection).from] {
+                                   shut_down_connection(port, peer);
+                               }));
+        });
     }
 
     static int data(mg_connection* connection, int bits, char* bytes, std::size_t size, void*) {
         auto* const page = static_cast<Connection*>(mg_get_user_connection_data(connection));
         const int opcode = bits & 0xF;
         if (opcode == MG_WEBSOCKET_OPCODE_TEXT && (bits & 0x80) != 0) {
-            page->take({bytes, size});
+            guard(connection, [&] { page->take({bytes, size}); });
         }
         return opcode == MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE ? 0 : 1;
     }
