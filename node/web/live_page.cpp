@@ -48,13 +48,16 @@ void LivePage::add(std::string text) {
     waiting_.push_back({false, std::move(text)});
 }
 
-void LivePage::take(std::string_view text, Micros now) {
+bool LivePage::take(std::string_view text, Micros now) {
     const LockGuard lock(mutex_);
+    if (waiting_.size() >= MOST_WAITING) {
+        return false;
+    }
     std::string error;
     const auto message = read_page_message(text, error);
     if (!message.has_value()) {
         add(R"({"type":"error","error":)" + json_string(error) + "}");
-        return;
+        return true;
     }
     switch (message->type) {
         case PageMessage::Type::WATCH:
@@ -70,6 +73,7 @@ void LivePage::take(std::string_view text, Micros now) {
             stop_listening("stopped", now);
             break;
     }
+    return true;
 }
 
 void LivePage::watch(const std::vector<std::uint64_t>& calls) {

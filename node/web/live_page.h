@@ -46,8 +46,10 @@ class LivePage {
     LivePage& operator=(const LivePage&) = delete;
     ~LivePage();
 
-    // Handles a message of the page.
-    void take(std::string_view text, Micros now) QV_EXCLUDES(mutex_);
+    // Handles a message of the page. Returns false, and does nothing, if so many answers wait that
+    // the page apparently takes none.
+    static constexpr std::size_t MOST_WAITING = 100;
+    bool take(std::string_view text, Micros now) QV_EXCLUDES(mutex_);
 
     // Returns the messages that the page gets now. Call it every INTERVAL, on the steady clock of
     // the node.

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "node/report/rate_limit.h"
 #include "node/web/site.h"
 #include "node/web/sockets.h"
 #include "tools/address.h"
@@ -132,9 +133,17 @@ class Connection {
         thread_.join();
     }
 
-    void take(std::string_view text) {
-        page_->take(text, steady_now());
+    // Handles a message, for the thread that reads. A person who scrolls causes 60 a second; more
+    // have to wait, because some of them write lines and events. Returns false if the page must be
+    // cut off.
+    bool take(std::string_view text) {
+        if (!messages_.allows(steady_now())) {
+            std::this_thread::sleep_for(Micros{1'000'000} / MESSAGES_PER_SECOND);
+        }
+        messages_.count();
+        const bool taken = page_->take(text, steady_now());
         changed_.notify_all();
+        return taken;
     }
 
   private:
@@ -171,7 +180,11 @@ class Connection {
         return !over_;
     }
 
+    static constexpr int MESSAGES_PER_SECOND = 100;
+    static constexpr int MESSAGES_AT_ONCE = 100;
+
     mg_connection* const connection_;
+    RateLimit messages_{MESSAGES_PER_SECOND, MESSAGES_AT_ONCE};  // For the thread that reads.
     const std::unique_ptr<LivePage> page_;
     const std::function<void()> end_;
     Mutex mutex_;
@@ -360,10 +373,11 @@ class Server::Impl {
     static int data(mg_connection* connection, int bits, char* bytes, std::size_t size, void*) {
         auto* const page = static_cast<Connection*>(mg_get_user_connection_data(connection));
         const int opcode = bits & 0xF;
+        bool goes_on = opcode != MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE;
         if (opcode == MG_WEBSOCKET_OPCODE_TEXT && (bits & 0x80) != 0) {
-            guard(connection, [&] { page->take({bytes, size}); });
+            guard(connection, [&] { goes_on = page->take({bytes, size}); });
         }
-        return opcode == MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE ? 0 : 1;
+        return goes_on ? 1 : 0;
     }
 
     static void closed(const mg_connection* connection, void* self) {

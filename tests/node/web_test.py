@@ -305,6 +305,16 @@ class APage(unittest.TestCase):
             page.send(type="listen", call=999, sides="both")
             self.assertEqual(page.wait_for_type("stopped")["reason"], "ended")
 
+    def test_that_sends_very_many_messages_has_to_wait(self):
+        with Served() as node, Page(node.port) as page:
+            begin = time.monotonic()
+            for _ in range(4):
+                for _ in range(50):
+                    page.send_frame(TEXT, b"x")
+                for _ in range(50):
+                    page.wait_for_type("error")
+            self.assertGreater(time.monotonic() - begin, 0.9)  # 100 at once, then 100 a second.
+
     def test_is_cut_off_when_it_does_not_read(self):
         with Served() as node:
             # Together they are more than the buffers of the system hold.

@@ -219,6 +219,15 @@ TEST_F(LivePageTest, WrongMessagesAreAnswered) {
     EXPECT_TRUE(notices_.empty());
 }
 
+TEST_F(LivePageTest, AnswersDoNotWaitWithoutEndForAPageThatTakesNone) {
+    for (std::size_t i = 0; i < LivePage::MOST_WAITING; ++i) {
+        EXPECT_TRUE(page_->take("x", now_));
+    }
+    EXPECT_FALSE(page_->take("x", now_));
+    EXPECT_EQ(after(Micros{0}, "error").size(), 100U);
+    EXPECT_TRUE(page_->take("x", now_));
+}
+
 }  // namespace
 
 }  // namespace qv::node::web
