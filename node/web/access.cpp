@@ -41,6 +41,13 @@ std::string_view trimmed(std::string_view text) {
     return text;
 }
 
+// The token that a program sends.
+std::optional<std::string> bearer_of(const Request& request) {
+    const std::string text = request.header("authorization");
+    return text.compare(0, BEARER.size(), BEARER) == 0 ? std::optional(text.substr(BEARER.size()))
+                                                       : std::nullopt;
+}
+
 std::string form_decoded(std::string text) {
     std::replace(text.begin(), text.end(), '+', ' ');
     return percent_decoded(text).value_or("");
@@ -91,11 +98,17 @@ Access::Verdict Access::check(const Request& request, Micros now) {
     if (has_session(cookie_of(request, COOKIE), now)) {
         return Verdict::ALLOWED;
     }
-    const std::string authorization = request.header("authorization");
-    if (std::string_view(authorization).substr(0, BEARER.size()) != BEARER) {
-        return Verdict::DENIED;
+    const auto token = bearer_of(request);
+    return token.has_value() ? check_token(*token, request.from, now) : Verdict::DENIED;
+}
+
+bool Access::may_stay(const Request& request, Micros now) {
+    if (!demands_token()) {
+        return true;
     }
-    return check_token(authorization.substr(BEARER.size()), request.from, now);
+    const LockGuard lock(mutex_);
+    return has_session(cookie_of(request, COOKIE), now) ||
+           is_same_secret(bearer_of(request).value_or(""), token_);
 }
 
 bool Access::has_session(const std::string& given, Micros now) {

@@ -34,6 +34,9 @@ class Access {
         TOO_MANY_WRONG,  // Its address has sent too many wrong tokens to be heard at the moment.
     };
     Verdict check(const Request& request, Micros now) QV_EXCLUDES(mutex_);
+    // Whether a page may stay open whose request has been allowed: not once its session has ended.
+    // While it is open, it uses its session.
+    bool may_stay(const Request& request, Micros now) QV_EXCLUDES(mutex_);
 
     // Answers the login form: with a session, or with the form again.
     Response log_in(const Request& request, Micros now) QV_EXCLUDES(mutex_);

@@ -115,11 +115,15 @@ int answered(mg_connection* connection, int status) {
 // A websocket and the thread that sends to it.
 class Connection {
   public:
-    // `end` cuts the connection off; any thread may call it.
-    Connection(mg_connection* connection, std::unique_ptr<LivePage> page, std::function<void()> end)
+    struct Functions {
+        std::function<bool()> may_stay;  // Whether the page may stay open.
+        std::function<void()> end;       // Cuts the connection off. Any thread may call it.
+    };
+
+    Connection(mg_connection* connection, std::unique_ptr<LivePage> page, Functions functions)
         : connection_(connection),
           page_(std::move(page)),
-          end_(std::move(end)),
+          functions_(std::move(functions)),
           thread_([this] { send(); }) {}
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -129,7 +133,7 @@ class Connection {
             over_ = true;
         }
         changed_.notify_all();
-        end_();  // The thread may be sending.
+        functions_.end();  // The thread may be sending.
         thread_.join();
     }
 
@@ -150,12 +154,21 @@ class Connection {
     void send() {
         tools::lower_priority(tools::Priority::BACKGROUND);
         try {
-            while (wait() && send_due()) {
+            while (wait() && may_stay() && send_due()) {
             }
         } catch (const std::exception&) {
             // For example, memory is short. The page connects again.
         }
-        end_();
+        functions_.end();
+    }
+
+    bool may_stay() {
+        const Micros now = steady_now();
+        if (now - asked_ < ASK_AGAIN) {
+            return true;
+        }
+        asked_ = now;
+        return functions_.may_stay();
     }
 
     // Returns false after a part of a message: then the connection is of no use.
@@ -163,8 +176,8 @@ class Connection {
         for (const LiveMessage& message : page_->due(steady_now())) {
             const int opcode =
                 message.binary ? MG_WEBSOCKET_OPCODE_BINARY : MG_WEBSOCKET_OPCODE_TEXT;
-            const int written = mg_websocket_write(connection_, opcode, message.bytes.data(),
-                                                   message.bytes.size());
+            const int written =
+                mg_websocket_write(connection_, opcode, message.bytes.data(), message.bytes.size());
             if (written < static_cast<int>(message.bytes.size())) {
                 return false;
             }
@@ -182,11 +195,13 @@ class Connection {
 
     static constexpr int MESSAGES_PER_SECOND = 100;
     static constexpr int MESSAGES_AT_ONCE = 100;
+    static constexpr Micros ASK_AGAIN{1'000'000};
 
     mg_connection* const connection_;
     RateLimit messages_{MESSAGES_PER_SECOND, MESSAGES_AT_ONCE};  // For the thread that reads.
     const std::unique_ptr<LivePage> page_;
-    const std::function<void()> end_;
+    const Functions functions_;
+    Micros asked_{0};  // When the page was last allowed to stay. For the thread that sends.
     Mutex mutex_;
     Condition changed_;
     bool over_ QV_GUARDED_BY(mutex_) = false;
@@ -361,12 +376,14 @@ class Server::Impl {
         const Impl& impl = *static_cast<Impl*>(self);
         guard(connection, [&] {
             const Request request = impl.request_of(connection).value_or(Request{});
+            Connection::Functions functions;
+            functions.may_stay = [&impl, request] { return impl.handlers_.may_stay(request); };
+            functions.end = [&impl, peer = web::request_of(connection).from] {
+                shut_down_connection(impl.port_, peer);
+            };
             mg_set_user_connection_data(
-                connection,
-                new Connection(connection, impl.handlers_.open_page(request),
-                               [port = impl.port_, peer = web::request_of(connection).from] {
-                                   shut_down_connection(port, peer);
-                               }));
+                connection, new Connection(connection, impl.handlers_.open_page(request),
+                                           std::move(functions)));
         });
     }
 

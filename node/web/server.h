@@ -26,6 +26,8 @@ class Server {
         // Whether this request may become a live page: nullopt if so, and otherwise the answer.
         std::function<std::optional<Response>(const Request& request)> refuse_live;
         std::function<std::unique_ptr<LivePage>(const Request& request)> open_page;
+        // Whether the page that this request has opened may stay open; asked every second.
+        std::function<bool(const Request& request)> may_stay;
         // Null unless connections come through a relay on this machine, which takes TLS off them:
         // who is behind the connection that comes from this address and port. Nullopt: it is not
         // the relay's, and is refused.

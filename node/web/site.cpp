@@ -162,6 +162,10 @@ std::optional<Response> Site::refuse_live(const Request& request, Micros now) co
     return foreign.empty() ? refuse(request, now) : problem(request, 403, foreign);
 }
 
+bool Site::may_stay(const Request& request, Micros now) const {
+    return access_.may_stay(request, now);
+}
+
 Response Site::page_file(const Request& request, Micros /*now*/) const {
     const std::string name = request.path == "/" ? "page.html" : request.path.substr(1);
     const PageFile* file = find_page_file(name);

@@ -37,6 +37,8 @@ class Site {
 
     // Whether the request may open a live page: nullopt if so, and otherwise the answer.
     std::optional<Response> refuse_live(const Request& request, Micros now) const;
+    // Whether the page that this request has opened may stay open.
+    bool may_stay(const Request& request, Micros now) const;
 
   private:
     struct Route;

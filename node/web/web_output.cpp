@@ -64,6 +64,9 @@ Server::Handlers WebOutput::handlers() {
     handlers.refuse_live = [this](const Request& request) {
         return site_->refuse_live(request, steady_now());
     };
+    handlers.may_stay = [this](const Request& request) {
+        return site_->may_stay(request, steady_now());
+    };
     handlers.open_page = [this](const Request& request) {
         return std::make_unique<LivePage>(
             board_, rows_, access_->demands_token(),

@@ -520,7 +520,9 @@ class Strangers(unittest.TestCase):
             self.assertEqual(ask(node.port, "/", headers=headers).status, 200)
             with Page(node.port, headers) as page:
                 self.assertEqual(page.wait_for_type("hello")["login"], True)
-            self.assertEqual(ask(node.port, "/logout", "POST", headers, b"x=").status, 303)
+                self.assertEqual(ask(node.port, "/logout", "POST", headers, b"x=").status, 303)
+                with self.assertRaisesRegex(AssertionError, "^closed"):
+                    page.wait_for(lambda _: False)
             self.assertEqual(ask(node.port, "/api/calls", headers=headers).status, 401)
 
     def test_with_wrong_tokens_have_to_wait(self):

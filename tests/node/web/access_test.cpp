@@ -102,6 +102,25 @@ TEST_F(AccessTest, ALogoutEndsTheSession) {
     EXPECT_EQ(check_session(cookie), Verdict::DENIED);
 }
 
+TEST_F(AccessTest, AnOpenPageStaysAsLongAsItsSession) {
+    const Request page = with_header("cookie", session());
+    for (int hour = 0; hour < 24; ++hour) {
+        now_ += std::chrono::hours(1);
+        EXPECT_TRUE(access_.may_stay(page, now_));
+    }
+    access_.log_out(page);
+    EXPECT_FALSE(access_.may_stay(page, now_));
+}
+
+TEST_F(AccessTest, AnOpenPageWithTheTokenStaysWhateverItsAddressTries) {
+    while (check(bearer("wrong")) != Verdict::TOO_MANY_WRONG) {
+    }
+    EXPECT_TRUE(access_.may_stay(bearer(TOKEN), now_));
+    EXPECT_FALSE(access_.may_stay(bearer("wrong"), now_));
+    EXPECT_FALSE(access_.may_stay(from("192.0.2.1"), now_));
+    EXPECT_TRUE(Access{""}.may_stay(from("192.0.2.1"), now_));
+}
+
 TEST_F(AccessTest, TheSessionThatWasUsedLongestAgoMakesRoom) {
     const std::string first = session();
     const std::string second = session();

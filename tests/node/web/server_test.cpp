@@ -33,6 +33,7 @@ class ServerTest : public testing::Test {
             return plain(200, "here");
         };
         handlers.refuse_live = [](const Request&) { return std::optional<Response>(); };
+        handlers.may_stay = [](const Request&) { return true; };
         handlers.open_page = [this](const Request&) {
             fail_if_wanted();
             return std::make_unique<LivePage>(board_, rows_, false, [](const ListenNotice&) {});
