@@ -173,10 +173,9 @@ class Stream:
 
     def close(self):
         if self.file is not None:
-            opened = self.file._file
-            self.file.close()
-            opened.close()
-            self.file = None
+            file, self.file = self.file, None
+            with file._file:
+                file.close()
 
 
 def number_in(headers, name):
@@ -259,7 +258,10 @@ class Worker:
 
     def close(self):
         for stream in self.streams.values():
-            stream.close()
+            try:
+                stream.close()
+            except OSError as error:  # The disk may be full; the other files are complete.
+                print(f"worker.py: {stream.call}, {stream.side}: {error}", file=sys.stderr)
 
 
 def is_uuid(text):

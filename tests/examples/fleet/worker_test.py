@@ -5,6 +5,7 @@ import contextlib
 import io
 import os
 import pathlib
+import resource
 import socket
 import subprocess
 import sys
@@ -148,6 +149,31 @@ class WorkerTest(unittest.TestCase):
         self.assertEqual(done.returncode, 1)
         self.assertRegex(done.stderr, r"^worker.py: .*refused\n$")
 
+    def test_a_full_disk_is_reported_and_the_other_files_are_complete(self):
+        def message(subject, headers, audio):
+            head = "NATS/1.0\r\n" + "".join(f"{name}: {value}\r\n"
+                                            for name, value in headers.items()) + "\r\n"
+            return b"HMSG %s 1 %d %d\r\n%s%s\r\n" % (
+                subject.encode(), len(head), len(head) + len(audio), head.encode(), audio)
+
+        with socket.create_server(("127.0.0.1", 0)) as listener:
+            process = subprocess.Popen(
+                [sys.executable, str(FLEET / "worker.py"), "--nats",
+                 "127.0.0.1:%d" % listener.getsockname()[1], "--output", str(self.folder)],
+                stderr=subprocess.PIPE, text=True,
+                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (50_000, 50_000)))
+            self.addCleanup(process.kill)
+            server, _ = listener.accept()
+            with server:
+                server.sendall(message(*chunk(1, 0, b"ab")) +
+                               message(*chunk(1, 0, b"cd", side="terminator")) +
+                               b"".join(message(*chunk(2 + n, 1 + 800 * n, b"ab" * 800))
+                                        for n in range(50)))
+                errors = process.communicate(timeout=60)[1]
+        self.assertEqual(process.returncode, 1, errors)
+        self.assertRegex(errors, r"^ready\n(worker.py: .*File too large\n)+$")
+        with wave.open(str(self.folder / f"{CALL}-terminator.wav")) as file:
+            self.assertEqual(file.readframes(9), b"cd")
 
     def test_server_that_does_not_speak_nats_is_an_error_of_one_line(self):
         for line in b"MSG\r\n", b"MSG a b\r\n", b"HMSG 1\r\n", b"-ERR 'x'\r\n", b"\xff\r\n":
