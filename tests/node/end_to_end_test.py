@@ -24,11 +24,11 @@ import urllib.request
 import wave
 import xml.etree.ElementTree
 
-# Other tests import this file and take the same arguments, but for the last.
+# Other tests import this file and take the same arguments.
 PARSER = argparse.ArgumentParser(description=sys.modules["__main__"].__doc__)
 PARSER.add_argument("node", metavar="QUORVANE_NODE")
 PARSER.add_argument("golden", metavar="GOLDEN_FOLDER", type=pathlib.Path)
-PARSER.add_argument("stopped_disk", metavar="STOPPED_DISK", nargs="?",
+PARSER.add_argument("stopped_disk", metavar="STOPPED_DISK",
                     help="the library of bench/stopped_disk.cpp")
 ARGUMENTS, OTHER_ARGUMENTS = PARSER.parse_known_args()
 NODE, GOLDEN, STOPPED_DISK = ARGUMENTS.node, ARGUMENTS.golden, ARGUMENTS.stopped_disk

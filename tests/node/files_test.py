@@ -19,9 +19,9 @@ import time
 import unittest
 import wave
 
-from end_to_end_test import (CALL, DOCUMENT, LISTED_SIDE, NODE, UUID, UUID_END, Counters, Node,
-                             audio, data, golden, ipv4, listed_event_fields, may_mount, of_call,
-                             pcap, samples, udp, uuid_of)
+from end_to_end_test import (CALL, DOCUMENT, LISTED_SIDE, NODE, OTHER_ARGUMENTS, UUID, UUID_END,
+                             Counters, Node, audio, data, golden, ipv4, listed_event_fields,
+                             may_mount, of_call, pcap, samples, udp, uuid_of)
 
 
 def described_files(folder):
@@ -299,4 +299,4 @@ class Keep(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], *sys.argv[3:]], verbosity=1)
+    unittest.main(argv=[sys.argv[0], *OTHER_ARGUMENTS], verbosity=1)
