@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cctype>
 #include <chrono>
+#include <set>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -115,15 +116,15 @@ int answered(mg_connection* connection, int status) {
 // A websocket and the thread that sends to it.
 class Connection {
   public:
-    struct Functions {
-        std::function<bool()> may_stay;  // Whether the page may stay open.
-        std::function<void()> end;       // Cuts the connection off. Any thread may call it.
-    };
+    using MayStay = std::function<bool()>;
 
-    Connection(mg_connection* connection, std::unique_ptr<LivePage> page, Functions functions)
+    // `socket` is its local port and its peer. `may_stay` is whether the page may stay open.
+    Connection(mg_connection* connection, const std::pair<std::uint16_t, std::string>& socket,
+               std::unique_ptr<LivePage> page, MayStay may_stay)
         : connection_(connection),
+          socket_(socket.first, socket.second),
           page_(std::move(page)),
-          functions_(std::move(functions)),
+          may_stay_(std::move(may_stay)),
           thread_([this] { send(); }) {}
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -133,8 +134,19 @@ class Connection {
             over_ = true;
         }
         changed_.notify_all();
-        functions_.end();  // The thread may be sending.
+        socket_.shut_down();  // The thread may be sending.
         thread_.join();
+    }
+
+    // Something has come whole. For the thread that reads.
+    void note_message() { complete_ = socket_.received(); }
+
+    // Cuts the connection off if something comes that does not end. Any thread may call it.
+    void check_message() const {
+        const std::uint64_t complete = complete_;  // First, because more may come meanwhile.
+        if (socket_.received() - complete > LONGEST_MESSAGE) {
+            socket_.shut_down();
+        }
     }
 
     // Handles a message, for the thread that reads. A person who scrolls causes 60 a second; more
@@ -159,7 +171,7 @@ class Connection {
         } catch (const std::exception&) {
             // For example, memory is short. The page connects again.
         }
-        functions_.end();
+        socket_.shut_down();
     }
 
     bool may_stay() {
@@ -168,7 +180,7 @@ class Connection {
             return true;
         }
         asked_ = now;
-        return functions_.may_stay();
+        return may_stay_();
     }
 
     // Returns false after a part of a message: then the connection is of no use.
@@ -196,14 +208,64 @@ class Connection {
     static constexpr int MESSAGES_PER_SECOND = 100;
     static constexpr int MESSAGES_AT_ONCE = 100;
     static constexpr Micros ASK_AGAIN{1'000'000};
+    // With the answers to pings since the message before.
+    static constexpr std::uint64_t LONGEST_MESSAGE = 8ULL * 1024 * 1024;
 
     mg_connection* const connection_;
     RateLimit messages_{MESSAGES_PER_SECOND, MESSAGES_AT_ONCE};  // For the thread that reads.
+    const SharedSocket socket_;
+    std::atomic<std::uint64_t> complete_{0};  // Bytes that had come at the end of a message.
     const std::unique_ptr<LivePage> page_;
-    const Functions functions_;
+    const MayStay may_stay_;
     Micros asked_{0};  // When the page was last allowed to stay. For the thread that sends.
     Mutex mutex_;
     Condition changed_;
+    bool over_ QV_GUARDED_BY(mutex_) = false;
+    std::thread thread_;  // The last: it uses the others.
+};
+
+// Cuts off the pages that send a message without end. The library makes room for as much as a
+// message announces, up to 2 GB, and reads until it is there. Any thread may call it.
+class Watch {
+  public:
+    Watch() : thread_([this] { look(); }) {}
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+    ~Watch() {
+        {
+            const LockGuard lock(mutex_);
+            over_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+
+    void add(const Connection* page) {
+        const LockGuard lock(mutex_);
+        pages_.insert(page);
+    }
+    void remove(const Connection* page) {
+        const LockGuard lock(mutex_);
+        pages_.erase(page);
+    }
+
+  private:
+    void look() {
+        tools::lower_priority(tools::Priority::BACKGROUND);
+        const LockGuard lock(mutex_);
+        while (!over_) {
+            for (const Connection* page : pages_) {
+                page->check_message();
+            }
+            changed_.wait_until(mutex_, std::chrono::steady_clock::now() + INTERVAL);
+        }
+    }
+
+    static constexpr std::chrono::milliseconds INTERVAL{100};
+
+    Mutex mutex_;
+    Condition changed_;
+    std::set<const Connection*> pages_ QV_GUARDED_BY(mutex_);
     bool over_ QV_GUARDED_BY(mutex_) = false;
     std::thread thread_;  // The last: it uses the others.
 };
@@ -373,23 +435,22 @@ class Server::Impl {
     }
 
     static void ready(mg_connection* connection, void* self) {
-        const Impl& impl = *static_cast<Impl*>(self);
+        Impl& impl = *static_cast<Impl*>(self);
         guard(connection, [&] {
             const Request request = impl.request_of(connection).value_or(Request{});
-            Connection::Functions functions;
-            functions.may_stay = [&impl, request] { return impl.handlers_.may_stay(request); };
-            functions.end = [&impl, peer = web::request_of(connection).from] {
-                shut_down_connection(impl.port_, peer);
-            };
-            mg_set_user_connection_data(
-                connection, new Connection(connection, impl.handlers_.open_page(request),
-                                           std::move(functions)));
+            auto page = std::make_unique<Connection>(
+                connection, std::pair(impl.port_, web::request_of(connection).from),
+                impl.handlers_.open_page(request),
+                [&impl, request] { return impl.handlers_.may_stay(request); });
+            impl.watch_.add(page.get());
+            mg_set_user_connection_data(connection, page.release());
         });
     }
 
     static int data(mg_connection* connection, int bits, char* bytes, std::size_t size, void*) {
         auto* const page = static_cast<Connection*>(mg_get_user_connection_data(connection));
         const int opcode = bits & 0xF;
+        page->note_message();
         bool goes_on = opcode != MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE;
         if (opcode == MG_WEBSOCKET_OPCODE_TEXT && (bits & 0x80) != 0) {
             guard(connection, [&] { goes_on = page->take({bytes, size}); });
@@ -398,8 +459,11 @@ class Server::Impl {
     }
 
     static void closed(const mg_connection* connection, void* self) {
-        delete static_cast<Connection*>(mg_get_user_connection_data(connection));
-        --static_cast<Impl*>(self)->pages_;
+        Impl& impl = *static_cast<Impl*>(self);
+        const auto* const page = static_cast<Connection*>(mg_get_user_connection_data(connection));
+        impl.watch_.remove(page);
+        delete page;
+        --impl.pages_;
     }
 
     const Handlers handlers_;
@@ -408,6 +472,7 @@ class Server::Impl {
     mg_context* context_ = nullptr;
     std::uint16_t port_ = 0;
     std::atomic<std::size_t> pages_{0};
+    Watch watch_;
 };
 
 Server::Server(const sockaddr_in& address, Handlers handlers)

@@ -1,10 +1,14 @@
 #include "node/web/sockets.h"
 
+#include <fcntl.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 
 #include "tools/address.h"
@@ -53,6 +57,17 @@ void for_each_socket(std::uint16_t port, Visit visit) {
     }
 }
 
+// Returns -1 if there is no such connection.
+int copy_of(std::uint16_t port, const std::string& peer) {
+    int copy = -1;
+    for_each_socket(port, [&](int descriptor, const std::string& other) {
+        if (other == peer && copy < 0) {
+            copy = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+        }
+    });
+    return copy;
+}
+
 }  // namespace
 
 void shut_down_port(std::uint16_t port) {
@@ -60,12 +75,26 @@ void shut_down_port(std::uint16_t port) {
                     [](int descriptor, const std::string&) { ::shutdown(descriptor, SHUT_RDWR); });
 }
 
-void shut_down_connection(std::uint16_t port, const std::string& peer) {
-    for_each_socket(port, [&peer](int descriptor, const std::string& other) {
-        if (other == peer) {
-            ::shutdown(descriptor, SHUT_RDWR);
-        }
-    });
+SharedSocket::SharedSocket(std::uint16_t port, const std::string& peer)
+    : descriptor_(copy_of(port, peer)) {
+    if (descriptor_ < 0) {
+        throw std::runtime_error("the connection cannot be reached");
+    }
+}
+
+SharedSocket::~SharedSocket() {
+    ::close(descriptor_);
+}
+
+void SharedSocket::shut_down() const {
+    ::shutdown(descriptor_, SHUT_RDWR);
+}
+
+std::uint64_t SharedSocket::received() const {
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    const bool known = ::getsockopt(descriptor_, IPPROTO_TCP, TCP_INFO, &info, &size) == 0;
+    return known ? info.tcpi_bytes_received : 0;
 }
 
 }  // namespace qv::node::web

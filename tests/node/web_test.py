@@ -315,6 +315,15 @@ class APage(unittest.TestCase):
                     page.wait_for_type("error")
             self.assertGreater(time.monotonic() - begin, 0.9)  # 100 at once, then 100 a second.
 
+    def test_is_cut_off_when_a_message_does_not_end(self):
+        with Served() as node, Page(node.port) as page:
+            page.socket.sendall(struct.pack(">BBQI", 0x80 | TEXT, 0x80 | 127, 2 ** 30, 0))
+            with self.assertRaises((BrokenPipeError, ConnectionResetError)):
+                for _ in range(2000):
+                    page.socket.sendall(b"0" * 65536)
+                    time.sleep(0.005)
+            self.assertEqual(Page(node.port).status, 101)
+
     def test_is_cut_off_when_it_does_not_read(self):
         with Served() as node:
             # Together they are more than the buffers of the system hold.
