@@ -374,7 +374,8 @@ class Server::Impl {
             return answered(connection, 403);  // Not a word is sent.
         }
         Request& request = *known;
-        if (request.path == Site::LIVE_PATH && lower(request.header("upgrade")) == "websocket") {
+        if (request.method == "GET" && request.path == Site::LIVE_PATH &&
+            lower(request.header("upgrade")) == "websocket") {
             return 0;  // The library calls connect() next.
         }
         const bool has_body = request.method != "POST" || read_body(connection, request);

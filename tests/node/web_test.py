@@ -557,6 +557,11 @@ class Strangers(unittest.TestCase):
                 self.assertIn(exchange(node.port, request).status, (400, 403), host)
             request = f"GET /api/calls HTTP/1.1\r\nHost: localhost:{node.port}\r\n\r\n".encode()
             self.assertEqual(exchange(node.port, request).status, 200)
+            # The library would allow every site every method of the websocket's path.
+            preflight = ask(node.port, "/api/live", "OPTIONS", {
+                **other, "Access-Control-Request-Method": "GET", "Upgrade": "websocket"})
+            self.assertEqual(preflight.status, 403)
+            self.assertNotIn("access-control-allow-origin", preflight.headers)
 
     def run_node(self, *options):
         return subprocess.run([NODE, "--listen", "127.0.0.1:0", "--output", self.home.name, *options],
