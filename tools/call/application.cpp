@@ -20,16 +20,16 @@ constexpr std::size_t FEW_CALLS = 10;
 constexpr double TONE_HERTZ[] = {440, 550};  // of the read and of the write side
 constexpr double TONE_SECONDS = 1;           // whole periods of both, so that it can be repeated
 
-std::string audio_text(const std::optional<Audio>& audio, const std::optional<Span>& length) {
+std::string audio_text(const std::optional<Audio>& audio, const std::optional<Span>& length_s) {
     if (!audio) {
         return "nothing";
     }
-    if (!length) {
+    if (!length_s) {
         return audio->name + ", " + duration_text(audio->seconds());
     }
-    std::string text = audio->name + " for " + duration_text(length->min_s);
-    if (length->max_s > length->min_s) {
-        text += " to " + duration_text(length->max_s);
+    std::string text = audio->name + " for " + duration_text(length_s->min);
+    if (length_s->max > length_s->min) {
+        text += " to " + duration_text(length_s->max);
     }
     return text;
 }
@@ -183,8 +183,8 @@ void Application::tell_begin(const PlacedConfig& config, std::string media_node)
                   (network_.has_value() ? ", which passes it on: see Network" : ""));
     std::string text =
         counted(plan.schedule.calls, "call") + (plan.outbound ? ", outbound" : ", inbound");
-    console_.line("Plan      " + text + "; read: " + audio_text(plan.read, plan.schedule.length) +
-                  "; write: " + audio_text(plan.write, plan.schedule.length));
+    console_.line("Plan      " + text + "; read: " + audio_text(plan.read, plan.schedule.length_s) +
+                  "; write: " + audio_text(plan.write, plan.schedule.length_s));
 }
 
 int Application::tell_end(const RunReport& report) {

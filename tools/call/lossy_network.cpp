@@ -182,8 +182,7 @@ LossyNetwork::Held LossyNetwork::draw_copy(Stream& stream) const {
     const auto later =
         static_cast<std::uint64_t>(next_share(stream.random) * (1.0 + plan_.reorder_packets));
     const double delay_ms =
-        plan_.delay_ms.min_s +
-        next_share(stream.random) * (plan_.delay_ms.max_s - plan_.delay_ms.min_s);
+        plan_.delay_ms.min + next_share(stream.random) * (plan_.delay_ms.max - plan_.delay_ms.min);
     const auto delay = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double, std::milli>(delay_ms));
     return {stream.packets + 1 + later, stream.packets, delay, {}};

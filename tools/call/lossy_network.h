@@ -36,7 +36,7 @@ struct NetworkPlan {
 
     bool wanted() const {
         return lose_percent > 0 || duplicate_percent > 0 || reorder_packets > 0 ||
-               delay_ms.max_s > 0 || check;
+               delay_ms.max > 0 || check;
     }
 };
 

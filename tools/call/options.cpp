@@ -188,7 +188,7 @@ void add_audio_options(CLI::App& app, Options& options) {
     add_parsed(app, "-t,--duration,--length",
                "Length of each call's audio; MIN-MAX draws a random\nlength per call (default: "
                "each file once)",
-               [&plan](const std::string& text) { plan.schedule.length = parse_span(text); })
+               [&plan](const std::string& text) { plan.schedule.length_s = parse_span(text); })
         ->type_name("SECONDS")
         ->group("Audio");
     app.add_flag_callback(
@@ -392,8 +392,8 @@ void complete(const CLI::App& app, Options& options) {
     if (files && app.count("--sample-rate") > 0) {
         throw CLI::ValidationError("--sample-rate", "is for tones; a WAV file has its own");
     }
-    if (!files && !plan.schedule.length) {
-        plan.schedule.length = Span{DEFAULT_TONE_SECONDS, DEFAULT_TONE_SECONDS};
+    if (!files && !plan.schedule.length_s) {
+        plan.schedule.length_s = Span{DEFAULT_TONE_SECONDS, DEFAULT_TONE_SECONDS};
     }
     if (!options.module.config_file && !has_option(options.module, "media_node")) {
         options.module.options.emplace_back("media_node", DEFAULT_MEDIA_NODE);

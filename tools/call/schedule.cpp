@@ -21,9 +21,9 @@ std::vector<CallTimes> plan_calls(const SchedulePlan& plan) {
         if (plan.calls > 1) {
             calls[i].phase = time_of_seconds(part(random) * seconds_of(plan.frame_time));
         }
-        if (plan.length) {
+        if (plan.length_s) {
             calls[i].length_s =
-                plan.length->min_s + part(random) * (plan.length->max_s - plan.length->min_s);
+                plan.length_s->min + part(random) * (plan.length_s->max - plan.length_s->min);
         }
     }
     return calls;

@@ -17,16 +17,16 @@ using Time = std::chrono::nanoseconds;
 Time time_of_seconds(double seconds);
 double seconds_of(Time time);
 
-// A length, or the limits of a random length.
+// The limits of a random value. Its unit is in the name of what holds it.
 struct Span {
-    double min_s = 0;
-    double max_s = 0;
+    double min = 0;
+    double max = 0;
 };
 
 struct SchedulePlan {
     std::size_t calls = 1;
-    double rate = 100;           // calls per second
-    std::optional<Span> length;  // none: as long as the audio
+    double rate = 100;             // calls per second
+    std::optional<Span> length_s;  // none: as long as the audio
     Time frame_time{20'000'000};
     std::uint64_t seed = 1;
 };

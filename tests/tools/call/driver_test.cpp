@@ -101,7 +101,7 @@ TEST_F(DriverTest, NoMoreCallsThanAllowedAreUpAtOnce) {
 
 TEST_F(DriverTest, CommandsRunInTheOrderOfTheirTimes) {
     plan_.free_running = false;
-    plan_.schedule.length = Span{0.1, 0.1};
+    plan_.schedule.length_s = Span{0.1, 0.1};
     plan_.commands = {{0.01, "status {n}"}, {0.02, "status {uuid}"}};
     const RunTotals totals = run();
     EXPECT_EQ(events_.all, (Texts{"begun 1", "untapped 1", "ran 1 status 1",
@@ -143,7 +143,7 @@ TEST_F(DriverTest, ACommandCanComeBeforeTheApplication) {
 
 TEST_F(DriverTest, APlannedHangUpEndsACallWhoseAudioGoesOn) {
     plan_.free_running = false;
-    plan_.schedule.length = Span{60, 60};
+    plan_.schedule.length_s = Span{60, 60};
     plan_.hangup_s = 0.05;
     const RunTotals totals = run();
     EXPECT_EQ(totals.calls_ended, 1u);
@@ -153,7 +153,7 @@ TEST_F(DriverTest, APlannedHangUpEndsACallWhoseAudioGoesOn) {
 
 TEST_F(DriverTest, AnInterruptedRunHangsUpWhatIsLeft) {
     plan_.free_running = false;
-    plan_.schedule.length = Span{60, 60};
+    plan_.schedule.length_s = Span{60, 60};
     plan_.schedule.calls = 3;
     events_.stop_at_progress = &stop_;
     const RunTotals totals = run();
@@ -164,7 +164,7 @@ TEST_F(DriverTest, AnInterruptedRunHangsUpWhatIsLeft) {
 
 TEST_F(DriverTest, FaultsAreSwitchedAtTheirTimes) {
     plan_.free_running = false;
-    plan_.schedule.length = Span{0.2, 0.2};
+    plan_.schedule.length_s = Span{0.2, 0.2};
     plan_.faults = {parse_fault("null-frame@0.02-0.04")};
     run();
     EXPECT_EQ(events_.all,

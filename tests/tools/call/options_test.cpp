@@ -20,7 +20,7 @@ using Variable = std::pair<std::string, std::string>;
 TEST_F(OptionsTest, WithoutOptionsTonesGoToTheUsualMediaNode) {
     EXPECT_FALSE(parse({}));
     EXPECT_EQ(options_.module.options, (ModuleOptions{{"media_node", "127.0.0.1:40000"}}));
-    EXPECT_EQ(options_.plan.schedule.length->min_s, 5);
+    EXPECT_EQ(options_.plan.schedule.length_s->min, 5);
     EXPECT_EQ(options_.plan.schedule.calls, 1u);
     EXPECT_EQ(options_.module.module_path, "");
 }
@@ -28,7 +28,7 @@ TEST_F(OptionsTest, WithoutOptionsTonesGoToTheUsualMediaNode) {
 TEST_F(OptionsTest, FilesPlayAsLongAsTheyLast) {
     EXPECT_FALSE(parse({"--read", "a.wav"}));
     EXPECT_EQ(options_.read_path, "a.wav");
-    EXPECT_FALSE(options_.plan.schedule.length);
+    EXPECT_FALSE(options_.plan.schedule.length_s);
 }
 
 TEST_F(OptionsTest, AConfigurationFileNamesTheMediaNodeItself) {
@@ -80,8 +80,8 @@ TEST_F(OptionsTest, ManyCallsHaveARateAndALength) {
                         "--seed", "3", "--repeat", "--direction", "outbound"}));
     EXPECT_EQ(options_.plan.schedule.calls, 2000u);
     EXPECT_EQ(options_.plan.schedule.rate, 50);
-    EXPECT_EQ(options_.plan.schedule.length->min_s, 20);
-    EXPECT_EQ(options_.plan.schedule.length->max_s, 40);
+    EXPECT_EQ(options_.plan.schedule.length_s->min, 20);
+    EXPECT_EQ(options_.plan.schedule.length_s->max, 40);
     EXPECT_EQ(options_.plan.concurrent, 7u);
     EXPECT_EQ(options_.plan.schedule.seed, 3u);
     EXPECT_EQ(options_.plan.afterwards, Afterwards::REPEAT);
@@ -148,8 +148,8 @@ TEST_F(OptionsTest, NetworkLosesDuplicatesReordersAndDelays) {
     EXPECT_EQ(options_.network.lose_percent, 1.5);
     EXPECT_EQ(options_.network.duplicate_percent, 2);
     EXPECT_EQ(options_.network.reorder_packets, 3u);
-    EXPECT_EQ(options_.network.delay_ms.min_s, 10);
-    EXPECT_EQ(options_.network.delay_ms.max_s, 20.5);
+    EXPECT_EQ(options_.network.delay_ms.min, 10);
+    EXPECT_EQ(options_.network.delay_ms.max, 20.5);
 }
 
 TEST_F(OptionsTest, NetworkThatMakesNoSenseIsRefused) {

@@ -28,7 +28,7 @@ TEST(ScheduleTest, WithoutALengthCallsLastAsLongAsTheirAudio) {
 
 TEST(ScheduleTest, RandomLengthsStayInTheirSpanAndDiffer) {
     auto plan = plan_of(100, 10);
-    plan.length = Span{20, 40};
+    plan.length_s = Span{20, 40};
     std::set<double> lengths;
     for (const CallTimes& times : plan_calls(plan)) {
         EXPECT_GE(*times.length_s, 20);
@@ -42,13 +42,13 @@ TEST(ScheduleTest, RandomLengthsStayInTheirSpanAndDiffer) {
 
 TEST(ScheduleTest, AFixedLengthIsExact) {
     auto plan = plan_of(2, 10);
-    plan.length = Span{7.5, 7.5};
+    plan.length_s = Span{7.5, 7.5};
     EXPECT_EQ(plan_calls(plan)[1].length_s, 7.5);
 }
 
 TEST(ScheduleTest, TheSameSeedGivesTheSameTimesAndAnotherOthers) {
     auto plan = plan_of(5, 10);
-    plan.length = Span{1, 2};
+    plan.length_s = Span{1, 2};
     const auto first = plan_calls(plan);
     EXPECT_EQ(plan_calls(plan)[4].length_s, first[4].length_s);
     EXPECT_EQ(plan_calls(plan)[4].phase, first[4].phase);
