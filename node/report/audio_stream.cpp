@@ -13,8 +13,10 @@ namespace qv::node {
 
 namespace {
 
-// Audio of a side that may wait until the sample rate is known: eight seconds at 8 kHz.
+// Audio of a side that may wait until the sample rate is known: seven seconds at 8 kHz. What a part
+// of it takes by itself counts as this many samples, because packets may have few or none.
 constexpr std::uint64_t MOST_HELD_SAMPLES = 64ULL * 1024;
+constexpr std::uint64_t PART_SIZE = 32;
 // Of a chunk: a quarter of a megabyte, of which servers take four times as much unless they are
 // set up otherwise.
 constexpr std::size_t MOST_CHUNK_SAMPLES = 128ULL * 1024;
@@ -99,7 +101,7 @@ class StreamedCall : public CallListener {
 
     struct Track {
         std::vector<Part> held;          // Until the rate is known.
-        std::uint64_t held_samples = 0;  // Of audio.
+        std::uint64_t held_samples = 0;  // With PART_SIZE for each part.
         int rate = 0;                    // 0 until it is known.
         std::vector<std::int16_t> block;
         std::int64_t send_time = 0;  // Of the first sample of the block.
@@ -122,7 +124,7 @@ class StreamedCall : public CallListener {
             pass(side, part);
             return;
         }
-        into.held_samples += part.samples.size();
+        into.held_samples += part.samples.size() + PART_SIZE;
         into.held.push_back(std::move(part));
         if (into.held_samples >= MOST_HELD_SAMPLES) {
             release(side, call_.decide_rate(side));
