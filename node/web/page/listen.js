@@ -43,13 +43,8 @@ export class Listener {
   constructor({send, on_change}) {
     this.send = send;
     this.on_change = on_change;
-    this.call = null;
-    this.sides = null;
-    this.context = null;
-    this.node = null;
     this.volume = 1;
-    this.delay_ms = null;
-    this.age_ms = null;
+    this.close();
   }
 
   // To be called from a click or a key, because browsers play nothing unasked.
