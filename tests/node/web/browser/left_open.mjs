@@ -101,7 +101,10 @@ function trend(times, numbers) {
 console.log(`${passed().toFixed(0)} s, the sender's clock ${values.ppm} ppm fast`);
 console.log(`delay: median ${median(measured).toFixed(0)} ms, ${range(measured)} ms measured; ` +
             `median ${median(delays)} ms, ${range(delays)} ms shown`);
-console.log(`trend: ${trend(measured_at, measured).toFixed(1)} ms per minute`);
+const by_minute = Array.from({length: Math.ceil(passed() / 60)}, (_, minute) =>
+  median(measured.filter((_, i) => Math.floor(measured_at[i]) === minute)));
+console.log(`trend: ${trend(measured_at, measured).toFixed(1)} ms per minute; ` +
+            `medians by minute: ${by_minute.map((one) => one?.toFixed(0)).join(" ")} ms`);
 console.log(`breaks: ${broken} in ${samples} samples of both sides`);
 console.log(`memory: ${(first / 1e6).toFixed(2)} MB after ${warm_up.toFixed(0)} s, ` +
             `${(last / 1e6).toFixed(2)} MB at the end; ${others.length} calls began`);
