@@ -53,16 +53,16 @@ TEST(RecentNamesTest, NameThatIsForgottenMakesRoom) {
 
 TEST(RecentNamesTest, ManyNamesAreKnown) {
     RecentNames names(1 << 16);
-    constexpr int half = 1 << 15;
-    for (int number = 0; number < 10 * half; ++number) {
+    constexpr int HALF = 1 << 15;
+    for (int number = 0; number < 10 * HALF; ++number) {
         names.add(name(number));
     }
     int known = 0;
-    for (int number = 9 * half; number < 10 * half; ++number) {
+    for (int number = 9 * HALF; number < 10 * HALF; ++number) {
         known += names.has(name(number)) ? 1 : 0;
     }
-    EXPECT_GT(known, half * 95 / 100);
-    for (int number = 10 * half; number < 11 * half; ++number) {
+    EXPECT_GT(known, HALF * 95 / 100);
+    for (int number = 10 * HALF; number < 11 * HALF; ++number) {
         ASSERT_FALSE(names.has(name(number)));
     }
 }
