@@ -93,6 +93,7 @@ void Engine::run() {
 }
 
 void Engine::run_spool() {
+    tools::lower_priority(tools::Priority::BUFFERED);
     while (wait_for_spool_work()) {
         write_spool();
     }

@@ -1,8 +1,10 @@
 #include "node/engine/nats_link.h"
 
 #include <array>
+#include <thread>
 
 #include "node/engine/nats_options.h"
+#include "tools/thread_priority.h"
 
 namespace qv::node::nats {
 
@@ -118,6 +120,11 @@ void Link::remove_callback() {
 }
 
 std::string Link::open() {
+    // The threads that the library begins with have the priority of the one that starts them.
+    std::thread([] {
+        tools::lower_priority(tools::Priority::BUFFERED);
+        nats_Open(-1);
+    }).join();
     std::string error;
     options_ = make_options(settings_, error);
     if (error.empty()) {

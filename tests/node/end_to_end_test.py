@@ -256,6 +256,13 @@ needs_no_descriptor_of_its_own = unittest.skipIf(
     watched_by_a_sanitizer(), "the undefined behaviour sanitizer needs descriptors itself")
 
 
+def normal_threads(process):
+    """The names of its threads that have no lower priority."""
+    tasks = pathlib.Path(f"/proc/{process}/task").iterdir()
+    return sorted((task / "comm").read_text().strip() for task in tasks
+                  if (task / "stat").read_text().rsplit(")", 1)[1].split()[16] == "0")
+
+
 class Node:
     """A running receiver, its folder and its output. With `disk` the folder is a file system
     of that size."""

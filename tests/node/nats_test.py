@@ -17,7 +17,7 @@ import time
 import unittest
 
 from end_to_end_test import (NODE, OTHER_ARGUMENTS, Counters, Node, data, golden, may_mount,
-                             of_call, uuid_of)
+                             normal_threads, of_call, uuid_of, watched_by_a_sanitizer)
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 WORKER = ROOT / "examples" / "fleet" / "worker.py"
@@ -448,6 +448,12 @@ class NatsTest(Fixture):
         self.assertEqual(node.stop(), 0)
         self.assert_all_stored(server)
         self.assertEqual(list((self.home / "spool").glob("*.events"))[1:], [])
+
+    @unittest.skipIf(watched_by_a_sanitizer(), "the sanitizer has threads of its own")
+    def test_threads_for_nats_have_a_lower_priority_than_receiving(self):
+        node = self.node("--nats-spool", str(self.home / "spool"), url=self.server().url)
+        node.wait_for("nats stream")
+        wait_until(lambda: normal_threads(node.process.pid) == ["quorvane-node"], "lowered")
 
     def test_events_that_the_spool_cannot_take_count_as_left(self):
         with Node("--nats-spool", str(self.home / "spool"), "--packets", "--no-sides", "--nats",

@@ -14,7 +14,7 @@ import time
 import unittest
 import urllib.request
 
-from end_to_end_test import (NODE, OTHER_ARGUMENTS, STOPPED_DISK, golden, samples,
+from end_to_end_test import (NODE, OTHER_ARGUMENTS, STOPPED_DISK, golden, normal_threads, samples,
                              watched_by_a_sanitizer)
 
 THREADS = 2
@@ -201,12 +201,8 @@ class ThreadsTest(unittest.TestCase):
     @unittest.skipIf(watched_by_a_sanitizer(), "the sanitizer has threads of its own")
     def test_whatever_can_wait_has_a_lower_priority_than_receiving(self):
         self.start("--http", "0", "--sync", "1", "--keep", "1d")
-
-        def normal():
-            tasks = pathlib.Path("/proc/%d/task" % self.node.pid).iterdir()
-            return sorted((task / "comm").read_text().strip() for task in tasks
-                          if (task / "stat").read_text().rsplit(")", 1)[1].split()[16] == "0")
-        self.wait_for(lambda: normal() == ["quorvane-node", "receiver-0", "receiver-1"])
+        self.wait_for(lambda: normal_threads(self.node.pid) ==
+                      ["quorvane-node", "receiver-0", "receiver-1"])
 
     def test_signals_concern_all_threads(self):
         calls = range(1, 41)
