@@ -1,5 +1,6 @@
 #include "node/web/call_board.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace qv::node::web {
@@ -7,17 +8,17 @@ namespace qv::node::web {
 std::shared_ptr<CallRecord> CallBoard::add(const Uuid& uuid, Micros began, Micros first_seen) {
     const LockGuard lock(mutex_);
     const std::uint64_t id = ++ids_;
-    return records_.emplace(id, std::make_shared<CallRecord>(id, uuid, began, first_seen, wishes_))
-        .first->second;
+    records_.push_back(std::make_shared<CallRecord>(id, uuid, began, first_seen, wishes_));
+    return records_.back();
 }
 
 void CallBoard::finish(std::shared_ptr<const FinishedCall> call) {
     std::shared_ptr<const FinishedCall> oldest;  // Freed after the lock.
     std::shared_ptr<CallRecord> record;
     const LockGuard lock(mutex_);
-    const auto found = records_.find(call->id);
+    const auto found = place_of(call->id);
     if (found != records_.end()) {
-        record = std::move(found->second);
+        record = *found;
         records_.erase(found);
     }
     finished_.calls.push_back(std::move(call));
@@ -35,8 +36,16 @@ CallBoard::Records CallBoard::records() const {
 
 std::shared_ptr<CallRecord> CallBoard::find(std::uint64_t id) const {
     const LockGuard lock(mutex_);
-    const auto found = records_.find(id);
-    return found == records_.end() ? nullptr : found->second;
+    const auto found = place_of(id);
+    return found == records_.end() ? nullptr : *found;
+}
+
+// Returns the end if there is no such call.
+CallBoard::Records::const_iterator CallBoard::place_of(std::uint64_t id) const {
+    const auto found = std::lower_bound(
+        records_.begin(), records_.end(), id,
+        [](const auto& record, std::uint64_t sought) { return record->id() < sought; });
+    return found != records_.end() && (*found)->id() == id ? found : records_.end();
 }
 
 CallBoard::Finished CallBoard::finished() const {

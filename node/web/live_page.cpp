@@ -15,6 +15,7 @@ namespace qv::node::web {
 namespace {
 
 constexpr std::uint64_t SHOWN_COLUMNS = 600;  // 30 s.
+constexpr Micros AUDIO_INTERVAL{25'000};
 static_assert(SHOWN_COLUMNS <= WaveRing::READABLE);
 constexpr Micros LONGEST_SILENCE{5'000'000};
 
@@ -158,6 +159,11 @@ std::vector<LiveMessage> LivePage::due(Micros now) {
         said_at_ = now;
     }
     return std::exchange(waiting_, {});
+}
+
+Micros LivePage::interval() {
+    const LockGuard lock(mutex_);
+    return listening_.has_value() ? AUDIO_INTERVAL : LiveRows::FRAME;
 }
 
 void LivePage::add_calls(const LiveFrame& frame) {

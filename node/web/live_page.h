@@ -51,10 +51,11 @@ class LivePage {
     static constexpr std::size_t MOST_WAITING = 100;
     bool take(std::string_view text, Micros now) QV_EXCLUDES(mutex_);
 
-    // Returns the messages that the page gets now. Call it every INTERVAL, on the steady clock of
-    // the node.
-    static constexpr Micros INTERVAL{25'000};
+    // Returns the messages that the page gets now, on the steady clock of the node. Call it every
+    // interval(), and after take().
     std::vector<LiveMessage> due(Micros now) QV_EXCLUDES(mutex_);
+    // Short only while the page listens.
+    Micros interval() QV_EXCLUDES(mutex_);
 
   private:
     // What the page has been sent of a call.

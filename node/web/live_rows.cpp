@@ -25,7 +25,8 @@ std::shared_ptr<const LiveFrame> LiveRows::frame(Micros now) {
     auto frame = std::make_shared<LiveFrame>();
     frame->rows.reserve(records.size());
     auto known = known_.begin();
-    for (const auto& [id, record] : records) {
+    for (const auto& record : records) {
+        const std::uint64_t id = record->id();
         while (known != known_.end() && known->first < id) {
             known = known_.erase(known);
         }

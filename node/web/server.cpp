@@ -198,9 +198,10 @@ class Connection {
     }
 
     bool wait() {
+        const auto until = std::chrono::steady_clock::now() + page_->interval();
         const LockGuard lock(mutex_);
         if (!over_) {
-            changed_.wait_until(mutex_, std::chrono::steady_clock::now() + LivePage::INTERVAL);
+            changed_.wait_until(mutex_, until);
         }
         return !over_;
     }

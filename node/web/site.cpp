@@ -46,10 +46,10 @@ std::string list_of(const std::vector<std::string>& texts) {
 // The latest of that UUID, or null.
 std::shared_ptr<CallRecord> find_present(const CallBoard::Records& records,
                                          const std::string& uuid) {
-    const auto found = std::find_if(records.rbegin(), records.rend(), [&uuid](const auto& entry) {
-        return uuid_text(entry.second->uuid()) == uuid;
+    const auto found = std::find_if(records.rbegin(), records.rend(), [&uuid](const auto& record) {
+        return uuid_text(record->uuid()) == uuid;
     });
-    return found == records.rend() ? nullptr : found->second;
+    return found == records.rend() ? nullptr : *found;
 }
 
 // A picture has a style of its own. It comes with the texts of a call, so nothing in it may run.

@@ -42,7 +42,7 @@ TEST_F(CallBoardTest, ACallThatHasEndedIsFinishedAndNotFound) {
     finish(1);
     EXPECT_EQ(board_.find(1), nullptr);
     EXPECT_EQ(board_.records().size(), 1u);
-    EXPECT_EQ(board_.records().begin()->first, 2u);
+    EXPECT_EQ(board_.records().front()->id(), 2u);
     ASSERT_EQ(board_.finished().calls.size(), 1u);
     EXPECT_EQ(board_.finished().calls[0]->id, 1u);
     EXPECT_EQ(board_.finished_end(), 1u);

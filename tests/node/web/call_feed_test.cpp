@@ -19,7 +19,7 @@ class CallFeedTest : public tests::NodeCallTest {
     // The only call that goes on.
     std::shared_ptr<CallRecord> record() const {
         const CallBoard::Records records = board_.records();
-        return records.size() == 1 ? records.begin()->second : nullptr;
+        return records.size() == 1 ? records.front() : nullptr;
     }
 
     // A packet of the originator with that number, which counts from 1, in time. All its samples

@@ -167,7 +167,7 @@ TEST_F(LivePageTest, ListeningIsNoticedFromItsBeginningToItsEnd) {
     const auto call = begin_call();
     take(R"({"type":"listen","call":1,"sides":"both"})");
     EXPECT_EQ(after(Micros{0}, "listening").size(), 1U);
-    EXPECT_TRUE(after(LivePage::INTERVAL, "listening").empty());
+    EXPECT_TRUE(after(Micros{25'000}, "listening").empty());
     ASSERT_EQ(notices_.size(), 1U);
     EXPECT_EQ(notices_[0].sides, "both");
     EXPECT_FALSE(notices_[0].seconds.has_value());
@@ -176,6 +176,15 @@ TEST_F(LivePageTest, ListeningIsNoticedFromItsBeginningToItsEnd) {
     EXPECT_EQ(after(Micros{0}, "stopped").at(0).at("reason"), "stopped");
     ASSERT_EQ(notices_.size(), 2U);
     EXPECT_NEAR(*notices_[1].seconds, 2.025, 0.001);
+}
+
+TEST_F(LivePageTest, OnlyAPageThatListensIsServedMoreOftenThanTenTimesASecond) {
+    const auto call = begin_call();
+    EXPECT_EQ(page_->interval(), Micros{100'000});
+    take(R"({"type":"listen","call":1,"sides":"both"})");
+    EXPECT_EQ(page_->interval(), Micros{25'000});
+    take(R"({"type":"stop"})");
+    EXPECT_EQ(page_->interval(), Micros{100'000});
 }
 
 TEST_F(LivePageTest, AnEndOfTheCallEndsTheListening) {
