@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
 """Measures what the page costs the receiver: runs it under the calls of node_load without --http,
 with it, and with pages open, in turn, and compares the processor time per packet. Each page watches
-100 calls and has one open; one page listens.
+100 calls and has one open; one page listens. The receiver has one core, the sender another. The
+time is taken while the calls go on, without their beginning and end.
 
   bench/page_load.py [--build FOLDER] [--calls 1000] [--seconds 10] [--rounds 3] [--pages 3]
+                     [--short]
 """
 import argparse
 import pathlib
@@ -15,6 +17,8 @@ import tempfile
 import threading
 import time
 
+PACKETS_PER_SECOND = 100  # Of a call.
+BEGINNING, END = 1.5, 0.5  # Seconds that are not counted.
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tests" / "node"))
 from web_client import Page  # pylint: disable=wrong-import-position
@@ -56,17 +60,17 @@ def run(arguments, kind):
         options = ["--http", "0"] if kind != "without" else []
         with open(log, "w", encoding="utf-8") as out:
             node = subprocess.Popen(
-                ["chrt", "-r", "1", "taskset", "-c", "0", build / "quorvane-node", "--listen", "127.0.0.1:0",
+                ["taskset", "-c", "0", build / "quorvane-node", "--listen", "127.0.0.1:0",
                  "--output", home + "/wav", "--quiet", "--calls", str(arguments.calls),
                  "--idle-exit", "30", *options], stdout=out, stderr=subprocess.STDOUT)
         while "writing to" not in log.read_text() or (options and "page" not in log.read_text()):
             time.sleep(0.05)
         port = re.search(r"listening on (\S+)", log.read_text())[1]
         over, threads, received = threading.Event(), [], [0] * arguments.pages
-        begin = times(node)
-        sender = subprocess.Popen(["chrt", "-r", "1", "taskset", "-c", "1", build / "bench" / "node_load", "send", port,
-                                   str(arguments.calls), str(arguments.seconds)],
-                                  stdout=subprocess.DEVNULL)
+        sender = subprocess.Popen(
+            ["taskset", "-c", "1", build / "bench" / "node_load", "send", port,
+             str(arguments.calls), str(arguments.seconds)], stdout=subprocess.DEVNULL)
+        began = time.monotonic()
         if kind == "pages":
             page_port = int(re.search(r"page +http://[\d.]+:(\d+)", log.read_text())[1])
             time.sleep(0.3)
@@ -74,8 +78,11 @@ def run(arguments, kind):
                        for number in range(arguments.pages)]
             for thread in threads:
                 thread.start()
+        time.sleep(began + BEGINNING - time.monotonic())
+        first, first_at = times(node), time.monotonic()
+        time.sleep(began + arguments.seconds - END - time.monotonic())
+        last, last_at = times(node), time.monotonic()
         sender.wait()
-        end = times(node)
         over.set()
         for thread in threads:
             thread.join()
@@ -84,8 +91,8 @@ def run(arguments, kind):
             sys.exit("the socket dropped packets")
         subprocess.run([build / "bench" / "node_load", "check", home + "/wav",
                         str(arguments.calls)], check=True, stdout=subprocess.DEVNULL)
-    packets = arguments.calls * (100 * arguments.seconds + 2)
-    return [(after - before) / packets / 1000 for before, after in zip(begin, end)] + [
+    packets = arguments.calls * PACKETS_PER_SECOND * (last_at - first_at)
+    return [(after - before) / packets / 1000 for before, after in zip(first, last)] + [
         sum(received) / arguments.seconds]
 
 
@@ -100,6 +107,8 @@ def main():
     parser.add_argument("--short", action="store_true", help="leave out a page that nobody opens")
     arguments = parser.parse_args()
     kinds = ["without", "pages"] if arguments.short else ["without", "served", "pages"]
+    if arguments.seconds < 4:
+        parser.error("--seconds: at least 4")
     results = {kind: [] for kind in kinds}
     for number in range(arguments.rounds):
         for kind in kinds[number % len(kinds):] + kinds[:number % len(kinds)]:
