@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -104,16 +105,34 @@ void recover(const std::string& folder, const std::string& name, const WavFormat
     leftovers.push_back(std::move(leftover));
 }
 
+// Reads the next line that may name a file. Returns false if there is none. Longer lines are passed
+// over, and the list ends at one that has no end: any user may have put a list there.
+bool next_line(std::istream& lines, std::string& line) {
+    constexpr std::streamsize longest_ignored = 1 << 20;
+    std::array<char, 512> read{};  // A name has at most 255 bytes.
+    while (!lines.getline(read.data(), read.size())) {
+        if (lines.eof() || lines.gcount() == 0) {
+            return false;
+        }
+        lines.clear();
+        if (lines.ignore(longest_ignored, '\n').gcount() == longest_ignored) {
+            return false;
+        }
+    }
+    line = read.data();
+    return true;
+}
+
 // Calls `use` for each file on the list at that path, with its name and its format.
 template <typename Use>
 void for_each_listed(const std::string& path, Use use) {
     std::ifstream lines(path);
     std::string line;
-    while (std::getline(lines, line)) {
+    while (next_line(lines, line)) {
         std::istringstream words(line);
         WavFormat format;
         std::string name;
-        // The last line may have been cut off, and any user may have put a list there.
+        // The last line may have been cut off.
         if (words >> format.sample_rate >> format.channels >> name && format.sample_rate > 0 &&
             (format.channels == 1 || format.channels == 2) && name.find('/') == std::string::npos) {
             use(name, format);

@@ -188,6 +188,14 @@ TEST_F(OpenListTest, LinesThatNameNoFileOfTheFolderAreIgnored) {
     EXPECT_EQ(fs::file_size(path("a.wav")), 46u);
 }
 
+TEST_F(OpenListTest, LongLinesArePassedOverAndOneWithoutEndEndsTheList) {
+    const std::string name = "8000 1 " + std::string(504, 'n');
+    put_list(name + '\n' + name + "n\n8000 1 one.wav\n" + std::string(1'000'000, 'x') +
+             "\n8000 2 two.wav\n" + std::string(3'000'000, 'x') + "\n8000 1 three.wav\n");
+    EXPECT_EQ(listed_names(path(".quorvane-node-open-abcdef")),
+              (std::vector<std::string>{std::string(504, 'n'), "one.wav", "two.wav"}));
+}
+
 TEST_F(OpenListTest, FilesOfARunThatLivesAreLeftAlone) {
     WavFolder living(folder_, 8, false);
     const auto file = living.create("a.wav", 8000, 1);
