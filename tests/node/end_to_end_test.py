@@ -300,7 +300,7 @@ class Node:
         lines = [line for line in self.text().splitlines() if line.startswith("{")]
         return [event for event in map(json.loads, lines) if kind in (None, event["event"])]
 
-    def wait_for(self, pattern, seconds=20):
+    def wait_for(self, pattern, seconds=60):
         """Waits for what the node writes: for an event, or for a line of that kind. The texts of
         lines may change; patterns use their kinds, numbers and names."""
         end = time.monotonic() + seconds
