@@ -1,5 +1,7 @@
 """What quorvane-node hears in calls whose sound is known: activity, samples, recordings."""
 import array
+import heapq
+import itertools
 import json
 import math
 import pathlib
@@ -64,7 +66,8 @@ class SentCall:
     def __init__(self, node, number, supported=ALL_FEATURES, active=0, report_node=None):
         self.node, self.number = node, number
         self.time = 1_000_000
-        self.sent = [0, 0]  # Packets of each side.
+        self.sent = [0, 0]  # Packets of each side,
+        self.spoken = [0, 0]  # and their samples.
         start = bytearray(self.timed(golden("call_1_start")))
         start[78:80] = bytes([supported, active])
         flags, = struct.unpack_from("<H", start, 6)
@@ -84,10 +87,10 @@ class SentCall:
 
     def data(self, side, sound):
         self.sent[side] += 1
-        number = self.sent[side]
         head = self.timed(golden(("call_2_read", "call_3_write")[side]))[:40]
-        return (head + struct.pack("<IIH", number, (number - 1) * FRAME, len(sound)) +
-                struct.pack(f"<{len(sound)}h", *sound))
+        fixed = struct.pack("<IIH", self.sent[side], self.spoken[side], len(sound))
+        self.spoken[side] += len(sound)
+        return head + fixed + struct.pack(f"<{len(sound)}h", *sound)
 
     def speak(self, *sounds):
         """The sounds of the sides at once, in frames of 20 ms."""
@@ -97,6 +100,19 @@ class SentCall:
                 frame = sound[begin:begin + FRAME]
                 if frame:
                     self.send(self.data(side, frame))
+
+    def datagrams(self, side, sound, lengths):
+        """The sound in frames of these lengths in turn, each with its send time."""
+        begun, said = self.time, 0
+        made = []
+        for length in itertools.cycle(lengths):
+            if said == len(sound):
+                self.time = begun
+                return made
+            frame = sound[said:said + length]
+            said += len(frame)
+            self.time = begun + said * 1_000_000 // RATE
+            made.append((self.time, self.data(side, frame)))
 
     def switch(self, supported, active):
         control = bytearray(self.timed(golden("call_6_control")))
@@ -109,6 +125,21 @@ class SentCall:
         self.node.wait_for(uuid + "  end ")
         if self.node.events():  # They are written after the lines.
             self.node.wait_for(f'"event":"end".*{uuid}|{uuid}.*"event":"end"')
+
+
+def in_disorder(datagrams, choice):
+    """Loses some, one or three in a row; doubles some; lets some be overtaken by up to five."""
+    arrivals = []
+    for number, datagram in enumerate(datagrams):
+        copies = 2 if choice.random() < 0.05 else 1
+        for _ in range(copies):
+            late = choice.uniform(1, 5) if choice.random() < 0.1 else 0
+            arrivals.append((number + late, datagram))
+    lost = set()
+    while len(lost) < len(datagrams) // 30:
+        first = choice.randrange(1, len(datagrams) - 3)
+        lost.update(datagrams[first:first + choice.choice((1, 3))])
+    return [datagram for _, datagram in sorted(arrivals) if datagram not in lost]
 
 
 def events_of(node, kind, number, side="originator"):
@@ -197,6 +228,45 @@ class Hearing(unittest.TestCase):
                 self.assertGreater(found["score"], 0.3)
                 self.assertLessEqual(found["score"], 1)
                 self.assertEqual(node.events("activity"), [])
+
+    def test_odd_frames_in_disorder_are_heard_once_and_in_their_places(self):
+        # Frames of 7 ms, of about 4 ms, and of another length each time.
+        calls = {1: ((56,), (33,)), 2: ((33,), (56,)), 3: ((1, 247, 33, 160, 80, 7), (661, 5))}
+        sounds = (silence(1) + buzz(2, 42) + silence(1) + buzz(2, 43) + silence(1),
+                  silence(1.5) + buzz(2, 43) + silence(1))
+        places = ([("greeting", 1), ("notice", 4)], [("notice", 1.5)])
+        choice = random.Random(11)
+        with tempfile.TemporaryDirectory() as folder:
+            write_wav(pathlib.Path(folder) / "greeting.wav", buzz(2, 42))
+            write_wav(pathlib.Path(folder) / "notice.wav", buzz(2, 43))
+            for options in ((), ("--rate", str(RATE))):
+                with Node("--events", "-", "--samples", folder, *options) as node:
+                    for number, lengths in calls.items():
+                        call = SentCall(node, number, active=ALL_FEATURES)
+                        sides = [call.datagrams(side, sounds[side], lengths[side])
+                                 for side in (ORIGINATOR, TERMINATOR)]
+                        for datagram in in_disorder([each for _, each in heapq.merge(*sides)],
+                                                    choice):
+                            call.send(datagram)
+                        call.time += len(sounds[ORIGINATOR]) * 1_000_000 // RATE
+                        call.end()
+                        self.check_heard(node, number, places)
+
+    def check_heard(self, node, number, places):
+        """That each side has exactly these samples of two seconds, and nothing else."""
+        end, = [event for event in node.events("end") if event["call_uuid"] == uuid_of(number)]
+        for side, expected in zip(("originator", "terminator"), places):
+            for count in ("lost_packets", "reordered_packets", "duplicated_packets"):
+                self.assertGreater(end["sides"][side][count], 0, (number, side))
+            found = events_of(node, "sample", number, side)
+            self.assertEqual([each["sample"] for each in found], [name for name, _ in expected])
+            for each, (_, second) in zip(found, expected):
+                self.near(each["position"], second * RATE)
+            changes = events_of(node, "activity", number, side)
+            self.assertEqual([each["active"] for each in changes], len(expected) * [True, False])
+            seconds = [second for _, begin in expected for second in (begin, begin + 2)]
+            for each, second in zip(changes, seconds):
+                self.near(each["position"], second * RATE)
 
     def test_folder_of_samples_is_read_again_when_the_node_is_asked_to(self):
         with tempfile.TemporaryDirectory() as folder:
