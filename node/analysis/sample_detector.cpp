@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "node/analysis/peak_match.h"
+#include "node/analysis/place_filter.h"
 
 namespace qv::node::analysis {
 
@@ -20,10 +21,6 @@ constexpr std::uint32_t VOTE_LIFE = 64;
 constexpr int EVIDENCE_WANTED = 24;
 constexpr int EVIDENCE_PER_DOUBLING = 6;
 constexpr int MANY_DOUBLINGS = 10;
-// A landmark gives as much evidence as its frames have reliable bits, less this for each bit that
-// the side has not. If too little is left, it does not count.
-constexpr int DIFFERENT_BIT = 2;
-constexpr int LEAST_EVIDENCE = SampleIndex::LEAST_RELIABLE;
 
 // Bits count less than their probability alone suggests, because the bits of overlapping frames
 // depend on each other.
@@ -64,28 +61,18 @@ constexpr std::uint64_t SILENCE_HEARD_S = 1;
 constexpr std::uint64_t STEP_S = 2;
 constexpr std::int64_t STEP_FRAMES = STEP_S * ANALYSIS_RATE / HOP;
 
-// How many bits of each byte are set. Not written with the processor's instruction, which not every
-// processor has.
-std::uint64_t bits_of_bytes(std::uint32_t first, std::uint32_t second) {
-    std::uint64_t word = first | (std::uint64_t{second} << 32);
-    word -= (word >> 1) & 0x5555555555555555u;
-    word = (word & 0x3333333333333333u) + ((word >> 2) & 0x3333333333333333u);
-    return (word + (word >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
-}
-
-// How many bits of both words together are set.
-int count_bits(std::uint32_t first, std::uint32_t second) {
-    return static_cast<int>((bits_of_bytes(first, second) * 0x0101010101010101u) >> 56);
-}
-
 struct BitCounts {
     int first;
     int second;
 };
 
-// How many bits of each word are set.
+// How many bits of each word are set. Not written with the processor's instruction, which not every
+// processor has.
 BitCounts count_bits_of_each(std::uint32_t first, std::uint32_t second) {
-    std::uint64_t word = bits_of_bytes(first, second);
+    std::uint64_t word = first | (std::uint64_t{second} << 32);
+    word -= (word >> 1) & 0x5555555555555555u;
+    word = (word & 0x3333333333333333u) + ((word >> 2) & 0x3333333333333333u);
+    word = (word + (word >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
     word += word >> 8;
     word += word >> 16;
     return {static_cast<int>(word & 0x3F), static_cast<int>((word >> 32) & 0x3F)};
@@ -105,13 +92,6 @@ std::uint8_t evidence_wanted(std::size_t references) {
         wanted += EVIDENCE_PER_DOUBLING;
     }
     return static_cast<std::uint8_t>(wanted);
-}
-
-// Returns how much the frames of both peaks sound like those of the side.
-int evidence_of(const SampleIndex::Place& place, std::uint32_t first, std::uint32_t second) {
-    return count_bits(place.first.mask, place.second.mask) -
-           DIFFERENT_BIT * count_bits((place.first.bits ^ first) & place.first.mask,
-                                      (place.second.bits ^ second) & place.second.mask);
 }
 
 std::uint32_t vote_key(std::uint32_t reference, std::int64_t begin) {
@@ -249,30 +229,20 @@ void SampleDetector::remember() {
 }
 
 void SampleDetector::vote(const AllPlaces& places) {
-    struct Like {
-        const SampleIndex::Place* place;
-        int evidence;
-    };
-    std::array<Like, SampleIndex::MOST_PLACES> likes;
+    static const PlaceFilter filter = fastest_place_filter();
+    std::array<Alike, SampleIndex::MOST_PLACES> alike;
     for (std::size_t i = 0; i < fingerprint_.landmark_count(); ++i) {
         const Landmark& landmark = fingerprint_.landmarks()[i];
         const std::int64_t at = frame_ - landmark.age;
         if (at < first_) {
             continue;
         }
-        const std::uint32_t first = heard(at).bits;
-        const std::uint32_t second =
-            heard(frame_ - static_cast<std::int64_t>(Fingerprint::REACH)).bits;
-        // Few places sound like the side. They are collected without branches, which would be
-        // predicted wrongly.
-        std::size_t count = 0;
-        for (const SampleIndex::Place* each = places[i].begin; each != places[i].end; ++each) {
-            likes[count] = {each, evidence_of(*each, first, second)};
-            count += likes[count].evidence >= LEAST_EVIDENCE ? 1 : 0;
-        }
+        const SampleIndex::BitsOfPair bits{
+            heard(at).bits, heard(frame_ - static_cast<std::int64_t>(Fingerprint::REACH)).bits};
+        const std::size_t count = filter(places[i], bits, alike.data());
         for (std::size_t k = 0; k < count; ++k) {
-            const SampleIndex::Place& place = *likes[k].place;
-            vote_for(place.reference, at - place.frame, likes[k].evidence);
+            const SampleIndex::Place& place = *alike[k].place;
+            vote_for(place.reference, at - place.frame, alike[k].evidence);
         }
     }
 }

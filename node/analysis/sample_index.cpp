@@ -274,8 +274,8 @@ void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint1
 }
 
 int SampleIndexBuilder::reliable_bits(const SampleIndex::Place& place) {
-    return static_cast<int>(std::bitset<32>(place.first.mask).count() +
-                            std::bitset<32>(place.second.mask).count());
+    return static_cast<int>(std::bitset<32>(place.mask[0]).count() +
+                            std::bitset<32>(place.mask[1]).count());
 }
 
 // Returns how many of the places to choose from. If there are more than are kept, and enough of
@@ -297,22 +297,22 @@ void SampleIndexBuilder::add_places(std::vector<Seen>& seen, std::uint16_t numbe
     std::sort(seen.begin(), seen.end(), [](const Seen& a, const Seen& b) {
         return std::tie(a.kind, a.first, a.shift) < std::tie(b.kind, b.first, b.shift);
     });
-    const auto bits_of = [&reference](std::size_t shift, std::size_t frame) {
-        const SampleIndex::Frame& its = reference.frames[shift][frame];
-        return SampleIndex::Bits{its.bits, its.mask};
-    };
-    const auto keep_common = [](SampleIndex::Bits& bits, const SampleIndex::Bits& other) {
-        bits.mask &= other.mask & ~(bits.bits ^ other.bits);
+    const auto frames_of = [&reference](const Seen& each) {
+        const std::vector<SampleIndex::Frame>& frames = reference.frames[each.shift];
+        return std::array{frames[each.first], frames[each.second]};
     };
     for (auto at = seen.begin(); at != seen.end();) {
         const Seen& one = *at;
-        SampleIndex::Place place{number, one.first, bits_of(one.shift, one.first),
-                                 bits_of(one.shift, one.second)};
+        const auto frames = frames_of(one);
+        SampleIndex::Place place{
+            number, one.first, {frames[0].bits, frames[1].bits}, {frames[0].mask, frames[1].mask}};
         float contrasts = 0;
         float count = 0;
         for (; at != seen.end() && at->kind == one.kind && at->first == one.first; ++at) {
-            keep_common(place.first, bits_of(at->shift, at->first));
-            keep_common(place.second, bits_of(at->shift, at->second));
+            const auto others = frames_of(*at);
+            for (std::size_t i = 0; i < others.size(); ++i) {
+                place.mask[i] &= others[i].mask & ~(place.bits[i] ^ others[i].bits);
+            }
             contrasts += at->contrast;
             ++count;
         }

@@ -22,18 +22,15 @@ class SampleIndex {
     // The number of framings of a reference, because frames of a side may begin anywhere in a hop.
     static constexpr std::size_t SHIFTS = 4;
 
-    // What a frame sounds like; see Fingerprint.
-    struct Bits {
-        std::uint32_t bits;
-        std::uint32_t mask;  // The reliable bits.
-    };
+    // Bits of the frames of both peaks of a landmark; see Fingerprint.
+    using BitsOfPair = std::array<std::uint32_t, 2>;
 
-    // A place in a reference that has a landmark: the frames of its peaks.
+    // A place in a reference that has a landmark.
     struct Place {
         std::uint16_t reference;
         std::uint16_t frame;  // Of the first peak.
-        Bits first;
-        Bits second;
+        BitsOfPair bits;
+        BitsOfPair mask;  // The reliable bits.
     };
 
     // Places with fewer reliable bits are left out: they are found in too much other audio.

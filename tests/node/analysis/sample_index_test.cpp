@@ -56,8 +56,8 @@ TEST(SampleIndexTest, KeepsLandmarksOfAllReferencesAlike) {
 }
 
 int reliable_bits(const SampleIndex::Place& place) {
-    return static_cast<int>(std::bitset<32>(place.first.mask).count() +
-                            std::bitset<32>(place.second.mask).count());
+    return static_cast<int>(std::bitset<32>(place.mask[0]).count() +
+                            std::bitset<32>(place.mask[1]).count());
 }
 
 // Returns the reliable bits of all places that an index has for the landmarks of a sound.
