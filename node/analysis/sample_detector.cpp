@@ -175,34 +175,44 @@ void SampleDetector::add_heard(const std::int16_t* samples, std::size_t count, S
     }
 }
 
+// The landmarks of a frame vote one frame later. Their places come from memory meanwhile: a large
+// index does not fit into the cache, and the next frame takes longer to compute than memory to
+// answer.
 void SampleDetector::add_hop(SampleOutput& out) {
+    LandmarkPlaces list;
+    const std::size_t count = places_of_landmarks(list);
     const std::uint64_t before = fingerprint_.frames();
     fingerprint_.add(hop_.data());
     if (fingerprint_.frames() == before) {
         return;
     }
-    const std::size_t landmarks = fingerprint_.landmark_count();
-    for (std::size_t i = 0; i < landmarks; ++i) {
+    for (std::size_t i = 0; i < fingerprint_.landmark_count(); ++i) {
         index_->prefetch(fingerprint_.landmarks()[i]);
     }
+    vote(list.data(), count);
     ++frame_;
     first_ = std::max(first_, frame_ + 1 - static_cast<std::int64_t>(HISTORY));
     remember();
-    AllPlaces places;
-    for (std::size_t i = 0; i < landmarks; ++i) {
-        places[i] = index_->places(fingerprint_.landmarks()[i]);
-        SampleIndex::prefetch(places[i]);
-    }
     for (Track& track : tracks_) {
         // If a candidate that was dropped agrees again, its landmarks find it again.
         track.used =
             track.used && advance(track, frame_ - 1) && (track.reported || track.score > 0);
     }
-    vote(places);
     follow(out);
     if (!index_->tones().empty()) {
         find_tones(out);
     }
+}
+
+// Returns how many landmarks the newest frame has.
+std::size_t SampleDetector::places_of_landmarks(LandmarkPlaces& list) const {
+    const std::size_t count = fingerprint_.landmark_count();
+    for (std::size_t i = 0; i < count; ++i) {
+        const Landmark& landmark = fingerprint_.landmarks()[i];
+        list[i] = {index_->places(landmark), landmark.age};
+        SampleIndex::prefetch(list[i].places);
+    }
+    return count;
 }
 
 void SampleDetector::remember() {
@@ -228,19 +238,18 @@ void SampleDetector::remember() {
     }
 }
 
-void SampleDetector::vote(const AllPlaces& places) {
+void SampleDetector::vote(const LandmarkPlace* list, std::size_t count) {
     static const PlaceFilter filter = fastest_place_filter();
     std::array<Alike, SampleIndex::MOST_PLACES> alike;
-    for (std::size_t i = 0; i < fingerprint_.landmark_count(); ++i) {
-        const Landmark& landmark = fingerprint_.landmarks()[i];
-        const std::int64_t at = frame_ - landmark.age;
+    for (const LandmarkPlace* each = list; each != list + count; ++each) {
+        const std::int64_t at = frame_ - each->age;
         if (at < first_) {
             continue;
         }
         const SampleIndex::BitsOfPair bits{
             heard(at).bits, heard(frame_ - static_cast<std::int64_t>(Fingerprint::REACH)).bits};
-        const std::size_t count = filter(places[i], bits, alike.data());
-        for (std::size_t k = 0; k < count; ++k) {
+        const std::size_t alike_count = filter(each->places, bits, alike.data());
+        for (std::size_t k = 0; k < alike_count; ++k) {
             const SampleIndex::Place& place = *alike[k].place;
             vote_for(place.reference, at - place.frame, alike[k].evidence);
         }

@@ -88,6 +88,13 @@ class SampleDetector {
         std::int64_t agreed_to = 0;  // Last frame of the side that agreed.
     };
 
+    // The places of a landmark of the newest frame.
+    struct LandmarkPlace {
+        SampleIndex::Places places;
+        std::uint32_t age;  // See Landmark.
+    };
+    using LandmarkPlaces = std::array<LandmarkPlace, Fingerprint::MOST_LANDMARKS>;
+
     // How a frame of the side agrees with a frame of a reference.
     struct Comparison {
         int gain;  // Ten times the logarithm of how much more likely the frame is if the reference
@@ -98,8 +105,8 @@ class SampleDetector {
 
     void add_heard(const std::int16_t* samples, std::size_t count, SampleOutput& out);
     void add_hop(SampleOutput& out);
-    using AllPlaces = std::array<SampleIndex::Places, Fingerprint::MOST_LANDMARKS>;
-    void vote(const AllPlaces& places);
+    std::size_t places_of_landmarks(LandmarkPlaces& list) const;
+    void vote(const LandmarkPlace* list, std::size_t count);
     void vote_for(std::uint32_t reference, std::int64_t begin, int evidence);
     void consider(std::uint32_t reference, std::int64_t begin);
     bool is_tracked(std::uint32_t reference, std::int64_t begin) const;
