@@ -330,12 +330,12 @@ void SampleDetector::consider(std::uint32_t reference, std::int64_t begin) {
 
 int SampleDetector::agreement(std::uint32_t reference, std::int64_t framing) const {
     const std::int64_t begin = begin_of(framing);
-    const auto& frames = index_->reference(reference).frames[shift_of(framing)];
-    const std::int64_t end = std::min(frame_ + 1, begin + static_cast<std::int64_t>(frames.size()));
+    const SampleIndex::Frames frames = index_->frames(reference, shift_of(framing));
+    const std::int64_t end = std::min(frame_ + 1, begin + static_cast<std::int64_t>(frames.size));
     const std::int64_t from = std::max({first_, begin, frame_ + 1 - CHOICE});
     // Candidates come from anywhere in the index, and a large index is not in the cache.
     for (std::int64_t at = from; at < end; at += FRAMES_OF_LINE) {
-        __builtin_prefetch(&frames[static_cast<std::size_t>(at - begin)]);
+        __builtin_prefetch(frames.begin + (at - begin));
     }
     int score = 0;
     int most = 0;
@@ -349,8 +349,8 @@ int SampleDetector::agreement(std::uint32_t reference, std::int64_t framing) con
 
 // Compares a frame of the side with frame `at` of a reference. A peak matches within one frame and
 // one bin.
-SampleDetector::Comparison SampleDetector::compare(const Frames& frames, std::int64_t at,
-                                                   std::int64_t frame) const {
+SampleDetector::Comparison SampleDetector::compare(const SampleIndex::Frames& frames,
+                                                   std::int64_t at, std::int64_t frame) const {
     const auto i = static_cast<std::size_t>(at);
     const SampleIndex::Frame& expected = frames[i];
     const Heard& now = heard(frame);
@@ -359,7 +359,7 @@ SampleDetector::Comparison SampleDetector::compare(const Frames& frames, std::in
     const RegionBytes present = matching(expected.peaks, heard(std::max(first_, frame - 1)).peaks,
                                          now.peaks, heard(std::min(frame_, frame + 1)).peaks);
     const RegionBytes known = matching(now.peaks, frames[i == 0 ? 0 : i - 1].peaks, expected.peaks,
-                                       frames[std::min(i + 1, frames.size() - 1)].peaks);
+                                       frames[std::min(i + 1, frames.size - 1)].peaks);
     const int gain =
         BIT_GAIN * reliable - BIT_LOSS * different + sum(all_regions(expected.gains) & present) -
         sum(all_regions(expected.losses) & ~present) - sum(all_regions(now.losses) & ~known);
@@ -368,12 +368,12 @@ SampleDetector::Comparison SampleDetector::compare(const Frames& frames, std::in
 
 // Returns whether the reference continues after this frame of the side.
 bool SampleDetector::advance(Track& track, std::int64_t frame) const {
-    const auto& frames = index_->reference(track.reference).frames[track.shift];
+    const SampleIndex::Frames frames = index_->frames(track.reference, track.shift);
     const std::int64_t at = frame - track.begin;
     if (at < 0) {
         return true;
     }
-    if (at >= static_cast<std::int64_t>(frames.size())) {
+    if (at >= static_cast<std::int64_t>(frames.size)) {
         return false;
     }
     const Comparison comparison = compare(frames, at, frame);

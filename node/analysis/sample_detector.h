@@ -114,10 +114,9 @@ class SampleDetector {
     const Heard& heard(std::int64_t frame) const {
         return history_[static_cast<std::size_t>(frame) % HISTORY];
     }
-    using Frames = std::vector<SampleIndex::Frame>;
-
     void remember();
-    Comparison compare(const Frames& frames, std::int64_t at, std::int64_t frame) const;
+    Comparison compare(const SampleIndex::Frames& frames, std::int64_t at,
+                       std::int64_t frame) const;
     int agreement(std::uint32_t reference, std::int64_t framing) const;
     bool convincing(const Track& track) const;
     void follow(SampleOutput& out);

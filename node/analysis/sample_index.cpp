@@ -193,15 +193,8 @@ void SampleIndex::prefetch(const Places& places) {
 }
 
 std::size_t SampleIndex::bytes() const {
-    std::size_t bytes = sizeof *this + starts_.size() * sizeof starts_[0] +
-                        places_.size() * sizeof places_[0] +
-                        references_.size() * sizeof references_[0];
-    for (const Reference& each : references_) {
-        for (const auto& frames : each.frames) {
-            bytes += frames.size() * sizeof frames[0];
-        }
-    }
-    return bytes;
+    return sizeof *this + starts_.size() * sizeof starts_[0] + places_.size() * sizeof places_[0] +
+           frames_.size() * sizeof frames_[0] + references_.size() * sizeof references_[0];
 }
 
 SampleIndexBuilder::SampleIndexBuilder() = default;
@@ -231,20 +224,21 @@ std::string SampleIndexBuilder::add(const std::string& name, const float* sample
     if (TonePattern pattern = tone_pattern(sound); !pattern.empty()) {
         tones_.push_back({static_cast<std::uint32_t>(references_.size()), std::move(pattern)});
     } else {
-        fingerprint(sound, static_cast<std::uint16_t>(references_.size()), reference);
+        fingerprint(sound, reference);
     }
     references_.push_back(std::move(reference));
     return {};
 }
 
-void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint16_t number,
+void SampleIndexBuilder::fingerprint(const std::vector<float>& sound,
                                      SampleIndex::Reference& reference) {
     const std::vector<float> padded = with_silence_behind(sound);
     Fingerprint fingerprint;
     std::vector<Seen> seen;
+    Framings framings;
     for (std::size_t shift = 0; shift < SampleIndex::SHIFTS; ++shift) {
         fingerprint.reset(0);
-        auto& frames = reference.frames[shift];
+        std::vector<SampleIndex::Frame>& frames = framings[shift];
         std::vector<Changes> changes;
         std::vector<PeakLevels> levels;
         for (std::size_t at = shift * HOP / SampleIndex::SHIFTS; at + HOP <= padded.size();
@@ -268,9 +262,11 @@ void SampleIndexBuilder::fingerprint(const std::vector<float>& sound, std::uint1
         }
         mark_reliable(changes, frames);
         weigh_peaks(levels, frames);
-        frames.shrink_to_fit();
+        reference.begin[shift] = frames_.size();
+        reference.size[shift] = frames.size();
+        frames_.insert(frames_.end(), frames.begin(), frames.end());
     }
-    add_places(seen, number, reference);
+    add_places(seen, framings);
 }
 
 int SampleIndexBuilder::reliable_bits(const SampleIndex::Place& place) {
@@ -292,13 +288,13 @@ std::size_t SampleIndexBuilder::prefer_reliable(EntryIterator begin, EntryIterat
 }
 
 // Framings that have the same landmark become one place, with the bits in which they agree.
-void SampleIndexBuilder::add_places(std::vector<Seen>& seen, std::uint16_t number,
-                                    const SampleIndex::Reference& reference) {
+void SampleIndexBuilder::add_places(std::vector<Seen>& seen, const Framings& framings) {
+    const auto number = static_cast<std::uint16_t>(references_.size());
     std::sort(seen.begin(), seen.end(), [](const Seen& a, const Seen& b) {
         return std::tie(a.kind, a.first, a.shift) < std::tie(b.kind, b.first, b.shift);
     });
-    const auto frames_of = [&reference](const Seen& each) {
-        const std::vector<SampleIndex::Frame>& frames = reference.frames[each.shift];
+    const auto frames_of = [&framings](const Seen& each) {
+        const std::vector<SampleIndex::Frame>& frames = framings[each.shift];
         return std::array{frames[each.first], frames[each.second]};
     };
     for (auto at = seen.begin(); at != seen.end();) {
@@ -331,6 +327,7 @@ std::shared_ptr<const SampleIndex> SampleIndexBuilder::build() {
     });
     std::shared_ptr<SampleIndex> index(new SampleIndex);
     index->references_ = std::move(references_);
+    index->frames_ = std::move(frames_);
     index->places_.reserve(entries_.size());
     index->starts_.assign(Fingerprint::KINDS * SampleIndex::CONTRASTS + 1, 0);
     for (auto begin = entries_.begin(); begin != entries_.end();) {
@@ -352,6 +349,7 @@ std::shared_ptr<const SampleIndex> SampleIndexBuilder::build() {
     std::partial_sum(index->starts_.begin(), index->starts_.end(), index->starts_.begin());
     index->tones_ = std::move(tones_);
     references_.clear();
+    frames_.clear();
     tones_.clear();
     entries_.clear();
     return index;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "node/analysis/fingerprint.h"
+#include "node/analysis/large_pages.h"
 #include "node/analysis/tones.h"
 
 namespace qv::node::analysis {
@@ -61,13 +62,27 @@ class SampleIndex {
     struct Reference {
         std::string name;
         double seconds = 0;
-        std::array<std::vector<Frame>, SHIFTS> frames;  // Empty if the reference is a tone.
+        // Of each framing: where its frames begin among those of all references, and their number,
+        // which is 0 if the reference is a tone.
+        std::array<std::size_t, SHIFTS> begin{};
+        std::array<std::size_t, SHIFTS> size{};
     };
 
     // The number of references.
     std::size_t size() const { return references_.size(); }
     // `number` is below size().
     const Reference& reference(std::size_t number) const { return references_[number]; }
+
+    struct Frames {
+        const Frame* begin;
+        std::size_t size;
+        const Frame& operator[](std::size_t number) const { return begin[number]; }
+    };
+    // The frames of a reference. `shift` is below SHIFTS.
+    Frames frames(std::size_t reference, std::size_t shift) const {
+        const Reference& its = references_[reference];
+        return {frames_.data() + its.begin[shift], its.size[shift]};
+    }
 
     // The references that are tones.
     struct ToneReference {
@@ -120,9 +135,10 @@ class SampleIndex {
     }
 
     std::vector<Reference> references_;
+    LargeVector<Frame> frames_;
     // By kind and contrast of landmark. The last entry is the end.
-    std::vector<std::uint32_t> starts_;
-    std::vector<Place> places_;
+    LargeVector<std::uint32_t> starts_;
+    LargeVector<Place> places_;
     std::vector<ToneReference> tones_;
 };
 
@@ -159,16 +175,17 @@ class SampleIndexBuilder {
         float contrast;
     };
 
-    void fingerprint(const std::vector<float>& sound, std::uint16_t number,
-                     SampleIndex::Reference& reference);
-    void add_places(std::vector<Seen>& seen, std::uint16_t number,
-                    const SampleIndex::Reference& reference);
+    using Framings = std::array<std::vector<SampleIndex::Frame>, SampleIndex::SHIFTS>;
+
+    void fingerprint(const std::vector<float>& sound, SampleIndex::Reference& reference);
+    void add_places(std::vector<Seen>& seen, const Framings& framings);
 
     using EntryIterator = std::vector<Entry>::iterator;
     static int reliable_bits(const SampleIndex::Place& place);
     static std::size_t prefer_reliable(EntryIterator begin, EntryIterator end);
 
     std::vector<SampleIndex::Reference> references_;
+    LargeVector<SampleIndex::Frame> frames_;
     std::vector<Entry> entries_;
     std::vector<SampleIndex::ToneReference> tones_;
 };
