@@ -29,6 +29,8 @@ constexpr int BIT_LOSS = 3;  // In addition to the gain that is missed.
 // The loss if the reference lacks a peak of the side. The index is the faintness of the peak: the
 // louder it is, the higher the loss.
 constexpr std::uint8_t STRANGE_LOSS[SampleIndex::FAINTEST + 1] = {8, 7, 5, 2, 0, 0, 0, 0};
+// More than all losses of a region together.
+constexpr std::uint8_t WEIGHT_OFFSET = 64;
 constexpr float LOUDNESS_DECAY_DB = 0.3F;  // Per frame.
 
 // A candidate is reported if its score is at least LEAST_SCORE, and at least ENOUGH when SPAN_SCORE
@@ -328,6 +330,29 @@ void SampleDetector::consider(std::uint32_t reference, std::int64_t begin) {
     }
 }
 
+// Compares a frame of the side with frame `at` of a reference. A peak matches within one frame and
+// one bin.
+inline SampleDetector::Comparison SampleDetector::compare(const SampleIndex::Frames& frames,
+                                                          std::int64_t at,
+                                                          std::int64_t frame) const {
+    const auto i = static_cast<std::size_t>(at);
+    const SampleIndex::Frame& expected = frames[i];
+    const Heard& now = heard(frame);
+    const auto [reliable, different] =
+        count_bits_of_each(expected.mask, (now.bits ^ expected.bits) & expected.mask);
+    const RegionBytes present = matching(expected.peaks, heard(std::max(first_, frame - 1)).peaks,
+                                         now.peaks, heard(std::min(frame_, frame + 1)).peaks);
+    const RegionBytes known = matching(now.peaks, frames[i == 0 ? 0 : i - 1].peaks, expected.peaks,
+                                       frames[std::min(i + 1, frames.size - 1)].peaks);
+    // All weights are added up at once. The offset keeps each byte positive.
+    const RegionBytes weights = WEIGHT_OFFSET + (all_regions(expected.gains) & present) -
+                                (all_regions(expected.losses) & ~present) -
+                                (all_regions(now.losses) & ~known);
+    const int gain = BIT_GAIN * reliable - BIT_LOSS * different + sum(weights) -
+                     static_cast<int>(WEIGHT_OFFSET * Fingerprint::REGIONS);
+    return {gain, reliable, different};
+}
+
 int SampleDetector::agreement(std::uint32_t reference, std::int64_t framing) const {
     const std::int64_t begin = begin_of(framing);
     const SampleIndex::Frames frames = index_->frames(reference, shift_of(framing));
@@ -345,25 +370,6 @@ int SampleDetector::agreement(std::uint32_t reference, std::int64_t framing) con
         most = std::max(most, score);
     }
     return most;
-}
-
-// Compares a frame of the side with frame `at` of a reference. A peak matches within one frame and
-// one bin.
-SampleDetector::Comparison SampleDetector::compare(const SampleIndex::Frames& frames,
-                                                   std::int64_t at, std::int64_t frame) const {
-    const auto i = static_cast<std::size_t>(at);
-    const SampleIndex::Frame& expected = frames[i];
-    const Heard& now = heard(frame);
-    const auto [reliable, different] =
-        count_bits_of_each(expected.mask, (now.bits ^ expected.bits) & expected.mask);
-    const RegionBytes present = matching(expected.peaks, heard(std::max(first_, frame - 1)).peaks,
-                                         now.peaks, heard(std::min(frame_, frame + 1)).peaks);
-    const RegionBytes known = matching(now.peaks, frames[i == 0 ? 0 : i - 1].peaks, expected.peaks,
-                                       frames[std::min(i + 1, frames.size - 1)].peaks);
-    const int gain =
-        BIT_GAIN * reliable - BIT_LOSS * different + sum(all_regions(expected.gains) & present) -
-        sum(all_regions(expected.losses) & ~present) - sum(all_regions(now.losses) & ~known);
-    return {gain, reliable, different};
 }
 
 // Returns whether the reference continues after this frame of the side.
