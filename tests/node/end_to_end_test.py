@@ -256,6 +256,11 @@ needs_no_descriptor_of_its_own = unittest.skipIf(
     watched_by_a_sanitizer(), "the undefined behaviour sanitizer needs descriptors itself")
 
 
+can_see_priorities = unittest.skipIf(
+    watched_by_a_sanitizer() or os.getpriority(os.PRIO_PROCESS, 0) != 0,
+    "the sanitizer has threads of its own, or the tests have a lower priority themselves")
+
+
 def normal_threads(process):
     """The names of its threads that have no lower priority."""
     tasks = pathlib.Path(f"/proc/{process}/task").iterdir()

@@ -16,8 +16,8 @@ import tempfile
 import time
 import unittest
 
-from end_to_end_test import (NODE, OTHER_ARGUMENTS, Counters, Node, data, golden, may_mount,
-                             normal_threads, of_call, uuid_of, watched_by_a_sanitizer)
+from end_to_end_test import (NODE, OTHER_ARGUMENTS, Counters, Node, can_see_priorities, data, golden,
+                             may_mount, normal_threads, of_call, uuid_of)
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 WORKER = ROOT / "examples" / "fleet" / "worker.py"
@@ -449,7 +449,7 @@ class NatsTest(Fixture):
         self.assert_all_stored(server)
         self.assertEqual(list((self.home / "spool").glob("*.events"))[1:], [])
 
-    @unittest.skipIf(watched_by_a_sanitizer(), "the sanitizer has threads of its own")
+    @can_see_priorities
     def test_threads_for_nats_have_a_lower_priority_than_receiving(self):
         node = self.node("--nats-spool", str(self.home / "spool"), url=self.server().url)
         node.wait_for("nats stream")

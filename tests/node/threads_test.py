@@ -14,8 +14,8 @@ import time
 import unittest
 import urllib.request
 
-from end_to_end_test import (NODE, OTHER_ARGUMENTS, STOPPED_DISK, golden, normal_threads, samples,
-                             watched_by_a_sanitizer)
+from end_to_end_test import (NODE, OTHER_ARGUMENTS, STOPPED_DISK, can_see_priorities, golden,
+                             normal_threads, samples, watched_by_a_sanitizer)
 
 THREADS = 2
 PACKETS = 20  # Of each side of a call.
@@ -198,7 +198,7 @@ class ThreadsTest(unittest.TestCase):
         self.finish()
         self.assert_files_are_whole(calls)
 
-    @unittest.skipIf(watched_by_a_sanitizer(), "the sanitizer has threads of its own")
+    @can_see_priorities
     def test_whatever_can_wait_has_a_lower_priority_than_receiving(self):
         self.start("--http", "0", "--sync", "1", "--keep", "1d")
         self.wait_for(lambda: normal_threads(self.node.pid) ==
