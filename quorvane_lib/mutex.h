@@ -25,7 +25,6 @@
 // The caller does not hold the lock: the function takes it.
 #define QV_EXCLUDES(...) QV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 // The order of locks: this one is taken before, or after, that one.
-#define QV_ACQUIRED_BEFORE(...) QV_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
 #define QV_ACQUIRED_AFTER(...) QV_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 // For functions whose locking the analysis cannot follow; the reason stands beside it.
 #define QV_NO_THREAD_SAFETY_ANALYSIS QV_THREAD_ANNOTATION(no_thread_safety_analysis)
