@@ -30,14 +30,16 @@ StreamCreator::Result StreamCreator::create(jsCtx* context, Clock::time_point no
     if (!settings_.create_stream || now < next_) {
         return Result::NOT_TRIED;
     }
-    jsErrCode code{};
-    const natsStatus status = add_stream(context, settings_, code);
-    if (status == NATS_OK) {
+    if (now - next_ > LONGEST_PAUSE) {
         pause_ = FIRST_PAUSE;
-        return Result::CREATED;
     }
     next_ = now + pause_;
     pause_ = std::min(2 * pause_, LONGEST_PAUSE);
+    jsErrCode code{};
+    const natsStatus status = add_stream(context, settings_, code);
+    if (status == NATS_OK) {
+        return Result::CREATED;
+    }
     if (code == JSStreamSubjectOverlapErr) {
         return Result::PRESENT;
     }

@@ -323,13 +323,15 @@ class NatsTest(Fixture):
         self.addCleanup(meddler.socket.close)
         meddler.subscribe("quorvane.events.>")
         node = self.node("--packets", "--rate", "8000", url=server.url)
-        node.talk([1], 5)
+        node.talk(range(1, 5), 50)
         self.assertTrue(meddler.answer_each(
-            ['{"error":"x"}', '{"error":{"description":7}}', '{"error":{}}', "", "[", "[1]"]))
+            ['{"error":"x"}', '{"error":{"description":7}}', '{"error":{}}', "", "[", "[1]",
+             *["no"] * 150]))
         meddler.socket.close()
         node.wait_for("nats stream")
-        node.end([1])
+        node.end(range(1, 5))
         self.assertEqual(node.stop(), 0, node.text())
+        self.assertLess(node.text().count("nats stream"), 10)
         self.assert_all_stored(server)
 
     def test_stream_is_created_although_somebody_listens_to_the_events(self):
