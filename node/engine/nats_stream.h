@@ -17,9 +17,10 @@ class StreamCreator {
     explicit StreamCreator(const EngineSettings& settings) : settings_(settings) {}
 
     enum class Result { NOT_TRIED, CREATED, PRESENT, FAILED };
-    // Tries unless the settings forbid it, and not again for a while, which grows with each attempt:
-    // also after a success, because a subscriber that answers events can make the stream seem to be
-    // missing. PRESENT means that another stream takes the events. A failure fills `error`.
+    // Tries unless the settings forbid it, and not again for a while, which grows with each
+    // attempt: also after a success, because a subscriber that answers events can make the stream
+    // seem to be missing. PRESENT means that another stream takes the events. A failure fills
+    // `error`.
     Result create(jsCtx* context, Clock::time_point now, std::string& error);
 
   private:
