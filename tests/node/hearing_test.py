@@ -252,6 +252,30 @@ class Hearing(unittest.TestCase):
                         call.end()
                         self.check_heard(node, number, places)
 
+    def test_sample_is_recognised_after_the_rate_has_changed(self):
+        greeting = buzz(2, 42)
+        wide = [value for pair in zip(greeting, greeting[1:] + [0])
+                for value in (pair[0], sum(pair) // 2)]
+        with tempfile.TemporaryDirectory() as folder:
+            write_wav(pathlib.Path(folder) / "greeting.wav", greeting)
+            with Node("--events", "-", "--samples", folder) as node:
+                call = SentCall(node, 1, active=ACTIVITY[ORIGINATOR] | DETECTION[ORIGINATOR])
+                call.speak(greeting + silence(3))
+                sound = 2 * silence(2) + wide + 2 * silence(1)
+                for begin in range(0, len(sound), 2 * FRAME):
+                    call.time += 20_000
+                    call.send(call.data(ORIGINATOR, sound[begin:begin + 2 * FRAME]))
+                call.end()
+                change, = node.events("rate_change")
+                self.assertEqual((change["position"], change["new_sample_rate"]), (5 * RATE, 2 * RATE))
+                first, again = events_of(node, "sample", 1)
+                self.near(first["position"], 0)
+                self.near(again["position"], 5 * RATE + 2 * 2 * RATE, 2 * 50)
+                changes = events_of(node, "activity", 1)
+                self.assertEqual([each["active"] for each in changes], [True, False, True, False])
+                for each, second in zip(changes[2:], (2, 4)):
+                    self.near(each["position"], 5 * RATE + second * 2 * RATE, 2 * 50)
+
     def check_heard(self, node, number, places):
         """That each side has exactly these samples of two seconds, and nothing else."""
         end, = [event for event in node.events("end") if event["call_uuid"] == uuid_of(number)]
