@@ -1,14 +1,19 @@
 #include "node/web/call_board.h"
 
 #include <algorithm>
+#include <memory_resource>
 #include <utility>
+
+#include "node/web/call_memory.h"
 
 namespace qv::node::web {
 
 std::shared_ptr<CallRecord> CallBoard::add(const Uuid& uuid, Micros began, Micros first_seen) {
     const LockGuard lock(mutex_);
     const std::uint64_t id = ++ids_;
-    records_.push_back(std::make_shared<CallRecord>(id, uuid, began, first_seen, wishes_));
+    const std::pmr::polymorphic_allocator<CallRecord> memory(&CallMemory::instance());
+    records_.push_back(
+        std::allocate_shared<CallRecord>(memory, id, uuid, began, first_seen, wishes_));
     return records_.back();
 }
 

@@ -1,11 +1,13 @@
 #include "node/web/call_feed.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "node/calls/level_meter.h"
 #include "node/calls/pause_map.h"
 #include "node/report/text.h"
+#include "node/web/call_memory.h"
 #include "quorvane/media_packet.h"
 
 namespace qv::node::web {
@@ -28,6 +30,13 @@ class alignas(64) FedCall : public CallListener {
           has_timeline_(has_timeline),
           call_(call),
           record_(board.add(call.uuid(), wall_time(), call.first_seen())) {}
+
+    static void* operator new(std::size_t size, std::align_val_t alignment) {
+        return CallMemory::instance().allocate(size, static_cast<std::size_t>(alignment));
+    }
+    static void operator delete(void* object, std::size_t size, std::align_val_t alignment) {
+        CallMemory::instance().deallocate(object, size, static_cast<std::size_t>(alignment));
+    }
 
     void started(const Call& /*call*/, const media::Packet& packet) override {
         note_facts();
@@ -66,8 +75,9 @@ class alignas(64) FedCall : public CallListener {
             wave.set_rate(rate_of(call.side(side)));
         }
         const LevelMeter& level = call.side(side).level();
-        wave.add(audio.samples, audio.count, level.latest_lowest(), level.latest_highest(),
-                 record_->wave(side));
+        if (!wave.add_within(audio.count, level.latest_lowest(), level.latest_highest())) {
+            wave.add(audio.samples, audio.count, record_->wave(side));
+        }
         if (wishes_.load(std::memory_order_relaxed) != seen_) {
             take_wishes();
         }

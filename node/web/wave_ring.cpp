@@ -46,28 +46,21 @@ void WaveGatherer::set_rate(int rate) {
     column_samples_ = static_cast<std::uint16_t>(samples);
 }
 
-void WaveGatherer::add(const std::int16_t* samples, std::size_t count, std::int16_t lowest,
-                       std::int16_t highest, WaveRing& ring) {
-    if (count <= std::size_t{column_samples_} - filled_) {
-        widen(lowest, highest, count, ring);
-        return;
-    }
+void WaveGatherer::add(const std::int16_t* samples, std::size_t count, WaveRing& ring) {
     while (count > 0) {
         const auto part = std::min<std::size_t>(count, std::size_t{column_samples_} - filled_);
-        const auto [least, most] = std::minmax_element(samples, samples + part);
-        widen(*least, *most, part, ring);
+        std::int16_t lowest = std::numeric_limits<std::int16_t>::max();
+        std::int16_t highest = std::numeric_limits<std::int16_t>::min();
+        for (std::size_t i = 0; i < part; ++i) {
+            lowest = std::min(lowest, samples[i]);
+            highest = std::max(highest, samples[i]);
+        }
+        widen(lowest, highest, part);
+        if (filled_ == column_samples_) {
+            finish_column(ring);
+        }
         samples += part;
         count -= part;
-    }
-}
-
-void WaveGatherer::widen(std::int16_t lowest, std::int16_t highest, std::size_t count,
-                         WaveRing& ring) {
-    lowest_ = std::min(lowest_, lowest);
-    highest_ = std::max(highest_, highest);
-    filled_ = static_cast<std::uint16_t>(filled_ + count);
-    if (filled_ == column_samples_) {
-        finish_column(ring);
     }
 }
 

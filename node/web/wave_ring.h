@@ -6,6 +6,7 @@
 // any thread may read at the same time.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -52,10 +53,17 @@ class WaveGatherer {
     bool has_rate() const { return column_samples_ != 0; }
     // The audio that follows has this rate, in Hz. Call it before the first audio.
     void set_rate(int rate);
-    // Adds samples; `lowest` and `highest` are the extremes of all of them. Complete columns go to
-    // the ring when a few have been gathered.
-    void add(const std::int16_t* samples, std::size_t count, std::int16_t lowest,
-             std::int16_t highest, WaveRing& ring);
+    // Adds samples whose extremes are `lowest` and `highest`. Returns false, and adds nothing,
+    // unless they leave the column incomplete.
+    bool add_within(std::size_t count, std::int16_t lowest, std::int16_t highest) {
+        if (count >= std::size_t{column_samples_} - filled_) {
+            return false;
+        }
+        widen(lowest, highest, count);
+        return true;
+    }
+    // Adds samples. Complete columns go to the ring when a few have been gathered.
+    void add(const std::int16_t* samples, std::size_t count, WaveRing& ring);
     void add_silence(std::uint64_t samples, WaveRing& ring);
     // Passes all complete columns to the ring.
     void flush(WaveRing& ring);
@@ -63,7 +71,11 @@ class WaveGatherer {
   private:
     static constexpr std::size_t MOST_GATHERED = 5;
 
-    void widen(std::int16_t lowest, std::int16_t highest, std::size_t count, WaveRing& ring);
+    void widen(std::int16_t lowest, std::int16_t highest, std::size_t count) {
+        lowest_ = std::min(lowest_, lowest);
+        highest_ = std::max(highest_, highest);
+        filled_ = static_cast<std::uint16_t>(filled_ + count);
+    }
     void finish_column(WaveRing& ring);
 
     std::uint16_t column_samples_ = 0;  // 0 until the rate is known.

@@ -16,7 +16,9 @@ class WaveRingTest : public testing::Test {
 
     void add(std::size_t count, std::int16_t sample) {
         const std::vector<std::int16_t> samples(count, sample);
-        gatherer_.add(samples.data(), samples.size(), sample, sample, *ring_);
+        if (!gatherer_.add_within(samples.size(), sample, sample)) {
+            gatherer_.add(samples.data(), samples.size(), *ring_);
+        }
     }
 
     // The number of columns.
