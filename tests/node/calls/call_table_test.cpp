@@ -597,7 +597,7 @@ TEST_F(CallTableTest, EachFileThatFailsIsReportedOnceWhenItFails) {
     talk(3, 4, Side::TERMINATOR);
     talk(1, 2);
     store_.errors[stem + "-originator.wav"] = "No space left on device";
-    talk(3, 4);
+    talk(3, 15);  // Files are asked four times a second.
     EXPECT_EQ(diary_.text, "failed:File too large failed:No space left on device");
     table_->shut_down();
     EXPECT_EQ(diary_.text, "failed:File too large failed:No space left on device end:shutdown");

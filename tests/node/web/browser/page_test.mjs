@@ -279,7 +279,8 @@ test("a lost connection is said, and found again", async () => {
   await page.locator("#retry").dispatchEvent("click");
   await page.locator("#connection[data-state=connected]").waitFor();
   await shown(["after"]);
-  assert.equal(await page.locator(".rows .uuid").innerText(), call.uuid);
+  await until("the other call has left the list", async () =>
+    (await page.locator(".rows .uuid").allInnerTexts()).join() === call.uuid);
   await until("the new list is shown", async () =>
     (await ended_references(page)).join() === "ended-after");
   // What was opened is not known any more; another call must not take its place.
