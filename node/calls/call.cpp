@@ -124,6 +124,7 @@ std::optional<Drop> Call::on_control(const media::Packet& packet, Micros now) {
     if (control_packets_ != 0 && packet.send_time <= control_time_) {
         return Drop::OLD_CONTROL;
     }
+    clock_.begin(packet.send_time, now);
     ++control_packets_;
     control_time_ = credible(packet.send_time, now);
     media::merge_features(features_, packet.features);

@@ -30,6 +30,13 @@ class SenderClock {
         }
     }
 
+    // Another packet came at `now`. It counts only if it is the first of the call.
+    void begin(std::int64_t send_time, Micros now) {
+        if (!begun_) {
+            set(send_time, now);
+        }
+    }
+
     // Whether a packet that comes at `now` claims a send time in the future, which is possible only
     // if the sender is faster than real time.
     bool is_far_ahead(std::int64_t send_time, Micros now) const {

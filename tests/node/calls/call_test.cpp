@@ -183,6 +183,17 @@ TEST_F(CallTest, TerminateThatClaimsToBeSentFarAheadEndsNothing) {
     EXPECT_EQ(call_->terminate_time(), sent_);
 }
 
+TEST_F(CallTest, TerminateThatIsFarAheadDoesNotEndACallThatBeginsWithAControlPacket) {
+    control({0xC0, 0x40});
+    diary_.take();
+    terminate_at(std::int64_t{1} << 62);
+    EXPECT_FALSE(call_->ending());
+    talk(1, 30);
+    EXPECT_EQ(diary_.take(), "begun originator; refused 4611686018427387904");
+    call_->tick(now_ + 10s);
+    EXPECT_FALSE(call_->ending());
+}
+
 TEST_F(CallTest, EarlyInACallDataRefutesATerminateThatIsFarAhead) {
     start();
     talk(1, 10);
