@@ -126,9 +126,10 @@ bool next_line(std::istream& lines, std::string& line) {
 // Calls `use` for each file on the list at that path, with its name and its format.
 template <typename Use>
 void for_each_listed(const std::string& path, Use use) {
+    constexpr int most_lines = 1'000'000;  // Many more than files can be open.
     std::ifstream lines(path);
     std::string line;
-    while (next_line(lines, line)) {
+    for (int i = 0; i < most_lines && next_line(lines, line); ++i) {
         std::istringstream words(line);
         WavFormat format;
         std::string name;
