@@ -158,6 +158,10 @@ class Connection {
         }
         messages_.count();
         const bool taken = page_->take(text, steady_now());
+        {
+            const LockGuard lock(mutex_);
+            taken_ = true;
+        }
         changed_.notify_all();
         return taken;
     }
@@ -200,9 +204,10 @@ class Connection {
     bool wait() {
         const auto until = std::chrono::steady_clock::now() + page_->interval();
         const LockGuard lock(mutex_);
-        if (!over_) {
+        if (!over_ && !taken_) {
             changed_.wait_until(mutex_, until);
         }
+        taken_ = false;
         return !over_;
     }
 
@@ -222,7 +227,8 @@ class Connection {
     Mutex mutex_;
     Condition changed_;
     bool over_ QV_GUARDED_BY(mutex_) = false;
-    std::thread thread_;  // The last: it uses the others.
+    bool taken_ QV_GUARDED_BY(mutex_) = false;  // A message, since the page was last sent to.
+    std::thread thread_;                        // The last: it uses the others.
 };
 
 // Cuts off the pages that send a message without end. The library makes room for as much as a
@@ -388,7 +394,7 @@ class Server::Impl {
     }
 
     static int http_error(mg_connection* connection, int status, const char* /*text*/) {
-        send(connection, {}, plain(status, phrase(status)));
+        guard(connection, [&] { send(connection, {}, plain(status, phrase(status))); });
         return 0;
     }
 
