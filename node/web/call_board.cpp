@@ -4,14 +4,14 @@
 #include <memory_resource>
 #include <utility>
 
-#include "node/web/call_memory.h"
+#include "node/web/call_pool.h"
 
 namespace qv::node::web {
 
 std::shared_ptr<CallRecord> CallBoard::add(const Uuid& uuid, Micros began, Micros first_seen) {
     const LockGuard lock(mutex_);
     const std::uint64_t id = ++ids_;
-    const std::pmr::polymorphic_allocator<CallRecord> memory(&CallMemory::instance());
+    const std::pmr::polymorphic_allocator<CallRecord> memory(&CallPool::instance());
     records_.push_back(
         std::allocate_shared<CallRecord>(memory, id, uuid, began, first_seen, wishes_));
     return records_.back();

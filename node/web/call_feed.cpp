@@ -7,7 +7,7 @@
 #include "node/calls/level_meter.h"
 #include "node/calls/pause_map.h"
 #include "node/report/text.h"
-#include "node/web/call_memory.h"
+#include "node/web/call_pool.h"
 #include "quorvane/media_packet.h"
 
 namespace qv::node::web {
@@ -32,10 +32,10 @@ class alignas(64) FedCall : public CallListener {
           record_(board.add(call.uuid(), wall_time(), call.first_seen())) {}
 
     static void* operator new(std::size_t size, std::align_val_t alignment) {
-        return CallMemory::instance().allocate(size, static_cast<std::size_t>(alignment));
+        return CallPool::instance().allocate(size, static_cast<std::size_t>(alignment));
     }
     static void operator delete(void* object, std::size_t size, std::align_val_t alignment) {
-        CallMemory::instance().deallocate(object, size, static_cast<std::size_t>(alignment));
+        CallPool::instance().deallocate(object, size, static_cast<std::size_t>(alignment));
     }
 
     void started(const Call& /*call*/, const media::Packet& packet) override {

@@ -1,4 +1,4 @@
-#include "node/web/call_memory.h"
+#include "node/web/call_pool.h"
 
 #include <gtest/gtest.h>
 
@@ -19,7 +19,7 @@ constexpr bool SEES_EACH_OBJECT = true;
 constexpr bool SEES_EACH_OBJECT = false;
 #endif
 
-TEST(CallMemory, ObjectsLieBesideEachOtherWhateverElseIsAllocated) {
+TEST(CallPool, ObjectsLieBesideEachOtherWhateverElseIsAllocated) {
     if (SEES_EACH_OBJECT) {
         GTEST_SKIP() << "the address sanitizer sees each object";
     }
@@ -28,7 +28,7 @@ TEST(CallMemory, ObjectsLieBesideEachOtherWhateverElseIsAllocated) {
     for (int i = 0; i < 1000; ++i) {
         others.push_back(std::make_unique<char[]>(20'000));
         places.push_back(
-            reinterpret_cast<std::uintptr_t>(CallMemory::instance().allocate(SIZE, 64)));
+            reinterpret_cast<std::uintptr_t>(CallPool::instance().allocate(SIZE, 64)));
     }
     std::sort(places.begin(), places.end());
     int apart = 0;
@@ -37,25 +37,25 @@ TEST(CallMemory, ObjectsLieBesideEachOtherWhateverElseIsAllocated) {
     }
     EXPECT_LT(apart, 20);
     for (const std::uintptr_t place : places) {
-        CallMemory::instance().deallocate(reinterpret_cast<void*>(place), SIZE, 64);
+        CallPool::instance().deallocate(reinterpret_cast<void*>(place), SIZE, 64);
     }
 }
 
-TEST(CallMemory, WhatIsGivenBackIsUsedAgain) {
+TEST(CallPool, WhatIsGivenBackIsUsedAgain) {
     if (SEES_EACH_OBJECT) {
         GTEST_SKIP() << "the address sanitizer sees each object";
     }
-    void* const first = CallMemory::instance().allocate(SIZE, 64);
-    CallMemory::instance().deallocate(first, SIZE, 64);
-    void* const second = CallMemory::instance().allocate(SIZE, 64);
+    void* const first = CallPool::instance().allocate(SIZE, 64);
+    CallPool::instance().deallocate(first, SIZE, 64);
+    void* const second = CallPool::instance().allocate(SIZE, 64);
     EXPECT_EQ(second, first);
-    CallMemory::instance().deallocate(second, SIZE, 64);
+    CallPool::instance().deallocate(second, SIZE, 64);
 }
 
-TEST(CallMemory, ObjectsAreAlignedAsAsked) {
-    void* const object = CallMemory::instance().allocate(100, 64);
+TEST(CallPool, ObjectsAreAlignedAsAsked) {
+    void* const object = CallPool::instance().allocate(100, 64);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(object) % 64, 0U);
-    CallMemory::instance().deallocate(object, 100, 64);
+    CallPool::instance().deallocate(object, 100, 64);
 }
 
 }  // namespace

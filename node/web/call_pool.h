@@ -11,14 +11,14 @@
 
 namespace qv::node::web {
 
-class CallMemory : public std::pmr::memory_resource {
+class CallPool : public std::pmr::memory_resource {
   public:
     // The one of the program. It is never destroyed, so an object in it may live as long as it
     // likes.
-    static CallMemory& instance();
+    static CallPool& instance();
 
   private:
-    CallMemory() = default;
+    CallPool() = default;
 
     void* do_allocate(std::size_t bytes, std::size_t alignment) override QV_EXCLUDES(mutex_);
     void do_deallocate(void* object, std::size_t bytes, std::size_t alignment) override
