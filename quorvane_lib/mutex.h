@@ -24,7 +24,7 @@
 #define QV_REQUIRES_SHARED(...) QV_THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
 // The caller does not hold the lock: the function takes it.
 #define QV_EXCLUDES(...) QV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-// The order of locks: this one is taken before, or after, that one.
+// The order of locks: this one is taken after that one.
 #define QV_ACQUIRED_AFTER(...) QV_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 // For functions whose locking the analysis cannot follow; the reason stands beside it.
 #define QV_NO_THREAD_SAFETY_ANALYSIS QV_THREAD_ANNOTATION(no_thread_safety_analysis)

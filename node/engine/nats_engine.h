@@ -32,8 +32,8 @@ class Engine : private Link::Listener {
 
     // Returns when stop() is called and the library uses this object no longer.
     void run() QV_EXCLUDES(mutex_);
-    // The same for the spool, if there is one. Returns when stop_spool() is called.
     bool has_spool() const { return spool_ != nullptr; }
+    // The same for the spool, if there is one. Returns when stop_spool() is called.
     void run_spool() QV_EXCLUDES(mutex_);
 
     const std::string& run_id() const { return run_; }

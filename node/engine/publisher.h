@@ -1,4 +1,4 @@
-// Hands events and audio to NATS, on a thread of its own.
+// Hands events and audio to NATS, on a thread of its own; the spool has another.
 //
 // Events go through JetStream: each stays in a bounded queue until the server says that it has
 // stored it, and is sent again otherwise. The events of a call are stored in their order. Audio
