@@ -21,7 +21,7 @@ enum class Priority {
 // Gives the calling thread a lower priority than the program's first thread has. Where the program
 // has real-time priority, this thread has none.
 inline void lower_priority(Priority priority) {
-    constexpr int LOWEST = 19;
+    constexpr int lowest = 19;
     if (const int policy = ::sched_getscheduler(0); policy == SCHED_FIFO || policy == SCHED_RR) {
         const sched_param none{};
         ::sched_setscheduler(0, SCHED_OTHER, &none);
@@ -30,7 +30,7 @@ inline void lower_priority(Priority priority) {
     errno = 0;
     const int first = ::getpriority(PRIO_PROCESS, static_cast<id_t>(::getpid()));
     if (errno == 0) {
-        ::setpriority(PRIO_PROCESS, 0, std::min(first + static_cast<int>(priority), LOWEST));
+        ::setpriority(PRIO_PROCESS, 0, std::min(first + static_cast<int>(priority), lowest));
     }
 }
 
