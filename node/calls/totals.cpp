@@ -23,6 +23,7 @@ void Totals::add(const Totals& others) {
     calls_ended += others.calls_ended;
     calls_not_terminated += others.calls_not_terminated;
     calls_without_start += others.calls_without_start;
+    calls_apart += others.calls_apart;
     audio_bytes += others.audio_bytes;
     gaps += others.gaps;
     lost_packets += others.lost_packets;
@@ -75,6 +76,7 @@ void CallCounter::ended(const Call& call, EndReason reason) {
     ++totals_.calls_ended;
     totals_.calls_not_terminated += reason == EndReason::TERMINATED ? 0 : 1;
     totals_.calls_without_start += call.start().has_value() ? 0 : 1;
+    totals_.calls_apart += call.sides_may_be_apart() ? 1 : 0;
     for (const Side side : BOTH_SIDES) {
         totals_.reordered += call.side(side).stats().reordered;
     }

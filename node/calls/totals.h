@@ -19,6 +19,7 @@ struct Totals {
     std::uint64_t calls_ended = 0;
     std::uint64_t calls_not_terminated = 0;  // Ended without a terminate packet.
     std::uint64_t calls_without_start = 0;
+    std::uint64_t calls_apart = 0;  // The alignment of their sides was uncertain when they ended.
     std::uint64_t audio_bytes = 0;
     std::uint64_t gaps = 0;
     // No longer waited for. Those that came later are dropped as LATE.

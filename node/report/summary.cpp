@@ -59,6 +59,9 @@ void print_summary(LineReport& lines, const NodeFigures& figures, const LostEven
     lines.say("summary", calls_text(totals) + ", " + counted(figures.received, "packet") + ", " +
                              grouped(totals.audio_bytes) + " bytes of audio, " +
                              counted(totals.gaps, "gap"));
+    if (totals.calls_apart != 0) {
+        lines.say("  sides may be apart in time: " + counted(totals.calls_apart, "call"), "");
+    }
     print_unused(lines, figures);
     print_reports(lines, figures.reports);
     if (figures.removed_calls != 0) {

@@ -23,6 +23,7 @@ TEST(TotalsTest, EveryCounterIsAdded) {
     one.assumed_rates = 16;
     one.rate_changes = 17;
     one.file_errors = 18;
+    one.calls_apart = 19;
     Totals sum = one;
     sum.add(one);
     EXPECT_EQ(sum.packets, (std::array<std::uint64_t, 4>{2, 4, 6, 8}));
@@ -40,8 +41,9 @@ TEST(TotalsTest, EveryCounterIsAdded) {
     EXPECT_EQ(sum.assumed_rates, 32u);
     EXPECT_EQ(sum.rate_changes, 34u);
     EXPECT_EQ(sum.file_errors, 36u);
+    EXPECT_EQ(sum.calls_apart, 38u);
     // A new counter has to be added, too.
-    EXPECT_EQ(sizeof(Totals), (4 + DROP_COUNT + 13) * sizeof(std::uint64_t));
+    EXPECT_EQ(sizeof(Totals), (4 + DROP_COUNT + 14) * sizeof(std::uint64_t));
 }
 
 TEST(TotalsTest, PacketsAndDropsAreCountedByKind) {
@@ -78,6 +80,28 @@ TEST_F(CallCounterTest, CallWithoutStartPacketIsCountedAsSuch) {
     send_call("call_1_start");
     EXPECT_EQ(totals_.calls_without_start, 1u);
     EXPECT_EQ(totals_.calls_begun, 1u);
+}
+
+TEST(TotalsTest, JoinedCallWhoseRateIsNotKnownIsCountedAsApart) {
+    static constexpr unsigned char SILENCE[320] = {};
+    const CallLimits limits;
+    Totals totals;
+    CallCounter counter(totals);
+    Call call({}, 0, {}, limits, {&counter});
+    media::Packet packet;
+    packet.type = media::PacketType::DATA;
+    packet.call_uuid = call.uuid().data();
+    packet.sample_count = 160;
+    packet.audio = SILENCE;
+    for (const std::uint16_t leg_word : {std::uint16_t{0x0000}, std::uint16_t{0x8001}}) {
+        packet.leg_word = leg_word;
+        packet.sequence_number = 1'000'000;
+        packet.sample_offset = 160'000'000;
+        call.receive(packet, {});
+    }
+    call.close(EndReason::SHUTDOWN);
+    call.report_end(EndReason::SHUTDOWN);
+    EXPECT_EQ(totals.calls_apart, 1u);
 }
 
 }  // namespace

@@ -34,6 +34,7 @@ TEST(SummaryTest, AllThatWentWrongIsSaid) {
     figures.totals.calls_ended = 5;
     figures.totals.calls_not_terminated = 2;
     figures.totals.calls_without_start = 1;
+    figures.totals.calls_apart = 2;
     figures.totals.gaps = 1;
     figures.totals.count_drop(Drop::LATE);
     figures.totals.file_errors = 1;
@@ -42,8 +43,9 @@ TEST(SummaryTest, AllThatWentWrongIsSaid) {
     figures.overflowed = 6;
     EXPECT_EQ(
         summary_of(figures, {7, "events.1"}),
-        (Lines{"summary: 5 2 1 0 0 1", "  malformed: 3", "  not used: 1", "  not written: 1 file",
-               "  not written: 4 calls", "  events lost: 7: events.1", "  lost in the socket: 6"}));
+        (Lines{"summary: 5 2 1 0 0 1", "  sides may be apart in time: 2 calls", "  malformed: 3",
+               "  not used: 1", "  not written: 1 file", "  not written: 4 calls",
+               "  events lost: 7: events.1", "  lost in the socket: 6"}));
 }
 
 }  // namespace
