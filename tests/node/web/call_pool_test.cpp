@@ -27,8 +27,7 @@ TEST(CallPool, ObjectsLieBesideEachOtherWhateverElseIsAllocated) {
     std::vector<std::uintptr_t> places;
     for (int i = 0; i < 1000; ++i) {
         others.push_back(std::make_unique<char[]>(20'000));
-        places.push_back(
-            reinterpret_cast<std::uintptr_t>(CallPool::instance().allocate(SIZE, 64)));
+        places.push_back(reinterpret_cast<std::uintptr_t>(CallPool::instance().allocate(SIZE, 64)));
     }
     std::sort(places.begin(), places.end());
     int apart = 0;
