@@ -459,11 +459,12 @@ class Server::Impl {
         auto* const page = static_cast<Connection*>(mg_get_user_connection_data(connection));
         const int opcode = bits & 0xF;
         page->note_message();
-        bool goes_on = opcode != MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE;
-        if (opcode == MG_WEBSOCKET_OPCODE_TEXT && (bits & 0x80) != 0) {
+        const bool whole = (bits & 0x80) != 0;
+        bool goes_on = opcode == MG_WEBSOCKET_OPCODE_PING || opcode == MG_WEBSOCKET_OPCODE_PONG;
+        if (opcode == MG_WEBSOCKET_OPCODE_TEXT && whole) {
             guard(connection, [&] { goes_on = page->take({bytes, size}); });
         }
-        return goes_on ? 1 : 0;
+        return goes_on ? 1 : 0;  // The page sends nothing else.
     }
 
     static void closed(const mg_connection* connection, void* self) {

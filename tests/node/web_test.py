@@ -16,7 +16,7 @@ import time
 import unittest
 
 from end_to_end_test import NODE, Node, golden, listed_event_fields, of_call, uuid_of
-from web_client import PATIENCE, TEXT, Page, ask, connect, exchange, read_head
+from web_client import BINARY, PATIENCE, TEXT, Page, ask, connect, exchange, read_head
 
 TOKEN = "correct-horse-battery"
 FRAME = 160  # Samples of a packet.
@@ -323,6 +323,18 @@ class APage(unittest.TestCase):
                     page.socket.sendall(b"0" * 65536)
                     time.sleep(0.005)
             self.assertEqual(Page(node.port).status, 101)
+
+    def test_is_cut_off_when_it_sends_what_no_page_sends(self):
+        with Served() as node:
+            # A part of a text, its continuation, and an opcode that is not in use.
+            for opcode, final in (BINARY, True), (TEXT, False), (0, True), (11, True):
+                with self.subTest(opcode=opcode, final=final), Page(node.port) as page:
+                    page.wait_for_type("calls")
+                    page.send_frame(opcode, b"x", final)
+                    end = time.monotonic() + PATIENCE
+                    while not page.closed and time.monotonic() < end:
+                        page.read()
+                    self.assertTrue(page.closed)
 
     def test_is_cut_off_when_it_does_not_read(self):
         with Served() as node:
