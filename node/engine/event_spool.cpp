@@ -7,13 +7,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <system_error>
 #include <utility>
+
+#include "tools/number.h"
 
 namespace qv::node {
 
@@ -53,10 +54,7 @@ bool write_all(int descriptor, const std::string& text) {
 }
 
 std::uint64_t number_of(const fs::path& path) {
-    const std::string stem = path.stem();
-    std::uint64_t number = 0;
-    const auto [end, error] = std::from_chars(stem.data(), stem.data() + stem.size(), number);
-    return error == std::errc() && end == stem.data() + stem.size() ? number : 0;
+    return tools::parse_number<std::uint64_t>(path.stem().string()).value_or(0);
 }
 
 }  // namespace

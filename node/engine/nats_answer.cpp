@@ -1,7 +1,8 @@
 #include "node/engine/nats_answer.h"
 
-#include <charconv>
 #include <nlohmann/json.hpp>
+
+#include "tools/number.h"
 
 namespace qv::node::nats {
 
@@ -11,10 +12,7 @@ namespace {
 constexpr std::size_t LONGEST = 65536;  // Bytes.
 
 std::uint64_t last_word_of(std::string_view subject) {
-    const std::string_view word = subject.substr(subject.rfind('.') + 1);
-    std::uint64_t number = 0;
-    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
-    return error == std::errc() && end == word.data() + word.size() ? number : 0;
+    return tools::parse_number<std::uint64_t>(subject.substr(subject.rfind('.') + 1)).value_or(0);
 }
 
 // JetStream's own number for a message that is longer than the stream takes.

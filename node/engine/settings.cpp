@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <fstream>
 #include <functional>
+#include <limits>
 #include <map>
 #include <sstream>
 #include <system_error>
+
+#include "tools/number.h"
 
 namespace qv::node {
 
@@ -38,10 +40,9 @@ Setter text_into(std::string& value) {
 template <typename Number>
 Setter number_into(Number& value, double least, double most) {
     return [&value, least, most](const std::string& text) -> std::string {
-        double number = 0;
-        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-        if (error != std::errc() || end != text.data() + text.size() || !(number >= least) ||
-            !(number <= most)) {
+        const double number =
+            tools::parse_number<double>(text).value_or(std::numeric_limits<double>::quiet_NaN());
+        if (!(number >= least) || !(number <= most)) {
             std::ostringstream complaint;
             complaint << "'" << text << "' is no number from " << least << " to " << most;
             return complaint.str();
