@@ -262,11 +262,14 @@ can_see_priorities = unittest.skipIf(
 
 
 def normal_threads(process):
-    """The names of its threads that have no lower priority than its first one."""
-    nice = str(os.getpriority(os.PRIO_PROCESS, process))
-    tasks = pathlib.Path(f"/proc/{process}/task").iterdir()
-    return sorted((task / "comm").read_text().strip() for task in tasks
-                  if (task / "stat").read_text().rsplit(")", 1)[1].split()[16] == nice)
+    """The names of its threads that have the priority of its first one."""
+    def priority(task):
+        fields = task.joinpath("stat").read_text().rsplit(")", 1)[1].split()
+        return fields[16], fields[38]  # The nice value and the policy.
+    tasks = pathlib.Path(f"/proc/{process}/task")
+    first = priority(tasks / str(process))
+    return sorted((task / "comm").read_text().strip() for task in tasks.iterdir()
+                  if priority(task) == first)
 
 
 class Node:

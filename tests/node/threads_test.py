@@ -4,6 +4,7 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import signal
 import socket
 import struct
@@ -70,9 +71,9 @@ class ThreadsTest(unittest.TestCase):
             self.node.kill()
             self.node.wait()
 
-    def start(self, *options, environment=None):
+    def start(self, *options, environment=None, before=()):
         self.log = self.folder / "log"
-        command = [NODE, "--listen", "127.0.0.1:0", "--threads", str(THREADS), "--output",
+        command = [*before, NODE, "--listen", "127.0.0.1:0", "--threads", str(THREADS), "--output",
                    str(self.folder / "out"), "--events", str(self.folder / "events"), *options]
         with open(self.log, "w") as log:
             self.node = subprocess.Popen(command, stdout=log, stderr=subprocess.STDOUT,
@@ -198,11 +199,26 @@ class ThreadsTest(unittest.TestCase):
         self.finish()
         self.assert_files_are_whole(calls)
 
-    @can_see_priorities
-    def test_whatever_can_wait_has_a_lower_priority_than_receiving(self):
-        self.start("--http", "0", "--sync", "1", "--keep", "1d")
+    def check_that_only_receivers_have_its_priority(self, *before):
+        self.start("--http", "0", "--sync", "1", "--keep", "1d", before=before)
         self.wait_for(lambda: normal_threads(self.node.pid) ==
                       ["quorvane-node", "receiver-0", "receiver-1"])
+
+    @can_see_priorities
+    def test_whatever_can_wait_has_a_lower_priority_than_receiving(self):
+        self.check_that_only_receivers_have_its_priority()
+
+    @can_see_priorities
+    def test_priorities_are_relative_to_that_of_the_program(self):
+        self.check_that_only_receivers_have_its_priority("nice", "-n", "3")
+
+    @can_see_priorities
+    def test_only_receiving_has_the_real_time_priority_of_the_program(self):
+        real_time = ["chrt", "--rr", "1"]
+        if shutil.which("chrt") is None or subprocess.run(
+                [*real_time, "true"], capture_output=True, check=False).returncode != 0:
+            self.skipTest("real-time priority cannot be had")
+        self.check_that_only_receivers_have_its_priority(*real_time)
 
     def test_signals_concern_all_threads(self):
         calls = range(1, 41)
