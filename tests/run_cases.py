@@ -7,20 +7,20 @@ if it failed, followed by the command that runs just this case again.
 
     run_cases.py [--results FILE] [--timeout SECONDS] PROGRAM
 
+It runs once for each test program, so it imports only what starts fast.
+
 --results writes an object for each case: name, status (passed, failed or skipped), seconds,
 text, command. Exits with 1 if a case failed.
 """
 import argparse
 import json
 import os
-import pathlib
 import re
 import selectors
 import shlex
 import signal
 import subprocess
 import sys
-import tempfile
 import time
 
 # GoogleTest's line at the start and the end of a case. Other output may precede it on the line.
@@ -65,9 +65,9 @@ class Case:
 
 def rerun_command(program, name):
     """The command for this case alone, from the source folder if the program is below it."""
-    source = pathlib.Path(__file__).resolve().parent.parent
+    source = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
     path = os.path.relpath(program, source)
-    path = str(program) if path.startswith("..") else path
+    path = program if path.startswith("..") else path
     return path if name == AT_END else f"{path} --gtest_filter={shlex.quote(name)}"
 
 
@@ -84,12 +84,14 @@ class Run:
 
     def execute(self):
         """Returns when the process has ended; self.left has the cases that it did not reach."""
-        with tempfile.NamedTemporaryFile("w", suffix=".flags") as flags:
+        # In a file, because they may be longer than an argument can be.
+        with open(os.memfd_create("flags"), "w", encoding="utf-8") as flags:
             flags.write("--gtest_filter=" + ":".join(self.left) + "\n--gtest_color=no\n")
             flags.flush()
-            process = subprocess.Popen([self.program, "--gtest_flagfile=" + flags.name],
-                                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                       stdin=subprocess.DEVNULL, start_new_session=True)
+            process = subprocess.Popen(
+                [self.program, f"--gtest_flagfile=/proc/{os.getpid()}/fd/{flags.fileno()}"],
+                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
+                start_new_session=True)
             in_time = self.read(process)
             if not in_time:
                 os.killpg(process.pid, signal.SIGKILL)
@@ -172,20 +174,21 @@ def run_all(program, timeout):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--results", type=pathlib.Path, metavar="FILE",
+    parser.add_argument("--results", metavar="FILE",
                         help="write the result of each case to this JSON file")
     parser.add_argument("--timeout", type=float, default=120, metavar="SECONDS",
                         help="longest time that a case may take (%(default)s)")
-    parser.add_argument("program", type=pathlib.Path, help="the test program")
+    parser.add_argument("program", help="the test program")
     options = parser.parse_args()
 
     # The results of an earlier run must not be mistaken for those of this one.
+    if options.results and os.path.exists(options.results):
+        os.remove(options.results)
+    cases = run_all(os.path.realpath(options.program), options.timeout)
     if options.results:
-        options.results.unlink(missing_ok=True)
-    cases = run_all(options.program.resolve(), options.timeout)
-    if options.results:
-        options.results.parent.mkdir(parents=True, exist_ok=True)
-        options.results.write_text(json.dumps([case.as_object() for case in cases], indent=1))
+        os.makedirs(os.path.dirname(os.path.realpath(options.results)), exist_ok=True)
+        with open(options.results, "w", encoding="utf-8") as file:
+            json.dump([case.as_object() for case in cases], file, indent=1)
 
     failed = [case for case in cases if case.status == "failed"]
     for case in failed:
