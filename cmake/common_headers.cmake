@@ -20,3 +20,15 @@ function(quorvane_common_headers)
     endforeach()
   endif()
 endfunction()
+
+# quorvane_join_sources(target...): several sources of these targets are compiled as one. Builds
+# that compile everything use it, because tests spend most of their compile time on templates that
+# many of them need. Without it a change of one source compiles no other, and every source shows
+# that it includes what it needs.
+option(QUORVANE_JOIN_SOURCES "Compile several sources of the tests as one" OFF)
+
+function(quorvane_join_sources)
+  if(QUORVANE_JOIN_SOURCES)
+    set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 7)
+  endif()
+endfunction()

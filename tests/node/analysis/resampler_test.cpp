@@ -13,7 +13,7 @@ namespace qv::node::analysis {
 namespace {
 
 // A tone of 400 Hz with an amplitude of a quarter.
-std::vector<std::int16_t> tone(int rate, std::size_t count) {
+std::vector<std::int16_t> sine(int rate, std::size_t count) {
     std::vector<std::int16_t> samples(count);
     for (std::size_t i = 0; i < count; ++i) {
         samples[i] = static_cast<std::int16_t>(
@@ -42,7 +42,7 @@ TEST(ResamplerTest, EqualRatesOnlyScale) {
 
 TEST(ResamplerTest, SampleIsTheSoundOfTheSameMoment) {
     Resampler resampler(48'000, 8000);
-    const std::vector<float> out = converted(resampler, tone(48'000, 48'000));
+    const std::vector<float> out = converted(resampler, sine(48'000, 48'000));
     ASSERT_GT(out.size(), 7900u);
     ASSERT_LE(out.size(), 8000u);
     for (std::size_t i = 200; i < 7800; ++i) {
@@ -57,14 +57,14 @@ TEST(ResamplerTest, ResetForgetsTheAudioSoFar) {
     converted(used, std::vector<std::int16_t>(1000, 20'000));
     used.reset();
     Resampler fresh(16'000, 8000);
-    const std::vector<std::int16_t> samples = tone(16'000, 1000);
+    const std::vector<std::int16_t> samples = sine(16'000, 1000);
     EXPECT_EQ(converted(used, samples), converted(fresh, samples));
 }
 
 TEST(ResamplerTest, OnePieceIsTheMost) {
     Resampler resampler(8000, 8000);
     std::vector<float> out(1000);
-    EXPECT_EQ(resampler.convert(tone(8000, 1000).data(), 1000, out.data()), Resampler::PIECE);
+    EXPECT_EQ(resampler.convert(sine(8000, 1000).data(), 1000, out.data()), Resampler::PIECE);
 }
 
 }  // namespace

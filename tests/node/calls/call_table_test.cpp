@@ -20,7 +20,7 @@ using media::PacketType;
 using tests::FakeAudioStore;
 
 // Records what is reported, one word each.
-class Diary : public CallListener {
+class TableDiary : public CallListener {
   public:
     void started(const Call& call, const Packet&) override {
         add(call.started_late() ? "late-start" : "start");
@@ -125,7 +125,7 @@ class CallTableTest : public testing::Test {
     FakeAudioStore store_;
     FileNames file_names_{store_, {}, [] { return 0; }, [] {}};
     Recorder recorder_{store_, {true, false, {4, false}}};
-    Diary diary_;
+    TableDiary diary_;
     std::unique_ptr<CallTable> table_;
     Uuid uuid_{};
     std::uint64_t key_ = 7;
