@@ -10,7 +10,7 @@ namespace qv::node {
 namespace {
 
 // A block may grow to this many times its size while the sample rate of its side is unknown.
-constexpr std::size_t PATIENCE = 4;
+constexpr std::size_t RATE_PATIENCE_BLOCKS = 4;
 
 }  // namespace
 
@@ -31,7 +31,7 @@ void SideRecording::audio(Side side, const std::int16_t* samples, std::size_t co
 }
 
 void SideRecording::silence(Side side, std::uint64_t count) {
-    if (count >= PATIENCE * options_.block_samples) {
+    if (count >= RATE_PATIENCE_BLOCKS * options_.block_samples) {
         track(side).used = true;
         write_block(side, true);
         track(side).file->write_silence(count);
@@ -107,7 +107,8 @@ void SideRecording::write_block(Side side, bool last) {
     if (from.file != nullptr) {
         return write_block(side, 0);
     }
-    const int rate = rate_(side, last || from.block.size() >= PATIENCE * options_.block_samples);
+    const int rate =
+        rate_(side, last || from.block.size() >= RATE_PATIENCE_BLOCKS * options_.block_samples);
     if (rate != 0) {
         write_block(side, rate);
     }

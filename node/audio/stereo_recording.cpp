@@ -10,7 +10,7 @@ namespace qv::node {
 namespace {
 
 // A side waits for the other side until it has this many blocks.
-constexpr std::size_t PATIENCE = 8;
+constexpr std::size_t SIDE_PATIENCE_BLOCKS = 8;
 
 }  // namespace
 
@@ -60,7 +60,7 @@ StereoRecording::Track& StereoRecording::placed_track(Side side) {
 void StereoRecording::append_silence(Track& track, std::uint64_t count) {
     const std::uint64_t written = std::min(count, track.padding);
     track.padding -= written;
-    if (count - written >= PATIENCE * options_.block_samples) {
+    if (count - written >= SIDE_PATIENCE_BLOCKS * options_.block_samples) {
         write_silence(track, count - written);
     } else {
         append_zeros(track, count - written);
@@ -131,7 +131,7 @@ void StereoRecording::append(Track& track, const std::int16_t* samples, std::siz
 }
 
 void StereoRecording::write_what_is_due() {
-    const std::size_t bound = PATIENCE * options_.block_samples;
+    const std::size_t bound = SIDE_PATIENCE_BLOCKS * options_.block_samples;
     const bool last = longest() >= bound;
     if ((shorter() < options_.block_samples && !last) || !ready(last)) {
         return;

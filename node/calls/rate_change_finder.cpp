@@ -10,8 +10,6 @@ namespace qv::node {
 
 namespace {
 
-constexpr std::uint32_t LARGEST_PACKET = media::MAX_AUDIO_SIZE / 2;
-
 // Packets of one frame are sent together.
 constexpr std::int64_t SHORTEST_FRAME_US = 5'000;
 // A longer interval is a pause.
@@ -69,7 +67,7 @@ RateChangeFinder::Finding RateChangeFinder::add(std::uint16_t sample_count, std:
     last_time_ = send_time;
     odd = is_too_long() || odd;
     // A full packet may be the first part of a split frame.
-    if (sample_count != LARGEST_PACKET) {
+    if (sample_count != LARGEST_PACKET_SAMPLES) {
         odd = finish_frame() || odd;
     }
     if (!in_doubt()) {

@@ -16,7 +16,6 @@ constexpr Micros LONGEST_INTERVAL{250'000};  // Frames are shorter. A longer int
 constexpr Micros SHORTEST_INTERVAL{5'000};
 constexpr Micros ENOUGH{1'000'000};
 constexpr Micros LITTLE{60'000};
-constexpr std::uint32_t LARGEST_PACKET = media::MAX_AUDIO_SIZE / 2;
 constexpr int USUAL_RATES[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000, 96000};
 
 // Neighbours such as 11025 and 12000 Hz differ by 9 %, all others by at least a fourth. If the
@@ -29,8 +28,8 @@ constexpr double LARGEST_ERROR_WITH_FRAME = 0.15;
 constexpr int SPAN_IN_INTERVALS = 25;
 constexpr int SPAN_IN_INTERVALS_WITH_FRAME = 8;
 
-// `earlier` must not be later. Forged times must not overflow.
-Micros time_between(std::int64_t earlier, std::int64_t later) {
+// `earlier` must not be later. At most an hour, because forged times must not overflow.
+Micros limited_time_between(std::int64_t earlier, std::int64_t later) {
     const auto time = static_cast<std::uint64_t>(later) - static_cast<std::uint64_t>(earlier);
     constexpr std::uint64_t pause = 3600'000'000;
     return Micros(std::min(time, pause));
@@ -87,7 +86,7 @@ std::optional<int> rate_by_time(double measured) {
 void RateEstimator::add(std::uint32_t sample_offset, std::uint16_t sample_count,
                         std::int64_t send_time) {
     if (begun_ && send_time > last_time_ &&
-        time_between(last_time_, send_time) >= SHORTEST_INTERVAL) {
+        limited_time_between(last_time_, send_time) >= SHORTEST_INTERVAL) {
         count_frame();
     }
     count_packet(sample_count);
@@ -96,7 +95,7 @@ void RateEstimator::add(std::uint32_t sample_offset, std::uint16_t sample_count,
         if (samples >= 0x80000000U || send_time < last_time_) {
             return;
         }
-        const Micros interval = time_between(last_time_, send_time);
+        const Micros interval = limited_time_between(last_time_, send_time);
         if (interval > LONGEST_INTERVAL) {
             catching_up_ = true;
         } else if (!catching_up_ || interval >= SHORTEST_INTERVAL) {
@@ -114,7 +113,7 @@ void RateEstimator::add(std::uint32_t sample_offset, std::uint16_t sample_count,
 // A full packet may be the first part of a split frame.
 void RateEstimator::count_packet(std::uint16_t sample_count) {
     unfinished_ += sample_count;
-    if (sample_count != LARGEST_PACKET || unfinished_ >= 20 * LARGEST_PACKET) {
+    if (sample_count != LARGEST_PACKET_SAMPLES || unfinished_ >= 20 * LARGEST_PACKET_SAMPLES) {
         count_frame();
     }
 }

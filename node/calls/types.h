@@ -74,6 +74,8 @@ constexpr const char* name_of(Side side) {
 
 // The rate for audio if neither an option nor its packets determine one.
 constexpr int DEFAULT_SAMPLE_RATE = 8000;
+// A sender splits a longer frame into several packets.
+constexpr std::uint32_t LARGEST_PACKET_SAMPLES = media::MAX_AUDIO_SIZE / 2;
 
 // A rate of 0 Hz is unknown.
 inline double seconds_of(std::uint64_t samples, int sample_rate) {

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::uint16_t ETHERTYPE_IPV4 = 0x0800;
 constexpr std::size_t FRAGMENT_BLOCK = 8;
-constexpr std::size_t LARGEST_PACKET = 65535;
+constexpr std::size_t LARGEST_DATAGRAM = 65535;
 constexpr std::size_t UDP_HEADER = 8;
 
 std::uint16_t get_u16(const unsigned char* data) {
@@ -151,7 +151,7 @@ std::list<UdpReader::Fragmented>::iterator UdpReader::find(const Header& header,
 bool UdpReader::add_bytes(Fragmented& whole, const Header& header) {
     const std::size_t end = header.offset + header.payload.size;
     const bool ends_in_block = header.payload.size % FRAGMENT_BLOCK == 0;
-    if (end > LARGEST_PACKET || header.payload.size == 0 || (header.more && !ends_in_block) ||
+    if (end > LARGEST_DATAGRAM || header.payload.size == 0 || (header.more && !ends_in_block) ||
         (whole.end.has_value() && (end > *whole.end || (!header.more && end != *whole.end)))) {
         return false;
     }

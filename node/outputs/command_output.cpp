@@ -10,7 +10,7 @@ namespace qv::node {
 
 namespace {
 
-constexpr std::chrono::seconds PATIENCE{10};
+constexpr std::chrono::seconds COMMAND_PATIENCE{10};
 
 }  // namespace
 
@@ -20,7 +20,7 @@ CommandOutput::CommandOutput(const EndCommand::Options& options, LineReport& lin
 
 void CommandOutput::finish(const Patience& patience) {
     std::uint64_t left = 0;
-    patience.wait(PATIENCE, [this, &left] {
+    patience.wait(COMMAND_PATIENCE, [this, &left] {
         left = command_.finish(Patience::A_MOMENT);
         return left + command_.running() == 0;
     });

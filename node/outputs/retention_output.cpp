@@ -7,7 +7,7 @@ namespace qv::node {
 namespace {
 
 constexpr std::chrono::seconds INTERVAL{60};
-constexpr std::chrono::seconds PATIENCE{5};
+constexpr std::chrono::seconds RETENTION_PATIENCE{5};
 
 }  // namespace
 
@@ -20,7 +20,7 @@ void RetentionOutput::update(Clock::time_point now) {
 }
 
 void RetentionOutput::finish() {
-    retention_.end(Clock::now() + PATIENCE);
+    retention_.end(Clock::now() + RETENTION_PATIENCE);
     report();
 }
 

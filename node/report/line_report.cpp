@@ -39,12 +39,6 @@ std::string reason_text(EndReason reason) {
     return {};
 }
 
-void append_count(std::string& text, std::uint64_t count, const char* what) {
-    if (count != 0) {
-        text += ", " + grouped(count) + ' ' + what;
-    }
-}
-
 std::string foreign_text(std::uint64_t packets) {
     return packets == 0 ? std::string()
                         : ", " + counted(packets, "packet") + " from other addresses dropped";

@@ -142,12 +142,6 @@ std::string row(const CallSnapshot& call, Micros now, const Columns& columns) {
                : text;
 }
 
-void append_count(std::string& text, std::uint64_t count, const char* what) {
-    if (count != 0) {
-        text += ", " + grouped(count) + ' ' + what;
-    }
-}
-
 std::string side_counts(const SideSnapshot& side) {
     const ReorderBuffer::Stats& stats = side.stats;
     std::string text = "  " + counted(stats.packets, "packet") + ", " + grouped(stats.lost()) +

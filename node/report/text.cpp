@@ -92,6 +92,12 @@ LocalMoment local_moment(Micros time) {
 
 }  // namespace
 
+void append_count(std::string& text, std::uint64_t count, const char* what) {
+    if (count != 0) {
+        text += ", " + grouped(count) + ' ' + what;
+    }
+}
+
 std::string key_text(std::uint64_t call_key) {
     return "0x" + tools::hexadecimal(call_key);
 }

@@ -19,6 +19,9 @@ using tools::counted;
 using tools::duration_text;
 using tools::grouped;
 
+// Appends ", 1,234 reordered", or nothing if the count is 0.
+void append_count(std::string& text, std::uint64_t count, const char* what);
+
 // "0x" and 16 digits.
 std::string key_text(std::uint64_t call_key);
 
