@@ -22,13 +22,17 @@ function(quorvane_common_headers)
 endfunction()
 
 # quorvane_join_sources(target...): several sources of these targets are compiled as one. Builds
-# that compile everything use it, because tests spend most of their compile time on templates that
-# many of them need. Without it a change of one source compiles no other, and every source shows
-# that it includes what it needs.
-option(QUORVANE_JOIN_SOURCES "Compile several sources of the tests as one" OFF)
+# that compile everything use it, because most of the compile time goes into headers and templates
+# that many sources need. Without it a change of one source compiles no other, and every source
+# shows that it includes what it needs.
+option(QUORVANE_JOIN_SOURCES "Compile several sources of the media node and of tests as one" OFF)
 
 function(quorvane_join_sources)
   if(QUORVANE_JOIN_SOURCES)
     set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 7)
+    # To the compiler, a joined source is a header.
+    foreach(target IN LISTS ARGN)
+      target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+    endforeach()
   endif()
 endfunction()
