@@ -42,11 +42,20 @@ require_node() {
 }
 
 npm_packages() {
-  local here=$1 folder=$2 package=$3
-  local stamp log why
+  local folder=$2 lock
   require_node
   require_program npm
   mkdir -p "$folder"
+  # One test installs the packages for all that share the folder. The others wait for that.
+  exec {lock}>"$folder/lock"
+  flock "$lock"
+  install_packages "$@"
+  exec {lock}>&-
+}
+
+install_packages() {
+  local here=$1 folder=$2 package=$3
+  local stamp log why
   stamp=$(cat "$here/package.json" "$here/package-lock.json" | sha256sum)
 
   # The packages are installed once, and again when the lock file has changed.
