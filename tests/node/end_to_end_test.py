@@ -246,6 +246,13 @@ def wait_for_files(url, sent, seconds=30):
         time.sleep(0.1)
 
 
+def wait_for_lines(path, count, seconds=30):
+    """Waits until the file has so many lines. The node may write events later than it prints."""
+    end = time.monotonic() + seconds
+    while path.read_text().count("\n") < count and time.monotonic() < end:
+        time.sleep(0.02)
+
+
 def counted_in_summary(text, what):
     return {reason: int(count.replace(",", ""))
             for count, reason in re.findall(what + r": ([\d,]+) +(\S.*)", text)}
@@ -953,7 +960,7 @@ class NodeEndToEnd(unittest.TestCase):
             path, moved = pathlib.Path(home, "events"), pathlib.Path(home, "events.1")
             with Node("--events", str(path)) as node:
                 node.send(*map(golden, CALL[:3]))
-                node.wait_for("  start  ")
+                wait_for_lines(path, 4)
                 path.rename(moved)
                 node.process.send_signal(signal.SIGHUP)
                 node.wait_for(f"opened again .*{path}\n")
@@ -1092,6 +1099,35 @@ class NodeEndToEnd(unittest.TestCase):
             self.assertTrue(all(p.name.startswith(UUID) for p in node.folder.iterdir()))
             self.assertEqual(sorted(p.name for p in pathlib.Path(node.home.name).iterdir()),
                              ["output", "wav"])
+
+    def test_metrics_are_served(self):
+        with Node("--metrics", "0") as node:
+            url = node.wait_for(r"http://\S+").group(0)
+            node.send_call()
+            node.wait_for("  end  ")
+            time.sleep(1.2)
+            text = urllib.request.urlopen(url, timeout=5).read().decode()
+            self.assertIn('quorvane_node_packets_total{type="data"} 4', text)
+            self.assertIn("quorvane_node_calls_ended_total 1", text)
+
+    def test_service_manager_hears_when_the_receiver_is_ready_reloads_and_stops(self):
+        with tempfile.TemporaryDirectory() as home, \
+                socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.settimeout(20)
+            manager.bind(home + "/notify")
+            os.environ["NOTIFY_SOCKET"] = home + "/notify"
+            self.addCleanup(os.environ.pop, "NOTIFY_SOCKET")
+            with Node() as node:
+                self.assertEqual(manager.recv(100), b"READY=1")
+                node.process.send_signal(signal.SIGHUP)
+                self.assertRegex(manager.recv(100), rb"^RELOADING=1\nMONOTONIC_USEC=\d+$")
+                self.assertEqual(manager.recv(100), b"READY=1")
+                self.assertEqual(node.stop(), 0, node.text())
+                self.assertEqual(manager.recv(100), b"STOPPING=1")
+
+
+class RoomRunsOut(unittest.TestCase):
+    """Of the disk, of files that may be open or written, or their folder is gone."""
 
     def test_full_disk_is_reported_and_the_receiver_goes_on(self):
         with Node("--block", "1", limit=(resource.RLIMIT_FSIZE, (2000, 2000))) as node:
@@ -1244,31 +1280,30 @@ class NodeEndToEnd(unittest.TestCase):
             node.wait_for("file error +.*No such file or directory")
             self.assertEqual(node.stop(), 1)
 
-    def test_metrics_are_served(self):
-        with Node("--metrics", "0") as node:
+    def test_calls_beyond_the_limit_of_files_are_reported_but_not_written(self):
+        with Node("--max-files", "7", "--timeline", "--events", "-", "--metrics", "0") as node:
             url = node.wait_for(r"http://\S+").group(0)
-            node.send_call()
-            node.wait_for("  end  ")
-            time.sleep(1.2)
-            text = urllib.request.urlopen(url, timeout=5).read().decode()
-            self.assertIn('quorvane_node_packets_total{type="data"} 4', text)
-            self.assertIn("quorvane_node_calls_ended_total 1", text)
+            for call in (1, 2, 3, 4):
+                node.talk([call], 2)
+                node.end([call])
+            sent = 4 * (1 + 2 + 1)
+            seen = counters_after(url, sent)
+            self.assertEqual(node.stop(signal.SIGINT), 0, node.text())
+            # Each call may have three files and writes two. A third call would fit, a fourth would
+            # not.
+            written = {f"{uuid_of(call)}{kind}" for call in (1, 2, 3)
+                       for kind in ("-originator.wav", ".svg")}
+            self.assertEqual({path.name for path in node.folder.iterdir()}, written)
+            ends = {end["call_uuid"]: end for end in node.events("end")}
+            self.assertEqual([len(ends[uuid_of(call)]["files"]) for call in (1, 2, 3, 4)],
+                             [1, 1, 1, 0])
+            self.assertEqual(ends[uuid_of(4)]["sides"]["originator"]["packets"], 2)
+            self.assertEqual(node.text().count("--max-files"), 1)
+            self.assertRegex(node.text(), "not written: 1 ")
+            self.assertEqual(seen["calls_not_written_total"], 1)
 
-    def test_service_manager_hears_when_the_receiver_is_ready_reloads_and_stops(self):
-        with tempfile.TemporaryDirectory() as home, \
-                socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
-            manager.settimeout(20)
-            manager.bind(home + "/notify")
-            os.environ["NOTIFY_SOCKET"] = home + "/notify"
-            self.addCleanup(os.environ.pop, "NOTIFY_SOCKET")
-            with Node() as node:
-                self.assertEqual(manager.recv(100), b"READY=1")
-                node.process.send_signal(signal.SIGHUP)
-                self.assertRegex(manager.recv(100), rb"^RELOADING=1\nMONOTONIC_USEC=\d+$")
-                self.assertEqual(manager.recv(100), b"READY=1")
-                self.assertEqual(node.stop(), 0, node.text())
-                self.assertEqual(manager.recv(100), b"STOPPING=1")
 
+class Floods(unittest.TestCase):
     def test_random_and_mutated_datagrams_are_survived(self):
         with Node("--max-calls", "100", "--quiet", "--timeline", "--stereo") as node:
             choice = random.Random(4711)
@@ -1355,28 +1390,6 @@ class NodeEndToEnd(unittest.TestCase):
         self.assertEqual(sorted(file["path"] for file in files),
                          sorted(map(str, node.folder.iterdir())))
         return files
-
-    def test_calls_beyond_the_limit_of_files_are_reported_but_not_written(self):
-        with Node("--max-files", "7", "--timeline", "--events", "-", "--metrics", "0") as node:
-            url = node.wait_for(r"http://\S+").group(0)
-            for call in (1, 2, 3, 4):
-                node.talk([call], 2)
-                node.end([call])
-            sent = 4 * (1 + 2 + 1)
-            seen = counters_after(url, sent)
-            self.assertEqual(node.stop(signal.SIGINT), 0, node.text())
-            # Each call may have three files and writes two. A third call would fit, a fourth would
-            # not.
-            written = {f"{uuid_of(call)}{kind}" for call in (1, 2, 3)
-                       for kind in ("-originator.wav", ".svg")}
-            self.assertEqual({path.name for path in node.folder.iterdir()}, written)
-            ends = {end["call_uuid"]: end for end in node.events("end")}
-            self.assertEqual([len(ends[uuid_of(call)]["files"]) for call in (1, 2, 3, 4)],
-                             [1, 1, 1, 0])
-            self.assertEqual(ends[uuid_of(4)]["sides"]["originator"]["packets"], 2)
-            self.assertEqual(node.text().count("--max-files"), 1)
-            self.assertRegex(node.text(), "not written: 1 ")
-            self.assertEqual(seen["calls_not_written_total"], 1)
 
     def test_what_a_full_socket_cost_is_accounted_for(self):
         with Node("--quiet", "--metrics", "0", "--receive-buffer", "1") as node:
