@@ -81,12 +81,12 @@ void Fingerprint::reset(std::uint64_t frames) {
     landmark_count_ = 0;
 }
 
-void Fingerprint::add(const float* samples) {
+bool Fingerprint::begin(const float* samples) {
     std::copy(samples_.begin() + HOP, samples_.end(), samples_.begin());
     std::copy(samples, samples + HOP, samples_.end() - HOP);
     landmark_count_ = 0;
     if (++heard_ < HOPS) {
-        return;
+        return false;
     }
     heard_ = HOPS;
     const auto& window = hann_window();
@@ -95,6 +95,10 @@ void Fingerprint::add(const float* samples) {
         windowed[i] = samples_[i] * window[i];
     }
     transform_.power(windowed.data(), power_.data());
+    return true;
+}
+
+void Fingerprint::finish() {
     ++frames_;
     compare_bands();
     find_peaks();

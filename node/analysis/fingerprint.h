@@ -47,7 +47,15 @@ class Fingerprint {
     Fingerprint();
 
     // Processes the next HOP samples. The first frame is complete after the fourth hop.
-    void add(const float* samples);
+    void add(const float* samples) {
+        if (begin(samples)) {
+            finish();
+        }
+    }
+    // Two halves of add(), which take about the same time. begin() returns whether a frame is
+    // complete. If it is, finish() must follow.
+    bool begin(const float* samples);
+    void finish();
 
     // The number of frames so far. The newest one has the number frames() - 1 and begins at sample
     // (frames() - 1) * HOP.

@@ -1,12 +1,11 @@
 #include "node/analysis/sample_detector.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 #include <utility>
 
-#include "node/analysis/peak_match.h"
 #include "node/analysis/place_filter.h"
+#include "node/analysis/prefetch.h"
 
 namespace qv::node::analysis {
 
@@ -22,15 +21,9 @@ constexpr int EVIDENCE_WANTED = 24;
 constexpr int EVIDENCE_PER_DOUBLING = 6;
 constexpr int MANY_DOUBLINGS = 10;
 
-// Bits count less than their probability alone suggests, because the bits of overlapping frames
-// depend on each other.
-constexpr int BIT_GAIN = 1;
-constexpr int BIT_LOSS = 3;  // In addition to the gain that is missed.
 // The loss if the reference lacks a peak of the side. The index is the faintness of the peak: the
 // louder it is, the higher the loss.
 constexpr std::uint8_t STRANGE_LOSS[SampleIndex::FAINTEST + 1] = {8, 7, 5, 2, 0, 0, 0, 0};
-// More than all losses of a region together.
-constexpr std::uint8_t WEIGHT_OFFSET = 64;
 constexpr float LOUDNESS_DECAY_DB = 0.3F;  // Per frame.
 
 // A candidate is reported if its score is at least LEAST_SCORE, and at least ENOUGH when SPAN_SCORE
@@ -51,8 +44,11 @@ constexpr int MOST = 1100;  // Limits the score, so that a candidate ends soon a
 // The framing of a candidate is chosen over this many frames.
 constexpr std::int64_t CHOICE = 24;
 
-// Frames of a reference in a line of the cache.
-constexpr std::int64_t FRAMES_OF_LINE = 64 / sizeof(SampleIndex::Frame);
+// The frames of a track are asked for this many frames before they are compared.
+constexpr std::size_t FRAMES_AHEAD = 4;
+
+// Framings of a reference that begin in the same hop.
+constexpr auto PARTS = static_cast<std::int64_t>(SampleIndex::SHIFTS);
 
 // Alignments of a reference that are closer than this count as one.
 constexpr std::int64_t SAME_FRAMES = 3;
@@ -62,31 +58,6 @@ constexpr std::int64_t SAME_FRAMES = 3;
 constexpr std::uint64_t SILENCE_HEARD_S = 1;
 constexpr std::uint64_t STEP_S = 2;
 constexpr std::int64_t STEP_FRAMES = STEP_S * ANALYSIS_RATE / HOP;
-
-struct BitCounts {
-    int first;
-    int second;
-};
-
-// How many bits of each word are set. Not written with the processor's instruction, which not every
-// processor has.
-BitCounts count_bits_of_each(std::uint32_t first, std::uint32_t second) {
-    std::uint64_t word = first | (std::uint64_t{second} << 32);
-    word -= (word >> 1) & 0x5555555555555555u;
-    word = (word & 0x3333333333333333u) + ((word >> 2) & 0x3333333333333333u);
-    word = (word + (word >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
-    word += word >> 8;
-    word += word >> 16;
-    return {static_cast<int>(word & 0x3F), static_cast<int>((word >> 32) & 0x3F)};
-}
-
-int sum(RegionBytes bytes) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, &bytes, sizeof word);
-    constexpr std::uint64_t even = 0x00FF00FF00FF00FFu;
-    word = (word & even) + ((word >> 8) & even);
-    return static_cast<int>((word * 0x0001000100010001u) >> 48);
-}
 
 std::uint8_t evidence_wanted(std::size_t references) {
     int wanted = EVIDENCE_WANTED;
@@ -103,13 +74,11 @@ std::uint32_t vote_key(std::uint32_t reference, std::int64_t begin) {
 // A framing is where a reference begins on the side, in parts of a hop. It is rounded up to a whole
 // hop, and frames of the reference are shifted by the rest.
 std::int64_t begin_of(std::int64_t framing) {
-    constexpr auto parts = static_cast<std::int64_t>(SampleIndex::SHIFTS);
-    return framing > 0 ? (framing + parts - 1) / parts : framing / parts;
+    return framing > 0 ? (framing + PARTS - 1) / PARTS : framing / PARTS;
 }
 
 std::uint8_t shift_of(std::int64_t framing) {
-    constexpr auto parts = static_cast<std::int64_t>(SampleIndex::SHIFTS);
-    return static_cast<std::uint8_t>(begin_of(framing) * parts - framing);
+    return static_cast<std::uint8_t>(begin_of(framing) * PARTS - framing);
 }
 
 }  // namespace
@@ -118,6 +87,7 @@ SampleDetector::SampleDetector(std::shared_ptr<const SampleIndex> index, int sam
                                std::uint64_t position)
     : index_(std::move(index)),
       evidence_wanted_(evidence_wanted(index_->size())),
+      compare_(fastest_frame_comparison()),
       resampler_(sample_rate, ANALYSIS_RATE),
       sample_rate_(sample_rate),
       origin_(position),
@@ -142,8 +112,8 @@ void SampleDetector::skip(std::uint64_t samples, SampleOutput& out) {
         const std::uint64_t steps = samples / step;
         samples -= steps * step;
         position_ += steps * step;
-        frame_ += static_cast<std::int64_t>(steps) * STEP_FRAMES;
-        first_ = frame_ + 1;
+        heard_.newest += static_cast<std::int64_t>(steps) * STEP_FRAMES;
+        heard_.oldest = heard_.newest + 1;
         votes_ = {};
         tone_finder_.reset();
         heard_tone_count_ = 0;
@@ -183,24 +153,27 @@ void SampleDetector::add_heard(const std::int16_t* samples, std::size_t count, S
 void SampleDetector::add_hop(SampleOutput& out) {
     LandmarkPlaces list;
     const std::size_t count = places_of_landmarks(list);
-    const std::uint64_t before = fingerprint_.frames();
-    fingerprint_.add(hop_.data());
-    if (fingerprint_.frames() == before) {
+    // The processor can wait for little memory at once, so the places are asked for in two parts.
+    const LandmarkPlace* const half = list.data() + (count + 1) / 2;
+    prefetch(list.data(), half);
+    if (!fingerprint_.begin(hop_.data())) {
         return;
     }
+    prefetch(half, list.data() + count);
+    fingerprint_.finish();
     for (std::size_t i = 0; i < fingerprint_.landmark_count(); ++i) {
         index_->prefetch(fingerprint_.landmarks()[i]);
     }
     vote(list.data(), count);
-    ++frame_;
-    first_ = std::max(first_, frame_ + 1 - static_cast<std::int64_t>(HISTORY));
+    ++heard_.newest;
+    heard_.oldest =
+        std::max(heard_.oldest, heard_.newest + 1 - static_cast<std::int64_t>(HeardFrames::MOST));
     remember();
     for (Track& track : tracks_) {
         // If a candidate that was dropped agrees again, its landmarks find it again.
-        track.used =
-            track.used && advance(track, frame_ - 1) && (track.reported || track.score > 0);
+        track.used = track.used && goes_on(track) && (track.reported || track.score > 0);
     }
-    follow(out);
+    report_convincing(out);
     if (!index_->tones().empty()) {
         find_tones(out);
     }
@@ -212,13 +185,17 @@ std::size_t SampleDetector::places_of_landmarks(LandmarkPlaces& list) const {
     for (std::size_t i = 0; i < count; ++i) {
         const Landmark& landmark = fingerprint_.landmarks()[i];
         list[i] = {index_->places(landmark), landmark.age};
-        SampleIndex::prefetch(list[i].places);
     }
     return count;
 }
 
+void SampleDetector::prefetch(const LandmarkPlace* begin, const LandmarkPlace* end) {
+    std::for_each(begin, end,
+                  [](const LandmarkPlace& each) { SampleIndex::prefetch(each.places); });
+}
+
 void SampleDetector::remember() {
-    Heard& heard = history_[static_cast<std::size_t>(frame_) % HISTORY];
+    HeardFrame& heard = heard_[heard_.newest];
     heard = {fingerprint_.bits(), fingerprint_.peaks(), {}};
     const float level = fingerprint_.level_db();
     if (level > Fingerprint::QUIETEST_DB + 3) {
@@ -243,60 +220,85 @@ void SampleDetector::remember() {
 void SampleDetector::vote(const LandmarkPlace* list, std::size_t count) {
     static const PlaceFilter filter = fastest_place_filter();
     std::array<Alike, SampleIndex::MOST_PLACES> alike;
+    // The frames of the candidates come from memory while the other landmarks vote.
+    std::array<Candidate, 16> candidates;
+    std::size_t candidate_count = 0;
+    const auto consider_all = [&] {
+        std::for_each(candidates.begin(), candidates.begin() + candidate_count,
+                      [this](const Candidate& each) { consider(each); });
+        candidate_count = 0;
+    };
     for (const LandmarkPlace* each = list; each != list + count; ++each) {
-        const std::int64_t at = frame_ - each->age;
-        if (at < first_) {
+        const std::int64_t at = heard_.newest - each->age;
+        if (at < heard_.oldest) {
             continue;
         }
         const SampleIndex::BitsOfPair bits{
-            heard(at).bits, heard(frame_ - static_cast<std::int64_t>(Fingerprint::REACH)).bits};
+            heard_[at].bits,
+            heard_[heard_.newest - static_cast<std::int64_t>(Fingerprint::REACH)].bits};
         const std::size_t alike_count = filter(each->places, bits, alike.data());
         for (std::size_t k = 0; k < alike_count; ++k) {
             const SampleIndex::Place& place = *alike[k].place;
-            vote_for(place.reference, at - place.frame, alike[k].evidence);
+            const Candidate candidate{place.reference, at - place.frame};
+            if (vote_for(candidate, alike[k].evidence) && !is_tracked(candidate)) {
+                if (candidate_count == candidates.size()) {
+                    consider_all();
+                }
+                prefetch(candidate.reference, PARTS * candidate.begin);
+                candidates[candidate_count++] = candidate;
+            }
         }
     }
+    consider_all();
 }
 
-void SampleDetector::vote_for(std::uint32_t reference, std::int64_t begin, int evidence) {
+// Returns whether there is enough evidence to compare frames.
+bool SampleDetector::vote_for(const Candidate& candidate, int evidence) {
     constexpr int most = std::numeric_limits<std::uint8_t>::max();
-    const auto now = static_cast<std::uint16_t>(frame_);
-    const std::uint32_t key = vote_key(reference, begin);
+    const auto now = static_cast<std::uint16_t>(heard_.newest);
+    const std::uint32_t key = vote_key(candidate.reference, candidate.begin);
     Vote& vote = votes_[(key * 2654435761u) >> (32 - VOTE_BITS)];
-    if (vote.key != key || static_cast<std::uint16_t>(now - vote.frame) > VOTE_LIFE) {
-        vote = {key, now, 0, evidence_wanted_};
-    }
+    // Without branches, which would be predicted wrongly.
+    const bool is_new =
+        (vote.key != key) | (static_cast<std::uint16_t>(now - vote.frame) > VOTE_LIFE);
+    vote.key = key;
     vote.frame = now;
-    vote.evidence = static_cast<std::uint8_t>(std::min(vote.evidence + evidence, most));
-    if (vote.evidence >= vote.wanted) {
-        // A candidate that does not fit is compared again after twice as much new evidence.
-        vote.evidence = 0;
-        vote.wanted = static_cast<std::uint8_t>(std::min(2 * vote.wanted, most));
-        consider(reference, begin);
+    vote.evidence =
+        static_cast<std::uint8_t>(std::min((is_new ? 0 : vote.evidence) + evidence, most));
+    vote.wanted = is_new ? evidence_wanted_ : vote.wanted;
+    if (vote.evidence < vote.wanted) {
+        return false;
     }
+    // A candidate that does not fit is compared again after twice as much new evidence.
+    vote.evidence = 0;
+    vote.wanted = static_cast<std::uint8_t>(std::min(2 * vote.wanted, most));
+    return true;
 }
 
-bool SampleDetector::is_tracked(std::uint32_t reference, std::int64_t begin) const {
+bool SampleDetector::is_tracked(const Candidate& candidate) const {
     return std::any_of(tracks_.begin(), tracks_.end(), [=](const Track& track) {
-        return track.used && track.reference == reference &&
-               std::abs(track.begin - begin) <= SAME_FRAMES;
+        return track.used && track.reference == candidate.reference &&
+               std::abs(track.begin - candidate.begin) <= SAME_FRAMES;
     });
 }
 
 // Chooses the framing that fits best, and follows the candidate if it fits well enough.
-void SampleDetector::consider(std::uint32_t reference, std::int64_t begin) {
-    if (is_tracked(reference, begin)) {
-        return;
+void SampleDetector::consider(const Candidate& candidate) {
+    if (is_tracked(candidate)) {
+        return;  // Since another candidate was considered.
     }
-    // Framings are numbered in parts of a hop.
-    constexpr auto parts = static_cast<std::int64_t>(SampleIndex::SHIFTS);
-    std::int64_t framing = begin * parts;
+    const std::uint32_t reference = candidate.reference;
+    std::int64_t framing = candidate.begin * PARTS;
     int most = agreement(reference, framing);
     if (most < PROMISING * 2 / 3) {
         return;
     }
-    for (std::int64_t step = parts; step > 0; step /= 2) {
+    for (std::int64_t step = PARTS; step > 0; step /= 2) {
         const std::int64_t middle = framing;
+        if (step > 1) {  // These are the next ones.
+            prefetch(reference, middle - step / 2);
+            prefetch(reference, middle + step / 2);
+        }
         for (const std::int64_t each : {middle - step, middle + step}) {
             const int fit = agreement(reference, each);
             if (fit > most) {
@@ -305,76 +307,93 @@ void SampleDetector::consider(std::uint32_t reference, std::int64_t begin) {
             }
         }
     }
-    if (most < PROMISING) {
-        return;
+    if (most >= PROMISING) {
+        follow(candidate, framing);
     }
-    Track best;
-    best.begin = begin_of(framing);
-    best.shift = shift_of(framing);
-    best.reference = reference;
-    best.used = true;
-    for (std::int64_t frame = std::max(first_, best.begin); frame < frame_; ++frame) {
-        if (!advance(best, frame)) {
-            return;
-        }
+}
+
+void SampleDetector::follow(const Candidate& candidate, std::int64_t framing) {
+    Track track;
+    track.begin = begin_of(framing);
+    track.shift = shift_of(framing);
+    track.reference = candidate.reference;
+    track.used = true;
+    const SampleIndex::Frames frames = index_->frames(track.reference, track.shift);
+    const std::int64_t from = std::max(heard_.oldest, track.begin);
+    // The newest frame is compared when the next one is known.
+    const auto count = static_cast<std::size_t>(std::max<std::int64_t>(0, heard_.newest - from));
+    const auto at = static_cast<std::size_t>(from - track.begin);
+    if (at + count > frames.size) {
+        return;  // It has ended.
+    }
+    std::array<Comparison, HeardFrames::MOST> comparisons;
+    compare_(heard_, {from, frames, at, count}, comparisons.data());
+    for (std::size_t i = 0; i < count; ++i) {
+        track.add(comparisons[i], from + static_cast<std::int64_t>(i));
     }
     const auto room =
         std::min_element(tracks_.begin(), tracks_.end(), [](const Track& a, const Track& b) {
-            const auto worth = [](const Track& track) {
-                return !track.used ? -1 : track.reported ? MOST + 1 : track.score;
+            const auto worth = [](const Track& each) {
+                return !each.used ? -1 : each.reported ? MOST + 1 : each.score;
             };
             return worth(a) < worth(b);
         });
-    if (!room->used || (!room->reported && room->score < best.score)) {
-        *room = best;
+    if (!room->used || (!room->reported && room->score < track.score)) {
+        *room = track;
     }
 }
 
-// Compares a frame of the side with frame `at` of a reference. A peak matches within one frame and
-// one bin.
-inline SampleDetector::Comparison SampleDetector::compare(const SampleIndex::Frames& frames,
-                                                          std::int64_t at,
-                                                          std::int64_t frame) const {
-    const auto i = static_cast<std::size_t>(at);
-    const SampleIndex::Frame& expected = frames[i];
-    const Heard& now = heard(frame);
-    const auto [reliable, different] =
-        count_bits_of_each(expected.mask, (now.bits ^ expected.bits) & expected.mask);
-    const RegionBytes present = matching(expected.peaks, heard(std::max(first_, frame - 1)).peaks,
-                                         now.peaks, heard(std::min(frame_, frame + 1)).peaks);
-    const RegionBytes known = matching(now.peaks, frames[i == 0 ? 0 : i - 1].peaks, expected.peaks,
-                                       frames[std::min(i + 1, frames.size - 1)].peaks);
-    // All weights are added up at once. The offset keeps each byte positive.
-    const RegionBytes weights = WEIGHT_OFFSET + (all_regions(expected.gains) & present) -
-                                (all_regions(expected.losses) & ~present) -
-                                (all_regions(now.losses) & ~known);
-    const int gain = BIT_GAIN * reliable - BIT_LOSS * different + sum(weights) -
-                     static_cast<int>(WEIGHT_OFFSET * Fingerprint::REGIONS);
-    return {gain, reliable, different};
+// The newest frames of the side, over which the framing of a candidate is chosen.
+FramesBeside SampleDetector::frames_beside(std::uint32_t reference, std::int64_t framing) const {
+    const std::int64_t begin = begin_of(framing);
+    const SampleIndex::Frames frames = index_->frames(reference, shift_of(framing));
+    const std::int64_t end =
+        std::min(heard_.newest + 1, begin + static_cast<std::int64_t>(frames.size));
+    const std::int64_t first = std::max({heard_.oldest, begin, heard_.newest + 1 - CHOICE});
+    return {first, frames, static_cast<std::size_t>(first - begin),
+            static_cast<std::size_t>(std::max<std::int64_t>(0, end - first))};
+}
+
+// Candidates come from anywhere in the index, and a large index is not in the cache.
+void SampleDetector::prefetch(std::uint32_t reference, std::int64_t framing) const {
+    constexpr std::size_t line = 64 / sizeof(SampleIndex::Frame);  // Frames in a line of the cache.
+    const FramesBeside beside = frames_beside(reference, framing);
+    for (std::size_t i = 0; i < beside.count; i += line) {
+        prefetch_line(beside.frames.begin + beside.begin + i);
+    }
 }
 
 int SampleDetector::agreement(std::uint32_t reference, std::int64_t framing) const {
-    const std::int64_t begin = begin_of(framing);
-    const SampleIndex::Frames frames = index_->frames(reference, shift_of(framing));
-    const std::int64_t end = std::min(frame_ + 1, begin + static_cast<std::int64_t>(frames.size));
-    const std::int64_t from = std::max({first_, begin, frame_ + 1 - CHOICE});
-    // Candidates come from anywhere in the index, and a large index is not in the cache.
-    for (std::int64_t at = from; at < end; at += FRAMES_OF_LINE) {
-        __builtin_prefetch(frames.begin + (at - begin));
-    }
+    const FramesBeside beside = frames_beside(reference, framing);
+    std::array<Comparison, CHOICE> comparisons;
+    compare_(heard_, beside, comparisons.data());
     int score = 0;
     int most = 0;
-    for (std::int64_t at = from; at < end; ++at) {
-        score += compare(frames, at - begin, at).gain;
-        score = std::max(score, 0);
+    for (std::size_t i = 0; i < beside.count; ++i) {
+        score = std::max(0, score + comparisons[i].gain);
         most = std::max(most, score);
     }
     return most;
 }
 
-// Returns whether the reference continues after this frame of the side.
-bool SampleDetector::advance(Track& track, std::int64_t frame) const {
+void SampleDetector::Track::add(const Comparison& comparison, std::int64_t frame) {
+    if (score == 0) {
+        bits = 0;
+        different = 0;
+        agreed_from = frame;
+    }
+    score = std::clamp(score + comparison.gain, 0, MOST);
+    bits += comparison.reliable;
+    different += comparison.different;
+    if (comparison.gain > 0) {
+        agreed_to = frame;
+    }
+}
+
+// Compares the frame before the newest one. Returns whether the reference continues after it.
+bool SampleDetector::goes_on(Track& track) const {
     const SampleIndex::Frames frames = index_->frames(track.reference, track.shift);
+    const std::int64_t frame = heard_.newest - 1;
     const std::int64_t at = frame - track.begin;
     if (at < 0) {
         return true;
@@ -382,28 +401,20 @@ bool SampleDetector::advance(Track& track, std::int64_t frame) const {
     if (at >= static_cast<std::int64_t>(frames.size)) {
         return false;
     }
-    const Comparison comparison = compare(frames, at, frame);
-    if (track.score == 0) {
-        track.bits = 0;
-        track.different = 0;
-        track.agreed_from = frame;
-    }
-    track.score = std::clamp(track.score + comparison.gain, 0, MOST);
-    track.bits += static_cast<std::uint32_t>(comparison.reliable);
-    track.different += static_cast<std::uint32_t>(comparison.different);
-    if (comparison.gain > 0) {
-        track.agreed_to = frame;
-    }
+    prefetch_line(&frames[std::min(static_cast<std::size_t>(at) + FRAMES_AHEAD, frames.size - 1)]);
+    Comparison comparison;
+    compare_(heard_, {frame, frames, static_cast<std::size_t>(at), 1}, &comparison);
+    track.add(comparison, frame);
     return true;
 }
 
 bool SampleDetector::convincing(const Track& track) const {
-    const std::int64_t span = frame_ - track.agreed_from;
+    const std::int64_t span = heard_.newest - track.agreed_from;
     const int enough = loudest_frame_ - quietest_frame_ < NOISY_RANGE_DB ? ENOUGH_IN_NOISE : ENOUGH;
     return track.score >= LEAST_SCORE && track.score + SPAN_SCORE * span >= enough;
 }
 
-void SampleDetector::follow(SampleOutput& out) {
+void SampleDetector::report_convincing(SampleOutput& out) {
     while (true) {
         Track* best = nullptr;
         for (Track& track : tracks_) {
@@ -442,7 +453,7 @@ void SampleDetector::report(Track& track, SampleOutput& out) {
 }
 
 void SampleDetector::find_tones(SampleOutput& out) {
-    if (tone_finder_.add(fingerprint_.power(), frame_)) {
+    if (tone_finder_.add(fingerprint_.power(), heard_.newest)) {
         std::copy(heard_tones_.begin() + 1, heard_tones_.end(), heard_tones_.begin());
         heard_tones_.back() = tone_finder_.last();
         heard_tone_count_ = std::min(heard_tone_count_ + 1, heard_tones_.size());

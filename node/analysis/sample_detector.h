@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "node/analysis/fingerprint.h"
+#include "node/analysis/frame_comparison.h"
 #include "node/analysis/resampler.h"
 #include "node/analysis/sample_index.h"
 
@@ -54,7 +55,6 @@ class SampleDetector {
     std::uint64_t position() const { return position_; }
 
   private:
-    static constexpr std::size_t HISTORY = 128;  // Frames with which a new candidate is compared.
     static constexpr std::size_t TRACKS = 24;
     static constexpr std::uint32_t VOTE_BITS = 9;
 
@@ -64,14 +64,6 @@ class SampleDetector {
         std::uint16_t frame = 0;    // When the last one was heard, modulo 2^16.
         std::uint8_t evidence = 0;  // Since frames were last compared; see evidence_of().
         std::uint8_t wanted = 0;    // Frames are compared when there is so much evidence.
-    };
-
-    // What is kept of each frame of the side.
-    struct Heard {
-        std::uint32_t bits = 0;
-        Fingerprint::Peaks peaks{};
-        // How much a reference that lacks the peak is contradicted.
-        SampleIndex::PeakWeights losses{};
     };
 
     // A reference that may be playing. Frame n of the side is its frame n - begin.
@@ -86,6 +78,8 @@ class SampleDetector {
         std::uint32_t different = 0;  // How many of them were different.
         std::int64_t agreed_from = 0;
         std::int64_t agreed_to = 0;  // Last frame of the side that agreed.
+
+        void add(const Comparison& comparison, std::int64_t frame);
     };
 
     // The places of a landmark of the newest frame.
@@ -95,31 +89,28 @@ class SampleDetector {
     };
     using LandmarkPlaces = std::array<LandmarkPlace, Fingerprint::MOST_LANDMARKS>;
 
-    // How a frame of the side agrees with a frame of a reference.
-    struct Comparison {
-        int gain;  // Ten times the logarithm of how much more likely the frame is if the reference
-                   // plays.
-        int reliable;   // How many bits of the reference are reliable,
-        int different;  // and how many of these the side has not.
+    // Where a reference may begin on the side.
+    struct Candidate {
+        std::uint32_t reference;
+        std::int64_t begin;
     };
 
     void add_heard(const std::int16_t* samples, std::size_t count, SampleOutput& out);
     void add_hop(SampleOutput& out);
     std::size_t places_of_landmarks(LandmarkPlaces& list) const;
+    static void prefetch(const LandmarkPlace* begin, const LandmarkPlace* end);
     void vote(const LandmarkPlace* list, std::size_t count);
-    void vote_for(std::uint32_t reference, std::int64_t begin, int evidence);
-    void consider(std::uint32_t reference, std::int64_t begin);
-    bool is_tracked(std::uint32_t reference, std::int64_t begin) const;
-    bool advance(Track& track, std::int64_t frame) const;
-    const Heard& heard(std::int64_t frame) const {
-        return history_[static_cast<std::size_t>(frame) % HISTORY];
-    }
+    bool vote_for(const Candidate& candidate, int evidence);
+    void consider(const Candidate& candidate);
+    void follow(const Candidate& candidate, std::int64_t framing);
+    bool is_tracked(const Candidate& candidate) const;
+    bool goes_on(Track& track) const;
     void remember();
-    Comparison compare(const SampleIndex::Frames& frames, std::int64_t at,
-                       std::int64_t frame) const;
+    FramesBeside frames_beside(std::uint32_t reference, std::int64_t framing) const;
+    void prefetch(std::uint32_t reference, std::int64_t framing) const;
     int agreement(std::uint32_t reference, std::int64_t framing) const;
     bool convincing(const Track& track) const;
-    void follow(SampleOutput& out);
+    void report_convincing(SampleOutput& out);
     void report(Track& track, SampleOutput& out);
     void find_tones(SampleOutput& out);
     void report_tone(std::uint32_t reference, std::int64_t begin, double score, SampleOutput& out);
@@ -127,6 +118,7 @@ class SampleDetector {
 
     std::shared_ptr<const SampleIndex> index_;
     std::uint8_t evidence_wanted_;  // Of landmarks, before frames are compared.
+    FrameComparison compare_;
     Resampler resampler_;
     int sample_rate_;
     std::uint64_t origin_;  // Sample of the side at which the first frame begins.
@@ -134,9 +126,7 @@ class SampleDetector {
     Fingerprint fingerprint_;
     std::array<float, HOP> hop_{};
     std::size_t hop_size_ = 0;
-    std::int64_t frame_ = -1;                    // Number of the newest frame.
-    std::int64_t first_ = 0;                     // Oldest frame that is in the history.
-    std::array<Heard, HISTORY> history_{};       // By frame modulo HISTORY.
+    HeardFrames heard_;
     float loudness_ = Fingerprint::QUIETEST_DB;  // Level of the loudest recent peak.
     // Levels of the loudest and quietest frame of the last seconds.
     float loudest_frame_ = Fingerprint::QUIETEST_DB;

@@ -186,10 +186,15 @@ TonePattern tone_pattern(const std::vector<float>& sound) {
 }  // namespace
 
 void SampleIndex::prefetch(const Places& places) {
-    constexpr std::size_t line = 64 / sizeof(Place);  // Places in a line of the cache.
-    for (const Place* at = places.begin; at < places.end; at += line) {
-        __builtin_prefetch(at);
+    if (places.begin == places.end) {
+        return;
     }
+    constexpr std::size_t line = 64;  // Bytes of a line of the cache.
+    const auto* const end = reinterpret_cast<const char*>(places.end);
+    for (const auto* at = reinterpret_cast<const char*>(places.begin); at < end; at += line) {
+        prefetch_line(at);
+    }
+    prefetch_line(end - 1);  // The last line, of which the others may have left out a part.
 }
 
 std::size_t SampleIndex::bytes() const {

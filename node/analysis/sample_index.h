@@ -14,6 +14,7 @@
 
 #include "node/analysis/fingerprint.h"
 #include "node/analysis/large_pages.h"
+#include "node/analysis/prefetch.h"
 #include "node/analysis/tones.h"
 
 namespace qv::node::analysis {
@@ -107,7 +108,7 @@ class SampleIndex {
     // Loads what places() needs into the cache. A large index does not fit there, and to load
     // everything before any of it is used takes much less time.
     void prefetch(const Landmark& landmark) const {
-        __builtin_prefetch(&starts_[landmark.kind * CONTRASTS + contrast_step(landmark.contrast)]);
+        prefetch_line(&starts_[landmark.kind * CONTRASTS + contrast_step(landmark.contrast)]);
     }
     static void prefetch(const Places& places);
 
