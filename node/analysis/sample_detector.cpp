@@ -39,6 +39,11 @@ constexpr float NOISY_RANGE_DB = 22;
 constexpr float RANGE_DECAY_DB = 0.05F;  // Per frame.
 
 constexpr int PROMISING = 140;  // A candidate with this score is followed.
+// A candidate with this score before its framing is chosen may be promising behind it. With
+// thousands of references, most candidates agree by chance, and few of those that are reported have
+// less than the second score.
+constexpr int WORTH_FRAMING = 93;
+constexpr int WORTH_FRAMING_OF_MANY = 115;
 constexpr int MOST = 1100;  // Limits the score, so that a candidate ends soon after its reference.
 
 // The framing of a candidate is chosen over this many frames.
@@ -87,6 +92,7 @@ SampleDetector::SampleDetector(std::shared_ptr<const SampleIndex> index, int sam
                                std::uint64_t position)
     : index_(std::move(index)),
       evidence_wanted_(evidence_wanted(index_->size())),
+      worth_framing_(index_->size() >> MANY_DOUBLINGS == 0 ? WORTH_FRAMING : WORTH_FRAMING_OF_MANY),
       compare_(fastest_frame_comparison()),
       resampler_(sample_rate, ANALYSIS_RATE),
       sample_rate_(sample_rate),
@@ -290,7 +296,7 @@ void SampleDetector::consider(const Candidate& candidate) {
     const std::uint32_t reference = candidate.reference;
     std::int64_t framing = candidate.begin * PARTS;
     int most = agreement(reference, framing);
-    if (most < PROMISING * 2 / 3) {
+    if (most < worth_framing_) {
         return;
     }
     for (std::int64_t step = PARTS; step > 0; step /= 2) {

@@ -118,6 +118,7 @@ class SampleDetector {
 
     std::shared_ptr<const SampleIndex> index_;
     std::uint8_t evidence_wanted_;  // Of landmarks, before frames are compared.
+    int worth_framing_;             // The score of a candidate whose framing is to be chosen.
     FrameComparison compare_;
     Resampler resampler_;
     int sample_rate_;
