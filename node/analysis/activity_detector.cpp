@@ -27,7 +27,7 @@ constexpr float QUIETEST_DB = -75;
 // Mean over the bands, in decibels above the noise: sound begins at the first level and continues
 // down to the second.
 constexpr float BEGINS_DB = 2.0F;
-constexpr float GOES_ON_DB = 1.0F;
+constexpr float GOES_ON_DB = 1.2F;
 constexpr float MOST_OF_BAND_DB = 20;
 
 // Whether sound continues under the noise is decided by comparing two cases for each frame: noise
@@ -266,8 +266,11 @@ void ActivityDetector::step(bool active, ActivityOutput& out) {
             out.activity({true, frame_position(begin_), position_});
         }
     } else if (begin_ >= 0) {
-        extend_end();
-        if (frame_ - last_ < hang_over_) {
+        // Noise that is analysed for longer would only move the end by chance.
+        if (frame_ - last_ <= hang_over_) {
+            extend_end();
+        }
+        if (frame_ - (end_ - 1) < hang_over_) {
             return;
         }
         if (active_) {

@@ -3,8 +3,8 @@
 //
 // Compares the level of each band with the recent noise, every 10 ms. Positions are those of the
 // sound itself: an onset is reported when the sound has lasted for the minimum length, an end when
-// the hang-over has passed without sound. Sound that fades into the noise ends where it is likely
-// to fall below the level of activity, which the frames of the hang-over decide. All memory, about
+// the hang-over has passed since it. Sound that fades into the noise ends where it is likely to
+// fall below the level of activity, which the frames of one hang-over decide. All memory, about
 // 12 KiB, is allocated at construction. Belongs to one thread.
 #pragma once
 

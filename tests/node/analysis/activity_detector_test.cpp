@@ -145,6 +145,21 @@ TEST(ActivityDetectorTest, BridgesPausesUpToTheHangOver) {
     EXPECT_EQ(changes_in(sound, 8000, options).size(), 2u);
 }
 
+// The pauses are as long as the hang-over bridges, but in the noise the sound before them seems to
+// end earlier.
+TEST(ActivityDetectorTest, BridgesPausesThatFollowSoundThatFadesIntoTheNoise) {
+    for (unsigned seed = 1; seed <= 8; ++seed) {
+        const Sound buzz = fading_buzz(0.5, 0.3, seed);
+        const Sound sound = silence(3) + buzz + silence(0.12) + buzz + silence(1.5);
+        const auto changes = changes_in(mixed(sound, noise(6.2, 0.01, seed)), 8000);
+        std::size_t sounds = 0;
+        for (const ActivityChange& change : changes) {
+            sounds += change.active && change.position > 2 * 8000 ? 1 : 0;
+        }
+        EXPECT_EQ(sounds, 1u) << seed;
+    }
+}
+
 TEST(ActivityDetectorTest, ReportsNothingShorterThanTheMinimum) {
     const Sound sound = silence(1) + tone({500}, 0.3) + silence(2);
     ActivityOptions options;
