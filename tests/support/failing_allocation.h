@@ -40,6 +40,14 @@ void* operator new(std::size_t size) {
     }
     return memory;
 }
+// Without it, memory of the library's own operator would go to the operators below.
+void* operator new(std::size_t size, const std::nothrow_t& /*nothrow*/) noexcept {
+    try {
+        return operator new(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }
