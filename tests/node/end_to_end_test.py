@@ -1022,6 +1022,7 @@ class NodeEndToEnd(unittest.TestCase):
                     file.write(struct.pack("<I", size))
             with Node("--events", "-", folder=node.folder) as next_run:
                 next_run.wait_for("repaired +1 ")
+                next_run.wait_for('"event":"leftover"')
                 (event,) = next_run.events("leftover")
                 audio = samples(node.folder / path.name)
                 self.assertEqual((event["path"], event["samples"], event["error"]),
