@@ -82,17 +82,17 @@ configure_and_build() {
         { grep -E 'error|FAILED|warning' -A 5 "build/$preset-build.log" | head -n 60; return 1; }
 }
 
-# Builds a preset and counts each case of its tests.
+# run_preset PRESET AT_ONCE OPTION...: builds a preset, runs so many of its tests at once with these
+# options of ctest, and counts each case.
 run_preset() {
-    local preset=$1 results=$PWD/build/$1-results.xml
-    shift
+    local preset=$1 at_once=$2 results=$PWD/build/$1-results.xml
+    shift 2
     if ! configure_and_build "$preset"; then
         fail "build of $preset" "cmake --build --preset $preset"
         return
     fi
     rm -rf "$results" "build/$preset/cases"
-    # Most tests wait for most of their time.
-    ctest --preset "$preset" -j $((2 * jobs)) --no-tests=error --output-junit "$results" "$@"
+    ctest --preset "$preset" -j "$at_once" --no-tests=error --output-junit "$results" "$@"
     local outcome=$? before=$failed counted=no kind first second third
     while IFS=$'\t' read -r kind first second third; do
         case $kind in
@@ -113,9 +113,10 @@ run_preset() {
 
 stage_format() { check format "scripts/test.sh format" format_clean; }
 stage_tidy() { check tidy "scripts/test.sh tidy" scripts/tidy.py; }
-stage_release() { run_preset release; }
-stage_asan() { run_preset asan -LE 'uninstrumented'; }
-stage_tsan() { run_preset tsan -L 'concurrent'; }
+# Most tests wait for most of their time, with sanitizers less.
+stage_release() { run_preset release $((4 * jobs)); }
+stage_asan() { run_preset asan $((2 * jobs)) -LE 'uninstrumented'; }
+stage_tsan() { run_preset tsan $((2 * jobs)) -L 'concurrent'; }
 
 # Fuzzes the built target $1, with the output and the exit code in files.
 fuzz_target() {
