@@ -1,19 +1,21 @@
 // Measures what the page costs a packet of a call that nobody looks at, without the network, the
 // files and the page's threads: two tables of calls get the same packets in turn, one with what the
-// page writes down of each call, one without. Prints the medians of all turns.
+// page writes down of each call, one without. Prints processor times: the mean of each 100 turns,
+// of which the median.
 //
-//   page_feed [CALLS [TURNS]]        1,000 calls and 3,000 turns
+//   page_feed [CALLS [TURNS [SIDES]]]        1,000 calls, 3,000 turns, 2 sides
 //
-// A turn is one packet of each call, 20 ms of its audio. Each table finds the processor's caches
+// A turn is one packet of each side, 20 ms of its audio. Each table finds the processor's caches
 // full of the other's calls, as the packets of a receiver find them full of other work.
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
+#include <numeric>
 #include <vector>
 
 #include "node/calls/call_table.h"
@@ -28,8 +30,13 @@ namespace media = qv::media;
 
 constexpr Micros FRAME{20'000};
 constexpr std::uint16_t SAMPLES = 160;
-constexpr int TURNS_PER_TICK = 5;  // Every 100 ms.
-constexpr int FIRST_TURNS = 200;   // Not counted: the calls begin.
+constexpr int FIRST_TURNS = 200;  // Not counted: the calls begin.
+constexpr int GROUP = 100;        // Turns of two seconds, in which everything is done that is done.
+
+struct Load {
+    int calls;
+    int sides;  // Of each call.
+};
 
 // As the other outputs of a receiver: they get the same reports.
 class Counter : public CallListener {
@@ -56,16 +63,25 @@ std::array<unsigned char, 2 * SAMPLES> make_audio() {
     return audio;
 }
 
-// Passes the packet of that turn of each call to the table. Returns the time per packet in ns.
-double pass(CallTable& table, int calls, int turn) {
+// The processor time of this thread in ns.
+double cpu_time() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return 1e9 * static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec);
+}
+
+// Passes the packets of that turn of each call to the table. Returns the time per packet in ns.
+double pass(CallTable& table, const Load& load, int turn) {
     static const auto AUDIO = make_audio();
     const Micros now = (1000 + turn) * FRAME;
-    const auto begin = std::chrono::steady_clock::now();
-    for (int call = 1; call <= calls; ++call) {
+    const double begin = cpu_time();
+    for (int at = 0; at < load.calls * load.sides; ++at) {
+        const int call = at / load.sides + 1;
         std::array<unsigned char, media::UUID_SIZE> uuid{};
         std::memcpy(uuid.data(), &call, sizeof call);
         media::Packet packet;
         packet.type = media::PacketType::DATA;
+        packet.leg_word = at % load.sides == 0 ? 0 : media::LEG_WRITE | media::LEG_TERMINATOR_SIDE;
         packet.call_key = static_cast<std::uint64_t>(call);
         packet.call_uuid = uuid.data();
         packet.send_time = now.count();
@@ -75,11 +91,10 @@ double pass(CallTable& table, int calls, int turn) {
         packet.audio = AUDIO.data();
         table.receive(packet, {now, sockaddr_in{}});
     }
-    if (turn % TURNS_PER_TICK == 0) {
+    if (2 * turn % 5 < 2) {  // Every 50 ms.
         table.tick(now);
     }
-    const std::chrono::duration<double, std::nano> time = std::chrono::steady_clock::now() - begin;
-    return time.count() / calls;
+    return (cpu_time() - begin) / (load.calls * load.sides);
 }
 
 double median(std::vector<double> values) {
@@ -87,21 +102,25 @@ double median(std::vector<double> values) {
     return values.at(values.size() / 2);
 }
 
-double mean(const std::vector<double>& values) {
-    double sum = 0;
-    for (const double value : values) {
-        sum += value;
+// Of each group of that many, the mean.
+std::vector<double> means(const std::vector<double>& values, std::size_t count) {
+    std::vector<double> means;
+    for (std::size_t i = 0; i + count <= values.size(); i += count) {
+        const auto begin = values.begin() + static_cast<std::ptrdiff_t>(i);
+        means.push_back(std::accumulate(begin, begin + static_cast<std::ptrdiff_t>(count), 0.0) /
+                        static_cast<double>(count));
     }
-    return sum / static_cast<double>(values.size());
+    return means;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int calls = argc > 1 ? std::atoi(argv[1]) : 1000;
+    const Load load{argc > 1 ? std::atoi(argv[1]) : 1000, argc > 3 ? std::atoi(argv[3]) : 2};
     const int turns = argc > 2 ? std::atoi(argv[2]) : 3000;
-    if (calls < 1 || turns <= FIRST_TURNS) {
-        std::fprintf(stderr, "page_feed: at least 1 call and %d turns\n", FIRST_TURNS + 1);
+    if (load.calls < 1 || load.sides < 1 || load.sides > 2 || turns < FIRST_TURNS + GROUP) {
+        std::fprintf(stderr, "page_feed: at least 1 call, %d turns, 1 or 2 sides\n",
+                     FIRST_TURNS + GROUP);
         return 2;
     }
     web::CallBoard board;
@@ -112,14 +131,14 @@ int main(int argc, char** argv) {
     std::vector<double> alone;
     std::vector<double> more;
     for (int turn = 1; turn <= turns; ++turn) {
-        const double first = pass(without, calls, turn);
-        const double second = pass(with, calls, turn);
+        const double first = pass(without, load, turn);
+        const double second = pass(with, load, turn);
         if (turn > FIRST_TURNS) {
             alone.push_back(first);
             more.push_back(second - first);
         }
     }
-    std::printf("%d calls: without the page %.0f ns per packet, with it %.0f ns more (mean %.0f)\n",
-                calls, median(alone), median(more), mean(more));
+    std::printf("%d calls: without the page %.0f ns per packet, with it %.0f ns more\n", load.calls,
+                median(means(alone, GROUP)), median(means(more, GROUP)));
     return 0;
 }

@@ -52,6 +52,7 @@ Call::Call(const Uuid& uuid, std::uint64_t call_key, const Arrival& arrival,
             own_listeners_.push_back(std::move(own));
         }
     }
+    hearers_ = listeners_;
 }
 
 std::optional<Drop> Call::receive(const media::Packet& packet, const Arrival& arrival) {
@@ -285,6 +286,25 @@ void Call::report_skipped(Side side, std::uint64_t samples) {
 void Call::report_failed_file(const FileReport& file) {
     failed_files_.push_back(file);
     for_each_listener([&](CallListener& listener) { listener.file_failed(*this, file); });
+}
+
+void Call::set_hearing(const CallListener& listener, bool hears) {
+    const auto hears_now = [this](const CallListener* one) {
+        return std::find(hearers_.begin(), hearers_.end(), one) != hearers_.end();
+    };
+    std::vector<CallListener*> hearers;
+    for (CallListener* one : listeners_) {
+        if (one == &listener ? hears : hears_now(one)) {
+            hearers.push_back(one);
+        }
+    }
+    hearers_.swap(hearers);
+}
+
+void Call::gather_waves() {
+    for (CallSide& side : sides_) {
+        side.gather_wave();
+    }
 }
 
 int Call::decide_rate(Side which) {

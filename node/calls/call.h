@@ -89,6 +89,14 @@ class Call {
     void report_skipped(Side side, std::uint64_t samples);
     // Reports that a file of the call could not be written.
     void report_failed_file(const FileReport& file);
+    // Whether the listener receives data() and audio(), as all do at first. One that needs them
+    // only at times costs the other packets nothing. Not to be called from these two functions.
+    void set_hearing(const CallListener& listener, bool hears);
+    // From now on, the waveforms of both sides are gathered and passed to CallListener::wave().
+    void gather_waves();
+    // Passes the complete columns of a side's waveform on, which otherwise happens about once a
+    // second.
+    void report_wave(Side side) { mutable_side(side).report_wave(0); }
     // The sample rate of the side in Hz. If none has been found, decides on one from what is known.
     int decide_rate(Side which);
 
@@ -156,6 +164,13 @@ class Call {
             visit(*listener);
         }
     }
+    // Those that hear the audio of the call.
+    template <typename Visit>
+    void for_each_hearer(Visit visit) {
+        for (CallListener* hearer : hearers_) {
+            visit(*hearer);
+        }
+    }
     CallSide& mutable_side(Side which) { return sides_[index_of(which)]; }
     // Returns the beginning of the time axis. If nothing came before, the axis begins with that
     // side, whose audio after `samples` was sent at `send_time`.
@@ -203,6 +218,7 @@ class Call {
     std::string sidecar_;
     std::vector<std::unique_ptr<CallListener>> own_listeners_;  // Those created for this call.
     std::vector<CallListener*> listeners_;
+    std::vector<CallListener*> hearers_;  // In the same order.
 };
 
 }  // namespace qv::node

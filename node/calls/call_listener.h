@@ -11,8 +11,9 @@
 //
 // Order of the functions for a call: begin_call; started, if the start packet comes;
 // features_changed and terminated; for each side side_begun, rate_decided, and then data, pause,
-// gap, audio, running_changed, rate_changed and late as packets come; wrapping_up; closing;
-// summing_up; finally ended.
+// gap, audio, wave, running_changed, rate_changed and late as packets come; wrapping_up; closing;
+// summing_up; finally ended. An output that needs data and audio only at times says so with
+// Call::set_hearing().
 // rate_decided comes once for each side with packets, before ended at the latest. Until then the
 // side's sample_rate() is 0. Any rate_changed comes after it.
 //
@@ -35,6 +36,7 @@
 #include "node/calls/rate_change_finder.h"
 #include "node/calls/reorder_buffer.h"
 #include "node/calls/types.h"
+#include "node/calls/wave_gatherer.h"
 #include "quorvane/media_packet.h"
 
 namespace qv::node {
@@ -122,6 +124,8 @@ class CallListener {
     virtual void data(const Call&, const media::Packet&) {}
     // The next audio of a side.
     virtual void audio(const Call&, Side, const Audio&) {}
+    // Columns of a side's waveform, if an output has asked for them (Call::gather_waves()).
+    virtual void wave(const Call&, Side, const Wave&) {}
     // Audio of a side is missing. Silence of `filled_samples` replaces it.
     virtual void gap(const Call&, Side, const Gap&) {}
     // The sender had been silent. Called before the audio that ends the pause.

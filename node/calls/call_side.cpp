@@ -56,7 +56,7 @@ std::optional<Drop> CallSide::receive(const media::Packet& packet, Micros now) {
     }
     bytes_ += packet.sample_count * sizeof(std::int16_t);
     measure_rate(packet);
-    call_.for_each_listener([&](CallListener& listener) { listener.data(call_, packet); });
+    call_.for_each_hearer([&](CallListener& hearer) { hearer.data(call_, packet); });
     switch (put_in_order(packet, now)) {
         case ReorderBuffer::Verdict::DELIVERED:
         case ReorderBuffer::Verdict::HELD:
@@ -187,6 +187,7 @@ void CallSide::decide_rate() {
 void CallSide::set_rate(int rate) {
     sample_rate_ = rate;
     buffer_.set_rate(rate);
+    wave_.set_rate(rate);
     call_.for_each_listener([&](CallListener& listener) { listener.rate_decided(call_, which_); });
 }
 
@@ -285,6 +286,7 @@ void CallSide::change_rate(int rate) {
     rate_assumed_ = false;
     buffer_.set_rate(rate);
     buffer_.set_gap_limit(limits_.gap_samples(rate));
+    wave_.set_rate(rate);
     call_.for_each_listener(
         [&](CallListener& listener) { listener.rate_changed(call_, which_, change); });
 }
@@ -382,9 +384,8 @@ void CallSide::pass_on(const std::int16_t* samples, std::size_t count, std::int6
         const Audio audio{samples, part, begin, send_time};
         waiting_samples_ -= part;
         pauses_.advance(part);
-        level_.add(samples, part);
-        call_.for_each_listener(
-            [&](CallListener& listener) { listener.audio(call_, which_, audio); });
+        measure(samples, part);
+        call_.for_each_hearer([&](CallListener& hearer) { hearer.audio(call_, which_, audio); });
         samples += part;
         count -= part;
     } while (count > 0);
@@ -393,7 +394,47 @@ void CallSide::pass_on(const std::int16_t* samples, std::size_t count, std::int6
 void CallSide::pass_on(const Gap& gap) {
     waiting_samples_ -= gap.filled_samples;
     pauses_.advance(gap.filled_samples);
+    measure_silence(gap.filled_samples);
     call_.for_each_listener([&](CallListener& listener) { listener.gap(call_, which_, gap); });
+}
+
+// Measures the samples of each column of the waveform by themselves, so that they are looked at
+// once.
+void CallSide::measure(const std::int16_t* samples, std::size_t count) {
+    if (!gathers_wave_) {
+        level_.add(samples, count);
+        return;
+    }
+    if (!wave_.has_rate()) {
+        wave_.set_rate(sample_rate_ != 0 ? sample_rate_ : likely_rate());
+    }
+    while (count > 0) {
+        const std::size_t part = std::min(count, wave_.room());
+        wave_.add(part, level_.add(samples, part));
+        if (wave_.is_full()) {
+            report_wave(0);
+        }
+        samples += part;
+        count -= part;
+    }
+}
+
+void CallSide::measure_silence(std::uint64_t samples) {
+    if (!gathers_wave_ || !wave_.has_rate()) {
+        return;
+    }
+    const std::uint64_t silent = wave_.add_silence(samples);
+    if (silent != 0 || wave_.is_full()) {
+        report_wave(silent);
+    }
+}
+
+void CallSide::report_wave(std::uint64_t silent) {
+    const Wave wave = wave_.take(silent);
+    if (wave.count != 0 || silent != 0) {
+        call_.for_each_listener(
+            [&](CallListener& listener) { listener.wave(call_, which_, wave); });
+    }
 }
 
 // How late the audio is that the buffer delivered last. 0 while the rate is unknown.
@@ -460,6 +501,7 @@ void CallSide::release_waiting(bool confirmed) {
 void CallSide::add_pause(double lag_s, double longest_s) {
     const std::uint64_t samples = pauses_.begin_pause(lag_s, pause_rate(), longest_s);
     const Pause pause{samples, position()};
+    measure_silence(samples);
     call_.for_each_listener([&](CallListener& listener) { listener.pause(call_, which_, pause); });
 }
 

@@ -15,6 +15,7 @@
 #include "node/calls/rate_estimator.h"
 #include "node/calls/reorder_buffer.h"
 #include "node/calls/types.h"
+#include "node/calls/wave_gatherer.h"
 #include "quorvane/media_packet.h"
 
 namespace qv::node {
@@ -47,6 +48,10 @@ class CallSide : private OrderedOutput {
     // Applies these features to the audio from the sample sent at that time on, or at once if that
     // sample has been passed on already. Call it in the order of the times.
     void run_from(std::int64_t send_time, Running running);
+    // From now on, gathers the waveform.
+    void gather_wave() { gathers_wave_ = true; }
+    // Passes on the columns of the waveform that have been gathered, and so many silent ones.
+    void report_wave(std::uint64_t silent);
     // The side continues from that place, where an earlier call left it. Call it before any packet.
     void continue_from(const std::optional<SidePlace>& place) { left_at_ = place; }
     // Where a later call continues. Nullopt if no packet came.
@@ -134,6 +139,8 @@ class CallSide : private OrderedOutput {
     void take(const Gap& gap);
     void pass_on(const std::int16_t* samples, std::size_t count, std::int64_t send_time);
     void pass_on(const Gap& gap);
+    void measure(const std::int16_t* samples, std::size_t count);
+    void measure_silence(std::uint64_t samples);
     double lag_s(std::int64_t send_time, std::size_t count);
     void place_first_audio(double lag_s);
     void wait(const std::int16_t* samples, std::size_t count, std::int64_t send_time, double lag_s);
@@ -151,6 +158,7 @@ class CallSide : private OrderedOutput {
     PauseFinder pauses_;
     LevelMeter level_;
     Running running_;
+    bool gathers_wave_ = false;
     std::vector<Change> changes_;  // By position.
     std::optional<std::uint8_t> leg_;
     std::optional<SidePlace> left_at_;  // Set by an earlier call that this one continues.
@@ -173,6 +181,7 @@ class CallSide : private OrderedOutput {
     std::int64_t least_lag_time_ = 0;    // and the send time at which it was reached.
     std::int64_t newest_send_time_ = 0;  // Of the packet that was sent last,
     std::uint32_t newest_end_ = 0;       // and the sample offset at its end.
+    WaveGatherer wave_;                  // The last, because it is needed only if it gathers.
 };
 
 }  // namespace qv::node

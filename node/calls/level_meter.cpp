@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 namespace qv::node {
 
@@ -21,24 +20,28 @@ double decibels(double amplitude) {
     return amplitude <= 0 ? SILENCE_DB : std::max(SILENCE_DB, 20 * std::log10(amplitude / 32768));
 }
 
-void LevelMeter::add(const std::int16_t* samples, std::size_t count) {
-    latest_lowest_ = count == 0 ? std::int16_t{0} : std::numeric_limits<std::int16_t>::max();
-    latest_highest_ = count == 0 ? std::int16_t{0} : std::numeric_limits<std::int16_t>::min();
+Extremes LevelMeter::add(const std::int16_t* samples, std::size_t count) {
+    if (count == 0) {
+        return {};
+    }
+    Extremes extremes{samples[0], samples[0]};
     while (count > 0) {
         const std::size_t part = std::min(count, LONGEST_PART);
-        add_part(samples, part);
+        add_part(samples, part, extremes);
         samples += part;
         count -= part;
     }
+    peak_ = std::max({peak_, int{extremes.highest}, -int{extremes.lowest}});
+    return extremes;
 }
 
 // The lower and upper halves of the squares are summed separately. Each sum then fits 32 bits, and
 // the compiler can process many samples at the same time.
-void LevelMeter::add_part(const std::int16_t* samples, std::size_t count) {
+void LevelMeter::add_part(const std::int16_t* samples, std::size_t count, Extremes& extremes) {
     std::uint32_t lower_halves = 0;
     std::uint32_t upper_halves = 0;
-    std::int16_t highest = latest_highest_;
-    std::int16_t lowest = latest_lowest_;
+    std::int16_t highest = extremes.highest;
+    std::int16_t lowest = extremes.lowest;
     for (std::size_t i = 0; i < count; ++i) {
         const std::int32_t sample = samples[i];
         const auto square = static_cast<std::uint32_t>(sample * sample);
@@ -49,9 +52,7 @@ void LevelMeter::add_part(const std::int16_t* samples, std::size_t count) {
     }
     recent_squares_ += lower_halves + (std::uint64_t{upper_halves} << 16);
     recent_count_ += count;
-    latest_lowest_ = lowest;
-    latest_highest_ = highest;
-    peak_ = std::max({peak_, int{highest}, -int{lowest}});
+    extremes = {lowest, highest};
 }
 
 double LevelMeter::level_db() const {

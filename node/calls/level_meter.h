@@ -13,9 +13,15 @@ constexpr double SILENCE_DB = -96.0;
 // The level of an amplitude, with a full scale of 32768.
 double decibels(double amplitude);
 
+struct Extremes {
+    std::int16_t lowest = 0;
+    std::int16_t highest = 0;
+};
+
 class LevelMeter {
   public:
-    void add(const std::int16_t* samples, std::size_t count);
+    // Returns the extremes of these samples, 0 if there are none.
+    Extremes add(const std::int16_t* samples, std::size_t count);
 
     // Root mean square of the whole call.
     double level_db() const;
@@ -26,23 +32,17 @@ class LevelMeter {
     double squares() const { return squares_ + static_cast<double>(recent_squares_); }
     std::uint64_t count() const { return count_ + recent_count_; }
 
-    // The lowest and the highest of the samples that were added last; 0 before.
-    std::int16_t latest_lowest() const { return latest_lowest_; }
-    std::int16_t latest_highest() const { return latest_highest_; }
-
     // Root mean square since the last call of this function.
     double take_recent_db();
 
   private:
-    void add_part(const std::int16_t* samples, std::size_t count);
+    void add_part(const std::int16_t* samples, std::size_t count, Extremes& extremes);
 
     std::uint64_t count_ = 0;
     std::uint64_t recent_count_ = 0;
     double squares_ = 0;  // Up to the last call of that function.
     std::uint64_t recent_squares_ = 0;
     int peak_ = 0;
-    std::int16_t latest_lowest_ = 0;
-    std::int16_t latest_highest_ = 0;
 };
 
 }  // namespace qv::node

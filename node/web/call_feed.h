@@ -1,5 +1,6 @@
-// An output: writes what the page shows of each call into the call's record on the board. It costs
-// a packet a few nanoseconds and never waits for a reader. Any thread may call it.
+// An output: writes what the page shows of each call into the call's record on the board. It hears
+// the audio only of calls that somebody listens to, and never waits for a reader. Any thread may
+// call it.
 #pragma once
 
 #include <memory>

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <memory_resource>
 #include <optional>
 #include <string>
 #include <utility>
@@ -20,6 +21,7 @@
 #include "node/calls/call.h"
 #include "node/calls/types.h"
 #include "node/web/audio_tap.h"
+#include "node/web/call_pool.h"
 #include "node/web/wave_ring.h"
 #include "quorvane_lib/mutex.h"
 
@@ -58,6 +60,12 @@ struct CallFacts {
     std::array<SideFacts, SIDE_COUNT> sides;
     std::vector<FileReport> failed_files;
 };
+
+// In the memory of the page's calls.
+inline std::shared_ptr<CallFacts> new_facts() {
+    return std::allocate_shared<CallFacts>(
+        std::pmr::polymorphic_allocator<CallFacts>(&CallPool::instance()));
+}
 
 // Something at a place of the call. Times are in seconds on the axis of the call, pauses included.
 struct Mark {
@@ -141,8 +149,8 @@ class CallRecord {
     std::atomic<bool> over_{false};
 
     mutable Mutex mutex_;
-    Reading reading_ QV_GUARDED_BY(mutex_){{}, std::make_shared<CallFacts>(), 0};
-    std::deque<Mark> marks_ QV_GUARDED_BY(mutex_);
+    Reading reading_ QV_GUARDED_BY(mutex_){{}, new_facts(), 0};
+    std::pmr::deque<Mark> marks_ QV_GUARDED_BY(mutex_){&CallPool::instance()};
     std::uint64_t marks_end_ QV_GUARDED_BY(mutex_) = 0;  // The number of the next mark.
     Taps taps_ QV_GUARDED_BY(mutex_);
 };

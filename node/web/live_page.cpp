@@ -253,7 +253,7 @@ void LivePage::add_wave() {
         mark_list += (mark_list.empty() ? "" : ",") + mark_text(mark);
     }
     add(std::string(R"({"type":")") + (opened_->detailed ? "wave" : "detail") + "\",\"call\":" +
-        std::to_string(record.id()) + ",\"column_ms\":" + std::to_string(WaveRing::COLUMN_MS) +
+        std::to_string(record.id()) + ",\"column_ms\":" + std::to_string(WaveGatherer::COLUMN_MS) +
         ",\"sides\":{" + sides + "},\"marks\":[" + mark_list + "]}");
     opened_->detailed = true;
 }

@@ -391,6 +391,30 @@ TEST_F(CallTest, ListenersAreCalledInTheOrderOfTheOutputs) {
     EXPECT_EQ(text, "ba");
 }
 
+TEST_F(CallTest, AListenerThatHearsAgainHasItsPlaceInTheOrder) {
+    struct Hearer : CallListener {
+        explicit Hearer(std::string& text, char name) : text_(text), name_(name) {}
+        void data(const Call&, const Packet&) override { text_ += name_; }
+        void audio(const Call&, Side, const Audio&) override { text_ += name_; }
+        std::string& text_;
+        char name_;
+    };
+    std::string text;
+    Hearer a(text, 'a');
+    Hearer b(text, 'b');
+    Hearer c(text, 'c');
+    call_ = make_call({&a, &b, &c});
+    data(1);
+    EXPECT_EQ(std::exchange(text, ""), "abcabc");
+    call_->set_hearing(b, false);
+    data(2);
+    EXPECT_EQ(std::exchange(text, ""), "acac");
+    call_->set_hearing(b, true);
+    call_->set_hearing(b, true);
+    data(3);
+    EXPECT_EQ(text, "abcabc");
+}
+
 }  // namespace
 
 }  // namespace qv::node

@@ -96,6 +96,34 @@ TEST_F(CallFeedTest, TheWaveFollowsTheAudio) {
     EXPECT_EQ(record()->wave(Side::TERMINATOR).end(), 0U);
 }
 
+TEST_F(CallFeedTest, TheWaveIsHandedOverOnceASecondUnlessSomebodyWatches) {
+    for (unsigned char number = 1; number <= 5; ++number) {
+        send_packet(number);
+    }
+    pass(Micros{50'000});
+    ASSERT_EQ(record()->wave(Side::ORIGINATOR).end(), 2U);
+    for (unsigned char number = 6; number <= 10; ++number) {
+        send_packet(number);
+    }
+    pass(Micros{50'000});
+    EXPECT_EQ(record()->wave(Side::ORIGINATOR).end(), 2U);
+    record()->watch();
+    pass(Micros{50'000});
+    EXPECT_EQ(record()->wave(Side::ORIGINATOR).columns(0, 4),
+              (std::string{0, 3, 0, 5, 0, 8, 0, 10}));
+}
+
+TEST_F(CallFeedTest, TheWaveIsWholeHoweverSeldomTheCallHasItsTurn) {
+    for (unsigned char number = 1; number <= 100; ++number) {
+        send_packet(number);
+    }
+    pass(Micros{50'000});
+    const WaveRing& wave = record()->wave(Side::ORIGINATOR);
+    ASSERT_EQ(wave.end(), 40U);
+    EXPECT_EQ(wave.columns(0, 2), (std::string{0, 3, 0, 5}));
+    EXPECT_EQ(wave.columns(38, 40), (std::string{0, 98, 0, 100}));
+}
+
 TEST_F(CallFeedTest, LostAudioIsSilenceInTheWaveAndAMark) {
     send_packet(1);
     send_packet(5);
@@ -126,6 +154,21 @@ TEST_F(CallFeedTest, AudioGoesToThoseWhoListen) {
     EXPECT_EQ(frames[1].substr(0, 16), (std::string("\1\0\1\0\x40\x1f\0\0\x80\2\0\0\0\0\0\0", 16)));
     EXPECT_TRUE(other.take_frames(now_).empty());
     EXPECT_TRUE(both.take_frames(now_).empty());
+}
+
+TEST_F(CallFeedTest, ListeningToACallThatHasGoneOnBeginsWithTheNextTick) {
+    send_packet(1);
+    pass(Micros{50'000});
+    send_packet(2);
+    Listening listening(record(), {Side::ORIGINATOR});
+    send_packet(3);
+    pass(Micros{50'000});
+    send_packet(4);
+    const std::vector<std::string> frames = listening.take_frames(now_);
+    ASSERT_EQ(frames.size(), 1U);
+    // The packets before are no loss, and the fourth has its place.
+    EXPECT_EQ(frames[0].substr(0, 16), (std::string("\1\0\0\0\x40\x1f\0\0\xe0\1\0\0\0\0\0\0", 16)));
+    EXPECT_EQ(frames[0].substr(24, 2), (std::string{0, 4}));
 }
 
 TEST_F(CallFeedTest, NothingIsCopiedWhenNobodyListensAnyMore) {

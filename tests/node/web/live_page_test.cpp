@@ -135,7 +135,7 @@ TEST_F(LivePageTest, AnOpenedCallSendsItsWave) {
     const auto call = begin_call();
     after(Micros{0}, "calls");
     const WaveColumn column{0, 1};
-    call->wave(Side::ORIGINATOR).add(&column, 1);
+    call->wave(Side::ORIGINATOR).add({&column, 1, 0});
     take(R"({"type":"open","call":1})");
     const auto detail = after(LiveRows::FRAME, "detail");
     ASSERT_EQ(detail.size(), 1U);
@@ -143,19 +143,19 @@ TEST_F(LivePageTest, AnOpenedCallSendsItsWave) {
     EXPECT_EQ(detail[0].at("sides").at("originator").at("columns"), "AAE=");
     EXPECT_EQ(detail[0].at("sides").at("terminator").at("columns"), "");
     EXPECT_TRUE(after(LiveRows::FRAME, "wave").empty());
-    call->wave(Side::ORIGINATOR).add(&column, 1);
+    call->wave(Side::ORIGINATOR).add({&column, 1, 0});
     const auto wave = after(LiveRows::FRAME, "wave");
     ASSERT_EQ(wave.size(), 1U);
     EXPECT_EQ(wave[0].at("sides").at("originator").at("end"), 2);
     EXPECT_FALSE(wave[0].at("sides").contains("terminator"));
     take(R"({"type":"open","call":null})");
-    call->wave(Side::ORIGINATOR).add(&column, 1);
+    call->wave(Side::ORIGINATOR).add({&column, 1, 0});
     EXPECT_TRUE(after(LiveRows::FRAME, "wave").empty());
 }
 
 TEST_F(LivePageTest, OnlyTheLast30SecondsOfAWaveAreSent) {
     const auto call = begin_call();
-    call->wave(Side::ORIGINATOR).add_silence(5000);
+    call->wave(Side::ORIGINATOR).add({nullptr, 0, 5000});
     take(R"({"type":"open","call":1})");
     const auto detail = after(LiveRows::FRAME, "detail");
     ASSERT_EQ(detail.size(), 1U);
