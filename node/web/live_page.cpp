@@ -40,7 +40,11 @@ std::string level_text(const std::optional<double>& level) {
 
 LivePage::~LivePage() {
     const LockGuard lock(mutex_);
-    stop_listening("stopped", steady_now());
+    try {
+        stop_listening("stopped", steady_now());
+    } catch (const std::exception&) {
+        // Memory is short. The end of listening is not reported, but the program goes on.
+    }
     watch({});
     close_call();
 }

@@ -80,13 +80,24 @@ class Relayed : public std::enable_shared_from_this<Relayed> {
         std::error_code error;
         peer_ = text_of(outside_.next_layer().remote_endpoint(error));
         limit_time();
-        outside_.async_handshake(
-            asio::ssl::stream_base::server,
-            [self = shared_from_this()](std::error_code failure) { self->connect(failure); });
+        outside_.async_handshake(asio::ssl::stream_base::server,
+                                 [self = shared_from_this()](std::error_code failure) {
+                                     self->guard([&] { self->connect(failure); });
+                                 });
     }
 
   private:
     using Buffer = std::array<char, 16384>;
+
+    // Ends the connection in place of the program if, for example, memory is short.
+    template <typename Act>
+    void guard(Act act) {
+        try {
+            act();
+        } catch (const std::exception&) {
+            close();
+        }
+    }
 
     void connect(std::error_code error) {
         timer_.cancel();
@@ -94,7 +105,7 @@ class Relayed : public std::enable_shared_from_this<Relayed> {
             return;
         }
         inside_.async_connect(server_, [self = shared_from_this()](std::error_code failure) {
-            self->relay(failure);
+            self->guard([&] { self->relay(failure); });
         });
     }
 
@@ -115,31 +126,39 @@ class Relayed : public std::enable_shared_from_this<Relayed> {
     void read_outside() {
         outside_.async_read_some(asio::buffer(in_), [self = shared_from_this()](
                                                         std::error_code error, std::size_t size) {
-            if (error) {
-                self->close();
-                return;
-            }
-            asio::async_write(self->inside_, asio::buffer(self->in_, size),
-                              [self](std::error_code failure, std::size_t) {
-                                  failure ? self->close() : self->read_outside();
-                              });
+            self->guard([&] { self->write_inside(error, size); });
         });
+    }
+
+    void write_inside(std::error_code error, std::size_t size) {
+        if (error) {
+            close();
+            return;
+        }
+        asio::async_write(inside_, asio::buffer(in_, size),
+                          [self = shared_from_this()](std::error_code failure, std::size_t) {
+                              self->guard([&] { failure ? self->close() : self->read_outside(); });
+                          });
     }
 
     void read_inside() {
         inside_.async_read_some(asio::buffer(out_), [self = shared_from_this()](
                                                         std::error_code error, std::size_t size) {
-            if (error) {
-                self->finish();
-                return;
-            }
-            self->limit_time();
-            asio::async_write(self->outside_, asio::buffer(self->out_, size),
-                              [self](std::error_code failure, std::size_t) {
-                                  self->timer_.cancel();
-                                  failure ? self->close() : self->read_inside();
-                              });
+            self->guard([&] { self->write_outside(error, size); });
         });
+    }
+
+    void write_outside(std::error_code error, std::size_t size) {
+        if (error) {
+            finish();
+            return;
+        }
+        limit_time();
+        asio::async_write(outside_, asio::buffer(out_, size),
+                          [self = shared_from_this()](std::error_code failure, std::size_t) {
+                              self->timer_.cancel();
+                              self->guard([&] { failure ? self->close() : self->read_inside(); });
+                          });
     }
 
     // The server has ended the connection, as it does after each answer.
@@ -195,10 +214,7 @@ class TlsRelay::Impl {
         load(certificate);
         listen(endpoint_of(address));
         accept();
-        thread_ = std::thread([this] {
-            tools::lower_priority(tools::Priority::BACKGROUND);
-            loop_.run();
-        });
+        thread_ = std::thread([this] { run(); });
     }
     ~Impl() {
         loop_.stop();
@@ -241,8 +257,24 @@ class TlsRelay::Impl {
         }
     }
 
+    // An exception, for example because memory is short, costs the connection that it concerns.
+    void run() {
+        tools::lower_priority(tools::Priority::BACKGROUND);
+        while (!loop_.stopped()) {
+            try {
+                if (!accepting_) {
+                    accept();
+                }
+                loop_.run();
+            } catch (const std::exception&) {
+                std::this_thread::sleep_for(AFTER_ACCEPT_ERROR);
+            }
+        }
+    }
+
     void accept() {
         acceptor_.async_accept([this](std::error_code error, Tcp::socket socket) {
+            accepting_ = false;
             if (!error && count_ < MOST_CONNECTIONS) {
                 std::make_shared<Relayed>(std::move(socket), tls_, server_, peers_, count_)
                     ->begin();
@@ -253,8 +285,13 @@ class TlsRelay::Impl {
             }
             // For example, no descriptors are left.
             retry_.expires_after(AFTER_ACCEPT_ERROR);
-            retry_.async_wait([this](std::error_code) { accept(); });
+            retry_.async_wait([this](std::error_code) {
+                if (!accepting_) {
+                    accept();
+                }
+            });
         });
+        accepting_ = true;
     }
 
     // The connections in the handlers of the loop use these, so the loop is destroyed first.
@@ -265,6 +302,7 @@ class TlsRelay::Impl {
     asio::io_context loop_{1};
     Tcp::acceptor acceptor_{loop_};
     asio::steady_timer retry_{loop_};
+    bool accepting_ = false;
     std::thread thread_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -77,6 +78,24 @@ TEST_F(LivePageTest, APageIsGreetedAndGetsAllCallsFirst) {
     EXPECT_EQ(calls.at("reset"), true);
     EXPECT_EQ(calls.at("calls").at(0).at("id"), call->id());
     EXPECT_EQ(calls.at("finished"), Json::array());
+}
+
+TEST_F(LivePageTest, APageWhoseEndCannotBeReportedEndsNevertheless) {
+    const auto call = begin_call();
+    bool fails = false;
+    page_.emplace(board_, rows_, false, [&fails](const ListenNotice&) {
+        if (fails) {
+            throw std::bad_alloc();
+        }
+    });
+    take(R"({"type":"watch","calls":[1]})");
+    take(R"({"type":"listen","call":1,"sides":"both"})");
+    fails = true;
+    page_.reset();
+    EXPECT_FALSE(call->watched());
+    CallRecord::Taps taps;
+    ASSERT_TRUE(call->try_take_taps(taps));
+    EXPECT_TRUE(taps[0].empty());
 }
 
 TEST_F(LivePageTest, ThenItGetsWhatChanges) {
