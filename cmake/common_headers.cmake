@@ -21,18 +21,24 @@ function(quorvane_common_headers)
   endif()
 endfunction()
 
-# quorvane_join_sources(target...): several sources of these targets are compiled as one. Builds
-# that compile everything use it, because most of the compile time goes into headers and templates
-# that many sources need. Without it a change of one source compiles no other, and every source
-# shows that it includes what it needs.
-option(QUORVANE_JOIN_SOURCES "Compile several sources of the media node and of tests as one" OFF)
+# quorvane_join_sources(target...): the sources of these targets are compiled as one for each folder.
+# Builds that compile everything use it, because most of the compile time goes into headers and
+# templates that many sources need. Without it a change of one source compiles no other, and every
+# source shows that it includes what it needs.
+option(QUORVANE_JOIN_SOURCES "Compile the media node and the tests folder by folder" OFF)
 
 function(quorvane_join_sources)
-  if(QUORVANE_JOIN_SOURCES)
-    set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 7)
-    # To the compiler, a joined source is a header.
-    foreach(target IN LISTS ARGN)
-      target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
-    endforeach()
+  if(NOT QUORVANE_JOIN_SOURCES)
+    return()
   endif()
+  foreach(target IN LISTS ARGN)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
+    # To the compiler, a joined source is a header.
+    target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+    get_target_property(sources ${target} SOURCES)
+    foreach(source IN LISTS sources)
+      get_filename_component(folder ${source} DIRECTORY)
+      set_source_files_properties(${source} PROPERTIES UNITY_GROUP "joined_${folder}")
+    endforeach()
+  endforeach()
 endfunction()

@@ -16,11 +16,11 @@ namespace qv::node {
 
 namespace {
 
-constexpr std::size_t PART = std::size_t{256} * 1024;
+constexpr std::size_t PART_BYTES = std::size_t{256} * 1024;
 
 // Feeds the rest of the file to `sha`. Returns 0 or the error number.
 int read_into(int file, sha256_ctx& sha) {
-    std::vector<std::uint8_t> part(PART);
+    std::vector<std::uint8_t> part(PART_BYTES);
     for (;;) {
         const ssize_t size = ::read(file, part.data(), part.size());
         if (size == 0) {

@@ -25,7 +25,7 @@ using tools::SoundFile;
 constexpr std::array<int, 5> OPUS_RATES = {8000, 12000, 16000, 24000, 48000};
 
 // Frames that are handled at once: a frame has a sample of each channel.
-constexpr std::size_t PART = 8192;
+constexpr std::size_t PART_FRAMES = 8192;
 
 int sndfile_format(AudioFormat format) {
     return format == AudioFormat::OPUS ? SF_FORMAT_OGG | SF_FORMAT_OPUS
@@ -35,9 +35,9 @@ int sndfile_format(AudioFormat format) {
 // Reads frames until there are none. `use` returns whether to go on.
 template <typename Use>
 void for_each_part(SNDFILE* file, int channels, Use use) {
-    std::vector<std::int16_t> part(PART * static_cast<std::size_t>(channels));
+    std::vector<std::int16_t> part(PART_FRAMES * static_cast<std::size_t>(channels));
     for (;;) {
-        const sf_count_t frames = sf_readf_short(file, part.data(), PART);
+        const sf_count_t frames = sf_readf_short(file, part.data(), PART_FRAMES);
         if (frames <= 0 || !use(part.data(), static_cast<std::size_t>(frames))) {
             return;
         }
@@ -230,7 +230,7 @@ class Encoder {
     bool has_the_samples(SNDFILE* file) {
         sf_seek(source_.get(), 0, SEEK_SET);
         const auto channels = static_cast<std::size_t>(info_.channels);
-        std::vector<std::int16_t> expected(PART * channels);
+        std::vector<std::int16_t> expected(PART_FRAMES * channels);
         sf_count_t checked = 0;
         for_each_part(file, info_.channels, [&](const std::int16_t* samples, std::size_t frames) {
             const auto count = static_cast<sf_count_t>(frames);

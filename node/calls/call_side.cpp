@@ -11,8 +11,6 @@ namespace qv::node {
 
 namespace {
 
-constexpr std::uint32_t HALF_RANGE = 0x80000000;
-
 // A lag that has not decreased for this long is a pause.
 constexpr Micros STEADY{200'000};
 // How much a lag decreases if the sender catches up. A smaller decrease is jitter.

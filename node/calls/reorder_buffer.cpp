@@ -7,11 +7,8 @@ namespace qv::node {
 
 namespace {
 
-constexpr std::uint64_t MAX_PACKET_SAMPLES = media::MAX_AUDIO_SIZE / 2;
-constexpr std::uint32_t HALF_RANGE = 0x80000000;
-
 // How far a delayed sender may be ahead of the time since its previous packet.
-constexpr double CATCHING_UP_S = 1;
+constexpr double AHEAD_OF_TIME_S = 1;
 // Used while the rate is unknown.
 constexpr int HIGH_RATE = 48'000;
 
@@ -20,7 +17,7 @@ bool can_follow(std::uint32_t sequence_number, std::uint32_t sample_offset,
                 std::uint32_t next_number, std::uint32_t next_offset) {
     const std::uint64_t missing_packets = sequence_number - next_number;
     const std::uint64_t missing_samples = sample_offset - next_offset;
-    return missing_samples <= missing_packets * MAX_PACKET_SAMPLES;
+    return missing_samples <= missing_packets * LARGEST_PACKET_SAMPLES;
 }
 
 }  // namespace
@@ -155,7 +152,7 @@ bool ReorderBuffer::is_too_much(std::uint64_t missing_samples, std::int64_t send
         return false;
     }
     const double passed = seconds_between(*last_time_, send_time);
-    return seconds_of(missing_samples, rate_ != 0 ? rate_ : HIGH_RATE) > passed + CATCHING_UP_S;
+    return seconds_of(missing_samples, rate_ != 0 ? rate_ : HIGH_RATE) > passed + AHEAD_OF_TIME_S;
 }
 
 bool ReorderBuffer::plausible(const AudioPacket& packet) const {

@@ -31,7 +31,7 @@ void add(std::vector<MetricFamily>& families, const std::string& name, const std
     families.push_back({"process_" + name, help, type, {std::move(metric)}});
 }
 
-double seconds_of(const timeval& time) {
+double seconds_in(const timeval& time) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
 
@@ -71,7 +71,7 @@ void add_cpu_time(std::vector<MetricFamily>& families) {
     rusage usage{};
     if (getrusage(RUSAGE_SELF, &usage) == 0) {
         add(families, "cpu_seconds_total", "CPU time in user and system mode, in seconds",
-            seconds_of(usage.ru_utime) + seconds_of(usage.ru_stime), MetricType::Counter);
+            seconds_in(usage.ru_utime) + seconds_in(usage.ru_stime), MetricType::Counter);
     }
 }
 

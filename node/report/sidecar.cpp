@@ -23,7 +23,7 @@ namespace qv::node {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using OrderedJson = nlohmann::ordered_json;
 
 // The first number is raised when readers of earlier files could misunderstand later ones.
 constexpr int SIDECAR_VERSION = 1;
@@ -60,21 +60,21 @@ struct SidecarData {
     explicit SidecarData(const Room& room)
         : lists{SideLists(room), SideLists(room)}, features(Sidecar::MOST_ENTRIES, room) {}
 
-    Json head;                                          // The fields of the whole call.
-    std::array<std::optional<Json>, SIDE_COUNT> sides;  // Without their lists.
+    OrderedJson head;                                          // The fields of the whole call.
+    std::array<std::optional<OrderedJson>, SIDE_COUNT> sides;  // Without their lists.
     std::array<SideLists, SIDE_COUNT> lists;
     BoundedList<FeaturesEntry> features;
     std::vector<FileReport> files;
 };
 
-Json time_json(const std::optional<Micros>& time) {
-    return time.has_value() ? Json(utc_time_ms(*time)) : Json(nullptr);
+OrderedJson time_json(const std::optional<Micros>& time) {
+    return time.has_value() ? OrderedJson(utc_time_ms(*time)) : OrderedJson(nullptr);
 }
 
-Json features_list(const SidecarData& data) {
-    Json list = Json::array();
+OrderedJson features_list(const SidecarData& data) {
+    OrderedJson list = OrderedJson::array();
     for (const FeaturesEntry& entry : data.features.entries()) {
-        Json positions = Json::object();
+        OrderedJson positions = OrderedJson::object();
         for (const Side side : BOTH_SIDES) {
             if (data.sides[index_of(side)].has_value()) {
                 positions[name_of(side)] = entry.positions[index_of(side)];
@@ -88,10 +88,10 @@ Json features_list(const SidecarData& data) {
     return list;
 }
 
-Json files_list(const SidecarData& data) {
-    Json list = Json::array();
+OrderedJson files_list(const SidecarData& data) {
+    OrderedJson list = OrderedJson::array();
     for (const FileReport& file : data.files) {
-        Json entry = {{"name", file.path.substr(file.path.rfind('/') + 1)}};
+        OrderedJson entry = {{"name", file.path.substr(file.path.rfind('/') + 1)}};
         entry.update(file_json(file));
         entry.erase("path");
         list.push_back(std::move(entry));
@@ -99,18 +99,18 @@ Json files_list(const SidecarData& data) {
     return list;
 }
 
-void add_lists(Json& side, const SideLists& lists) {
-    Json rate_changes = Json::array();
+void add_lists(OrderedJson& side, const SideLists& lists) {
+    OrderedJson rate_changes = OrderedJson::array();
     for (const RateChange& change : lists.rate_changes.entries()) {
         rate_changes.push_back({{"position", change.position},
                                 {"old_sample_rate", change.old_rate},
                                 {"new_sample_rate", change.new_rate}});
     }
-    Json activity = Json::array();
+    OrderedJson activity = OrderedJson::array();
     for (const ActiveStretch& stretch : lists.activity.entries()) {
         activity.push_back({{"begin", stretch.begin}, {"end", stretch.end}});
     }
-    Json samples = Json::array();
+    OrderedJson samples = OrderedJson::array();
     for (const FoundSample& found : lists.samples.entries()) {
         samples.push_back(
             {{"sample", found.name}, {"position", found.position}, {"score", found.score}});
@@ -125,20 +125,20 @@ void add_lists(Json& side, const SideLists& lists) {
 }
 
 std::string sidecar_text(const SidecarData& data) {
-    Json all = data.head;
+    OrderedJson all = data.head;
     all["features"] = features_list(data);
     all["features_left_out"] = data.features.left_out();
-    all["sides"] = Json::object();
+    all["sides"] = OrderedJson::object();
     for (const Side side : BOTH_SIDES) {
         if (data.sides[index_of(side)].has_value()) {
-            Json fields = *data.sides[index_of(side)];
+            OrderedJson fields = *data.sides[index_of(side)];
             add_lists(fields, data.lists[index_of(side)]);
             all["sides"][name_of(side)] = std::move(fields);
         }
     }
     all["files"] = files_list(data);
     // Texts of packets and names of files may contain invalid UTF-8.
-    return all.dump(1, ' ', false, Json::error_handler_t::replace) + '\n';
+    return all.dump(1, ' ', false, OrderedJson::error_handler_t::replace) + '\n';
 }
 
 // A file that a task writes. Until the outcome is done, only the task touches the report.
@@ -248,16 +248,16 @@ class Sidecar::SidecarOfCall : public CallListener {
         data_.features.add(entry);
     }
 
-    Json head(EndReason reason) const {
-        Json head = {{"sidecar_version", SIDECAR_VERSION},
-                     {"program", "quorvane-node"},
-                     {"call_uuid", uuid_text(call_.uuid())},
-                     {"call_key", key_text(call_.call_key())},
-                     {"source", address_text(call_.source())},
-                     {"begin", utc_time_ms(begin_)},
-                     {"end", utc_time_ms(begin_ + call_.last_seen() - call_.first_seen())}};
+    OrderedJson head(EndReason reason) const {
+        OrderedJson head = {{"sidecar_version", SIDECAR_VERSION},
+                            {"program", "quorvane-node"},
+                            {"call_uuid", uuid_text(call_.uuid())},
+                            {"call_key", key_text(call_.call_key())},
+                            {"source", address_text(call_.source())},
+                            {"begin", utc_time_ms(begin_)},
+                            {"end", utc_time_ms(begin_ + call_.last_seen() - call_.first_seen())}};
         add_start(head);
-        Json end = end_json(call_, reason);
+        OrderedJson end = end_json(call_, reason);
         end.erase("sides");
         end.erase("files");
         end.erase("sidecar");
@@ -265,26 +265,26 @@ class Sidecar::SidecarOfCall : public CallListener {
         return head;
     }
 
-    void add_start(Json& head) const {
+    void add_start(OrderedJson& head) const {
         const StartFields start = call_.start().value_or(StartFields());
-        const Json fields = {{"call_reference", start.call_reference},
-                             {"outbound", start.outbound()},
-                             {"created_time", start.created_time},
-                             {"configured_time", start.configured_time},
-                             {"configured_clock", start.configured_clock},
-                             {"rule_id_given", start.rule_id_given()},
-                             {"rule_id", std::to_string(start.rule_id)},
-                             {"report_node", start.report_node}};
+        const OrderedJson fields = {{"call_reference", start.call_reference},
+                                    {"outbound", start.outbound()},
+                                    {"created_time", start.created_time},
+                                    {"configured_time", start.configured_time},
+                                    {"configured_clock", start.configured_clock},
+                                    {"rule_id_given", start.rule_id_given()},
+                                    {"rule_id", std::to_string(start.rule_id)},
+                                    {"report_node", start.report_node}};
         for (const auto& [name, value] : fields.items()) {
-            head[name] = call_.start().has_value() ? value : Json(nullptr);
+            head[name] = call_.start().has_value() ? value : OrderedJson(nullptr);
         }
     }
 
-    Json side_fields(Side which) const {
+    OrderedJson side_fields(Side which) const {
         const CallSide& side = call_.side(which);
-        Json fields = {{"begin", time_json(begin_of(which))},
-                       {"seconds", side.seconds_at(side.position())},
-                       {"seconds_with_pauses", side.seconds_with_pauses()}};
+        OrderedJson fields = {{"begin", time_json(begin_of(which))},
+                              {"seconds", side.seconds_at(side.position())},
+                              {"seconds_with_pauses", side.seconds_with_pauses()}};
         fields.update(side_json(side));
         return fields;
     }

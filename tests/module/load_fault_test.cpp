@@ -24,16 +24,16 @@ namespace fs = std::filesystem;
 const std::string FAILED_TO_OPEN =
     std::string("ERROR log conf_configuration.cpp:- CONFIGURATION: failed to open file [") +
     CONFIG_PATH + "]";
-const std::string READING =
+const std::string OPENED =
     std::string("NOTICE log conf_configuration.cpp:- CONFIGURATION: reading from file [") +
     CONFIG_PATH + "]";
 
-std::string load_line(const std::string& level, const std::string& text) {
+std::string line_of_load(const std::string& level, const std::string& text) {
     return level + " log mod_quorvane.cpp:mod_quorvane_load " + text;
 }
 
 const std::string LOAD_FAILED =
-    load_line("ERROR", std::string("failed to load config file [") + CONFIG_PATH + "]");
+    line_of_load("ERROR", std::string("failed to load config file [") + CONFIG_PATH + "]");
 
 // Makes the calling thread an ordinary user for the file system, because the superuser may open
 // every file.
@@ -169,7 +169,7 @@ TEST_F(LoadFault, EveryErrorOfReadingTheConfigurationEndsItThere) {
         host.log().clear();
         EXPECT_TRUE(try_load().loaded);
         EXPECT_EQ(calls.seen("read").size(), 1U);
-        EXPECT_EQ(take_log().at(1), READING);
+        EXPECT_EQ(take_log().at(1), OPENED);
         EXPECT_EQ(api("media_node"), "127.0.0.1:0\n");
         EXPECT_TRUE(unload().left_memory);
     }
@@ -213,7 +213,7 @@ TEST_F(LoadFault, EveryErrorOfCreatingTheSocketFailsTheLoad) {
         SystemCalls calls;
         calls.next("socket", Outcome::fail(error.number));
         EXPECT_EQ(refused_load(),
-                  (Lines{READING, load_line("NOTICE", "configuration loaded"),
+                  (Lines{OPENED, line_of_load("NOTICE", "configuration loaded"),
                          std::string("ERROR log net_socket.cpp:- SOCKET[ ]: failed to create a "
                                      "socket, ") +
                              error.text}));
@@ -232,7 +232,7 @@ TEST_F(LoadFault, EveryErrorOfBindingTheSocketFailsTheLoad) {
         calls.next("bind", Outcome::fail(error.number));
         const Lines lines = refused_load();
         const long descriptor = calls.seen("socket").at(0).result;
-        EXPECT_EQ(lines, (Lines{READING, load_line("NOTICE", "configuration loaded"),
+        EXPECT_EQ(lines, (Lines{OPENED, line_of_load("NOTICE", "configuration loaded"),
                                 "ERROR log net_socket.cpp:- SOCKET[" + std::to_string(descriptor) +
                                     "]: failed to bind a socket, " + error.text}));
         // The shared object was unmapped again, and its socket closed.
@@ -250,7 +250,7 @@ TEST_F(LoadFault, WithoutADescriptorForTheSocketTheLoadFails) {
         SystemCalls calls;
         calls.next("socket", Outcome::starve());
         EXPECT_EQ(refused_load(),
-                  (Lines{READING, load_line("NOTICE", "configuration loaded"),
+                  (Lines{OPENED, line_of_load("NOTICE", "configuration loaded"),
                          "ERROR log net_socket.cpp:- SOCKET[ ]: failed to create a socket, error "
                          "(24): Too many open files"}));
         EXPECT_EQ(calls.seen("socket").at(0).result, -1);

@@ -18,7 +18,7 @@ struct Named {
     const char* what;
 };
 
-constexpr Named NAMES[] = {
+constexpr Named FAULT_NAMES[] = {
     {Fault::BIND_CHANNEL_DESTROY_FAILS, "bind-channel-destroy-fails",
      "the module cannot bind the channel-destroy event"},
     {Fault::BIND_ALL_FAILS, "bind-all-fails", "the module cannot bind all events"},
@@ -49,7 +49,7 @@ void set_name(FaultSpan& span, const std::string& name) {
         span.header = name.substr(prefix.size());
         return;
     }
-    for (const Named& named : NAMES) {
+    for (const Named& named : FAULT_NAMES) {
         if (name == named.name) {
             span.fault = named.fault;
             return;
@@ -96,7 +96,7 @@ FaultSpan parse_fault(const std::string& text) {
 }
 
 std::string name_of(const FaultSpan& span) {
-    for (const Named& named : NAMES) {
+    for (const Named& named : FAULT_NAMES) {
         if (span.fault == named.fault) {
             return named.name;
         }
@@ -115,7 +115,7 @@ void switch_fault(host::Faults& faults, const FaultSpan& span, bool on) {
 const std::vector<FaultHelp>& fault_help() {
     static const std::vector<FaultHelp> everything = [] {
         std::vector<FaultHelp> all;
-        for (const Named& named : NAMES) {
+        for (const Named& named : FAULT_NAMES) {
             all.push_back({named.name, named.what});
         }
         all.push_back({std::string(HIDE_HEADER) + "HEADER", "events lack this header"});

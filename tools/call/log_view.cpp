@@ -11,8 +11,8 @@ namespace {
 // How many errors are shown by default; later ones are only counted.
 constexpr std::uint64_t UNASKED_ERRORS = 10;
 
-constexpr const char* NAMES[] = {"CONSOLE", "ALERT",  "CRIT", "ERR",
-                                 "WARNING", "NOTICE", "INFO", "DEBUG"};
+constexpr const char* LEVEL_NAMES[] = {"CONSOLE", "ALERT",  "CRIT", "ERR",
+                                       "WARNING", "NOTICE", "INFO", "DEBUG"};
 
 std::string time_text(switch_time_t microseconds) {
     const auto seconds = static_cast<time_t>(microseconds / 1000000);
@@ -40,12 +40,12 @@ std::string without_line_end(std::string text) {
 
 std::string level_name(switch_log_level_t level) {
     const auto index = static_cast<std::size_t>(level);
-    return index < std::size(NAMES) ? NAMES[index] : "LEVEL " + std::to_string(index);
+    return index < std::size(LEVEL_NAMES) ? LEVEL_NAMES[index] : "LEVEL " + std::to_string(index);
 }
 
 std::optional<switch_log_level_t> level_of(const std::string& name) {
-    for (std::size_t i = 0; i < std::size(NAMES); ++i) {
-        if (strcasecmp(name.c_str(), NAMES[i]) == 0) {
+    for (std::size_t i = 0; i < std::size(LEVEL_NAMES); ++i) {
+        if (strcasecmp(name.c_str(), LEVEL_NAMES[i]) == 0) {
             return static_cast<switch_log_level_t>(i);
         }
     }

@@ -15,9 +15,6 @@ namespace {
 using tests::FakeAudioStore;
 using Samples = std::vector<std::int16_t>;
 
-constexpr Side ORIGINATOR = Side::ORIGINATOR;
-constexpr Side TERMINATOR = Side::TERMINATOR;
-
 // Blocks have four samples, so up to 32 samples of one side wait for the other side.
 class StereoRecordingTest : public testing::Test {
   protected:
@@ -41,41 +38,41 @@ class StereoRecordingTest : public testing::Test {
 };
 
 TEST_F(StereoRecordingTest, OriginatorIsLeft) {
-    put(ORIGINATOR, {1, 2, 3, 4});
-    put(TERMINATOR, {-1, -2, -3, -4});
+    put(Side::ORIGINATOR, {1, 2, 3, 4});
+    put(Side::TERMINATOR, {-1, -2, -3, -4});
     EXPECT_EQ(written(), (Samples{1, -1, 2, -2, 3, -3, 4, -4}));
     EXPECT_EQ(store_.files.at("call.wav").channels, 2);
     EXPECT_EQ(store_.files.at("call.wav").sample_rate, 8000);
 }
 
 TEST_F(StereoRecordingTest, NothingIsWrittenBeforeBothSidesHaveABlock) {
-    put(ORIGINATOR, {1, 2, 3, 4});
-    put(TERMINATOR, {-1, -2, -3});
+    put(Side::ORIGINATOR, {1, 2, 3, 4});
+    put(Side::TERMINATOR, {-1, -2, -3});
     EXPECT_TRUE(store_.files.empty());
 }
 
 TEST_F(StereoRecordingTest, ShorterSideIsFilledAtTheEnd) {
-    put(ORIGINATOR, {1, 2});
-    put(TERMINATOR, {-1});
+    put(Side::ORIGINATOR, {1, 2});
+    put(Side::TERMINATOR, {-1});
     recording_.finish();
     EXPECT_EQ(written(), (Samples{1, -1, 2, 0}));
     EXPECT_TRUE(store_.files.at("call.wav").closed);
 }
 
 TEST_F(StereoRecordingTest, ASideThatNeverComesIsSilent) {
-    put(TERMINATOR, {7, 8});
+    put(Side::TERMINATOR, {7, 8});
     recording_.finish();
     EXPECT_EQ(written(), (Samples{0, 7, 0, 8}));
 }
 
 TEST_F(StereoRecordingTest, LongPauseOfBothSidesIsWrittenAtOnce) {
-    put(ORIGINATOR, {1, 2, 3, 4, 5});
-    put(TERMINATOR, {-1, -2});
-    recording_.pause(ORIGINATOR, 1'000'000);
+    put(Side::ORIGINATOR, {1, 2, 3, 4, 5});
+    put(Side::TERMINATOR, {-1, -2});
+    recording_.pause(Side::ORIGINATOR, 1'000'000);
     EXPECT_LT(store_.files.at("call.wav").writes, 5u);
-    recording_.pause(TERMINATOR, 1'000'003);
-    put(ORIGINATOR, {6});
-    put(TERMINATOR, {-6});
+    recording_.pause(Side::TERMINATOR, 1'000'003);
+    put(Side::ORIGINATOR, {6});
+    put(Side::TERMINATOR, {-6});
     recording_.finish();
     EXPECT_EQ(frames(), 1'000'006u);
     EXPECT_EQ(written().at(8), 5);
@@ -86,10 +83,10 @@ TEST_F(StereoRecordingTest, LongPauseOfBothSidesIsWrittenAtOnce) {
 }
 
 TEST_F(StereoRecordingTest, LongPauseWaitsForNoAudioThatCameBeforeIt) {
-    put(ORIGINATOR, {1});
-    put(TERMINATOR, {-1, -2, -3, -4, -5, -6, -7});
-    recording_.pause(ORIGINATOR, 100);
-    put(ORIGINATOR, {2});
+    put(Side::ORIGINATOR, {1});
+    put(Side::TERMINATOR, {-1, -2, -3, -4, -5, -6, -7});
+    recording_.pause(Side::ORIGINATOR, 100);
+    put(Side::ORIGINATOR, {2});
     recording_.finish();
     EXPECT_EQ(frames(), 102u);
     EXPECT_EQ(right(6), -7);
@@ -105,29 +102,29 @@ TEST_F(StereoRecordingTest, ACallWithoutAudioHasNoFile) {
 }
 
 TEST_F(StereoRecordingTest, LostAudioIsSilence) {
-    put(ORIGINATOR, {1, 2, 3});
-    put(TERMINATOR, {9});
-    recording_.silence(TERMINATOR, 1);
-    put(TERMINATOR, {9});
+    put(Side::ORIGINATOR, {1, 2, 3});
+    put(Side::TERMINATOR, {9});
+    recording_.silence(Side::TERMINATOR, 1);
+    put(Side::TERMINATOR, {9});
     recording_.finish();
     EXPECT_EQ(written(), (Samples{1, 9, 2, 0, 3, 9}));
 }
 
 TEST_F(StereoRecordingTest, ASideThatIsAwayIsPaddedWithSilence) {
-    put(ORIGINATOR, Samples(32, 7));
+    put(Side::ORIGINATOR, Samples(32, 7));
     EXPECT_EQ(frames(), 16u);
     // The padding has taken the place of the pause, so the next audio follows directly.
-    recording_.pause(TERMINATOR, 16);
-    put(TERMINATOR, {9});
+    recording_.pause(Side::TERMINATOR, 16);
+    put(Side::TERMINATOR, {9});
     recording_.finish();
     EXPECT_EQ(right(16), 9);
     EXPECT_EQ(frames(), 32u);
 }
 
 TEST_F(StereoRecordingTest, APauseLongerThanThePaddingIsWrittenInPart) {
-    put(ORIGINATOR, Samples(32, 7));
-    recording_.pause(TERMINATOR, 18);
-    put(TERMINATOR, {9});
+    put(Side::ORIGINATOR, Samples(32, 7));
+    recording_.pause(Side::TERMINATOR, 18);
+    put(Side::TERMINATOR, {9});
     recording_.finish();
     EXPECT_EQ(right(17), 0);
     EXPECT_EQ(right(18), 9);
@@ -135,10 +132,10 @@ TEST_F(StereoRecordingTest, APauseLongerThanThePaddingIsWrittenInPart) {
 }
 
 TEST_F(StereoRecordingTest, AudioIsWrittenThoughPaddingStandsInItsPlace) {
-    put(ORIGINATOR, Samples(32, 7));
-    put(TERMINATOR, Samples(3, 9));
-    recording_.pause(TERMINATOR, 16);
-    put(TERMINATOR, {8});
+    put(Side::ORIGINATOR, Samples(32, 7));
+    put(Side::TERMINATOR, Samples(3, 9));
+    recording_.pause(Side::TERMINATOR, 16);
+    put(Side::TERMINATOR, {8});
     recording_.finish();
     EXPECT_EQ(right(16), 9);
     EXPECT_EQ(right(18), 9);
@@ -147,28 +144,28 @@ TEST_F(StereoRecordingTest, AudioIsWrittenThoughPaddingStandsInItsPlace) {
 
 TEST_F(StereoRecordingTest, FileWaitsUntilTheRateIsKnown) {
     set_rates(0, 0);
-    put(ORIGINATOR, Samples(8, 1));
-    put(TERMINATOR, Samples(8, 2));
+    put(Side::ORIGINATOR, Samples(8, 1));
+    put(Side::TERMINATOR, Samples(8, 2));
     EXPECT_TRUE(store_.files.empty());
     set_rates(16000, 16000);
-    put(ORIGINATOR, {1});
+    put(Side::ORIGINATOR, {1});
     EXPECT_EQ(store_.files.at("call.wav").sample_rate, 16000);
     EXPECT_EQ(frames(), 8u);
 }
 
 TEST_F(StereoRecordingTest, WaitForTheRateIsBounded) {
     set_rates(0, 0);
-    put(ORIGINATOR, Samples(31, 1));
+    put(Side::ORIGINATOR, Samples(31, 1));
     EXPECT_TRUE(store_.files.empty());
-    put(ORIGINATOR, {1});
+    put(Side::ORIGINATOR, {1});
     EXPECT_EQ(store_.files.at("call.wav").sample_rate, 8000);
 }
 
 TEST_F(StereoRecordingTest, SidesOfDifferentRatesGetAFileEach) {
     set_rates(8000, 16000);
-    put(ORIGINATOR, {1, 2, 3, 4});
-    put(TERMINATOR, {5, 6, 7, 8});
-    put(ORIGINATOR, {1, 2, 3, 4});
+    put(Side::ORIGINATOR, {1, 2, 3, 4});
+    put(Side::TERMINATOR, {5, 6, 7, 8});
+    put(Side::ORIGINATOR, {1, 2, 3, 4});
     recording_.finish();
     EXPECT_EQ(store_.files.count("call.wav"), 0u);
     EXPECT_EQ(store_.files.at("call-split-originator.wav").samples,
@@ -181,26 +178,26 @@ TEST_F(StereoRecordingTest, SidesOfDifferentRatesGetAFileEach) {
 TEST_F(StereoRecordingTest, WaitForTheRateIsBoundedWhenBothSidesGoOn) {
     set_rates(0, 0);
     for (int i = 0; i < 8; ++i) {
-        put(ORIGINATOR, Samples(4, 1));
-        put(TERMINATOR, Samples(4, 2));
+        put(Side::ORIGINATOR, Samples(4, 1));
+        put(Side::TERMINATOR, Samples(4, 2));
     }
     EXPECT_EQ(store_.files.at("call.wav").sample_rate, 8000);
 }
 
 TEST_F(StereoRecordingTest, OneSideOfUnknownRateKeepsTheOtherWaiting) {
     set_rates(8000, 0);
-    put(ORIGINATOR, {1, 2, 3, 4});
-    put(TERMINATOR, {5, 6, 7, 8});
+    put(Side::ORIGINATOR, {1, 2, 3, 4});
+    put(Side::TERMINATOR, {5, 6, 7, 8});
     EXPECT_TRUE(store_.files.empty());
 }
 
 TEST_F(StereoRecordingTest, ASideOfAnotherRateThatBeginsLaterGetsAFileOfItsOwn) {
     set_rates(8000, 16000);
-    put(ORIGINATOR, Samples(32, 1));
-    put(TERMINATOR, {5, 6, 7, 8});
-    recording_.silence(TERMINATOR, 1);
-    put(ORIGINATOR, {2});
-    put(TERMINATOR, {9});
+    put(Side::ORIGINATOR, Samples(32, 1));
+    put(Side::TERMINATOR, {5, 6, 7, 8});
+    recording_.silence(Side::TERMINATOR, 1);
+    put(Side::ORIGINATOR, {2});
+    put(Side::TERMINATOR, {9});
     recording_.finish();
     EXPECT_EQ(store_.files.at("call-split-terminator.wav").samples, (Samples{5, 6, 7, 8, 0, 9}));
     EXPECT_EQ(store_.files.at("call-split-terminator.wav").sample_rate, 16000);
@@ -214,8 +211,8 @@ TEST_F(StereoRecordingTest, ASideOfAnotherRateThatBeginsLaterGetsAFileOfItsOwn) 
 
 TEST_F(StereoRecordingTest, DifferentRatesShowAtTheEndAtTheLatest) {
     set_rates(8000, 16000);
-    put(ORIGINATOR, {1});
-    put(TERMINATOR, {2});
+    put(Side::ORIGINATOR, {1});
+    put(Side::TERMINATOR, {2});
     recording_.finish();
     EXPECT_EQ(store_.files.size(), 2u);
     EXPECT_TRUE(store_.files.at("call-split-terminator.wav").closed);
@@ -223,7 +220,7 @@ TEST_F(StereoRecordingTest, DifferentRatesShowAtTheEndAtTheLatest) {
 
 TEST_F(StereoRecordingTest, FailedFileIsReportedWithItsPath) {
     store_.error = "No space left on device";
-    put(ORIGINATOR, Samples(32, 1));
+    put(Side::ORIGINATOR, Samples(32, 1));
     recording_.finish();
     EXPECT_EQ(recording_.failed_files(), 1u);
     ASSERT_EQ(recording_.files().size(), 1u);
@@ -234,20 +231,20 @@ TEST_F(StereoRecordingTest, FailedFileIsReportedWithItsPath) {
 TEST_F(StereoRecordingTest, FailedFilesOfSplitSidesAreReported) {
     set_rates(8000, 16000);
     store_.error = "No space left on device";
-    put(ORIGINATOR, {1});
-    put(TERMINATOR, {2});
+    put(Side::ORIGINATOR, {1});
+    put(Side::TERMINATOR, {2});
     recording_.finish();
     EXPECT_EQ(recording_.failed_files(), 2u);
     EXPECT_EQ(recording_.files()[1].error, "No space left on device");
 }
 
 TEST_F(StereoRecordingTest, SideWhoseRateChangesIsSetApart) {
-    put(ORIGINATOR, {1, 2, 3, 4, 5});
-    put(TERMINATOR, {-1, -2, -3, -4, -5});
+    put(Side::ORIGINATOR, {1, 2, 3, 4, 5});
+    put(Side::TERMINATOR, {-1, -2, -3, -4, -5});
     set_rates(16000, 8000);
-    recording_.rate_changed(ORIGINATOR, 8000);
-    put(ORIGINATOR, {6, 7});
-    put(TERMINATOR, {-6});
+    recording_.rate_changed(Side::ORIGINATOR, 8000);
+    put(Side::ORIGINATOR, {6, 7});
+    put(Side::TERMINATOR, {-6});
     recording_.finish();
     EXPECT_EQ(written(), (Samples{1, -1, 2, -2, 3, -3, 4, -4, 5, -5, 0, -6}));
     EXPECT_EQ(store_.files.at("call-split-originator.wav").samples, (Samples{6, 7}));
@@ -273,8 +270,8 @@ class ResampledStereoTest : public testing::Test {
     // Both sides at once, for a multiple of 40 ms, which are whole samples at all rates here.
     void play_both(double seconds) {
         for (double time = 0; time < seconds - 0.02; time += 0.04) {
-            play(ORIGINATOR, rates_[0], 0.04);
-            play(TERMINATOR, rates_[1], 0.04);
+            play(Side::ORIGINATOR, rates_[0], 0.04);
+            play(Side::TERMINATOR, rates_[1], 0.04);
         }
     }
     void change_rate(Side side, int rate) {
@@ -310,14 +307,14 @@ TEST_F(ResampledStereoTest, SidesOfDifferentRatesShareAFileOfTheHigherOne) {
     EXPECT_EQ(store_.files.size(), 1u);
     EXPECT_EQ(store_.files.at("call.wav").sample_rate, 16000);
     EXPECT_EQ(frames(), 32'000u);
-    EXPECT_LT(error(ORIGINATOR, 0.01, 1.99), 80);
-    EXPECT_EQ(error(TERMINATOR, 0, 1.99), 0);
+    EXPECT_LT(error(Side::ORIGINATOR, 0.01, 1.99), 80);
+    EXPECT_EQ(error(Side::TERMINATOR, 0, 1.99), 0);
 }
 
 TEST_F(ResampledStereoTest, SideWhoseRateChangesStaysInItsPlace) {
     for (const int rate : {8000, 16000, 48000, 11025, 8000}) {
         if (rate != rates_[0]) {
-            change_rate(ORIGINATOR, rate);
+            change_rate(Side::ORIGINATOR, rate);
         }
         play_both(4);
     }
@@ -325,51 +322,51 @@ TEST_F(ResampledStereoTest, SideWhoseRateChangesStaysInItsPlace) {
     EXPECT_EQ(store_.files.size(), 1u);
     EXPECT_NEAR(static_cast<double>(frames()), 20 * 8000, 4);
     for (const double begin : {0.0, 4.0, 8.0, 12.0, 16.0}) {
-        EXPECT_LT(error(ORIGINATOR, begin + 0.05, begin + 3.95), 80) << begin;
+        EXPECT_LT(error(Side::ORIGINATOR, begin + 0.05, begin + 3.95), 80) << begin;
     }
-    EXPECT_EQ(error(TERMINATOR, 0, 19.9), 0);
+    EXPECT_EQ(error(Side::TERMINATOR, 0, 19.9), 0);
 }
 
 TEST_F(ResampledStereoTest, SilenceIsAsLongAtTheOtherRate) {
     rates_ = {8000, 16000};
     play_both(1);
-    recording_.silence(ORIGINATOR, 4000);
-    recording_.silence(TERMINATOR, 8000);
+    recording_.silence(Side::ORIGINATOR, 4000);
+    recording_.silence(Side::TERMINATOR, 8000);
     times_ = {1.5, 1.5};
     play_both(1);
     recording_.finish();
     EXPECT_EQ(frames(), 40'000u);
-    EXPECT_LT(error(ORIGINATOR, 0.05, 0.95), 80);
-    EXPECT_LT(error(ORIGINATOR, 1.55, 2.45), 80);
+    EXPECT_LT(error(Side::ORIGINATOR, 0.05, 0.95), 80);
+    EXPECT_LT(error(Side::ORIGINATOR, 1.55, 2.45), 80);
     EXPECT_EQ(store_.files.at("call.wav").samples.at(std::size_t{2} * 20'000), 0);
 }
 
 TEST_F(ResampledStereoTest, RateThatChangesBeforeTheFileIsMadeIsThatOfTheFile) {
-    play(ORIGINATOR, 8000, 0.04);
-    play(TERMINATOR, 8000, 0.04);
+    play(Side::ORIGINATOR, 8000, 0.04);
+    play(Side::TERMINATOR, 8000, 0.04);
     EXPECT_TRUE(store_.files.empty());
-    change_rate(ORIGINATOR, 16000);
+    change_rate(Side::ORIGINATOR, 16000);
     play_both(0.96);
     recording_.finish();
     EXPECT_EQ(store_.files.at("call.wav").sample_rate, 16000);
     EXPECT_EQ(frames(), 16'000u);
-    EXPECT_LT(error(ORIGINATOR, 0.06, 0.99), 80);
-    EXPECT_LT(error(TERMINATOR, 0.02, 0.98), 80);
+    EXPECT_LT(error(Side::ORIGINATOR, 0.06, 0.99), 80);
+    EXPECT_LT(error(Side::TERMINATOR, 0.02, 0.98), 80);
 }
 
 TEST_F(ResampledStereoTest, SideOfAnotherRateThatBeginsLaterIsConverted) {
     rates_ = {8000, 16000};
     for (int i = 0; i < 50; ++i) {
-        play(ORIGINATOR, 8000, 0.02);
+        play(Side::ORIGINATOR, 8000, 0.02);
     }
     EXPECT_GT(frames(), 0u);
-    recording_.silence(TERMINATOR, 16'000);
+    recording_.silence(Side::TERMINATOR, 16'000);
     times_[1] = 1;
     play_both(1);
     recording_.finish();
     EXPECT_EQ(store_.files.at("call.wav").sample_rate, 8000);
     EXPECT_EQ(frames(), 16'000u);
-    EXPECT_LT(error(TERMINATOR, 1.05, 1.95), 80);
+    EXPECT_LT(error(Side::TERMINATOR, 1.05, 1.95), 80);
 }
 
 }  // namespace

@@ -16,8 +16,8 @@ namespace {
 using Json = nlohmann::json;
 
 constexpr const char* UUID_TEXT = "3b9f6a52-7c1e-4d80-9f2b-e4a1c05d8e37";
-const Uuid UUID = {0x3b, 0x9f, 0x6a, 0x52, 0x7c, 0x1e, 0x4d, 0x80,
-                   0x9f, 0x2b, 0xe4, 0xa1, 0xc0, 0x5d, 0x8e, 0x37};
+const Uuid SITE_UUID = {0x3b, 0x9f, 0x6a, 0x52, 0x7c, 0x1e, 0x4d, 0x80,
+                        0x9f, 0x2b, 0xe4, 0xa1, 0xc0, 0x5d, 0x8e, 0x37};
 
 class SiteTest : public tests::FolderTest {
   protected:
@@ -28,11 +28,11 @@ class SiteTest : public tests::FolderTest {
         return site_->answer(request, now_);
     }
 
-    // A call of that UUID that has ended, with these files.
+    // A call of SITE_UUID that has ended, with these files.
     void finish_call(const std::vector<std::string>& files) {
         auto call = std::make_shared<FinishedCall>();
-        call->id = board_.add(UUID, Micros{0}, Micros{0})->id();
-        call->uuid = UUID;
+        call->id = board_.add(SITE_UUID, Micros{0}, Micros{0})->id();
+        call->uuid = SITE_UUID;
         call->facts = std::make_shared<CallFacts>();
         call->file_stem = UUID_TEXT;
         call->has_timeline = true;
@@ -89,7 +89,7 @@ TEST_F(SiteTest, AWrongMethodIsRefused) {
 }
 
 TEST_F(SiteTest, CallsAreListed) {
-    const auto record = board_.add(UUID, Micros{0}, now_);
+    const auto record = board_.add(SITE_UUID, Micros{0}, now_);
     EXPECT_EQ(Json::parse(ask("/api/calls").body).at("calls").size(), 0U);  // Just beginning.
     auto facts = std::make_shared<CallFacts>();
     facts->start.emplace();

@@ -127,14 +127,14 @@ TEST_F(ReportTest, AFailedCommandWithoutAnAnswerIsNamed) {
 }
 
 TEST_F(ReportTest, TheFiguresAreLinesForPeople) {
-    using Numbers = std::vector<std::string>;
-    EXPECT_EQ(numbers("Calls     "), (Numbers{"2", "2", "2", "5.0"}));
-    EXPECT_EQ(numbers("Frames    "), (Numbers{"250", "250", "156.2", "8,000", "20"}));
-    EXPECT_EQ(numbers("Packets   "), (Numbers{"500", "504"}));
+    using Texts = std::vector<std::string>;
+    EXPECT_EQ(numbers("Calls     "), (Texts{"2", "2", "2", "5.0"}));
+    EXPECT_EQ(numbers("Frames    "), (Texts{"250", "250", "156.2", "8,000", "20"}));
+    EXPECT_EQ(numbers("Packets   "), (Texts{"500", "504"}));
     EXPECT_EQ(numbers("Handling  "),
-              (Numbers{"50", "4.0", "90", "5.0", "99", "6.0", "99.9", "7.0", "8.0"}));
-    EXPECT_EQ(numbers("CPU       "), (Numbers{"0.05", "0.02", "0.03", "1.0", "5.00"}));
-    EXPECT_EQ(numbers("Memory    "), (Numbers{"1.0", "8.0", "4.0"}));
+              (Texts{"50", "4.0", "90", "5.0", "99", "6.0", "99.9", "7.0", "8.0"}));
+    EXPECT_EQ(numbers("CPU       "), (Texts{"0.05", "0.02", "0.03", "1.0", "5.00"}));
+    EXPECT_EQ(numbers("Memory    "), (Texts{"1.0", "8.0", "4.0"}));
 }
 
 TEST_F(ReportTest, OnAnOutboundCallThePartyIsTheTerminator) {
