@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 
 TEST(DiskSyncTest, WorksAgainAndAgain) {
     std::atomic<int> rounds{0};
-    const DiskSync sync(1ms, [&rounds] {
+    DiskSync sync(1ms, [&rounds] {
         ++rounds;
         return std::string();
     });
@@ -25,6 +25,7 @@ TEST(DiskSyncTest, WorksAgainAndAgain) {
         std::this_thread::sleep_for(1ms);
     }
     EXPECT_GE(rounds, 3);
+    EXPECT_TRUE(sync.finish(std::chrono::steady_clock::now() + 30s));
 }
 
 TEST(DiskSyncTest, EndsAtOnceAndWorksOnceMore) {
@@ -75,6 +76,7 @@ TEST(DiskSyncTest, ErrorIsTakenOnce) {
     }
     EXPECT_EQ(error, "Input/output error");
     EXPECT_EQ(sync.take_error(), "");
+    EXPECT_TRUE(sync.finish(std::chrono::steady_clock::now() + 30s));
 }
 
 TEST(DiskSyncTest, FolderThatIsThereCanBeSynced) {
