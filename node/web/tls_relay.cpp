@@ -1,5 +1,6 @@
 #include "node/web/tls_relay.h"
 
+#include <algorithm>
 #include <array>
 #include <asio/connect.hpp>
 #include <asio/io_context.hpp>
@@ -8,7 +9,9 @@
 #include <asio/steady_timer.hpp>
 #include <asio/write.hpp>
 #include <atomic>
+#include <deque>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -86,6 +89,12 @@ class Relayed : public std::enable_shared_from_this<Relayed> {
                                  });
     }
 
+    bool shakes_hands() const { return shakes_hands_; }
+    void give_up() {
+        shakes_hands_ = false;
+        close();
+    }
+
   private:
     using Buffer = std::array<char, 16384>;
 
@@ -100,6 +109,7 @@ class Relayed : public std::enable_shared_from_this<Relayed> {
     }
 
     void connect(std::error_code error) {
+        shakes_hands_ = false;
         timer_.cancel();
         if (error) {
             return;
@@ -199,6 +209,7 @@ class Relayed : public std::enable_shared_from_this<Relayed> {
     const Tcp::endpoint server_;
     Peers& peers_;
     std::atomic<std::size_t>& count_;
+    bool shakes_hands_ = true;
     std::string peer_;
     std::string local_;  // Address of `inside_` while the peers have it; or empty.
     Buffer in_{};
@@ -272,12 +283,37 @@ class TlsRelay::Impl {
         }
     }
 
+    // Strangers who do not finish their handshakes must not keep others out: the oldest of these
+    // connections ends. Returns whether there was one.
+    bool make_room() {
+        const auto oldest = std::find_if(newcomers_.begin(), newcomers_.end(), unfinished);
+        if (oldest == newcomers_.end()) {
+            return false;
+        }
+        oldest->lock()->give_up();
+        return true;
+    }
+
+    void forget_finished() {
+        newcomers_.erase(std::remove_if(newcomers_.begin(), newcomers_.end(),
+                                        [](const auto& each) { return !unfinished(each); }),
+                         newcomers_.end());
+    }
+
+    static bool unfinished(const std::weak_ptr<Relayed>& newcomer) {
+        const auto relayed = newcomer.lock();
+        return relayed != nullptr && relayed->shakes_hands();
+    }
+
     void accept() {
         acceptor_.async_accept([this](std::error_code error, Tcp::socket socket) {
             accepting_ = false;
-            if (!error && count_ < MOST_CONNECTIONS) {
-                std::make_shared<Relayed>(std::move(socket), tls_, server_, peers_, count_)
-                    ->begin();
+            if (!error && (count_ < MOST_CONNECTIONS || make_room())) {
+                const auto relayed =
+                    std::make_shared<Relayed>(std::move(socket), tls_, server_, peers_, count_);
+                relayed->begin();
+                forget_finished();
+                newcomers_.push_back(relayed);
             }
             if (!error) {
                 accept();
@@ -297,6 +333,7 @@ class TlsRelay::Impl {
     // The connections in the handlers of the loop use these, so the loop is destroyed first.
     Peers peers_;
     std::atomic<std::size_t> count_{0};
+    std::deque<std::weak_ptr<Relayed>> newcomers_;  // The oldest first; some have got further.
     asio::ssl::context tls_{asio::ssl::context::tls_server};
     const Tcp::endpoint server_;
     asio::io_context loop_{1};

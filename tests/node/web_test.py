@@ -1,5 +1,6 @@
 """Runs quorvane-node --http: what its port answers, to whom, and what a page hears."""
 import concurrent.futures
+import contextlib
 import json
 import os
 import pathlib
@@ -640,6 +641,13 @@ class Strangers(unittest.TestCase):
             with self.assertRaises((ssl.SSLError, OSError)):
                 old.wrap_socket(socket.create_connection(("127.0.0.1", node.port)))
             self.check_server_behind(node, bearer)
+            # Nor do people who never finish a handshake keep others out.
+            with contextlib.ExitStack() as silent:
+                for _ in range(100):
+                    silent.enter_context(socket.create_connection(("127.0.0.1", node.port)))
+                began = time.monotonic()
+                self.assertEqual(ask(node.port, "/login", headers=bearer, secure=True).status, 200)
+                self.assertLess(time.monotonic() - began, 8)  # They have 10 s.
             talk.end()
             self.assertEqual(node.stop(), 0)
 
