@@ -1,5 +1,6 @@
 #include "node/web/call_json.h"
 
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 #include "node/calls/level_meter.h"
@@ -154,6 +155,21 @@ std::string call_text(const std::string& facts_text, const CallRecord& record,
                       const CallRecord::Reading& reading, Micros now) {
     return facts_text + figures_text(*reading.facts, reading.figures, now - record.first_seen()) +
            "}";
+}
+
+std::string heard_text(const std::string& call_text, const Levels& levels,
+                       const std::vector<Mark>& samples) {
+    Json heard = {{"levels", Json::object()}, {"samples", Json::array()}};
+    for (const Side side : BOTH_SIDES) {
+        const std::optional<double>& level = levels[index_of(side)];
+        heard["levels"][name_of(side)] =
+            level.has_value() ? Json(std::round(*level * 10) / 10) : Json(nullptr);
+    }
+    for (const Mark& mark : samples) {
+        heard["samples"].push_back(
+            {{"call_side", name_of(mark.side)}, {"sample", mark.text}, {"begin", mark.begin}});
+    }
+    return call_text.substr(0, call_text.size() - 1) + "," + dump(heard).substr(1);
 }
 
 std::string finished_text(const FinishedCall& call, const FileFolder& folder) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "node/calls/types.h"
 #include "node/web/call_board.h"
@@ -17,6 +18,10 @@ std::string facts_text(const CallRecord& record, const CallFacts& facts);
 // Returns the whole object at `now`, on the steady clock of the node.
 std::string call_text(const std::string& facts_text, const CallRecord& record,
                       const CallRecord::Reading& reading, Micros now);
+
+// Returns that object with what is heard: `levels`, and `samples` that were found.
+std::string heard_text(const std::string& call_text, const Levels& levels,
+                       const std::vector<Mark>& samples);
 
 std::string finished_text(const FinishedCall& call, const FileFolder& folder);
 

@@ -49,6 +49,18 @@ std::pair<std::vector<Mark>, std::uint64_t> CallRecord::marks(std::uint64_t from
     return {{marks_.end() - count, marks_.end()}, marks_end_};
 }
 
+std::vector<Mark> CallRecord::latest_samples(std::size_t most) const {
+    std::vector<Mark> samples;
+    const LockGuard lock(mutex_);
+    for (auto mark = marks_.rbegin(); mark != marks_.rend() && samples.size() < most; ++mark) {
+        if (mark->kind == Mark::Kind::SAMPLE) {
+            samples.push_back(*mark);
+        }
+    }
+    std::reverse(samples.begin(), samples.end());
+    return samples;
+}
+
 void CallRecord::add_tap(Side side, std::shared_ptr<AudioTap> tap) {
     const LockGuard lock(mutex_);
     taps_[index_of(side)].push_back(std::move(tap));

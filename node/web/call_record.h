@@ -41,6 +41,9 @@ struct CallFigures {
     std::uint64_t foreign_packets = 0;
 };
 
+// The level of each side in dB. Nullopt: the side has not begun.
+using Levels = std::array<std::optional<double>, SIDE_COUNT>;
+
 // What changes seldom.
 struct SideFacts {
     bool begun = false;
@@ -123,6 +126,8 @@ class CallRecord {
     // Returns the marks from number `from` on that are still known, counted from 0, and the number
     // of the next one.
     std::pair<std::vector<Mark>, std::uint64_t> marks(std::uint64_t from) const QV_EXCLUDES(mutex_);
+    // Returns the latest samples that were found, at most `most`, the newest last.
+    std::vector<Mark> latest_samples(std::size_t most) const QV_EXCLUDES(mutex_);
     // While somebody watches the call, its figures are handed over more often.
     void watch() {
         ++watchers_;

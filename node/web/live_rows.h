@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,9 +18,9 @@ namespace qv::node::web {
 
 struct LiveRow {
     std::uint64_t id = 0;
-    std::shared_ptr<const std::string> text;                 // The call's JSON object.
-    std::uint64_t version = 0;                               // Of the text; never 0.
-    std::array<std::optional<double>, SIDE_COUNT> level_db;  // Nullopt: the side has not begun.
+    std::shared_ptr<const std::string> text;  // The call's JSON object.
+    std::uint64_t version = 0;                // Of the text; never 0.
+    Levels level_db;                          // Since the figures before these.
     std::array<bool, SIDE_COUNT> active{};
 };
 

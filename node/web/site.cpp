@@ -15,6 +15,7 @@ namespace {
 
 const std::string CALLS = "/api/calls/";
 const std::string FILES = "/files/";
+constexpr std::size_t SHOWN_SAMPLES = 10;
 
 Response json(int status, const std::string& text) {
     Response response;
@@ -50,6 +51,13 @@ std::shared_ptr<CallRecord> find_present(const CallBoard::Records& records,
         return uuid_text(record->uuid()) == uuid;
     });
     return found == records.rend() ? nullptr : *found;
+}
+
+// Of a call that has only just begun, no figures are known.
+Levels levels_of(const LiveFrame& frame, std::uint64_t id) {
+    const auto row = std::find_if(frame.rows.begin(), frame.rows.end(),
+                                  [id](const LiveRow& each) { return each.id == id; });
+    return row == frame.rows.end() ? Levels{} : row->level_db;
 }
 
 // A picture has a style of its own. It comes with the texts of a call, so nothing in it may run.
@@ -194,8 +202,16 @@ Response Site::log_out(const Request& request, Micros /*now*/) const {
 Response Site::calls(const Request& /*request*/, Micros now) const {
     const auto frame = rows_.frame(now);
     std::vector<std::string> calls;
-    for (const LiveRow& row : frame->rows) {
-        calls.push_back(*row.text);
+    const CallBoard::Records records = board_.records();
+    auto record = records.begin();
+    for (const LiveRow& row : frame->rows) {  // Both are in the order of their ids.
+        while (record != records.end() && (*record)->id() < row.id) {
+            ++record;
+        }
+        const bool goes_on = record != records.end() && (*record)->id() == row.id;
+        calls.push_back(
+            heard_text(*row.text, row.level_db,
+                       goes_on ? (*record)->latest_samples(SHOWN_SAMPLES) : std::vector<Mark>()));
     }
     std::vector<std::string> finished;
     for (const auto& text : frame->finished) {
@@ -214,7 +230,10 @@ Response Site::call(const Request& request, Micros now) const {
     }
     if (const auto record = find_present(board_.records(), rest)) {
         const CallRecord::Reading reading = record->read();
-        return json(200, call_text(facts_text(*record, *reading.facts), *record, reading, now));
+        const std::string text =
+            call_text(facts_text(*record, *reading.facts), *record, reading, now);
+        return json(200, heard_text(text, levels_of(*rows_.frame(now), record->id()),
+                                    record->latest_samples(SHOWN_SAMPLES)));
     }
     const CallBoard::Finished finished = board_.finished();
     for (auto call = finished.calls.rbegin(); call != finished.calls.rend(); ++call) {

@@ -148,6 +148,13 @@ TEST_F(CallJsonTest, AllTroubleIsListed) {
               Json::parse(R"([{"file":"/calls/a.wav","error":"No space left on device"}])"));
 }
 
+TEST_F(CallJsonTest, ACallHasItsLevelsAndTheSamplesThatWereFound) {
+    const Mark beep{Mark::Kind::SAMPLE, Side::TERMINATOR, 1.25, 0, "be\xffp"};
+    EXPECT_EQ(Json::parse(heard_text(R"({"id":7})", {-23.14, std::nullopt}, {beep})),
+              Json::parse(R"({"id":7,"levels":{"originator":-23.1,"terminator":null},"samples":[
+                              {"call_side":"terminator","sample":"be\ufffdp","begin":1.25}]})"));
+}
+
 TEST_F(CallJsonTest, AFinishedCallHasItsEndAndItsFiles) {
     put("abc-originator.wav", "1234");
     FinishedCall call;

@@ -103,6 +103,29 @@ TEST_F(SiteTest, CallsAreListed) {
     EXPECT_EQ(Json::parse(ask(std::string("/api/calls/") + UUID_TEXT).body).at("id"), 1);
 }
 
+TEST_F(SiteTest, ACallShowsWhatIsHeard) {
+    const auto record = board_.add(SITE_UUID, Micros{0}, now_);
+    auto facts = std::make_shared<CallFacts>();
+    facts->sides[0].begun = true;
+    CallFigures figures;
+    figures.sides[0].squares = 100 * 3276.8 * 3276.8;
+    figures.sides[0].measured = 100;
+    std::vector<Mark> marks = {{Mark::Kind::ACTIVE, Side::ORIGINATOR, 1, 0, ""}};
+    for (int i = 0; i < 12; ++i) {
+        marks.push_back({Mark::Kind::SAMPLE, Side::ORIGINATOR, 2.0 + i, 0, "beep"});
+    }
+    ASSERT_TRUE(record->try_publish(figures, facts, marks));
+    const Json listed = Json::parse(ask("/api/calls").body).at("calls").at(0);
+    const Json asked = Json::parse(ask(std::string("/api/calls/") + UUID_TEXT).body);
+    for (const Json& call : {listed, asked}) {
+        EXPECT_EQ(call.at("levels"), Json::parse(R"({"originator":-20.0,"terminator":null})"));
+        ASSERT_EQ(call.at("samples").size(), 10U);
+        EXPECT_EQ(call.at("samples").at(0).at("begin"), 4.0);
+        EXPECT_EQ(call.at("samples").at(9),
+                  Json::parse(R"({"call_side":"originator","sample":"beep","begin":13.0})"));
+    }
+}
+
 TEST_F(SiteTest, AFinishedCallIsKnownByItsUuid) {
     finish_call({});
     const Json call = Json::parse(ask(std::string("/api/calls/") + UUID_TEXT).body);
