@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <asio/connect.hpp>
+#include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/ssl.hpp>
@@ -337,6 +338,8 @@ class TlsRelay::Impl {
     asio::ssl::context tls_{asio::ssl::context::tls_server};
     const Tcp::endpoint server_;
     asio::io_context loop_{1};
+    // Without it, the loop would stop when a failed accept leaves nothing to wait for.
+    asio::executor_work_guard<asio::io_context::executor_type> work_{loop_.get_executor()};
     Tcp::acceptor acceptor_{loop_};
     asio::steady_timer retry_{loop_};
     bool accepting_ = false;
