@@ -57,7 +57,7 @@ class CallBoard {
   private:
     Records::const_iterator place_of(std::uint64_t id) const QV_REQUIRES(mutex_);
 
-    // On a cache line of its own, because all lanes read it for each packet.
+    // On a cache line of its own, because all lanes read it at each tick.
     alignas(64) CallRecord::Wishes wishes_{0};
     alignas(64) mutable Mutex mutex_;
     std::uint64_t ids_ QV_GUARDED_BY(mutex_) = 0;

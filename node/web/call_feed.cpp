@@ -121,8 +121,8 @@ class alignas(64) FedCall : public CallListener {
             take_wishes();
         }
         if (hears_ != tapped_) {
+            call_.set_hearing(*this, tapped_);
             hears_ = tapped_;
-            call_.set_hearing(*this, hears_);
         }
         if (urgent_ || watched_ || --ticks_left_ == 0) {
             publish();
@@ -174,7 +174,8 @@ class alignas(64) FedCall : public CallListener {
         urgent_ = true;
     }
 
-    // If a reader holds the lock, it is tried again with the next packet.
+    // If a reader holds the lock, it is tried again at the next tick, or with the next packet
+    // of a call to which somebody listens.
     void take_wishes() {
         const std::uint32_t wishes = wishes_.load(std::memory_order_relaxed);
         if (!record_->try_take_taps(taps_)) {

@@ -86,7 +86,7 @@ class CallRecord {
     static constexpr std::size_t MOST_MARKS = 500;  // Older ones are forgotten.
 
     // Counts what somebody begins or ends to want of any call, so that the threads of the calls
-    // need to read only this for each packet.
+    // need to read only this at each tick.
     using Wishes = std::atomic<std::uint32_t>;
 
     // A call with this number in the run, which began at that time since 1970 and on the steady
