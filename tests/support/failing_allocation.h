@@ -1,7 +1,9 @@
-// Lets an allocation of the calling thread fail. Replaces operator new of the whole program:
-// include it in one source of a test only.
+// Lets an allocation of the calling thread, or a large one of any thread, fail. Replaces operator
+// new of the whole program: include it in one source of a test only.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -9,6 +11,10 @@ namespace qv::tests {
 
 // After so many more allocations of this thread, one fails. Negative: none.
 inline thread_local int allocations_left = -1;
+
+// So many allocations of at least LARGE bytes fail, in whatever thread.
+constexpr std::size_t LARGE = 32'768;
+inline std::atomic<int> large_failures{0};
 
 // Calls `work` again and again. Each time, another one of its allocations fails, from the first one
 // on, until it needs no more. `check` is called after each. Returns how many failed.
@@ -33,7 +39,9 @@ int with_each_allocation_failing(Work work, Check check) {
 
 void* operator new(std::size_t size) {
     using qv::tests::allocations_left;
-    const bool fails = allocations_left >= 0 && allocations_left-- == 0;
+    using qv::tests::large_failures;
+    const bool fails = (allocations_left >= 0 && allocations_left-- == 0) ||
+                       (size >= qv::tests::LARGE && large_failures > 0 && large_failures-- > 0);
     void* const memory = fails ? nullptr : std::malloc(size);
     if (memory == nullptr) {
         throw std::bad_alloc();

@@ -5,41 +5,13 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <new>
 #include <string>
 #include <thread>
 
 #include "tests/node/audio/folder_test.h"
-
-namespace {
-
-// An allocation for one connection, which is the largest object of the relay, fails while this is
-// not 0.
-std::atomic<int> failures_left{0};
-constexpr std::size_t CONNECTION = 32'768;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    if (size >= CONNECTION && failures_left > 0) {
-        --failures_left;
-        throw std::bad_alloc();
-    }
-    void* memory = std::malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
+#include "tests/support/failing_allocation.h"
 
 namespace qv::node::web {
 
@@ -91,13 +63,14 @@ class TlsRelayTest : public tests::FolderTest {
 TEST_F(TlsRelayTest, MemoryThatIsShortCostsOneConnectionOnly) {
     const TlsRelay relay(loopback(), path("certificate"), 9);
     ASSERT_TRUE(turns_away(relay.port()));
-    failures_left = 1;
+    // A connection is the largest object of the relay.
+    tests::large_failures = 1;
     const int unlucky = connect_to(relay.port());
     const auto end = std::chrono::steady_clock::now() + 30s;
-    while (failures_left != 0 && std::chrono::steady_clock::now() < end) {
+    while (tests::large_failures != 0 && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(1ms);
     }
-    EXPECT_EQ(failures_left, 0);
+    EXPECT_EQ(tests::large_failures, 0);
     EXPECT_TRUE(turns_away(relay.port()));
     ::close(unlucky);
 }
