@@ -1,7 +1,7 @@
 // Measures what the page costs a packet of a call that nobody looks at, without the network, the
 // files and the page's threads: two tables of calls get the same packets in turn, one with what the
-// page writes down of each call, one without. Prints processor times: the mean of each 100 turns,
-// of which the median.
+// page writes down of each call, one without. Prints processor times: the median of
+// the means of 100 turns each.
 //
 //   page_feed [CALLS [TURNS [SIDES]]]        1,000 calls, 3,000 turns, 2 sides
 //
@@ -31,7 +31,7 @@ namespace media = qv::media;
 constexpr Micros FRAME{20'000};
 constexpr std::uint16_t SAMPLES = 160;
 constexpr int FIRST_TURNS = 200;  // Not counted: the calls begin.
-constexpr int GROUP = 100;        // Turns of two seconds, in which everything is done that is done.
+constexpr int GROUP = 100;  // Turns of two seconds, so that each has what is done once a second.
 
 struct Load {
     int calls;

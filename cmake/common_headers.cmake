@@ -24,7 +24,7 @@ endfunction()
 # quorvane_join_sources(target...): the sources of these targets are compiled as one for each folder.
 # Builds that compile everything use it, because most of the compile time goes into headers and
 # templates that many sources need. Without it a change of one source compiles no other, and every
-# source shows that it includes what it needs.
+# source has to include the project's headers that it needs.
 option(QUORVANE_JOIN_SOURCES "Compile the media node and the tests folder by folder" OFF)
 
 function(quorvane_join_sources)

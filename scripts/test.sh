@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Builds and runs the tests of the project, from any folder.
 #
-#   scripts/test.sh                the release stage: all tests of the build that is shipped,
+#   scripts/test.sh                the release stage: all tests of the optimized build,
 #                                  including those of the packages and the documents
 #   scripts/test.sh --all          all stages, which is what CI runs
 #   scripts/test.sh STAGE...       only these: format tidy release bare asan tsan fuzz
 #
 #   format    the sources are formatted as .clang-format says
 #   tidy      the checks of .clang-tidy find nothing
-#   release   what is shipped
+#   release   the optimized build and its packages
 #   bare      on a minimal Debian 12 that has nothing else: the demo runs from a checkout, and
 #             the packages can be installed and used; runs beside the stages that follow
 #   asan      the tests under the address and undefined behaviour sanitizers

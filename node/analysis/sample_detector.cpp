@@ -39,7 +39,7 @@ constexpr float NOISY_RANGE_DB = 22;
 constexpr float RANGE_DECAY_DB = 0.05F;  // Per frame.
 
 constexpr int PROMISING = 140;  // A candidate with this score is followed.
-// A candidate with this score before its framing is chosen may be promising behind it. With
+// A candidate that has this score before its framing is chosen may be promising afterwards. With
 // thousands of references, most candidates agree by chance, and few of those that are reported have
 // less than the second score.
 constexpr int WORTH_FRAMING = 93;

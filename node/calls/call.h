@@ -89,9 +89,9 @@ class Call {
     void report_skipped(Side side, std::uint64_t samples);
     // Reports that a file of the call could not be written.
     void report_failed_file(const FileReport& file);
-    // Whether the listener receives data() and audio(), as all do at first. A listener
-    // that needs them only at times turns them off in between, to save time. Not to be called from
-    // these two functions.
+    // Whether the listener receives data() and audio(), as all do at first. A listener that needs
+    // them only at times turns them off in between, to save time. Not to be called from these two
+    // functions.
     void set_hearing(const CallListener& listener, bool hears);
     // From now on, the waveforms of both sides are gathered and passed to CallListener::wave().
     void gather_waves();

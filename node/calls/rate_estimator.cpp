@@ -92,7 +92,7 @@ void RateEstimator::add(std::uint32_t sample_offset, std::uint16_t sample_count,
     count_packet(sample_count);
     if (begun_) {
         const std::uint32_t samples = sample_offset - last_offset_;
-        if (samples >= 0x80000000U || send_time < last_time_) {
+        if (samples >= HALF_RANGE || send_time < last_time_) {
             return;
         }
         const Micros interval = limited_time_between(last_time_, send_time);

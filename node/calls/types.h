@@ -76,7 +76,7 @@ constexpr const char* name_of(Side side) {
 constexpr int DEFAULT_SAMPLE_RATE = 8000;
 // A sender splits a longer frame into several packets.
 constexpr std::uint32_t LARGEST_PACKET_SAMPLES = media::MAX_AUDIO_SIZE / 2;
-// Sequence numbers wrap: a number that is ahead by less than this is the later one.
+// Sequence numbers and sample offsets wrap: what is ahead by less than this is the later one.
 constexpr std::uint32_t HALF_RANGE = 0x80000000;
 
 // A rate of 0 Hz is unknown.

@@ -1,9 +1,11 @@
 // What the page shows of one call: the meeting place of the thread of the call, which writes, and
 // the threads of the server, which read at their own pace.
 //
-// The thread of the call never waits here. Plain figures are handed over under a lock that it only
-// tries to take; if a reader holds it, they are handed over a moment later. The waveforms need no
-// lock. Shared ownership: the call's listener, the board of calls, and who looks at the call.
+// The thread of the call never waits for a reader here; only for memory, as malloc() does, if
+// another thread is just taking some from the pool. Plain figures are handed over under a lock that
+// it only tries to take; if a reader holds it, they are handed over a moment later. The waveforms
+// need no lock. Shared ownership: the call's listener, the board of calls, and who looks at the
+// call.
 #pragma once
 
 #include <array>
