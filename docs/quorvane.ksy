@@ -115,12 +115,12 @@ types:
         value: (_root.leg_word & 0x8000) != 0
       is_terminator:
         value: (_root.leg_word & 0x0001) != 0
-        doc: Whose voice it is; the originator's otherwise.
+        doc: Whether it is the terminator's audio; otherwise it is the originator's.
   control_body:
     seq:
       - id: features
         type: features
-        doc: An update; only what it supports changes.
+        doc: An update; it changes only the features that it supports.
   terminate_body: {}
   features:
     seq:
