@@ -154,7 +154,7 @@ class SessionApiCommand : public ApiCommand {
     bool uuid_invalid_ = false;
 };
 
-// One character per feature and leg: `alphabet` is indexed by supported + 2 * active.
+// One character per feature and side: `alphabet` is indexed by supported + 2 * active.
 struct FeatureCode {
     std::uint8_t bit;
     const char* alphabet;
@@ -239,7 +239,7 @@ constexpr const char* FEATURE_NAME<Features::AudioActivity> = "audio_activity";
 template <>
 constexpr const char* FEATURE_NAME<Features::SampleDetection> = "detection";
 
-// The bits of the leg that `word` names; 0 for any other word. Compares only the first four
+// The bits of the side that `word` names; 0 for any other word. Compares only the first four
 // letters. See docs/design.md, Odd on purpose: API.
 std::uint8_t parse_leg(std::string_view word, Features feature) {
     const std::string_view beginning = word.substr(0, 4);
@@ -252,7 +252,7 @@ std::uint8_t parse_leg(std::string_view word, Features feature) {
     return beginning == "both" ? media::feature_mask(feature) : std::uint8_t{0};
 }
 
-// Starts and stops one feature per leg.
+// Starts and stops one feature per side.
 template <Features FEATURE>
 class FeatureApiCommandImpl : public FeatureApiCommand {
   public:
@@ -271,7 +271,7 @@ class FeatureApiCommandImpl : public FeatureApiCommand {
     static constexpr std::size_t FIRST_ACTION = 2;
     static constexpr const char* NAME = FEATURE_NAME<FEATURE>;
 
-    // Reads pairs of an action and a leg. The last leg is optional.
+    // Reads pairs of an action and a side. The last side is optional.
     bool parse(features16_t& wanted) const {
         if (words().size() <= FIRST_ACTION) {
             answer(stream(), "-ERR, %s: not enough args (%u), should be at least (3)", NAME,

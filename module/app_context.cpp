@@ -40,7 +40,7 @@ bool means_active(std::string_view value) {
     return begins(value, "true") || begins(value, "enabled") || begins(value, "active");
 }
 
-// Reads a text that names one leg, with or without a value.
+// Reads a text that names one side, with or without a value.
 bool parse_leg(std::string_view text, Features feature, features16_t& named) {
     const std::string_view name = cut_name(text);
     if (begins(name, "term")) {

@@ -116,8 +116,8 @@ class AppContext {
     void count_close() { ++closed_bugs_; }
     unsigned closed_bugs() const { return closed_bugs_; }
 
-    // Merge the legs that an option text ("true", "inactive", "orig::false" and so on) names
-    // into `features`. If the text is null or names no leg, they return false and change
+    // Merge the sides that an option text ("true", "inactive", "orig::false" and so on) names
+    // into `features`. If the text is null or names no side, they return false and change
     // nothing.
     static bool parse_audio_activity(const char* text, media::features16_t& features);
     static bool parse_sample_detection(const char* text, media::features16_t& features);

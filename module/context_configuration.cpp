@@ -114,7 +114,7 @@ class ContextConfigurator {
         }
     }
 
-    // If the variable names no leg for the feature, the module's default is used. No lock, as
+    // If the variable names no side for the feature, the module's default is used. No lock, as
     // above.
     void set_feature(const char* name, ParseFeature parse, media::Features feature,
                      const std::string& default_text) QV_NO_THREAD_SAFETY_ANALYSIS {

@@ -16,15 +16,15 @@
 
 namespace qv::media {
 
-// The features of a call: one bit per feature and leg, the same bits in both
+// The features of a call: one bit per feature and side, the same bits in both
 // bytes. On the wire `supported` comes first.
 struct features16_t {
-    std::uint8_t supported;  // Which legs a feature applies to.
+    std::uint8_t supported;  // Which sides a feature applies to.
     std::uint8_t active;     // Where it runs; has meaning only where supported.
 };
 static_assert(sizeof(features16_t) == 2 && alignof(features16_t) == 1);
 
-// Masks of the features for both legs. Within a mask the lower bit is the
+// Masks of the features for both sides. Within a mask the lower bit is the
 // originator's, the higher one the terminator's.
 enum class Features : std::uint8_t {
     AudioActivity = 0x0C,
