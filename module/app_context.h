@@ -1,11 +1,11 @@
 // The record of one tapped call, and the registry that holds them all.
 //
-// The application creates a context, or an API command that runs before it. The context
-// lives as long as a reference to it exists: its registry entry holds one, the application
-// while it configures the call, and the media bug. The media bug erases the entry when it
-// closes; otherwise the channel-destroy handler does. The handler may erase the entry of a
-// live call, because it trusts the text of an event that anybody can send, and a key that
-// two calls can share.
+// The application creates a context, or an API command that comes before the application.
+// Three holders may have a reference to it: its registry entry, the application while it
+// configures the call, and the media bug. The context lives as long as one of them has. The
+// media bug erases the entry when it closes; otherwise the channel-destroy handler does. The
+// handler may erase the entry of a live call, because it trusts the text of an event that
+// anybody can send, and a key that two calls can share.
 //
 // Locks are always taken in this order: a session's read lock, the registry lock, a
 // context's own lock. RegistryGuard and ContextGuard let the compiler check the order of the
@@ -28,11 +28,11 @@
 namespace qv::freeswitch {
 
 // The sender's state for one direction of a call. The thread that delivers a frame of this
-// direction uses it, and the closing media bug after the last frame. The host delivers the
-// frames of a direction one at a time, under the lock of its codec, but not always on the same
-// thread: `uuid_media` reads a frame on the command's. It has its own cache line: the two
-// directions run on two threads, which would otherwise share a line and slow each other down
-// with every frame.
+// direction uses it, and so does the closing media bug after the last frame. The host delivers
+// the frames of a direction one at a time, under the lock of its codec, but not always on the
+// same thread: `uuid_media` reads a frame on the thread of its command. The state has its own
+// cache line: the two directions run on two threads, which would otherwise share a line and
+// slow each other down with every frame.
 struct alignas(64) LegStream {
     std::uint32_t bytes_sent = 0;  // Audio only.
     std::uint32_t odd_frames = 0;
