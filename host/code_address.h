@@ -1,4 +1,4 @@
-// Which loaded object a piece of code belongs to. Any thread.
+// Finds the loaded object that a piece of code belongs to. Any thread may call it.
 #pragma once
 
 #include <dlfcn.h>

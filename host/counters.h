@@ -1,4 +1,4 @@
-// The host's counters, which EmbeddedHost::report copies. Any thread.
+// The host's counters, which EmbeddedHost::report copies. Any thread may use them.
 #pragma once
 
 #include <atomic>

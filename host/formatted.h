@@ -1,4 +1,4 @@
-// The text of a printf-like function of the host. No state; any thread may call.
+// The text of a printf-like function of the host. No state; any thread may call it.
 #pragma once
 
 #include <cstdarg>

@@ -1,5 +1,5 @@
 // The applications and API commands that modules registered, by name, and how many threads
-// are inside them. The case of names does not count. Any thread.
+// are inside them. The case of names does not count. Any thread may call it.
 #pragma once
 
 #include <switch.h>

@@ -1,4 +1,4 @@
-// A session of the embedded host, with its channel. A Call is a handle of it, and so are the
+// A session of the embedded host, with its channel. A Call is a handle to it, and so are the
 // session and channel pointers that modules get.
 //
 // Shared by the Call and the session table. For the host's own sources only.

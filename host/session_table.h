@@ -1,4 +1,4 @@
-// The sessions that are alive, by UUID. Any thread.
+// The sessions that are alive, by UUID. Any thread may call it.
 #pragma once
 
 #include <switch.h>

@@ -1,6 +1,6 @@
-// Locks that clang's thread safety analysis understands: thin covers of the standard ones.
+// Locks that clang's thread safety analysis understands: thin wrappers of the standard ones.
 //
-// They cost nothing over what they cover and throw the same exceptions. Declare what a lock
+// They cost no more than the locks in them and throw the same exceptions. Declare what a lock
 // guards with QV_GUARDED_BY and what a function expects with QV_REQUIRES; clang then refuses
 // code that touches a field without its lock, forgets to unlock, or takes two locks in the
 // wrong order (-Wthread-safety, -Wthread-safety-beta). Other compilers see no annotation.

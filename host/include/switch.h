@@ -6,7 +6,7 @@
 // Compiles as C11 and as C++17. A module built with the real switch.h sees the same
 // names. The module may use what is declared here, and nothing else.
 //
-// Two values move between releases and may be given by the build:
+// Two values differ between releases and may be given by the build:
 //   QUORVANE_SWITCH_EVENT_ALL  90 in 1.10.0, 91 in 1.10.2, 92 in 1.10.7 to 1.10.12, 93 in 1.11
 //   QUORVANE_CF_MEDIA_SET      54 up to 1.10.2, 55 after
 #pragma once
