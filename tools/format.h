@@ -1,4 +1,4 @@
-// Formats values like printf. No state; any thread may call.
+// Formats values like printf. No state; any thread may call it.
 #pragma once
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// Writes bytes and numbers as hexadecimal digits. No state; any thread may call.
+// Writes bytes and numbers as hexadecimal digits. No state; any thread may call it.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// Reads numbers from texts. No state; any thread may call.
+// Reads numbers from texts. No state; any thread may call it.
 #pragma once
 
 #include <charconv>

@@ -1,4 +1,4 @@
-// Version and revision of a program, for its --version. No state; any thread may call.
+// Version and revision of a program, for its --version. No state; any thread may call it.
 #pragma once
 
 #include <string>

@@ -1,6 +1,6 @@
 // Prints the lines of a run and, on a terminal, a status line below them, rewritten in place.
 //
-// Any thread may call.
+// Any thread may call it.
 #pragma once
 
 #include <ostream>

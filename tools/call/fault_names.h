@@ -1,6 +1,6 @@
 // The names of the embedded host's faults on the command line.
 //
-// No state; any thread may call.
+// No state; any thread may call it.
 #pragma once
 
 #include <optional>

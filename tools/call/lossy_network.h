@@ -1,10 +1,10 @@
 // A network between the module and the media node that loses, duplicates, reorders and delays
 // datagrams. It also notices when no program listens at the media node's address.
 //
-// The module sends to address(); a thread of its own passes the datagrams on. What becomes of the
-// packets of a call's side depends on the seed, the number of the call and the number of the
-// packet only, so a run with the same seed treats them alike. Belongs to one thread; the figures
-// are those of the end.
+// The module sends to address(); a thread of its own passes the datagrams on. What happens to a
+// packet of a call's side depends only on the seed, the number of the call and the number of the
+// packet, so a run with the same seed treats it alike. Belongs to one thread; the figures are
+// known at the end.
 #pragma once
 
 #include <netinet/in.h>

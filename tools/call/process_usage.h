@@ -1,6 +1,6 @@
 // The processor time and the memory that this process uses.
 //
-// No state; any thread may call.
+// No state; any thread may call it.
 #pragma once
 
 #include <cstdint>

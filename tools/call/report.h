@@ -1,6 +1,6 @@
 // The figures of a run, as text and as JSON.
 //
-// Plain values; any thread may call.
+// Plain values; any thread may call it.
 #pragma once
 
 #include <chrono>

@@ -1,6 +1,6 @@
 // Reads the audio of one side of a call from a WAV file.
 //
-// No state; any thread may call.
+// No state; any thread may call it.
 #pragma once
 
 #include <cstdint>
