@@ -1,9 +1,9 @@
 // A whole receiver on one thread: a socket, the calls whose packets arrive there, and their
 // outputs.
 //
-// The road of a frame leads through one lane: Receiver reads the datagram, Intake decodes it,
+// The path of a frame leads through one lane: Receiver reads the datagram, Intake decodes it,
 // CallTable finds its call, and Call passes the audio to the outputs of the lane. With several
-// threads there are several lanes, which share one port; see lanes.h. On this road nothing is
+// threads there are several lanes, which share one port; see lanes.h. On this path nothing is
 // shared with another lane. Only when a call begins or ends, or when an output has something to
 // report, does a lane take a lock that others take too.
 //

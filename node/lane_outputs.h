@@ -1,6 +1,6 @@
-// The outputs of one lane: those that keep much for each call and therefore belong to the lane's
-// thread (analysis, recordings, what the live view shows), and the list of all outputs that the
-// calls of the lane report to. Outputs builds it.
+// The outputs of one lane: those that keep much state for each call and therefore belong to the
+// lane's thread (analysis, recordings, what the live view shows), and the list of all outputs that
+// the calls of the lane report to. Outputs builds it.
 //
 // The functions belong to the lane's thread, except those that say otherwise.
 #pragma once

@@ -3,7 +3,8 @@
 //
 // To add an output, construct it in build() and add it to the lists there; call_listener.h explains
 // what an output is. All lanes call the outputs of these lists, so any thread must be able to call
-// them. An output that keeps much for each call belongs into LaneOutputs: each lane has its own.
+// them. An output that keeps much state for each call belongs in LaneOutputs: each lane has its
+// own.
 //
 // Outputs itself belongs to the thread of the program's event loop.
 #pragma once

@@ -1,4 +1,4 @@
-// How often the work is done that does not wait for a packet: ends of calls, reports, figures.
+// The interval of the work that no packet starts: ends of calls, reports, figures.
 #pragma once
 
 #include "node/calls/types.h"

@@ -4,8 +4,8 @@
 //
 // An output. The detectors run on the thread of a Worker; this object only copies audio into its
 // queue, and belongs to the thread of the calls. Audio that the worker cannot keep up with is left
-// out, reported and counted. The analyser must come before those outputs that report detections at
-// the end of a call ahead of the end itself.
+// out, reported and counted. In the list of outputs, the analyser must come before those that still
+// report detections when a call ends.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// Counts the bits of words.
+// Counts the bits that are set in a word.
 #pragma once
 
 #include <cstdint>

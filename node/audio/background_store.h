@@ -3,9 +3,9 @@
 //
 // Everything that touches the files of the store behind it - creating, writing, completing - is
 // done by one writer thread, in the order in which it was asked for. What fails comes back with
-// update(); when memory is short, only the file at hand fails. When as much audio waits as memory
-// is granted, further blocks are dropped and counted, and silence of the same length is written in
-// their place, so that positions in a file stay true.
+// update(); when memory is short, only the file at hand fails. When the granted memory is full of
+// waiting audio, further blocks are dropped and counted, and silence of the same length is written
+// in their place, so that positions in a file stay true.
 //
 // Several threads can have a store of their own with the same writer: share(). A store and its
 // files belong to the thread of their owner, except for the functions that any thread may call. If

@@ -1,7 +1,7 @@
 // The names of files that a folder is known to hold, so that the disk need not be asked.
 //
-// In months a program makes more files than it can remember, while others take them away. So a new
-// name takes the place of an old one: of the oldest of eight that its hash selects. Adding needs no
+// Over months, a program makes more files than it can remember, and others remove many of them. So
+// a new name replaces an old one: the oldest of the eight that its hash selects. Adding needs no
 // memory, and takes the same short time however many names there are. Any thread may call the
 // functions.
 #pragma once

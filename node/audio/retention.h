@@ -1,11 +1,12 @@
 // Removes the files of the oldest finished calls from the folder, as --keep says.
 //
-// Only files are removed whose names this program gives to the files of a call, with its UUID, and
-// only the files of whole calls: audio, timeline and sidecar of one stem. Nothing is removed of a
-// call that goes on in this program or in another one that shares the folder, of a call whose files
-// are younger than ten minutes or come from the future, through symbolic links, or by age while the
-// clock cannot be trusted: if it has jumped, or if no call of the last day is in the folder,
-// nothing is removed by age for a day.
+// It removes only files with names that this program gives to the files of a call, with its UUID,
+// and only the files of whole calls: audio, timeline and sidecar of one stem. It never removes
+//   - files of a call that goes on in this program or in another one that shares the folder,
+//   - files of a call whose files are younger than ten minutes or come from the future,
+//   - anything through a symbolic link.
+// If the clock has jumped, or if no call of the last day is in the folder, the clock cannot be
+// trusted: nothing is removed by age for a day.
 //
 // A call that cannot be removed is tried again with each look. While it is there, no newer call is
 // removed by size in its place.

@@ -1,4 +1,4 @@
-// Whether what a task does with a file counts: either the task finishes, or its owner gives it up.
+// Decides whether the result of a task counts: either the task finishes, or its owner gives it up.
 //
 // A task goes on after it was given up. It must then change nothing that others can see, because
 // the owner has reported the file as it was.

@@ -1,6 +1,6 @@
 // One call: handles its packets and reports the results.
 //
-// start, control and terminate packets are handled here, data packets by the two sides. Results go
+// Start, control and terminate packets are handled here, data packets by the two sides. Results go
 // to the listeners that the outputs chose when the call began; see call_listener.h. Owned by the
 // call table; belongs to one thread.
 #pragma once

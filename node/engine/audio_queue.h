@@ -1,8 +1,8 @@
 // The chunks of audio that the message system has not yet taken, in order, up to a bound.
 //
-// They are sent in batches, one at a time and not too often, because each wakes threads here and at
-// the server. If the chunks exceed the bound, the oldest that is not
-// under way is dropped. Belongs to one thread at a time; the publisher guards it with its lock.
+// They are sent in batches, one at a time and not too often, because each batch wakes threads here
+// and at the server. If the chunks exceed the bound, the oldest that is not under way is dropped.
+// Belongs to one thread at a time; the publisher guards it with its lock.
 #pragma once
 
 #include <chrono>

@@ -1,10 +1,10 @@
 // A folder that keeps the events that wait for the message system, so that they survive the end of
 // the program, also a sudden one.
 //
-// Each file holds a run of events and, behind them, notes of those that need not be kept any
-// longer; a file of which nothing is kept is removed. Writing is left to the system: what it has
-// not written to the disk is lost if the machine stops. One program at a time uses a folder.
-// Belongs to one thread.
+// Each file holds a run of events and, after them, notes of those that need not be kept any longer.
+// When no event of a file needs to be kept, the file is removed. Writing is left to the system:
+// what it has not written to the disk is lost if the machine stops. One program at a time uses a
+// folder. Belongs to one thread.
 #pragma once
 
 #include <cstdint>

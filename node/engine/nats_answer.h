@@ -1,4 +1,5 @@
-// The answer of JetStream to an event. Plain values; whatever anybody sends gives one.
+// The answer of JetStream to an event. Plain values; any message can be read as an answer, and one
+// that is not gives an error.
 #pragma once
 
 #include <cstdint>

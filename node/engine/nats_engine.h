@@ -2,8 +2,8 @@
 //
 // One thread calls run(), which uses the connection without the lock; the library's threads report
 // to it. If there is a spool, another thread calls run_spool(), which uses the spool without the
-// lock: neither a server nor a disk that hangs keeps the events from the other. All other functions
-// belong to any thread and do not wait unless they say so.
+// lock. So events reach the disk when the server hangs, and the server when the disk hangs. Any
+// thread may call the other functions, which do not wait unless they say so.
 #pragma once
 
 #include <chrono>

@@ -1,4 +1,4 @@
-// The connection to NATS servers: it is made, kept, and used to send.
+// The connection to NATS servers: makes it, keeps it, and sends over it.
 //
 // The functions belong to one thread. The listener is called by that thread and by those of the
 // library, until close() returns.

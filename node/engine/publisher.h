@@ -5,7 +5,7 @@
 // goes to whoever listens: it stays in a bounded queue until the server has taken it. What does not
 // fit into a queue is dropped, the oldest first, and counted.
 //
-// The functions belong to any thread and do not wait, except wait() and finish().
+// Any thread may call the functions. They do not wait, except wait() and finish().
 #pragma once
 
 #include <chrono>

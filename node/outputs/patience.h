@@ -5,8 +5,8 @@
 // fast as the outputs take what it has. Otherwise it waits only at the end, and only for a short
 // time, because there may be no reader.
 //
-// hurry() belongs to the thread of the program's event loop. The other functions may be called by
-// any thread if no capture is read, and by that one otherwise.
+// hurry() belongs to the thread of the program's event loop. Any thread may call the other
+// functions unless a capture is read; then they belong to that thread, too.
 #pragma once
 
 #include <chrono>

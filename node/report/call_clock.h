@@ -1,5 +1,5 @@
-// The wall clock at the send times of the packets of a call: the first packet that is noted tells
-// it. Plain values; belongs to one thread.
+// Converts the send times of a call's packets to wall time. The first packet that is noted connects
+// the two clocks. Plain values; belongs to one thread.
 #pragma once
 
 #include <cmath>

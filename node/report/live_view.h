@@ -1,7 +1,7 @@
 // Shows the media node on one screen of a terminal: each call with age, features, audio activity, a
-// level meter per side, loss and what it is about, and the totals. A wide screen also shows the
-// whole UUID, the packets and the call reference. Calls with trouble come first. Keys scroll, sort
-// and filter, and show one call whole.
+// level meter per side, loss and state, and the totals. A wide screen also shows the whole UUID,
+// the packets and the call reference. Calls with trouble come first. Keys scroll, sort and filter,
+// and show one call whole.
 //
 // It only composes text from snapshots of the calls; the owner of the terminal displays it and
 // passes on the keys. Belongs to one thread, but any thread may report a file error.

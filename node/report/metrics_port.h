@@ -1,7 +1,7 @@
 // Serves metrics as text over HTTP.
 //
-// The server answers on threads of its own, until the end of this object. That end may take up to
-// two seconds, because the server looks for it no more often.
+// The server answers on threads of its own, until this object is destroyed. The destructor may take
+// up to two seconds, because the server checks only that often whether it must end.
 #pragma once
 
 #include <netinet/in.h>

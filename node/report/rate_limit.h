@@ -1,5 +1,5 @@
-// Allows something so often a second in the long run, and so many at once. Plain values; belongs to
-// one thread.
+// Limits how often something happens: to a number per second in the long run, and to a number at
+// once. Plain values; belongs to one thread.
 #pragma once
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// What a picture in SVG is drawn on. Keeps the place of every text, so that upright lines leave
-// texts out, and labels find room beside each other. Belongs to one thread.
+// What a picture in SVG is drawn on. Remembers the place of every text, so that vertical lines do
+// not cross texts, and labels find room beside each other. Belongs to one thread.
 #pragma once
 
 #include <array>
@@ -39,7 +39,7 @@ class SvgCanvas {
     void path(Layer layer, const std::string& path, const std::string& style,
               const std::string& hint = {});
     void line(Layer layer, double x1, double y1, double x2, double y2, const std::string& style);
-    // An upright line that leaves out the texts that are there, so these come first.
+    // A vertical line with gaps at the texts that are there already, so draw the texts first.
     void upright(Layer layer, double x, double top, double bottom, const std::string& style);
 
     // The whole document.

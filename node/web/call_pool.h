@@ -1,6 +1,7 @@
-// The memory of what the page keeps for each call. It lies apart from everything else: between the
-// objects that a call needs for each packet, it would spread these over more pages of memory than
-// the processor can find quickly, and a packet of one of a thousand calls would take longer.
+// The memory of what the page keeps for each call. It is separate from all other memory. Otherwise
+// it would lie between the objects that a call needs for each packet, and spread them over more
+// pages of memory than the processor can find quickly. With a thousand calls, each packet would
+// take longer.
 //
 // Memory that is given back is kept for later calls. Any thread may call it.
 #pragma once

@@ -4,8 +4,8 @@
 // The thread of the call never waits for a reader here; only for memory, as malloc() does, if
 // another thread is just taking some from the pool. Plain figures are handed over under a lock that
 // it only tries to take; if a reader holds it, they are handed over a moment later. The waveforms
-// need no lock. Shared ownership: the call's listener, the board of calls, and who looks at the
-// call.
+// need no lock. The call's listener, the board of calls and those who look at the call own it
+// together.
 #pragma once
 
 #include <array>

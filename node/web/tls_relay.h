@@ -2,7 +2,7 @@
 // speaks plain HTTP. The library for HTTP in Debian 12 cannot use that system's OpenSSL itself.
 //
 // Runs on a thread of its own from the constructor to the destructor. The server asks peer_of() who
-// is behind a connection, and so refuses those that do not come from here.
+// is behind a connection, and refuses connections that do not come from the relay.
 #pragma once
 
 #include <netinet/in.h>
