@@ -21,7 +21,7 @@ if(QUORVANE_HAVE_NO_GNU_UNIQUE)
   target_compile_options(quorvane_flags INTERFACE -fno-gnu-unique)
 endif()
 
-# The checking forms of functions come with optimization only.
+# The checked variants of the C library's functions (_FORTIFY_SOURCE) need optimization.
 set(not_optimized $<OR:$<CONFIG:Debug>,$<BOOL:$<TARGET_PROPERTY:QUORVANE_NOT_OPTIMIZED>>>)
 set(fortified $<NOT:${not_optimized}>)
 
@@ -37,10 +37,10 @@ else()
     -fstack-protector-strong
     $<${fortified}:-U_FORTIFY_SOURCE>
     $<${fortified}:-D_FORTIFY_SOURCE=2>)
-  # No stack frame leaps over the guard page; jumps and returns land where they may.
+  # No stack frame can skip the guard page; jumps and returns can only reach valid targets.
   check_cxx_compiler_flag(-fstack-clash-protection QUORVANE_HAVE_STACK_CLASH_PROTECTION)
   check_cxx_compiler_flag(-fcf-protection QUORVANE_HAVE_CF_PROTECTION)
-  # Clang takes the flag for any processor, and only warns.
+  # With -Werror, because clang accepts this flag for every processor and only warns.
   check_cxx_compiler_flag("-Werror -mbranch-protection=standard" QUORVANE_HAVE_BRANCH_PROTECTION)
   target_compile_options(quorvane_flags INTERFACE
     $<$<BOOL:${QUORVANE_HAVE_STACK_CLASH_PROTECTION}>:-fstack-clash-protection>

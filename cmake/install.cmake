@@ -40,7 +40,7 @@ install(FILES packaging/freeswitch_mod.conf packaging/modules.conf.xml
 
 # ---- tools --------------------------------------------------------------------------
 
-# The manual page of a program: what it says of itself, and packaging/man/PROGRAM.h2m.
+# Makes the manual page of a program from its --help and packaging/man/PROGRAM.h2m.
 find_program(HELP2MAN help2man)
 if(NOT HELP2MAN)
   message(STATUS "Manual pages are left out; missing: help2man")

@@ -14,5 +14,5 @@ message(STATUS "Module folder: ${module_dir}")
 
 # The module that comes with the call driver, for machines without a telephone switch.
 set(driver_module_dir lib/quorvane)
-# The module reads just this folder, whatever the prefix is; DESTDIR counts.
+# The module reads only this folder, whatever the prefix is; DESTDIR is respected.
 set(QUORVANE_CONFIG_DIR /etc/delmaren/quorvane)

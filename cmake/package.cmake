@@ -33,12 +33,12 @@ if(RPMBUILD)
   list(APPEND CPACK_GENERATOR RPM)
 endif()
 set(CPACK_PACKAGE_NAME quorvane)
-# Not where cpack is called, which is the source folder as a rule.
+# Not the folder in which cpack is called, which is usually the source folder.
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGE_VENDOR "the quorvane maintainers")
 set(CPACK_PACKAGE_CONTACT ${QUORVANE_MAINTAINER})
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION}+fs${QUORVANE_HOST_RELEASE})
-# Each package has its own; a common one would go before it.
+# Each package has its own summary; a common one would override it.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_RELOCATABLE OFF)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
