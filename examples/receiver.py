@@ -2,7 +2,7 @@
 """A media node to start from: a WAV file per side of each call, a JSON line per event.
 
 Needs only Python 3.10. docs/protocol.md describes the packets and the rules. The events have the
-names and fields of quorvane-node's; only `dropped`, for a data packet that is not used, is new.
+names and fields of quorvane-node's, except `dropped`, which reports a data packet that is not used.
 Each call is held in memory until it ends; for permanent use there is quorvane-node.
 """
 import argparse, datetime, json, pathlib, select, signal, socket, struct, sys, time, uuid, wave

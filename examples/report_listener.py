@@ -38,7 +38,7 @@ def words(report):
 
 
 def printable(text):
-    """What came from the network must not steer the terminal."""
+    """The text without characters that control a terminal: it came from the network."""
     return "".join(c if c.isprintable() else repr(c)[1:-1] for c in text)
 
 

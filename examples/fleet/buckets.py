@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Prints the maps of quorvane.nft for a list of media nodes and their weights.
 
-Needs only Python 3.10. Of the calls, as few as possible change their node: a bucket stays where
-it is as long as the weights allow. The output is one transaction for nft:
+Needs only Python 3.10. As few calls as possible change their node: a bucket stays where it is as
+long as the weights allow. The output is one transaction for nft:
 
     nft list table ip quorvane > present
     buckets.py 192.0.2.11 192.0.2.12=2 --present present | nft -f -
@@ -66,8 +66,9 @@ def bucket_of(key):
 def shares(weights, held, buckets=BUCKETS):
     """How many buckets each node is to have.
 
-    These are the exact shares, rounded down or up. Those are rounded up first that hold more than
-    their rounded share already, because that saves a move; then those with the largest remainder.
+    These are the exact shares, rounded down or up. Nodes that already hold more than their share
+    rounded down are rounded up first, because that saves a move; then those with the largest
+    remainder.
     """
     total = sum(weights.values())
     result = {node: buckets * weight // total for node, weight in weights.items()}

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Follows the audio of calls on NATS and writes a WAV file per side, as quorvane-node does.
 
-It stands for a recogniser: take() is where one would listen. Needs only Python 3.10, because the
-protocol of NATS is text. docs/node.md describes the subjects and the headers.
+Use it as the start of a recogniser: Stream.take() gets the audio. Needs only Python 3.10, because
+the protocol of NATS is text. docs/node.md describes the subjects and the headers.
 """
 import argparse
 import json
@@ -47,7 +47,7 @@ class Connection:
 
     def encrypt(self, name):
         """The server speaks first, and TLS begins after its line. SSL_CERT_FILE may name a file
-        with those who sign certificates."""
+        with the certificates of authorities."""
         self.line()
         if self.waiting:
             raise ConnectionError("the server says more than it may before TLS")
@@ -114,7 +114,7 @@ def headers_of(head):
 
 
 class Nonsense(Exception):
-    """A message that is not one of a media node. Everybody whom the server lets may send such."""
+    """A message that no media node sends. Every client that the server accepts may send one."""
 
 
 class Stream:
@@ -133,7 +133,7 @@ class Stream:
                   for name in ("Sequence", "Position", "Gap", "Sample-Rate")}
         if self.ended or number["Sequence"] <= self.sequence:
             return  # It was sent again.
-        # What is missing although it was not lost before the node.
+        # Samples that the node had but that did not arrive here.
         lost = number["Position"] - number["Gap"] - self.position
         rate, silence = number["Sample-Rate"], lost + number["Gap"]
         if not 0 < rate <= 192_000 or len(audio) % 2 or lost < 0:
@@ -211,7 +211,7 @@ class Worker:
         self.ended = 0
 
     def follow(self, call):
-        """Of the starts of a group each comes to one worker, which then takes the whole call."""
+        """Each start event goes to one worker of a group, which then takes the whole call."""
         if call not in self.calls:
             self.calls[call] = FollowedCall(self.connection.subscribe(f"quorvane.audio.{call}.*"))
         self.calls[call].starts += 1
@@ -272,7 +272,7 @@ def is_uuid(text):
 
 
 def follow(connection, worker, streams):
-    """Ends after so many streams, unless it is 0."""
+    """Ends after that number of streams; 0 means never."""
     looked = time.monotonic()
     for message in connection:
         if message is not None:
