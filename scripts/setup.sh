@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are needed to build and test the project and are missing.
+# Installs the Debian packages that the build and the tests need, unless they are installed already.
 # Installs as root or with sudo. If neither is possible, prints their names and stops.
 #
-#   scripts/setup.sh            the packages of scripts/packages.txt
-#   scripts/setup.sh build      without those marked [test], which only the tests need
-#   scripts/setup.sh optional   with those marked [optional], without which some tests are skipped
+#   scripts/setup.sh            the packages of scripts/packages.txt, except those marked [optional]
+#   scripts/setup.sh build      also without those marked [test], which only the tests need
+#   scripts/setup.sh optional   all; without those marked [optional], some tests are skipped
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
