@@ -2,9 +2,9 @@
 //
 // The library itself writes nowhere. The record `Logger::m_instance` passes a finished message
 // to the sink that the owner of the process installed; the default sink discards it. A message
-// belongs to the thread that builds it. The record is written only while the module is loaded,
-// before other threads log, and only read afterwards. The sink decides whether several threads
-// may call it at the same time.
+// belongs to the thread that builds it. The load of the module writes the record: it installs the
+// sink before other threads log, and sets the level, which may change while they log. The sink
+// decides whether several threads may call it at the same time.
 #pragma once
 
 #include <cstdint>
