@@ -9,7 +9,7 @@
 // and the buffer follows. A single forged packet therefore does no harm, and a sender may restart
 // its counters.
 //
-// A packet behind a gap is implausible while packets before the gap keep coming, or if its send
+// A packet after a gap is implausible while packets before the gap keep coming, or if its send
 // time leaves no time for what is missing. It is delivered only if a later packet confirms it, so
 // that a forged one inserts no silence.
 //
