@@ -8,7 +8,7 @@ if(NOT QUORVANE_HOST MATCHES "^(auto|freeswitch|embedded)$")
   message(FATAL_ERROR "QUORVANE_HOST=${QUORVANE_HOST}: expected auto, freeswitch or embedded")
 endif()
 
-# Each release: SWITCH_EVENT_ALL and CF_MEDIA_SET, the two values that move between
+# Each release: SWITCH_EVENT_ALL and CF_MEDIA_SET, the two values that differ between
 # releases of the host, the first version that has them and the first after it.
 set(known_releases 1.10.0 1.10.2 1.10 1.11)
 set(release_1.10.0 90 54 1.10.0 1.10.1)

@@ -1,12 +1,12 @@
-// The part of the FreeSWITCH interface that the module uses, declared anew so that
+// The part of the FreeSWITCH interface that the module uses, declared here so that
 // the module builds without the host's development files. Names, values and record
-// layouts are those of FreeSWITCH 1.10 and 1.11 on 64-bit Linux, so that one build of
-// the module runs in either; everything the module does not touch is left out.
+// layouts are those of FreeSWITCH 1.10 and 1.11 on 64-bit Linux. Everything the module
+// does not touch is left out.
 //
 // Compiles as C11 and as C++17. A module built with the real switch.h sees the same
 // names. The module may use what is declared here, and nothing else.
 //
-// Two values differ between releases and may be given by the build:
+// Two values differ between releases, so a build is for one release and may give them:
 //   QUORVANE_SWITCH_EVENT_ALL  90 in 1.10.0, 91 in 1.10.2, 92 in 1.10.7 to 1.10.12, 93 in 1.11
 //   QUORVANE_CF_MEDIA_SET      54 up to 1.10.2, 55 after
 #pragma once
