@@ -1,11 +1,6 @@
 #include "node/web/call_pool.h"
 
-// Clang's way to say it.
-#ifdef __has_feature
-#define QV_HAS_FEATURE(feature) __has_feature(feature)
-#else
-#define QV_HAS_FEATURE(feature) 0
-#endif
+#include "quorvane_lib/sanitizer.h"
 
 namespace qv::node::web {
 
@@ -26,11 +21,10 @@ void CallPool::do_deallocate(void* object, std::size_t bytes, std::size_t alignm
 
 // The address sanitizer notices the use of an object that is gone only if it sees each object.
 std::pmr::memory_resource& CallPool::memory() {
-#if defined(__SANITIZE_ADDRESS__) || QV_HAS_FEATURE(address_sanitizer)
-    return *std::pmr::new_delete_resource();
-#else
+    if constexpr (ADDRESS_SANITIZER) {
+        return *std::pmr::new_delete_resource();
+    }
     return pools_;
-#endif
 }
 
 }  // namespace qv::node::web

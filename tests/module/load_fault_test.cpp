@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "quorvane_lib/sanitizer.h"
 #include "tests/support/descriptor_limit.h"
 #include "tests/support/module_test.h"
 #include "tests/support/socket_errors.h"
@@ -259,9 +260,9 @@ TEST_F(LoadFault, WithoutADescriptorForTheSocketTheLoadFails) {
 }
 
 TEST_F(LoadFault, WithoutADescriptorForTheConfigurationTheLoadFails) {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizers look at objects through a pipe: they need descriptors";
-#endif
+    if (ADDRESS_SANITIZER) {
+        GTEST_SKIP() << "the sanitizers look at objects through a pipe: they need descriptors";
+    }
     configure("");
     const auto mapped = map_module();
     {

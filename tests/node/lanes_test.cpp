@@ -15,6 +15,7 @@
 
 #include "node/ingest/call_spread.h"
 #include "quorvane_lib/mutex.h"
+#include "quorvane_lib/sanitizer.h"
 #include "tests/support/golden.h"
 
 namespace qv::node {
@@ -134,11 +135,7 @@ class LanesTest : public testing::Test {
 };
 
 TEST_F(LanesTest, EachOfTenThousandCallsStaysOnOneThread) {
-#ifdef __SANITIZE_THREAD__
-    constexpr std::uint32_t CALLS = 1'000;  // The sanitizer is slow.
-#else
-    constexpr std::uint32_t CALLS = 10'000;
-#endif
+    constexpr std::uint32_t CALLS = THREAD_SANITIZER ? 1'000 : 10'000;  // The sanitizer is slow.
     open(2);
     const Bytes start = tests::golden("call_1_start");
     const Bytes terminate = tests::golden("call_7_terminate");

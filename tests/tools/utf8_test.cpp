@@ -33,13 +33,15 @@ TEST(CharactersTest, WhatIsNoUtf8IsSingleBytes) {
 }
 
 TEST(CharactersTest, ControlsAndInvisibleCharactersAreNotPrintable) {
-    for (const char32_t code : {0x00,   0x1F,   0x7F,   0x80,    0x9F,    0xAD,     0x61C,
-                                0x200B, 0x200F, 0x2028, 0x202A,  0x202E,  0x2066,   0x2069,
-                                0xFEFF, 0xFFFE, 0xFFFF, 0x1FFFE, 0xE0041, 0x10FFFF, 0x110000}) {
-        EXPECT_FALSE(is_printable(code)) << std::hex << static_cast<unsigned>(code);
+    for (const unsigned code :
+         {0x00U,   0x1FU,   0x7FU,   0x80U,    0x9FU,    0xADU,     0x61CU,
+          0x200BU, 0x200FU, 0x2028U, 0x202AU,  0x202EU,  0x2066U,   0x2069U,
+          0xFEFFU, 0xFFFEU, 0xFFFFU, 0x1FFFEU, 0xE0041U, 0x10FFFFU, 0x110000U}) {
+        EXPECT_FALSE(is_printable(code)) << std::hex << code;
     }
-    for (const char32_t code : {0x20, 0x7E, 0xA0, 0xE9, 0x416, 0x5D0, 0x65E5, 0xFFFD, 0x1F600}) {
-        EXPECT_TRUE(is_printable(code)) << std::hex << static_cast<unsigned>(code);
+    for (const unsigned code :
+         {0x20U, 0x7EU, 0xA0U, 0xE9U, 0x416U, 0x5D0U, 0x65E5U, 0xFFFDU, 0x1F600U}) {
+        EXPECT_TRUE(is_printable(code)) << std::hex << code;
     }
 }
 

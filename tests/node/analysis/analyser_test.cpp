@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "quorvane_lib/sanitizer.h"
 #include "tests/node/calls/node_call.h"
 
 namespace qv::node {
@@ -53,7 +54,7 @@ class AnalyserTest : public tests::NodeCallTest, public CallListener {
     }
     void end(std::uint32_t call = 0) { send(of_call("call_7_terminate", call)); }
     // A packet of a call's side; the sequence numbers and offsets are those of one side.
-    void data(const char* name, const Samples& sound, std::uint32_t call = 0) {
+    void send_data(const char* name, const Samples& sound, std::uint32_t call = 0) {
         tests::Bytes datagram = of_call(name, call);
         datagram.resize(50);
         put(datagram, 40, number_, 4);
@@ -72,7 +73,7 @@ class AnalyserTest : public tests::NodeCallTest, public CallListener {
                 sound.begin() + static_cast<std::ptrdiff_t>(at),
                 sound.begin() + static_cast<std::ptrdiff_t>(std::min(at + packet, sound.size())));
             time_ += static_cast<std::int64_t>(piece.size()) * 125;
-            data("call_2_read", piece);
+            send_data("call_2_read", piece);
             ++number_;
             offset_ += static_cast<std::uint32_t>(piece.size());
         }
@@ -209,12 +210,6 @@ TEST_F(AnalyserTest, ReaderOfACaptureWaitsForTheWorker) {
     EXPECT_EQ(heard(sound), patient);
 }
 
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool KEEPS_FREED_MEMORY = true;  // The sanitizer does.
-#else
-constexpr bool KEEPS_FREED_MEMORY = false;
-#endif
-
 // Bytes resident.
 std::size_t memory() {
     std::size_t pages = 0;
@@ -230,8 +225,8 @@ TEST_F(AnalyserTest, TenThousandSidesAtOnceLeaveNothingBehind) {
     for (std::uint32_t round = 0; round < 2; ++round) {
         for (std::uint32_t call = 0; call < 5000; ++call) {
             start(round * 5000 + call);
-            data("call_2_read", frame, round * 5000 + call);
-            data("call_3_write", frame, round * 5000 + call);
+            send_data("call_2_read", frame, round * 5000 + call);
+            send_data("call_3_write", frame, round * 5000 + call);
         }
         EXPECT_EQ(analyser_->figures().activity_sides, 10'000u);
         analyser_->update();
@@ -249,7 +244,7 @@ TEST_F(AnalyserTest, TenThousandSidesAtOnceLeaveNothingBehind) {
         }
     }
     EXPECT_EQ(skipped_, 0u);
-    if (!KEEPS_FREED_MEMORY) {
+    if (!ADDRESS_SANITIZER) {  // It keeps freed memory.
         EXPECT_LT(memory(), before + before / 5 + (8 << 20));
     }
 }

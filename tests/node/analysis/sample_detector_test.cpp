@@ -178,7 +178,7 @@ TEST(SampleDetectorTest, ReportsWithinASecondOfTheBeginning) {
 TEST(SampleDetectorTest, DoesNotDependOnHowTheSoundIsCutIntoPackets) {
     const Sound sound = babble(1, 100) + reference(3) + silence(1);
     const auto usual = found_in(sound);
-    for (const std::size_t packet : {1, 7, 80, 1000, 100'000}) {
+    for (const std::size_t packet : {1U, 7U, 80U, 1000U, 100'000U}) {
         const auto found = found_in(sound, 8000, packet);
         ASSERT_EQ(found.size(), usual.size()) << packet;
         EXPECT_EQ(found[0].seconds, usual[0].seconds);

@@ -13,6 +13,7 @@
 #include <memory>
 #include <vector>
 
+#include "quorvane_lib/sanitizer.h"
 #include "tests/support/names.h"
 
 namespace qv::node {
@@ -276,9 +277,9 @@ TEST_F(AudioFilesTest, WhenDescriptorsRunOutOtherFilesAreClosedForIt) {
 }
 
 TEST_F(AudioFilesTest, NoDescriptorAtAllIsAnErrorOfTheFile) {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizers look at objects through a pipe: they need descriptors";
-#endif
+    if (ADDRESS_SANITIZER) {
+        GTEST_SKIP() << "the sanitizers look at objects through a pipe: they need descriptors";
+    }
     const LimitGuard guard(RLIMIT_NOFILE, 0);
     const auto file = folder_->create("a.wav", 8000, 1);
     EXPECT_EQ(file->error(), "Too many open files");

@@ -47,7 +47,7 @@ TEST_F(AudioQueueTest, ChunksAreSentInOrder) {
 }
 
 TEST_F(AudioQueueTest, OldestChunksAreDroppedBeyondTheBound) {
-    for (int sequence = 1; sequence <= 6; ++sequence) {
+    for (std::uint64_t sequence = 1; sequence <= 6; ++sequence) {
         queue_.push(chunk(sequence));
     }
     EXPECT_EQ(queue_.lost_chunks(), 2U);
@@ -123,7 +123,7 @@ TEST_F(AudioQueueTest, BatchIsBounded) {
     }
     EXPECT_EQ(queue.take(now_).size(), AudioQueue::BATCH_CHUNKS);
     AudioQueue large{std::uint64_t{1} << 30};
-    for (int sequence = 1; sequence <= 4; ++sequence) {
+    for (std::uint64_t sequence = 1; sequence <= 4; ++sequence) {
         large.push(chunk(sequence, AudioQueue::BATCH_BYTES / 4));  // Half the bytes.
     }
     EXPECT_EQ(sequences(large.take(now_)), "1 2 ");

@@ -216,8 +216,8 @@ TEST_F(LiveViewTest, NothingIsWiderOrHigherThanTheScreen) {
     send_data(1, 0);
     pass(50ms);
     for (const std::size_t columns :
-         {1, 10, 40, 79, 80, 81, 123, 124, 146, 147, 166, 167, 200, 500}) {
-        for (const std::size_t rows : {1, 2, 5, 8, 24}) {
+         {1U, 10U, 40U, 79U, 80U, 81U, 123U, 124U, 146U, 147U, 166U, 167U, 200U, 500U}) {
+        for (const std::size_t rows : {1U, 2U, 5U, 8U, 24U}) {
             const Lines lines = frame(columns, rows);
             EXPECT_LE(lines.size(), rows);
             for (const std::string& line : lines) {

@@ -46,7 +46,7 @@ class MetricsTest : public testing::Test {
     std::uint64_t overflowed_ = 0;
     std::size_t calls_ = 0;
     std::size_t open_files_ = 0;
-    int receive_buffer_ = 0;
+    std::uint64_t receive_buffer_ = 0;
     std::uint64_t calls_not_written_ = 0;
     ReportFigures reports_;
     Analyser::Figures analysis_;

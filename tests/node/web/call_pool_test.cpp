@@ -7,20 +7,16 @@
 #include <memory>
 #include <vector>
 
+#include "quorvane_lib/sanitizer.h"
+
 namespace qv::node::web {
 
 namespace {
 
 constexpr std::size_t SIZE = 1000;
 
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool SEES_EACH_OBJECT = true;
-#else
-constexpr bool SEES_EACH_OBJECT = false;
-#endif
-
 TEST(CallPool, ObjectsLieBesideEachOtherWhateverElseIsAllocated) {
-    if (SEES_EACH_OBJECT) {
+    if (ADDRESS_SANITIZER) {
         GTEST_SKIP() << "the address sanitizer sees each object";
     }
     std::vector<std::unique_ptr<char[]>> others;
@@ -41,7 +37,7 @@ TEST(CallPool, ObjectsLieBesideEachOtherWhateverElseIsAllocated) {
 }
 
 TEST(CallPool, WhatIsGivenBackIsUsedAgain) {
-    if (SEES_EACH_OBJECT) {
+    if (ADDRESS_SANITIZER) {
         GTEST_SKIP() << "the address sanitizer sees each object";
     }
     void* const first = CallPool::instance().allocate(SIZE, 64);

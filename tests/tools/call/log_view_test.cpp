@@ -16,10 +16,12 @@ class LogViewTest : public ::testing::Test {
         view_->listen(log_);
     }
 
-    // In the form in which a module logs.
-    void write(switch_log_level_t level, ...) {
+    void write(switch_log_level_t level) { write_formatted(level); }
+
+    // In the form in which a module logs. An enumerator would be widened, so va_start takes an int.
+    void write_formatted(int level, ...) {
         host::LogLine line;
-        line.level = level;
+        line.level = static_cast<switch_log_level_t>(level);
         line.file = "/some/where/file.cpp";
         line.line = 12;
         line.format = "said\n";
