@@ -40,7 +40,7 @@ scripts/setup.sh build
 step "1. Building the module, the driver and the media node"
 mkdir -p build
 {
-    cmake -S . -B build -DCMAKE_BUILD_TYPE=Release &&
+    cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DQUORVANE_JOIN_SOURCES=ON &&
     cmake --build build -j "$(nproc)" --target \
         mod_quorvane mod_quorvane_relocated quorvane-call quorvane-node
 } >build/demo-build.log 2>&1 || { tail -n 40 build/demo-build.log; fail "the build failed"; }
