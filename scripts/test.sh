@@ -115,7 +115,7 @@ stage_format() { check format "scripts/test.sh format" format_clean; }
 stage_tidy() { check tidy "scripts/test.sh tidy" scripts/tidy.py; }
 # Most tests wait for most of their time, with sanitizers less.
 stage_release() { run_preset release $((4 * jobs)); }
-stage_asan() { run_preset asan $((2 * jobs)) -LE 'uninstrumented'; }
+stage_asan() { run_preset asan $((3 * jobs)) -LE 'uninstrumented'; }
 stage_tsan() { run_preset tsan $((2 * jobs)) -L 'concurrent'; }
 
 # Fuzzes the built target $1, with the output and the exit code in files.
