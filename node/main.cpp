@@ -31,7 +31,7 @@ int main(int argc, char** argv) {
         if (const auto exit_code = parse_options(argc, argv, options)) {
             return *exit_code;
         }
-        return Application(options, std::cerr).run();
+        return run_media_node(options, std::cerr);
     } catch (const std::exception& error) {
         std::cerr << "quorvane-node: " << error.what() << std::endl;
         return EXIT_TROUBLE;
