@@ -66,5 +66,5 @@ target_link_options(quorvane_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
 # and take long to optimize.
 function(quorvane_runs_once)
   set_source_files_properties(${ARGN} PROPERTIES
-    COMPILE_OPTIONS $<$<NOT:$<CONFIG:Debug>>:-O1>)
+    COMPILE_OPTIONS $<$<NOT:$<CONFIG:Debug>>:-Og>)
 endfunction()
