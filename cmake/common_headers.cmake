@@ -3,6 +3,14 @@
 # sources. Other builds show that every source includes what it needs.
 option(QUORVANE_COMMON_HEADERS "Read the standard library from a precompiled header" OFF)
 
+# A large header that only some sources need. Clang reads no more of a precompiled header than a
+# source uses; with GCC every source would pay for it.
+set(quorvane_large_headers)
+find_package(nlohmann_json QUIET)
+if(nlohmann_json_FOUND AND CMAKE_CXX_COMPILER_ID MATCHES Clang)
+  set(quorvane_large_headers <nlohmann/json.hpp>)
+endif()
+
 if(QUORVANE_COMMON_HEADERS)
   file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/generated/common_headers.cpp
        CONTENT "// Nothing but a place for the precompiled header.\n")
@@ -10,7 +18,8 @@ if(QUORVANE_COMMON_HEADERS)
   target_link_libraries(quorvane_common_headers PRIVATE quorvane_flags)
   target_precompile_headers(quorvane_common_headers PRIVATE
     <algorithm> <array> <chrono> <cstdint> <cstring> <deque> <functional> <map> <memory> <mutex>
-    <optional> <string> <string_view> <system_error> <thread> <unordered_map> <utility> <vector>)
+    <optional> <string> <string_view> <system_error> <thread> <unordered_map> <utility> <vector>
+    ${quorvane_large_headers})
 endif()
 
 function(quorvane_common_headers)

@@ -26,5 +26,6 @@ if(QUORVANE_TESTS)
     <gtest/gtest.h>
     <algorithm> <array> <atomic> <cerrno> <chrono> <cstdint> <cstring> <filesystem> <fstream>
     <functional> <map> <memory> <mutex> <optional> <regex> <sstream> <stdexcept> <string>
-    <thread> <utility> <vector>)
+    <thread> <utility> <vector>
+    ${quorvane_large_headers})
 endif()
