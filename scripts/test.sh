@@ -7,7 +7,7 @@
 #   scripts/test.sh STAGE...       only these: format tidy release bare asan tsan fuzz
 #
 #   format    the sources are formatted as .clang-format says
-#   tidy      the checks of .clang-tidy find nothing
+#   tidy      the checks of .clang-tidy find nothing; takes what processor time other stages leave
 #   release   the optimized build and its packages
 #   bare      on a minimal Debian 12 that has nothing else: the demo runs from a checkout, and
 #             the packages can be installed and used; runs beside the stages that follow
@@ -28,7 +28,7 @@ jobs=$(nproc)
 # the path of that clone, which does no harm here.
 export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=true
 passed=0 failed=0 skipped=0
-bare_process=  # Runs the checks on a bare machine, if they were started.
+beside=()  # The names of the checks that were started beside the stages.
 failures=()  # What failed; on the next line, the command that runs just that again.
 skips=()     # What was skipped, and why.
 
@@ -112,7 +112,17 @@ run_preset() {
 }
 
 stage_format() { check format "scripts/test.sh format" format_clean; }
-stage_tidy() { check tidy "scripts/test.sh tidy" scripts/tidy.py; }
+
+# Tests and builds wait at times; tidy then uses the processors.
+stage_tidy() {
+    if [ "${stages[-1]}" = tidy ]; then
+        check tidy "scripts/test.sh tidy" scripts/tidy.py
+    else
+        try_beside tidy nice -n 19 scripts/tidy.py &
+        beside+=(tidy)
+    fi
+}
+
 # Most tests wait for most of their time, with sanitizers less.
 stage_release() { run_preset release $((4 * jobs)); }
 stage_asan() { run_preset asan $((3 * jobs)) -LE 'uninstrumented'; }
@@ -151,25 +161,26 @@ stage_fuzz() {
     done
 }
 
-# try_bare NAME COMMAND...: runs the command, with its output and its exit code in files.
-try_bare() {
+# try_beside NAME COMMAND...: runs the command, with its output and its exit code in files.
+try_beside() {
     local file="build/${1// /-}" status=0
     shift
+    rm -f "$file.status"
     "$@" >"$file.log" 2>&1 || status=$?
     echo "$status" >"$file.status"
 }
 
-# Counts what try_bare ran. Exit code 77 means that no bare machine can be made here.
-count_bare() {
-    local name=$1 file="build/${1// /-}" status
-    shift
-    status=$(cat "$file.status")
+# count_beside NAME AGAIN: counts what try_beside ran. Exit code 77 means that it cannot be done
+# here. AGAIN is the command that runs it again.
+count_beside() {
+    local name=$1 again=$2 file="build/${1// /-}" status
+    status=$(cat "$file.status" || echo 1)
     if [ "$status" -eq 77 ]; then
         skip "$name" "$(tail -n 1 "$file.log")"
         return
     fi
     [ "$status" -eq 0 ] || tail -n 40 "$file.log"
-    check "$name" "$*" test "$status" -eq 0
+    check "$name" "$again" test "$status" -eq 0
 }
 
 DEMO_ON_A_BARE_MACHINE=(scripts/bare_machine.sh)
@@ -183,18 +194,26 @@ stage_bare() {
         return
     fi
     {
-        try_bare "packages on a bare machine" "${PACKAGES_ON_A_BARE_MACHINE[@]}"
-        try_bare "demo on a bare machine" "${DEMO_ON_A_BARE_MACHINE[@]}"
+        try_beside "packages on a bare machine" "${PACKAGES_ON_A_BARE_MACHINE[@]}"
+        try_beside "demo on a bare machine" "${DEMO_ON_A_BARE_MACHINE[@]}"
     } &
-    bare_process=$!
+    beside+=(bare)
 }
 
-count_bare_machines() {
-    [ -n "$bare_process" ] || return 0
-    say "bare, which ran beside the others"
-    wait "$bare_process"
-    count_bare "packages on a bare machine" "${PACKAGES_ON_A_BARE_MACHINE[@]}"
-    count_bare "demo on a bare machine" "${DEMO_ON_A_BARE_MACHINE[@]}"
+count_all_beside() {
+    [ "${#beside[@]}" -gt 0 ] || return 0
+    say "${beside[*]}, beside the others"
+    wait
+    local name
+    for name in "${beside[@]}"; do
+        case $name in
+            tidy) count_beside tidy "scripts/test.sh tidy" ;;
+            bare)
+                count_beside "packages on a bare machine" "${PACKAGES_ON_A_BARE_MACHINE[*]}"
+                count_beside "demo on a bare machine" "${DEMO_ON_A_BARE_MACHINE[*]}"
+                ;;
+        esac
+    done
 }
 
 if [ "${1:-}" = --help ]; then
@@ -221,7 +240,7 @@ for stage in "${stages[@]}"; do
     "stage_$stage"
     echo "$stage took $((SECONDS - started)) s"
 done
-count_bare_machines
+count_all_beside
 echo "all took $SECONDS s"
 
 echo
