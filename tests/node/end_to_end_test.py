@@ -978,6 +978,7 @@ class NodeEndToEnd(unittest.TestCase):
         with tempfile.TemporaryDirectory() as home:
             path = pathlib.Path(home, "events")
             with Node("--events", str(path)) as node:
+                wait_for_lines(path, 1)
                 path.rename(path.with_suffix(".1"))
                 node.send_call()
                 node.wait_for(f"events go to a new file .*{path}")
