@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <regex>
 
 #include "node/audio/name_pattern.h"
 
@@ -59,11 +60,20 @@ bool is_audio(const std::string& ending) {
 
 }  // namespace
 
+struct CallFileNames::Expressions {
+    std::regex stem;
+    std::regex side;  // A stem with what the name of a side adds.
+};
+
 // The stem may have a sign that tells it from the name of a side, and a number.
 CallFileNames::CallFileNames(const std::string& pattern)
-    : stem_(expression_of_pattern(first_made_safe(pattern)) + "_?(-[0-9]+)?", std::regex::optimize),
-      side_("(.*?)(-split)?-(originator|terminator)(-part[0-9]+)?(-[0-9]+)?",
-            std::regex::optimize) {}
+    : expressions_(new Expressions{
+          std::regex(expression_of_pattern(first_made_safe(pattern)) + "_?(-[0-9]+)?",
+                     std::regex::optimize),
+          std::regex("(.*?)(-split)?-(originator|terminator)(-part[0-9]+)?(-[0-9]+)?",
+                     std::regex::optimize)}) {}
+
+CallFileNames::~CallFileNames() = default;
 
 std::optional<CallFileNames::Name> CallFileNames::parse(const std::string& name) const {
     const std::size_t dot = name.rfind('.');
@@ -73,11 +83,11 @@ std::optional<CallFileNames::Name> CallFileNames::parse(const std::string& name)
     }
     Name parsed{name.substr(0, dot), name.substr(dot), false};
     std::smatch parts;
-    if (is_audio(parsed.ending) && std::regex_match(parsed.stem, parts, side_)) {
+    if (is_audio(parsed.ending) && std::regex_match(parsed.stem, parts, expressions_->side)) {
         parsed.stem = std::string(parts[1]);
         parsed.of_side = true;
     }
-    if (!std::regex_match(parsed.stem, stem_)) {
+    if (!std::regex_match(parsed.stem, expressions_->stem)) {
         return std::nullopt;
     }
     return parsed;

@@ -2,8 +2,8 @@
 // Never changes after construction, so that any thread may use it.
 #pragma once
 
+#include <memory>
 #include <optional>
-#include <regex>
 #include <string>
 
 namespace qv::node {
@@ -12,6 +12,7 @@ class CallFileNames {
   public:
     // `pattern` is one of NamePattern, and has the word {uuid}.
     explicit CallFileNames(const std::string& pattern);
+    ~CallFileNames();
 
     // Whether every name of the pattern tells that the file belongs to a call.
     static bool can_tell(const std::string& pattern) {
@@ -27,9 +28,9 @@ class CallFileNames {
     std::optional<Name> parse(const std::string& name) const;
 
   private:
-    // Members, because a thread may use them while the statics of the program are destroyed.
-    std::regex stem_;
-    std::regex side_;  // A stem with what the name of a side adds.
+    // A member, because a thread may use them while the statics of the program are destroyed.
+    struct Expressions;
+    std::unique_ptr<const Expressions> expressions_;
 };
 
 }  // namespace qv::node

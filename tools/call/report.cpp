@@ -1,6 +1,7 @@
 #include "tools/call/report.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 #include "tools/call/text.h"
 
