@@ -131,21 +131,35 @@ def check(path, arguments, commands=BUILD):
     return result.stdout or result.stderr
 
 
-def groups_of(files):
+def options_of_files():
+    """How each file that the build compiles is compiled: the command without the file's names."""
+    options = {}
+    for entry in json.loads((BUILD / "compile_commands.json").read_text()):
+        command = shlex.split(entry["command"])
+        if "-o" in command:
+            output = command.index("-o")
+            del command[output:output + 2]
+        command.remove(entry["file"])
+        options[pathlib.Path(entry["file"])] = tuple(command)
+    return options
+
+
+def groups_of(files, options):
     """The files in groups that are checked together, those that take longest first.
 
-    A name that one source takes from another namespace, and does not use, would not be noticed if
-    a later source used it. So each source that takes names is the last of its group.
+    A group has the files of a folder that are compiled in the same way. A name that one source
+    takes from another namespace, and does not use, would not be noticed if a later source used it.
+    So each source that takes names is the last of its group.
     """
-    folders, groups = collections.defaultdict(list), []
+    alike, groups = collections.defaultdict(list), []
     for path in files:
-        if path in NOT_JOINED:
+        if path in NOT_JOINED or path not in options:
             groups.append([path])
         else:
-            folders[path.parent].append(path)
-    for folder in folders.values():
-        last = [path for path in folder if TAKES_A_NAME.search(path.read_text())]
-        others = [path for path in folder if path not in last]
+            alike[path.parent, options[path]].append(path)
+    for sources in alike.values():
+        last = [path for path in sources if TAKES_A_NAME.search(path.read_text())]
+        others = [path for path in sources if path not in last]
         count = max(1, len(last))
         joined = [others[i::count] + last[i:i + 1] for i in range(count)]
         groups += [part for group in joined
@@ -155,24 +169,20 @@ def groups_of(files):
                   reverse=True)
 
 
-def joined_is_clean(group):
+def joined_is_clean(group, options):
     """Whether clang-tidy finds nothing in the texts of these files, one after the other."""
     with tempfile.TemporaryDirectory(dir=BUILD) as folder:
         source = pathlib.Path(folder) / "joined.cpp"
         source.write_text("\n".join(path.read_text() for path in group))
-        entries = json.loads((BUILD / "compile_commands.json").read_text())
-        entry = next(entry for entry in entries if entry["file"] == str(group[0]))
-        command = shlex.split(entry["command"])
-        command[command.index(str(group[0]))] = str(source)
-        command.insert(1, f"-I{group[0].parent}")
         (source.parent / "compile_commands.json").write_text(json.dumps(
-            [{"directory": entry["directory"], "file": str(source), "arguments": command}]))
+            [{"directory": str(BUILD), "file": str(source),
+              "arguments": [*options[group[0]], str(source)]}]))
         return check(source, arguments_for(group[0]), source.parent) is None
 
 
-def check_group(group):
+def check_group(group, options):
     """Returns what clang-tidy says about each file of the group; None if it is clean."""
-    if len(group) > 1 and joined_is_clean(group):
+    if len(group) > 1 and joined_is_clean(group, options):
         return dict.fromkeys(group)
     return {path: check(path, arguments_for(path)) for path in group}
 
@@ -204,9 +214,10 @@ def main():
     print(f"tidy: {len(files) - len(waiting)} files unchanged since they were found clean, "
           f"{len(waiting)} to check", flush=True)
 
-    unclean, done = [], 0
+    unclean, done, how_compiled = [], 0, options_of_files()
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        checks = [pool.submit(check_group, group) for group in groups_of(waiting)]
+        checks = [pool.submit(check_group, group, how_compiled)
+                  for group in groups_of(waiting, how_compiled)]
         for future in concurrent.futures.as_completed(checks):
             for path, findings in future.result().items():
                 done += 1

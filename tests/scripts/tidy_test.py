@@ -71,9 +71,12 @@ class KeyTest(TidyTest):
 
 
 class GroupsTest(TidyTest):
-    def groups(self, **texts):
+    def groups(self, compiled=(), **texts):
+        """The groups of these files; `compiled` has options of compilation other than the usual."""
         files = [self.write(f"node/{name}.cpp", text) for name, text in texts.items()]
-        groups = self.tidy.groups_of(files)
+        options = {path: ("c++",) for path in files}
+        options.update((self.root / f"node/{name}.cpp", how) for name, how in compiled)
+        groups = self.tidy.groups_of(files, {path: how for path, how in options.items() if how})
         self.assertCountEqual([path for group in groups for path in group], files)
         return [[path.stem for path in group] for group in groups]
 
@@ -93,6 +96,14 @@ class GroupsTest(TidyTest):
             self.groups(a="void f() {\n    using std::swap;\n}\n", b="using namespace qv;\n", c=""),
             [["a", "b", "c"]])
 
+    def test_a_file_that_is_compiled_in_another_way_is_not_in_the_group(self):
+        self.assertEqual(self.groups(a="", b="", c="", d="", compiled=[("a", ("c++", "-DX"))]),
+                         [["b", "c", "d"], ["a"]])
+
+    def test_a_file_that_this_build_leaves_out_is_checked_by_itself(self):
+        self.assertEqual(self.groups(a="", b="", c="", d="", compiled=[("a", None)]),
+                         [["b", "c", "d"], ["a"]])
+
     def test_few_files_are_checked_by_themselves(self):
         self.assertEqual(self.groups(a="", b=""), [["a"], ["b"]])
 
@@ -107,9 +118,10 @@ class CheckTest(TidyTest):
         self.write(".clang-tidy", "Checks: '-*,misc-unused-parameters'\nWarningsAsErrors: '*'\n")
         files = [self.write(f"node/{name}.cpp", text) for name, text in texts.items()]
         self.write("build/compile_commands.json", json.dumps(
-            [{"directory": str(self.tidy.BUILD), "file": str(path), "command": f"c++ -c {path}"}
-             for path in files]))
-        return [path.stem for path, said in self.tidy.check_group(files).items() if said]
+            [{"directory": str(self.tidy.BUILD), "file": str(path),
+              "command": f"c++ -o {path.stem}.o -c {path}"} for path in files]))
+        said = self.tidy.check_group(files, self.tidy.options_of_files())
+        return [path.stem for path, findings in said.items() if findings]
 
     def test_clean_files_are_clean_together(self):
         self.assertEqual(self.findings(a=self.CLEAN.format("a"), b=self.CLEAN.format("b")), [])
