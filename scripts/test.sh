@@ -28,7 +28,8 @@ jobs=$(nproc)
 # the path of that clone, which does no harm here.
 export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=true
 passed=0 failed=0 skipped=0
-beside=()  # The names of the checks that were started beside the stages.
+beside=()  # The names of the checks that were started beside the stages, and their process groups.
+groups=()
 failures=()  # What failed; on the next line, the command that runs just that again.
 skips=()     # What was skipped, and why.
 
@@ -113,13 +114,33 @@ run_preset() {
 
 stage_format() { check format "scripts/test.sh format" format_clean; }
 
+# Ends what still runs beside the stages, with all its processes.
+end_beside() {
+    local group
+    for group in "${groups[@]}"; do
+        kill -- "-$group" 2>/dev/null
+    done
+}
+trap end_beside EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+# run_beside NAME COMMAND...: starts the command in a process group of its own.
+run_beside() {
+    beside+=("$1")
+    shift
+    set -m
+    "$@" &
+    set +m
+    groups+=($!)
+}
+
 # Tests and builds wait at times; tidy then uses the processors.
 stage_tidy() {
     if [ "${stages[-1]}" = tidy ]; then
         check tidy "scripts/test.sh tidy" scripts/tidy.py
     else
-        try_beside tidy nice -n 19 scripts/tidy.py &
-        beside+=(tidy)
+        run_beside tidy try_beside tidy nice -n 19 scripts/tidy.py
     fi
 }
 
@@ -193,11 +214,12 @@ stage_bare() {
         fail "build of release" "cmake --build --preset release"
         return
     fi
-    {
-        try_beside "packages on a bare machine" "${PACKAGES_ON_A_BARE_MACHINE[@]}"
-        try_beside "demo on a bare machine" "${DEMO_ON_A_BARE_MACHINE[@]}"
-    } &
-    beside+=(bare)
+    run_beside bare try_bare
+}
+
+try_bare() {
+    try_beside "packages on a bare machine" "${PACKAGES_ON_A_BARE_MACHINE[@]}"
+    try_beside "demo on a bare machine" "${DEMO_ON_A_BARE_MACHINE[@]}"
 }
 
 count_all_beside() {
