@@ -122,8 +122,11 @@ def arguments_for(path):
     return [] if analyzed else ["--checks=-clang-analyzer-*"]
 
 
-def check(path, arguments, commands=BUILD):
-    """Returns what clang-tidy says about the file; None if it is clean."""
+def check(path, arguments, commands):
+    """Returns what clang-tidy says about the file; None if it is clean.
+
+    The compile commands are in the folder `commands`.
+    """
     result = subprocess.run(["clang-tidy", "-p", commands, "--quiet", *arguments, path], cwd=ROOT,
                             capture_output=True, text=True, check=False)
     if result.returncode == 0:
@@ -184,7 +187,7 @@ def check_group(group, options):
     """Returns what clang-tidy says about each file of the group; None if it is clean."""
     if len(group) > 1 and joined_is_clean(group, options):
         return dict.fromkeys(group)
-    return {path: check(path, arguments_for(path)) for path in group}
+    return {path: check(path, arguments_for(path), BUILD) for path in group}
 
 
 def main():
