@@ -68,3 +68,12 @@ function(quorvane_runs_once)
   set_source_files_properties(${ARGN} PROPERTIES
     COMPILE_OPTIONS $<$<NOT:$<CONFIG:Debug>>:-Og>)
 endfunction()
+
+# quorvane_computes(target): sanitizers make the code of this library many times slower, so it is
+# optimized even in builds that are not. A precompiled header would have to be optimized alike.
+function(quorvane_computes target)
+  if(QUORVANE_SANITIZE)
+    target_compile_options(${target} PRIVATE $<$<CONFIG:Debug>:-O1>)
+    set_target_properties(${target} PROPERTIES DISABLE_PRECOMPILE_HEADERS ON)
+  endif()
+endfunction()
