@@ -38,13 +38,27 @@ package_sources() {
         awk -v suite="$SUITE" '$2 == suite || index($2, suite "-") == 1' | sort -u
 }
 
+# The address of the archive that has SUITE itself; nothing if there is none.
+archive() { package_sources | awk -v suite="$SUITE" '$2 == suite { print $1; exit }'; }
+
+answers() {
+    local file status=0
+    file=$(mktemp)
+    /usr/lib/apt/apt-helper -o Acquire::Retries=1 -o Acquire::http::Timeout=20 \
+        download-file "${1%/}/dists/$SUITE/Release" "$file" >/dev/null 2>&1 || status=1
+    rm -f "$file"
+    return "$status"
+}
+
 check_possible() {
-    local tool
+    local tool mirror
     [ "$(id -u)" -eq 0 ] || cannot "this is not root"
     for tool in apt-get debootstrap unshare pivot_root git; do
         command -v "$tool" >/dev/null || cannot "$tool is not installed"
     done
-    [ -n "$(package_sources)" ] || cannot "apt has no package source for Debian's $SUITE"
+    mirror=$(archive)
+    [ -n "$mirror" ] || cannot "apt has no package source for Debian's $SUITE"
+    answers "$mirror" || cannot "the package archive $mirror cannot be reached"
     unshare --mount --pid --fork --propagation private mount -t tmpfs none /mnt 2>/dev/null ||
         cannot "mounting is not allowed here"
 }
@@ -52,8 +66,7 @@ check_possible() {
 # Makes the base, unless the cache has one from the same package source.
 make_base() {
     local base=$1 mirror log=$cache/debootstrap.log
-    mirror=$(package_sources | awk -v suite="$SUITE" '$2 == suite { print $1; exit }')
-    [ -n "$mirror" ] || cannot "apt has no package source for Debian's $SUITE"
+    mirror=$(archive)
     [ "$(cat "$base.made" 2>/dev/null)" != "$mirror" ] || return 0
     say "making the base in $base"
     rm -rf "$base" "$base.made"
