@@ -75,7 +75,8 @@ make_base() {
     local proxy
     proxy=$(apt-config shell proxy Acquire::http::Proxy)
     eval "$proxy"
-    env ${proxy:+"http_proxy=$proxy"} debootstrap --variant=minbase "${include[@]}" \
+    env ${proxy:+"http_proxy=$proxy"} unshare --mount --propagation private \
+        debootstrap --variant=minbase "${include[@]}" \
         "$SUITE" "$base" "$mirror" >"$log" 2>&1 || {
         tail -n 20 "$log" >&2
         cannot "debootstrap failed"
