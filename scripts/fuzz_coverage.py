@@ -39,7 +39,7 @@ def run(command, **options):
 
 
 def tool(name):
-    """llvm-cov or llvm-profdata, which must be as old as clang."""
+    """llvm-cov or llvm-profdata, of the same version as clang."""
     version = re.search(r"version (\d+)", run(["clang++", "--version"])).group(1)
     found = shutil.which(f"{name}-{version}") or shutil.which(name)
     if not found:

@@ -10,7 +10,7 @@
     --without-seeds   starts without the committed inputs
 
 Each fault is a change of one line. It is planted in a copy of the working tree in
-build/planted, the target "module" is built and run from the committed inputs until it fails.
+build/planted. Then the target "module" is built and run from the committed inputs until it fails.
 Exits with 1 if a fault was not found, and with 2 if one cannot be planted because its line is
 gone, or if the target fails without a fault.
 """

@@ -3,8 +3,8 @@
 # Installs as root or with sudo. If neither is possible, prints their names and stops.
 #
 #   scripts/setup.sh            the packages of scripts/packages.txt, except those marked [optional]
-#   scripts/setup.sh build      also without those marked [test], for tests and benchmarks only
-#   scripts/setup.sh optional   all; without those marked [optional], some tests are skipped
+#   scripts/setup.sh build      the same, without those marked [test] (tests and benchmarks)
+#   scripts/setup.sh optional   all of them; without those marked [optional], some tests are skipped
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

@@ -7,7 +7,7 @@
 #   scripts/test.sh STAGE...       only these: format tidy release bare asan tsan fuzz
 #
 #   format    the sources are formatted as .clang-format says
-#   tidy      the checks of .clang-tidy find nothing; takes what processor time other stages leave
+#   tidy      the checks of .clang-tidy find nothing; runs in the processor time that others leave
 #   release   the optimized build and its packages
 #   bare      on a minimal Debian 12 that has nothing else: the demo runs from a checkout, and
 #             the packages can be installed and used; runs beside the stages that follow

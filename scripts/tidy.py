@@ -11,8 +11,8 @@ changed, a clean file is still clean; stamps of clean files are kept in
 ${XDG_CACHE_HOME:-~/.cache}/quorvane/tidy. Exits with 1 if a file is not clean.
 
 clang-tidy spends most of its time on the headers of libraries. The files of a folder are therefore
-first checked as one source, with the headers once. Only if that is not clean, each of them is
-checked by itself, and what is found then counts.
+first checked as one source, with the headers once. If that is not clean, each of them is
+checked by itself, and only what is found then counts.
 """
 import argparse
 import collections
