@@ -24,8 +24,8 @@ ALL_STAGES=(format tidy release bare asan tsan fuzz)
 FUZZ_SECONDS=${FUZZ_SECONDS:-5}
 jobs=$(nproc)
 
-# Lets ccache reuse what another clone on this machine compiled. The debug information then has
-# the path of that clone, which does no harm here.
+# Lets ccache reuse what GCC compiled in another clone on this machine. The debug information then
+# has the path of that clone, which does no harm here.
 export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=true
 passed=0 failed=0 skipped=0
 beside=()  # The names of the checks that were started beside the stages, and their process groups.
@@ -83,13 +83,15 @@ configure_and_build() {
         { grep -E 'error|FAILED|warning' -A 5 "build/$preset-build.log" | head -n 60; return 1; }
 }
 
+fail_build() { fail "build of $1" "cmake --preset $1 && cmake --build --preset $1"; }
+
 # run_preset PRESET AT_ONCE OPTION...: builds a preset, runs so many of its tests at once with these
 # options of ctest, and counts each case.
 run_preset() {
     local preset=$1 at_once=$2 results=$PWD/build/$1-results.xml
     shift 2
     if ! configure_and_build "$preset"; then
-        fail "build of $preset" "cmake --build --preset $preset"
+        fail_build "$preset"
         return
     fi
     rm -rf "$results" "build/$preset/cases"
@@ -108,7 +110,7 @@ run_preset() {
         esac
     done < <(python3 scripts/test_results.py "$preset")
     if [ "$counted" = no ] || { [ "$outcome" -ne 0 ] && [ "$failed" -eq "$before" ]; }; then
-        fail "$preset: ctest ended with $outcome" "ctest --preset $preset"
+        fail "$preset: ctest ended with $outcome" "ctest --preset $preset $*"
     fi
 }
 
@@ -163,7 +165,7 @@ fuzz_succeeded() {
 # The targets are fuzzed in parallel, one on each processor.
 stage_fuzz() {
     if ! configure_and_build fuzz; then
-        fail "build of fuzz" "cmake --build --preset fuzz"
+        fail_build fuzz
         return
     fi
     local names name running=()
@@ -211,7 +213,7 @@ PACKAGES_ON_A_BARE_MACHINE=(tests/package/stand_alone_test.sh build/release)
 # packages, so it runs beside the stages that follow, and is counted after the last of them.
 stage_bare() {
     if ! configure_and_build release; then
-        fail "build of release" "cmake --build --preset release"
+        fail_build release
         return
     fi
     run_beside bare try_bare
