@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds a fuzz target and fuzzes it for the given time. It starts from the inputs that earlier
-# runs found (build/fuzz/found/TARGET) and from the committed ones (fuzz/corpus/TARGET). An
-# input that fails is kept in build/fuzz/failed/TARGET; docs/fuzzing.md says what to do with it.
+# Builds a fuzz target and fuzzes it for the given time. It starts from the inputs that failed in
+# earlier runs (build/fuzz/failed/TARGET), from those that these runs found (build/fuzz/found/TARGET)
+# and from the committed ones (fuzz/corpus/TARGET). docs/fuzzing.md says what to do with an input
+# that fails.
 #
 #   scripts/fuzz.sh TARGET MINUTES            one target, such as "address"
 #   scripts/fuzz.sh all MINUTES               every target, one after the other
@@ -65,7 +66,7 @@ fuzz() {
         mapfile -t -O "${#words[@]}" words <"fuzz/fuzz_$name.options"
     mkdir -p "$found" "$failed"
     echo "fuzz: $name for $seconds s"
-    if ! (cd "$folder/fuzz" && "$program" "$found" "$OLDPWD/fuzz/corpus/$name" \
+    if ! (cd "$folder/fuzz" && "$program" "$found" "$failed" "$OLDPWD/fuzz/corpus/$name" \
         "-max_total_time=$seconds" "-max_len=$(cat "$program.max_length")" -timeout=20 \
         -rss_limit_mb=2048 -print_final_stats=1 "-artifact_prefix=$failed/" "${words[@]}") \
         >"$log" 2>&1; then
