@@ -78,6 +78,10 @@ exposure=$(systemd-analyze security --offline=true "/lib/systemd/system/$unit" 2
 echo "$exposure" | grep -i exposure
 level=$(grep -oE '[0-9]+\.[0-9]+' <<<"$exposure" | head -n 1)
 expect "exposure of at most 2.0: $level" awk "BEGIN { exit !(\"$level\" != \"\" && $level <= 2.0) }"
+expect "the documented exposure" grep -q "exposure $level," /usr/share/doc/quorvane-tools/docs/node.md
+# Threads of the receiver lower their own priority.
+expect "priorities" contains "$(systemd-analyze security --offline=true \
+    "/lib/systemd/system/$unit" 2>&1)" "setpriority is allowed"
 # The receiver accepts the unit's commands, and reports its states.
 . /etc/default/quorvane-node
 command=$(sed -n 's/^ExecStart=//p' "/lib/systemd/system/$unit")
