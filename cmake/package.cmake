@@ -1,5 +1,5 @@
 # What `cpack` makes of the installed files: a Debian package and, where rpmbuild is
-# installed, an RPM; each for the module, for the header and, if they were built, the tools.
+# installed, an RPM; each for the module, for the headers and, if they were built, the tools.
 set(QUORVANE_MAINTAINER "quorvane maintainers <maintainers@delmaren.example>" CACHE STRING
     "Name and address for the packages")
 
@@ -61,11 +61,11 @@ set(tools_description
 of mod_quorvane and writes the audio of each call to files. The driver runs
 calls through the module without a telephony server. The package also has a
 Wireshark dissector, a service for systemd, examples and documents.")
-set(dev_summary "header of the quorvane call audio tap's packets")
+set(dev_summary "headers of the quorvane call audio tap's packets")
 set(dev_description
-"The public header of the quorvane call audio tap, for receivers in C++17. It
-has the constants of the datagrams and decodes them. The package also has
-files for pkg-config and CMake.")
+"The public headers of the quorvane call audio tap, one for receivers in C++17
+and one for receivers in C99. They have the constants of the datagrams and
+decode them. The package also has files for pkg-config and CMake.")
 
 # ---- Debian -------------------------------------------------------------------------
 
