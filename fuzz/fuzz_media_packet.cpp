@@ -1,9 +1,10 @@
-// Fuzzes a datagram: decodes it as receivers do and writes it again.
+// Fuzzes a datagram: decodes it as receivers in C++ and in C do and writes it again.
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "fuzz/support/both_decoders.h"
 #include "fuzz/support/require.h"
 #include "quorvane/media_packet.h"
 
@@ -88,6 +89,8 @@ std::vector<std::uint8_t> written_again(const Packet& packet) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::vector<std::uint8_t> datagram(data, data + size);
+    qv::fuzz::require_equal("what the decoder in C finds differently",
+                            qv::fuzz::decoders_differ_in(data, size), std::string());
     Packet packet;
     const DecodeResult result = qv::media::decode_packet(data, size, packet);
     qv::fuzz::require_equal("whether it is a packet", result == DecodeResult::OK,
