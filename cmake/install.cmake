@@ -12,8 +12,8 @@ function(quorvane_install_documents component package)
   install(DIRECTORY docs DESTINATION ${folder} COMPONENT ${component}
           FILES_MATCHING PATTERN *.md PATTERN *.ksy PATTERN *.png)
   install(DIRECTORY examples DESTINATION ${folder} COMPONENT ${component}
-          FILES_MATCHING PATTERN *.md PATTERN *.py PATTERN *.cpp PATTERN *.xml PATTERN *.nft
-          PATTERN *.json PATTERN *.yml)
+          FILES_MATCHING PATTERN *.md PATTERN *.py PATTERN *.c PATTERN *.cpp PATTERN *.xml
+          PATTERN *.nft PATTERN *.json PATTERN *.yml)
   install(DIRECTORY tests/data DESTINATION ${folder}/tests COMPONENT ${component}
           FILES_MATCHING PATTERN *.md PATTERN *.hex PATTERN *.json PATTERN *.txt)
   install(FILES tools/wireshark/README.md DESTINATION ${folder}/tools/wireshark
@@ -97,6 +97,7 @@ endif()
 
 # ---- dev ----------------------------------------------------------------------------
 
+# The headers for C++17 and C99. The target serves projects in either language, or in both.
 include(CMakePackageConfigHelpers)
 set(config_dir ${CMAKE_INSTALL_DATAROOTDIR}/cmake/quorvane)
 install(DIRECTORY include/quorvane DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)

@@ -3,8 +3,9 @@
 
     test_receivers.py PROGRAM [QUORVANE_CALL MODULE]
 
-PROGRAM is the program built from examples/receiver.cpp. With the call driver and the module, the
-receivers also get calls that went through the module.
+PROGRAM is the program built from examples/receiver.cpp. The receiver in C is compiled with the
+command of the README; without the compiler `cc` its tests are skipped. With the call driver and the
+module, the receivers also get calls that went through the module.
 """
 
 import json
@@ -12,6 +13,7 @@ import pathlib
 import random
 import re
 import shlex
+import shutil
 import signal
 import socket
 import subprocess
@@ -439,6 +441,82 @@ class CppReceiver(ReceiverTest):
             result = subprocess.run([PROGRAM, "127.0.0.1", port], capture_output=True, text=True,
                                     timeout=10, check=False)
             self.assertEqual((result.returncode, result.stderr), (1, f"not a port: {port}\n"))
+
+
+class CReceiver(ReceiverTest):
+    @classmethod
+    def setUpClass(cls):
+        if not shutil.which("cc"):
+            raise unittest.SkipTest("no C compiler here (cc)")
+        build = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(build.cleanup)
+        cls.program = build.name + "/receiver"
+        command = readme_command("cc ").replace("-o receiver", f"-o {cls.program}")
+        subprocess.run(shlex.split(command), cwd=ROOT, check=True, timeout=60)
+
+    def setUp(self):
+        self.start([self.program, "127.0.0.1", "0"])
+
+    def rest(self):
+        """Ends the receiver; returns the lines that were not read yet."""
+        self.process.terminate()
+        return self.process.communicate(timeout=20)[0].splitlines()
+
+    def failure(self, *arguments):
+        result = subprocess.run([self.program, *arguments], capture_output=True, text=True,
+                                timeout=10, check=False)
+        return result.returncode, result.stderr
+
+    def test_call_is_reported_line_by_line(self):
+        self.send(*[datagram(name) for name in CALL])
+        self.assertEqual(self.lines(7), [
+            f"{UUID} start: inbound reference=a84b4c76e66710@192.0.2.7 features=cccc",
+            f"{UUID} data: originator sequence_number=1 sample_offset=0 sample_count=8",
+            f"{UUID} data: terminator sequence_number=1 sample_offset=0 sample_count=8",
+            f"{UUID} data: originator sequence_number=2 sample_offset=8 sample_count=8",
+            f"{UUID} data: terminator sequence_number=2 sample_offset=8 sample_count=8",
+            f"{UUID} control: features=ccc0",
+            f"{UUID} terminate"])
+        self.assertEqual(self.rest(), [])
+
+    def test_call_through_the_module_is_reported(self):
+        call = "0d1f7c5e-2b64-4c39-8f0a-6f2d9f3b1a77"
+        self.place_calls("--uuid", call)
+        told = self.lines(102)
+        self.assertEqual([told[0], told[-1]], [
+            f"{call} start: inbound reference={call}@quorvane-call features=0000",
+            f"{call} terminate"])
+        for side in ("originator", "terminator"):
+            self.assertEqual([line for line in told if f" data: {side} " in line], [
+                f"{call} data: {side} sequence_number={at + 1} sample_offset={160 * at} "
+                "sample_count=160" for at in range(50)])
+
+    def test_control_characters_of_a_reference_do_not_reach_the_terminal(self):
+        start = bytearray(datagram("call_1_start"))
+        start[82:84] = b"\x1b\n"
+        self.send(bytes(start))
+        self.assertIn("reference=??4b4c76e66710@192.0.2.7 ", self.lines(1)[0])
+
+    def test_malformed_datagrams_are_refused_with_the_documents_reason(self):
+        for name in GOLDEN:
+            if "malformed" in GOLDEN[name]:
+                with self.subTest(name):
+                    self.send(datagram(name))
+                    self.assertEqual(self.lines(1), [
+                        f"refused: {GOLDEN[name]['malformed']} ({len(datagram(name))} bytes)"])
+
+    def test_damaged_datagrams_do_no_harm(self):
+        self.send_damaged(600)
+        self.assertIsNone(self.process.poll())
+
+    def test_mistakes_are_named(self):
+        for port in ("65536", "-1", "5090x", "", "99999999999999999999"):
+            self.assertEqual(self.failure("127.0.0.1", port), (1, f"not a port: {port}\n"))
+        self.assertEqual(self.failure("localhost", "5090"),
+                         (1, "not an IPv4 address: localhost\n"))
+        self.assertEqual(self.failure("127.0.0.1", str(self.port)), (
+            1, f"cannot listen on 127.0.0.1:{self.port}: Address already in use\n"))
+        self.assertEqual(self.failure("127.0.0.1"), (2, f"usage: {self.program} ADDRESS PORT\n"))
 
 
 class Sender(unittest.TestCase):
