@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Tests `cmake --install` into temporary folders: where each file goes, and that an
-# operator's settings are kept.
+# Tests `cmake --install` into temporary folders: where each file goes, that an operator's settings
+# are kept, and that projects in C and C++ can use what is installed for them.
 #
 #   install_test.sh COMPILER
 set -uo pipefail
@@ -43,6 +43,51 @@ for sample in packaging/freeswitch_mod.conf packaging/modules.conf.xml; do
     expect "sample $sample" cmp "$source_dir/$sample" "$documents/examples/$(basename $sample)"
 done
 expect "dialplans" diff -r "$source_dir/examples/dialplan" "$documents/examples/dialplan"
+
+# ---- for receivers in C and C++ ---------------------------------------------------------
+
+receivers=$work/receivers
+mkdir "$receivers"
+cp "$source_dir"/examples/receiver.{c,cpp} "$receivers"
+cmake --install "$work/build" --component dev --prefix "$work/dev" >"$work/log" 2>&1 ||
+    fail "cmake --install of the headers"
+for header in media_packet.h media_packet_c.h; do
+    expect "$header" cmp "$source_dir/include/quorvane/$header" "$work/dev/include/quorvane/$header"
+done
+for example in receiver.c receiver.cpp; do
+    expect "example $example" test -s "$work/dev/share/doc/quorvane-dev/examples/$example"
+done
+quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; return 1; }; }
+# Builds a receiver with the project of examples/README.md, but in the language $1 from the file $2.
+# The project asks for older standards than the headers need, so the target has to raise them.
+build_project() {
+    sed -n 's/^    \(cmake_minimum\|project\|find_package\|add_exec\|target_link\)/\1/p' \
+        "$source_dir/examples/README.md" >"$receivers/CMakeLists.txt"
+    sed -i "s/LANGUAGES C/LANGUAGES $1/; s/receiver\.c/$2/" "$receivers/CMakeLists.txt"
+    rm -rf "$work/receiver"
+    quietly cmake -S "$receivers" -B "$work/receiver" -DCMAKE_PREFIX_PATH="$work/dev" \
+        -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_C_STANDARD=90 -DCMAKE_CXX_STANDARD=14 \
+        -DCMAKE_C_FLAGS="-Wall -Werror" -DCMAKE_CXX_FLAGS="-Wall -Werror" &&
+        quietly cmake --build "$work/receiver" && test -x "$work/receiver/receiver"
+}
+expect "a project in C++" build_project CXX receiver.cpp
+flags=
+if command -v pkg-config >/dev/null; then
+    read -r flags < <(PKG_CONFIG_PATH=$work/dev/share/pkgconfig pkg-config --cflags quorvane)
+    expect "flags of pkg-config" test -n "$flags"
+    expect "a receiver in C++ with pkg-config" \
+        quietly "$compiler" -std=c++17 -fsyntax-only "$flags" "$receivers/receiver.cpp"
+else
+    echo "not tried: pkg-config is not installed"
+fi
+if command -v cc >/dev/null; then
+    expect "a project in C" build_project C receiver.c
+    expect "a project in both, with a receiver in C" build_project "C CXX" receiver.c
+    [ -z "$flags" ] || expect "a receiver in C with pkg-config" \
+        quietly cc -std=c99 -fsyntax-only "$flags" "$receivers/receiver.c"
+else
+    echo "not tried: receivers in C, for cc is not installed"
+fi
 
 # ---- over an installation -----------------------------------------------------------
 
