@@ -107,6 +107,7 @@ if [ -n "$tools_deb" ]; then
         usr/lib/quorvane/mod_quorvane.so usr/lib/quorvane/relocated/mod_quorvane.so \
         usr/share/bash-completion/completions/quorvane-call \
         usr/share/doc/quorvane-tools/examples/receiver.py \
+        usr/share/doc/quorvane-tools/examples/receiver.c \
         usr/share/doc/quorvane-tools/examples/fleet/quorvane.nft \
         usr/share/doc/quorvane-tools/examples/fleet/buckets.py \
         usr/share/doc/quorvane-tools/docs/node.md; do
@@ -122,9 +123,11 @@ if [ -n "$tools_deb" ]; then
 fi
 dev=$work/dev
 dpkg-deb -x "$(find "$work/DEB" -maxdepth 1 -name 'quorvane-dev_*.deb')" "$dev"
-expect "header" cmp "$source_dir/include/quorvane/media_packet.h" \
-    "$dev/usr/include/quorvane/media_packet.h"
-expect "links of the header's documents" same "$(dead_links "$dev/usr/share/doc")" ""
+for header in media_packet.h media_packet_c.h; do
+    expect "header $header" cmp "$source_dir/include/quorvane/$header" \
+        "$dev/usr/include/quorvane/$header"
+done
+expect "links of the headers' documents" same "$(dead_links "$dev/usr/share/doc")" ""
 if command -v pkg-config >/dev/null; then
     export PKG_CONFIG_PATH=$dev/usr/share/pkgconfig
     expect "pkg-config's version" same "$(pkg-config --modversion quorvane)" "$project_version"

@@ -107,30 +107,45 @@ expect "states of the service: $states" \
     test "$states" = "READY=1 RELOADING=1 READY=1 STOPPING=1 0"
 
 say "quorvane-dev"
-quietly apt-get install -y -q --no-install-recommends \
-    ./quorvane-dev_*.deb g++ cmake make pkg-config || exit 1
-example=/usr/share/doc/quorvane-tools/examples/receiver.cpp
-expect "pkg-config's version" test "$(pkg-config --modversion quorvane)" = "${version%%+*}"
-expect "example with pkg-config" \
-    quietly g++ -std=c++17 $(pkg-config --cflags quorvane) "$example" -o receiver
-mkdir receiver-project
-cat >receiver-project/CMakeLists.txt <<END
+examples=/usr/share/doc/quorvane-tools/examples
+
+# make_receiver FILE LANGUAGE COMPILER...: compiles the example with the flags of pkg-config. Then
+# builds it in a project of CMake that has only this language, and sends it a call.
+make_receiver() {
+    local example=$examples/$1 language=$2 receiver
+    shift 2
+    expect "$language with pkg-config" \
+        quietly "$@" $(pkg-config --cflags quorvane) "$example" -o receiver
+    rm -rf receiver-project receiver-build
+    mkdir receiver-project
+    cat >receiver-project/CMakeLists.txt <<END
 cmake_minimum_required(VERSION 3.25)
-project(receiver LANGUAGES CXX)
+project(receiver LANGUAGES $language)
 find_package(quorvane ${version%%+*} REQUIRED)
 add_executable(receiver $example)
 target_link_libraries(receiver PRIVATE quorvane::quorvane)
 END
-expect "example with CMake" quietly cmake -S receiver-project -B receiver-build
-expect "example with CMake, built" quietly cmake --build receiver-build
-./receiver-build/receiver 127.0.0.1 40001 >receiver.log 2>&1 &
-receiver=$!
-sleep 1
-expect "a call to the example" quietly quorvane-call --media-node 127.0.0.1:40001 --length 1
-sleep 2
-kill "$receiver"
-wait "$receiver"
-expect "what the example prints of a call" test "$(wc -l <receiver.log)" -ge 2
+    expect "$language with CMake" quietly cmake -S receiver-project -B receiver-build
+    expect "$language with CMake, built" quietly cmake --build receiver-build
+    ./receiver-build/receiver 127.0.0.1 40001 >receiver.log 2>&1 &
+    receiver=$!
+    sleep 1
+    expect "$language, a call" quietly quorvane-call --media-node 127.0.0.1:40001 --length 1
+    sleep 2
+    kill "$receiver"
+    wait "$receiver"
+    expect "$language, the call's start" grep -q ' start: inbound reference=' receiver.log
+}
+# A receiver in C needs no compiler for C++.
+quietly apt-get install -y -q --no-install-recommends \
+    ./quorvane-dev_*.deb gcc libc6-dev cmake make pkg-config || exit 1
+expect "pkg-config's version" test "$(pkg-config --modversion quorvane)" = "${version%%+*}"
+expect "no compiler for C++ yet" sh -c '! command -v g++'
+make_receiver receiver.c C gcc -std=c99 -Wall -Wextra -Wconversion -Wshadow -pedantic -Werror
+expect "the call's end" grep -q ' terminate$' receiver.log
+quietly apt-get install -y -q --no-install-recommends g++ || exit 1
+make_receiver receiver.cpp CXX g++ -std=c++17
+expect "both sides of the call" test "$(grep -c ' end: ' receiver.log)" -eq 2
 
 say "removal"
 expect "removal" quietly apt-get purge -y -q quorvane-tools quorvane-dev
