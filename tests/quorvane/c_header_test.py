@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compiles quorvane/media_packet_c.h and the example in C with the C compiler `cc`, and checks that
+"""Compiles quorvane/media_packet_c.h and the examples in C with the C compiler `cc`, and checks that
 each constant of media_packet.h is also there, and in the test that compares the two headers.
 
 Without `cc` the test is skipped.
@@ -11,6 +11,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import textwrap
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -18,6 +19,7 @@ HEADER = ROOT / "include" / "quorvane" / "media_packet_c.h"
 CPP_HEADER = ROOT / "include" / "quorvane" / "media_packet.h"
 COMPARISON = ROOT / "tests" / "quorvane" / "media_packet_c_agreement_test.cpp"
 EXAMPLE = ROOT / "examples" / "receiver.c"
+EXAMPLES_DOCUMENT = ROOT / "examples" / "README.md"
 WARNINGS = ["-Wall", "-Wextra", "-Wconversion", "-Wshadow", "-pedantic", "-Werror"]
 
 
@@ -58,9 +60,17 @@ class TheHeader(unittest.TestCase):
                     rf"^static_assert\([^;]*\bQUORVANE_{name}\b[^;]*::{name}\b", compared, re.M))
 
 
-class TheExample(unittest.TestCase):
-    def test_compiles_without_a_warning(self):
+class TheExamples(unittest.TestCase):
+    def test_the_program_compiles_without_a_warning(self):
         self.assertEqual(complaints("c99", EXAMPLE), "")
+
+    def test_the_smallest_receiver_compiles_without_a_warning(self):
+        text = EXAMPLES_DOCUMENT.read_text(encoding="utf-8")
+        block = re.search(r"^    #include .*?^    }\n\n", text, re.MULTILINE | re.DOTALL).group()
+        with tempfile.TemporaryDirectory() as folder:
+            source = pathlib.Path(folder, "smallest.c")
+            source.write_text(textwrap.dedent(block), encoding="utf-8")
+            self.assertEqual(complaints("c99", source), "")
 
 
 if __name__ == "__main__":
