@@ -6,7 +6,8 @@ examples/fleet/quorvane.nft, and three media nodes.
 
 The calls go through the built module. While they run, one node is drained, upgraded and added
 again, and another one is killed. A run in which the kernel took long to change the maps is
-repeated. Exit code 77: nftables or namespaces cannot be used here.
+repeated. Exit code 77: nftables or namespaces cannot be used here, or the kernel took long in
+every run, and the comparison with the simulation was left out.
 """
 import argparse
 import atexit
@@ -33,8 +34,8 @@ import buckets  # noqa: E402
 import simulate_fleet  # noqa: E402
 
 SKIPPED = 77
-INCONCLUSIVE = 78  # Of the inner process: the test has to run again.
-RUNS = 4  # At most.
+INCONCLUSIVE = 78  # Of the inner process: nothing failed, and the comparison was left out.
+RUNS = 3  # At most.
 PATIENCE = 60  # Seconds. Every program here ends by itself much earlier.
 INSIDE = "--inside"  # The argument of the process that has a network of its own.
 
@@ -46,7 +47,8 @@ BALANCER = "203.0.113.1"
 RATE, FRAME_MS = 8000, 60  # Of the calls.
 MARGIN = 0.1  # Seconds from the sending of a packet until the balancer has it, at most.
 CALLS_PER_SECOND = 20  # Of each switch.
-# Seconds. When a change of the maps takes longer, it is not known which packets came after it.
+# Seconds. If a change of the maps takes longer, it is not known well enough which packets came
+# after it.
 LONGEST_CHANGE = 0.25
 
 
@@ -261,9 +263,12 @@ class Fleet:
         self.calls = self.read_calls()
 
     def change(self, script):
-        before = time.monotonic()
-        run(*inside("balancer", "nft", "-f", "-"), text=script)
-        after = time.monotonic()
+        # Only the command itself is measured, not how long it takes to enter the namespace.
+        command = ("import subprocess, time; before = time.monotonic(); "
+                   "subprocess.run(['nft', '-f', '-'], check=True); "
+                   "print(before, time.monotonic())")
+        moments = run(*inside("balancer", sys.executable, "-c", command), text=script).stdout
+        before, after = (float(moment) for moment in moments.split())
         path = self.folder / "maps"
         path.write_text(present_maps())
         self.changes.append((before, after, buckets.read_plan(str(path))))
@@ -352,10 +357,11 @@ class SmallFleet(unittest.TestCase):
         run(*inside("balancer", "nft", "-f", str(FLEET / "quorvane.nft")))
         run(*inside("balancer", "nft", "-f", "-"), text=WATCH)
         cls.fleet = Fleet(pathlib.Path(cls.folder.name))
-        longest = max(after - before for before, after, _ in cls.fleet.changes)
-        if longest > LONGEST_CHANGE:
-            print(f"inconclusive: a change of the maps took {longest:.2f} s")
-            sys.exit(INCONCLUSIVE)
+        cls.longest_change = max(after - before for before, after, _ in cls.fleet.changes)
+
+    def needs_short_changes(self):
+        if self.longest_change > LONGEST_CHANGE:
+            self.skipTest(f"a change of the maps took {self.longest_change:.2f} s")
 
     def split(self):
         """The calls with more than one part."""
@@ -463,6 +469,7 @@ class SmallFleet(unittest.TestCase):
             self.assertEqual(part.lost_packets(), 0, part)
 
     def test_the_simulation_moves_the_same_calls_to_the_same_nodes(self):
+        self.needs_short_changes()
         compared = split = 0
         for parts in self.fleet.calls.values():
             simulated = self.fleet.simulated(parts)
@@ -476,6 +483,7 @@ class SmallFleet(unittest.TestCase):
         self.assertGreater(split, 3)
 
     def test_the_simulation_loses_as_much_audio(self):
+        self.needs_short_changes()
         outage = simulate_fleet.Outage(TWO, self.fleet.kill_time, self.fleet.changes[-1][1])
         lost = expected = calls = 0
         for parts in self.killed().values():
@@ -553,7 +561,8 @@ if __name__ == "__main__":
     PROGRAMS, OTHERS = ARGUMENTS.parse_known_args(sys.argv[2 if INNER else 1:])
     if INNER:
         prepare()
-        unittest.main(argv=[sys.argv[0], *OTHERS], verbosity=2)
+        RESULT = unittest.main(argv=[sys.argv[0], *OTHERS], verbosity=2, exit=False).result
+        sys.exit(1 if not RESULT.wasSuccessful() else INCONCLUSIVE if RESULT.skipped else 0)
     REASON = unusable()
     if REASON:
         print(f"skipped: {REASON}")
@@ -562,5 +571,7 @@ if __name__ == "__main__":
         RESULT = subprocess.run([*OWN_NETWORK, sys.executable, __file__, INSIDE,
                                  *sys.argv[1:]]).returncode
         if RESULT != INCONCLUSIVE:
-            break
-    sys.exit(RESULT)
+            sys.exit(RESULT)
+    print("skipped: the comparison with the simulation, for in each of "
+          f"{RUNS} runs a change of the maps took long")
+    sys.exit(SKIPPED)
