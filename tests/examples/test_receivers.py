@@ -342,7 +342,25 @@ class PythonReceiver(ReceiverTest):
                          "cannot write to folder README.md: File exists")
 
 
-class CppReceiver(ReceiverTest):
+class PrintsPackets:
+    """Cases of the receivers that print lines for people."""
+
+    def test_control_characters_of_a_reference_do_not_reach_the_terminal(self):
+        start = bytearray(datagram("call_1_start"))
+        start[82:84] = b"\x1b\n"
+        self.send(bytes(start))
+        self.assertIn("reference=??4b4c76e66710@192.0.2.7 ", self.lines(1)[0])
+
+    def test_malformed_datagrams_are_refused_with_the_documents_reason(self):
+        for name in GOLDEN:
+            if "malformed" in GOLDEN[name]:
+                with self.subTest(name):
+                    self.send(datagram(name))
+                    self.assertEqual(self.lines(1), [
+                        f"refused: {GOLDEN[name]['malformed']} ({len(datagram(name))} bytes)"])
+
+
+class CppReceiver(PrintsPackets, ReceiverTest):
     def setUp(self):
         if not PROGRAM:
             self.skipTest("no program given")
@@ -391,12 +409,6 @@ class CppReceiver(ReceiverTest):
         self.send(datagram("data_before_wrap"), datagram("data_after_wrap"), b"end")
         self.assertEqual(self.lines(1), ["refused: too short for its packet type (3 bytes)"])
 
-    def test_control_characters_of_a_reference_do_not_reach_the_terminal(self):
-        start = bytearray(datagram("call_1_start"))
-        start[82:84] = b"\x1b\n"
-        self.send(bytes(start))
-        self.assertIn("reference=??4b4c76e66710@192.0.2.7 ", self.lines(1)[0])
-
     def test_second_tap_counts_from_the_beginning(self):
         self.send(start_of_tap(1), data(1, 0, [1]), data(2, 1, [1]), start_of_tap(2),
                   data(1, 0, [2]), datagram("call_7_terminate"))
@@ -404,14 +416,6 @@ class CppReceiver(ReceiverTest):
         self.assertEqual([told[1], told[4]], [
             f"{UUID} end: originator packets=2 samples=2 lost_packets=0 peak=1",
             f"{UUID} end: originator packets=1 samples=1 lost_packets=0 peak=2"])
-
-    def test_malformed_datagrams_are_refused_with_the_documents_reason(self):
-        for name in GOLDEN:
-            if "malformed" in GOLDEN[name]:
-                with self.subTest(name):
-                    self.send(datagram(name))
-                    self.assertEqual(self.lines(1), [
-                        f"refused: {GOLDEN[name]['malformed']} ({len(datagram(name))} bytes)"])
 
     def test_damaged_datagrams_do_no_harm(self):
         self.send_damaged(600)
@@ -443,7 +447,7 @@ class CppReceiver(ReceiverTest):
             self.assertEqual((result.returncode, result.stderr), (1, f"not a port: {port}\n"))
 
 
-class CReceiver(ReceiverTest):
+class CReceiver(PrintsPackets, ReceiverTest):
     @classmethod
     def setUpClass(cls):
         if not shutil.which("cc"):
@@ -490,20 +494,6 @@ class CReceiver(ReceiverTest):
             self.assertEqual([line for line in told if f" data: {side} " in line], [
                 f"{call} data: {side} sequence_number={at + 1} sample_offset={160 * at} "
                 "sample_count=160" for at in range(50)])
-
-    def test_control_characters_of_a_reference_do_not_reach_the_terminal(self):
-        start = bytearray(datagram("call_1_start"))
-        start[82:84] = b"\x1b\n"
-        self.send(bytes(start))
-        self.assertIn("reference=??4b4c76e66710@192.0.2.7 ", self.lines(1)[0])
-
-    def test_malformed_datagrams_are_refused_with_the_documents_reason(self):
-        for name in GOLDEN:
-            if "malformed" in GOLDEN[name]:
-                with self.subTest(name):
-                    self.send(datagram(name))
-                    self.assertEqual(self.lines(1), [
-                        f"refused: {GOLDEN[name]['malformed']} ({len(datagram(name))} bytes)"])
 
     def test_damaged_datagrams_do_no_harm(self):
         self.send_damaged(600)
