@@ -24,8 +24,8 @@ ALL_STAGES=(format tidy release bare asan tsan fuzz)
 FUZZ_SECONDS=${FUZZ_SECONDS:-5}
 jobs=$(nproc)
 
-# Lets ccache reuse what GCC compiled in another clone on this machine. The debug information then
-# has the path of that clone, which does no harm here.
+# Lets ccache reuse what GCC compiled in another clone on this machine, except joined sources, which
+# contain paths. The debug information then has the path of that clone, which does no harm here.
 export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=true
 passed=0 failed=0 skipped=0
 beside=()  # The names of the checks that were started beside the stages, and their process groups.
