@@ -41,11 +41,16 @@ package_sources() {
 # The address of the archive that has SUITE itself; nothing if there is none.
 archive() { package_sources | awk -v suite="$SUITE" '$2 == suite { print $1; exit }'; }
 
+# Whether the archive has its list of files, which has one of two names.
 answers() {
-    local file status=0
+    local file name status=1
     file=$(mktemp)
-    /usr/lib/apt/apt-helper -o Acquire::Retries=1 -o Acquire::http::Timeout=20 \
-        download-file "${1%/}/dists/$SUITE/Release" "$file" >/dev/null 2>&1 || status=1
+    for name in InRelease Release; do
+        /usr/lib/apt/apt-helper -o Acquire::Retries=1 -o Acquire::http::Timeout=20 \
+            download-file "${1%/}/dists/$SUITE/$name" "$file" >/dev/null 2>&1 || continue
+        status=0
+        break
+    done
     rm -f "$file"
     return "$status"
 }
